@@ -1,0 +1,50 @@
+// What the library shows while its debug switch is on: the log line and the counter pulse.
+// Internal; both do nothing at all, and evaluate nothing, while LocalConfig::enable is false.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "cameraframeboost/tarvocameraframeboostutils.h"
+#include "platform/log.h"
+#include "platform/trace.h"
+
+// Writes one debug line that opens with where it comes from: "file line:operation() ". `format` is
+// a string literal; the first value after it is the line's origin, AT or AT_IN. The source file
+// defines LOG_TAG. The compiler checks the format against the values.
+#define DEBUG_LOG(format, ...)                                                                   \
+    do {                                                                                         \
+        if (LocalConfig::enable) {                                                               \
+            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "%s %d:%s() " format, __FILE_NAME__, \
+                                __VA_ARGS__);                                                    \
+        }                                                                                        \
+    } while (false)
+
+// The origin of a line. Tools that read the log know many lines by their number, so those keep the
+// number that they have always had; the others say __LINE__.
+#define AT(line) AT_IN(__func__, line)
+// The same for a statement that stands in a helper of the operation that it speaks for.
+#define AT_IN(operation, line) (line), (operation)
+
+// Shows an event as a short spike in a trace: the counter goes to `frameNumber` and back to 0. The
+// tags are asked twice because tracing can be switched off in between.
+inline void PulseCounter(const char* counter, int32_t frameNumber) {
+    constexpr uint64_t tags = ATRACE_TAG_CAMERA | ATRACE_TAG_HAL;
+    if (!LocalConfig::enable) {
+        return;
+    }
+    if ((atrace_get_enabled_tags() & tags) != 0) {
+        atrace_int_body(counter, frameNumber);
+    }
+    if ((atrace_get_enabled_tags() & tags) != 0) {
+        atrace_int_body(counter, 0);
+    }
+}
+
+// The same on a counter of the stage's own, named `counter` followed by the stage's number.
+inline void PulseStageCounter(const char* counter, int32_t stage, int32_t frameNumber) {
+    if (LocalConfig::enable) {
+        PulseCounter((counter + std::to_string(stage)).c_str(), frameNumber);
+    }
+}

@@ -1,0 +1,201 @@
+// The configuration and the frame tracker of the camera frame boost library.
+//
+// TarvoCameraFrameBoost asks both and is what a camera HAL talks to; neither of them knows the
+// facade or the boost service.
+
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+// What the configuration says about one pipeline stage.
+struct NodePortInfo {
+    // The processing node whose completion ends the stage. Matched as a substring of the names that
+    // the HAL reports, so it can be a stem that several node instances share.
+    std::string nodeName;
+    // The ports of that node whose completion counts. May be empty.
+    std::unordered_set<int32_t> nodePorts;
+};
+
+// The device's setup: whether boosting is wanted, for which operation modes and which extra frame
+// width, and which node and ports end each pipeline stage.
+//
+// The library holds one instance, TarvoCameraFrameBoost::localConfig, made while it is loaded. The
+// setup comes from section "TarvoCameraFrameBoostConfig" of the hardware configuration store and is
+// read once, by the constructor; tools and tests that want another one construct another
+// LocalConfig and assign it. What cannot be read is silently left at a default that keeps boosting
+// off.
+//
+// Threads: no lock is taken. Queries may run on any number of threads at once, as long as none of
+// them overlaps Load or UpdateNodeByStage.
+class LocalConfig {
+  public:
+    // The debug switch of the whole library: log lines and trace counters exist only while it is
+    // true. Comes from the system property "vendor.tarvo.camera.frameboost.debug.enable", false
+    // when that is unset, and is written only while a LocalConfig is made or the library is loaded.
+    static bool enable;
+
+    // Reads the debug switch, loads the configuration from the store and writes it to the debug
+    // log. A port text that does not start with a decimal number, or whose number does not fit
+    // 32 bits, aborts the process.
+    LocalConfig();
+
+    // Fills this object from the store: scalar values are replaced, modes and stages that are not
+    // known yet are added. Always returns true. Called by the constructor.
+    bool Load();
+
+    // Writes the configuration to the debug log: the switch, the modes (ascending, in upper-case
+    // hexadecimal), then the stages from the highest to stage 0, each with its ports (ascending).
+    void DumpConfig() const;
+
+    // Whether frame boosting is wanted at all.
+    bool GetFrameboostSwitch() const;
+
+    // Always an empty text; kept for the clients that were built against it.
+    std::string GetNodePort() const;
+
+    // The number of pipeline stages that the store reports, as it reports it: it may exceed the
+    // number of stages that could be loaded, and may be negative when the store says so.
+    int32_t GetStageCount() const;
+
+    // Whether boosting applies to the camera operation mode `mode`.
+    bool IsModeSupported(int32_t mode);
+
+    // The frame width in pixels that is accepted besides 3840; 0 when none is configured.
+    int32_t GetAdditionalSupportedWidth();
+
+    // The debug switch, LocalConfig::enable.
+    bool IsLogEnable();
+
+    // Copies the record of `stage` into `info` and returns true; returns false and leaves `info`
+    // alone when the stage is not loaded.
+    bool GetNodePortByStage(int32_t stage, NodePortInfo& info) const;
+
+    // Gives `stage` another node name and returns true; returns false and changes nothing when the
+    // stage is not loaded. Must not overlap any other call on this object.
+    bool UpdateNodeByStage(int32_t stage, const std::string& nodeName);
+
+    // The highest stage whose configured node name occurs within `nodeName`; -1 when there is none.
+    int32_t GetStageByNodeName(const std::string& nodeName) const;
+
+    // Whether any stage's configured node name occurs within `nodeName`.
+    bool IsNodeNameMatch(const std::string& nodeName) const;
+
+    // Whether any stage whose configured node name occurs within `nodeName` lists `portId`. This
+    // need not be the stage that GetStageByNodeName answers.
+    bool IsStagePortVaild(const std::string& nodeName, int32_t portId) const;
+
+  private:
+    using StageEntry = std::pair<int32_t, NodePortInfo>;
+
+    void LoadSupportedModes();
+    void LoadStages();
+    void AddStage(int32_t stage, NodePortInfo info);
+
+    bool frameboostSwitch = false;
+    std::string nodePort;
+    int32_t stageCount = 0;
+    // The stage table in ascending stage number. Every walk over it goes backwards: where several
+    // configured names match, the highest stage wins.
+    std::vector<StageEntry> stages;
+    // Where a stage stands in `stages`.
+    std::unordered_map<int32_t, size_t> nodePortMap;
+    std::unordered_set<int32_t> supportOperationModeList;
+    int32_t additionalSupportedWidth = 0;
+};
+
+// The frames in flight and how far each has come, so that only events in pipeline order reach the
+// boost service.
+//
+// A frame enters with CheckIfCouldStartFrame and leaves with CheckIfCouldEndFrame; in between, its
+// stages must run strictly one after another, from 0 to stageCount - 1. A frame that breaks the
+// order is in error from then on, and is handed to the caller for a report at most once.
+//
+// Frame numbers are signed 64 bits wide; frames whose numbers agree in the low 32 bits are the same
+// frame. All operations may be called from any thread at any time.
+class FrameTracker {
+  public:
+    // How many frames are tracked at once unless the maker says otherwise. A camera pipeline holds
+    // about one frame a stage and a few more waiting in its queues, and HALs report a pipeline
+    // depth of 8 at most as a rule. Twice that lets a stall of a quarter of a second at 60 frames
+    // per second pass, and still bounds the table when frame ends are lost.
+    static constexpr int32_t DEFAULT_MAX_FRAME_TRACKED = 16;
+
+    // `maxFrameTracked`: how many frames are tracked at once; values below 1 count as 1.
+    explicit FrameTracker(int32_t maxFrameTracked = DEFAULT_MAX_FRAME_TRACKED);
+
+    // Takes a frame in. Returns true when it may be forwarded: it was not tracked yet, and it
+    // follows the newest tracked frame without a gap (any frame does when none is tracked). A frame
+    // out of sequence is tracked all the same, as a frame in error.
+    //
+    // When the table is full, the oldest frame makes room. If that frame was in order and its error
+    // has not been handed over yet, `isError` becomes true and `errorFrameNumber` its number (low
+    // 32 bits, sign extended), whatever the result; otherwise both stay as the caller set them.
+    //
+    // Aborts the process when stageCount is negative.
+    bool CheckIfCouldStartFrame(int64_t frameNumber, bool& isError, int64_t& errorFrameNumber);
+
+    // Lets a frame go. Returns true when it was tracked, was admitted in sequence and its error was
+    // never handed over: its end may be forwarded. `flag` is neither read nor written.
+    bool CheckIfCouldEndFrame(int64_t frameNumber, bool& flag);
+
+    // Lets all frames go.
+    void Clear();
+
+    // CheckFrameStatus, then CheckStagesStatus if that returned true.
+    bool CheckStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError);
+
+    // Returns true when the frame is tracked, not in error and not ended. Sets `isError` to true
+    // when it finds an error that has not been handed over yet; otherwise leaves it alone.
+    bool CheckFrameStatus(int64_t frameNumber, bool& isError);
+
+    // Takes the start (`isEnd` false) or the end (`isEnd` true) of `stage` in. Returns true when it
+    // is in pipeline order and has been recorded. Otherwise sets `isError` to true when the caller
+    // is to report the frame: for a stage outside 0 to stageCount - 1 on every call, for a breach
+    // of the order once a frame. Never sets it to false.
+    //
+    // Aborts the process when it has to look at a stage that the frame was not admitted with.
+    bool CheckStagesStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError);
+
+  private:
+    using StageFlags = std::unordered_map<int32_t, std::atomic<bool>>;
+
+    // Frame flags; nothing ever clears one.
+    static constexpr uint32_t FRAME_ERROR = 1;    // Out of sequence, or a stage out of order.
+    static constexpr uint32_t FRAME_STARTED = 2;  // Admitted in sequence.
+    static constexpr uint32_t FRAME_ENDED = 4;    // The frame end was seen.
+    static constexpr uint32_t FRAME_ERROR_NOTIFIED = 8;  // The error was handed to the caller.
+
+    // One frame in flight.
+    struct FrameData {
+        std::atomic<uint32_t> status{0};  // Frame flags.
+        StageFlags stageStartStatus;      // Which stages have started,
+        StageFlags stageEndStatus;        // and which have ended.
+    };
+
+    static bool IsReportable(uint32_t status);
+    static std::atomic<bool>& FlagOf(StageFlags& flags, int32_t stage);
+    int32_t FirstStageOutOfOrder(FrameData& frame, int32_t stage) const;
+    static bool MarkInError(FrameData& frame, uint32_t statusBefore, bool& isError);
+
+    // Guards frameData and every record in it. Always taken exclusively.
+    std::shared_mutex frameMutex;
+    // By the low 32 bits of the frame number: the first entry is the oldest frame.
+    std::map<int32_t, FrameData> frameData;
+
+  public:
+    // The number of pipeline stages of the current scene. Guarded by nothing: written between
+    // scenes, while no other thread is in this object.
+    int32_t stageCount = 0;
+
+  private:
+    const int32_t MAX_FRAME_TRACKED;
+};

@@ -1,0 +1,84 @@
+// Android's log, properties and trace.
+
+#include <unistd.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/desktop.h"
+#include "host/state.h"
+#include "platform/log.h"
+#include "platform/properties.h"
+#include "platform/trace.h"
+
+namespace {
+
+__attribute__((__format__(printf, 1, 0))) std::string Format(const char* format, va_list values) {
+    va_list again;
+    va_copy(again, values);
+    const int length = std::vsnprintf(nullptr, 0, format, values);
+    std::vector<char> text(static_cast<size_t>(length < 0 ? 0 : length) + 1);
+    std::vsnprintf(text.data(), text.size(), format, again);
+    va_end(again);
+    return text.data();
+}
+
+// "MM-DD hh:mm:ss.mmm   pid   tid P tag     : text", logcat's threadtime.
+void WriteThreadtime(const desktop::LogLine& line) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    std::array<char, sizeof("MM-DD hh:mm:ss")> date{};
+    std::strftime(date.data(), date.size(), "%m-%d %H:%M:%S", &local);
+    std::fprintf(stderr, "%s.%03ld %5d %5d %c %-8s: %s\n", date.data(), now.tv_nsec / 1000000,
+                 getpid(), gettid(), desktop::ToString(line)[0], line.tag.c_str(),
+                 line.text.c_str());
+}
+
+}  // namespace
+
+int __android_log_print(int priority, const char* tag, const char* format, ...) {
+    va_list values;
+    va_start(values, format);
+    const desktop::LogLine line{priority, tag, format, Format(format, values)};
+    va_end(values);
+    if (desktop::GetState().logToStderr) {
+        WriteThreadtime(line);
+    }
+    desktop::Emit([&line] { return line; });  // NOLINT(performance-no-automatic-move)
+    return 1;
+}
+
+int8_t property_get_bool(const char* key, int8_t defaultValue) {
+    const auto& properties = desktop::GetState().properties;
+    const auto property = properties.find(key);
+    if (property == properties.end()) {
+        return defaultValue;
+    }
+    // The spellings that Android understands.
+    for (const std::string_view yes : {"1", "y", "yes", "on", "true"}) {
+        if (property->second == yes) {
+            return 1;
+        }
+    }
+    for (const std::string_view no : {"0", "n", "no", "off", "false"}) {
+        if (property->second == no) {
+            return 0;
+        }
+    }
+    return defaultValue;
+}
+
+uint64_t atrace_get_enabled_tags() {
+    return desktop::GetState().traceTags.load(std::memory_order_relaxed);
+}
+
+void atrace_int_body(const char* name, int32_t value) {
+    desktop::Emit([=] { return desktop::CounterUpdate{name, value}; });
+}

@@ -1,0 +1,155 @@
+#include "host/desktop.h"
+
+#include <cstdlib>
+#include <sstream>
+#include <utility>
+
+#include "host/state.h"
+
+namespace desktop {
+namespace {
+
+constexpr std::array<const char*, SERVICE_FUNCTION_COUNT> SERVICE_FUNCTION_NAMES = {
+    "cfbtSceneStart", "cfbtSceneEnd", "cfbtFrameStart", "cfbtFrameEnd",        "cfbtStageStart",
+    "cfbtStageEnd",   "cfbtAddTids",  "cfbtRemoveTids", "cfbtNotifyErrOfUser",
+};
+
+void SetAndroidOfEnvironment(State& state) {
+    state.properties.clear();
+    std::istringstream properties(Environment("TARVO_DESKTOP_PROPERTIES"));
+    for (std::string entry; std::getline(properties, entry, ',');) {
+        const size_t equals = entry.find('=');
+        if (equals != std::string::npos) {
+            state.properties[entry.substr(0, equals)] = entry.substr(equals + 1);
+        }
+    }
+    state.traceTags = std::strtoull(Environment("TARVO_DESKTOP_TRACE_TAGS").c_str(), nullptr, 0);
+}
+
+}  // namespace
+
+std::string Environment(const char* name) {
+    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nothing sets it.
+    return value == nullptr ? "" : value;
+}
+
+State& GetState() {
+    static State& state = *[] {
+        // Never destroyed: threads may still be in the platform while the process ends.
+        auto* made = new State;
+        SetAndroidOfEnvironment(*made);
+        return made;
+    }();
+    return state;
+}
+
+int32_t ServiceCall::Argument(std::string_view name) const {
+    for (const ServiceArgument& argument : arguments) {
+        if (argument.name == name) {
+            return argument.value;
+        }
+    }
+    return -1;
+}
+
+const char* NameOf(ServiceFunction function) {
+    return SERVICE_FUNCTION_NAMES[static_cast<size_t>(function)];
+}
+
+std::optional<ServiceFunction> ServiceFunctionOf(std::string_view name) {
+    for (size_t i = 0; i < SERVICE_FUNCTION_COUNT; ++i) {
+        if (name == SERVICE_FUNCTION_NAMES[i]) {
+            return static_cast<ServiceFunction>(i);
+        }
+    }
+    return std::nullopt;
+}
+
+std::string ToString(const ServiceCall& call) {
+    std::ostringstream text;
+    text << NameOf(call.function) << '(';
+    const char* separator = "";
+    for (const ServiceArgument& argument : call.arguments) {
+        text << std::exchange(separator, ", ") << argument.name << '=' << argument.value;
+    }
+    if (call.function == ServiceFunction::AddTids || call.function == ServiceFunction::RemoveTids) {
+        text << ", tids=[";
+        separator = "";
+        for (const int32_t tid : call.tids) {
+            text << std::exchange(separator, ", ") << tid;
+        }
+        text << ']';
+    }
+    text << ')';
+    if (call.status != 0) {
+        text << " = " << call.status;
+    }
+    return text.str();
+}
+
+std::string ToString(const LogLine& line) {
+    // The first letters of Android's priorities, from 0 for unknown.
+    constexpr std::string_view letters = "??VDIWEFS";
+    const auto priority = static_cast<size_t>(line.priority);
+    return std::string(1, priority < letters.size() ? letters[priority] : '?') + " " + line.tag +
+           ": " + line.text;
+}
+
+std::string ToString(const CounterUpdate& update) {
+    return "counter " + update.name + " = " + std::to_string(update.value);
+}
+
+void SetObserver(Observer* observer) {
+    GetState().observer.store(observer, std::memory_order_release);
+}
+
+Recorder::Recorder() {
+    SetObserver(this);
+}
+
+Recorder::~Recorder() {
+    SetObserver(nullptr);
+}
+
+void Recorder::OnEffect(const Effect& effect) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    effects.push_back(effect);
+}
+
+std::vector<Effect> Recorder::Take() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::exchange(effects, {});
+}
+
+void SetServiceStatus(ServiceFunction function, int32_t status) {
+    GetState().serviceStatus[static_cast<size_t>(function)] = status;
+}
+
+void SetStoreScript(std::function<void(StoreAnswer&)> script) {
+    GetState().storeScript = std::move(script);
+}
+
+void SetProperty(const std::string& name, const std::string& value) {
+    GetState().properties[name] = value;
+}
+
+void SetTraceTags(uint64_t mask) {
+    GetState().traceTags = mask;
+}
+
+void SetLogToStderr(bool on) {
+    GetState().logToStderr = on;
+}
+
+void Reset() {
+    State& state = GetState();
+    for (std::atomic<int32_t>& status : state.serviceStatus) {
+        status = 0;
+    }
+    state.logToStderr = true;
+    state.storeScript = nullptr;
+    SetAndroidOfEnvironment(state);
+    ServeConfigurationOfEnvironment();
+}
+
+}  // namespace desktop

@@ -1,0 +1,193 @@
+// A desktop platform for the camera frame boost library: stands in for Android and for the two
+// closed libraries, so that the very same library runs on a Linux workstation.
+//
+// This header is how tools and tests set the platform up and watch it. Left alone, the store serves
+// the built-in sample configuration, all properties are unset, tracing is off, the boost service
+// answers 0 to every call, and log lines go to standard error. The environment changes that before
+// any code of the program has run:
+//
+//     TARVO_DESKTOP_CONFIG        a TOML file for the store to serve
+//     TARVO_DESKTOP_PROPERTIES    system properties: name=value,name=value
+//     TARVO_DESKTOP_TRACE_TAGS    the mask of enabled trace tags, decimal or 0x and hexadecimal
+//
+// Threads: the platform functions may be called from any thread. The functions below may be called
+// while no other thread is in a platform function; SetServiceStatus, SetTraceTags and SetObserver
+// at any time.
+
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <variant>
+#include <vector>
+
+namespace desktop {
+
+// ---- What the library does to its platform, as one stream of effects ----
+
+enum class ServiceFunction {
+    SceneStart,
+    SceneEnd,
+    FrameStart,
+    FrameEnd,
+    StageStart,
+    StageEnd,
+    AddTids,
+    RemoveTids,
+    NotifyErrOfUser,
+};
+
+// One argument of a service call, under the name that people know it by.
+struct ServiceArgument {
+    const char* name;
+    int32_t value;
+};
+
+// A call into the boost service.
+struct ServiceCall {
+    ServiceFunction function;
+    std::vector<ServiceArgument> arguments;  // Those that are numbers, in order.
+    std::vector<int32_t> tids;               // The list of AddTids and RemoveTids.
+    int32_t status;                          // What the service answered.
+
+    // The value of the argument `name`; -1 when the function has none of that name.
+    int32_t Argument(std::string_view name) const;
+};
+
+// A line written to Android's log.
+struct LogLine {
+    int priority;
+    std::string tag;
+    std::string format;  // As the library passed it: tells which statement wrote the line.
+    std::string text;    // With the values filled in.
+};
+
+// A trace counter set to a value.
+struct CounterUpdate {
+    std::string name;
+    int32_t value;
+};
+
+struct Effect {
+    std::chrono::system_clock::time_point time;
+    std::thread::id thread;  // The thread that called the platform.
+    std::variant<ServiceCall, LogLine, CounterUpdate> event;
+};
+
+// The service function's name, such as "cfbtSceneStart", and the way back; nothing for a name that
+// is not one.
+const char* NameOf(ServiceFunction function);
+std::optional<ServiceFunction> ServiceFunctionOf(std::string_view name);
+
+// One line of text each, such as "cfbtFrameStart(frame=7)" with " = 5" behind it when the status is
+// not 0; "D tag: text"; "counter name = 7".
+std::string ToString(const ServiceCall& call);
+std::string ToString(const LogLine& line);
+std::string ToString(const CounterUpdate& update);
+
+// Gets told of every effect as it happens, on the thread that causes it and with no lock held, so
+// it may call the library again.
+class Observer {
+  public:
+    virtual ~Observer() = default;
+    virtual void OnEffect(const Effect& effect) = 0;
+};
+
+// Sets who is told; null for nobody, as at the start. The caller keeps the observer and takes it
+// out before destroying it.
+void SetObserver(Observer* observer);
+
+// Keeps every effect from its construction to its destruction. One at a time.
+class Recorder : public Observer {
+  public:
+    Recorder();
+    ~Recorder() override;
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+
+    void OnEffect(const Effect& effect) override;
+
+    // Hands over what has come since the last Take.
+    std::vector<Effect> Take();
+
+  private:
+    std::mutex mutex;
+    std::vector<Effect> effects;  // Guarded by mutex.
+};
+
+// ---- The boost service ----
+
+// What `function` answers from now on.
+void SetServiceStatus(ServiceFunction function, int32_t status);
+
+// ---- The configuration store ----
+
+// Serves a TOML file, or TOML text that error messages call `name`, from now on. What cannot be
+// read or parsed is answered with "file:line: reason", and the store then serves nothing.
+//
+// A section is a table, a key an entry in it; a list is an array, of numbers or texts; locale keys
+// are the entries of a table under their key. Numbers in a list of texts count as texts. What is
+// missing or of another kind gives a count of 0 and a status of -1.
+std::optional<std::string> LoadConfigurationFile(const std::string& path);
+std::optional<std::string> LoadConfiguration(std::string_view toml, std::string_view name);
+
+// What a person is to know of the library's section in the configuration being served: entries of
+// the wrong kind, keys that nobody reads, and texts that make the library end the process. A
+// "file:line: message" each.
+std::vector<std::string> CheckConfiguration();
+
+enum class StoreFunction {
+    GetInteger,
+    GetBoolean,
+    GetValuesCount,
+    GetUIntegerList,
+    GetLocaleKeyCount,
+    GetLocaleKeyValuesCount,
+    GetLocaleStringList,
+};
+
+// What the store is about to answer. A script may change the result and whatever the pointers
+// reach.
+struct StoreAnswer {
+    StoreFunction function;
+    std::string_view key;
+    std::string_view localeKey;  // Empty where the function takes none.
+    int32_t result;              // The count or the status.
+    int32_t* integer;            // GetInteger: the value.
+    uint32_t* numbers;           // GetBoolean: the flag. GetUIntegerList: the caller's array.
+    char** texts;                // GetLocaleStringList: the caller's array.
+    int64_t length;              // The length of the caller's array.
+};
+
+// Lets `script` change every answer of the store on its way out; an empty one ends that. This is
+// how any failure of any store function is staged.
+void SetStoreScript(std::function<void(StoreAnswer&)> script);
+
+// A text as the store hands it out: allocated with new char[], the receiver's to delete.
+char* NewStoreText(std::string_view text);
+
+// ---- Android ----
+
+// Sets a system property, or unsets it when `value` is empty.
+void SetProperty(const std::string& name, const std::string& value);
+
+// Sets the mask of enabled trace tags.
+void SetTraceTags(uint64_t mask);
+
+// Whether log lines go to standard error, in the form of logcat's threadtime.
+void SetLogToStderr(bool on);
+
+// ---- All of it ----
+
+// Puts everything back to where it was at the start; the observer stays.
+void Reset();
+
+}  // namespace desktop

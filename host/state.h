@@ -1,0 +1,46 @@
+// What the desktop platform is set to. Internal.
+
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "host/desktop.h"
+
+namespace desktop {
+
+inline constexpr size_t SERVICE_FUNCTION_COUNT = 9;
+
+struct State {
+    std::atomic<Observer*> observer{nullptr};
+    std::array<std::atomic<int32_t>, SERVICE_FUNCTION_COUNT> serviceStatus{};
+    std::atomic<uint64_t> traceTags{0};
+    std::atomic<bool> logToStderr{true};
+    std::map<std::string, std::string> properties;
+    std::function<void(StoreAnswer&)> storeScript;
+};
+
+// The one state. Made when first asked for: the library calls the platform while it is being
+// loaded, before any initialisation order among the two could be relied upon.
+State& GetState();
+
+// The value of an environment variable; empty when it is not set.
+std::string Environment(const char* name);
+
+// Lets the store serve what the environment asks for, else the sample configuration.
+void ServeConfigurationOfEnvironment();
+
+// Tells the observer, if there is one. `makeEvent` is only called then.
+template <typename MakeEvent>
+void Emit(MakeEvent makeEvent) {
+    if (Observer* observer = GetState().observer.load(std::memory_order_acquire)) {
+        observer->OnEffect(
+            Effect{std::chrono::system_clock::now(), std::this_thread::get_id(), makeEvent()});
+    }
+}
+
+}  // namespace desktop

@@ -1,0 +1,35 @@
+// The closed boost service library, libtarvo_cfbt: it does the scheduling that this library only
+// asks for.
+//
+// Every function runs on the caller's thread and returns a status, 0 for success. What the other
+// values mean is the service's own affair. Frame numbers are the low 32 bits of the HAL's 64-bit
+// frame numbers; `scene` is the boost scene kind, 0 for a scene that qualifies for boosting.
+
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+extern "C" {
+
+// Starts a scene. `fpsClass` is 0 for 30, 1 for 60, 2 for 90, 3 for 144 frames per second and 4
+// for any other rate; `version` is the HAL's interface version. Only status 0 starts the scene.
+int32_t cfbtSceneStart(int32_t scene, int32_t fpsClass, int32_t version);
+int32_t cfbtSceneEnd(int32_t scene);
+
+int32_t cfbtFrameStart(int32_t frameNumber);
+int32_t cfbtFrameEnd(int32_t frameNumber);
+
+// `stage` counts from 0; `stageArg1` and `stageArg2` are tuning values that only the service reads.
+int32_t cfbtStageStart(int32_t frameNumber, int32_t stage, int32_t stageArg1, int32_t stageArg2);
+int32_t cfbtStageEnd(int32_t frameNumber, int32_t stage);
+
+// The service reads the list during the call only; it stays the caller's.
+int32_t cfbtAddTids(int32_t scene, const std::vector<int32_t>& tids);
+int32_t cfbtRemoveTids(int32_t scene, const std::vector<int32_t>& tids);
+
+// Reports a frame as bad. `stage` is where the error was noticed, -1 when it concerns the whole
+// frame; `errorStage` is always -1 from this library.
+int32_t cfbtNotifyErrOfUser(int32_t scene, int32_t frameNumber, int32_t stage, int32_t errorStage);
+
+}  // extern "C"
