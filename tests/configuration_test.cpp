@@ -1,0 +1,278 @@
+// The configuration: what the store says, what becomes of it when the store fails, and what it
+// answers.
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <limits>
+
+#include "tests/library_test.h"
+
+namespace {
+
+using desktop::StoreAnswer;
+using desktop::StoreFunction;
+
+class ConfigurationTest : public LibraryTest {
+  protected:
+    static LocalConfig Load(const std::string& toml) {
+        EXPECT_FALSE(desktop::LoadConfiguration(toml, "test.toml"));
+        return LocalConfig();
+    }
+
+    // Lets every answer of `function` be changed; for locale keys, those for `localeKey` only.
+    static void Script(StoreFunction function, const std::string& localeKey,
+                       const std::function<void(StoreAnswer&)>& change) {
+        desktop::SetStoreScript([=](StoreAnswer& answer) {
+            if (answer.function == function && answer.localeKey == localeKey) {
+                change(answer);
+            }
+        });
+    }
+
+    // The stages of 0 to 9 that are in the table.
+    static std::vector<int32_t> LoadedStages(const LocalConfig& config) {
+        std::vector<int32_t> stages;
+        for (int32_t stage = 0; stage < 10; ++stage) {
+            NodePortInfo info;
+            if (config.GetNodePortByStage(stage, info)) {
+                stages.push_back(stage);
+            }
+        }
+        return stages;
+    }
+};
+
+using Stages = std::vector<int32_t>;
+
+TEST_F(ConfigurationTest, ReadsWhatTheStoreServes) {
+    LocalConfig config = Load(THREE_STAGES);
+    EXPECT_TRUE(config.GetFrameboostSwitch());
+    EXPECT_EQ(config.GetAdditionalSupportedWidth(), 4096);
+    EXPECT_EQ(config.GetStageCount(), 3);
+    EXPECT_TRUE(config.IsModeSupported(5));
+    EXPECT_TRUE(config.IsModeSupported(9));
+    EXPECT_FALSE(config.IsModeSupported(1));
+    EXPECT_EQ(config.GetNodePort(), "");
+    EXPECT_FALSE(config.IsLogEnable());
+
+    NodePortInfo info{"before", {77}};
+    ASSERT_TRUE(config.GetNodePortByStage(0, info));
+    EXPECT_EQ(info.nodeName, "Sensor");
+    EXPECT_EQ(info.nodePorts, (std::unordered_set<int32_t>{1, 2}));
+    for (const int32_t stage : {-1, 3}) {
+        EXPECT_FALSE(config.GetNodePortByStage(stage, info));
+        EXPECT_FALSE(config.UpdateNodeByStage(stage, "x"));
+    }
+    EXPECT_EQ(info.nodeName, "Sensor") << "a missing stage leaves the record alone";
+}
+
+TEST_F(ConfigurationTest, DefaultsToOff) {
+    LocalConfig config = Load("");
+    EXPECT_FALSE(config.GetFrameboostSwitch());
+    EXPECT_EQ(config.GetAdditionalSupportedWidth(), 0);
+    EXPECT_EQ(config.GetStageCount(), 0);
+    EXPECT_FALSE(config.IsModeSupported(0));
+    EXPECT_EQ(config.GetStageByNodeName(""), -1);
+    EXPECT_FALSE(config.IsNodeNameMatch("Sensor"));
+    EXPECT_FALSE(config.IsStagePortVaild("Sensor", 1));
+}
+
+TEST_F(ConfigurationTest, UnreadableModesSwitchBoostingOffAndMissingOnesDoNot) {
+    Script(StoreFunction::GetUIntegerList, "", [](StoreAnswer& answer) { answer.result = 3; });
+    LocalConfig unreadable = Load(THREE_STAGES);
+    EXPECT_FALSE(unreadable.GetFrameboostSwitch());
+    EXPECT_FALSE(unreadable.IsModeSupported(5)) << "although the store had filled the list";
+
+    for (const int32_t count : {0, -1, std::numeric_limits<int32_t>::min()}) {
+        Script(StoreFunction::GetValuesCount, "",
+               [count](StoreAnswer& answer) { answer.result = count; });
+        LocalConfig missing = Load(THREE_STAGES);
+        EXPECT_TRUE(missing.GetFrameboostSwitch());
+        EXPECT_FALSE(missing.IsModeSupported(5));
+    }
+}
+
+TEST_F(ConfigurationTest, TakesModesAsSignedAndFlagsAsNonZero) {
+    desktop::SetStoreScript([](StoreAnswer& answer) {
+        if (answer.function == StoreFunction::GetUIntegerList) {
+            answer.numbers[0] = 4294967295U;
+        } else if (answer.function == StoreFunction::GetBoolean) {
+            // Statuses of single values are not looked at.
+            *answer.numbers = 2;
+            answer.result = -1;
+        } else if (answer.function == StoreFunction::GetInteger) {
+            *answer.integer = 1234;
+            answer.result = -1;
+        }
+    });
+    LocalConfig config = Load(THREE_STAGES);
+    EXPECT_TRUE(config.IsModeSupported(-1));
+    EXPECT_TRUE(config.GetFrameboostSwitch());
+    EXPECT_EQ(config.GetAdditionalSupportedWidth(), 1234);
+}
+
+TEST_F(ConfigurationTest, AStageThatCannotBeReadEndsTheTable) {
+    Script(StoreFunction::GetLocaleStringList, "1", [](StoreAnswer& answer) { answer.result = 1; });
+    const LocalConfig config = Load(THREE_STAGES);
+    EXPECT_EQ(LoadedStages(config), (Stages{0}));
+    EXPECT_EQ(config.GetStageCount(), 3);
+
+    desktop::SetStoreScript(nullptr);
+    EXPECT_EQ(LoadedStages(Load(WithStages("0=['A']\n1=['B']\n3=['D']\n"))), (Stages{0, 1}))
+        << "a gap in the numbers";
+
+    for (const int32_t count : {0, -5}) {
+        Script(StoreFunction::GetLocaleKeyCount, "",
+               [count](StoreAnswer& answer) { answer.result = count; });
+        EXPECT_EQ(LoadedStages(Load(THREE_STAGES)), Stages{});
+        EXPECT_EQ(LocalConfig().GetStageCount(), count);
+    }
+}
+
+TEST_F(ConfigurationTest, AStageWithoutANameIsSkippedAndANullPortToo) {
+    for (const int32_t count : {0, -1, std::numeric_limits<int32_t>::min()}) {
+        Script(StoreFunction::GetLocaleKeyValuesCount, "1",
+               [count](StoreAnswer& answer) { answer.result = count; });
+        EXPECT_EQ(LoadedStages(Load(THREE_STAGES)), (Stages{0, 2})) << count;
+    }
+    const auto dropText = [](size_t slot) {
+        return [slot](StoreAnswer& answer) {
+            delete[] answer.texts[slot];
+            answer.texts[slot] = nullptr;
+        };
+    };
+    Script(StoreFunction::GetLocaleStringList, "1", dropText(0));
+    EXPECT_EQ(LoadedStages(Load(THREE_STAGES)), (Stages{0, 2}));
+
+    Script(StoreFunction::GetLocaleStringList, "0", dropText(1));
+    NodePortInfo info;
+    ASSERT_TRUE(Load(THREE_STAGES).GetNodePortByStage(0, info));
+    EXPECT_EQ(info.nodePorts, (std::unordered_set<int32_t>{2}));
+}
+
+TEST_F(ConfigurationTest, AnArrayThatTheStoreLeavesUnfilledIsNull) {
+    Script(StoreFunction::GetLocaleKeyValuesCount, "0",
+           [](StoreAnswer& answer) { answer.result = 40; });
+    NodePortInfo info;
+    ASSERT_TRUE(Load(THREE_STAGES).GetNodePortByStage(0, info));
+    EXPECT_EQ(info.nodePorts, (std::unordered_set<int32_t>{1, 2}));
+}
+
+TEST_F(ConfigurationTest, ASecondLoadFillsGapsAndKeepsTheOrder) {
+    Script(StoreFunction::GetLocaleKeyValuesCount, "1",
+           [](StoreAnswer& answer) { answer.result = 0; });
+    LocalConfig config = Load(WithStages("0=['A','1']\n1=['A','2']\n2=['A','3']\n"));
+    ASSERT_TRUE(config.UpdateNodeByStage(2, "B"));
+    desktop::SetStoreScript(nullptr);
+    EXPECT_TRUE(config.Load());
+    EXPECT_EQ(LoadedStages(config), (Stages{0, 1, 2}));
+    EXPECT_EQ(config.GetStageByNodeName("A"), 1) << "stage 2 keeps its new name";
+    EXPECT_EQ(config.GetStageByNodeName("AB"), 2);
+}
+
+TEST_F(ConfigurationTest, ReadsPortsLikeLeadingDecimalNumbers) {
+    NodePortInfo info;
+    ASSERT_TRUE(Load(WithStages("0 = ['N', ' 7', '7x', '-1', '+4', '0x10', '12abc', '2147483647', "
+                                "'-2147483648']\n"))
+                    .GetNodePortByStage(0, info));
+    EXPECT_EQ(info.nodePorts,
+              (std::unordered_set<int32_t>{7, -1, 4, 0, 12, std::numeric_limits<int32_t>::max(),
+                                           std::numeric_limits<int32_t>::min()}));
+}
+
+TEST_F(ConfigurationTest, APortThatIsNoNumberEndsTheProcess) {
+    for (const char* port :
+         {"", "x1", "-", " ", "2147483648", "-2147483649", "99999999999999999999999"}) {
+        const std::string toml = WithStages("0 = ['N', '" + std::string(port) + "']\n");
+        EXPECT_EXIT(
+            {
+                try {
+                    Load(toml);
+                } catch (...) {
+                }
+                std::exit(0);
+            },
+            testing::KilledBySignal(SIGABRT), "")
+            << '"' << port << '"';
+    }
+}
+
+TEST_F(ConfigurationTest, FindsTheHighestStageWhoseNameOccurs) {
+    struct {
+        const char* stages;
+        const char* node;
+        int32_t stage;
+    } const cases[] = {
+        {"0=['A']\n1=['B']\n2=['XY']\n", "XY", 2},
+        {"0=['A']\n1=['B']\n2=['XY']\n", "cam_XY1_z", 2},
+        {"0=['A']\n1=['B']\n2=['XY']\n", "xy", -1},
+        {"0=['A']\n1=['B']\n2=['XY']\n", "X", -1},
+        {"0=['A']\n1=['B']\n2=['XY']\n", "", -1},
+        {"0=['A']\n1=['QR']\n2=['B']\n3=['C']\n4=['QR_S']\n", "QR_S0", 4},
+        {"0=['A']\n1=['QR_S']\n2=['B']\n3=['C']\n4=['QR']\n", "QR_S0", 4},
+        {"0=['A']\n1=['QR']\n2=['B']\n3=['C']\n4=['QR_S']\n", "QR", 1},
+        {"0=['A']\n1=['']\n", "A", 1},
+        {"0=['A']\n1=['']\n", "", 1},
+        {"0=['']\n1=['B']\n", "A", 0},
+    };
+    for (const auto& [stages, node, stage] : cases) {
+        const LocalConfig config = Load(WithStages(stages));
+        EXPECT_EQ(config.GetStageByNodeName(node), stage) << stages << node;
+        EXPECT_EQ(config.IsNodeNameMatch(node), stage != -1) << stages << node;
+    }
+    // More stages than any hash table keeps in order by accident.
+    std::string many;
+    for (int stage = 0; stage < 500; ++stage) {
+        many += std::to_string(stage) + "=['N']\n";
+    }
+    EXPECT_EQ(Load(WithStages(many)).GetStageByNodeName("N"), 499);
+}
+
+TEST_F(ConfigurationTest, AnyMatchingStageCanVouchForAPort) {
+    LocalConfig config = Load(WithStages("0=['A','1']\n1=['C']\n2=['AB','2']\n"));
+    EXPECT_EQ(config.GetStageByNodeName("AB_x"), 2);
+    EXPECT_TRUE(config.IsStagePortVaild("AB_x", 1));
+    EXPECT_TRUE(config.IsStagePortVaild("AB_x", 2));
+    EXPECT_FALSE(config.IsStagePortVaild("AB_x", 5));
+    EXPECT_FALSE(config.IsStagePortVaild("A", 2));
+    EXPECT_FALSE(config.IsStagePortVaild("C", 1)) << "a stage without ports";
+
+    EXPECT_TRUE(config.UpdateNodeByStage(0, "D"));
+    EXPECT_EQ(config.GetStageByNodeName("A"), -1);
+    EXPECT_EQ(config.GetStageByNodeName("xDx"), 0);
+    EXPECT_TRUE(config.IsStagePortVaild("D", 1)) << "the ports stay";
+}
+
+TEST_F(ConfigurationTest, ShowsItselfInTheLogWhenDebugIsOn) {
+    const auto line = [](const std::string& text) {
+        return "D tarvocameraframeboostutils: tarvocameraframeboostutils.cpp " + text;
+    };
+    recorder.Take();
+    Load(THREE_STAGES);
+    EXPECT_EQ(Effects(), Lines{}) << "debug is off";
+
+    desktop::SetProperty(DEBUG_PROPERTY, "true");
+    const LocalConfig config = Load(
+        "[TarvoCameraFrameBoostConfig]\n"
+        "cameraFrameBoostEnable = true\n"
+        "SupportOperationModeList = [255, 10, 0, 4294967295, 10, 2147483648, 32773]\n"
+        "[TarvoCameraFrameBoostConfig.stage]\n"
+        "0 = ['A', 5, -3, 40, 12, 5]\n1 = ['']\n2 = ['Node C', 1]\n");
+    const Lines dump = {
+        line("186:DumpConfig() frameboost enable = 1"),
+        line("194:DumpConfig() supportOperationModeList = 0x-800000000x-10x00xA0xFF0x8005"),
+        line("205:DumpConfig() stage = 2, nodename = Node C, nodeport = 1 "),
+        line("205:DumpConfig() stage = 1, nodename = , nodeport = "),
+        line("205:DumpConfig() stage = 0, nodename = A, nodeport = -3 5 12 40 "),
+    };
+    EXPECT_EQ(Effects(), dump);
+    config.DumpConfig();
+    EXPECT_EQ(Effects(), dump) << "and again, whenever asked";
+
+    EXPECT_TRUE(Load("").IsLogEnable());
+    EXPECT_EQ(Effects(), (Lines{line("186:DumpConfig() frameboost enable = 0"),
+                                line("194:DumpConfig() supportOperationModeList = ")}));
+}
+
+}  // namespace

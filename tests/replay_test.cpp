@@ -1,0 +1,206 @@
+// The replay command: its transcripts, its totals, and what it says of bad input.
+
+#include "tools/replay/replay.h"
+
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "tests/library_test.h"
+
+namespace {
+
+class ReplayTest : public testing::Test {
+  protected:
+    int Play(std::istream& session, const std::string& name) {
+        out.str("");
+        err.str("");
+        return replay::Replay(options, session, name, out, err);
+    }
+
+    int Play(const std::string& session) {
+        std::istringstream stream(session);
+        return Play(stream, "test.session");
+    }
+
+    replay::Options options;
+    std::ostringstream out;
+    std::ostringstream err;
+};
+
+const std::string SCENE =
+    "TcfbtSetSceneInfo true 3840 60\n"
+    "TcfbtNotifySceneStart 0x8001\n";
+
+std::string Sessions(const std::string& file) {
+    return std::string(SESSIONS_DIRECTORY) + "/" + file;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path);
+    EXPECT_TRUE(file) << path;
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
+    struct {
+        const char* session;
+        const char* config;
+        const char* expected;
+    } const cases[] = {
+        {"clean-recording", "", "clean-recording"},
+        {"dropped-frame", "", "dropped-frame"},
+        {"stages-out-of-order", "", "stages-out-of-order"},
+        {"frame-never-ends", "", "frame-never-ends"},
+        {"refused-scene", "", "refused-scene"},
+        {"refused-scene", "switch-off.toml", "refused-scene-switched-off"},
+    };
+    for (const auto& [session, config, expected] : cases) {
+        options.configuration = *config == '\0' ? "" : Sessions(config);
+        std::ifstream file(Sessions(std::string(session) + ".session"));
+        ASSERT_TRUE(file) << session;
+        EXPECT_EQ(Play(file, session), replay::PLAYED);
+        EXPECT_EQ(out.str(), ReadFile(Sessions(std::string(expected) + ".expected"))) << session;
+        EXPECT_EQ(err.str(), "");
+    }
+}
+
+// Every frame of a minute: its start, its stages one after another, its end.
+TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
+    class FrameLog : public desktop::Observer {
+      public:
+        void OnEffect(const desktop::Effect& effect) override {
+            if (const auto* call = std::get_if<desktop::ServiceCall>(&effect.event)) {
+                const int32_t stage = call->Argument("stage");
+                frames[call->Argument("frame")] += std::string(NameOf(call->function)).substr(4) +
+                                                   (stage == -1 ? "" : std::to_string(stage)) + " ";
+            }
+        }
+        std::map<int32_t, std::string> frames;
+    } log;
+    std::ifstream file(Sessions("minute-recording.session"));
+    options.isQuiet = true;
+    options.onProgress = [&log](int64_t done, int64_t) {
+        // The player watches at first; from the first frame on this does.
+        if (done == 1) {
+            desktop::SetObserver(&log);
+        }
+    };
+    EXPECT_EQ(Play(file, "minute"), replay::PLAYED);
+    for (int32_t frame = 3; frame <= 3600; ++frame) {
+        ASSERT_EQ(log.frames[frame],
+                  "FrameStart StageStart0 StageEnd0 StageStart1 StageEnd1 StageStart2 StageEnd2 "
+                  "StageStart3 StageEnd3 StageStart4 StageEnd4 FrameEnd ")
+            << frame;
+    }
+    EXPECT_EQ(log.frames.count(3602), 0U);
+
+    options.onProgress = [](int64_t, int64_t) {};
+    options.isJson = true;
+    file.clear();
+    file.seekg(0);
+    EXPECT_EQ(Play(file, "minute"), replay::PLAYED);
+    EXPECT_EQ(
+        out.str(),
+        "{\"type\":\"summary\",\"scenesStarted\":1,\"scenesRefused\":0,\"framesStarted\":3601,"
+        "\"framesEnded\":3600,\"framesEvicted\":0,\"frameStartsRefused\":0,"
+        "\"frameEndsRefused\":0,\"stageEventsForwarded\":36001,\"stageEventsRefused\":0,"
+        "\"nodeEndsIgnored\":0,\"errorReports\":0}\n");
+}
+
+TEST_F(ReplayTest, RecordsOnFromWhereItWasOrFromWhereItIsTold) {
+    EXPECT_EQ(Play(SCENE + "PlayRecording 2\nPlayRecording 2\nPlayRecording 1 0x20\n"),
+              replay::PLAYED);
+    size_t at = 0;
+    for (const char* event :
+         {"cfbtFrameStart(frame=1)", "cfbtFrameEnd(frame=2)", "cfbtFrameEnd(frame=3)",
+          "cfbtFrameEnd(frame=4)", "halFrameNumber=31", "does not follow", "halFrameNumber=32"}) {
+        at = out.str().find(event, at);
+        EXPECT_NE(at, std::string::npos) << event;
+    }
+}
+
+TEST_F(ReplayTest, ShowsWhatItIsAskedToShow) {
+    options.withDebug = true;
+    options.statuses = {{desktop::ServiceFunction::FrameStart, 7}};
+    EXPECT_EQ(Play(SCENE + "TcfbtNotifyFrameStart 1\n"), replay::PLAYED);
+    for (const char* line :
+         {"      D tarvocameraframeboostutils: tarvocameraframeboostutils.cpp 186:DumpConfig() "
+          "frameboost enable = 1\n",
+          "TcfbtNotifyFrameStart(halFrameNumber=1) = 1\n", "    cfbtFrameStart(frame=1) = 7\n",
+          "      counter TcfbtNotifyFrameStart = 1\n",
+          "      D cameraframeboost: tarvocameraframeboost.cpp 132:TcfbtNotifyFrameStart() "
+          "halFrameNumber = 1\n"}) {
+        EXPECT_NE(out.str().find(line), std::string::npos) << line;
+    }
+    options = {};
+    options.isJson = true;
+    EXPECT_EQ(Play("TcfbtAddPersistTids \"a \\\"b\\\\ \xff\" -0x10 # comment\n"), replay::PLAYED);
+    EXPECT_NE(out.str().find("{\"type\":\"call\",\"line\":1,\"operation\":\"TcfbtAddPersistTids\","
+                             "\"arguments\":{\"name\":\"a \\\"b\\\\ \xef\xbf\xbd\",\"tid\":-16},"
+                             "\"result\":null,\"effects\":[]"),
+              std::string::npos)
+        << out.str();
+}
+
+TEST_F(ReplayTest, SaysWhereASessionIsWrongAndStopsThere) {
+    struct {
+        const char* line;
+        const char* message;
+    } const cases[] = {
+        {"Unknown", "\"Unknown\" is not known, expected an operation"},
+        {"\"DumpInfo\"", "\"DumpInfo\" is not known"},
+        {"TcfbtSetVersion", "version is missing, expected TcfbtSetVersion version"},
+        {"TcfbtSetVersion 1 2", "\"2\" is one too many, expected TcfbtSetVersion version"},
+        {"TcfbtSetVersion 2147483648",
+         "expected a decimal or 0x hexadecimal number from "
+         "-2147483648 to 2147483647"},
+        {"TcfbtSetVersion 1x", "version is \"1x\""},
+        {"TcfbtSetVersion --1", "version is \"--1\""},
+        {"TcfbtSetVersion 0x-1", "version is \"0x-1\""},
+        {"TcfbtSetVersion 0x", "version is \"0x\""},
+        {"TcfbtSetVersion \"1\"", "version is \"1\""},
+        {"TcfbtNotifyFrameEnd 9223372036854775808", "to 9223372036854775807"},
+        {"TcfbtSetSceneInfo yes 1 1", "isVideo is \"yes\", expected true or false"},
+        {"TcfbtAddPersistTids \"open", "expected a closing double quote"},
+        {"TcfbtAddPersistTids \"open\\", "expected a closing double quote"},
+        {"TcfbtRemoveTids 1 2 x", "tids is \"x\""},
+        {"PlayRecording", "expected PlayRecording frames [firstFrame]"},
+        {"PlayRecording 0", "from 1 to"},
+        {"PlayRecording 1 0", "from 1 to"},
+        {"PlayRecording 99999999999", "from 1 to"},
+    };
+    for (const auto& [line, message] : cases) {
+        EXPECT_EQ(Play("# first\nTcfbtAddTempTids 1\n" + std::string(line) + "\nDumpInfo\n"),
+                  replay::BAD_INPUT)
+            << line;
+        EXPECT_EQ(err.str().rfind("test.session:3: ", 0), 0U) << err.str();
+        EXPECT_NE(err.str().find(message), std::string::npos) << err.str();
+        EXPECT_EQ(out.str(), "# first\nTcfbtAddTempTids(tid=1)\n");
+    }
+}
+
+TEST_F(ReplayTest, SaysWhatIsWrongWithAConfiguration) {
+    struct {
+        std::string config;
+        const char* message;
+    } const cases[] = {
+        {"stage = [", "config.toml:1: "},
+        {WithStages("0 = ['A', '1']\n1 = ['B', 'one']\n"), "config.toml:7: stage 1: port ids"},
+        {"[TarvoCameraFrameBoostConfig]\n", "test.session:1: the configuration has no stages"},
+        {WithStages("0 = ['AB', '1']\n1 = ['A', '1']\n"), "test.session:1: stage 0"},
+        {WithStages("0 = ['A']\n"), "test.session:1: stage 0"},
+    };
+    options.configuration = testing::TempDir() + "config.toml";
+    for (const auto& [config, message] : cases) {
+        std::ofstream(options.configuration) << config;
+        EXPECT_EQ(Play("PlayRecording 1\n"), replay::BAD_INPUT) << config;
+        EXPECT_NE(err.str().find(message), std::string::npos) << err.str();
+        EXPECT_EQ(out.str(), "");
+    }
+    options.configuration = "/no/such/file";
+    EXPECT_EQ(Play(""), replay::BAD_INPUT);
+    EXPECT_EQ(err.str(), "/no/such/file:1: cannot be read\n");
+}
+
+}  // namespace
