@@ -2,10 +2,9 @@
 // answers.
 
 #include <algorithm>
-#include <csignal>
-#include <cstdlib>
 #include <limits>
 
+#include "tests/expect_abort.h"
 #include "tests/library_test.h"
 
 namespace {
@@ -185,16 +184,8 @@ TEST_F(ConfigurationTest, APortThatIsNoNumberEndsTheProcess) {
     for (const char* port :
          {"", "x1", "-", " ", "2147483648", "-2147483649", "99999999999999999999999"}) {
         const std::string toml = WithStages("0 = ['N', '" + std::string(port) + "']\n");
-        EXPECT_EXIT(
-            {
-                try {
-                    Load(toml);
-                } catch (...) {
-                }
-                std::exit(0);
-            },
-            testing::KilledBySignal(SIGABRT), "")
-            << '"' << port << '"';
+        SCOPED_TRACE(port);
+        ExpectAbort([&toml] { Load(toml); });
     }
 }
 

@@ -1,11 +1,9 @@
 // The frame tracker: which frames and stage events it lets through, and when a frame is to be
 // reported.
 
-#include <array>
-#include <csignal>
-#include <cstdlib>
 #include <limits>
 
+#include "tests/expect_abort.h"
 #include "tests/library_test.h"
 
 namespace {
@@ -198,25 +196,9 @@ TEST_F(FrameTrackerTest, EndsTheProcessWhenAStageWasNotAdmitted) {
     tracker.stageCount = 1;
     Start(1);
     tracker.stageCount = 2;
-    EXPECT_EXIT(
-        {
-            try {
-                Stage(1, 0, START);
-            } catch (...) {
-            }
-            std::exit(0);
-        },
-        testing::KilledBySignal(SIGABRT), "");
+    ExpectAbort([this] { Stage(1, 0, START); });
     tracker.stageCount = -1;
-    EXPECT_EXIT(
-        {
-            try {
-                Start(2);
-            } catch (...) {
-            }
-            std::exit(0);
-        },
-        testing::KilledBySignal(SIGABRT), "");
+    ExpectAbort([this] { Start(2); });
 }
 
 TEST_F(FrameTrackerTest, SaysWhyInTheLog) {

@@ -3,10 +3,12 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstdlib>
+#include <string>
+#include <variant>
+#include <vector>
 
 #include "host/desktop.h"
+#include "tests/expect_abort.h"
 
 namespace {
 
@@ -15,7 +17,7 @@ constexpr char SECTION[] = "[TarvoCameraFrameBoostConfig]\n";
 std::vector<std::string> EffectsOfLoading() {
     desktop::Recorder recorder;
     void* library = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL);
-    EXPECT_NE(library, nullptr) << dlerror();
+    EXPECT_NE(library, nullptr);
     EXPECT_EQ(dlclose(library), 0);
     EXPECT_EQ(dlopen(LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr) << "it is still loaded";
     std::vector<std::string> lines;
@@ -42,15 +44,7 @@ TEST(LoadTest, ReadsTheStoreAndTheSwitchAtEachLoad) {
 
 TEST(LoadTest, EndsTheProcessOnAMalformedPortAndNobodyCatchesThat) {
     desktop::LoadConfiguration(std::string(SECTION) + "stage = {0 = ['N', 'port']}\n", "test");
-    EXPECT_EXIT(
-        {
-            try {
-                dlopen(LIBRARY, RTLD_NOW);
-            } catch (...) {
-            }
-            std::exit(0);
-        },
-        testing::KilledBySignal(SIGABRT), "");
+    ExpectAbort([] { dlopen(LIBRARY, RTLD_NOW); });
 }
 
 }  // namespace
