@@ -105,7 +105,7 @@ TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
         "{\"type\":\"summary\",\"scenesStarted\":1,\"scenesRefused\":0,\"framesStarted\":3601,"
         "\"framesEnded\":3600,\"framesEvicted\":0,\"frameStartsRefused\":0,"
         "\"frameEndsRefused\":0,\"stageEventsForwarded\":36001,\"stageEventsRefused\":0,"
-        "\"nodeEndsIgnored\":0,\"errorReports\":0}\n");
+        "\"nodeEndsIgnored\":0,\"errorReports\":0,\"reasons\":{}}\n");
 }
 
 TEST_F(ReplayTest, RecordsOnFromWhereItWasOrFromWhereItIsTold) {
@@ -150,6 +150,7 @@ TEST_F(ReplayTest, SaysWhereASessionIsWrongAndStopsThere) {
     } const cases[] = {
         {"Unknown", "\"Unknown\" is not known, expected an operation"},
         {"\"DumpInfo\"", "\"DumpInfo\" is not known"},
+        {"\x1b[2J\x7f", "\"?[2J?\" is not known"},
         {"TcfbtSetVersion", "version is missing, expected TcfbtSetVersion version"},
         {"TcfbtSetVersion 1 2", "\"2\" is one too many, expected TcfbtSetVersion version"},
         {"TcfbtSetVersion 2147483648",

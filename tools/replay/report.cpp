@@ -150,13 +150,16 @@ class JsonReport : public Report {
         }
         json["result"] = played.result ? nlohmann::ordered_json(*played.result) : nullptr;
         json["effects"] = JsonOf(played.effects);
-        json["tally"] = JsonOf(played.tally);
+        json["reasons"] = ReasonsOf(played.tally);
         out << Dump(json) << '\n';
     }
 
     void ShowSummary(const Tally& tally) override {
         nlohmann::ordered_json json = {{"type", "summary"}};
-        json.update(JsonOf(tally));
+        for (size_t i = 0; i < COUNTERS; ++i) {
+            json[COUNTER_NAMES[i].json] = tally.Get(Counter(i)).total;
+        }
+        json["reasons"] = ReasonsOf(tally);
         out << Dump(json) << '\n';
     }
 
@@ -174,13 +177,13 @@ class JsonReport : public Report {
 
     static nlohmann::ordered_json JsonOf(const Value& value) { return replay::JsonOf(value); }
 
-    static nlohmann::ordered_json JsonOf(const Tally& tally) {
-        nlohmann::ordered_json json;
+    // Why how many events of which kind were not forwarded.
+    static nlohmann::ordered_json ReasonsOf(const Tally& tally) {
+        auto json = nlohmann::ordered_json::object();
         for (size_t i = 0; i < COUNTERS; ++i) {
-            const Tally::Count& counted = tally.Get(Counter(i));
-            json[COUNTER_NAMES[i].json] = counted.total;
-            if (!counted.reasons.empty()) {
-                json["reasons"][COUNTER_NAMES[i].json] = counted.reasons;
+            const auto& reasons = tally.Get(Counter(i)).reasons;
+            if (!reasons.empty()) {
+                json[COUNTER_NAMES[i].json] = reasons;
             }
         }
         return json;

@@ -1,5 +1,7 @@
 #include "tools/replay/session.h"
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstddef>
 #include <limits>
@@ -20,8 +22,13 @@ struct Word {
     bool isQuoted;
 };
 
+// In quotes for a message; what a terminal might take for a command shows as a question mark.
 std::string Quoted(std::string_view text) {
-    return "\"" + std::string(text) + "\"";
+    std::string quoted(text);
+    std::replace_if(
+        quoted.begin(), quoted.end(),
+        [](unsigned char character) { return std::iscntrl(character) != 0; }, '?');
+    return '"' + quoted + '"';
 }
 
 std::vector<Word> SplitWords(std::string_view line) {
