@@ -1,5 +1,6 @@
 // What the library shows while its debug switch is on: the log line and the counter pulse.
-// Internal; both do nothing at all, and evaluate nothing, while LocalConfig::enable is false.
+// Internal. While LocalConfig::enable is false, neither does anything, and a line's values are not
+// even evaluated.
 
 #pragma once
 
@@ -21,14 +22,14 @@
         }                                                                                        \
     } while (false)
 
-// The origin of a line. Tools that read the log know many lines by their number, so those keep the
-// number that they have always had; the others say __LINE__.
+// The origin of a line. Many lines are known by a fixed number, wherever their statement stands; the
+// others say __LINE__.
 #define AT(line) AT_IN(__func__, line)
 // The same for a statement that stands in a helper of the operation that it speaks for.
 #define AT_IN(operation, line) (line), (operation)
 
 // Shows an event as a short spike in a trace: the counter goes to `frameNumber` and back to 0. The
-// tags are asked twice because tracing can be switched off in between.
+// tags are asked before each of the two, as tracing can be switched on or off at any time.
 inline void PulseCounter(const char* counter, int32_t frameNumber) {
     constexpr uint64_t tags = ATRACE_TAG_CAMERA | ATRACE_TAG_HAL;
     if (!LocalConfig::enable) {

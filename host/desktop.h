@@ -93,8 +93,9 @@ std::string ToString(const ServiceCall& call);
 std::string ToString(const LogLine& line);
 std::string ToString(const CounterUpdate& update);
 
-// Gets told of every effect as it happens, on the thread that causes it and with no lock held, so
-// it may call the library again.
+// Gets told of every effect as it happens, on the thread that causes it and with none of the
+// platform's locks held. From a service call or a counter it may call the library again; not from a
+// log line, which the library may write with its own lock held.
 class Observer {
   public:
     virtual ~Observer() = default;

@@ -20,7 +20,7 @@ int32_t cfbtSceneEnd(int32_t scene);
 int32_t cfbtFrameStart(int32_t frameNumber);
 int32_t cfbtFrameEnd(int32_t frameNumber);
 
-// `stage` counts from 0; `stageArg1` and `stageArg2` are tuning values that only the service reads.
+// `stage` counts from 0; what `stageArg1` and `stageArg2` mean is the service's own affair.
 int32_t cfbtStageStart(int32_t frameNumber, int32_t stage, int32_t stageArg1, int32_t stageArg2);
 int32_t cfbtStageEnd(int32_t frameNumber, int32_t stage);
 
