@@ -22,8 +22,8 @@
         }                                                                                        \
     } while (false)
 
-// The origin of a line. Many lines are known by a fixed number, wherever their statement stands; the
-// others say __LINE__.
+// The origin of a line. Many lines are known by a fixed number, wherever their statement stands;
+// the others say __LINE__.
 #define AT(line) AT_IN(__func__, line)
 // The same for a statement that stands in a helper of the operation that it speaks for.
 #define AT_IN(operation, line) (line), (operation)

@@ -43,8 +43,8 @@
 // thread is in the object. The service is never called with a lock held; from inside its functions
 // it may call frame, stage, node and thread id operations, but not start or end a scene.
 //
-// Frame numbers are the HAL's, 64 bits wide. Frames are told apart by the low 32 bits, which is also
-// what service and trace see. Stages count from 0 to the configured number of stages less one.
+// Frame numbers are the HAL's, 64 bits wide. Frames are told apart by the low 32 bits, which is
+// also what service and trace see. Stages count from 0 to the configured number of stages less one.
 class TarvoCameraFrameBoost {
   public:
     // Sets the interface version that is handed to the service with each scene start.
@@ -86,8 +86,8 @@ class TarvoCameraFrameBoost {
 
     // A stage of a frame begins. Stages of a frame must run one after another; the first breach of
     // that is reported, and nothing more of the frame's stages is forwarded. A stage that does not
-    // exist is reported each time and does no harm to its frame. `stageArg1` and `stageArg2` reach the service as they are;
-    // `nodeName` is only logged.
+    // exist is reported each time and does no harm to its frame. `stageArg1` and `stageArg2` reach
+    // the service as they are; `nodeName` is only logged.
     int32_t TcfbtNotifyStageStart(int32_t stage, int64_t halFrameNumber, int32_t stageArg1,
                                   int32_t stageArg2, std::string nodeName);
 
@@ -119,8 +119,8 @@ class TarvoCameraFrameBoost {
     void TcfbtAddTempTids(int32_t tid);
 
     // Hands all threads of the scene to the service, those that it already knows included, each
-    // once, in ascending order. Works without a scene too: they then count for the next one. Returns
-    // the service's status.
+    // once, in ascending order. Works without a scene too: they then count for the next one.
+    // Returns the service's status.
     int32_t TcfbtSetTids();
 
     // Takes threads back from the service; they stay registered here. Returns -1 when no scene
@@ -131,8 +131,9 @@ class TarvoCameraFrameBoost {
     // TcfbtAddPersistTids.
     void DumpInfo();
 
-    // Shared by all objects. The two lists are guarded by the mutexes of whichever object is called,
-    // so with several objects their thread id and scene operations must not run at the same time.
+    // Shared by all objects. The two lists are guarded by the mutexes of whichever object is
+    // called, so with several objects their thread id and scene operations must not run at the same
+    // time.
     static LocalConfig localConfig;
     static std::vector<int32_t> persistTids;  // Never emptied.
     static std::vector<int32_t> tempTids;     // Emptied at the end of a scene.
