@@ -84,13 +84,13 @@ std::string ModeText(int32_t mode) {
 // the switch for itself, so it is right in either order.
 bool LocalConfig::enable = ReadDebugSwitch();
 
-LocalConfig::LocalConfig() {
+LocalConfig::LocalConfig() noexcept {
     enable = ReadDebugSwitch();
     Load();
     DumpConfig();
 }
 
-bool LocalConfig::Load() {
+bool LocalConfig::Load() noexcept {
     additionalSupportedWidth = 0;
     GetIntegerConfiguration(SECTION, KEY_ADDITIONAL_WIDTH, &additionalSupportedWidth);
 
@@ -244,7 +244,7 @@ FrameTracker::FrameTracker(int32_t maxFrameTracked)
     : MAX_FRAME_TRACKED(std::max(maxFrameTracked, 1)) {}
 
 bool FrameTracker::CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
-                                          int64_t& errorFrameNumber) {
+                                          int64_t& errorFrameNumber) noexcept {
     const std::lock_guard<std::shared_mutex> lock(frameMutex);
     const auto key = static_cast<int32_t>(frameNumber);
     if (frameData.count(key) != 0) {
@@ -266,7 +266,8 @@ bool FrameTracker::CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
     if (frameData.size() >= static_cast<size_t>(MAX_FRAME_TRACKED)) {
         const auto oldest = frameData.begin();
         std::atomic<uint32_t>& status = oldest->second.status;
-        // A frame in error still counts here as long as nobody was told of the error.
+        // Deliberately blind to FRAME_ERROR: who was admitted in sequence is reported, unless it
+        // has been already.
         if ((status.load() & (FRAME_STARTED | FRAME_ENDED | FRAME_ERROR_NOTIFIED)) ==
             FRAME_STARTED) {
             DEBUG_LOG(

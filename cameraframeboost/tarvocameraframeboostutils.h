@@ -31,8 +31,9 @@ struct NodePortInfo {
 // The library holds one instance, TarvoCameraFrameBoost::localConfig, made while it is loaded. The
 // setup comes from section "TarvoCameraFrameBoostConfig" of the hardware configuration store and is
 // read once, by the constructor; tools and tests that want another one construct another
-// LocalConfig and assign it. What cannot be read is silently left at a default that keeps boosting
-// off.
+// LocalConfig and assign it. What cannot be read is silently left out: without the switch or the
+// modes nothing is boosted, without the width only the fixed one is, and a stage that cannot be
+// read ends the stage table there.
 //
 // Threads: no lock is taken. Queries may run on any number of threads at once, as long as none of
 // them overlaps Load or UpdateNodeByStage.
@@ -45,12 +46,12 @@ class LocalConfig {
 
     // Reads the debug switch, loads the configuration from the store and writes it to the debug
     // log. A port text that does not start with a decimal number, or whose number does not fit
-    // 32 bits, aborts the process.
-    LocalConfig();
+    // 32 bits, aborts the process; so does running out of memory.
+    LocalConfig() noexcept;
 
     // Fills this object from the store: scalar values are replaced, modes and stages that are not
-    // known yet are added. Always returns true. Called by the constructor.
-    bool Load();
+    // known yet are added. Always returns true. Called by the constructor, and aborts like it.
+    bool Load() noexcept;
 
     // Writes the configuration to the debug log: the switch, the modes (ascending, in upper-case
     // hexadecimal), then the stages from the highest to stage 0, each with its ports (ascending).
@@ -120,8 +121,9 @@ class LocalConfig {
 // stages must run strictly one after another, from 0 to stageCount - 1. A frame that breaks the
 // order is in error from then on, and is handed to the caller for a report at most once.
 //
-// Frame numbers are signed 64 bits wide; frames whose numbers agree in the low 32 bits are the same
-// frame. All operations may be called from any thread at any time.
+// Frame numbers are signed 64 bits wide. A frame is known by the low 32 bits of its number, taken
+// as signed: frames that agree in them are the same frame, the highest is the newest and the lowest
+// the oldest. All operations may be called from any thread at any time.
 class FrameTracker {
   public:
     // How many frames are tracked at once unless the maker says otherwise. A camera pipeline holds
@@ -135,14 +137,16 @@ class FrameTracker {
 
     // Takes a frame in. Returns true when it may be forwarded: it was not tracked yet, and it
     // follows the newest tracked frame without a gap (any frame does when none is tracked). A frame
-    // out of sequence is tracked all the same, as a frame in error.
+    // out of sequence is tracked all the same, as a frame in error. The gap is looked for in all 64
+    // bits, so above 2147483647 every frame but the first shows one while others are tracked.
     //
     // When the table is full, the oldest frame makes room. If that frame was in order and its error
     // has not been handed over yet, `isError` becomes true and `errorFrameNumber` its number (low
     // 32 bits, sign extended), whatever the result; otherwise both stay as the caller set them.
     //
-    // Aborts the process when stageCount is negative.
-    bool CheckIfCouldStartFrame(int64_t frameNumber, bool& isError, int64_t& errorFrameNumber);
+    // Aborts the process when stageCount is negative, or memory runs out.
+    bool CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
+                                int64_t& errorFrameNumber) noexcept;
 
     // Lets a frame go. Returns true when it was tracked, was admitted in sequence and its error was
     // never handed over: its end may be forwarded. `flag` is neither read nor written.
@@ -155,13 +159,14 @@ class FrameTracker {
     bool CheckStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError);
 
     // Returns true when the frame is tracked, not in error and not ended. Sets `isError` to true
-    // when it finds an error that has not been handed over yet; otherwise leaves it alone.
+    // when it finds an error of a frame admitted in sequence that has not been handed over yet;
+    // otherwise leaves it alone.
     bool CheckFrameStatus(int64_t frameNumber, bool& isError);
 
     // Takes the start (`isEnd` false) or the end (`isEnd` true) of `stage` in. Returns true when it
     // is in pipeline order and has been recorded. Otherwise sets `isError` to true when the caller
     // is to report the frame: for a stage outside 0 to stageCount - 1 on every call, for a breach
-    // of the order once a frame. Never sets it to false.
+    // of the order once a frame, and never for a frame out of sequence. Never sets it to false.
     //
     // Aborts the process when it has to look at a stage that the frame was not admitted with.
     bool CheckStagesStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError);

@@ -24,7 +24,7 @@ int32_t cfbtFrameEnd(int32_t frameNumber);
 int32_t cfbtStageStart(int32_t frameNumber, int32_t stage, int32_t stageArg1, int32_t stageArg2);
 int32_t cfbtStageEnd(int32_t frameNumber, int32_t stage);
 
-// The service reads the list during the call only; it stays the caller's.
+// The list stays the caller's, and is gone after the call.
 int32_t cfbtAddTids(int32_t scene, const std::vector<int32_t>& tids);
 int32_t cfbtRemoveTids(int32_t scene, const std::vector<int32_t>& tids);
 

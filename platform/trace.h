@@ -2,11 +2,11 @@
 
 #pragma once
 
+#include <cstdint>
+
 #ifdef __ANDROID__
 #include <cutils/trace.h>
 #else
-
-#include <cstdint>
 
 // The trace tags that this library looks at; the values are Android's.
 #define ATRACE_TAG_CAMERA (1 << 10)
@@ -17,9 +17,13 @@ extern "C" {
 // Returns the mask of the trace tags that are switched on.
 uint64_t atrace_get_enabled_tags();
 
-// Sets the counter `name` to `value`.
-void atrace_int_body(const char* name, int32_t value);
-
 }  // extern "C"
 
 #endif
+
+extern "C" {
+
+// Sets the counter `name` to `value`. Android's header declares it inside its own functions only.
+void atrace_int_body(const char* name, int32_t value);
+
+}  // extern "C"

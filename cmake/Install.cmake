@@ -1,0 +1,32 @@
+# What `cmake --install` puts in place: the library with its public headers, a CMake package and a
+# pkg-config file; on a desktop also the platform that the library is linked with.
+
+include(CMakePackageConfigHelpers)
+
+set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/TarvoCameraFrameBoost)
+set(libraries tarvocameraframeboost)
+if(NOT ANDROID)
+    list(APPEND libraries tarvodesktop)
+endif()
+
+set_target_properties(${libraries} PROPERTIES INSTALL_RPATH $ORIGIN)
+install(TARGETS ${libraries} EXPORT TarvoCameraFrameBoostTargets)
+install(FILES
+    cameraframeboost/tarvocameraframeboost.h
+    cameraframeboost/tarvocameraframeboostutils.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/cameraframeboost)
+
+install(EXPORT TarvoCameraFrameBoostTargets
+    NAMESPACE TarvoCameraFrameBoost::
+    DESTINATION ${package_directory})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/TarvoCameraFrameBoostConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    cmake/TarvoCameraFrameBoostConfig.cmake
+    ${PROJECT_BINARY_DIR}/TarvoCameraFrameBoostConfigVersion.cmake
+    DESTINATION ${package_directory})
+
+file(RELATIVE_PATH PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+configure_file(cmake/tarvocameraframeboost.pc.in tarvocameraframeboost.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tarvocameraframeboost.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
