@@ -1,7 +1,6 @@
 #include "cameraframeboost/tarvocameraframeboostutils.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
@@ -48,9 +47,11 @@ class StoreTexts {
 // the library is being loaded, where an exception could still be caught by whoever loads it.
 int32_t ParsePort(const char* text) {
     char* end = nullptr;
-    errno = 0;
+    // A number beyond a long's range reads as the end of that range, which is too much here as
+    // well.
+    static_assert(sizeof(long) > sizeof(int32_t));
     const long port = std::strtol(text, &end, 10);
-    if (end == text || errno == ERANGE || port < std::numeric_limits<int32_t>::min() ||
+    if (end == text || port < std::numeric_limits<int32_t>::min() ||
         port > std::numeric_limits<int32_t>::max()) {
         std::abort();
     }

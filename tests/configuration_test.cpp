@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "tests/expect_abort.h"
 #include "tests/library_test.h"
@@ -11,6 +12,9 @@ namespace {
 
 using desktop::StoreAnswer;
 using desktop::StoreFunction;
+
+using Stages = std::vector<int32_t>;
+using PortSet = std::unordered_set<int32_t>;
 
 class ConfigurationTest : public LibraryTest {
   protected:
@@ -30,8 +34,8 @@ class ConfigurationTest : public LibraryTest {
     }
 
     // The stages of 0 to 9 that are in the table.
-    static std::vector<int32_t> LoadedStages(const LocalConfig& config) {
-        std::vector<int32_t> stages;
+    static Stages LoadedStages(const LocalConfig& config) {
+        Stages stages;
         for (int32_t stage = 0; stage < 10; ++stage) {
             NodePortInfo info;
             if (config.GetNodePortByStage(stage, info)) {
@@ -40,9 +44,13 @@ class ConfigurationTest : public LibraryTest {
         }
         return stages;
     }
-};
 
-using Stages = std::vector<int32_t>;
+    static PortSet Ports(const LocalConfig& config, int32_t stage) {
+        NodePortInfo info;
+        EXPECT_TRUE(config.GetNodePortByStage(stage, info));
+        return info.nodePorts;
+    }
+};
 
 TEST_F(ConfigurationTest, ReadsWhatTheStoreServes) {
     LocalConfig config = Load(THREE_STAGES);
@@ -64,6 +72,7 @@ TEST_F(ConfigurationTest, ReadsWhatTheStoreServes) {
         EXPECT_FALSE(config.UpdateNodeByStage(stage, "x"));
     }
     EXPECT_EQ(info.nodeName, "Sensor") << "a missing stage leaves the record alone";
+    EXPECT_EQ(config.GetStageByNodeName("x"), -1);
 }
 
 TEST_F(ConfigurationTest, DefaultsToOff) {
@@ -78,14 +87,15 @@ TEST_F(ConfigurationTest, DefaultsToOff) {
 }
 
 TEST_F(ConfigurationTest, UnreadableModesSwitchBoostingOffAndMissingOnesDoNot) {
-    Script(StoreFunction::GetUIntegerList, "", [](StoreAnswer& answer) { answer.result = 3; });
-    LocalConfig unreadable = Load(THREE_STAGES);
-    EXPECT_FALSE(unreadable.GetFrameboostSwitch());
-    EXPECT_FALSE(unreadable.IsModeSupported(5)) << "although the store had filled the list";
+    for (const int32_t value : {1, -1}) {
+        Script(StoreFunction::GetUIntegerList, "",
+               [=](StoreAnswer& answer) { answer.result = value; });
+        LocalConfig unreadable = Load(THREE_STAGES);
+        EXPECT_FALSE(unreadable.GetFrameboostSwitch());
+        EXPECT_FALSE(unreadable.IsModeSupported(5)) << "although the store had filled the list";
 
-    for (const int32_t count : {0, -1, std::numeric_limits<int32_t>::min()}) {
         Script(StoreFunction::GetValuesCount, "",
-               [count](StoreAnswer& answer) { answer.result = count; });
+               [=](StoreAnswer& answer) { answer.result = std::min(value, 0); });
         LocalConfig missing = Load(THREE_STAGES);
         EXPECT_TRUE(missing.GetFrameboostSwitch());
         EXPECT_FALSE(missing.IsModeSupported(5));
@@ -97,9 +107,8 @@ TEST_F(ConfigurationTest, TakesModesAsSignedAndFlagsAsNonZero) {
         if (answer.function == StoreFunction::GetUIntegerList) {
             answer.numbers[0] = 4294967295U;
         } else if (answer.function == StoreFunction::GetBoolean) {
-            // Statuses of single values are not looked at.
             *answer.numbers = 2;
-            answer.result = -1;
+            answer.result = -1;  // Statuses of single values are not looked at.
         } else if (answer.function == StoreFunction::GetInteger) {
             *answer.integer = 1234;
             answer.result = -1;
@@ -112,50 +121,42 @@ TEST_F(ConfigurationTest, TakesModesAsSignedAndFlagsAsNonZero) {
 }
 
 TEST_F(ConfigurationTest, AStageThatCannotBeReadEndsTheTable) {
-    Script(StoreFunction::GetLocaleStringList, "1", [](StoreAnswer& answer) { answer.result = 1; });
-    const LocalConfig config = Load(THREE_STAGES);
-    EXPECT_EQ(LoadedStages(config), (Stages{0}));
-    EXPECT_EQ(config.GetStageCount(), 3);
-
+    for (const int32_t status : {1, -1}) {
+        Script(StoreFunction::GetLocaleStringList, "1",
+               [=](StoreAnswer& answer) { answer.result = status; });
+        const LocalConfig config = Load(THREE_STAGES);
+        EXPECT_EQ(LoadedStages(config), (Stages{0}));
+        EXPECT_EQ(config.GetStageCount(), 3);
+    }
     desktop::SetStoreScript(nullptr);
     EXPECT_EQ(LoadedStages(Load(WithStages("0=['A']\n1=['B']\n3=['D']\n"))), (Stages{0, 1}))
-        << "a gap in the numbers";
-
+        << "a gap in the numbers: a count of 0 and a failed read";
     for (const int32_t count : {0, -5}) {
         Script(StoreFunction::GetLocaleKeyCount, "",
-               [count](StoreAnswer& answer) { answer.result = count; });
-        EXPECT_EQ(LoadedStages(Load(THREE_STAGES)), Stages{});
-        EXPECT_EQ(LocalConfig().GetStageCount(), count);
+               [=](StoreAnswer& answer) { answer.result = count; });
+        const LocalConfig config = Load(THREE_STAGES);
+        EXPECT_EQ(LoadedStages(config), Stages{});
+        EXPECT_EQ(config.GetStageCount(), count);
     }
 }
 
 TEST_F(ConfigurationTest, AStageWithoutANameIsSkippedAndANullPortToo) {
     for (const int32_t count : {0, -1, std::numeric_limits<int32_t>::min()}) {
         Script(StoreFunction::GetLocaleKeyValuesCount, "1",
-               [count](StoreAnswer& answer) { answer.result = count; });
+               [=](StoreAnswer& answer) { answer.result = count; });
         EXPECT_EQ(LoadedStages(Load(THREE_STAGES)), (Stages{0, 2})) << count;
     }
     const auto dropText = [](size_t slot) {
-        return [slot](StoreAnswer& answer) {
-            delete[] answer.texts[slot];
-            answer.texts[slot] = nullptr;
-        };
+        return [slot](StoreAnswer& answer) { delete[] std::exchange(answer.texts[slot], nullptr); };
     };
     Script(StoreFunction::GetLocaleStringList, "1", dropText(0));
     EXPECT_EQ(LoadedStages(Load(THREE_STAGES)), (Stages{0, 2}));
-
     Script(StoreFunction::GetLocaleStringList, "0", dropText(1));
-    NodePortInfo info;
-    ASSERT_TRUE(Load(THREE_STAGES).GetNodePortByStage(0, info));
-    EXPECT_EQ(info.nodePorts, (std::unordered_set<int32_t>{2}));
-}
-
-TEST_F(ConfigurationTest, AnArrayThatTheStoreLeavesUnfilledIsNull) {
+    EXPECT_EQ(Ports(Load(THREE_STAGES), 0), (PortSet{2}));
+    // Slots that the store leaves alone were null before.
     Script(StoreFunction::GetLocaleKeyValuesCount, "0",
            [](StoreAnswer& answer) { answer.result = 40; });
-    NodePortInfo info;
-    ASSERT_TRUE(Load(THREE_STAGES).GetNodePortByStage(0, info));
-    EXPECT_EQ(info.nodePorts, (std::unordered_set<int32_t>{1, 2}));
+    EXPECT_EQ(Ports(Load(THREE_STAGES), 0), (PortSet{1, 2}));
 }
 
 TEST_F(ConfigurationTest, ASecondLoadFillsGapsAndKeepsTheOrder) {
@@ -163,21 +164,25 @@ TEST_F(ConfigurationTest, ASecondLoadFillsGapsAndKeepsTheOrder) {
            [](StoreAnswer& answer) { answer.result = 0; });
     LocalConfig config = Load(WithStages("0=['A','1']\n1=['A','2']\n2=['A','3']\n"));
     ASSERT_TRUE(config.UpdateNodeByStage(2, "B"));
-    desktop::SetStoreScript(nullptr);
+    desktop::SetStoreScript([](StoreAnswer& answer) {
+        if (answer.function == StoreFunction::GetInteger) {
+            answer.result = -1;
+            *answer.integer = 0;
+        }
+    });
     EXPECT_TRUE(config.Load());
     EXPECT_EQ(LoadedStages(config), (Stages{0, 1, 2}));
+    EXPECT_EQ(Ports(config, 2), (PortSet{3}));
     EXPECT_EQ(config.GetStageByNodeName("A"), 1) << "stage 2 keeps its new name";
     EXPECT_EQ(config.GetStageByNodeName("AB"), 2);
 }
 
 TEST_F(ConfigurationTest, ReadsPortsLikeLeadingDecimalNumbers) {
-    NodePortInfo info;
-    ASSERT_TRUE(Load(WithStages("0 = ['N', ' 7', '7x', '-1', '+4', '0x10', '12abc', '2147483647', "
-                                "'-2147483648']\n"))
-                    .GetNodePortByStage(0, info));
-    EXPECT_EQ(info.nodePorts,
-              (std::unordered_set<int32_t>{7, -1, 4, 0, 12, std::numeric_limits<int32_t>::max(),
-                                           std::numeric_limits<int32_t>::min()}));
+    EXPECT_EQ(Ports(Load(WithStages("0=['N',' 7','7x','-1','+4','0x10','12abc','2147483647',"
+                                    "'-2147483648']\n")),
+                    0),
+              (PortSet{7, -1, 4, 0, 12, std::numeric_limits<int32_t>::max(),
+                       std::numeric_limits<int32_t>::min()}));
 }
 
 TEST_F(ConfigurationTest, APortThatIsNoNumberEndsTheProcess) {
@@ -190,19 +195,20 @@ TEST_F(ConfigurationTest, APortThatIsNoNumberEndsTheProcess) {
 }
 
 TEST_F(ConfigurationTest, FindsTheHighestStageWhoseNameOccurs) {
+    const char* const plain = "0=['A']\n1=['B']\n2=['XY']\n";
     struct {
         const char* stages;
         const char* node;
         int32_t stage;
     } const cases[] = {
-        {"0=['A']\n1=['B']\n2=['XY']\n", "XY", 2},
-        {"0=['A']\n1=['B']\n2=['XY']\n", "cam_XY1_z", 2},
-        {"0=['A']\n1=['B']\n2=['XY']\n", "xy", -1},
-        {"0=['A']\n1=['B']\n2=['XY']\n", "X", -1},
-        {"0=['A']\n1=['B']\n2=['XY']\n", "", -1},
-        {"0=['A']\n1=['QR']\n2=['B']\n3=['C']\n4=['QR_S']\n", "QR_S0", 4},
-        {"0=['A']\n1=['QR_S']\n2=['B']\n3=['C']\n4=['QR']\n", "QR_S0", 4},
-        {"0=['A']\n1=['QR']\n2=['B']\n3=['C']\n4=['QR_S']\n", "QR", 1},
+        {plain, "XY", 2},
+        {plain, "cam_XY1_z", 2},
+        {plain, "xy", -1},
+        {plain, "X", -1},
+        {plain, "", -1},
+        {"0=['QR']\n1=['C']\n2=['QR_S']\n", "QR_S0", 2},
+        {"0=['QR_S']\n1=['C']\n2=['QR']\n", "QR_S0", 2},
+        {"0=['QR']\n1=['C']\n2=['QR_S']\n", "QR", 0},
         {"0=['A']\n1=['']\n", "A", 1},
         {"0=['A']\n1=['']\n", "", 1},
         {"0=['']\n1=['B']\n", "A", 0},
@@ -215,9 +221,11 @@ TEST_F(ConfigurationTest, FindsTheHighestStageWhoseNameOccurs) {
     // More stages than any hash table keeps in order by accident.
     std::string many;
     for (int stage = 0; stage < 500; ++stage) {
-        many += std::to_string(stage) + "=['N']\n";
+        many += std::to_string(stage) + "=['N" + std::to_string(stage) + "x']\n";
     }
-    EXPECT_EQ(Load(WithStages(many)).GetStageByNodeName("N"), 499);
+    const LocalConfig config = Load(WithStages(many));
+    EXPECT_EQ(config.GetStageByNodeName("N3x N499x N77x"), 499);
+    EXPECT_EQ(config.GetStageByNodeName("N123x"), 123);
 }
 
 TEST_F(ConfigurationTest, AnyMatchingStageCanVouchForAPort) {
@@ -236,34 +244,27 @@ TEST_F(ConfigurationTest, AnyMatchingStageCanVouchForAPort) {
 }
 
 TEST_F(ConfigurationTest, ShowsItselfInTheLogWhenDebugIsOn) {
-    const auto line = [](const std::string& text) {
-        return "D tarvocameraframeboostutils: tarvocameraframeboostutils.cpp " + text;
-    };
-    recorder.Take();
     Load(THREE_STAGES);
     EXPECT_EQ(Effects(), Lines{}) << "debug is off";
-
-    desktop::SetProperty(DEBUG_PROPERTY, "true");
+    SwitchDebugOn(0);
     const LocalConfig config = Load(
         "[TarvoCameraFrameBoostConfig]\n"
         "cameraFrameBoostEnable = true\n"
         "SupportOperationModeList = [255, 10, 0, 4294967295, 10, 2147483648, 32773]\n"
-        "[TarvoCameraFrameBoostConfig.stage]\n"
-        "0 = ['A', 5, -3, 40, 12, 5]\n1 = ['']\n2 = ['Node C', 1]\n");
+        "stage = {0=['A',5,-3,40,12,5],1=[''],2=['Node C',1]}\n");
     const Lines dump = {
-        line("186:DumpConfig() frameboost enable = 1"),
-        line("194:DumpConfig() supportOperationModeList = 0x-800000000x-10x00xA0xFF0x8005"),
-        line("205:DumpConfig() stage = 2, nodename = Node C, nodeport = 1 "),
-        line("205:DumpConfig() stage = 1, nodename = , nodeport = "),
-        line("205:DumpConfig() stage = 0, nodename = A, nodeport = -3 5 12 40 "),
+        "U 186:DumpConfig() frameboost enable = 1",
+        "U 194:DumpConfig() supportOperationModeList = 0x-800000000x-10x00xA0xFF0x8005",
+        "U 205:DumpConfig() stage = 2, nodename = Node C, nodeport = 1 ",
+        "U 205:DumpConfig() stage = 1, nodename = , nodeport = ",
+        "U 205:DumpConfig() stage = 0, nodename = A, nodeport = -3 5 12 40 ",
     };
     EXPECT_EQ(Effects(), dump);
     config.DumpConfig();
     EXPECT_EQ(Effects(), dump) << "and again, whenever asked";
-
     EXPECT_TRUE(Load("").IsLogEnable());
-    EXPECT_EQ(Effects(), (Lines{line("186:DumpConfig() frameboost enable = 0"),
-                                line("194:DumpConfig() supportOperationModeList = ")}));
+    EXPECT_EQ(Effects(), (Lines{"U 186:DumpConfig() frameboost enable = 0",
+                                "U 194:DumpConfig() supportOperationModeList = "}));
 }
 
 }  // namespace

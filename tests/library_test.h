@@ -1,5 +1,5 @@
 // What all tests of the library share: a platform set up per test, and everything that the library
-// did to it as lines of text.
+// did to it in words.
 
 #pragma once
 
@@ -25,12 +25,8 @@ inline std::string WithStages(const std::string& stages) {
            stages;
 }
 
-inline const std::string THREE_STAGES = WithStages(
-    "0 = ['Sensor', '1', '2']\n"
-    "1 = ['Filter', '3']\n"
-    "2 = ['Encoder', '4']\n");
-
-inline const std::string DEBUG_PROPERTY = "vendor.tarvo.camera.frameboost.debug.enable";
+inline const std::string THREE_STAGES =
+    WithStages("0=['Sensor','1','2']\n1=['Filter','3']\n2=['Encoder','4']\n");
 
 class LibraryTest : public testing::Test {
   protected:
@@ -44,30 +40,53 @@ class LibraryTest : public testing::Test {
 
     // Loads the library's configuration anew. Effects of that are dropped.
     void Configure(const std::string& toml) {
-        const auto error = desktop::LoadConfiguration(toml, "test.toml");
-        ASSERT_FALSE(error) << *error;
+        ASSERT_FALSE(desktop::LoadConfiguration(toml, "test.toml"));
         TarvoCameraFrameBoost::localConfig = LocalConfig();
         recorder.Take();
     }
 
     void SwitchDebugOn(uint64_t traceTags) {
-        desktop::SetProperty(DEBUG_PROPERTY, "true");
+        desktop::SetProperty("vendor.tarvo.camera.frameboost.debug.enable", "true");
         desktop::SetTraceTags(traceTags);
         TarvoCameraFrameBoost::localConfig = LocalConfig();
         recorder.Take();
     }
 
-    // Everything since the last call. Where a log line's number is that of its statement, it reads
-    // as "N".
+    // Everything since the last call, a line each. Tags and files read as "F" for the facade and
+    // "U" for the other unit; where a line's number is that of its statement, it reads as "N".
     Lines Effects() {
-        static const std::regex ownNumber(" [1-9][0-9]*:(TcfbtNotify(Stage|Node))");
+        static const std::pair<std::regex, const char*> shorter[] = {
+            {std::regex("^D cameraframeboost: tarvocameraframeboost.cpp "), "F "},
+            {std::regex("^D tarvocameraframeboostutils: tarvocameraframeboostutils.cpp "), "U "},
+            {std::regex("^F [1-9][0-9]*:(TcfbtNotify(Stage|Node))"), "F N:$1"},
+        };
         Lines lines;
         for (const desktop::Effect& effect : recorder.Take()) {
-            const std::string line =
-                std::visit([](const auto& event) { return ToString(event); }, effect.event);
-            lines.push_back(std::regex_replace(line, ownNumber, " N:$1"));
+            lines.push_back(
+                std::visit([](const auto& event) { return ToString(event); }, effect.event));
+            for (const auto& [pattern, replacement] : shorter) {
+                lines.back() = std::regex_replace(lines.back(), pattern, replacement);
+            }
         }
         return lines;
+    }
+
+    // The service calls since the last call, in one line and in short: "FrameStart 7" and so on,
+    // values separated by slashes.
+    std::string Calls() {
+        static const std::pair<std::regex, const char*> shorter[] = {
+            {std::regex("cfbt(Notify)?"), ""},       {std::regex("[a-zA-Z0-9]+="), ""},
+            {std::regex("[)\\[\\]]"), ""},           {std::regex("\\("), " "},
+            {std::regex("(\\d), (?=-?\\d)"), "$1/"},
+        };
+        std::string calls;
+        for (std::string call : Effects()) {
+            for (const auto& [pattern, replacement] : shorter) {
+                call = std::regex_replace(call, pattern, replacement);
+            }
+            calls += (calls.empty() ? "" : "; ") + call;
+        }
+        return calls;
     }
 
     // A facade with a started scene. Effects of that are dropped.
