@@ -46,6 +46,11 @@ TEST_F(NotificationTest, FoldsTheServicesStatusOfEventsOnly) {
         EXPECT_EQ(boost.TcfbtNotifyStageEnd(0, 1, "n"), 0) << "a report is not in the result";
         boost.TcfbtNotifyFrameEnd(1);
     }
+    for (int64_t frame = 1; frame <= CAPACITY + 1; ++frame) {
+        recorder.Take();
+        EXPECT_EQ(boost.TcfbtNotifyFrameStart(frame), 1);
+    }
+    EXPECT_EQ(Calls(), "FrameStart 17 = -7; ErrOfUser 0/1/-1/-1 = -7") << "nor in the way of it";
 }
 
 TEST_F(NotificationTest, ReportsNothingOnceTheServiceHasEndedTheScene) {

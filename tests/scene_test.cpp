@@ -25,8 +25,10 @@ TEST_F(SceneTest, TakesTheServicesWordForIt) {
     EXPECT_EQ(boost.TcfbtNotifySceneStart(5), 0);
     EXPECT_EQ(boost.TcfbtNotifyFrameStart(1), 0);
     desktop::SetServiceStatus(ServiceFunction::SceneStart, 4);
+    LocalConfig::enable = true;
     EXPECT_EQ(boost.TcfbtNotifySceneStart(5), 4) << "the scene that runs goes on";
-    recorder.Take();
+    EXPECT_EQ(Effects().back(), "F 79:TcfbtNotifySceneStart() isSceneStarted = false");
+    LocalConfig::enable = false;
     desktop::SetServiceStatus(ServiceFunction::SceneEnd, 3);
     desktop::SetServiceStatus(ServiceFunction::RemoveTids, 8);
     EXPECT_EQ(boost.TcfbtNotifyFrameEnd(1), 0) << "with its frames";

@@ -164,7 +164,9 @@ void Player::Play(const Recording& recording, size_t line) {
                 reportNodeEnd(static_cast<size_t>(stage), frame);
             }
         }
-        progress(std::min(newest, last) - first + 1, recording.frames);
+        if (newest <= last) {
+            progress(newest - first + 1, recording.frames);
+        }
         if (realTime && sceneFps > 0) {
             due += std::chrono::nanoseconds(std::chrono::seconds(1)) / sceneFps;
             std::this_thread::sleep_until(due);
