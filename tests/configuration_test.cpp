@@ -164,16 +164,14 @@ TEST_F(ConfigurationTest, ASecondLoadFillsGapsAndKeepsTheOrder) {
            [](StoreAnswer& answer) { answer.result = 0; });
     LocalConfig config = Load(WithStages("0=['A','1']\n1=['A','2']\n2=['A','3']\n"));
     ASSERT_TRUE(config.UpdateNodeByStage(2, "B"));
-    desktop::SetStoreScript([](StoreAnswer& answer) {
-        if (answer.function == StoreFunction::GetInteger) {
-            answer.result = -1;
-            *answer.integer = 0;
-        }
-    });
+    desktop::SetStoreScript(nullptr);
+    desktop::LoadConfiguration(
+        "[TarvoCameraFrameBoostConfig]\nstage = {0=['Z'],1=['A','2'],2=['Z']}\n", "test.toml");
     EXPECT_TRUE(config.Load());
     EXPECT_EQ(LoadedStages(config), (Stages{0, 1, 2}));
     EXPECT_EQ(Ports(config, 2), (PortSet{3}));
-    EXPECT_EQ(config.GetStageByNodeName("A"), 1) << "stage 2 keeps its new name";
+    EXPECT_EQ(config.GetAdditionalSupportedWidth(), 0);
+    EXPECT_EQ(config.GetStageByNodeName("A"), 1) << "what was there stays";
     EXPECT_EQ(config.GetStageByNodeName("AB"), 2);
 }
 

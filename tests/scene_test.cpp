@@ -56,10 +56,13 @@ TEST_F(SceneTest, SharesThreadsAmongObjectsAndKeepsScenesApart) {
     boost.TcfbtAddTempTids(1);
     StartScene(boost);
     EXPECT_EQ(other.TcfbtNotifySceneEnd(), -1);
-    EXPECT_EQ(TarvoCameraFrameBoost::tempTids.size(), 1U) << "it had no scene to end";
+    boost.TcfbtAddTempTids(1);
+    boost.TcfbtRemoveTids({1});
+    EXPECT_EQ(TarvoCameraFrameBoost::tempTids.size(), 2U) << "it had no scene to end";
     StartScene(other);
     other.TcfbtNotifySceneEnd();
     EXPECT_EQ(Calls(), "SceneEnd 0; RemoveTids 0/1");
+    EXPECT_TRUE(TarvoCameraFrameBoost::tempTids.empty());
     boost.TcfbtSetTids();
     EXPECT_EQ(Calls(), "AddTids 0/1") << "the scene remembers what it has handed over";
 }

@@ -1,0 +1,17 @@
+// What a HAL is to the loader: a module that comes with the library and goes with it.
+
+#include "cameraframeboost/tarvocameraframeboost.h"
+
+// Plays the first frame of a scene in `mode` through the loaded configuration. Returns the number
+// of stages, or -1 when the scene is refused.
+extern "C" int32_t PlayFirstFrame(int32_t mode) {
+    TarvoCameraFrameBoost boost;
+    boost.TcfbtAddPersistTids("SoloThreadManager", 1);
+    boost.TcfbtSetSceneInfo(true, 3840, 60);
+    if (boost.TcfbtNotifySceneStart(mode) != 0) {
+        return -1;
+    }
+    boost.TcfbtNotifyFrameStart(1);
+    boost.TcfbtNotifySceneEnd();
+    return TarvoCameraFrameBoost::localConfig.GetStageCount();
+}
