@@ -26,11 +26,26 @@ bool ReadDebugSwitch() {
     return property_get_bool("vendor.tarvo.camera.frameboost.debug.enable", 0) != 0;
 }
 
+struct FreeArray {
+    void operator()(void* array) const { std::free(array); }
+};
+template <typename T>
+using StoreArray = std::unique_ptr<T[], FreeArray>;
+
+// An array of zeros for the store to fill, of the length that the store asks for. Memory is taken
+// when it is written to, so a length that is absurd does no harm. Null where it is too absurd.
+template <typename T>
+StoreArray<T> MakeStoreArray(int32_t length) {
+    // An array of nothing may be null as well.
+    const auto size = static_cast<size_t>(std::max(length, 1));
+    return StoreArray<T>(static_cast<T*>(std::calloc(size, sizeof(T))));
+}
+
 // An array of texts that the store fills; owns the array and every text in it.
 class StoreTexts {
   public:
     explicit StoreTexts(int32_t count)
-        : texts(std::make_unique<char*[]>(static_cast<size_t>(count))), length(count) {}
+        : texts(MakeStoreArray<char*>(count)), length(texts == nullptr ? 0 : count) {}
     StoreTexts(const StoreTexts&) = delete;
     StoreTexts& operator=(const StoreTexts&) = delete;
     ~StoreTexts() { std::for_each(Data(), Data() + length, std::default_delete<char[]>()); }
@@ -39,7 +54,7 @@ class StoreTexts {
     const char* operator[](int32_t index) const { return texts[static_cast<size_t>(index)]; }
 
   private:
-    std::unique_ptr<char*[]> texts;
+    StoreArray<char*> texts;
     int32_t length;
 };
 
@@ -111,8 +126,9 @@ void LocalConfig::LoadSupportedModes() {
         return;
     }
     const auto length = static_cast<uint32_t>(count);
-    const auto modes = std::make_unique<uint32_t[]>(length);
-    if (GetUIntegerListConfiguration(SECTION, KEY_OPERATION_MODES, modes.get(), length) != 0) {
+    const auto modes = MakeStoreArray<uint32_t>(count);
+    if (modes == nullptr ||
+        GetUIntegerListConfiguration(SECTION, KEY_OPERATION_MODES, modes.get(), length) != 0) {
         // A list that exists but cannot be read must not leave boosting half configured.
         frameboostSwitch = false;
         return;
@@ -126,13 +142,13 @@ void LocalConfig::LoadStages() {
     for (int32_t stage = 0; stage < stageCount; ++stage) {
         char localeKey[LOCALE_KEY_SIZE] = {};
         std::snprintf(localeKey, sizeof(localeKey), "%d", stage);
-        const int32_t count = GetLocaleKeyValuesCount(SECTION, KEY_STAGE, localeKey);
-        if (count < 0) {
-            continue;
-        }
+        // Below 0 means none. Such a list is asked for all the same: whether the store can read it
+        // decides whether the table goes on.
+        const int32_t count = std::max(GetLocaleKeyValuesCount(SECTION, KEY_STAGE, localeKey), 0);
         StoreTexts texts(count);
-        if (GetLocaleStringListConfiguration(SECTION, KEY_STAGE, localeKey, texts.Data(), count) !=
-            0) {
+        if (texts.Data() == nullptr ||
+            GetLocaleStringListConfiguration(SECTION, KEY_STAGE, localeKey, texts.Data(), count) !=
+                0) {
             return;
         }
         if (count == 0 || texts[0] == nullptr) {

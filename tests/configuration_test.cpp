@@ -7,6 +7,7 @@
 
 #include "tests/expect_abort.h"
 #include "tests/library_test.h"
+#include "tests/store_contents.h"
 
 namespace {
 
@@ -86,77 +87,50 @@ TEST_F(ConfigurationTest, DefaultsToOff) {
     EXPECT_FALSE(config.IsStagePortVaild("Sensor", 1));
 }
 
-TEST_F(ConfigurationTest, UnreadableModesSwitchBoostingOffAndMissingOnesDoNot) {
-    for (const int32_t value : {1, -1}) {
-        Script(StoreFunction::GetUIntegerList, "",
-               [=](StoreAnswer& answer) { answer.result = value; });
-        LocalConfig unreadable = Load(THREE_STAGES);
-        EXPECT_FALSE(unreadable.GetFrameboostSwitch());
-        EXPECT_FALSE(unreadable.IsModeSupported(5)) << "although the store had filled the list";
-
-        Script(StoreFunction::GetValuesCount, "",
-               [=](StoreAnswer& answer) { answer.result = std::min(value, 0); });
-        LocalConfig missing = Load(THREE_STAGES);
-        EXPECT_TRUE(missing.GetFrameboostSwitch());
-        EXPECT_FALSE(missing.IsModeSupported(5));
-    }
-}
-
-TEST_F(ConfigurationTest, TakesModesAsSignedAndFlagsAsNonZero) {
-    desktop::SetStoreScript([](StoreAnswer& answer) {
-        if (answer.function == StoreFunction::GetUIntegerList) {
-            answer.numbers[0] = 4294967295U;
-        } else if (answer.function == StoreFunction::GetBoolean) {
-            *answer.numbers = 2;
-            answer.result = -1;  // Statuses of single values are not looked at.
-        } else if (answer.function == StoreFunction::GetInteger) {
-            *answer.integer = 1234;
-            answer.result = -1;
-        }
-    });
-    LocalConfig config = Load(THREE_STAGES);
-    EXPECT_TRUE(config.IsModeSupported(-1));
-    EXPECT_TRUE(config.GetFrameboostSwitch());
-    EXPECT_EQ(config.GetAdditionalSupportedWidth(), 1234);
-}
-
-TEST_F(ConfigurationTest, AStageThatCannotBeReadEndsTheTable) {
-    for (const int32_t status : {1, -1}) {
-        Script(StoreFunction::GetLocaleStringList, "1",
-               [=](StoreAnswer& answer) { answer.result = status; });
-        const LocalConfig config = Load(THREE_STAGES);
-        EXPECT_EQ(LoadedStages(config), (Stages{0}));
-        EXPECT_EQ(config.GetStageCount(), 3);
-    }
-    desktop::SetStoreScript(nullptr);
-    EXPECT_EQ(LoadedStages(Load(WithStages("0=['A']\n1=['B']\n3=['D']\n"))), (Stages{0, 1}))
-        << "a gap in the numbers: a count of 0 and a failed read";
-    for (const int32_t count : {0, -5}) {
-        Script(StoreFunction::GetLocaleKeyCount, "",
-               [=](StoreAnswer& answer) { answer.result = count; });
-        const LocalConfig config = Load(THREE_STAGES);
-        EXPECT_EQ(LoadedStages(config), Stages{});
-        EXPECT_EQ(config.GetStageCount(), count);
-    }
-}
-
-TEST_F(ConfigurationTest, AStageWithoutANameIsSkippedAndANullPortToo) {
-    for (const int32_t count : {0, -1, std::numeric_limits<int32_t>::min()}) {
-        Script(StoreFunction::GetLocaleKeyValuesCount, "1",
-               [=](StoreAnswer& answer) { answer.result = count; });
-        EXPECT_EQ(LoadedStages(Load(THREE_STAGES)), (Stages{0, 2})) << count;
-    }
-    const auto dropText = [](size_t slot) {
-        return [slot](StoreAnswer& answer) { delete[] std::exchange(answer.texts[slot], nullptr); };
+// Every way in which a list can go wrong at each of three stages, with every way in which the modes
+// can.
+TEST_F(ConfigurationTest, MakesTheBestOfAStoreThatFails) {
+    constexpr int32_t LOWEST = std::numeric_limits<int32_t>::min();
+    const std::vector<StoreContents::List<uint32_t>> modes = {{2, 0, {5, 4294967295U, 7}},
+                                                              {2, 1, {5, 9}},
+                                                              {4, 0, {9}},
+                                                              {0, -1, {5}},
+                                                              {-1, 0, {5}},
+                                                              {LOWEST, 0, {}},
+                                                              {100000, -1, {}}};
+    const std::vector<StoreContents::List<StoreContents::Text>> lists = {
+        {3, 0, {"A", "1", "2"}},
+        {2, 0, {"AB", std::nullopt, "not asked for"}},
+        {3, 0, {std::nullopt, "1", "x, but nobody reads it"}},
+        {3, 1, {"partly", "1"}},
+        {2, -1, {"all of it", "1"}},
+        {0, 0, {"A"}},
+        {0, -1, {}},
+        {-1, 0, {"A"}},
+        {LOWEST, 1, {}},
+        {100000, 0, {"\x01\xff%s\n", "\t+3\xff"}},
+        {100000, -1, {}},
     };
-    Script(StoreFunction::GetLocaleStringList, "1", dropText(0));
-    EXPECT_EQ(LoadedStages(Load(THREE_STAGES)), (Stages{0, 2}));
-    Script(StoreFunction::GetLocaleStringList, "0", dropText(1));
-    EXPECT_EQ(Ports(Load(THREE_STAGES), 0), (PortSet{2}));
-    // Slots that the store leaves alone were null before.
-    Script(StoreFunction::GetLocaleKeyValuesCount, "0",
-           [](StoreAnswer& answer) { answer.result = 40; });
-    EXPECT_EQ(Ports(Load(THREE_STAGES), 0), (PortSet{1, 2}));
+    StoreContents contents;
+    for (size_t code = 0; code < lists.size() * lists.size() * lists.size(); ++code) {
+        contents.modes = modes[code % modes.size()];
+        contents.stages = {lists[code % lists.size()], lists[code / lists.size() % lists.size()],
+                           lists[code / lists.size() / lists.size()]};
+        contents.stageCount = code % 5 == 0 ? static_cast<int32_t>(code % 3) - 2 : 3;
+        contents.valueStatus = code % 2 == 0 ? 0 : -1;  // It is not looked at.
+        contents.width = code % 3 == 0 ? std::nullopt : std::make_optional(-4096);
+        contents.flag = code % 3 == 1 ? std::nullopt : std::make_optional(2U);
+        contents.Serve();
+        LocalConfig config;
+        ASSERT_EQ(contents.Compare(config, {"A", "xABx", "partly", ""}), "") << code;
+    }
+    constexpr int32_t HUGE_COUNT = 1 << 28;
+    contents.modes = {HUGE_COUNT, -1, {}};
+    contents.stages = {lists[0], {HUGE_COUNT, -1, {"A"}}};
+    contents.stageCount = std::numeric_limits<int32_t>::max();
+    contents.Serve();
+    LocalConfig config;
+    EXPECT_EQ(contents.Compare(config, {"A"}), "") << "no memory for what nobody fills";
 }
 
 TEST_F(ConfigurationTest, ASecondLoadFillsGapsAndKeepsTheOrder) {
