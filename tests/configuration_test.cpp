@@ -124,7 +124,7 @@ TEST_F(ConfigurationTest, MakesTheBestOfAStoreThatFails) {
         LocalConfig config;
         ASSERT_EQ(contents.Compare(config, {"A", "xABx", "partly", ""}), "") << code;
     }
-    constexpr int32_t HUGE_COUNT = 1 << 28;
+    constexpr int32_t HUGE_COUNT = 1 << 24;
     contents.modes = {HUGE_COUNT, -1, {}};
     contents.stages = {lists[0], {HUGE_COUNT, -1, {"A"}}};
     contents.stageCount = std::numeric_limits<int32_t>::max();

@@ -1,0 +1,139 @@
+// Any HAL calls in any order: what the service is told stays within its contract, and the frame
+// table within its bounds.
+
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <set>
+
+#include "fuzz/call_codec.h"
+#include "tests/contract.h"
+
+namespace {
+
+using desktop::ServiceFunction;
+
+// Stage tables, so different that any mistake about them shows.
+const std::vector<LocalConfig>& Configurations() {
+    static const std::vector<LocalConfig> configurations = [] {
+        std::vector<LocalConfig> made(1);  // The sample.
+        for (const char* stages :
+             {"0=['X','1']", "0=['M','1']\n1=['MCTFE0','2']\n2=['','1']",
+              "0=['S','1','3']\n1=['T','8']\n2=['V']\n3=[['cannot be read']]", ""}) {
+            desktop::LoadConfiguration(std::string("[TarvoCameraFrameBoostConfig]\n"
+                                                   "cameraFrameBoostEnable = true\n"
+                                                   "SupportOperationModeList = [0x8001]\n"
+                                                   "[TarvoCameraFrameBoostConfig.stage]\n") +
+                                           stages,
+                                       "fuzz");
+            made.emplace_back();
+        }
+        // Why an event is refused stands in the log alone. That is read here, not shown.
+        desktop::SetLogToStderr(false);
+        desktop::SetTraceTags(0x400);
+        LocalConfig::enable = true;
+        return made;
+    }();
+    return configurations;
+}
+
+void Require(bool holds, const std::string& what) {
+    if (!holds) {
+        std::fprintf(stderr, "%s\n", what.c_str());
+        std::abort();
+    }
+}
+
+class Player : private Contract {
+  public:
+    explicit Player(const LocalConfig& configuration) : Contract(configuration.GetStageCount()) {
+        TarvoCameraFrameBoost::localConfig = configuration;
+        TarvoCameraFrameBoost::persistTids.clear();
+        TarvoCameraFrameBoost::tempTids.clear();
+        for (int32_t function = 0; function < 9; ++function) {
+            desktop::SetServiceStatus(static_cast<ServiceFunction>(function), 0);
+        }
+    }
+
+    void Play(const replay::Call& call) {
+        const std::string name(call.operation->name);
+        const bool wasStarted = isStarted;
+        isHalReporting = name == "TcfbtNotifyErrorFrame";
+        isStageEvent = name.find("NotifyStage") != std::string::npos;
+        const std::optional<int32_t> result = call.operation->call(boost, call.arguments);
+        isHalReporting = false;
+        SettleSceneEnd();
+        Require(violation.empty(), "after " + name + ": " + violation);
+        const bool isEvent = isStageEvent || name.find("Frame") != std::string::npos;
+        if (isEvent && !(isStarted && name == "TcfbtNotifyErrorFrame")) {
+            Require(wasStarted ? result == 0 || result == 1 : result == -1,
+                    name + " = " + std::to_string(*result));
+        }
+        for (const replay::Value& value : call.arguments) {
+            if (const auto* frame = std::get_if<int64_t>(&value)) {
+                const auto number = static_cast<uint32_t>(*frame);
+                candidates.insert(static_cast<int32_t>(number));
+                candidates.insert(static_cast<int32_t>(number + 1));
+            }
+        }
+        if (isStarted) {
+            LookIntoTable();
+            Require(wasStarted || candidates.empty(), "frames of an earlier scene");
+        }
+    }
+
+  private:
+    // Which frames are tracked shows in what becomes of a stage that does not exist: nothing
+    // changes by it.
+    void LookIntoTable() {
+        for (auto candidate = candidates.begin(); candidate != candidates.end();) {
+            const int32_t frame = *candidate;
+            const int64_t reports = Count(ServiceFunction::NotifyErrOfUser);
+            isUnknown = false;
+            isStageEvent = true;
+            boost.TcfbtNotifyStageStart(-2, frame, 0, 0, "");
+            if (isUnknown && frame == -1) {
+                // A number that stands for none in reports: it may have been pushed out silently.
+                openFrames.erase(frame);
+            }
+            const bool isReported = Count(ServiceFunction::NotifyErrOfUser) != reports;
+            Require(violation.empty() && isReported == (openFrames.count(frame) != 0) &&
+                        !(isReported && isUnknown),
+                    "frame " + std::to_string(frame) + ": " + violation);
+            candidate = isUnknown ? candidates.erase(candidate) : std::next(candidate);
+        }
+        Require(candidates.size() <= FrameTracker::DEFAULT_MAX_FRAME_TRACKED, "too many frames");
+    }
+
+    void OnEffect(const desktop::Effect& effect) override {
+        Contract::OnEffect(effect);
+        if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
+            isUnknown = isUnknown || line->format ==
+                                         "%s %d:%s() frameNumber not exist, "
+                                         "frameNumber = %ld";
+        }
+    }
+
+    TarvoCameraFrameBoost boost;
+    std::set<int32_t> candidates;  // All that may be tracked.
+    bool isUnknown = false;        // The frame asked for is not tracked.
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    fuzz::Reader reader(data, size);
+    const auto& configurations = Configurations();
+    const auto& operations = replay::Operations();
+    Player player(configurations[reader.Byte() % configurations.size()]);
+    while (!reader.IsAtEnd()) {
+        const size_t choice = reader.Byte() % (operations.size() + 1);
+        if (choice < operations.size()) {
+            player.Play(reader.Call(operations[choice]));
+        } else {
+            const auto function = static_cast<ServiceFunction>(reader.Byte() % 9);
+            desktop::SetServiceStatus(function, static_cast<int32_t>(reader.Number()));
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,78 @@
+// Any session file: it is played or refused with file and line, and the same in either form.
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+
+#include "tools/replay/replay.h"
+#include "tools/replay/session.h"
+
+namespace {
+
+void Require(bool holds, const std::string& what) {
+    if (!holds) {
+        std::fprintf(stderr, "%s\n", what.c_str());
+        std::abort();
+    }
+}
+
+// Recordings may be as long as the player has patience; a fuzzer has none.
+bool IsShort(const std::string& text) {
+    std::istringstream session(text);
+    for (std::string line; std::getline(session, line);) {
+        try {
+            const replay::Line parsed = replay::ParseLine(line);
+            const auto* recording = std::get_if<replay::Recording>(&parsed);
+            if (recording != nullptr && recording->frames > 20) {
+                return false;
+            }
+        } catch (const replay::SessionError&) {
+            return true;
+        }
+    }
+    return true;
+}
+
+struct Play {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+Play PlayOnce(const std::string& text, const replay::Options& options) {
+    std::istringstream session(text);
+    std::ostringstream out;
+    std::ostringstream err;
+    const int status = replay::Replay(options, session, "name", out, err);
+    return {status, out.str(), err.str()};
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string text(data, data + size);
+    if (!IsShort(text)) {
+        return -1;
+    }
+    replay::Options options;
+    const Play play = PlayOnce(text, options);
+    options.withDebug = true;
+    options.isJson = true;
+    const Play json = PlayOnce(text, options);
+    Require(play.status == json.status && play.err == json.err, "not the same twice");
+    if (play.status == replay::PLAYED) {
+        Require(play.err.empty() && !play.out.empty(), play.err);
+    } else {
+        Require(play.status == replay::BAD_INPUT && play.err.rfind("name:", 0) == 0 &&
+                    play.err.find('\n') == play.err.size() - 1,
+                play.err);
+    }
+    std::istringstream lines(json.out);
+    for (std::string line; std::getline(lines, line);) {
+        Require(nlohmann::json::accept(line), line);
+    }
+    return 0;
+}
