@@ -41,7 +41,8 @@
 // once. The scene operations (TcfbtSetVersion, TcfbtSetSceneInfo, TcfbtNotifySceneStart and
 // TcfbtNotifySceneEnd) write fields that the others read without a lock: call them while no other
 // thread is in the object. The service is never called with a lock held; from inside its functions
-// it may call frame, stage, node and thread id operations, but not start or end a scene.
+// it may call frame, stage, node and thread id operations, and end the scene unless
+// TcfbtNotifySceneStart is under way, but not describe or start one.
 //
 // Frame numbers are the HAL's, 64 bits wide. Frames are told apart by the low 32 bits, which is
 // also what service and trace see. Stages count from 0 to the configured number of stages less one.

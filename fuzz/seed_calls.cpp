@@ -6,6 +6,7 @@
 
 #include "fuzz/call_codec.h"
 
+// NOLINTNEXTLINE(bugprone-exception-escape): a session that cannot be read ends the build.
 int main(int count, char** arguments) {
     for (int i = 2; i < count; ++i) {
         const std::filesystem::path path = arguments[i];

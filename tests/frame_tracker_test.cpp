@@ -169,6 +169,9 @@ TEST_F(FrameTrackerTest, ReportsAStageOutOfRangeEachTimeAndAFrameOutOfSequenceNe
     // Without the check of the frame before it.
     bool isError = false;
     EXPECT_FALSE(tracker.CheckStagesStatus(5, 1, START, isError));
+    EXPECT_FALSE(tracker.CheckStagesStatus(5, 0, END, isError));
+    EXPECT_FALSE(tracker.CheckStagesStatus(9, 0, START, isError));
+    EXPECT_EQ(Effects(), Lines{});
     SwitchDebugOn(0);
     EXPECT_FALSE(tracker.CheckStagesStatus(9, 0, START, isError));
     EXPECT_FALSE(isError);

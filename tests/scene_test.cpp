@@ -23,17 +23,22 @@ TEST_F(SceneTest, TakesTheServicesWordForIt) {
     // What a refused start leaves behind are the threads; the next scene end takes them back.
     desktop::SetServiceStatus(ServiceFunction::SceneStart, 0);
     EXPECT_EQ(boost.TcfbtNotifySceneStart(5), 0);
+    desktop::SetServiceStatus(ServiceFunction::SceneEnd, 3);
+    EXPECT_EQ(boost.TcfbtNotifySceneEnd(), 3);
+    boost.TcfbtAddTempTids(100);
+    boost.TcfbtSetSceneInfo(true, 3840, 60);
+    EXPECT_EQ(boost.TcfbtNotifySceneStart(5), 0);
     EXPECT_EQ(boost.TcfbtNotifyFrameStart(1), 0);
     desktop::SetServiceStatus(ServiceFunction::SceneStart, 4);
     LocalConfig::enable = true;
     EXPECT_EQ(boost.TcfbtNotifySceneStart(5), 4) << "the scene that runs goes on";
     EXPECT_EQ(Effects().back(), "F 79:TcfbtNotifySceneStart() isSceneStarted = false");
     LocalConfig::enable = false;
-    desktop::SetServiceStatus(ServiceFunction::SceneEnd, 3);
     desktop::SetServiceStatus(ServiceFunction::RemoveTids, 8);
     EXPECT_EQ(boost.TcfbtNotifyFrameEnd(1), 0) << "with its frames";
     EXPECT_EQ(boost.TcfbtRemoveTids({5}), 8);
-    EXPECT_EQ(boost.TcfbtNotifySceneEnd(), 3);
+    boost.DumpInfo();
+    boost.TcfbtSetSceneInfo(false, 3840, 60);
     EXPECT_EQ(boost.TcfbtNotifySceneStart(5), -1) << "the next scene has to be described";
     EXPECT_EQ(boost.TcfbtSetTids(), 6);
     EXPECT_EQ(

@@ -96,11 +96,11 @@ struct StoreContents {
                 continue;
             }
             NodePortInfo& info = table[stage];
-            info.nodeName = values[0]->c_str();  // Up to the first zero.
+            info.nodeName = values[0]->substr(0, values[0]->find('\0'));
             for (size_t i = 1; i < filled; ++i) {
                 try {
                     if (values[i]) {
-                        info.nodePorts.insert(std::stoi(values[i]->c_str()));
+                        info.nodePorts.insert(std::stoi(*values[i]));
                     }
                 } catch (const std::logic_error&) {
                     return std::nullopt;
