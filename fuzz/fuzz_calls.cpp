@@ -5,9 +5,10 @@
 #include <cstdlib>
 #include <optional>
 #include <set>
+#include <sstream>
 
-#include "fuzz/call_codec.h"
 #include "tests/contract.h"
+#include "tools/replay/session.h"
 
 namespace {
 
@@ -50,9 +51,7 @@ class Player : private Contract {
         TarvoCameraFrameBoost::localConfig = configuration;
         TarvoCameraFrameBoost::persistTids.clear();
         TarvoCameraFrameBoost::tempTids.clear();
-        for (int32_t function = 0; function < 9; ++function) {
-            desktop::SetServiceStatus(static_cast<ServiceFunction>(function), 0);
-        }
+        LetServiceAnswer(0);
     }
 
     void Play(const replay::Call& call) {
@@ -63,10 +62,12 @@ class Player : private Contract {
         const std::optional<int32_t> result = call.operation->call(boost, call.arguments);
         isHalReporting = false;
         SettleSceneEnd();
+        if (name == "TcfbtSetVersion") {
+            LetServiceAnswer(std::min(std::get<int32_t>(call.arguments[0]), 0));
+        }
         Require(violation.empty(), "after " + name + ": " + violation);
-        const bool isEvent = isStageEvent || name.find("Frame") != std::string::npos;
-        if (isEvent && !(isStarted && name == "TcfbtNotifyErrorFrame")) {
-            Require(wasStarted ? result == 0 || result == 1 : result == -1,
+        if (isStageEvent || name == "TcfbtNotifyFrameStart" || name == "TcfbtNotifyFrameEnd") {
+            Require(wasStarted ? *result == 0 || *result == 1 : *result == -1,
                     name + " = " + std::to_string(*result));
         }
         for (const replay::Value& value : call.arguments) {
@@ -83,6 +84,12 @@ class Player : private Contract {
     }
 
   private:
+    static void LetServiceAnswer(int32_t status) {
+        for (int32_t function = 0; function < 9; ++function) {
+            desktop::SetServiceStatus(static_cast<ServiceFunction>(function), status);
+        }
+    }
+
     // Which frames are tracked shows in what becomes of a stage that does not exist: nothing
     // changes by it.
     void LookIntoTable() {
@@ -121,18 +128,20 @@ class Player : private Contract {
 
 }  // namespace
 
+// The input is a session file; what is no call in it is passed over. Its first byte picks the
+// configuration, a negative version what the service answers.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::Reader reader(data, size);
     const auto& configurations = Configurations();
-    const auto& operations = replay::Operations();
-    Player player(configurations[reader.Byte() % configurations.size()]);
-    while (!reader.IsAtEnd()) {
-        const size_t choice = reader.Byte() % (operations.size() + 1);
-        if (choice < operations.size()) {
-            player.Play(reader.Call(operations[choice]));
-        } else {
-            const auto function = static_cast<ServiceFunction>(reader.Byte() % 9);
-            desktop::SetServiceStatus(function, static_cast<int32_t>(reader.Number()));
+    Player player(configurations[size == 0 ? 0 : *data % configurations.size()]);
+    std::istringstream session(std::string(data, data + size));
+    for (std::string text; std::getline(session, text);) {
+        try {
+            const replay::Line line = replay::ParseLine(text);
+            if (const auto* call = std::get_if<replay::Call>(&line)) {
+                player.Play(*call);
+            }
+        } catch (const replay::SessionError&) {
+            continue;
         }
     }
     return 0;

@@ -13,76 +13,62 @@ using desktop::ServiceFunction;
 
 constexpr int32_t STAGES = 5;
 
+void NodeEnd(TarvoCameraFrameBoost& boost, int32_t stage, int64_t frame) {
+    boost.TcfbtNotifyNodeEnd(frame, "Node" + std::to_string(stage), 1, 0, true);
+}
+
 class PipelineTest : public LibraryTest {
   protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        std::string stages;
-        for (int32_t stage = 0; stage < STAGES; ++stage) {
-            stages += std::to_string(stage) + "=['" + Node(stage) + "','1']\n";
-        }
-        Configure(WithStages(stages));
-    }
-
-    static std::string Node(int32_t stage) { return "Node" + std::to_string(stage); }
-
-    static void NodeEnd(TarvoCameraFrameBoost& boost, int32_t stage, int64_t frame) {
-        boost.TcfbtNotifyNodeEnd(frame, Node(stage) + "_0", 1, 0, true);
+        Configure(
+            WithStages("0=['Node0',1]\n1=['Node1',1]\n2=['Node2',1]\n3=['Node3',1]\n"
+                       "4=['Node4',1]\n"));
     }
 };
 
-// A scene of a camera that is all threads: one a stage, which hand frames on, others that register
-// threads, others that send what nobody should have sent.
+// What goes on in a camera from the start of a scene to its end: a thread for each stage, which
+// hand frames on, others that register threads, others that send what nobody should have sent.
 class BusyScene {
   public:
     static constexpr int64_t FRAMES = 300;
+    // Thread ids registered a scene.
+    static constexpr int32_t TIDS = 2 * 400;
+    static constexpr int32_t PERSISTENT_TIDS = TIDS / 16;
 
-    BusyScene(TarvoCameraFrameBoost& facade, int32_t sceneNumber)
-        : boost(facade), number(sceneNumber), isByNodes(number % 2 == 0) {}
+    BusyScene(TarvoCameraFrameBoost& facade, int32_t sceneNumber, bool hasNodes)
+        : boost(facade), number(sceneNumber), isByNodes(hasNodes) {}
 
-    // From the scene's start to its end; with `isRunning` false, as if it had not been started.
+    // `isRunning`: the scene has been started, so that there are frames.
     void Run(bool isRunning) {
         if (isByNodes) {
-            NodeEnd(0, 0);  // Opens frame 1.
-        }
-        std::vector<std::thread> others;
-        for (int32_t thread = 0; thread < 2; ++thread) {
-            others.emplace_back([this, thread] { RegisterThreads(thread); });
-            others.emplace_back([this, thread] { MakeNoise(thread); });
+            NodeEnd(boost, 0, 0);  // Opens frame 1.
         }
         std::vector<std::thread> pipeline;
+        std::vector<std::thread> others;
+        for (int32_t thread = 0; thread < 2; ++thread) {
+            others.emplace_back([=] { RegisterThreads(number * TIDS + thread * TIDS / 2); });
+            others.emplace_back([=] { MakeNoise(number * 2 + thread); });
+        }
         for (int32_t stage = 0; isRunning && stage < STAGES; ++stage) {
-            pipeline.emplace_back([this, stage] { RunStage(stage); });
+            pipeline.emplace_back([=] { RunStage(stage); });
         }
-        for (std::thread& thread : pipeline) {
-            thread.join();
-        }
+        std::for_each(pipeline.begin(), pipeline.end(), std::mem_fn(&std::thread::join));
         isOver = true;
-        for (std::thread& thread : others) {
-            thread.join();
-        }
+        std::for_each(others.begin(), others.end(), std::mem_fn(&std::thread::join));
     }
-
-    // How many of each kind of thread id were registered, from which number on.
-    static constexpr int32_t TIDS = 400;
-    int32_t FirstTid(int32_t thread) const { return (number * 2 + thread) * TIDS; }
-
-    bool isByNodeEnds() const { return isByNodes; }
 
   private:
-    void NodeEnd(int32_t stage, int64_t frame) {
-        boost.TcfbtNotifyNodeEnd(frame, "Node" + std::to_string(stage), 1, 0, true);
-    }
-
     void RunStage(int32_t stage) {
+        // A pipeline holds some frames, no more than are tracked.
+        const auto& before = done[static_cast<size_t>((stage + STAGES - 1) % STAGES)];
+        const int64_t lead = stage == 0 ? 8 : 0;
         for (int64_t frame = 1; frame <= FRAMES; ++frame) {
-            // A pipeline holds some frames, no more than are tracked.
-            while (stage == 0 ? done[STAGES - 1] + 8 < frame
-                              : done[static_cast<size_t>(stage) - 1] < frame) {
+            while (before + lead < frame) {
                 std::this_thread::yield();
             }
             if (isByNodes) {
-                NodeEnd(stage, frame);
+                NodeEnd(boost, stage, frame);
             } else {
                 if (stage == 0) {
                     boost.TcfbtNotifyFrameStart(frame);
@@ -97,55 +83,36 @@ class BusyScene {
         }
     }
 
-    void RegisterThreads(int32_t thread) {
-        const int32_t first = FirstTid(thread);
-        for (int32_t tid = first; tid < first + TIDS; ++tid) {
+    void RegisterThreads(int32_t first) {
+        for (int32_t tid = first; tid < first + TIDS / 2; ++tid) {
             if (tid % 16 == 0) {
                 boost.TcfbtAddPersistTids("AuxThreadManager", tid);
-            } else {
-                boost.TcfbtAddTempTids(tid);
-            }
-            if (tid % 8 == 0) {
                 boost.TcfbtSetTids();
                 boost.TcfbtRemoveTids({tid});
+            } else {
+                boost.TcfbtAddTempTids(tid);
             }
         }
     }
 
-    void MakeNoise(int32_t thread) {
-        std::minstd_rand random(static_cast<uint32_t>(number * 2 + thread + 1));
-        constexpr int32_t NO_STAGE_OF_OURS = 99;
+    void MakeNoise(int32_t seed) {
+        constexpr int32_t NO_STAGE = 99;
+        std::minstd_rand random(static_cast<uint32_t>(seed + 1));
         // For some time even if there is nothing else.
-        for (int32_t times = 0; times < 500 || !isOver; ++times) {
-            const auto unknown = -static_cast<int64_t>(random() % 50) - 1;
-            const auto known = static_cast<int64_t>(done[random() % STAGES]);
-            switch (random() % 7) {
-                case 0:
-                    boost.TcfbtNotifyStageStart(1, unknown, 0, 0, "noise");
-                    break;
-                case 1:
-                    boost.TcfbtNotifyStageEnd(-1, known, "noise");
-                    break;
-                case 2:
-                    boost.TcfbtNotifyStageStart(NO_STAGE_OF_OURS, known, 0, 0, "noise");
-                    break;
-                case 3:
-                    boost.TcfbtNotifyNodeEnd(known, "Node1", 2, 0, true);
-                    break;
-                case 4:
-                    boost.TcfbtNotifyNodeEnd(known, "MCTFE0", 1, 0, true);
-                    break;
-                case 5:
-                    boost.TcfbtNotifyErrorFrame(known, NO_STAGE_OF_OURS);
-                    break;
-                default:
-                    // Where frames are opened ahead one is always in flight, so this is out of
-                    // sequence; the oldest of all, it is the first to be pushed out as well.
-                    if (isByNodes) {
-                        boost.TcfbtNotifyFrameStart(unknown);
-                    } else {
-                        boost.TcfbtNotifyFrameEnd(unknown);
-                    }
+        for (int32_t times = 0; times < 100 || !isOver; ++times) {
+            const int64_t unknown = -static_cast<int64_t>(random() % 50) - 1;
+            const int64_t known = done[random() % STAGES];
+            boost.TcfbtNotifyStageStart(1, unknown, 0, 0, "noise");
+            boost.TcfbtNotifyStageEnd(-1, known, "noise");
+            boost.TcfbtNotifyStageStart(NO_STAGE, known, 0, 0, "noise");
+            boost.TcfbtNotifyNodeEnd(known, "Node1", 2, 0, true);
+            boost.TcfbtNotifyNodeEnd(known, "MCTFE0", 1, 0, true);
+            boost.TcfbtNotifyErrorFrame(known, NO_STAGE);
+            boost.TcfbtNotifyFrameEnd(unknown);
+            if (isByNodes) {
+                // One frame is always in flight then, so this one is out of sequence; and as the
+                // oldest of all it is the first to be pushed out.
+                boost.TcfbtNotifyFrameStart(unknown);
             }
         }
     }
@@ -160,78 +127,61 @@ class BusyScene {
 TEST_F(PipelineTest, HoldsWithManyThreads) {
     Contract contract(STAGES, true);
     TarvoCameraFrameBoost boost;
-    std::set<int32_t> temporary;
-    std::set<int32_t> persistent;
+    size_t persistent = 0;
+    size_t temporary = 0;
+    const auto run = [&](int32_t number, bool hasNodes, bool isRunning) {
+        BusyScene(boost, number, hasNodes).Run(isRunning);
+        persistent += BusyScene::PERSISTENT_TIDS;
+        temporary += BusyScene::TIDS - BusyScene::PERSISTENT_TIDS;
+    };
+    desktop::SetTraceTags(0xc00);
+    int64_t frames = 0;
+    int64_t ahead = 0;
     for (int32_t scene = 0; scene < 12; ++scene) {
-        // With the log and the counters every third time.
-        desktop::SetTraceTags(0xc00);
         LocalConfig::enable = scene % 3 == 2;
         boost.TcfbtSetSceneInfo(true, 3840, 60);
         ASSERT_EQ(boost.TcfbtNotifySceneStart(5), 0);
-        std::array<int64_t, 4> before{};
-        const auto count = [&](size_t i) {
-            return contract.Count(static_cast<ServiceFunction>(2 + i));
-        };
-        for (size_t i = 0; i < before.size(); ++i) {
-            before[i] = count(i);
-        }
+        const bool hasNodes = scene % 2 == 0;
+        run(2 * scene, hasNodes, true);
+        frames += BusyScene::FRAMES;
+        ahead += hasNodes ? 1 : 0;
+        EXPECT_EQ(contract.Count(ServiceFunction::FrameStart), frames + ahead);
+        EXPECT_EQ(contract.Count(ServiceFunction::FrameEnd), frames);
+        EXPECT_EQ(contract.Count(ServiceFunction::StageStart), frames * STAGES + ahead);
+        EXPECT_EQ(contract.Count(ServiceFunction::StageEnd), frames * STAGES);
 
-        BusyScene busy(boost, scene);
-        busy.Run(true);
-        const int64_t ahead = busy.isByNodeEnds() ? 1 : 0;
-        EXPECT_EQ(count(0) - before[0], BusyScene::FRAMES + ahead);
-        EXPECT_EQ(count(1) - before[1], BusyScene::FRAMES);
-        EXPECT_EQ(count(2) - before[2], BusyScene::FRAMES * STAGES + ahead);
-        EXPECT_EQ(count(3) - before[3], BusyScene::FRAMES * STAGES);
-
-        for (int32_t thread = 0; thread < 2; ++thread) {
-            for (int32_t i = 0; i < BusyScene::TIDS; ++i) {
-                const int32_t tid = busy.FirstTid(thread) + i;
-                (tid % 16 == 0 ? persistent : temporary).insert(tid);
-            }
-        }
-        std::set<int32_t> all = persistent;
-        all.insert(temporary.begin(), temporary.end());
         boost.TcfbtSetTids();
-        EXPECT_EQ(contract.registeredTids, all) << "no thread is lost";
+        EXPECT_EQ(contract.registeredTids.size(), persistent + temporary) << "none is lost";
         EXPECT_EQ(boost.TcfbtNotifySceneEnd(), 0);
         contract.SettleSceneEnd();
         EXPECT_TRUE(contract.registeredTids.empty()) << "none is left";
         EXPECT_TRUE(TarvoCameraFrameBoost::tempTids.empty());
-        temporary.clear();
-
+        temporary = 0;
         // The HAL's threads go on for a while; what they register is for the next scene.
-        BusyScene afterwards(boost, 100 + scene);
-        afterwards.Run(false);
-        for (int32_t thread = 0; thread < 2; ++thread) {
-            for (int32_t i = 0; i < BusyScene::TIDS; ++i) {
-                const int32_t tid = afterwards.FirstTid(thread) + i;
-                (tid % 16 == 0 ? persistent : temporary).insert(tid);
-            }
-        }
+        run(2 * scene + 1, hasNodes, false);
         ASSERT_EQ(contract.violation, "");
     }
-    EXPECT_EQ(TarvoCameraFrameBoost::persistTids.size(), persistent.size());
+    EXPECT_EQ(TarvoCameraFrameBoost::persistTids.size(), persistent);
 }
 
 // The service calls back from inside each of its functions.
 TEST_F(PipelineTest, HoldsWhenTheServiceCallsBack) {
     class Caller : public Contract {
       public:
-        using Contract::Contract;
+        Caller(ServiceFunction function, std::function<void(const Caller&)> callBack)
+            : Contract(STAGES), from(function), action(std::move(callBack)) {}
         void OnEffect(const desktop::Effect& effect) override {
             Contract::OnEffect(effect);
             const auto* call = std::get_if<desktop::ServiceCall>(&effect.event);
-            if (call != nullptr && call->function == from && !isInside) {
-                isInside = true;
-                action();
-                ++times;
+            if (call != nullptr && call->function == from && !std::exchange(isInside, true)) {
+                action(*this);
                 isInside = false;
             }
         }
-        ServiceFunction from = ServiceFunction::SceneStart;
-        std::function<void()> action;
-        int times = 0;
+
+      private:
+        const ServiceFunction from;
+        const std::function<void(const Caller&)> action;
         bool isInside = false;
     };
     const auto record = [](TarvoCameraFrameBoost& boost) {
@@ -245,41 +195,38 @@ TEST_F(PipelineTest, HoldsWhenTheServiceCallsBack) {
         }
         NodeEnd(boost, 2, 10);  // Out of order.
         boost.TcfbtSetTids();
-        return boost.TcfbtNotifySceneEnd();
+        boost.TcfbtNotifySceneEnd();
     };
-    TarvoCameraFrameBoost untouched;
-    record(untouched);
+    TarvoCameraFrameBoost boost;
+    record(boost);
     const std::string clean = Calls();
 
+    int64_t frame = 1000;
+    int32_t tid = 1000;
+    int32_t ended = 0;
+    const std::function<void(const Caller&)> actions[] = {
+        [&](const Caller&) {
+            boost.TcfbtNotifyFrameStart(++frame);
+            NodeEnd(boost, 0, frame);
+            boost.TcfbtNotifyFrameEnd(frame);
+        },
+        [&](const Caller&) {
+            boost.TcfbtAddTempTids(++tid);
+            boost.TcfbtAddPersistTids("AuxThreadManager", 5);
+            boost.TcfbtSetTids();
+        },
+        [&](const Caller& caller) {
+            ended += caller.isStarted && boost.TcfbtNotifySceneEnd() == 0 ? 1 : 0;
+        },
+    };
     for (int32_t function = 0; function < 9; ++function) {
-        for (int32_t what = 0; what < 3; ++what) {
-            TarvoCameraFrameBoost boost;
-            int64_t frame = 1000;
-            int32_t tid = 1000;
-            bool hasEnded = false;
+        for (const auto& action : actions) {
             {
-                Caller caller(STAGES);
-                caller.from = static_cast<ServiceFunction>(function);
-                caller.action = [&] {
-                    if (what == 0) {
-                        boost.TcfbtNotifyFrameStart(++frame);
-                        NodeEnd(boost, 0, frame);
-                        boost.TcfbtNotifyFrameEnd(frame);
-                    } else if (what == 1) {
-                        boost.TcfbtAddTempTids(++tid);
-                        boost.TcfbtAddPersistTids("AuxThreadManager", 5);
-                        boost.TcfbtSetTids();
-                    } else if (caller.isStarted && !hasEnded) {
-                        hasEnded = true;
-                        boost.TcfbtNotifySceneEnd();
-                    }
-                };
+                Caller caller(static_cast<ServiceFunction>(function), action);
                 record(boost);
-                caller.SettleSceneEnd();
-                EXPECT_GT(caller.times, 0) << function;
-                EXPECT_EQ(caller.violation, "") << function << ", " << what;
+                EXPECT_EQ(caller.violation, "") << function;
             }
-            // What was registered after the threads had been taken back is taken back next time.
+            // What was registered after the threads had been taken back is taken back here.
             desktop::SetObserver(&recorder);
             boost.TcfbtSetSceneInfo(true, 3840, 60);
             boost.TcfbtNotifySceneStart(5);
@@ -287,9 +234,11 @@ TEST_F(PipelineTest, HoldsWhenTheServiceCallsBack) {
             TarvoCameraFrameBoost::persistTids.clear();
             Calls();
             record(boost);
-            EXPECT_EQ(Calls(), clean) << function << ", " << what;
+            EXPECT_EQ(Calls(), clean) << function;
         }
     }
+    EXPECT_EQ(ended, 8) << "everywhere but where the scene is just being started";
+    EXPECT_GE(std::min<int64_t>(frame, tid), 1000 + 9);
 }
 
 }  // namespace
