@@ -44,6 +44,10 @@ void WriteThreadtime(const desktop::LogLine& line) {
 }  // namespace
 
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
+    ++desktop::GetCounts().logLines;
+    if (!desktop::GetState().logToStderr && desktop::GetState().observer.load() == nullptr) {
+        return 1;
+    }
     va_list values;
     va_start(values, format);
     const desktop::LogLine line{priority, tag, format, Format(format, values)};
@@ -80,5 +84,6 @@ uint64_t atrace_get_enabled_tags() {
 }
 
 void atrace_int_body(const char* name, int32_t value) {
+    ++desktop::GetCounts().counterUpdates;
     desktop::Emit([=] { return desktop::CounterUpdate{name, value}; });
 }

@@ -15,6 +15,7 @@ using desktop::ServiceFunction;
 
 int32_t Answer(ServiceFunction function, std::initializer_list<ServiceArgument> arguments,
                const std::vector<int32_t>& tids = {}) {
+    ++desktop::GetCounts().serviceCalls;
     const int32_t status = desktop::GetState().serviceStatus[static_cast<size_t>(function)].load(
         std::memory_order_relaxed);
     desktop::Emit([&] { return desktop::ServiceCall{function, arguments, tids, status}; });

@@ -43,6 +43,15 @@ State& GetState() {
     return state;
 }
 
+Counts& GetCounts() {
+    thread_local Counts counts{};
+    return counts;
+}
+
+const Counts& CountsOfThisThread() {
+    return GetCounts();
+}
+
 int32_t ServiceCall::Argument(std::string_view name) const {
     for (const ServiceArgument& argument : arguments) {
         if (argument.name == name) {

@@ -124,6 +124,15 @@ class Recorder : public Observer {
     std::vector<Effect> effects;  // Guarded by mutex.
 };
 
+// How often the calling thread has called the platform. While nobody observes and log lines do not
+// go to standard error, counting is all that becomes of a call.
+struct Counts {
+    int64_t serviceCalls;
+    int64_t logLines;
+    int64_t counterUpdates;
+};
+const Counts& CountsOfThisThread();
+
 // ---- The boost service ----
 
 // What `function` answers from now on.

@@ -28,6 +28,9 @@ struct State {
 // loaded, before any initialisation order among the two could be relied upon.
 State& GetState();
 
+// The calling thread's.
+Counts& GetCounts();
+
 // The value of an environment variable; empty when it is not set.
 std::string Environment(const char* name);
 

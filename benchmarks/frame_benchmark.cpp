@@ -1,0 +1,237 @@
+// What the library adds to a frame, a scene and a node that is none of its business, beside the
+// floor: as many service calls and uncontended locks of the same kind, and nothing else.
+
+#include <functional>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "benchmarks/floor.h"
+#include "cameraframeboost/tarvocameraframeboost.h"
+#include "host/desktop.h"
+#include "platform/boost_service.h"
+
+namespace {
+
+constexpr int64_t FRAMES = 1000;  // A turn.
+
+// Names of 5 to 40 characters, as pipelines have them: the configured one and what a HAL makes of
+// it.
+const std::pair<const char*, const char*> NODES[] = {
+    {"SensorFrontEnd", "SensorFrontEnd0"},
+    {"MCTFE0_cam", "MCTFE0_cam0"},
+    {"TMap0", "TMap0"},
+    {"VideoStabilizer", "RealtimePipeline_VideoStabilizer_Preview"},
+    {"EncoderFeed", "EncoderFeed_4K60"},
+    {"NoiseReduction", "TemporalNoiseReduction_1"},
+    {"LensShading", "LensShadingCorrection"},
+    {"ColorSpace", "ColorSpaceConverter_P010"},
+    {"Sharp", "Sharp"},
+    {"FaceBeauty", "PostProcessing_FaceBeauty"},
+    {"DualFusion", "DualFusion_Wide_Tele"},
+    {"Hdr10Plus", "Hdr10PlusMetadata"},
+    {"Watermark", "Watermark_Overlay_Node"},
+    {"Rotator", "Rotator_0"},
+    {"Downscaler", "Downscaler_1080p_for_Preview"},
+    {"VideoSink", "VideoSink_MediaRecorder_Surface"},
+};
+
+// A recording through the first stages of the above, the way HALs report it: one node end a stage.
+class Recording {
+  public:
+    explicit Recording(int32_t stages, bool isDebug = false) : stageCount(stages) {
+        std::string table =
+            "[TarvoCameraFrameBoostConfig]\n"
+            "cameraFrameBoostEnable = true\n"
+            "SupportOperationModeList = [1]\n"
+            "[TarvoCameraFrameBoostConfig.stage]\n";
+        for (int32_t stage = 0; stage < stages; ++stage) {
+            table += std::to_string(stage) + " = ['" + NODES[stage].first + "', 1, 2]\n";
+            names.emplace_back(NODES[stage].second);
+        }
+        desktop::Reset();
+        desktop::SetLogToStderr(false);
+        desktop::SetTraceTags(isDebug ? 0x400 : 0);
+        desktop::LoadConfiguration(table, "benchmark");
+        TarvoCameraFrameBoost::localConfig = LocalConfig();
+        LocalConfig::enable = isDebug;
+        boost.TcfbtSetSceneInfo(true, 3840, 60);
+        boost.TcfbtNotifySceneStart(1);
+        NodeEnd(0);
+    }
+    ~Recording() {
+        boost.TcfbtNotifySceneEnd();
+        LocalConfig::enable = false;
+    }
+    Recording(const Recording&) = delete;
+    Recording& operator=(const Recording&) = delete;
+
+    void NodeEnd(int32_t stage) {
+        boost.TcfbtNotifyNodeEnd(frame, names[static_cast<size_t>(stage)], 1, 0, true);
+    }
+
+    void Frames() {
+        for (int64_t i = 0; i < FRAMES; ++i) {
+            ++frame;
+            for (int32_t stage = 0; stage < stageCount; ++stage) {
+                NodeEnd(stage);
+            }
+            if (stageCount == 1) {
+                boost.TcfbtNotifyFrameEnd(frame);  // No node end does that then.
+            }
+        }
+    }
+
+    TarvoCameraFrameBoost boost;
+    std::vector<std::string> names;
+    int64_t frame = 0;
+
+  private:
+    const int32_t stageCount;
+};
+
+// What a frame is at least: its start and end with a lock each, the start and end of each stage
+// with two. (With a single stage the one after it is started in vain: reported, after one more
+// lock.)
+void FloorOfFrame(std::shared_mutex& mutex, int32_t stages, int32_t frame) {
+    const auto lock = [&mutex](int times) {
+        for (int i = 0; i < times; ++i) {
+            const std::lock_guard<std::shared_mutex> guard(mutex);
+        }
+    };
+    lock(1);
+    cfbtFrameStart(frame);
+    for (int32_t stage = 0; stage < stages; ++stage) {
+        lock(2);
+        cfbtStageStart(frame, stage, 0, 20);
+        lock(2);
+        cfbtStageEnd(frame, stage);
+    }
+    if (stages == 1) {
+        lock(1);
+        cfbtNotifyErrOfUser(0, frame, 1, -1);
+    }
+    lock(1);
+    cfbtFrameEnd(frame);
+}
+
+template <typename Work>
+int64_t ServiceCallsOf(Work work) {
+    const int64_t before = desktop::CountsOfThisThread().serviceCalls;
+    work();
+    return desktop::CountsOfThisThread().serviceCalls - before;
+}
+
+void Frame(benchmark::State& state, bool isDebug) {
+    const auto stages = static_cast<int32_t>(state.range(0));
+    Recording recording(stages, isDebug);
+    std::shared_mutex mutex;
+    const auto road = [&recording] { recording.Frames(); };
+    const auto floor = [&mutex, stages] {
+        for (int32_t frame = 0; frame < FRAMES; ++frame) {
+            FloorOfFrame(mutex, stages, frame);
+        }
+    };
+    if (ServiceCallsOf(road) != ServiceCallsOf(floor)) {
+        state.SkipWithError("not all was forwarded");
+        return;
+    }
+    Measure(state, FRAMES, road, floor);
+}
+BENCHMARK_CAPTURE(Frame, quiet, false)->Arg(1)->Arg(3)->Arg(5)->Arg(8)->Arg(16)->UseManualTime();
+BENCHMARK_CAPTURE(Frame, debug, true)->Arg(5)->UseManualTime();
+
+// Frames of one facade on several threads. Only their starts have to come in order.
+void Threads(benchmark::State& state) {
+    constexpr int32_t STAGES = 5;
+    const auto count = static_cast<size_t>(state.range(0));
+    Recording recording(STAGES);
+    std::mutex order;
+    std::shared_mutex mutex;
+    const auto onThreads = [count](const auto& frames) {
+        std::vector<std::thread> threads;
+        for (size_t i = 0; i < count; ++i) {
+            threads.emplace_back(frames);
+        }
+        std::for_each(threads.begin(), threads.end(), std::mem_fn(&std::thread::join));
+    };
+    TarvoCameraFrameBoost& boost = recording.boost;
+    const auto road = [&] {
+        onThreads([&] {
+            for (int64_t i = 0; i < FRAMES; ++i) {
+                std::unique_lock<std::mutex> inOrder(order);
+                const int64_t frame = ++recording.frame + 1;
+                boost.TcfbtNotifyFrameStart(frame);
+                inOrder.unlock();
+                for (int32_t stage = 0; stage < STAGES; ++stage) {
+                    boost.TcfbtNotifyStageStart(stage, frame, 0, 20, {});
+                    boost.TcfbtNotifyStageEnd(stage, frame, {});
+                }
+                boost.TcfbtNotifyFrameEnd(frame);
+            }
+        });
+    };
+    const auto floor = [&] {
+        onThreads([&] {
+            for (int32_t frame = 0; frame < FRAMES; ++frame) {
+                std::unique_lock<std::mutex> inOrder(order);
+                inOrder.unlock();
+                FloorOfFrame(mutex, STAGES, frame);
+            }
+        });
+    };
+    Measure(state, FRAMES * state.range(0), road, floor);
+}
+BENCHMARK(Threads)->Arg(1)->Arg(2)->Arg(4)->UseManualTime();
+
+// A node end that no stage waits for, against one that is forwarded, on average over a frame.
+void IgnoredNode(benchmark::State& state) {
+    constexpr int32_t STAGES = 5;
+    Recording recording(STAGES);
+    recording.names.emplace_back("JpegEncoder_1");
+    const auto road = [&] {
+        for (int64_t i = 0; i < FRAMES * STAGES; ++i) {
+            recording.NodeEnd(STAGES);
+        }
+    };
+    Measure(state, FRAMES * STAGES, road, [&recording] { recording.Frames(); });
+}
+BENCHMARK(IgnoredNode)->UseManualTime();
+
+// The start and the end of a scene with some threads.
+void Scene(benchmark::State& state) {
+    Recording recording(5);
+    TarvoCameraFrameBoost& boost = recording.boost;
+    boost.TcfbtNotifySceneEnd();
+    std::vector<int32_t> tids;
+    for (int32_t tid = 0; tid < state.range(0); ++tid) {
+        tids.push_back(tid * 7919 % 32768);
+    }
+    TarvoCameraFrameBoost::persistTids = tids;
+    std::mutex mutex;
+    std::shared_mutex sharedMutex;
+    const auto road = [&boost] {
+        boost.TcfbtSetSceneInfo(true, 3840, 60);
+        boost.TcfbtNotifySceneStart(1);
+        boost.TcfbtNotifySceneEnd();
+    };
+    const auto floor = [&] {
+        for (int i = 0; i < 5; ++i) {
+            const std::lock_guard<std::mutex> lock(mutex);
+        }
+        { const std::lock_guard<std::shared_mutex> lock(sharedMutex); }
+        cfbtAddTids(0, tids);
+        cfbtSceneStart(0, 1, 0);
+        cfbtSceneEnd(0);
+        cfbtRemoveTids(0, tids);
+    };
+    Measure(state, 1, road, floor);
+    TarvoCameraFrameBoost::persistTids.clear();
+}
+BENCHMARK(Scene)->Arg(16)->Arg(64)->Arg(256)->UseManualTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
