@@ -13,34 +13,43 @@
 #include "benchmarks/allocations.h"
 
 // Times `road` and `floor` in turns, `units` of whatever each of them does at a time. Reports the
-// time of a unit of the road, its ratio to a unit of the floor, and its heap allocations. Both
-// times are the least of many: what makes a turn slower than that is not the library.
-template <typename Road, typename Floor>
-void Measure(benchmark::State& state, int64_t units, Road road, Floor floor) {
+// time of a unit of the road, its ratio to a unit of the floor, and its heap allocations, all
+// without what `caller` does: the part of the road that is not the library's. Times are the least
+// of many: what makes a turn slower than that is not the library either.
+template <typename Road, typename Floor, typename Caller>
+void Measure(benchmark::State& state, int64_t units, Road road, Floor floor, Caller caller) {
     using Clock = std::chrono::steady_clock;
-    const auto timeOf = [](auto& work) {
+    struct Least {
+        double seconds = std::numeric_limits<double>::max();
+        int64_t allocations = std::numeric_limits<int64_t>::max();
+    };
+    const auto measure = [](Least& least, auto& work) {
+        const int64_t before = Allocations();
         const auto start = Clock::now();
         work();
-        return std::chrono::duration<double>(Clock::now() - start).count();
+        const double time = std::chrono::duration<double>(Clock::now() - start).count();
+        least.seconds = std::min(least.seconds, time);
+        least.allocations = std::min(least.allocations, Allocations() - before);
+        return time;
     };
-    double leastRoad = std::numeric_limits<double>::max();
-    double leastFloor = leastRoad;
-    int64_t allocated = 0;
-    int64_t turns = 0;
-    road();  // Whatever happens only once happens here.
+    Least ofRoad;
+    Least ofFloor;
+    Least ofCaller;
     for ([[maybe_unused]] auto _ : state) {
-        leastFloor = std::min(leastFloor, timeOf(floor));
-        const int64_t before = Allocations();
-        const double time = timeOf(road);
-        allocated += Allocations() - before;
-        ++turns;
-        leastRoad = std::min(leastRoad, time);
-        state.SetIterationTime(time);
+        measure(ofFloor, floor);
+        measure(ofCaller, caller);
+        state.SetIterationTime(measure(ofRoad, road));
     }
     const auto all = static_cast<double>(units);
-    state.counters["ns"] = leastRoad / all * 1e9;
-    state.counters["floor_ns"] = leastFloor / all * 1e9;
-    state.counters["ratio"] = leastRoad / leastFloor;
+    const double time = ofRoad.seconds - ofCaller.seconds;
+    state.counters["ns"] = time / all * 1e9;
+    state.counters["floor_ns"] = ofFloor.seconds / all * 1e9;
+    state.counters["ratio"] = time / ofFloor.seconds;
     state.counters["allocations"] =
-        static_cast<double>(allocated) / static_cast<double>(turns) / all;
+        static_cast<double>(ofRoad.allocations - ofCaller.allocations) / all;
+}
+
+template <typename Road, typename Floor>
+void Measure(benchmark::State& state, int64_t units, Road road, Floor floor) {
+    Measure(state, units, road, floor, [] {});
 }

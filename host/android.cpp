@@ -44,15 +44,16 @@ void WriteThreadtime(const desktop::LogLine& line) {
 }  // namespace
 
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
-    ++desktop::GetCounts().logLines;
-    if (!desktop::GetState().logToStderr && desktop::GetState().observer.load() == nullptr) {
+    desktop::State& state = desktop::GetState();
+    state.logLines.fetch_add(1, std::memory_order_relaxed);
+    if (!state.logToStderr && state.observer.load() == nullptr) {
         return 1;
     }
     va_list values;
     va_start(values, format);
     const desktop::LogLine line{priority, tag, format, Format(format, values)};
     va_end(values);
-    if (desktop::GetState().logToStderr) {
+    if (state.logToStderr) {
         WriteThreadtime(line);
     }
     desktop::Emit([&line] { return line; });  // NOLINT(performance-no-automatic-move)
@@ -84,6 +85,6 @@ uint64_t atrace_get_enabled_tags() {
 }
 
 void atrace_int_body(const char* name, int32_t value) {
-    ++desktop::GetCounts().counterUpdates;
+    desktop::GetState().counterUpdates.fetch_add(1, std::memory_order_relaxed);
     desktop::Emit([=] { return desktop::CounterUpdate{name, value}; });
 }

@@ -15,9 +15,10 @@ using desktop::ServiceFunction;
 
 int32_t Answer(ServiceFunction function, std::initializer_list<ServiceArgument> arguments,
                const std::vector<int32_t>& tids = {}) {
-    ++desktop::GetCounts().serviceCalls;
-    const int32_t status = desktop::GetState().serviceStatus[static_cast<size_t>(function)].load(
-        std::memory_order_relaxed);
+    desktop::State& state = desktop::GetState();
+    const auto index = static_cast<size_t>(function);
+    state.serviceCalls[index].fetch_add(1, std::memory_order_relaxed);
+    const int32_t status = state.serviceStatus[index].load(std::memory_order_relaxed);
     desktop::Emit([&] { return desktop::ServiceCall{function, arguments, tids, status}; });
     return status;
 }

@@ -43,13 +43,16 @@ State& GetState() {
     return state;
 }
 
-Counts& GetCounts() {
-    thread_local Counts counts{};
-    return counts;
+int64_t ServiceCallCount(ServiceFunction function) {
+    return GetState().serviceCalls[static_cast<size_t>(function)];
 }
 
-const Counts& CountsOfThisThread() {
-    return GetCounts();
+int64_t LogLineCount() {
+    return GetState().logLines;
+}
+
+int64_t CounterUpdateCount() {
+    return GetState().counterUpdates;
 }
 
 int32_t ServiceCall::Argument(std::string_view name) const {

@@ -124,14 +124,11 @@ class Recorder : public Observer {
     std::vector<Effect> effects;  // Guarded by mutex.
 };
 
-// How often the calling thread has called the platform. While nobody observes and log lines do not
-// go to standard error, counting is all that becomes of a call.
-struct Counts {
-    int64_t serviceCalls;
-    int64_t logLines;
-    int64_t counterUpdates;
-};
-const Counts& CountsOfThisThread();
+// How often the platform was called since the program started. While nobody observes and log lines
+// do not go to standard error, counting is all that becomes of a call.
+int64_t ServiceCallCount(ServiceFunction function);
+int64_t LogLineCount();
+int64_t CounterUpdateCount();
 
 // ---- The boost service ----
 

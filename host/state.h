@@ -18,6 +18,9 @@ inline constexpr size_t SERVICE_FUNCTION_COUNT = 9;
 struct State {
     std::atomic<Observer*> observer{nullptr};
     std::array<std::atomic<int32_t>, SERVICE_FUNCTION_COUNT> serviceStatus{};
+    std::array<std::atomic<int64_t>, SERVICE_FUNCTION_COUNT> serviceCalls{};
+    std::atomic<int64_t> logLines{0};
+    std::atomic<int64_t> counterUpdates{0};
     std::atomic<uint64_t> traceTags{0};
     std::atomic<bool> logToStderr{true};
     std::map<std::string, std::string> properties;
@@ -27,9 +30,6 @@ struct State {
 // The one state. Made when first asked for: the library calls the platform while it is being
 // loaded, before any initialisation order among the two could be relied upon.
 State& GetState();
-
-// The calling thread's.
-Counts& GetCounts();
 
 // The value of an environment variable; empty when it is not set.
 std::string Environment(const char* name);
