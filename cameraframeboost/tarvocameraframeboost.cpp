@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "cameraframeboost/debug.h"
+#include "cameraframeboost/node_name.h"
 #include "platform/boost_service.h"
 
 namespace {
@@ -25,7 +26,7 @@ constexpr int32_t NO_STAGE = -1;
 constexpr int32_t NODE_STAGE_ARG2 = 20;
 
 // The multi-camera node, and the name that it has for one camera less the camera's id.
-constexpr char MULTI_CAMERA_NODE[] = "MCTFE0";
+constexpr NodeName MULTI_CAMERA_NODE("MCTFE0");
 constexpr char MULTI_CAMERA_NODE_PREFIX[] = "MCTFE0_cam";
 
 // The service and the trace know frames by the low 32 bits of their numbers.
@@ -225,14 +226,16 @@ void TarvoCameraFrameBoost::TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::stri
     if (!isSceneStarted) {
         return;
     }
-    RemapStage(isMaterCamera, currentCameraId, nodeName);
-    const int32_t stage = localConfig.GetStageByNodeName(nodeName);
+    const NodeName node(nodeName);
+    RemapStage(isMaterCamera, currentCameraId, node);
+    int32_t stage = -1;
+    const bool isStagePort = localConfig.FindStageAndPort(node, portId, stage);
     DEBUG_LOG(
         "halFrameNumber = %ld, nodeName = %s, stage = %d, maxStageCnt = %d, portId = %d, "
         "currentCameraId = %d, isMaterCamera = %d",
         AT(__LINE__), halFrameNumber, nodeName.c_str(), stage, localConfig.GetStageCount(), portId,
         currentCameraId, isMaterCamera);
-    if (!localConfig.IsStagePortVaild(nodeName, portId)) {
+    if (!isStagePort) {
         return;
     }
     if (stage == 0) {
@@ -270,12 +273,12 @@ void TarvoCameraFrameBoost::StartStageOfNode(int32_t stage, int64_t halFrameNumb
 
 void TarvoCameraFrameBoost::TcfbtRemapStage(bool isMaterCamera, int32_t currentCameraId,
                                             std::string nodeName) {
-    RemapStage(isMaterCamera, currentCameraId, nodeName);
+    RemapStage(isMaterCamera, currentCameraId, NodeName(nodeName));
 }
 
 void TarvoCameraFrameBoost::RemapStage(bool isMaterCamera, int32_t currentCameraId,
-                                       const std::string& nodeName) {
-    if (nodeName.find(MULTI_CAMERA_NODE) == std::string::npos || !isMaterCamera) {
+                                       const NodeName& nodeName) {
+    if (!nodeName.Contains(MULTI_CAMERA_NODE) || !isMaterCamera) {
         return;
     }
     const std::string cameraNode = MULTI_CAMERA_NODE_PREFIX + std::to_string(currentCameraId);

@@ -145,8 +145,7 @@ class TarvoCameraFrameBoost {
                              int32_t stageArg2, const std::string& nodeName);
     int32_t NotifyStageEnd(int32_t stage, int64_t halFrameNumber, const std::string& nodeName);
     void StartStageOfNode(int32_t stage, int64_t halFrameNumber, const std::string& nodeName);
-    static void RemapStage(bool isMaterCamera, int32_t currentCameraId,
-                           const std::string& nodeName);
+    static void RemapStage(bool isMaterCamera, int32_t currentCameraId, const NodeName& nodeName);
 
     void ReportErrorFrame(int64_t frameNumber, int32_t stage);
 

@@ -6,8 +6,10 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "cameraframeboost/debug.h"
+#include "cameraframeboost/node_name.h"
 #include "platform/config_store.h"
 #include "platform/properties.h"
 
@@ -71,11 +73,6 @@ int32_t ParsePort(const char* text) {
         std::abort();
     }
     return static_cast<int32_t>(port);
-}
-
-// Matching by substring lets a configured stem stand for all instances of a node.
-bool Matches(const NodePortInfo& info, const std::string& nodeName) {
-    return nodeName.find(info.nodeName) != std::string::npos;
 }
 
 // A set's own order differs between standard libraries; what is shown must not.
@@ -171,10 +168,11 @@ void LocalConfig::AddStage(int32_t stage, NodePortInfo info) {
     // As a rule the end: only a second Load can fill a gap that the first one left.
     auto place = std::upper_bound(
         stages.begin(), stages.end(), stage,
-        [](int32_t number, const StageEntry& entry) { return number < entry.first; });
-    place = stages.emplace(place, stage, std::move(info));
+        [](int32_t number, const StageEntry& entry) { return number < entry.stage; });
+    const uint64_t letters = NodeName::LettersOf(info.nodeName);
+    place = stages.insert(place, {stage, std::move(info), letters});
     for (; place != stages.end(); ++place) {
-        nodePortMap[place->first] = static_cast<size_t>(place - stages.begin());
+        nodePortMap[place->stage] = static_cast<size_t>(place - stages.begin());
     }
 }
 
@@ -187,11 +185,11 @@ void LocalConfig::DumpConfig() const {
     DEBUG_LOG("supportOperationModeList = %s", AT(194), modes.c_str());
     for (auto entry = stages.rbegin(); entry != stages.rend(); ++entry) {
         std::string ports;
-        for (const int32_t port : Ascending(entry->second.nodePorts)) {
+        for (const int32_t port : Ascending(entry->info.nodePorts)) {
             ports += std::to_string(port) + " ";
         }
-        DEBUG_LOG("stage = %d, nodename = %s, nodeport = %s", AT(205), entry->first,
-                  entry->second.nodeName.c_str(), ports.c_str());
+        DEBUG_LOG("stage = %d, nodename = %s, nodeport = %s", AT(205), entry->stage,
+                  entry->info.nodeName.c_str(), ports.c_str());
     }
 }
 
@@ -224,7 +222,7 @@ bool LocalConfig::GetNodePortByStage(int32_t stage, NodePortInfo& info) const {
     if (place == nodePortMap.end()) {
         return false;
     }
-    info = stages[place->second].second;
+    info = stages[place->second].info;
     return true;
 }
 
@@ -233,32 +231,81 @@ bool LocalConfig::UpdateNodeByStage(int32_t stage, const std::string& nodeName) 
     if (place == nodePortMap.end()) {
         return false;
     }
-    stages[place->second].second.nodeName = nodeName;
+    StageEntry& entry = stages[place->second];
+    entry.info.nodeName = nodeName;
+    entry.letters = NodeName::LettersOf(nodeName);
     return true;
 }
 
-int32_t LocalConfig::GetStageByNodeName(const std::string& nodeName) const {
-    const auto match = std::find_if(
-        stages.rbegin(), stages.rend(),
-        [&nodeName](const StageEntry& entry) { return Matches(entry.second, nodeName); });
-    return match == stages.rend() ? -1 : match->first;
-}
-
-bool LocalConfig::IsNodeNameMatch(const std::string& nodeName) const {
-    return std::any_of(stages.rbegin(), stages.rend(), [&nodeName](const StageEntry& entry) {
-        return Matches(entry.second, nodeName);
+// Whether there is a stage whose node name occurs within `nodeName` and for which `visit` returns
+// true. Matching by substring lets a configured stem stand for all instances of a node.
+template <typename Visit>
+bool LocalConfig::AnyMatch(const NodeName& nodeName, Visit visit) const {
+    return std::any_of(stages.rbegin(), stages.rend(), [&](const StageEntry& entry) {
+        return nodeName.Contains({entry.info.nodeName, entry.letters}) && visit(entry);
     });
 }
 
+int32_t LocalConfig::GetStageByNodeName(const std::string& nodeName) const {
+    int32_t stage = -1;
+    AnyMatch(NodeName(nodeName), [&stage](const StageEntry& entry) {
+        stage = entry.stage;
+        return true;
+    });
+    return stage;
+}
+
+bool LocalConfig::IsNodeNameMatch(const std::string& nodeName) const {
+    return GetStageByNodeName(nodeName) != -1;
+}
+
 bool LocalConfig::IsStagePortVaild(const std::string& nodeName, int32_t portId) const {
-    return std::any_of(
-        stages.rbegin(), stages.rend(), [&nodeName, portId](const StageEntry& entry) {
-            return Matches(entry.second, nodeName) && entry.second.nodePorts.count(portId) != 0;
-        });
+    int32_t stage = -1;
+    return FindStageAndPort(NodeName(nodeName), portId, stage);
+}
+
+bool LocalConfig::FindStageAndPort(const NodeName& nodeName, int32_t portId, int32_t& stage) const {
+    stage = -1;
+    return AnyMatch(nodeName, [portId, &stage](const StageEntry& entry) {
+        stage = std::max(stage, entry.stage);
+        return entry.info.nodePorts.count(portId) != 0;
+    });
 }
 
 FrameTracker::FrameTracker(int32_t maxFrameTracked)
     : MAX_FRAME_TRACKED(std::max(maxFrameTracked, 1)) {}
+
+// Makes an entry for a frame, out of one that another has left if there is one.
+FrameTracker::FrameData& FrameTracker::AddFrame(int32_t key) {
+    if (spareFrames.empty()) {
+        spareFrames.reserve(frameData.size() + 1);  // All of them may be spare one day.
+        return frameData[key];
+    }
+    FrameTable::node_type entry = std::move(spareFrames.back());
+    spareFrames.pop_back();
+    entry.key() = key;
+    return frameData.insert(frameData.end(), std::move(entry))->second;
+}
+
+void FrameTracker::RemoveFrame(FrameTable::iterator entry) noexcept {
+    spareFrames.push_back(frameData.extract(entry));
+}
+
+// Gives each stage its flag, down.
+void FrameTracker::PutDown(StageFlags& flags) const {
+    const auto size = static_cast<size_t>(stageCount);
+    if (flags.size() == size) {
+        for (auto& [stage, flag] : flags) {
+            flag.store(false, std::memory_order_relaxed);
+        }
+        return;
+    }
+    flags.clear();
+    flags.reserve(size);
+    for (int32_t stage = 0; stage < stageCount; ++stage) {
+        flags.emplace(stage, false);
+    }
+}
 
 bool FrameTracker::CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
                                           int64_t& errorFrameNumber) noexcept {
@@ -295,20 +342,16 @@ bool FrameTracker::CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
             errorFrameNumber = oldest->first;
             isError = true;
         }
-        frameData.erase(oldest);
+        RemoveFrame(oldest);
     }
 
     if (stageCount < 0) {
         std::abort();
     }
-    FrameData& frame = frameData[key];
-    frame.status.store(inError ? FRAME_ERROR : FRAME_STARTED);
-    frame.stageStartStatus.reserve(static_cast<size_t>(stageCount));
-    frame.stageEndStatus.reserve(static_cast<size_t>(stageCount));
-    for (int32_t stage = 0; stage < stageCount; ++stage) {
-        frame.stageStartStatus.emplace(stage, false);
-        frame.stageEndStatus.emplace(stage, false);
-    }
+    FrameData& frame = AddFrame(key);
+    frame.status.store(inError ? FRAME_ERROR : FRAME_STARTED, std::memory_order_relaxed);
+    PutDown(frame.stageStartStatus);
+    PutDown(frame.stageEndStatus);
     DEBUG_LOG("new frame added, is error = %d", AT(283), inError);
     return !inError;
 }
@@ -322,13 +365,14 @@ bool FrameTracker::CheckIfCouldEndFrame(int64_t frameNumber, bool& /*flag*/) {
     }
     const uint32_t status = entry->second.status.load();
     entry->second.status.fetch_or(FRAME_ENDED, std::memory_order_relaxed);
-    frameData.erase(entry);
+    RemoveFrame(entry);
     return IsReportable(status);
 }
 
 void FrameTracker::Clear() {
     const std::lock_guard<std::shared_mutex> lock(frameMutex);
     frameData.clear();
+    spareFrames.clear();
 }
 
 bool FrameTracker::CheckStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError) {
@@ -357,7 +401,7 @@ bool FrameTracker::CheckFrameStatus(int64_t frameNumber, bool& isError) {
         return true;
     }
     // Nothing leaves an ended frame behind today; should that change, it goes here.
-    frameData.erase(entry);
+    RemoveFrame(entry);
     DEBUG_LOG("remove frame, frameNumber = %ld", AT(474), frameNumber);
     return false;
 }
@@ -380,19 +424,25 @@ bool FrameTracker::CheckStagesStatus(int64_t frameNumber, int32_t stage, bool is
     FrameData& frame = entry->second;
     const uint32_t status = frame.status.load();
 
-    const int32_t errorStage = FirstStageOutOfOrder(frame, stage);
-    if (errorStage != -1) {
-        if (MarkInError(frame, status, isError)) {
-            DEBUG_LOG(
-                "stage status check error, notify frame error, frameNumber = %ld, "
-                "stage = %d, error stage = %d",
-                AT(errorStage < stage ? 361 : 382), frameNumber, stage, errorStage);
+    std::atomic<bool>* hasStarted = FlagInOrder(frame.stageStartStatus, stage);
+    std::atomic<bool>* hasEnded = FlagInOrder(frame.stageEndStatus, stage);
+    if (hasStarted == nullptr || hasEnded == nullptr) {
+        const int32_t errorStage = FirstStageOutOfOrder(frame, stage);
+        if (errorStage != -1) {
+            if (MarkInError(frame, status, isError)) {
+                DEBUG_LOG(
+                    "stage status check error, notify frame error, frameNumber = %ld, "
+                    "stage = %d, error stage = %d",
+                    AT(errorStage < stage ? 361 : 382), frameNumber, stage, errorStage);
+            }
+            return false;
         }
-        return false;
+        hasStarted = &FlagOf(frame.stageStartStatus, stage);
+        hasEnded = &FlagOf(frame.stageEndStatus, stage);
     }
     // A stage may start when it has not started, and end when it has; neither when it has ended.
-    if (FlagOf(frame.stageStartStatus, stage) == isEnd && !FlagOf(frame.stageEndStatus, stage)) {
-        FlagOf(isEnd ? frame.stageEndStatus : frame.stageStartStatus, stage) = true;
+    if (*hasStarted == isEnd && !*hasEnded) {
+        *(isEnd ? hasEnded : hasStarted) = true;
         return true;
     }
     if (MarkInError(frame, status, isError)) {
@@ -416,8 +466,26 @@ std::atomic<bool>& FrameTracker::FlagOf(StageFlags& flags, int32_t stage) {
     return flag->second;
 }
 
-// The first earlier stage that has not run, else the first later stage that has begun; -1 when all
-// other stages stand as they must while `stage` runs.
+// The flag of `stage`, when those of all other stages stand as they must while it runs: up for the
+// earlier ones, down for the later ones. Goes through them as they come, which takes no look-up for
+// each; null when that shows that something is wrong, but not what.
+std::atomic<bool>* FrameTracker::FlagInOrder(StageFlags& flags, int32_t stage) const {
+    if (flags.size() != static_cast<size_t>(stageCount)) {
+        return nullptr;
+    }
+    std::atomic<bool>* own = nullptr;
+    for (auto& [flagStage, flag] : flags) {
+        if (flagStage == stage) {
+            own = &flag;
+        } else if (flag != (flagStage < stage)) {
+            return nullptr;
+        }
+    }
+    return own;
+}
+
+// The first earlier stage that has not run, else the first later stage that has begun; -1 when
+// there is none.
 int32_t FrameTracker::FirstStageOutOfOrder(FrameData& frame, int32_t stage) const {
     for (int32_t earlier = 0; earlier < stage; ++earlier) {
         if (!FlagOf(frame.stageStartStatus, earlier) || !FlagOf(frame.stageEndStatus, earlier)) {

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+struct NodeName;
+
 // What the configuration says about one pipeline stage.
 struct NodePortInfo {
     // The processing node whose completion ends the stage. Matched as a substring of the names that
@@ -96,11 +98,23 @@ class LocalConfig {
     bool IsStagePortVaild(const std::string& nodeName, int32_t portId) const;
 
   private:
-    using StageEntry = std::pair<int32_t, NodePortInfo>;
+    struct StageEntry {
+        int32_t stage;
+        NodePortInfo info;
+        uint64_t letters;  // Of its node name.
+    };
+
+    friend class TarvoCameraFrameBoost;
+
+    // GetStageByNodeName and IsStagePortVaild at once: sets `stage` and returns whether the port is
+    // one that counts.
+    bool FindStageAndPort(const NodeName& nodeName, int32_t portId, int32_t& stage) const;
 
     void LoadSupportedModes();
     void LoadStages();
     void AddStage(int32_t stage, NodePortInfo info);
+    template <typename Visit>
+    bool AnyMatch(const NodeName& nodeName, Visit visit) const;
 
     bool frameboostSwitch = false;
     std::string nodePort;
@@ -187,15 +201,24 @@ class FrameTracker {
         StageFlags stageEndStatus;        // and which have ended.
     };
 
+    using FrameTable = std::map<int32_t, FrameData>;
+
+    FrameData& AddFrame(int32_t key);
+    void RemoveFrame(FrameTable::iterator entry) noexcept;
+    void PutDown(StageFlags& flags) const;
     static bool IsReportable(uint32_t status);
     static std::atomic<bool>& FlagOf(StageFlags& flags, int32_t stage);
+    std::atomic<bool>* FlagInOrder(StageFlags& flags, int32_t stage) const;
     int32_t FirstStageOutOfOrder(FrameData& frame, int32_t stage) const;
     static bool MarkInError(FrameData& frame, uint32_t statusBefore, bool& isError);
 
-    // Guards frameData and every record in it. Always taken exclusively.
+    // Guards frameData and every record in it, and spareFrames. Always taken exclusively.
     std::shared_mutex frameMutex;
     // By the low 32 bits of the frame number: the first entry is the oldest frame.
-    std::map<int32_t, FrameData> frameData;
+    FrameTable frameData;
+    // Entries that frames have left, for the frames to come: so only the first frames of a scene
+    // take memory from the heap. Together with those in use there are never more than the capacity.
+    std::vector<FrameTable::node_type> spareFrames;
 
   public:
     // The number of pipeline stages of the current scene. Guarded by nothing: written at the start
