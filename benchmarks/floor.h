@@ -46,7 +46,7 @@ void Measure(benchmark::State& state, int64_t units, Road road, Floor floor, Cal
     state.counters["floor_ns"] = ofFloor.seconds / all * 1e9;
     state.counters["ratio"] = time / ofFloor.seconds;
     state.counters["allocations"] =
-        static_cast<double>(ofRoad.allocations - ofCaller.allocations) / all;
+        static_cast<double>(ofRoad.allocations - ofCaller.allocations - ofFloor.allocations) / all;
 }
 
 template <typename Road, typename Floor>

@@ -232,6 +232,7 @@ void Scene(benchmark::State& state) {
     TarvoCameraFrameBoost& boost = recording.boost;
     boost.TcfbtNotifySceneEnd();
     std::vector<int32_t> tids;
+    tids.reserve(static_cast<size_t>(state.range(0)));
     for (int32_t tid = 0; tid < state.range(0); ++tid) {
         tids.push_back(tid * 7919 % 32768);
     }

@@ -4,7 +4,6 @@
 #include <dlfcn.h>
 
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -17,7 +16,6 @@ void Load(benchmark::State& state) {
     const auto road = [] {
         void* library = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr) {
-            std::fprintf(stderr, "%s\n", dlerror());
             std::abort();
         }
         dlclose(library);
