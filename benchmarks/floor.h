@@ -45,8 +45,8 @@ void Measure(benchmark::State& state, int64_t units, Road road, Floor floor, Cal
     state.counters["ns"] = time / all * 1e9;
     state.counters["floor_ns"] = ofFloor.seconds / all * 1e9;
     state.counters["ratio"] = time / ofFloor.seconds;
-    state.counters["allocations"] =
-        static_cast<double>(ofRoad.allocations - ofCaller.allocations - ofFloor.allocations) / all;
+    const int64_t allocations = ofRoad.allocations - ofCaller.allocations - ofFloor.allocations;
+    state.counters["allocations"] = std::max(static_cast<double>(allocations) / all, 0.0);
 }
 
 template <typename Road, typename Floor>
