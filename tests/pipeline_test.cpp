@@ -194,6 +194,9 @@ TEST_F(PipelineTest, HoldsWhenTheServiceCallsBack) {
             }
         }
         NodeEnd(boost, 2, 10);  // Out of order.
+        for (int64_t frame = 11; frame <= 11 + FrameTracker::DEFAULT_MAX_FRAME_TRACKED; ++frame) {
+            boost.TcfbtNotifyFrameStart(frame);  // The last one pushes out the first.
+        }
         boost.TcfbtSetTids();
         boost.TcfbtNotifySceneEnd();
     };
