@@ -71,7 +71,9 @@ class Contract : public desktop::Observer {
         }
         if (call.function == ServiceFunction::AddTids) {
             registeredTids.insert(call.tids.begin(), call.tids.end());
-            return std::is_sorted(call.tids.begin(), call.tids.end(), std::less_equal<>());
+            // Each once, in ascending order.
+            return std::adjacent_find(call.tids.begin(), call.tids.end(), std::greater_equal<>()) ==
+                   call.tids.end();
         }
         if (!isStarted) {
             return false;

@@ -186,6 +186,9 @@ TEST_F(FrameTrackerTest, EndsTheProcessWhenAStageWasNotAdmitted) {
     Start(1);
     tracker.stageCount = 2;
     ExpectAbort([this] { Stage(1, 0, START); });
+    EXPECT_EQ(End(1), "yes");
+    Start(1);
+    EXPECT_EQ(Stage(1, 0, START), "yes") << "a new frame has all its stages";
     tracker.stageCount = -1;
     ExpectAbort([this] { Start(2); });
 }

@@ -168,7 +168,7 @@ TEST_F(PipelineTest, HoldsWithManyThreads) {
 TEST_F(PipelineTest, HoldsWhenTheServiceCallsBack) {
     class Caller : public Contract {
       public:
-        Caller(ServiceFunction function, std::function<void(const Caller&)> callBack)
+        Caller(ServiceFunction function, std::function<void(Caller&)> callBack)
             : Contract(STAGES), from(function), action(std::move(callBack)) {}
         void OnEffect(const desktop::Effect& effect) override {
             Contract::OnEffect(effect);
@@ -181,7 +181,7 @@ TEST_F(PipelineTest, HoldsWhenTheServiceCallsBack) {
 
       private:
         const ServiceFunction from;
-        const std::function<void(const Caller&)> action;
+        const std::function<void(Caller&)> action;
         bool isInside = false;
     };
     const auto record = [](TarvoCameraFrameBoost& boost) {
@@ -207,19 +207,27 @@ TEST_F(PipelineTest, HoldsWhenTheServiceCallsBack) {
     int64_t frame = 1000;
     int32_t tid = 1000;
     int32_t ended = 0;
-    const std::function<void(const Caller&)> actions[] = {
-        [&](const Caller&) {
+    const std::function<void(Caller&)> actions[] = {
+        [&](Caller&) {
             boost.TcfbtNotifyFrameStart(++frame);
             NodeEnd(boost, 0, frame);
             boost.TcfbtNotifyFrameEnd(frame);
         },
-        [&](const Caller&) {
+        [&](Caller&) {
             boost.TcfbtAddTempTids(++tid);
             boost.TcfbtAddPersistTids("AuxThreadManager", 5);
             boost.TcfbtSetTids();
         },
-        [&](const Caller& caller) {
+        [&](Caller& caller) {
             ended += caller.isStarted && boost.TcfbtNotifySceneEnd() == 0 ? 1 : 0;
+            caller.SettleSceneEnd();
+        },
+        [&](Caller& caller) {
+            // When a frame is about to be pushed out and reported.
+            if (caller.openFrames.size() > FrameTracker::DEFAULT_MAX_FRAME_TRACKED) {
+                boost.TcfbtNotifySceneEnd();
+                caller.SettleSceneEnd();
+            }
         },
     };
     for (int32_t function = 0; function < 9; ++function) {
