@@ -5,13 +5,15 @@
 #include <cstdint>
 #include <string_view>
 
-struct NodeName {
+#include "cameraframeboost/tarvocameraframeboostutils.h"
+
+struct LocalConfig::NodeName {
     constexpr explicit NodeName(std::string_view name) : text(name), letters(LettersOf(name)) {}
     constexpr NodeName(std::string_view name, uint64_t itsLetters)
         : text(name), letters(itsLetters) {}
 
-    // Whether `part` occurs anywhere in the name. Most that do not have a letter of their own; of
-    // those that do, most stand at the beginning.
+    // Whether `part` occurs anywhere in the name. A part that does not occur mostly has a letter
+    // that the name lacks; one that does mostly stands at the beginning.
     bool Contains(const NodeName& part) const {
         return (part.letters & ~letters) == 0 && (text.substr(0, part.text.size()) == part.text ||
                                                   text.find(part.text) != std::string_view::npos);

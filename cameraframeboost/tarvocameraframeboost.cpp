@@ -8,6 +8,8 @@
 
 namespace {
 
+using NodeName = LocalConfig::NodeName;
+
 constexpr char LOG_TAG[] = "cameraframeboost";
 
 // What cfbtScene and mFps hold.

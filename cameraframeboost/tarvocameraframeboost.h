@@ -74,7 +74,8 @@ class TarvoCameraFrameBoost {
 
     // A frame begins. Frames must follow one another without a gap; one that does not is not
     // forwarded, nor are its stages and its end. A frame that is in flight already is not forwarded
-    // again. When too many frames are in flight, the oldest one is dropped and reported.
+    // again. When too many frames are in flight, the oldest one is dropped, and reported unless it
+    // has been or was never forwarded.
     int32_t TcfbtNotifyFrameStart(int64_t halFrameNumber);
 
     // Reports a frame as bad, on the HAL's own knowledge. `stage`: where it went wrong, -1 when
@@ -145,7 +146,8 @@ class TarvoCameraFrameBoost {
                              int32_t stageArg2, const std::string& nodeName);
     int32_t NotifyStageEnd(int32_t stage, int64_t halFrameNumber, const std::string& nodeName);
     void StartStageOfNode(int32_t stage, int64_t halFrameNumber, const std::string& nodeName);
-    static void RemapStage(bool isMaterCamera, int32_t currentCameraId, const NodeName& nodeName);
+    static void RemapStage(bool isMaterCamera, int32_t currentCameraId,
+                           const LocalConfig::NodeName& nodeName);
 
     void ReportErrorFrame(int64_t frameNumber, int32_t stage);
 

@@ -35,7 +35,8 @@ template <typename T>
 using StoreArray = std::unique_ptr<T[], FreeArray>;
 
 // An array of zeros for the store to fill, of the length that the store asks for. Memory is taken
-// when it is written to, so a length that is absurd does no harm. Null where it is too absurd.
+// when it is written to, so a length that is absurd costs none. Null where it is too absurd for
+// that: as good as a list that cannot be read.
 template <typename T>
 StoreArray<T> MakeStoreArray(int32_t length) {
     // An array of nothing may be null as well.

@@ -1,6 +1,6 @@
 // The configuration and the frame tracker of the camera frame boost library.
 //
-// TarvoCameraFrameBoost asks both and is what a camera HAL talks to; neither of them knows the
+// TarvoCameraFrameBoost asks both and is what a camera HAL talks to; neither of them calls the
 // facade or the boost service.
 
 #pragma once
@@ -15,8 +15,6 @@
 #include <unordered_set>
 #include <utility>
 #include <vector>
-
-struct NodeName;
 
 // What the configuration says about one pipeline stage.
 struct NodePortInfo {
@@ -41,6 +39,9 @@ struct NodePortInfo {
 // them overlaps Load or UpdateNodeByStage.
 class LocalConfig {
   public:
+    // Internal; see node_name.h.
+    struct NodeName;
+
     // The debug switch of the whole library: log lines and trace counters exist only while it is
     // true. Comes from the system property "vendor.tarvo.camera.frameboost.debug.enable", false
     // when that is unset, and is written only while a LocalConfig is made or the library is loaded.
@@ -48,7 +49,8 @@ class LocalConfig {
 
     // Reads the debug switch, loads the configuration from the store and writes it to the debug
     // log. A port text that does not start with a decimal number, or whose number does not fit
-    // 32 bits, aborts the process; so does running out of memory.
+    // 32 bits, aborts the process; so does running out of memory, but for a list that the store
+    // says to be longer than there is memory: that one cannot be read.
     LocalConfig() noexcept;
 
     // Fills this object from the store: scalar values are replaced, modes and stages that are not
@@ -154,9 +156,10 @@ class FrameTracker {
     // out of sequence is tracked all the same, as a frame in error. The gap is looked for in all 64
     // bits, so above 2147483647 every frame but the first shows one while others are tracked.
     //
-    // When the table is full, the oldest frame makes room. If that frame was in order and its error
-    // has not been handed over yet, `isError` becomes true and `errorFrameNumber` its number (low
-    // 32 bits, sign extended), whatever the result; otherwise both stay as the caller set them.
+    // When the table is full, the oldest frame makes room. If that frame was admitted in sequence
+    // and its error has not been handed over yet, `isError` becomes true and `errorFrameNumber` its
+    // number (low 32 bits, sign extended), whatever the result; otherwise both stay as the caller
+    // set them.
     //
     // Aborts the process when stageCount is negative, or memory runs out.
     bool CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
@@ -180,7 +183,7 @@ class FrameTracker {
     // Takes the start (`isEnd` false) or the end (`isEnd` true) of `stage` in. Returns true when it
     // is in pipeline order and has been recorded. Otherwise sets `isError` to true when the caller
     // is to report the frame: for a stage outside 0 to stageCount - 1 on every call, for a breach
-    // of the order once a frame, and never for a frame out of sequence. Never sets it to false.
+    // of the order once a frame, unless it was admitted out of sequence. Never sets it to false.
     //
     // Aborts the process when it has to look at a stage that the frame was not admitted with.
     bool CheckStagesStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError);
