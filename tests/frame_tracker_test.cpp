@@ -189,6 +189,8 @@ TEST_F(FrameTrackerTest, EndsTheProcessWhenAStageWasNotAdmitted) {
     EXPECT_EQ(End(1), "yes");
     Start(1);
     EXPECT_EQ(Stage(1, 0, START), "yes") << "a new frame has all its stages";
+    tracker.stageCount = 1;
+    EXPECT_EQ(Stage(1, 0, END), "yes") << "and may have more than there are by now";
     tracker.stageCount = -1;
     ExpectAbort([this] { Start(2); });
 }
