@@ -1,9 +1,7 @@
 // The configuration: what the store says, what becomes of it when the store fails, and what it
 // answers.
 
-#include <algorithm>
 #include <limits>
-#include <utility>
 
 #include "tests/expect_abort.h"
 #include "tests/library_test.h"
