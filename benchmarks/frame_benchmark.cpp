@@ -156,8 +156,10 @@ void Frame(benchmark::State& state, bool isDebug) {
             FloorOfFrame(mutex, stages, frame);
         }
     };
-    if (ServiceCallsOf(road) != ServiceCallsOf(floor)) {
-        state.SkipWithError("not all was forwarded");
+    const int64_t shown = desktop::LogLineCount() + desktop::CounterUpdateCount();
+    if (ServiceCallsOf(road) != ServiceCallsOf(floor) ||
+        (desktop::LogLineCount() + desktop::CounterUpdateCount() != shown) != isDebug) {
+        state.SkipWithError("not all was forwarded, or shown");
         return;
     }
     Measure(state, FRAMES, road, floor, [&recording] { recording.CopyNames(); });

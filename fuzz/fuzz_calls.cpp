@@ -1,12 +1,11 @@
 // Any HAL calls in any order: what the service is told stays within its contract, and the frame
 // table within its bounds.
 
-#include <cstdio>
-#include <cstdlib>
 #include <optional>
 #include <set>
 #include <sstream>
 
+#include "fuzz/require.h"
 #include "tests/contract.h"
 #include "tools/replay/session.h"
 
@@ -36,13 +35,6 @@ const std::vector<LocalConfig>& Configurations() {
         return made;
     }();
     return configurations;
-}
-
-void Require(bool holds, const std::string& what) {
-    if (!holds) {
-        std::fprintf(stderr, "%s\n", what.c_str());
-        std::abort();
-    }
 }
 
 class Player : private Contract {

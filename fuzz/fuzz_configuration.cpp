@@ -2,9 +2,7 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include <cstdio>
-#include <cstdlib>
-
+#include "fuzz/require.h"
 #include "tests/store_contents.h"
 
 namespace {
@@ -65,9 +63,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     LocalConfig::enable = false;
     LocalConfig config;
     const std::string difference = contents.Compare(config, nodes);
-    if (!difference.empty()) {
-        std::fprintf(stderr, "different: %s\n", difference.c_str());
-        std::abort();
-    }
+    Require(difference.empty(), "different: " + difference);
     return 0;
 }

@@ -1,23 +1,15 @@
 // Any session file: it is played or refused with file and line, and the same in either form.
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 
+#include "fuzz/require.h"
 #include "tools/replay/replay.h"
 #include "tools/replay/session.h"
 
 namespace {
-
-void Require(bool holds, const std::string& what) {
-    if (!holds) {
-        std::fprintf(stderr, "%s\n", what.c_str());
-        std::abort();
-    }
-}
 
 // Recordings may be as long as the player has patience; a fuzzer has none.
 bool IsShort(const std::string& text) {
