@@ -28,8 +28,10 @@ constexpr int32_t NO_STAGE = -1;
 constexpr int32_t NODE_STAGE_ARG2 = 20;
 
 // The multi-camera node, and the name that it has for one camera less the camera's id.
-constexpr NodeName MULTI_CAMERA_NODE("MCTFE0");
+constexpr std::string_view MULTI_CAMERA_NODE = "MCTFE0";
+constexpr auto MULTI_CAMERA_NODE_PAIRS = NodeName::PairsOfPart(MULTI_CAMERA_NODE);
 constexpr char MULTI_CAMERA_NODE_PREFIX[] = "MCTFE0_cam";
+constexpr NodeName MULTI_CAMERA_NODE_STEM(MULTI_CAMERA_NODE_PREFIX);
 
 // The service and the trace know frames by the low 32 bits of their numbers.
 int32_t Low32(int64_t frameNumber) {
@@ -189,7 +191,8 @@ int32_t TarvoCameraFrameBoost::NotifyStageStart(int32_t stage, int64_t halFrameN
     }
     bool isError = false;
     int32_t result = 0;
-    if (frameTracker.CheckStatus(halFrameNumber, stage, false, isError)) {
+    if (frameTracker.CheckFrameStatus(halFrameNumber, isError) &&
+        frameTracker.CheckStagesStatus(halFrameNumber, stage, false, isError)) {
         DEBUG_LOG("halFrameNumber = %ld, stage = %d, nodeName = %s",
                   AT_IN("TcfbtNotifyStageStart", __LINE__), halFrameNumber, stage,
                   nodeName.c_str());
@@ -209,7 +212,8 @@ int32_t TarvoCameraFrameBoost::NotifyStageEnd(int32_t stage, int64_t halFrameNum
     }
     bool isError = false;
     int32_t result = 0;
-    if (frameTracker.CheckStatus(halFrameNumber, stage, true, isError)) {
+    if (frameTracker.CheckFrameStatus(halFrameNumber, isError) &&
+        frameTracker.CheckStagesStatus(halFrameNumber, stage, true, isError)) {
         // Counter before line here, line before counter at a stage's start: both deliberately.
         PulseStageCounter("TcfbtNotifyStageEnd", stage, Low32(halFrameNumber));
         DEBUG_LOG("halFrameNumber = %ld, stage = %d, nodeName = %s",
@@ -280,7 +284,11 @@ void TarvoCameraFrameBoost::TcfbtRemapStage(bool isMaterCamera, int32_t currentC
 
 void TarvoCameraFrameBoost::RemapStage(bool isMaterCamera, int32_t currentCameraId,
                                        const NodeName& nodeName) {
-    if (!nodeName.Contains(MULTI_CAMERA_NODE) || !isMaterCamera) {
+    if (!nodeName.Contains(MULTI_CAMERA_NODE, MULTI_CAMERA_NODE_PAIRS) || !isMaterCamera) {
+        return;
+    }
+    // What occurs in the part that all cameras share occurs in the whole name.
+    if (localConfig.HasMatch(MULTI_CAMERA_NODE_STEM)) {
         return;
     }
     const std::string cameraNode = MULTI_CAMERA_NODE_PREFIX + std::to_string(currentCameraId);

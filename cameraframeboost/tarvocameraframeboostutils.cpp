@@ -170,8 +170,8 @@ void LocalConfig::AddStage(int32_t stage, NodePortInfo info) {
     auto place = std::upper_bound(
         stages.begin(), stages.end(), stage,
         [](int32_t number, const StageEntry& entry) { return number < entry.stage; });
-    const uint64_t letters = NodeName::LettersOf(info.nodeName);
-    place = stages.insert(place, {stage, std::move(info), letters});
+    const auto pairs = NodeName::PairsOfPart(info.nodeName);
+    place = stages.insert(place, {stage, std::move(info), pairs});
     for (; place != stages.end(); ++place) {
         nodePortMap[place->stage] = static_cast<size_t>(place - stages.begin());
     }
@@ -234,7 +234,7 @@ bool LocalConfig::UpdateNodeByStage(int32_t stage, const std::string& nodeName) 
     }
     StageEntry& entry = stages[place->second];
     entry.info.nodeName = nodeName;
-    entry.letters = NodeName::LettersOf(nodeName);
+    entry.pairs = NodeName::PairsOfPart(nodeName);
     return true;
 }
 
@@ -242,9 +242,12 @@ bool LocalConfig::UpdateNodeByStage(int32_t stage, const std::string& nodeName) 
 // true. Matching by substring lets a configured stem stand for all instances of a node.
 template <typename Visit>
 bool LocalConfig::AnyMatch(const NodeName& nodeName, Visit visit) const {
-    return std::any_of(stages.rbegin(), stages.rend(), [&](const StageEntry& entry) {
-        return nodeName.Contains({entry.info.nodeName, entry.letters}) && visit(entry);
-    });
+    for (auto entry = stages.rbegin(); entry != stages.rend(); ++entry) {
+        if (nodeName.Contains(entry->info.nodeName, entry->pairs) && visit(*entry)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 int32_t LocalConfig::GetStageByNodeName(const std::string& nodeName) const {
@@ -257,7 +260,11 @@ int32_t LocalConfig::GetStageByNodeName(const std::string& nodeName) const {
 }
 
 bool LocalConfig::IsNodeNameMatch(const std::string& nodeName) const {
-    return GetStageByNodeName(nodeName) != -1;
+    return HasMatch(NodeName(nodeName));
+}
+
+bool LocalConfig::HasMatch(const NodeName& nodeName) const {
+    return AnyMatch(nodeName, [](const StageEntry&) { return true; });
 }
 
 bool LocalConfig::IsStagePortVaild(const std::string& nodeName, int32_t portId) const {
@@ -292,19 +299,25 @@ void FrameTracker::RemoveFrame(FrameTable::iterator entry) noexcept {
     spareFrames.push_back(frameData.extract(entry));
 }
 
-// Gives each stage its flag, down.
-void FrameTracker::PutDown(StageFlags& flags) const {
-    const auto size = static_cast<size_t>(stageCount);
-    if (flags.size() == size) {
-        for (auto& [stage, flag] : flags) {
-            flag.store(false, std::memory_order_relaxed);
-        }
+// Gives each stage its two flags, down.
+void FrameTracker::PutFlagsDown(FrameData& frame) const {
+    for (std::atomic<bool>* flag : frame.flags) {
+        flag->store(false, std::memory_order_relaxed);
+    }
+    frame.flagsUp = 0;
+    const auto count = static_cast<size_t>(stageCount);
+    if (frame.flags.size() == 2 * count) {
         return;
     }
-    flags.clear();
-    flags.reserve(size);
+    frame.flags.clear();
+    frame.stageStartStatus.clear();
+    frame.stageEndStatus.clear();
+    frame.flags.reserve(2 * count);
+    frame.stageStartStatus.reserve(count);
+    frame.stageEndStatus.reserve(count);
     for (int32_t stage = 0; stage < stageCount; ++stage) {
-        flags.emplace(stage, false);
+        frame.flags.push_back(&frame.stageStartStatus.emplace(stage, false).first->second);
+        frame.flags.push_back(&frame.stageEndStatus.emplace(stage, false).first->second);
     }
 }
 
@@ -351,8 +364,7 @@ bool FrameTracker::CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
     }
     FrameData& frame = AddFrame(key);
     frame.status.store(inError ? FRAME_ERROR : FRAME_STARTED, std::memory_order_relaxed);
-    PutDown(frame.stageStartStatus);
-    PutDown(frame.stageEndStatus);
+    PutFlagsDown(frame);
     DEBUG_LOG("new frame added, is error = %d", AT(283), inError);
     return !inError;
 }
@@ -423,34 +435,37 @@ bool FrameTracker::CheckStagesStatus(int64_t frameNumber, int32_t stage, bool is
         return false;
     }
     FrameData& frame = entry->second;
-    const uint32_t status = frame.status.load();
-
-    std::atomic<bool>* hasStarted = FlagInOrder(frame.stageStartStatus, stage);
-    std::atomic<bool>* hasEnded = FlagInOrder(frame.stageEndStatus, stage);
-    if (hasStarted == nullptr || hasEnded == nullptr) {
-        const int32_t errorStage = FirstStageOutOfOrder(frame, stage);
-        if (errorStage != -1) {
-            if (MarkInError(frame, status, isError)) {
-                DEBUG_LOG(
-                    "stage status check error, notify frame error, frameNumber = %ld, "
-                    "stage = %d, error stage = %d",
-                    AT(errorStage < stage ? 361 : 382), frameNumber, stage, errorStage);
-            }
-            return false;
-        }
-        hasStarted = &FlagOf(frame.stageStartStatus, stage);
-        hasEnded = &FlagOf(frame.stageEndStatus, stage);
-    }
-    // A stage may start when it has not started, and end when it has; neither when it has ended.
-    if (*hasStarted == isEnd && !*hasEnded) {
-        *(isEnd ? hasEnded : hasStarted) = true;
+    const size_t event = 2 * static_cast<size_t>(stage) + (isEnd ? 1 : 0);
+    if (frame.flagsUp == event && frame.flags.size() >= 2 * static_cast<size_t>(stageCount)) {
+        *frame.flags[event] = true;
+        ++frame.flagsUp;
         return true;
     }
-    if (MarkInError(frame, status, isError)) {
-        DEBUG_LOG("stage status check error, notify frame error, frameNumber = %ld, stage = %d",
-                  AT(isEnd ? 401 : 419), frameNumber, stage);
-    }
+    MarkInError(frame, frameNumber, stage, isEnd, isError);
     return false;
+}
+
+// Marks a frame as in error after an event that is out of order.
+void FrameTracker::MarkInError(FrameData& frame, int64_t frameNumber, int32_t stage, bool isEnd,
+                               bool& isError) const {
+    const uint32_t status = frame.status.load();
+    const int32_t errorStage = FirstStageOutOfOrder(frame, stage);
+    frame.status.fetch_or(FRAME_ERROR, std::memory_order_relaxed);
+    if (!IsReportable(status)) {
+        return;
+    }
+    frame.status.fetch_or(FRAME_ERROR_NOTIFIED, std::memory_order_relaxed);
+    isError = true;
+    if (errorStage != -1) {
+        DEBUG_LOG(
+            "stage status check error, notify frame error, frameNumber = %ld, stage = %d, "
+            "error stage = %d",
+            AT_IN("CheckStagesStatus", errorStage < stage ? 361 : 382), frameNumber, stage,
+            errorStage);
+    } else {
+        DEBUG_LOG("stage status check error, notify frame error, frameNumber = %ld, stage = %d",
+                  AT_IN("CheckStagesStatus", isEnd ? 401 : 419), frameNumber, stage);
+    }
 }
 
 // A frame whose error may be handed over. Deliberately blind to FRAME_ERROR and FRAME_ENDED; a
@@ -467,26 +482,8 @@ std::atomic<bool>& FrameTracker::FlagOf(StageFlags& flags, int32_t stage) {
     return flag->second;
 }
 
-// The flag of `stage`, when those of all other stages stand as they must while it runs: up for the
-// earlier ones, down for the later ones. Goes through them as they come, which takes no look-up for
-// each; null when that shows that something is wrong, but not what.
-std::atomic<bool>* FrameTracker::FlagInOrder(StageFlags& flags, int32_t stage) const {
-    if (flags.size() != static_cast<size_t>(stageCount)) {
-        return nullptr;
-    }
-    std::atomic<bool>* own = nullptr;
-    for (auto& [flagStage, flag] : flags) {
-        if (flagStage == stage) {
-            own = &flag;
-        } else if (flag != (flagStage < stage)) {
-            return nullptr;
-        }
-    }
-    return own;
-}
-
 // The first earlier stage that has not run, else the first later stage that has begun; -1 when
-// there is none.
+// there is none, and it is `stage` itself that cannot start or end.
 int32_t FrameTracker::FirstStageOutOfOrder(FrameData& frame, int32_t stage) const {
     for (int32_t earlier = 0; earlier < stage; ++earlier) {
         if (!FlagOf(frame.stageStartStatus, earlier) || !FlagOf(frame.stageEndStatus, earlier)) {
@@ -498,17 +495,6 @@ int32_t FrameTracker::FirstStageOutOfOrder(FrameData& frame, int32_t stage) cons
             return later;
         }
     }
+    FlagOf(frame.stageStartStatus, stage);  // There must be one, as there must of the others.
     return -1;
-}
-
-// Marks the frame as in error. Returns true, with `isError` set, when the caller is to report it;
-// `statusBefore` is the frame's status from before the check.
-bool FrameTracker::MarkInError(FrameData& frame, uint32_t statusBefore, bool& isError) {
-    frame.status.fetch_or(FRAME_ERROR, std::memory_order_relaxed);
-    if (!IsReportable(statusBefore)) {
-        return false;
-    }
-    frame.status.fetch_or(FRAME_ERROR_NOTIFIED, std::memory_order_relaxed);
-    isError = true;
-    return true;
 }

@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -103,10 +104,13 @@ class LocalConfig {
     struct StageEntry {
         int32_t stage;
         NodePortInfo info;
-        uint64_t letters;  // Of its node name.
+        std::array<uint64_t, 2> pairs;  // PairsOfPart of its node name.
     };
 
     friend class TarvoCameraFrameBoost;
+
+    // IsNodeNameMatch.
+    bool HasMatch(const NodeName& nodeName) const;
 
     // GetStageByNodeName and IsStagePortVaild at once: sets `stage` and returns whether the port is
     // one that counts.
@@ -202,18 +206,23 @@ class FrameTracker {
         std::atomic<uint32_t> status{0};  // Frame flags.
         StageFlags stageStartStatus;      // Which stages have started,
         StageFlags stageEndStatus;        // and which have ended.
+        // All of these flags in the order in which they go up, and how many are up. As none goes
+        // up before its turn, an event is in order when it is the turn of its flag: the others need
+        // not be looked at.
+        std::vector<std::atomic<bool>*> flags;
+        size_t flagsUp = 0;
     };
 
     using FrameTable = std::map<int32_t, FrameData>;
 
     FrameData& AddFrame(int32_t key);
     void RemoveFrame(FrameTable::iterator entry) noexcept;
-    void PutDown(StageFlags& flags) const;
+    void PutFlagsDown(FrameData& frame) const;
     static bool IsReportable(uint32_t status);
     static std::atomic<bool>& FlagOf(StageFlags& flags, int32_t stage);
-    std::atomic<bool>* FlagInOrder(StageFlags& flags, int32_t stage) const;
     int32_t FirstStageOutOfOrder(FrameData& frame, int32_t stage) const;
-    static bool MarkInError(FrameData& frame, uint32_t statusBefore, bool& isError);
+    void MarkInError(FrameData& frame, int64_t frameNumber, int32_t stage, bool isEnd,
+                     bool& isError) const;
 
     // Guards frameData and every record in it, and spareFrames. Always taken exclusively.
     std::shared_mutex frameMutex;
