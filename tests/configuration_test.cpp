@@ -154,12 +154,12 @@ TEST_F(ConfigurationTest, FindsTheHighestOfManyStages) {
 }
 
 TEST_F(ConfigurationTest, GivesAStageAnotherName) {
-    LocalConfig config = Load(WithStages("0=['A','1']\n1=['C']\n2=['AB','2']\n"));
-    EXPECT_TRUE(config.UpdateNodeByStage(0, "D"));
-    EXPECT_EQ(config.GetStageByNodeName("A"), -1);
-    EXPECT_EQ(config.GetStageByNodeName("xDx"), 0);
-    EXPECT_TRUE(config.IsStagePortVaild("D", 1)) << "the ports stay";
-    EXPECT_FALSE(config.IsStagePortVaild("A", 1));
+    LocalConfig config = Load(WithStages("0=['Old','1']\n1=['C']\n2=['OldB','2']\n"));
+    EXPECT_TRUE(config.UpdateNodeByStage(0, "New"));
+    EXPECT_EQ(config.GetStageByNodeName("Old"), -1);
+    EXPECT_EQ(config.GetStageByNodeName("xNewx"), 0);
+    EXPECT_TRUE(config.IsStagePortVaild("New", 1)) << "the ports stay";
+    EXPECT_FALSE(config.IsStagePortVaild("Old", 1));
 }
 
 TEST_F(ConfigurationTest, ShowsItselfInTheLogWhenDebugIsOn) {

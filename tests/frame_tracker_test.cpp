@@ -186,6 +186,12 @@ TEST_F(FrameTrackerTest, EndsTheProcessWhenAStageWasNotAdmitted) {
     Start(1);
     tracker.stageCount = 2;
     ExpectAbort([this] { Stage(1, 0, START); });
+    tracker.stageCount = 1;
+    EXPECT_EQ(Stage(1, 0, START), "yes");
+    EXPECT_EQ(Stage(1, 0, END), "yes");
+    tracker.stageCount = 2;
+    ExpectAbort([this] { Stage(1, 1, START); });
+    ExpectAbort([this] { Stage(1, 1, END); });
     EXPECT_EQ(End(1), "yes");
     Start(1);
     EXPECT_EQ(Stage(1, 0, START), "yes") << "a new frame has all its stages";
