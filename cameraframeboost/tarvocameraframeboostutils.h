@@ -109,7 +109,7 @@ class LocalConfig {
 
     friend class TarvoCameraFrameBoost;
 
-    // IsNodeNameMatch.
+    // IsNodeNameMatch, for a name that is prepared already.
     bool HasMatch(const NodeName& nodeName) const;
 
     // GetStageByNodeName and IsStagePortVaild at once: sets `stage` and returns whether the port is
