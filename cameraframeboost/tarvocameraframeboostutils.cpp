@@ -436,6 +436,8 @@ bool FrameTracker::CheckStagesStatus(int64_t frameNumber, int32_t stage, bool is
     }
     FrameData& frame = entry->second;
     const size_t event = 2 * static_cast<size_t>(stage) + (isEnd ? 1 : 0);
+    // With more stages now than the frame has flags, looking for those of the others is what ends
+    // the process.
     if (frame.flagsUp == event && frame.flags.size() >= 2 * static_cast<size_t>(stageCount)) {
         *frame.flags[event] = true;
         ++frame.flagsUp;
