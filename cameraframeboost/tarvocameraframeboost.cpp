@@ -172,27 +172,15 @@ int32_t TarvoCameraFrameBoost::TcfbtNotifyFrameEnd(int64_t halFrameNumber) {
     return cfbtFrameEnd(Low32(halFrameNumber)) != 0 ? 1 : 0;
 }
 
-int32_t TarvoCameraFrameBoost::TcfbtNotifyStageStart(int32_t stage, int64_t halFrameNumber,
-                                                     int32_t stageArg1, int32_t stageArg2,
-                                                     std::string nodeName) {
-    return NotifyStageStart(stage, halFrameNumber, stageArg1, stageArg2, nodeName);
-}
-
-int32_t TarvoCameraFrameBoost::TcfbtNotifyStageEnd(int32_t stage, int64_t halFrameNumber,
-                                                   std::string nodeName) {
-    return NotifyStageEnd(stage, halFrameNumber, nodeName);
-}
-
-int32_t TarvoCameraFrameBoost::NotifyStageStart(int32_t stage, int64_t halFrameNumber,
-                                                int32_t stageArg1, int32_t stageArg2,
-                                                const std::string& nodeName) {
+inline int32_t TarvoCameraFrameBoost::NotifyStageStart(int32_t stage, int64_t halFrameNumber,
+                                                       int32_t stageArg1, int32_t stageArg2,
+                                                       const std::string& nodeName) {
     if (!isSceneStarted) {
         return -1;
     }
     bool isError = false;
     int32_t result = 0;
-    if (frameTracker.CheckFrameStatus(halFrameNumber, isError) &&
-        frameTracker.CheckStagesStatus(halFrameNumber, stage, false, isError)) {
+    if (frameTracker.CheckStatus(halFrameNumber, stage, false, isError)) {
         DEBUG_LOG("halFrameNumber = %ld, stage = %d, nodeName = %s",
                   AT_IN("TcfbtNotifyStageStart", __LINE__), halFrameNumber, stage,
                   nodeName.c_str());
@@ -205,15 +193,14 @@ int32_t TarvoCameraFrameBoost::NotifyStageStart(int32_t stage, int64_t halFrameN
     return result;
 }
 
-int32_t TarvoCameraFrameBoost::NotifyStageEnd(int32_t stage, int64_t halFrameNumber,
-                                              const std::string& nodeName) {
+inline int32_t TarvoCameraFrameBoost::NotifyStageEnd(int32_t stage, int64_t halFrameNumber,
+                                                     const std::string& nodeName) {
     if (!isSceneStarted) {
         return -1;
     }
     bool isError = false;
     int32_t result = 0;
-    if (frameTracker.CheckFrameStatus(halFrameNumber, isError) &&
-        frameTracker.CheckStagesStatus(halFrameNumber, stage, true, isError)) {
+    if (frameTracker.CheckStatus(halFrameNumber, stage, true, isError)) {
         // Counter before line here, line before counter at a stage's start: both deliberately.
         PulseStageCounter("TcfbtNotifyStageEnd", stage, Low32(halFrameNumber));
         DEBUG_LOG("halFrameNumber = %ld, stage = %d, nodeName = %s",
@@ -224,6 +211,17 @@ int32_t TarvoCameraFrameBoost::NotifyStageEnd(int32_t stage, int64_t halFrameNum
         ReportErrorFrame(halFrameNumber, stage);
     }
     return result;
+}
+
+int32_t TarvoCameraFrameBoost::TcfbtNotifyStageStart(int32_t stage, int64_t halFrameNumber,
+                                                     int32_t stageArg1, int32_t stageArg2,
+                                                     std::string nodeName) {
+    return NotifyStageStart(stage, halFrameNumber, stageArg1, stageArg2, nodeName);
+}
+
+int32_t TarvoCameraFrameBoost::TcfbtNotifyStageEnd(int32_t stage, int64_t halFrameNumber,
+                                                   std::string nodeName) {
+    return NotifyStageEnd(stage, halFrameNumber, nodeName);
 }
 
 void TarvoCameraFrameBoost::TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::string nodeName,

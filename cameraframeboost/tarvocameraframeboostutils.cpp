@@ -388,24 +388,20 @@ void FrameTracker::Clear() {
     spareFrames.clear();
 }
 
-bool FrameTracker::CheckStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError) {
-    return CheckFrameStatus(frameNumber, isError) &&
-           CheckStagesStatus(frameNumber, stage, isEnd, isError);
-}
-
-bool FrameTracker::CheckFrameStatus(int64_t frameNumber, bool& isError) {
+inline bool FrameTracker::CheckFrame(int64_t frameNumber, bool& isError) {
     const std::lock_guard<std::shared_mutex> lock(frameMutex);
     const auto entry = frameData.find(static_cast<int32_t>(frameNumber));
     if (entry == frameData.end()) {
-        DEBUG_LOG("frameNumber not exist, frameNumber = %ld", AT(446), frameNumber);
+        DEBUG_LOG("frameNumber not exist, frameNumber = %ld", AT_IN("CheckFrameStatus", 446),
+                  frameNumber);
         return false;
     }
     const uint32_t status = entry->second.status.load();
     if ((status & FRAME_ERROR) != 0) {
         if (IsReportable(status)) {
             entry->second.status.fetch_or(FRAME_ERROR_NOTIFIED, std::memory_order_relaxed);
-            DEBUG_LOG("is error frame, notify frame error, frameNumber = %ld", AT(464),
-                      frameNumber);
+            DEBUG_LOG("is error frame, notify frame error, frameNumber = %ld",
+                      AT_IN("CheckFrameStatus", 464), frameNumber);
             isError = true;
         }
         return false;
@@ -415,15 +411,15 @@ bool FrameTracker::CheckFrameStatus(int64_t frameNumber, bool& isError) {
     }
     // Nothing leaves an ended frame behind today; should that change, it goes here.
     RemoveFrame(entry);
-    DEBUG_LOG("remove frame, frameNumber = %ld", AT(474), frameNumber);
+    DEBUG_LOG("remove frame, frameNumber = %ld", AT_IN("CheckFrameStatus", 474), frameNumber);
     return false;
 }
 
-bool FrameTracker::CheckStagesStatus(int64_t frameNumber, int32_t stage, bool isEnd,
+inline bool FrameTracker::CheckStage(int64_t frameNumber, int32_t stage, bool isEnd,
                                      bool& isError) {
     if (stage < 0 || stage >= stageCount) {
         DEBUG_LOG("stage error, notify frame error, frameNumber = %ld, stage = %d, stageCount = %d",
-                  AT(326), frameNumber, stage, stageCount);
+                  AT_IN("CheckStagesStatus", 326), frameNumber, stage, stageCount);
         isError = true;
         return false;
     }
@@ -431,7 +427,8 @@ bool FrameTracker::CheckStagesStatus(int64_t frameNumber, int32_t stage, bool is
     const std::lock_guard<std::shared_mutex> lock(frameMutex);
     const auto entry = frameData.find(static_cast<int32_t>(frameNumber));
     if (entry == frameData.end()) {
-        DEBUG_LOG("frameNumber not exist, frameNumber = %ld", AT(336), frameNumber);
+        DEBUG_LOG("frameNumber not exist, frameNumber = %ld", AT_IN("CheckStagesStatus", 336),
+                  frameNumber);
         return false;
     }
     FrameData& frame = entry->second;
@@ -445,6 +442,19 @@ bool FrameTracker::CheckStagesStatus(int64_t frameNumber, int32_t stage, bool is
     }
     MarkInError(frame, frameNumber, stage, isEnd, isError);
     return false;
+}
+
+bool FrameTracker::CheckStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError) {
+    return CheckFrame(frameNumber, isError) && CheckStage(frameNumber, stage, isEnd, isError);
+}
+
+bool FrameTracker::CheckFrameStatus(int64_t frameNumber, bool& isError) {
+    return CheckFrame(frameNumber, isError);
+}
+
+bool FrameTracker::CheckStagesStatus(int64_t frameNumber, int32_t stage, bool isEnd,
+                                     bool& isError) {
+    return CheckStage(frameNumber, stage, isEnd, isError);
 }
 
 // Marks a frame as in error after an event that is out of order.

@@ -218,6 +218,10 @@ class FrameTracker {
     FrameData& AddFrame(int32_t key);
     void RemoveFrame(FrameTable::iterator entry) noexcept;
     void PutFlagsDown(FrameData& frame) const;
+    // CheckFrameStatus and CheckStagesStatus. Inline, so that CheckStatus, which every stage event
+    // comes through, does both without a call.
+    bool CheckFrame(int64_t frameNumber, bool& isError);
+    bool CheckStage(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError);
     static bool IsReportable(uint32_t status);
     static std::atomic<bool>& FlagOf(StageFlags& flags, int32_t stage);
     int32_t FirstStageOutOfOrder(FrameData& frame, int32_t stage) const;
