@@ -141,8 +141,8 @@ class TarvoCameraFrameBoost {
     static std::vector<int32_t> tempTids;     // Emptied at the end of a scene.
 
   private:
-    // The operations of the same names without a copy of the node's name for each derived event,
-    // and inline there.
+    // The operations of the same names, inline and without a copy of the node's name for each
+    // derived event.
     int32_t NotifyStageStart(int32_t stage, int64_t halFrameNumber, int32_t stageArg1,
                              int32_t stageArg2, const std::string& nodeName);
     int32_t NotifyStageEnd(int32_t stage, int64_t halFrameNumber, const std::string& nodeName);
