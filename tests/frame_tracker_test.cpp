@@ -2,6 +2,7 @@
 // reported.
 
 #include <limits>
+#include <thread>
 
 #include "tests/expect_abort.h"
 #include "tests/library_test.h"
@@ -179,6 +180,20 @@ TEST_F(FrameTrackerTest, ReportsAStageOutOfRangeEachTimeAndAFrameOutOfSequenceNe
     EXPECT_FALSE(tracker.CheckStagesStatus(9, 2, START, isError));
     EXPECT_TRUE(isError) << "the range comes first";
     EXPECT_EQ(End(1), "yes");
+}
+
+TEST_F(FrameTrackerTest, MayBeClearedWhileFramesComeAndGo) {
+    std::thread camera([this] {
+        for (int64_t frame = 1; frame < 2000; ++frame) {
+            Start(frame);
+        }
+    });
+    for (int i = 0; i < 2000; ++i) {
+        tracker.Clear();
+    }
+    camera.join();
+    tracker.Clear();
+    EXPECT_EQ(Start(1), "yes");
 }
 
 TEST_F(FrameTrackerTest, EndsTheProcessWhenAStageWasNotAdmitted) {

@@ -73,6 +73,23 @@ TEST_F(NotificationTest, DerivesByTheStageTable) {
         << "the stage is that of AB, the port one of A";
 }
 
+TEST_F(NotificationTest, NamesACounterByAllDigitsOfItsStage) {
+    std::string stages;
+    for (int32_t stage = 0; stage <= 12; ++stage) {
+        stages += std::to_string(stage) + "=['N']\n";
+    }
+    Restart(stages);
+    boost.TcfbtNotifyFrameStart(1);
+    for (int32_t stage = 0; stage < 12; ++stage) {
+        boost.TcfbtNotifyStageStart(stage, 1, 0, 0, "");
+        boost.TcfbtNotifyStageEnd(stage, 1, "");
+    }
+    SwitchDebugOn(0x800);
+    recorder.Take();
+    boost.TcfbtNotifyStageStart(12, 1, 0, 0, "");
+    EXPECT_EQ(Effects()[1], "counter TcfbtNotifyStageStart12 = 1");
+}
+
 TEST_F(NotificationTest, NeverRenamesAStageOfALoadedTable) {
     Restart("0=['Sensor','1']\n1=['MCTFE0_cam1','2']\n2=['x','3']\n");
     const LocalConfig& config = TarvoCameraFrameBoost::localConfig;
