@@ -47,11 +47,12 @@ class BusyScene {
         std::vector<std::thread> pipeline;
         std::vector<std::thread> others;
         for (int32_t thread = 0; thread < 2; ++thread) {
-            others.emplace_back([=] { RegisterThreads(number * TIDS + thread * TIDS / 2); });
-            others.emplace_back([=] { MakeNoise(number * 2 + thread); });
+            others.emplace_back(
+                [this, thread] { RegisterThreads(number * TIDS + thread * TIDS / 2); });
+            others.emplace_back([this, thread] { MakeNoise(number * 2 + thread); });
         }
         for (int32_t stage = 0; isRunning && stage < STAGES; ++stage) {
-            pipeline.emplace_back([=] { RunStage(stage); });
+            pipeline.emplace_back([this, stage] { RunStage(stage); });
         }
         std::for_each(pipeline.begin(), pipeline.end(), std::mem_fn(&std::thread::join));
         isOver = true;

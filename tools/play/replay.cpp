@@ -1,14 +1,14 @@
-#include "tools/replay/replay.h"
+#include "tools/play/replay.h"
 
 #include <memory>
 #include <optional>
 #include <variant>
 
-#include "tools/replay/player.h"
-#include "tools/replay/report.h"
-#include "tools/replay/session.h"
+#include "tools/output/transcript.h"
+#include "tools/play/player.h"
+#include "tools/session/session.h"
 
-namespace replay {
+namespace tools {
 namespace {
 
 constexpr char DEBUG_PROPERTY[] = "vendor.tarvo.camera.frameboost.debug.enable";
@@ -73,4 +73,4 @@ int Replay(const Options& options, std::istream& session, const std::string& nam
     return PLAYED;
 }
 
-}  // namespace replay
+}  // namespace tools

@@ -1,4 +1,4 @@
-#include "tools/replay/session.h"
+#include "tools/session/session.h"
 
 #include <algorithm>
 #include <cctype>
@@ -7,7 +7,7 @@
 #include <limits>
 #include <sstream>
 
-namespace replay {
+namespace tools {
 namespace {
 
 constexpr std::string_view RECORDING = "PlayRecording";
@@ -191,4 +191,4 @@ std::string DescribeFormat() {
     return text.str();
 }
 
-}  // namespace replay
+}  // namespace tools

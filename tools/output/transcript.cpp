@@ -1,10 +1,10 @@
-#include "tools/replay/report.h"
+#include "tools/output/transcript.h"
 
 #include <iomanip>
 #include <nlohmann/json.hpp>
 #include <utility>
 
-namespace replay {
+namespace tools {
 namespace {
 
 struct CounterNames {
@@ -175,7 +175,7 @@ class JsonReport : public Report {
         return json;
     }
 
-    static nlohmann::ordered_json JsonOf(const Value& value) { return replay::JsonOf(value); }
+    static nlohmann::ordered_json JsonOf(const Value& value) { return tools::JsonOf(value); }
 
     // Why how many events of which kind were not forwarded.
     static nlohmann::ordered_json ReasonsOf(const Tally& tally) {
@@ -249,4 +249,4 @@ std::unique_ptr<Report> MakeJsonReport(std::ostream& out, bool isQuiet, bool wit
     return std::make_unique<JsonReport>(out, isQuiet, withDebug);
 }
 
-}  // namespace replay
+}  // namespace tools

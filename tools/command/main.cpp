@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "host/desktop.h"
-#include "tools/replay/replay.h"
-#include "tools/replay/session.h"
+#include "tools/play/replay.h"
+#include "tools/session/session.h"
 
 namespace {
 
@@ -52,9 +52,9 @@ int Run(int argc, char** argv) {
     CLI::App app(
         "Plays a camera session against the camera frame boost library and shows, under each HAL\n"
         "call, what the boost service was told. Exit status: 0 played, 2 bad input.\n");
-    app.footer("\n" + replay::DescribeFormat());
+    app.footer("\n" + tools::DescribeFormat());
 
-    replay::Options options;
+    tools::Options options;
     std::string sessionFile;
     std::vector<std::string> statuses;
     app.add_option("SESSION", sessionFile, "The session file; - for standard input")->required();
@@ -74,7 +74,7 @@ int Run(int argc, char** argv) {
             options.statuses.push_back(ParseStatus(status));
         }
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? replay::PLAYED : replay::BAD_INPUT;
+        return app.exit(error) == 0 ? tools::PLAYED : tools::BAD_INPUT;
     }
 
     ProgressLine progress;
@@ -83,15 +83,15 @@ int Run(int argc, char** argv) {
         options.onProgress = [&progress](int64_t done, int64_t all) { progress.Show(done, all); };
     }
     if (sessionFile == "-") {
-        return replay::Replay(options, std::cin, "standard input", std::cout, std::cerr);
+        return tools::Replay(options, std::cin, "standard input", std::cout, std::cerr);
     }
     std::ifstream file(sessionFile);
     // Peeking, not opening, is what fails for a directory.
     if (!file || (file.peek(), file.bad())) {
         std::cerr << sessionFile << ":1: cannot be read, expected a session file\n";
-        return replay::BAD_INPUT;
+        return tools::BAD_INPUT;
     }
-    return replay::Replay(options, file, sessionFile, std::cout, std::cerr);
+    return tools::Replay(options, file, sessionFile, std::cout, std::cerr);
 }
 
 }  // namespace

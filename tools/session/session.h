@@ -10,9 +10,9 @@
 #include <variant>
 #include <vector>
 
-#include "tools/replay/operations.h"
+#include "tools/session/operations.h"
 
-namespace replay {
+namespace tools {
 
 // What is wrong with a line, and what was expected instead.
 class SessionError : public std::runtime_error {
@@ -45,4 +45,4 @@ Line ParseLine(std::string_view line);
 // What a session file may hold, for people.
 std::string DescribeFormat();
 
-}  // namespace replay
+}  // namespace tools

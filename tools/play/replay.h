@@ -12,7 +12,7 @@
 
 #include "host/desktop.h"
 
-namespace replay {
+namespace tools {
 
 struct Options {
     std::string configuration;  // A TOML file; empty for what the platform serves anyway.
@@ -35,4 +35,4 @@ inline constexpr int BAD_INPUT = 2;
 int Replay(const Options& options, std::istream& session, const std::string& name,
            std::ostream& out, std::ostream& err);
 
-}  // namespace replay
+}  // namespace tools

@@ -1,4 +1,4 @@
-#include "tools/replay/player.h"
+#include "tools/play/player.h"
 
 #include <algorithm>
 #include <string>
@@ -6,7 +6,7 @@
 #include <thread>
 #include <utility>
 
-namespace replay {
+namespace tools {
 namespace {
 
 using desktop::ServiceFunction;
@@ -240,4 +240,4 @@ Tally Player::Judge(const Call& call, const std::optional<int32_t>& result) cons
     return tally;
 }
 
-}  // namespace replay
+}  // namespace tools

@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "host/desktop.h"
-#include "tools/replay/session.h"
+#include "tools/session/session.h"
 
-namespace replay {
+namespace tools {
 
 // What is counted.
 enum class Counter {
@@ -76,4 +76,4 @@ std::unique_ptr<Report> MakeTextReport(std::ostream& out, bool isQuiet, bool wit
 // For programs: JSON objects, one a line; the summary is the last.
 std::unique_ptr<Report> MakeJsonReport(std::ostream& out, bool isQuiet, bool withDebug);
 
-}  // namespace replay
+}  // namespace tools

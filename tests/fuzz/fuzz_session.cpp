@@ -5,9 +5,9 @@
 #include <sstream>
 #include <string>
 
-#include "fuzz/require.h"
-#include "tools/replay/replay.h"
-#include "tools/replay/session.h"
+#include "tests/fuzz/require.h"
+#include "tools/play/replay.h"
+#include "tools/session/session.h"
 
 namespace {
 
@@ -16,12 +16,12 @@ bool IsShort(const std::string& text) {
     std::istringstream session(text);
     for (std::string line; std::getline(session, line);) {
         try {
-            const replay::Line parsed = replay::ParseLine(line);
-            const auto* recording = std::get_if<replay::Recording>(&parsed);
+            const tools::Line parsed = tools::ParseLine(line);
+            const auto* recording = std::get_if<tools::Recording>(&parsed);
             if (recording != nullptr && recording->frames > 20) {
                 return false;
             }
-        } catch (const replay::SessionError&) {
+        } catch (const tools::SessionError&) {
             return true;
         }
     }
@@ -34,11 +34,11 @@ struct Play {
     std::string err;
 };
 
-Play PlayOnce(const std::string& text, const replay::Options& options) {
+Play PlayOnce(const std::string& text, const tools::Options& options) {
     std::istringstream session(text);
     std::ostringstream out;
     std::ostringstream err;
-    const int status = replay::Replay(options, session, "name", out, err);
+    const int status = tools::Replay(options, session, "name", out, err);
     return {status, out.str(), err.str()};
 }
 
@@ -49,16 +49,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!IsShort(text)) {
         return -1;
     }
-    replay::Options options;
+    tools::Options options;
     const Play play = PlayOnce(text, options);
     options.withDebug = true;
     options.isJson = true;
     const Play json = PlayOnce(text, options);
     Require(play.status == json.status && play.err == json.err, "not the same twice");
-    if (play.status == replay::PLAYED) {
+    if (play.status == tools::PLAYED) {
         Require(play.err.empty() && !play.out.empty(), play.err);
     } else {
-        Require(play.status == replay::BAD_INPUT && play.err.rfind("name:", 0) == 0 &&
+        Require(play.status == tools::BAD_INPUT && play.err.rfind("name:", 0) == 0 &&
                     play.err.find('\n') == play.err.size() - 1,
                 play.err);
     }

@@ -2,7 +2,7 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include "fuzz/require.h"
+#include "tests/fuzz/require.h"
 #include "tests/store_contents.h"
 
 namespace {

@@ -12,7 +12,7 @@
 
 #include "cameraframeboost/tarvocameraframeboost.h"
 
-namespace replay {
+namespace tools {
 
 // An argument, of whatever type the operation takes.
 using Value = std::variant<bool, int32_t, int64_t, std::string, std::vector<int32_t>>;
@@ -36,4 +36,4 @@ const std::vector<Operation>& Operations();
 // The operation of that name; null when there is none.
 const Operation* FindOperation(std::string_view name);
 
-}  // namespace replay
+}  // namespace tools

@@ -1,4 +1,4 @@
-#include "tools/replay/operations.h"
+#include "tools/session/operations.h"
 
 #include <algorithm>
 #include <array>
@@ -6,7 +6,7 @@
 #include <type_traits>
 #include <utility>
 
-namespace replay {
+namespace tools {
 namespace {
 
 using Boost = TarvoCameraFrameBoost;
@@ -74,4 +74,4 @@ const Operation* FindOperation(std::string_view name) {
     return found == operations.end() ? nullptr : &*found;
 }
 
-}  // namespace replay
+}  // namespace tools

@@ -10,10 +10,10 @@
 
 #include "cameraframeboost/tarvocameraframeboost.h"
 #include "host/desktop.h"
-#include "tools/replay/report.h"
-#include "tools/replay/session.h"
+#include "tools/output/transcript.h"
+#include "tools/session/session.h"
 
-namespace replay {
+namespace tools {
 
 // One player a play: it brings the library to the state in which it is after loading, and makes the
 // facade's object, as a HAL does when a camera is opened.
@@ -51,4 +51,4 @@ class Player : private desktop::Observer {
     int64_t nextFrame = 0;  // The frame that the last recording left open; 0 for none.
 };
 
-}  // namespace replay
+}  // namespace tools

@@ -5,9 +5,9 @@
 #include <set>
 #include <sstream>
 
-#include "fuzz/require.h"
 #include "tests/contract.h"
-#include "tools/replay/session.h"
+#include "tests/fuzz/require.h"
+#include "tools/session/session.h"
 
 namespace {
 
@@ -46,7 +46,7 @@ class Player : private Contract {
         LetServiceAnswer(0);
     }
 
-    void Play(const replay::Call& call) {
+    void Play(const tools::Call& call) {
         const std::string name(call.operation->name);
         const bool wasStarted = isStarted;
         isHalReporting = name == "TcfbtNotifyErrorFrame";
@@ -62,7 +62,7 @@ class Player : private Contract {
             Require(wasStarted ? *result == 0 || *result == 1 : *result == -1,
                     name + " = " + std::to_string(*result));
         }
-        for (const replay::Value& value : call.arguments) {
+        for (const tools::Value& value : call.arguments) {
             if (const auto* frame = std::get_if<int64_t>(&value)) {
                 const auto number = static_cast<uint32_t>(*frame);
                 candidates.insert(static_cast<int32_t>(number));
@@ -128,11 +128,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::istringstream session(std::string(data, data + size));
     for (std::string text; std::getline(session, text);) {
         try {
-            const replay::Line line = replay::ParseLine(text);
-            if (const auto* call = std::get_if<replay::Call>(&line)) {
+            const tools::Line line = tools::ParseLine(text);
+            if (const auto* call = std::get_if<tools::Call>(&line)) {
                 player.Play(*call);
             }
-        } catch (const replay::SessionError&) {
+        } catch (const tools::SessionError&) {
             continue;
         }
     }

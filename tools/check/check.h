@@ -1,0 +1,51 @@
+// What is wrong or surprising about a configuration, each with its consequence.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/check/finding.h"
+
+namespace tools {
+
+// A stage as the library understands it.
+struct ConfiguredStage {
+    int32_t stage = 0;
+    std::string node;
+    std::vector<int32_t> ports;  // Ascending, each once.
+};
+
+// The library's configuration as it understands it: from a file, from the dump in its log, or as
+// loaded.
+struct Configuration {
+    bool isEnabled = false;
+    std::optional<int32_t> additionalWidth;  // Nothing where it is not known: the dump lacks it.
+    std::vector<int32_t> modes;              // Ascending, each once.
+    std::optional<int32_t> stageCount;       // As the store reports it; nothing where not known.
+    std::vector<ConfiguredStage> stages;     // Those that could be loaded, ascending.
+
+    // The highest stage whose node name occurs within `node`; -1 when there is none.
+    int32_t StageOf(std::string_view node) const;
+    // Whether any stage whose node name occurs within `node` lists `port`.
+    bool IsStagePort(std::string_view node, int32_t port) const;
+};
+
+struct CheckedConfiguration {
+    std::vector<Finding> findings;  // In the order of their places.
+    Configuration table;
+    bool isReadable = true;    // False when it could not be read or parsed at all.
+    bool endsProcess = false;  // Loading it ends the process.
+};
+
+// Checks TOML text.
+CheckedConfiguration CheckConfiguration(std::string_view toml);
+
+// The configuration as a file that the store would serve, with what `Configuration` does not know
+// left out and marked in comments. What is read back from it is the same table.
+std::string ToToml(const Configuration& configuration);
+
+}  // namespace tools

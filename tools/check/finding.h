@@ -1,0 +1,37 @@
+// What tells a person that something is wrong: the one form in which every part of the command
+// does it.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tools {
+
+// From the least to the worst.
+enum class Severity : uint8_t { Note, Warning, Error };
+
+// Where something stands: which of the inputs, in the order in which they were given from 0, and
+// the line in it from 1. Line 0: nowhere.
+struct Place {
+    uint32_t input = 0;
+    uint32_t line = 0;
+};
+
+struct Finding {
+    std::string check;  // The finding's name, such as "port-misread".
+    Severity severity = Severity::Note;
+    std::string message;
+    Place place;
+    uint32_t column = 0;           // In bytes, from 1; 0 where there is none to tell.
+    std::optional<int64_t> frame;  // The frame that it is about, where there is one.
+};
+
+// "error", "warning" or "note".
+const char* NameOf(Severity severity);
+
+// "file:line[:column]: severity: message [check-name]". `file`: what the place's input is called.
+std::string ToString(const Finding& finding, const std::string& file);
+
+}  // namespace tools
