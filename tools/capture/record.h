@@ -33,13 +33,14 @@ struct Format {
     int digits = 3;            // Of the seconds' fraction: 3, 6 (usec) or 9 (nsec).
     bool hasUid = false;
     bool hasColor = false;
+    bool isPrintable = false;  // Control characters show as escapes.
 };
 
 // "threadtime", or "threadtime,year,usec": a form and its modifiers; nothing for anything else.
 std::optional<Format> FormatOf(std::string_view name);
 
 // Appends the record as logcat writes it, line end included. A record without a time shows the
-// epoch.
+// epoch; the column of the user, which a record does not know, shows a camera HAL's.
 void AppendRecord(std::string& text, const Format& format, const Record& record);
 
 }  // namespace tools

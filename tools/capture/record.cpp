@@ -1,0 +1,220 @@
+#include "tools/capture/record.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstddef>
+#include <ctime>
+#include <utility>
+
+namespace tools {
+namespace {
+
+constexpr int64_t MICROS_PER_SECOND = 1'000'000;
+// Whom a camera HAL runs as, Android's user "cameraserver". A record does not know its own.
+constexpr std::string_view USER = " 1047";
+constexpr size_t TAG_WIDTH = 8;
+constexpr size_t ID_WIDTH = 5;
+
+// A form: what stands around a message. D stands for the time, P for the priority, T for the padded
+// tag, t for the bare one, I for user and process, J for the thread; the rest is itself.
+struct Layout {
+    std::string_view name;
+    std::string_view before;
+    std::string_view after;
+};
+
+// In the order of Form.
+constexpr std::array<Layout, 8> LAYOUTS = {{
+    {"brief", "P/T(I): ", "\n"},
+    {"process", "P(I) ", "  (t)\n"},
+    {"tag", "P/T: ", "\n"},
+    {"thread", "P(I:J) ", "\n"},
+    {"raw", "", "\n"},
+    {"time", "D P/T(I): ", "\n"},
+    {"threadtime", "D I J P T: ", "\n"},
+    {"long", "[ D I:J P/T ]\n", "\n\n"},
+}};
+
+void AppendNumber(std::string& text, int64_t number, size_t width, char fill = ' ') {
+    std::array<char, 24> digits;  // NOLINT(*-member-init): to_chars fills it.
+    const char* const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+    const auto length = static_cast<size_t>(end - digits.data());
+    text.append(std::max<size_t>(width, length) - length, fill);
+    text.append(digits.data(), length);
+}
+
+// "YYYY-MM-DD hh:mm:ss". Lines come by the thousand a second, so it is made once a second.
+std::string_view DateOf(int64_t second) {
+    thread_local int64_t shownSecond = 0;
+    thread_local std::array<char, 40> shown{};
+    thread_local size_t length = 0;
+    if (length == 0 || second != shownSecond) {
+        const auto time = static_cast<time_t>(second);
+        tm calendar{};
+        gmtime_r(&time, &calendar);
+        length = std::strftime(shown.data(), shown.size(), "%Y-%m-%d %H:%M:%S", &calendar);
+        shownSecond = second;
+    }
+    return {shown.data(), length};
+}
+
+void AppendTime(std::string& text, const Format& format, int64_t time) {
+    int64_t second = time / MICROS_PER_SECOND;
+    int64_t fraction = time % MICROS_PER_SECOND;
+    if (fraction < 0) {
+        --second;
+        fraction += MICROS_PER_SECOND;
+    }
+    const bool isNumber = format.isEpoch || format.isMonotonic;
+    if (isNumber) {
+        AppendNumber(text, second, format.isMonotonic ? 6 : 19);
+    } else {
+        const std::string_view date = DateOf(second);
+        text += format.hasYear ? date : date.substr(date.find('-', 1) + 1);
+    }
+    text += '.';
+    if (format.digits == 9) {
+        AppendNumber(text, fraction * 1000, 9, '0');
+    } else if (format.digits == 6) {
+        AppendNumber(text, fraction, 6, '0');
+    } else {
+        AppendNumber(text, fraction / 1000, 3, '0');
+    }
+    if (format.hasZone && !isNumber) {
+        text += " +0000";
+    }
+}
+
+std::string_view ColorOf(char priority) {
+    switch (priority) {
+        case 'D':
+            return "\x1B[38;5;75m";
+        case 'I':
+            return "\x1B[38;5;40m";
+        case 'W':
+            return "\x1B[38;5;166m";
+        case 'E':
+        case 'F':
+            return "\x1B[38;5;196m";
+        default:
+            return "\x1B[38;5;231m";
+    }
+}
+
+void AppendLayout(std::string& text, const Format& format, const Record& record,
+                  std::string_view layout) {
+    for (const char part : layout) {
+        switch (part) {
+            case 'D':
+                AppendTime(text, format, record.time.value_or(0));
+                break;
+            case 'P':
+                text += record.priority;
+                break;
+            case 'T':
+                text += record.tag;
+                text.append(TAG_WIDTH - std::min(TAG_WIDTH, record.tag.size()), ' ');
+                break;
+            case 't':
+                text += record.tag;
+                break;
+            case 'I':
+                if (format.hasUid) {
+                    text += USER;
+                    text += format.form == Form::Threadtime ? ' ' : ':';
+                }
+                AppendNumber(text, record.process, ID_WIDTH);
+                break;
+            case 'J':
+                AppendNumber(text, record.thread, ID_WIDTH);
+                break;
+            default:
+                text += part;
+        }
+    }
+}
+
+void AppendMessage(std::string& text, const Format& format, std::string_view message) {
+    constexpr std::string_view escaped = "\a\b\v\f\r\\";
+    constexpr std::string_view letters = "abvfr\\";
+    if (!format.isPrintable) {
+        text += message;
+        return;
+    }
+    for (const char character : message) {
+        const size_t letter = escaped.find(character);
+        if (letter != std::string_view::npos) {
+            text += {'\\', letters[letter]};
+        } else if (character >= 0 && character < ' ' && character != '\t' && character != '\n') {
+            text += '\\';
+            text += character >= 8 ? std::string{char('0' + character / 8)} : "";
+            text += char('0' + character % 8);
+        } else {
+            text += character;
+        }
+    }
+}
+
+// Whether `word` is a modifier; if so it is in `format`.
+bool SetModifier(Format& format, std::string_view word) {
+    const std::pair<std::string_view, bool*> flags[] = {
+        {"year", &format.hasYear},   {"zone", &format.hasZone},          {"UTC", &format.hasZone},
+        {"epoch", &format.isEpoch},  {"monotonic", &format.isMonotonic}, {"uid", &format.hasUid},
+        {"color", &format.hasColor}, {"printable", &format.isPrintable},
+    };
+    for (const auto& [name, flag] : flags) {
+        if (word == name) {
+            *flag = true;
+            return true;
+        }
+    }
+    if (word == "usec" || word == "nsec") {
+        format.digits = word == "usec" ? 6 : 9;
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::optional<Format> FormatOf(std::string_view name) {
+    Format format;
+    bool hasForm = false;
+    for (size_t at = 0; at <= name.size();) {
+        const size_t end = std::min(name.find(',', at), name.size());
+        const std::string_view word = name.substr(at, end - at);
+        at = end + 1;
+        const auto* const layout =
+            std::find_if(LAYOUTS.begin(), LAYOUTS.end(),
+                         [word](const Layout& candidate) { return candidate.name == word; });
+        if (layout != LAYOUTS.end() && !hasForm) {
+            format.form = static_cast<Form>(layout - LAYOUTS.begin());
+            hasForm = true;
+        } else if (layout != LAYOUTS.end() || !SetModifier(format, word)) {
+            return std::nullopt;
+        }
+    }
+    return format;
+}
+
+void AppendRecord(std::string& text, const Format& format, const Record& record) {
+    const Layout& layout = LAYOUTS[static_cast<size_t>(format.form)];
+    const std::string_view message = record.message;
+    // Each line of a message gets what stands around it; a line end at its end begins none.
+    for (size_t at = 0;;) {
+        const size_t end = std::min(
+            format.form == Form::Long ? message.npos : message.find('\n', at), message.size());
+        text += format.hasColor ? ColorOf(record.priority) : "";
+        AppendLayout(text, format, record, layout.before);
+        AppendMessage(text, format, message.substr(at, end - at));
+        text += format.hasColor ? "\x1B[0m" : "";
+        AppendLayout(text, format, record, layout.after);
+        at = end + 1;
+        if (at >= message.size()) {
+            return;
+        }
+    }
+}
+
+}  // namespace tools
