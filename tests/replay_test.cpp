@@ -13,13 +13,13 @@ namespace {
 
 class ReplayTest : public testing::Test {
   protected:
-    int Play(std::istream& session, const std::string& name) {
+    bool Play(std::istream& session, const std::string& name) {
         out.str("");
         err.str("");
         return tools::Replay(options, session, name, out, err);
     }
 
-    int Play(const std::string& session) {
+    bool Play(const std::string& session) {
         std::istringstream stream(session);
         return Play(stream, "test.session");
     }
@@ -64,7 +64,7 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
         options.configuration = *config == '\0' ? "" : Sessions(config);
         options.withDebug = withDebug;
         const std::string text = ReadFile(Sessions(std::string(session) + ".session"));
-        EXPECT_EQ(Play(text), tools::PLAYED) << err.str();
+        EXPECT_TRUE(Play(text)) << err.str();
         // Some lines are known by the number of their statement, which may change.
         const std::string played = std::regex_replace(
             out.str(), std::regex(" [1-9][0-9]*:(TcfbtNotify(Stage|Node))"), " N:$1");
@@ -76,7 +76,7 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
 
         // Without debugging it is all the same, less what debugging shows.
         options.withDebug = false;
-        EXPECT_EQ(Play(text), tools::PLAYED);
+        EXPECT_TRUE(Play(text));
         EXPECT_EQ(out.str(), std::regex_replace(played, std::regex("      [Dc][^\n]*\n"), ""));
     }
 }
@@ -102,7 +102,7 @@ TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
             desktop::SetObserver(&log);
         }
     };
-    EXPECT_EQ(Play(file, "minute"), tools::PLAYED);
+    EXPECT_TRUE(Play(file, "minute"));
     for (int32_t frame = 3; frame <= 3600; ++frame) {
         ASSERT_EQ(log.frames[frame],
                   "FrameStart StageStart0 StageEnd0 StageStart1 StageEnd1 StageStart2 StageEnd2 "
@@ -115,7 +115,7 @@ TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
     options.isJson = true;
     file.clear();
     file.seekg(0);
-    EXPECT_EQ(Play(file, "minute"), tools::PLAYED);
+    EXPECT_TRUE(Play(file, "minute"));
     EXPECT_EQ(
         out.str(),
         "{\"type\":\"summary\",\"scenesStarted\":1,\"scenesRefused\":0,\"framesStarted\":3601,"
@@ -125,8 +125,7 @@ TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
 }
 
 TEST_F(ReplayTest, RecordsOnFromWhereItWasOrFromWhereItIsTold) {
-    EXPECT_EQ(Play(SCENE + "PlayRecording 2\nPlayRecording 2\nPlayRecording 1 0x20\n"),
-              tools::PLAYED);
+    EXPECT_EQ(Play(SCENE + "PlayRecording 2\nPlayRecording 2\nPlayRecording 1 0x20\n"), true);
     size_t at = 0;
     for (const char* event :
          {"cfbtFrameStart(frame=1)", "cfbtFrameEnd(frame=2)", "cfbtFrameEnd(frame=3)",
@@ -139,7 +138,7 @@ TEST_F(ReplayTest, RecordsOnFromWhereItWasOrFromWhereItIsTold) {
 TEST_F(ReplayTest, ShowsWhatItIsAskedToShow) {
     options.withDebug = true;
     options.statuses = {{desktop::ServiceFunction::FrameStart, 7}};
-    EXPECT_EQ(Play(SCENE + "TcfbtNotifyFrameStart 1\n"), tools::PLAYED);
+    EXPECT_TRUE(Play(SCENE + "TcfbtNotifyFrameStart 1\n"));
     for (const char* line :
          {"      D tarvocameraframeboostutils: tarvocameraframeboostutils.cpp 186:DumpConfig() "
           "frameboost enable = 1\n",
@@ -151,7 +150,7 @@ TEST_F(ReplayTest, ShowsWhatItIsAskedToShow) {
     }
     options = {};
     options.isJson = true;
-    EXPECT_EQ(Play("TcfbtAddPersistTids \"a \\\"b\\\\ \xff\" -0x10 # comment\n"), tools::PLAYED);
+    EXPECT_TRUE(Play("TcfbtAddPersistTids \"a \\\"b\\\\ \xff\" -0x10 # comment\n"));
     EXPECT_NE(out.str().find("{\"type\":\"call\",\"line\":1,\"operation\":\"TcfbtAddPersistTids\","
                              "\"arguments\":{\"name\":\"a \\\"b\\\\ \xef\xbf\xbd\",\"tid\":-16},"
                              "\"result\":null,\"effects\":[]"),
@@ -188,8 +187,7 @@ TEST_F(ReplayTest, SaysWhereASessionIsWrongAndStopsThere) {
         {"PlayRecording 99999999999", "from 1 to"},
     };
     for (const auto& [line, message] : cases) {
-        EXPECT_EQ(Play("# first\nTcfbtAddTempTids 1\n" + std::string(line) + "\nDumpInfo\n"),
-                  tools::BAD_INPUT)
+        EXPECT_EQ(Play("# first\nTcfbtAddTempTids 1\n" + std::string(line) + "\nDumpInfo\n"), false)
             << line;
         EXPECT_EQ(err.str().rfind("test.session:3: ", 0), 0U) << err.str();
         EXPECT_NE(err.str().find(message), std::string::npos) << err.str();
@@ -211,12 +209,12 @@ TEST_F(ReplayTest, SaysWhatIsWrongWithAConfiguration) {
     options.configuration = testing::TempDir() + "config.toml";
     for (const auto& [config, message] : cases) {
         std::ofstream(options.configuration) << config;
-        EXPECT_EQ(Play("PlayRecording 1\n"), tools::BAD_INPUT) << config;
+        EXPECT_FALSE(Play("PlayRecording 1\n")) << config;
         EXPECT_NE(err.str().find(message), std::string::npos) << err.str();
         EXPECT_EQ(out.str(), "");
     }
     options.configuration = "/no/such/file";
-    EXPECT_EQ(Play(""), tools::BAD_INPUT);
+    EXPECT_FALSE(Play(""));
     EXPECT_EQ(err.str(), "/no/such/file:1: cannot be read\n");
 }
 

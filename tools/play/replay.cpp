@@ -33,11 +33,11 @@ bool ServeConfiguration(const Options& options, std::ostream& err) {
 
 }  // namespace
 
-int Replay(const Options& options, std::istream& session, const std::string& name,
+bool Replay(const Options& options, std::istream& session, const std::string& name,
            std::ostream& out, std::ostream& err) {
     desktop::Reset();
     if (!ServeConfiguration(options, err)) {
-        return BAD_INPUT;
+        return false;
     }
     for (const auto& [function, status] : options.statuses) {
         desktop::SetServiceStatus(function, status);
@@ -66,11 +66,11 @@ int Replay(const Options& options, std::istream& session, const std::string& nam
         } catch (const SessionError& error) {
             out.flush();
             err << name << ':' << number << ": " << error.what() << '\n';
-            return BAD_INPUT;
+            return false;
         }
     }
     report->ShowSummary(player.Total());
-    return PLAYED;
+    return true;
 }
 
 }  // namespace tools

@@ -25,14 +25,10 @@ struct Options {
     std::function<void(int64_t, int64_t)> onProgress = [](int64_t, int64_t) {};
 };
 
-// Exit statuses.
-inline constexpr int PLAYED = 0;
-inline constexpr int BAD_INPUT = 2;
-
 // Plays `session`, which messages call `name`, on a library that is freshly loaded as far as anyone
 // can tell. Writes the play to `out`, and what is wrong with the input to `err`, where playing
-// then ends. Returns an exit status.
-int Replay(const Options& options, std::istream& session, const std::string& name,
-           std::ostream& out, std::ostream& err);
+// then ends. Returns whether it was played to its end.
+bool Replay(const Options& options, std::istream& session, const std::string& name,
+            std::ostream& out, std::ostream& err);
 
 }  // namespace tools

@@ -1,0 +1,135 @@
+#include "tools/command/command.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <iostream>
+#include <utility>
+
+namespace tools {
+namespace {
+
+volatile std::sig_atomic_t isInterrupted = 0;
+
+}  // namespace
+
+FileBuffer::FileBuffer(const std::string& path, Mode mode)
+    : name(path), isWritten(mode == Mode::Write) {
+    if (path == "-") {
+        name = isWritten ? "standard output" : "standard input";
+        descriptor = isWritten ? STDOUT_FILENO : STDIN_FILENO;
+    } else {
+        const int flags = isWritten ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
+        descriptor = open(path.c_str(), flags | O_CLOEXEC, 0666);
+        if (descriptor < 0) {
+            Fail(isWritten ? "written" : "read");
+        }
+    }
+    if (isWritten) {
+        setp(buffer.data(), buffer.data() + buffer.size());
+    }
+}
+
+FileBuffer::~FileBuffer() {
+    if (descriptor != STDIN_FILENO && descriptor != STDOUT_FILENO) {
+        close(descriptor);
+    }
+}
+
+void FileBuffer::Fail(const char* what) const {
+    throw CommandError(name + ": error: cannot be " + what + ": " +
+                       std::strerror(errno));  // NOLINT(concurrency-mt-unsafe): one thread.
+}
+
+FileBuffer::int_type FileBuffer::underflow() {
+    ssize_t size = 0;
+    do {
+        size = IsInterrupted() ? 0 : read(descriptor, buffer.data(), buffer.size());
+    } while (size < 0 && errno == EINTR);
+    if (size < 0) {
+        Fail("read");
+    }
+    setg(buffer.data(), buffer.data(), buffer.data() + size);
+    return size == 0 ? traits_type::eof() : traits_type::to_int_type(buffer.front());
+}
+
+FileBuffer::int_type FileBuffer::overflow(int_type character) {
+    sync();
+    if (!traits_type::eq_int_type(character, traits_type::eof())) {
+        sputc(traits_type::to_char_type(character));
+    }
+    return traits_type::not_eof(character);
+}
+
+int FileBuffer::sync() {
+    if (!isWritten) {
+        return 0;
+    }
+    const char* next = pbase();
+    const char* const end = pptr();
+    // What cannot be written is not tried again.
+    setp(buffer.data(), buffer.data() + buffer.size());
+    while (next != end) {
+        const ssize_t size = write(descriptor, next, static_cast<size_t>(end - next));
+        if (size >= 0) {
+            next += size;
+        } else if (errno != EINTR) {
+            Fail("written");
+        }
+    }
+    return 0;
+}
+
+Input::Input(const std::string& path) : FileBuffer(path, Mode::Read), std::istream(this) {
+    exceptions(std::ios::badbit);
+}
+
+Output::Output(const std::string& path) : FileBuffer(path, Mode::Write), std::ostream(this) {
+    exceptions(std::ios::badbit);
+}
+
+void CatchInterrupts() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { isInterrupted = 1; };
+    // Without SA_RESTART: who waits for input is to hear of it.
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+bool IsInterrupted() {
+    return isInterrupted != 0;
+}
+
+ProgressLine::ProgressLine(std::string countedUnit, bool writesToTerminal)
+    : unit(std::move(countedUnit)),
+      isWanted(isatty(STDERR_FILENO) != 0 && (!writesToTerminal || isatty(STDOUT_FILENO) == 0)) {}
+
+ProgressLine::~ProgressLine() {
+    Clear();
+}
+
+void ProgressLine::Show(int64_t done, int64_t all) {
+    const auto now = std::chrono::steady_clock::now();
+    if (!isWanted || now - lastShown < std::chrono::milliseconds(100)) {
+        return;
+    }
+    lastShown = now;
+    isShown = true;
+    std::cerr << '\r' << done;
+    if (all != 0) {
+        std::cerr << " of " << all;
+    }
+    std::cerr << ' ' << unit << "\033[K" << std::flush;
+}
+
+void ProgressLine::Clear() {
+    if (std::exchange(isShown, false)) {
+        std::cerr << "\r\033[K" << std::flush;
+    }
+}
+
+}  // namespace tools

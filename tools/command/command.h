@@ -1,0 +1,108 @@
+// What the subcommands share: their exit statuses, inputs, outputs, interrupts and progress.
+
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <iostream>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace tools {
+
+// Exit statuses.
+inline constexpr int NOTHING_FOUND = 0;
+inline constexpr int FAULTS_FOUND = 1;
+inline constexpr int BAD_INPUT = 2;      // Bad usage, or input or output that fails.
+inline constexpr int INTERRUPTED = 130;  // What a shell shows for a process that SIGINT ended.
+
+// Ends the command with a message on standard error, which is given whole, and BAD_INPUT.
+class CommandError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Each adds its subcommand to `app`. When that is the one that was asked for, `run` is set to what
+// does the job and returns the exit status. To come: check, simulate, explain.
+using Run = std::function<int()>;
+void AddReplay(CLI::App& app, Run& run);
+
+// A file, or standard input or output for "-". Fails, and makes the stream on top of it fail, with
+// a CommandError that names the file and the reason.
+class FileBuffer : public std::streambuf {
+  public:
+    enum class Mode : uint8_t { Read, Write };
+    FileBuffer(const std::string& path, Mode mode);
+    ~FileBuffer() override;
+    FileBuffer(const FileBuffer&) = delete;
+    FileBuffer& operator=(const FileBuffer&) = delete;
+
+    // What messages call it.
+    const std::string& Name() const { return name; }
+
+  protected:
+    int_type underflow() override;
+    int_type overflow(int_type character) override;
+    int sync() override;
+
+  private:
+    [[noreturn]] void Fail(const char* what) const;
+
+    std::string name;
+    bool isWritten;
+    int descriptor;
+    std::array<char, 1 << 16> buffer{};
+};
+
+// Input from a file or "-". An interrupt ends it like the end of the file.
+class Input : private FileBuffer, public std::istream {
+  public:
+    explicit Input(const std::string& path);
+    using FileBuffer::Name;
+};
+
+// Output to a file or "-". A write that fails throws a CommandError, at the latest in `Close`.
+class Output : private FileBuffer, public std::ostream {
+  public:
+    explicit Output(const std::string& path);
+    using FileBuffer::Name;
+    // To be called when all is written.
+    void Close() { flush(); }
+};
+
+// From the first call on an interrupt (SIGINT, SIGTERM) no longer ends the process: long work asks
+// IsInterrupted now and then and comes to an end. A second interrupt does end it.
+void CatchInterrupts();
+bool IsInterrupted();
+
+// Shows how far long work has come: on standard error when that is a terminal, and nothing that is
+// shown on a terminal is in its way.
+class ProgressLine {
+  public:
+    // `unit`: what is counted, such as "frames". `writesToTerminal`: standard output is written to
+    // while the work goes on; progress then shows only when that is not a terminal.
+    ProgressLine(std::string unit, bool writesToTerminal);
+    ~ProgressLine();
+    ProgressLine(const ProgressLine&) = delete;
+    ProgressLine& operator=(const ProgressLine&) = delete;
+
+    // `all`: 0 for not known. May be called as often as one likes.
+    void Show(int64_t done, int64_t all);
+    // Takes the line away, for something else to be written.
+    void Clear();
+
+  private:
+    std::string unit;
+    bool isWanted;
+    bool isShown = false;
+    std::chrono::steady_clock::time_point lastShown = std::chrono::steady_clock::now();
+};
+
+}  // namespace tools

@@ -1,0 +1,85 @@
+// cameraframeboost replay: shows what the boost service would be told of a camera session.
+
+#include "tools/play/replay.h"
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/desktop.h"
+#include "tools/command/command.h"
+#include "tools/session/session.h"
+
+namespace tools {
+namespace {
+
+struct Arguments {
+    Options options;
+    std::string session;
+    std::vector<std::string> statuses;
+};
+
+// "cfbtFrameStart=7"
+std::pair<desktop::ServiceFunction, int32_t> ParseStatus(const std::string& text) {
+    const size_t equals = text.find('=');
+    const auto function = desktop::ServiceFunctionOf(text.substr(0, equals));
+    int32_t status = 0;
+    const char* end = text.data() + text.size();
+    if (!function || equals == std::string::npos ||
+        std::from_chars(text.data() + equals + 1, end, status).ptr != end) {
+        throw CommandError("cameraframeboost: error: --status is \"" + text +
+                           "\", expected a service function and a number such as "
+                           "cfbtFrameStart=7");
+    }
+    return {*function, status};
+}
+
+int RunReplay(Arguments& arguments) {
+    for (const std::string& status : arguments.statuses) {
+        arguments.options.statuses.push_back(ParseStatus(status));
+    }
+    Input session(arguments.session);
+    Output out("-");
+    ProgressLine progress("frames", !arguments.options.isQuiet);
+    arguments.options.onProgress = [&progress](int64_t done, int64_t all) {
+        progress.Show(done, all);
+    };
+    const bool isPlayed = Replay(arguments.options, session, session.Name(), out, std::cerr);
+    out.Close();
+    return isPlayed ? NOTHING_FOUND : BAD_INPUT;
+}
+
+}  // namespace
+
+void AddReplay(CLI::App& app, Run& run) {
+    CLI::App* command = app.add_subcommand(
+        "replay",
+        "Plays a camera session against the library and shows, under each HAL call, what the\n"
+        "boost service was told");
+    command->footer("\n" + DescribeFormat());
+    // Lives as long as the command that refers to it.
+    const auto arguments = std::make_shared<Arguments>();
+    Options& options = arguments->options;
+    command->add_option("SESSION", arguments->session, "The session file; - for standard input")
+        ->required();
+    command->add_option("--config", options.configuration,
+                        "A TOML file for the configuration store instead of the built-in sample");
+    command->add_flag("--debug", options.withDebug,
+                      "Debug property and trace tags on: show log lines and trace counters");
+    command
+        ->add_option("--status", arguments->statuses,
+                     "What a service call answers, such as cfbtFrameStart=7")
+        ->expected(1)
+        ->take_all();
+    command->add_flag("--real-time", options.isRealTime,
+                      "Play recordings at the scene's frame rate");
+    command->add_flag("--quiet", options.isQuiet, "Show the summary alone");
+    command->add_flag("--json", options.isJson, "Show JSON objects, one a line");
+    command->callback([arguments, &run] { run = [arguments] { return RunReplay(*arguments); }; });
+}
+
+}  // namespace tools
