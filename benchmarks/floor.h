@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "benchmarks/allocations.h"
+#include "tests/support/allocations.h"
 
 // Times `road` and `floor` in turns, `units` of whatever each of them does at a time. Reports the
 // time of a unit of the road, its ratio to a unit of the floor, and its heap allocations, all

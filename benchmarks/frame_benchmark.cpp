@@ -136,7 +136,7 @@ template <typename Work>
 int64_t ServiceCallsOf(Work work) {
     const auto count = [] {
         int64_t calls = 0;
-        for (int32_t function = 0; function < 9; ++function) {
+        for (size_t function = 0; function < desktop::SERVICE_FUNCTION_COUNT; ++function) {
             calls += desktop::ServiceCallCount(static_cast<desktop::ServiceFunction>(function));
         }
         return calls;

@@ -25,7 +25,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <variant>
 #include <vector>
 
@@ -44,6 +43,8 @@ enum class ServiceFunction {
     RemoveTids,
     NotifyErrOfUser,
 };
+inline constexpr size_t SERVICE_FUNCTION_COUNT =
+    static_cast<size_t>(ServiceFunction::NotifyErrOfUser) + 1;
 
 // One argument of a service call, under the name that people know it by.
 struct ServiceArgument {
@@ -78,7 +79,7 @@ struct CounterUpdate {
 
 struct Effect {
     std::chrono::system_clock::time_point time;
-    std::thread::id thread;  // The thread that called the platform.
+    int32_t thread;  // The kernel's id of the thread that called the platform, as logs have it.
     std::variant<ServiceCall, LogLine, CounterUpdate> event;
 };
 

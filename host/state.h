@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <unistd.h>
+
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -12,8 +14,6 @@
 #include "host/desktop.h"
 
 namespace desktop {
-
-inline constexpr size_t SERVICE_FUNCTION_COUNT = 9;
 
 struct State {
     std::atomic<Observer*> observer{nullptr};
@@ -41,8 +41,7 @@ void ServeConfigurationOfEnvironment();
 template <typename MakeEvent>
 void Emit(MakeEvent makeEvent) {
     if (Observer* observer = GetState().observer.load(std::memory_order_acquire)) {
-        observer->OnEffect(
-            Effect{std::chrono::system_clock::now(), std::this_thread::get_id(), makeEvent()});
+        observer->OnEffect(Effect{std::chrono::system_clock::now(), gettid(), makeEvent()});
     }
 }
 

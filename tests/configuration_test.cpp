@@ -3,9 +3,9 @@
 
 #include <limits>
 
-#include "tests/expect_abort.h"
-#include "tests/library_test.h"
 #include "tests/store_contents.h"
+#include "tests/support/expect_abort.h"
+#include "tests/support/library_test.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "platform/config_store.h"
 #include "platform/log.h"
 #include "platform/properties.h"
-#include "tests/library_test.h"
+#include "tests/support/library_test.h"
 
 namespace {
 

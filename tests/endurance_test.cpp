@@ -5,9 +5,9 @@
 
 #include <fstream>
 
-#include "benchmarks/allocations.h"
-#include "tests/contract.h"
-#include "tests/library_test.h"
+#include "tests/support/allocations.h"
+#include "tests/support/contract.h"
+#include "tests/support/library_test.h"
 
 namespace {
 

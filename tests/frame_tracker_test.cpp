@@ -4,8 +4,8 @@
 #include <limits>
 #include <thread>
 
-#include "tests/expect_abort.h"
-#include "tests/library_test.h"
+#include "tests/support/expect_abort.h"
+#include "tests/support/library_test.h"
 
 namespace {
 

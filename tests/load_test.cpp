@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "host/desktop.h"
-#include "tests/expect_abort.h"
+#include "tests/support/expect_abort.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tests/library_test.h"
+#include "tests/support/library_test.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ class NotificationTest : public LibraryTest {
 
 TEST_F(NotificationTest, FoldsTheServicesStatusOfEventsOnly) {
     for (const int32_t sign : {1, -1}) {
-        for (int32_t function = 0; function < 9; ++function) {
+        for (size_t function = 0; function < desktop::SERVICE_FUNCTION_COUNT; ++function) {
             desktop::SetServiceStatus(static_cast<ServiceFunction>(function), sign * 7);
         }
         EXPECT_EQ(boost.TcfbtNotifyFrameStart(1), 1);

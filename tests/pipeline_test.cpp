@@ -4,8 +4,8 @@
 #include <random>
 #include <thread>
 
-#include "tests/contract.h"
-#include "tests/library_test.h"
+#include "tests/support/contract.h"
+#include "tests/support/library_test.h"
 
 namespace {
 
@@ -231,7 +231,7 @@ TEST_F(PipelineTest, HoldsWhenTheServiceCallsBack) {
             }
         },
     };
-    for (int32_t function = 0; function < 9; ++function) {
+    for (size_t function = 0; function < desktop::SERVICE_FUNCTION_COUNT; ++function) {
         for (const auto& action : actions) {
             {
                 Caller caller(static_cast<ServiceFunction>(function), action);

@@ -7,7 +7,7 @@
 #include <map>
 #include <sstream>
 
-#include "tests/library_test.h"
+#include "tests/support/library_test.h"
 
 namespace {
 

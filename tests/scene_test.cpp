@@ -1,6 +1,6 @@
 // What the bundled sessions cannot show of scenes and their threads.
 
-#include "tests/library_test.h"
+#include "tests/support/library_test.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <set>
 #include <sstream>
 
-#include "tests/contract.h"
 #include "tests/fuzz/require.h"
+#include "tests/support/contract.h"
 #include "tools/session/session.h"
 
 namespace {
@@ -77,7 +77,7 @@ class Player : private Contract {
 
   private:
     static void LetServiceAnswer(int32_t status) {
-        for (int32_t function = 0; function < 9; ++function) {
+        for (size_t function = 0; function < desktop::SERVICE_FUNCTION_COUNT; ++function) {
             desktop::SetServiceStatus(static_cast<ServiceFunction>(function), status);
         }
     }

@@ -114,6 +114,6 @@ class Contract : public desktop::Observer {
     const int32_t stageCount;
     const bool manyThreads;
     bool isEnding = false;
-    std::array<int64_t, 9> counts{};
+    std::array<int64_t, desktop::SERVICE_FUNCTION_COUNT> counts{};
     std::mutex mutex;  // Guards everything while there are many threads.
 };
