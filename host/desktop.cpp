@@ -99,12 +99,15 @@ std::string ToString(const ServiceCall& call) {
     return text.str();
 }
 
-std::string ToString(const LogLine& line) {
-    // The first letters of Android's priorities, from 0 for unknown.
+char LetterOf(int priority) {
+    // Of Android's priorities, from 0 for unknown.
     constexpr std::string_view letters = "??VDIWEFS";
-    const auto priority = static_cast<size_t>(line.priority);
-    return std::string(1, priority < letters.size() ? letters[priority] : '?') + " " + line.tag +
-           ": " + line.text;
+    const auto index = static_cast<size_t>(priority);
+    return index < letters.size() ? letters[index] : '?';
+}
+
+std::string ToString(const LogLine& line) {
+    return std::string(1, LetterOf(line.priority)) + " " + line.tag + ": " + line.text;
 }
 
 std::string ToString(const CounterUpdate& update) {

@@ -88,6 +88,9 @@ struct Effect {
 const char* NameOf(ServiceFunction function);
 std::optional<ServiceFunction> ServiceFunctionOf(std::string_view name);
 
+// How Android's log shows a priority: "D" for debug; a question mark for one that is none.
+char LetterOf(int priority);
+
 // One line of text each, such as "cfbtFrameStart(frame=7)" with " = 5" behind it when the status is
 // not 0; "D tag: text"; "counter name = 7".
 std::string ToString(const ServiceCall& call);

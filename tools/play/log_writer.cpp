@@ -1,0 +1,37 @@
+#include "tools/play/log_writer.h"
+
+#include <variant>
+
+namespace tools {
+
+LogWriter::LogWriter(std::ostream& stream, const Format& captureFormat, int64_t captureBegin,
+                     int32_t captureProcess)
+    : out(stream),
+      format(captureFormat),
+      begin(captureBegin),
+      process(captureProcess),
+      thread(captureProcess) {}
+
+void LogWriter::SetMoment(Micros newTime, int32_t newThread) {
+    time = newTime;
+    thread = newThread;
+}
+
+void LogWriter::OnEffect(const desktop::Effect& effect) {
+    const auto* line = std::get_if<desktop::LogLine>(&effect.event);
+    if (line == nullptr) {
+        return;
+    }
+    Record record;
+    record.time = begin + time;
+    record.process = process;
+    record.thread = thread;
+    record.priority = desktop::LetterOf(line->priority);
+    record.tag = line->tag;
+    record.message = line->text;
+    text.clear();
+    AppendRecord(text, format, record);
+    out << text;
+}
+
+}  // namespace tools

@@ -1,0 +1,44 @@
+// Writes what the library logs as a capture, as logcat on a device would have.
+
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+#include "host/desktop.h"
+#include "tools/account/step.h"
+#include "tools/capture/record.h"
+
+namespace tools {
+
+// What a capture of something that never was on a device shows: noon of 1 January 2026 as its
+// beginning, in UTC, in microseconds since 1970, and a process of the camera.
+inline constexpr int64_t CAPTURE_BEGIN = 1'767'268'800'000'000;
+inline constexpr int32_t CAPTURE_PROCESS = 1000;
+
+// Can be the platform's observer, or be handed effects by whoever is. For one thread at a time.
+class LogWriter : public desktop::Observer {
+  public:
+    // Writes to `out`, which is the caller's.
+    explicit LogWriter(std::ostream& out, const Format& format = {}, int64_t begin = CAPTURE_BEGIN,
+                       int32_t process = CAPTURE_PROCESS);
+
+    // When, since the beginning, and on which thread the effects that follow happen. At first: at
+    // the beginning, on the thread that gave the process its number.
+    void SetMoment(Micros time, int32_t thread);
+
+    // Writes the effect if it is a line of the log.
+    void OnEffect(const desktop::Effect& effect) override;
+
+  private:
+    std::ostream& out;
+    Format format;
+    int64_t begin;
+    int32_t process;
+    int32_t thread;
+    Micros time = 0;
+    std::string text;  // Kept for its memory.
+};
+
+}  // namespace tools
