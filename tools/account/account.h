@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -65,16 +66,21 @@ struct AccountedFinding : Finding {
 struct Scene {
     Place from, to;
     Micros begin = NO_TIME, end = NO_TIME;
-    int32_t process = -1;
+    int32_t process = -1;  // -1 when not known.
+    bool isVideo = false;  // As described.
     int32_t width = 0;
     int32_t fps = 0;  // As described; 0 when not known.
     bool isDescribed = false;
     bool isStarted = false;
-    bool isBeginningMissing = false;  // The capture starts in its middle.
+    Outcome refusal = Outcome::Forwarded;  // Why it was not started; Forwarded when it was.
+    std::optional<int32_t> mode;           // The operation mode it was started in, where known.
+    bool isBeginningMissing = false;       // The capture starts in its middle.
     int32_t stageCount = 0;
     std::vector<std::string> stageNames;  // The nodes, as configured; else as reported.
-    std::vector<Frame> frames;            // By number; a number that is used again stands again.
-    std::vector<StageTimes> stageTimes;   // stageCount for each frame.
+    // In the order in which they were first told of, which is that of their numbers but where a
+    // camera counts strangely; a number that is used again stands again.
+    std::vector<Frame> frames;
+    std::vector<StageTimes> stageTimes;  // stageCount for each frame.
     std::vector<Disturbance> disturbances;
     std::vector<AccountedFinding> findings;  // Worst first, causes before consequences.
 
@@ -84,6 +90,7 @@ struct Scene {
     }
 
     int64_t CountOf(FrameStatus status) const;
+    std::array<int64_t, FRAME_STATUSES> statusCounts{};  // Of all frames, kept or not.
     int64_t lateFrames = 0;
     Micros lateThreshold = 0;  // A longer interval is late.
     Statistics latency, interval;
