@@ -17,6 +17,8 @@ struct ConfiguredStage {
     int32_t stage = 0;
     std::string node;
     std::vector<int32_t> ports;  // Ascending, each once.
+
+    bool operator==(const ConfiguredStage&) const = default;
 };
 
 // The library's configuration as it understands it: from a file, from the dump in its log, or as
@@ -32,7 +34,16 @@ struct Configuration {
     int32_t StageOf(std::string_view node) const;
     // Whether any stage whose node name occurs within `node` lists `port`.
     bool IsStagePort(std::string_view node, int32_t port) const;
+
+    bool operator==(const Configuration&) const = default;
 };
+
+// For a node that ends no stage: the highest stage whose node name would occur within `node` if
+// neither case nor blanks mattered. Nothing when `node` does match a stage.
+std::optional<ConfiguredStage> NearMiss(const Configuration& configuration, std::string_view node);
+
+// A mode as configurations have it: 0x8001, 0xFFFF8001.
+std::string ModeText(int32_t mode);
 
 struct CheckedConfiguration {
     std::vector<Finding> findings;  // In the order of their places.

@@ -3,9 +3,11 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace tools {
 
@@ -33,5 +35,11 @@ const char* NameOf(Severity severity);
 
 // "file:line[:column]: severity: message [check-name]". `file`: what the place's input is called.
 std::string ToString(const Finding& finding, const std::string& file);
+
+// `text` for a message: cut to `longest` characters, and with all that is not printable ASCII as
+// \x1B. So no terminal is told what to do, and letters that only look right show. `Quoted`: in
+// double quotes.
+std::string Printable(std::string_view text, size_t longest = 60);
+std::string Quoted(std::string_view text, size_t longest = 60);
 
 }  // namespace tools

@@ -1,0 +1,568 @@
+#include "tools/check/check.h"
+
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdlib>
+#include <limits>
+#include <map>
+#include <numeric>
+#include <set>
+#include <sstream>
+#include <utility>
+
+#include "cameraframeboost/tarvocameraframeboostutils.h"
+
+namespace tools {
+namespace {
+
+constexpr std::string_view SECTION = "TarvoCameraFrameBoostConfig";
+constexpr std::string_view WIDTH = "additionalSupportedWidth";
+constexpr std::string_view SWITCH = "cameraFrameBoostEnable";
+constexpr std::string_view MODES = "SupportOperationModeList";
+constexpr std::string_view STAGE = "stage";
+constexpr std::array KEYS = {WIDTH, SWITCH, MODES, STAGE};
+
+// The node that is named per camera: this and the camera's number.
+constexpr std::string_view CAMERA_NODE = "MCTFE0_cam";
+constexpr int32_t FIXED_WIDTH = 3840;
+constexpr int32_t FRAMES_TRACKED = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
+
+// How many letters have to be put in, taken out or changed; case does not count.
+size_t Distance(std::string_view from, std::string_view to) {
+    const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < from.size(); ++i) {
+        size_t diagonal = row[0]++;
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t changed = diagonal + (lower(from[i]) == lower(to[j]) ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+bool IsLike(std::string_view given, std::string_view meant) {
+    return given.size() < 2 * meant.size() && Distance(given, meant) <= meant.size() / 3;
+}
+
+// What kind of value it is, for people.
+std::string KindOf(const toml::node& node) {
+    std::ostringstream kind;
+    kind << node.type();
+    return (std::string_view("aeiou").find(kind.str()[0]) == std::string_view::npos ? "a "
+                                                                                    : "an ") +
+           kind.str();
+}
+
+// A value as the file has it, as far as that can be told.
+std::string ValueOf(const toml::node& node) {
+    std::ostringstream text;
+    node.visit([&text](const auto& value) {
+        if constexpr (toml::is_value<decltype(value)>) {
+            text << value;
+        }
+    });
+    return text.str().empty() ? KindOf(node) : KindOf(node) + ", " + Printable(text.str());
+}
+
+template <typename Integer>
+bool Fits(int64_t number) {
+    return number >= std::numeric_limits<Integer>::min() &&
+           number <= std::numeric_limits<Integer>::max();
+}
+
+std::string Count(size_t number, const char* what) {
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
+class Checker {
+  public:
+    explicit Checker(std::string_view text) : toml(text) {}
+
+    CheckedConfiguration Check() {
+        try {
+            CheckFile(toml::parse(toml));
+        } catch (const toml::parse_error& error) {
+            Add("unreadable", Severity::Error, error.source(),
+                Printable(error.description(), 300) +
+                    ": the file cannot be parsed, so the store "
+                    "serves nothing and nothing is boosted");
+            result.isReadable = false;
+        }
+        std::stable_sort(result.findings.begin(), result.findings.end(),
+                         [](const Finding& one, const Finding& other) {
+                             return std::pair(one.place.line, one.column) <
+                                    std::pair(other.place.line, other.column);
+                         });
+        return std::move(result);
+    }
+
+  private:
+    void Add(const char* check, Severity severity, const toml::source_region& where,
+             std::string message) {
+        Finding finding;
+        finding.check = check;
+        finding.severity = severity;
+        finding.message = std::move(message);
+        finding.place.line = where.begin.line;
+        finding.column = ByteColumn(where.begin);
+        result.findings.push_back(std::move(finding));
+    }
+
+    // The parser counts code points.
+    uint32_t ByteColumn(const toml::source_position& position) {
+        if (lines.empty()) {
+            lines.push_back(0);
+            for (size_t end = 0; (end = toml.find('\n', end)) != std::string_view::npos;) {
+                lines.push_back(++end);
+            }
+        }
+        if (position.line == 0 || position.line > lines.size()) {
+            return position.column;
+        }
+        const size_t start = lines[position.line - 1];
+        size_t at = start;
+        for (uint32_t left = position.column; at < toml.size(); ++at) {
+            const bool isContinued = (static_cast<unsigned char>(toml[at]) & 0xC0) == 0x80;
+            if (!isContinued && --left == 0) {
+                break;
+            }
+        }
+        return static_cast<uint32_t>(at - start + 1);
+    }
+
+    void CheckFile(const toml::table& file) {
+        const toml::node* found = file.get(SECTION);
+        const toml::table* section = found == nullptr ? nullptr : found->as_table();
+        if (section == nullptr) {
+            CheckNoSection(file, found);
+            return;
+        }
+        for (const auto& [key, value] : *section) {
+            if (std::find(KEYS.begin(), KEYS.end(), key.str()) == KEYS.end()) {
+                const auto* meant =
+                    std::find_if(KEYS.begin(), KEYS.end(),
+                                 [name = key.str()](auto known) { return IsLike(name, known); });
+                Add("unknown-key", Severity::Warning, key.source(),
+                    Quoted(key.str()) + " is not a key that the library reads: it has no effect" +
+                        (meant == KEYS.end() ? "" : ". Was " + Quoted(*meant) + " meant?"));
+            }
+        }
+        CheckSwitch(*section);
+        CheckWidth(section->get(WIDTH));
+        CheckModes(*section);
+        CheckStages(*section);
+        CheckPairs();
+    }
+
+    void CheckNoSection(const toml::table& file, const toml::node* found) {
+        const std::string missing = "there is no table [" + std::string(SECTION) + "]";
+        const std::string consequence = ": nothing is configured, so nothing is boosted";
+        if (found != nullptr) {
+            Add("no-section", Severity::Error, found->source(),
+                missing + ", " + Quoted(SECTION) + " is " + KindOf(*found) + consequence);
+            return;
+        }
+        for (const auto& [key, value] : file) {
+            const bool isKey = std::find(KEYS.begin(), KEYS.end(), key.str()) != KEYS.end();
+            if (isKey || IsLike(key.str(), SECTION)) {
+                Add("no-section", Severity::Error, key.source(),
+                    missing +
+                        (isKey ? ", and " + Quoted(key.str()) + " stands outside of it"
+                               : ", only " + Quoted(key.str())) +
+                        consequence);
+                return;
+            }
+        }
+        Add("no-section", Severity::Error, {{1, 1}, {1, 1}, nullptr}, missing + consequence);
+    }
+
+    void CheckSwitch(const toml::table& section) {
+        const toml::node* node = section.get(SWITCH);
+        const std::string consequence = ": boosting is switched off, nothing is boosted";
+        if (node == nullptr) {
+            Add("switched-off", Severity::Error, section.source(),
+                "there is no " + std::string(SWITCH) + consequence);
+        } else if (!node->is_boolean()) {
+            Add("wrong-type", Severity::Error, node->source(),
+                std::string(SWITCH) + " is " + ValueOf(*node) + ", where true or false is read" +
+                    consequence);
+        } else if (!(table.isEnabled = node->as_boolean()->get())) {
+            Add("switched-off", Severity::Error, node->source(),
+                std::string(SWITCH) + " is false" + consequence);
+        }
+    }
+
+    void CheckWidth(const toml::node* node) {
+        table.additionalWidth = 0;
+        if (node == nullptr) {
+            return;
+        }
+        const std::string is = std::string(WIDTH) + " is " + ValueOf(*node);
+        const auto number = node->value_exact<int64_t>();
+        const char* check = "width";
+        const char* problem = nullptr;
+        if (!number) {
+            check = "wrong-type";
+            problem = ", where an integer is read: no width but 3840 is boosted";
+        } else if (!Fits<int32_t>(*number)) {
+            problem = ", which does not fit 32 bits and is not read: no width but 3840 is boosted";
+        } else {
+            table.additionalWidth = static_cast<int32_t>(*number);
+            if (*number == FIXED_WIDTH) {
+                problem = ", which is boosted in any case: no second width is";
+            } else if (*number <= 0) {
+                problem = ", which is not the width of a video: no width but 3840 is boosted";
+            }
+        }
+        if (problem != nullptr) {
+            Add(check, Severity::Warning, node->source(), is + problem);
+        }
+    }
+
+    void CheckModes(const toml::table& section) {
+        const toml::node* node = section.get(MODES);
+        const std::string name(MODES);
+        const char* consequence = ": no operation mode is supported, nothing is boosted";
+        if (node == nullptr) {
+            Add("no-modes", Severity::Error, section.source(), "there is no " + name + consequence);
+            return;
+        }
+        const toml::array* list = node->as_array();
+        if (list == nullptr) {
+            Add("wrong-type", Severity::Error, node->source(),
+                name + " is " + ValueOf(*node) + ", where a list is read" + consequence);
+            return;
+        }
+        if (list->empty()) {
+            Add("no-modes", Severity::Error, node->source(), name + " is empty" + consequence);
+        }
+        bool isReadable = true;
+        std::set<int32_t> modes;
+        for (const toml::node& value : *list) {
+            if (const auto number = value.value_exact<int64_t>()) {
+                CheckMode(value, *number, modes);
+            } else {
+                Add("wrong-type", Severity::Error, value.source(),
+                    "a mode is " + ValueOf(value) +
+                        ", where an integer is read: the list cannot be read, which switches "
+                        "boosting off, and nothing is boosted");
+                isReadable = false;
+            }
+        }
+        if (isReadable) {
+            table.modes.assign(modes.begin(), modes.end());
+        } else {
+            table.isEnabled = false;
+        }
+    }
+
+    void CheckMode(const toml::node& node, int64_t number, std::set<int32_t>& modes) {
+        // Cut as the store cuts it, and taken as signed as the library takes it.
+        const auto mode = static_cast<int32_t>(static_cast<uint32_t>(number));
+        const std::string readAs = ModeText(mode) + " (" + std::to_string(mode) + ")";
+        if (!Fits<uint32_t>(number)) {
+            Add("mode-out-of-range", Severity::Warning, node.source(),
+                "mode " + std::to_string(number) +
+                    " is not an unsigned number of 32 bits: it is cut to " + readAs +
+                    ", and that mode is boosted");
+        }
+        if (!modes.insert(mode).second) {
+            Add("duplicate-mode", Severity::Warning, node.source(),
+                "mode " + readAs +
+                    " is in the list already: no further mode is boosted by it, if another was "
+                    "meant");
+        }
+    }
+
+    void CheckStages(const toml::table& section) {
+        const toml::node* node = section.get(STAGE);
+        const toml::table* stages = node == nullptr ? nullptr : node->as_table();
+        const char* consequence =
+            ": no node ends a stage, so the boost service is never told of a frame";
+        table.stageCount = stages == nullptr ? 0 : static_cast<int32_t>(stages->size());
+        if (node == nullptr) {
+            Add("no-stages", Severity::Error, section.source(),
+                std::string("there is no table of stages") + consequence);
+        } else if (stages == nullptr) {
+            Add("wrong-type", Severity::Error, node->source(),
+                "stage is " + ValueOf(*node) + ", where a table of lists is read" + consequence);
+        } else if (stages->empty()) {
+            Add("no-stages", Severity::Error, node->source(),
+                std::string("the table of stages is empty") + consequence);
+        }
+        if (stages == nullptr) {
+            return;
+        }
+        std::map<uint64_t, std::pair<const toml::key*, const toml::node*>> numbered;
+        for (const auto& [key, value] : *stages) {
+            if (const auto number = StageNumber(key)) {
+                numbered[*number] = {&key, &value};
+            }
+        }
+        uint64_t next = 0;
+        for (const auto& [number, stage] : numbered) {
+            if (number != next) {
+                std::string missing = "stage " + std::to_string(next) + " is missing";
+                if (number - next > 1) {
+                    missing = "stages " + std::to_string(next) + " to " +
+                              std::to_string(number - 1) + " are missing";
+                }
+                Add("stage-gap", Severity::Error, stage.first->source(),
+                    missing + " before stage " + std::to_string(number) + StopLoading());
+            }
+            CheckStage(number, *stage.second);
+            next = number + 1;
+        }
+        if (table.stageCount == 1 && table.stages.size() == 1) {
+            Add("single-stage", Severity::Error, places[0],
+                "it is the only stage: its node end starts frames, it never ends one. Each "
+                "frame is reported as an error for a stage 1 that does not exist, and again when " +
+                    Count(FRAMES_TRACKED, "frame") +
+                    " fill the table and the oldest has to make room");
+        }
+        if (*table.stageCount >= FRAMES_TRACKED) {
+            Add("too-many-stages", Severity::Warning, node->source(),
+                Count(stages->size(), "stage") + ", and no more than " +
+                    Count(FRAMES_TRACKED, "frame") +
+                    " are tracked: with a frame in each stage the oldest is pushed out and "
+                    "reported before it ends");
+        }
+    }
+
+    // What becomes of a stage that cannot be loaded.
+    std::string StopLoading() {
+        if (!std::exchange(loads, false)) {
+            return ": it is not loaded, as loading has stopped before it";
+        }
+        return ": loading stops there with " + std::to_string(table.stages.size()) + " of " +
+               Count(static_cast<size_t>(*table.stageCount), "stage") + ", so no frame ever ends";
+    }
+
+    // The stage's number; nothing for a key that the library never asks for.
+    std::optional<uint64_t> StageNumber(const toml::key& key) {
+        constexpr size_t mostDigits = 18;
+        const std::string_view text = key.str();
+        const bool isNumber = !text.empty() && text.size() <= mostDigits &&
+                              std::all_of(text.begin(), text.end(),
+                                          [](char digit) { return digit >= '0' && digit <= '9'; });
+        if (isNumber && (text == "0" || text[0] != '0')) {
+            return std::strtoull(std::string(text).c_str(), nullptr, 10);
+        }
+        Add("unknown-key", Severity::Error, key.source(),
+            "stage key " + Quoted(text) +
+                " is never asked for, as stages are named 0, 1, 2 and so "
+                "on: its list is not read, yet it counts as one of " +
+                Count(static_cast<size_t>(*table.stageCount), "stage") + ", so no frame ever ends");
+        return std::nullopt;
+    }
+
+    // Takes in the stage, unless loading has stopped.
+    void CheckStage(uint64_t stageNumber, const toml::node& node) {
+        const std::string number = std::to_string(stageNumber);
+        const toml::array* list = node.as_array();
+        if (list == nullptr) {
+            Add("wrong-type", Severity::Error, node.source(),
+                "stage " + number + " is " + ValueOf(node) +
+                    ", where a list of a node name and ports is read" + StopLoading());
+            return;
+        }
+        if (list->empty()) {
+            Add("stage-empty", Severity::Error, node.source(),
+                "stage " + number +
+                    " has neither node nor ports: it is skipped but still counts, "
+                    "so it never ends, and no frame does");
+            return;
+        }
+        std::vector<std::string> texts;
+        for (const toml::node& value : *list) {
+            if (const auto integer = value.value_exact<int64_t>()) {
+                texts.push_back(std::to_string(*integer));
+            } else if (auto text = value.value_exact<std::string>()) {
+                texts.push_back(std::move(*text));
+            } else {
+                Add("wrong-type", Severity::Error, value.source(),
+                    (texts.empty() ? "the node of stage " : "a port of stage ") + number + " is " +
+                        ValueOf(value) + ", where a text is read: the list cannot be read" +
+                        StopLoading());
+            }
+        }
+        if (texts.size() != list->size()) {
+            return;
+        }
+        ConfiguredStage stage;
+        stage.node = texts[0].c_str();  // The store's texts end at a zero.
+        const toml::node& name = (*list)[0];
+        if (name.is_integer()) {
+            Add("wrong-type", Severity::Warning, name.source(),
+                "the node of stage " + number + " is the number " + stage.node +
+                    ": it is read as a name, where ports come second");
+        }
+        CheckName(stageNumber, texts[0], name.source());
+        std::set<int32_t> ports;
+        for (size_t i = 1; i < texts.size(); ++i) {
+            CheckPort(stageNumber, texts[i], (*list)[i].source(), ports);
+        }
+        if (ports.size() > 1) {
+            Add("several-ports", Severity::Note, (*list)[1].source(),
+                "stage " + number + " ends with a node end on any one of its " +
+                    Count(ports.size(), "port") +
+                    ": a second one in the same frame is out of turn, and the frame is reported");
+        }
+        if (loads) {
+            stage.stage = static_cast<int32_t>(stageNumber);
+            stage.ports.assign(ports.begin(), ports.end());
+            places.push_back(name.source());
+            table.stages.push_back(std::move(stage));
+        }
+    }
+
+    void CheckName(uint64_t number, const std::string& name, const toml::source_region& place) {
+        const std::string node = "node " + Quoted(name) + " of stage " + std::to_string(number);
+        const auto isOdd = [](unsigned char letter) { return letter < ' ' || letter == 0x7F; };
+        if (name.empty()) {
+            const std::string what =
+                node +
+                " matches every node that no higher stage matches, those of other "
+                "parts of the camera included";
+            if (number == 0) {
+                Add("empty-name", Severity::Warning, place,
+                    what + ": each one that reports such a port ends stage 0");
+            } else {
+                Add("empty-name", Severity::Error, place,
+                    what + ": no node is left for the stages below, so no frame ever ends");
+            }
+        } else if (name.front() == ' ' || name.back() == ' ' ||
+                   std::any_of(name.begin(), name.end(), isOdd)) {
+            Add("blank-in-name", Severity::Warning, place,
+                node +
+                    " has blanks at an end, or control characters: they are part of the name, "
+                    "and a node without them is not matched" +
+                    (name.find('\0') == std::string::npos ? "" : "; a zero ends it"));
+        }
+        const size_t at = name.find(CAMERA_NODE);
+        size_t digit = at == std::string::npos ? at : at + CAMERA_NODE.size();
+        if (digit < name.size() && name[digit] == '-') {
+            ++digit;
+        }
+        if (digit < name.size() && std::isdigit(static_cast<unsigned char>(name[digit])) != 0) {
+            Add("camera-specific", Severity::Warning, place,
+                node + " matches that camera's alone" +
+                    (std::isdigit(static_cast<unsigned char>(name.back())) != 0
+                         ? ", and those with more digits, such as " + Quoted(name + "0")
+                         : "") +
+                    ": with another camera the stage never ends, and no frame does. " +
+                    Quoted(CAMERA_NODE) + " matches all");
+        }
+    }
+
+    // Adds what the library reads of `text` to `ports`.
+    void CheckPort(uint64_t number, const std::string& text, const toml::source_region& place,
+                   std::set<int32_t>& ports) {
+        const std::string port = "port " + Quoted(text) + " of stage " + std::to_string(number);
+        char* end = nullptr;
+        const long value = std::strtol(text.c_str(), &end, 10);
+        if (end == text.c_str() || !Fits<int32_t>(value)) {
+            Add("port-not-a-number", Severity::Error, place,
+                port +
+                    (end == text.c_str() ? " does not start with a decimal number"
+                                         : " does not fit 32 bits") +
+                    (loads ? ": the library ends the process while it is being loaded"
+                           : ": the process would end, if the stage was loaded"));
+            result.endsProcess = result.endsProcess || loads;
+            return;
+        }
+        const std::string readAs = port + " is read as " + std::to_string(value);
+        const std::string_view rest =
+            std::string_view(text).substr(static_cast<size_t>(end - text.c_str()));
+        if (rest.find_first_not_of(" \t") != std::string_view::npos) {
+            Add("port-misread", Severity::Error, place, readAs + ": ports are decimal");
+        } else if (text != std::to_string(value)) {
+            Add("port-misread", Severity::Note, place, readAs);
+        }
+        if (!ports.insert(static_cast<int32_t>(value)).second) {
+            Add("duplicate-port", Severity::Warning, place,
+                port +
+                    " is listed already: no further port ends the stage by it, if another was "
+                    "meant");
+        }
+    }
+
+    // What stages do to one another.
+    void CheckPairs() {
+        for (size_t i = 0; i < table.stages.size(); ++i) {
+            const ConfiguredStage& stage = table.stages[i];
+            const std::string number = std::to_string(stage.stage);
+            const std::string node = "node " + Quoted(stage.node) + " of stage " + number;
+            const int32_t winner = stage.node.empty() ? stage.stage : NamedStageOf(stage.node);
+            if (winner != stage.stage) {
+                const std::string other = std::to_string(winner);
+                Add("shadowed", Severity::Error, places[i],
+                    node + " is never stage " + number + ", as the name of stage " + other +
+                        " occurs in it and the highest stage wins: its node ends count for stage " +
+                        other + ", stage " + number + " never ends, and no frame does");
+            } else {
+                CheckPorts(stage, node, places[i]);
+            }
+        }
+    }
+
+    void CheckPorts(const ConfiguredStage& stage, const std::string& node,
+                    const toml::source_region& place) {
+        bool isHelped = false;
+        for (const ConfiguredStage& other : table.stages) {
+            if (other.stage == stage.stage || stage.node.find(other.node) == std::string::npos) {
+                continue;
+            }
+            std::string ports;
+            for (const int32_t port : other.ports) {
+                if (!std::binary_search(stage.ports.begin(), stage.ports.end(), port)) {
+                    ports += (ports.empty() ? "" : ", ") + std::to_string(port);
+                }
+            }
+            isHelped = isHelped || !other.ports.empty();
+            if (!ports.empty() && !other.node.empty()) {
+                Add("port-through-other-stage", Severity::Warning, place,
+                    node + " ends its stage on port " + ports + " too: stage " +
+                        std::to_string(other.stage) + " lists it, and its name, " +
+                        Quoted(other.node) + ", occurs in this one");
+            }
+        }
+        if (stage.ports.empty()) {
+            Add("no-ports", isHelped ? Severity::Warning : Severity::Error, place,
+                node + " has no ports" +
+                    (isHelped ? ": it ends on those of other stages alone"
+                              : ": none of its node ends counts, so the stage never ends, and no "
+                                "frame does"));
+        }
+    }
+
+    // Like Configuration::StageOf, but for the stages that match everything.
+    int32_t NamedStageOf(const std::string& node) const {
+        const auto found = std::find_if(
+            table.stages.rbegin(), table.stages.rend(), [&node](const ConfiguredStage& stage) {
+                return !stage.node.empty() && node.find(stage.node) != std::string::npos;
+            });
+        return found->stage;
+    }
+
+    std::string_view toml;
+    std::vector<size_t> lines;  // Where each line begins; made when first asked for.
+    CheckedConfiguration result;
+    Configuration& table = result.table;
+    std::vector<toml::source_region> places;  // Of the nodes of `table.stages`.
+    bool loads = true;                        // Whether the library still loads stages.
+};
+
+}  // namespace
+
+CheckedConfiguration CheckConfiguration(std::string_view toml) {
+    return Checker(toml).Check();
+}
+
+}  // namespace tools
