@@ -52,11 +52,16 @@ bool IsLike(std::string_view given, std::string_view meant) {
 
 // What kind of value it is, for people.
 std::string KindOf(const toml::node& node) {
+    if (node.is_string()) {
+        return "a text";
+    }
+    if (node.is_array()) {
+        return "a list";
+    }
     std::ostringstream kind;
     kind << node.type();
-    return (std::string_view("aeiou").find(kind.str()[0]) == std::string_view::npos ? "a "
-                                                                                    : "an ") +
-           kind.str();
+    return (kind.str()[0] == 'i' ? "an " : "a ") + kind.str() +
+           (node.is_floating_point() ? " number" : "");
 }
 
 // A value as the file has it, as far as that can be told.
@@ -67,7 +72,7 @@ std::string ValueOf(const toml::node& node) {
             text << value;
         }
     });
-    return text.str().empty() ? KindOf(node) : KindOf(node) + ", " + Printable(text.str());
+    return text.str().empty() ? KindOf(node) : KindOf(node) + " (" + Printable(text.str()) + ")";
 }
 
 template <typename Integer>
@@ -338,7 +343,7 @@ class Checker {
     // What becomes of a stage that cannot be loaded.
     std::string StopLoading() {
         if (!std::exchange(loads, false)) {
-            return ": it is not loaded, as loading has stopped before it";
+            return ": loading has stopped before that already";
         }
         return ": loading stops there with " + std::to_string(table.stages.size()) + " of " +
                Count(static_cast<size_t>(*table.stageCount), "stage") + ", so no frame ever ends";
