@@ -60,8 +60,8 @@ bool Replay(const Options& options, std::istream& session, const std::string& na
                 player.Play(*call, number);
             } else if (const auto* recording = std::get_if<Recording>(&line)) {
                 player.Play(*recording, number);
-            } else {
-                report->Show(std::get<Comment>(line));
+            } else if (const auto* comment = std::get_if<Comment>(&line)) {
+                report->Show(*comment);
             }
         } catch (const SessionError& error) {
             out.flush();

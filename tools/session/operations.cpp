@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdio>
 #include <type_traits>
 #include <utility>
 
@@ -27,9 +28,10 @@ std::optional<int32_t> Invoke(std::index_sequence<Index...>, Boost& boost,
 template <typename Result, typename... Arguments>
 Operation Bind(std::string_view name, Result (Boost::*function)(Arguments...),
                const std::array<std::string_view, sizeof...(Arguments)>& parameterNames = {}) {
-    Operation operation{name, {Parameter{std::decay_t<Arguments>{}, {}}...}, {}};
+    Operation operation{name, {Parameter{std::decay_t<Arguments>{}, {}, false}...}, {}};
     for (size_t i = 0; i < parameterNames.size(); ++i) {
         operation.parameters[i].name = parameterNames[i];
+        operation.parameters[i].isMode = parameterNames[i] == "operationMode";
     }
     operation.call = [function](Boost& boost, const std::vector<Value>& values) {
         return Invoke(std::index_sequence_for<Arguments...>{}, boost, function, values);
@@ -72,6 +74,12 @@ const Operation* FindOperation(std::string_view name) {
         std::find_if(operations.begin(), operations.end(),
                      [name](const Operation& operation) { return operation.name == name; });
     return found == operations.end() ? nullptr : &*found;
+}
+
+std::string TextOfMode(int32_t mode) {
+    std::array<char, sizeof("0x12345678")> text{};
+    std::snprintf(text.data(), text.size(), "0x%X", static_cast<uint32_t>(mode));
+    return text.data();
 }
 
 }  // namespace tools

@@ -20,6 +20,7 @@ using Value = std::variant<bool, int32_t, int64_t, std::string, std::vector<int3
 struct Parameter {
     Value type;  // A value of the parameter's type; what value does not matter.
     std::string_view name;
+    bool isMode = false;  // An operation mode, which people know in hexadecimal.
 };
 
 struct Operation {
@@ -35,5 +36,8 @@ const std::vector<Operation>& Operations();
 
 // The operation of that name; null when there is none.
 const Operation* FindOperation(std::string_view name);
+
+// An operation mode as configurations have it: 0x8001, and 0xFFFF8001 for a negative one.
+std::string TextOfMode(int32_t mode);
 
 }  // namespace tools

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <istream>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -10,6 +12,8 @@
 #include <variant>
 #include <vector>
 
+#include "host/desktop.h"
+#include "tools/check/finding.h"
 #include "tools/session/operations.h"
 
 namespace tools {
@@ -23,24 +27,66 @@ class SessionError : public std::runtime_error {
 // A line without a call: empty, or a comment, which is text from the '#' on.
 struct Comment {
     std::string text;
+    bool operator==(const Comment&) const = default;
 };
 
 // A call of one of the facade's operations.
 struct Call {
     const Operation* operation;
     std::vector<Value> arguments;
+    bool operator==(const Call&) const = default;
 };
 
 // Frames of a normal recording, reported node by node through the loaded stage table.
 struct Recording {
     int64_t frames;                // How many.
     std::optional<int64_t> first;  // The first one's number; else the one after the last recording.
+    bool operator==(const Recording&) const = default;
 };
 
-using Line = std::variant<Comment, Call, Recording>;
+// Time that passes until the next line.
+struct Wait {
+    int64_t micros;
+    bool operator==(const Wait&) const = default;
+};
+
+// What a function of the boost service answers from here on.
+struct ServiceStatus {
+    desktop::ServiceFunction function;
+    int32_t status;
+    bool operator==(const ServiceStatus&) const = default;
+};
+
+using Line = std::variant<Comment, Call, Recording, Wait, ServiceStatus>;
 
 // Reads one line. Throws a SessionError for what is not a line of a session.
 Line ParseLine(std::string_view line);
+
+// The line as ParseLine reads it, without a line end. A line feed in a text, for which a session
+// has no form, shows as a blank.
+std::string WriteLine(const Line& line);
+
+// A whole session: read, and each of its lines checked.
+class Session {
+  public:
+    explicit Session(std::istream& in);
+
+    // What is wrong with it. A session with errors is not to be played.
+    const std::vector<Finding>& Errors() const { return errors; }
+
+    // Hands over one line after another, with their numbers from 1, until `use` returns false.
+    // Lines with errors are left out.
+    void ForEachLine(const std::function<bool(uint32_t number, const Line& line)>& use) const;
+
+  private:
+    void Parse(const std::function<bool(uint32_t, const Line&)>& use,
+               const std::function<void(uint32_t, const SessionError&)>& complain) const;
+
+    // As it was read: a session of an hour has millions of lines, which take ten times as much
+    // memory in any other form.
+    std::string text;
+    std::vector<Finding> errors;
+};
 
 // What a session file may hold, for people.
 std::string DescribeFormat();

@@ -1,0 +1,169 @@
+// The session language: what is written is read back the same, and what is wrong is told whole.
+
+#include "tools/session/session.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <sstream>
+
+#include "tools/check/printable.h"
+
+namespace {
+
+using tools::Line;
+
+// Draws lines of every kind, with values that lean to the ends of their ranges.
+class LineMaker {
+  public:
+    Line Make() {
+        switch (Below(8)) {
+            case 0:
+                return tools::Comment{Below(2) == 0 ? "" : "# " + Text() + "."};
+            case 1:
+                return tools::Recording{1 + Number(9'999'999), FirstFrame()};
+            case 2:
+                return tools::Wait{Number(1'000'000'000'999)};
+            case 3:
+                return tools::ServiceStatus{
+                    static_cast<desktop::ServiceFunction>(Below(desktop::SERVICE_FUNCTION_COUNT)),
+                    static_cast<int32_t>(generator())};
+            default:
+                const auto& operations = tools::Operations();
+                const tools::Operation& operation = operations[Below(operations.size())];
+                tools::Call call{&operation, {}};
+                for (const tools::Parameter& parameter : operation.parameters) {
+                    call.arguments.push_back(std::visit(
+                        [this](const auto& type) { return Argument(type); }, parameter.type));
+                }
+                return call;
+        }
+    }
+
+  private:
+    size_t Below(size_t end) { return generator() % end; }
+
+    // From 0 to `most`; of any length.
+    int64_t Number(int64_t most) {
+        const uint64_t bits = (uint64_t{generator()} << 32 | generator()) >> Below(64);
+        return static_cast<int64_t>(bits % (static_cast<uint64_t>(most) + 1));
+    }
+
+    std::optional<int64_t> FirstFrame() {
+        return Below(2) == 0 ? std::nullopt : std::optional(1 + Number(int64_t{1} << 62));
+    }
+
+    // Any bytes but a line feed; mostly those that mean something in a session.
+    std::string Text() {
+        std::string text(Below(6), ' ');
+        for (char& character : text) {
+            character = Below(2) == 0 ? "ab #\"\\\t\r-"[Below(9)] : static_cast<char>(Below(256));
+            character = character == '\n' ? '_' : character;
+        }
+        return text;
+    }
+
+    tools::Value Argument(bool /*type*/) { return Below(2) == 0; }
+    tools::Value Argument(int32_t /*type*/) { return static_cast<int32_t>(generator()); }
+    tools::Value Argument(int64_t /*type*/) {
+        return static_cast<int64_t>(uint64_t{generator()} << 32 | generator());
+    }
+    tools::Value Argument(const std::string& /*type*/) { return Text(); }
+    tools::Value Argument(const std::vector<int32_t>& /*type*/) {
+        return std::vector<int32_t>(Below(4), static_cast<int32_t>(generator()));
+    }
+
+    std::mt19937 generator{1};
+};
+
+TEST(SessionTest, ReadsWhatItWrites) {
+    LineMaker maker;
+    for (int i = 0; i < 5000; ++i) {
+        const Line line = maker.Make();
+        const std::string text = tools::WriteLine(line);
+        try {
+            EXPECT_EQ(tools::ParseLine(text), line) << text;
+        } catch (const tools::SessionError& error) {
+            ADD_FAILURE() << text << ": " << error.what();
+        }
+    }
+}
+
+// As people write what the writer writes in one way only.
+TEST(SessionTest, ReadsEveryWayToWrite) {
+    struct {
+        const char* text;
+        const char* written;
+    } const cases[] = {
+        {"\tTcfbtNotifySceneStart\v-32767 # here\r", "TcfbtNotifySceneStart 0xFFFF8001"},
+        {"TcfbtNotifySceneStart 0xffff8001", "TcfbtNotifySceneStart 0xFFFF8001"},
+        {"TcfbtNotifySceneStart 32769", "TcfbtNotifySceneStart 0x8001"},
+        {"TcfbtSetVersion -0x10", "TcfbtSetVersion -16"},
+        {"TcfbtNotifyFrameEnd 0x100000005", "TcfbtNotifyFrameEnd 4294967301"},
+        {"TcfbtAddPersistTids\"a b\"7", "TcfbtAddPersistTids \"a b\" 7"},
+        {"TcfbtAddPersistTids \"\\\"\\\\\\n\" 7", "TcfbtAddPersistTids \"\\\"\\\\n\" 7"},
+        {"TcfbtRemoveTids 1 # 2", "TcfbtRemoveTids 1"},
+        {"PlayRecording 2 0x20", "PlayRecording 2 32"},
+        {"Wait 16.670", "Wait 16.67"},
+        {"Wait 016.007", "Wait 16.007"},
+        {" # a comment \t", "# a comment"},
+    };
+    for (const auto& [text, written] : cases) {
+        EXPECT_EQ(tools::WriteLine(tools::ParseLine(text)), written);
+    }
+}
+
+TEST(SessionTest, TellsAllThatIsWrong) {
+    struct {
+        std::string line;
+        const char* message;
+    } const cases[] = {
+        {"Unknown", "\"Unknown\" is not known, expected an operation"},
+        {"\"DumpInfo\"", "\"DumpInfo\" is not known"},
+        {"\x1b[2J\x7f\xc2\x9b\xff", "\"?[2J????\" is not known"},
+        {std::string(59, 'x') + "\xc3\xa4" + std::string(9999, 'x'), "xxx...\" is not known"},
+        {"TcfbtSetVersion", "version is missing, expected TcfbtSetVersion version"},
+        {"TcfbtSetVersion 1 2", "\"2\" is one too many, expected TcfbtSetVersion version"},
+        {"TcfbtSetVersion 2147483648", "number from -2147483648 to 2147483647"},
+        {"TcfbtSetVersion -0x80000001", "number from -2147483648 to 2147483647"},
+        {"TcfbtSetVersion 0x100000000", "number from -2147483648 to 2147483647"},
+        {"TcfbtSetVersion 1x", "version is \"1x\""},
+        {"TcfbtSetVersion --1", "version is \"--1\""},
+        {"TcfbtSetVersion 0x-1", "version is \"0x-1\""},
+        {"TcfbtSetVersion 0x", "version is \"0x\""},
+        {"TcfbtSetVersion \"1\"", "version is \"1\""},
+        {"TcfbtNotifyFrameEnd 9223372036854775808", "to 9223372036854775807"},
+        {"TcfbtSetSceneInfo yes 1 1", "isVideo is \"yes\", expected true or false"},
+        {"TcfbtAddPersistTids \"open", "expected a closing double quote"},
+        {"TcfbtAddPersistTids \"open\\", "expected a closing double quote"},
+        {"TcfbtRemoveTids 1 2 x", "tids is \"x\""},
+        {"PlayRecording", "expected PlayRecording frames [firstFrame]"},
+        {"PlayRecording 0", "from 1 to"},
+        {"PlayRecording 1 0", "from 1 to"},
+        {"PlayRecording 99999999999", "from 1 to"},
+        {"Wait", "expected Wait milliseconds"},
+        {"Wait -1", "milliseconds is \"-1\", expected a number from 0 to"},
+        {"Wait 1.", "up to three decimals"},
+        {"Wait .5", "up to three decimals"},
+        {"Wait 0.0001", "up to three decimals"},
+        {"Wait 1000000001", "from 0 to 1000000000"},
+        {"ServiceStatus cfbtNone 1", "function is \"cfbtNone\", expected one of the boost service"},
+        {"ServiceStatus cfbtFrameEnd x", "status is \"x\""},
+    };
+    // With a byte order mark, good lines in between, and no line end at the end.
+    std::string text = "\xEF\xBB\xBF# first";
+    for (const auto& [line, message] : cases) {
+        text += "\nDumpInfo\n" + line;
+    }
+    std::istringstream in(text);
+    const tools::Session session(in);
+    ASSERT_EQ(session.Errors().size(), std::size(cases));
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const std::string error = ToString(session.Errors()[i], "name");
+        EXPECT_EQ(error.rfind("name:" + std::to_string(2 * i + 3) + ": error: ", 0), 0U) << error;
+        EXPECT_NE(error.find(cases[i].message), std::string::npos) << error;
+        EXPECT_LT(error.size(), 250U);
+    }
+}
+
+}  // namespace
