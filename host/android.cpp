@@ -43,6 +43,20 @@ void WriteThreadtime(const desktop::LogLine& line) {
 
 }  // namespace
 
+std::optional<bool> desktop::BooleanOf(std::string_view value) {
+    for (const std::string_view yes : {"1", "y", "yes", "on", "true"}) {
+        if (value == yes) {
+            return true;
+        }
+    }
+    for (const std::string_view no : {"0", "n", "no", "off", "false"}) {
+        if (value == no) {
+            return false;
+        }
+    }
+    return std::nullopt;
+}
+
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
     desktop::State& state = desktop::GetState();
     state.logLines.fetch_add(1, std::memory_order_relaxed);
@@ -63,21 +77,9 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
 int8_t property_get_bool(const char* key, int8_t defaultValue) {
     const auto& properties = desktop::GetState().properties;
     const auto property = properties.find(key);
-    if (property == properties.end()) {
-        return defaultValue;
-    }
-    // The spellings that Android understands.
-    for (const std::string_view yes : {"1", "y", "yes", "on", "true"}) {
-        if (property->second == yes) {
-            return 1;
-        }
-    }
-    for (const std::string_view no : {"0", "n", "no", "off", "false"}) {
-        if (property->second == no) {
-            return 0;
-        }
-    }
-    return defaultValue;
+    const auto value =
+        property == properties.end() ? std::nullopt : desktop::BooleanOf(property->second);
+    return value ? static_cast<int8_t>(*value) : defaultValue;
 }
 
 uint64_t atrace_get_enabled_tags() {
@@ -85,6 +87,10 @@ uint64_t atrace_get_enabled_tags() {
 }
 
 void atrace_int_body(const char* name, int32_t value) {
-    desktop::GetState().counterUpdates.fetch_add(1, std::memory_order_relaxed);
+    desktop::State& state = desktop::GetState();
+    state.counterUpdates.fetch_add(1, std::memory_order_relaxed);
+    if (state.logToStderr) {
+        std::fprintf(stderr, "C|%d|%s|%d\n", getpid(), name, value);
+    }
     desktop::Emit([=] { return desktop::CounterUpdate{name, value}; });
 }

@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <limits>
 #include <sstream>
 
@@ -29,7 +31,53 @@ struct Store {
     toml::table configuration;
 };
 
-Store& GetStore();
+// Answers with what is wrong; the store then serves nothing.
+std::optional<std::string> Parse(std::string_view toml, std::string_view name, Store& store) {
+    store.name = name;
+    store.configuration.clear();
+    try {
+        store.configuration = toml::parse(toml, name);
+    } catch (const toml::parse_error& error) {
+        std::ostringstream text;
+        text << name << ':' << error.source().begin.line << ": " << error.description();
+        return text.str();
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> ParseFile(const std::string& path, Store& store) {
+    std::ifstream file(path);
+    std::error_code ignored;
+    // A directory can be opened; whether reading it fails depends on the standard library.
+    if (!file || std::filesystem::is_directory(path, ignored)) {
+        Parse("", path, store);
+        return path + ":1: cannot be read";
+    }
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    return Parse(text, path, store);
+}
+
+// What is served until something else is: what the environment asks for, or the sample. Read once,
+// so that what is wrong with it is said once.
+const Store& InitialStore() {
+    static const Store& initial = *[] {
+        auto* made = new Store;  // Never destroyed, like the state.
+        const std::string path = desktop::Environment("TARVO_DESKTOP_CONFIG");
+        const auto error = path.empty()
+                               ? Parse(desktop::SAMPLE_CONFIGURATION, "sample configuration", *made)
+                               : ParseFile(path, *made);
+        if (error) {
+            std::fprintf(stderr, "%s\n", error->c_str());
+        }
+        return made;
+    }();
+    return initial;
+}
+
+Store& GetStore() {
+    static Store& store = *new Store(InitialStore());
+    return store;
+}
 
 toml::node_view<const toml::node> Find(const char* section, const char* key) {
     const toml::table& configuration = GetStore().configuration;
@@ -153,40 +201,19 @@ class Checker {
 }  // namespace
 
 std::optional<std::string> LoadConfiguration(std::string_view toml, std::string_view name) {
-    Store& store = GetStore();
-    store.name = name;
-    store.configuration.clear();
-    try {
-        store.configuration = toml::parse(toml, name);
-    } catch (const toml::parse_error& error) {
-        return At(error.source().begin, error.description());
-    }
-    return std::nullopt;
+    return Parse(toml, name, GetStore());
 }
 
 std::optional<std::string> LoadConfigurationFile(const std::string& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    // Reading, not opening, is what fails for a directory.
-    if (!file || !(text << file.rdbuf())) {
-        LoadConfiguration("", path);
-        return path + ":1: cannot be read";
-    }
-    return LoadConfiguration(text.str(), path);
+    return ParseFile(path, GetStore());
 }
 
 std::vector<std::string> CheckConfiguration() {
     return Checker().Check();
 }
 
-void ServeConfigurationOfEnvironment() {
-    const std::string path = Environment("TARVO_DESKTOP_CONFIG");
-    const auto error = path.empty()
-                           ? LoadConfiguration(SAMPLE_CONFIGURATION, "sample configuration")
-                           : LoadConfigurationFile(path);
-    if (error) {
-        std::fprintf(stderr, "%s\n", error->c_str());
-    }
+void ServeInitialConfiguration() {
+    GetStore() = InitialStore();
 }
 
 char* NewStoreText(std::string_view text) {
@@ -197,19 +224,6 @@ char* NewStoreText(std::string_view text) {
 }
 
 }  // namespace desktop
-
-namespace {
-
-Store& GetStore() {
-    static Store* store = nullptr;
-    if (store == nullptr) {
-        store = new Store;  // Never destroyed, like the state.
-        desktop::ServeConfigurationOfEnvironment();
-    }
-    return *store;
-}
-
-}  // namespace
 
 int32_t GetIntegerConfiguration(const char* section, const char* key, int32_t* value) {
     const auto number = Find(section, key).value_exact<int64_t>();

@@ -1,5 +1,8 @@
 #include "host/desktop.h"
 
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 #include <utility>
@@ -14,16 +17,59 @@ constexpr std::array<const char*, SERVICE_FUNCTION_COUNT> SERVICE_FUNCTION_NAMES
     "cfbtStageEnd",   "cfbtAddTids",  "cfbtRemoveTids", "cfbtNotifyErrOfUser",
 };
 
-void SetAndroidOfEnvironment(State& state) {
-    state.properties.clear();
-    std::istringstream properties(Environment("TARVO_DESKTOP_PROPERTIES"));
-    for (std::string entry; std::getline(properties, entry, ',');) {
+// What the environment says of Android. Read once, so that what is wrong with it is said once.
+struct InitialAndroid {
+    std::map<std::string, std::string> properties;
+    uint64_t traceTags = 0;
+};
+
+void ReadProperties(InitialAndroid& android) {
+    std::istringstream entries(Environment("TARVO_DESKTOP_PROPERTIES"));
+    for (std::string entry; std::getline(entries, entry, ',');) {
         const size_t equals = entry.find('=');
-        if (equals != std::string::npos) {
-            state.properties[entry.substr(0, equals)] = entry.substr(equals + 1);
+        if (equals == 0 || equals == std::string::npos) {
+            std::fprintf(stderr, "TARVO_DESKTOP_PROPERTIES: \"%s\" is no property, expected %s\n",
+                         entry.c_str(), "name=value");
+            continue;
         }
+        const std::string value = entry.substr(equals + 1);
+        if (!value.empty() && !BooleanOf(value)) {
+            std::fprintf(stderr,
+                         "TARVO_DESKTOP_PROPERTIES: \"%s\" counts as not set, expected 1, y, yes, "
+                         "on, true, 0, n, no, off or false\n",
+                         entry.c_str());
+        }
+        android.properties[entry.substr(0, equals)] = value;
     }
-    state.traceTags = std::strtoull(Environment("TARVO_DESKTOP_TRACE_TAGS").c_str(), nullptr, 0);
+}
+
+void ReadTraceTags(InitialAndroid& android) {
+    const std::string mask = Environment("TARVO_DESKTOP_TRACE_TAGS");
+    if (mask.empty()) {
+        return;
+    }
+    char* end = nullptr;
+    errno = 0;
+    android.traceTags = std::strtoull(mask.c_str(), &end, 0);
+    // A sign or a blank is more than a mask has.
+    if (errno != 0 || *end != '\0' || std::isdigit(static_cast<unsigned char>(mask[0])) == 0) {
+        std::fprintf(stderr,
+                     "TARVO_DESKTOP_TRACE_TAGS: \"%s\" is no mask, expected such as 0x400; "
+                     "tracing is off\n",
+                     mask.c_str());
+        android.traceTags = 0;
+    }
+}
+
+void SetInitialAndroid(State& state) {
+    static const InitialAndroid initial = [] {
+        InitialAndroid android;
+        ReadProperties(android);
+        ReadTraceTags(android);
+        return android;
+    }();
+    state.properties = initial.properties;
+    state.traceTags = initial.traceTags;
 }
 
 }  // namespace
@@ -37,7 +83,7 @@ State& GetState() {
     static State& state = *[] {
         // Never destroyed: threads may still be in the platform while the process ends.
         auto* made = new State;
-        SetAndroidOfEnvironment(*made);
+        SetInitialAndroid(*made);
         return made;
     }();
     return state;
@@ -163,8 +209,8 @@ void Reset() {
     }
     state.logToStderr = true;
     state.storeScript = nullptr;
-    SetAndroidOfEnvironment(state);
-    ServeConfigurationOfEnvironment();
+    SetInitialAndroid(state);
+    ServeInitialConfiguration();
 }
 
 }  // namespace desktop

@@ -3,8 +3,9 @@
 //
 // This header is how tools and tests set the platform up and watch it. Left alone, the store serves
 // the built-in sample configuration, all properties are unset, tracing is off, the boost service
-// answers 0 to every call, and log lines go to standard error. The environment changes that before
-// any code of the program has run:
+// answers 0 to every call, and log lines and trace counters go to standard error. The environment
+// changes that before any code of the program has run; what means nothing there is said on standard
+// error once:
 //
 //     TARVO_DESKTOP_CONFIG        a TOML file for the store to serve
 //     TARVO_DESKTOP_PROPERTIES    system properties: name=value,name=value
@@ -193,7 +194,8 @@ void SetProperty(const std::string& name, const std::string& value);
 // Sets the mask of enabled trace tags.
 void SetTraceTags(uint64_t mask);
 
-// Whether log lines go to standard error, in the form of logcat's threadtime.
+// Whether log lines go to standard error, in the form of logcat's threadtime, and trace counters
+// with them, in the form of a trace: "C|pid|name|value".
 void SetLogToStderr(bool on);
 
 // ---- All of it ----

@@ -34,8 +34,11 @@ State& GetState();
 // The value of an environment variable; empty when it is not set.
 std::string Environment(const char* name);
 
-// Lets the store serve what the environment asks for, else the sample configuration.
-void ServeConfigurationOfEnvironment();
+// Lets the store serve what it serves when left alone.
+void ServeInitialConfiguration();
+
+// Whether Android takes a property's value for true or false; nothing for what is neither.
+std::optional<bool> BooleanOf(std::string_view value);
 
 // Tells the observer, if there is one. `makeEvent` is only called then.
 template <typename MakeEvent>

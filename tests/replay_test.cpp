@@ -53,6 +53,7 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
     } const cases[] = {
         {"clean-recording", "", false, "clean-recording"},
         {"dropped-frame", "", false, "dropped-frame"},
+        {"dropped-frame-recovered", "", false, "dropped-frame-recovered"},
         {"stages-out-of-order", "", false, "stages-out-of-order"},
         {"frame-never-ends", "", false, "frame-never-ends"},
         {"refused-scene", "", false, "refused-scene"},
