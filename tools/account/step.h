@@ -57,14 +57,18 @@ inline bool IsRefused(Outcome outcome) {
     return outcome >= Outcome::NoScene;
 }
 
+// A frame that is not told. The log does not say which frame an eviction, and the report that comes
+// of it, is about.
+inline constexpr int64_t NO_FRAME = std::numeric_limits<int64_t>::min();
+
 struct Event {
     EventKind kind = EventKind::NodeEnd;
     Outcome outcome = Outcome::Forwarded;
     int32_t stage = -1;
     int32_t otherStage = -1;  // OutOfOrder: the stage that it is out of order with.
-    int64_t frame = 0;
-    int64_t otherFrame = 0;  // Gap: the newest frame then.
-    Place place;             // The line that tells, where it is not the step's own.
+    int64_t frame = 0;        // Or NO_FRAME.
+    int64_t otherFrame = 0;   // Gap: the newest frame then, or NO_FRAME.
+    Place place;              // The line that tells, where it is not the step's own.
 };
 
 // One HAL call. Objects are meant to be used again and again: the vectors keep their memory.

@@ -1,0 +1,255 @@
+#include "tools/capture/events.h"
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <variant>
+
+namespace tools {
+namespace {
+
+// The number after `frame`: after the highest one comes the lowest one, as in the library.
+int64_t After(int64_t frame) {
+    return static_cast<int64_t>(static_cast<uint64_t>(frame) + 1);
+}
+
+class Teller {
+  public:
+    Teller(std::vector<Event>& toFill, std::span<const Message> toRead, bool isCallRefused,
+           bool isEndCut)
+        : events(toFill), messages(toRead), isRefused(isCallRefused), isCut(isEndCut) {}
+
+    size_t Read() const { return next; }
+
+    const Message* Peek() const { return next < messages.size() ? &messages[next] : nullptr; }
+
+    // Takes the next message if it is of that kind.
+    const Message* Take(MessageKind kind) {
+        const Message* message = Peek();
+        return message != nullptr && message->kind == kind ? &messages[next++] : nullptr;
+    }
+    // And about that frame.
+    const Message* Take(MessageKind kind, int64_t frame) {
+        const Message* message = Peek();
+        return message != nullptr && message->frame == frame ? Take(kind) : nullptr;
+    }
+
+    void Tell(EventKind kind, Outcome outcome, int64_t frame = 0, int32_t stage = -1) {
+        Event event;
+        event.kind = kind;
+        event.outcome = outcome;
+        event.frame = frame;
+        event.stage = stage;
+        events.push_back(event);
+    }
+
+    void StageEvent(EventKind kind, int32_t stage, int64_t frame) {
+        const Message* message = Peek();
+        if (message == nullptr || message->frame != frame) {
+            TellSilent(kind, frame, stage);
+            return;
+        }
+        const bool isOfStage = message->stage == stage;
+        switch (message->kind) {
+            case MessageKind::StageStart:
+            case MessageKind::StageEnd:
+                if (isOfStage &&
+                    (kind == EventKind::StageStart) == (message->kind == MessageKind::StageStart)) {
+                    break;
+                }
+                TellSilent(kind, frame, stage);
+                return;
+            case MessageKind::FrameNotExist:
+            case MessageKind::FrameRemoved:
+                ++next;
+                TellSpoken(kind, Outcome::NotInFlight, frame, stage);
+                return;
+            case MessageKind::FrameInError:
+                ++next;
+                TellSpoken(kind, Outcome::FrameInError, frame, stage);
+                Tell(EventKind::Report, Outcome::Reported, frame, stage);
+                return;
+            case MessageKind::StageNotInRange:
+            case MessageKind::StageOutOfOrder:
+            case MessageKind::StageOutOfTurn:
+                if (isOfStage) {
+                    ++next;
+                    const Outcome outcome =
+                        message->kind == MessageKind::StageNotInRange   ? Outcome::NoSuchStage
+                        : message->kind == MessageKind::StageOutOfOrder ? Outcome::OutOfOrder
+                                                                        : Outcome::StageOutOfTurn;
+                    TellSpoken(kind, outcome, frame, stage);
+                    events.back().otherStage = message->otherStage;
+                    Tell(EventKind::Report, Outcome::Reported, frame, stage);
+                    return;
+                }
+                [[fallthrough]];
+            default:
+                TellSilent(kind, frame, stage);
+                return;
+        }
+        ++next;
+        TellSpoken(kind, Outcome::Forwarded, frame, stage);
+    }
+
+    void FrameStart(int64_t frame) {
+        if (Take(MessageKind::FrameAlreadyExists, frame) != nullptr) {
+            Tell(EventKind::FrameStart, Outcome::AlreadyInFlight, frame);
+            return;
+        }
+        const Message* gap = Take(MessageKind::FrameNotContinuous, frame);
+        const bool isEviction = Take(MessageKind::TableFull) != nullptr;
+        if (isEviction) {
+            Tell(EventKind::Eviction, Outcome::Evicted, NO_FRAME);
+        }
+        const Message* added = Take(MessageKind::FrameAdded);
+        const bool isInError = gap != nullptr || (added != nullptr && added->flag);
+        const bool isForwarded = !isInError && Take(MessageKind::FrameStart, frame) != nullptr;
+        Tell(EventKind::FrameStart,
+             isRefused     ? Outcome::NoScene
+             : isInError   ? Outcome::Gap
+             : isForwarded ? Outcome::Forwarded
+                           : Outcome::Unknown,
+             frame);
+        if (gap != nullptr) {
+            events.back().otherFrame = gap->lastFrame;
+        } else if (isInError) {
+            events.back().otherFrame = NO_FRAME;
+        }
+        if (isEviction) {
+            Tell(EventKind::Report, Outcome::Reported, NO_FRAME);
+        }
+    }
+
+    void FrameEnd(int64_t frame) {
+        if (Take(MessageKind::FrameEnd, frame) != nullptr) {
+            TellSpoken(EventKind::FrameEnd, Outcome::Forwarded, frame, -1);
+        } else if (Take(MessageKind::EndedFrameNotExist, frame) != nullptr) {
+            TellSpoken(EventKind::FrameEnd, Outcome::NotInFlight, frame, -1);
+        } else {
+            TellSilent(EventKind::FrameEnd, frame, -1);
+        }
+    }
+
+    void NodeEnd(const Call& call, const Configuration& configuration) {
+        const auto frame = std::get<int64_t>(call.arguments[0]);
+        const Message* message = Take(MessageKind::NodeEnd, frame);
+        if (message == nullptr) {
+            Tell(EventKind::NodeEnd, Outcome::NoScene, frame);
+            return;
+        }
+        const int32_t stage = message->stage;
+        if (stage < 0 || !configuration.IsStagePort(std::get<std::string>(call.arguments[1]),
+                                                    std::get<int32_t>(call.arguments[2]))) {
+            Tell(EventKind::NodeEnd, Outcome::Ignored, frame, stage);
+            return;
+        }
+        if (stage == 0) {
+            if (frame >= 1) {
+                StageEvent(EventKind::StageEnd, 0, frame);
+                StageEvent(EventKind::StageStart, 1, frame);
+            }
+            FrameStart(After(frame));
+            StageEvent(EventKind::StageStart, 0, After(frame));
+        } else if (frame >= 1) {
+            StageEvent(EventKind::StageEnd, stage, frame);
+            if (stage >= int64_t{message->count} - 1) {
+                FrameEnd(frame);
+            } else {
+                StageEvent(EventKind::StageStart, stage + 1, frame);
+            }
+        }
+    }
+
+  private:
+    // An event that left no line.
+    void TellSilent(EventKind kind, int64_t frame, int32_t stage) {
+        // Right after its start a frame is in no error.
+        const bool isJustStarted =
+            std::any_of(events.begin(), events.end(), [frame](const Event& event) {
+                return event.kind == EventKind::FrameStart && event.frame == frame &&
+                       event.outcome == Outcome::Forwarded;
+            });
+        Tell(kind,
+             isRefused                ? Outcome::NoScene
+             : isCut || isJustStarted ? Outcome::Unknown
+                                      : Outcome::FrameInError,
+             frame, stage);
+    }
+
+    // An event that left one. Its frame is not in error, or was not until now: events of it before
+    // this one should have left lines as well.
+    void TellSpoken(EventKind kind, Outcome outcome, int64_t frame, int32_t stage) {
+        for (Event& event : events) {
+            if (event.outcome == Outcome::FrameInError && event.frame == frame) {
+                event.outcome = Outcome::Unknown;
+            }
+        }
+        Tell(kind, outcome, frame, stage);
+    }
+
+    std::vector<Event>& events;
+    std::span<const Message> messages;
+    bool isRefused;
+    bool isCut;
+    size_t next = 0;
+};
+
+}  // namespace
+
+size_t TellEvents(Step& step, std::span<const Message> messages, const Configuration& configuration,
+                  bool isCut) {
+    step.events.clear();
+    const std::string_view name = step.call.operation->name;
+    const std::vector<Value>& arguments = step.call.arguments;
+    const bool isRefused = step.result == -1;
+    Teller teller(step.events, messages, isRefused, isCut);
+    if (name == "TcfbtNotifyNodeEnd") {
+        teller.NodeEnd(step.call, configuration);
+    } else if (name == "TcfbtNotifyStageStart") {
+        teller.StageEvent(EventKind::StageStart, std::get<int32_t>(arguments[0]),
+                          std::get<int64_t>(arguments[1]));
+    } else if (name == "TcfbtNotifyStageEnd") {
+        teller.StageEvent(EventKind::StageEnd, std::get<int32_t>(arguments[0]),
+                          std::get<int64_t>(arguments[1]));
+    } else if (name == "TcfbtNotifyFrameStart") {
+        teller.FrameStart(std::get<int64_t>(arguments[0]));
+    } else if (name == "TcfbtNotifyFrameEnd") {
+        teller.FrameEnd(std::get<int64_t>(arguments[0]));
+    } else if (name == "TcfbtNotifyErrorFrame") {
+        teller.Tell(EventKind::Report, isRefused ? Outcome::NoScene : Outcome::Reported,
+                    std::get<int64_t>(arguments[0]), std::get<int32_t>(arguments[1]));
+    } else if (name == "TcfbtNotifySceneStart") {
+        while (teller.Take(MessageKind::SetTid) != nullptr) {
+        }
+        if (teller.Take(MessageKind::SceneDisabled) != nullptr) {
+            teller.Tell(EventKind::SceneStart, Outcome::Disabled);
+        } else if (const Message* start = teller.Take(MessageKind::SceneStart)) {
+            teller.Tell(EventKind::SceneStart,
+                        start->flag ? Outcome::Forwarded : Outcome::RefusedByService);
+        } else {
+            teller.Tell(EventKind::SceneStart,
+                        isRefused ? Outcome::NotDescribed : Outcome::Unknown);
+        }
+    } else if (name == "TcfbtNotifySceneEnd" || name == "TcfbtSetSceneInfo") {
+        // A description that does not qualify ends the scene.
+        const bool isDescription = name == "TcfbtSetSceneInfo";
+        teller.Take(MessageKind::NoVideo);
+        while (teller.Take(MessageKind::RemoveTid) != nullptr) {
+        }
+        if (teller.Take(MessageKind::SceneEnd) != nullptr) {
+            teller.Tell(EventKind::SceneEnd, Outcome::Forwarded);
+        } else if (!isDescription) {
+            teller.Tell(EventKind::SceneEnd, isRefused ? Outcome::NoScene : Outcome::Unknown);
+        }
+        if (isDescription) {
+            teller.Take(MessageKind::Video);
+        }
+    } else {
+        // Thread ids and the like: lines, but no events.
+        return messages.size();
+    }
+    return teller.Read();
+}
+
+}  // namespace tools

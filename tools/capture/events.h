@@ -1,0 +1,26 @@
+// What became of a HAL call, told from the messages that the library left on the call's thread.
+
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+#include "tools/account/step.h"
+#include "tools/capture/message.h"
+
+namespace tools {
+
+// Fills `step.events` from `step.call` and `step.result`.
+//
+// `messages`: what the call's thread logged from the call's beginning on. Returns how many of them
+// are the call's; the others are of calls behind it.
+// `configuration`: the one loaded, which tells which node ends count.
+// `isCut`: lines may be missing behind the last message, so that silence tells nothing.
+//
+// The library is silent about an event of a frame in error and, when no scene runs, about
+// everything. An event that can be neither, though its message is missing, is Outcome::Unknown.
+// Without a result and without a message a call other than a node end is taken to have had a scene.
+size_t TellEvents(Step& step, std::span<const Message> messages, const Configuration& configuration,
+                  bool isCut = false);
+
+}  // namespace tools

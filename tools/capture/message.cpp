@@ -1,0 +1,283 @@
+#include "tools/capture/message.h"
+
+#include <array>
+#include <charconv>
+#include <cstddef>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+namespace tools {
+namespace {
+
+// The forms, those that a frame leaves most often first: they are tried in this order.
+constexpr MessageForm FORMS[] = {
+    {MessageKind::StageStart, FACADE_TAG, "TcfbtNotifyStageStart",
+     "halFrameNumber = {frame}, stage = {stage}, nodeName = {name}"},
+    {MessageKind::StageEnd, FACADE_TAG, "TcfbtNotifyStageEnd",
+     "halFrameNumber = {frame}, stage = {stage}, nodeName = {name}"},
+    {MessageKind::NodeEnd, FACADE_TAG, "TcfbtNotifyNodeEnd",
+     "halFrameNumber = {frame}, nodeName = {name}, stage = {stage}, maxStageCnt = {count}, "
+     "portId = {port}, currentCameraId = {camera}, isMaterCamera = {flag}"},
+    {MessageKind::FrameStart, FACADE_TAG, "TcfbtNotifyFrameStart", "halFrameNumber = {frame}"},
+    {MessageKind::FrameEnd, FACADE_TAG, "TcfbtNotifyFrameEnd", "halFrameNumber = {frame}"},
+    {MessageKind::FrameAdded, UTILS_TAG, "CheckIfCouldStartFrame",
+     "new frame added, is error = {flag}"},
+    {MessageKind::FrameAlreadyExists, UTILS_TAG, "CheckIfCouldStartFrame",
+     "frameNumber: {frame} already exists"},
+    {MessageKind::FrameNotContinuous, UTILS_TAG, "CheckIfCouldStartFrame",
+     "frameNumber continuity check fail, lastFrameNumber: {lastFrame}, "
+     "current frameNumber: {frame}"},
+    {MessageKind::TableFull, UTILS_TAG, "CheckIfCouldStartFrame",
+     "current frameData size({count}) > MAX_FRAME_TRACKED({limit}), mark and notify frame error"},
+    {MessageKind::EndedFrameNotExist, UTILS_TAG, "CheckIfCouldEndFrame",
+     "frameNumber: {frame} not exist"},
+    {MessageKind::FrameNotExist, UTILS_TAG, "CheckFrameStatus",
+     "frameNumber not exist, frameNumber = {frame}"},
+    {MessageKind::FrameInError, UTILS_TAG, "CheckFrameStatus",
+     "is error frame, notify frame error, frameNumber = {frame}"},
+    {MessageKind::FrameRemoved, UTILS_TAG, "CheckFrameStatus",
+     "remove frame, frameNumber = {frame}"},
+    {MessageKind::FrameNotExist, UTILS_TAG, "CheckStagesStatus",
+     "frameNumber not exist, frameNumber = {frame}"},
+    {MessageKind::StageNotInRange, UTILS_TAG, "CheckStagesStatus",
+     "stage error, notify frame error, frameNumber = {frame}, stage = {stage}, "
+     "stageCount = {count}"},
+    {MessageKind::StageOutOfOrder, UTILS_TAG, "CheckStagesStatus",
+     "stage status check error, notify frame error, frameNumber = {frame}, stage = {stage}, "
+     "error stage = {otherStage}"},
+    {MessageKind::StageOutOfTurn, UTILS_TAG, "CheckStagesStatus",
+     "stage status check error, notify frame error, frameNumber = {frame}, stage = {stage}"},
+    {MessageKind::NoVideo, FACADE_TAG, "TcfbtSetSceneInfo",
+     "isVideo ={flag}, resolution = {width}, fps = {fps}, mFps = {acceptedFps}, "
+     "cfbtScene = {scene}"},
+    {MessageKind::Video, FACADE_TAG, "TcfbtSetSceneInfo",
+     "resolution = {width}, fps = {fps}, mFps = {acceptedFps}, cfbtScene = {scene}"},
+    {MessageKind::SceneDisabled, FACADE_TAG, "TcfbtNotifySceneStart", "cameraframeboost disabled"},
+    {MessageKind::SceneStart, FACADE_TAG, "TcfbtNotifySceneStart", "isSceneStarted = {truth}"},
+    {MessageKind::SceneEnd, FACADE_TAG, "TcfbtNotifySceneEnd", ""},
+    {MessageKind::SetTid, FACADE_TAG, "TcfbtSetTids", "tid = {tid} "},
+    {MessageKind::RemoveTid, FACADE_TAG, "TcfbtRemoveTids", "tid = {tid}"},
+    {MessageKind::AddPersistTid, FACADE_TAG, "TcfbtAddPersistTids", "name = {name}, tid = {tid} "},
+    {MessageKind::DumpInfo, FACADE_TAG, "DumpInfo", "DumpInfo PersistTids size = {count}"},
+    {MessageKind::DumpSwitch, UTILS_TAG, "DumpConfig", "frameboost enable = {flag}"},
+    {MessageKind::DumpModes, UTILS_TAG, "DumpConfig", "supportOperationModeList = {list}"},
+    {MessageKind::DumpStage, UTILS_TAG, "DumpConfig",
+     "stage = {stage}, nodename = {name}, nodeport = {list}"},
+};
+
+// Where the value of a field goes.
+enum class Field : uint8_t {
+    None,
+    Flag,
+    Truth,
+    Stage,
+    OtherStage,
+    Count,
+    Limit,
+    Port,
+    Camera,
+    Width,
+    Fps,
+    AcceptedFps,
+    Scene,
+    Tid,
+    Frame,
+    LastFrame,
+    Name,
+    List,
+};
+constexpr std::pair<std::string_view, Field> FIELD_NAMES[] = {
+    {"flag", Field::Flag},   {"truth", Field::Truth},
+    {"stage", Field::Stage}, {"otherStage", Field::OtherStage},
+    {"count", Field::Count}, {"limit", Field::Limit},
+    {"port", Field::Port},   {"camera", Field::Camera},
+    {"width", Field::Width}, {"fps", Field::Fps},
+    {"scene", Field::Scene}, {"acceptedFps", Field::AcceptedFps},
+    {"tid", Field::Tid},     {"frame", Field::Frame},
+    {"name", Field::Name},   {"lastFrame", Field::LastFrame},
+    {"list", Field::List},
+};
+
+// A form's text, cut up: words that stand as they are, each followed by a field.
+struct Part {
+    std::string_view words{};
+    Field field = Field::None;
+};
+using Parts = std::array<Part, 9>;  // The last one has no field.
+
+consteval Parts CutUp(std::string_view text) {
+    Parts parts{};
+    size_t next = 0;
+    for (size_t open = 0; (open = text.find('{')) != std::string_view::npos; ++next) {
+        const size_t close = text.find('}');
+        parts[next].words = text.substr(0, open);
+        for (const auto& [name, field] : FIELD_NAMES) {
+            if (name == text.substr(open + 1, close - open - 1)) {
+                parts[next].field = field;
+            }
+        }
+        if (parts[next].field == Field::None) {
+            throw "a field without a place";
+        }
+        text.remove_prefix(close + 1);
+    }
+    parts[next].words = text;
+    return parts;
+}
+
+constexpr auto CUT_UP_FORMS = [] {
+    std::array<Parts, std::size(FORMS)> parts{};
+    for (size_t i = 0; i < parts.size(); ++i) {
+        parts[i] = CutUp(FORMS[i].text);
+    }
+    return parts;
+};
+
+template <typename Integer>
+bool TakeNumber(std::string_view& text, Integer& value) {
+    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    text.remove_prefix(static_cast<size_t>(stop - text.data()));
+    return error == std::errc();
+}
+
+bool TakeFlag(std::string_view& text, bool& flag) {
+    if (text.empty() || (text[0] != '0' && text[0] != '1')) {
+        return false;
+    }
+    flag = text[0] == '1';
+    text.remove_prefix(1);
+    return true;
+}
+
+bool TakeTruth(std::string_view& text, bool& flag) {
+    flag = text == "true";
+    const bool isTruth = flag || text == "false";
+    text = {};
+    return isTruth;
+}
+
+// Takes what stands before the last `words` in the text: they may stand in a name as well.
+bool TakeText(std::string_view& text, std::string_view words, std::string_view& value) {
+    const size_t end = words.empty() ? text.size() : text.rfind(words);
+    if (end == std::string_view::npos) {
+        return false;
+    }
+    value = text.substr(0, end);
+    text.remove_prefix(end);
+    return true;
+}
+
+bool TakeField(std::string_view& text, Field field, std::string_view wordsBehind,
+               Message& message) {
+    switch (field) {
+        case Field::Flag:
+            return TakeFlag(text, message.flag);
+        case Field::Truth:
+            return TakeTruth(text, message.flag);
+        case Field::Stage:
+            return TakeNumber(text, message.stage);
+        case Field::OtherStage:
+            return TakeNumber(text, message.otherStage);
+        case Field::Count:
+            return TakeNumber(text, message.count);
+        case Field::Limit:
+            return TakeNumber(text, message.limit);
+        case Field::Port:
+            return TakeNumber(text, message.port);
+        case Field::Camera:
+            return TakeNumber(text, message.camera);
+        case Field::Width:
+            return TakeNumber(text, message.width);
+        case Field::Fps:
+            return TakeNumber(text, message.fps);
+        case Field::AcceptedFps:
+            return TakeNumber(text, message.acceptedFps);
+        case Field::Scene:
+            return TakeNumber(text, message.scene);
+        case Field::Tid:
+            return TakeNumber(text, message.tid);
+        case Field::Frame:
+            return TakeNumber(text, message.frame);
+        case Field::LastFrame:
+            return TakeNumber(text, message.lastFrame);
+        case Field::Name:
+            return TakeText(text, wordsBehind, message.name);
+        case Field::List:
+            return TakeText(text, wordsBehind, message.list);
+        case Field::None:
+            break;
+    }
+    return false;
+}
+
+std::string_view WithoutBlanksBehind(std::string_view text) {
+    return text.substr(0, text.find_last_not_of(' ') + 1);
+}
+
+bool Matches(const Parts& parts, std::string_view text, Message& message) {
+    for (size_t i = 0;; ++i) {
+        const auto& [words, field] = parts[i];
+        if (text.starts_with(words)) {
+            text.remove_prefix(words.size());
+        } else if (text == WithoutBlanksBehind(words)) {
+            text = {};
+        } else {
+            return false;
+        }
+        if (field == Field::None) {
+            return text.empty();
+        }
+        if (!TakeField(text, field, parts[i + 1].words, message)) {
+            return false;
+        }
+    }
+}
+
+constexpr std::string_view FILE_STEM = "tarvocameraframeboost";
+
+}  // namespace
+
+std::span<const MessageForm> MessageForms() {
+    return FORMS;
+}
+
+bool IsLibraryText(std::string_view text) {
+    return text.starts_with(FILE_STEM);
+}
+
+std::optional<Message> ParseMessage(std::string_view tag, std::string_view text) {
+    static constexpr auto CUT_UP = CUT_UP_FORMS();
+    // "file line:function() "
+    const size_t blank = text.find(' ');
+    if (!IsLibraryText(text) || blank == std::string_view::npos) {
+        return {};
+    }
+    text.remove_prefix(blank + 1);
+    Message message;
+    if (!TakeNumber(text, message.sourceLine) || !text.starts_with(':')) {
+        return {};
+    }
+    const size_t end = text.find("()");
+    if (end == std::string_view::npos) {
+        return {};
+    }
+    const std::string_view function = text.substr(1, end - 1);
+    text.remove_prefix(end + 2);
+    if (text.starts_with(' ')) {
+        text.remove_prefix(1);
+    } else if (!text.empty()) {
+        return {};
+    }
+    for (size_t i = 0; i < CUT_UP.size(); ++i) {
+        const MessageForm& form = FORMS[i];
+        if (form.function == function && (tag.empty() || form.tag == tag) &&
+            Matches(CUT_UP[i], text, message)) {
+            message.kind = form.kind;
+            return message;
+        }
+    }
+    return {};
+}
+
+}  // namespace tools
