@@ -10,6 +10,10 @@
 
 namespace tools {
 
+// Adds what a message of the configuration's dump tells to `configuration`. False for any other
+// message. The dump lacks the additional width, and the count of stages where some are not loaded.
+bool AddDumped(const Message& message, Configuration& configuration);
+
 // Fills `step.events` from `step.call` and `step.result`.
 //
 // `messages`: what the call's thread logged from the call's beginning on. Returns how many of them

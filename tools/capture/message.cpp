@@ -106,7 +106,7 @@ struct Part {
 };
 using Parts = std::array<Part, 9>;  // The last one has no field.
 
-consteval Parts CutUp(std::string_view text) {
+constexpr Parts CutUp(std::string_view text) {
     Parts parts{};
     size_t next = 0;
     for (size_t open = 0; (open = text.find('{')) != std::string_view::npos; ++next) {
@@ -132,7 +132,7 @@ constexpr auto CUT_UP_FORMS = [] {
         parts[i] = CutUp(FORMS[i].text);
     }
     return parts;
-};
+}();
 
 template <typename Integer>
 bool TakeNumber(std::string_view& text, Integer& value) {
@@ -247,7 +247,6 @@ bool IsLibraryText(std::string_view text) {
 }
 
 std::optional<Message> ParseMessage(std::string_view tag, std::string_view text) {
-    static constexpr auto CUT_UP = CUT_UP_FORMS();
     // "file line:function() "
     const size_t blank = text.find(' ');
     if (!IsLibraryText(text) || blank == std::string_view::npos) {
@@ -269,10 +268,10 @@ std::optional<Message> ParseMessage(std::string_view tag, std::string_view text)
     } else if (!text.empty()) {
         return {};
     }
-    for (size_t i = 0; i < CUT_UP.size(); ++i) {
+    for (size_t i = 0; i < CUT_UP_FORMS.size(); ++i) {
         const MessageForm& form = FORMS[i];
         if (form.function == function && (tag.empty() || form.tag == tag) &&
-            Matches(CUT_UP[i], text, message)) {
+            Matches(CUT_UP_FORMS[i], text, message)) {
             message.kind = form.kind;
             return message;
         }
