@@ -159,43 +159,6 @@ TEST_F(ReplayTest, ShowsWhatItIsAskedToShow) {
         << out.str();
 }
 
-TEST_F(ReplayTest, SaysWhereASessionIsWrongAndStopsThere) {
-    struct {
-        const char* line;
-        const char* message;
-    } const cases[] = {
-        {"Unknown", "\"Unknown\" is not known, expected an operation"},
-        {"\"DumpInfo\"", "\"DumpInfo\" is not known"},
-        {"\x1b[2J\x7f", "\"?[2J?\" is not known"},
-        {"TcfbtSetVersion", "version is missing, expected TcfbtSetVersion version"},
-        {"TcfbtSetVersion 1 2", "\"2\" is one too many, expected TcfbtSetVersion version"},
-        {"TcfbtSetVersion 2147483648",
-         "expected a decimal or 0x hexadecimal number from "
-         "-2147483648 to 2147483647"},
-        {"TcfbtSetVersion 1x", "version is \"1x\""},
-        {"TcfbtSetVersion --1", "version is \"--1\""},
-        {"TcfbtSetVersion 0x-1", "version is \"0x-1\""},
-        {"TcfbtSetVersion 0x", "version is \"0x\""},
-        {"TcfbtSetVersion \"1\"", "version is \"1\""},
-        {"TcfbtNotifyFrameEnd 9223372036854775808", "to 9223372036854775807"},
-        {"TcfbtSetSceneInfo yes 1 1", "isVideo is \"yes\", expected true or false"},
-        {"TcfbtAddPersistTids \"open", "expected a closing double quote"},
-        {"TcfbtAddPersistTids \"open\\", "expected a closing double quote"},
-        {"TcfbtRemoveTids 1 2 x", "tids is \"x\""},
-        {"PlayRecording", "expected PlayRecording frames [firstFrame]"},
-        {"PlayRecording 0", "from 1 to"},
-        {"PlayRecording 1 0", "from 1 to"},
-        {"PlayRecording 99999999999", "from 1 to"},
-    };
-    for (const auto& [line, message] : cases) {
-        EXPECT_EQ(Play("# first\nTcfbtAddTempTids 1\n" + std::string(line) + "\nDumpInfo\n"), false)
-            << line;
-        EXPECT_EQ(err.str().rfind("test.session:3: ", 0), 0U) << err.str();
-        EXPECT_NE(err.str().find(message), std::string::npos) << err.str();
-        EXPECT_EQ(out.str(), "# first\nTcfbtAddTempTids(tid=1)\n");
-    }
-}
-
 TEST_F(ReplayTest, SaysWhatIsWrongWithAConfiguration) {
     struct {
         std::string config;

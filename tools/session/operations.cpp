@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstdio>
 #include <type_traits>
 #include <utility>
 
@@ -74,12 +73,6 @@ const Operation* FindOperation(std::string_view name) {
         std::find_if(operations.begin(), operations.end(),
                      [name](const Operation& operation) { return operation.name == name; });
     return found == operations.end() ? nullptr : &*found;
-}
-
-std::string TextOfMode(int32_t mode) {
-    std::array<char, sizeof("0x12345678")> text{};
-    std::snprintf(text.data(), text.size(), "0x%X", static_cast<uint32_t>(mode));
-    return text.data();
 }
 
 }  // namespace tools

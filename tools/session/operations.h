@@ -37,7 +37,4 @@ const std::vector<Operation>& Operations();
 // The operation of that name; null when there is none.
 const Operation* FindOperation(std::string_view name);
 
-// An operation mode as configurations have it: 0x8001, and 0xFFFF8001 for a negative one.
-std::string TextOfMode(int32_t mode);
-
 }  // namespace tools

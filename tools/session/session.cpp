@@ -9,7 +9,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "tools/check/printable.h"
+#include "tools/check/check.h"
 
 namespace tools {
 namespace {
@@ -224,7 +224,7 @@ std::string WordsOf(const Parameter& parameter, const Value& value) {
         return *flag ? " true" : " false";
     }
     if (const auto* number = std::get_if<int32_t>(&value)) {
-        return " " + (parameter.isMode ? TextOfMode(*number) : std::to_string(*number));
+        return " " + (parameter.isMode ? ModeText(*number) : std::to_string(*number));
     }
     if (const auto* number = std::get_if<int64_t>(&value)) {
         return " " + std::to_string(*number);
