@@ -30,9 +30,10 @@ class CommandError : public std::runtime_error {
 };
 
 // Each adds its subcommand to `app`. When that is the one that was asked for, `run` is set to what
-// does the job and returns the exit status. To come: check, simulate, explain.
+// does the job and returns the exit status. To come: check, explain.
 using Run = std::function<int()>;
 void AddReplay(CLI::App& app, Run& run);
+void AddSimulate(CLI::App& app, Run& run);
 
 // A file, or standard input or output for "-". Fails, and makes the stream on top of it fail, with
 // a CommandError that names the file and the reason.

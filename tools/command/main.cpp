@@ -24,6 +24,7 @@ int RunCommand(int argc, char** argv) {
     });
     tools::Run run;
     tools::AddReplay(app, run);
+    tools::AddSimulate(app, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -1,0 +1,173 @@
+// cameraframeboost simulate: the log that a device would have given, from a virtual camera.
+
+#include "tools/simulate/simulate.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/desktop.h"
+#include "tools/command/command.h"
+
+namespace tools {
+namespace {
+
+struct Arguments {
+    std::string camera;
+    std::string output = "-";
+    std::string session;
+    std::string configuration;
+    std::string form = "threadtime";
+    std::optional<int64_t> frames;
+    std::optional<int32_t> fps;
+    std::optional<uint64_t> seed;
+    std::vector<std::string> faults;
+};
+
+[[noreturn]] void FailUsage(const std::string& message) {
+    throw CommandError("cameraframeboost: error: " + message);
+}
+
+std::string ReadAll(const std::string& path) {
+    Input input(path);
+    return {std::istreambuf_iterator<char>(input), {}};
+}
+
+Camera CameraOf(const Arguments& arguments) {
+    Camera camera;
+    try {
+        camera = arguments.camera.empty()
+                     ? BuiltinCamera()
+                     : ParseCamera(ReadAll(arguments.camera), arguments.camera);
+    } catch (const CameraError& error) {
+        throw CommandError(error.what());
+    }
+    camera.frames = arguments.frames.value_or(camera.frames);
+    camera.fps = arguments.fps.value_or(camera.fps);
+    camera.seed = arguments.seed.value_or(camera.seed);
+    try {
+        for (const std::string& fault : arguments.faults) {
+            camera.faults.push_back(ParseFault(fault));
+        }
+        CheckFaults(camera);
+    } catch (const CameraError& error) {
+        FailUsage(error.what());
+    }
+    return camera;
+}
+
+// Lets the store serve the file, and tells what is wrong with it. False when the library cannot be
+// loaded with it.
+bool Configure(const std::string& path, Camera& camera) {
+    const std::string toml = ReadAll(path);
+    const CheckedConfiguration checked = CheckConfiguration(toml);
+    for (const Finding& finding : checked.findings) {
+        std::cerr << ToString(finding, path) << '\n';
+    }
+    if (!camera.mode && !checked.table.modes.empty()) {
+        camera.mode = checked.table.modes.front();
+    }
+    return checked.isReadable && !checked.endsProcess && !desktop::LoadConfiguration(toml, path);
+}
+
+void ShowSummary(const Camera& camera, const Simulated& simulated) {
+    std::cerr << simulated.frames << " frames at " << camera.fps << " fps through "
+              << camera.Stages().size() << " stages (seed " << camera.seed
+              << "): " << simulated.completed << " came out\n";
+    for (const Fault& fault : camera.faults) {
+        if (fault.frame < simulated.frames) {
+            std::cerr << "  frame " << fault.frame << ": " << Describe(fault, camera) << " ["
+                      << ToString(fault) << "]\n";
+        }
+    }
+    if (simulated.overruns != 0) {
+        std::cerr << "  " << simulated.overruns << " frames dropped by the sensor: all "
+                  << camera.buffers << " buffers were taken\n";
+    }
+    std::cerr << simulated.lines << " lines of log";
+    if (simulated.linesLost != 0) {
+        std::cerr << ", and " << simulated.linesLost << " missing";
+    }
+    std::cerr << '\n';
+}
+
+int RunSimulate(const Arguments& arguments) {
+    Camera camera = CameraOf(arguments);
+    SimulateOptions options;
+    if (const auto format = FormatOf(arguments.form)) {
+        options.format = *format;
+    } else {
+        FailUsage("--form is \"" + arguments.form +
+                  "\", expected a form of logcat and modifiers, such as threadtime,year,usec");
+    }
+    desktop::Reset();
+    if (!arguments.configuration.empty() && !Configure(arguments.configuration, camera)) {
+        return BAD_INPUT;
+    }
+
+    Output capture(arguments.output);
+    std::unique_ptr<Output> session;
+    if (!arguments.session.empty()) {
+        session = std::make_unique<Output>(arguments.session);
+        options.session = session.get();
+    }
+    CatchInterrupts();
+    ProgressLine progress("frames", arguments.output == "-" || arguments.session == "-");
+    options.onProgress = [&progress](int64_t done, int64_t all) {
+        progress.Show(done, all);
+        return !IsInterrupted();
+    };
+    const Simulated simulated = Simulate(camera, capture, options);
+    capture.Close();
+    if (session) {
+        session->Close();
+    }
+    progress.Clear();
+    ShowSummary(camera, simulated);
+    return NOTHING_FOUND;
+}
+
+}  // namespace
+
+void AddSimulate(CLI::App& app, Run& run) {
+    CLI::App* command = app.add_subcommand(
+        "simulate",
+        "Runs a virtual camera with faults of your choice against the library and writes the\n"
+        "log that a device would have given");
+    command->footer(
+        "\nThe camera file is TOML: nodes, their times, faults. The built-in camera fits the\n"
+        "sample configuration; it is installed as a file to copy, cameras/video-4k60.toml.\n"
+        "Frames and stages are numbered from 0; node by node, branches not counted, a stage\n"
+        "each. What can go wrong:\n\n" +
+        DescribeFaults() +
+        "\nExample: ten seconds of video in which frame 200 takes long and frame 400 is lost:\n\n"
+        "  cameraframeboost simulate --fault slow:200:2:40 --fault lost:400:3 -o capture.log\n");
+    // Lives as long as the command that refers to it.
+    const auto arguments = std::make_shared<Arguments>();
+    command->add_option("CAMERA", arguments->camera, "The camera file; left out: the built-in one");
+    command->add_option("-o,--output", arguments->output,
+                        "Where the log goes; left out or -: standard output");
+    command->add_option("--frames", arguments->frames, "How many frames the sensor delivers")
+        ->check(CLI::Range(int64_t{1}, MAX_FRAMES));
+    command->add_option("--fps", arguments->fps, "Frames per second")->check(CLI::Range(1, 1000));
+    command->add_option("--seed", arguments->seed,
+                        "Chooses the nodes' times; the same seed gives the same log");
+    command
+        ->add_option("--fault", arguments->faults, "KIND:FRAME[:MORE], see below; may be repeated")
+        ->expected(1)
+        ->take_all();
+    command->add_option("--config", arguments->configuration,
+                        "A TOML file for the configuration store instead of the built-in sample");
+    command->add_option("--form", arguments->form,
+                        "The log's form, as logcat's -v has it: brief, process, tag, thread, raw,\n"
+                        "time, threadtime, long; with modifiers: threadtime,year,usec");
+    command->add_option("--session", arguments->session,
+                        "Writes the calls here, as a session that replay plays");
+    command->callback([arguments, &run] { run = [arguments] { return RunSimulate(*arguments); }; });
+}
+
+}  // namespace tools

@@ -1,0 +1,393 @@
+#include "tools/simulate/camera.h"
+
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <iterator>
+#include <limits>
+#include <set>
+#include <sstream>
+
+#include "tools/simulate/builtin_camera.h"
+
+namespace tools {
+namespace {
+
+constexpr int64_t MAX_MILLISECONDS = 60'000;
+
+struct FaultForm {
+    std::string_view name;
+    bool hasStage;
+    std::string_view amount;  // What it is called; empty where there is none.
+    std::string_view meaning;
+};
+
+// In the order of FaultKind.
+constexpr std::array<FaultForm, FAULT_KINDS> FAULT_FORMS = {{
+    {"drop", false, "", "the sensor drops it and says so"},
+    {"lost", true, "", "it never comes out of STAGE"},
+    {"unreported", true, "", "STAGE does its work, but does not report it"},
+    {"slow", true, "MILLISECONDS", "STAGE takes MILLISECONDS longer"},
+    {"stall", false, "MILLISECONDS",
+     "the sensor delivers it, and all that follow, MILLISECONDS late"},
+    {"swap", true, "", "it comes out of STAGE after the frame that follows it"},
+    {"second-port", true, "", "STAGE reports it on a second port as well"},
+    {"log-lost", false, "COUNT", "from its first report on, COUNT lines of the log are missing"},
+}};
+
+const FaultForm& FormOf(FaultKind kind) {
+    return FAULT_FORMS[static_cast<size_t>(kind)];
+}
+
+std::string UsageOf(const FaultForm& form) {
+    return std::string(form.name) + ":FRAME" + (form.hasStage ? ":STAGE" : "") +
+           (form.amount.empty() ? "" : ":") + std::string(form.amount);
+}
+
+// Reads a table of a camera file: every key once, each of its kind and in its range.
+class TableReader {
+  public:
+    TableReader(const toml::table& readTable, std::string_view fileName)
+        : table(readTable), name(fileName) {}
+
+    // Null when there is no such key.
+    const toml::node* Find(std::string_view key) {
+        known.insert(key);
+        return table.get(key);
+    }
+
+    void Read(std::string_view key, bool& value) {
+        if (const toml::node* node = Find(key)) {
+            Expect(node->is_boolean(), *node, key, "true or false");
+            value = node->as_boolean()->get();
+        }
+    }
+
+    template <typename Integer>
+    void Read(std::string_view key, Integer& value, int64_t lowest,
+              int64_t highest = std::numeric_limits<Integer>::max()) {
+        if (const toml::node* node = Find(key)) {
+            value = static_cast<Integer>(IntegerOf(*node, key, lowest, highest));
+        }
+    }
+
+    void ReadMilliseconds(std::string_view key, Micros& value, Micros highest) {
+        const toml::node* node = Require(key, "milliseconds");
+        const std::optional<double> number = node->value<double>();
+        const double limit = static_cast<double>(highest) / 1000;
+        Expect(node->is_number() && *number >= 0 && *number <= limit, *node, key,
+               "milliseconds from 0 to " + std::to_string(highest / 1000));
+        value = std::llround(*number * 1000);
+    }
+
+    const toml::node* Require(std::string_view key, std::string_view expected) {
+        const toml::node* node = Find(key);
+        Expect(node != nullptr, table, key, expected);
+        return node;
+    }
+
+    int64_t IntegerOf(const toml::node& node, std::string_view key, int64_t lowest,
+                      int64_t highest) const {
+        const auto number = node.value_exact<int64_t>();
+        Expect(number && *number >= lowest && *number <= highest, node, key,
+               "a whole number from " + std::to_string(lowest) + " to " + std::to_string(highest));
+        return *number;
+    }
+
+    void Expect(bool holds, const toml::node& node, std::string_view key,
+                std::string_view expected) const {
+        if (!holds) {
+            Fail(node.source().begin,
+                 std::string(key) + " must be given: " + std::string(expected));
+        }
+    }
+
+    [[noreturn]] void Fail(const toml::source_position& at, const std::string& message) const {
+        std::ostringstream text;
+        text << name << ':' << at.line << ':' << at.column << ": error: " << message;
+        throw CameraError(text.str());
+    }
+
+    // To be called when all is read.
+    void ExpectNoMore() const {
+        for (const auto& [key, value] : table) {
+            if (known.count(key.str()) == 0) {
+                Fail(key.source().begin, Quoted(key.str()) + " is not a key here");
+            }
+        }
+    }
+
+  private:
+    const toml::table& table;
+    std::string_view name;
+    std::set<std::string_view> known;
+};
+
+CameraNode ReadNode(const toml::table& table, std::string_view fileName) {
+    TableReader reader(table, fileName);
+    CameraNode node;
+    const toml::node* name = reader.Require("name", "the node's name");
+    reader.Expect(name->is_string(), *name, "name", "the node's name");
+    node.name = name->as_string()->get();
+    const toml::node* ports = reader.Require("ports", "a list of ports");
+    reader.Expect(ports->is_array() && !ports->as_array()->empty(), *ports, "ports",
+                  "a list of ports");
+    for (const toml::node& port : *ports->as_array()) {
+        node.ports.push_back(static_cast<int32_t>(
+            reader.IntegerOf(port, "ports", std::numeric_limits<int32_t>::min(),
+                             std::numeric_limits<int32_t>::max())));
+    }
+    reader.Read("branch", node.isBranch);
+    reader.ReadMilliseconds("median", node.median, MAX_MILLISECONDS * 1000);
+    reader.ReadMilliseconds("spread", node.spread, node.median);
+    reader.ExpectNoMore();
+    return node;
+}
+
+}  // namespace
+
+Fault ParseFault(std::string_view text) {
+    const auto fail = [text](const std::string& expected) {
+        throw CameraError(Quoted(text) + " is not a fault, expected " + expected);
+    };
+    const std::string_view name = text.substr(0, text.find(':'));
+    const auto* const form = std::find_if(FAULT_FORMS.begin(), FAULT_FORMS.end(),
+                                          [name](const auto& it) { return it.name == name; });
+    if (form == FAULT_FORMS.end()) {
+        std::string names;
+        for (const FaultForm& known : FAULT_FORMS) {
+            names += (names.empty() ? "" : ", ") + UsageOf(known);
+        }
+        fail(names);
+    }
+    std::string_view rest = text.substr(name.size());
+    const auto readNumber = [&](int64_t lowest, int64_t highest) {
+        int64_t number = 0;
+        const auto [stop, error] = std::from_chars(rest.data() + std::min<size_t>(1, rest.size()),
+                                                   rest.data() + rest.size(), number);
+        if (error != std::errc() || number < lowest || number > highest) {
+            fail(UsageOf(*form) + " with numbers from " + std::to_string(lowest) + " to " +
+                 std::to_string(highest));
+        }
+        rest.remove_prefix(static_cast<size_t>(stop - rest.data()));
+        return number;
+    };
+    Fault fault;
+    fault.kind = static_cast<FaultKind>(form - FAULT_FORMS.begin());
+    fault.frame = readNumber(1, MAX_FRAMES);
+    if (form->hasStage) {
+        fault.stage = static_cast<int32_t>(readNumber(0, 1000));
+    }
+    if (!form->amount.empty()) {
+        fault.amount = readNumber(1, MAX_MILLISECONDS);
+    }
+    if (!rest.empty() || ToString(fault) != text) {
+        fail(UsageOf(*form));
+    }
+    return fault;
+}
+
+std::string ToString(const Fault& fault) {
+    const FaultForm& form = FormOf(fault.kind);
+    std::string text = std::string(form.name) + ":" + std::to_string(fault.frame);
+    text += form.hasStage ? ":" + std::to_string(fault.stage) : "";
+    text += form.amount.empty() ? "" : ":" + std::to_string(fault.amount);
+    return text;
+}
+
+std::string Describe(const Fault& fault, const Camera& camera) {
+    const FaultForm& form = FormOf(fault.kind);
+    std::string text(form.meaning);
+    const auto fillIn = [&text](std::string_view word, const std::string& value) {
+        const size_t at = word.empty() ? text.npos : text.find(word);
+        if (at != text.npos) {
+            text.replace(at, word.size(), value);
+        }
+    };
+    if (form.hasStage) {
+        fillIn("STAGE", camera.Stages().at(static_cast<size_t>(fault.stage)).name + " (stage " +
+                            std::to_string(fault.stage) + ")");
+    }
+    const std::string unit = form.amount == "MILLISECONDS" ? " ms" : "";
+    fillIn(form.amount, std::to_string(fault.amount) + unit);
+    return text;
+}
+
+std::string DescribeFaults() {
+    std::string text;
+    for (const FaultForm& form : FAULT_FORMS) {
+        const std::string usage = UsageOf(form);
+        text +=
+            "  " + usage + std::string(32 - usage.size(), ' ') + std::string(form.meaning) + "\n";
+    }
+    return text;
+}
+
+std::vector<CameraNode> Camera::Stages() const {
+    std::vector<CameraNode> stages;
+    std::copy_if(nodes.begin(), nodes.end(), std::back_inserter(stages),
+                 [](const CameraNode& node) { return !node.isBranch; });
+    return stages;
+}
+
+Camera ParseCamera(std::string_view toml, std::string_view name) {
+    toml::table table;
+    try {
+        table = toml::parse(toml, name);
+    } catch (const toml::parse_error& error) {
+        TableReader(table, name).Fail(error.source().begin, std::string(error.description()));
+    }
+    TableReader reader(table, name);
+    Camera camera;
+    reader.Read("width", camera.width, 1);
+    reader.Read("fps", camera.fps, 1, 1000);
+    reader.Read("frames", camera.frames, 1, MAX_FRAMES);
+    reader.Read("seed", camera.seed, 0, std::numeric_limits<int64_t>::max());
+    reader.Read("buffers", camera.buffers, 1, 1000);
+    reader.Read("camera", camera.id, std::numeric_limits<int32_t>::min());
+    reader.Read("master", camera.isMaster);
+    if (const toml::node* mode = reader.Find("mode")) {
+        // As the configuration has it: 0xFFFF8001 and -32767 are the same.
+        camera.mode = static_cast<int32_t>(reader.IntegerOf(*mode, "mode",
+                                                            std::numeric_limits<int32_t>::min(),
+                                                            std::numeric_limits<uint32_t>::max()));
+    }
+    if (const toml::node* faults = reader.Find("faults")) {
+        reader.Expect(faults->is_array(), *faults, "faults", "a list of faults");
+        for (const toml::node& fault : *faults->as_array()) {
+            try {
+                camera.faults.push_back(ParseFault(fault.value_or(std::string_view())));
+            } catch (const CameraError& error) {
+                reader.Fail(fault.source().begin, error.what());
+            }
+        }
+    }
+    const std::string_view expected = "the nodes, a table [[node]] each, the first one no branch";
+    const toml::node* nodes = reader.Require("node", expected);
+    reader.Expect(nodes->is_array_of_tables(), *nodes, "node", expected);
+    for (const toml::node& node : *nodes->as_array()) {
+        camera.nodes.push_back(ReadNode(*node.as_table(), name));
+    }
+    reader.Expect(!camera.nodes.front().isBranch, *nodes, "node", expected);
+    reader.ExpectNoMore();
+    return camera;
+}
+
+Camera BuiltinCamera() {
+    return ParseCamera(BUILTIN_CAMERA, "built-in camera");
+}
+
+void CheckFaults(const Camera& camera) {
+    const std::vector<CameraNode> stages = camera.Stages();
+    for (const Fault& fault : camera.faults) {
+        const auto fail = [&fault](const std::string& reason) {
+            throw CameraError("fault \"" + ToString(fault) + "\" cannot happen: " + reason);
+        };
+        // A frame that is swapped takes one that follows it.
+        const int64_t last = camera.frames - (fault.kind == FaultKind::Swap ? 2 : 1);
+        if (fault.frame > last) {
+            fail("expected a frame up to " + std::to_string(last));
+        }
+        if (!FormOf(fault.kind).hasStage) {
+            continue;
+        }
+        if (static_cast<size_t>(fault.stage) >= stages.size()) {
+            fail("expected a stage from 0 to " + std::to_string(stages.size() - 1));
+        }
+        const CameraNode& node = stages[static_cast<size_t>(fault.stage)];
+        if (fault.kind == FaultKind::SecondPort && node.ports.size() < 2) {
+            fail("the camera's node " + node.name + " has one port alone");
+        }
+    }
+}
+
+uint64_t Hash(uint64_t seed, uint64_t place, uint64_t number) {
+    // The mixing steps of SplitMix64, once for each.
+    uint64_t hash = 0;
+    for (const uint64_t part : {seed, place, number}) {
+        hash = (hash ^ part) + 0x9E3779B97F4A7C15;
+        hash = (hash ^ (hash >> 30)) * 0xBF58476D1CE4E5B9;
+        hash = (hash ^ (hash >> 27)) * 0x94D049BB133111EB;
+        hash ^= hash >> 31;
+    }
+    return hash;
+}
+
+Camera RandomCamera(uint64_t seed) {
+    constexpr std::array<const char*, 10> stageNames = {
+        "SensorFrontEnd", "BayerProcessor", "MCTFE0_cam", "NoiseFilter",     "Demosaic",
+        "ToneMapper",     "LensWarp",       "Sharpener",  "VideoStabilizer", "EncoderFeed"};
+    constexpr std::array<const char*, 3> branchNames = {"FocusStatistics", "PreviewScaler",
+                                                        "FaceFinder"};
+    // Innocent frames stay well within 1.5 periods of each other: the nodes' times vary by at most
+    // 1.5 * MAX_SPREADS together, and none ever lets the next frame wait.
+    constexpr Micros maxSpreads = 4000;
+    constexpr int64_t gap = 60;  // Frames between faults.
+
+    uint64_t drawn = 0;
+    const auto draw = [&](int64_t lowest, int64_t highest) {
+        const auto range = static_cast<uint64_t>(highest - lowest + 1);
+        return lowest + static_cast<int64_t>(Hash(seed, 0, drawn++) % range);
+    };
+    Camera camera;
+    camera.seed = seed;
+    camera.id = static_cast<int32_t>(draw(0, 3));
+    camera.width = draw(0, 2) == 0 ? 4096 : 3840;
+    const int64_t stages = draw(2, 7);
+    auto firstName = static_cast<size_t>(draw(0, stageNames.size() - 1));
+    size_t branches = 0;
+    for (int64_t stage = 0; stage < stages; ++stage) {
+        CameraNode node;
+        node.name = stageNames[firstName++ % stageNames.size()] + std::to_string(camera.id);
+        const int64_t ports = draw(1, 3);
+        const auto port = static_cast<int32_t>(draw(0, 20));
+        for (int32_t i = 0; i < ports; ++i) {
+            node.ports.push_back(port + i);
+        }
+        node.median = draw(2000, 9000);
+        node.spread = draw(100, maxSpreads / stages);
+        camera.nodes.push_back(node);
+        if (branches < branchNames.size() && draw(0, 3) == 0) {
+            camera.nodes.push_back(
+                {branchNames[branches++], {0}, true, draw(1000, 6000), draw(0, 1000)});
+        }
+    }
+    camera.frames = draw(1, 4) * gap + gap / 2;
+    const std::vector<CameraNode> nodes = camera.Stages();
+    for (int64_t frame = gap / 2; frame < camera.frames - gap / 2; frame += gap) {
+        Fault fault;
+        fault.kind = static_cast<FaultKind>(draw(0, FAULT_KINDS - 1));
+        fault.frame = frame + draw(0, gap / 4);
+        const auto stage = static_cast<int32_t>(draw(0, stages - 1));
+        if (fault.kind == FaultKind::SecondPort &&
+            nodes[static_cast<size_t>(stage)].ports.size() < 2) {
+            fault.kind = FaultKind::Unreported;
+        }
+        const FaultForm& form = FormOf(fault.kind);
+        fault.stage = form.hasStage ? stage : -1;
+        // Milliseconds that make a frame late for sure; lines of more than a frame.
+        fault.amount = form.amount.empty() ? 0 : draw(30, 60);
+        camera.faults.push_back(fault);
+    }
+    return camera;
+}
+
+Configuration ConfigurationOf(const Camera& camera) {
+    Configuration configuration;
+    configuration.isEnabled = true;
+    configuration.additionalWidth = camera.width;
+    configuration.modes = {camera.mode.value_or(0x8001)};
+    for (const CameraNode& node : camera.Stages()) {
+        std::vector<int32_t> ports = node.ports;
+        std::sort(ports.begin(), ports.end());
+        configuration.stages.push_back(
+            {static_cast<int32_t>(configuration.stages.size()), node.name, std::move(ports)});
+    }
+    configuration.stageCount = static_cast<int32_t>(configuration.stages.size());
+    return configuration;
+}
+
+}  // namespace tools

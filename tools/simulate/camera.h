@@ -1,0 +1,104 @@
+// A virtual camera: its pipeline, and what goes wrong in it.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/account/step.h"
+#include "tools/check/check.h"
+
+namespace tools {
+
+// What is wrong with a camera or a fault, and what was expected instead.
+class CameraError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// A node of the pipeline. It works on one frame at a time, on a thread of its own.
+struct CameraNode {
+    std::string name;
+    std::vector<int32_t> ports;  // It reports on the first; on the second by FaultKind::SecondPort.
+    bool isBranch = false;       // Takes frames from the last one before it that is no branch, and
+                                 // hands them on to nobody.
+    // Half of the frames take longer than `median`; all take from median - spread / 2 to
+    // median + spread.
+    Micros median = 0;
+    Micros spread = 0;
+};
+
+// A fault happens once, to a frame. Stages are the nodes that are no branches, from 0.
+enum class FaultKind : uint8_t {
+    Drop,        // The sensor drops the frame, and the HAL reports that.
+    Lost,        // It never comes out of the stage.
+    Unreported,  // It does, but the node end is not reported.
+    Slow,        // The stage takes `amount` milliseconds longer.
+    Stall,       // The sensor delivers it, and all that follow, `amount` milliseconds later.
+    Swap,        // It comes out of the stage after the frame that follows it.
+    SecondPort,  // The node reports the frame on its second port as well.
+    LogLost,     // `amount` lines are missing from the capture, from its first node end on.
+};
+inline constexpr size_t FAULT_KINDS = 8;
+
+struct Camera;
+
+struct Fault {
+    FaultKind kind = FaultKind::Drop;
+    int64_t frame = 0;
+    int32_t stage = -1;  // -1 where the kind has none.
+    int64_t amount = 0;  // 0 where the kind has none.
+
+    bool operator==(const Fault&) const = default;
+};
+
+// "slow:200:2:40", the kind's name, the frame, the stage and the amount as far as the kind has
+// them, and the way back. Throws a CameraError for what is not a fault.
+Fault ParseFault(std::string_view text);
+std::string ToString(const Fault& fault);
+// What happens in words, such as "ToneMapper0 (stage 2) takes 40 ms longer". The camera has it.
+std::string Describe(const Fault& fault, const Camera& camera);
+// "drop:FRAME" and so on with what it means, for people, a line a kind.
+std::string DescribeFaults();
+
+inline constexpr int64_t MAX_FRAMES = 10'000'000;  // Two days of video; more is a slip.
+
+struct Camera {
+    int32_t width = 3840;
+    int32_t fps = 60;
+    int64_t frames = 600;  // Numbered from 0.
+    uint64_t seed = 1;
+    int64_t buffers = 12;  // The sensor drops what comes while so many are in the pipeline.
+    int32_t id = 0;
+    bool isMaster = true;
+    std::optional<int32_t> mode;  // Else 0x8001, the sample configuration's first.
+    std::vector<CameraNode> nodes;
+    std::vector<Fault> faults;
+
+    // The nodes that are no branches, in order.
+    std::vector<CameraNode> Stages() const;
+};
+
+// Reads a camera from TOML text that messages call `name`. Throws a CameraError that begins with
+// "name:line:column: error: ".
+Camera ParseCamera(std::string_view toml, std::string_view name);
+// The one that fits the sample configuration.
+Camera BuiltinCamera();
+
+// Throws a CameraError when a fault is about a frame, stage or port that the camera does not have.
+void CheckFaults(const Camera& camera);
+
+// A camera as good as any, with some faults: far enough apart that each shows by itself. Without
+// them no frame is late or in error. The same seed gives the same camera.
+Camera RandomCamera(uint64_t seed);
+// The configuration under which the camera's scene is boosted.
+Configuration ConfigurationOf(const Camera& camera);
+
+// A number as good as random, the same for the same seed, place and number on all machines.
+uint64_t Hash(uint64_t seed, uint64_t place, uint64_t number);
+
+}  // namespace tools

@@ -1,0 +1,42 @@
+// Runs a virtual camera in virtual time against the real library, and writes the log that a device
+// would have given.
+
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <ostream>
+
+#include "tools/capture/record.h"
+#include "tools/simulate/camera.h"
+
+namespace tools {
+
+struct SimulateOptions {
+    Format format;                    // Of the capture.
+    std::ostream* session = nullptr;  // Where the calls are written as a session; null: nowhere.
+    // Is told how many frames of how many the sensor has delivered, with each. False ends the
+    // recording there, as if it had been that long.
+    std::function<bool(int64_t done, int64_t all)> onProgress = [](int64_t, int64_t) {
+        return true;
+    };
+};
+
+// What came of a simulation.
+struct Simulated {
+    int64_t frames = 0;     // Delivered by the sensor, or dropped.
+    int64_t completed = 0;  // That came out of the last stage.
+    int64_t overruns = 0;   // Dropped by the sensor since all buffers were taken.
+    int64_t lines = 0;      // Written to the capture.
+    int64_t linesLost = 0;  // Not written to it.
+};
+
+// Writes the capture of a recording of `camera` to `capture`: loading the library, a scene, and its
+// end. The library gets its configuration from the store as that is set up, and the process's
+// platform and library are used up: nobody else may use them meanwhile. Takes memory that does not
+// depend on the number of frames. Throws a CameraError for faults that the camera cannot have, and
+// whatever writing throws.
+Simulated Simulate(const Camera& camera, std::ostream& capture,
+                   const SimulateOptions& options = {});
+
+}  // namespace tools
