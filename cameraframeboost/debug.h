@@ -4,8 +4,17 @@
 
 #pragma once
 
+// Without them noexcept does nothing: a failed allocation would pass through the library with a
+// lock held, into whoever catches it.
+#ifndef __cpp_exceptions
+#error "the library has to be built with exceptions"
+#endif
+
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <unordered_set>
+#include <vector>
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
 #include "platform/log.h"
@@ -22,8 +31,8 @@
         }                                                                                        \
     } while (false)
 
-// The origin of a line. Many lines are known by a fixed number, wherever their statement stands;
-// the others say __LINE__.
+// The origin of a line. Captures of devices are searched by the numbers of lines, so most lines
+// have a fixed one, wherever their statement stands; the others say __LINE__.
 #define AT(line) AT_IN(__func__, line)
 // The same for a statement that stands in a helper of the operation that it speaks for.
 #define AT_IN(operation, line) (line), (operation)
@@ -43,14 +52,17 @@ inline void PulseCounter(const char* counter, int32_t frameNumber) {
     }
 }
 
-// The same on a counter of the stage's own, named `counter` followed by the stage's number. The
-// name is made out of line: it would keep the compiler from testing the switch right at the event.
-[[gnu::noinline]] inline void PulseCounterOf(const char* counter, int32_t stage,
-                                             int32_t frameNumber) {
-    PulseCounter((counter + std::to_string(stage)).c_str(), frameNumber);
-}
+// The same on a counter of the stage's own, named `counter` followed by the stage's number.
 inline void PulseStageCounter(const char* counter, int32_t stage, int32_t frameNumber) {
     if (LocalConfig::enable) {
-        PulseCounterOf(counter, stage, frameNumber);
+        PulseCounter((counter + std::to_string(stage)).c_str(), frameNumber);
     }
+}
+
+// The values of a set as a list to show or to hand over. A set's own order differs between standard
+// libraries.
+inline std::vector<int32_t> Ascending(const std::unordered_set<int32_t>& values) noexcept {
+    std::vector<int32_t> sorted(values.begin(), values.end());
+    std::sort(sorted.begin(), sorted.end());
+    return sorted;
 }

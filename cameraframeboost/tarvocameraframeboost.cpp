@@ -1,14 +1,11 @@
 #include "cameraframeboost/tarvocameraframeboost.h"
 
-#include <algorithm>
+#include <string_view>
 
 #include "cameraframeboost/debug.h"
-#include "cameraframeboost/node_name.h"
 #include "platform/boost_service.h"
 
 namespace {
-
-using NodeName = LocalConfig::NodeName;
 
 constexpr char LOG_TAG[] = "cameraframeboost";
 
@@ -29,9 +26,7 @@ constexpr int32_t NODE_STAGE_ARG2 = 20;
 
 // The multi-camera node, and the name that it has for one camera less the camera's id.
 constexpr std::string_view MULTI_CAMERA_NODE = "MCTFE0";
-constexpr auto MULTI_CAMERA_NODE_PAIRS = NodeName::PairsOfPart(MULTI_CAMERA_NODE);
 constexpr char MULTI_CAMERA_NODE_PREFIX[] = "MCTFE0_cam";
-constexpr NodeName MULTI_CAMERA_NODE_STEM(MULTI_CAMERA_NODE_PREFIX);
 
 // The service and the trace know frames by the low 32 bits of their numbers.
 int32_t Low32(int64_t frameNumber) {
@@ -43,6 +38,16 @@ bool IsThreadManager(const std::string& name) {
            name == "RecyclThreadManager";
 }
 
+// Under a lock. noexcept, so that what fails ends the process in here: further out the lock would
+// be released before.
+void Append(std::vector<int32_t>& tids, int32_t tid) noexcept {
+    tids.push_back(tid);
+}
+template <typename Tids>
+void Insert(std::unordered_set<int32_t>& all, const Tids& tids) noexcept {
+    all.insert(tids.begin(), tids.end());
+}
+
 }  // namespace
 
 // In this order: unloading destroys them in reverse.
@@ -50,11 +55,12 @@ LocalConfig TarvoCameraFrameBoost::localConfig;
 std::vector<int32_t> TarvoCameraFrameBoost::persistTids;
 std::vector<int32_t> TarvoCameraFrameBoost::tempTids;
 
-void TarvoCameraFrameBoost::TcfbtSetVersion(int32_t halVersion) {
+void TarvoCameraFrameBoost::TcfbtSetVersion(int32_t halVersion) noexcept {
     version = halVersion;
 }
 
-void TarvoCameraFrameBoost::TcfbtSetSceneInfo(bool isVideo, int32_t resolution, int32_t fps) {
+void TarvoCameraFrameBoost::TcfbtSetSceneInfo(bool isVideo, int32_t resolution,
+                                              int32_t fps) noexcept {
     if (!isVideo) {
         DEBUG_LOG("isVideo =%d, resolution = %d, fps = %d, mFps = %d, cfbtScene = %d", AT(28),
                   isVideo, resolution, fps, mFps, cfbtScene);
@@ -75,7 +81,7 @@ void TarvoCameraFrameBoost::TcfbtSetSceneInfo(bool isVideo, int32_t resolution, 
     }
 }
 
-int32_t TarvoCameraFrameBoost::GetTcfbtFpsScene(int32_t fps) {
+int32_t TarvoCameraFrameBoost::GetTcfbtFpsScene(int32_t fps) noexcept {
     switch (fps) {
         case 30:
             return 0;
@@ -90,7 +96,7 @@ int32_t TarvoCameraFrameBoost::GetTcfbtFpsScene(int32_t fps) {
     }
 }
 
-int32_t TarvoCameraFrameBoost::TcfbtNotifySceneStart(int32_t operationMode) {
+int32_t TarvoCameraFrameBoost::TcfbtNotifySceneStart(int32_t operationMode) noexcept {
     if (cfbtScene == SCENE_NONE || mFps == NO_FPS) {
         return -1;
     }
@@ -108,7 +114,7 @@ int32_t TarvoCameraFrameBoost::TcfbtNotifySceneStart(int32_t operationMode) {
     return status;
 }
 
-int32_t TarvoCameraFrameBoost::TcfbtNotifySceneEnd() {
+int32_t TarvoCameraFrameBoost::TcfbtNotifySceneEnd() noexcept {
     if (cfbtScene == SCENE_NONE || mFps == NO_FPS || !isSceneStarted) {
         return -1;
     }
@@ -117,10 +123,9 @@ int32_t TarvoCameraFrameBoost::TcfbtNotifySceneEnd() {
     std::vector<int32_t> tids;
     {
         const std::lock_guard<std::mutex> lock(sceneTidsMutex);
-        tids.assign(sceneTids.begin(), sceneTids.end());
+        tids = Ascending(sceneTids);
         sceneTids.clear();
     }
-    std::sort(tids.begin(), tids.end());
     TcfbtRemoveTids(tids);
     {
         const std::lock_guard<std::mutex> lock(tempTidsMutex);
@@ -134,7 +139,7 @@ int32_t TarvoCameraFrameBoost::TcfbtNotifySceneEnd() {
     return status;
 }
 
-int32_t TarvoCameraFrameBoost::TcfbtNotifyFrameStart(int64_t halFrameNumber) {
+int32_t TarvoCameraFrameBoost::TcfbtNotifyFrameStart(int64_t halFrameNumber) noexcept {
     if (!isSceneStarted) {
         return -1;
     }
@@ -152,14 +157,14 @@ int32_t TarvoCameraFrameBoost::TcfbtNotifyFrameStart(int64_t halFrameNumber) {
     return result;
 }
 
-int32_t TarvoCameraFrameBoost::TcfbtNotifyErrorFrame(int64_t frameNumber, int32_t stage) {
+int32_t TarvoCameraFrameBoost::TcfbtNotifyErrorFrame(int64_t frameNumber, int32_t stage) noexcept {
     if (!isSceneStarted) {
         return -1;
     }
     return cfbtNotifyErrOfUser(cfbtScene, Low32(frameNumber), stage, NO_STAGE);
 }
 
-int32_t TarvoCameraFrameBoost::TcfbtNotifyFrameEnd(int64_t halFrameNumber) {
+int32_t TarvoCameraFrameBoost::TcfbtNotifyFrameEnd(int64_t halFrameNumber) noexcept {
     if (!isSceneStarted) {
         return -1;
     }
@@ -172,9 +177,9 @@ int32_t TarvoCameraFrameBoost::TcfbtNotifyFrameEnd(int64_t halFrameNumber) {
     return cfbtFrameEnd(Low32(halFrameNumber)) != 0 ? 1 : 0;
 }
 
-inline int32_t TarvoCameraFrameBoost::NotifyStageStart(int32_t stage, int64_t halFrameNumber,
-                                                       int32_t stageArg1, int32_t stageArg2,
-                                                       const std::string& nodeName) {
+int32_t TarvoCameraFrameBoost::NotifyStageStart(int32_t stage, int64_t halFrameNumber,
+                                                int32_t stageArg1, int32_t stageArg2,
+                                                const std::string& nodeName) {
     if (!isSceneStarted) {
         return -1;
     }
@@ -193,15 +198,16 @@ inline int32_t TarvoCameraFrameBoost::NotifyStageStart(int32_t stage, int64_t ha
     return result;
 }
 
-inline int32_t TarvoCameraFrameBoost::NotifyStageEnd(int32_t stage, int64_t halFrameNumber,
-                                                     const std::string& nodeName) {
+int32_t TarvoCameraFrameBoost::NotifyStageEnd(int32_t stage, int64_t halFrameNumber,
+                                              const std::string& nodeName) {
     if (!isSceneStarted) {
         return -1;
     }
     bool isError = false;
     int32_t result = 0;
     if (frameTracker.CheckStatus(halFrameNumber, stage, true, isError)) {
-        // Counter before line here, line before counter at a stage's start: both deliberately.
+        // Counter before line here, line before counter at a stage's start: captures hold both
+        // orders.
         PulseStageCounter("TcfbtNotifyStageEnd", stage, Low32(halFrameNumber));
         DEBUG_LOG("halFrameNumber = %ld, stage = %d, nodeName = %s",
                   AT_IN("TcfbtNotifyStageEnd", __LINE__), halFrameNumber, stage, nodeName.c_str());
@@ -215,25 +221,24 @@ inline int32_t TarvoCameraFrameBoost::NotifyStageEnd(int32_t stage, int64_t halF
 
 int32_t TarvoCameraFrameBoost::TcfbtNotifyStageStart(int32_t stage, int64_t halFrameNumber,
                                                      int32_t stageArg1, int32_t stageArg2,
-                                                     std::string nodeName) {
+                                                     std::string nodeName) noexcept {
     return NotifyStageStart(stage, halFrameNumber, stageArg1, stageArg2, nodeName);
 }
 
 int32_t TarvoCameraFrameBoost::TcfbtNotifyStageEnd(int32_t stage, int64_t halFrameNumber,
-                                                   std::string nodeName) {
+                                                   std::string nodeName) noexcept {
     return NotifyStageEnd(stage, halFrameNumber, nodeName);
 }
 
 void TarvoCameraFrameBoost::TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::string nodeName,
                                                int32_t portId, int32_t currentCameraId,
-                                               bool isMaterCamera) {
+                                               bool isMaterCamera) noexcept {
     if (!isSceneStarted) {
         return;
     }
-    const NodeName node(nodeName);
-    RemapStage(isMaterCamera, currentCameraId, node);
+    RemapStage(isMaterCamera, currentCameraId, nodeName);
     int32_t stage = -1;
-    const bool isStagePort = localConfig.FindStageAndPort(node, portId, stage);
+    const bool isStagePort = localConfig.FindStageAndPort(nodeName, portId, stage);
     DEBUG_LOG(
         "halFrameNumber = %ld, nodeName = %s, stage = %d, maxStageCnt = %d, portId = %d, "
         "currentCameraId = %d, isMaterCamera = %d",
@@ -268,7 +273,7 @@ void TarvoCameraFrameBoost::TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::stri
 }
 
 // A stage start that follows from a node end. Its first argument is one frame's duration at mFps in
-// whole seconds, deliberately: that is 0 at every real frame rate.
+// whole seconds: 0 at every real frame rate, which is what the service has always been told.
 void TarvoCameraFrameBoost::StartStageOfNode(int32_t stage, int64_t halFrameNumber,
                                              const std::string& nodeName) {
     const int32_t fps = mFps;
@@ -276,17 +281,13 @@ void TarvoCameraFrameBoost::StartStageOfNode(int32_t stage, int64_t halFrameNumb
 }
 
 void TarvoCameraFrameBoost::TcfbtRemapStage(bool isMaterCamera, int32_t currentCameraId,
-                                            std::string nodeName) {
-    RemapStage(isMaterCamera, currentCameraId, NodeName(nodeName));
+                                            std::string nodeName) noexcept {
+    RemapStage(isMaterCamera, currentCameraId, nodeName);
 }
 
 void TarvoCameraFrameBoost::RemapStage(bool isMaterCamera, int32_t currentCameraId,
-                                       const NodeName& nodeName) {
-    if (!nodeName.Contains(MULTI_CAMERA_NODE, MULTI_CAMERA_NODE_PAIRS) || !isMaterCamera) {
-        return;
-    }
-    // What occurs in the part that all cameras share occurs in the whole name.
-    if (localConfig.HasMatch(MULTI_CAMERA_NODE_STEM)) {
+                                       const std::string& nodeName) {
+    if (!isMaterCamera || std::string_view(nodeName).find(MULTI_CAMERA_NODE) == std::string::npos) {
         return;
     }
     const std::string cameraNode = MULTI_CAMERA_NODE_PREFIX + std::to_string(currentCameraId);
@@ -294,49 +295,46 @@ void TarvoCameraFrameBoost::RemapStage(bool isMaterCamera, int32_t currentCamera
         return;
     }
     // No stage answers to the new name here, so this asks for stage -1, which no loaded table has.
-    // Deliberately kept so.
     localConfig.UpdateNodeByStage(localConfig.GetStageByNodeName(cameraNode), cameraNode);
 }
 
-void TarvoCameraFrameBoost::TcfbtAddPersistTids(std::string name, int32_t tid) {
+void TarvoCameraFrameBoost::TcfbtAddPersistTids(std::string name, int32_t tid) noexcept {
     if (!IsThreadManager(name)) {
         return;
     }
     DEBUG_LOG("name = %s, tid = %d ", AT(244), name.c_str(), tid);
     const std::lock_guard<std::mutex> lock(persistTidsMutex);
-    persistTids.push_back(tid);
+    Append(persistTids, tid);
 }
 
-void TarvoCameraFrameBoost::TcfbtAddTempTids(int32_t tid) {
+void TarvoCameraFrameBoost::TcfbtAddTempTids(int32_t tid) noexcept {
     const std::lock_guard<std::mutex> lock(tempTidsMutex);
-    tempTids.push_back(tid);
+    Append(tempTids, tid);
 }
 
-int32_t TarvoCameraFrameBoost::TcfbtSetTids() {
+int32_t TarvoCameraFrameBoost::TcfbtSetTids() noexcept {
     std::unordered_set<int32_t> tids;
     std::vector<int32_t> list;
     {
         const std::lock_guard<std::mutex> lock(persistTidsMutex);
-        tids.insert(persistTids.begin(), persistTids.end());
+        Insert(tids, persistTids);
     }
     {
         const std::lock_guard<std::mutex> lock(tempTidsMutex);
-        tids.insert(tempTids.begin(), tempTids.end());
+        Insert(tids, tempTids);
     }
     {
         const std::lock_guard<std::mutex> lock(sceneTidsMutex);
-        sceneTids.insert(tids.begin(), tids.end());
-        list.assign(sceneTids.begin(), sceneTids.end());
+        Insert(sceneTids, tids);
+        list = Ascending(sceneTids);
     }
-    // A set's own order differs between standard libraries.
-    std::sort(list.begin(), list.end());
     for (const int32_t tid : list) {
         DEBUG_LOG("tid = %d ", AT(281), tid);
     }
     return cfbtAddTids(cfbtScene, list);
 }
 
-int32_t TarvoCameraFrameBoost::TcfbtRemoveTids(const std::vector<int32_t>& tids) {
+int32_t TarvoCameraFrameBoost::TcfbtRemoveTids(const std::vector<int32_t>& tids) noexcept {
     if (!isSceneStarted) {
         return -1;
     }
@@ -346,7 +344,7 @@ int32_t TarvoCameraFrameBoost::TcfbtRemoveTids(const std::vector<int32_t>& tids)
     return cfbtRemoveTids(cfbtScene, tids);
 }
 
-void TarvoCameraFrameBoost::DumpInfo() {
+void TarvoCameraFrameBoost::DumpInfo() noexcept {
     DEBUG_LOG("DumpInfo PersistTids size = %d", AT(379), static_cast<int32_t>(persistTids.size()));
 }
 

@@ -28,14 +28,24 @@
 // frames per second, in an operation mode that the configuration lists, with boosting switched on,
 // and the boost service accepts it. Everything else is refused, and then costs next to nothing.
 //
-// Results. Operations of a running scene return -1, with nothing done, when none runs. Frame and
-// stage operations otherwise return 0 when the event was forwarded and the service took it, or when
-// it was out of order and not forwarded; 1 when the service answered anything but 0. Scene, thread
-// id and error operations return the service's own status, whatever its value.
+// What the service is told follows from that: there is one kind of scene, so its scene is always 0
+// and its class of frame rate 1. Stage starts that follow from a node end carry the arguments 0 and
+// 20. In an error report the last argument, the error stage, is always -1: the service learns which
+// event was wrong, not which stage it was wrong with.
 //
 // Errors. A frame that breaks the order is reported to the service by this library: a frame start
 // may report an older frame that never ended, a stage event its own frame. The HAL reports only
-// what it knows besides, with TcfbtNotifyErrorFrame.
+// what it knows besides, with TcfbtNotifyErrorFrame. A frame that is lost on its way keeps its
+// place in the table of frames in flight and is reported late, when there are 16 of them: a HAL
+// that knows of a loss reports the frame and ends it, then starts the next frame and its stage 0,
+// or the two frames after the lost one are not boosted either.
+//
+// No operation throws: what cannot go on, such as an operation that runs out of memory, ends the
+// process there and then.
+//
+// The debug log shows what was forwarded and why events were refused. Not in it: error frames that
+// the HAL reports, the statuses of the service, operation mode, version and additional width, and
+// the events of a frame that is in error already. A capture alone cannot tell about those.
 //
 // Threads. Frame, stage, node and thread id operations may be called from any number of threads at
 // once. The scene operations (TcfbtSetVersion, TcfbtSetSceneInfo, TcfbtNotifySceneStart and
@@ -49,89 +59,116 @@
 class TarvoCameraFrameBoost {
   public:
     // Sets the interface version that is handed to the service with each scene start.
-    void TcfbtSetVersion(int32_t halVersion);
+    void TcfbtSetVersion(int32_t halVersion) noexcept;
 
     // Describes the scene to come. `resolution`: frame width in pixels; `fps`: frames per second.
     // May come again while a scene runs: a description that does not qualify ends the scene, one
     // that does leaves it running.
-    void TcfbtSetSceneInfo(bool isVideo, int32_t resolution, int32_t fps);
+    void TcfbtSetSceneInfo(bool isVideo, int32_t resolution, int32_t fps) noexcept;
 
-    // The service's class of a frame rate: 0 for 30, 1 for 60, 2 for 90, 3 for 144, 4 for any
-    // other.
-    int32_t GetTcfbtFpsScene(int32_t fps);
+    // Returns the service's class of a frame rate: 0 for 30, 1 for 60, 2 for 90, 3 for 144, 4 for
+    // any other.
+    int32_t GetTcfbtFpsScene(int32_t fps) noexcept;
 
     // Starts the described scene: hands the registered thread ids to the service, then asks it to
     // start the scene. `operationMode`: the camera's operation mode, as the configuration lists
-    // them. Returns -1 when the scene does not qualify, else the service's status, 0 for started.
-    // When the service does not accept the scene it keeps the thread ids, until the next scene that
-    // it accepts has ended.
-    int32_t TcfbtNotifySceneStart(int32_t operationMode);
+    // them. When the service does not accept the scene it keeps the thread ids, until the next
+    // scene that it accepts has ended.
+    //
+    // Returns -1 when the scene does not qualify, else the service's status, 0 for started.
+    int32_t TcfbtNotifySceneStart(int32_t operationMode) noexcept;
 
     // Ends the running scene: takes its thread ids back from the service, drops the temporary ones
-    // and all frames in flight. The next scene has to be described anew. Returns -1, with nothing
-    // done, when no scene runs, else the service's status.
-    int32_t TcfbtNotifySceneEnd();
+    // and all frames in flight. The next scene has to be described anew.
+    //
+    // Returns -1, with nothing done, when no scene runs, else the service's status; the scene has
+    // ended whatever that is.
+    int32_t TcfbtNotifySceneEnd() noexcept;
 
     // A frame begins. Frames must follow one another without a gap; one that does not is not
-    // forwarded, nor are its stages and its end. A frame that is in flight already is not forwarded
-    // again. When too many frames are in flight, the oldest one is dropped, and reported unless it
-    // has been or was never forwarded.
-    int32_t TcfbtNotifyFrameStart(int64_t halFrameNumber);
+    // forwarded, nor is anything of it. When 16 frames are in flight the oldest is given up, and
+    // reported if it was forwarded once.
+    //
+    // Returns -1, with nothing done, when no scene runs; 0 when the frame was forwarded and the
+    // service took it, or was not forwarded; 1 when the service answered anything but 0.
+    int32_t TcfbtNotifyFrameStart(int64_t halFrameNumber) noexcept;
 
     // Reports a frame as bad, on the HAL's own knowledge. `stage`: where it went wrong, -1 when
-    // that is not known. Changes nothing about what is known of the frame. Returns -1 when no scene
-    // runs, else the service's status.
-    int32_t TcfbtNotifyErrorFrame(int64_t frameNumber, int32_t stage);
+    // that is not known. Changes nothing about what is known of the frame: one that will not go on
+    // has to be ended too, as it keeps its place otherwise.
+    //
+    // Returns -1, with nothing done, when no scene runs, else the service's status.
+    int32_t TcfbtNotifyErrorFrame(int64_t frameNumber, int32_t stage) noexcept;
 
-    // A frame is done.
-    int32_t TcfbtNotifyFrameEnd(int64_t halFrameNumber);
+    // A frame is done. Forwarded unless the frame is not in flight, began out of sequence or was
+    // reported by this library.
+    //
+    // Returns as TcfbtNotifyFrameStart does.
+    int32_t TcfbtNotifyFrameEnd(int64_t halFrameNumber) noexcept;
 
     // A stage of a frame begins. Stages of a frame must run one after another; the first breach of
     // that is reported, and nothing more of the frame's stages is forwarded. A stage that does not
     // exist is reported each time and does no harm to its frame. `stageArg1` and `stageArg2` reach
     // the service as they are; `nodeName` is only logged.
+    //
+    // Returns as TcfbtNotifyFrameStart does; a report changes nothing about that.
     int32_t TcfbtNotifyStageStart(int32_t stage, int64_t halFrameNumber, int32_t stageArg1,
-                                  int32_t stageArg2, std::string nodeName);
+                                  int32_t stageArg2, std::string nodeName) noexcept;
 
-    // A stage of a frame is done. `nodeName` is only logged.
-    int32_t TcfbtNotifyStageEnd(int32_t stage, int64_t halFrameNumber, std::string nodeName);
+    // A stage of a frame is done; the rules are those of its start. `nodeName` is only logged.
+    //
+    // Returns as TcfbtNotifyStageStart does.
+    int32_t TcfbtNotifyStageEnd(int32_t stage, int64_t halFrameNumber,
+                                std::string nodeName) noexcept;
 
     // The processing node `nodeName` has finished a frame on its port `portId`: the way in which
     // most HALs report everything. Where the configuration says that this ends a stage, the end of
     // that stage and the start of the next one follow from it; for the last stage, the end of the
-    // frame; for stage 0, also the start of the next frame and of its stage 0. Nothing but the
-    // latter follows for a frame below 1, and with a single stage no frame's end ever does. Other
-    // nodes and ports are ignored. `currentCameraId`: the camera that the node worked for;
-    // `isMaterCamera`: whether that is the master camera of a multi-camera setup.
+    // frame; for stage 0, also the start of the next frame and of its stage 0. With a single stage
+    // no frame's end ever follows. Other nodes and ports are ignored. `currentCameraId`: the camera
+    // that the node worked for; `isMaterCamera`: whether that is the master camera of a
+    // multi-camera setup. Returns nothing, as do the operations that follow.
+    //
+    // Exactly one node end that counts must come per stage and frame. The ports of a stage are
+    // alternatives: a node that reports two of its listed ports for one frame ends its stage twice,
+    // the second of which breaks the frame. Then every frame is reported and none ever ends, though
+    // the scene has started well.
+    //
+    // A frame begins with the node end of the frame before it, so there is none to begin frame 0,
+    // and stages and ends of frames below 1 are not derived: frame 0 is never boosted, its node
+    // ends only begin frame 1.
     void TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::string nodeName, int32_t portId,
-                            int32_t currentCameraId, bool isMaterCamera);
+                            int32_t currentCameraId, bool isMaterCamera) noexcept;
 
     // Offers the multi-camera node, one whose name holds "MCTFE0", to the stage table under the
     // name that it has for the master camera. Only a stage -1 would take the name, and no table has
     // one, so this changes nothing. TcfbtNotifyNodeEnd does it by itself.
-    void TcfbtRemapStage(bool isMaterCamera, int32_t currentCameraId, std::string nodeName);
+    void TcfbtRemapStage(bool isMaterCamera, int32_t currentCameraId,
+                         std::string nodeName) noexcept;
 
     // Registers a thread for all scenes to come. `name` must be "SoloThreadManager",
     // "AuxThreadManager" or "RecyclThreadManager"; other names are ignored. The service learns of
     // the thread at the next scene start or TcfbtSetTids.
-    void TcfbtAddPersistTids(std::string name, int32_t tid);
+    void TcfbtAddPersistTids(std::string name, int32_t tid) noexcept;
 
     // Registers a thread until the running scene, or the next one, has ended, on whichever object.
     // The service learns of it as above.
-    void TcfbtAddTempTids(int32_t tid);
+    void TcfbtAddTempTids(int32_t tid) noexcept;
 
     // Hands all threads of the scene to the service, those that it already knows included, each
     // once, in ascending order. Works without a scene too: they then count for the next one.
+    //
     // Returns the service's status.
-    int32_t TcfbtSetTids();
+    int32_t TcfbtSetTids() noexcept;
 
-    // Takes threads back from the service; they stay registered here. Returns -1 when no scene
-    // runs, else the service's status.
-    int32_t TcfbtRemoveTids(const std::vector<int32_t>& tids);
+    // Takes threads back from the service; they stay registered here.
+    //
+    // Returns -1, with nothing done, when no scene runs, else the service's status.
+    int32_t TcfbtRemoveTids(const std::vector<int32_t>& tids) noexcept;
 
     // Writes the number of persistent thread ids to the debug log. Must not overlap
     // TcfbtAddPersistTids.
-    void DumpInfo();
+    void DumpInfo() noexcept;
 
     // Shared by all objects. The two lists are guarded by the mutexes of whichever object is
     // called, so with several objects their thread id and scene operations must not run at the same
@@ -141,14 +178,13 @@ class TarvoCameraFrameBoost {
     static std::vector<int32_t> tempTids;     // Emptied at the end of a scene.
 
   private:
-    // The operations of the same names, inline and without a copy of the node's name for each
-    // derived event.
+    // The operations of the same names, without a copy of the node's name for each derived event.
     int32_t NotifyStageStart(int32_t stage, int64_t halFrameNumber, int32_t stageArg1,
                              int32_t stageArg2, const std::string& nodeName);
     int32_t NotifyStageEnd(int32_t stage, int64_t halFrameNumber, const std::string& nodeName);
     void StartStageOfNode(int32_t stage, int64_t halFrameNumber, const std::string& nodeName);
     static void RemapStage(bool isMaterCamera, int32_t currentCameraId,
-                           const LocalConfig::NodeName& nodeName);
+                           const std::string& nodeName);
 
     void ReportErrorFrame(int64_t frameNumber, int32_t stage);
 

@@ -5,7 +5,6 @@
 
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -14,15 +13,15 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
-#include <utility>
 #include <vector>
 
 // What the configuration says about one pipeline stage.
 struct NodePortInfo {
-    // The processing node whose completion ends the stage. Matched as a substring of the names that
-    // the HAL reports, so it can be a stem that several node instances share.
+    // The processing node whose completion ends the stage. Matched as a part of the names that the
+    // HAL reports, so it can be a stem that several node instances share. An empty one is part of
+    // every name: the stage then answers for each node that no higher stage answers for.
     std::string nodeName;
-    // The ports of that node whose completion counts. May be empty.
+    // The ports of that node whose completion counts. May be empty: the stage then never ends.
     std::unordered_set<int32_t> nodePorts;
 };
 
@@ -32,104 +31,102 @@ struct NodePortInfo {
 // The library holds one instance, TarvoCameraFrameBoost::localConfig, made while it is loaded. The
 // setup comes from section "TarvoCameraFrameBoostConfig" of the hardware configuration store and is
 // read once, by the constructor; tools and tests that want another one construct another
-// LocalConfig and assign it. What cannot be read is silently left out: without the switch or the
-// modes nothing is boosted, without the width only the fixed one is, and a stage that cannot be
+// LocalConfig and move it there. What cannot be read is silently left out: without the switch or
+// the modes nothing is boosted, without the width only the fixed one is, and a stage that cannot be
 // read ends the stage table there.
 //
 // Threads: no lock is taken. Queries may run on any number of threads at once, as long as none of
-// them overlaps Load or UpdateNodeByStage.
+// them overlaps Load, UpdateNodeByStage or a move.
+//
+// Errors: no operation throws. Running out of memory aborts the process.
 class LocalConfig {
   public:
-    // Internal; see node_name.h.
-    struct NodeName;
-
     // The debug switch of the whole library: log lines and trace counters exist only while it is
     // true. Comes from the system property "vendor.tarvo.camera.frameboost.debug.enable", false
     // when that is unset, and is written only while a LocalConfig is made or the library is loaded.
     static bool enable;
 
     // Reads the debug switch, loads the configuration from the store and writes it to the debug
-    // log. A port text that does not start with a decimal number, or whose number does not fit
-    // 32 bits, aborts the process; so does running out of memory, but for a list that the store
-    // says to be longer than there is memory: that one cannot be read.
+    // log. Aborts the process like Load.
     LocalConfig() noexcept;
 
+    // Moved but not copied: a copy would take memory in the caller's code, where running out of it
+    // need not end the process.
+    LocalConfig(LocalConfig&&) noexcept = default;
+    LocalConfig& operator=(LocalConfig&&) noexcept = default;
+
     // Fills this object from the store: scalar values are replaced, modes and stages that are not
-    // known yet are added. Always returns true. Called by the constructor, and aborts like it.
+    // known yet are added. Always returns true. Called by the constructor.
+    //
+    // Aborts the process on a port text that does not start with a decimal number, or whose number
+    // does not fit 32 bits, and where there is no memory for a list as long as the store says.
     bool Load() noexcept;
 
     // Writes the configuration to the debug log: the switch, the modes (ascending, in upper-case
     // hexadecimal), then the stages from the highest to stage 0, each with its ports (ascending).
-    void DumpConfig() const;
+    // The additional width and the number of stages are not shown.
+    void DumpConfig() const noexcept;
 
-    // Whether frame boosting is wanted at all.
-    bool GetFrameboostSwitch() const;
+    // Returns whether frame boosting is wanted at all.
+    bool GetFrameboostSwitch() const noexcept;
 
-    // Always an empty text; kept for the clients that were built against it.
-    std::string GetNodePort() const;
+    // Returns an empty text, always; kept for the clients that were built against it.
+    std::string GetNodePort() const noexcept;
 
-    // The number of pipeline stages that the store reports, as it reports it: it may exceed the
-    // number of stages that could be loaded, and may be negative when the store says so.
-    int32_t GetStageCount() const;
+    // Returns the number of pipeline stages that the store reports, as it reports it: it may exceed
+    // the number of stages that could be loaded, and may be negative when the store says so.
+    int32_t GetStageCount() const noexcept;
 
-    // Whether boosting applies to the camera operation mode `mode`.
-    bool IsModeSupported(int32_t mode);
+    // Returns whether boosting applies to the camera operation mode `mode`.
+    bool IsModeSupported(int32_t mode) noexcept;
 
-    // The frame width in pixels that is accepted besides 3840; 0 when none is configured, and then
-    // accepted like any other.
-    int32_t GetAdditionalSupportedWidth();
+    // Returns the frame width in pixels that is accepted besides 3840; 0 when none is configured,
+    // and then accepted like any other.
+    int32_t GetAdditionalSupportedWidth() noexcept;
 
-    // The debug switch, LocalConfig::enable.
-    bool IsLogEnable();
+    // Returns the debug switch, LocalConfig::enable.
+    bool IsLogEnable() noexcept;
 
     // Copies the record of `stage` into `info` and returns true; returns false and leaves `info`
     // alone when the stage is not loaded.
-    bool GetNodePortByStage(int32_t stage, NodePortInfo& info) const;
+    bool GetNodePortByStage(int32_t stage, NodePortInfo& info) const noexcept;
 
     // Gives `stage` another node name and returns true; returns false and changes nothing when the
     // stage is not loaded. Must not overlap any other call on this object.
-    bool UpdateNodeByStage(int32_t stage, const std::string& nodeName);
+    bool UpdateNodeByStage(int32_t stage, const std::string& nodeName) noexcept;
 
-    // The highest stage whose configured node name occurs within `nodeName`; -1 when there is none.
-    int32_t GetStageByNodeName(const std::string& nodeName) const;
+    // Returns the highest stage whose configured node name occurs within `nodeName`; -1 when there
+    // is none.
+    int32_t GetStageByNodeName(const std::string& nodeName) const noexcept;
 
-    // Whether any stage's configured node name occurs within `nodeName`.
-    bool IsNodeNameMatch(const std::string& nodeName) const;
+    // Returns whether any stage's configured node name occurs within `nodeName`.
+    bool IsNodeNameMatch(const std::string& nodeName) const noexcept;
 
-    // Whether any stage whose configured node name occurs within `nodeName` lists `portId`. This
-    // need not be the stage that GetStageByNodeName answers.
-    bool IsStagePortVaild(const std::string& nodeName, int32_t portId) const;
+    // Returns whether any stage whose configured node name occurs within `nodeName` lists `portId`.
+    // This need not be the stage that GetStageByNodeName answers.
+    bool IsStagePortVaild(const std::string& nodeName, int32_t portId) const noexcept;
 
   private:
     struct StageEntry {
         int32_t stage;
         NodePortInfo info;
-        std::array<uint64_t, 2> pairs;  // PairsOfPart of its node name.
     };
 
     friend class TarvoCameraFrameBoost;
 
-    // IsNodeNameMatch, for a name that is prepared already.
-    bool HasMatch(const NodeName& nodeName) const;
-
-    // GetStageByNodeName and IsStagePortVaild at once: sets `stage` and returns whether the port is
-    // one that counts.
-    bool FindStageAndPort(const NodeName& nodeName, int32_t portId, int32_t& stage) const;
+    // GetStageByNodeName and IsStagePortVaild in one pass: sets `stage` and returns whether the
+    // port is one that counts.
+    bool FindStageAndPort(const std::string& nodeName, int32_t portId, int32_t& stage) const;
 
     void LoadSupportedModes();
     void LoadStages();
-    void AddStage(int32_t stage, NodePortInfo info);
-    template <typename Visit>
-    bool AnyMatch(const NodeName& nodeName, Visit visit) const;
 
     bool frameboostSwitch = false;
     std::string nodePort;
     int32_t stageCount = 0;
     // The stage table in ascending stage number. Every walk over it goes backwards: where several
-    // configured names match, the highest stage wins.
-    std::vector<StageEntry> stages;
-    // Where a stage stands in `stages`.
-    std::unordered_map<int32_t, size_t> nodePortMap;
+    // configured names match, the highest stage wins. Looked up by halves.
+    std::vector<StageEntry> nodePortMap;
     std::unordered_set<int32_t> supportOperationModeList;
     int32_t additionalSupportedWidth = 0;
 };
@@ -141,9 +138,16 @@ class LocalConfig {
 // stages must run strictly one after another, from 0 to stageCount - 1. A frame that breaks the
 // order is in error from then on, and is handed to the caller for a report at most once.
 //
+// A frame that is lost on its way keeps its place in the table until newer ones need it, and only
+// then is handed over: one whose end never comes is reported when as many are in flight as the
+// table has room for. Where lost frames are rare that is late: with one in 60 lost and room for 16,
+// the first report comes after some eleven seconds.
+//
 // Frame numbers are signed 64 bits wide. A frame is known by the low 32 bits of its number, taken
 // as signed: frames that agree in them are the same frame, the highest is the newest and the lowest
 // the oldest. All operations may be called from any thread at any time.
+//
+// Errors: no operation throws. What cannot go on aborts the process, with the lock held.
 class FrameTracker {
   public:
     // How many frames are tracked at once unless the maker says otherwise. A camera pipeline holds
@@ -152,8 +156,12 @@ class FrameTracker {
     // per second pass, and still bounds the table when frame ends are lost.
     static constexpr int32_t DEFAULT_MAX_FRAME_TRACKED = 16;
 
+    // The number of pipeline stages of the current scene. Guarded by nothing: written at the start
+    // of a scene, while no other thread is in this object.
+    int32_t stageCount = 0;
+
     // `maxFrameTracked`: how many frames are tracked at once; values below 1 count as 1.
-    explicit FrameTracker(int32_t maxFrameTracked = DEFAULT_MAX_FRAME_TRACKED);
+    explicit FrameTracker(int32_t maxFrameTracked = DEFAULT_MAX_FRAME_TRACKED) noexcept;
 
     // Takes a frame in. Returns true when it may be forwarded: it was not tracked yet, and it
     // follows the newest tracked frame without a gap (any frame does when none is tracked). A frame
@@ -171,18 +179,18 @@ class FrameTracker {
 
     // Lets a frame go. Returns true when it was tracked, was admitted in sequence and its error was
     // never handed over: its end may be forwarded. `flag` is neither read nor written.
-    bool CheckIfCouldEndFrame(int64_t frameNumber, bool& flag);
+    bool CheckIfCouldEndFrame(int64_t frameNumber, bool& flag) noexcept;
 
     // Lets all frames go.
-    void Clear();
+    void Clear() noexcept;
 
-    // CheckFrameStatus, then CheckStagesStatus if that returned true.
-    bool CheckStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError);
+    // Returns what CheckFrameStatus returns or, if that is true, what CheckStagesStatus does.
+    bool CheckStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError) noexcept;
 
     // Returns true when the frame is tracked, not in error and not ended. Sets `isError` to true
     // when it finds an error of a frame admitted in sequence that has not been handed over yet;
     // otherwise leaves it alone.
-    bool CheckFrameStatus(int64_t frameNumber, bool& isError);
+    bool CheckFrameStatus(int64_t frameNumber, bool& isError) noexcept;
 
     // Takes the start (`isEnd` false) or the end (`isEnd` true) of `stage` in. Returns true when it
     // is in pipeline order and has been recorded. Otherwise sets `isError` to true when the caller
@@ -190,7 +198,7 @@ class FrameTracker {
     // of the order once a frame, unless it was admitted out of sequence. Never sets it to false.
     //
     // Aborts the process when it has to look at a stage that the frame was not admitted with.
-    bool CheckStagesStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError);
+    bool CheckStagesStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError) noexcept;
 
   private:
     using StageFlags = std::unordered_map<int32_t, std::atomic<bool>>;
@@ -206,27 +214,23 @@ class FrameTracker {
         std::atomic<uint32_t> status{0};  // Frame flags.
         StageFlags stageStartStatus;      // Which stages have started,
         StageFlags stageEndStatus;        // and which have ended.
-        // All of these flags in the order in which they go up, and how many are up. As none goes
-        // up before its turn, an event is in order when it is the turn of its flag: the others need
-        // not be looked at.
-        std::vector<std::atomic<bool>*> flags;
+        // How many of these flags are up. As none goes up before its turn, the count says whose
+        // turn it is: an event is in order when it is its own, and the others need not be looked
+        // at.
         size_t flagsUp = 0;
     };
 
     using FrameTable = std::map<int32_t, FrameData>;
 
-    FrameData& AddFrame(int32_t key);
+    // Under the lock. noexcept, so that what fails ends the process in here: further out the lock
+    // would be released before.
+    FrameData& AddFrame(int32_t key) noexcept;
     void RemoveFrame(FrameTable::iterator entry) noexcept;
-    void PutFlagsDown(FrameData& frame) const;
-    // CheckFrameStatus and CheckStagesStatus. Inline, so that CheckStatus, which every stage event
-    // comes through, does both without a call.
-    bool CheckFrame(int64_t frameNumber, bool& isError);
-    bool CheckStage(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError);
-    static bool IsReportable(uint32_t status);
-    static std::atomic<bool>& FlagOf(StageFlags& flags, int32_t stage);
-    int32_t FirstStageOutOfOrder(FrameData& frame, int32_t stage) const;
+    void PutFlagsDown(FrameData& frame) const noexcept;
+    static bool IsReportable(uint32_t status) noexcept;
+    int32_t FirstStageOutOfOrder(const FrameData& frame, int32_t stage) const noexcept;
     void MarkInError(FrameData& frame, int64_t frameNumber, int32_t stage, bool isEnd,
-                     bool& isError) const;
+                     bool& isError) const noexcept;
 
     // Guards frameData and every record in it, and spareFrames. Always taken exclusively.
     std::shared_mutex frameMutex;
@@ -235,12 +239,5 @@ class FrameTracker {
     // Entries that frames have left, for the frames to come: so only the first frames of a scene
     // take memory from the heap. Together with those in use there are never more than the capacity.
     std::vector<FrameTable::node_type> spareFrames;
-
-  public:
-    // The number of pipeline stages of the current scene. Guarded by nothing: written at the start
-    // of a scene, while no other thread is in this object.
-    int32_t stageCount = 0;
-
-  private:
     const int32_t MAX_FRAME_TRACKED;
 };

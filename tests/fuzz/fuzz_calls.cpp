@@ -14,8 +14,8 @@ namespace {
 using desktop::ServiceFunction;
 
 // Stage tables, so different that any mistake about them shows.
-const std::vector<LocalConfig>& Configurations() {
-    static const std::vector<LocalConfig> configurations = [] {
+std::vector<LocalConfig>& Configurations() {
+    static std::vector<LocalConfig> configurations = [] {
         std::vector<LocalConfig> made(1);  // The sample.
         for (const char* stages :
              {"0=['X','1']", "0=['M','1']\n1=['MCTFE0','2']\n2=['','1']",
@@ -39,12 +39,17 @@ const std::vector<LocalConfig>& Configurations() {
 
 class Player : private Contract {
   public:
-    explicit Player(const LocalConfig& configuration) : Contract(configuration.GetStageCount()) {
-        TarvoCameraFrameBoost::localConfig = configuration;
+    // Lends the library the configuration while it lives.
+    explicit Player(LocalConfig& lent) : Contract(lent.GetStageCount()), configuration(lent) {
+        std::swap(TarvoCameraFrameBoost::localConfig, configuration);
         TarvoCameraFrameBoost::persistTids.clear();
         TarvoCameraFrameBoost::tempTids.clear();
         LetServiceAnswer(0);
     }
+
+    ~Player() override { std::swap(TarvoCameraFrameBoost::localConfig, configuration); }
+    Player(const Player&) = delete;
+    Player& operator=(const Player&) = delete;
 
     void Play(const tools::Call& call) {
         const std::string name(call.operation->name);
@@ -113,6 +118,7 @@ class Player : private Contract {
         }
     }
 
+    LocalConfig& configuration;
     TarvoCameraFrameBoost boost;
     std::set<int32_t> candidates;  // All that may be tracked.
     bool isUnknown = false;        // The frame asked for is not tracked.
@@ -123,7 +129,7 @@ class Player : private Contract {
 // The input is a session file; what is no call in it is passed over. Its first byte picks the
 // configuration, a negative version what the service answers.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const auto& configurations = Configurations();
+    auto& configurations = Configurations();
     Player player(configurations[size == 0 ? 0 : *data % configurations.size()]);
     std::istringstream session(std::string(data, data + size));
     for (std::string text; std::getline(session, text);) {
