@@ -24,7 +24,7 @@ class ReplayTest : public testing::Test {
         return Play(stream, "test.session");
     }
 
-    tools::Options options;
+    tools::ReplayOptions options;
     std::ostringstream out;
     std::ostringstream err;
 };
@@ -62,7 +62,10 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
         {"frames-and-stages", "", true, "frames-and-stages"},
     };
     for (const auto& [session, config, withDebug, expected] : cases) {
-        options.configuration = *config == '\0' ? "" : Sessions(config);
+        options.configuration.reset();
+        if (*config != '\0') {
+            options.configuration = {config, ReadFile(Sessions(config))};
+        }
         options.withDebug = withDebug;
         const std::string text = ReadFile(Sessions(std::string(session) + ".session"));
         EXPECT_TRUE(Play(text)) << err.str();
@@ -97,7 +100,7 @@ TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
     } log;
     std::ifstream file(Sessions("minute-recording.session"));
     options.isQuiet = true;
-    options.onProgress = [&log](int64_t done, int64_t) {
+    options.pace.onProgress = [&log](int64_t done, int64_t) {
         // The player watches at first; from the first frame on this does.
         if (done == 1) {
             desktop::SetObserver(&log);
@@ -112,7 +115,7 @@ TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
     }
     EXPECT_EQ(log.frames.count(3602), 0U);
 
-    options.onProgress = [](int64_t, int64_t) {};
+    options.pace.onProgress = [](int64_t, int64_t) {};
     options.isJson = true;
     file.clear();
     file.seekg(0);
@@ -157,29 +160,6 @@ TEST_F(ReplayTest, ShowsWhatItIsAskedToShow) {
                              "\"result\":null,\"effects\":[]"),
               std::string::npos)
         << out.str();
-}
-
-TEST_F(ReplayTest, SaysWhatIsWrongWithAConfiguration) {
-    struct {
-        std::string config;
-        const char* message;
-    } const cases[] = {
-        {"stage = [", "config.toml:1: "},
-        {WithStages("0 = ['A', '1']\n1 = ['B', 'one']\n"), "config.toml:7: stage 1: port ids"},
-        {"[TarvoCameraFrameBoostConfig]\n", "test.session:1: the configuration has no stages"},
-        {WithStages("0 = ['AB', '1']\n1 = ['A', '1']\n"), "test.session:1: stage 0"},
-        {WithStages("0 = ['A']\n"), "test.session:1: stage 0"},
-    };
-    options.configuration = testing::TempDir() + "config.toml";
-    for (const auto& [config, message] : cases) {
-        std::ofstream(options.configuration) << config;
-        EXPECT_FALSE(Play("PlayRecording 1\n")) << config;
-        EXPECT_NE(err.str().find(message), std::string::npos) << err.str();
-        EXPECT_EQ(out.str(), "");
-    }
-    options.configuration = "/no/such/file";
-    EXPECT_FALSE(Play(""));
-    EXPECT_EQ(err.str(), "/no/such/file:1: cannot be read\n");
 }
 
 }  // namespace

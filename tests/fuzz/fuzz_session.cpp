@@ -34,7 +34,7 @@ struct Play {
     std::string err;
 };
 
-Play PlayOnce(const std::string& text, const tools::Options& options) {
+Play PlayOnce(const std::string& text, const tools::ReplayOptions& options) {
     std::istringstream session(text);
     std::ostringstream out;
     std::ostringstream err;
@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!IsShort(text)) {
         return -1;
     }
-    tools::Options options;
+    tools::ReplayOptions options;
     const Play play = PlayOnce(text, options);
     options.withDebug = true;
     options.isJson = true;

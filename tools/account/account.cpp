@@ -19,7 +19,7 @@ const char* ReasonOf(Outcome outcome) {
         case Outcome::Evicted:
             return "too many frames in flight";
         case Outcome::Ignored:
-            return "the node and port end no stage";
+            return "this node and port end no stage";
         case Outcome::NoScene:
             return "no scene is running";
         case Outcome::NotDescribed:

@@ -156,14 +156,13 @@ class Teller {
 
     void NodeEnd(const Call& call, const Configuration& configuration) {
         const auto frame = std::get<int64_t>(call.arguments[0]);
+        const auto& node = std::get<std::string>(call.arguments[1]);
         const Message* message = Take(MessageKind::NodeEnd, frame);
-        if (message == nullptr) {
-            Tell(EventKind::NodeEnd, Outcome::NoScene, frame);
-            return;
-        }
-        const int32_t stage = message->stage;
-        if (stage < 0 || !configuration.IsStagePort(std::get<std::string>(call.arguments[1]),
-                                                    std::get<int32_t>(call.arguments[2]))) {
+        isRefused = message == nullptr;
+        const int32_t stage = isRefused ? configuration.StageOf(node) : message->stage;
+        const int64_t stageCount =
+            isRefused ? configuration.stageCount.value_or(0) : int64_t{message->count};
+        if (stage < 0 || !configuration.IsStagePort(node, std::get<int32_t>(call.arguments[2]))) {
             Tell(EventKind::NodeEnd, Outcome::Ignored, frame, stage);
             return;
         }
@@ -172,11 +171,14 @@ class Teller {
                 StageEvent(EventKind::StageEnd, 0, frame);
                 StageEvent(EventKind::StageStart, 1, frame);
             }
-            FrameStart(After(frame));
+            // Without a scene nobody meant to start a frame.
+            if (!isRefused) {
+                FrameStart(After(frame));
+            }
             StageEvent(EventKind::StageStart, 0, After(frame));
         } else if (frame >= 1) {
             StageEvent(EventKind::StageEnd, stage, frame);
-            if (stage >= int64_t{message->count} - 1) {
+            if (stage >= stageCount - 1) {
                 FrameEnd(frame);
             } else {
                 StageEvent(EventKind::StageStart, stage + 1, frame);

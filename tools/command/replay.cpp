@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,8 +19,10 @@ namespace tools {
 namespace {
 
 struct Arguments {
-    Options options;
+    ReplayOptions options;
     std::string session;
+    std::string configuration;
+    std::string log;
     std::vector<std::string> statuses;
 };
 
@@ -39,16 +42,36 @@ std::pair<desktop::ServiceFunction, int32_t> ParseStatus(const std::string& text
 }
 
 int RunReplay(Arguments& arguments) {
+    ReplayOptions& options = arguments.options;
     for (const std::string& status : arguments.statuses) {
-        arguments.options.statuses.push_back(ParseStatus(status));
+        options.statuses.push_back(ParseStatus(status));
     }
     Input session(arguments.session);
+    if (!arguments.configuration.empty()) {
+        Input file(arguments.configuration);
+        options.configuration = {file.Name(),
+                                 std::string(std::istreambuf_iterator<char>(file), {})};
+    }
+    // A capture on standard output takes the transcript's place.
+    const bool isLogShown = arguments.log == "-";
+    std::ostream nowhere(nullptr);
     Output out("-");
-    ProgressLine progress("frames", !arguments.options.isQuiet);
-    arguments.options.onProgress = [&progress](int64_t done, int64_t all) {
-        progress.Show(done, all);
-    };
-    const bool isPlayed = Replay(arguments.options, session, session.Name(), out, std::cerr);
+    std::optional<Output> logFile;
+    if (!arguments.log.empty() && !isLogShown) {
+        logFile.emplace(arguments.log);
+    }
+    options.log = isLogShown ? &out : logFile ? &*logFile : nullptr;
+
+    CatchInterrupts();
+    options.pace.isInterrupted = IsInterrupted;
+    ProgressLine progress("frames", !options.isQuiet);
+    options.pace.onProgress = [&progress](int64_t done, int64_t all) { progress.Show(done, all); };
+    const bool isPlayed =
+        Replay(options, session, session.Name(), isLogShown ? nowhere : out, std::cerr);
+    progress.Clear();
+    if (logFile) {
+        logFile->Close();
+    }
     out.Close();
     return isPlayed ? NOTHING_FOUND : BAD_INPUT;
 }
@@ -63,11 +86,14 @@ void AddReplay(CLI::App& app, Run& run) {
     command->footer("\n" + DescribeFormat());
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<Arguments>();
-    Options& options = arguments->options;
+    ReplayOptions& options = arguments->options;
     command->add_option("SESSION", arguments->session, "The session file; - for standard input")
         ->required();
-    command->add_option("--config", options.configuration,
+    command->add_option("--config", arguments->configuration,
                         "A TOML file for the configuration store instead of the built-in sample");
+    command->add_option("--log", arguments->log,
+                        "Write what the library logs to this file, as logcat would have captured "
+                        "it; - for standard output, instead of the transcript");
     command->add_flag("--debug", options.withDebug,
                       "Debug property and trace tags on: show log lines and trace counters");
     command
@@ -75,8 +101,8 @@ void AddReplay(CLI::App& app, Run& run) {
                      "What a service call answers, such as cfbtFrameStart=7")
         ->expected(1)
         ->take_all();
-    command->add_flag("--real-time", options.isRealTime,
-                      "Play recordings at the scene's frame rate");
+    command->add_flag("--real-time", options.pace.isRealTime,
+                      "Let waits and recordings take their time");
     command->add_flag("--quiet", options.isQuiet, "Show the summary alone");
     command->add_flag("--json", options.isJson, "Show JSON objects, one a line");
     command->callback([arguments, &run] { run = [arguments] { return RunReplay(*arguments); }; });

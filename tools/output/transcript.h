@@ -2,78 +2,51 @@
 
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <ostream>
+#include <span>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "host/desktop.h"
+#include "tools/account/step.h"
+#include "tools/check/finding.h"
 #include "tools/session/session.h"
 
 namespace tools {
 
-// What is counted.
-enum class Counter {
-    ScenesStarted,
-    ScenesRefused,
-    FramesStarted,
-    FramesEnded,
-    FramesEvicted,
-    FrameStartsRefused,
-    FrameEndsRefused,
-    StageEventsForwarded,
-    StageEventsRefused,
-    NodeEndsIgnored,
-    ErrorReports,
-};
-inline constexpr size_t COUNTERS = 11;
-
-// What became of the events that the library saw, over one call or a whole play.
-class Tally {
+class Transcript {
   public:
-    // How often something happened, in all and for each reason where there is one to give.
-    struct Count {
-        int64_t total = 0;
-        std::map<std::string, int64_t> reasons;
-    };
+    virtual ~Transcript() = default;
+    // A line of the session that is no call.
+    virtual void Show(const Line& line, uint32_t number) = 0;
+    // A step, and what the platform saw of it.
+    void Show(const Step& step, std::span<const desktop::Effect> effects);
+    // What is wrong or surprising about the input `file`.
+    virtual void Show(const Finding& finding, const std::string& file) = 0;
+    // What has become of all events up to here.
+    virtual void ShowSummary() = 0;
 
-    void Add(Counter counter, int64_t times = 1, const std::string& reason = "");
-    void Add(const Tally& other);
-    const Count& Get(Counter counter) const;
+  protected:
+    // How often what became of which kind of event.
+    using Counts = std::map<std::pair<EventKind, Outcome>, int64_t>;
+
+    virtual void ShowStep(const Step& step, std::span<const desktop::Effect> effects,
+                          const Counts& counts) = 0;
+    const Counts& Total() const { return total; }
 
   private:
-    std::array<Count, COUNTERS> counts;
+    Counts total;
 };
 
-// A call that was made, and all that came of it.
-struct Played {
-    size_t line;  // Of the session file, from 1.
-    const Call& call;
-    std::optional<int32_t> result;
-    std::vector<desktop::Effect> effects;
-    Tally tally;
-};
+// For people. Quiet: the summary alone. `withDebug`: log lines and counters too. Findings are not
+// shown: people find them on standard error.
+std::unique_ptr<Transcript> MakeTextTranscript(std::ostream& out, bool isQuiet, bool withDebug);
 
-// Where a play is shown.
-class Report {
-  public:
-    virtual ~Report() = default;
-    // What loading the library did, before the first call.
-    virtual void ShowLoading(const std::vector<desktop::Effect>& effects) = 0;
-    virtual void Show(const Comment& comment) = 0;
-    virtual void Show(const Played& played) = 0;
-    virtual void ShowSummary(const Tally& tally) = 0;
-};
-
-// For people. Quiet: the summary alone. `withDebug`: log lines and counters too.
-std::unique_ptr<Report> MakeTextReport(std::ostream& out, bool isQuiet, bool withDebug);
-
-// For programs: JSON objects, one a line; the summary is the last.
-std::unique_ptr<Report> MakeJsonReport(std::ostream& out, bool isQuiet, bool withDebug);
+// For programs: JSON objects, one a line; the summary is the last. Times are milliseconds since the
+// session's beginning.
+std::unique_ptr<Transcript> MakeJsonTranscript(std::ostream& out, bool isQuiet, bool withDebug);
 
 }  // namespace tools

@@ -1,115 +1,50 @@
 #include "tools/play/player.h"
 
 #include <algorithm>
-#include <string>
-#include <string_view>
+#include <chrono>
 #include <thread>
 #include <utility>
+
+#include "tools/capture/events.h"
+#include "tools/play/log_writer.h"
 
 namespace tools {
 namespace {
 
-using desktop::ServiceFunction;
-
-const std::string NO_SCENE = "no scene is running";
-const std::string IN_ERROR = "the frame is in error";
-
-// What a line of the library's log says about the fate of an event.
-struct Verdict {
-    std::string_view format;  // After the part that says where the line comes from.
-    Counter counter;
-    const char* reason;
-};
-
-constexpr Verdict VERDICTS[] = {
-    {"cameraframeboost disabled", Counter::ScenesRefused,
-     "switched off, or the operation mode is not supported"},
-    {"frameNumber: %ld already exists", Counter::FrameStartsRefused, "already in flight"},
-    {"frameNumber continuity check fail, lastFrameNumber: %ld, current frameNumber: %ld",
-     Counter::FrameStartsRefused, "does not follow the newest frame"},
-    {"current frameData size(%d) > MAX_FRAME_TRACKED(%d), mark and notify frame error",
-     Counter::FramesEvicted, "too many frames in flight"},
-    {"frameNumber: %ld not exist", Counter::FrameEndsRefused, "not in flight"},
-    {"frameNumber not exist, frameNumber = %ld", Counter::StageEventsRefused,
-     "the frame is not in flight"},
-    {"is error frame, notify frame error, frameNumber = %ld", Counter::StageEventsRefused,
-     "the frame is in error"},
-    {"stage error, notify frame error, frameNumber = %ld, stage = %d, stageCount = %d",
-     Counter::StageEventsRefused, "no such stage"},
-    {"stage status check error, notify frame error, frameNumber = %ld, stage = %d, "
-     "error stage = %d",
-     Counter::StageEventsRefused, "out of order with another stage"},
-    {"stage status check error, notify frame error, frameNumber = %ld, stage = %d",
-     Counter::StageEventsRefused, "the stage has run already, or has not started"},
-};
-
-const Verdict* VerdictOf(const desktop::LogLine& line) {
-    constexpr std::string_view origin = "%s %d:%s() ";
-    const std::string_view format = std::string_view(line.format).substr(origin.size());
-    const auto* found =
-        std::find_if(std::begin(VERDICTS), std::end(VERDICTS),
-                     [format](const Verdict& verdict) { return verdict.format == format; });
-    return found == std::end(VERDICTS) ? nullptr : found;
-}
-
-// The frame and stage events that a call stands for.
-struct Attempts {
-    int64_t stageEvents = 0;
-    int64_t frameEnds = 0;
-    bool isIgnoredNode = false;
-};
-
-Attempts AttemptsOf(const Call& call) {
-    const std::string_view name = call.operation->name;
-    if (name == "TcfbtNotifyStageStart" || name == "TcfbtNotifyStageEnd") {
-        return {1, 0, false};
+// The node end that ends `stage`, for a frame to be filled in; nothing when there is none.
+std::optional<Call> NodeEndOf(const Configuration& configuration, int32_t stage) {
+    for (const ConfiguredStage& configured : configuration.stages) {
+        if (configured.stage == stage && !configured.ports.empty() &&
+            configuration.StageOf(configured.node) == stage) {
+            return Call{FindOperation("TcfbtNotifyNodeEnd"),
+                        {int64_t{0}, configured.node, configured.ports.front(), 0, true}};
+        }
     }
-    if (name == "TcfbtNotifyFrameEnd") {
-        return {0, 1, false};
-    }
-    if (name != "TcfbtNotifyNodeEnd") {
-        return {};
-    }
-    const auto frame = std::get<int64_t>(call.arguments[0]);
-    const auto& node = std::get<std::string>(call.arguments[1]);
-    const LocalConfig& config = TarvoCameraFrameBoost::localConfig;
-    if (!config.IsStagePortVaild(node, std::get<int32_t>(call.arguments[2]))) {
-        return {0, 0, true};
-    }
-    const int32_t stage = config.GetStageByNodeName(node);
-    if (stage == 0) {
-        return {frame >= 1 ? 3 : 1, 0, false};
-    }
-    if (frame < 1) {
-        return {};
-    }
-    return stage + 1 < config.GetStageCount() ? Attempts{2, 0, false} : Attempts{1, 1, false};
-}
-
-// The node end that ends `stage`, for a frame to be filled in.
-Call NodeEndOf(int32_t stage) {
-    const LocalConfig& config = TarvoCameraFrameBoost::localConfig;
-    NodePortInfo info;
-    if (!config.GetNodePortByStage(stage, info) || info.nodePorts.empty() ||
-        config.GetStageByNodeName(info.nodeName) != stage) {
-        throw SessionError("stage " + std::to_string(stage) +
-                           " of the configuration cannot be recorded through, expected a node of "
-                           "its own with a port");
-    }
-    const int32_t port = *std::min_element(info.nodePorts.begin(), info.nodePorts.end());
-    return {FindOperation("TcfbtNotifyNodeEnd"), {int64_t{0}, info.nodeName, port, 0, true}};
+    return std::nullopt;
 }
 
 }  // namespace
 
-Player::Player(Report& playReport, bool isRealTime,
-               std::function<void(int64_t done, int64_t all)> onProgress)
-    : report(playReport), realTime(isRealTime), progress(std::move(onProgress)) {
+Player::Player(Watcher playWatcher, Pace playPace)
+    : watcher(std::move(playWatcher)), pace(std::move(playPace)) {
     desktop::SetObserver(this);
     TarvoCameraFrameBoost::localConfig = LocalConfig();
     TarvoCameraFrameBoost::persistTids.clear();
     TarvoCameraFrameBoost::tempTids.clear();
-    report.ShowLoading(effects);
+    for (const desktop::Effect& effect : effects) {
+        if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
+            if (const auto message = ParseMessage(line->tag, line->text)) {
+                AddDumped(*message, configuration);
+            }
+        }
+    }
+    // The dump does not have it where a stage could not be loaded.
+    configuration.stageCount = TarvoCameraFrameBoost::localConfig.GetStageCount();
+    step.time = time;
+    step.process = step.thread = CAPTURE_PROCESS;
+    step.loaded = configuration;
+    watcher(step, effects);
+    step.loaded.reset();
 }
 
 Player::~Player() {
@@ -120,30 +55,55 @@ void Player::OnEffect(const desktop::Effect& effect) {
     effects.push_back(effect);
 }
 
-void Player::Play(const Call& call, size_t line) {
+std::optional<std::string> Player::WhyNotRecordable() const {
+    if (*configuration.stageCount < 1) {
+        return "the configuration has no stages, expected one that has";
+    }
+    for (int32_t stage = 0; stage < *configuration.stageCount; ++stage) {
+        if (!NodeEndOf(configuration, stage)) {
+            return "stage " + std::to_string(stage) +
+                   " of the configuration cannot be recorded through, expected a node of its own "
+                   "with a port";
+        }
+    }
+    return std::nullopt;
+}
+
+void Player::Play(const Line& line, uint32_t number) {
+    if (const auto* call = std::get_if<Call>(&line)) {
+        PlayCall(*call, number);
+    } else if (const auto* recording = std::get_if<Recording>(&line)) {
+        PlayRecording(*recording, number);
+    } else if (const auto* wait = std::get_if<Wait>(&line)) {
+        PassTime(time + wait->micros);
+    } else if (const auto* status = std::get_if<ServiceStatus>(&line)) {
+        desktop::SetServiceStatus(status->function, status->status);
+    }
+}
+
+void Player::PlayCall(const Call& call, uint32_t number) {
     if (call.operation->name == "TcfbtSetSceneInfo") {
         sceneFps = std::get<int32_t>(call.arguments[2]);
     }
     effects.clear();
-    const std::optional<int32_t> result = call.operation->call(boost, call.arguments);
-    const Tally tally = Judge(call, result);
-    total.Add(tally);
-    report.Show(Played{line, call, result, std::move(effects), tally});
+    step.place.line = number;
+    step.time = time;
+    step.call = call;
+    step.result = call.operation->call(boost, call.arguments);
+    TellStep();
+    watcher(step, effects);
 }
 
-void Player::Play(const Recording& recording, size_t line) {
-    const int32_t stageCount = TarvoCameraFrameBoost::localConfig.GetStageCount();
-    if (stageCount < 1) {
-        throw SessionError("the configuration has no stages, expected one that has");
-    }
+void Player::PlayRecording(const Recording& recording, uint32_t number) {
+    const int32_t stageCount = *configuration.stageCount;
     std::vector<Call> nodeEnds;
     nodeEnds.reserve(static_cast<size_t>(stageCount));
     for (int32_t stage = 0; stage < stageCount; ++stage) {
-        nodeEnds.push_back(NodeEndOf(stage));
+        nodeEnds.push_back(NodeEndOf(configuration, stage).value());
     }
     const auto reportNodeEnd = [&](size_t stage, int64_t frame) {
         nodeEnds[stage].arguments[0] = frame;
-        Play(nodeEnds[stage], line);
+        PlayCall(nodeEnds[stage], number);
     };
 
     const int64_t first = recording.first.value_or(std::max<int64_t>(nextFrame, 1));
@@ -156,8 +116,8 @@ void Player::Play(const Recording& recording, size_t line) {
 
     // In each frame time every stage finishes a frame, each stage one frame behind the stage before
     // it. The frame that is furthest along is reported first: it makes room for the others.
-    auto due = std::chrono::steady_clock::now();
-    for (int64_t newest = first; newest < last + stageCount; ++newest) {
+    const Micros begun = time;
+    for (int64_t newest = first; newest < last + stageCount && !pace.isInterrupted(); ++newest) {
         for (int32_t stage = stageCount - 1; stage >= 0; --stage) {
             const int64_t frame = newest - stage;
             if (frame >= first && frame <= last) {
@@ -165,79 +125,50 @@ void Player::Play(const Recording& recording, size_t line) {
             }
         }
         if (newest <= last) {
-            progress(newest - first + 1, recording.frames);
+            pace.onProgress(newest - first + 1, recording.frames);
         }
-        if (realTime && sceneFps > 0) {
-            due += std::chrono::nanoseconds(std::chrono::seconds(1)) / sceneFps;
-            std::this_thread::sleep_until(due);
+        if (sceneFps > 0) {
+            PassTime(begun + (newest - first + 1) * 1'000'000 / sceneFps);
         }
     }
 }
 
-// What became of a call: the service was called, the log says why it was not, or neither, which has
-// one reason for each kind of event.
-Tally Player::Judge(const Call& call, const std::optional<int32_t>& result) const {
-    Tally tally;
+void Player::TellStep() {
+    messages.clear();
+    int64_t reports = 0;
     for (const desktop::Effect& effect : effects) {
         if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
-            if (const Verdict* verdict = VerdictOf(*line)) {
-                tally.Add(verdict->counter, 1, verdict->reason);
+            if (const auto message = ParseMessage(line->tag, line->text)) {
+                messages.push_back(*message);
             }
         } else if (const auto* service = std::get_if<desktop::ServiceCall>(&effect.event)) {
-            switch (service->function) {
-                case ServiceFunction::SceneStart:
-                    if (service->status == 0) {
-                        tally.Add(Counter::ScenesStarted);
-                    } else {
-                        tally.Add(Counter::ScenesRefused, 1, "by the service");
-                    }
-                    break;
-                case ServiceFunction::FrameStart:
-                    tally.Add(Counter::FramesStarted);
-                    break;
-                case ServiceFunction::FrameEnd:
-                    tally.Add(Counter::FramesEnded);
-                    break;
-                case ServiceFunction::StageStart:
-                case ServiceFunction::StageEnd:
-                    tally.Add(Counter::StageEventsForwarded);
-                    break;
-                case ServiceFunction::NotifyErrOfUser:
-                    tally.Add(Counter::ErrorReports);
-                    break;
-                default:
-                    break;
-            }
+            reports += service->function == desktop::ServiceFunction::NotifyErrOfUser ? 1 : 0;
         }
     }
+    TellEvents(step, messages, configuration);
+    // The log does not say whether an evicted frame was reported, nor of whom a status of -1 is.
+    std::erase_if(step.events, [&reports](Event& event) {
+        if (event.kind != EventKind::Report) {
+            return false;
+        }
+        const bool isTold = reports-- > 0;
+        const bool isRefusal = event.outcome == Outcome::NoScene;
+        event.outcome = isTold ? Outcome::Reported : event.outcome;
+        return !isTold && !isRefusal;
+    });
+}
 
-    const std::string_view name = call.operation->name;
-    const bool isNodeEnd = name == "TcfbtNotifyNodeEnd";
-    // A node end gives no result, but while a scene runs it always leaves a line.
-    const bool isRefused = isNodeEnd ? effects.empty() : result == -1;
-    if (name == "TcfbtNotifySceneStart") {
-        if (isRefused && effects.empty()) {
-            tally.Add(Counter::ScenesRefused, 1, "not described as a scene to boost");
+void Player::PassTime(Micros until) {
+    // A slice at a time, so that an interrupt is heard.
+    constexpr std::chrono::milliseconds slice(50);
+    const auto due = begin + std::chrono::microseconds(until);
+    while (pace.isRealTime && std::chrono::steady_clock::now() < due) {
+        if (pace.isInterrupted()) {
+            return;
         }
-        return tally;
+        std::this_thread::sleep_until(std::min(due, std::chrono::steady_clock::now() + slice));
     }
-    if (name == "TcfbtNotifyFrameStart" && isRefused) {
-        tally.Add(Counter::FrameStartsRefused, 1, NO_SCENE);
-    }
-    const Attempts attempts = AttemptsOf(call);
-    const std::string& reason = isRefused ? NO_SCENE : IN_ERROR;
-    tally.Add(Counter::StageEventsRefused,
-              attempts.stageEvents - tally.Get(Counter::StageEventsForwarded).total -
-                  tally.Get(Counter::StageEventsRefused).total,
-              reason);
-    tally.Add(Counter::FrameEndsRefused,
-              attempts.frameEnds - tally.Get(Counter::FramesEnded).total -
-                  tally.Get(Counter::FrameEndsRefused).total,
-              reason);
-    if (attempts.isIgnoredNode) {
-        tally.Add(Counter::NodeEndsIgnored, 1, "this node and port end no stage");
-    }
-    return tally;
+    time = until;
 }
 
 }  // namespace tools

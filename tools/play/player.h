@@ -1,52 +1,71 @@
-// Plays calls against the library and watches what comes of each.
+// Plays a session's lines against the library and tells what comes of each call.
 
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <span>
+#include <string>
 #include <vector>
 
 #include "cameraframeboost/tarvocameraframeboost.h"
 #include "host/desktop.h"
-#include "tools/output/transcript.h"
+#include "tools/account/step.h"
+#include "tools/capture/message.h"
 #include "tools/session/session.h"
 
 namespace tools {
 
 // One player a play: it brings the library to the state in which it is after loading, and makes the
-// facade's object, as a HAL does when a camera is opened.
+// facade's object, as a HAL does when a camera is opened. It keeps the session's time: waits and
+// the frames of recordings move it on, calls take none.
 //
 // The library's debug switch must be on: why it refuses an event is in its log alone.
 class Player : private desktop::Observer {
   public:
-    // `isRealTime`: recordings go at the frame rate of the scene. `onProgress` is told of the
-    // frames of a recording that have been reported so far, and how many there will be.
-    Player(Report& playReport, bool isRealTime,
-           std::function<void(int64_t done, int64_t all)> onProgress);
+    // Is told of each step, the loading of the library first, and of what the platform saw of it.
+    using Watcher = std::function<void(const Step& step, std::span<const desktop::Effect> effects)>;
+
+    struct Pace {
+        bool isRealTime = false;  // The session's time takes as long as it says.
+        // The frames of a recording that have been reported so far, and how many there will be.
+        std::function<void(int64_t done, int64_t all)> onProgress = [](int64_t, int64_t) {};
+        // Asked between calls, and while time passes: whether to come to an end.
+        std::function<bool()> isInterrupted = [] { return false; };
+    };
+
+    Player(Watcher playWatcher, Pace playPace);
     ~Player() override;
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;
 
-    // Plays what stands in `line` of the session file.
-    void Play(const Call& call, size_t line);
-    // Throws a SessionError when the loaded stage table cannot be recorded through.
-    void Play(const Recording& recording, size_t line);
+    // Why no recording can go through the loaded stage table; nothing when it can.
+    std::optional<std::string> WhyNotRecordable() const;
 
-    // What has come of all calls so far.
-    const Tally& Total() const { return total; }
+    // Plays what stands in that line of the session. An interrupt ends recordings and waits before
+    // their time. Recordings take a stage table that can be recorded through.
+    void Play(const Line& line, uint32_t number);
 
   private:
     void OnEffect(const desktop::Effect& effect) override;
-    Tally Judge(const Call& call, const std::optional<int32_t>& result) const;
+    void PlayCall(const Call& call, uint32_t number);
+    void PlayRecording(const Recording& recording, uint32_t number);
+    // Fills in the step's events: from the library's messages, and from what the service was told
+    // where the messages leave it open.
+    void TellStep();
+    void PassTime(Micros until);
 
-    Report& report;
-    bool realTime;
-    std::function<void(int64_t, int64_t)> progress;
+    Watcher watcher;
+    Pace pace;
     TarvoCameraFrameBoost boost;
     std::vector<desktop::Effect> effects;  // Of the call that is being played.
-    Tally total;
+    std::vector<Message> messages;         // The library's among them.
+    Step step;
+    Configuration configuration;  // As loaded.
+    Micros time = 0;
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
     int32_t sceneFps = 0;   // As last described.
     int64_t nextFrame = 0;  // The frame that the last recording left open; 0 for none.
 };

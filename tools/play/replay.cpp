@@ -4,8 +4,9 @@
 #include <optional>
 #include <variant>
 
+#include "tools/check/check.h"
 #include "tools/output/transcript.h"
-#include "tools/play/player.h"
+#include "tools/play/log_writer.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -14,62 +15,98 @@ namespace {
 constexpr char DEBUG_PROPERTY[] = "vendor.tarvo.camera.frameboost.debug.enable";
 constexpr uint64_t CAMERA_TRACE_TAG = 0x400;
 
-// Serves the configuration that was asked for. Returns false, with the reasons written to `err`,
-// when that would not do.
-bool ServeConfiguration(const Options& options, std::ostream& err) {
-    if (options.configuration.empty()) {
-        return true;
+// The first recording, when no recording can be played.
+std::optional<Finding> UnplayableRecording(const Session& session, const Player& player) {
+    std::optional<Finding> finding;
+    if (const auto reason = player.WhyNotRecordable()) {
+        session.ForEachLine([&](uint32_t number, const Line& line) {
+            if (std::holds_alternative<Recording>(line)) {
+                finding = {"not-recordable", Severity::Error, *reason, {0, number}, 0, {}};
+            }
+            return !finding;
+        });
     }
-    if (const auto error = desktop::LoadConfigurationFile(options.configuration)) {
-        err << *error << '\n';
-        return false;
-    }
-    const std::vector<std::string> findings = desktop::CheckConfiguration();
-    for (const std::string& finding : findings) {
-        err << finding << '\n';
-    }
-    return findings.empty();
+    return finding;
 }
 
 }  // namespace
 
-bool Replay(const Options& options, std::istream& session, const std::string& name,
-           std::ostream& out, std::ostream& err) {
+bool PreparePlatform(const std::optional<NamedText>& configuration,
+                     const std::function<void(const Finding&)>& tell) {
     desktop::Reset();
-    if (!ServeConfiguration(options, err)) {
+    desktop::SetLogToStderr(false);
+    desktop::SetProperty(DEBUG_PROPERTY, "true");
+    if (!configuration) {
+        return true;
+    }
+    const CheckedConfiguration checked = CheckConfiguration(configuration->text);
+    for (const Finding& finding : checked.findings) {
+        tell(finding);
+    }
+    return checked.isReadable && !checked.endsProcess &&
+           !desktop::LoadConfiguration(configuration->text, configuration->name);
+}
+
+bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::string& name,
+            std::ostream& out, std::ostream& err) {
+    const std::unique_ptr<Transcript> transcript =
+        options.isJson ? MakeJsonTranscript(out, options.isQuiet, options.withDebug)
+                       : MakeTextTranscript(out, options.isQuiet, options.withDebug);
+    const auto tell = [&](const Finding& finding, const std::string& file) {
+        transcript->Show(finding, file);
+        err << ToString(finding, file) << '\n';
+    };
+
+    const Session session(sessionFile);
+    for (const Finding& error : session.Errors()) {
+        tell(error, name);
+    }
+    if (!session.Errors().empty() ||
+        !PreparePlatform(options.configuration, [&](const Finding& finding) {
+            tell(finding, options.configuration->name);
+        })) {
         return false;
     }
     for (const auto& [function, status] : options.statuses) {
         desktop::SetServiceStatus(function, status);
     }
-    // The player reads the log whether or not it is to be shown.
-    desktop::SetLogToStderr(false);
-    desktop::SetProperty(DEBUG_PROPERTY, "true");
     desktop::SetTraceTags(options.withDebug ? CAMERA_TRACE_TAG : 0);
 
-    const std::unique_ptr<Report> report =
-        options.isJson ? MakeJsonReport(out, options.isQuiet, options.withDebug)
-                       : MakeTextReport(out, options.isQuiet, options.withDebug);
-    Player player(*report, options.isRealTime, options.onProgress);
-    size_t number = 0;
-    for (std::string text; std::getline(session, text);) {
-        ++number;
-        try {
-            const Line line = ParseLine(text);
-            if (const auto* call = std::get_if<Call>(&line)) {
-                player.Play(*call, number);
-            } else if (const auto* recording = std::get_if<Recording>(&line)) {
-                player.Play(*recording, number);
-            } else if (const auto* comment = std::get_if<Comment>(&line)) {
-                report->Show(*comment);
-            }
-        } catch (const SessionError& error) {
-            out.flush();
-            err << name << ':' << number << ": " << error.what() << '\n';
-            return false;
-        }
+    std::optional<LogWriter> log;
+    if (options.log != nullptr) {
+        log.emplace(*options.log);
     }
-    report->ShowSummary(player.Total());
+    const auto watch = [&](const Step& step, std::span<const desktop::Effect> effects) {
+        transcript->Show(step, effects);
+        if (log) {
+            log->SetMoment(step.time, step.thread);
+            for (const desktop::Effect& effect : effects) {
+                log->OnEffect(effect);
+            }
+        }
+        if (options.steps != nullptr) {
+            options.steps->OnStep(step);
+        }
+        if (options.pace.isRealTime) {
+            out.flush();
+        }
+    };
+    Player player(watch, options.pace);
+    if (const auto finding = UnplayableRecording(session, player)) {
+        tell(*finding, name);
+        return false;
+    }
+    session.ForEachLine([&](uint32_t number, const Line& line) {
+        if (!std::holds_alternative<Call>(line) && !std::holds_alternative<Recording>(line)) {
+            transcript->Show(line, number);
+            if (options.pace.isRealTime) {
+                out.flush();
+            }
+        }
+        player.Play(line, number);
+        return !options.pace.isInterrupted();
+    });
+    transcript->ShowSummary();
     return true;
 }
 

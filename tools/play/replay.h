@@ -7,28 +7,45 @@
 #include <istream>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "host/desktop.h"
+#include "tools/account/step.h"
+#include "tools/check/finding.h"
+#include "tools/play/player.h"
 
 namespace tools {
 
-struct Options {
-    std::string configuration;  // A TOML file; empty for what the platform serves anyway.
-    bool withDebug = false;     // Show the library's log lines and trace counters.
+// A file that has been read.
+struct NamedText {
+    std::string name;  // What messages call it.
+    std::string text;
+};
+
+struct ReplayOptions {
+    std::optional<NamedText> configuration;  // TOML; nothing for what the platform serves anyway.
+    bool withDebug = false;                  // Show the library's log lines and trace counters.
     std::vector<std::pair<desktop::ServiceFunction, int32_t>>
-        statuses;             // What the service answers.
-    bool isRealTime = false;  // Play recordings at the frame rate of the scene.
-    bool isQuiet = false;     // Show the summary alone.
-    bool isJson = false;      // Show it to a program.
-    std::function<void(int64_t, int64_t)> onProgress = [](int64_t, int64_t) {};
+        statuses;                 // What the service answers.
+    bool isQuiet = false;         // Show the summary alone.
+    bool isJson = false;          // Show it to a program.
+    Player::Pace pace;            // In real time, what is shown comes line by line.
+    std::ostream* log = nullptr;  // Where the capture of the library's log goes, if anywhere.
+    StepSink* steps = nullptr;    // Who else is told of the steps, if anybody.
 };
 
 // Plays `session`, which messages call `name`, on a library that is freshly loaded as far as anyone
-// can tell. Writes the play to `out`, and what is wrong with the input to `err`, where playing
-// then ends. Returns whether it was played to its end.
-bool Replay(const Options& options, std::istream& session, const std::string& name,
+// can tell. Writes the play to `out`, and to `err` what there is to say about the input. Returns
+// false, with nothing played, when the session has errors or the configuration cannot be used.
+bool Replay(const ReplayOptions& options, std::istream& session, const std::string& name,
             std::ostream& out, std::ostream& err);
+
+// Brings the desktop platform to the state in which tools use it: debug switch on, log lines for
+// observers alone; and serves the configuration. Tells what is wrong or surprising about it; false
+// when it cannot be used: it cannot be read, or would end the process.
+bool PreparePlatform(const std::optional<NamedText>& configuration,
+                     const std::function<void(const Finding&)>& tell);
 
 }  // namespace tools
