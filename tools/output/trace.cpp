@@ -1,0 +1,350 @@
+#include "tools/output/trace.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <queue>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+#include "tools/output/drawing.h"
+
+namespace tools {
+namespace {
+
+// Names come from captures, which hold any bytes; JSON holds UTF-8.
+std::string Quote(std::string_view text) {
+    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+enum class What : uint8_t { Expected, Actual, Stage, InFlight, Interval, Finding, Disturbance };
+
+// Something to be written, and what it is found by: cheap to keep in order.
+struct Item {
+    Span span;
+    size_t scene = 0;  // That of no scene in particular comes after the last.
+    size_t index = 0;  // Of the frame, finding or disturbance.
+    What what = What::Actual;
+    char flow = 0;      // Stage: the flow's phase; 0 for none.
+    int32_t stage = 0;  // Stage: which. InFlight: one more or one less.
+};
+
+// What encloses goes before what it encloses; the rest is for the order not to be left to chance.
+bool IsBefore(const Item& one, const Item& other) {
+    const auto key = [](const Item& item) {
+        return std::tuple(item.span.begin, -item.span.end, item.scene, item.what, item.index,
+                          item.stage);
+    };
+    return key(one) < key(other);
+}
+
+struct IsAfter {
+    bool operator()(const Item& one, const Item& other) const { return IsBefore(other, one); }
+};
+
+// Slices of one kind, on as many threads as overlap.
+struct Track {
+    std::string name;
+    int64_t order = 0;
+    Lanes lanes;
+    std::vector<int64_t> threads;  // A lane each.
+};
+
+struct SceneTracks {
+    Track findings, expected, actual;
+    std::vector<Track> stages;
+    int64_t firstFlow = 0;  // Its frames' flows are numbered from here.
+    int64_t inFlight = 0;
+};
+
+class TraceWriter {
+  public:
+    TraceWriter(std::ostream& stream, const Account& told) : out(stream), account(told) {}
+
+    void Write() {
+        const std::vector<Item> items = Everything();
+        origin = items.empty() ? 0 : items.front().span.begin;
+        text = "{\"traceEvents\":[\n";
+        NameProcesses();
+        // What a frame leads to is made when its turn comes, and kept until nothing earlier can.
+        std::priority_queue<Item, std::vector<Item>, IsAfter> waiting;
+        for (const Item& item : items) {
+            for (; !waiting.empty() && IsBefore(waiting.top(), item); waiting.pop()) {
+                Write(waiting.top());
+            }
+            waiting.push(item);
+            if (item.what == What::Actual) {
+                AddPartsOf(item, waiting);
+            }
+        }
+        for (; !waiting.empty(); waiting.pop()) {
+            Write(waiting.top());
+        }
+        text += "\n]}\n";
+        out << text;
+    }
+
+  private:
+    // All frames, findings and disturbances that have a time, in order.
+    std::vector<Item> Everything() const {
+        std::vector<Item> items;
+        const auto add = [&items](size_t scene, What what, size_t index, Span span) {
+            if (span.begin != NO_TIME) {
+                items.push_back({span, scene, index, what});
+            }
+        };
+        const auto addFindings = [&add](size_t scene, const auto& findings, Micros otherwise) {
+            for (size_t i = 0; i < findings.size(); ++i) {
+                const Micros time = findings[i].time == NO_TIME ? otherwise : findings[i].time;
+                add(scene, What::Finding, i, {time, time});
+            }
+        };
+        for (size_t s = 0; s < account.scenes.size(); ++s) {
+            const Scene& scene = account.scenes[s];
+            const Frame* before = nullptr;  // The last one that came out.
+            for (size_t i = 0; i < scene.frames.size(); ++i) {
+                const Frame& frame = scene.frames[i];
+                const Span actual = SpanOf(scene, i);
+                add(s, What::Actual, i, actual);
+                if (before != nullptr && frame.number > before->number) {
+                    const Micros due =
+                        before->output + PeriodOf(scene) * (frame.number - before->number);
+                    const Micros begin =
+                        actual.begin == NO_TIME ? due - scene.latency.p50 : actual.begin;
+                    add(s, What::Expected, i, {begin, std::max(begin, due)});
+                }
+                before = frame.output == NO_TIME ? before : &frame;
+            }
+            addFindings(s, scene.findings, scene.begin);
+            for (size_t i = 0; i < scene.disturbances.size(); ++i) {
+                const Micros time = scene.disturbances[i].time;
+                add(s, What::Disturbance, i, {time, time});
+            }
+        }
+        addFindings(account.scenes.size(), account.findings, 0);
+        std::sort(items.begin(), items.end(), IsBefore);
+        return items;
+    }
+
+    // The slices and counters of a frame, none of which is before the frame itself.
+    void AddPartsOf(const Item& frame, auto& parts) const {
+        const Scene& scene = account.scenes[frame.scene];
+        const Frame& told = scene.frames[frame.index];
+        const auto add = [&](What what, Micros time, int32_t change) {
+            parts.push({{time, time}, frame.scene, frame.index, what, 0, change});
+        };
+        if (told.start != NO_TIME) {
+            add(What::InFlight, told.start, 1);
+            add(What::InFlight, told.end == NO_TIME ? frame.span.end : told.end, -1);
+        }
+        if (told.interval != NO_TIME && told.output != NO_TIME) {
+            add(What::Interval, told.output, 0);
+        }
+        std::vector<Item> stages;
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            const Span span = SpanOf(scene, frame.index, static_cast<size_t>(stage));
+            if (span.begin != NO_TIME) {
+                stages.push_back({span, frame.scene, frame.index, What::Stage, 't', stage});
+            }
+        }
+        if (!stages.empty()) {
+            std::sort(stages.begin(), stages.end(), IsBefore);
+            stages.back().flow = 'f';
+            stages.front().flow = stages.size() > 1 ? 's' : char(0);
+        }
+        for (const Item& stage : stages) {
+            parts.push(stage);
+        }
+    }
+
+    // A process a scene, and one for what belongs to none.
+    void NameProcesses() {
+        int64_t flows = 0;
+        for (size_t s = 0; s <= account.scenes.size(); ++s) {
+            SceneTracks& made = tracks.emplace_back();
+            made.findings = {"findings", 0, {}, {}};
+            made.expected = {"expected frames", 1, {}, {}};
+            made.actual = {"actual frames", 2, {}, {}};
+            made.firstFlow = flows;
+            const bool isScene = s < account.scenes.size();
+            if (isScene) {
+                const Scene& scene = account.scenes[s];
+                flows += static_cast<int64_t>(scene.frames.size());
+                for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+                    made.stages.push_back(
+                        {StageTitleOf(scene, static_cast<size_t>(stage)), 3 + stage, {}, {}});
+                }
+            } else if (account.findings.empty()) {
+                return;
+            }
+            Name("process", s, 0, isScene ? TitleOf(account, s) : "the capture as a whole",
+                 static_cast<int64_t>(s));
+        }
+    }
+
+    // The thread that has room for the span, named when it is first used.
+    int64_t ThreadOf(Track& track, size_t scene, const Span& span) {
+        const size_t lane = track.lanes.Put(span);
+        if (lane == track.threads.size()) {
+            track.threads.push_back(++threads);
+            Name("thread", scene, threads,
+                 track.name + (lane == 0 ? "" : " (" + std::to_string(lane + 1) + ")"),
+                 track.order * 1000 + static_cast<int64_t>(lane));
+        }
+        return track.threads[lane];
+    }
+
+    void Name(const std::string& kind, size_t scene, int64_t thread, const std::string& name,
+              int64_t order) {
+        Begin('M', scene, thread);
+        Add(",\"name\":\"" + kind + "_name\",\"args\":{\"name\":" + Quote(name) + "}}");
+        Begin('M', scene, thread);
+        Add(",\"name\":\"" + kind + "_sort_index\",\"args\":{\"sort_index\":", order, "}}");
+    }
+
+    void Write(const Item& item) {
+        SceneTracks& own = tracks[item.scene];
+        switch (item.what) {
+            case What::Expected:
+                WriteSlice(own.expected, item, false);
+                Add("}");
+                break;
+            case What::Actual:
+                WriteSlice(own.actual, item, true);
+                Add("}");
+                break;
+            case What::Stage:
+                WriteStage(own, item);
+                break;
+            case What::InFlight:
+                own.inFlight += item.stage;
+                WriteCounter(item, "frames in flight", own.inFlight);
+                break;
+            case What::Interval:
+                WriteCounter(item, "output interval (ms)",
+                             static_cast<double>(FrameOf(item).interval) / 1000);
+                break;
+            case What::Finding:
+                WriteFinding(own, item);
+                break;
+            case What::Disturbance:
+                WriteDisturbance(own, item);
+                break;
+        }
+        if (text.size() > BUFFER) {
+            out << text;
+            text.clear();
+        }
+    }
+
+    // All but the closing brace. Good frames stay quiet: the viewer gives equal words equal
+    // colours.
+    int64_t WriteSlice(Track& track, const Item& item, bool isTold) {
+        const Frame& frame = FrameOf(item);
+        const Look look = LookOf(frame);
+        const int64_t thread = ThreadOf(track, item.scene, item.span);
+        BeginSlice(item.scene, thread, item.span);
+        Add(",\"name\":\"", frame.number);
+        if (isTold && look != Look::Good) {
+            Add(" ", WordOf(look));
+        }
+        Add("\"");
+        if (isTold && (item.what == What::Actual || look != Look::Good)) {
+            Add(",\"args\":{\"status\":\"", NameOf(frame.status),
+                "\",\"late\":", frame.isLate ? "true" : "false");
+            if (frame.reason != Outcome::Forwarded) {
+                Add(",\"reason\":", Quote(ReasonOf(frame.reason)));
+            }
+            Add(",\"line\":", Quote(ToString(account, frame.place)), "}");
+        }
+        return thread;
+    }
+
+    void WriteStage(SceneTracks& own, const Item& item) {
+        const Scene& scene = account.scenes[item.scene];
+        const auto stage = static_cast<size_t>(item.stage);
+        const int64_t thread = WriteSlice(own.stages[stage], item, true);
+        Add("}");
+        const Micros wait = scene.StagesOf(item.index)[stage].wait;
+        if (wait != NO_TIME && wait > 0) {
+            BeginSlice(item.scene, thread,
+                       {item.span.begin, std::min(item.span.begin + wait, item.span.end)});
+            Add(",\"name\":\"waiting\"}");
+        }
+        if (item.flow != 0) {
+            Begin(item.flow, item.scene, thread);
+            Add(",\"ts\":", item.span.begin - origin,
+                ",\"id\":", own.firstFlow + static_cast<int64_t>(item.index),
+                ",\"cat\":\"frame\",\"name\":\"frame\"", item.flow == 's' ? "}" : ",\"bp\":\"e\"}");
+        }
+    }
+
+    void WriteCounter(const Item& item, std::string_view name, auto value) {
+        Begin('C', item.scene, 0);
+        Add(",\"ts\":", item.span.begin - origin, ",\"name\":\"", name,
+            "\",\"args\":{\"value\":", value, "}}");
+    }
+
+    void WriteFinding(SceneTracks& own, const Item& item) {
+        const bool isScene = item.scene < account.scenes.size();
+        const AccountedFinding& finding =
+            (isScene ? account.scenes[item.scene].findings : account.findings)[item.index];
+        WriteInstant(own, item, finding.check);
+        Add(",\"args\":{\"severity\":\"", NameOf(finding.severity),
+            "\",\"message\":", Quote(finding.message),
+            ",\"line\":", Quote(ToString(account, finding.place)), "}}");
+    }
+
+    void WriteDisturbance(SceneTracks& own, const Item& item) {
+        const Disturbance& told = account.scenes[item.scene].disturbances[item.index];
+        WriteInstant(own, item, ToString(told));
+        Add(",\"args\":{\"line\":", Quote(ToString(account, told.place)), "}}");
+    }
+
+    void WriteInstant(SceneTracks& own, const Item& item, std::string_view name) {
+        Begin('i', item.scene, ThreadOf(own.findings, item.scene, item.span));
+        Add(",\"ts\":", item.span.begin - origin, ",\"s\":\"t\",\"name\":", Quote(name));
+    }
+
+    void BeginSlice(size_t scene, int64_t thread, const Span& span) {
+        Begin('X', scene, thread);
+        Add(",\"ts\":", span.begin - origin, ",\"dur\":", span.end - span.begin);
+    }
+
+    void Begin(char phase, size_t scene, int64_t thread) {
+        Add(isFirst ? "" : ",\n", "{\"ph\":\"", std::string_view(&phase, 1),
+            "\",\"pid\":", static_cast<int64_t>(scene) + 1, ",\"tid\":", thread);
+        isFirst = false;
+    }
+
+    template <typename... Parts>
+    void Add(const Parts&... parts) {
+        (AddOne(parts), ...);
+    }
+    void AddOne(std::string_view part) { text += part; }
+    void AddOne(int64_t number) { text += std::to_string(number); }
+    void AddOne(double number) { text += std::to_string(number); }
+
+    const Frame& FrameOf(const Item& item) const {
+        return account.scenes[item.scene].frames[item.index];
+    }
+
+    static constexpr size_t BUFFER = 1 << 16;
+
+    std::ostream& out;
+    const Account& account;
+    std::string text;  // Not yet written.
+    std::vector<SceneTracks> tracks;
+    Micros origin = 0;
+    int64_t threads = 0;
+    bool isFirst = true;
+};
+
+}  // namespace
+
+void WriteTrace(std::ostream& out, const Account& account) {
+    TraceWriter(out, account).Write();
+}
+
+}  // namespace tools
