@@ -572,10 +572,11 @@ class Page {
         }
         const bool isDisturbed = !scene.disturbances.empty();
         const int bottom = CURVE + LANE * (static_cast<int>(lanes.size()) + (isDisturbed ? 1 : 0));
-        out << "<figure class=overview><figcaption>Output interval of each frame, and what became "
-               "of it</figcaption><div class=drawing><div class=rows><div style=\"height:"
-            << CURVE << "px\">interval, up to " << top / 1000 << " ms"
-            << (longest > top ? " and more" : "") << "; dashed: late</div>";
+        out << "<figure class=overview><figcaption>Output interval of each frame (dashed: late), "
+               "and what became of it</figcaption><div class=drawing><div class=rows><div "
+               "style=\"height:"
+            << CURVE << "px\">interval, to " << top / 1000
+            << (longest > top ? " ms and more" : " ms") << "</div>";
         for (const size_t look : lanes) {
             out << "<div style=\"height:" << LANE << "px\">" << MARKS[look] << ' '
                 << WordOf(Look(look)) << ' ' << counts[look] << "</div>";
