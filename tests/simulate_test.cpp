@@ -1,10 +1,18 @@
 // The virtual camera and the forms in which it writes a log.
 
+#include "tools/simulate/simulate.h"
+
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <set>
+#include <sstream>
 #include <string>
 
+#include "host/desktop.h"
 #include "tools/capture/record.h"
+#include "tools/check/check.h"
+#include "tools/simulate/camera.h"
 
 namespace {
 
@@ -52,6 +60,160 @@ TEST(RecordTest, IsWrittenInEveryFormOfLogcat) {
 
     for (const char* name : {"", "brief,", "brief,long", "Brief", "years"}) {
         EXPECT_FALSE(tools::FormatOf(name)) << name;
+    }
+}
+
+// A camera's capture, with the platform set up for it.
+std::string Capture(const tools::Camera& camera, const char* form = "threadtime",
+                    std::ostream* session = nullptr) {
+    desktop::Reset();
+    EXPECT_FALSE(desktop::LoadConfiguration(ToToml(ConfigurationOf(camera)), "camera"));
+    std::ostringstream capture;
+    tools::SimulateOptions options;
+    options.format = *tools::FormatOf(form);
+    options.session = session;
+    const tools::Simulated simulated = Simulate(camera, capture, options);
+    EXPECT_EQ(simulated.frames, camera.frames);
+    return capture.str();
+}
+
+tools::Camera WithFault(tools::Camera camera, const std::string& fault) {
+    camera.faults = {tools::ParseFault(fault)};
+    return camera;
+}
+
+// Which frames a capture shows to have ended boosted, and which came out of the last stage more
+// than 1.5 periods after the one before.
+struct Shown {
+    std::set<int64_t> ended;
+    std::set<int64_t> late;
+};
+
+Shown ShownBy(const tools::Camera& camera) {
+    const std::string frameEnd = "TcfbtNotifyFrameEnd() halFrameNumber = ";
+    const std::string nodeEnd = "TcfbtNotifyNodeEnd() halFrameNumber = ";
+    const std::string lastNode = "nodeName = " + camera.Stages().back().name + ",";
+    Shown shown;
+    double before = 0;
+    std::istringstream capture(Capture(camera, "epoch,usec"));
+    for (std::string line; std::getline(capture, line);) {
+        if (const size_t at = line.find(frameEnd); at != line.npos) {
+            shown.ended.insert(std::stoll(line.substr(at + frameEnd.size())));
+        } else if (line.find(lastNode) != line.npos && line.find(nodeEnd) != line.npos) {
+            const double time = std::stod(line);
+            if (before != 0 && time - before > 1.5 / camera.fps) {
+                shown.late.insert(std::stoll(line.substr(line.find(nodeEnd) + nodeEnd.size())));
+            }
+            before = time;
+        }
+    }
+    return shown;
+}
+
+// All frames from 1 to the last but those.
+std::set<int64_t> AllBut(const tools::Camera& camera, const std::set<int64_t>& missing) {
+    std::set<int64_t> frames;
+    for (int64_t frame = 1; frame < camera.frames; ++frame) {
+        if (missing.count(frame) == 0) {
+            frames.insert(frame);
+        }
+    }
+    return frames;
+}
+
+TEST(SimulateTest, CamerasWithoutFaultsLoseNoFrameAndHaveNoLateOne) {
+    for (uint64_t seed = 0; seed <= 20; ++seed) {
+        tools::Camera camera = seed == 0 ? tools::BuiltinCamera() : tools::RandomCamera(seed);
+        camera.faults.clear();
+        const Shown shown = ShownBy(camera);
+        EXPECT_EQ(shown.ended, AllBut(camera, {})) << seed;
+        EXPECT_EQ(shown.late, std::set<int64_t>()) << seed;
+    }
+}
+
+TEST(SimulateTest, EachFaultCostsTheFramesThatItDoesOnADevice) {
+    const struct {
+        const char* fault;
+        std::set<int64_t> notBoosted;
+        std::set<int64_t> late;
+    } cases[] = {
+        // What never leaves stage 0 leaves a gap: the next frame is not in flight, and the one
+        // after it out of sequence.
+        {"drop:50", {50, 51, 52}, {51}},
+        {"lost:50:0", {50, 51, 52}, {51}},
+        {"unreported:50:0", {50, 51, 52}, {}},
+        {"swap:50:0", {51, 52}, {51}},
+        {"second-port:50:0", {50, 51}, {}},
+        {"lost:50:2", {50}, {51}},
+        {"unreported:50:2", {50}, {}},
+        {"second-port:50:1", {50}, {}},
+        {"unreported:50:4", {50}, {51}},
+        // Times alone. Stages are independent of each other's order.
+        {"swap:50:3", {}, {51}},
+        {"slow:50:2:40", {}, {50}},
+        {"stall:50:40", {}, {50}},
+    };
+    tools::Camera camera = tools::BuiltinCamera();
+    camera.frames = 100;
+    for (const auto& [fault, notBoosted, late] : cases) {
+        const Shown shown = ShownBy(WithFault(camera, fault));
+        EXPECT_EQ(shown.ended, AllBut(camera, notBoosted)) << fault;
+        EXPECT_EQ(shown.late, late) << fault;
+    }
+
+    // Lines are missing from the capture alone.
+    const std::string whole = Capture(camera);
+    std::string cut = whole;
+    size_t at = whole.rfind('\n', whole.find("NodeEnd() halFrameNumber = 50,")) + 1;
+    for (int line = 0; line < 30; ++line) {
+        cut.erase(at, cut.find('\n', at) + 1 - at);
+    }
+    EXPECT_EQ(Capture(WithFault(camera, "log-lost:50:30")), cut);
+
+    // A pipeline that cannot keep up: the sensor drops what there is no buffer for, and nothing
+    // grows without bounds.
+    camera.nodes.front().median = 25'000;
+    EXPECT_LT(ShownBy(camera).ended.size(), 80U);
+}
+
+TEST(SimulateTest, TheSameSeedGivesTheSameCapture) {
+    const tools::Camera camera = tools::RandomCamera(7);
+    EXPECT_EQ(Capture(camera), Capture(camera));
+    tools::Camera other = camera;
+    other.seed = 8;
+    EXPECT_NE(Capture(camera), Capture(other));
+    // Whatever it is built with.
+    EXPECT_EQ(ToString(camera.faults.front()), "second-port:41:2");
+}
+
+TEST(SimulateTest, WhatIsWrongWithACameraIsSaidWithItsPlace) {
+    const std::string node = "[[node]]\nname='A'\nports=[1]\nmedian=2\nspread=1\n";
+    EXPECT_EQ(tools::ParseCamera(node, "c").nodes.front().median, 2000);
+    const struct {
+        std::string toml;
+        std::string message;
+    } cases[] = {
+        {"fps = 60\nfps = 30\n", "c:2:7: error: "},
+        {node + "widht = 1\n", "c:6:1: error: \"widht\" is not a key here"},
+        {"fps = 0\n" + node, "c:1:7: error: fps: expected a whole number from 1 to 1000"},
+        {"faults = ['drop:5', 'drip:5']\n" + node, "c:1:21: error: \"drip:5\" is not a fault"},
+        {"[[node]]\nname='A'\n", "c:1:1: error: ports: expected a list of ports"},
+        {"fps = 60\n", "c:1:1: error: node: expected the nodes"},
+        {"[[node]]\nbranch=true\n" + node.substr(9), "c:1:1: error: node: expected the nodes"},
+    };
+    for (const auto& [toml, message] : cases) {
+        try {
+            tools::ParseCamera(toml, "c");
+            ADD_FAILURE() << toml;
+        } catch (const tools::CameraError& error) {
+            EXPECT_EQ(std::string(error.what()).substr(0, message.size()), message);
+        }
+    }
+    const tools::Camera camera = tools::BuiltinCamera();
+    for (const char* fault :
+         {"", "drop", "drop:", "drop:0", "drop:1:2", "drop:x", "lost:5", "slow:5:1", "slow:5:1:-3",
+          "stall:5:1 ", "drop:600", "swap:599:1", "lost:5:5", "second-port:5:2"}) {
+        EXPECT_THROW(CheckFaults(WithFault(camera, fault)), tools::CameraError) << fault;
     }
 }
 

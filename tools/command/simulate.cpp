@@ -109,6 +109,9 @@ int RunSimulate(const Arguments& arguments) {
         return BAD_INPUT;
     }
 
+    if (arguments.output == arguments.session) {
+        FailUsage("--output and --session are the same file");
+    }
     Output capture(arguments.output);
     std::unique_ptr<Output> session;
     if (!arguments.session.empty()) {
@@ -165,8 +168,9 @@ void AddSimulate(CLI::App& app, Run& run) {
     command->add_option("--form", arguments->form,
                         "The log's form, as logcat's -v has it: brief, process, tag, thread, raw,\n"
                         "time, threadtime, long; with modifiers: threadtime,year,usec");
-    command->add_option("--session", arguments->session,
-                        "Writes the calls here, as a session that replay plays");
+    command->add_option(
+        "--session", arguments->session,
+        "Writes the calls here, as a session that replay plays, given the same --config");
     command->callback([arguments, &run] { run = [arguments] { return RunSimulate(*arguments); }; });
 }
 

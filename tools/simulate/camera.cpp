@@ -100,8 +100,7 @@ class TableReader {
     void Expect(bool holds, const toml::node& node, std::string_view key,
                 std::string_view expected) const {
         if (!holds) {
-            Fail(node.source().begin,
-                 std::string(key) + " must be given: " + std::string(expected));
+            Fail(node.source().begin, std::string(key) + ": expected " + std::string(expected));
         }
     }
 
