@@ -202,7 +202,7 @@ void Investigation::Examine(const Observed& seen, size_t position) {
             delay->evicted.Add(seen.number);
             cause = delay;
         } else {
-            cause = FindStatusCause(seen, frame, stageNotLeft);
+            cause = FindStatusCause(seen, frame, scene.StagesOf(position), stageNotLeft);
         }
         JoinWaiting(seen, position);
         if (cause == nullptr) {
@@ -214,8 +214,9 @@ void Investigation::Examine(const Observed& seen, size_t position) {
         frame.hasFinding = true;
     }
     hasStarted = hasStarted || seen.isStarted;
-    recent.push_back({seen.number, cause == nullptr ? 0 : cause->id, frame.output == NO_TIME,
-                      !HasEnded(seen, 0) || frame.status == FrameStatus::Unseen ||
+    recent.push_back({seen.number, cause == nullptr ? 0 : cause->id, frame.output,
+                      seen.overtakenStage == 0 || !HasEnded(seen, 0) ||
+                          frame.status == FrameStatus::Unseen ||
                           frame.status == FrameStatus::Refused || seen.repeatedStage == 0});
     if (recent.size() > 8) {
         recent.pop_front();
@@ -225,20 +226,28 @@ void Investigation::Examine(const Observed& seen, size_t position) {
 
 // Why the frame's status is what it is; null where nothing is wrong with it.
 Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, const Frame& frame,
+                                                       std::span<const StageTimes> times,
                                                        int32_t stageNotLeft) {
     const std::string name = "frame " + Number(seen.number);
     const bool isComplete = frame.status == FrameStatus::Complete;
+    // Of a frame that is lost, the line that last tells of it is the one to look at.
+    const auto index = static_cast<size_t>(stageNotLeft);
+    Observed last = seen;
+    last.trouble = stageNotLeft > 0 ? seen.ends[index - 1].place : frame.place;
+    last.troubleTime = stageNotLeft > 0 ? times[index - 1].end : frame.start;
     if (seen.isDoubtful && (seen.isLineMissing || !isComplete)) {
         const auto open = std::find_if(
             troubles.begin(), troubles.end(),
             [](const Trouble& trouble) { return trouble.finding.check == "lines-lost"; });
         Trouble& trouble =
-            open != troubles.end() ? *open : Raise("lines-lost", Severity::Warning, seen, -1, "");
+            open != troubles.end() ? *open : Raise("lines-lost", Severity::Warning, last, -1, "");
         trouble.costsFrame = false;
-        if (seen.isLineMissing && trouble.untold.count == 0 && trouble.lines == 0) {
-            trouble.finding.frame = seen.number;
-            trouble.finding.place = seen.trouble;
-            trouble.finding.time = seen.troubleTime;
+        // The best to name is the first that nobody saw come out of the first stage.
+        if (!trouble.namesFrame) {
+            trouble.namesFrame = !HasEnded(seen, 0);
+            if (trouble.namesFrame || !trouble.finding.frame) {
+                trouble.finding.frame = seen.number;
+            }
         }
         if (!isComplete) {
             trouble.untold.Add(seen.number);
@@ -246,7 +255,6 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
         return &trouble;
     }
 
-    const auto index = static_cast<size_t>(stageNotLeft);
     const bool hasStageLeft = stageNotLeft < scene.stageCount;
     const bool wentOn = hasStageLeft && (seen.ended >> stageNotLeft != 0 || seen.hasEnded);
     const bool isAnyStageHit = std::any_of(progress.newest.begin(), progress.newest.end(),
@@ -261,6 +269,11 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
         isAnyStageHit && hasStageLeft ? progress.newest[index] : progress.newestEnded;
     const bool isLost = !wentOn && !seen.IsThrough(scene.stageCount) &&
                         overtaker != Progress::NONE && overtaker > seen.index;
+    const auto raiseLost = [&](const char* how) {
+        return &Raise("frame-lost", Severity::Error, last, stageNotLeft,
+                      name + " never left " +
+                          (hasStageLeft ? StageName(stageNotLeft) : "the pipeline") + how);
+    };
     const auto raiseRepeat = [&](Severity severity) {
         const auto& first = seen.ends[static_cast<size_t>(seen.repeatedStage)];
         const std::string stage = name + ": " + StageName(seen.repeatedStage);
@@ -286,6 +299,16 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
             if (seen.isDuplicate) {
                 Trouble& trouble = Raise("duplicate-frame", Severity::Warning, seen, -1,
                                          name + " was started again while it was in flight");
+                trouble.costsFrame = false;
+                return &trouble;
+            }
+            if (seen.overtakenStage >= 0) {
+                // Only the first stage's order matters to the library.
+                Trouble& trouble = Raise(
+                    "stage-order", seen.overtakenStage == 0 ? Severity::Error : Severity::Warning,
+                    seen, seen.overtakenStage,
+                    name + " left " + StageName(seen.overtakenStage) +
+                        " after the frame behind it");
                 trouble.costsFrame = false;
                 return &trouble;
             }
@@ -332,9 +355,7 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
         case FrameStatus::Evicted:
         case FrameStatus::Open:
             if (isLost) {
-                return &Raise("frame-lost", Severity::Error, seen, stageNotLeft,
-                              name + " never left " +
-                                  (hasStageLeft ? StageName(stageNotLeft) : "the pipeline"));
+                return raiseLost("");
             }
             if (wentOn && frame.status == FrameStatus::Open) {
                 return &Raise(
@@ -353,8 +374,7 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
     }
 
     if (seen.isReportedByHal && isLost) {
-        return &Raise("frame-lost", Severity::Error, seen, stageNotLeft,
-                      name + " never left " + StageName(stageNotLeft) + ", as the HAL reported");
+        return raiseLost(", as the HAL reported");
     }
     if (seen.violation == Outcome::Forwarded) {
         return &Raise("frame-reported", Severity::Warning, seen, frame.stage,
@@ -406,7 +426,9 @@ Investigation::Trouble* Investigation::FindDelay(const Observed& seen, const Fra
     const Micros period = progress.intervals.Median();
     const Micros excess = frame.interval - period;
     Micros missing = 0;
-    for (auto before = recent.rbegin(); before != recent.rend() && before->leftNoOutput; ++before) {
+    for (auto before = recent.rbegin();
+         before != recent.rend() && (before->output == NO_TIME || before->output >= frame.output);
+         ++before) {
         missing += period;
         Trouble* trouble = before->trouble != 0 ? Find(before->trouble) : nullptr;
         if (trouble != nullptr && excess - missing < period / 2) {
@@ -440,6 +462,7 @@ Investigation::Trouble* Investigation::FindDelay(const Observed& seen, const Fra
                              " ms (usual: " + Milliseconds(progress.works[i].Median()) + ")";
     const std::string name = "frame " + Number(seen.number);
     Observed moment = seen;
+    moment.trouble = seen.ends[i].place;
     moment.troubleTime = times[i].end;
     if (stage == 0 && !IsCaughtUp(position, longestWork)) {
         Trouble& trouble =

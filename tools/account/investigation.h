@@ -10,6 +10,7 @@
 #include <limits>
 #include <list>
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -21,19 +22,19 @@ namespace tools {
 // What has been seen of a frame, beyond what the account says of it.
 struct Observed {
     int64_t number = 0;
-    size_t index = 0;              // Counts the scene's frames from 0.
-    bool isStarted = false;        // Admitted in sequence.
-    bool isAdmitted = false;       // Admitted, in sequence or in error.
-    bool isFollower = false;       // Others were in flight when it was started.
-    bool hasEnded = false;         // Its end was told, whatever came of that.
-    bool isSilent = false;         // An event of it was refused without a line.
-    bool isGone = false;           // It was not in flight although it should have been.
-    bool isDuplicate = false;      // Was started again while it was in flight.
-    bool isReportedByHal = false;  //
-    bool isEarly = false;          // What came before it is not in the capture.
-    bool isDoubtful = false;       // Lines that tell of it are missing.
-    bool isLineMissing = false;    // It is the one that shows that.
-    uint64_t ended = 0;            // A bit a stage that was told to have ended.
+    size_t index = 0;          // Counts the scene's frames from 0.
+    bool isStarted = false;    // Admitted in sequence.
+    bool isAdmitted = false;   // Admitted, in sequence or in error.
+    bool isFollower = false;   // Others were in flight when it was started.
+    bool hasEnded = false;     // Its end was told, whatever came of that.
+    bool isSilent = false;     // An event of it was refused without a line.
+    bool isGone = false;       // It was not in flight although it should have been.
+    bool isDuplicate = false;  // Was started again while it was in flight.
+    bool isReportedByHal = false;
+    bool isEarly = false;        // What came before it is not in the capture.
+    bool isDoubtful = false;     // Lines that tell of it are missing.
+    bool isLineMissing = false;  // It is the one that shows that.
+    uint64_t ended = 0;          // A bit a stage that was told to have ended.
     uint64_t forwardedStarts = 0, forwardedEnds = 0;
     int64_t newestBefore = 0;  // Of a gap: the newest frame then.
     // The first of its stage events that was out of order.
@@ -43,9 +44,12 @@ struct Observed {
     int32_t repeatedStage = -1;
     struct End {
         int32_t port = -1, camera = -1;
+        Place place;
     } repeat;
     std::vector<End> ends;  // A stage each.
-    Place trouble;          // The line of the first of the above.
+    // The first stage that another frame, which was told of later, left earlier.
+    int32_t overtakenStage = -1;
+    Place trouble;  // The line of the first of the above.
     Micros troubleTime = NO_TIME;
 
     bool IsThrough(int32_t stageCount) const {
@@ -117,13 +121,14 @@ class Investigation {
         FrameList unseen, refused, inError, evicted, waited, late, untold;
         Micros longest = 0;
         int64_t lines = 0;
+        bool namesFrame = false;  // The finding's frame is the best to name.
     };
 
     // What was found about the frames before.
     struct Examined {
         int64_t number;
         int64_t trouble;       // 0 for none.
-        bool leftNoOutput;     // Nothing of it came out.
+        Micros output;         // NO_TIME: nothing of it came out.
         bool opensNoFollower;  // Its end of stage 0 did not open the next frame.
     };
 
@@ -148,8 +153,8 @@ class Investigation {
     Trouble* Find(int64_t id);
     Trouble* CauseBefore(const Observed& seen);
     int32_t StageNotLeft(const Observed& seen) const;
-    Trouble* FindCause(const Observed& seen, Frame& frame, int32_t stageNotLeft);
-    Trouble* FindStatusCause(const Observed& seen, const Frame& frame, int32_t stageNotLeft);
+    Trouble* FindStatusCause(const Observed& seen, const Frame& frame,
+                             std::span<const StageTimes> times, int32_t stageNotLeft);
     Trouble* FindDelay(const Observed& seen, const Frame& frame, size_t position);
     bool IsCaughtUp(size_t position, Micros excess) const;
     void JoinWaiting(const Observed& seen, size_t position);

@@ -297,10 +297,10 @@ void SceneAccount::OnStageEnd(const Step& step, const Event& event, bool isLast)
     if (stage >= 0 && stage < scene.stageCount && event.outcome != Outcome::NoSuchStage) {
         const auto index = static_cast<size_t>(stage);
         const uint64_t bit = uint64_t{1} << stage;
-        Observed::End end;
+        Observed::End end{-1, -1, PlaceOf(step, event)};
         if (step.call.arguments.size() > 3) {  // A node end.
             end = {std::get<int32_t>(step.call.arguments[2]),
-                   std::get<int32_t>(step.call.arguments[3])};
+                   std::get<int32_t>(step.call.arguments[3]), PlaceOf(step, event)};
             if (scene.stageNames[index].empty()) {
                 scene.stageNames[index] = std::get<std::string>(step.call.arguments[1]);
             }
@@ -314,6 +314,11 @@ void SceneAccount::OnStageEnd(const Step& step, const Event& event, bool isLast)
         } else {
             seen.ended |= bit;
             seen.ends[index] = end;
+            if (seen.overtakenStage < 0 && progress.newest[index] != Progress::NONE &&
+                progress.newest[index] > seen.index) {
+                NoteTrouble(seen, step, event);
+                seen.overtakenStage = stage;
+            }
             if (progress.newest[index] == Progress::NONE || progress.newest[index] < seen.index) {
                 progress.newest[index] = seen.index;
             }
@@ -513,8 +518,13 @@ void SceneAccount::Settle(size_t keep) {
         Frame& frame = FrameOf(seen);
         investigation.Examine(seen, first - forgotten);
         ++scene.statusCounts[static_cast<size_t>(frame.status)];
-        for (Held& held : table) {
-            held.isSettled = held.isSettled || held.index == first;
+        const auto held = std::find_if(table.begin(), table.end(),
+                                       [first](const Held& entry) { return entry.index == first; });
+        if (held != table.end()) {
+            held->isSettled = true;
+            if (seen.isDoubtful) {
+                table.erase(held);  // Its end may be among what is missing.
+            }
         }
         window.pop_front();
         if (!options.keepsFrames && first - forgotten > KEPT) {
@@ -538,11 +548,6 @@ void SceneAccount::Judge(size_t position) {
         return;
     }
     judgedOne.isLineMissing = true;
-    if (judgedOne.trouble.line == 0) {
-        const Frame& frame = FrameOf(judgedOne);
-        judgedOne.trouble = frame.place;
-        judgedOne.troubleTime = frame.start;
-    }
     const auto reach = static_cast<size_t>(scene.stageCount) + 2;
     for (size_t i = position - std::min(position, reach);
          i < std::min(position + reach, window.size()); ++i) {
@@ -562,7 +567,11 @@ bool SceneAccount::IsLineMissing(size_t position) const {
     // Stages that were forwarded have all run in order: each that started but the last has ended.
     const bool isContiguous = (starts & (starts + 1)) == 0 && (ends & (ends + 1)) == 0 &&
                               (ends == starts || ends == starts >> 1);
-    if (!isContiguous) {
+    // A frame may be ended without its stages, but not in a scene where others go through them.
+    const bool lacksStages = frame.status == FrameStatus::Complete && scene.stageCount > 0 &&
+                             progress.newest.back() != Progress::NONE &&
+                             std::countr_one(seen.ended) < scene.stageCount;
+    if (!isContiguous || lacksStages) {
         return true;
     }
     const bool isBad = frame.status == FrameStatus::Refused ||
