@@ -212,8 +212,14 @@ TEST_F(FrameTrackerTest, EndsTheProcessWhenAStageWasNotAdmitted) {
     EXPECT_EQ(Stage(1, 0, START), "yes") << "a new frame has all its stages";
     tracker.stageCount = 1;
     EXPECT_EQ(Stage(1, 0, END), "yes") << "and may have more than there are by now";
+    EXPECT_EQ(End(1), "yes");
+    Start(2);
+    EXPECT_EQ(Stage(2, 0, START), "yes");
+    EXPECT_EQ(Stage(2, 0, END), "yes");
+    tracker.stageCount = 2;
+    ExpectAbort([this] { Stage(2, 1, START); });  // Frame 1 had that stage, frame 2 has not.
     tracker.stageCount = -1;
-    ExpectAbort([this] { Start(2); });
+    ExpectAbort([this] { Start(3); });
 }
 
 }  // namespace
