@@ -1,5 +1,6 @@
 # What `cmake --install` puts in place: the library with its public headers, a CMake package and a
-# pkg-config file; on a desktop also the platform that the library is linked with.
+# pkg-config file; on a desktop also the platform that the library is linked with, and the command
+# with its manual page, its completion for bash and its sample files.
 
 include(CMakePackageConfigHelpers)
 
@@ -30,3 +31,18 @@ file(RELATIVE_PATH PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/tarvocameraframeboost.pc.in tarvocameraframeboost.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tarvocameraframeboost.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+if(NOT ANDROID)
+    file(RELATIVE_PATH from_bin_to_lib /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
+    set_target_properties(cameraframeboost PROPERTIES INSTALL_RPATH $ORIGIN/${from_bin_to_lib})
+    install(TARGETS cameraframeboost)
+    # Not there in builds for other processors without an emulator.
+    install(FILES ${PROJECT_BINARY_DIR}/tools/cameraframeboost.1 OPTIONAL
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES tools/command/completion.bash RENAME cameraframeboost
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+    install(FILES host/sample_configuration.toml
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
+    install(DIRECTORY examples/cameras examples/sessions
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
+endif()

@@ -80,31 +80,46 @@ int RunReplay(Arguments& arguments) {
 
 void AddReplay(CLI::App& app, Run& run) {
     CLI::App* command = app.add_subcommand(
-        "replay",
-        "Plays a camera session against the library and shows, under each HAL call, what the\n"
-        "boost service was told");
-    command->footer("\n" + DescribeFormat());
+        "replay", "Plays a camera session and shows what the boost service would be told");
+    command->footer(
+        "\nUnder each HAL call stands what the boost service was told; !! marks a frame that was\n"
+        "reported as bad, and a dash what was refused, and why. A summary ends it.\n\n" +
+        DescribeFormat() +
+        "\nFor example, two seconds of video in which the sensor drops two frames:\n\n"
+        "  TcfbtSetSceneInfo true 3840 60\n"
+        "  TcfbtNotifySceneStart 0x8001\n"
+        "  PlayRecording 60\n"
+        "  # Frames 61 and 62 never come.\n"
+        "  PlayRecording 58 63\n"
+        "  TcfbtNotifySceneEnd\n");
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<Arguments>();
     ReplayOptions& options = arguments->options;
-    command->add_option("SESSION", arguments->session, "The session file; - for standard input")
-        ->required();
-    command->add_option("--config", arguments->configuration,
-                        "A TOML file for the configuration store instead of the built-in sample");
-    command->add_option("--log", arguments->log,
-                        "Write what the library logs to this file, as logcat would have captured "
-                        "it; - for standard output, instead of the transcript");
+    command->add_option("SESSION", arguments->session, "The session file")
+        ->required()
+        ->type_name("");
+    command
+        ->add_option("--config", arguments->configuration,
+                     "A TOML file for the configuration store instead of the built-in sample")
+        ->type_name("FILE");
+    command
+        ->add_option("--log", arguments->log,
+                     "Write what the library logs, as logcat would have captured it; - takes the\n"
+                     "transcript's place")
+        ->type_name("FILE");
     command->add_flag("--debug", options.withDebug,
                       "Debug property and trace tags on: show log lines and trace counters");
     command
         ->add_option("--status", arguments->statuses,
-                     "What a service call answers, such as cfbtFrameStart=7")
+                     "What a service function answers, such as cfbtFrameStart=7; may be repeated")
+        ->type_name("FUNCTION=STATUS")
         ->expected(1)
         ->take_all();
     command->add_flag("--real-time", options.pace.isRealTime,
                       "Let waits and recordings take their time");
     command->add_flag("--quiet", options.isQuiet, "Show the summary alone");
-    command->add_flag("--json", options.isJson, "Show JSON objects, one a line");
+    command->add_flag("--json", options.isJson,
+                      "Show JSON objects, one a line; times in milliseconds from the beginning");
     command->callback([arguments, &run] { run = [arguments] { return RunReplay(*arguments); }; });
 }
 
