@@ -9,9 +9,9 @@
 #include <sstream>
 #include <string>
 
-#include "host/desktop.h"
 #include "tools/capture/record.h"
 #include "tools/check/check.h"
+#include "tools/play/replay.h"
 #include "tools/simulate/camera.h"
 
 namespace {
@@ -66,8 +66,8 @@ TEST(RecordTest, IsWrittenInEveryFormOfLogcat) {
 // A camera's capture, with the platform set up for it.
 std::string Capture(const tools::Camera& camera, const char* form = "threadtime",
                     std::ostream* session = nullptr) {
-    desktop::Reset();
-    EXPECT_FALSE(desktop::LoadConfiguration(ToToml(ConfigurationOf(camera)), "camera"));
+    const tools::NamedText configuration{"camera", ToToml(ConfigurationOf(camera))};
+    EXPECT_TRUE(tools::PreparePlatform(configuration, [](const tools::Finding&) {}));
     std::ostringstream capture;
     tools::SimulateOptions options;
     options.format = *tools::FormatOf(form);
@@ -97,9 +97,10 @@ Shown ShownBy(const tools::Camera& camera) {
     double before = 0;
     std::istringstream capture(Capture(camera, "epoch,usec"));
     for (std::string line; std::getline(capture, line);) {
-        if (const size_t at = line.find(frameEnd); at != line.npos) {
+        if (const size_t at = line.find(frameEnd); at != std::string::npos) {
             shown.ended.insert(std::stoll(line.substr(at + frameEnd.size())));
-        } else if (line.find(lastNode) != line.npos && line.find(nodeEnd) != line.npos) {
+        } else if (line.find(lastNode) != std::string::npos &&
+                   line.find(nodeEnd) != std::string::npos) {
             const double time = std::stod(line);
             if (before != 0 && time - before > 1.5 / camera.fps) {
                 shown.late.insert(std::stoll(line.substr(line.find(nodeEnd) + nodeEnd.size())));
@@ -114,7 +115,7 @@ Shown ShownBy(const tools::Camera& camera) {
 std::set<int64_t> AllBut(const tools::Camera& camera, const std::set<int64_t>& missing) {
     std::set<int64_t> frames;
     for (int64_t frame = 1; frame < camera.frames; ++frame) {
-        if (missing.count(frame) == 0) {
+        if (!missing.contains(frame)) {
             frames.insert(frame);
         }
     }
@@ -174,6 +175,44 @@ TEST(SimulateTest, EachFaultCostsTheFramesThatItDoesOnADevice) {
     // grows without bounds.
     camera.nodes.front().median = 25'000;
     EXPECT_LT(ShownBy(camera).ended.size(), 80U);
+}
+
+// A line of a capture without the thread, which a session does not know.
+std::string WithoutThreads(const std::string& capture) {
+    std::istringstream lines(capture);
+    std::string text;
+    for (std::string line; std::getline(lines, line);) {
+        text += line.erase(std::string("01-01 12:00:00.000  1000 ").size(), 6) + '\n';
+    }
+    return text;
+}
+
+// As random cameras come with random faults, ten of them have every kind.
+TEST(SimulateTest, ASessionOfItReplaysToTheSameCapture) {
+    std::set<tools::FaultKind> kinds;
+    for (uint64_t seed = 1; seed <= 10; ++seed) {
+        tools::Camera camera = tools::RandomCamera(seed);
+        std::stringstream session;
+        Capture(camera, "threadtime", &session);
+        for (const tools::Fault& fault : camera.faults) {
+            kinds.insert(fault.kind);
+        }
+        // What a capture lacks was written by the library all the same.
+        std::erase_if(camera.faults, [](const tools::Fault& fault) {
+            return fault.kind == tools::FaultKind::LogLost;
+        });
+        const std::string expected = Capture(camera);
+
+        tools::ReplayOptions options;
+        options.configuration = {"camera", ToToml(ConfigurationOf(camera))};
+        std::ostringstream log;
+        options.log = &log;
+        std::ostringstream transcript;
+        std::ostringstream errors;
+        ASSERT_TRUE(Replay(options, session, "session", transcript, errors)) << errors.str();
+        EXPECT_EQ(WithoutThreads(log.str()), WithoutThreads(expected)) << seed;
+    }
+    EXPECT_EQ(kinds.size(), tools::FAULT_KINDS);
 }
 
 TEST(SimulateTest, TheSameSeedGivesTheSameCapture) {

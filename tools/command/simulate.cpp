@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "host/desktop.h"
 #include "tools/command/command.h"
+#include "tools/play/replay.h"
 
 namespace tools {
 namespace {
@@ -60,20 +60,6 @@ Camera CameraOf(const Arguments& arguments) {
     return camera;
 }
 
-// Lets the store serve the file, and tells what is wrong with it. False when the library cannot be
-// loaded with it.
-bool Configure(const std::string& path, Camera& camera) {
-    const std::string toml = ReadAll(path);
-    const CheckedConfiguration checked = CheckConfiguration(toml);
-    for (const Finding& finding : checked.findings) {
-        std::cerr << ToString(finding, path) << '\n';
-    }
-    if (!camera.mode && !checked.table.modes.empty()) {
-        camera.mode = checked.table.modes.front();
-    }
-    return checked.isReadable && !checked.endsProcess && !desktop::LoadConfiguration(toml, path);
-}
-
 void ShowSummary(const Camera& camera, const Simulated& simulated) {
     std::cerr << simulated.frames << " frames at " << camera.fps << " fps through "
               << camera.Stages().size() << " stages (seed " << camera.seed
@@ -96,7 +82,7 @@ void ShowSummary(const Camera& camera, const Simulated& simulated) {
 }
 
 int RunSimulate(const Arguments& arguments) {
-    Camera camera = CameraOf(arguments);
+    const Camera camera = CameraOf(arguments);
     SimulateOptions options;
     if (const auto format = FormatOf(arguments.form)) {
         options.format = *format;
@@ -104,8 +90,14 @@ int RunSimulate(const Arguments& arguments) {
         FailUsage("--form is \"" + arguments.form +
                   "\", expected a form of logcat and modifiers, such as threadtime,year,usec");
     }
-    desktop::Reset();
-    if (!arguments.configuration.empty() && !Configure(arguments.configuration, camera)) {
+    std::optional<NamedText> configuration;
+    if (!arguments.configuration.empty()) {
+        configuration = {arguments.configuration, ReadAll(arguments.configuration)};
+    }
+    const auto tell = [&configuration](const Finding& finding) {
+        std::cerr << ToString(finding, configuration->name) << '\n';
+    };
+    if (!PreparePlatform(configuration, tell)) {
         return BAD_INPUT;
     }
 

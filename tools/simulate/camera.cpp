@@ -113,7 +113,7 @@ class TableReader {
     // To be called when all is read.
     void ExpectNoMore() const {
         for (const auto& [key, value] : table) {
-            if (known.count(key.str()) == 0) {
+            if (!known.contains(key.str())) {
                 Fail(key.source().begin, Quoted(key.str()) + " is not a key here");
             }
         }
@@ -201,8 +201,8 @@ std::string Describe(const Fault& fault, const Camera& camera) {
     const FaultForm& form = FormOf(fault.kind);
     std::string text(form.meaning);
     const auto fillIn = [&text](std::string_view word, const std::string& value) {
-        const size_t at = word.empty() ? text.npos : text.find(word);
-        if (at != text.npos) {
+        const size_t at = word.empty() ? std::string::npos : text.find(word);
+        if (at != std::string::npos) {
             text.replace(at, word.size(), value);
         }
     };

@@ -75,7 +75,7 @@ struct Camera {
     int64_t buffers = 12;  // The sensor drops what comes while so many are in the pipeline.
     int32_t id = 0;
     bool isMaster = true;
-    std::optional<int32_t> mode;  // Else 0x8001, the sample configuration's first.
+    std::optional<int32_t> mode;  // Else the first configured one.
     std::vector<CameraNode> nodes;
     std::vector<Fault> faults;
 

@@ -1,31 +1,31 @@
 #include "tools/simulate/simulate.h"
 
+#include <algorithm>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <queue>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "cameraframeboost/tarvocameraframeboost.h"
 #include "host/desktop.h"
 #include "tools/play/log_writer.h"
-#include "tools/session/operations.h"
+#include "tools/play/player.h"
 #include "tools/session/session.h"
 
 namespace tools {
 namespace {
 
-constexpr char DEBUG_PROPERTY[] = "vendor.tarvo.camera.frameboost.debug.enable";
 // The beginning of a capture whose clock counts from the start of the device.
 constexpr int64_t SINCE_BOOT = 5'000'000'000;
 constexpr Micros MILLISECOND = 1000;
-constexpr int32_t SAMPLE_MODE = 0x8001;  // The sample configuration's first operation mode.
 
 // A node at work.
 struct Station {
-    Call report;  // Its node end, for frame and port to be filled in.
+    Line report;  // Its node end, for frame and port to be filled in.
     const CameraNode* node = nullptr;
     int32_t stage = -1;  // -1: a branch.
     int32_t thread = 0;
@@ -34,7 +34,7 @@ struct Station {
     std::optional<int64_t> held;    // Is done, but comes out after the next.
 };
 
-class Simulation : private desktop::Observer {
+class Simulation {
   public:
     Simulation(const Camera& simulated, std::ostream& capture, const SimulateOptions& theOptions)
         : camera(simulated),
@@ -43,16 +43,12 @@ class Simulation : private desktop::Observer {
         for (const Fault& fault : camera.faults) {
             faults.emplace(fault.frame, fault);
         }
-        desktop::SetObserver(this);
     }
-    ~Simulation() override { desktop::SetObserver(nullptr); }
-    Simulation(const Simulation&) = delete;
-    Simulation& operator=(const Simulation&) = delete;
 
     Simulated Run() {
-        TarvoCameraFrameBoost::localConfig = LocalConfig();
-        TarvoCameraFrameBoost::persistTids.clear();
-        TarvoCameraFrameBoost::tempTids.clear();
+        // The library is loaded.
+        player.emplace([this](const Step& step, auto effects) { OnStep(step, effects); },
+                       Player::Pace());
         MakeStations();
         WriteBeginning();
         StartScene();
@@ -85,17 +81,23 @@ class Simulation : private desktop::Observer {
         }
     };
 
-    void OnEffect(const desktop::Effect& effect) override {
-        if (!std::holds_alternative<desktop::LogLine>(effect.event)) {
-            return;
+    void OnStep(const Step& step, std::span<const desktop::Effect> effects) {
+        if (step.loaded && !step.loaded->modes.empty()) {
+            firstMode = step.loaded->modes.front();
         }
-        if (linesToLose > 0) {
-            --linesToLose;
-            ++result.linesLost;
-            return;
+        log.SetMoment(now, thread);
+        for (const desktop::Effect& effect : effects) {
+            if (!std::holds_alternative<desktop::LogLine>(effect.event)) {
+                continue;
+            }
+            if (linesToLose > 0) {
+                --linesToLose;
+                ++result.linesLost;
+            } else {
+                ++result.lines;
+                log.OnEffect(effect);
+            }
         }
-        ++result.lines;
-        log.OnEffect(effect);
     }
 
     // Tells a reader of the session what to expect of it.
@@ -111,20 +113,24 @@ class Simulation : private desktop::Observer {
         }
     }
 
-    // Makes the call now.
-    void Make(const Call& call, int32_t thread) {
+    void Play(const Line& line) {
         if (options.session != nullptr) {
-            if (now > written) {
-                *options.session << WriteLine(Wait{now - std::exchange(written, now)}) << '\n';
-            }
-            *options.session << WriteLine(call) << '\n';
+            *options.session << WriteLine(line) << '\n';
         }
-        log.SetMoment(now, thread);
-        call.operation->call(boost, call.arguments);
+        player->Play(line, 0);
+    }
+
+    // Makes the call now.
+    void Make(const Line& call, int32_t onThread) {
+        if (now > played) {
+            Play(Wait{now - std::exchange(played, now)});
+        }
+        thread = onThread;
+        Play(call);
     }
 
     void Make(const char* operation, std::vector<Value> arguments) {
-        Make({FindOperation(operation), std::move(arguments)}, CAPTURE_PROCESS);
+        Make(Call{FindOperation(operation), std::move(arguments)}, CAPTURE_PROCESS);
     }
 
     void MakeStations() {
@@ -137,9 +143,9 @@ class Simulation : private desktop::Observer {
             }
             last = node.isBranch ? last : index;
             Station& station = stations.emplace_back();
-            station.report = {
-                FindOperation("TcfbtNotifyNodeEnd"),
-                {int64_t{0}, node.name, node.ports.front(), camera.id, camera.isMaster}};
+            station.report =
+                Call{FindOperation("TcfbtNotifyNodeEnd"),
+                     {int64_t{0}, node.name, node.ports.front(), camera.id, camera.isMaster}};
             station.node = &node;
             station.stage = node.isBranch ? -1 : stage++;
             station.thread = CAPTURE_PROCESS + 100 + static_cast<int32_t>(index);
@@ -150,17 +156,17 @@ class Simulation : private desktop::Observer {
     void StartScene() {
         now = 200 * MILLISECOND;
         Make("TcfbtSetVersion", {2});
-        int32_t thread = CAPTURE_PROCESS + 10;
+        int32_t tid = CAPTURE_PROCESS + 10;
         for (const char* manager :
              {"SoloThreadManager", "AuxThreadManager", "RecyclThreadManager"}) {
-            Make("TcfbtAddPersistTids", {std::string(manager), thread++});
+            Make("TcfbtAddPersistTids", {std::string(manager), tid++});
         }
         for (const Station& station : stations) {
             Make("TcfbtAddTempTids", {station.thread});
         }
         now += 20 * MILLISECOND;
         Make("TcfbtSetSceneInfo", {true, camera.width, camera.fps});
-        Make("TcfbtNotifySceneStart", {camera.mode.value_or(SAMPLE_MODE)});
+        Make("TcfbtNotifySceneStart", {camera.mode.value_or(firstMode)});
     }
 
     // The sensor's next frame is due.
@@ -262,8 +268,9 @@ class Simulation : private desktop::Observer {
 
     void Report(Station& station, int64_t frame, size_t port) {
         linesToLose += Take(FaultKind::LogLost, frame).value_or(0);
-        station.report.arguments[0] = frame;
-        station.report.arguments[2] = station.node->ports[port];
+        auto& arguments = std::get<Call>(station.report).arguments;
+        arguments[0] = frame;
+        arguments[2] = station.node->ports[port];
         Make(station.report, station.thread);
     }
 
@@ -283,12 +290,14 @@ class Simulation : private desktop::Observer {
     const Camera& camera;
     const SimulateOptions& options;
     LogWriter log;
-    TarvoCameraFrameBoost boost;
+    std::optional<Player> player;
     std::vector<Station> stations;
     std::priority_queue<Event, std::vector<Event>, std::greater<>> events;
     std::multimap<int64_t, Fault> faults;  // Those to come, by frame.
     Micros now = 0;
-    Micros written = 0;  // The moment that the session has come to.
+    Micros played = 0;                 // The moment that the player has come to.
+    int32_t thread = CAPTURE_PROCESS;  // That calls now.
+    int32_t firstMode = 0;             // Of the configuration.
     uint64_t planned = 0;
     int32_t stageCount = 0;
     int64_t inPipeline = 0;
@@ -300,8 +309,6 @@ class Simulation : private desktop::Observer {
 
 Simulated Simulate(const Camera& camera, std::ostream& capture, const SimulateOptions& options) {
     CheckFaults(camera);
-    desktop::SetLogToStderr(false);
-    desktop::SetProperty(DEBUG_PROPERTY, "true");
     return Simulation(camera, capture, options).Run();
 }
 

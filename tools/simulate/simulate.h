@@ -32,8 +32,8 @@ struct Simulated {
 };
 
 // Writes the capture of a recording of `camera` to `capture`: loading the library, a scene, and its
-// end. The library gets its configuration from the store as that is set up, and the process's
-// platform and library are used up: nobody else may use them meanwhile. Takes memory that does not
+// end. The platform is to be prepared with PreparePlatform, which says what the library is
+// configured to, and nobody else may use it or the library meanwhile. Takes memory that does not
 // depend on the number of frames. Throws a CameraError for faults that the camera cannot have, and
 // whatever writing throws.
 Simulated Simulate(const Camera& camera, std::ostream& capture,
