@@ -19,11 +19,12 @@ Look LookOf(const Frame& frame);
 // "late", "error" and so on; empty for a good frame.
 const char* WordOf(Look look);
 
-// From a beginning to an end, in microseconds; NO_TIME where not known.
+// From a beginning to an end; NO_TIME where not known.
 struct Span {
     Micros begin = NO_TIME;
     Micros end = NO_TIME;
     void Include(Micros time);
+    bool Holds(Micros time) const { return time >= begin && time < end; }
 };
 
 // Between two frames as they should come: of the frame rate described, else as they mostly came.

@@ -36,6 +36,13 @@
             this.addButtons();
             this.listen();
             this.follow(null);
+            // What is to be seen here may be out of sight on a small screen.
+            const first = this.svg.querySelector('.blamed, .f:not(.good)');
+            if (first) {
+                const box = first.getBoundingClientRect();
+                const sight = this.scroll.getBoundingClientRect();
+                this.scroll.scrollLeft = Math.max(0, box.right - sight.left - sight.width * 0.7);
+            }
         }
 
         addButtons() {
