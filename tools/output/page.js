@@ -231,6 +231,7 @@
         const frame = document.getElementById(id);
         const timeline = timelines.find((one) => frame && one.svg.contains(frame));
         if (timeline) {
+            timeline.scroll.focus({ preventScroll: true });
             timeline.figure.scrollIntoView({ block: 'center' });
             timeline.bringIntoSight(frame);
             timeline.follow(frame);
