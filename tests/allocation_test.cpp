@@ -39,7 +39,8 @@ void operator delete(void* memory, size_t /*size*/) noexcept {
     std::free(memory);
 }
 
-// Called before a sanitizer is ready, too.
+// Called before a sanitizer is ready, too. The C library's header has its own names for the two.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" __attribute__((no_sanitize("address", "thread", "undefined"))) void* calloc(
     size_t count, size_t size) noexcept {
     void* memory = allocationsToGo >= 0 && Fails() ? nullptr : std::malloc(count * size);
