@@ -90,6 +90,8 @@ class Checker {
     explicit Checker(std::string_view text) : toml(text) {}
 
     CheckedConfiguration Check() {
+        table.additionalWidth = 0;
+        table.stageCount = 0;
         try {
             CheckFile(toml::parse(toml));
         } catch (const toml::parse_error& error) {
@@ -204,12 +206,12 @@ class Checker {
     }
 
     void CheckWidth(const toml::node* node) {
-        table.additionalWidth = 0;
         if (node == nullptr) {
             return;
         }
-        const std::string is = std::string(WIDTH) + " is " + ValueOf(*node);
         const auto number = node->value_exact<int64_t>();
+        const std::string is =
+            std::string(WIDTH) + " is " + (number ? std::to_string(*number) : ValueOf(*node));
         const char* check = "width";
         const char* problem = nullptr;
         if (!number) {
@@ -538,7 +540,7 @@ class Checker {
                         Quoted(other.node) + ", occurs in this one");
             }
         }
-        if (stage.ports.empty()) {
+        if (stage.ports.empty() && !result.endsProcess) {
             Add("no-ports", isHelped ? Severity::Warning : Severity::Error, place,
                 node + " has no ports" +
                     (isHelped ? ": it ends on those of other stages alone"
