@@ -107,16 +107,78 @@ TEST_F(CheckTest, SaysWhereAndWhat) {
         "[TarvoCameraFrameBoostConfig]\n"
         "cameraFrameBoostEnable = true\n"
         "SupportOperationModeList = [0xFFFF8001]\n"
-        "stage = {0 = ['\u00FC', '1', 'x'], \"\\u001B\" = [],\r\n"
+        "stage = {0 = ['\u00FC', '1', 'x'], \"\\u001B\" = [], "
         "1 = ['Tone', '0x10', ' 2'], 2 = ['ToneMapper']}\r\n");
+    const tools::CheckedFile file{"x.toml", checked, "", {}, {}};
     std::ostringstream text;
-    for (const tools::Finding& finding : checked.findings) {
-        text << ToString(finding, "x.toml").substr(0, 75) << '\n';
+    tools::WriteText(text, file);
+    EXPECT_EQ("\n" + text.str(), R"(
+x.toml:4:26: error: port "x" of stage 0 does not start with a decimal number: the library ends the process while it is being loaded [port-not-a-number]
+x.toml:4:32: error: stage key "\x1B" is never asked for, as stages are named 0, 1, 2 and so on: its list is not read, yet it counts as one of 4 stages, so no frame ever ends [unknown-key]
+x.toml:4:60: error: port "0x10" of stage 1 is read as 0: ports are decimal [port-misread]
+x.toml:4:60: note: stage 1 ends on any one of its 2 ports, which are alternatives. Where a frame comes out on two of them, the second is out of turn, and the frame is reported as an error [several-ports]
+x.toml:4:68: note: port " 2" of stage 1 is read as 2 [port-misread]
+x.toml:4:80: warning: node "ToneMapper" of stage 2 ends its stage on port 0, 2 too: stage 1 lists it, and its name, "Tone", occurs in this one [port-through-other-stage]
+
+x.toml, as the library reads it:
+  It ends the process. Without that:
+  boosting         on
+  accepted widths  3840, 0 (none is configured)
+  operation modes  0xFFFF8001 (-32767)
+  stages           4, 3 of them loaded
+
+  stage  node          ports  names that match
+  0      "\xC3\xBC"    1      *\xC3\xBC*
+  1      "Tone"        0 2    *Tone*, but *ToneMapper* is stage 2's
+  2      "ToneMapper"  none   *ToneMapper*
+  A * stands for any text. Where several names match, the highest stage's counts.
+)");
+    std::ostringstream json;
+    tools::WriteJson(json, {file, file});
+    EXPECT_EQ(std::count(json.str().begin(), json.str().end(), '\x1B'), 0);
+    for (const char* part : {R"("line": 4,)", R"("column": 26,)", R"("severity": "error",)",
+                             R"("check": "port-not-a-number",)", R"("tables": [)",
+                             R"("hexadecimal": "0xFFFF8001")", R"("endsProcess": true,)"}) {
+        EXPECT_NE(json.str().find(part), std::string::npos) << part;
     }
-    EXPECT_EQ(text.str(), "");
-    text.str("");
-    tools::WriteTable(text, "x.toml", checked);
-    EXPECT_EQ(text.str(), "");
+}
+
+// What each node leads to is asked of the library.
+TEST_F(CheckTest, SaysWhatReportedNodesLeadTo) {
+    const auto checked = tools::CheckConfiguration(
+        WithStages("0=['Sensor','1']\n1=['Tone','3']\n2=['ToneMapper','4']\n3=['Enc','5']\n"));
+    std::vector<tools::Finding> findings;
+    auto nodes = tools::ReadNodes(
+        "Sensor0 1 1 # two sensors\n\nSensor1 1 1\n\"tone mapper\" 3 1\nToneMapper 3 1\n"
+        "Enc 5 0\nEnc 9 1\nEnc 5\n\"Enc\nEnc 5 -1\nEnc 5x 1\n",
+        findings);
+    const auto found = CheckNodes(checked.table, nodes);
+    findings.insert(findings.end(), found.begin(), found.end());
+    std::string places;
+    for (const tools::Finding& finding : findings) {
+        places += finding.check + " " + std::to_string(finding.place.line) + "; ";
+    }
+    EXPECT_EQ(places,
+              "unreadable 8; unreadable 9; unreadable 10; unreadable 11; hit-twice 3; near-miss 4; "
+              "port-through-other-stage 5; stage-not-hit 0; stage-not-hit 0; ");
+    ASSERT_EQ(nodes.size(), 6U);
+
+    Configure(tools::ToToml(checked.table));
+    for (const tools::ReportedNode& node : nodes) {
+        TarvoCameraFrameBoost boost;
+        StartScene(boost);
+        boost.TcfbtNotifyFrameStart(1);
+        for (int32_t stage = 0; stage < node.stage; ++stage) {
+            boost.TcfbtNotifyStageStart(stage, 1, 0, 0, "");
+            boost.TcfbtNotifyStageEnd(stage, 1, "");
+        }
+        boost.TcfbtNotifyStageStart(std::max(node.stage, 0), 1, 0, 0, "");
+        recorder.Take();
+        boost.TcfbtNotifyNodeEnd(1, node.node, node.port, 0, true);
+        const std::string expected =
+            node.stage == -1 ? "" : "StageEnd 1/" + std::to_string(node.stage);
+        EXPECT_EQ(Calls().substr(0, 12), expected) << node.node;
+    }
 }
 
 }  // namespace

@@ -337,8 +337,8 @@ class Checker {
             Add("too-many-stages", Severity::Warning, node->source(),
                 Count(stages->size(), "stage") + ", and no more than " +
                     Count(FRAMES_TRACKED, "frame") +
-                    " are tracked: with a frame in each stage the oldest is pushed out and "
-                    "reported before it ends");
+                    " are tracked: with a frame in each stage the next one pushes the oldest out, "
+                    "which is reported and never ends");
         }
     }
 
@@ -417,9 +417,9 @@ class Checker {
         }
         if (ports.size() > 1) {
             Add("several-ports", Severity::Note, (*list)[1].source(),
-                "stage " + number + " ends with a node end on any one of its " +
-                    Count(ports.size(), "port") +
-                    ": a second one in the same frame is out of turn, and the frame is reported");
+                "stage " + number + " ends on any one of its " + Count(ports.size(), "port") +
+                    ", which are alternatives. Where a frame comes out on two of them, " +
+                    OfSecondEnd(table, static_cast<int32_t>(stageNumber)));
         }
         if (loads) {
             stage.stage = static_cast<int32_t>(stageNumber);

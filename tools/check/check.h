@@ -42,6 +42,9 @@ struct Configuration {
 // neither case nor blanks mattered. Nothing when `node` does match a stage.
 std::optional<ConfiguredStage> NearMiss(const Configuration& configuration, std::string_view node);
 
+// What comes of a second node end that ends `stage` of the same frame.
+const char* OfSecondEnd(const Configuration& configuration, int32_t stage);
+
 // A mode as configurations have it: 0x8001, 0xFFFF8001.
 std::string ModeText(int32_t mode);
 

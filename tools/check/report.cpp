@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <set>
 
 namespace tools {
 namespace {
@@ -21,6 +22,7 @@ std::string TomlText(const std::string& text) {
     return quoted;
 }
 
+using Json = nlohmann::ordered_json;
 using Rows = std::vector<std::vector<std::string>>;
 
 // In columns, each as wide as its widest text.
@@ -76,8 +78,93 @@ std::string MatchesOf(const ConfiguredStage& stage, const Configuration& table) 
     return text;
 }
 
-std::string NumberText(int32_t number) {
-    return std::to_string(number);
+void WriteSummary(std::ostream& out, const Configuration& table) {
+    const int32_t width = table.additionalWidth.value_or(0);
+    const auto count = static_cast<size_t>(table.stageCount.value_or(0));
+    const size_t loaded = table.stages.size();
+    const auto modeText = [](int32_t mode) {
+        return ModeText(mode) + " (" + std::to_string(mode) + ")";
+    };
+    WriteRows(out,
+              {{"boosting", table.isEnabled ? "on" : "off"},
+               {"accepted widths", width == 0      ? "3840, 0 (none is configured)"
+                                   : width == 3840 ? "3840"
+                                                   : "3840, " + std::to_string(width)},
+               {"operation modes", Joined(table.modes, ", ", "none", modeText)},
+               {"stages",
+                std::to_string(count) +
+                    (count == loaded ? "" : ", " + std::to_string(loaded) + " of them loaded")}});
+}
+
+void WriteStages(std::ostream& out, const Configuration& table) {
+    if (table.stages.empty()) {
+        return;
+    }
+    Rows rows = {{"stage", "node", "ports", "names that match"}};
+    for (const ConfiguredStage& stage : table.stages) {
+        const auto portText = [](int32_t port) { return std::to_string(port); };
+        rows.push_back({std::to_string(stage.stage), Quoted(stage.node),
+                        Joined(stage.ports, " ", "none", portText), MatchesOf(stage, table)});
+    }
+    out << '\n';
+    WriteRows(out, rows);
+    out << "  A * stands for any text. Where several names match, the highest stage's counts.\n";
+}
+
+void WriteNodes(std::ostream& out, const Configuration& table,
+                const std::vector<ReportedNode>& nodes) {
+    if (nodes.empty()) {
+        return;
+    }
+    Rows rows = {{"reported node", "port", "a frame", "ends"}};
+    for (const ReportedNode& node : nodes) {
+        const int32_t stage = table.StageOf(node.node);
+        rows.push_back(
+            {Quoted(node.node), std::to_string(node.port), std::to_string(node.timesAFrame),
+             node.stage != -1 ? "stage " + std::to_string(node.stage)
+             : stage == -1
+                 ? "nothing: no stage's name occurs in it"
+                 : "nothing: stage " + std::to_string(stage) + " does not list the port"});
+    }
+    out << '\n';
+    WriteRows(out, rows);
+}
+
+Json JsonOf(const Finding& finding, const std::string& file) {
+    return {{"file", file},
+            {"line", finding.place.line},
+            {"column", finding.column},
+            {"severity", NameOf(finding.severity)},
+            {"check", finding.check},
+            {"message", finding.message}};
+}
+
+Json TableOf(const CheckedFile& file) {
+    const Configuration& table = file.checked.table;
+    Json json = {{"file", file.name},
+                 {"endsProcess", file.checked.endsProcess},
+                 {"isEnabled", table.isEnabled},
+                 {"acceptedWidths", std::set<int32_t>{3840, table.additionalWidth.value_or(0)}},
+                 {"modes", Json::array()},
+                 {"stageCount", table.stageCount.value_or(0)},
+                 {"stages", Json::array()}};
+    for (const int32_t mode : table.modes) {
+        json["modes"].push_back({{"mode", mode}, {"hexadecimal", ModeText(mode)}});
+    }
+    for (const ConfiguredStage& stage : table.stages) {
+        json["stages"].push_back(
+            {{"stage", stage.stage}, {"node", stage.node}, {"ports", stage.ports}});
+    }
+    if (!file.nodesName.empty()) {
+        json["nodes"] = Json::array();
+    }
+    for (const ReportedNode& node : file.nodes) {
+        json["nodes"].push_back({{"node", node.node},
+                                 {"port", node.port},
+                                 {"timesAFrame", node.timesAFrame},
+                                 {"stage", node.stage == -1 ? Json() : Json(node.stage)}});
+    }
+    return json;
 }
 
 }  // namespace
@@ -121,38 +208,47 @@ std::string ToToml(const Configuration& configuration) {
     return text;
 }
 
-void WriteTable(std::ostream& out, const std::string& file, const CheckedConfiguration& checked) {
-    const Configuration& table = checked.table;
-    const int32_t width = table.additionalWidth.value_or(0);
-    const auto count = static_cast<size_t>(table.stageCount.value_or(0));
-    const size_t loaded = table.stages.size();
-    out << file << ", as the library reads it:\n";
-    if (checked.endsProcess) {
-        out << "  It ends the process. Without that:\n";
+void WriteText(std::ostream& out, const CheckedFile& file) {
+    for (const Finding& finding : file.checked.findings) {
+        out << ToString(finding, file.name) << '\n';
     }
-    WriteRows(
-        out,
-        {{"boosting", table.isEnabled ? "on" : "off"},
-         {"accepted widths", width == 0      ? "3840, 0 (none is configured)"
-                             : width == 3840 ? "3840"
-                                             : "3840, " + std::to_string(width)},
-         {"operation modes",
-          Joined(table.modes, ", ", "none",
-                 [](int32_t mode) { return ModeText(mode) + " (" + std::to_string(mode) + ")"; })},
-         {"stages",
-          std::to_string(count) +
-              (count == loaded ? "" : ", " + std::to_string(loaded) + " of them loaded")}});
-    if (table.stages.empty()) {
+    for (const Finding& finding : file.nodeFindings) {
+        out << ToString(finding, file.nodesName) << '\n';
+    }
+    if (!file.checked.isReadable) {
         return;
     }
-    Rows rows = {{"stage", "node", "ports", "names that match"}};
-    for (const ConfiguredStage& stage : table.stages) {
-        rows.push_back({std::to_string(stage.stage), Quoted(stage.node),
-                        Joined(stage.ports, " ", "none", NumberText), MatchesOf(stage, table)});
+    const Configuration& table = file.checked.table;
+    out << (file.checked.findings.empty() && file.nodeFindings.empty() ? "" : "\n") << file.name
+        << ", as the library reads it:\n";
+    if (file.checked.endsProcess) {
+        out << "  It ends the process. Without that:\n";
     }
-    out << '\n';
-    WriteRows(out, rows);
-    out << "  A * stands for any text. Where several names match, the highest stage's counts.\n";
+    WriteSummary(out, table);
+    WriteStages(out, table);
+    WriteNodes(out, table, file.nodes);
+}
+
+void WriteJson(std::ostream& out, const std::vector<CheckedFile>& files) {
+    Json json;
+    json["findings"] = Json::array();
+    Json tables = Json::array();
+    for (const CheckedFile& file : files) {
+        for (const Finding& finding : file.checked.findings) {
+            json["findings"].push_back(JsonOf(finding, file.name));
+        }
+        for (const Finding& finding : file.nodeFindings) {
+            json["findings"].push_back(JsonOf(finding, file.nodesName));
+            json["findings"].back()["configuration"] = file.name;
+        }
+        tables.push_back(file.checked.isReadable ? TableOf(file) : Json());
+    }
+    if (files.size() == 1) {
+        json["table"] = tables[0];
+    } else {
+        json["tables"] = std::move(tables);
+    }
+    out << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
 }  // namespace tools

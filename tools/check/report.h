@@ -7,11 +7,24 @@
 #include <vector>
 
 #include "tools/check/check.h"
+#include "tools/check/nodes.h"
 
 namespace tools {
 
-// The table of `checked` in aligned text, for a person who knows the camera but not the library.
-// `file`: what the configuration is called.
-void WriteTable(std::ostream& out, const std::string& file, const CheckedConfiguration& checked);
+struct CheckedFile {
+    std::string name;
+    CheckedConfiguration checked;
+    // What it was held against, where it was.
+    std::string nodesName;
+    std::vector<ReportedNode> nodes;
+    std::vector<Finding> nodeFindings;
+};
+
+// The findings, a line each, then the table in aligned text: for a person who knows the camera but
+// not the library. A file that cannot be parsed has no table.
+void WriteText(std::ostream& out, const CheckedFile& file);
+
+// One object: `findings` of all files and `table`; for several files `tables`, a list.
+void WriteJson(std::ostream& out, const std::vector<CheckedFile>& files);
 
 }  // namespace tools

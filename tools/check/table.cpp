@@ -55,6 +55,12 @@ std::optional<ConfiguredStage> NearMiss(const Configuration& configuration, std:
     return *found;
 }
 
+const char* OfSecondEnd(const Configuration& configuration, int32_t stage) {
+    return int64_t{stage} + 1 == configuration.stageCount
+               ? "the frame has ended with the first, and the second is refused"
+               : "the second is out of turn, and the frame is reported as an error";
+}
+
 std::string ModeText(int32_t mode) {
     char text[sizeof("0xFFFFFFFF")];
     std::snprintf(text, sizeof(text), "0x%X", static_cast<unsigned>(mode));

@@ -25,6 +25,7 @@ int RunCommand(int argc, char** argv) {
     });
     tools::Run run;
     tools::AddReplay(app, run);
+    tools::AddCheck(app, run);
     tools::AddSimulate(app, run);
     try {
         app.parse(argc, argv);

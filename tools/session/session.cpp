@@ -300,6 +300,15 @@ Line ParseLine(std::string_view line) {
         std::string(RECORDING) + ", " + std::string(WAIT) + " or " + std::string(STATUS));
 }
 
+std::vector<Value> ParseValues(const Operation& operation, std::string_view line) {
+    std::vector<Word> words = SplitWords(line);
+    if (words.empty()) {
+        return {};
+    }
+    words.insert(words.begin(), Word{});
+    return ParseCall(operation, words).arguments;
+}
+
 std::string WriteLine(const Line& line) {
     return std::visit(Writer{}, line);
 }

@@ -62,6 +62,10 @@ using Line = std::variant<Comment, Call, Recording, Wait, ServiceStatus>;
 // Reads one line. Throws a SessionError for what is not a line of a session.
 Line ParseLine(std::string_view line);
 
+// Reads a value for each parameter of `operation` from a line that has them alone, in the form that
+// they have behind its name. Nothing for an empty line or a comment; throws like ParseLine.
+std::vector<Value> ParseValues(const Operation& operation, std::string_view line);
+
 // The line as ParseLine reads it, without a line end. A line feed in a text, for which a session
 // has no form, shows as a blank.
 std::string WriteLine(const Line& line);

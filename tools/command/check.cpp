@@ -1,0 +1,121 @@
+// cameraframeboost check: says what is wrong or surprising about configurations.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/check/report.h"
+#include "tools/command/command.h"
+
+namespace tools {
+namespace {
+
+struct Arguments {
+    std::vector<std::string> configurations;
+    std::string nodes;
+    bool isStrict = false;
+    bool isJson = false;
+};
+
+std::string ReadAll(std::istream& in) {
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+CheckedFile CheckFile(const std::string& path) {
+    CheckedFile file;
+    file.name = path;
+    try {
+        Input in(path);
+        file.name = in.Name();
+        file.checked = CheckConfiguration(ReadAll(in));
+    } catch (const CommandError& error) {
+        const std::string text = error.what();
+        const std::string prefix = file.name + ": error: ";
+        Finding finding;
+        finding.check = "unreadable";
+        finding.severity = Severity::Error;
+        finding.message = text.substr(text.rfind(prefix, 0) == 0 ? prefix.size() : 0);
+        file.checked.findings.push_back(std::move(finding));
+        file.checked.isReadable = false;
+    }
+    return file;
+}
+
+int StatusOf(const CheckedFile& file, bool isStrict) {
+    const auto isFault = [isStrict](const Finding& finding) {
+        return finding.severity >= (isStrict ? Severity::Warning : Severity::Error);
+    };
+    const bool hasFault =
+        std::any_of(file.checked.findings.begin(), file.checked.findings.end(), isFault) ||
+        std::any_of(file.nodeFindings.begin(), file.nodeFindings.end(), isFault);
+    return !file.checked.isReadable ? BAD_INPUT : hasFault ? FAULTS_FOUND : NOTHING_FOUND;
+}
+
+int RunCheck(const Arguments& arguments) {
+    std::vector<ReportedNode> nodes;
+    std::vector<Finding> nodeErrors;
+    std::string nodesName;
+    if (!arguments.nodes.empty()) {
+        Input in(arguments.nodes);
+        nodesName = in.Name();
+        nodes = ReadNodes(ReadAll(in), nodeErrors);
+    }
+    int status = nodeErrors.empty() ? NOTHING_FOUND : BAD_INPUT;
+    Output out("-");
+    std::vector<CheckedFile> files;
+    for (const std::string& path : arguments.configurations) {
+        files.push_back(CheckFile(path));
+        CheckedFile& file = files.back();
+        if (!nodesName.empty() && file.checked.isReadable) {
+            file.nodesName = nodesName;
+            file.nodes = nodes;
+            file.nodeFindings = CheckNodes(file.checked.table, file.nodes);
+            file.nodeFindings.insert(file.nodeFindings.begin(), nodeErrors.begin(),
+                                     nodeErrors.end());
+        }
+        status = std::max(status, StatusOf(file, arguments.isStrict));
+        if (!arguments.isJson) {
+            out << (files.size() > 1 ? "\n" : "");
+            WriteText(out, file);
+        }
+    }
+    if (arguments.isJson) {
+        WriteJson(out, files);
+    }
+    out.Close();
+    return status;
+}
+
+}  // namespace
+
+void AddCheck(CLI::App& app, Run& run) {
+    CLI::App* command = app.add_subcommand(
+        "check",
+        "Says what is wrong or surprising about configurations, with what comes of it, and shows\n"
+        "the table that the library reads");
+    command->footer(
+        "\nErrors: the process ends, nothing is boosted, or frames cannot complete. Warnings: not\n"
+        "what one would expect, or for some cameras only. Notes: good to know.\n"
+        "\n" +
+        DescribeNodesFormat() +
+        "\nExit status: 0 neither errors nor, with --strict, warnings; 1 some; 2 a file cannot be\n"
+        "read or parsed. The worst of several files counts.");
+    // Lives as long as the command that refers to it.
+    const auto arguments = std::make_shared<Arguments>();
+    command
+        ->add_option("CONFIG", arguments->configurations,
+                     "TOML files as the configuration store would serve them; - for standard input")
+        ->required();
+    command->add_option("--nodes", arguments->nodes,
+                        "A file of the nodes that the HAL reports: which stages they end, and "
+                        "which not");
+    command->add_flag("--strict", arguments->isStrict, "Exit status 1 for warnings, too");
+    command->add_flag("--json", arguments->isJson,
+                      "One object with findings and table; tables for several files");
+    command->callback([arguments, &run] { run = [arguments] { return RunCheck(*arguments); }; });
+}
+
+}  // namespace tools
