@@ -64,11 +64,12 @@ std::vector<ReportedNode> ReadNodes(std::string_view text, std::vector<Finding>&
         try {
             const std::vector<Value> values = ParseValues(NODE_LINE, text.substr(0, end));
             if (!values.empty()) {
-                nodes.push_back({std::get<std::string>(values[0]), std::get<int32_t>(values[1]),
-                                 std::get<int32_t>(values[2]), line});
-                if (nodes.back().timesAFrame < 0) {
+                ReportedNode node{std::get<std::string>(values[0]), std::get<int32_t>(values[1]),
+                                  std::get<int32_t>(values[2]), line};
+                if (node.timesAFrame < 0) {
                     throw SessionError("times is below 0");
                 }
+                nodes.push_back(std::move(node));
             }
         } catch (const SessionError& error) {
             errors.push_back(MakeFinding("unreadable", Severity::Error, line, error.what()));
