@@ -87,7 +87,7 @@ class TarvoCameraFrameBoost {
 
     // A frame begins. Frames must follow one another without a gap; one that does not is not
     // forwarded, nor is anything of it. When 16 frames are in flight the oldest is given up, and
-    // reported if it was forwarded once.
+    // reported unless it has been or was never forwarded.
     //
     // Returns -1, with nothing done, when no scene runs; 0 when the frame was forwarded and the
     // service took it, or was not forwarded; 1 when the service answered anything but 0.

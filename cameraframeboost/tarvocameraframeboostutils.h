@@ -21,7 +21,7 @@ struct NodePortInfo {
     // HAL reports, so it can be a stem that several node instances share. An empty one is part of
     // every name: the stage then answers for each node that no higher stage answers for.
     std::string nodeName;
-    // The ports of that node whose completion counts. May be empty: the stage then never ends.
+    // The ports of that node whose completion counts. May be empty: none of them counts then.
     std::unordered_set<int32_t> nodePorts;
 };
 
