@@ -2,15 +2,55 @@
 // answers.
 
 #include <limits>
+#include <set>
+#include <sstream>
+#include <utility>
 
-#include "tests/store_contents.h"
 #include "tests/support/expect_abort.h"
 #include "tests/support/library_test.h"
 
 namespace {
 
-using Stages = std::vector<int32_t>;
-using PortSet = std::unordered_set<int32_t>;
+const std::string SECTION = "[TarvoCameraFrameBoostConfig]\n";
+
+// What has been loaded, of modes and stages that these tests use:
+// "on 4096 [5 9] 3 stages: (0 Sensor 1 2)(1 Filter 3)(2 Encoder 4)".
+std::string Describe(LocalConfig& config) {
+    std::ostringstream text;
+    text << (config.GetFrameboostSwitch() ? "on " : "off ") << config.GetAdditionalSupportedWidth()
+         << " [";
+    const char* separator = "";
+    for (const int32_t mode : {-1, 0, 1, 5, 9}) {
+        if (config.IsModeSupported(mode)) {
+            text << std::exchange(separator, " ") << mode;
+        }
+    }
+    text << "] " << config.GetStageCount() << " stages: ";
+    for (int32_t stage = -1; stage < 10; ++stage) {
+        NodePortInfo info{"before", {77}};
+        if (config.GetNodePortByStage(stage, info)) {
+            text << '(' << stage << ' ' << info.nodeName;
+            for (const int32_t port : std::set(info.nodePorts.begin(), info.nodePorts.end())) {
+                text << ' ' << port;
+            }
+            text << ')';
+        } else {
+            EXPECT_EQ(info.nodeName, "before");
+        }
+    }
+    return text.str();
+}
+
+// What it answers for a node: "4: 2 3" for stage 4 and ports 2 and 3.
+std::string Answers(const LocalConfig& config, const std::string& node) {
+    const int32_t stage = config.GetStageByNodeName(node);
+    EXPECT_EQ(config.IsNodeNameMatch(node), stage != -1);
+    std::string answers = std::to_string(stage) + ":";
+    for (int32_t port = 0; port < 10; ++port) {
+        answers += config.IsStagePortVaild(node, port) ? " " + std::to_string(port) : "";
+    }
+    return answers;
+}
 
 class ConfigurationTest : public LibraryTest {
   protected:
@@ -18,117 +58,89 @@ class ConfigurationTest : public LibraryTest {
         EXPECT_FALSE(desktop::LoadConfiguration(toml, "test.toml"));
         return LocalConfig();
     }
-
-    // The stages of 0 to 9 that are in the table.
-    static Stages LoadedStages(const LocalConfig& config) {
-        Stages stages;
-        for (int32_t stage = 0; stage < 10; ++stage) {
-            NodePortInfo info;
-            if (config.GetNodePortByStage(stage, info)) {
-                stages.push_back(stage);
-            }
-        }
-        return stages;
-    }
-
-    static PortSet Ports(const LocalConfig& config, int32_t stage) {
-        NodePortInfo info;
-        EXPECT_TRUE(config.GetNodePortByStage(stage, info));
-        return info.nodePorts;
-    }
 };
 
-TEST_F(ConfigurationTest, ReadsWhatTheStoreServes) {
-    LocalConfig config = Load(THREE_STAGES);
-    EXPECT_TRUE(config.GetFrameboostSwitch());
-    EXPECT_EQ(config.GetAdditionalSupportedWidth(), 4096);
-    EXPECT_EQ(config.GetStageCount(), 3);
-    EXPECT_TRUE(config.IsModeSupported(5));
-    EXPECT_TRUE(config.IsModeSupported(9));
-    EXPECT_FALSE(config.IsModeSupported(1));
-    EXPECT_EQ(config.GetNodePort(), "");
-    EXPECT_FALSE(config.IsLogEnable());
-
-    NodePortInfo info{"before", {77}};
-    ASSERT_TRUE(config.GetNodePortByStage(0, info));
-    EXPECT_EQ(info.nodeName, "Sensor");
-    EXPECT_EQ(info.nodePorts, (std::unordered_set<int32_t>{1, 2}));
-    for (const int32_t stage : {-1, 3}) {
-        EXPECT_FALSE(config.GetNodePortByStage(stage, info));
-        EXPECT_FALSE(config.UpdateNodeByStage(stage, "x"));
+TEST_F(ConfigurationTest, LoadsWhatIsThereAndFallsBackToWhatBoostsNothing) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"", "off 0 [] 0 stages: "},
+        {"additionalSupportedWidth = -4", "off -4 [] 0 stages: "},
+        {"cameraFrameBoostEnable = true", "on 0 [] 0 stages: "},
+        {"SupportOperationModeList = [9]", "off 0 [9] 0 stages: "},
+        {"SupportOperationModeList = [5, 9, 5, 4294967295]", "off 0 [-1 5 9] 0 stages: "},
+        {"stage = {0=['N'],1=['', 1, 1]}", "off 0 [] 2 stages: (0 N)(1  1)"},
+        {"stage = {0=['N'],1=[],2=['N']}", "off 0 [] 3 stages: (0 N)(2 N)"},
+        {"stage = {0=['N'],2=['N']}", "off 0 [] 2 stages: (0 N)"},
+        {"stage = {0=['N'],1=['N',['no text']],2=['N']}", "off 0 [] 3 stages: (0 N)"},
+        {"stage = {0=['N',' 7','7x','-1','+4','0x10','12abc','2147483647','-2147483648']}",
+         "off 0 [] 1 stages: (0 N -2147483648 -1 0 4 7 12 2147483647)"},
+    };
+    for (const auto& [entry, loaded] : cases) {
+        LocalConfig config = Load(SECTION + entry);
+        EXPECT_EQ(Describe(config), loaded) << entry;
     }
-    EXPECT_EQ(info.nodeName, "Sensor") << "a missing stage leaves the record alone";
-    EXPECT_EQ(config.GetStageByNodeName("x"), -1);
+    EXPECT_EQ(LocalConfig().GetNodePort(), "");
+    EXPECT_FALSE(LocalConfig().IsLogEnable());
 }
 
-// Every way in which a list can go wrong at each of three stages, with every way in which the modes
-// can.
+// Lets one call of the store after the other answer something else.
 TEST_F(ConfigurationTest, MakesTheBestOfAStoreThatFails) {
     constexpr int32_t LOWEST = std::numeric_limits<int32_t>::min();
-    const std::vector<StoreContents::List<uint32_t>> modes = {{2, 0, {5, 4294967295U, 7}},
-                                                              {2, 1, {5, 9}},
-                                                              {4, 0, {9}},
-                                                              {0, -1, {5}},
-                                                              {-1, 0, {5}},
-                                                              {LOWEST, 0, {}},
-                                                              {100000, -1, {}}};
-    const std::vector<StoreContents::List<StoreContents::Text>> lists = {
-        {3, 0, {"A", "1", "2"}},
-        {2, 0, {"AB", "3", "not asked for"}},
-        {2, 0, {"AB", std::nullopt}},
-        {1, 0, {""}},
-        {3, 0, {std::nullopt, "1", "x, but nobody reads it"}},
-        {3, 1, {"partly", "1"}},
-        {2, -1, {"all of it", "1"}},
-        {0, 0, {"A"}},
-        {0, -1, {}},
-        {-1, 0, {"A"}},
-        {LOWEST, 1, {}},
-        {100000, 0, {"\x01\xff%s\n", "\t+3\xff"}},
-        {100000, -1, {}},
+    const std::string on = "on 4096 ";
+    const std::string all = "(0 Sensor 1 2)(1 Filter 3)(2 Encoder 4)";
+    struct {
+        int call;  // From 0, in the order in which they come.
+        std::vector<int32_t> answers;
+        std::string loaded;
+    } const cases[] = {
+        {0, {-1, 1}, on + "[5 9] 3 stages: " + all},  // The width's status: not looked at.
+        {1, {-1, 1}, on + "[5 9] 3 stages: " + all},  // Nor is the switch's.
+        {2, {0}, on + "[5 9] 0 stages: "},
+        {2, {-1}, on + "[5 9] -1 stages: "},
+        {2, {LOWEST}, on + "[5 9] -2147483648 stages: "},
+        {2, {2}, on + "[5 9] 2 stages: (0 Sensor 1 2)(1 Filter 3)"},
+        {2, {2147483647}, on + "[5 9] 2147483647 stages: " + all},
+        {3, {0, -1, LOWEST}, on + "[] 3 stages: " + all},  // How many modes there are.
+        {3, {1}, on + "[5] 3 stages: " + all},
+        {3, {1000}, on + "[0 5 9] 3 stages: " + all},  // What nobody fills is 0.
+        {4, {-1, 1}, "off 4096 [] 3 stages: " + all},
+        {6, {-1, 1}, on + "[5 9] 3 stages: "},
+        {7, {0, -1, LOWEST}, on + "[5 9] 3 stages: (0 Sensor 1 2)(2 Encoder 4)"},
+        {7, {1}, on + "[5 9] 3 stages: (0 Sensor 1 2)(1 Filter)(2 Encoder 4)"},
+        {7, {1000}, on + "[5 9] 3 stages: " + all},
+        {8, {-1, 1}, on + "[5 9] 3 stages: (0 Sensor 1 2)"},
+        {10, {-1}, on + "[5 9] 3 stages: (0 Sensor 1 2)(1 Filter 3)"},
     };
-    StoreContents contents;
-    for (size_t code = 0; code < lists.size() * lists.size() * lists.size(); ++code) {
-        contents.modes = modes[code % modes.size()];
-        contents.stages = {lists[code % lists.size()], lists[code / lists.size() % lists.size()],
-                           lists[code / lists.size() / lists.size()]};
-        contents.stageCount = code % 5 == 0 ? static_cast<int32_t>(code % 3) - 2 : 3;
-        contents.valueStatus = code % 2 == 0 ? 0 : -1;  // It is not looked at.
-        contents.width = code % 3 == 0 ? std::nullopt : std::make_optional(-4096);
-        contents.flag = code % 3 == 1 ? std::nullopt : std::make_optional(2U);
-        contents.Serve();
-        LocalConfig config;
-        ASSERT_EQ(contents.Compare(config, {"A", "xABx", "AxB", "partly", ""}), "") << code;
+    desktop::LoadConfiguration(THREE_STAGES, "test.toml");
+    for (const auto& [call, answers, loaded] : cases) {
+        for (const int32_t result : answers) {
+            desktop::SetStoreScript([number = 0, wrong = call, result](auto& answer) mutable {
+                answer.result = number++ == wrong ? result : answer.result;
+            });
+            LocalConfig config;
+            EXPECT_EQ(Describe(config), loaded) << call << " answers " << result;
+        }
     }
-    constexpr int32_t HUGE_COUNT = 1 << 24;
-    contents.modes = {HUGE_COUNT, -1, {}};
-    contents.stages = {lists[0], {HUGE_COUNT, -1, {"A"}}};
-    contents.stageCount = std::numeric_limits<int32_t>::max();
-    contents.Serve();
-    LocalConfig config;
-    EXPECT_EQ(contents.Compare(config, {"A"}), "") << "no memory for what nobody fills";
+    // A text that the store does not give.
+    for (const bool isName : {true, false}) {
+        desktop::SetStoreScript([isName](desktop::StoreAnswer& answer) {
+            if (answer.texts != nullptr && answer.localeKey == "0") {
+                delete[] std::exchange(answer.texts[isName ? 0 : 1], nullptr);
+            }
+        });
+        LocalConfig config;
+        EXPECT_EQ(Describe(config), on + "[5 9] 3 stages: " + (isName ? "" : "(0 Sensor 2)") +
+                                        "(1 Filter 3)(2 Encoder 4)");
+    }
 }
 
 TEST_F(ConfigurationTest, ASecondLoadFillsGapsAndKeepsTheOrder) {
     LocalConfig config = Load(WithStages("0=['A','1']\n1=[]\n2=['A','3']\n"));
-    EXPECT_EQ(LoadedStages(config), (Stages{0, 2}));
     ASSERT_TRUE(config.UpdateNodeByStage(2, "B"));
-    desktop::LoadConfiguration(
-        "[TarvoCameraFrameBoostConfig]\nstage = {0=['Z'],1=['A','2'],2=['Z']}\n", "test.toml");
+    desktop::LoadConfiguration(SECTION + "stage = {0=['Z'],1=['A','2'],2=['Z']}\n", "test.toml");
     EXPECT_TRUE(config.Load());
-    EXPECT_EQ(LoadedStages(config), (Stages{0, 1, 2}));
-    EXPECT_EQ(Ports(config, 2), (PortSet{3}));
-    EXPECT_EQ(config.GetAdditionalSupportedWidth(), 0);
-    EXPECT_EQ(config.GetStageByNodeName("A"), 1) << "what was there stays";
-    EXPECT_EQ(config.GetStageByNodeName("AB"), 2);
-}
-
-TEST_F(ConfigurationTest, ReadsPortsLikeLeadingDecimalNumbers) {
-    EXPECT_EQ(Ports(Load(WithStages("0=['N',' 7','7x','-1','+4','0x10','12abc','2147483647',"
-                                    "'-2147483648']\n")),
-                    0),
-              (PortSet{7, -1, 4, 0, 12, std::numeric_limits<int32_t>::max(),
-                       std::numeric_limits<int32_t>::min()}));
+    EXPECT_EQ(Describe(config), "off 0 [5 9] 3 stages: (0 A 1)(1 A 2)(2 B 3)") << "it stays";
+    EXPECT_EQ(Answers(config, "A"), "1: 1 2");
+    EXPECT_EQ(Answers(config, "AB"), "2: 1 2 3");
 }
 
 TEST_F(ConfigurationTest, APortThatIsNoNumberEndsTheProcess) {
@@ -140,26 +152,37 @@ TEST_F(ConfigurationTest, APortThatIsNoNumberEndsTheProcess) {
     }
 }
 
-TEST_F(ConfigurationTest, FindsTheHighestOfManyStages) {
+TEST_F(ConfigurationTest, FindsTheHighestStageAndThePortsOfAllThatMatch) {
+    LocalConfig config =
+        Load(WithStages("0=['A','1']\n1=['QR']\n2=['XY','5']\n3=['AB','2']\n4=['QR_S','3']\n"));
+    const std::pair<const char*, const char*> cases[] = {
+        {"A", "0: 1"},  {"AB_x", "3: 1 2"}, {"QR0", "1:"},         {"a QR_S0", "4: 3"},
+        {"XY", "2: 5"}, {"XY0", "2: 5"},    {"cam_XY1_z", "2: 5"}, {"xy", "-1:"},
+        {"X", "-1:"},   {"", "-1:"},        {"Q R_S", "-1:"},      {"XYAQR_S", "4: 1 3 5"},
+    };
+    for (const auto& [node, answers] : cases) {
+        EXPECT_EQ(Answers(config, node), answers) << node;
+    }
+    config = Load(WithStages("0=['AB','1']\n1=['','2']\n2=['A','3']\n"));
+    EXPECT_EQ(Answers(config, ""), "1: 2");
+    EXPECT_EQ(Answers(config, "AB"), "2: 1 2 3") << "the shorter name, but the higher stage";
     // More than any hash table keeps in order by accident.
     std::string many;
-    for (int stage = 0; stage < 500; ++stage) {
-        many += std::to_string(stage) + "=['N" + std::to_string(stage) + "x']\n";
+    for (int stage = 0; stage < 100; ++stage) {
+        many += std::to_string(stage) + "=['N']\n";
     }
-    LocalConfig config = Load(WithStages(many));
-    EXPECT_EQ(config.GetStageByNodeName("N3x N499x N77x"), 499);
-    EXPECT_EQ(config.GetStageByNodeName("N123x"), 123);
-    EXPECT_EQ(config.GetStageByNodeName("n123x"), -1);
-    EXPECT_EQ(config.GetStageByNodeName("N123"), -1);
+    EXPECT_EQ(Answers(Load(WithStages(many)), "N"), "99:");
+    EXPECT_EQ(Answers(Load(""), "N"), "-1:");
 }
 
 TEST_F(ConfigurationTest, GivesAStageAnotherName) {
     LocalConfig config = Load(WithStages("0=['Old','1']\n1=['C']\n2=['OldB','2']\n"));
     EXPECT_TRUE(config.UpdateNodeByStage(0, "New"));
-    EXPECT_EQ(config.GetStageByNodeName("Old"), -1);
-    EXPECT_EQ(config.GetStageByNodeName("xNewx"), 0);
-    EXPECT_TRUE(config.IsStagePortVaild("New", 1)) << "the ports stay";
-    EXPECT_FALSE(config.IsStagePortVaild("Old", 1));
+    EXPECT_FALSE(config.UpdateNodeByStage(-1, "x"));
+    EXPECT_FALSE(config.UpdateNodeByStage(3, "x"));
+    EXPECT_EQ(Answers(config, "Old"), "-1:");
+    EXPECT_EQ(Answers(config, "xNewx"), "0: 1") << "the ports stay";
+    EXPECT_EQ(Answers(config, "New OldB"), "2: 1 2") << "and so does the order";
 }
 
 TEST_F(ConfigurationTest, ShowsItselfInTheLogWhenDebugIsOn) {

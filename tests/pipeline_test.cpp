@@ -138,7 +138,7 @@ TEST_F(PipelineTest, HoldsWithManyThreads) {
     desktop::SetTraceTags(0xc00);
     int64_t frames = 0;
     int64_t ahead = 0;
-    for (int32_t scene = 0; scene < 12; ++scene) {
+    for (int32_t scene = 0; scene < 6; ++scene) {
         LocalConfig::enable = scene % 3 == 2;
         boost.TcfbtSetSceneInfo(true, 3840, 60);
         ASSERT_EQ(boost.TcfbtNotifySceneStart(5), 0);
@@ -165,92 +165,72 @@ TEST_F(PipelineTest, HoldsWithManyThreads) {
     EXPECT_EQ(TarvoCameraFrameBoost::persistTids.size(), persistent);
 }
 
-// The service calls back from inside each of its functions.
-TEST_F(PipelineTest, HoldsWhenTheServiceCallsBack) {
+// From inside each of its functions the service calls back what takes each of the locks.
+TEST_F(PipelineTest, HoldsNoLockWhileItCallsTheService) {
     class Caller : public Contract {
       public:
-        Caller(ServiceFunction function, std::function<void(Caller&)> callBack)
-            : Contract(STAGES), from(function), action(std::move(callBack)) {}
+        explicit Caller(TarvoCameraFrameBoost& facade) : Contract(STAGES), boost(facade) {}
+        void OnEffect(const desktop::Effect& effect) override {
+            Contract::OnEffect(effect);
+            if (const auto* call = std::get_if<desktop::ServiceCall>(&effect.event);
+                call != nullptr && !std::exchange(isInside, true)) {
+                places.insert(call->function);
+                boost.TcfbtAddPersistTids("AuxThreadManager", 5);
+                boost.TcfbtAddTempTids(6);
+                boost.TcfbtSetTids();
+                boost.TcfbtNotifyFrameEnd(-1);
+                isInside = false;
+            }
+        }
+        std::set<ServiceFunction> places;
+
+      private:
+        TarvoCameraFrameBoost& boost;
+        bool isInside = false;
+    };
+    TarvoCameraFrameBoost boost;
+    Caller caller(boost);
+    boost.TcfbtSetSceneInfo(true, 3840, 60);
+    ASSERT_EQ(boost.TcfbtNotifySceneStart(5), 0);
+    for (int64_t frame = 0; frame < 3; ++frame) {
+        for (int32_t stage = 0; stage < STAGES; ++stage) {
+            NodeEnd(boost, stage, frame);
+        }
+    }
+    NodeEnd(boost, 2, 3);  // Out of order.
+    boost.TcfbtNotifySceneEnd();
+    EXPECT_EQ(caller.places.size(), desktop::SERVICE_FUNCTION_COUNT);
+    EXPECT_EQ(caller.violation, "");
+}
+
+// The scene may end from inside the very call after which a frame is to be reported.
+TEST_F(PipelineTest, ReportsNothingOnceTheServiceHasEndedTheScene) {
+    class Ender : public Contract {
+      public:
+        explicit Ender(TarvoCameraFrameBoost& facade) : Contract(STAGES), boost(facade) {}
         void OnEffect(const desktop::Effect& effect) override {
             Contract::OnEffect(effect);
             const auto* call = std::get_if<desktop::ServiceCall>(&effect.event);
-            if (call != nullptr && call->function == from && !std::exchange(isInside, true)) {
-                action(*this);
-                isInside = false;
+            if (call != nullptr && call->function == ServiceFunction::FrameStart &&
+                openFrames.size() > FrameTracker::DEFAULT_MAX_FRAME_TRACKED) {
+                boost.TcfbtNotifySceneEnd();
+                SettleSceneEnd();
             }
         }
 
       private:
-        const ServiceFunction from;
-        const std::function<void(Caller&)> action;
-        bool isInside = false;
-    };
-    const auto record = [](TarvoCameraFrameBoost& boost) {
-        boost.TcfbtAddTempTids(7);
-        boost.TcfbtSetSceneInfo(true, 3840, 60);
-        boost.TcfbtNotifySceneStart(5);
-        for (int64_t frame = 0; frame < 10; ++frame) {
-            for (int32_t stage = 0; stage < STAGES; ++stage) {
-                NodeEnd(boost, stage, frame);
-            }
-        }
-        NodeEnd(boost, 2, 10);  // Out of order.
-        for (int64_t frame = 11; frame <= 11 + FrameTracker::DEFAULT_MAX_FRAME_TRACKED; ++frame) {
-            boost.TcfbtNotifyFrameStart(frame);  // The last one pushes out the first.
-        }
-        boost.TcfbtSetTids();
-        boost.TcfbtNotifySceneEnd();
+        TarvoCameraFrameBoost& boost;
     };
     TarvoCameraFrameBoost boost;
-    record(boost);
-    const std::string clean = Calls();
-
-    int64_t frame = 1000;
-    int32_t tid = 1000;
-    int32_t ended = 0;
-    const std::function<void(Caller&)> actions[] = {
-        [&](Caller&) {
-            boost.TcfbtNotifyFrameStart(++frame);
-            NodeEnd(boost, 0, frame);
-            boost.TcfbtNotifyFrameEnd(frame);
-        },
-        [&](Caller&) {
-            boost.TcfbtAddTempTids(++tid);
-            boost.TcfbtAddPersistTids("AuxThreadManager", 5);
-            boost.TcfbtSetTids();
-        },
-        [&](Caller& caller) {
-            ended += caller.isStarted && boost.TcfbtNotifySceneEnd() == 0 ? 1 : 0;
-            caller.SettleSceneEnd();
-        },
-        [&](Caller& caller) {
-            // When a frame is about to be pushed out and reported.
-            if (caller.openFrames.size() > FrameTracker::DEFAULT_MAX_FRAME_TRACKED) {
-                boost.TcfbtNotifySceneEnd();
-                caller.SettleSceneEnd();
-            }
-        },
-    };
-    for (size_t function = 0; function < desktop::SERVICE_FUNCTION_COUNT; ++function) {
-        for (const auto& action : actions) {
-            {
-                Caller caller(static_cast<ServiceFunction>(function), action);
-                record(boost);
-                EXPECT_EQ(caller.violation, "") << function;
-            }
-            // What was registered after the threads had been taken back is taken back here.
-            desktop::SetObserver(&recorder);
-            boost.TcfbtSetSceneInfo(true, 3840, 60);
-            boost.TcfbtNotifySceneStart(5);
-            boost.TcfbtNotifySceneEnd();
-            TarvoCameraFrameBoost::persistTids.clear();
-            Calls();
-            record(boost);
-            EXPECT_EQ(Calls(), clean) << function;
-        }
+    StartScene(boost);
+    Ender ender(boost);
+    ender.isStarted = true;
+    for (int64_t frame = 1; frame <= FrameTracker::DEFAULT_MAX_FRAME_TRACKED + 1; ++frame) {
+        EXPECT_EQ(boost.TcfbtNotifyFrameStart(frame), 0);
     }
-    EXPECT_EQ(ended, 8) << "everywhere but where the scene is just being started";
-    EXPECT_GE(std::min<int64_t>(frame, tid), 1000 + 9);
+    EXPECT_EQ(ender.Count(ServiceFunction::SceneEnd), 1);
+    EXPECT_EQ(ender.violation, "");
+    EXPECT_EQ(boost.TcfbtNotifyFrameStart(1), -1);
 }
 
 }  // namespace
