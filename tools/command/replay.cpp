@@ -12,7 +12,10 @@
 #include <vector>
 
 #include "host/desktop.h"
+#include "tools/account/accountant.h"
+#include "tools/check/check.h"
 #include "tools/command/command.h"
+#include "tools/command/pictures.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -24,6 +27,7 @@ struct Arguments {
     std::string configuration;
     std::string log;
     std::vector<std::string> statuses;
+    Pictures pictures;
 };
 
 // "cfbtFrameStart=7"
@@ -62,6 +66,10 @@ int RunReplay(Arguments& arguments) {
     }
     options.log = isLogShown ? &out : logFile ? &*logFile : nullptr;
 
+    arguments.pictures.Frames();  // What cannot be used is said before the work.
+    Accountant accountant;
+    options.steps = arguments.pictures.AreWanted() ? &accountant : nullptr;
+
     CatchInterrupts();
     options.pace.isInterrupted = IsInterrupted;
     ProgressLine progress("frames", !options.isQuiet);
@@ -69,6 +77,19 @@ int RunReplay(Arguments& arguments) {
     const bool isPlayed =
         Replay(options, session, session.Name(), isLogShown ? nowhere : out, std::cerr);
     progress.Clear();
+    if (isPlayed && arguments.pictures.AreWanted()) {
+        Account account = accountant.Finish();
+        account.inputs = {session.Name(), arguments.configuration};
+        account.hasTimes = true;
+        if (options.configuration) {
+            account.configurationFindings =
+                CheckConfiguration(options.configuration->text).findings;
+            for (Finding& finding : account.configurationFindings) {
+                finding.place.input = 1;
+            }
+        }
+        arguments.pictures.Write(account, session.Name());
+    }
     if (logFile) {
         logFile->Close();
     }
@@ -107,6 +128,7 @@ void AddReplay(CLI::App& app, Run& run) {
                      "Write what the library logs, as logcat would have captured it; - takes the\n"
                      "transcript's place")
         ->type_name("FILE");
+    arguments->pictures.AddOptions(*command);
     command->add_flag("--debug", options.withDebug,
                       "Debug property and trace tags on: show log lines and trace counters");
     command

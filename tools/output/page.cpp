@@ -131,7 +131,7 @@ class Page {
     void WriteInput() {
         out << "<p class=input>";
         for (size_t i = 0; i < std::min(account.inputs.size(), INPUTS); ++i) {
-            out << (i == 0 ? "" : ", ") << Escaped{account.inputs[i]};
+            out << (i == 0 || account.inputs[i].empty() ? "" : ", ") << Escaped{account.inputs[i]};
         }
         if (account.inputs.size() > INPUTS) {
             out << " and " << account.inputs.size() - INPUTS << " more";
@@ -139,12 +139,12 @@ class Page {
         if (!account.from.empty()) {
             out << ", " << Escaped{account.from} << " to " << Escaped{account.to};
         }
-        out << ": " << Counted(account.lines, "line");
         const auto add = [this](int64_t count, const char* what) {
             if (count > 0) {
                 out << ", " << count << what;
             }
         };
+        add(account.lines, " lines");
         add(account.libraryLines, " of the library");
         add(account.notUnderstood, " <b>not understood</b>");
         add(account.lost, " known to be <b>lost</b>");

@@ -15,7 +15,7 @@ namespace {
 constexpr int CURVE = 64;      // Height of the overview's curve,
 constexpr int LANE = 14;       // and of each lane below it.
 constexpr int BAR = 13;        // Height of a bar with the gap below it.
-constexpr int OUTPUTS = 40;    // Height of the row of outputs.
+constexpr int OUTPUTS = 52;    // Height of the row of outputs.
 constexpr int AXIS = 16;       // Height of the row of times.
 constexpr double PERIOD = 50;  // Width of a frame period in a timeline that is not zoomed.
 constexpr double DIGIT = 6.5;  // Width of a letter, or a little more.
@@ -240,13 +240,13 @@ class Timeline {
         if (look == Look::Late && frame.interval != NO_TIME) {
             words += " +" + std::to_string((frame.interval - drawn.period) / 1000) + " ms";
         }
-        // The first of two lines of text that has room.
+        // The first line of text that has room, even when it is all half as wide.
         for (size_t line = 0; line < taken.size(); ++line) {
             if (Pixels(moment - span.begin) >= taken[line]) {
                 out << "<text class=word x=" << x << " y=" << top + 23 + 12 * static_cast<int>(line)
                     << ">" << words << "</text>";
                 taken[line] =
-                    Pixels(moment - span.begin) + DIGIT * static_cast<double>(words.size() + 1);
+                    Pixels(moment - span.begin) + 2 * DIGIT * static_cast<double>(words.size() + 1);
                 return;
             }
         }
@@ -265,7 +265,7 @@ class Timeline {
     std::vector<size_t> lanes;   // For each of them one a stage.
     std::vector<int> tops;       // Of the rows: the stages', then that of the outputs.
     int bottom = 4;
-    std::array<double, 2> taken{};  // Where texts end.
+    std::array<double, 3> taken{};  // Where texts end.
 };
 
 }  // namespace

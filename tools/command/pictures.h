@@ -1,0 +1,36 @@
+// What subcommands that make an account write for people who would rather look than read.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "tools/account/account.h"
+
+namespace CLI {
+class App;
+}
+
+namespace tools {
+
+class Pictures {
+  public:
+    // Adds the options --to-html, --to-trace and --frames, which are kept here.
+    void AddOptions(CLI::App& command);
+
+    bool AreWanted() const { return !page.empty() || !trace.empty(); }
+    // What --frames asks for: the first and the last number. Throws a CommandError for anything
+    // else than two numbers.
+    std::optional<std::pair<int64_t, int64_t>> Frames() const;
+    // Writes those that were asked for. `title`: what was looked at.
+    void Write(const Account& account, const std::string& title) const;
+
+  private:
+    std::string page;
+    std::string trace;
+    std::string frames;
+};
+
+}  // namespace tools
