@@ -1,0 +1,542 @@
+#include "tools/capture/record_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstddef>
+#include <cstring>
+
+#include "tools/capture/message.h"
+
+namespace tools {
+namespace {
+
+// Longer than any line that logcat writes; what goes beyond is dropped.
+constexpr size_t MAX_LINE = 64 * 1024;
+constexpr int64_t MICROS_PER_SECOND = 1'000'000;
+constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+// The tag under which Android's log says that it has left lines out.
+constexpr std::string_view CHATTY_TAG = "chatty";
+constexpr std::string_view PRIORITIES = "VDIWEFS?";
+// Any leap year: what has no year may be a 29th of February.
+constexpr int64_t MADE_UP_YEAR = 2000;
+constexpr int64_t MAX_SECONDS = 1'000'000'000'000;
+// In every message of the library.
+constexpr std::string_view LIBRARY_FILE = "tarvocameraframeboost";
+
+bool IsDigit(char character) {
+    return character >= '0' && character <= '9';
+}
+
+bool Contains(std::string_view text, std::string_view part) {
+    return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
+}
+
+void SkipBlanks(std::string_view& text) {
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+}
+
+bool Skip(std::string_view& text, std::string_view words) {
+    const bool isThere = text.starts_with(words);
+    text.remove_prefix(isThere ? words.size() : 0);
+    return isThere;
+}
+
+// Takes a number of exactly `digits` digits.
+bool TakeDigits(std::string_view& text, size_t digits, int64_t& number) {
+    if (text.size() < digits) {
+        return false;
+    }
+    number = 0;
+    for (size_t i = 0; i < digits; ++i) {
+        if (!IsDigit(text[i])) {
+            return false;
+        }
+        number = 10 * number + (text[i] - '0');
+    }
+    text.remove_prefix(digits);
+    return true;
+}
+
+bool ToNumber(std::string_view text, int32_t& number) {
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && stop == end && number >= 0;
+}
+
+// Takes the text up to the next blank, with the blanks before it.
+std::string_view TakeWord(std::string_view& text) {
+    SkipBlanks(text);
+    const std::string_view word = text.substr(0, text.find(' '));
+    text.remove_prefix(word.size());
+    return word;
+}
+
+bool TakePriority(std::string_view& text, char& priority) {
+    if (text.empty() || PRIORITIES.find(text[0]) == std::string_view::npos) {
+        return false;
+    }
+    priority = text[0];
+    text.remove_prefix(1);
+    return true;
+}
+
+// Takes one of the tags that matter and its padding.
+bool TakeTag(std::string_view& text, std::string_view& tag) {
+    for (const std::string_view known : {FACADE_TAG, UTILS_TAG, CHATTY_TAG}) {
+        if (Skip(text, known)) {
+            tag = known;
+            SkipBlanks(text);
+            return true;
+        }
+    }
+    return false;
+}
+
+// What separates a head from its message, whose blank may have gone with an empty message.
+bool SkipColon(std::string_view& text) {
+    return Skip(text, ": ") || (text == ":" && Skip(text, ":"));
+}
+
+// Takes ids in brackets, "(user:process:thread)". Where two stand, the second is a thread if
+// `hasThread`, else the first is a user. Returns how many there were; 0 when it is something else.
+int TakeIds(std::string_view& text, std::string_view end, bool hasThread, Record& record) {
+    const size_t close = text.find(end);
+    if (close == std::string_view::npos) {
+        return 0;
+    }
+    std::array<std::string_view, 3> ids;
+    size_t count = 0;
+    for (std::string_view rest = text.substr(0, close); count < ids.size();) {
+        const size_t colon = rest.find(':');
+        ids[count] = rest.substr(0, colon);
+        SkipBlanks(ids[count++]);
+        if (colon == std::string_view::npos) {
+            break;
+        }
+        rest.remove_prefix(colon + 1);
+    }
+    const size_t process = hasThread && count > 1 ? count - 2 : count - 1;
+    if (!ToNumber(ids[process], record.process) ||
+        (hasThread && count > 1 && !ToNumber(ids[count - 1], record.thread))) {
+        return 0;
+    }
+    text.remove_prefix(close + end.size());
+    return static_cast<int>(count);
+}
+
+// "12 lines" and so on at the end of a chatty record.
+int64_t LinesLeftOut(std::string_view message) {
+    const size_t line = message.rfind(" line");
+    if (line == std::string_view::npos) {
+        return 0;
+    }
+    const std::string_view before = message.substr(0, line);
+    const std::string_view digits = before.substr(before.find_last_not_of("0123456789") + 1);
+    int64_t count = 0;
+    std::from_chars(digits.data(), digits.data() + digits.size(), count);
+    return count;
+}
+
+// A line without what colours it, "ESC[..m", in `plain`.
+std::string_view WithoutColors(std::string_view line, std::string& plain) {
+    plain.clear();
+    for (size_t at = 0; at < line.size();) {
+        const size_t escape = std::min(line.find("\x1B[", at), line.size());
+        plain += line.substr(at, escape - at);
+        at = line.find_first_not_of("0123456789;", escape + 2);
+        if (at >= line.size() || line[at] != 'm') {
+            // Something else, or cut off.
+            plain += line.substr(escape, std::min(at, line.size()) - escape);
+        } else {
+            ++at;
+        }
+    }
+    return plain;
+}
+
+// Days since 1970 of a date. Years are counted from March, so that the leap day is the last.
+int64_t DaysOf(int64_t year, int64_t month, int64_t day) {
+    year -= month <= 2 ? 1 : 0;
+    const int64_t dayOfYear = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+    return 365 * year + year / 4 - year / 100 + year / 400 + dayOfYear - 719'468;
+}
+
+}  // namespace
+
+// ---- Encodings ----
+
+std::string_view Utf8Decoder::Decode(std::string_view bytes) {
+    if (encoding == Encoding::Utf8) {
+        return bytes;
+    }
+    pending += bytes;
+    if (encoding == Encoding::Unknown) {
+        // The first two characters: a mark and one of logcat's, or two of logcat's.
+        if (pending.size() < 4) {
+            return {};
+        }
+        const auto isZero = [this](size_t at) { return pending[at] == '\0'; };
+        encoding = pending.starts_with("\xFF\xFE") || (isZero(1) && isZero(3) && !isZero(0))
+                       ? Encoding::Utf16Little
+                   : pending.starts_with("\xFE\xFF") || (isZero(0) && isZero(2) && !isZero(1))
+                       ? Encoding::Utf16Big
+                       : Encoding::Utf8;
+    }
+    text.clear();
+    if (encoding == Encoding::Utf8) {
+        text.swap(pending);
+        return text;
+    }
+    size_t at = 0;
+    for (; at + 1 < pending.size(); at += 2) {
+        const auto first = static_cast<unsigned char>(pending[at]);
+        const auto second = static_cast<unsigned char>(pending[at + 1]);
+        AppendUnit(encoding == Encoding::Utf16Little ? uint32_t{second} << 8 | first
+                                                     : uint32_t{first} << 8 | second);
+    }
+    pending.erase(0, at);
+    return text;
+}
+
+std::string_view Utf8Decoder::Rest() {
+    if (encoding != Encoding::Unknown) {
+        pending.clear();
+    }
+    return pending;
+}
+
+void Utf8Decoder::AppendUnit(uint32_t unit) {
+    if (unit >= 0xD800 && unit < 0xDC00) {
+        highSurrogate = unit;
+        return;
+    }
+    if (unit >= 0xDC00 && unit < 0xE000 && highSurrogate != 0) {
+        unit = 0x10000 + ((highSurrogate - 0xD800) << 10) + (unit - 0xDC00);
+    }
+    highSurrogate = 0;
+    const auto append = [this](uint32_t byte) { text += static_cast<char>(byte); };
+    if (unit < 0x80) {
+        append(unit);
+    } else if (unit < 0x800) {
+        append(0xC0 | unit >> 6);
+        append(0x80 | (unit & 0x3F));
+    } else {
+        if (unit < 0x10000) {
+            append(0xE0 | unit >> 12);
+        } else {
+            append(0xF0 | unit >> 18);
+            append(0x80 | (unit >> 12 & 0x3F));
+        }
+        append(0x80 | (unit >> 6 & 0x3F));
+        append(0x80 | (unit & 0x3F));
+    }
+}
+
+// ---- Lines ----
+
+void RecordReader::Begin(uint32_t input) {
+    decoder = {};
+    place = {input, 0};
+    year = MADE_UP_YEAR;
+    lastMonth = 0;
+    dateText.clear();
+}
+
+void RecordReader::Read(std::string_view bytes) {
+    ReadText(decoder.Decode(bytes));
+    KeepHeld();
+}
+
+void RecordReader::ReadText(std::string_view text) {
+    while (!text.empty()) {
+        const auto* const found =
+            static_cast<const char*>(std::memchr(text.data(), '\n', text.size()));
+        const bool isWhole = found != nullptr;
+        const auto length = isWhole ? static_cast<size_t>(found - text.data()) : text.size();
+        if (isWhole && carry.empty()) {
+            ReadLine(text.substr(0, length));
+        } else {
+            carry += text.substr(0, std::min(length, MAX_LINE - carry.size()));
+            if (isWhole) {
+                // What is held must not point into the carried line when that goes.
+                ReadLine(carry);
+                KeepHeld();
+                carry.clear();
+            }
+        }
+        text.remove_prefix(isWhole ? length + 1 : length);
+    }
+}
+
+void RecordReader::ReadLine(std::string_view line) {
+    ++lines;
+    ++place.line;
+    line = line.substr(0, line.find_last_not_of('\r') + 1);
+    if (line.find('\x1B') != std::string_view::npos) {
+        line = WithoutColors(line, plain);
+    }
+    Skip(line, BYTE_ORDER_MARK);
+    if (isHeld && isLong && GoesOnLong(line)) {
+        return;
+    }
+    // Most lines of a device are not the library's.
+    const bool isNamed = Contains(line, FACADE_TAG);
+    if (!isNamed && !Contains(line, CHATTY_TAG)) {
+        Settle();
+        return;
+    }
+    Head head;
+    if (!ReadHead(line, head)) {
+        Settle();
+        if (Contains(line, LIBRARY_FILE)) {
+            sink.OnFragment(line, place);
+        }
+        return;
+    }
+    if (isHeld && head.isTagged && !head.isLong && !IsLibraryText(head.record.message) &&
+        head.text == held.text) {
+        Append(head.record.message);
+        return;
+    }
+    Settle();
+    held = head;
+    heldPlace = place;
+    isHeld = true;
+    isLong = head.isLong;
+}
+
+// Whether the line belongs to the record of the long form that is being held.
+bool RecordReader::GoesOnLong(std::string_view line) {
+    if (line.empty()) {
+        Settle();
+        return true;
+    }
+    Head next;
+    if (line.starts_with("-----") || (line.starts_with("[ ") && ReadHead(line, next))) {
+        return false;
+    }
+    if (held.record.message.empty()) {
+        // The capture may go on in another form.
+        isHeld = IsLibraryText(line) || !ReadHead(line, next);
+        held.record.message = isHeld ? line : "";
+        KeepHeld();
+        return isHeld;
+    }
+    Append(line);
+    return true;
+}
+
+void RecordReader::Append(std::string_view line) {
+    KeepHeld();
+    if (heldMessage.size() + line.size() < MAX_LINE) {
+        heldMessage += '\n';
+        heldMessage += line;
+    }
+    held.record.message = heldMessage;
+}
+
+// Makes what is held good beyond the bytes that it came in.
+void RecordReader::KeepHeld() {
+    if (isHeld && held.record.message.data() != heldMessage.data()) {
+        heldHead = held.text;
+        heldMessage = held.record.message;
+        held.text = heldHead;
+        held.record.message = heldMessage;
+    }
+}
+
+void RecordReader::Settle() {
+    if (!isHeld) {
+        return;
+    }
+    isHeld = false;
+    const Record& record = held.record;
+    if (record.tag == CHATTY_TAG) {
+        sink.OnLeftOut(LinesLeftOut(record.message), record.process, record.time, heldPlace);
+    } else if (isLong && record.message.empty()) {
+        sink.OnFragment(held.text, heldPlace);
+    } else {
+        sink.OnRecord(record, heldPlace);
+    }
+}
+
+void RecordReader::End() {
+    const std::string rest(decoder.Rest());
+    ReadText(rest);
+    // Without a line end, the last line may be a part of one: a number would be another number.
+    if (!carry.empty()) {
+        ++lines;
+        ++place.line;
+        if (Contains(carry, FACADE_TAG)) {
+            Settle();
+            sink.OnFragment(carry, place);
+        }
+        carry.clear();
+    }
+    Settle();
+}
+
+// ---- Forms ----
+
+bool RecordReader::ReadHead(std::string_view line, Head& head) {
+    head = {};
+    Record& record = head.record;
+    std::string_view rest = line;
+    if (Skip(rest, "[ ")) {
+        head.isLong = true;
+        head.isTagged = true;
+        head.text = line;
+        record.thread = -1;
+        if (!ReadTime(rest, record.time) || !rest.ends_with(" ]")) {
+            return false;
+        }
+        // "user:process:thread priority/tag ]"
+        const size_t slash = rest.find('/');
+        if (slash == std::string_view::npos || slash < 2) {
+            return false;
+        }
+        std::string_view ids = rest.substr(0, slash - 1);
+        rest.remove_prefix(slash - 1);
+        SkipBlanks(ids);
+        return TakeIds(ids, " ", true, record) > 1 && TakePriority(rest, record.priority) &&
+               Skip(rest, "/") && TakeTag(rest, record.tag) && rest == "]";
+    }
+    if (ReadTime(rest, record.time)) {
+        SkipBlanks(rest);
+        if (rest.size() < 2 || rest[1] != '/') {
+            // threadtime: "user process thread priority tag: "
+            std::array<std::string_view, 4> words;
+            size_t count = 0;
+            do {
+                if (count == words.size()) {
+                    return false;
+                }
+                words[count] = TakeWord(rest);
+            } while (++count < 3 || words[count - 1].size() != 1);
+            head.isTagged = true;
+            if (!TakePriority(words[count - 1], record.priority) ||
+                !ToNumber(words[count - 2], record.thread) ||
+                !ToNumber(words[count - 3], record.process) || !Skip(rest, " ") ||
+                !TakeTag(rest, record.tag) || !SkipColon(rest)) {
+                return false;
+            }
+        } else if (!ReadTagged(rest, head)) {
+            return false;
+        }
+    } else if (IsLibraryText(rest)) {
+        // raw
+    } else if (rest.size() > 1 && rest[1] == '/') {
+        if (!ReadTagged(rest, head)) {
+            return false;
+        }
+    } else if (TakePriority(rest, record.priority) && Skip(rest, "(")) {
+        // process: "priority(process) message  (tag)"; thread: "priority(process:thread) message"
+        for (const std::string_view tag : {FACADE_TAG, UTILS_TAG, CHATTY_TAG}) {
+            const size_t behind = tag.size() + 4;
+            if (rest.size() > behind && rest.ends_with(')') &&
+                rest.substr(rest.size() - behind).starts_with("  (") &&
+                rest.substr(rest.size() - behind + 3).starts_with(tag)) {
+                record.tag = tag;
+                head.isTagged = true;
+                rest.remove_suffix(behind);
+            }
+        }
+        if (TakeIds(rest, ") ", !head.isTagged, record) == 0 ||
+            (!head.isTagged && !IsLibraryText(rest))) {
+            return false;
+        }
+    } else {
+        return false;
+    }
+    record.message = rest;
+    head.text = line.substr(0, static_cast<size_t>(rest.data() - line.data()));
+    return true;
+}
+
+// brief and time: "priority/tag(process): "; tag: "priority/tag: ".
+bool RecordReader::ReadTagged(std::string_view& rest, Head& head) {
+    head.isTagged = true;
+    return TakePriority(rest, head.record.priority) && Skip(rest, "/") &&
+           TakeTag(rest, head.record.tag) &&
+           (!Skip(rest, "(") || TakeIds(rest, ")", false, head.record) != 0) && SkipColon(rest);
+}
+
+// A date and a time of day, or seconds since 1970 or since boot; then the zone, where there is one.
+bool RecordReader::ReadTime(std::string_view& rest, std::optional<int64_t>& time) {
+    int64_t seconds = 0;
+    if (!ReadDate(rest, seconds)) {
+        SkipBlanks(rest);
+        const char* const end = rest.data() + rest.size();
+        const auto [stop, error] = std::from_chars(rest.data(), end, seconds);
+        if (error != std::errc() || seconds < 0 || seconds > MAX_SECONDS) {
+            return false;
+        }
+        rest.remove_prefix(static_cast<size_t>(stop - rest.data()));
+    }
+    if (!Skip(rest, ".")) {
+        return false;
+    }
+    int64_t fraction = 0;
+    size_t digits = 0;
+    for (; digits < rest.size() && IsDigit(rest[digits]); ++digits) {
+        if (digits < 6) {
+            fraction = 10 * fraction + (rest[digits] - '0');
+        }
+    }
+    if (digits < 3) {
+        return false;
+    }
+    for (size_t i = digits; i < 6; ++i) {
+        fraction *= 10;
+    }
+    rest.remove_prefix(digits);
+    std::string_view zone = rest;
+    int64_t hours = 0;
+    int64_t minutes = 0;
+    const bool isWest = zone.starts_with(" -");
+    if ((Skip(zone, " +") || Skip(zone, " -")) && TakeDigits(zone, 2, hours) &&
+        TakeDigits(zone, 2, minutes)) {
+        seconds += (isWest ? 60 : -60) * (60 * hours + minutes);
+        rest = zone;
+    }
+    time = seconds * MICROS_PER_SECOND + fraction;
+    return Skip(rest, " ");
+}
+
+// "YYYY-MM-DD hh:mm:ss", the year where the form has it.
+bool RecordReader::ReadDate(std::string_view& rest, int64_t& seconds) {
+    if (!dateText.empty() && Skip(rest, dateText)) {
+        seconds = dateSeconds;
+        return true;
+    }
+    std::string_view text = rest;
+    int64_t number = 0;
+    int64_t month = 0;
+    int64_t day = 0;
+    int64_t hour = 0;
+    int64_t minute = 0;
+    int64_t second = 0;
+    const bool hasYear = text.size() > 4 && text[4] == '-';
+    if ((hasYear && !(TakeDigits(text, 4, number) && Skip(text, "-"))) ||
+        !TakeDigits(text, 2, month) || !Skip(text, "-") || !TakeDigits(text, 2, day) ||
+        !Skip(text, " ") || !TakeDigits(text, 2, hour) || !Skip(text, ":") ||
+        !TakeDigits(text, 2, minute) || !Skip(text, ":") || !TakeDigits(text, 2, second) ||
+        month < 1 || month > 12) {
+        return false;
+    }
+    if (!hasYear) {
+        // From December to January the year turns; lines of threads may stand the other way round.
+        year += lastMonth == 12 && month == 1 ? 1 : 0;
+        year -= lastMonth == 1 && month == 12 && year > MADE_UP_YEAR ? 1 : 0;
+        lastMonth = static_cast<int32_t>(month);
+        number = year;
+    }
+    seconds = ((DaysOf(number, month, day) * 24 + hour) * 60 + minute) * 60 + second;
+    dateText = rest.substr(0, rest.size() - text.size());
+    dateSeconds = seconds;
+    rest = text;
+    return true;
+}
+
+}  // namespace tools
