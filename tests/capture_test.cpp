@@ -120,7 +120,9 @@ class CaptureTest : public LibraryTest {
         step.call = call;
         step.result = call.operation->call(boost, call.arguments);
         ReadMessages();
-        EXPECT_EQ(tools::TellEvents(step, messages, configuration), messages.size());
+        const tools::Told told = tools::TellEvents(step, messages, configuration);
+        EXPECT_EQ(told.read, messages.size());
+        EXPECT_EQ(told.missing, 0U);
         EXPECT_EQ(Told(step.events), Called()) << call.operation->name;
         for (const tools::Event& event : step.events) {
             EXPECT_NE(event.outcome, Outcome::Unknown) << call.operation->name;

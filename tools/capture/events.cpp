@@ -42,14 +42,23 @@ class Teller {
            bool isEndCut)
         : events(toFill), messages(toRead), isRefused(isCallRefused), isCut(isEndCut) {}
 
-    size_t Read() const { return next; }
+    Told Result() const {
+        const auto missing = std::count_if(events.begin(), events.end(), [](const Event& event) {
+            return event.outcome == Outcome::Unknown;
+        });
+        return {next, lost + (isCut ? 0 : static_cast<size_t>(missing))};
+    }
 
     const Message* Peek() const { return next < messages.size() ? &messages[next] : nullptr; }
 
     // Takes the next message if it is of that kind.
     const Message* Take(MessageKind kind) {
         const Message* message = Peek();
-        return message != nullptr && message->kind == kind ? &messages[next++] : nullptr;
+        return message != nullptr && message->kind == kind ? &Next() : nullptr;
+    }
+    const Message& Next() {
+        place = messages[next].place;
+        return messages[next++];
     }
     // And about that frame.
     const Message* Take(MessageKind kind, int64_t frame) {
@@ -63,7 +72,15 @@ class Teller {
         event.outcome = outcome;
         event.frame = frame;
         event.stage = stage;
+        event.place = place;
+        place = {};
         events.push_back(event);
+    }
+
+    // The service was told of an error in what was told last.
+    void Report(int64_t frame, int32_t stage) {
+        place = events.back().place;
+        Tell(EventKind::Report, Outcome::Reported, frame, stage);
     }
 
     void StageEvent(EventKind kind, int32_t stage, int64_t frame) {
@@ -84,26 +101,26 @@ class Teller {
                 return;
             case MessageKind::FrameNotExist:
             case MessageKind::FrameRemoved:
-                ++next;
+                Next();
                 TellSpoken(kind, Outcome::NotInFlight, frame, stage);
                 return;
             case MessageKind::FrameInError:
-                ++next;
+                Next();
                 TellSpoken(kind, Outcome::FrameInError, frame, stage);
-                Tell(EventKind::Report, Outcome::Reported, frame, stage);
+                Report(frame, stage);
                 return;
             case MessageKind::StageNotInRange:
             case MessageKind::StageOutOfOrder:
             case MessageKind::StageOutOfTurn:
                 if (isOfStage) {
-                    ++next;
+                    Next();
                     const Outcome outcome =
                         message->kind == MessageKind::StageNotInRange   ? Outcome::NoSuchStage
                         : message->kind == MessageKind::StageOutOfOrder ? Outcome::OutOfOrder
                                                                         : Outcome::StageOutOfTurn;
                     TellSpoken(kind, outcome, frame, stage);
                     events.back().otherStage = message->otherStage;
-                    Tell(EventKind::Report, Outcome::Reported, frame, stage);
+                    Report(frame, stage);
                     return;
                 }
                 [[fallthrough]];
@@ -111,7 +128,7 @@ class Teller {
                 TellSilent(kind, frame, stage);
                 return;
         }
-        ++next;
+        Next();
         TellSpoken(kind, Outcome::Forwarded, frame, stage);
     }
 
@@ -134,13 +151,16 @@ class Teller {
              : isForwarded ? Outcome::Forwarded
                            : Outcome::Unknown,
              frame);
+        lost += isForwarded && added == nullptr ? 1 : 0;
+        lost += isInError && (added == nullptr || gap == nullptr) ? 1 : 0;
         if (gap != nullptr) {
+            events.back().place = gap->place;
             events.back().otherFrame = gap->lastFrame;
         } else if (isInError) {
             events.back().otherFrame = NO_FRAME;
         }
         if (isEviction) {
-            Tell(EventKind::Report, Outcome::Reported, NO_FRAME);
+            Report(NO_FRAME, -1);
         }
     }
 
@@ -218,6 +238,8 @@ class Teller {
     bool isRefused;
     bool isCut;
     size_t next = 0;
+    size_t lost = 0;  // Lines missing of events that other lines tell all the same.
+    Place place;      // Of the message that was taken last, for the event that it tells.
 };
 
 }  // namespace
@@ -247,8 +269,8 @@ bool AddDumped(const Message& message, Configuration& configuration) {
     }
 }
 
-size_t TellEvents(Step& step, std::span<const Message> messages, const Configuration& configuration,
-                  bool isCut) {
+Told TellEvents(Step& step, std::span<const Message> messages, const Configuration& configuration,
+                bool isCut) {
     step.events.clear();
     const std::string_view name = step.call.operation->name;
     const std::vector<Value>& arguments = step.call.arguments;
@@ -297,9 +319,9 @@ size_t TellEvents(Step& step, std::span<const Message> messages, const Configura
         }
     } else {
         // Thread ids and the like: lines, but no events.
-        return messages.size();
+        return {messages.size(), 0};
     }
-    return teller.Read();
+    return teller.Result();
 }
 
 }  // namespace tools

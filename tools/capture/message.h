@@ -7,6 +7,8 @@
 #include <span>
 #include <string_view>
 
+#include "tools/check/finding.h"
+
 namespace tools {
 
 // Which statement of the library a message comes from.
@@ -65,6 +67,7 @@ struct Message {
     int64_t lastFrame = 0;    // The newest frame, which `frame` does not follow.
     std::string_view name{};  // Of a node or a thread manager. Part of the text that was read.
     std::string_view list{};  // Of modes or ports, as dumped.
+    Place place{};            // For whoever reads a file to fill in.
 };
 
 // How a kind of message reads: after "file line:function() " comes `text`, in which "{field}"

@@ -1,0 +1,173 @@
+// Captures as they come: files, standard input, and zips.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+
+#include "tools/capture/capture.h"
+
+#ifdef TARVO_WITH_ZIP
+#include <archive.h>
+#include <archive_entry.h>
+#endif
+
+namespace tools {
+namespace {
+
+constexpr size_t PIECE = 256 * 1024;
+constexpr std::string_view ZIP_MARK = "PK\x03\x04";
+
+class File {
+  public:
+    File(const std::string& path, const std::function<bool(int64_t, int64_t)>& onProgress)
+        : descriptor(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC)),
+          progress(onProgress) {
+        if (descriptor < 0) {
+            Fail();
+        }
+        struct stat status {};
+        isRegular = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+        size = isRegular ? status.st_size : 0;
+    }
+    ~File() {
+        if (descriptor > STDIN_FILENO) {
+            close(descriptor);
+        }
+    }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    // The next piece; empty at the end, and when reading is to stop.
+    std::string_view Next() {
+        if (!isAgain) {
+            buffered = 0;
+            do {
+                if (progress && !progress(done, size)) {
+                    return {};
+                }
+                const ssize_t count = read(descriptor, buffer.data(), buffer.size());
+                if (count < 0 && errno != EINTR) {
+                    Fail();
+                }
+                buffered = static_cast<size_t>(std::max<ssize_t>(count, 0));
+                isEnd = count == 0;
+            } while (buffered == 0 && !isEnd);
+            done += static_cast<int64_t>(buffered);
+        }
+        isAgain = false;
+        return {buffer.data(), buffered};
+    }
+    // Lets the last piece come again.
+    void Back() { isAgain = true; }
+    // Begins anew, where that is possible.
+    bool Rewind() {
+        done = 0;
+        isAgain = false;
+        return isRegular && lseek(descriptor, 0, SEEK_SET) == 0;
+    }
+
+  private:
+    [[noreturn]] static void Fail() {
+        throw CaptureError(std::string("cannot be read: ") + std::strerror(errno));
+    }
+
+    int descriptor;
+    const std::function<bool(int64_t, int64_t)>& progress;
+    bool isRegular = false;
+    bool isEnd = false;
+    bool isAgain = false;
+    int64_t size = 0;
+    int64_t done = 0;
+    size_t buffered = 0;
+    std::string buffer = std::string(PIECE, '\0');
+};
+
+#ifdef TARVO_WITH_ZIP
+
+// Whether it is the text of a bug report, as Android names it.
+bool IsReport(std::string_view name) {
+    name.remove_prefix(name.rfind('/') + 1);
+    return name.starts_with("bugreport-") && name.ends_with(".txt");
+}
+
+// Reads the bug reports in a zip, or all its files. Returns how many files were read.
+int ReadZip(CaptureReader& reader, File& file, bool isAll) {
+    const std::unique_ptr<archive, int (*)(archive*)> zip(archive_read_new(), archive_read_free);
+    archive_read_support_format_zip(zip.get());
+    const auto readNext = [](archive* self, void* data, const void** piece) -> la_ssize_t {
+        try {
+            const std::string_view next = static_cast<File*>(data)->Next();
+            *piece = next.data();
+            return static_cast<la_ssize_t>(next.size());
+        } catch (const CaptureError& error) {
+            archive_set_error(self, EIO, "%s", error.what());
+            return -1;
+        }
+    };
+    const auto check = [&zip](la_ssize_t status) {
+        if (status < ARCHIVE_WARN) {
+            const char* const reason = archive_error_string(zip.get());
+            throw CaptureError(std::string("is a zip that cannot be read: ") +
+                               (reason == nullptr ? "unknown" : reason));
+        }
+        return status;
+    };
+    check(archive_read_open(zip.get(), &file, nullptr, readNext, nullptr));
+    int count = 0;
+    archive_entry* entry = nullptr;
+    while (check(archive_read_next_header(zip.get(), &entry)) != ARCHIVE_EOF) {
+        const char* const name = archive_entry_pathname(entry);
+        if (name == nullptr || archive_entry_filetype(entry) != AE_IFREG ||
+            !(isAll || IsReport(name))) {
+            continue;
+        }
+        ++count;
+        std::string piece(PIECE, '\0');
+        while (const la_ssize_t length =
+                   check(archive_read_data(zip.get(), piece.data(), piece.size()))) {
+            reader.Read(std::string_view(piece).substr(0, static_cast<size_t>(length)));
+        }
+        reader.End();
+    }
+    return count;
+}
+
+void ReadZip(CaptureReader& reader, File& file) {
+    if (ReadZip(reader, file, false) == 0 && !(file.Rewind() && ReadZip(reader, file, true) != 0)) {
+        throw CaptureError("is a zip without a bug report in it");
+    }
+}
+
+#else
+
+void ReadZip(CaptureReader& /*reader*/, File& /*file*/) {
+    throw CaptureError("is a zip, and this command was built without libarchive: unpack it first");
+}
+
+#endif
+
+}  // namespace
+
+void ReadCapture(CaptureReader& reader, uint32_t input, const std::string& path,
+                 const std::function<bool(int64_t done, int64_t all)>& onProgress) {
+    File file(path, onProgress);
+    reader.Begin(input);
+    std::string_view piece = file.Next();
+    if (piece.starts_with(ZIP_MARK)) {
+        file.Back();
+        ReadZip(reader, file);
+        return;
+    }
+    for (; !piece.empty(); piece = file.Next()) {
+        reader.Read(piece);
+    }
+    reader.End();
+}
+
+}  // namespace tools
