@@ -98,31 +98,34 @@ bool SkipColon(std::string_view& text) {
     return Skip(text, ": ") || (text == ":" && Skip(text, ":"));
 }
 
-// Takes ids in brackets, "(user:process:thread)". Where two stand, the second is a thread if
-// `hasThread`, else the first is a user. Returns how many there were; 0 when it is something else.
+// Reads "user:process:thread". Where there are two, the second is a thread if `hasThread`, else the
+// first is a user. Returns how many there were; 0 when it is something else.
+int ReadIds(std::string_view text, bool hasThread, Record& record) {
+    std::array<std::string_view, 3> ids;
+    size_t count = 0;
+    for (size_t at = 0; at <= text.size() && count < ids.size(); ++count) {
+        const size_t end = std::min(text.find(':', at), text.size());
+        ids[count] = text.substr(at, end - at);
+        SkipBlanks(ids[count]);
+        at = end + 1;
+    }
+    const bool isThread = hasThread && count > 1;
+    if (!ToNumber(ids[count - (isThread ? 2 : 1)], record.process) ||
+        (isThread && !ToNumber(ids[count - 1], record.thread))) {
+        return 0;
+    }
+    return static_cast<int>(count);
+}
+
+// Takes ids that end with `end`.
 int TakeIds(std::string_view& text, std::string_view end, bool hasThread, Record& record) {
     const size_t close = text.find(end);
     if (close == std::string_view::npos) {
         return 0;
     }
-    std::array<std::string_view, 3> ids;
-    size_t count = 0;
-    for (std::string_view rest = text.substr(0, close); count < ids.size();) {
-        const size_t colon = rest.find(':');
-        ids[count] = rest.substr(0, colon);
-        SkipBlanks(ids[count++]);
-        if (colon == std::string_view::npos) {
-            break;
-        }
-        rest.remove_prefix(colon + 1);
-    }
-    const size_t process = hasThread && count > 1 ? count - 2 : count - 1;
-    if (!ToNumber(ids[process], record.process) ||
-        (hasThread && count > 1 && !ToNumber(ids[count - 1], record.thread))) {
-        return 0;
-    }
+    const std::string_view ids = text.substr(0, close);
     text.remove_prefix(close + end.size());
-    return static_cast<int>(count);
+    return ReadIds(ids, hasThread, record);
 }
 
 // "12 lines" and so on at the end of a chatty record.
@@ -274,6 +277,7 @@ void RecordReader::ReadLine(std::string_view line) {
     ++place.line;
     line = line.substr(0, line.find_last_not_of('\r') + 1);
     if (line.find('\x1B') != std::string_view::npos) {
+        KeepHeld();
         line = WithoutColors(line, plain);
     }
     Skip(line, BYTE_ORDER_MARK);
@@ -393,14 +397,13 @@ bool RecordReader::ReadHead(std::string_view line, Head& head) {
         }
         // "user:process:thread priority/tag ]"
         const size_t slash = rest.find('/');
-        if (slash == std::string_view::npos || slash < 2) {
+        if (slash == std::string_view::npos || slash < 2 ||
+            ReadIds(rest.substr(0, slash - 2), true, record) < 2) {
             return false;
         }
-        std::string_view ids = rest.substr(0, slash - 1);
         rest.remove_prefix(slash - 1);
-        SkipBlanks(ids);
-        return TakeIds(ids, " ", true, record) > 1 && TakePriority(rest, record.priority) &&
-               Skip(rest, "/") && TakeTag(rest, record.tag) && rest == "]";
+        return TakePriority(rest, record.priority) && Skip(rest, "/") &&
+               TakeTag(rest, record.tag) && rest == "]";
     }
     if (ReadTime(rest, record.time)) {
         SkipBlanks(rest);
