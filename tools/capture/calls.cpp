@@ -10,8 +10,7 @@ namespace {
 // Lines of one call follow one another at once; a scene's end and a description that led to it
 // stand no further apart.
 constexpr Micros AT_ONCE = 10'000;
-// A call without a line for so long, in time and in lines of the capture, has had its last one.
-constexpr Micros OLD = 1'000'000;
+// A call without a line for that many lines of others has had its last one.
 constexpr uint64_t OLD_LINES = 4096;
 // No call leaves more lines than this, but for lists of threads; input that says so is nonsense.
 constexpr size_t MOST_LINES = 4096;
