@@ -74,6 +74,10 @@ void ShowSummary(const Camera& camera, const Simulated& simulated) {
         std::cerr << "  " << simulated.overruns << " frames dropped by the sensor: all "
                   << camera.buffers << " buffers were taken\n";
     }
+    if (!simulated.isBoosted) {
+        std::cerr << "  the library boosted nothing: it takes video at 60 fps, of a width and in a "
+                     "mode that it is configured for\n";
+    }
     std::cerr << simulated.lines << " lines of log";
     if (simulated.linesLost != 0) {
         std::cerr << ", and " << simulated.linesLost << " missing";
@@ -130,39 +134,53 @@ int RunSimulate(const Arguments& arguments) {
 
 void AddSimulate(CLI::App& app, Run& run) {
     CLI::App* command = app.add_subcommand(
-        "simulate",
-        "Runs a virtual camera with faults of your choice against the library and writes the\n"
-        "log that a device would have given");
+        "simulate", "Runs a virtual camera with faults of your choice and writes a device's log");
     command->footer(
-        "\nThe camera file is TOML: nodes, their times, faults. The built-in camera fits the\n"
-        "sample configuration; it is installed as a file to copy, cameras/video-4k60.toml.\n"
-        "Frames and stages are numbered from 0; node by node, branches not counted, a stage\n"
-        "each. What can go wrong:\n\n" +
+        "\nA sensor hands frames to a chain of nodes, which report them to the library, in "
+        "virtual\n"
+        "time. The camera file describes them, in TOML; the built-in camera, which fits the "
+        "sample\n"
+        "configuration, is installed as cameras/video-4k60.toml to copy from. Frames and stages\n"
+        "count from 0. What can go wrong with a frame:\n\n" +
         DescribeFaults() +
         "\nExample: ten seconds of video in which frame 200 takes long and frame 400 is lost:\n\n"
         "  cameraframeboost simulate --fault slow:200:2:40 --fault lost:400:3 -o capture.log\n");
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<Arguments>();
-    command->add_option("CAMERA", arguments->camera, "The camera file; left out: the built-in one");
-    command->add_option("-o,--output", arguments->output,
-                        "Where the log goes; left out or -: standard output");
-    command->add_option("--frames", arguments->frames, "How many frames the sensor delivers")
-        ->check(CLI::Range(int64_t{1}, MAX_FRAMES));
-    command->add_option("--fps", arguments->fps, "Frames per second")->check(CLI::Range(1, 1000));
-    command->add_option("--seed", arguments->seed,
-                        "Chooses the nodes' times; the same seed gives the same log");
     command
-        ->add_option("--fault", arguments->faults, "KIND:FRAME[:MORE], see below; may be repeated")
+        ->add_option("CAMERA", arguments->camera, "The camera file; left out: the built-in camera")
+        ->type_name("");
+    command
+        ->add_option("-o,--output", arguments->output,
+                     "Where the log goes; left out: standard output")
+        ->type_name("FILE");
+    command->add_option("--frames", arguments->frames, "How many frames the sensor delivers")
+        ->check(CLI::Range(int64_t{1}, MAX_FRAMES).description(""))
+        ->type_name("N");
+    command->add_option("--fps", arguments->fps, "Frames per second")
+        ->check(CLI::Range(1, 1000).description(""))
+        ->type_name("N");
+    command
+        ->add_option("--seed", arguments->seed,
+                     "Chooses the nodes' times; the same seed gives the same log")
+        ->type_name("N");
+    command->add_option("--fault", arguments->faults, "What goes wrong, see below; may be repeated")
+        ->type_name("KIND:FRAME[:MORE]")
         ->expected(1)
         ->take_all();
-    command->add_option("--config", arguments->configuration,
-                        "A TOML file for the configuration store instead of the built-in sample");
-    command->add_option("--form", arguments->form,
-                        "The log's form, as logcat's -v has it: brief, process, tag, thread, raw,\n"
-                        "time, threadtime, long; with modifiers: threadtime,year,usec");
-    command->add_option(
-        "--session", arguments->session,
-        "Writes the calls here, as a session that replay plays, given the same --config");
+    command
+        ->add_option("--config", arguments->configuration,
+                     "A TOML file for the configuration store instead of the built-in sample")
+        ->type_name("FILE");
+    command
+        ->add_option("--form", arguments->form,
+                     "The log's form, as logcat's -v has it: brief, process, tag, thread, raw,\n"
+                     "time, threadtime or long, with modifiers: threadtime,year,usec")
+        ->type_name("FORM");
+    command
+        ->add_option("--session", arguments->session,
+                     "Writes the calls here, as a session that replay plays with the same --config")
+        ->type_name("FILE");
     command->callback([arguments, &run] { run = [arguments] { return RunSimulate(*arguments); }; });
 }
 

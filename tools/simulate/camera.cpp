@@ -16,7 +16,7 @@
 namespace tools {
 namespace {
 
-constexpr int64_t MAX_MILLISECONDS = 60'000;
+constexpr int64_t MAX_AMOUNT = 60'000;  // A minute, and what a fault is about at most.
 
 struct FaultForm {
     std::string_view name;
@@ -140,7 +140,7 @@ CameraNode ReadNode(const toml::table& table, std::string_view fileName) {
                              std::numeric_limits<int32_t>::max())));
     }
     reader.Read("branch", node.isBranch);
-    reader.ReadMilliseconds("median", node.median, MAX_MILLISECONDS * 1000);
+    reader.ReadMilliseconds("median", node.median, MAX_AMOUNT * 1000);
     reader.ReadMilliseconds("spread", node.spread, node.median);
     reader.ExpectNoMore();
     return node;
@@ -162,29 +162,20 @@ Fault ParseFault(std::string_view text) {
         }
         fail(names);
     }
-    std::string_view rest = text.substr(name.size());
-    const auto readNumber = [&](int64_t lowest, int64_t highest) {
-        int64_t number = 0;
-        const auto [stop, error] = std::from_chars(rest.data() + std::min<size_t>(1, rest.size()),
-                                                   rest.data() + rest.size(), number);
-        if (error != std::errc() || number < lowest || number > highest) {
-            fail(UsageOf(*form) + " with numbers from " + std::to_string(lowest) + " to " +
-                 std::to_string(highest));
-        }
-        rest.remove_prefix(static_cast<size_t>(stop - rest.data()));
-        return number;
-    };
     Fault fault;
     fault.kind = static_cast<FaultKind>(form - FAULT_FORMS.begin());
-    fault.frame = readNumber(1, MAX_FRAMES);
-    if (form->hasStage) {
-        fault.stage = static_cast<int32_t>(readNumber(0, 1000));
-    }
-    if (!form->amount.empty()) {
-        fault.amount = readNumber(1, MAX_MILLISECONDS);
-    }
-    if (!rest.empty() || ToString(fault) != text) {
-        fail(UsageOf(*form));
+    const char* next = text.data() + name.size();
+    const char* const end = text.data() + text.size();
+    const auto readNumber = [&next, end](auto& number) {
+        next = next == end ? end : std::from_chars(next + 1, end, number).ptr;
+        return number;
+    };
+    const bool isInRange =
+        readNumber(fault.frame) >= 1 && fault.frame <= MAX_FRAMES &&
+        (!form->hasStage || readNumber(fault.stage) >= 0) &&
+        (form->amount.empty() || (readNumber(fault.amount) >= 1 && fault.amount <= MAX_AMOUNT));
+    if (!isInRange || ToString(fault) != text) {
+        fail(UsageOf(*form) + " in whole numbers, frames and amounts from 1, stages from 0");
     }
     return fault;
 }

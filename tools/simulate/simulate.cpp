@@ -85,6 +85,8 @@ class Simulation {
         if (step.loaded && !step.loaded->modes.empty()) {
             firstMode = step.loaded->modes.front();
         }
+        // No call but the start of the scene has such a result before the scene runs.
+        result.isBoosted = result.isBoosted || step.result == 0;
         log.SetMoment(now, thread);
         for (const desktop::Effect& effect : effects) {
             if (!std::holds_alternative<desktop::LogLine>(effect.event)) {

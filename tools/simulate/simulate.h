@@ -24,11 +24,12 @@ struct SimulateOptions {
 
 // What came of a simulation.
 struct Simulated {
-    int64_t frames = 0;     // Delivered by the sensor, or dropped.
-    int64_t completed = 0;  // That came out of the last stage.
-    int64_t overruns = 0;   // Dropped by the sensor since all buffers were taken.
-    int64_t lines = 0;      // Written to the capture.
-    int64_t linesLost = 0;  // Not written to it.
+    bool isBoosted = false;  // The scene was started; else the library ignored all that followed.
+    int64_t frames = 0;      // Delivered by the sensor, or dropped.
+    int64_t completed = 0;   // That came out of the last stage.
+    int64_t overruns = 0;    // Dropped by the sensor since all buffers were taken.
+    int64_t lines = 0;       // Written to the capture.
+    int64_t linesLost = 0;   // Not written to it.
 };
 
 // Writes the capture of a recording of `camera` to `capture`: loading the library, a scene, and its
