@@ -52,4 +52,45 @@ int64_t Scene::CountOf(FrameStatus status) const {
     return statusCounts[static_cast<size_t>(status)];
 }
 
+Severity WorstOf(const Account& account) {
+    Severity worst = Severity::Note;
+    const auto consider = [&worst](const std::vector<AccountedFinding>& findings) {
+        for (const AccountedFinding& finding : findings) {
+            worst = std::max(worst, finding.severity);
+        }
+    };
+    consider(account.findings);
+    for (const Scene& scene : account.scenes) {
+        consider(scene.findings);
+    }
+    return worst;
+}
+
+std::string VerdictOf(const Account& account) {
+    int64_t frames = 0, notBoosted = 0, late = 0, started = 0;
+    for (const Scene& scene : account.scenes) {
+        for (const int64_t count : scene.statusCounts) {
+            frames += count;
+        }
+        notBoosted += scene.notBoosted;
+        late += scene.lateFrames;
+        started += scene.isStarted ? 1 : 0;
+    }
+    const auto were = [](int64_t count) { return count == 1 ? " was" : " were"; };
+    if (started == 0) {
+        return "Nothing was boosted: no scene was started.";
+    }
+    if (frames == 0) {
+        return "Nothing was boosted: no frame was reported.";
+    }
+    const std::string all = std::to_string(frames) + (frames == 1 ? " frame" : " frames");
+    if (notBoosted == 0 && late == 0) {
+        return WorstOf(account) == Severity::Note
+                   ? "All is well: " + all + ", all boosted, none late."
+                   : all + ", all boosted, none late, but there is something to look at.";
+    }
+    return "Of " + all + " " + std::to_string(notBoosted) + were(notBoosted) +
+           " not boosted from start to end, and " + std::to_string(late) + " came out late.";
+}
+
 }  // namespace tools

@@ -91,6 +91,9 @@ struct Scene {
 
     int64_t CountOf(FrameStatus status) const;
     std::array<int64_t, FRAME_STATUSES> statusCounts{};  // Of all frames, kept or not.
+    // Frames that were not boosted from start to end and should have been: not those that were in
+    // flight when the scene or the capture began or ended.
+    int64_t notBoosted = 0;
     int64_t lateFrames = 0;
     Micros lateThreshold = 0;  // A longer interval is late.
     Statistics latency, interval;
@@ -102,6 +105,7 @@ struct Account {
     std::string from, to;             // As the clock of the capture says; empty without times.
     bool hasTimes = false;
     bool hasThreads = false;
+    Micros resolution = 1000;  // Of all times: 1000 where they are whole milliseconds, else 1.
     int64_t lines = 0, libraryLines = 0, notUnderstood = 0, lost = 0;
     std::optional<Configuration> configuration;  // As last dumped.
     std::vector<Finding> configurationFindings;  // Of the checker.
@@ -110,5 +114,11 @@ struct Account {
     // How often what became of which kind of event, over everything.
     std::map<std::pair<EventKind, Outcome>, int64_t> events;
 };
+
+// The worst of all findings but the checker's; a note when there is none.
+Severity WorstOf(const Account& account);
+
+// What came of it all, in a sentence.
+std::string VerdictOf(const Account& account);
 
 }  // namespace tools

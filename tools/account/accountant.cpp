@@ -57,7 +57,10 @@ void Accountant::Implementation::OnStep(const Step& step) {
     }
     Camera& camera = cameras[step.process];
     currentProcess = step.process;
-    account.hasTimes = account.hasTimes || step.time != NO_TIME;
+    if (step.time != NO_TIME) {
+        account.hasTimes = true;
+        account.resolution = step.time % 1000 != 0 ? 1 : account.resolution;
+    }
     account.hasThreads = account.hasThreads || step.thread != -1;
     if (step.loaded) {
         EndScene(camera);  // A process loads the library once: it is a new one.

@@ -212,6 +212,7 @@ void Investigation::Examine(const Observed& seen, size_t position) {
     if (cause != nullptr) {
         cause->touched = examined;
         frame.hasFinding = true;
+        scene.notBoosted += frame.status != FrameStatus::Complete ? 1 : 0;
     }
     hasStarted = hasStarted || seen.isStarted;
     recent.push_back({seen.number, cause == nullptr ? 0 : cause->id, frame.output,
