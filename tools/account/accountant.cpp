@@ -13,6 +13,8 @@ namespace {
 constexpr size_t KINDS = static_cast<size_t>(EventKind::Report) + 1;
 constexpr size_t OUTCOMES = static_cast<size_t>(Outcome::Unknown) + 1;
 constexpr int32_t NOT_KNOWN = -1;
+// Where memory is to stay flat.
+constexpr size_t SCENES_KEPT = 1000;
 
 }  // namespace
 
@@ -229,9 +231,11 @@ void Accountant::Implementation::EndScene(Camera& camera) {
 
 void Accountant::Implementation::Add(Scene&& scene) {
     if (!options.keepsFrames) {
-        account.scenes.clear();
-        scene.frames.clear();
-        scene.stageTimes.clear();
+        scene.frames = {};
+        scene.stageTimes = {};
+        if (account.scenes.size() == SCENES_KEPT) {
+            account.scenes.erase(account.scenes.begin());
+        }
     }
     account.scenes.push_back(std::move(scene));
 }

@@ -30,9 +30,10 @@ class CommandError : public std::runtime_error {
 };
 
 // Each adds its subcommand to `app`. When that is the one that was asked for, `run` is set to what
-// does the job and returns the exit status. To come: explain.
+// does the job and returns the exit status.
 using Run = std::function<int()>;
 void AddCheck(CLI::App& app, Run& run);
+void AddExplain(CLI::App& app, Run& run);
 void AddReplay(CLI::App& app, Run& run);
 void AddSimulate(CLI::App& app, Run& run);
 

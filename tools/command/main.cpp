@@ -24,6 +24,7 @@ int RunCommand(int argc, char** argv) {
                "\nTry --help, of the command or of a subcommand.\n";
     });
     tools::Run run;
+    tools::AddExplain(app, run);
     tools::AddReplay(app, run);
     tools::AddCheck(app, run);
     tools::AddSimulate(app, run);

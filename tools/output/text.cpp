@@ -261,6 +261,10 @@ void WriteText(std::ostream& out, const Account& account, const TextOptions& opt
         out << "; " << account.lost << " more are known to be lost";
     }
     out << ".\n";
+    if (!account.hasThreads && account.hasTimes) {
+        out << "The capture has no thread ids: whose line is whose is told from frames and "
+               "nodes.\n";
+    }
     WriteConfiguration(out, account);
     if (!account.findings.empty()) {
         out << '\n';

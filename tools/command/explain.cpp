@@ -1,0 +1,303 @@
+// cameraframeboost explain: from a device's log to what went wrong.
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/account/accountant.h"
+#include "tools/capture/capture.h"
+#include "tools/command/command.h"
+#include "tools/output/json.h"
+#include "tools/output/page.h"
+#include "tools/output/text.h"
+#include "tools/output/trace.h"
+
+namespace tools {
+namespace {
+
+struct Arguments {
+    std::vector<std::string> captures;
+    std::string other;
+    std::string frames;
+    std::string csv, html, trace;
+    double latePeriods = AccountOptions().latePeriods;
+    bool isJson = false;
+    bool isFollowing = false;
+    bool showsAllFrames = false;
+};
+
+[[noreturn]] void FailUsage(const std::string& message) {
+    throw CommandError("cameraframeboost: error: " + message);
+}
+
+// "120-140", or "120".
+std::pair<int64_t, int64_t> ParseFrames(const std::string& text) {
+    std::pair<int64_t, int64_t> frames;
+    const char* end = text.data() + text.size();
+    auto result = std::from_chars(text.data(), end, frames.first);
+    frames.second = frames.first;
+    if (result.ec == std::errc() && result.ptr != end && *result.ptr == '-') {
+        result = std::from_chars(result.ptr + 1, end, frames.second);
+    }
+    if (result.ec != std::errc() || result.ptr != end || frames.second < frames.first) {
+        FailUsage("--frames is \"" + text + "\", expected a frame or a range such as 120-140");
+    }
+    return frames;
+}
+
+std::string NameOf(const std::string& path) {
+    return path == "-" ? "standard input" : path;
+}
+
+// What steps do not tell: the inputs, and what was read of them.
+void Complete(Account& account, const std::vector<std::string>& paths,
+              const CaptureSummary& summary) {
+    for (const std::string& path : paths) {
+        account.inputs.push_back(NameOf(path));
+    }
+    if (summary.libraryLines == 0) {
+        std::string names;
+        for (const std::string& input : account.inputs) {
+            names += (names.empty() ? "" : ", ") + input;
+        }
+        throw CommandError(
+            names + ": error: none of the " + std::to_string(summary.lines) +
+            " lines is the library's. Was the property\n"
+            "vendor.tarvo.camera.frameboost.debug.enable set to true before the camera's process\n"
+            "was started? Does the capture have the tags cameraframeboost and\n"
+            "tarvocameraframeboostutils at debug level? Was the log's buffer (adb logcat -G 16M)\n"
+            "large enough to still hold them? [no-lines]");
+    }
+    account.from = summary.from;
+    account.to = summary.to;
+    account.lines = summary.lines;
+    account.libraryLines = summary.libraryLines;
+    account.notUnderstood = summary.notUnderstood;
+    account.lost = summary.lost;
+    if (summary.notUnderstood > 0) {
+        AccountedFinding finding;
+        finding.check = "not-understood";
+        finding.severity = Severity::Warning;
+        finding.times = summary.notUnderstood;
+        finding.message = std::to_string(summary.notUnderstood) +
+                          (summary.notUnderstood == 1 ? " line" : " lines") +
+                          " of the library's were not understood:";
+        for (const NotUnderstood& line : summary.firstNotUnderstood) {
+            finding.message += "\n    line " + std::to_string(line.place.line) + ": " + line.text;
+        }
+        if (!summary.firstNotUnderstood.empty()) {
+            finding.place = summary.firstNotUnderstood.front().place;
+        }
+        account.findings.push_back(std::move(finding));
+    }
+    if (account.configuration) {
+        if (!account.configuration->stageCount) {
+            account.configuration->stageCount = summary.stageCount;
+        }
+        for (Finding& finding : CheckConfiguration(ToToml(*account.configuration)).findings) {
+            finding.place = {};  // Of a text that nobody has.
+            account.configurationFindings.push_back(std::move(finding));
+        }
+    }
+}
+
+Account Explain(const std::vector<std::string>& paths, double latePeriods, ProgressLine& progress) {
+    AccountOptions options;
+    options.latePeriods = latePeriods;
+    Accountant accountant(options);
+    CaptureReader reader(accountant);
+    for (size_t i = 0; i < paths.size() && !IsInterrupted(); ++i) {
+        try {
+            ReadCapture(reader, static_cast<uint32_t>(i), paths[i],
+                        [&progress](int64_t done, int64_t all) {
+                            progress.Show(done >> 20, all >> 20);
+                            return !IsInterrupted();
+                        });
+        } catch (const CaptureError& error) {
+            throw CommandError(NameOf(paths[i]) + ": error: " + error.what());
+        }
+    }
+    reader.Finish();
+    progress.Clear();
+    Account account = accountant.Finish();
+    Complete(account, paths, reader.Summary());
+    return account;
+}
+
+int StatusOf(const Account& account) {
+    Severity worst = WorstOf(account);
+    for (const Finding& finding : account.configurationFindings) {
+        worst = std::max(worst, finding.severity);
+    }
+    return worst == Severity::Note ? NOTHING_FOUND : FAULTS_FOUND;
+}
+
+// A status line, on a terminal, about once a second.
+class StatusLine {
+  public:
+    void Show(const Scene* scene) {
+        const auto now = std::chrono::steady_clock::now();
+        if (!isWanted || scene == nullptr || now - lastShown < std::chrono::seconds(1)) {
+            return;
+        }
+        lastShown = now;
+        int64_t frames = 0;
+        for (const int64_t count : scene->statusCounts) {
+            frames += count;
+        }
+        std::cerr << '\r' << frames << " frames, " << scene->notBoosted << " not boosted, "
+                  << scene->lateFrames << " late (more than "
+                  << static_cast<double>(scene->lateThreshold / 100) / 10 << " ms)\033[K"
+                  << std::flush;
+    }
+    void Clear() {
+        if (isWanted) {
+            std::cerr << "\r\033[K" << std::flush;
+        }
+    }
+
+  private:
+    bool isWanted = isatty(STDERR_FILENO) != 0;
+    std::chrono::steady_clock::time_point lastShown = std::chrono::steady_clock::now();
+};
+
+int Follow(const Arguments& arguments) {
+    Account named;
+    named.inputs = {NameOf("-")};
+    Input in("-");
+    Output out("-");
+    StatusLine status;
+    AccountOptions options;
+    options.latePeriods = arguments.latePeriods;
+    options.keepsFrames = false;
+    options.onFinding = [&](const Scene& scene, const AccountedFinding& finding) {
+        status.Clear();
+        out << LineOf(named, &scene, finding) << std::endl;
+    };
+    Accountant accountant(options);
+    CaptureReader reader(accountant);
+    reader.Begin(0);
+    std::string bytes;
+    while (!IsInterrupted()) {
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        if (poll(&input, 1, 200) == 0) {
+            reader.Settle();  // Lines that might have had others behind them are not held back.
+        } else if (in.peek() == Input::traits_type::eof()) {
+            break;
+        } else {
+            bytes.resize(static_cast<size_t>(in.rdbuf()->in_avail()));
+            in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+            reader.Read(bytes);
+        }
+        status.Show(accountant.Current());
+    }
+    reader.End();
+    reader.Finish();
+    Account account = accountant.Finish();
+    status.Clear();
+    Complete(account, {"-"}, reader.Summary());
+    for (const AccountedFinding& finding : account.findings) {
+        out << LineOf(account, nullptr, finding) << '\n';
+    }
+    out << VerdictOf(account) << '\n';
+    out.Close();
+    return StatusOf(account);
+}
+
+int RunExplain(const Arguments& arguments) {
+    CatchInterrupts();
+    if (arguments.isFollowing) {
+        const bool hasOutputs =
+            arguments.isJson || arguments.showsAllFrames ||
+            !(arguments.csv + arguments.html + arguments.trace + arguments.other + arguments.frames)
+                 .empty();
+        if (arguments.captures != std::vector<std::string>{"-"} || hasOutputs) {
+            FailUsage("--follow reads standard input (-) and goes with no other option but --late");
+        }
+        return Follow(arguments);
+    }
+    TextOptions text;
+    text.showsAllFrames = arguments.showsAllFrames;
+    PageOptions page;
+    if (!arguments.frames.empty()) {
+        text.frames = page.frames = ParseFrames(arguments.frames);
+    }
+    ProgressLine progress("MB", false);
+    const Account account = Explain(arguments.captures, arguments.latePeriods, progress);
+    const auto writeTo = [](const std::string& path, const auto& write) {
+        if (!path.empty()) {
+            Output file(path);
+            write(file);
+            file.Close();
+        }
+    };
+    writeTo(arguments.csv, [&](std::ostream& out) { WriteCsv(out, account); });
+    page.title = account.inputs.front();
+    writeTo(arguments.html, [&](std::ostream& out) { WritePage(out, account, page); });
+    writeTo(arguments.trace, [&](std::ostream& out) { WriteTrace(out, account); });
+
+    Output out("-");
+    if (!arguments.other.empty()) {
+        const Account after = Explain({arguments.other}, arguments.latePeriods, progress);
+        WriteComparison(out, account, after);
+        out.Close();
+        return StatusOf(after);
+    }
+    if (arguments.isJson) {
+        WriteJson(out, account);
+    } else {
+        WriteText(out, account, text);
+    }
+    out.Close();
+    return StatusOf(account);
+}
+
+}  // namespace
+
+void AddExplain(CLI::App& app, Run& run) {
+    CLI::App* command = app.add_subcommand(
+        "explain", "Says what went wrong with the frames of a device's log, and why");
+    command->footer(
+        "\nA capture is a file that logcat has written, in whatever form, or a bug report, zipped\n"
+        "or not; several are read one after the other. The library logs while the property\n"
+        "vendor.tarvo.camera.frameboost.debug.enable is true, which it reads when it is loaded.\n"
+        "\nExit status: 0 nothing found, 1 something found (warnings too), 2 cannot be read.\n"
+        "\nExamples:\n\n"
+        "  adb logcat -d | cameraframeboost explain -\n"
+        "  cameraframeboost explain capture.log --to-html capture.html\n"
+        "  cameraframeboost explain before.log --compare after.log\n"
+        "  adb logcat | cameraframeboost explain --follow -\n");
+    // Lives as long as the command that refers to it.
+    const auto arguments = std::make_shared<Arguments>();
+    command->add_option("CAPTURE", arguments->captures, "The captures; - for standard input")
+        ->required();
+    command->add_flag("--json", arguments->isJson,
+                      "One JSON object, times in milliseconds, instead of text");
+    command->add_flag("--all", arguments->showsAllFrames, "Show all frames in the table");
+    command->add_option("--frames", arguments->frames, "Show these frames in the table: A-B");
+    command
+        ->add_option("--late", arguments->latePeriods,
+                     "A frame is late when it comes out more than this many frame periods after\n"
+                     "the one before; 1.5 unless told")
+        ->check(CLI::Range(1.0, 1000.0));
+    command->add_option("--compare", arguments->other,
+                        "Show what changed from CAPTURE to this capture");
+    command->add_flag("--follow", arguments->isFollowing,
+                      "Read on as the log comes, show findings as they are found");
+    command->add_option("--to-csv", arguments->csv, "Write a row a frame here");
+    command->add_option("--to-html", arguments->html, "Write a page for a browser here");
+    command->add_option("--to-trace", arguments->trace, "Write a trace for ui.perfetto.dev here");
+    command->callback([arguments, &run] { run = [arguments] { return RunExplain(*arguments); }; });
+}
+
+}  // namespace tools
