@@ -192,7 +192,7 @@ int Follow(const Arguments& arguments) {
         pollfd input{STDIN_FILENO, POLLIN, 0};
         if (poll(&input, 1, 200) == 0) {
             reader.Settle();  // Lines that might have had others behind them are not held back.
-        } else if (in.peek() == Input::traits_type::eof()) {
+        } else if (in.peek() == std::char_traits<char>::eof()) {
             break;
         } else {
             bytes.resize(static_cast<size_t>(in.rdbuf()->in_avail()));

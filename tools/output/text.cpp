@@ -31,7 +31,8 @@ std::string Counted(int64_t count, const char* what) {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-// Cells of a table, each column as wide as it must be. The first column is text.
+// Cells of a table, each column as wide as it must be. The first column is text, and so is a last
+// one without a name.
 class Table {
   public:
     void Add(std::vector<std::string> row) { rows.push_back(std::move(row)); }
@@ -47,7 +48,8 @@ class Table {
             std::string line = "  ";
             for (size_t i = 0; i < row.size(); ++i) {
                 const std::string fill(widths[i] - row[i].size(), ' ');
-                line += i == 0 ? row[i] + fill : "  " + fill + row[i];
+                const bool isText = i == 0 || (i + 1 == row.size() && rows.front().back().empty());
+                line += (i == 0 ? "" : "  ") + (isText ? row[i] + fill : fill + row[i]);
             }
             line.erase(line.find_last_not_of(' ') + 1);
             out << line << '\n';
@@ -71,9 +73,17 @@ std::string FramesByStatus(const Scene& scene) {
     return std::to_string(all) + (text.empty() ? "" : ": " + text);
 }
 
-// How many frames came out a second; 0 where that is not known.
+// How many frames came out a second, on average; 0 where that is not known.
 double RateOf(const Scene& scene) {
-    return scene.interval.p50 > 0 ? 1e6 / static_cast<double>(scene.interval.p50) : 0;
+    Micros passed = 0;
+    int64_t count = 0;
+    for (const Frame& frame : scene.frames) {
+        if (frame.interval != NO_TIME) {
+            passed += frame.interval;
+            ++count;
+        }
+    }
+    return passed == 0 ? 0 : static_cast<double>(count) * 1e6 / static_cast<double>(passed);
 }
 
 void WriteConfiguration(std::ostream& out, const Account& account) {
@@ -105,9 +115,18 @@ void WriteConfiguration(std::ostream& out, const Account& account) {
         }
         out << (stage.ports.empty() ? " none" : "") << '\n';
     }
+    int64_t notes = 0;
     for (const Finding& finding : account.configurationFindings) {
-        out << "  " << NameOf(finding.severity) << ": " << finding.message << " [" << finding.check
-            << "]\n";
+        if (finding.severity == Severity::Note) {
+            ++notes;
+        } else {
+            out << "  " << NameOf(finding.severity) << ": " << finding.message << " ["
+                << finding.check << "]\n";
+        }
+    }
+    if (notes > 0) {
+        out << "  " << Counted(notes, "note") << " more: cameraframeboost check shows "
+            << (notes == 1 ? "it" : "them") << '\n';
     }
 }
 
