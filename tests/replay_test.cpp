@@ -1,4 +1,4 @@
-// The replay command: its transcripts, its totals, and what it says of bad input.
+// Replays: their transcripts, totals, times and captures, and what they say of bad input.
 
 #include "tools/play/replay.h"
 
@@ -22,6 +22,15 @@ class ReplayTest : public testing::Test {
     bool Play(const std::string& session) {
         std::istringstream stream(session);
         return Play(stream, "test.session");
+    }
+
+    void ExpectInOrder(std::initializer_list<const char*> texts) {
+        size_t at = 0;
+        for (const char* text : texts) {
+            const size_t found = out.str().find(text, at);
+            ASSERT_NE(found, std::string::npos) << text << "\nin\n" << out.str().substr(at);
+            at = found;
+        }
     }
 
     tools::ReplayOptions options;
@@ -78,48 +87,40 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
         }
         EXPECT_EQ(played, ReadFile(path)) << session;
 
-        // Without debugging it is all the same, less what debugging shows.
-        options.withDebug = false;
-        EXPECT_TRUE(Play(text));
-        EXPECT_EQ(out.str(), std::regex_replace(played, std::regex("      [Dc][^\n]*\n"), ""));
+        if (withDebug) {
+            // Without debugging it is all the same, less what debugging shows.
+            options.withDebug = false;
+            EXPECT_TRUE(Play(text));
+            EXPECT_EQ(out.str(), std::regex_replace(played, std::regex("      [Dc][^\n]*\n"), ""));
+        }
     }
 }
 
-// Every frame of a minute: its start, its stages one after another, its end.
+// Every frame of a minute: its start, its stages one after another, its end, each in its time.
 TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
-    class FrameLog : public desktop::Observer {
+    class FrameLog : public tools::StepSink {
       public:
-        void OnEffect(const desktop::Effect& effect) override {
-            if (const auto* call = std::get_if<desktop::ServiceCall>(&effect.event)) {
-                const int32_t stage = call->Argument("stage");
-                frames[call->Argument("frame")] += std::string(NameOf(call->function)).substr(4) +
-                                                   (stage == -1 ? "" : std::to_string(stage)) + " ";
+        void OnStep(const tools::Step& step) override {
+            for (const tools::Event& event : step.events) {
+                EXPECT_EQ(event.outcome, tools::Outcome::Forwarded);
+                frames[event.frame] += "SEsepq"[static_cast<size_t>(event.kind) - 2];
+                if (event.kind == tools::EventKind::FrameEnd) {
+                    const int64_t frameTime = (event.frame + 3) * 1'000'000 / 60;
+                    EXPECT_EQ(step.time, frameTime) << event.frame;
+                }
             }
         }
-        std::map<int32_t, std::string> frames;
+        std::map<int64_t, std::string> frames;
     } log;
     std::ifstream file(Sessions("minute-recording.session"));
     options.isQuiet = true;
-    options.pace.onProgress = [&log](int64_t done, int64_t) {
-        // The player watches at first; from the first frame on this does.
-        if (done == 1) {
-            desktop::SetObserver(&log);
-        }
-    };
+    options.isJson = true;
+    options.steps = &log;
     EXPECT_TRUE(Play(file, "minute"));
-    for (int32_t frame = 3; frame <= 3600; ++frame) {
-        ASSERT_EQ(log.frames[frame],
-                  "FrameStart StageStart0 StageEnd0 StageStart1 StageEnd1 StageStart2 StageEnd2 "
-                  "StageStart3 StageEnd3 StageStart4 StageEnd4 FrameEnd ")
-            << frame;
+    for (int64_t frame = 1; frame <= 3600; ++frame) {
+        ASSERT_EQ(log.frames[frame], "SseseseseseE") << frame;
     }
     EXPECT_EQ(log.frames.count(3602), 0U);
-
-    options.pace.onProgress = [](int64_t, int64_t) {};
-    options.isJson = true;
-    file.clear();
-    file.seekg(0);
-    EXPECT_TRUE(Play(file, "minute"));
     EXPECT_EQ(
         out.str(),
         "{\"type\":\"summary\",\"scenesStarted\":1,\"scenesRefused\":0,\"framesStarted\":3601,"
@@ -129,37 +130,99 @@ TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
 }
 
 TEST_F(ReplayTest, RecordsOnFromWhereItWasOrFromWhereItIsTold) {
-    EXPECT_EQ(Play(SCENE + "PlayRecording 2\nPlayRecording 2\nPlayRecording 1 0x20\n"), true);
-    size_t at = 0;
-    for (const char* event :
-         {"cfbtFrameStart(frame=1)", "cfbtFrameEnd(frame=2)", "cfbtFrameEnd(frame=3)",
-          "cfbtFrameEnd(frame=4)", "halFrameNumber=31", "does not follow", "halFrameNumber=32"}) {
-        at = out.str().find(event, at);
-        EXPECT_NE(at, std::string::npos) << event;
-    }
+    EXPECT_TRUE(Play(SCENE + "PlayRecording 2\nPlayRecording 2\nPlayRecording 1 0x20\n"));
+    ExpectInOrder({"cfbtFrameStart(frame=1)", "cfbtFrameEnd(frame=2)", "cfbtFrameEnd(frame=3)",
+                   "cfbtFrameEnd(frame=4)", "halFrameNumber=31", "does not follow",
+                   "halFrameNumber=32"});
 }
 
 TEST_F(ReplayTest, ShowsWhatItIsAskedToShow) {
     options.withDebug = true;
     options.statuses = {{desktop::ServiceFunction::FrameStart, 7}};
-    EXPECT_TRUE(Play(SCENE + "TcfbtNotifyFrameStart 1\n"));
-    for (const char* line :
-         {"      D tarvocameraframeboostutils: tarvocameraframeboostutils.cpp 186:DumpConfig() "
-          "frameboost enable = 1\n",
-          "TcfbtNotifyFrameStart(halFrameNumber=1) = 1\n", "    cfbtFrameStart(frame=1) = 7\n",
-          "      counter TcfbtNotifyFrameStart = 1\n",
-          "      D cameraframeboost: tarvocameraframeboost.cpp 132:TcfbtNotifyFrameStart() "
-          "halFrameNumber = 1\n"}) {
-        EXPECT_NE(out.str().find(line), std::string::npos) << line;
-    }
+    EXPECT_TRUE(Play(SCENE + "TcfbtNotifyFrameStart 1\n" + "ServiceStatus cfbtFrameStart 0\n" +
+                     "# \xc3\xa4\x1b[2J\xc2\x9b\xff\nTcfbtNotifyFrameStart 2\n"));
+    ExpectInOrder(
+        {"      D tarvocameraframeboostutils: tarvocameraframeboostutils.cpp "
+         "186:DumpConfig() frameboost enable = 1\n",
+         "TcfbtNotifyFrameStart(halFrameNumber=1) = 1\n",
+         "      counter TcfbtNotifyFrameStart = 1\n",
+         "      D cameraframeboost: tarvocameraframeboost.cpp "
+         "132:TcfbtNotifyFrameStart() halFrameNumber = 1\n",
+         "    cfbtFrameStart(frame=1) = 7\n", "ServiceStatus cfbtFrameStart 0\n",
+         "# \xc3\xa4?[2J???\n", "TcfbtNotifyFrameStart(halFrameNumber=2) = 0\n"});
     options = {};
     options.isJson = true;
-    EXPECT_TRUE(Play("TcfbtAddPersistTids \"a \\\"b\\\\ \xff\" -0x10 # comment\n"));
-    EXPECT_NE(out.str().find("{\"type\":\"call\",\"line\":1,\"operation\":\"TcfbtAddPersistTids\","
-                             "\"arguments\":{\"name\":\"a \\\"b\\\\ \xef\xbf\xbd\",\"tid\":-16},"
-                             "\"result\":null,\"effects\":[]"),
-              std::string::npos)
-        << out.str();
+    EXPECT_TRUE(Play("TcfbtAddPersistTids \"a \\\"b\\\\ \xff\" -0x10\nWait 1.5\n" + SCENE));
+    ExpectInOrder(
+        {"{\"type\":\"load\",\"effects\":[]}\n",
+         "{\"type\":\"call\",\"line\":1,\"operation\":\"TcfbtAddPersistTids\",\"arguments\":{"
+         "\"name\":\"a \\\"b\\\\ \xef\xbf\xbd\",\"tid\":-16},\"result\":null,\"effects\":[]",
+         "{\"type\":\"wait\",\"line\":2,\"milliseconds\":1.5}\n",
+         "\"effects\":[{\"time\":1.5,\"thread\":1000,\"call\":\"cfbtAddTids\",\"scene\":0"});
+}
+
+// What a capture shows is what the library wrote, when the session's time says.
+TEST_F(ReplayTest, WritesACaptureInTheSessionsTime) {
+    std::ostringstream capture;
+    options.log = &capture;
+    options.withDebug = true;
+    EXPECT_TRUE(Play("Wait 500\n" + SCENE + "PlayRecording 6\nWait 86400000.001\nDumpInfo\n"));
+    std::string logged;
+    std::istringstream lines(out.str());
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("      D ", 0) == 0) {
+            logged += line.substr(6) + '\n';
+        }
+    }
+    const std::regex prefix("\\d\\d-\\d\\d [0-9:.]{12}  1000  1000 (D [a-z]+) *(: )");
+    EXPECT_EQ(std::regex_replace(capture.str(), prefix, "$1$2"), logged);
+    out.str(capture.str());
+    ExpectInOrder({"01-01 12:00:00.000  1000  1000 D", "DumpConfig()", "01-01 12:00:00.500",
+                   "SceneStart()", "01-01 12:00:00.516", "StageEnd() halFrameNumber = 2, stage = 0",
+                   "01-02 12:00:00.666", "DumpInfo()"});
+}
+
+// Nothing is played of a session with errors: all of them are told, to programs as well.
+TEST_F(ReplayTest, PlaysNothingOfABadSession) {
+    options.isJson = true;
+    EXPECT_FALSE(Play("# first\nDumpInfo\nDumpInfo 1\nx\n"));
+    EXPECT_EQ(err.str().rfind("test.session:3: error: \"1\" is one too many", 0), 0U) << err.str();
+    EXPECT_NE(err.str().find("\ntest.session:4: error: \"x\" is not known"), std::string::npos);
+    ExpectInOrder({"{\"type\":\"error\",\"file\":\"test.session\",\"line\":3,",
+                   "{\"type\":\"error\",\"file\":\"test.session\",\"line\":4,"});
+    EXPECT_EQ(out.str().find("call"), std::string::npos);
+}
+
+TEST_F(ReplayTest, EndsWithASummaryWhenInterrupted) {
+    int64_t frames = 0;
+    options.pace.onProgress = [&](int64_t done, int64_t) { frames = done; };
+    options.pace.isInterrupted = [&] { return frames == 5; };
+    EXPECT_TRUE(Play(SCENE + "PlayRecording 100\nTcfbtNotifySceneEnd\n"));
+    ExpectInOrder({"frame=6", "\nSummary\n", "scenes started                 1",
+                   "frames started                 6"});
+    EXPECT_EQ(out.str().find("TcfbtNotifySceneEnd"), std::string::npos);
+}
+
+TEST_F(ReplayTest, SaysWhatIsWrongWithAConfiguration) {
+    struct {
+        std::string config;
+        const char* message;
+        bool isPlayed;
+    } const cases[] = {
+        {"stage = [", "config.toml:1:", false},
+        {WithStages("0 = ['A', '1']\n1 = ['B', 'one']\n"), "[port-not-a-number]", false},
+        {WithStages("0 = ['A', '1']\n1 = ['B', '1e3']\n"), "[port-misread]", true},
+        {"[TarvoCameraFrameBoostConfig]\n", "test.session:1: error: the configuration has no stag",
+         false},
+        {WithStages("0 = ['AB', '1']\n1 = ['A', '1']\n"), "test.session:1: error: stage 0", false},
+        {WithStages("0 = ['A']\n"), "test.session:1: error: stage 0", false},
+    };
+    for (const auto& [config, message, isPlayed] : cases) {
+        options.configuration = {"config.toml", config};
+        EXPECT_EQ(Play("PlayRecording 1\n"), isPlayed) << config;
+        EXPECT_NE(err.str().find(message), std::string::npos) << err.str();
+        EXPECT_EQ(out.str().empty(), !isPlayed);
+    }
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "tools/check/check.h"
 #include "tools/command/command.h"
 #include "tools/command/pictures.h"
+#include "tools/output/transcript.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -45,11 +46,9 @@ std::pair<desktop::ServiceFunction, int32_t> ParseStatus(const std::string& text
     return {*function, status};
 }
 
-int RunReplay(Arguments& arguments) {
+// Plays to `out`, which is standard output.
+bool PlayTo(Output& out, Arguments& arguments) {
     ReplayOptions& options = arguments.options;
-    for (const std::string& status : arguments.statuses) {
-        options.statuses.push_back(ParseStatus(status));
-    }
     Input session(arguments.session);
     if (!arguments.configuration.empty()) {
         Input file(arguments.configuration);
@@ -59,7 +58,6 @@ int RunReplay(Arguments& arguments) {
     // A capture on standard output takes the transcript's place.
     const bool isLogShown = arguments.log == "-";
     std::ostream nowhere(nullptr);
-    Output out("-");
     std::optional<Output> logFile;
     if (!arguments.log.empty() && !isLogShown) {
         logFile.emplace(arguments.log);
@@ -92,6 +90,30 @@ int RunReplay(Arguments& arguments) {
     }
     if (logFile) {
         logFile->Close();
+    }
+    return isPlayed;
+}
+
+int RunReplay(Arguments& arguments) {
+    for (const std::string& status : arguments.statuses) {
+        arguments.options.statuses.push_back(ParseStatus(status));
+    }
+    Output out("-");
+    bool isPlayed = false;
+    try {
+        isPlayed = PlayTo(out, arguments);
+    } catch (const CommandError& error) {
+        if (!out) {
+            throw;
+        }
+        std::cerr << error.what() << '\n';
+        if (arguments.options.isJson) {
+            Finding finding;
+            finding.check = "unusable";
+            finding.severity = Severity::Error;
+            finding.message = error.what();
+            MakeJsonTranscript(out, false, false)->Show(finding, "");
+        }
     }
     out.Close();
     return isPlayed ? NOTHING_FOUND : BAD_INPUT;

@@ -200,13 +200,19 @@ class JsonTranscript : public Transcript {
     }
 
     void Show(const Finding& finding, const std::string& file) override {
-        Json json = {{"type", finding.severity == Severity::Error ? "error" : "finding"},
-                     {"file", file},
-                     {"line", finding.place.line},
-                     {"column", finding.column},
-                     {"severity", NameOf(finding.severity)},
-                     {"check", finding.check},
-                     {"message", finding.message}};
+        Json json = {{"type", finding.severity == Severity::Error ? "error" : "finding"}};
+        if (!file.empty()) {
+            json["file"] = file;
+        }
+        if (finding.place.line != 0) {
+            json["line"] = finding.place.line;
+        }
+        if (finding.column != 0) {
+            json["column"] = finding.column;
+        }
+        json["severity"] = NameOf(finding.severity);
+        json["check"] = finding.check;
+        json["message"] = finding.message;
         Write(json);
     }
 

@@ -24,7 +24,7 @@ class Transcript {
     virtual void Show(const Line& line, uint32_t number) = 0;
     // A step, and what the platform saw of it.
     void Show(const Step& step, std::span<const desktop::Effect> effects);
-    // What is wrong or surprising about the input `file`.
+    // What is wrong or surprising about the input `file`; empty: about none in particular.
     virtual void Show(const Finding& finding, const std::string& file) = 0;
     // What has become of all events up to here.
     virtual void ShowSummary() = 0;
