@@ -19,12 +19,12 @@ Look LookOf(const Frame& frame) {
         case FrameStatus::Open:
             break;
     }
-    return Look::Open;
+    return frame.hasFinding ? Look::Lost : Look::Open;
 }
 
 const char* WordOf(Look look) {
-    static constexpr const char* WORDS[LOOKS] = {"",        "late",   "error", "evicted",
-                                                 "refused", "unseen", "open"};
+    static constexpr const char* WORDS[LOOKS] = {"",        "late",    "lost",   "error",
+                                                 "evicted", "refused", "unseen", "open"};
     return WORDS[static_cast<size_t>(look)];
 }
 
@@ -99,8 +99,9 @@ std::string ToString(const Account& account, Place place) {
         return "";
     }
     const std::string line = std::to_string(place.line);
-    return place.input < account.inputs.size() ? account.inputs[place.input] + ":" + line
-                                               : "line " + line;
+    return account.inputs.size() > 1 && place.input < account.inputs.size()
+               ? account.inputs[place.input] + ":" + line
+               : "line " + line;
 }
 
 std::string ToString(const Disturbance& disturbance) {

@@ -11,9 +11,10 @@
 
 namespace tools {
 
-// How a frame is shown: its status, but for complete frames that came late.
-enum class Look : uint8_t { Good, Late, Error, Evicted, Refused, Unseen, Open };
-inline constexpr size_t LOOKS = 7;
+// How a frame is shown: its status, but for complete frames that came late, and those that were
+// still in flight because they were lost.
+enum class Look : uint8_t { Good, Late, Lost, Error, Evicted, Refused, Unseen, Open };
+inline constexpr size_t LOOKS = 8;
 
 Look LookOf(const Frame& frame);
 // "late", "error" and so on; empty for a good frame.
@@ -39,7 +40,7 @@ Span SpanOf(const Scene& scene, size_t frame);
 std::string TitleOf(const Account& account, size_t scene);
 // "stage 0, SensorFrontEnd".
 std::string StageTitleOf(const Scene& scene, size_t stage);
-// "capture.log:17"; empty for nowhere.
+// "capture.log:17", or "line 17" of the only input; empty for nowhere.
 std::string ToString(const Account& account, Place place);
 
 // "12 lines lost", "the clock jumped by -40 ms".

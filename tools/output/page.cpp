@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <numeric>
+#include <utility>
 #include <vector>
 
 #include "tools/output/drawn_scene.h"
@@ -99,18 +100,20 @@ class Page {
 
     void WriteVerdict() {
         int64_t frames = 0;
-        int64_t open = 0;
-        int64_t complete = 0;
         int64_t late = 0;
+        std::array<int64_t, LOOKS> counts{};
         Severity worst = WorstOf(account.findings);
         for (const Scene& scene : account.scenes) {
+            for (const Frame& frame : scene.frames) {
+                ++counts[static_cast<size_t>(LookOf(frame))];
+            }
             frames += static_cast<int64_t>(scene.frames.size());
-            open += scene.CountOf(FrameStatus::Open);
-            complete += scene.CountOf(FrameStatus::Complete);
             late += scene.lateFrames;
             worst = std::max(worst, WorstOf(scene.findings));
         }
-        const int64_t bad = frames - open - complete;
+        const auto countOf = [&counts](Look look) { return counts[static_cast<size_t>(look)]; };
+        const int64_t open = countOf(Look::Open);
+        const int64_t bad = frames - open - countOf(Look::Good) - countOf(Look::Late);
         const bool isClean = bad == 0 && late == 0;
         out << "<p class=\"verdict "
             << (isClean && worst == Severity::Note ? "clean" : NameOf(worst)) << "\">";
@@ -119,8 +122,11 @@ class Page {
         } else if (isClean) {
             out << "✓ Of " << Counted(frames, "frame") << " none was lost and none came late.";
         } else {
-            out << "Of " << Counted(frames, "frame") << ' ' << bad << (bad == 1 ? " was" : " were")
-                << " not boosted from start to end, and " << late << " came late.";
+            out << "Of " << Counted(frames, "frame") << ' ' << (bad > 0 ? std::to_string(bad) : "")
+                << (bad > 1    ? " were not boosted from start to end"
+                    : bad == 1 ? " was not boosted from start to end"
+                               : "all were boosted")
+                << (late > 0 ? ", " + std::to_string(late) + " came late." : ".");
         }
         if (open > 0) {
             out << ' ' << open << (open == 1 ? " was" : " were") << " still in flight at the end.";
@@ -130,26 +136,32 @@ class Page {
 
     void WriteInput() {
         out << "<p class=input>";
-        for (size_t i = 0; i < std::min(account.inputs.size(), INPUTS); ++i) {
-            out << (i == 0 || account.inputs[i].empty() ? "" : ", ") << Escaped{account.inputs[i]};
-        }
-        if (account.inputs.size() > INPUTS) {
-            out << " and " << account.inputs.size() - INPUTS << " more";
+        const char* separator = "";
+        const auto next = [&]() -> std::ostream& { return out << std::exchange(separator, ", "); };
+        // The only one is the title.
+        for (size_t i = 0; account.inputs.size() > 1 && i < account.inputs.size(); ++i) {
+            if (i == INPUTS) {
+                next() << account.inputs.size() - INPUTS << " more";
+                break;
+            }
+            next() << Escaped{account.inputs[i]};
         }
         if (!account.from.empty()) {
-            out << ", " << Escaped{account.from} << " to " << Escaped{account.to};
+            next() << Escaped{account.from} << " to " << Escaped{account.to};
         }
-        const auto add = [this](int64_t count, const char* what) {
+        const auto add = [&next](int64_t count, const char* what) {
             if (count > 0) {
-                out << ", " << count << what;
+                next() << count << what;
             }
         };
         add(account.lines, " lines");
         add(account.libraryLines, " of the library");
         add(account.notUnderstood, " <b>not understood</b>");
         add(account.lost, " known to be <b>lost</b>");
-        out << '.' << (account.hasTimes ? "" : " <b>It carries no times</b>: nothing can be drawn.")
-            << "</p>\n";
+        if (!account.hasTimes) {
+            next() << "<b>without times</b>, so that nothing can be drawn";
+        }
+        out << "</p>\n";
     }
 
     void WriteFindings() {
@@ -213,16 +225,20 @@ class Page {
             << (scene.isStarted ? "" : "<b>It was not started.</b> ")
             << (scene.isBeginningMissing ? "<b>The capture starts in its middle.</b> " : "")
             << Counted(static_cast<int64_t>(scene.frames.size()), "frame");
+        if (scene.frames.empty()) {
+            out << ".</p>\n</section>\n";
+            return;
+        }
         const char* separator = ": ";
         for (size_t status = 0; status < FRAME_STATUSES; ++status) {
             if (const int64_t count = scene.CountOf(FrameStatus(status)); count > 0) {
-                out << separator << count << ' ' << NameOf(FrameStatus(status));
-                separator = ", ";
+                out << std::exchange(separator, ", ") << count << ' '
+                    << NameOf(FrameStatus(status));
             }
         }
         out << "; " << scene.lateFrames << " late, that is more than "
             << Milliseconds(scene.lateThreshold) << " ms after the frame before.";
-        if (drawn.hasTimes && !scene.frames.empty()) {
+        if (drawn.hasTimes) {
             out << " Times count from the scene's start.</p>\n";
             WriteOverview(out, account, drawn, std::max<size_t>(COLUMNS / scenes.size(), 200));
             WriteLegend(out, scene);

@@ -271,7 +271,7 @@ class Timeline {
 }  // namespace
 
 const char* MarkOf(Look look) {
-    static constexpr const char* MARKS[LOOKS] = {"", "▲", "✕", "◆", "⊘", "○", "…"};
+    static constexpr const char* MARKS[LOOKS] = {"", "▲", "■", "✕", "◆", "⊘", "○", "…"};
     return MARKS[static_cast<size_t>(look)];
 }
 
@@ -376,6 +376,7 @@ void WriteLegend(std::ostream& out, const Scene& scene) {
     static constexpr const char* MEANINGS[LOOKS] = {
         "",
         "complete, but out late",
+        "never came out, and was in flight to the end",
         "reported to the service as bad, by the library or the HAL",
         "pushed out of the library's table by newer frames",
         "its start was refused",
