@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -17,10 +16,9 @@
 #include "tools/account/accountant.h"
 #include "tools/capture/capture.h"
 #include "tools/command/command.h"
+#include "tools/command/pictures.h"
 #include "tools/output/json.h"
-#include "tools/output/page.h"
 #include "tools/output/text.h"
-#include "tools/output/trace.h"
 
 namespace tools {
 namespace {
@@ -28,8 +26,8 @@ namespace {
 struct Arguments {
     std::vector<std::string> captures;
     std::string other;
-    std::string frames;
-    std::string csv, html, trace;
+    std::string csv;
+    Pictures pictures;
     double latePeriods = AccountOptions().latePeriods;
     bool isJson = false;
     bool isFollowing = false;
@@ -38,21 +36,6 @@ struct Arguments {
 
 [[noreturn]] void FailUsage(const std::string& message) {
     throw CommandError("cameraframeboost: error: " + message);
-}
-
-// "120-140", or "120".
-std::pair<int64_t, int64_t> ParseFrames(const std::string& text) {
-    std::pair<int64_t, int64_t> frames;
-    const char* end = text.data() + text.size();
-    auto result = std::from_chars(text.data(), end, frames.first);
-    frames.second = frames.first;
-    if (result.ec == std::errc() && result.ptr != end && *result.ptr == '-') {
-        result = std::from_chars(result.ptr + 1, end, frames.second);
-    }
-    if (result.ec != std::errc() || result.ptr != end || frames.second < frames.first) {
-        FailUsage("--frames is \"" + text + "\", expected a frame or a range such as 120-140");
-    }
-    return frames;
 }
 
 std::string NameOf(const std::string& path) {
@@ -217,10 +200,9 @@ int Follow(const Arguments& arguments) {
 int RunExplain(const Arguments& arguments) {
     CatchInterrupts();
     if (arguments.isFollowing) {
-        const bool hasOutputs =
-            arguments.isJson || arguments.showsAllFrames ||
-            !(arguments.csv + arguments.html + arguments.trace + arguments.other + arguments.frames)
-                 .empty();
+        const bool hasOutputs = arguments.isJson || arguments.showsAllFrames ||
+                                arguments.pictures.AreWanted() || arguments.pictures.Frames() ||
+                                !(arguments.csv + arguments.other).empty();
         if (arguments.captures != std::vector<std::string>{"-"} || hasOutputs) {
             FailUsage("--follow reads standard input (-) and goes with no other option but --late");
         }
@@ -228,23 +210,15 @@ int RunExplain(const Arguments& arguments) {
     }
     TextOptions text;
     text.showsAllFrames = arguments.showsAllFrames;
-    PageOptions page;
-    if (!arguments.frames.empty()) {
-        text.frames = page.frames = ParseFrames(arguments.frames);
-    }
+    text.frames = arguments.pictures.Frames();
     ProgressLine progress("MB", false);
     const Account account = Explain(arguments.captures, arguments.latePeriods, progress);
-    const auto writeTo = [](const std::string& path, const auto& write) {
-        if (!path.empty()) {
-            Output file(path);
-            write(file);
-            file.Close();
-        }
-    };
-    writeTo(arguments.csv, [&](std::ostream& out) { WriteCsv(out, account); });
-    page.title = account.inputs.front();
-    writeTo(arguments.html, [&](std::ostream& out) { WritePage(out, account, page); });
-    writeTo(arguments.trace, [&](std::ostream& out) { WriteTrace(out, account); });
+    if (!arguments.csv.empty()) {
+        Output csv(arguments.csv);
+        WriteCsv(csv, account);
+        csv.Close();
+    }
+    arguments.pictures.Write(account, account.inputs.front());
 
     Output out("-");
     if (!arguments.other.empty()) {
@@ -284,7 +258,6 @@ void AddExplain(CLI::App& app, Run& run) {
     command->add_flag("--json", arguments->isJson,
                       "One JSON object, times in milliseconds, instead of text");
     command->add_flag("--all", arguments->showsAllFrames, "Show all frames in the table");
-    command->add_option("--frames", arguments->frames, "Show these frames in the table: A-B");
     command
         ->add_option("--late", arguments->latePeriods,
                      "A frame is late when it comes out more than this many frame periods after\n"
@@ -295,8 +268,7 @@ void AddExplain(CLI::App& app, Run& run) {
     command->add_flag("--follow", arguments->isFollowing,
                       "Read on as the log comes, show findings as they are found");
     command->add_option("--to-csv", arguments->csv, "Write a row a frame here");
-    command->add_option("--to-html", arguments->html, "Write a page for a browser here");
-    command->add_option("--to-trace", arguments->trace, "Write a trace for ui.perfetto.dev here");
+    arguments->pictures.AddOptions(*command);
     command->callback([arguments, &run] { run = [arguments] { return RunExplain(*arguments); }; });
 }
 

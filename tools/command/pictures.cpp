@@ -17,7 +17,9 @@ void Pictures::AddOptions(CLI::App& command) {
     command
         .add_option("--to-trace", trace, "Write a trace for ui.perfetto.dev, in Chrome's JSON form")
         ->type_name("FILE");
-    command.add_option("--frames", frames, "Show these frames, whatever became of them")
+    command
+        .add_option("--frames", frames,
+                    "Show these frames, whatever became of them; one, or a range")
         ->type_name("A-B");
 }
 
@@ -25,16 +27,18 @@ std::optional<std::pair<int64_t, int64_t>> Pictures::Frames() const {
     if (frames.empty()) {
         return {};
     }
-    int64_t first = 0;
-    int64_t last = 0;
+    std::pair<int64_t, int64_t> range;
     const char* const end = frames.data() + frames.size();
-    const char* next = std::from_chars(frames.data(), end, first).ptr;
-    if (next == frames.data() || next == end || *next != '-' ||
-        std::from_chars(next + 1, end, last).ptr != end || next + 1 == end || last < first) {
-        throw CommandError("cameraframeboost: error: --frames is \"" + frames +
-                           "\", expected the first and the last one such as 190-230");
+    auto result = std::from_chars(frames.data(), end, range.first);
+    range.second = range.first;
+    if (result.ec == std::errc() && result.ptr != end && *result.ptr == '-') {
+        result = std::from_chars(result.ptr + 1, end, range.second);
     }
-    return std::pair(first, last);
+    if (result.ec != std::errc() || result.ptr != end || range.second < range.first) {
+        throw CommandError("cameraframeboost: error: --frames is \"" + frames +
+                           "\", expected a frame or a range such as 120-140");
+    }
+    return range;
 }
 
 void Pictures::Write(const Account& account, const std::string& title) const {

@@ -21,8 +21,8 @@ class Pictures {
     void AddOptions(CLI::App& command);
 
     bool AreWanted() const { return !page.empty() || !trace.empty(); }
-    // What --frames asks for: the first and the last number. Throws a CommandError for anything
-    // else than two numbers.
+    // What --frames asks for: the first and the last number. Throws a CommandError when it is
+    // neither a frame nor a range.
     std::optional<std::pair<int64_t, int64_t>> Frames() const;
     // Writes those that were asked for. `title`: what was looked at.
     void Write(const Account& account, const std::string& title) const;

@@ -32,8 +32,10 @@ std::ostream& operator<<(std::ostream& out, const Escaped& escaped) {
                 out << "&quot;";
                 break;
             default:
-                // Control characters have no place in HTML.
-                out << (static_cast<unsigned char>(character) < ' ' ? ' ' : character);
+                // Control characters but for line ends have no place in HTML.
+                out << (static_cast<unsigned char>(character) < ' ' && character != '\n'
+                            ? ' '
+                            : character);
         }
     }
     return out;

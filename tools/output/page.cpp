@@ -24,10 +24,6 @@ constexpr size_t SCENES = 20;      // Shown.
 constexpr size_t INPUTS = 10;      // Named.
 constexpr size_t COLUMNS = 1'000;  // Of all overviews, but no less than 200 each.
 
-Severity WorstOf(const std::vector<AccountedFinding>& findings) {
-    return findings.empty() ? Severity::Note : findings.front().severity;
-}
-
 Micros Between(Micros start, Micros end) {
     return start == NO_TIME || end == NO_TIME ? NO_TIME : end - start;
 }
@@ -50,7 +46,9 @@ class Page {
 <title>)" << Escaped{options.title}
             << "</title>\n<style>" << PAGE_STYLE << "</style>\n</head>\n<body>\n<header>\n<h1>"
             << Escaped{options.title} << "</h1>\n";
-        WriteVerdict();
+        const bool isWell = WorstOf(account) == Severity::Note;
+        out << "<p class=\"verdict " << (isWell ? "well" : NameOf(WorstOf(account))) << "\">"
+            << (isWell ? "✓ " : "") << VerdictOf(account) << "</p>\n";
         WriteInput();
         out << "</header>\n<main>\n";
         WriteFindings();
@@ -73,7 +71,10 @@ class Page {
         std::vector<size_t> order(account.scenes.size());
         std::iota(order.begin(), order.end(), 0);
         if (order.size() > SCENES) {
-            const auto severity = [this](size_t i) { return WorstOf(account.scenes[i].findings); };
+            const auto severity = [this](size_t i) {
+                const auto& findings = account.scenes[i].findings;
+                return findings.empty() ? Severity::Note : findings.front().severity;
+            };
             std::stable_sort(order.begin(), order.end(), [&](size_t one, size_t other) {
                 return severity(one) > severity(other);
             });
@@ -96,42 +97,6 @@ class Page {
                 isMore |= drawn.AddFinding(rank, bars);
             }
         }
-    }
-
-    void WriteVerdict() {
-        int64_t frames = 0;
-        int64_t late = 0;
-        std::array<int64_t, LOOKS> counts{};
-        Severity worst = WorstOf(account.findings);
-        for (const Scene& scene : account.scenes) {
-            for (const Frame& frame : scene.frames) {
-                ++counts[static_cast<size_t>(LookOf(frame))];
-            }
-            frames += static_cast<int64_t>(scene.frames.size());
-            late += scene.lateFrames;
-            worst = std::max(worst, WorstOf(scene.findings));
-        }
-        const auto countOf = [&counts](Look look) { return counts[static_cast<size_t>(look)]; };
-        const int64_t open = countOf(Look::Open);
-        const int64_t bad = frames - open - countOf(Look::Good) - countOf(Look::Late);
-        const bool isClean = bad == 0 && late == 0;
-        out << "<p class=\"verdict "
-            << (isClean && worst == Severity::Note ? "clean" : NameOf(worst)) << "\">";
-        if (frames == 0) {
-            out << "There is nothing to draw: not a frame was seen.";
-        } else if (isClean) {
-            out << "✓ Of " << Counted(frames, "frame") << " none was lost and none came late.";
-        } else {
-            out << "Of " << Counted(frames, "frame") << ' ' << (bad > 0 ? std::to_string(bad) : "")
-                << (bad > 1    ? " were not boosted from start to end"
-                    : bad == 1 ? " was not boosted from start to end"
-                               : "all were boosted")
-                << (late > 0 ? ", " + std::to_string(late) + " came late." : ".");
-        }
-        if (open > 0) {
-            out << ' ' << open << (open == 1 ? " was" : " were") << " still in flight at the end.";
-        }
-        out << "</p>\n";
     }
 
     void WriteInput() {

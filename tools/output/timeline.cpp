@@ -376,7 +376,7 @@ void WriteLegend(std::ostream& out, const Scene& scene) {
     static constexpr const char* MEANINGS[LOOKS] = {
         "",
         "complete, but out late",
-        "never came out, and was in flight to the end",
+        "in flight to the end, since it never left a stage",
         "reported to the service as bad, by the library or the HAL",
         "pushed out of the library's table by newer frames",
         "its start was refused",
