@@ -4,12 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
+#include <deque>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "tools/capture/record.h"
+#include "tools/capture/record_reader.h"
 #include "tools/check/check.h"
 #include "tools/play/replay.h"
 #include "tools/simulate/camera.h"
@@ -60,6 +66,67 @@ TEST(RecordTest, IsWrittenInEveryFormOfLogcat) {
 
     for (const char* name : {"", "brief,", "brief,long", "Brief", "years"}) {
         EXPECT_FALSE(tools::FormatOf(name)) << name;
+    }
+}
+
+// What a reader finds, with the texts kept.
+class FoundRecords : public tools::RecordSink {
+  public:
+    void OnRecord(const tools::Record& record, const tools::Place& /*place*/) override {
+        records.push_back(record);
+        records.back().tag = texts.emplace_back(record.tag);
+        records.back().message = texts.emplace_back(record.message);
+    }
+    void OnLeftOut(int64_t /*lines*/, int32_t /*process*/, std::optional<int64_t> /*time*/,
+                   const tools::Place& /*place*/) override {
+        ADD_FAILURE();
+    }
+    void OnFragment(std::string_view line, const tools::Place& /*place*/) override {
+        ADD_FAILURE() << line;
+    }
+
+    std::vector<tools::Record> records;
+    std::deque<std::string> texts;
+};
+
+TEST(RecordTest, IsReadBackFromEveryFormOfLogcat) {
+    constexpr std::array<const char*, 9> modifiers = {
+        "", ",year", ",zone", ",epoch", ",monotonic", ",usec", ",nsec", ",uid", ",color"};
+    for (const std::string form :
+         {"brief", "process", "tag", "thread", "raw", "time", "threadtime", "long"}) {
+        // Any two modifiers together.
+        for (size_t i = 0; i < modifiers.size() * modifiers.size(); ++i) {
+            const std::string name =
+                form + modifiers[i / modifiers.size()] + modifiers[i % modifiers.size()];
+            SCOPED_TRACE(name);
+            const tools::Format format = *tools::FormatOf(name);
+            const bool hasTimes = form == "time" || form == "threadtime" || form == "long";
+            const bool hasThreads = form == "thread" || form == "threadtime" || form == "long";
+            const bool hasProcess = form != "tag" && form != "raw";
+            std::string text;
+            for (int64_t time : {1'700'000'000'012'345, 1'700'000'001'999'999}) {
+                AppendRecord(text, format,
+                             {time, 321, 123456, 'D', "cameraframeboost",
+                              "tarvocameraframeboost.cpp 113:TcfbtNotifySceneEnd()"});
+            }
+            FoundRecords found;
+            tools::RecordReader reader(found);
+            reader.Begin(0);
+            reader.Read(text);
+            reader.End();
+            ASSERT_EQ(found.records.size(), 2U) << text;
+            for (const tools::Record& record : found.records) {
+                EXPECT_EQ(record.time.has_value(), hasTimes);
+                EXPECT_EQ(record.process, hasProcess ? 321 : -1);
+                EXPECT_EQ(record.thread, hasThreads ? 123456 : -1);
+                EXPECT_EQ(record.tag, form == "thread" || form == "raw" ? "" : "cameraframeboost");
+                EXPECT_EQ(record.message, "tarvocameraframeboost.cpp 113:TcfbtNotifySceneEnd()");
+            }
+            if (hasTimes) {
+                EXPECT_EQ(*found.records[1].time - *found.records[0].time,
+                          format.digits == 3 ? 1'987'000 : 1'987'654);
+            }
+        }
     }
 }
 
