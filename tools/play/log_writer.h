@@ -20,9 +20,10 @@ inline constexpr int32_t CAPTURE_PROCESS = 1000;
 // Can be the platform's observer, or be handed effects by whoever is. For one thread at a time.
 class LogWriter : public desktop::Observer {
   public:
-    // Writes to `out`, which is the caller's.
-    explicit LogWriter(std::ostream& out, const Format& format = {}, int64_t begin = CAPTURE_BEGIN,
-                       int32_t process = CAPTURE_PROCESS);
+    // Writes to `stream`, which is the caller's.
+    explicit LogWriter(std::ostream& stream, const Format& captureFormat = {},
+                       int64_t captureBegin = CAPTURE_BEGIN,
+                       int32_t captureProcess = CAPTURE_PROCESS);
 
     // When, since the beginning, and on which thread the effects that follow happen. At first: at
     // the beginning, on the thread that gave the process its number.
