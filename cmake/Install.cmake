@@ -43,6 +43,6 @@ if(NOT ANDROID)
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
     install(FILES host/sample_configuration.toml
         DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
-    install(DIRECTORY examples/cameras examples/sessions
+    install(DIRECTORY examples/cameras examples/configurations examples/sessions
         DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
 endif()

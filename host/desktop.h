@@ -151,11 +151,6 @@ void SetServiceStatus(ServiceFunction function, int32_t status);
 std::optional<std::string> LoadConfigurationFile(const std::string& path);
 std::optional<std::string> LoadConfiguration(std::string_view toml, std::string_view name);
 
-// What a person is to know of the library's section in the configuration being served: entries of
-// the wrong kind, keys that nobody reads, and texts that make the library end the process. A
-// "file:line: message" each.
-std::vector<std::string> CheckConfiguration();
-
 enum class StoreFunction {
     GetInteger,
     GetBoolean,

@@ -23,30 +23,6 @@ TEST_F(DesktopTest, SaysWhereAConfigurationIsBroken) {
     EXPECT_EQ(desktop::LoadConfigurationFile("/no/such/file"), "/no/such/file:1: cannot be read");
     EXPECT_EQ(GetLocaleKeyCount("TarvoCameraFrameBoostConfig", "stage"), 0) << "empty by now";
     EXPECT_EQ(desktop::LoadConfigurationFile("/"), "/:1: cannot be read");
-
-    const auto error = desktop::LoadConfiguration(
-        "[TarvoCameraFrameBoostConfig]\n"
-        "additionalSupportedWidth = 'wide'\n"
-        "cameraFrameBoostEnable = 1\n"
-        "SupportOperationModeList = [1, 'a']\n"
-        "additionalSuportedWidth = 1\n"
-        "[TarvoCameraFrameBoostConfig.stage]\n"
-        "0 = ['A', '1x', 2]\n"
-        "2 = ['B', 'port']\n"
-        "02 = []\n",
-        "x.toml");
-    ASSERT_FALSE(error) << *error;
-    Lines places;
-    for (const std::string& finding : desktop::CheckConfiguration()) {
-        places.push_back(finding.substr(0, finding.find(": ")));
-    }
-    std::sort(places.begin(), places.end());
-    EXPECT_EQ(places, (Lines{"x.toml:2", "x.toml:3", "x.toml:4", "x.toml:5", "x.toml:8", "x.toml:9",
-                             "x.toml:9"}));
-    EXPECT_FALSE(desktop::LoadConfiguration(THREE_STAGES, "x.toml"));
-    EXPECT_EQ(desktop::CheckConfiguration(), Lines{});
-    desktop::Reset();
-    EXPECT_EQ(desktop::CheckConfiguration(), Lines{}) << "the sample";
 }
 
 }  // namespace
