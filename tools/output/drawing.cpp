@@ -19,11 +19,11 @@ Look LookOf(const Frame& frame) {
         case FrameStatus::Open:
             break;
     }
-    return frame.hasFinding ? Look::Lost : Look::Open;
+    return frame.hasFinding ? Look::Stuck : Look::Open;
 }
 
 const char* WordOf(Look look) {
-    static constexpr const char* WORDS[LOOKS] = {"",        "late",    "lost",   "error",
+    static constexpr const char* WORDS[LOOKS] = {"",        "late",    "stuck",  "error",
                                                  "evicted", "refused", "unseen", "open"};
     return WORDS[static_cast<size_t>(look)];
 }

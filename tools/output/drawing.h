@@ -12,8 +12,8 @@
 namespace tools {
 
 // How a frame is shown: its status, but for complete frames that came late, and those that were
-// still in flight because they were lost.
-enum class Look : uint8_t { Good, Late, Lost, Error, Evicted, Refused, Unseen, Open };
+// still in flight because something went wrong.
+enum class Look : uint8_t { Good, Late, Stuck, Error, Evicted, Refused, Unseen, Open };
 inline constexpr size_t LOOKS = 8;
 
 Look LookOf(const Frame& frame);

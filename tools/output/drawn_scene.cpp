@@ -57,7 +57,7 @@ bool DrawnScene::AddFinding(size_t rank, size_t& bars) {
         blamed.emplace(*frame, finding.stage);
     }
     const Micros moment = frame ? moments[*frame] : finding.time;
-    if (moment != NO_TIME) {
+    if (moment != NO_TIME && finding.severity != Severity::Note) {
         // With the frame before, but for a pause of seconds.
         const Micros interval = frame ? std::max<Micros>(scene.frames[*frame].interval, 0) : 0;
         const Micros before = std::clamp(interval + 3 * period, BEFORE * period, 60 * period);

@@ -206,6 +206,7 @@
                     'arrow keys, move.';
                 return;
             }
+            timelines.filter((other) => other !== this).forEach((other) => other.follow(null));
             const bars = [...frame.querySelectorAll('.b')];
             this.chosen.textContent = [frame, ...bars].map(titleOf).join('\n');
             bars.slice(1).forEach((bar, i) => {

@@ -65,7 +65,12 @@ void WriteDisturbances(std::ostream& out, const Account& account, const Scene& s
             out << "<rect class=\"mark disturbance\" x=" << Percent(told.time - span.begin, span)
                 << " width=2 y=" << y + 1 << " height=" << height - 2 << "><title>"
                 << ToString(told) << ", " << Escaped{ToString(account, told.place)}
-                << "</title></rect>\n";
+                << "</title></rect>";
+            if (height > LANE) {
+                out << "<text class=word x=" << Percent(told.time - span.begin, span)
+                    << " dx=5 y=" << height - 4 << '>' << ToString(told) << "</text>";
+            }
+            out << '\n';
         }
     }
 }
@@ -192,13 +197,13 @@ class Timeline {
         const StageTimes& times = scene.StagesOf(index)[stage];
         const std::string number = std::to_string(scene.frames[index].number);
         const int y = tops[stage] + BAR * static_cast<int>(lane);
-        const bool isStuck = times.end == NO_TIME;
+        const bool isOpen = times.end == NO_TIME;
         const bool isBlamed = drawn.blamed.contains({index, static_cast<int32_t>(stage)});
         const Micros wait = std::clamp<Micros>(times.wait, 0, bar.end - bar.begin);
-        out << "<g class=\"b" << (isStuck ? " stuck" : "") << (isBlamed ? " blamed" : "")
+        out << "<g class=\"b" << (isOpen ? " unended" : "") << (isBlamed ? " blamed" : "")
             << "\" data-s=" << stage << "><title>Frame " << number << " in "
             << Escaped{StageTitleOf(scene, stage)} << ": ";
-        if (isStuck) {
+        if (isOpen) {
             out << "since " << Clock(bar.begin - drawn.span.begin) << ", never seen to leave";
         } else if (times.start == NO_TIME) {
             out << "left at " << Clock(bar.end - drawn.span.begin);
@@ -376,7 +381,7 @@ void WriteLegend(std::ostream& out, const Scene& scene) {
     static constexpr const char* MEANINGS[LOOKS] = {
         "",
         "complete, but out late",
-        "in flight to the end, since it never left a stage",
+        "in flight to the end, never seen to leave its stage",
         "reported to the service as bad, by the library or the HAL",
         "pushed out of the library's table by newer frames",
         "its start was refused",

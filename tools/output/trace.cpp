@@ -290,7 +290,8 @@ class TraceWriter {
         const bool isScene = item.scene < account.scenes.size();
         const AccountedFinding& finding =
             (isScene ? account.scenes[item.scene].findings : account.findings)[item.index];
-        WriteInstant(own, item, finding.check);
+        WriteInstant(own, item,
+                     finding.check + (finding.frame ? ' ' + std::to_string(*finding.frame) : ""));
         Add(",\"args\":{\"severity\":\"", NameOf(finding.severity),
             "\",\"message\":", Quote(finding.message),
             ",\"line\":", Quote(ToString(account, finding.place)), "}}");
