@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "tools/account/scene_account.h"
+#include "tools/account/step_order.h"
 
 namespace tools {
 namespace {
@@ -18,14 +19,17 @@ constexpr size_t SCENES_KEPT = 1000;
 
 }  // namespace
 
-class Accountant::Implementation {
+class Accountant::Implementation : public StepSink {
   public:
     explicit Implementation(AccountOptions accountOptions) : options(std::move(accountOptions)) {}
 
-    void OnStep(const Step& step);
-    void OnDisturbance(const Disturbance& disturbance);
+    // In order.
+    void OnStep(const Step& step) override;
+    void OnDisturbance(const Disturbance& disturbance) override;
     const Scene* Current() const;
     Account Finish();
+
+    StepOrder order{*this};
 
   private:
     // A process that uses the library: one camera, as far as its log can tell.
@@ -331,11 +335,11 @@ Accountant::Accountant(AccountOptions options)
 Accountant::~Accountant() = default;
 
 void Accountant::OnStep(const Step& step) {
-    implementation->OnStep(step);
+    implementation->order.OnStep(step);
 }
 
 void Accountant::OnDisturbance(const Disturbance& disturbance) {
-    implementation->OnDisturbance(disturbance);
+    implementation->order.OnDisturbance(disturbance);
 }
 
 const Scene* Accountant::Current() const {
@@ -343,6 +347,7 @@ const Scene* Accountant::Current() const {
 }
 
 Account Accountant::Finish() {
+    implementation->order.Flush();
     return implementation->Finish();
 }
 

@@ -500,7 +500,13 @@ void SceneAccount::OnDisturbance(const Disturbance& disturbance) {
         NoteFinding(std::move(finding));
     } else if (disturbance.kind == Disturbance::Kind::LinesLost) {
         for (Observed& seen : window) {
-            seen.isDoubtful = seen.isDoubtful || !seen.IsThrough(scene.stageCount);
+            // Those in flight, that is: what has been overtaken is lost already.
+            const auto stage = static_cast<size_t>(std::countr_one(seen.ended));
+            const bool isOvertaken = stage < progress.newest.size() &&
+                                     progress.newest[stage] != Progress::NONE &&
+                                     progress.newest[stage] > seen.index;
+            seen.isDoubtful =
+                seen.isDoubtful || (!seen.IsThrough(scene.stageCount) && !isOvertaken);
         }
         doubtfulUntil = opened + 2;
         investigation.NoteLostLines(disturbance);
@@ -522,9 +528,6 @@ void SceneAccount::Settle(size_t keep) {
                                        [first](const Held& entry) { return entry.index == first; });
         if (held != table.end()) {
             held->isSettled = true;
-            if (seen.isDoubtful) {
-                table.erase(held);  // Its end may be among what is missing.
-            }
         }
         window.pop_front();
         if (!options.keepsFrames && first - forgotten > KEPT) {
@@ -544,6 +547,9 @@ void SceneAccount::Settle(size_t keep) {
 // are.
 void SceneAccount::Judge(size_t position) {
     Observed& judgedOne = window[position];
+    if (judgedOne.isDoubtful) {
+        Remove(judgedOne.number);  // Its end may be among what is missing.
+    }
     if (judgedOne.isEarly || !IsLineMissing(position)) {
         return;
     }
@@ -552,6 +558,7 @@ void SceneAccount::Judge(size_t position) {
     for (size_t i = position - std::min(position, reach);
          i < std::min(position + reach, window.size()); ++i) {
         window[i].isDoubtful = true;
+        Remove(window[i].number);
     }
 }
 

@@ -240,11 +240,17 @@ CallFinder::Open& CallFinder::OpenOf(Process& process, const Message& message,
             slots.resize(std::min(slots.size() + 1, MOST_SLOTS), std::string(message.name));
         }
     } else if (moment.thread == -1) {
+        // Of calls that it may belong to, the one that logged last is the most likely.
+        Open* latest = nullptr;
         for (size_t slot = 0; slot < process.slots.size(); ++slot) {
             Open& open = process.opens[FIRST_SLOT + static_cast<int64_t>(slot)];
-            if (open.count != 0 && FollowsFrom(open.messages[0], message)) {
-                return open;
+            if (open.count != 0 && FollowsFrom(open.messages[0], message) &&
+                (latest == nullptr || open.ordinal > latest->ordinal)) {
+                latest = &open;
             }
+        }
+        if (latest != nullptr) {
+            return *latest;
         }
         key = NO_THREAD;
     }
