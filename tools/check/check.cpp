@@ -35,10 +35,10 @@ size_t Distance(std::string_view from, std::string_view to) {
     const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
     std::vector<size_t> row(to.size() + 1);
     std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < from.size(); ++i) {
+    for (const char letter : from) {
         size_t diagonal = row[0]++;
         for (size_t j = 0; j < to.size(); ++j) {
-            const size_t changed = diagonal + (lower(from[i]) == lower(to[j]) ? 0 : 1);
+            const size_t changed = diagonal + (lower(letter) == lower(to[j]) ? 0 : 1);
             diagonal = row[j + 1];
             row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
         }
@@ -175,16 +175,21 @@ class Checker {
                 missing + ", " + Quoted(SECTION) + " is " + KindOf(*found) + consequence);
             return;
         }
-        for (const auto& [key, value] : file) {
-            const bool isKey = std::find(KEYS.begin(), KEYS.end(), key.str()) != KEYS.end();
-            if (isKey || IsLike(key.str(), SECTION)) {
-                Add("no-section", Severity::Error, key.source(),
-                    missing +
-                        (isKey ? ", and " + Quoted(key.str()) + " stands outside of it"
-                               : ", only " + Quoted(key.str())) +
-                        consequence);
-                return;
-            }
+        // What is there instead may tell why.
+        const auto isKey = [](const toml::key& key) {
+            return std::find(KEYS.begin(), KEYS.end(), key.str()) != KEYS.end();
+        };
+        const auto other = std::find_if(file.begin(), file.end(), [&isKey](const auto& entry) {
+            return isKey(entry.first) || IsLike(entry.first.str(), SECTION);
+        });
+        if (other != file.end()) {
+            const std::string name = Quoted(other->first.str());
+            Add("no-section", Severity::Error, other->first.source(),
+                missing +
+                    (isKey(other->first) ? ", and " + name + " stands outside of it"
+                                         : ", only " + name) +
+                    consequence);
+            return;
         }
         Add("no-section", Severity::Error, {{1, 1}, {1, 1}, nullptr}, missing + consequence);
     }
@@ -403,7 +408,7 @@ class Checker {
             return;
         }
         ConfiguredStage stage;
-        stage.node = texts[0].c_str();  // The store's texts end at a zero.
+        stage.node = texts[0].substr(0, texts[0].find('\0'));  // The store's texts end at a zero.
         const toml::node& name = (*list)[0];
         if (name.is_integer()) {
             Add("wrong-type", Severity::Warning, name.source(),
@@ -504,48 +509,58 @@ class Checker {
     void CheckPairs() {
         for (size_t i = 0; i < table.stages.size(); ++i) {
             const ConfiguredStage& stage = table.stages[i];
-            const std::string number = std::to_string(stage.stage);
-            const std::string node = "node " + Quoted(stage.node) + " of stage " + number;
             const int32_t winner = stage.node.empty() ? stage.stage : NamedStageOf(stage.node);
-            if (winner != stage.stage) {
-                const std::string other = std::to_string(winner);
-                Add("shadowed", Severity::Error, places[i],
-                    node + " is never stage " + number + ", as the name of stage " + other +
-                        " occurs in it and the highest stage wins: its node ends count for stage " +
-                        other + ", stage " + number + " never ends, and no frame does");
+            if (winner == stage.stage) {
+                CheckPorts(stage, places[i]);
             } else {
-                CheckPorts(stage, node, places[i]);
+                AddShadowed(stage, std::to_string(winner), places[i]);
             }
         }
     }
 
-    void CheckPorts(const ConfiguredStage& stage, const std::string& node,
-                    const toml::source_region& place) {
+    static std::string NodeOf(const ConfiguredStage& stage) {
+        return "node " + Quoted(stage.node) + " of stage " + std::to_string(stage.stage);
+    }
+
+    void AddShadowed(const ConfiguredStage& stage, const std::string& winner,
+                     const toml::source_region& place) {
+        const std::string number = std::to_string(stage.stage);
+        Add("shadowed", Severity::Error, place,
+            NodeOf(stage) + " is never stage " + number + ", as the name of stage " + winner +
+                " occurs in it and the highest stage wins: its node ends count for stage " +
+                winner + ", stage " + number + " never ends, and no frame does");
+    }
+
+    void CheckPorts(const ConfiguredStage& stage, const toml::source_region& place) {
         bool isHelped = false;
         for (const ConfiguredStage& other : table.stages) {
-            if (other.stage == stage.stage || stage.node.find(other.node) == std::string::npos) {
-                continue;
-            }
-            std::string ports;
-            for (const int32_t port : other.ports) {
-                if (!std::binary_search(stage.ports.begin(), stage.ports.end(), port)) {
-                    ports += (ports.empty() ? "" : ", ") + std::to_string(port);
-                }
-            }
-            isHelped = isHelped || !other.ports.empty();
-            if (!ports.empty() && !other.node.empty()) {
-                Add("port-through-other-stage", Severity::Warning, place,
-                    node + " ends its stage on port " + ports + " too: stage " +
-                        std::to_string(other.stage) + " lists it, and its name, " +
-                        Quoted(other.node) + ", occurs in this one");
+            if (other.stage != stage.stage && stage.node.find(other.node) != std::string::npos) {
+                isHelped = isHelped || !other.ports.empty();
+                CheckPortsThrough(other, stage, place);
             }
         }
         if (stage.ports.empty() && !result.endsProcess) {
             Add("no-ports", isHelped ? Severity::Warning : Severity::Error, place,
-                node + " has no ports" +
+                NodeOf(stage) + " has no ports" +
                     (isHelped ? ": it ends on those of other stages alone"
                               : ": none of its node ends counts, so the stage never ends, and no "
                                 "frame does"));
+        }
+    }
+
+    void CheckPortsThrough(const ConfiguredStage& other, const ConfiguredStage& stage,
+                           const toml::source_region& place) {
+        std::string ports;
+        for (const int32_t port : other.ports) {
+            if (!std::binary_search(stage.ports.begin(), stage.ports.end(), port)) {
+                ports += (ports.empty() ? "" : ", ") + std::to_string(port);
+            }
+        }
+        if (!ports.empty() && !other.node.empty()) {
+            Add("port-through-other-stage", Severity::Warning, place,
+                NodeOf(stage) + " ends its stage on port " + ports + " too: stage " +
+                    std::to_string(other.stage) + " lists it, and its name, " + Quoted(other.node) +
+                    ", occurs in this one");
         }
     }
 

@@ -99,7 +99,7 @@ std::vector<Finding> CheckNodes(const Configuration& table, std::vector<Reported
         }
     }
     for (const ConfiguredStage& stage : table.stages) {
-        if (timesOf.count(stage.stage) == 0) {
+        if (!timesOf.contains(stage.stage)) {
             findings.push_back(MakeFinding("stage-not-hit", Severity::Error, 0,
                                            "no node ends stage " + std::to_string(stage.stage) +
                                                ", " + Quoted(stage.node) +
