@@ -31,17 +31,20 @@
 // What the service is told follows from that: there is one kind of scene, so its scene is always 0
 // and its class of frame rate 1. Stage starts that follow from a node end carry the arguments 0 and
 // 20. In an error report the last argument, the error stage, is always -1: the service learns which
-// event was wrong, not which stage it was wrong with.
+// event was wrong, not which stage it was wrong with. Only TcfbtSetTids may tell it of scene 1:
+// called while no scene that qualifies is described.
 //
 // Errors. A frame that breaks the order is reported to the service by this library: a frame start
 // may report an older frame that never ended, a stage event its own frame. The HAL reports only
 // what it knows besides, with TcfbtNotifyErrorFrame. A frame that is lost on its way keeps its
 // place in the table of frames in flight and is reported late, when there are 16 of them: a HAL
-// that knows of a loss reports the frame and ends it, then starts the next frame and its stage 0,
-// or the two frames after the lost one are not boosted either.
+// that knows of a loss reports the frame and ends it. One that was lost in stage 0 has opened no
+// frame: before it ends that one, while it is the newest, the HAL starts the next frame and its
+// stage 0, or the two frames after the lost one are not boosted either.
 //
 // No operation throws: what cannot go on, such as an operation that runs out of memory, ends the
-// process there and then.
+// process there and then. Names are passed by value, so it is the caller who makes them, before the
+// operation begins: memory that runs out there is the caller's to deal with.
 //
 // The debug log shows what was forwarded and why events were refused. Not in it: error frames that
 // the HAL reports, the statuses of the service, operation mode, version and additional width, and
@@ -73,7 +76,8 @@ class TarvoCameraFrameBoost {
     // Starts the described scene: hands the registered thread ids to the service, then asks it to
     // start the scene. `operationMode`: the camera's operation mode, as the configuration lists
     // them. When the service does not accept the scene it keeps the thread ids, until the next
-    // scene that it accepts has ended.
+    // scene that it accepts has ended. A scene that runs already is started again just so, and runs
+    // on whatever the result.
     //
     // Returns -1 when the scene does not qualify, else the service's status, 0 for started.
     int32_t TcfbtNotifySceneStart(int32_t operationMode) noexcept;
@@ -127,12 +131,12 @@ class TarvoCameraFrameBoost {
     // frame; for stage 0, also the start of the next frame and of its stage 0. With a single stage
     // no frame's end ever follows. Other nodes and ports are ignored. `currentCameraId`: the camera
     // that the node worked for; `isMaterCamera`: whether that is the master camera of a
-    // multi-camera setup. Returns nothing, as do the operations that follow.
+    // multi-camera setup.
     //
     // Exactly one node end that counts must come per stage and frame. The ports of a stage are
     // alternatives: a node that reports two of its listed ports for one frame ends its stage twice,
     // the second of which breaks the frame. Then every frame is reported and none ever ends, though
-    // the scene has started well.
+    // the scene has started well. Only the last stage may end twice: its frame is gone by then.
     //
     // A frame begins with the node end of the frame before it, so there is none to begin frame 0,
     // and stages and ends of frames below 1 are not derived: frame 0 is never boosted, its node

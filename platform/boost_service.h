@@ -3,7 +3,8 @@
 //
 // Every function runs on the caller's thread and returns a status, 0 for success. What the other
 // values mean is the service's own affair. Frame numbers are the low 32 bits of the HAL's 64-bit
-// frame numbers; `scene` is the boost scene kind, 0 for a scene that qualifies for boosting.
+// frame numbers; `scene` is the boost scene kind, 0 for a scene that qualifies for boosting, 1
+// for none.
 
 #pragma once
 
