@@ -136,7 +136,8 @@ class TarvoCameraFrameBoost {
     // Exactly one node end that counts must come per stage and frame. The ports of a stage are
     // alternatives: a node that reports two of its listed ports for one frame ends its stage twice,
     // the second of which breaks the frame. Then every frame is reported and none ever ends, though
-    // the scene has started well. Only the last stage may end twice: its frame is gone by then.
+    // the scene has started well. Only
+    // the last of several stages may end twice: its frame is gone by then.
     //
     // A frame begins with the node end of the frame before it, so there is none to begin frame 0,
     // and stages and ends of frames below 1 are not derived: frame 0 is never boosted, its node

@@ -76,8 +76,9 @@ class Camera {
     // Returns whether the recording was boosted.
     bool Record(int64_t frames) {
         boost.TcfbtSetSceneInfo(/*isVideo=*/true, /*resolution=*/3840, FPS);
-        // When refused there is no need to remember it: all that follows does nothing then.
-        const bool isBoosted = boost.TcfbtNotifySceneStart(OPERATION_MODE) == 0;
+        // When refused, that is only of interest to threads: all else that follows does nothing
+        // then.
+        isBoosted = boost.TcfbtNotifySceneStart(OPERATION_MODE) == 0;
         std::array<std::thread, NODES.size()> threads;
         threads[0] = std::thread(&Camera::RunSensor, this, frames);
         for (size_t node = 1; node < NODES.size(); ++node) {
@@ -130,9 +131,12 @@ class Camera {
     }
 
     // A thread that works for this scene: the service hears of it with the next TcfbtSetTids.
+    // Without a scene it would hear of it too, and nothing would take the thread back.
     void RegisterThread() {
-        boost.TcfbtAddTempTids(gettid());
-        boost.TcfbtSetTids();
+        if (isBoosted) {
+            boost.TcfbtAddTempTids(gettid());
+            boost.TcfbtSetTids();
+        }
     }
 
     // On the node's thread, before the next node has the frame. Frame and stages follow from it.
@@ -153,6 +157,7 @@ class Camera {
     }
 
     TarvoCameraFrameBoost boost;  // One per open camera.
+    bool isBoosted = false;       // Written while no thread of a recording runs.
     std::array<FrameQueue, NODES.size()> queues;
     const int64_t dropEvery;
     const int64_t loseEvery;

@@ -56,7 +56,7 @@ std::optional<ConfiguredStage> NearMiss(const Configuration& configuration, std:
 }
 
 const char* OfSecondEnd(const Configuration& configuration, int32_t stage) {
-    return int64_t{stage} + 1 == configuration.stageCount
+    return stage > 0 && int64_t{stage} + 1 == configuration.stageCount
                ? "the frame has ended with the first, and the second is refused"
                : "the second is out of turn, and the frame is reported as an error";
 }
