@@ -156,6 +156,7 @@ void CallFinder::Feed(Process& process, Open& open, const Message& message, cons
             Complete(process, open);
         } else if (!process.isDumped && open.messages[0].kind == MessageKind::NodeEnd) {
             process.Learn(open.messages[0]);
+            open.isStagePort = true;
         }
     }
     if (open.count == open.messages.size()) {
@@ -254,15 +255,15 @@ CallFinder::Open& CallFinder::OpenOf(Process& process, const Message& message,
         }
         key = NO_THREAD;
     }
-    const auto open = process.opens.find(key);
-    if (open != process.opens.end()) {
-        return open->second;
+    if (process.lastOpen == nullptr || process.lastKey != key) {
+        if (process.opens.size() >= MOST_THREADS) {
+            SettleProcess(process, nullptr, false);
+            process.opens.clear();
+        }
+        process.lastOpen = &process.opens[key];
+        process.lastKey = key;
     }
-    if (process.opens.size() >= MOST_THREADS) {
-        SettleProcess(process, nullptr, false);
-        process.opens.clear();
-    }
-    return process.opens[key];
+    return *process.lastOpen;
 }
 
 void CallFinder::Settle(bool isCut) {
@@ -324,26 +325,35 @@ void CallFinder::Load(Process& process) {
     step.loaded.reset();
 }
 
-bool CallFinder::IsComplete(const Process& process, const Open& open) {
+bool CallFinder::IsComplete(const Process& process, Open& open) {
     const Message& first = open.messages[0];
     const Message& last = open.messages[open.count - 1];
     switch (first.kind) {
         case MessageKind::NodeEnd: {
             if (open.count == 1) {
+                if (open.node != first.name || open.port != first.port) {
+                    open.node = first.name;
+                    open.port = first.port;
+                    open.isStagePort = process.configuration.IsStagePort(first.name, first.port);
+                }
                 return first.stage < 0 || (first.stage > 0 && first.frame < 1) ||
-                       (process.isDumped &&
-                        !process.configuration.IsStagePort(first.name, first.port));
+                       (process.isDumped && !open.isStagePort);
             }
             if (!MayBeLast(first, last)) {
                 return false;
             }
             FillNodeEnd(first);
-            TellEvents(step, std::span(open.messages.data(), open.count), process.configuration);
-            const auto event =
-                std::find_if(step.events.rbegin(), step.events.rend(),
-                             [](const Event& told) { return told.kind != EventKind::Report; });
-            return event == step.events.rend() ||
-                   (event->outcome != Outcome::FrameInError && event->outcome != Outcome::Unknown);
+            told = TellEvents(step, std::span(open.messages.data(), open.count),
+                              process.configuration, false, open.isStagePort);
+            auto event = step.events.rbegin();
+            while (event != step.events.rend() && event->kind == EventKind::Report) {
+                ++event;
+            }
+            if (event != step.events.rend() &&
+                (event->outcome == Outcome::FrameInError || event->outcome == Outcome::Unknown)) {
+                told.reset();
+            }
+            return told.has_value();
         }
         case MessageKind::FrameNotContinuous:
         case MessageKind::TableFull:
@@ -436,16 +446,23 @@ void CallFinder::FillNodeEnd(const Message& message) {
 }
 
 void CallFinder::CompleteNodeEnd(Process& process, Open& open, bool isCut) {
-    FillNodeEnd(open.messages[0]);
-    const Told told = Emit(process, open, 0, isCut);
-    process.hasNodeEnds = process.hasNodeEnds || told.read > 1;
-    // What it does not explain are calls of their own.
-    Open single;
-    for (size_t i = told.read; i < open.count; ++i) {
-        single.messages.assign(1, open.messages[i]);
-        single.count = 1;
-        single.begin = open.begin;
-        Complete(process, single);
+    if (!told) {
+        FillNodeEnd(open.messages[0]);
+        told = TellEvents(step, std::span(open.messages.data(), open.count), process.configuration,
+                          isCut, open.isStagePort);
+    }
+    const size_t read = HandOn(process, open, 0, *told).read;
+    told.reset();
+    process.hasNodeEnds = process.hasNodeEnds || read > 1;
+    if (read < open.count) {
+        // What it does not explain are calls of their own.
+        Open single;
+        for (size_t i = read; i < open.count; ++i) {
+            single.messages.assign(1, open.messages[i]);
+            single.count = 1;
+            single.begin = open.begin;
+            Complete(process, single);
+        }
     }
     open.count = 0;
 }
@@ -565,27 +582,32 @@ void CallFinder::Begin(std::string_view operation, std::initializer_list<Value> 
 }
 
 // Hands on the call that `step` holds. Its lines are the open one's from `first` on.
-Told CallFinder::Emit(const Process& process, const Open& open, size_t first, bool isCut) {
+void CallFinder::Emit(const Process& process, const Open& open, size_t first) {
+    HandOn(process, open, first,
+           TellEvents(step, std::span(open.messages.data(), open.count).subspan(first),
+                      process.configuration));
+}
+
+// The same for a call whose events have been told.
+Told CallFinder::HandOn(const Process& process, const Open& open, size_t first, Told result) {
     step.place = open.messages[std::min(first, open.count - 1)].place;
     step.time = open.begin.time;
     step.process = open.begin.process;
     step.thread = open.begin.thread;
-    Told told = TellEvents(step, std::span(open.messages.data(), open.count).subspan(first),
-                           process.configuration, isCut);
     if (open.sceneEnds != process.sceneEnds) {
         // The scene ended while the call ran.
         for (Event& event : step.events) {
             if (event.outcome == Outcome::FrameInError || event.outcome == Outcome::Unknown) {
                 event.outcome = Outcome::NoScene;
-                told.missing = 0;
+                result.missing = 0;
             }
         }
     }
-    if (told.missing != 0) {
-        NoteLost(open, told.missing);
+    if (result.missing != 0) {
+        NoteLost(open, result.missing);
     }
     sink.OnStep(step);
-    return told;
+    return result;
 }
 
 }  // namespace tools

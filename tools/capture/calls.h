@@ -55,6 +55,10 @@ class CallFinder {
         Micros last = NO_TIME;  // When its last line was logged.
         uint64_t ordinal = 0;   // Of its last line, counted over the capture.
         int64_t sceneEnds = 0;  // How many there had been when it began.
+        // Whether node ends on this thread count, for the node and port of the last one.
+        std::string node;
+        int32_t port = 0;
+        bool isStagePort = false;
         // The frame and stage of the last stage event whose node end is missing.
         std::optional<std::pair<int64_t, int32_t>> lost;
     };
@@ -71,7 +75,9 @@ class CallFinder {
         std::set<int32_t> sceneTids;              // Those set since the last scene ended.
         bool hasNodeEnds = false;                 // Some that end stages.
         std::unordered_map<int64_t, Open> opens;  // By thread, or by what stands for one.
-        std::vector<std::string> slots;           // Nodes, where the form has no threads.
+        Open* lastOpen = nullptr;
+        int64_t lastKey = 0;
+        std::vector<std::string> slots;  // Nodes, where the form has no threads.
 
         void Learn(const Message& nodeEnd);
     };
@@ -83,7 +89,7 @@ class CallFinder {
     void SettleOld();
     void BeginRun(Process& process, const Message& message, const Moment& moment);
     void Load(Process& process);
-    bool IsComplete(const Process& process, const Open& open);
+    bool IsComplete(const Process& process, Open& open);
     void Complete(Process& process, Open& open, bool isCut = false);
     void CompleteNodeEnd(Process& process, Open& open, bool isCut);
     void CompleteThreads(Process& process, const Open& open);
@@ -93,13 +99,15 @@ class CallFinder {
     void NoteLost(const Open& open, size_t lines);
     void Begin(std::string_view operation, std::initializer_list<Value> arguments,
                bool isGuessed = false);
-    Told Emit(const Process& process, const Open& open, size_t first = 0, bool isCut = false);
+    void Emit(const Process& process, const Open& open, size_t first = 0);
+    Told HandOn(const Process& process, const Open& open, size_t first, Told result);
 
     StepSink& sink;
     Step step;
     std::map<int32_t, Process> processes;
     Process* lastProcess = nullptr;
     int32_t lastNumber = 0;
+    std::optional<Told> told;  // Of the node end in `step`, where that has been worked out.
     uint64_t ordinal = 0;
 };
 

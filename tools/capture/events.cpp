@@ -174,7 +174,8 @@ class Teller {
         }
     }
 
-    void NodeEnd(const Call& call, const Configuration& configuration) {
+    void NodeEnd(const Call& call, const Configuration& configuration,
+                 std::optional<bool> isStagePort) {
         const auto frame = std::get<int64_t>(call.arguments[0]);
         const auto& node = std::get<std::string>(call.arguments[1]);
         const Message* message = Take(MessageKind::NodeEnd, frame);
@@ -182,7 +183,9 @@ class Teller {
         const int32_t stage = isRefused ? configuration.StageOf(node) : message->stage;
         const int64_t stageCount =
             isRefused ? configuration.stageCount.value_or(0) : int64_t{message->count};
-        if (stage < 0 || !configuration.IsStagePort(node, std::get<int32_t>(call.arguments[2]))) {
+        if (stage < 0 || !(isStagePort ? *isStagePort
+                                       : configuration.IsStagePort(
+                                             node, std::get<int32_t>(call.arguments[2])))) {
             Tell(EventKind::NodeEnd, Outcome::Ignored, frame, stage);
             return;
         }
@@ -270,14 +273,14 @@ bool AddDumped(const Message& message, Configuration& configuration) {
 }
 
 Told TellEvents(Step& step, std::span<const Message> messages, const Configuration& configuration,
-                bool isCut) {
+                bool isCut, std::optional<bool> isStagePort) {
     step.events.clear();
     const std::string_view name = step.call.operation->name;
     const std::vector<Value>& arguments = step.call.arguments;
     const bool isRefused = step.result == -1;
     Teller teller(step.events, messages, isRefused, isCut);
     if (name == "TcfbtNotifyNodeEnd") {
-        teller.NodeEnd(step.call, configuration);
+        teller.NodeEnd(step.call, configuration, isStagePort);
     } else if (name == "TcfbtNotifyStageStart") {
         teller.StageEvent(EventKind::StageStart, std::get<int32_t>(arguments[0]),
                           std::get<int64_t>(arguments[1]));

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <span>
 
 #include "tools/account/step.h"
@@ -29,7 +30,8 @@ struct Told {
 // The library is silent about an event of a frame in error and, when no scene runs, about
 // everything. An event that can be neither, though its message is missing, is Outcome::Unknown.
 // Without a result and without a message a call other than a node end is taken to have had a scene.
+// `isStagePort`: whether a node end is one that counts, for who has worked it out.
 Told TellEvents(Step& step, std::span<const Message> messages, const Configuration& configuration,
-                bool isCut = false);
+                bool isCut = false, std::optional<bool> isStagePort = {});
 
 }  // namespace tools

@@ -159,9 +159,15 @@ bool TakeTruth(std::string_view& text, bool& flag) {
 
 // Takes what stands before the last `words` in the text: they may stand in a name as well.
 bool TakeText(std::string_view& text, std::string_view words, std::string_view& value) {
-    const size_t end = words.empty() ? text.size() : text.rfind(words);
-    if (end == std::string_view::npos) {
-        return false;
+    size_t end = text.size();
+    if (!words.empty()) {
+        end = text.find(words);
+        if (end == std::string_view::npos) {
+            return false;
+        }
+        for (size_t next = end; next != std::string_view::npos; next = text.find(words, end + 1)) {
+            end = next;
+        }
     }
     value = text.substr(0, end);
     text.remove_prefix(end);
@@ -248,8 +254,8 @@ bool IsLibraryText(std::string_view text) {
 
 std::optional<Message> ParseMessage(std::string_view tag, std::string_view text) {
     // "file line:function() "
-    const size_t blank = text.find(' ');
-    if (!IsLibraryText(text) || blank == std::string_view::npos) {
+    const size_t blank = IsLibraryText(text) ? text.find(' ', FILE_STEM.size()) : text.npos;
+    if (blank == std::string_view::npos) {
         return {};
     }
     text.remove_prefix(blank + 1);
@@ -257,8 +263,8 @@ std::optional<Message> ParseMessage(std::string_view tag, std::string_view text)
     if (!TakeNumber(text, message.sourceLine) || !text.starts_with(':')) {
         return {};
     }
-    const size_t end = text.find("()");
-    if (end == std::string_view::npos) {
+    const size_t end = text.find('(');
+    if (end == std::string_view::npos || !text.substr(end).starts_with("()")) {
         return {};
     }
     const std::string_view function = text.substr(1, end - 1);
@@ -270,7 +276,8 @@ std::optional<Message> ParseMessage(std::string_view tag, std::string_view text)
     }
     for (size_t i = 0; i < CUT_UP_FORMS.size(); ++i) {
         const MessageForm& form = FORMS[i];
-        if (form.function == function && (tag.empty() || form.tag == tag) &&
+        if (form.function == function &&
+            (tag.empty() || form.tag.data() == tag.data() || form.tag == tag) &&
             Matches(CUT_UP_FORMS[i], text, message)) {
             message.kind = form.kind;
             return message;

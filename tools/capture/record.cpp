@@ -203,8 +203,9 @@ void AppendRecord(std::string& text, const Format& format, const Record& record)
     const std::string_view message = record.message;
     // Each line of a message gets what stands around it; a line end at its end begins none.
     for (size_t at = 0;;) {
-        const size_t end = std::min(
-            format.form == Form::Long ? std::string_view::npos : message.find('\n', at), message.size());
+        const size_t end =
+            std::min(format.form == Form::Long ? std::string_view::npos : message.find('\n', at),
+                     message.size());
         text += format.hasColor ? ColorOf(record.priority) : "";
         AppendLayout(text, format, record, layout.before);
         AppendMessage(text, format, message.substr(at, end - at));

@@ -84,7 +84,7 @@ bool TakePriority(std::string_view& text, char& priority) {
 // Takes one of the tags that matter and its padding.
 bool TakeTag(std::string_view& text, std::string_view& tag) {
     for (const std::string_view known : {FACADE_TAG, UTILS_TAG, CHATTY_TAG}) {
-        if (Skip(text, known)) {
+        if (!text.empty() && text[0] == known[0] && Skip(text, known)) {
             tag = known;
             SkipBlanks(text);
             return true;
@@ -95,7 +95,11 @@ bool TakeTag(std::string_view& text, std::string_view& tag) {
 
 // What separates a head from its message, whose blank may have gone with an empty message.
 bool SkipColon(std::string_view& text) {
-    return Skip(text, ": ") || (text == ":" && Skip(text, ":"));
+    if (text.empty() || text[0] != ':' || (text.size() > 1 && text[1] != ' ')) {
+        return false;
+    }
+    text.remove_prefix(std::min<size_t>(text.size(), 2));
+    return true;
 }
 
 // Reads "user:process:thread". Where there are two, the second is a thread if `hasThread`, else the
@@ -244,6 +248,7 @@ void RecordReader::Begin(uint32_t input) {
     year = MADE_UP_YEAR;
     lastMonth = 0;
     dateText.clear();
+    lastHead.clear();
 }
 
 void RecordReader::Read(std::string_view bytes) {
@@ -276,22 +281,25 @@ void RecordReader::ReadLine(std::string_view line) {
     ++lines;
     ++place.line;
     line = line.substr(0, line.find_last_not_of('\r') + 1);
-    if (line.find('\x1B') != std::string_view::npos) {
+    // Colours stand around a line.
+    if (line.starts_with('\x1B') || (line.ends_with('m') && Contains(line, "\x1B["))) {
         KeepHeld();
         line = WithoutColors(line, plain);
     }
-    Skip(line, BYTE_ORDER_MARK);
+    if (line.starts_with('\xEF')) {
+        Skip(line, BYTE_ORDER_MARK);
+    }
     if (isHeld && isLong && GoesOnLong(line)) {
         return;
     }
     // Most lines of a device are not the library's.
-    const bool isNamed = Contains(line, FACADE_TAG);
-    if (!isNamed && !Contains(line, CHATTY_TAG)) {
+    const bool isAsLast = !lastHead.empty() && line.starts_with(lastHead);
+    if (!isAsLast && !Contains(line, FACADE_TAG) && !Contains(line, CHATTY_TAG)) {
         Settle();
         return;
     }
     Head head;
-    if (!ReadHead(line, head)) {
+    if (!(isAsLast ? ReadHeadAsLast(line, head) : ReadHead(line, head))) {
         Settle();
         if (Contains(line, LIBRARY_FILE)) {
             sink.OnFragment(line, place);
@@ -417,14 +425,16 @@ bool RecordReader::ReadHead(std::string_view line, Head& head) {
                 }
                 words[count] = TakeWord(rest);
             } while (++count < 3 || words[count - 1].size() != 1);
-            head.isTagged = true;
             if (!TakePriority(words[count - 1], record.priority) ||
                 !ToNumber(words[count - 2], record.thread) ||
-                !ToNumber(words[count - 3], record.process) || !Skip(rest, " ") ||
-                !TakeTag(rest, record.tag) || !SkipColon(rest)) {
+                !ToNumber(words[count - 3], record.process) || !Skip(rest, " ")) {
                 return false;
             }
-        } else if (!ReadTagged(rest, head)) {
+            lastHead = line.substr(0, line.size() - rest.size());
+            lastRecord = record;
+            return ReadHeadAsLast(line, head);
+        }
+        if (!ReadTagged(rest, head)) {
             return false;
         }
     } else if (IsLibraryText(rest)) {
@@ -454,6 +464,20 @@ bool RecordReader::ReadHead(std::string_view line, Head& head) {
     }
     record.message = rest;
     head.text = line.substr(0, static_cast<size_t>(rest.data() - line.data()));
+    return true;
+}
+
+// A line of the default form that begins with `lastHead`.
+bool RecordReader::ReadHeadAsLast(std::string_view line, Head& head) {
+    std::string_view rest = line.substr(lastHead.size());
+    head.record = lastRecord;
+    head.isTagged = true;
+    head.isLong = false;
+    if (!TakeTag(rest, head.record.tag) || !SkipColon(rest)) {
+        return false;
+    }
+    head.record.message = rest;
+    head.text = line.substr(0, line.size() - rest.size());
     return true;
 }
 

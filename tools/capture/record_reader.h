@@ -71,6 +71,7 @@ class RecordReader {
     void ReadLine(std::string_view line);
     bool GoesOnLong(std::string_view line);
     bool ReadHead(std::string_view line, Head& head);
+    bool ReadHeadAsLast(std::string_view line, Head& head);
     static bool ReadTagged(std::string_view& rest, Head& head);
     bool ReadTime(std::string_view& rest, std::optional<int64_t>& time);
     bool ReadDate(std::string_view& rest, int64_t& seconds);
@@ -94,6 +95,10 @@ class RecordReader {
     // Lines come by the thousand a second: the last date and time, less the second's fraction.
     std::string dateText;
     int64_t dateSeconds = 0;
+    // And what stood before the last tag, in the form that is the default; what a thread logs at
+    // once begins alike.
+    std::string lastHead;
+    Record lastRecord;
     // Where the form has no year.
     int64_t year = 0;
     int32_t lastMonth = 0;
