@@ -517,16 +517,16 @@ void CallFinder::CompleteThreads(Process& process, const Open& open) {
             tids.push_back(message.tid);
         }
     }
+    const Configuration& configuration = process.configuration;
     const bool isSetting = messages[0].kind == MessageKind::SetTid;
     for (const int32_t tid : isSetting ? tids : std::vector<int32_t>()) {
         // What was not added before was added for this scene, which leaves no line.
         if (process.persistTids.count(tid) + process.sceneTids.count(tid) == 0) {
             Begin("TcfbtAddTempTids", {tid}, true);
-            Emit(process, open, open.count);
+            HandOn(process, open, 0, TellEvents(step, {}, configuration));
         }
         Insert(process.sceneTids, tid);
     }
-    const Configuration& configuration = process.configuration;
     const MessageKind last = messages.back().kind;
     if (last == MessageKind::SceneStart) {
         const auto& modes = configuration.modes;

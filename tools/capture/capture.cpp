@@ -20,6 +20,9 @@ constexpr Micros LARGEST_STEP_BACK = SECOND / 10;
 constexpr Micros LONGEST_SILENCE_IN_SCENE = 60 * SECOND;
 constexpr Micros LONGEST_SILENCE = 30 * 86'400 * SECOND;
 
+// Is boosted whatever the configuration says.
+constexpr int32_t BOOSTED_WIDTH = 3840;
+
 // Before it stand clocks that count from the boot, or that have not been set since.
 constexpr time_t ONE_YEAR = 365 * 86'400;
 // Where dates without a year are put; see RecordReader.
@@ -62,6 +65,11 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
             summary.stageCount = message->count;
             isInScene = true;
             break;
+        case MessageKind::Video:
+            if (message->acceptedFps != 0 && message->width != BOOSTED_WIDTH) {
+                summary.additionalWidth = message->width;
+            }
+            break;
         case MessageKind::SceneEnd:
         case MessageKind::DumpSwitch:
             isInScene = false;
@@ -69,7 +77,11 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
         default:
             break;
     }
-    calls.OnMessage(*message, {time, record.process, record.thread});
+    const Moment moment{time, record.process, record.thread};
+    if (listener) {
+        listener(*message, record.message, moment);
+    }
+    calls.OnMessage(*message, moment);
 }
 
 void CaptureReader::OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tools/account/step.h"
@@ -35,7 +36,9 @@ struct CaptureSummary {
     bool hasUntimed = false;  // some had none;
     bool hasThreads = false;  // the same of threads.
     bool hasUnthreaded = false;
-    std::optional<int32_t> stageCount;  // As the library had it last. A dump does not tell it.
+    // What a dump does not tell, as the library showed it last.
+    std::optional<int32_t> stageCount;
+    std::optional<int32_t> additionalWidth;
 };
 
 // Pass the inputs one after the other: Begin, Read in pieces of any length, End for each, and
@@ -51,6 +54,10 @@ class CaptureReader : private RecordSink, private StepSink {
     void Settle();
     void Finish();
 
+    // Who else is told of each message, with its text, before the steps that it is part of.
+    using Listener = std::function<void(const Message&, std::string_view text, const Moment&)>;
+    void SetListener(Listener messageListener) { listener = std::move(messageListener); }
+
     // `lines` is kept up to date while reading.
     const CaptureSummary& Summary() const { return summary; }
 
@@ -65,6 +72,7 @@ class CaptureReader : private RecordSink, private StepSink {
     void NoteNotUnderstood(std::string_view text, const Place& place);
 
     StepSink& sink;
+    Listener listener;
     RecordReader records;
     CallFinder calls;
     CaptureSummary summary;

@@ -424,7 +424,7 @@ bool RecordReader::ReadHead(std::string_view line, Head& head) {
                     return false;
                 }
                 words[count] = TakeWord(rest);
-            } while (++count < 3 || words[count - 1].size() != 1);
+            } while (++count < 3 || words[count - 1].size() != 1 || IsDigit(words[count - 1][0]));
             if (!TakePriority(words[count - 1], record.priority) ||
                 !ToNumber(words[count - 2], record.thread) ||
                 !ToNumber(words[count - 3], record.process) || !Skip(rest, " ")) {
