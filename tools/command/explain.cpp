@@ -15,6 +15,7 @@
 
 #include "tools/account/accountant.h"
 #include "tools/capture/capture.h"
+#include "tools/capture/verify.h"
 #include "tools/command/command.h"
 #include "tools/command/pictures.h"
 #include "tools/output/json.h"
@@ -26,12 +27,15 @@ namespace {
 struct Arguments {
     std::vector<std::string> captures;
     std::string other;
-    std::string csv;
+    std::string csv, session, configuration;
     Pictures pictures;
     double latePeriods = AccountOptions().latePeriods;
     bool isJson = false;
     bool isFollowing = false;
     bool showsAllFrames = false;
+    bool isVerifying = false;
+
+    bool IsForDesk() const { return isVerifying || !session.empty() || !configuration.empty(); }
 };
 
 [[noreturn]] void FailUsage(const std::string& message) {
@@ -41,6 +45,33 @@ struct Arguments {
 std::string NameOf(const std::string& path) {
     return path == "-" ? "standard input" : path;
 }
+
+// What it takes to play a capture on the desk.
+struct Desk {
+    SessionMaker maker;
+    CapturedMessages messages;
+};
+
+class Tee : public StepSink {
+  public:
+    Tee(StepSink& firstSink, StepSink* secondSink) : first(firstSink), second(secondSink) {}
+    void OnStep(const Step& step) override {
+        first.OnStep(step);
+        if (second != nullptr) {
+            second->OnStep(step);
+        }
+    }
+    void OnDisturbance(const Disturbance& disturbance) override {
+        first.OnDisturbance(disturbance);
+        if (second != nullptr) {
+            second->OnDisturbance(disturbance);
+        }
+    }
+
+  private:
+    StepSink& first;
+    StepSink* second;
+};
 
 // What steps do not tell: the inputs, and what was read of them.
 void Complete(Account& account, const std::vector<std::string>& paths,
@@ -87,6 +118,9 @@ void Complete(Account& account, const std::vector<std::string>& paths,
         if (!account.configuration->stageCount) {
             account.configuration->stageCount = summary.stageCount;
         }
+        if (!account.configuration->additionalWidth) {
+            account.configuration->additionalWidth = summary.additionalWidth;
+        }
         for (Finding& finding : CheckConfiguration(ToToml(*account.configuration)).findings) {
             finding.place = {};  // Of a text that nobody has.
             account.configurationFindings.push_back(std::move(finding));
@@ -94,11 +128,20 @@ void Complete(Account& account, const std::vector<std::string>& paths,
     }
 }
 
-Account Explain(const std::vector<std::string>& paths, double latePeriods, ProgressLine& progress) {
+// `desk`: null when the capture is not to be played.
+Account Explain(const std::vector<std::string>& paths, double latePeriods, ProgressLine& progress,
+                Desk* desk = nullptr, bool isVerifying = false) {
     AccountOptions options;
     options.latePeriods = latePeriods;
     Accountant accountant(options);
-    CaptureReader reader(accountant);
+    Tee tee(accountant, desk == nullptr ? nullptr : &desk->maker);
+    CaptureReader reader(tee);
+    if (isVerifying) {
+        reader.SetListener(
+            [desk](const Message& message, std::string_view text, const Moment& moment) {
+                desk->messages.Add(message, text, moment);
+            });
+    }
     for (size_t i = 0; i < paths.size() && !IsInterrupted(); ++i) {
         try {
             ReadCapture(reader, static_cast<uint32_t>(i), paths[i],
@@ -115,6 +158,60 @@ Account Explain(const std::vector<std::string>& paths, double latePeriods, Progr
     Account account = accountant.Finish();
     Complete(account, paths, reader.Summary());
     return account;
+}
+
+// Writes the files for the desk, and plays them there. Returns an exit status.
+int BringToDesk(const Arguments& arguments, const Account& account, Desk& desk) {
+    const std::optional<MadeSession> session = desk.maker.Finish();
+    const std::string& input = account.inputs.front();
+    if (!session) {
+        throw CommandError(input + ": error: none of the lines tells of a call");
+    }
+    std::optional<Configuration> loaded = session->configuration;
+    if (loaded && account.configuration) {
+        // What the dump does not tell, and other lines do.
+        loaded->stageCount = account.configuration->stageCount;
+        loaded->additionalWidth = account.configuration->additionalWidth;
+    }
+    const auto writeTo = [](const std::string& path, const std::string& text) {
+        if (!path.empty()) {
+            Output file(path);
+            file << text;
+            file.Close();
+        }
+    };
+    writeTo(arguments.session, session->text);
+    if (!loaded && (arguments.isVerifying || !arguments.configuration.empty())) {
+        throw CommandError(input +
+                           ": error: the log lacks the configuration, which the library writes to\n"
+                           "it when the camera's process starts");
+    }
+    writeTo(arguments.configuration, loaded ? ToToml(*loaded) : "");
+    if (!arguments.isVerifying) {
+        return NOTHING_FOUND;
+    }
+    const Verification verification = Verify(*session, ToToml(*loaded), desk.messages);
+    if (!verification.obstacle.empty()) {
+        throw CommandError(input + ": error: cannot be played: " + verification.obstacle);
+    }
+    Output out("-");
+    for (const Difference& difference : verification.first) {
+        const std::string sessionLine = std::to_string(difference.sessionLine);
+        out << (difference.place.line == 0 ? input
+                                           : account.inputs[difference.place.input] + ":" +
+                                                 std::to_string(difference.place.line))
+            << ": error: the device logged "
+            << (difference.captured.empty() ? "nothing more" : "\"" + difference.captured + "\"")
+            << ", the desk "
+            << (difference.replayed.empty()
+                    ? "nothing more"
+                    : "\"" + difference.replayed + "\" at line " + sessionLine + " of the session")
+            << " [not-the-same]\n";
+    }
+    out << verification.messages << " messages are the same, " << verification.differing
+        << " differ or come after a difference on their thread\n";
+    out.Close();
+    return verification.differing == 0 ? NOTHING_FOUND : FAULTS_FOUND;
 }
 
 int StatusOf(const Account& account) {
@@ -201,7 +298,8 @@ int RunExplain(const Arguments& arguments) {
     CatchInterrupts();
     if (arguments.isFollowing) {
         const bool hasOutputs = arguments.isJson || arguments.showsAllFrames ||
-                                arguments.pictures.AreWanted() || arguments.pictures.Frames() ||
+                                arguments.IsForDesk() || arguments.pictures.AreWanted() ||
+                                arguments.pictures.Frames() ||
                                 !(arguments.csv + arguments.other).empty();
         if (arguments.captures != std::vector<std::string>{"-"} || hasOutputs) {
             FailUsage("--follow reads standard input (-) and goes with no other option but --late");
@@ -212,7 +310,15 @@ int RunExplain(const Arguments& arguments) {
     text.showsAllFrames = arguments.showsAllFrames;
     text.frames = arguments.pictures.Frames();
     ProgressLine progress("MB", false);
-    const Account account = Explain(arguments.captures, arguments.latePeriods, progress);
+    Desk desk;
+    const Account account = Explain(arguments.captures, arguments.latePeriods, progress,
+                                    arguments.IsForDesk() ? &desk : nullptr, arguments.isVerifying);
+    if (arguments.IsForDesk()) {
+        const int status = BringToDesk(arguments, account, desk);
+        if (arguments.isVerifying) {
+            return status;
+        }
+    }
     if (!arguments.csv.empty()) {
         Output csv(arguments.csv);
         WriteCsv(csv, account);
@@ -269,6 +375,13 @@ void AddExplain(CLI::App& app, Run& run) {
                       "Read on as the log comes, show findings as they are found");
     command->add_option("--to-csv", arguments->csv, "Write a row a frame here");
     arguments->pictures.AddOptions(*command);
+    command->add_option("--to-session", arguments->session,
+                        "Write the HAL's calls here, as a session for replay");
+    command->add_option("--to-config", arguments->configuration,
+                        "Write the configuration here, for replay --config");
+    command->add_flag(
+        "--verify", arguments->isVerifying,
+        "Play the capture on the desk and show only whether the library logs the same");
     command->callback([arguments, &run] { run = [arguments] { return RunExplain(*arguments); }; });
 }
 

@@ -1,0 +1,106 @@
+// Any bytes as a capture, and any messages in any order: read the same in pieces as whole, and what
+// comes of it is a session that can be read.
+
+#include <cstdint>
+#include <sstream>
+#include <string>
+
+#include "tests/fuzz/require.h"
+#include "tools/capture/capture.h"
+#include "tools/capture/message.h"
+#include "tools/output/session.h"
+#include "tools/session/session.h"
+
+namespace {
+
+class Watcher : public tools::StepSink {
+  public:
+    void OnStep(const tools::Step& step) override {
+        maker.OnStep(step);
+        seen << step.place.line << ' ' << step.time << ' ' << step.thread;
+        if (step.call.operation != nullptr) {
+            seen << ' ' << tools::WriteLine(step.call);
+        }
+        for (const tools::Event& event : step.events) {
+            Require(*tools::ReasonOf(event.outcome) != '\0' ||
+                        event.outcome == tools::Outcome::Forwarded,
+                    "an outcome without a reason");
+            seen << ' ' << int(event.kind) << int(event.outcome) << event.frame;
+        }
+        seen << '\n';
+    }
+    void OnDisturbance(const tools::Disturbance& disturbance) override {
+        maker.OnDisturbance(disturbance);
+        seen << int(disturbance.kind) << ' ' << disturbance.amount << '\n';
+    }
+
+    tools::SessionMaker maker;
+    std::ostringstream seen;
+};
+
+// What is read of the text in pieces of that length.
+std::string Read(const std::string& text, size_t piece) {
+    Watcher watcher;
+    tools::CaptureReader reader(watcher);
+    reader.Begin(0);
+    for (size_t at = 0; at < text.size(); at += piece) {
+        reader.Read(std::string_view(text).substr(at, piece));
+    }
+    reader.End();
+    reader.Finish();
+    const tools::CaptureSummary& summary = reader.Summary();
+    Require(summary.notUnderstood <= summary.libraryLines && summary.libraryLines <= summary.lines,
+            "more lines of a kind than lines");
+    if (const auto session = watcher.maker.Finish()) {
+        std::istringstream lines(session->text);
+        size_t count = 0;
+        for (std::string line; std::getline(lines, line); ++count) {
+            tools::ParseLine(line);
+        }
+        Require(count == session->threads.size(), "a thread for each line");
+    }
+    return watcher.seen.str() + std::to_string(summary.lines) + " " + summary.from + summary.to;
+}
+
+// Lines of the library with values that are small as a rule, as the bytes say.
+std::string LinesOf(const uint8_t* data, size_t size) {
+    std::string text;
+    size_t at = 0;
+    const auto next = [&]() -> int { return at < size ? data[at++] : 0; };
+    while (at < size) {
+        const auto forms = tools::MessageForms();
+        const tools::MessageForm& form = forms[static_cast<size_t>(next()) % forms.size()];
+        const int where = next();
+        text += "01-01 00:00:0" + std::to_string(where % 10) + ".000     1     " +
+                std::to_string(where / 10 % 3) + " D " + std::string(form.tag) +
+                ": tarvocameraframeboost.cpp 1:" + std::string(form.function) + "() ";
+        std::string_view rest = form.text;
+        for (size_t open = 0; (open = rest.find('{')) != std::string_view::npos;) {
+            const size_t close = rest.find('}');
+            const std::string_view field = rest.substr(open + 1, close - open - 1);
+            const int value = next();
+            text += rest.substr(0, open);
+            text += field == "truth"  ? (value % 2 == 0 ? "true" : "false")
+                    : field == "flag" ? std::to_string(value % 2)
+                    : value < 250     ? std::to_string(value % 10)
+                                      : "A" + std::to_string(value);
+            rest.remove_prefix(close + 1);
+        }
+        text += rest;
+        text += '\n';
+    }
+    return text;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 2) {
+        return 0;
+    }
+    const std::string text = data[0] % 2 == 0
+                                 ? std::string(reinterpret_cast<const char*>(data + 2), size - 2)
+                                 : LinesOf(data + 2, size - 2);
+    Require(Read(text, text.size() + 1) == Read(text, size_t{data[1]} + 1), text);
+    return 0;
+}
