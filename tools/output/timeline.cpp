@@ -295,10 +295,17 @@ void WriteOverview(std::ostream& out, const Account& account, const DrawnScene& 
         const auto column =
             static_cast<size_t>(std::clamp(share, 0.0, 1.0) * static_cast<double>(columns - 1));
         intervals[column] = std::max(intervals[column], scene.frames[i].interval);
-        Lane& lane = lanes[static_cast<size_t>(LookOf(scene.frames[i]))];
-        lane.marks.resize(columns);
-        lane.marks[column] = i + 1;
-        ++lane.count;
+        const Look look = LookOf(scene.frames[i]);
+        const auto mark = [&](Look marked) {
+            Lane& lane = lanes[static_cast<size_t>(marked)];
+            lane.marks.resize(columns);
+            lane.marks[column] = i + 1;
+            ++lane.count;
+        };
+        mark(look);
+        if (scene.frames[i].isLate && look != Look::Late) {
+            mark(Look::Late);
+        }
     }
     const Micros longest = *std::max_element(intervals.begin(), intervals.end());
     const Micros top = std::clamp(longest, 2 * drawn.period, 6 * drawn.period);
@@ -380,7 +387,7 @@ void WriteOverview(std::ostream& out, const Account& account, const DrawnScene& 
 void WriteLegend(std::ostream& out, const Scene& scene) {
     static constexpr const char* MEANINGS[LOOKS] = {
         "",
-        "complete, but out late",
+        "out late",
         "in flight to the end, never seen to leave its stage",
         "reported to the service as bad, by the library or the HAL",
         "pushed out of the library's table by newer frames",
