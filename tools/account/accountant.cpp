@@ -37,14 +37,16 @@ class Accountant::Implementation : public StepSink {
         bool isDescribed = false;
         bool isVideo = false;
         int32_t width = 0, fps = 0;
-        Place place;  // Of the description.
+        // The description, while only what comes of it tells whether it qualifies.
+        std::optional<Step> pending;
         std::unique_ptr<SceneAccount> scene;
     };
 
     Scene Begin(const Camera& camera, const Step& step) const;
     void OnSceneStart(Camera& camera, const Step& step, const Event& event);
     void Refuse(const Camera& camera, const Step& step, Outcome outcome);
-    void EndScene(Camera& camera);
+    void RefusePending(Camera& camera);
+    void EndScene(Camera& camera, bool hasEnded = true);
     void Add(Scene&& scene);
     int32_t ExtraWidth() const;  // That is boosted besides 3840; NOT_KNOWN.
     std::string WhyNotBoosted(const Camera& camera) const;
@@ -69,7 +71,7 @@ void Accountant::Implementation::OnStep(const Step& step) {
     }
     account.hasThreads = account.hasThreads || step.thread != -1;
     if (step.loaded) {
-        EndScene(camera);  // A process loads the library once: it is a new one.
+        EndScene(camera, false);  // A process loads the library once: it is a new one.
         camera = Camera();
         account.configuration = step.loaded;
     }
@@ -78,11 +80,11 @@ void Accountant::Implementation::OnStep(const Step& step) {
     }
     const std::string_view name = step.call.operation->name;
     if (name == "TcfbtSetSceneInfo" && step.call.arguments.size() == 3) {
+        RefusePending(camera);
         camera.isDescribed = true;
         camera.isVideo = std::get<bool>(step.call.arguments[0]);
         camera.width = std::get<int32_t>(step.call.arguments[1]);
         camera.fps = std::get<int32_t>(step.call.arguments[2]);
-        camera.place = step.place;
         const int32_t extra = ExtraWidth();
         // Where the extra width is not known, what comes of the scene tells.
         const bool isOtherWidth =
@@ -93,6 +95,9 @@ void Accountant::Implementation::OnStep(const Step& step) {
                 EndScene(camera);
             }
             return Refuse(camera, step, Outcome::NotDescribed);
+        }
+        if (camera.isVideo && camera.width != 3840 && extra == NOT_KNOWN) {
+            camera.pending = step;
         }
     }
     bool isOfScene = false;
@@ -135,6 +140,7 @@ Scene Accountant::Implementation::Begin(const Camera& camera, const Step& step) 
 
 void Accountant::Implementation::OnSceneStart(Camera& camera, const Step& step,
                                               const Event& event) {
+    camera.pending.reset();
     if (event.outcome != Outcome::Forwarded) {
         return Refuse(camera, step, event.outcome);
     }
@@ -226,9 +232,17 @@ void Accountant::Implementation::Refuse(const Camera& camera, const Step& step, 
     Add(std::move(scene));
 }
 
-void Accountant::Implementation::EndScene(Camera& camera) {
+// A description that nothing came of did not qualify.
+void Accountant::Implementation::RefusePending(Camera& camera) {
+    if (const auto description = std::exchange(camera.pending, std::nullopt)) {
+        Refuse(camera, *description, Outcome::NotDescribed);
+    }
+}
+
+void Accountant::Implementation::EndScene(Camera& camera, bool hasEnded) {
+    RefusePending(camera);
     if (camera.scene != nullptr) {
-        Add(camera.scene->Close());
+        Add(camera.scene->Close(hasEnded));
         camera.scene.reset();
     }
 }
@@ -311,7 +325,7 @@ void Accountant::Implementation::FindSeveralCameras() {
 
 Account Accountant::Implementation::Finish() {
     for (auto& [process, camera] : cameras) {
-        EndScene(camera);
+        EndScene(camera, false);
     }
     std::stable_sort(account.scenes.begin(), account.scenes.end(),
                      [](const Scene& one, const Scene& other) {

@@ -156,6 +156,13 @@ Investigation::Trouble* Investigation::Find(int64_t id) {
     return found == troubles.end() ? nullptr : &*found;
 }
 
+Investigation::Trouble* Investigation::FindOpen(std::string_view check) {
+    const auto found =
+        std::find_if(troubles.begin(), troubles.end(),
+                     [check](const Trouble& trouble) { return trouble.finding.check == check; });
+    return found == troubles.end() ? nullptr : &*found;
+}
+
 // The trouble of the frame before that kept this one from being started as it should have been.
 Investigation::Trouble* Investigation::CauseBefore(const Observed& seen) {
     for (auto before = recent.rbegin(); before != recent.rend(); ++before) {
@@ -225,6 +232,23 @@ void Investigation::Examine(const Observed& seen, size_t position) {
     CloseTroubles(false);
 }
 
+// What a frame that does not follow the newest one came after.
+std::string Investigation::DescribeGap(const Observed& seen) {
+    const int64_t newest = seen.newestBefore;
+    if (newest == NO_FRAME) {
+        return " came after a gap";
+    }
+    std::string text = " came after frame " + Number(newest);
+    if (static_cast<int32_t>(newest) == static_cast<int32_t>(seen.number - 1)) {
+        return text + ": frame numbers do not fit into 32 bits any more";
+    }
+    FrameList missing;
+    for (int64_t number = newest + 1; number < seen.number && missing.count < 1000; ++number) {
+        missing.Add(number);
+    }
+    return missing.count == 0 ? text : text + "; " + missing.ToString() + " never started";
+}
+
 // Why the frame's status is what it is; null where nothing is wrong with it.
 Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, const Frame& frame,
                                                        std::span<const StageTimes> times,
@@ -237,11 +261,9 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
     last.trouble = stageNotLeft > 0 ? seen.ends[index - 1].place : frame.place;
     last.troubleTime = stageNotLeft > 0 ? times[index - 1].end : frame.start;
     if (seen.isDoubtful && (seen.isLineMissing || !isComplete)) {
-        const auto open = std::find_if(
-            troubles.begin(), troubles.end(),
-            [](const Trouble& trouble) { return trouble.finding.check == "lines-lost"; });
+        Trouble* open = FindOpen("lines-lost");
         Trouble& trouble =
-            open != troubles.end() ? *open : Raise("lines-lost", Severity::Warning, last, -1, "");
+            open != nullptr ? *open : Raise("lines-lost", Severity::Warning, last, -1, "");
         trouble.costsFrame = false;
         // The best to name is the first that nobody saw come out of the first stage.
         if (!trouble.namesFrame) {
@@ -289,31 +311,31 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
                             stage + " was reported twice");
     };
 
+    // What did no harm to the frame.
+    const auto raiseHarmless = [&]() -> Trouble* {
+        Trouble* trouble = nullptr;
+        if (seen.repeatedStage >= 0) {
+            trouble = raiseRepeat(Severity::Warning);
+        } else if (seen.isDuplicate) {
+            trouble = &Raise("duplicate-frame", Severity::Warning, seen, -1,
+                             name + " was started again while it was in flight");
+        } else if (seen.overtakenStage >= 0) {
+            // Only the first stage's order matters to the library.
+            trouble = &Raise(
+                "stage-order", seen.overtakenStage == 0 ? Severity::Error : Severity::Warning, seen,
+                seen.overtakenStage,
+                name + " left " + StageName(seen.overtakenStage) + " after the frame behind it");
+        }
+        if (trouble != nullptr) {
+            trouble->costsFrame = false;
+        }
+        return trouble;
+    };
+
     Trouble* before = isComplete ? nullptr : CauseBefore(seen);
     switch (frame.status) {
         case FrameStatus::Complete:
-            if (seen.repeatedStage >= 0) {
-                Trouble* trouble = raiseRepeat(Severity::Warning);
-                trouble->costsFrame = false;
-                return trouble;
-            }
-            if (seen.isDuplicate) {
-                Trouble& trouble = Raise("duplicate-frame", Severity::Warning, seen, -1,
-                                         name + " was started again while it was in flight");
-                trouble.costsFrame = false;
-                return &trouble;
-            }
-            if (seen.overtakenStage >= 0) {
-                // Only the first stage's order matters to the library.
-                Trouble& trouble = Raise(
-                    "stage-order", seen.overtakenStage == 0 ? Severity::Error : Severity::Warning,
-                    seen, seen.overtakenStage,
-                    name + " left " + StageName(seen.overtakenStage) +
-                        " after the frame behind it");
-                trouble.costsFrame = false;
-                return &trouble;
-            }
-            return nullptr;
+            return raiseHarmless();
         case FrameStatus::Unseen:
             if (before != nullptr) {
                 before->unseen.Add(seen.number);
@@ -333,24 +355,7 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
                 before->refused.Add(seen.number);
                 return before;
             }
-            if (seen.newestBefore == NO_FRAME) {
-                return &Raise("frame-gap", Severity::Error, seen, -1, name + " came after a gap");
-            }
-            if (seen.newestBefore >= seen.number) {
-                return &Raise("frame-gap", Severity::Error, seen, -1,
-                              name + " was started after frame " + Number(seen.newestBefore));
-            } else {
-                FrameList missing;
-                for (int64_t number = seen.newestBefore + 1;
-                     number < seen.number && missing.count < 1000; ++number) {
-                    missing.Add(number);
-                }
-                return &Raise(
-                    "frame-gap", Severity::Error, seen, -1,
-                    name + " came after frame " + Number(seen.newestBefore) +
-                        (missing.count == 0 ? ": frame numbers do not fit into 32 bits"
-                                            : "; " + missing.ToString() + " never started"));
-            }
+            return &Raise("frame-gap", Severity::Error, seen, -1, name + DescribeGap(seen));
         case FrameStatus::Error:
             break;
         case FrameStatus::Evicted:
@@ -371,7 +376,7 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
                 return &Raise("evicted", Severity::Error, seen, stageNotLeft,
                               name + " was pushed out of the table: too many frames in flight");
             }
-            return nullptr;
+            return raiseHarmless();
     }
 
     if (seen.isReportedByHal && isLost) {
@@ -519,10 +524,15 @@ void Investigation::NoteLostLines(const Disturbance& disturbance) {
     Observed seen;
     seen.trouble = disturbance.place;
     seen.troubleTime = disturbance.time;
-    Trouble& trouble = Raise("lines-lost", Severity::Warning, seen, -1, "");
-    trouble.costsFrame = false;
-    trouble.finding.frame.reset();
-    trouble.lines = std::max<int64_t>(disturbance.amount, 1);
+    // One hole shows in many places.
+    Trouble* open = FindOpen("lines-lost");
+    Trouble& trouble =
+        open != nullptr ? *open : Raise("lines-lost", Severity::Warning, seen, -1, "");
+    if (open == nullptr) {
+        trouble.costsFrame = false;
+        trouble.finding.frame.reset();
+    }
+    trouble.lines += std::max<int64_t>(disturbance.amount, 1);
     // Frames that it may concern are examined only when others have followed them.
     trouble.touched = examined + 4 * AFTERMATH;
 }
@@ -698,7 +708,11 @@ void Investigation::Close(const std::vector<int64_t>& holders, size_t places,
                           const std::optional<Configuration>& configuration) {
     CloseTroubles(true);
     TellIgnored(configuration);
-    if (!holders.empty() || pushedOut > 0) {
+    // Where no frame gets through, it goes without saying that they pile up.
+    const bool isAnyThrough = std::none_of(
+        scene.findings.begin(), scene.findings.end(),
+        [](const AccountedFinding& finding) { return finding.check == "stage-never-hit"; });
+    if (isAnyThrough && (!holders.empty() || pushedOut > 0)) {
         FrameList frames;
         for (const int64_t holder : holders) {
             frames.Add(holder);

@@ -12,6 +12,7 @@
 #include <map>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/account/account.h"
@@ -151,10 +152,12 @@ class Investigation {
     Trouble& RaiseOfScene(const char* check, Severity severity, const Observed& seen, int32_t stage,
                           std::string what);
     Trouble* Find(int64_t id);
+    Trouble* FindOpen(std::string_view check);
     Trouble* CauseBefore(const Observed& seen);
     int32_t StageNotLeft(const Observed& seen) const;
     Trouble* FindStatusCause(const Observed& seen, const Frame& frame,
                              std::span<const StageTimes> times, int32_t stageNotLeft);
+    static std::string DescribeGap(const Observed& seen);
     Trouble* FindDelay(const Observed& seen, const Frame& frame, size_t position);
     bool IsCaughtUp(size_t position, Micros excess) const;
     void JoinWaiting(const Observed& seen, size_t position);

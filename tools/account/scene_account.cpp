@@ -550,11 +550,12 @@ void SceneAccount::Judge(size_t position) {
     if (judgedOne.isDoubtful) {
         Remove(judgedOne.number);  // Its end may be among what is missing.
     }
-    if (judgedOne.isEarly || !IsLineMissing(position)) {
+    const auto reach = static_cast<size_t>(scene.stageCount) + 2;
+    const bool isAtTheEnd = isCutOff && judgedOne.index + reach >= opened;
+    if (judgedOne.isEarly || isAtTheEnd || !IsLineMissing(position)) {
         return;
     }
     judgedOne.isLineMissing = true;
-    const auto reach = static_cast<size_t>(scene.stageCount) + 2;
     for (size_t i = position - std::min(position, reach);
          i < std::min(position + reach, window.size()); ++i) {
         window[i].isDoubtful = true;
@@ -597,7 +598,8 @@ bool SceneAccount::IsLineMissing(size_t position) const {
     return false;
 }
 
-Scene SceneAccount::Close() {
+Scene SceneAccount::Close(bool hasEnded) {
+    isCutOff = !hasEnded;
     Settle(0);
     std::vector<int64_t> holders;
     for (const Held& held : table) {

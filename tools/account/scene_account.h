@@ -27,8 +27,9 @@ class SceneAccount {
     void OnDisturbance(const Disturbance& disturbance);
     void NoteFinding(AccountedFinding finding) { investigation.NoteFinding(std::move(finding)); }
     const Scene& Current() const { return scene; }
-    // Settles what is still in flight, works out the figures and gives the scene away.
-    Scene Close();
+    // Settles what is still in flight, works out the figures and gives the scene away. `hasEnded`:
+    // the camera ended it, and not just the capture.
+    Scene Close(bool hasEnded);
 
   private:
     // What must be in the library's table of frames in flight.
@@ -75,6 +76,7 @@ class SceneAccount {
     size_t opened = 0;            // Frames there have been.
     size_t judged = 0;            // Of those, the ones that Judge has seen.
     size_t doubtfulUntil = 0;     // Frames before this one may lack lines.
+    bool isCutOff = false;        // The capture ends within the scene.
     size_t forgotten = 0;         // Frames at the beginning that are not kept any more.
     std::vector<Held> table;
     std::optional<Held> lastPushedOut;  // By the last frame start.
