@@ -77,9 +77,10 @@ bool PlayTo(Output& out, Arguments& arguments) {
     progress.Clear();
     if (isPlayed && arguments.pictures.AreWanted()) {
         Account account = accountant.Finish();
-        account.inputs = {session.Name(), arguments.configuration};
+        account.inputs = {session.Name()};
         account.hasTimes = true;
         if (options.configuration) {
+            account.inputs.push_back(options.configuration->name);
             account.configurationFindings =
                 CheckConfiguration(options.configuration->text).findings;
             for (Finding& finding : account.configurationFindings) {

@@ -12,8 +12,8 @@ constexpr Micros AFTER = 30;
 
 }  // namespace
 
-DrawnScene::DrawnScene(const Account& account, size_t number)
-    : scene(account.scenes[number]), index(number), period(PeriodOf(scene)) {
+DrawnScene::DrawnScene(const Account& account, size_t sceneIndex)
+    : scene(account.scenes[sceneIndex]), index(sceneIndex), period(PeriodOf(scene)) {
     span.Include(scene.begin);
     span.Include(scene.end);
     Micros last = scene.begin == NO_TIME ? 0 : scene.begin;

@@ -18,7 +18,7 @@ inline constexpr size_t WHOLE_FRAMES = 240;
 
 class DrawnScene {
   public:
-    DrawnScene(const Account& account, size_t index);
+    DrawnScene(const Account& account, size_t sceneIndex);
 
     // Draws the frames with these numbers.
     void AddFrames(int64_t first, int64_t last, size_t& bars);

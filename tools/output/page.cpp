@@ -205,7 +205,7 @@ class Page {
             << Milliseconds(scene.lateThreshold) << " ms after the frame before.";
         if (drawn.hasTimes) {
             out << " Times count from the scene's start.</p>\n";
-            WriteOverview(out, account, drawn, std::max<size_t>(COLUMNS / scenes.size(), 200));
+            WriteOverview(out, drawn, std::max<size_t>(COLUMNS / scenes.size(), 200));
             WriteLegend(out, scene);
             if (scene.frames.size() > WHOLE_FRAMES) {
                 out << "<p>It is too long to be drawn whole. "
@@ -213,7 +213,7 @@ class Page {
                     << "<code>--frames A-B</code> draws any others.</p>\n";
             }
             for (const Span& window : drawn.windows) {
-                WriteTimeline(out, account, drawn, window);
+                WriteTimeline(out, drawn, window);
             }
         } else {
             out << "</p>\n";
@@ -341,6 +341,8 @@ class Page {
         out << "<p>Boosting is <b>" << (known.isEnabled ? "on" : "off") << "</b>. Widths: 3840";
         if (known.additionalWidth) {
             out << " and " << *known.additionalWidth;
+        } else {
+            out << " and one that the log does not tell";
         }
         out << ". Modes:" << (known.modes.empty() ? " none" : "");
         for (const int32_t mode : known.modes) {

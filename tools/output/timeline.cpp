@@ -20,9 +20,9 @@ constexpr int AXIS = 16;       // Height of the row of times.
 constexpr double PERIOD = 50;  // Width of a frame period in a timeline that is not zoomed.
 constexpr double DIGIT = 6.5;  // Width of a letter, or a little more.
 
-constexpr size_t BAR_LANES = 8;       // What overlaps more than that is drawn over one another.
-constexpr Micros GRID_LINES = 2'000;  // At most.
-constexpr size_t MARKED_DISTURBANCES = 1'000;  // At most.
+constexpr size_t BAR_LANES = 8;          // What overlaps more than that is drawn over one another.
+constexpr Micros GRID_LINES = 2'000;     // At most.
+constexpr size_t CAPTURE_MARKS = 1'000;  // At most.
 
 double Width(const Span& span) {
     return static_cast<double>(std::max<Micros>(span.end - span.begin, 1));
@@ -57,20 +57,28 @@ void WriteAxis(std::ostream& out, const Span& span, Micros origin, int y, Micros
     out << '\n';
 }
 
-void WriteDisturbances(std::ostream& out, const Account& account, const Scene& scene,
-                       const Span& span, int y, int height) {
-    size_t left = MARKED_DISTURBANCES;
-    for (const Disturbance& told : scene.disturbances) {
-        if (told.time >= span.begin && told.time <= span.end && left-- > 0) {
-            out << "<rect class=\"mark disturbance\" x=" << Percent(told.time - span.begin, span)
-                << " width=2 y=" << y + 1 << " height=" << height - 2 << "><title>"
-                << ToString(told) << ", " << Escaped{ToString(account, told.place)}
-                << "</title></rect>";
+// What is about the capture and no frame: lines lost, jumps of the clock.
+void WriteMarks(std::ostream& out, const DrawnScene& drawn, const Span& span, int y, int height) {
+    size_t left = CAPTURE_MARKS;
+    const auto mark = [&](Micros time, const std::string& words) {
+        if (time >= span.begin && time <= span.end && left > 0) {
+            --left;
+            const std::string x = Percent(time - span.begin, span);
+            out << "<rect class=\"mark disturbance\" x=" << x << " width=2 y=" << y + 1
+                << " height=" << height - 2 << "><title>" << Escaped{words} << "</title></rect>";
             if (height > LANE) {
-                out << "<text class=word x=" << Percent(told.time - span.begin, span)
-                    << " dx=5 y=" << height - 4 << '>' << ToString(told) << "</text>";
+                out << "<text class=word dx=5 x=" << x << " y=" << height - 4 << '>'
+                    << Escaped{words} << "</text>";
             }
             out << '\n';
+        }
+    };
+    for (const Disturbance& told : drawn.scene.disturbances) {
+        mark(told.time, ToString(told));
+    }
+    for (const AccountedFinding& finding : drawn.scene.findings) {
+        if (finding.check == "lines-lost") {
+            mark(finding.time, "lines lost");
         }
     }
 }
@@ -83,7 +91,9 @@ void WriteRowName(std::ostream& out, int height, std::string_view name) {
 
 // What there is to say of a frame as a whole. Holds nothing of the capture's own texts.
 std::string Describe(const Frame& frame) {
-    std::string text = "Frame " + std::to_string(frame.number) + ": " + NameOf(frame.status);
+    const Look look = LookOf(frame);
+    std::string text = "Frame " + std::to_string(frame.number) + ": ";
+    text += look == Look::Stuck ? WordOf(look) : NameOf(frame.status);
     text += frame.isLate ? ", late" : "";
     if (frame.reason != Outcome::Forwarded) {
         text += std::string(", ") + ReasonOf(frame.reason);
@@ -101,9 +111,8 @@ std::string Describe(const Frame& frame) {
 // One timeline being written.
 class Timeline {
   public:
-    Timeline(std::ostream& stream, const Account& told, const DrawnScene& wanted,
-             const Span& window)
-        : out(stream), account(told), drawn(wanted), scene(wanted.scene), span(window) {
+    Timeline(std::ostream& stream, const DrawnScene& wanted, const Span& window)
+        : out(stream), drawn(wanted), scene(wanted.scene), span(window) {
         for (size_t i = 0; i < scene.frames.size(); ++i) {
             if (window.Holds(drawn.moments[i])) {
                 frames.push_back(i);
@@ -130,7 +139,7 @@ class Timeline {
                "style=\"width:"
             << Fixed(Pixels(span.end - span.begin), 0) << "px\" height=" << bottom + AXIS << ">\n";
         WriteGrid();
-        WriteDisturbances(out, account, scene, span, 0, bottom);
+        WriteMarks(out, drawn, span, 0, bottom);
         for (size_t i = 0; i < frames.size(); ++i) {
             const Frame& frame = scene.frames[frames[i]];
             const Look look = LookOf(frame);
@@ -262,7 +271,6 @@ class Timeline {
     }
 
     std::ostream& out;
-    const Account& account;
     const DrawnScene& drawn;
     const Scene& scene;
     Span span;
@@ -280,8 +288,7 @@ const char* MarkOf(Look look) {
     return MARKS[static_cast<size_t>(look)];
 }
 
-void WriteOverview(std::ostream& out, const Account& account, const DrawnScene& drawn,
-                   size_t columns) {
+void WriteOverview(std::ostream& out, const DrawnScene& drawn, size_t columns) {
     const Scene& scene = drawn.scene;
     const Span& span = drawn.span;
     std::vector<Micros> intervals(columns, NO_TIME);  // The longest of a column.
@@ -327,10 +334,8 @@ void WriteOverview(std::ostream& out, const Account& account, const DrawnScene& 
             bottom += LANE;
         }
     }
-    if (!scene.disturbances.empty()) {
-        WriteRowName(out, LANE, "capture");
-        bottom += LANE;
-    }
+    WriteRowName(out, LANE, "capture");
+    bottom += LANE;
     out << "</div><svg role=group aria-label=\"Overview\" height=" << bottom + AXIS << ">\n";
     for (const Span& window : drawn.windows) {
         out << "<rect class=window x=" << Percent(window.begin - span.begin, span)
@@ -380,14 +385,14 @@ void WriteOverview(std::ostream& out, const Account& account, const DrawnScene& 
         }
         y += lane.count > 0 ? LANE : 0;
     }
-    WriteDisturbances(out, account, scene, span, y, LANE);
+    WriteMarks(out, drawn, span, y, LANE);
     out << "</svg></div></figure>\n";
 }
 
 void WriteLegend(std::ostream& out, const Scene& scene) {
     static constexpr const char* MEANINGS[LOOKS] = {
         "",
-        "out late",
+        "came out late",
         "in flight to the end, never seen to leave its stage",
         "reported to the service as bad, by the library or the HAL",
         "pushed out of the library's table by newer frames",
@@ -416,9 +421,8 @@ void WriteLegend(std::ostream& out, const Scene& scene) {
     out << "</ul>\n";
 }
 
-void WriteTimeline(std::ostream& out, const Account& account, const DrawnScene& drawn,
-                   const Span& window) {
-    Timeline(out, account, drawn, window).Write();
+void WriteTimeline(std::ostream& out, const DrawnScene& drawn, const Span& window) {
+    Timeline(out, drawn, window).Write();
 }
 
 }  // namespace tools
