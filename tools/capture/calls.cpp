@@ -170,7 +170,12 @@ void CallFinder::Feed(Process& process, Open& open, const Message& message, cons
     Message& kept = open.messages[open.count];
     std::string& name = open.names[open.count];
     kept = message;
-    kept.name = name = message.name;
+    // A line that follows from a node end has that node's name, or none.
+    const bool isNamedAlready = open.count != 0 && open.messages[0].kind == MessageKind::NodeEnd;
+    if (!isNamedAlready) {
+        name = message.name;
+    }
+    kept.name = isNamedAlready ? open.messages[0].name : name;
     kept.list = {};
     ++open.count;
     open.last = moment.time;

@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cstddef>
+#include <cstring>
 #include <limits>
 #include <string_view>
 #include <utility>
@@ -221,10 +222,37 @@ std::string_view WithoutBlanksBehind(std::string_view text) {
     return text.substr(0, text.find_last_not_of(' ') + 1);
 }
 
+// Whether the text begins with the words. They are short, and there are several in each message:
+// calling memcmp for each took a tenth of all the time that reading a capture takes.
+bool BeginsWith(std::string_view text, std::string_view words) {
+    if (text.size() < words.size()) {
+        return false;
+    }
+    const char* one = text.data();
+    const char* other = words.data();
+    size_t left = words.size();
+    for (; left >= sizeof(uint64_t); left -= sizeof(uint64_t)) {
+        uint64_t ofOne = 0;
+        uint64_t ofOther = 0;
+        std::memcpy(&ofOne, one, sizeof(ofOne));
+        std::memcpy(&ofOther, other, sizeof(ofOther));
+        if (ofOne != ofOther) {
+            return false;
+        }
+        one += sizeof(uint64_t);
+        other += sizeof(uint64_t);
+    }
+    for (; left > 0 && *one == *other; --left) {
+        ++one;
+        ++other;
+    }
+    return left == 0;
+}
+
 bool Matches(const Parts& parts, std::string_view text, Message& message) {
     for (size_t i = 0;; ++i) {
         const auto& [words, field] = parts[i];
-        if (text.starts_with(words)) {
+        if (BeginsWith(text, words)) {
             text.remove_prefix(words.size());
         } else if (text == WithoutBlanksBehind(words)) {
             text = {};
@@ -249,7 +277,7 @@ std::span<const MessageForm> MessageForms() {
 }
 
 bool IsLibraryText(std::string_view text) {
-    return text.starts_with(FILE_STEM);
+    return BeginsWith(text, FILE_STEM);
 }
 
 std::optional<Message> ParseMessage(std::string_view tag, std::string_view text) {
@@ -276,7 +304,7 @@ std::optional<Message> ParseMessage(std::string_view tag, std::string_view text)
     }
     for (size_t i = 0; i < CUT_UP_FORMS.size(); ++i) {
         const MessageForm& form = FORMS[i];
-        if (form.function == function &&
+        if (form.function.size() == function.size() && BeginsWith(function, form.function) &&
             (tag.empty() || form.tag.data() == tag.data() || form.tag == tag) &&
             Matches(CUT_UP_FORMS[i], text, message)) {
             message.kind = form.kind;

@@ -294,7 +294,10 @@ void RecordReader::ReadLine(std::string_view line) {
     }
     // Most lines of a device are not the library's.
     const bool isAsLast = !lastHead.empty() && line.starts_with(lastHead);
-    if (!isAsLast && !Contains(line, FACADE_TAG) && !Contains(line, CHATTY_TAG)) {
+    const bool isTagWhereLast =
+        line.size() > lastHead.size() && line.substr(lastHead.size()).starts_with(FACADE_TAG);
+    if (!isAsLast && !isTagWhereLast && !Contains(line, FACADE_TAG) &&
+        !Contains(line, CHATTY_TAG)) {
         Settle();
         return;
     }

@@ -1,0 +1,98 @@
+// What it costs to explain a device's log, beside what it costs to read its lines.
+
+#include <benchmark/benchmark.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#include "tools/account/accountant.h"
+#include "tools/capture/capture.h"
+#include "tools/play/replay.h"
+#include "tools/simulate/simulate.h"
+
+namespace {
+
+// Ten minutes of 4K at 60 frames per second, a sixth of an hour; removed at the end.
+class Capture {
+  public:
+    Capture() {
+        tools::PreparePlatform({}, [](const tools::Finding&) {});
+        tools::Camera camera = tools::BuiltinCamera();
+        camera.frames = 36'000;
+        std::ofstream file(path);
+        lines = tools::Simulate(camera, file).lines;
+    }
+    ~Capture() { std::remove(path.c_str()); }
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
+
+    const std::string path = "capture_benchmark.log";
+    int64_t lines = 0;
+};
+
+const Capture& TenMinutes() {
+    static const Capture capture;
+    return capture;
+}
+
+class NoSink : public tools::StepSink {
+    void OnStep(const tools::Step& /*step*/) override {}
+};
+
+double Seconds(const std::function<void()>& work) {
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+void ReadLines() {
+    std::ifstream file(TenMinutes().path);
+    for (std::string line; std::getline(file, line);) {
+        benchmark::DoNotOptimize(line);
+    }
+}
+
+// Reports how many times as long as std::getline takes, in turns, and the most memory of all so
+// far.
+void Compare(benchmark::State& state, const std::function<void()>& work) {
+    ReadLines();  // It is in memory from here on.
+    double ofLines = 0;
+    double ofWork = 0;
+    for (const auto _ : state) {
+        ofLines += Seconds(ReadLines);
+        ofWork += Seconds(work);
+    }
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    state.counters["times_getline"] = ofWork / ofLines;
+    state.counters["peak_MB"] = static_cast<double>(usage.ru_maxrss) / 1024;
+    state.counters["lines"] = static_cast<double>(TenMinutes().lines);
+}
+
+void FindCalls(benchmark::State& state) {
+    Compare(state, [] {
+        NoSink sink;
+        tools::CaptureReader reader(sink);
+        tools::ReadCapture(reader, 0, TenMinutes().path);
+        reader.Finish();
+    });
+}
+BENCHMARK(FindCalls)->Unit(benchmark::kMillisecond);
+
+void Explain(benchmark::State& state) {
+    Compare(state, [] {
+        tools::Accountant accountant;
+        tools::CaptureReader reader(accountant);
+        tools::ReadCapture(reader, 0, TenMinutes().path);
+        reader.Finish();
+        benchmark::DoNotOptimize(accountant.Finish());
+    });
+}
+BENCHMARK(Explain)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
