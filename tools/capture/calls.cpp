@@ -180,6 +180,16 @@ void CallFinder::Feed(Process& process, Open& open, const Message& message, cons
     ++open.count;
     open.last = moment.time;
     open.ordinal = ordinal;
+    const int32_t tid = message.tid;
+    if (message.kind == MessageKind::SetTid && process.sceneTids.count(tid) == 0) {
+        // What was not added before was added for this scene, which leaves no line. It is told
+        // before the call that sets it, and before those of other threads that are being read.
+        if (process.persistTids.count(tid) == 0) {
+            Begin("TcfbtAddTempTids", {tid}, true);
+            HandOn(process, open, 0, TellEvents(step, {}, process.configuration));
+        }
+        Insert(process.sceneTids, tid);
+    }
     if (message.kind == MessageKind::SceneStart) {
         process.isSceneStarted = process.isSceneStarted.value_or(false) || message.flag;
     } else if (message.kind == MessageKind::SceneEnd) {
@@ -524,14 +534,6 @@ void CallFinder::CompleteThreads(Process& process, const Open& open) {
     }
     const Configuration& configuration = process.configuration;
     const bool isSetting = messages[0].kind == MessageKind::SetTid;
-    for (const int32_t tid : isSetting ? tids : std::vector<int32_t>()) {
-        // What was not added before was added for this scene, which leaves no line.
-        if (process.persistTids.count(tid) + process.sceneTids.count(tid) == 0) {
-            Begin("TcfbtAddTempTids", {tid}, true);
-            HandOn(process, open, 0, TellEvents(step, {}, configuration));
-        }
-        Insert(process.sceneTids, tid);
-    }
     const MessageKind last = messages.back().kind;
     if (last == MessageKind::SceneStart) {
         const auto& modes = configuration.modes;
