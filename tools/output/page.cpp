@@ -153,7 +153,8 @@ class Page {
             WriteFinding(*finding);
             if (drawn != nullptr) {
                 const auto frame = drawn->FrameOf(*finding);
-                const Micros moment = frame ? drawn->moments[*frame] : finding->time;
+                const Micros moment =
+                    frame && finding->time == NO_TIME ? drawn->moments[*frame] : finding->time;
                 const bool isDrawn = frame && drawn->IsDrawn(*frame);
                 out << " <a href=\"#" << (isDrawn ? 'f' : 's') << drawn->index;
                 if (isDrawn) {
@@ -223,8 +224,11 @@ class Page {
     }
 
     void WriteFigures(const Scene& scene) {
-        out << "<div class=wide><table class=figures><caption>Times in milliseconds</caption>"
-               "<thead><tr><th scope=col><th scope=col>n<th scope=col>p50<th scope=col>p90"
+        out << "<div class=wide><table class=figures><caption>Times in milliseconds, as exact as "
+               "the capture: to "
+            << Milliseconds(account.resolution)
+            << " ms</caption><thead><tr><th scope=col><th scope=col>n<th scope=col>p50<th "
+               "scope=col>p90"
                "<th scope=col>p95<th scope=col>p99<th scope=col>max"
                "<th scope=col>distribution</tr></thead>\n<tbody>";
         WriteFigure(scene, "latency", scene.latency, [&scene](size_t i) {

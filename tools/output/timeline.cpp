@@ -51,8 +51,10 @@ void WriteAxis(std::ostream& out, const Span& span, Micros origin, int y, Micros
     for (; time < span.end; time += step) {
         const std::string x = Percent(time - span.begin, span);
         WriteUpright(out, "tick", x, 0, y + 4);
-        out << "<text class=axis x=" << x << " y=" << y + 12 << " dx=3>" << Clock(time - origin)
-            << "</text>";
+        if (time - span.begin < (span.end - span.begin) / 20 * 19) {  // Else it has no room.
+            out << "<text class=axis x=" << x << " y=" << y + 12 << " dx=3>" << Clock(time - origin)
+                << "</text>";
+        }
     }
     out << '\n';
 }
@@ -402,8 +404,9 @@ void WriteLegend(std::ostream& out, const Scene& scene) {
     };
     const auto item = [&out](const char* look, const char* part) -> std::ostream& {
         return out << "<li><svg width=22 height=13 aria-hidden=true><g class=\"f " << look
-                   << "\"><g class=\"b blamed\"><rect " << part
-                   << "width=22 height=13 /></g></g></svg> ";
+                   << "\"><g class=\"b"
+                   << (*part == 0 && std::string_view(look) != "good" ? " blamed" : "")
+                   << "\"><rect " << part << "width=22 height=13 /></g></g></svg> ";
     };
     std::array<bool, LOOKS> isSeen{};
     for (const Frame& frame : scene.frames) {
