@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/random_camera.h"
 #include "tools/account/accountant.h"
 #include "tools/capture/capture.h"
 #include "tools/capture/record.h"

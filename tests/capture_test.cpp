@@ -11,6 +11,7 @@
 #include <set>
 
 #include "tests/support/library_test.h"
+#include "tests/support/random_camera.h"
 #include "tools/capture/events.h"
 #include "tools/capture/message.h"
 #include "tools/capture/record_reader.h"
@@ -497,12 +498,12 @@ TEST_F(CaptureTest, PlaysTheSameAgain) {
         }
     };
     for (uint64_t seed = 1; seed <= 20; ++seed) {
-        tools::Camera camera = tools::RandomCamera(seed);
+        tools::Camera camera = RandomCamera(seed);
         camera.frames = std::min<int64_t>(camera.frames, 300);
         std::erase_if(camera.faults, [&camera](const tools::Fault& fault) {
             return fault.kind == tools::FaultKind::LogLost || fault.frame + 20 > camera.frames;
         });
-        const tools::NamedText toml{"c", ToToml(tools::ConfigurationOf(camera))};
+        const tools::NamedText toml{"c", ToToml(ConfigurationOf(camera))};
         ASSERT_TRUE(tools::PreparePlatform(toml, [](const tools::Finding&) {}));
         std::ostringstream capture;
         tools::Simulate(camera, capture);

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tests/support/random_camera.h"
 #include "tools/capture/record.h"
 #include "tools/capture/record_reader.h"
 #include "tools/check/check.h"
@@ -191,7 +192,7 @@ std::set<int64_t> AllBut(const tools::Camera& camera, const std::set<int64_t>& m
 
 TEST(SimulateTest, CamerasWithoutFaultsLoseNoFrameAndHaveNoLateOne) {
     for (uint64_t seed = 0; seed <= 20; ++seed) {
-        tools::Camera camera = seed == 0 ? tools::BuiltinCamera() : tools::RandomCamera(seed);
+        tools::Camera camera = seed == 0 ? tools::BuiltinCamera() : RandomCamera(seed);
         camera.faults.clear();
         const Shown shown = ShownBy(camera);
         EXPECT_EQ(shown.ended, AllBut(camera, {})) << seed;
@@ -258,7 +259,7 @@ std::string WithoutThreads(const std::string& capture) {
 TEST(SimulateTest, ASessionOfItReplaysToTheSameCapture) {
     std::set<tools::FaultKind> kinds;
     for (uint64_t seed = 1; seed <= 10; ++seed) {
-        tools::Camera camera = tools::RandomCamera(seed);
+        tools::Camera camera = RandomCamera(seed);
         std::stringstream session;
         Capture(camera, "threadtime", &session);
         for (const tools::Fault& fault : camera.faults) {
@@ -283,7 +284,7 @@ TEST(SimulateTest, ASessionOfItReplaysToTheSameCapture) {
 }
 
 TEST(SimulateTest, TheSameSeedGivesTheSameCapture) {
-    const tools::Camera camera = tools::RandomCamera(7);
+    const tools::Camera camera = RandomCamera(7);
     EXPECT_EQ(Capture(camera), Capture(camera));
     tools::Camera other = camera;
     other.seed = 8;
@@ -304,8 +305,8 @@ TEST(SimulateTest, WhatIsWrongWithACameraIsSaidWithItsPlace) {
         {"fps = 0\n" + node, "c:1:7: error: fps: expected a whole number from 1 to 1000"},
         {"faults = ['drop:5', 'drip:5']\n" + node, "c:1:21: error: \"drip:5\" is not a fault"},
         {"[[node]]\nname='A'\n", "c:1:1: error: ports: expected a list of ports"},
-        {"fps = 60\n", "c:1:1: error: node: expected the nodes"},
-        {"[[node]]\nbranch=true\n" + node.substr(9), "c:1:1: error: node: expected the nodes"},
+        {"fps = 60\n", "c:1:1: error: node: expected a table"},
+        {"[[node]]\nbranch=true\n" + node.substr(9), "c:1:1: error: node: expected a table"},
     };
     for (const auto& [toml, message] : cases) {
         try {

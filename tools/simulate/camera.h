@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "tools/account/step.h"
-#include "tools/check/check.h"
 
 namespace tools {
 
@@ -91,12 +90,6 @@ Camera BuiltinCamera();
 
 // Throws a CameraError when a fault is about a frame, stage or port that the camera does not have.
 void CheckFaults(const Camera& camera);
-
-// A camera as good as any, with some faults: far enough apart that each shows by itself. Without
-// them no frame is late or in error. The same seed gives the same camera.
-Camera RandomCamera(uint64_t seed);
-// The configuration under which the camera's scene is boosted.
-Configuration ConfigurationOf(const Camera& camera);
 
 // A number as good as random, the same for the same seed, place and number on all machines.
 uint64_t Hash(uint64_t seed, uint64_t place, uint64_t number);
