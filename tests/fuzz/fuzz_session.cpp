@@ -1,9 +1,12 @@
-// Any session file: it is played or refused with file and line, and the same in either form.
+// Any session file: it is played or refused with file and line, and the same in either form; and
+// what its steps tell is what the service was told.
 
 #include <cstdint>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "tests/fuzz/require.h"
 #include "tools/play/replay.h"
@@ -24,6 +27,40 @@ bool IsShort(const tools::Session& session) {
     });
     return isShort;
 }
+
+// How often the service was told of what, by what the steps tell, less what it really was told.
+class Ledger : public tools::StepSink {
+  public:
+    void OnStep(const tools::Step& step) override {
+        for (const tools::Event& event : step.events) {
+            Require(event.outcome != tools::Outcome::Unknown, "an event that nobody can tell of");
+            const bool isTold = event.outcome == tools::Outcome::Forwarded ||
+                                event.outcome == tools::Outcome::Reported;
+            counts[event.kind] += isTold ? 1 : 0;
+        }
+    }
+
+    void Close() {
+        for (const auto& [kind, function, before] : functions) {
+            Require(counts[kind] == desktop::ServiceCallCount(function) - before,
+                    std::string(NameOf(function)) + ": " + std::to_string(counts[kind]));
+        }
+    }
+
+  private:
+    struct Row {
+        tools::EventKind kind;
+        desktop::ServiceFunction function;
+        int64_t before = desktop::ServiceCallCount(function);
+    };
+    const std::vector<Row> functions = {
+        {tools::EventKind::FrameStart, desktop::ServiceFunction::FrameStart},
+        {tools::EventKind::FrameEnd, desktop::ServiceFunction::FrameEnd},
+        {tools::EventKind::StageStart, desktop::ServiceFunction::StageStart},
+        {tools::EventKind::StageEnd, desktop::ServiceFunction::StageEnd},
+        {tools::EventKind::Report, desktop::ServiceFunction::NotifyErrOfUser}};
+    std::map<tools::EventKind, int64_t> counts;
+};
 
 struct Play {
     bool isPlayed;
@@ -49,7 +86,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return -1;
     }
     tools::ReplayOptions options;
+    Ledger ledger;
+    options.steps = &ledger;
     const Play play = PlayOnce(text, options);
+    ledger.Close();
+    options.steps = nullptr;
     options.withDebug = true;
     options.isJson = true;
     const Play json = PlayOnce(text, options);
