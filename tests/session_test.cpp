@@ -118,6 +118,7 @@ TEST(SessionTest, TellsAllThatIsWrong) {
     } const cases[] = {
         {"Unknown", "\"Unknown\" is not known, expected an operation"},
         {"\"DumpInfo\"", "\"DumpInfo\" is not known"},
+        {"tcfbtNotifyFrameEnt 1", "is not known, expected TcfbtNotifyFrameEnd, if"},
         {"\x1b[2J\x7f\xc2\x9b\xff", "\"\\x1B[2J\\x7F\\xC2\\x9B\\xFF\" is not known"},
         {std::string(9999, 'x'), "xxx...\" is not known"},
         {"TcfbtSetVersion", "version is missing, expected TcfbtSetVersion version"},
@@ -145,7 +146,7 @@ TEST(SessionTest, TellsAllThatIsWrong) {
         {"Wait .5", "up to three decimals"},
         {"Wait 0.0001", "up to three decimals"},
         {"Wait 1000000001", "from 0 to 1000000000"},
-        {"ServiceStatus cfbtNone 1", "function is \"cfbtNone\", expected one of the boost service"},
+        {"ServiceStatus cfbtNone 1", "function is \"cfbtNone\", expected one of cfbtSceneStart, "},
         {"ServiceStatus cfbtFrameEnd x", "status is \"x\""},
     };
     // With a byte order mark, good lines in between, and no line end at the end.

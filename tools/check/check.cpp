@@ -4,11 +4,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdlib>
 #include <limits>
 #include <map>
-#include <numeric>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -29,26 +27,6 @@ constexpr std::array KEYS = {WIDTH, SWITCH, MODES, STAGE};
 constexpr std::string_view CAMERA_NODE = "MCTFE0_cam";
 constexpr int32_t FIXED_WIDTH = 3840;
 constexpr int32_t FRAMES_TRACKED = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
-
-// How many letters have to be put in, taken out or changed; case does not count.
-size_t Distance(std::string_view from, std::string_view to) {
-    const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
-    std::vector<size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (const char letter : from) {
-        size_t diagonal = row[0]++;
-        for (size_t j = 0; j < to.size(); ++j) {
-            const size_t changed = diagonal + (lower(letter) == lower(to[j]) ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
-        }
-    }
-    return row.back();
-}
-
-bool IsLike(std::string_view given, std::string_view meant) {
-    return given.size() < 2 * meant.size() && Distance(given, meant) <= meant.size() / 3;
-}
 
 // What kind of value it is, for people.
 std::string KindOf(const toml::node& node) {
@@ -152,12 +130,10 @@ class Checker {
         }
         for (const auto& [key, value] : *section) {
             if (std::find(KEYS.begin(), KEYS.end(), key.str()) == KEYS.end()) {
-                const auto* meant =
-                    std::find_if(KEYS.begin(), KEYS.end(),
-                                 [name = key.str()](auto known) { return IsLike(name, known); });
+                const auto meant = Meant(key.str(), KEYS);
                 Add("unknown-key", Severity::Warning, key.source(),
                     Quoted(key.str()) + " is not a key that the library reads: it has no effect" +
-                        (meant == KEYS.end() ? "" : ". Was " + Quoted(*meant) + " meant?"));
+                        (meant ? ". Was " + Quoted(*meant) + " meant?" : ""));
             }
         }
         CheckSwitch(*section);
@@ -180,7 +156,7 @@ class Checker {
             return std::find(KEYS.begin(), KEYS.end(), key.str()) != KEYS.end();
         };
         const auto other = std::find_if(file.begin(), file.end(), [&isKey](const auto& entry) {
-            return isKey(entry.first) || IsLike(entry.first.str(), SECTION);
+            return isKey(entry.first) || Meant(entry.first.str(), {&SECTION, 1}).has_value();
         });
         if (other != file.end()) {
             const std::string name = Quoted(other->first.str());

@@ -1,9 +1,32 @@
 #include "tools/check/finding.h"
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstddef>
+#include <numeric>
+#include <vector>
 
 namespace tools {
+namespace {
+
+// How many letters have to be put in, taken out or changed; case does not count.
+size_t Distance(std::string_view from, std::string_view to) {
+    const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (const char letter : from) {
+        size_t diagonal = row[0]++;
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t changed = diagonal + (lower(letter) == lower(to[j]) ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+}  // namespace
 
 const char* NameOf(Severity severity) {
     constexpr std::array<const char*, 3> names = {"note", "warning", "error"};
@@ -39,6 +62,21 @@ std::string Printable(std::string_view text, size_t longest) {
 
 std::string Quoted(std::string_view text, size_t longest) {
     return '"' + Printable(text, longest) + '"';
+}
+
+std::optional<std::string_view> Meant(std::string_view given,
+                                      std::span<const std::string_view> known) {
+    std::optional<std::string_view> meant;
+    size_t fewest = given.size();
+    for (const std::string_view name : known) {
+        const size_t changes =
+            given.size() < 2 * name.size() ? Distance(given, name) : std::string_view::npos;
+        if (changes <= name.size() / 3 && changes < fewest) {
+            fewest = changes;
+            meant = name;
+        }
+    }
+    return meant;
 }
 
 }  // namespace tools

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -41,5 +42,10 @@ std::string ToString(const Finding& finding, const std::string& file);
 // double quotes.
 std::string Printable(std::string_view text, size_t longest = 60);
 std::string Quoted(std::string_view text, size_t longest = 60);
+
+// Which of the known names was probably meant by one that is not known: the one with the fewest
+// letters to change, whatever their case; nothing when none is near.
+std::optional<std::string_view> Meant(std::string_view given,
+                                      std::span<const std::string_view> known);
 
 }  // namespace tools

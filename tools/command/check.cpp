@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,17 +19,12 @@ struct Arguments {
     bool isJson = false;
 };
 
-std::string ReadAll(std::istream& in) {
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 CheckedFile CheckFile(const std::string& path) {
     CheckedFile file;
-    file.name = path;
+    file.name = NameOfInput(path);
     try {
         Input in(path);
-        file.name = in.Name();
-        file.checked = CheckConfiguration(ReadAll(in));
+        file.checked = CheckConfiguration(in.ReadAll());
     } catch (const CommandError& error) {
         const std::string text = error.what();
         const std::string prefix = file.name + ": error: ";
@@ -61,7 +55,7 @@ int RunCheck(const Arguments& arguments) {
     if (!arguments.nodes.empty()) {
         Input in(arguments.nodes);
         nodesName = in.Name();
-        nodes = ReadNodes(ReadAll(in), nodeErrors);
+        nodes = ReadNodes(in.ReadAll(), nodeErrors);
     }
     int status = nodeErrors.empty() ? NOTHING_FOUND : BAD_INPUT;
     Output out("-");
@@ -71,10 +65,11 @@ int RunCheck(const Arguments& arguments) {
         CheckedFile& file = files.back();
         if (!nodesName.empty() && file.checked.isReadable) {
             file.nodesName = nodesName;
-            file.nodes = nodes;
-            file.nodeFindings = CheckNodes(file.checked.table, file.nodes);
-            file.nodeFindings.insert(file.nodeFindings.begin(), nodeErrors.begin(),
-                                     nodeErrors.end());
+            file.nodeFindings = nodeErrors;
+            if (nodeErrors.empty()) {  // Of half a list nobody can tell which stages are not hit.
+                file.nodes = nodes;
+                file.nodeFindings = CheckNodes(file.checked.table, file.nodes);
+            }
         }
         status = std::max(status, StatusOf(file, arguments.isStrict));
         if (!arguments.isJson) {
@@ -108,10 +103,13 @@ void AddCheck(CLI::App& app, Run& run) {
     command
         ->add_option("CONFIG", arguments->configurations,
                      "TOML files as the configuration store would serve them; - for standard input")
-        ->required();
-    command->add_option("--nodes", arguments->nodes,
-                        "A file of the nodes that the HAL reports: which stages they end, and "
-                        "which not");
+        ->required()
+        ->type_name("");
+    command
+        ->add_option("--nodes", arguments->nodes,
+                     "The nodes that the HAL reports, see below: which stages they end, and which\n"
+                     "not")
+        ->type_name("FILE");
     command->add_flag("--strict", arguments->isStrict, "Exit status 1 for warnings, too");
     command->add_flag("--json", arguments->isJson,
                       "One object with findings and table; tables for several files");

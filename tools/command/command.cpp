@@ -1,12 +1,14 @@
 #include "tools/command/command.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <set>
 #include <utility>
 
 namespace tools {
@@ -14,22 +16,53 @@ namespace {
 
 volatile std::sig_atomic_t isInterrupted = 0;
 
+// The files on a disk that were opened so far, and whether standard input was.
+std::set<std::pair<dev_t, ino_t>> openedFiles;
+bool isStandardInputOpened = false;
+
 }  // namespace
 
+void FailUsage(const std::string& message) {
+    throw CommandError("cameraframeboost: error: " + message);
+}
+
+std::string NameOfInput(const std::string& path) {
+    return path == "-" ? "standard input" : path;
+}
+
 FileBuffer::FileBuffer(const std::string& path, Mode mode)
-    : name(path), isWritten(mode == Mode::Write) {
+    : name(mode == Mode::Read ? NameOfInput(path) : path), isWritten(mode == Mode::Write) {
     if (path == "-") {
-        name = isWritten ? "standard output" : "standard input";
+        name = isWritten ? "standard output" : name;
         descriptor = isWritten ? STDOUT_FILENO : STDIN_FILENO;
-    } else {
-        const int flags = isWritten ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
-        descriptor = open(path.c_str(), flags | O_CLOEXEC, 0666);
-        if (descriptor < 0) {
-            Fail(isWritten ? "written" : "read");
+        if (!isWritten && std::exchange(isStandardInputOpened, true)) {
+            throw CommandError(name + ": error: cannot be read twice");
         }
+    } else {
+        OpenFile(path.c_str());
     }
     if (isWritten) {
         setp(buffer.data(), buffer.data() + buffer.size());
+    }
+}
+
+void FileBuffer::OpenFile(const char* path) {
+    const char* const what = isWritten ? "written" : "read";
+    descriptor = open(path, (isWritten ? O_WRONLY | O_CREAT : O_RDONLY) | O_CLOEXEC, 0666);
+    struct stat status {};
+    if (descriptor < 0 || fstat(descriptor, &status) != 0) {
+        Fail(what, errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return;
+    }
+    const bool isNew = openedFiles.insert({status.st_dev, status.st_ino}).second;
+    if (isWritten && !isNew) {
+        close(descriptor);
+        throw CommandError(name + ": error: cannot be written: it is used already");
+    }
+    if (isWritten && ftruncate(descriptor, 0) != 0) {
+        Fail(what, errno);
     }
 }
 
@@ -39,9 +72,9 @@ FileBuffer::~FileBuffer() {
     }
 }
 
-void FileBuffer::Fail(const char* what) const {
+void FileBuffer::Fail(const char* what, int error) const {
     throw CommandError(name + ": error: cannot be " + what + ": " +
-                       std::strerror(errno));  // NOLINT(concurrency-mt-unsafe): one thread.
+                       std::strerror(error));  // NOLINT(concurrency-mt-unsafe): one thread.
 }
 
 FileBuffer::int_type FileBuffer::underflow() {
@@ -50,7 +83,7 @@ FileBuffer::int_type FileBuffer::underflow() {
         size = IsInterrupted() ? 0 : read(descriptor, buffer.data(), buffer.size());
     } while (size < 0 && errno == EINTR);
     if (size < 0) {
-        Fail("read");
+        Fail("read", errno);
     }
     setg(buffer.data(), buffer.data(), buffer.data() + size);
     return size == 0 ? traits_type::eof() : traits_type::to_int_type(buffer.front());
@@ -77,7 +110,7 @@ int FileBuffer::sync() {
         if (size >= 0) {
             next += size;
         } else if (errno != EINTR) {
-            Fail("written");
+            Fail("written", errno);
         }
     }
     return 0;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
@@ -29,6 +30,9 @@ class CommandError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// Ends the command like that, for the way in which it was called.
+[[noreturn]] void FailUsage(const std::string& message);
+
 // Each adds its subcommand to `app`. When that is the one that was asked for, `run` is set to what
 // does the job and returns the exit status.
 using Run = std::function<int()>;
@@ -37,8 +41,12 @@ void AddExplain(CLI::App& app, Run& run);
 void AddReplay(CLI::App& app, Run& run);
 void AddSimulate(CLI::App& app, Run& run);
 
+// What messages call an input.
+std::string NameOfInput(const std::string& path);
+
 // A file, or standard input or output for "-". Fails, and makes the stream on top of it fail, with
-// a CommandError that names the file and the reason.
+// a CommandError that names the file and the reason: also where standard input would be read twice,
+// or a file be written that the command has opened before.
 class FileBuffer : public std::streambuf {
   public:
     enum class Mode : uint8_t { Read, Write };
@@ -56,7 +64,8 @@ class FileBuffer : public std::streambuf {
     int sync() override;
 
   private:
-    [[noreturn]] void Fail(const char* what) const;
+    [[noreturn]] void Fail(const char* what, int error) const;
+    void OpenFile(const char* path);
 
     std::string name;
     bool isWritten;
@@ -69,6 +78,8 @@ class Input : private FileBuffer, public std::istream {
   public:
     explicit Input(const std::string& path);
     using FileBuffer::Name;
+    // All that is left.
+    std::string ReadAll() { return {std::istreambuf_iterator<char>(*this), {}}; }
 };
 
 // Output to a file or "-". A write that fails throws a CommandError, at the latest in `Close`.

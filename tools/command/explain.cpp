@@ -38,14 +38,6 @@ struct Arguments {
     bool IsForDesk() const { return isVerifying || !session.empty() || !configuration.empty(); }
 };
 
-[[noreturn]] void FailUsage(const std::string& message) {
-    throw CommandError("cameraframeboost: error: " + message);
-}
-
-std::string NameOf(const std::string& path) {
-    return path == "-" ? "standard input" : path;
-}
-
 // What it takes to play a capture on the desk.
 struct Desk {
     SessionMaker maker;
@@ -77,12 +69,15 @@ class Tee : public StepSink {
 void Complete(Account& account, const std::vector<std::string>& paths,
               const CaptureSummary& summary) {
     for (const std::string& path : paths) {
-        account.inputs.push_back(NameOf(path));
+        account.inputs.push_back(NameOfInput(path));
     }
     if (summary.libraryLines == 0) {
         std::string names;
         for (const std::string& input : account.inputs) {
             names += (names.empty() ? "" : ", ") + input;
+        }
+        if (summary.lines == 0) {
+            throw CommandError(names + ": error: there are no lines in it [no-lines]");
         }
         throw CommandError(
             names + ": error: none of the " + std::to_string(summary.lines) +
@@ -150,7 +145,7 @@ Account Explain(const std::vector<std::string>& paths, double latePeriods, Progr
                             return !IsInterrupted();
                         });
         } catch (const CaptureError& error) {
-            throw CommandError(NameOf(paths[i]) + ": error: " + error.what());
+            throw CommandError(NameOfInput(paths[i]) + ": error: " + error.what());
         }
     }
     reader.Finish();
@@ -253,7 +248,7 @@ class StatusLine {
 
 int Follow(const Arguments& arguments) {
     Account named;
-    named.inputs = {NameOf("-")};
+    named.inputs = {NameOfInput("-")};
     Input in("-");
     Output out("-");
     StatusLine status;
@@ -360,7 +355,8 @@ void AddExplain(CLI::App& app, Run& run) {
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<Arguments>();
     command->add_option("CAPTURE", arguments->captures, "The captures; - for standard input")
-        ->required();
+        ->required()
+        ->type_name("");
     command->add_flag("--json", arguments->isJson,
                       "One JSON object, times in milliseconds, instead of text");
     command->add_flag("--all", arguments->showsAllFrames, "Show all frames in the table");
@@ -368,17 +364,24 @@ void AddExplain(CLI::App& app, Run& run) {
         ->add_option("--late", arguments->latePeriods,
                      "A frame is late when it comes out more than this many frame periods after\n"
                      "the one before; 1.5 unless told")
-        ->check(CLI::Range(1.0, 1000.0));
-    command->add_option("--compare", arguments->other,
-                        "Show what changed from CAPTURE to this capture");
+        ->check(CLI::Range(1.0, 1000.0).description(""))
+        ->type_name("PERIODS");
+    command
+        ->add_option("--compare", arguments->other,
+                     "Show what changed from CAPTURE to this capture")
+        ->type_name("CAPTURE");
     command->add_flag("--follow", arguments->isFollowing,
                       "Read on as the log comes, show findings as they are found");
-    command->add_option("--to-csv", arguments->csv, "Write a row a frame here");
+    command->add_option("--to-csv", arguments->csv, "Write a row a frame here")->type_name("FILE");
     arguments->pictures.AddOptions(*command);
-    command->add_option("--to-session", arguments->session,
-                        "Write the HAL's calls here, as a session for replay");
-    command->add_option("--to-config", arguments->configuration,
-                        "Write the configuration here, for replay --config");
+    command
+        ->add_option("--to-session", arguments->session,
+                     "Write the HAL's calls here, as a session for replay")
+        ->type_name("FILE");
+    command
+        ->add_option("--to-config", arguments->configuration,
+                     "Write the configuration here, for replay --config")
+        ->type_name("FILE");
     command->add_flag(
         "--verify", arguments->isVerifying,
         "Play the capture on the desk and show only whether the library logs the same");

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <charconv>
 
+#include "tools/check/finding.h"
 #include "tools/command/command.h"
 #include "tools/output/page.h"
 #include "tools/output/trace.h"
@@ -35,8 +36,8 @@ std::optional<std::pair<int64_t, int64_t>> Pictures::Frames() const {
         result = std::from_chars(result.ptr + 1, end, range.second);
     }
     if (result.ec != std::errc() || result.ptr != end || range.second < range.first) {
-        throw CommandError("cameraframeboost: error: --frames is \"" + frames +
-                           "\", expected a frame or a range such as 120-140");
+        FailUsage("--frames is " + Quoted(frames) +
+                  ", expected a frame or a range such as 120-140");
     }
     return range;
 }

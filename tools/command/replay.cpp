@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,9 +38,8 @@ std::pair<desktop::ServiceFunction, int32_t> ParseStatus(const std::string& text
     const char* end = text.data() + text.size();
     if (!function || equals == std::string::npos ||
         std::from_chars(text.data() + equals + 1, end, status).ptr != end) {
-        throw CommandError("cameraframeboost: error: --status is \"" + text +
-                           "\", expected a service function and a number such as "
-                           "cfbtFrameStart=7");
+        FailUsage("--status is " + Quoted(text) + ", expected FUNCTION=STATUS with one of " +
+                  ServiceFunctionNames(", ") + ", and a number");
     }
     return {*function, status};
 }
@@ -52,8 +50,7 @@ bool PlayTo(Output& out, Arguments& arguments) {
     Input session(arguments.session);
     if (!arguments.configuration.empty()) {
         Input file(arguments.configuration);
-        options.configuration = {file.Name(),
-                                 std::string(std::istreambuf_iterator<char>(file), {})};
+        options.configuration = {file.Name(), file.ReadAll()};
     }
     // A capture on standard output takes the transcript's place.
     const bool isLogShown = arguments.log == "-";
@@ -64,7 +61,6 @@ bool PlayTo(Output& out, Arguments& arguments) {
     }
     options.log = isLogShown ? &out : logFile ? &*logFile : nullptr;
 
-    arguments.pictures.Frames();  // What cannot be used is said before the work.
     Accountant accountant;
     options.steps = arguments.pictures.AreWanted() ? &accountant : nullptr;
 
@@ -98,6 +94,9 @@ bool PlayTo(Output& out, Arguments& arguments) {
 int RunReplay(Arguments& arguments) {
     for (const std::string& status : arguments.statuses) {
         arguments.options.statuses.push_back(ParseStatus(status));
+    }
+    if (arguments.pictures.Frames() && !arguments.pictures.AreWanted()) {
+        FailUsage("--frames goes with --to-html");
     }
     Output out("-");
     bool isPlayed = false;
@@ -135,7 +134,8 @@ void AddReplay(CLI::App& app, Run& run) {
         "  PlayRecording 60\n"
         "  # Frames 61 and 62 never come.\n"
         "  PlayRecording 58 63\n"
-        "  TcfbtNotifySceneEnd\n");
+        "  TcfbtNotifySceneEnd\n"
+        "\nExit status: 0 played, 2 the session or the configuration cannot be, 130 interrupted.");
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<Arguments>();
     ReplayOptions& options = arguments->options;

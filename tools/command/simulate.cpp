@@ -3,8 +3,9 @@
 #include "tools/simulate/simulate.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <iostream>
-#include <iterator>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,21 +29,30 @@ struct Arguments {
     std::vector<std::string> faults;
 };
 
-[[noreturn]] void FailUsage(const std::string& message) {
-    throw CommandError("cameraframeboost: error: " + message);
+// Of which CLI11 would say "Value 59.94 not in range".
+CLI::Validator WholeNumber(int64_t lowest, int64_t highest) {
+    const auto check = [lowest, highest](const std::string& text) {
+        int64_t number = 0;
+        const char* const end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data(), end, number);
+        const bool isGood =
+            error == std::errc() && stop == end && number >= lowest && number <= highest;
+        return isGood ? std::string()
+                      : Quoted(text) + " is not a whole number from " + std::to_string(lowest) +
+                            " to " + std::to_string(highest);
+    };
+    return CLI::Validator(check, "");
 }
 
-std::string ReadAll(const std::string& path) {
+Camera ReadCamera(const std::string& path) {
     Input input(path);
-    return {std::istreambuf_iterator<char>(input), {}};
+    return ParseCamera(input.ReadAll(), input.Name());
 }
 
 Camera CameraOf(const Arguments& arguments) {
     Camera camera;
     try {
-        camera = arguments.camera.empty()
-                     ? BuiltinCamera()
-                     : ParseCamera(ReadAll(arguments.camera), arguments.camera);
+        camera = arguments.camera.empty() ? BuiltinCamera() : ReadCamera(arguments.camera);
     } catch (const CameraError& error) {
         throw CommandError(error.what());
     }
@@ -96,7 +106,8 @@ int RunSimulate(const Arguments& arguments) {
     }
     std::optional<NamedText> configuration;
     if (!arguments.configuration.empty()) {
-        configuration = {arguments.configuration, ReadAll(arguments.configuration)};
+        Input file(arguments.configuration);
+        configuration = {file.Name(), file.ReadAll()};
     }
     const auto tell = [&configuration](const Finding& finding) {
         std::cerr << ToString(finding, configuration->name) << '\n';
@@ -105,8 +116,8 @@ int RunSimulate(const Arguments& arguments) {
         return BAD_INPUT;
     }
 
-    if (arguments.output == arguments.session) {
-        FailUsage("--output and --session are the same file");
+    if (arguments.output == "-" && arguments.session == "-") {
+        FailUsage("--output and --session are both standard output");
     }
     Output capture(arguments.output);
     std::unique_ptr<Output> session;
@@ -141,7 +152,8 @@ void AddSimulate(CLI::App& app, Run& run) {
         "time. The camera file describes them, in TOML; the built-in camera, which fits the "
         "sample\n"
         "configuration, is installed as cameras/video-4k60.toml to copy from. Frames and stages\n"
-        "count from 0. What can go wrong with a frame:\n\n" +
+        "count from 0; frame 0 opens the pipeline, and faults are for those behind it. What can\n"
+        "go wrong with a frame:\n\n" +
         DescribeFaults() +
         "\nExample: ten seconds of video in which frame 200 takes long and frame 400 is lost:\n\n"
         "  cameraframeboost simulate --fault slow:200:2:40 --fault lost:400:3 -o capture.log\n");
@@ -154,15 +166,18 @@ void AddSimulate(CLI::App& app, Run& run) {
         ->add_option("-o,--output", arguments->output,
                      "Where the log goes; left out: standard output")
         ->type_name("FILE");
-    command->add_option("--frames", arguments->frames, "How many frames the sensor delivers")
-        ->check(CLI::Range(int64_t{1}, MAX_FRAMES).description(""))
+    command
+        ->add_option("--frames", arguments->frames,
+                     "How many frames the sensor delivers; the built-in camera's: 600")
+        ->check(WholeNumber(1, MAX_FRAMES))
         ->type_name("N");
-    command->add_option("--fps", arguments->fps, "Frames per second")
-        ->check(CLI::Range(1, 1000).description(""))
+    command->add_option("--fps", arguments->fps, "Frames per second; the built-in camera's: 60")
+        ->check(WholeNumber(1, 1000))
         ->type_name("N");
     command
         ->add_option("--seed", arguments->seed,
-                     "Chooses the nodes' times; the same seed gives the same log")
+                     "Chooses the nodes' times; the same seed gives the same log; else 1")
+        ->check(WholeNumber(0, std::numeric_limits<int64_t>::max()))
         ->type_name("N");
     command->add_option("--fault", arguments->faults, "What goes wrong, see below; may be repeated")
         ->type_name("KIND:FRAME[:MORE]")
@@ -175,7 +190,8 @@ void AddSimulate(CLI::App& app, Run& run) {
     command
         ->add_option("--form", arguments->form,
                      "The log's form, as logcat's -v has it: brief, process, tag, thread, raw,\n"
-                     "time, threadtime or long, with modifiers: threadtime,year,usec")
+                     "time, threadtime or long, with modifiers: threadtime,year,usec;\n"
+                     "threadtime unless told")
         ->type_name("FORM");
     command
         ->add_option("--session", arguments->session,

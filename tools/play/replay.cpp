@@ -1,5 +1,6 @@
 #include "tools/play/replay.h"
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <variant>
@@ -58,8 +59,16 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
     };
 
     const Session session(sessionFile);
-    for (const Finding& error : session.Errors()) {
-        tell(error, name);
+    // A file that is no session has as many errors as lines.
+    constexpr size_t MOST_ERRORS = 20;
+    const size_t errors = session.Errors().size();
+    for (size_t i = 0; i < std::min(errors, MOST_ERRORS); ++i) {
+        tell(session.Errors()[i], name);
+    }
+    if (errors > MOST_ERRORS) {
+        const std::string message =
+            "as many as " + std::to_string(errors) + " lines cannot be read: is it a session?";
+        tell({"session-line", Severity::Error, message, {}, 0, {}}, name);
     }
     if (!session.Errors().empty() ||
         !PreparePlatform(options.configuration, [&](const Finding& finding) {

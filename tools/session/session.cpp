@@ -197,9 +197,8 @@ Line ParseServiceStatus(const std::vector<Word>& words) {
     RequireWords(words, 3, 3, STATUS_USAGE);
     const auto function = desktop::ServiceFunctionOf(words[1].text);
     if (!function || words[1].isQuoted) {
-        throw SessionError("function is " + Quoted(words[1].text) +
-                           ", expected one of the boost service such as " +
-                           NameOf(desktop::ServiceFunction::FrameStart));
+        throw SessionError("function is " + Quoted(words[1].text) + ", expected one of " +
+                           ServiceFunctionNames(", "));
     }
     return ServiceStatus{*function, ParseInteger<int32_t>(words[2], "status")};
 }
@@ -295,9 +294,15 @@ Line ParseLine(std::string_view line) {
             return ParseCall(*operation, words);
         }
     }
-    throw SessionError(
-        Quoted(name.text) + " is not known, expected an operation of TarvoCameraFrameBoost, " +
-        std::string(RECORDING) + ", " + std::string(WAIT) + " or " + std::string(STATUS));
+    std::vector<std::string_view> names = {RECORDING, WAIT, STATUS};
+    for (const Operation& operation : Operations()) {
+        names.push_back(operation.name);
+    }
+    const auto meant = Meant(name.text, names);
+    throw SessionError(Quoted(name.text) + " is not known, expected " +
+                       (meant ? std::string(*meant) + ", if that was meant"
+                              : "an operation of TarvoCameraFrameBoost, " + std::string(RECORDING) +
+                                    ", " + std::string(WAIT) + " or " + std::string(STATUS)));
 }
 
 std::vector<Value> ParseValues(const Operation& operation, std::string_view line) {
@@ -307,6 +312,15 @@ std::vector<Value> ParseValues(const Operation& operation, std::string_view line
     }
     words.insert(words.begin(), Word{});
     return ParseCall(operation, words).arguments;
+}
+
+std::string ServiceFunctionNames(std::string_view separator) {
+    std::string names;
+    for (size_t i = 0; i < desktop::SERVICE_FUNCTION_COUNT; ++i) {
+        names += names.empty() ? "" : separator;
+        names += NameOf(static_cast<desktop::ServiceFunction>(i));
+    }
+    return names;
 }
 
 std::string WriteLine(const Line& line) {
@@ -364,7 +378,8 @@ std::string DescribeFormat() {
             "are stages. It starts at firstFrame, else where the last one left off, else at 1.\n"
             "Each frame takes its time at the scene's frame rate.\n\n  "
          << WAIT_USAGE << "\n\nlets time pass, to three decimals.\n\n  " << STATUS_USAGE
-         << "\n\nsets what the boost service answers from there on: cfbtFrameStart 7, for one.\n";
+         << "\n\nsets what the boost service answers from there on. Its functions:\n\n  "
+         << ServiceFunctionNames("\n  ") << '\n';
     return text.str();
 }
 
