@@ -265,7 +265,7 @@ int Follow(const Arguments& arguments) {
     std::string bytes;
     while (!IsInterrupted()) {
         pollfd input{STDIN_FILENO, POLLIN, 0};
-        if (poll(&input, 1, 200) == 0) {
+        if (poll(&input, 1, 1000) == 0) {
             reader.Settle();  // Lines that might have had others behind them are not held back.
         } else if (in.peek() == std::char_traits<char>::eof()) {
             break;

@@ -377,6 +377,9 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
     const auto collect = [&changes](const Account& account, int64_t Change::*times) {
         const auto add = [&](const std::vector<AccountedFinding>& findings) {
             for (const AccountedFinding& finding : findings) {
+                if (finding.severity == Severity::Note) {
+                    continue;
+                }
                 Change& change = changes[{finding.check, finding.stage}];
                 change.*times += finding.times;
                 change.message = finding.message;
