@@ -258,6 +258,14 @@ TEST(AccountTest, FindsWhatAHalDoesWrong) {
         {start + Repeat(0, 5, goodCase) + "TcfbtNotifyErrorFrame 6 0\n" + Repeat(7, 15, goodCase),
          {"frame-lost 6"},
          "therefore 7 was not in flight and 8 came after a gap: 3 frames not boosted"},
+        // A drop that the HAL takes care of costs no other frame.
+        {start + Repeat(0, 5, goodCase) +
+             "TcfbtNotifyErrorFrame 6 0\nTcfbtNotifyFrameStart 7\n"
+             "TcfbtNotifyStageStart 0 7 0 20 SensorFrontEnd0\nTcfbtNotifyFrameEnd 6\nWait 17\n" +
+             Repeat(7, 15, goodCase),
+         {"frame-lost 6"},
+         "frame 6 never left stage 0 (SensorFrontEnd), as the HAL reported: 1 frame not boosted; 7 "
+         "came out late"},
         // The library's keys have 32 bits: behind the highest comes the lowest.
         {start + Repeat(2147483640, 2147483660, goodCase), {"frame-gap 2147483649"}, "32 bits"},
         {start + Repeat(0, 50, "TcfbtNotifyNodeEnd # SensorFrontEnd0 3 0 true") +

@@ -260,7 +260,15 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
     Observed last = seen;
     last.trouble = stageNotLeft > 0 ? seen.ends[index - 1].place : frame.place;
     last.troubleTime = stageNotLeft > 0 ? times[index - 1].end : frame.start;
-    if (seen.isDoubtful && (seen.isLineMissing || !isComplete)) {
+    const bool hasStageLeft = stageNotLeft < scene.stageCount;
+    const bool isAnyStageHit = std::any_of(progress.newest.begin(), progress.newest.end(),
+                                           [](size_t newest) { return newest != Progress::NONE; });
+    // The HAL ended it although it had not gone through all stages, as others do.
+    const bool isGivenUp =
+        seen.isEndedDirectly && hasStageLeft && isAnyStageHit && seen.ended >> stageNotLeft == 0;
+    const bool wentOn =
+        hasStageLeft && !isGivenUp && (seen.ended >> stageNotLeft != 0 || seen.hasEnded);
+    if (seen.isDoubtful && (seen.isLineMissing || isGivenUp || !isComplete)) {
         Trouble* open = FindOpen("lines-lost");
         Trouble& trouble =
             open != nullptr ? *open : Raise("lines-lost", Severity::Warning, last, -1, "");
@@ -278,10 +286,6 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
         return &trouble;
     }
 
-    const bool hasStageLeft = stageNotLeft < scene.stageCount;
-    const bool wentOn = hasStageLeft && (seen.ended >> stageNotLeft != 0 || seen.hasEnded);
-    const bool isAnyStageHit = std::any_of(progress.newest.begin(), progress.newest.end(),
-                                           [](size_t newest) { return newest != Progress::NONE; });
     if (!isComplete && hasStageLeft && isAnyStageHit && progress.newest[index] == Progress::NONE &&
         scene.frames.size() >= ENOUGH_FRAMES) {
         return &RaiseOfScene("stage-never-hit", Severity::Error, seen, stageNotLeft,
@@ -290,8 +294,8 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
     // Without a stage to tell by, it is frames that were ended later.
     const size_t overtaker =
         isAnyStageHit && hasStageLeft ? progress.newest[index] : progress.newestEnded;
-    const bool isLost = !wentOn && !seen.IsThrough(scene.stageCount) &&
-                        overtaker != Progress::NONE && overtaker > seen.index;
+    const bool isLost = isGivenUp || (!wentOn && !seen.IsThrough(scene.stageCount) &&
+                                      overtaker != Progress::NONE && overtaker > seen.index);
     const auto raiseLost = [&](const char* how) {
         return &Raise("frame-lost", Severity::Error, last, stageNotLeft,
                       name + " never left " +
@@ -335,6 +339,12 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
     Trouble* before = isComplete ? nullptr : CauseBefore(seen);
     switch (frame.status) {
         case FrameStatus::Complete:
+            if (isGivenUp) {
+                Trouble* trouble = raiseLost(", and the HAL ended it");
+                trouble->finding.severity = Severity::Warning;
+                trouble->costsFrame = false;
+                return trouble;
+            }
             return raiseHarmless();
         case FrameStatus::Unseen:
             if (before != nullptr) {
@@ -636,7 +646,7 @@ void Investigation::Conclude(Trouble& trouble) {
         text += "; " + Join(consequences);
     }
 
-    Kind& kind = kinds[finding.check];
+    Kind& kind = kinds[{finding.check, finding.stage}];
     ++kind.times;
     if (finding.frame) {
         kind.frames.Add(*finding.frame);
@@ -689,17 +699,22 @@ void Investigation::TellIgnored(const std::optional<Configuration>& configuratio
 // Many of a kind become one finding.
 void Investigation::FoldKinds() {
     std::vector<AccountedFinding>& findings = scene.findings;
-    for (const auto& [check, kind] : kinds) {
+    for (const auto& [key, kind] : kinds) {
         if (kind.times <= TOLD_ONE_BY_ONE) {
             continue;
         }
-        const auto isOfKind = [name = check](const AccountedFinding& finding) {
-            return finding.check == name;
+        const auto isOfKind = [checked = key](const AccountedFinding& finding) {
+            return finding.check == checked.first && finding.stage == checked.second;
         };
         const auto first = std::find_if(findings.begin(), findings.end(), isOfKind);
         first->times = kind.times;
         first->message = Number(kind.times) + " times, at " + kind.frames.ToString() +
                          "; the first: " + first->message;
+        for (const AccountedFinding& finding : findings) {
+            if (isOfKind(finding)) {
+                first->severity = std::max(first->severity, finding.severity);
+            }
+        }
         findings.erase(std::remove_if(first + 1, findings.end(), isOfKind), findings.end());
     }
 }

@@ -13,6 +13,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tools/account/account.h"
@@ -23,14 +24,15 @@ namespace tools {
 // What has been seen of a frame, beyond what the account says of it.
 struct Observed {
     int64_t number = 0;
-    size_t index = 0;          // Counts the scene's frames from 0.
-    bool isStarted = false;    // Admitted in sequence.
-    bool isAdmitted = false;   // Admitted, in sequence or in error.
-    bool isFollower = false;   // Others were in flight when it was started.
-    bool hasEnded = false;     // Its end was told, whatever came of that.
-    bool isSilent = false;     // An event of it was refused without a line.
-    bool isGone = false;       // It was not in flight although it should have been.
-    bool isDuplicate = false;  // Was started again while it was in flight.
+    size_t index = 0;              // Counts the scene's frames from 0.
+    bool isStarted = false;        // Admitted in sequence.
+    bool isAdmitted = false;       // Admitted, in sequence or in error.
+    bool isFollower = false;       // Others were in flight when it was started.
+    bool hasEnded = false;         // Its end was told, whatever came of that.
+    bool isEndedDirectly = false;  // By a call of its own, and no node end.
+    bool isSilent = false;         // An event of it was refused without a line.
+    bool isGone = false;           // It was not in flight although it should have been.
+    bool isDuplicate = false;      // Was started again while it was in flight.
     bool isReportedByHal = false;
     bool isEarly = false;        // What came before it is not in the capture.
     bool isDoubtful = false;     // Lines that tell of it are missing.
@@ -176,7 +178,7 @@ class Investigation {
     int64_t delayId = 0;  // The slow stage that frames may be waiting behind.
     bool hasStarted = false;
     std::vector<Ignored> ignored;
-    std::map<std::string, Kind> kinds;
+    std::map<std::pair<std::string, int32_t>, Kind> kinds;  // By check and stage.
     int64_t pushedOut = 0;
 };
 

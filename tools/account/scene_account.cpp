@@ -255,9 +255,12 @@ void SceneAccount::OnFrameEnd(const Step& step, const Event& event) {
             frame.status = FrameStatus::Complete;
         }
     }
-    if (!seen.hasEnded && seen.ended == 0) {
-        OnOutput(seen, step.time);  // The HAL reports frames, not stages.
+    const bool areStagesReported = scene.stageCount > 0 && progress.newest.back() != Progress::NONE;
+    if (!seen.hasEnded && !areStagesReported) {
+        OnOutput(seen, step.time);
     }
+    seen.isEndedDirectly = !seen.hasEnded && step.call.operation != nullptr &&
+                           step.call.operation->name == "TcfbtNotifyFrameEnd";
     seen.hasEnded = true;
     if (progress.newestEnded == Progress::NONE || progress.newestEnded < seen.index) {
         progress.newestEnded = seen.index;
@@ -575,9 +578,9 @@ bool SceneAccount::IsLineMissing(size_t position) const {
     // Stages that were forwarded have all run in order: each that started but the last has ended.
     const bool isContiguous = (starts & (starts + 1)) == 0 && (ends & (ends + 1)) == 0 &&
                               (ends == starts || ends == starts >> 1);
-    // A frame may be ended without its stages, but not in a scene where others go through them.
-    const bool lacksStages = frame.status == FrameStatus::Complete && scene.stageCount > 0 &&
-                             progress.newest.back() != Progress::NONE &&
+    // A HAL may end a frame without its stages, but the last node cannot.
+    const bool lacksStages = frame.status == FrameStatus::Complete && !seen.isEndedDirectly &&
+                             scene.stageCount > 0 && progress.newest.back() != Progress::NONE &&
                              std::countr_one(seen.ended) < scene.stageCount;
     if (!isContiguous || lacksStages) {
         return true;
