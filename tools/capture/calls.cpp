@@ -181,10 +181,10 @@ void CallFinder::Feed(Process& process, Open& open, const Message& message, cons
     open.last = moment.time;
     open.ordinal = ordinal;
     const int32_t tid = message.tid;
-    if (message.kind == MessageKind::SetTid && process.sceneTids.count(tid) == 0) {
+    if (message.kind == MessageKind::SetTid && !process.sceneTids.contains(tid)) {
         // What was not added before was added for this scene, which leaves no line. It is told
         // before the call that sets it, and before those of other threads that are being read.
-        if (process.persistTids.count(tid) == 0) {
+        if (!process.persistTids.contains(tid)) {
             Begin("TcfbtAddTempTids", {tid}, true);
             HandOn(process, open, 0, TellEvents(step, {}, process.configuration));
         }

@@ -41,7 +41,7 @@ class CallFinder {
 
     void OnMessage(const Message& message, const Moment& moment);
     // Whether that process has logged anything yet.
-    bool Knows(int32_t process) const { return processes.count(process) != 0; }
+    bool Knows(int32_t process) const { return processes.contains(process); }
     // Hands on what may have had more lines. `isCut`: it may have had, but the capture ends here.
     void Settle(bool isCut);
 

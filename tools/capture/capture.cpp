@@ -18,13 +18,13 @@ constexpr Micros SECOND = 1'000'000;
 constexpr Micros LARGEST_STEP_BACK = SECOND / 10;
 // Nothing comes for longer than that only if the clock has been set: while a scene runs, and else.
 constexpr Micros LONGEST_SILENCE_IN_SCENE = 60 * SECOND;
-constexpr Micros LONGEST_SILENCE = 30 * 86'400 * SECOND;
+constexpr Micros LONGEST_SILENCE = SECOND * 30 * 86'400;
 
 // Is boosted whatever the configuration says.
 constexpr int32_t BOOSTED_WIDTH = 3840;
 
 // Before it stand clocks that count from the boot, or that have not been set since.
-constexpr time_t ONE_YEAR = 365 * 86'400;
+constexpr time_t ONE_YEAR = 31'536'000;
 // Where dates without a year are put; see RecordReader.
 constexpr int FIRST_MADE_UP_YEAR = 2000;
 constexpr int LAST_MADE_UP_YEAR = 2001;

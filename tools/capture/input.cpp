@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <system_error>
 
 #include "tools/capture/capture.h"
 
@@ -20,7 +21,7 @@
 namespace tools {
 namespace {
 
-constexpr size_t PIECE = 256 * 1024;
+constexpr size_t PIECE = 262'144;
 constexpr std::string_view ZIP_MARK = "PK\x03\x04";
 
 class File {
@@ -74,7 +75,8 @@ class File {
 
   private:
     [[noreturn]] static void Fail() {
-        throw CaptureError(std::string("cannot be read: ") + std::strerror(errno));
+        throw CaptureError(std::string("cannot be read: ") +
+                           std::generic_category().message(errno));
     }
 
     int descriptor;

@@ -282,7 +282,8 @@ bool IsLibraryText(std::string_view text) {
 
 std::optional<Message> ParseMessage(std::string_view tag, std::string_view text) {
     // "file line:function() "
-    const size_t blank = IsLibraryText(text) ? text.find(' ', FILE_STEM.size()) : text.npos;
+    const size_t blank =
+        IsLibraryText(text) ? text.find(' ', FILE_STEM.size()) : std::string_view::npos;
     if (blank == std::string_view::npos) {
         return {};
     }

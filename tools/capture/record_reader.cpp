@@ -12,7 +12,7 @@ namespace tools {
 namespace {
 
 // Longer than any line that logcat writes; what goes beyond is dropped.
-constexpr size_t MAX_LINE = 64 * 1024;
+constexpr size_t MAX_LINE = 65'536;
 constexpr int64_t MICROS_PER_SECOND = 1'000'000;
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 // The tag under which Android's log says that it has left lines out.
