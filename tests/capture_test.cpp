@@ -197,8 +197,7 @@ TEST_F(CaptureTest, KnowsEveryMessageAndWhatItTells) {
     for (const char* text :
          {"", "x", "cameraframeboost", "tarvocameraframeboost.cpp", "a 1:DumpInfo() ",
           "tarvocameraframeboost.cpp 1:DumpInfo() DumpInfo PersistTids size = x",
-          "tarvocameraframeboost.cpp 1:DumpInfo() DumpInfo PersistTids size = 1 "
-          "and more"}) {
+          "tarvocameraframeboost.cpp 1:DumpInfo() DumpInfo PersistTids size = 1 more"}) {
         EXPECT_FALSE(tools::ParseMessage("", text)) << text;
     }
 }
@@ -358,8 +357,8 @@ TEST(CaptureFormTest, IsReadBackWhateverItsForm) {
                   Utf16(text, false, true), Utf16(text, false, false)}) {
                 for (const size_t piece : {size_t{1}, size_t{7}, size_t{100'000}}) {
                     const Found found = Find(bytes, piece);
-                    ASSERT_EQ(found.texts, expected) << form + modifiers + "\n" + bytes;
-                    ASSERT_EQ(found.times, times) << form + modifiers + "\n" + bytes;
+                    ASSERT_EQ(found.texts, expected) << form << modifiers << "\n" << bytes;
+                    ASSERT_EQ(found.times, times) << form << modifiers << "\n" << bytes;
                     ASSERT_EQ(found.leftOut, !hasTag ? "" : hasProcess ? "7:3 " : "-1:3 ");
                     ASSERT_TRUE(found.fragments.empty()) << found.fragments[0];
                 }
