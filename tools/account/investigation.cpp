@@ -165,15 +165,15 @@ Investigation::Trouble* Investigation::FindOpen(std::string_view check) {
 
 // The trouble of the frame before that kept this one from being started as it should have been.
 Investigation::Trouble* Investigation::CauseBefore(const Observed& seen) {
-    for (auto before = recent.rbegin(); before != recent.rend(); ++before) {
-        if (before->opensNoFollower && before->trouble != 0 && before->number < seen.number) {
-            Trouble* trouble = Find(before->trouble);
+    for (const Examined& before : recent) {
+        if (before.opensNoFollower && before.trouble != 0 && before.number < seen.number) {
+            Trouble* trouble = Find(before.trouble);
             // A node that reports nothing for a while leaves frames that nobody ever speaks of.
             if (trouble != nullptr) {
                 return trouble;
             }
         }
-        if (before->number == seen.number - 1) {
+        if (before.number == seen.number - 1) {
             break;
         }
     }
@@ -222,12 +222,12 @@ void Investigation::Examine(const Observed& seen, size_t position) {
         scene.notBoosted += frame.status != FrameStatus::Complete ? 1 : 0;
     }
     hasStarted = hasStarted || seen.isStarted;
-    recent.push_back({seen.number, cause == nullptr ? 0 : cause->id, frame.output,
-                      seen.overtakenStage == 0 || !HasEnded(seen, 0) ||
-                          frame.status == FrameStatus::Unseen ||
-                          frame.status == FrameStatus::Refused || seen.repeatedStage == 0});
+    recent.push_front({seen.number, cause == nullptr ? 0 : cause->id, frame.output,
+                       seen.overtakenStage == 0 || !HasEnded(seen, 0) ||
+                           frame.status == FrameStatus::Unseen ||
+                           frame.status == FrameStatus::Refused || seen.repeatedStage == 0});
     if (recent.size() > 8) {
-        recent.pop_front();
+        recent.pop_back();
     }
     CloseTroubles(false);
 }
@@ -442,11 +442,12 @@ Investigation::Trouble* Investigation::FindDelay(const Observed& seen, const Fra
     const Micros period = progress.intervals.Median();
     const Micros excess = frame.interval - period;
     Micros missing = 0;
-    for (auto before = recent.rbegin();
-         before != recent.rend() && (before->output == NO_TIME || before->output >= frame.output);
-         ++before) {
+    for (const Examined& before : recent) {
+        if (before.output != NO_TIME && before.output < frame.output) {
+            break;
+        }
         missing += period;
-        Trouble* trouble = before->trouble != 0 ? Find(before->trouble) : nullptr;
+        Trouble* trouble = before.trouble != 0 ? Find(before.trouble) : nullptr;
         if (trouble != nullptr && excess - missing < period / 2) {
             return late(trouble);
         }

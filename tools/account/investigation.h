@@ -174,8 +174,8 @@ class Investigation {
     int64_t examined = 0;
     int64_t lastId = 0;
     std::list<Trouble> troubles;  // Those that may have more consequences.
-    std::deque<Examined> recent;
-    int64_t delayId = 0;  // The slow stage that frames may be waiting behind.
+    std::deque<Examined> recent;  // The latest first.
+    int64_t delayId = 0;          // The slow stage that frames may be waiting behind.
     bool hasStarted = false;
     std::vector<Ignored> ignored;
     std::map<std::pair<std::string, int32_t>, Kind> kinds;  // By check and stage.

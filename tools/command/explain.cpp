@@ -232,8 +232,7 @@ class StatusLine {
         }
         std::cerr << '\r' << frames << " frames, " << scene->notBoosted << " not boosted, "
                   << scene->lateFrames << " late (more than "
-                  << static_cast<double>(scene->lateThreshold / 100) / 10 << " ms)\033[K"
-                  << std::flush;
+                  << static_cast<double>(scene->lateThreshold) / 1000 << " ms)\033[K" << std::flush;
     }
     void Clear() {
         if (isWanted) {
