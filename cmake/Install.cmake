@@ -32,7 +32,7 @@ configure_file(cmake/tarvocameraframeboost.pc.in tarvocameraframeboost.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tarvocameraframeboost.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-if(NOT ANDROID)
+if(TARGET cameraframeboost)
     file(RELATIVE_PATH from_bin_to_lib /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
     set_target_properties(cameraframeboost PROPERTIES INSTALL_RPATH $ORIGIN/${from_bin_to_lib})
     install(TARGETS cameraframeboost)
