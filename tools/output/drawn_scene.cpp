@@ -72,15 +72,19 @@ void DrawnScene::AddWindow(Span window, size_t& bars) {
     }
     window = {std::max(window.begin, span.begin), std::min(window.end, span.end)};
     const size_t each = std::max<size_t>(static_cast<size_t>(scene.stageCount), 1);
+    std::vector<Micros> added;  // Frames need not be in the order of time.
     for (size_t i = 0; i < moments.size(); ++i) {
         if (window.Holds(moments[i]) && !IsDrawn(i)) {
-            if (bars < each) {
-                window.end = moments[i];
-                break;
-            }
-            bars -= each;
+            added.push_back(moments[i]);
         }
     }
+    std::sort(added.begin(), added.end());
+    if (added.size() > bars / each) {
+        window.end = added[bars / each];
+        const auto end = std::lower_bound(added.begin(), added.end(), window.end);
+        added.erase(end, added.end());
+    }
+    bars -= added.size() * each;
     if (window.begin >= window.end) {
         return;
     }

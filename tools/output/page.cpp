@@ -17,12 +17,12 @@ namespace tools {
 namespace {
 
 // What keeps the page below 2 MB.
-constexpr size_t BARS = 4'000;     // Over all timelines.
-constexpr size_t ROWS = 2'000;     // Of the table of frames.
+constexpr size_t BARS = 2'500;     // Over all timelines.
+constexpr size_t ROWS = 1'500;     // Of the table of frames.
 constexpr size_t FINDINGS = 200;   // Listed.
 constexpr size_t SCENES = 20;      // Shown.
 constexpr size_t INPUTS = 10;      // Named.
-constexpr size_t COLUMNS = 1'000;  // Of all overviews, but no less than 200 each.
+constexpr size_t COLUMNS = 1'000;  // Of all overviews, but no less than 100 each.
 
 Micros Between(Micros start, Micros end) {
     return start == NO_TIME || end == NO_TIME ? NO_TIME : end - start;
@@ -206,7 +206,7 @@ class Page {
             << Milliseconds(scene.lateThreshold) << " ms after the frame before.";
         if (drawn.hasTimes) {
             out << " Times count from the scene's start.</p>\n";
-            WriteOverview(out, drawn, std::max<size_t>(COLUMNS / scenes.size(), 200));
+            WriteOverview(out, drawn, std::max<size_t>(COLUMNS / scenes.size(), 100));
             WriteLegend(out, scene);
             if (scene.frames.size() > WHOLE_FRAMES) {
                 out << "<p>It is too long to be drawn whole. "

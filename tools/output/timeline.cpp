@@ -20,9 +20,12 @@ constexpr int AXIS = 16;       // Height of the row of times.
 constexpr double PERIOD = 50;  // Width of a frame period in a timeline that is not zoomed.
 constexpr double DIGIT = 6.5;  // Width of a letter, or a little more.
 
-constexpr size_t BAR_LANES = 8;          // What overlaps more than that is drawn over one another.
-constexpr Micros GRID_LINES = 2'000;     // At most.
-constexpr size_t CAPTURE_MARKS = 1'000;  // At most.
+constexpr size_t BAR_LANES = 8;  // What overlaps more than that is drawn over one another.
+// At most, whatever clocks and rates a capture shows.
+constexpr double WIDTH = 200'000;
+constexpr Micros GRID_LINES = 500;
+constexpr Micros AXIS_LABELS = 100;
+constexpr size_t CAPTURE_MARKS = 100;
 
 double Width(const Span& span) {
     return static_cast<double>(std::max<Micros>(span.end - span.begin, 1));
@@ -139,7 +142,8 @@ class Timeline {
         WriteRowName(out, OUTPUTS, "output");
         out << "</div><div class=scroll tabindex=0 role=group aria-label=\"Timeline\"><svg "
                "style=\"width:"
-            << Fixed(Pixels(span.end - span.begin), 0) << "px\" height=" << bottom + AXIS << ">\n";
+            << Fixed(std::min(Pixels(span.end - span.begin), WIDTH), 0)
+            << "px\" height=" << bottom + AXIS << ">\n";
         WriteGrid();
         WriteMarks(out, drawn, span, 0, bottom);
         for (size_t i = 0; i < frames.size(); ++i) {
@@ -197,7 +201,7 @@ class Timeline {
             WriteUpright(out, "grid", Percent(time - span.begin, span), 0, bottom);
         }
         WriteAxis(out, span, drawn.span.begin, bottom,
-                  (span.end - span.begin) / (drawn.period * 5) + 1);
+                  std::min((span.end - span.begin) / (drawn.period * 5) + 1, AXIS_LABELS));
     }
 
     void WriteBar(size_t index, size_t stage, size_t lane) {

@@ -107,9 +107,12 @@ class TraceWriter {
                 const Frame& frame = scene.frames[i];
                 const Span actual = SpanOf(scene, i);
                 add(s, What::Actual, i, actual);
-                if (before != nullptr && frame.number > before->number) {
-                    const Micros due =
-                        before->output + PeriodOf(scene) * (frame.number - before->number);
+                // Numbers may be anything: those far apart have nothing to do with one another.
+                const uint64_t gap = before == nullptr ? 0
+                                                       : static_cast<uint64_t>(frame.number) -
+                                                             static_cast<uint64_t>(before->number);
+                if (gap > 0 && gap < FAR_APART) {
+                    const Micros due = before->output + PeriodOf(scene) * static_cast<Micros>(gap);
                     const Micros begin =
                         actual.begin == NO_TIME ? due - scene.latency.p50 : actual.begin;
                     add(s, What::Expected, i, {begin, std::max(begin, due)});
@@ -332,6 +335,7 @@ class TraceWriter {
     }
 
     static constexpr size_t BUFFER = 1 << 16;
+    static constexpr uint64_t FAR_APART = 1000;
 
     std::ostream& out;
     const Account& account;
