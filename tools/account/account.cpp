@@ -84,13 +84,17 @@ std::string VerdictOf(const Account& account) {
         return "Nothing was boosted: no frame was reported.";
     }
     const std::string all = std::to_string(frames) + (frames == 1 ? " frame" : " frames");
+    const std::string lateness =
+        account.hasTimes ? "none late" : "though whether in time is not known";
     if (notBoosted == 0 && late == 0) {
         return WorstOf(account) == Severity::Note
-                   ? "All is well: " + all + ", all boosted, none late."
-                   : all + ", all boosted, none late, but there is something to look at.";
+                   ? "All is well: " + all + ", all boosted, " + lateness + "."
+                   : all + ", all boosted, " + lateness + ", but there is something to look at.";
     }
-    return "Of " + all + " " + std::to_string(notBoosted) + were(notBoosted) +
-           " not boosted from start to end, and " + std::to_string(late) + " came out late.";
+    const std::string verdict = "Of " + all + " " + std::to_string(notBoosted) + were(notBoosted) +
+                                " not boosted from start to end";
+    return verdict + (account.hasTimes ? ", and " + std::to_string(late) + " came out late."
+                                       : "; which came out late is not known.");
 }
 
 }  // namespace tools
