@@ -30,6 +30,13 @@ std::string NameOfInput(const std::string& path) {
     return path == "-" ? "standard input" : path;
 }
 
+void Protect(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0) {
+        openedFiles.insert({status.st_dev, status.st_ino});
+    }
+}
+
 FileBuffer::FileBuffer(const std::string& path, Mode mode)
     : name(mode == Mode::Read ? NameOfInput(path) : path), isWritten(mode == Mode::Write) {
     if (path == "-") {

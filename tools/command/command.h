@@ -44,6 +44,9 @@ void AddSimulate(CLI::App& app, Run& run);
 // What messages call an input.
 std::string NameOfInput(const std::string& path);
 
+// Keeps a file that is read without an Input from being written.
+void Protect(const std::string& path);
+
 // A file, or standard input or output for "-". Fails, and makes the stream on top of it fail, with
 // a CommandError that names the file and the reason: also where standard input would be read twice,
 // or a file be written that the command has opened before.

@@ -138,6 +138,7 @@ Account Explain(const std::vector<std::string>& paths, double latePeriods, Progr
             });
     }
     for (size_t i = 0; i < paths.size() && !IsInterrupted(); ++i) {
+        Protect(paths[i]);
         try {
             ReadCapture(reader, static_cast<uint32_t>(i), paths[i],
                         [&progress](int64_t done, int64_t all) {

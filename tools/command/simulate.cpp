@@ -71,9 +71,12 @@ Camera CameraOf(const Arguments& arguments) {
 }
 
 void ShowSummary(const Camera& camera, const Simulated& simulated) {
-    std::cerr << simulated.frames << " frames at " << camera.fps << " fps through "
-              << camera.Stages().size() << " stages (seed " << camera.seed
-              << "): " << simulated.completed << " came out\n";
+    std::cerr << simulated.frames;
+    if (simulated.frames < camera.frames) {
+        std::cerr << " of " << camera.frames;
+    }
+    std::cerr << " frames at " << camera.fps << " fps through " << camera.Stages().size()
+              << " stages (seed " << camera.seed << "): " << simulated.completed << " came out\n";
     for (const Fault& fault : camera.faults) {
         if (fault.frame < simulated.frames) {
             std::cerr << "  frame " << fault.frame << ": " << Describe(fault, camera) << " ["
