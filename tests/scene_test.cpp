@@ -46,6 +46,16 @@ TEST_F(SceneTest, TakesTheServicesWordForIt) {
         "FrameEnd 1; RemoveTids 0/5 = 8; SceneEnd 0 = 3; RemoveTids 0/100 = 8; AddTids 1,  = 6");
 }
 
+TEST_F(SceneTest, NeedsNoAdditionalWidth) {
+    Configure(
+        "[TarvoCameraFrameBoostConfig]\ncameraFrameBoostEnable = true\n"
+        "SupportOperationModeList = [5]\n");
+    boost.TcfbtSetSceneInfo(true, 4096, 60);
+    EXPECT_EQ(boost.TcfbtNotifySceneStart(5), -1);
+    boost.TcfbtSetSceneInfo(true, 3840, 60);
+    EXPECT_EQ(boost.TcfbtNotifySceneStart(5), 0);
+}
+
 TEST_F(SceneTest, SendsThreadsInTheSameOrderEverywhere) {
     std::string expected = "AddTids 1";
     for (int32_t tid = 0; tid < 200; ++tid) {
