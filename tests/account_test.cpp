@@ -257,7 +257,8 @@ TEST(AccountTest, FindsWhatAHalDoesWrong) {
         {start + "PlayRecording 5\nTcfbtNotifyErrorFrame 6 0", {"frame-reported 6"}, "by the HAL"},
         {start + Repeat(0, 5, goodCase) + "TcfbtNotifyErrorFrame 6 0\n" + Repeat(7, 15, goodCase),
          {"frame-lost 6"},
-         "therefore 7 was not in flight and 8 came after a gap: 3 frames not boosted"},
+         "therefore 7 was not in flight and 8 came after a gap and was refused: 3 frames not "
+         "boosted"},
         // A drop that the HAL takes care of costs no other frame.
         {start + Repeat(0, 5, goodCase) +
              "TcfbtNotifyErrorFrame 6 0\nTcfbtNotifyFrameStart 7\n"

@@ -67,16 +67,16 @@ Severity WorstOf(const Account& account) {
 }
 
 std::string VerdictOf(const Account& account) {
-    int64_t frames = 0, notBoosted = 0, late = 0, started = 0;
+    int64_t frames = 0, notBoosted = 0, untold = 0, late = 0, started = 0;
     for (const Scene& scene : account.scenes) {
         for (const int64_t count : scene.statusCounts) {
             frames += count;
         }
         notBoosted += scene.notBoosted;
+        untold += scene.untold;
         late += scene.lateFrames;
         started += scene.isStarted ? 1 : 0;
     }
-    const auto were = [](int64_t count) { return count == 1 ? " was" : " were"; };
     if (started == 0) {
         return "Nothing was boosted: no scene was started.";
     }
@@ -86,15 +86,31 @@ std::string VerdictOf(const Account& account) {
     const std::string all = std::to_string(frames) + (frames == 1 ? " frame" : " frames");
     const std::string lateness =
         account.hasTimes ? "none late" : "though whether in time is not known";
-    if (notBoosted == 0 && late == 0) {
+    if (notBoosted + untold + late == 0) {
         return WorstOf(account) == Severity::Note
                    ? "All is well: " + all + ", all boosted, " + lateness + "."
                    : all + ", all boosted, " + lateness + ", but there is something to look at.";
     }
-    const std::string verdict = "Of " + all + " " + std::to_string(notBoosted) + were(notBoosted) +
-                                " not boosted from start to end";
-    return verdict + (account.hasTimes ? ", and " + std::to_string(late) + " came out late."
-                                       : "; which came out late is not known.");
+    if (notBoosted + untold == 0) {
+        return all + ", all boosted, but " + std::to_string(late) + " came out late.";
+    }
+    const auto were = [](int64_t count) {
+        return std::to_string(count) + (count == 1 ? " was" : " were");
+    };
+    std::string verdict = "Of " + all + " " +
+                          (notBoosted > 0 ? were(notBoosted) + " not boosted from start to end"
+                                          : were(frames - untold) + " boosted");
+    if (untold > 0) {
+        verdict += "; what became of " + std::to_string(untold) +
+                   " cannot be told, as lines of the log are missing";
+    }
+    if (!account.hasTimes) {
+        return verdict + "; which came out late is not known.";
+    }
+    // A frame may be both.
+    return verdict + (late == 0 ? "; none came out late."
+                                : "; " + std::to_string(late) + " of the " +
+                                      std::to_string(frames) + " came out late.");
 }
 
 }  // namespace tools

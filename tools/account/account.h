@@ -94,6 +94,7 @@ struct Scene {
     // Frames that were not boosted from start to end and should have been: not those that were in
     // flight when the scene or the capture began or ended.
     int64_t notBoosted = 0;
+    int64_t untold = 0;  // Frames whose fate is not known, as lines are missing.
     int64_t lateFrames = 0;
     Micros lateThreshold = 0;  // A longer interval is late.
     Statistics latency, interval;

@@ -196,8 +196,9 @@ void Investigation::Examine(const Observed& seen, size_t position) {
         ++scene.lateFrames;
     }
     const int32_t stageNotLeft = StageNotLeft(seen);
-    if (frame.stage < 0 && frame.status != FrameStatus::Complete) {
-        frame.stage = std::min(stageNotLeft, scene.stageCount - 1);
+    if (frame.stage < 0 && frame.status != FrameStatus::Complete &&
+        stageNotLeft < scene.stageCount) {
+        frame.stage = stageNotLeft;
     }
 
     Trouble* cause = nullptr;
@@ -219,7 +220,12 @@ void Investigation::Examine(const Observed& seen, size_t position) {
     if (cause != nullptr) {
         cause->touched = examined;
         frame.hasFinding = true;
-        scene.notBoosted += frame.status != FrameStatus::Complete ? 1 : 0;
+        if (frame.status != FrameStatus::Complete && cause->finding.check == "lines-lost") {
+            frame.reason = Outcome::Unknown;
+            ++scene.untold;
+        } else if (frame.status != FrameStatus::Complete) {
+            ++scene.notBoosted;
+        }
     }
     hasStarted = hasStarted || seen.isStarted;
     recent.push_front({seen.number, cause == nullptr ? 0 : cause->id, frame.output,
@@ -299,7 +305,11 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
     const auto raiseLost = [&](const char* how) {
         return &Raise("frame-lost", Severity::Error, last, stageNotLeft,
                       name + " never left " +
-                          (hasStageLeft ? StageName(stageNotLeft) : "the pipeline") + how);
+                          (hasStageLeft ? StageName(stageNotLeft) : "the pipeline") +
+                          (stageNotLeft > 0 && stageNotLeft + 1 == scene.stageCount
+                               ? ", or its end there was not reported"
+                               : "") +
+                          how);
     };
     const auto raiseRepeat = [&](Severity severity) {
         const auto& first = seen.ends[static_cast<size_t>(seen.repeatedStage)];
@@ -325,10 +335,11 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
                              name + " was started again while it was in flight");
         } else if (seen.overtakenStage >= 0) {
             // Only the first stage's order matters to the library.
-            trouble = &Raise(
-                "stage-order", seen.overtakenStage == 0 ? Severity::Error : Severity::Warning, seen,
-                seen.overtakenStage,
-                name + " left " + StageName(seen.overtakenStage) + " after the frame behind it");
+            trouble = &Raise("stage-order",
+                             seen.overtakenStage == 0 ? Severity::Error : Severity::Warning, seen,
+                             seen.overtakenStage,
+                             name + " left " + StageName(seen.overtakenStage) + " after frame " +
+                                 Number(seen.overtaker) + ", out of order");
         }
         if (trouble != nullptr) {
             trouble->costsFrame = false;
@@ -484,13 +495,13 @@ Investigation::Trouble* Investigation::FindDelay(const Observed& seen, const Fra
     if (stage == 0 && !IsCaughtUp(position, longestWork)) {
         Trouble& trouble =
             Raise("sensor-stall", Severity::Warning, moment, stage,
-                  name + " left " + StageName(0) + " only after " + took +
+                  name + " came out late: it left " + StageName(0) + " only after " + took +
                       "; the frames behind it kept their distance, so the sensor stood still");
         trouble.costsFrame = false;
         return &trouble;
     }
     Trouble& trouble = Raise("slow-stage", Severity::Warning, moment, stage,
-                             name + ": " + StageName(stage) + " took " + took);
+                             name + " came out late: " + StageName(stage) + " took " + took);
     trouble.costsFrame = false;
     delayId = trouble.id;
     return &trouble;
@@ -521,7 +532,8 @@ void Investigation::JoinWaiting(const Observed& seen, size_t position) {
         if (times[i].wait != NO_TIME && times[i].wait - progress.waits[i].Median() >= noticeable) {
             delay->waited.Add(seen.number);
             delay->touched = examined;
-            scene.frames[position].hasFinding = true;
+            // Waiting does not make a lost one of what is in flight at the end.
+            scene.frames[position].hasFinding |= scene.frames[position].status != FrameStatus::Open;
             return;
         }
     }
@@ -627,7 +639,8 @@ void Investigation::Conclude(Trouble& trouble) {
         }
     };
     tell(trouble.unseen, " was not in flight", " were not in flight");
-    tell(trouble.refused, " came after a gap", " came after a gap");
+    tell(trouble.refused, " came after a gap and was refused",
+         " came after a gap and were refused");
     tell(trouble.inError, " was in error", " were in error");
     tell(trouble.evicted, " was pushed out of the table", " were pushed out of the table");
     if (!consequences.empty()) {

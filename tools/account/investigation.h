@@ -52,6 +52,7 @@ struct Observed {
     std::vector<End> ends;  // A stage each.
     // The first stage that another frame, which was told of later, left earlier.
     int32_t overtakenStage = -1;
+    int64_t overtaker = NO_FRAME;
     Place trouble;  // The line of the first of the above.
     Micros troubleTime = NO_TIME;
 

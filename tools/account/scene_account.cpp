@@ -321,6 +321,7 @@ void SceneAccount::OnStageEnd(const Step& step, const Event& event, bool isLast)
                 progress.newest[index] > seen.index) {
                 NoteTrouble(seen, step, event);
                 seen.overtakenStage = stage;
+                seen.overtaker = scene.frames[progress.newest[index] - forgotten].number;
             }
             if (progress.newest[index] == Progress::NONE || progress.newest[index] < seen.index) {
                 progress.newest[index] = seen.index;
@@ -332,7 +333,8 @@ void SceneAccount::OnStageEnd(const Step& step, const Event& event, bool isLast)
             times.end = step.time;
             if (times.start != NO_TIME && times.end != NO_TIME) {
                 const Micros length = std::max<Micros>(times.end - times.start, 0);
-                times.wait = lastEnds[index] == NO_TIME
+                // One that others have overtaken did not wait for them.
+                times.wait = lastEnds[index] == NO_TIME || seen.overtakenStage == stage
                                  ? 0
                                  : std::clamp<Micros>(lastEnds[index] - times.start, 0, length);
                 times.work = length - times.wait;

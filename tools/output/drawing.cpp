@@ -19,12 +19,15 @@ Look LookOf(const Frame& frame) {
         case FrameStatus::Open:
             break;
     }
+    if (frame.reason == Outcome::Unknown) {
+        return Look::Unknown;
+    }
     return frame.hasFinding ? Look::Stuck : Look::Open;
 }
 
 const char* WordOf(Look look) {
-    static constexpr const char* WORDS[LOOKS] = {"",        "late",    "stuck",  "error",
-                                                 "evicted", "refused", "unseen", "open"};
+    static constexpr const char* WORDS[LOOKS] = {"",        "late",   "stuck",   "error", "evicted",
+                                                 "refused", "unseen", "unknown", "open"};
     return WORDS[static_cast<size_t>(look)];
 }
 

@@ -13,8 +13,8 @@ namespace tools {
 
 // How a frame is shown: its status, but for complete frames that came late, and those that were
 // still in flight because something went wrong.
-enum class Look : uint8_t { Good, Late, Stuck, Error, Evicted, Refused, Unseen, Open };
-inline constexpr size_t LOOKS = 8;
+enum class Look : uint8_t { Good, Late, Stuck, Error, Evicted, Refused, Unseen, Unknown, Open };
+inline constexpr size_t LOOKS = 9;
 
 Look LookOf(const Frame& frame);
 // "late", "error" and so on; empty for a good frame.

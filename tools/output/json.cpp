@@ -88,6 +88,7 @@ Json ToJson(const Account& account, const Scene& scene) {
             {"started", scene.isStarted},
             {"frames", std::move(frames)},
             {"notBoosted", scene.notBoosted},
+            {"notKnown", scene.untold},
             {"late", scene.lateFrames},
             {"lateThreshold", Milliseconds(scene.lateThreshold)},
             {"latency", ToJson(scene.latency)},

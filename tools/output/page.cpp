@@ -204,6 +204,10 @@ class Page {
         }
         out << "; " << scene.lateFrames << " late, that is more than "
             << Milliseconds(scene.lateThreshold) << " ms after the frame before.";
+        if (scene.untold > 0) {
+            out << " What became of " << scene.untold
+                << " cannot be told, as lines of the log are missing.";
+        }
         if (drawn.hasTimes) {
             out << " Times count from the scene's start.</p>\n";
             WriteOverview(out, drawn, std::max<size_t>(COLUMNS / scenes.size(), 100));
@@ -293,7 +297,7 @@ class Page {
     void WriteFrames() {
         out << "<section aria-labelledby=frames><h2 id=frames>Frames not complete, or late</h2>\n"
                "<div class=wide><table id=list><thead><tr><th scope=col>scene<th scope=col>frame"
-               "<th scope=col>status<th scope=col>stage<th scope=col>reason<th scope=col>at, s"
+               "<th scope=col>status<th scope=col>in stage<th scope=col>reason<th scope=col>at, s"
                "<th scope=col>latency, ms<th scope=col>interval, ms<th scope=col>line</tr></thead>"
                "\n<tbody>";
         size_t count = 0;
@@ -346,7 +350,7 @@ class Page {
         if (known.additionalWidth) {
             out << " and " << *known.additionalWidth;
         } else {
-            out << " and one that the log does not tell";
+            out << ", and another if one is configured, which the log does not tell";
         }
         out << ". Modes:" << (known.modes.empty() ? " none" : "");
         for (const int32_t mode : known.modes) {

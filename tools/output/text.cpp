@@ -99,7 +99,7 @@ void WriteConfiguration(std::ostream& out, const Account& account) {
     }
     out << (configuration.modes.empty() ? " none" : "") << "; widths 3840";
     if (!configuration.additionalWidth) {
-        out << " and one that the log does not tell";
+        out << ", and another if one is configured, which the log does not tell";
     } else if (*configuration.additionalWidth != 0) {
         out << " and " << *configuration.additionalWidth;
     }
@@ -142,6 +142,10 @@ std::vector<std::string> RowOf(const std::string& name, const Statistics& statis
 
 void WriteFigures(std::ostream& out, const Account& account, const Scene& scene) {
     out << "\nFrames: " << FramesByStatus(scene) << ".\n";
+    if (scene.untold > 0) {
+        out << "What became of " << scene.untold
+            << " of them cannot be told: lines of the log are missing.\n";
+    }
     if (!account.hasTimes) {
         out << "The capture has no times: no durations, and nothing is known to be late or slow.\n";
         return;
@@ -174,11 +178,20 @@ void WriteFigures(std::ostream& out, const Account& account, const Scene& scene)
 }
 
 std::string DescribeStatus(const Frame& frame) {
-    if (frame.status == FrameStatus::Open) {
-        return frame.hasFinding ? "never left stage " + std::to_string(frame.stage)
-                                : "in flight at the end";
+    if (frame.status == FrameStatus::Open && frame.reason != Outcome::Unknown) {
+        return frame.hasFinding && frame.stage >= 0
+                   ? "not seen to leave stage " + std::to_string(frame.stage)
+               : frame.hasFinding ? "its end was never reported"
+                                  : "in flight at the end";
     }
-    return frame.status == FrameStatus::Complete ? "" : ReasonOf(frame.reason);
+    if (frame.status == FrameStatus::Complete) {
+        return "";
+    }
+    return (frame.status == FrameStatus::Error && frame.stage >= 0
+                ? "stage " + std::to_string(frame.stage) + ": "
+                : std::string()) +
+           ReasonOf(frame.reason) +
+           (frame.reason == Outcome::Unknown ? ": what became of it cannot be told" : "");
 }
 
 void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
@@ -255,8 +268,8 @@ std::string LineOf(const Account& account, const Scene* scene, const AccountedFi
     AccountedFinding told = finding;
     if (scene != nullptr && scene->begin != NO_TIME && finding.time != NO_TIME &&
         finding.time > scene->begin) {
-        told.message +=
-            " (" + Fixed(static_cast<double>(finding.time - scene->begin) / 1e6, 3) + " s)";
+        told.message += " (" + Fixed(static_cast<double>(finding.time - scene->begin) / 1e6, 3) +
+                        " s into the scene)";
     }
     if (finding.place.line == 0) {
         return std::string(NameOf(told.severity)) + ": " + told.message + " [" + told.check + "]";
@@ -297,7 +310,8 @@ void WriteText(std::ostream& out, const Account& account, const TextOptions& opt
         if (!scene.isStarted) {
             out << ", not started";
         } else if (scene.begin != NO_TIME && scene.end != NO_TIME) {
-            out << ", " << Fixed(static_cast<double>(scene.end - scene.begin) / 1e6, 3) << " s";
+            out << ", lasted " << Fixed(static_cast<double>(scene.end - scene.begin) / 1e6, 3)
+                << " s";
         }
         out << (scene.isBeginningMissing ? "; it had begun before the capture\n" : "\n");
         for (const AccountedFinding& finding : scene.findings) {
@@ -348,6 +362,8 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
             count(NameOf(static_cast<FrameStatus>(status)), old.statusCounts[status],
                   now.statusCounts[status]);
         }
+        count("not boosted", old.notBoosted, now.notBoosted);
+        count("not known", old.untold, now.untold);
         count("late", old.lateFrames, now.lateFrames);
         table.Add({"fps", Fixed(RateOf(old), 1), Fixed(RateOf(now), 1),
                    Fixed(RateOf(now) - RateOf(old), 1)});
@@ -393,6 +409,13 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
     collect(before, &Change::before);
     collect(after, &Change::after);
     out << '\n';
+    const auto isSame = [](const auto& change) {
+        return change.second.before == change.second.after;
+    };
+    if (std::all_of(changes.begin(), changes.end(), isSame)) {
+        out << "No finding came or went"
+            << (changes.empty() ? ": there are none.\n" : ": both have the same.\n");
+    }
     for (const auto& [key, change] : changes) {
         if (change.before == change.after) {
             continue;

@@ -98,7 +98,7 @@ void WriteRowName(std::ostream& out, int height, std::string_view name) {
 std::string Describe(const Frame& frame) {
     const Look look = LookOf(frame);
     std::string text = "Frame " + std::to_string(frame.number) + ": ";
-    text += look == Look::Stuck ? WordOf(look) : NameOf(frame.status);
+    text += look == Look::Stuck || look == Look::Unknown ? WordOf(look) : NameOf(frame.status);
     text += frame.isLate ? ", late" : "";
     if (frame.reason != Outcome::Forwarded) {
         text += std::string(", ") + ReasonOf(frame.reason);
@@ -290,7 +290,7 @@ class Timeline {
 }  // namespace
 
 const char* MarkOf(Look look) {
-    static constexpr const char* MARKS[LOOKS] = {"", "▲", "■", "✕", "◆", "⊘", "○", "…"};
+    static constexpr const char* MARKS[LOOKS] = {"", "▲", "■", "✕", "◆", "⊘", "○", "?", "…"};
     return MARKS[static_cast<size_t>(look)];
 }
 
@@ -402,8 +402,9 @@ void WriteLegend(std::ostream& out, const Scene& scene) {
         "in flight to the end, never seen to leave its stage",
         "reported to the service as bad, by the library or the HAL",
         "pushed out of the library's table by newer frames",
-        "its start was refused",
+        "the library refused to boost it, as it came out of sequence",
         "nodes reported it, but the library never had it in flight",
+        "lines of the log are missing, so what became of it cannot be told",
         "still in flight at the end",
     };
     const auto item = [&out](const char* look, const char* part) -> std::ostream& {
