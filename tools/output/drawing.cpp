@@ -25,6 +25,12 @@ Look LookOf(const Frame& frame) {
     return frame.hasFinding ? Look::Stuck : Look::Open;
 }
 
+int32_t StageOf(const Frame& frame) {
+    const bool isKeptOut =
+        frame.status == FrameStatus::Refused || frame.status == FrameStatus::Unseen;
+    return isKeptOut ? -1 : frame.stage;
+}
+
 const char* WordOf(Look look) {
     static constexpr const char* WORDS[LOOKS] = {"",        "late",   "stuck",   "error", "evicted",
                                                  "refused", "unseen", "unknown", "open"};

@@ -17,6 +17,9 @@ enum class Look : uint8_t { Good, Late, Stuck, Error, Evicted, Refused, Unseen, 
 inline constexpr size_t LOOKS = 9;
 
 Look LookOf(const Frame& frame);
+// The stage at which a frame went wrong, or that it got to; -1 where that would mislead, as the
+// library never had the frame.
+int32_t StageOf(const Frame& frame);
 // "late", "error" and so on; empty for a good frame.
 const char* WordOf(Look look);
 

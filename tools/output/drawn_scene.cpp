@@ -100,8 +100,8 @@ void DrawnScene::AddWindow(Span window, size_t& bars) {
     windows.insert(std::find_if(windows.begin(), windows.end(), isLater), window);
 }
 
-bool DrawnScene::IsDrawn(size_t frame) const {
-    const auto holds = [&](const Span& window) { return window.Holds(moments[frame]); };
+bool DrawnScene::HoldsMoment(Micros time) const {
+    const auto holds = [time](const Span& window) { return window.Holds(time); };
     return std::any_of(windows.begin(), windows.end(), holds);
 }
 

@@ -28,7 +28,8 @@ class DrawnScene {
     // more of them than there are left in `bars`, and takes from it what it needs.
     void AddWindow(Span window, size_t& bars);
 
-    bool IsDrawn(size_t frame) const;
+    bool IsDrawn(size_t frame) const { return HoldsMoment(moments[frame]); }
+    bool HoldsMoment(Micros time) const;
     // The frame that a finding is about: of several of its number the one nearest in time.
     std::optional<size_t> FrameOf(const AccountedFinding& finding) const;
 

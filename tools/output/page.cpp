@@ -156,9 +156,15 @@ class Page {
                 const Micros moment =
                     frame && finding->time == NO_TIME ? drawn->moments[*frame] : finding->time;
                 const bool isDrawn = frame && drawn->IsDrawn(*frame);
-                out << " <a href=\"#" << (isDrawn ? 'f' : 's') << drawn->index;
+                // Of the capture, and no frame's: drawn as a mark.
+                const bool isMark =
+                    !frame && drawn->HoldsMoment(moment) &&
+                    (finding->check == "clock-jump" || finding->check == "lines-lost");
+                out << " <a href=\"#" << (isDrawn ? 'f' : isMark ? 'm' : 's') << drawn->index;
                 if (isDrawn) {
                     out << '-' << *frame;
+                } else if (isMark) {
+                    out << '-' << moment - drawn->span.begin;
                 }
                 out << "\">scene " << drawn->index + 1;
                 if (moment != NO_TIME && drawn->hasTimes) {
@@ -202,8 +208,12 @@ class Page {
                     << NameOf(FrameStatus(status));
             }
         }
-        out << "; " << scene.lateFrames << " late, that is more than "
-            << Milliseconds(scene.lateThreshold) << " ms after the frame before.";
+        if (drawn.hasTimes) {
+            out << "; " << scene.lateFrames << " late, that is more than "
+                << Milliseconds(scene.lateThreshold) << " ms after the frame before.";
+        } else {
+            out << "; without times, none is known to be late.";
+        }
         if (scene.untold > 0) {
             out << " What became of " << scene.untold
                 << " cannot be told, as lines of the log are missing.";
@@ -220,10 +230,10 @@ class Page {
             for (const Span& window : drawn.windows) {
                 WriteTimeline(out, drawn, window);
             }
+            WriteFigures(scene);
         } else {
             out << "</p>\n";
         }
-        WriteFigures(scene);
         out << "</section>\n";
     }
 
@@ -329,8 +339,9 @@ class Page {
         }
         out << "<td class=" << WordOf(look) << '>' << MarkOf(look) << ' ' << WordOf(look)
             << (frame.isLate && look != Look::Late ? ", late" : "") << "<td>"
-            << (frame.stage >= 0 ? std::to_string(frame.stage) : "") << "<td>"
-            << ReasonOf(frame.reason) << "<td>";
+            << (StageOf(frame) >= 0 ? std::to_string(StageOf(frame)) : "") << "<td>"
+            << (look == Look::Stuck ? "never seen to leave the stage" : ReasonOf(frame.reason))
+            << "<td>";
         if (drawn.hasTimes) {
             out << Fixed(static_cast<double>(drawn.moments[index] - drawn.span.begin) / 1e6, 3);
         }

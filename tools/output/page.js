@@ -4,9 +4,10 @@
     const tip = document.getElementById('tip');
     document.documentElement.classList.add('script');
 
-    const titleOf = (element) => element.querySelector(':scope > title')?.textContent ?? '';
+    const SVG = 'http://www.w3.org/2000/svg';
+    const descOf = (element) => element.querySelector(':scope > desc')?.textContent ?? '';
     // What there is to say of a bar: its stage, and its frame as a whole.
-    const tell = (bar) => `${titleOf(bar)}\n${titleOf(bar.parentNode)}`;
+    const tell = (bar) => `${descOf(bar)}\n${descOf(bar.parentNode)}`;
 
     const showTip = (text, box) => {
         tip.textContent = text;
@@ -26,6 +27,12 @@
             this.figure = figure;
             this.scroll = figure.querySelector('.scroll');
             this.svg = this.scroll.querySelector('svg');
+            // The browser's own tips would cover those that are shown here.
+            this.svg.querySelectorAll('.f title').forEach((title) => {
+                const desc = document.createElementNS(SVG, 'desc');
+                desc.textContent = title.textContent;
+                title.replaceWith(desc);
+            });
             this.width = parseFloat(this.svg.style.width);
             this.zoom = 1;
             this.frames = [...this.svg.querySelectorAll('.f')];
@@ -102,7 +109,7 @@
                 if (bar) {
                     showTip(tell(bar), bar.getBoundingClientRect());
                 } else if (frame) {
-                    showTip(titleOf(frame), event.target.getBoundingClientRect());
+                    showTip(descOf(frame), event.target.getBoundingClientRect());
                 } else {
                     hideTip();
                 }
@@ -208,11 +215,11 @@
             }
             timelines.filter((other) => other !== this).forEach((other) => other.follow(null));
             const bars = [...frame.querySelectorAll('.b')];
-            this.chosen.textContent = [frame, ...bars].map(titleOf).join('\n');
+            this.chosen.textContent = [frame, ...bars].map(descOf).join('\n');
             bars.slice(1).forEach((bar, i) => {
                 const before = [...bars[i].querySelectorAll('rect')].at(-1);
                 const after = bar.querySelector('rect');
-                const line = document.createElementNS('http://www.w3.org/2000/svg', 'line');
+                const line = document.createElementNS(SVG, 'line');
                 const number = (rect, name) => parseFloat(rect.getAttribute(name));
                 line.setAttribute('class', 'path');
                 line.setAttribute('x1', `${number(before, 'x') + number(before, 'width')}%`);

@@ -69,8 +69,12 @@ void WriteMarks(std::ostream& out, const DrawnScene& drawn, const Span& span, in
         if (time >= span.begin && time <= span.end && left > 0) {
             --left;
             const std::string x = Percent(time - span.begin, span);
-            out << "<rect class=\"mark disturbance\" x=" << x << " width=2 y=" << y + 1
-                << " height=" << height - 2 << "><title>" << Escaped{words} << "</title></rect>";
+            out << "<rect class=\"mark disturbance\"";
+            if (height > LANE) {
+                out << " id=m" << drawn.index << '-' << time - drawn.span.begin;
+            }
+            out << " x=" << x << " width=2 y=" << y + 1 << " height=" << height - 2 << "><title>"
+                << Escaped{words} << "</title></rect>";
             if (height > LANE) {
                 out << "<text class=word dx=5 x=" << x << " y=" << height - 4 << '>'
                     << Escaped{words} << "</text>";
@@ -102,7 +106,8 @@ std::string Describe(const Frame& frame) {
     text += frame.isLate ? ", late" : "";
     if (frame.reason != Outcome::Forwarded) {
         text += std::string(", ") + ReasonOf(frame.reason);
-        text += frame.stage >= 0 ? " (stage " + std::to_string(frame.stage) + ")" : "";
+        const int32_t stage = StageOf(frame);
+        text += stage >= 0 ? " (stage " + std::to_string(stage) + ")" : "";
     }
     if (frame.start != NO_TIME && frame.end != NO_TIME) {
         text += "; latency " + Milliseconds(frame.end - frame.start) + " ms";

@@ -139,7 +139,9 @@ class TraceWriter {
         };
         if (told.start != NO_TIME) {
             add(What::InFlight, told.start, 1);
-            add(What::InFlight, told.end == NO_TIME ? frame.span.end : told.end, -1);
+            // What never ends keeps its place until the scene does.
+            add(What::InFlight,
+                told.end == NO_TIME ? std::max(frame.span.end, scene.end) : told.end, -1);
         }
         if (told.interval != NO_TIME && told.output != NO_TIME) {
             add(What::Interval, told.output, 0);
