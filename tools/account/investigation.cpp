@@ -227,6 +227,9 @@ void Investigation::Examine(const Observed& seen, size_t position) {
             ++scene.notBoosted;
         }
     }
+    if (seen.isDoubtful) {
+        NoteAbsent(seen, position);
+    }
     hasStarted = hasStarted || seen.isStarted;
     recent.push_front({seen.number, cause == nullptr ? 0 : cause->id, frame.output,
                        seen.overtakenStage == 0 || !HasEnded(seen, 0) ||
@@ -521,6 +524,29 @@ bool Investigation::IsCaughtUp(size_t position, Micros excess) const {
     return won > excess / 2;
 }
 
+// Where lines are missing there may be none left of a frame.
+void Investigation::NoteAbsent(const Observed& seen, size_t position) {
+    constexpr size_t NEAR = 8;     // Frames come that much out of order at most.
+    constexpr int64_t MANY = 100;  // Beyond that the numbers mean something else.
+    Trouble* open = FindOpen("lines-lost");
+    if (open == nullptr || recent.empty()) {
+        return;
+    }
+    int64_t newest = recent.front().number;
+    for (const Examined& before : recent) {
+        newest = std::max(newest, before.number);
+    }
+    const auto from = scene.frames.begin() + static_cast<std::ptrdiff_t>(position);
+    const auto to =
+        from + static_cast<std::ptrdiff_t>(std::min(NEAR, scene.frames.size() - position));
+    for (int64_t number = newest + 1; number < seen.number && seen.number - newest <= MANY;
+         ++number) {
+        if (std::none_of(from, to, [number](const Frame& next) { return next.number == number; })) {
+            open->absent.Add(number);
+        }
+    }
+}
+
 void Investigation::JoinWaiting(const Observed& seen, size_t position) {
     Trouble* delay = Find(delayId);
     if (delay == nullptr || delay->finding.frame == seen.number) {
@@ -624,6 +650,11 @@ void Investigation::Conclude(Trouble& trouble) {
                (finding.frame ? " around frame " + Number(*finding.frame) : "");
         if (trouble.untold.count > 0) {
             text += ": what became of " + trouble.untold.ToString() + " cannot be told";
+        }
+        if (trouble.absent.count > 0) {
+            text += (trouble.untold.count > 0 ? "; of " : ": of ") + trouble.absent.ToString() +
+                    " no line is left, so that no count includes " +
+                    (trouble.absent.count == 1 ? "it" : "them");
         }
     }
     if (trouble.isOfScene) {

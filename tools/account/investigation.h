@@ -122,7 +122,7 @@ class Investigation {
         bool isOfScene = false;    // Goes on until the scene ends.
         int64_t touched = 0;       // When the last of its consequences was found.
         FrameList frames;          // Of one that isOfScene: where it happened.
-        FrameList unseen, refused, inError, evicted, waited, late, untold;
+        FrameList unseen, refused, inError, evicted, waited, late, untold, absent;
         Micros longest = 0;
         int64_t lines = 0;
         bool namesFrame = false;  // The finding's frame is the best to name.
@@ -163,6 +163,7 @@ class Investigation {
     static std::string DescribeGap(const Observed& seen);
     Trouble* FindDelay(const Observed& seen, const Frame& frame, size_t position);
     bool IsCaughtUp(size_t position, Micros excess) const;
+    void NoteAbsent(const Observed& seen, size_t position);
     void JoinWaiting(const Observed& seen, size_t position);
     void CloseTroubles(bool all);
     void Conclude(Trouble& trouble);

@@ -221,7 +221,7 @@ class Page {
         if (drawn.hasTimes) {
             out << " Times count from the scene's start.</p>\n";
             WriteOverview(out, drawn, std::max<size_t>(COLUMNS / scenes.size(), 100));
-            WriteLegend(out, scene);
+            WriteLegend(out, drawn);
             if (scene.frames.size() > WHOLE_FRAMES) {
                 out << "<p>It is too long to be drawn whole. "
                     << (drawn.windows.empty() ? "" : "Below are its worst moments. ")

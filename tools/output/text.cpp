@@ -213,16 +213,19 @@ void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
     }
     const bool isLimited = !options.showsAllFrames && !options.frames && count > ROWS;
     out << (options.frames || options.showsAllFrames ? "\nFrames"
-                                                     : "\nFrames that were not complete, or late");
+            : account.hasTimes                       ? "\nFrames that were not complete, or late"
+                                                     : "\nFrames that were not complete");
     if (isLimited) {
         out << ", the first " << ROWS << " of " << count << " (--all shows every frame)";
     }
-    out << "; milliseconds from the scene's start:\n";
+    out << (account.hasTimes ? "; milliseconds from the scene's start:\n" : ":\n");
     Table table;
-    std::vector<std::string> head = {"frame", "line",    "status",  "start",
-                                     "end",   "latency", "interval"};
-    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-        head.push_back("stage" + std::to_string(stage));
+    std::vector<std::string> head = {"frame", "line", "status"};
+    if (account.hasTimes) {
+        head.insert(head.end(), {"start", "end", "latency", "interval"});
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            head.push_back("stage" + std::to_string(stage));
+        }
     }
     head.emplace_back("");
     table.Add(std::move(head));
@@ -238,13 +241,14 @@ void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
                        ? std::string("-")
                        : Milliseconds(moment - since, account.resolution);
         };
-        std::vector<std::string> row = {
-            std::to_string(frame.number), std::to_string(frame.place.line),
-            NameOf(frame.status),         time(frame.start, scene.begin),
-            time(frame.end, scene.begin), time(frame.end, frame.start),
-            time(frame.interval, 0)};
-        for (const StageTimes& times : scene.StagesOf(i)) {
-            row.push_back(time(times.end, times.start));
+        std::vector<std::string> row = {std::to_string(frame.number),
+                                        std::to_string(frame.place.line), NameOf(frame.status)};
+        if (account.hasTimes) {
+            row.insert(row.end(), {time(frame.start, scene.begin), time(frame.end, scene.begin),
+                                   time(frame.end, frame.start), time(frame.interval, 0)});
+            for (const StageTimes& times : scene.StagesOf(i)) {
+                row.push_back(time(times.end, times.start));
+            }
         }
         row.push_back((frame.isLate ? "late" : "") +
                       (frame.isLate && frame.status != FrameStatus::Complete ? std::string("; ")

@@ -400,7 +400,7 @@ void WriteOverview(std::ostream& out, const DrawnScene& drawn, size_t columns) {
     out << "</svg></div></figure>\n";
 }
 
-void WriteLegend(std::ostream& out, const Scene& scene) {
+void WriteLegend(std::ostream& out, const DrawnScene& drawn) {
     static constexpr const char* MEANINGS[LOOKS] = {
         "",
         "came out late",
@@ -419,12 +419,19 @@ void WriteLegend(std::ostream& out, const Scene& scene) {
                    << "\"><rect " << part << "width=22 height=13 /></g></g></svg> ";
     };
     std::array<bool, LOOKS> isSeen{};
-    for (const Frame& frame : scene.frames) {
+    for (const Frame& frame : drawn.scene.frames) {
         isSeen[static_cast<size_t>(LookOf(frame))] = true;
     }
+    const bool isGoodOneBlamed =
+        std::any_of(drawn.blamed.begin(), drawn.blamed.end(), [&drawn](const auto& blamed) {
+            return LookOf(drawn.scene.frames[blamed.first]) == Look::Good;
+        });
     out << "<ul class=legend>";
     item("good", "") << "at work";
     item("good", "class=w ") << "waiting for the frame before";
+    if (isGoodOneBlamed) {
+        item("good blamed", "") << "outlined: boosted, but a finding is about it";
+    }
     for (size_t look = 1; look < LOOKS; ++look) {
         if (isSeen[look]) {
             item(WordOf(Look(look)), "")

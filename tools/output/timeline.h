@@ -14,7 +14,7 @@ const char* MarkOf(Look look);
 // The whole scene: the output interval, and a lane for each look that a frame has. A column's worst
 // frame wins, so that no bad frame ever disappears.
 void WriteOverview(std::ostream& out, const DrawnScene& drawn, size_t columns);
-void WriteLegend(std::ostream& out, const Scene& scene);
+void WriteLegend(std::ostream& out, const DrawnScene& drawn);
 // A row a stage, a bar a frame and stage; what a script needs to know stands in classes, ids and
 // titles.
 void WriteTimeline(std::ostream& out, const DrawnScene& drawn, const Span& window);
