@@ -208,6 +208,12 @@ class Page {
                     << NameOf(FrameStatus(status));
             }
         }
+        const auto stuck =
+            std::count_if(scene.frames.begin(), scene.frames.end(),
+                          [](const Frame& frame) { return LookOf(frame) == Look::Stuck; });
+        if (stuck > 0) {
+            out << ", " << stuck << " of them stuck";
+        }
         if (drawn.hasTimes) {
             out << "; " << scene.lateFrames << " late, that is more than "
                 << Milliseconds(scene.lateThreshold) << " ms after the frame before.";
