@@ -313,6 +313,10 @@ TEST(AccountTest, MakesTheMostOfACaptureThatIsNotWhole) {
                       capture.substr(lineAt(hole + 60 * 180)));
     ASSERT_EQ(FindingsOf(account).size(), 1U) << TextOf(account);
     EXPECT_EQ(account.scenes.at(0).findings[0].check, "lines-lost") << TextOf(account);
+    EXPECT_EQ(account.scenes[0].notBoosted, 0) << TextOf(account);
+    EXPECT_GT(account.scenes[0].untold, 0) << TextOf(account);
+    EXPECT_EQ(TextOf(account).find("not seen to leave"), std::string::npos) << TextOf(account);
+    EXPECT_NE(VerdictOf(account).find("cannot be told"), std::string::npos);
 
     // The clock is set: nothing is late for that.
     std::string set = capture.substr(hole);
