@@ -143,13 +143,14 @@ void AppendMessage(std::string& text, const Format& format, std::string_view mes
         return;
     }
     for (const char character : message) {
+        const auto code = static_cast<unsigned char>(character);
         const size_t letter = escaped.find(character);
         if (letter != std::string_view::npos) {
             text += {'\\', letters[letter]};
-        } else if (character >= 0 && character < ' ' && character != '\t' && character != '\n') {
+        } else if (code < ' ' && character != '\t' && character != '\n') {
             text += '\\';
-            text += character >= 8 ? std::string{char('0' + character / 8)} : "";
-            text += char('0' + character % 8);
+            text += code >= 8 ? std::string{char('0' + code / 8)} : "";
+            text += char('0' + code % 8);
         } else {
             text += character;
         }
