@@ -368,7 +368,7 @@ void AddExplain(CLI::App& app, Run& run) {
         ->type_name("PERIODS");
     command
         ->add_option("--compare", arguments->other,
-                     "Show what changed from CAPTURE to this capture")
+                     "Show what changed from the captures given to this one")
         ->type_name("CAPTURE");
     command->add_flag("--follow", arguments->isFollowing,
                       "Read on as the log comes, show findings as they are found");

@@ -346,7 +346,9 @@ class Page {
         out << "<td class=" << WordOf(look) << '>' << MarkOf(look) << ' ' << WordOf(look)
             << (frame.isLate && look != Look::Late ? ", late" : "") << "<td>"
             << (StageOf(frame) >= 0 ? std::to_string(StageOf(frame)) : "") << "<td>"
-            << (look == Look::Stuck ? "never seen to leave the stage" : ReasonOf(frame.reason))
+            << (look == Look::Stuck && frame.reason == Outcome::Forwarded
+                    ? "never seen to leave the stage"
+                    : ReasonOf(frame.reason))
             << "<td>";
         if (drawn.hasTimes) {
             out << Fixed(static_cast<double>(drawn.moments[index] - drawn.span.begin) / 1e6, 3);
