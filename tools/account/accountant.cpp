@@ -96,7 +96,8 @@ void Accountant::Implementation::OnStep(const Step& step) {
             }
             return Refuse(camera, step, Outcome::NotDescribed);
         }
-        if (camera.isVideo && camera.width != 3840 && extra == NOT_KNOWN) {
+        // Of a scene that is no video a log does not even tell that it was started.
+        if (camera.isVideo ? camera.width != 3840 && extra == NOT_KNOWN : camera.scene == nullptr) {
             camera.pending = step;
         }
     }
@@ -213,6 +214,9 @@ void Accountant::Implementation::Refuse(const Camera& camera, const Step& step, 
         }
     } else {
         finding.message = "nothing is boosted: " + WhyNotBoosted(camera);
+        if (step.call.operation->name == "TcfbtSetSceneInfo" && !camera.isVideo) {
+            finding.severity = Severity::Note;  // As it is to be, for a preview or a photo.
+        }
     }
     // A HAL that tries again and again is told of once.
     if (!account.scenes.empty()) {

@@ -128,7 +128,7 @@ Investigation::Trouble& Investigation::Raise(const char* check, Severity severit
     finding.check = check;
     finding.severity = severity;
     finding.message = std::move(what);
-    finding.place = seen.trouble;
+    finding.place = seen.trouble.line != 0 ? seen.trouble : lastOfFrame;
     finding.time = seen.troubleTime;
     finding.frame = seen.number;
     finding.stage = stage;
@@ -156,11 +156,21 @@ Investigation::Trouble* Investigation::Find(int64_t id) {
     return found == troubles.end() ? nullptr : &*found;
 }
 
-Investigation::Trouble* Investigation::FindOpen(std::string_view check) {
-    const auto found =
-        std::find_if(troubles.begin(), troubles.end(),
-                     [check](const Trouble& trouble) { return trouble.finding.check == check; });
-    return found == troubles.end() ? nullptr : &*found;
+// The trouble of missing lines that the `hole`-th frame may suffer from. One hole shows in many
+// places.
+Investigation::Trouble& Investigation::RaiseLostLines(const Observed& seen, size_t hole) {
+    for (Trouble& trouble : troubles) {
+        if (trouble.finding.check == "lines-lost" && hole <= trouble.hole + AFTERMATH &&
+            trouble.hole <= hole + AFTERMATH) {
+            trouble.hole = std::max(trouble.hole, hole);
+            return trouble;
+        }
+    }
+    Trouble& trouble = Raise("lines-lost", Severity::Warning, seen, -1, "");
+    trouble.costsFrame = false;
+    trouble.finding.frame.reset();
+    trouble.hole = hole;
+    return trouble;
 }
 
 // The trouble of the frame before that kept this one from being started as it should have been.
@@ -190,6 +200,12 @@ void Investigation::Examine(const Observed& seen, size_t position) {
     Frame& frame = scene.frames[position];
     if (seen.isDoubtful) {
         frame.interval = NO_TIME;
+    }
+    lastOfFrame = frame.place;
+    for (const Observed::End& end : seen.ends) {
+        const bool isLater = std::pair(end.place.input, end.place.line) >
+                             std::pair(lastOfFrame.input, lastOfFrame.line);
+        lastOfFrame = isLater ? end.place : lastOfFrame;
     }
     frame.isLate = frame.interval != NO_TIME && frame.interval > scene.lateThreshold;
     if (frame.isLate) {
@@ -278,10 +294,7 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
     const bool wentOn =
         hasStageLeft && !isGivenUp && (seen.ended >> stageNotLeft != 0 || seen.hasEnded);
     if (seen.isDoubtful && (seen.isLineMissing || isGivenUp || !isComplete)) {
-        Trouble* open = FindOpen("lines-lost");
-        Trouble& trouble =
-            open != nullptr ? *open : Raise("lines-lost", Severity::Warning, last, -1, "");
-        trouble.costsFrame = false;
+        Trouble& trouble = RaiseLostLines(last, seen.index);
         // The best to name is the first that nobody saw come out of the first stage.
         if (!trouble.namesFrame) {
             trouble.namesFrame = !HasEnded(seen, 0);
@@ -317,9 +330,6 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
     const auto raiseRepeat = [&](Severity severity) {
         const auto& first = seen.ends[static_cast<size_t>(seen.repeatedStage)];
         const std::string stage = name + ": " + StageName(seen.repeatedStage);
-        if (first.camera != seen.repeat.camera) {
-            return &RaiseOfScene("two-cameras", Severity::Error, seen, -1, "");
-        }
         return first.port != seen.repeat.port
                    ? &Raise("second-port", severity, seen, seen.repeatedStage,
                             stage + " ended twice, on port " + std::to_string(first.port) +
@@ -327,6 +337,12 @@ Investigation::Trouble* Investigation::FindStatusCause(const Observed& seen, con
                    : &Raise("stage-order", severity, seen, seen.repeatedStage,
                             stage + " was reported twice");
     };
+
+    // That is then behind whatever else befell the frame.
+    if (seen.repeatedStage >= 0 &&
+        seen.ends[static_cast<size_t>(seen.repeatedStage)].camera != seen.repeat.camera) {
+        return &RaiseOfScene("two-cameras", Severity::Error, seen, -1, "");
+    }
 
     // What did no harm to the frame.
     const auto raiseHarmless = [&]() -> Trouble* {
@@ -481,7 +497,7 @@ Investigation::Trouble* Investigation::FindDelay(const Observed& seen, const Fra
         }
         longestWait = std::max(longestWait, times[i].wait - progress.waits[i].Median());
     }
-    if (longestWork < longestWait || longestWork < excess / 2) {
+    if (stage < 0 || longestWork < longestWait || longestWork < excess / 2) {
         if (Trouble* delay = longestWait >= excess / 2 ? Find(delayId) : nullptr) {
             return late(delay);
         }
@@ -569,18 +585,11 @@ void Investigation::JoinWaiting(const Observed& seen, size_t position) {
     }
 }
 
-void Investigation::NoteLostLines(const Disturbance& disturbance) {
+void Investigation::NoteLostLines(const Disturbance& disturbance, size_t opened) {
     Observed seen;
     seen.trouble = disturbance.place;
     seen.troubleTime = disturbance.time;
-    // One hole shows in many places.
-    Trouble* open = FindOpen("lines-lost");
-    Trouble& trouble =
-        open != nullptr ? *open : Raise("lines-lost", Severity::Warning, seen, -1, "");
-    if (open == nullptr) {
-        trouble.costsFrame = false;
-        trouble.finding.frame.reset();
-    }
+    Trouble& trouble = RaiseLostLines(seen, opened);
     trouble.lines += std::max<int64_t>(disturbance.amount, 1);
     // Frames that it may concern are examined only when others have followed them.
     trouble.touched = examined + 4 * AFTERMATH;

@@ -92,8 +92,9 @@ class Investigation {
 
     // Looks at a frame, which is the scene's `position`-th that is kept.
     void Examine(const Observed& seen, size_t position);
-    // Lines of the capture are known to be missing; 0: not known how many.
-    void NoteLostLines(const Disturbance& disturbance);
+    // Lines of the capture are known to be missing; 0: not known how many. `opened`: how many
+    // frames there had been by then.
+    void NoteLostLines(const Disturbance& disturbance, size_t opened);
     // A node end that ends no stage. `nearMiss`: what it looks like but is not.
     void NoteIgnored(const std::string& node, int32_t port, const Place& place);
     void NoteFinding(AccountedFinding finding);
@@ -125,6 +126,7 @@ class Investigation {
         FrameList unseen, refused, inError, evicted, waited, late, untold, absent;
         Micros longest = 0;
         int64_t lines = 0;
+        size_t hole = 0;          // Of missing lines: the latest frame that may suffer from them.
         bool namesFrame = false;  // The finding's frame is the best to name.
     };
 
@@ -155,7 +157,7 @@ class Investigation {
     Trouble& RaiseOfScene(const char* check, Severity severity, const Observed& seen, int32_t stage,
                           std::string what);
     Trouble* Find(int64_t id);
-    Trouble* FindOpen(std::string_view check);
+    Trouble& RaiseLostLines(const Observed& seen, size_t hole);
     Trouble* CauseBefore(const Observed& seen);
     int32_t StageNotLeft(const Observed& seen) const;
     Trouble* FindStatusCause(const Observed& seen, const Frame& frame,
@@ -174,6 +176,7 @@ class Investigation {
     const Progress& progress;
     Listener listener;
     int64_t examined = 0;
+    Place lastOfFrame;  // The line that last tells of the one that is being examined.
     int64_t lastId = 0;
     std::list<Trouble> troubles;  // Those that may have more consequences.
     std::deque<Examined> recent;  // The latest first.

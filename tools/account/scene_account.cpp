@@ -18,6 +18,7 @@ constexpr size_t JUDGED_AHEAD = 24;
 constexpr size_t EARLY = 24;
 // Frames that are kept where frames need not be kept.
 constexpr size_t KEPT = 4096;
+constexpr Micros SECOND = 1'000'000;
 constexpr int32_t MAX_STAGES = 64;  // Observed::ended has a bit a stage.
 constexpr size_t PLACES = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
 
@@ -493,6 +494,7 @@ void SceneAccount::OnDisturbance(const Disturbance& disturbance) {
                 }
             }
         }
+        const Micros unit = std::abs(disturbance.amount) < 10 * SECOND ? 1000 : SECOND;
         AccountedFinding finding;
         finding.check = "clock-jump";
         finding.severity = Severity::Warning;
@@ -500,8 +502,8 @@ void SceneAccount::OnDisturbance(const Disturbance& disturbance) {
         finding.time = disturbance.time;
         finding.message = "the clock was set " +
                           std::string(disturbance.amount < 0 ? "back" : "forward") + " by " +
-                          std::to_string(std::abs(disturbance.amount) / 1000) +
-                          " ms; nothing is timed across that";
+                          std::to_string(std::abs(disturbance.amount) / unit) +
+                          (unit == SECOND ? " s" : " ms") + "; nothing is timed across that";
         NoteFinding(std::move(finding));
     } else if (disturbance.kind == Disturbance::Kind::LinesLost) {
         for (Observed& seen : window) {
@@ -514,7 +516,7 @@ void SceneAccount::OnDisturbance(const Disturbance& disturbance) {
                 seen.isDoubtful || (!seen.IsThrough(scene.stageCount) && !isOvertaken);
         }
         doubtfulUntil = opened + 2;
-        investigation.NoteLostLines(disturbance);
+        investigation.NoteLostLines(disturbance, opened);
     }
 }
 

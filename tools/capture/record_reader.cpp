@@ -292,11 +292,17 @@ void RecordReader::ReadLine(std::string_view line) {
     if (isHeld && isLong && GoesOnLong(line)) {
         return;
     }
+    const bool isLongHead = line.starts_with("[ ") && line.ends_with(" ]");
+    if (isOthersLong && !isLongHead && !line.starts_with("-----")) {
+        isOthersLong = !line.empty();
+        return;
+    }
+    isOthersLong = false;
     // Most lines of a device are not the library's.
     const bool isAsLast = !lastHead.empty() && line.starts_with(lastHead);
     const bool isTagWhereLast =
         line.size() > lastHead.size() && line.substr(lastHead.size()).starts_with(FACADE_TAG);
-    if (!isAsLast && !isTagWhereLast && !Contains(line, FACADE_TAG) &&
+    if (!isAsLast && !isTagWhereLast && !isLongHead && !Contains(line, FACADE_TAG) &&
         !Contains(line, CHATTY_TAG)) {
         Settle();
         return;
@@ -304,7 +310,8 @@ void RecordReader::ReadLine(std::string_view line) {
     Head head;
     if (!(isAsLast ? ReadHeadAsLast(line, head) : ReadHead(line, head))) {
         Settle();
-        if (Contains(line, LIBRARY_FILE)) {
+        isOthersLong = head.isOthers && head.isLong;
+        if (!head.isOthers && Contains(line, LIBRARY_FILE)) {
             sink.OnFragment(line, place);
         }
         return;
@@ -413,8 +420,11 @@ bool RecordReader::ReadHead(std::string_view line, Head& head) {
             return false;
         }
         rest.remove_prefix(slash - 1);
-        return TakePriority(rest, record.priority) && Skip(rest, "/") &&
-               TakeTag(rest, record.tag) && rest == "]";
+        if (!TakePriority(rest, record.priority) || !Skip(rest, "/")) {
+            return false;
+        }
+        head.isOthers = !Contains(rest, FACADE_TAG) && !rest.starts_with(CHATTY_TAG);
+        return TakeTag(rest, record.tag) && rest == "]";
     }
     if (ReadTime(rest, record.time)) {
         SkipBlanks(rest);
@@ -476,7 +486,8 @@ bool RecordReader::ReadHeadAsLast(std::string_view line, Head& head) {
     head.record = lastRecord;
     head.isTagged = true;
     head.isLong = false;
-    if (!TakeTag(rest, head.record.tag) || !SkipColon(rest)) {
+    head.isOthers = false;
+    if (!ReadTag(rest, head) || !SkipColon(rest)) {
         return false;
     }
     head.record.message = rest;
@@ -484,11 +495,20 @@ bool RecordReader::ReadHeadAsLast(std::string_view line, Head& head) {
     return true;
 }
 
+// One of the tags that matter; else whether it is another one, and not a part of one of those.
+bool RecordReader::ReadTag(std::string_view& rest, Head& head) {
+    if (TakeTag(rest, head.record.tag)) {
+        return true;
+    }
+    const size_t end = rest.find(": ");
+    head.isOthers = end != std::string_view::npos && !Contains(rest.substr(0, end), FACADE_TAG);
+    return false;
+}
+
 // brief and time: "priority/tag(process): "; tag: "priority/tag: ".
 bool RecordReader::ReadTagged(std::string_view& rest, Head& head) {
     head.isTagged = true;
-    return TakePriority(rest, head.record.priority) && Skip(rest, "/") &&
-           TakeTag(rest, head.record.tag) &&
+    return TakePriority(rest, head.record.priority) && Skip(rest, "/") && ReadTag(rest, head) &&
            (!Skip(rest, "(") || TakeIds(rest, ")", false, head.record) != 0) && SkipColon(rest);
 }
 

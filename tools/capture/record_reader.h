@@ -65,6 +65,7 @@ class RecordReader {
         std::string_view text;  // As it stands.
         bool isTagged = false;  // Has a tag, which is the library's or chatty's.
         bool isLong = false;    // The message follows on lines of its own.
+        bool isOthers = false;  // Whole, but has another tag.
     };
 
     void ReadText(std::string_view text);
@@ -72,6 +73,7 @@ class RecordReader {
     bool GoesOnLong(std::string_view line);
     bool ReadHead(std::string_view line, Head& head);
     bool ReadHeadAsLast(std::string_view line, Head& head);
+    static bool ReadTag(std::string_view& rest, Head& head);
     static bool ReadTagged(std::string_view& rest, Head& head);
     bool ReadTime(std::string_view& rest, std::optional<int64_t>& time);
     bool ReadDate(std::string_view& rest, int64_t& seconds);
@@ -90,6 +92,7 @@ class RecordReader {
     Place heldPlace;
     bool isHeld = false;
     bool isLong = false;                // Of the long form: goes on until an empty line.
+    bool isOthersLong = false;          // What comes is of another tag, in the long form.
     std::string heldHead, heldMessage;  // Where it is kept beyond the bytes it came in.
 
     // Lines come by the thousand a second: the last date and time, less the second's fraction.

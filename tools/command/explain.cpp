@@ -99,8 +99,9 @@ void Complete(Account& account, const std::vector<std::string>& paths,
         finding.severity = Severity::Warning;
         finding.times = summary.notUnderstood;
         finding.message = std::to_string(summary.notUnderstood) +
-                          (summary.notUnderstood == 1 ? " line" : " lines") +
-                          " of the library's were not understood:";
+                          (summary.notUnderstood == 1 ? " line of the library's was"
+                                                      : " lines of the library's were") +
+                          " not understood:";
         for (const NotUnderstood& line : summary.firstNotUnderstood) {
             finding.message += "\n    line " + std::to_string(line.place.line) + ": " + line.text;
         }
@@ -300,6 +301,9 @@ int RunExplain(const Arguments& arguments) {
             FailUsage("--follow reads standard input (-) and goes with no other option but --late");
         }
         return Follow(arguments);
+    }
+    if (arguments.isJson && (arguments.isVerifying || !arguments.other.empty())) {
+        FailUsage("--json goes with neither --compare nor --verify");
     }
     TextOptions text;
     text.showsAllFrames = arguments.showsAllFrames;

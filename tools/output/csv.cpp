@@ -43,7 +43,7 @@ void WriteCsv(std::ostream& out, const Account& account) {
             time(frame.end, scene.begin);
             time(frame.end, frame.start);
             time(frame.interval, 0);
-            row += frame.isLate ? ",1" : ",0";
+            row += frame.interval == NO_TIME ? "," : frame.isLate ? ",1" : ",0";
             for (const StageTimes& times : scene.StagesOf(i)) {
                 time(times.start, scene.begin);
                 time(times.end, scene.begin);

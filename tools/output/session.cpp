@@ -35,7 +35,7 @@ std::string CommentOf(const Disturbance& disturbance) {
     switch (disturbance.kind) {
         case Disturbance::Kind::LinesLost:
             return "# Missing: " + (disturbance.amount > 0 ? amount : "some") +
-                   " lines of the log.\n";
+                   (disturbance.amount == 1 ? " line" : " lines") + " of the log.\n";
         case Disturbance::Kind::ClockJump:
             return "# The clock was set by " + amount + " us.\n";
         case Disturbance::Kind::Start:

@@ -370,7 +370,7 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
         count("not known", old.untold, now.untold);
         count("late", old.lateFrames, now.lateFrames);
         table.Add({"fps", Fixed(RateOf(old), 1), Fixed(RateOf(now), 1),
-                   Fixed(RateOf(now) - RateOf(old), 1)});
+                   (RateOf(now) > RateOf(old) ? "+" : "") + Fixed(RateOf(now) - RateOf(old), 1)});
         const auto statistics = [&](const std::string& name, const Statistics& one,
                                     const Statistics& other) {
             if (one.count != 0 && other.count != 0) {
