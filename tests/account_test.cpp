@@ -227,6 +227,10 @@ TEST(AccountTest, FindsWhatAHalDoesWrong) {
     goodCase.replace(goodCase.find("TONE"), 4, "ToneMapper");
     twoCameras.replace(twoCameras.find("TONE"), 4, "ToneMapper");
     twoCameras += "\nTcfbtNotifyNodeEnd # ToneMapper 8 2 true";
+    std::string otherCamera = goodCase;
+    for (size_t at = 0; (at = otherCamera.find("0 true", at)) != std::string::npos; ++at) {
+        otherCamera.replace(at, 1, "2");
+    }
     const struct {
         std::string session;
         std::vector<std::string> findings;
@@ -254,6 +258,9 @@ TEST(AccountTest, FindsWhatAHalDoesWrong) {
          {"stage-never-hit 1", "node-ignored"},
          "expects \"ToneMapper\", which differs in case"},
         {start + Repeat(0, 20, twoCameras), {"two-cameras 1"}, "two cameras"},
+        {start + Repeat(0, 20, goodCase + "\n" + otherCamera),
+         {"two-cameras 1", "late 2"},
+         "two cameras"},
         {start + "PlayRecording 5\nTcfbtNotifyErrorFrame 6 0", {"frame-reported 6"}, "by the HAL"},
         {start + Repeat(0, 5, goodCase) + "TcfbtNotifyErrorFrame 6 0\n" + Repeat(7, 15, goodCase),
          {"frame-lost 6"},

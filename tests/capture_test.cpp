@@ -315,6 +315,7 @@ TEST(CaptureFormTest, IsReadBackWhateverItsForm) {
         {1'798'761'599'999'000, 7, 8, 'D', "cameraframeboos", "another's"},
         {1'798'761'599'999'000, 7, 8, 'D', tools::FACADE_TAG, broken},
         {1'798'761'599'999'000, 7, 8, 'W', "a: b/ (c)", "cameraframeboost: not the library's"},
+        {1'798'761'599'999'000, 7, 8, 'D', "Camera", name},
         // In the next year.
         {1'798'761'600'123'456, 12345, 67890, 'D', tools::UTILS_TAG,
          "tarvocameraframeboostutils.cpp 194:DumpConfig() supportOperationModeList = "},
@@ -336,6 +337,9 @@ TEST(CaptureFormTest, IsReadBackWhateverItsForm) {
             std::vector<std::string> expected;
             std::vector<int64_t> times;
             for (const tools::Record& record : records) {
+                if (record.tag == "Camera" && !hasTag) {
+                    continue;  // Who logged it cannot be told.
+                }
                 tools::AppendRecord(text, format, record);
                 std::string message(record.message);
                 if (record.tag != tools::FACADE_TAG && record.tag != tools::UTILS_TAG) {

@@ -360,6 +360,10 @@ void Accountant::OnDisturbance(const Disturbance& disturbance) {
     implementation->order.OnDisturbance(disturbance);
 }
 
+void Accountant::Settle() {
+    implementation->order.Flush();
+}
+
 const Scene* Accountant::Current() const {
     return implementation->Current();
 }

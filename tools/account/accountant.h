@@ -28,6 +28,9 @@ class Accountant : public StepSink {
     void OnStep(const Step& step) override;
     void OnDisturbance(const Disturbance& disturbance) override;
 
+    // Nothing comes for now: what is held until it is known to be in order is handed on.
+    void Settle();
+
     // The scene that was last heard of; null before the first.
     const Scene* Current() const;
 

@@ -142,6 +142,11 @@ void CallFinder::OnMessage(const Message& message, const Moment& moment) {
     if (process.isDumping) {
         Load(process);
     }
+    if (process.hasThreads != (moment.thread != -1)) {
+        // The capture goes on in another form.
+        SettleProcess(process, nullptr, false);
+        process.hasThreads = !process.hasThreads;
+    }
     Open& open = OpenOf(process, message, moment);
     if (IsOfScene(message.kind)) {
         SettleProcess(process, &open, false);
@@ -287,6 +292,16 @@ void CallFinder::Settle(bool isCut) {
             Load(process);
         }
         SettleProcess(process, nullptr, isCut);
+    }
+}
+
+void CallFinder::SettleScenes() {
+    for (auto& [number, process] : processes) {
+        for (auto& [key, open] : process.opens) {
+            if (open.count != 0 && IsOfScene(open.messages[0].kind)) {
+                Complete(process, open);
+            }
+        }
     }
 }
 

@@ -44,6 +44,9 @@ class CallFinder {
     bool Knows(int32_t process) const { return processes.contains(process); }
     // Hands on what may have had more lines. `isCut`: it may have had, but the capture ends here.
     void Settle(bool isCut);
+    // Hands on what is of a scene as a whole: nothing comes for now, and maybe never. Lines of one
+    // frame come at once, unless what hands them on waits for more of them.
+    void SettleScenes();
 
   private:
     // A call whose lines are coming.
@@ -67,6 +70,7 @@ class CallFinder {
         Configuration configuration;  // As dumped, else what node ends have shown of it.
         bool isDumped = false;
         bool isDumping = false;
+        bool hasThreads = false;  // The latest line tells its thread.
         Place dumpPlace;
         Moment dumpMoment;
         std::optional<bool> isSceneStarted;

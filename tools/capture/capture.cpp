@@ -138,7 +138,7 @@ Micros CaptureReader::TimeOf(const std::optional<int64_t>& clock, const Place& p
 
 void CaptureReader::Settle() {
     records.Settle();
-    calls.Settle(false);
+    calls.SettleScenes();
 }
 
 void CaptureReader::Finish() {

@@ -29,7 +29,8 @@ struct CaptureSummary {
     int64_t libraryLines = 0;
     int64_t notUnderstood = 0;
     std::vector<NotUnderstood> firstNotUnderstood;
-    int64_t lost = 0;  // Lines that are known to be missing.
+    int64_t lost = 0;    // Lines that are known to be missing.
+    std::string damage;  // Why an input could not be read to its end; empty when all could.
     int64_t clockJumps = 0;
     std::string from, to;     // Of the library's lines, as the log's clock says.
     bool hasTimes = false;    // Some lines of the library had a time,
@@ -50,6 +51,8 @@ class CaptureReader : private RecordSink, private StepSink {
     void Begin(uint32_t input) { records.Begin(input); }
     void Read(std::string_view bytes) { records.Read(bytes); }
     void End() { records.End(); }
+    // The input that just ended could not be read to its end.
+    void NoteDamage(const char* reason) { summary.damage = reason == nullptr ? "damaged" : reason; }
     // Nothing comes for now, but more may: hands on what has come whole.
     void Settle();
     void Finish();

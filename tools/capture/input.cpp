@@ -130,12 +130,24 @@ int ReadZip(CaptureReader& reader, File& file, bool isAll) {
             continue;
         }
         ++count;
-        std::string piece(PIECE, '\0');
-        while (const la_ssize_t length =
-                   check(archive_read_data(zip.get(), piece.data(), piece.size()))) {
-            reader.Read(std::string_view(piece).substr(0, static_cast<size_t>(length)));
+        const void* piece = nullptr;
+        size_t length = 0;
+        la_int64_t offset = 0;
+        int status = ARCHIVE_OK;
+        while ((status = archive_read_data_block(zip.get(), &piece, &length, &offset)) >=
+               ARCHIVE_WARN) {
+            if (status == ARCHIVE_EOF) {
+                break;
+            }
+            reader.Read({static_cast<const char*>(piece), length});
         }
         reader.End();
+        if (status < ARCHIVE_WARN && reader.Summary().libraryLines != 0) {
+            // What could be read is explained.
+            reader.NoteDamage(archive_error_string(zip.get()));
+            return count;
+        }
+        check(status);
     }
     return count;
 }

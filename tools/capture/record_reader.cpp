@@ -468,7 +468,8 @@ bool RecordReader::ReadHead(std::string_view line, Head& head) {
                 rest.remove_suffix(behind);
             }
         }
-        if (TakeIds(rest, ") ", !head.isTagged, record) == 0 ||
+        head.isOthers = !head.isTagged && rest.ends_with(')') && Contains(rest, "  (");
+        if (head.isOthers || TakeIds(rest, ") ", !head.isTagged, record) == 0 ||
             (!head.isTagged && !IsLibraryText(rest))) {
             return false;
         }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -93,20 +94,36 @@ void Complete(Account& account, const std::vector<std::string>& paths,
     account.libraryLines = summary.libraryLines;
     account.notUnderstood = summary.notUnderstood;
     account.lost = summary.lost;
+    if (!summary.damage.empty()) {
+        AccountedFinding finding;
+        finding.check = "lines-lost";
+        finding.severity = Severity::Warning;
+        finding.message =
+            "the zip cannot be read to its end, what follows is missing: " + summary.damage;
+        account.findings.push_back(std::move(finding));
+    }
     if (summary.notUnderstood > 0) {
         AccountedFinding finding;
         finding.check = "not-understood";
-        finding.severity = Severity::Warning;
+        // Where a capture begins and where it ends, a line may be only half there.
+        const auto isAtEdge = [&](const NotUnderstood& line) {
+            return line.place.line == 1 || (paths.size() == 1 && line.place.line == summary.lines);
+        };
+        const auto& shown = summary.firstNotUnderstood;
+        finding.severity = static_cast<size_t>(summary.notUnderstood) == shown.size() &&
+                                   std::all_of(shown.begin(), shown.end(), isAtEdge)
+                               ? Severity::Note
+                               : Severity::Warning;
         finding.times = summary.notUnderstood;
         finding.message = std::to_string(summary.notUnderstood) +
                           (summary.notUnderstood == 1 ? " line of the library's was"
                                                       : " lines of the library's were") +
                           " not understood:";
-        for (const NotUnderstood& line : summary.firstNotUnderstood) {
+        for (const NotUnderstood& line : shown) {
             finding.message += "\n    line " + std::to_string(line.place.line) + ": " + line.text;
         }
-        if (!summary.firstNotUnderstood.empty()) {
-            finding.place = summary.firstNotUnderstood.front().place;
+        if (!shown.empty()) {
+            finding.place = shown.front().place;
         }
         account.findings.push_back(std::move(finding));
     }
@@ -267,7 +284,9 @@ int Follow(const Arguments& arguments) {
     while (!IsInterrupted()) {
         pollfd input{STDIN_FILENO, POLLIN, 0};
         if (poll(&input, 1, 1000) == 0) {
-            reader.Settle();  // Lines that might have had others behind them are not held back.
+            // What might have had more behind it is not held back.
+            reader.Settle();
+            accountant.Settle();
         } else if (in.peek() == std::char_traits<char>::eof()) {
             break;
         } else {
