@@ -156,21 +156,26 @@ Investigation::Trouble* Investigation::Find(int64_t id) {
     return found == troubles.end() ? nullptr : &*found;
 }
 
-// The trouble of missing lines that the `hole`-th frame may suffer from. One hole shows in many
-// places.
+// The trouble of missing lines that the scene's `hole`-th frame may suffer from.
+Investigation::Trouble* Investigation::FindLostLines(size_t hole) {
+    const auto found =
+        std::find_if(troubles.begin(), troubles.end(), [hole](const Trouble& trouble) {
+            return trouble.finding.check == "lines-lost" && hole <= trouble.hole + AFTERMATH &&
+                   trouble.hole <= hole + AFTERMATH;
+        });
+    return found == troubles.end() ? nullptr : &*found;
+}
+
+// One hole shows in many places, and all are one trouble.
 Investigation::Trouble& Investigation::RaiseLostLines(const Observed& seen, size_t hole) {
-    for (Trouble& trouble : troubles) {
-        if (trouble.finding.check == "lines-lost" && hole <= trouble.hole + AFTERMATH &&
-            trouble.hole <= hole + AFTERMATH) {
-            trouble.hole = std::max(trouble.hole, hole);
-            return trouble;
-        }
+    Trouble* trouble = FindLostLines(hole);
+    if (trouble == nullptr) {
+        trouble = &Raise("lines-lost", Severity::Warning, seen, -1, "");
+        trouble->costsFrame = false;
+        trouble->finding.frame.reset();
     }
-    Trouble& trouble = Raise("lines-lost", Severity::Warning, seen, -1, "");
-    trouble.costsFrame = false;
-    trouble.finding.frame.reset();
-    trouble.hole = hole;
-    return trouble;
+    trouble->hole = std::max(trouble->hole, hole);
+    return *trouble;
 }
 
 // The trouble of the frame before that kept this one from being started as it should have been.
@@ -544,7 +549,7 @@ bool Investigation::IsCaughtUp(size_t position, Micros excess) const {
 void Investigation::NoteAbsent(const Observed& seen, size_t position) {
     constexpr size_t NEAR = 8;     // Frames come that much out of order at most.
     constexpr int64_t MANY = 100;  // Beyond that the numbers mean something else.
-    Trouble* open = FindOpen("lines-lost");
+    Trouble* open = FindLostLines(seen.index);
     if (open == nullptr || recent.empty()) {
         return;
     }

@@ -157,6 +157,7 @@ class Investigation {
     Trouble& RaiseOfScene(const char* check, Severity severity, const Observed& seen, int32_t stage,
                           std::string what);
     Trouble* Find(int64_t id);
+    Trouble* FindLostLines(size_t hole);
     Trouble& RaiseLostLines(const Observed& seen, size_t hole);
     Trouble* CauseBefore(const Observed& seen);
     int32_t StageNotLeft(const Observed& seen) const;
