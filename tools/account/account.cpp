@@ -68,6 +68,7 @@ Severity WorstOf(const Account& account) {
 
 std::string VerdictOf(const Account& account) {
     int64_t frames = 0, notBoosted = 0, untold = 0, late = 0, started = 0;
+    Micros threshold = 0;
     for (const Scene& scene : account.scenes) {
         for (const int64_t count : scene.statusCounts) {
             frames += count;
@@ -75,6 +76,7 @@ std::string VerdictOf(const Account& account) {
         notBoosted += scene.notBoosted;
         untold += scene.untold;
         late += scene.lateFrames;
+        threshold = std::max(threshold, scene.lateThreshold);
         started += scene.isStarted ? 1 : 0;
     }
     if (started == 0) {
@@ -84,6 +86,9 @@ std::string VerdictOf(const Account& account) {
         return "Nothing was boosted: no frame was reported.";
     }
     const std::string all = std::to_string(frames) + (frames == 1 ? " frame" : " frames");
+    const Micros tenths = (threshold + 50) / 100;
+    const std::string behind = ", more than " + std::to_string(tenths / 10) + "." +
+                               std::to_string(tenths % 10) + " ms after the frame before.";
     const std::string lateness =
         account.hasTimes ? "none late" : "though whether in time is not known";
     if (notBoosted + untold + late == 0) {
@@ -92,7 +97,7 @@ std::string VerdictOf(const Account& account) {
                    : all + ", all boosted, " + lateness + ", but there is something to look at.";
     }
     if (notBoosted + untold == 0) {
-        return all + ", all boosted, but " + std::to_string(late) + " came out late.";
+        return all + ", all boosted, but " + std::to_string(late) + " came out late" + behind;
     }
     const auto were = [](int64_t count) {
         return std::to_string(count) + (count == 1 ? " was" : " were");
@@ -110,7 +115,7 @@ std::string VerdictOf(const Account& account) {
     // A frame may be both.
     return verdict + (late == 0 ? "; none came out late."
                                 : "; " + std::to_string(late) + " of the " +
-                                      std::to_string(frames) + " came out late.");
+                                      std::to_string(frames) + " came out late" + behind);
 }
 
 }  // namespace tools

@@ -182,7 +182,7 @@ int BringToDesk(const Arguments& arguments, const Account& account, Desk& desk) 
         throw CommandError(input + ": error: none of the lines tells of a call");
     }
     std::optional<Configuration> loaded = session->configuration;
-    if (loaded && account.configuration) {
+    if (loaded && account.configuration && loaded->stages == account.configuration->stages) {
         // What the dump does not tell, and other lines do.
         loaded->stageCount = account.configuration->stageCount;
         loaded->additionalWidth = account.configuration->additionalWidth;
@@ -223,7 +223,12 @@ int BringToDesk(const Arguments& arguments, const Account& account, Desk& desk) 
             << " [not-the-same]\n";
     }
     out << verification.messages << " messages are the same, " << verification.differing
-        << " differ or come after a difference on their thread\n";
+        << " differ or come after a difference on their thread";
+    if (session->leftOut != 0) {
+        out << "; " << session->leftOut
+            << " calls of other processes, or of other runs of the library, were left out";
+    }
+    out << '\n';
     out.Close();
     return verification.differing == 0 ? NOTHING_FOUND : FAULTS_FOUND;
 }

@@ -165,6 +165,7 @@ std::optional<MadeSession> SessionMaker::Finish() {
         return std::nullopt;
     }
     std::string beginning = BEGINNING;
+    best->leftOut = otherCalls;
     if (otherCalls != 0) {
         beginning += "# Left out: " + std::to_string(otherCalls) +
                      " calls of other processes, or of other runs of the library.\n";

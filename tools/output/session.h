@@ -20,6 +20,7 @@ struct MadeSession {
     int32_t process = -1;
     int32_t run = 0;  // Of the process: how often it had loaded the library.
     int64_t calls = 0;
+    int64_t leftOut = 0;  // Calls of other processes and runs, which the session lacks.
     std::optional<Configuration> configuration;  // As loaded; nothing where that is not known.
 };
 

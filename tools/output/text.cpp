@@ -297,7 +297,7 @@ void WriteText(std::ostream& out, const Account& account, const TextOptions& opt
         out << "; " << account.lost << " more are known to be lost";
     }
     out << ".\n";
-    if (!account.hasThreads && account.hasTimes) {
+    if (!account.hasThreads && account.libraryLines != 0) {
         out << "The capture has no thread ids: whose line is whose is told from frames and "
                "nodes.\n";
     }
