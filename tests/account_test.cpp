@@ -317,7 +317,7 @@ TEST(AccountTest, MakesTheMostOfACaptureThatIsNotWhole) {
     account = Explain(capture.substr(0, hole) +
                       "01-01 12:00:02.700  1000  1000 I chatty  : uid=1047(cameraserver) Thread "
                       "expire 60 lines\n" +
-                      capture.substr(lineAt(hole + 60 * 180)));
+                      capture.substr(lineAt(hole + 10'800)));
     ASSERT_EQ(FindingsOf(account).size(), 1U) << TextOf(account);
     EXPECT_EQ(account.scenes.at(0).findings[0].check, "lines-lost") << TextOf(account);
     EXPECT_EQ(account.scenes[0].notBoosted, 0) << TextOf(account);
