@@ -101,7 +101,7 @@ class Player : private Contract {
                 // A number that stands for none in reports: it may have been pushed out silently.
                 openFrames.erase(frame);
             }
-            Require(violation.empty() && isTracked == (openFrames.count(frame) != 0),
+            Require(violation.empty() && isTracked == openFrames.contains(frame),
                     "frame " + std::to_string(frame) + ": " + violation);
         }
         Require(openFrames.size() <= FrameTracker::DEFAULT_MAX_FRAME_TRACKED, "too many frames");
