@@ -103,7 +103,7 @@ TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
         void OnStep(const tools::Step& step) override {
             for (const tools::Event& event : step.events) {
                 EXPECT_EQ(event.outcome, tools::Outcome::Forwarded);
-                frames[event.frame] += "SEsepq"[static_cast<size_t>(event.kind) - 2];
+                frames[event.frame] += "()SEsenor"[static_cast<size_t>(event.kind)];
                 if (event.kind == tools::EventKind::FrameEnd) {
                     const int64_t frameTime = (event.frame + 3) * 1'000'000 / 60;
                     EXPECT_EQ(step.time, frameTime) << event.frame;
