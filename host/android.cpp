@@ -37,7 +37,7 @@ void WriteThreadtime(const desktop::LogLine& line) {
     std::array<char, sizeof("MM-DD hh:mm:ss")> date{};
     std::strftime(date.data(), date.size(), "%m-%d %H:%M:%S", &local);
     std::fprintf(stderr, "%s.%03ld %5d %5d %c %-8s: %s\n", date.data(), now.tv_nsec / 1000000,
-                 getpid(), gettid(), desktop::LetterOf(line.priority), line.tag.c_str(),
+                 getpid(), desktop::ThreadId(), desktop::LetterOf(line.priority), line.tag.c_str(),
                  line.text.c_str());
 }
 

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
@@ -40,11 +41,17 @@ void ServeInitialConfiguration();
 // Whether Android takes a property's value for true or false; nothing for what is neither.
 std::optional<bool> BooleanOf(std::string_view value);
 
+// The kernel's id of this thread. gettid() is missing in older C libraries, such as the one that
+// Android's build machines use.
+inline int32_t ThreadId() {
+    return static_cast<int32_t>(syscall(SYS_gettid));
+}
+
 // Tells the observer, if there is one. `makeEvent` is only called then.
 template <typename MakeEvent>
 void Emit(MakeEvent makeEvent) {
     if (Observer* observer = GetState().observer.load(std::memory_order_acquire)) {
-        observer->OnEffect(Effect{std::chrono::system_clock::now(), gettid(), makeEvent()});
+        observer->OnEffect(Effect{std::chrono::system_clock::now(), ThreadId(), makeEvent()});
     }
 }
 
