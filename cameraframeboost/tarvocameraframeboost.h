@@ -13,6 +13,9 @@
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
 
+static_assert(sizeof(void*) == 8 && sizeof(long) == 8,
+              "64 bits only: the interface and the log's formats take int64_t for long");
+
 // What a camera HAL calls while a camera is open.
 //
 // The HAL makes one object per open camera and calls, in this order:
@@ -207,3 +210,10 @@ class TarvoCameraFrameBoost {
 
     FrameTracker frameTracker;  // Has a lock of its own.
 };
+
+// HALs hold the object by value, so they need the standard library, in the debug mode, that the
+// library was built with. The CMake package and pkg-config say its size there.
+#ifdef TARVO_CAMERA_FRAME_BOOST_SIZE
+static_assert(sizeof(TarvoCameraFrameBoost) == TARVO_CAMERA_FRAME_BOOST_SIZE,
+              "built for another C++ standard library, or another debug mode of it, than the HAL");
+#endif
