@@ -1,11 +1,16 @@
 // What the library adds to a frame, a scene and a node that is none of its business, beside the
 // floor: as many service calls and uncontended locks of the same kind, and nothing else.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <thread>
+#include <variant>
 #include <vector>
 
 #include "benchmarks/floor.h"
@@ -167,9 +172,31 @@ void Frame(benchmark::State& state, bool isDebug) {
 BENCHMARK_CAPTURE(Frame, quiet, false)->Arg(1)->Arg(3)->Arg(5)->Arg(8)->Arg(16)->UseManualTime();
 BENCHMARK_CAPTURE(Frame, debug, true)->Arg(5)->UseManualTime();
 
+// A log that makes a system call for each line, as Android's does, though a cheap one.
+class DiscardedLog : public desktop::Observer {
+  public:
+    DiscardedLog() { desktop::SetObserver(this); }
+    ~DiscardedLog() override {
+        desktop::SetObserver(nullptr);
+        close(file);
+    }
+    DiscardedLog(const DiscardedLog&) = delete;
+    DiscardedLog& operator=(const DiscardedLog&) = delete;
+
+    void OnEffect(const desktop::Effect& effect) override {
+        if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
+            benchmark::DoNotOptimize(write(file, line->text.data(), line->text.size()));
+        }
+    }
+
+  private:
+    const int file = open("/dev/null", O_WRONLY | O_CLOEXEC);
+};
+
 // Frames of one facade on several threads, which start in order. None is ended, as none may be
-// before those that are older: the oldest is pushed out and reported.
-void Threads(benchmark::State& state) {
+// before those that are older: the oldest is pushed out and reported. With the debug switch on, the
+// floor is still that of the switch off.
+void Threads(benchmark::State& state, bool isDebug) {
     constexpr int32_t STAGES = 5;
     const auto count = static_cast<size_t>(state.range(0));
     Recording recording(STAGES);
@@ -185,6 +212,8 @@ void Threads(benchmark::State& state) {
     TarvoCameraFrameBoost& boost = recording.boost;
     int64_t newest = 1;
     const auto road = [&] {
+        const auto log = isDebug ? std::make_unique<DiscardedLog>() : nullptr;
+        LocalConfig::enable = isDebug;
         onThreads([&] {
             for (int64_t i = 0; i < FRAMES; ++i) {
                 std::unique_lock<std::mutex> inOrder(order);
@@ -212,7 +241,8 @@ void Threads(benchmark::State& state) {
     };
     Measure(state, FRAMES * state.range(0), road, floor);
 }
-BENCHMARK(Threads)->Arg(1)->Arg(2)->Arg(4)->UseManualTime();
+BENCHMARK_CAPTURE(Threads, quiet, false)->Arg(1)->Arg(2)->Arg(4)->UseManualTime();
+BENCHMARK_CAPTURE(Threads, debug, true)->Arg(1)->Arg(2)->UseManualTime();
 
 // A node end that no stage waits for, against one that is forwarded, on average over a frame.
 void IgnoredNode(benchmark::State& state) {
