@@ -1,29 +1,39 @@
 # What `cmake --install` puts in place: the library with its public headers, a CMake package and a
 # pkg-config file; on a desktop also the platform that the library is linked with, and the command
-# with its manual page, its completion for bash and its sample files.
+# with its manual page, its completion for bash and its sample files. The component "desktop" is the
+# platform's header, for those who want to see what the service is told.
 
 include(CMakePackageConfigHelpers)
 
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/TarvoCameraFrameBoost)
-set(libraries tarvocameraframeboost)
-if(NOT ANDROID)
-    list(APPEND libraries tarvodesktop)
-endif()
+# In a folder of this project's own, as "host" is anybody's name; it is included as in this project.
+set(desktop_include_directory ${CMAKE_INSTALL_INCLUDEDIR}/tarvocameraframeboost)
 
-set_target_properties(${libraries} PROPERTIES INSTALL_RPATH $ORIGIN)
-install(TARGETS ${libraries} EXPORT TarvoCameraFrameBoostTargets)
+set_target_properties(tarvocameraframeboost PROPERTIES INSTALL_RPATH $ORIGIN)
+install(TARGETS tarvocameraframeboost EXPORT TarvoCameraFrameBoostTargets)
 install(FILES
     cameraframeboost/tarvocameraframeboost.h
     cameraframeboost/tarvocameraframeboostutils.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/cameraframeboost)
+if(NOT ANDROID)
+    set_target_properties(tarvodesktop PROPERTIES EXPORT_NAME desktop)
+    install(TARGETS tarvodesktop EXPORT TarvoCameraFrameBoostTargets
+        INCLUDES DESTINATION ${desktop_include_directory})
+    install(FILES host/desktop.h COMPONENT desktop DESTINATION ${desktop_include_directory}/host)
+endif()
 
 install(EXPORT TarvoCameraFrameBoostTargets
     NAMESPACE TarvoCameraFrameBoost::
     DESTINATION ${package_directory})
+# HALs hold the object by value: another minor version may have changed its size.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/TarvoCameraFrameBoostConfigVersion.cmake
-    COMPATIBILITY SameMajorVersion)
+    COMPATIBILITY SameMinorVersion)
+configure_package_config_file(cmake/TarvoCameraFrameBoostConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/TarvoCameraFrameBoostConfig.cmake
+    INSTALL_DESTINATION ${package_directory}
+    PATH_VARS desktop_include_directory)
 install(FILES
-    cmake/TarvoCameraFrameBoostConfig.cmake
+    ${PROJECT_BINARY_DIR}/TarvoCameraFrameBoostConfig.cmake
     ${PROJECT_BINARY_DIR}/TarvoCameraFrameBoostConfigVersion.cmake
     DESTINATION ${package_directory})
 
