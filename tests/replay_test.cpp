@@ -1,4 +1,4 @@
-// Replays: their transcripts, totals, times and captures, and what they say of bad input.
+// Replays: their transcripts, totals, times and captures, and errors in their input.
 
 #include "tools/play/replay.h"
 
@@ -52,7 +52,7 @@ std::string ReadFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Set UPDATE_EXPECTED to keep what is played as what is expected.
+// With UPDATE_EXPECTED set, writes the expected transcripts anew.
 TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
     struct {
         const char* session;
@@ -69,6 +69,12 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
         {"refused-scene", "switch-off.toml", false, "refused-scene-switched-off"},
         {"scenes-and-threads", "", true, "scenes-and-threads"},
         {"frames-and-stages", "", true, "frames-and-stages"},
+        {"restart", "", false, "restart"},
+        {"cameras-in-turn", "", false, "cameras-in-turn"},
+        {"parallel-nodes", "", false, "parallel-nodes"},
+        {"parallel-nodes", "parallel-nodes.toml", false, "parallel-nodes-configured"},
+        {"preview-and-video", "", false, "preview-and-video"},
+        {"thread-registration", "", false, "thread-registration"},
     };
     for (const auto& [session, config, withDebug, expected] : cases) {
         options.configuration.reset();
@@ -78,7 +84,7 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
         options.withDebug = withDebug;
         const std::string text = ReadFile(Sessions(std::string(session) + ".session"));
         EXPECT_TRUE(Play(text)) << err.str();
-        // Some lines are known by the number of their statement, which may change.
+        // Some log lines have the number of their source line, which may change.
         const std::string played = std::regex_replace(
             out.str(), std::regex(" [1-9][0-9]*:(TcfbtNotify(Stage|Node))"), " N:$1");
         const std::string path = std::string(EXPECTED_DIRECTORY) + "/" + expected + ".expected";
@@ -88,7 +94,7 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
         EXPECT_EQ(played, ReadFile(path)) << session;
 
         if (withDebug) {
-            // Without debugging it is all the same, less what debugging shows.
+            // Without debugging the rest is the same.
             options.withDebug = false;
             EXPECT_TRUE(Play(text));
             EXPECT_EQ(out.str(), std::regex_replace(played, std::regex("      [Dc][^\n]*\n"), ""));
@@ -96,7 +102,7 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
     }
 }
 
-// Every frame of a minute: its start, its stages one after another, its end, each in its time.
+// Every frame of a minute: its start, its stages in order, its end at the right time.
 TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
     class FrameLog : public tools::StepSink {
       public:
@@ -129,14 +135,14 @@ TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
         "\"nodeEndsIgnored\":0,\"errorReports\":0,\"reasons\":{}}\n");
 }
 
-TEST_F(ReplayTest, RecordsOnFromWhereItWasOrFromWhereItIsTold) {
+TEST_F(ReplayTest, RecordsFromTheNextFrameOrTheOneGiven) {
     EXPECT_TRUE(Play(SCENE + "PlayRecording 2\nPlayRecording 2\nPlayRecording 1 0x20\n"));
     ExpectInOrder({"cfbtFrameStart(frame=1)", "cfbtFrameEnd(frame=2)", "cfbtFrameEnd(frame=3)",
                    "cfbtFrameEnd(frame=4)", "halFrameNumber=31", "does not follow",
                    "halFrameNumber=32"});
 }
 
-TEST_F(ReplayTest, ShowsWhatItIsAskedToShow) {
+TEST_F(ReplayTest, ShowsLogLinesCountersAndJson) {
     options.withDebug = true;
     options.statuses = {{desktop::ServiceFunction::FrameStart, 7}};
     EXPECT_TRUE(Play(SCENE + "TcfbtNotifyFrameStart 1\n" + "ServiceStatus cfbtFrameStart 0\n" +
@@ -161,7 +167,7 @@ TEST_F(ReplayTest, ShowsWhatItIsAskedToShow) {
          "\"effects\":[{\"time\":1.5,\"thread\":1000,\"call\":\"cfbtAddTids\",\"scene\":0"});
 }
 
-// What a capture shows is what the library wrote, when the session's time says.
+// A capture has the lines that the library wrote, with the times of the session.
 TEST_F(ReplayTest, WritesACaptureInTheSessionsTime) {
     std::ostringstream capture;
     options.log = &capture;
@@ -182,7 +188,7 @@ TEST_F(ReplayTest, WritesACaptureInTheSessionsTime) {
                    "01-02 12:00:00.666", "DumpInfo()"});
 }
 
-// Nothing is played of a session with errors: all of them are told, to programs as well.
+// A session with errors is not played at all; all errors are reported, also as JSON.
 TEST_F(ReplayTest, PlaysNothingOfABadSession) {
     options.isJson = true;
     EXPECT_FALSE(Play("# first\nDumpInfo\nDumpInfo 1\nx\n"));
@@ -203,7 +209,7 @@ TEST_F(ReplayTest, EndsWithASummaryWhenInterrupted) {
     EXPECT_EQ(out.str().find("TcfbtNotifySceneEnd"), std::string::npos);
 }
 
-TEST_F(ReplayTest, SaysWhatIsWrongWithAConfiguration) {
+TEST_F(ReplayTest, ReportsErrorsInAConfiguration) {
     struct {
         std::string config;
         const char* message;
