@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <numeric>
 #include <regex>
 #include <set>
 
@@ -69,6 +70,66 @@ TEST(HalTest, RecordsAndLosesNoFrameButThoseThatItDrops) {
     EXPECT_EQ(CountOf(withLosses, "C|"), 0);
     EXPECT_EQ(LinesOf(HAL_COMMAND " 0.1", 0), Lines{}) << "debug is off";
     EXPECT_EQ(LinesOf(HAL_COMMAND " -1", 2).size(), 1U);
+}
+
+// Preview, a recording that is flushed in the middle while the other camera has a preview, preview,
+// and a recording of the other camera: three scenes, each with its own frames and threads.
+TEST(HalTest, TellsOfEachFrameThroughFlushesPreviewsAndBothCameras) {
+    const Lines lines = LinesOf(std::string(DEBUG) + HAL_COMMAND " --all 0.4", 0);
+    struct Scene {
+        std::vector<int64_t> starts;
+        std::vector<int64_t> ends;
+        int64_t lastNodeEnds = 0;
+        std::set<int64_t> threads;
+        std::set<int64_t> threadsTakenBack;
+    };
+    std::vector<Scene> scenes(1);
+    const std::regex number("(halFrameNumber|tid) = (\\d+)");
+    for (const std::string& line : lines) {
+        const auto has = [&line](const char* text) { return line.find(text) != std::string::npos; };
+        std::smatch match;
+        const int64_t value = std::regex_search(line, match, number) ? std::stoll(match[2]) : -1;
+        Scene& scene = scenes.back();
+        if (has("TcfbtSetTids()")) {
+            scene.threads.insert(value);
+        } else if (has("TcfbtRemoveTids()")) {
+            scene.threadsTakenBack.insert(value);
+        } else if (has("TcfbtNotifyFrameStart()")) {
+            scene.starts.push_back(value);
+        } else if (has("TcfbtNotifyFrameEnd()")) {
+            scene.ends.push_back(value);
+        } else if (has("TcfbtNotifyNodeEnd()")) {
+            scene.lastNodeEnds += has("stage = 4") ? 1 : 0;
+        } else if (has("TcfbtNotifySceneEnd()")) {
+            scenes.emplace_back();
+        }
+    }
+    scenes.pop_back();
+
+    const std::vector<size_t> lengths = {12, 12, 24};
+    ASSERT_EQ(scenes.size(), lengths.size());
+    for (size_t i = 0; i < scenes.size(); ++i) {
+        const Scene& scene = scenes[i];
+        // The last frame opens one that never comes.
+        std::vector<int64_t> all(lengths[i] + 1);
+        std::iota(all.begin(), all.end(), 1);
+        EXPECT_EQ(scene.starts, all) << i;
+        // The first recording was flushed: the frames on their way were thrown away.
+        const bool isFlushed = i == 0;
+        all.resize(isFlushed ? scene.ends.size() : lengths[i]);
+        EXPECT_EQ(scene.ends, all) << i;
+        EXPECT_EQ(scene.ends.size() < lengths[i], isFlushed);
+        EXPECT_EQ(scene.lastNodeEnds, static_cast<int64_t>(scene.ends.size())) << i;
+        EXPECT_EQ(scene.threads.size(), 1U + 5U) << "the process's and the pipeline's";
+        EXPECT_EQ(scene.threads, scene.threadsTakenBack) << i;
+    }
+    EXPECT_EQ(CountOf(lines, "isSceneStarted = true"), 3);
+    EXPECT_EQ(LinesOf("TARVO_DESKTOP_CONFIG=/dev/null " HAL_COMMAND " --all 0.1", 1), Lines{});
+    EXPECT_EQ(CountOf(lines, "TcfbtAddPersistTids()"), 1) << "once a process";
+    for (const char* refusal :
+         {"is error = 1", "already exists", "not exist", "CheckStagesStatus"}) {
+        EXPECT_EQ(CountOf(lines, refusal), 0) << refusal;
+    }
 }
 
 TEST(HalTest, HearsOnceOfWhatMeansNothingInTheEnvironment) {

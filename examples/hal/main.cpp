@@ -1,15 +1,20 @@
 // A camera HAL, as far as this library sees it: five nodes with a thread each record 4K video at 60
-// frames per second, at real pace. What a HAL does for the library is in Camera; copy from there.
+// frames per second, at real pace. What a HAL does for the library is in Booster and Camera; copy
+// from there.
 //
-// Usage: hal [SECONDS [DROP_EVERY [LOSE_EVERY]]]
-//     DROP_EVERY    the sensor drops every so-manieth frame, and the HAL knows
-//     LOSE_EVERY    a node loses every so-manieth frame, and nobody tells the library
-// Exit status: 0 the scene was boosted, 1 it was refused, 2 bad usage.
+// Usage: hal [--all] [SECONDS [DROP_EVERY [LOSE_EVERY]]]
+//     --all         not one recording alone, but all that a HAL does: preview, a recording that is
+//                   flushed in the middle, preview again, then a recording by a second camera
+//     SECONDS       how long a recording is, 0.25 unless given
+//     DROP_EVERY    the sensor drops every n-th frame, and the HAL knows
+//     LOSE_EVERY    a node loses every n-th frame, and nobody tells the library
+// Exit status: 0 all recordings were boosted, 1 one was refused, 2 bad usage.
 
 #include <cameraframeboost/tarvocameraframeboost.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -22,8 +27,6 @@
 
 namespace {
 
-constexpr int32_t OPERATION_MODE = 0x8001;  // One that the configuration lists.
-constexpr int32_t FPS = 60;
 constexpr int64_t NO_MORE = -1;  // Goes through the nodes behind the last frame.
 
 // Hands frames from one node to the next.
@@ -61,44 +64,90 @@ constexpr std::array<Node, 5> NODES = {{{"SensorFrontEnd0", 3, std::chrono::mill
                                         {"EncoderFeed", 10, std::chrono::milliseconds(8)}}};
 constexpr size_t LOSING_NODE = 2;
 
+struct Stream {
+    bool isVideo;
+    int32_t width;
+    int32_t fps;
+    int32_t operationMode;  // 0x8001 is one that the configuration lists.
+};
+constexpr Stream PREVIEW = {false, 1920, 60, 0x8001};
+constexpr Stream VIDEO = {true, 3840, 60, 0x8001};
+
 bool IsNth(int64_t frame, int64_t every) {
     return every > 0 && frame > 0 && frame % every == 0;
 }
 
-class Camera {
-  public:
-    Camera(int64_t framesDroppedEvery, int64_t framesLostEvery)
-        : dropEvery(framesDroppedEvery), loseEvery(framesLostEvery) {
-        boost.TcfbtSetVersion(2);
-        boost.TcfbtAddPersistTids("SoloThreadManager", gettid());  // Stays from scene to scene.
+// The only object of the process, which all cameras share. The service knows of one scene, so one
+// camera at a time has it. The others leave the object alone meanwhile: their frames have the same
+// numbers, and a description of their streams would end the scene.
+struct Booster {
+    Booster() {
+        facade.TcfbtSetVersion(2);
+        // Stays from scene to scene and cannot be taken back: so once a process, not at each open.
+        facade.TcfbtAddPersistTids("SoloThreadManager", gettid());
     }
 
-    // Returns whether the recording was boosted.
-    bool Record(int64_t frames) {
-        boost.TcfbtSetSceneInfo(/*isVideo=*/true, /*resolution=*/3840, FPS);
-        // When refused, that is only of interest to threads: all else that follows does nothing
-        // then.
-        isBoosted = boost.TcfbtNotifySceneStart(OPERATION_MODE) == 0;
+    TarvoCameraFrameBoost facade;
+    std::mutex mutex;
+    bool hasScene = false;  // Guarded by mutex.
+};
+
+class Camera {
+  public:
+    Camera(Booster& sharedBooster, int32_t cameraId, int64_t framesDroppedEvery,
+           int64_t framesLostEvery)
+        : booster(sharedBooster),
+          id(cameraId),
+          dropEvery(framesDroppedEvery),
+          loseEvery(framesLostEvery) {}
+
+    // Sends that many frames through the pipeline, numbered from 1. A flush throws away those that
+    // are still on their way in the end. Returns whether the frames were boosted.
+    bool Run(const Stream& stream, int64_t frames, bool isFlushed = false) {
+        StartScene(stream);
+        isFlushing = false;
         std::array<std::thread, NODES.size()> threads;
-        threads[0] = std::thread(&Camera::RunSensor, this, frames);
+        threads[0] = std::thread(&Camera::RunSensor, this, stream.fps, frames, isFlushed);
         for (size_t node = 1; node < NODES.size(); ++node) {
             threads[node] = std::thread(&Camera::RunNode, this, node);
         }
         for (std::thread& thread : threads) {
             thread.join();
         }
-        // Only when no other thread is in the library any more.
-        boost.TcfbtNotifySceneEnd();
+        EndScene();
         return isBoosted;
     }
 
   private:
+    // Before the pipeline starts. For each stream, the preview too: the library knows what to
+    // boost.
+    void StartScene(const Stream& stream) {
+        const std::lock_guard<std::mutex> lock(booster.mutex);
+        isBoosted = false;
+        if (!booster.hasScene) {
+            booster.facade.TcfbtSetSceneInfo(stream.isVideo, stream.width, stream.fps);
+            isBoosted = booster.facade.TcfbtNotifySceneStart(stream.operationMode) == 0;
+            booster.hasScene = isBoosted;
+        }
+    }
+
+    // When the pipeline has stopped and none of its threads is in the library any more. After a
+    // flush as well, even when the same recording goes on: frame numbers start again, and only the
+    // end of the scene makes the library forget the frames that were on their way.
+    void EndScene() {
+        if (isBoosted) {
+            const std::lock_guard<std::mutex> lock(booster.mutex);
+            booster.facade.TcfbtNotifySceneEnd();
+            booster.hasScene = false;
+        }
+    }
+
     // Each frame leaves the first node when its time is over. Frame 0 only opens frame 1.
-    void RunSensor(int64_t frames) {
+    void RunSensor(int32_t fps, int64_t frames, bool isFlushed) {
         RegisterThread();
         auto due = std::chrono::steady_clock::now();
         for (int64_t frame = 0; frame <= frames; ++frame) {
-            due += std::chrono::nanoseconds(std::chrono::seconds(1)) / FPS;
+            due += std::chrono::nanoseconds(std::chrono::seconds(1)) / fps;
             std::this_thread::sleep_until(due);
             if (IsNth(frame, dropEvery)) {
                 OnSensorDrop(frame);
@@ -109,6 +158,7 @@ class Camera {
                 queues[1].Push(frame);
             }
         }
+        isFlushing = isFlushed;
         queues[1].Push(NO_MORE);
     }
 
@@ -119,7 +169,7 @@ class Camera {
             frame = queues[node].Pop();
             if (frame != NO_MORE) {
                 std::this_thread::sleep_for(NODES[node].work);
-                if (node == LOSING_NODE && IsNth(frame, loseEvery)) {
+                if (isFlushing || (node == LOSING_NODE && IsNth(frame, loseEvery))) {
                     continue;
                 }
                 OnNodeEnd(NODES[node], frame);
@@ -134,31 +184,37 @@ class Camera {
     // Without a scene it would hear of it too, and nothing would take the thread back.
     void RegisterThread() {
         if (isBoosted) {
-            boost.TcfbtAddTempTids(gettid());
-            boost.TcfbtSetTids();
+            booster.facade.TcfbtAddTempTids(gettid());
+            booster.facade.TcfbtSetTids();
         }
     }
 
     // On the node's thread, before the next node has the frame. Frame and stages follow from it.
     void OnNodeEnd(const Node& node, int64_t frame) {
-        boost.TcfbtNotifyNodeEnd(frame, node.name, node.port, /*currentCameraId=*/0,
-                                 /*isMaterCamera=*/true);
+        if (isBoosted) {
+            booster.facade.TcfbtNotifyNodeEnd(frame, node.name, node.port, id,
+                                              /*isMaterCamera=*/true);
+        }
     }
 
     // The frame never leaves the first node, so nothing follows from that: without the rest of this
     // the next two frames would be lost as well. The next frame is started while this one is still
     // known, as it has to follow the newest.
     void OnSensorDrop(int64_t frame) {
-        boost.TcfbtNotifyErrorFrame(frame, /*stage=*/0);
-        boost.TcfbtNotifyFrameStart(frame + 1);
-        boost.TcfbtNotifyStageStart(/*stage=*/0, frame + 1, /*stageArg1=*/0, /*stageArg2=*/20,
-                                    NODES[0].name);
-        boost.TcfbtNotifyFrameEnd(frame);
+        if (isBoosted) {
+            booster.facade.TcfbtNotifyErrorFrame(frame, /*stage=*/0);
+            booster.facade.TcfbtNotifyFrameStart(frame + 1);
+            booster.facade.TcfbtNotifyStageStart(/*stage=*/0, frame + 1, /*stageArg1=*/0,
+                                                 /*stageArg2=*/20, NODES[0].name);
+            booster.facade.TcfbtNotifyFrameEnd(frame);
+        }
     }
 
-    TarvoCameraFrameBoost boost;  // One per open camera.
-    bool isBoosted = false;       // Written while no thread of a recording runs.
+    Booster& booster;
+    bool isBoosted = false;  // This camera has the scene. Written while none of its threads runs.
+    std::atomic<bool> isFlushing{false};
     std::array<FrameQueue, NODES.size()> queues;
+    const int32_t id;
     const int64_t dropEvery;
     const int64_t loseEvery;
 };
@@ -173,15 +229,33 @@ double Number(const char* text) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const bool isAll = argc > 1 && std::string(argv[1]) == "--all";
     std::array<double, 3> numbers = {0.25, 0, 0};
-    for (int i = 1; i < argc; ++i) {
-        const double number = Number(argv[i]);
-        if (i > 3 || number < 0) {
-            std::fputs("Usage: hal [SECONDS [DROP_EVERY [LOSE_EVERY]]]\n", stderr);
+    for (int i = isAll ? 2 : 1, number = 0; i < argc; ++i, ++number) {
+        const double value = Number(argv[i]);
+        if (number == 3 || value < 0) {
+            std::fputs("Usage: hal [--all] [SECONDS [DROP_EVERY [LOSE_EVERY]]]\n", stderr);
             return 2;
         }
-        numbers[static_cast<size_t>(i - 1)] = number;
+        numbers[static_cast<size_t>(number)] = value;
     }
-    Camera camera(static_cast<int64_t>(numbers[1]), static_cast<int64_t>(numbers[2]));
-    return camera.Record(static_cast<int64_t>(numbers[0] * FPS)) ? 0 : 1;
+    const auto frames = static_cast<int64_t>(numbers[0] * VIDEO.fps);
+    const auto dropEvery = static_cast<int64_t>(numbers[1]);
+    const auto loseEvery = static_cast<int64_t>(numbers[2]);
+
+    Booster booster;
+    Camera rear(booster, 0, dropEvery, loseEvery);
+    if (!isAll) {
+        return rear.Run(VIDEO, frames) ? 0 : 1;
+    }
+    Camera front(booster, 1, dropEvery, loseEvery);
+    rear.Run(PREVIEW, frames / 4);
+    bool areBoosted = rear.Run(VIDEO, frames / 2, /*isFlushed=*/true);
+    // The recording goes on, while the other camera shows a preview beside it.
+    std::thread beside([&] { front.Run(PREVIEW, frames / 4); });
+    areBoosted = rear.Run(VIDEO, frames - frames / 2) && areBoosted;
+    beside.join();
+    rear.Run(PREVIEW, frames / 4);
+    areBoosted = front.Run(VIDEO, frames) && areBoosted;
+    return areBoosted ? 0 : 1;
 }
