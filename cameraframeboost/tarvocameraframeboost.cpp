@@ -38,8 +38,8 @@ bool IsThreadManager(const std::string& name) {
            name == "RecyclThreadManager";
 }
 
-// Under a lock. noexcept, so that what fails ends the process in here: further out the lock would
-// be released before.
+// Called with a lock held. noexcept, so that a failure ends the process in here: further out the
+// lock would be released first.
 void Append(std::vector<int32_t>& tids, int32_t tid) noexcept {
     tids.push_back(tid);
 }
@@ -50,7 +50,7 @@ void Insert(std::unordered_set<int32_t>& all, const Tids& tids) noexcept {
 
 }  // namespace
 
-// In this order: unloading destroys them in reverse.
+// The order matters: unloading destroys them in reverse.
 LocalConfig TarvoCameraFrameBoost::localConfig;
 std::vector<int32_t> TarvoCameraFrameBoost::persistTids;
 std::vector<int32_t> TarvoCameraFrameBoost::tempTids;
@@ -206,8 +206,8 @@ int32_t TarvoCameraFrameBoost::NotifyStageEnd(int32_t stage, int64_t halFrameNum
     bool isError = false;
     int32_t result = 0;
     if (frameTracker.CheckStatus(halFrameNumber, stage, true, isError)) {
-        // Counter before line here, line before counter at a stage's start: captures hold both
-        // orders.
+        // Counter before log line here, log line before counter at a stage's start: tools rely on
+        // both orders.
         PulseStageCounter("TcfbtNotifyStageEnd", stage, Low32(halFrameNumber));
         DEBUG_LOG("halFrameNumber = %ld, stage = %d, nodeName = %s",
                   AT_IN("TcfbtNotifyStageEnd", __LINE__), halFrameNumber, stage, nodeName.c_str());
@@ -248,8 +248,8 @@ void TarvoCameraFrameBoost::TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::stri
         return;
     }
     if (stage == 0) {
-        // The pipeline's first node is free again: it goes on with the next frame. A frame below 1
-        // only opens the one after it.
+        // The pipeline's first node is free again and goes on with the next frame. A frame below 1
+        // only starts the next one.
         if (halFrameNumber >= 1) {
             NotifyStageEnd(0, halFrameNumber, nodeName);
             StartStageOfNode(1, halFrameNumber, nodeName);
@@ -264,7 +264,7 @@ void TarvoCameraFrameBoost::TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::stri
         return;
     }
     NotifyStageEnd(stage, halFrameNumber, nodeName);
-    // Wider than the stage count, which is the store's and may be anything.
+    // In 64 bits: the stage count comes from the store and may be any number.
     if (stage >= int64_t{localConfig.GetStageCount()} - 1) {
         TcfbtNotifyFrameEnd(halFrameNumber);
     } else {
@@ -294,7 +294,7 @@ void TarvoCameraFrameBoost::RemapStage(bool isMaterCamera, int32_t currentCamera
     if (localConfig.IsNodeNameMatch(cameraNode)) {
         return;
     }
-    // No stage answers to the new name here, so this asks for stage -1, which no loaded table has.
+    // No stage matches the new name here, so this updates stage -1, which no loaded table has.
     localConfig.UpdateNodeByStage(localConfig.GetStageByNodeName(cameraNode), cameraNode);
 }
 

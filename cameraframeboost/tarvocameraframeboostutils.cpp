@@ -27,7 +27,7 @@ bool ReadDebugSwitch() {
     return property_get_bool("vendor.tarvo.camera.frameboost.debug.enable", 0) != 0;
 }
 
-// What the store fills: an array of zeros, and in one of texts, texts that are ours to delete.
+// Frees the arrays that the store fills. The texts in them are ours to delete.
 struct FreeArray {
     void operator()(void* array) const { std::free(array); }
 };
@@ -39,8 +39,9 @@ struct FreeTexts {
     }
 };
 
-// Takes memory for as many values as the store speaks of. calloc, as it gives pages out only once
-// they are written to: a length that is absurd costs nothing while the store does not fill it.
+// An array of zeros for as many values as the store says. calloc takes memory only for pages that
+// are used, so a length that is too large costs no memory in an array of numbers that the store
+// does not fill; but the array is walked to its end, which takes seconds for a length of a billion.
 template <typename T>
 T* MakeStoreArray(int32_t length) {
     // An array of nothing may be null.
@@ -67,8 +68,8 @@ auto PlaceOf(int32_t stage, Table& table) {
                             [](const auto& entry, int32_t number) { return entry.stage < number; });
 }
 
-// Views, as their search is inlined: with it a frame of 16 stages takes 1.66 times the floor, with
-// that of strings 1.83 times.
+// Takes views because their search is inlined: with it a frame of 16 stages takes 1.66 times as
+// long as the benchmark's floor, with the search of strings 1.83 times.
 bool Contains(std::string_view name, std::string_view part) {
     return name.find(part) != std::string_view::npos;
 }
@@ -120,8 +121,8 @@ void LocalConfig::LoadStages() {
     for (int32_t stage = 0; stage < stageCount; ++stage) {
         char localeKey[LOCALE_KEY_SIZE] = {};
         std::snprintf(localeKey, sizeof(localeKey), "%d", stage);
-        // Below 0 means none. Such a list is asked for all the same: whether the store can read it
-        // decides whether the table goes on.
+        // A count below 0 means none. The list is read even so: when the store cannot read it, the
+        // table ends here.
         const int32_t count = std::max(GetLocaleKeyValuesCount(SECTION, KEY_STAGE, localeKey), 0);
         const std::unique_ptr<char*[], FreeTexts> texts(MakeStoreArray<char*>(count), {count});
         if (GetLocaleStringListConfiguration(SECTION, KEY_STAGE, localeKey, texts.get(), count) !=
@@ -239,10 +240,10 @@ bool LocalConfig::FindStageAndPort(const std::string& nodeName, int32_t portId,
 FrameTracker::FrameTracker(int32_t maxFrameTracked) noexcept
     : MAX_FRAME_TRACKED(std::max(maxFrameTracked, 1)) {}
 
-// Makes an entry for a frame, out of one that another has left if there is one.
+// Makes an entry for a frame; uses a spare one if there is any.
 FrameTracker::FrameData& FrameTracker::AddFrame(int32_t key) noexcept {
     if (spareFrames.empty()) {
-        spareFrames.reserve(frameData.size() + 1);  // All of them may be spare one day.
+        spareFrames.reserve(frameData.size() + 1);  // All of them may become spare.
         return frameData[key];
     }
     FrameTable::node_type entry = std::move(spareFrames.back());
@@ -255,10 +256,10 @@ void FrameTracker::RemoveFrame(FrameTable::iterator entry) noexcept {
     spareFrames.push_back(frameData.extract(entry));
 }
 
-// Gives each stage its two flags, down.
-void FrameTracker::PutFlagsDown(FrameData& frame) const noexcept {
+// Gives each stage its two flags, not set.
+void FrameTracker::ClearFlags(FrameData& frame) const noexcept {
     const auto count = static_cast<size_t>(stageCount);
-    frame.flagsUp = 0;
+    frame.flagsSet = 0;
     for (StageFlags* flags : {&frame.stageStartStatus, &frame.stageEndStatus}) {
         if (flags->size() != count) {
             flags->clear();
@@ -296,8 +297,8 @@ bool FrameTracker::CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
     if (frameData.size() >= static_cast<size_t>(MAX_FRAME_TRACKED)) {
         const auto oldest = frameData.begin();
         std::atomic<uint32_t>& status = oldest->second.status;
-        // Blind to FRAME_ERROR: the service was told of every frame that was admitted in sequence,
-        // so each of them is reported, unless it has been already.
+        // FRAME_ERROR does not matter here: the service knows of every frame that was admitted in
+        // sequence, so each of them is reported, unless it has been already.
         if ((status.load() & (FRAME_STARTED | FRAME_ENDED | FRAME_ERROR_NOTIFIED)) ==
             FRAME_STARTED) {
             DEBUG_LOG(
@@ -316,7 +317,7 @@ bool FrameTracker::CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
     }
     FrameData& frame = AddFrame(key);
     frame.status.store(inError ? FRAME_ERROR : FRAME_STARTED, std::memory_order_relaxed);
-    PutFlagsDown(frame);
+    ClearFlags(frame);
     DEBUG_LOG("new frame added, is error = %d", AT(283), inError);
     return !inError;
 }
@@ -360,7 +361,7 @@ bool FrameTracker::CheckFrameStatus(int64_t frameNumber, bool& isError) noexcept
     if ((status & FRAME_ENDED) == 0) {
         return true;
     }
-    // Nothing leaves an ended frame behind today; should that change, it goes here.
+    // No operation leaves an ended frame in the table today. Should one, it is removed here.
     RemoveFrame(entry);
     DEBUG_LOG("remove frame, frameNumber = %ld", AT(474), frameNumber);
     return false;
@@ -383,12 +384,12 @@ bool FrameTracker::CheckStagesStatus(int64_t frameNumber, int32_t stage, bool is
     }
     FrameData& frame = entry->second;
     const size_t event = 2 * static_cast<size_t>(stage) + (isEnd ? 1 : 0);
-    // With more stages now than the frame has flags for, looking at those of the others is what
-    // ends the process.
-    if (frame.flagsUp == event &&
+    // When there are more stages now than the frame has flags for, the search below finds no flag
+    // and ends the process.
+    if (frame.flagsSet == event &&
         frame.stageStartStatus.size() >= static_cast<size_t>(stageCount)) {
         (isEnd ? frame.stageEndStatus : frame.stageStartStatus).at(stage) = true;
-        ++frame.flagsUp;
+        ++frame.flagsSet;
         return true;
     }
     MarkInError(frame, frameNumber, stage, isEnd, isError);
@@ -424,9 +425,9 @@ void FrameTracker::MarkInError(FrameData& frame, int64_t frameNumber, int32_t st
     }
 }
 
-// A frame whose error may be handed over. Blind to FRAME_ERROR and FRAME_ENDED: it is the service's
-// knowledge of the frame that counts. One that was admitted out of sequence lacks FRAME_STARTED;
-// the service has never heard of it.
+// Whether the frame's error may be handed over: the service has to know of the frame, and must not
+// have been told of the error. FRAME_ERROR and FRAME_ENDED do not matter. A frame that was admitted
+// out of sequence lacks FRAME_STARTED, since the service does not know of it.
 bool FrameTracker::IsReportable(uint32_t status) noexcept {
     return (status & (FRAME_STARTED | FRAME_ERROR_NOTIFIED)) == FRAME_STARTED;
 }
@@ -444,6 +445,6 @@ int32_t FrameTracker::FirstStageOutOfOrder(const FrameData& frame, int32_t stage
             return later;
         }
     }
-    frame.stageStartStatus.at(stage);  // There must be one, as there must of the others.
+    frame.stageStartStatus.at(stage);  // Ends the process when there is none, as above.
     return -1;
 }

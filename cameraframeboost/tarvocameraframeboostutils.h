@@ -17,11 +17,11 @@
 
 // What the configuration says about one pipeline stage.
 struct NodePortInfo {
-    // The processing node whose completion ends the stage. Matched as a part of the names that the
-    // HAL reports, so it can be a stem that several node instances share. An empty one is part of
-    // every name: the stage then answers for each node that no higher stage answers for.
+    // The node that ends the stage when it finishes a frame. It matches every reported name that
+    // contains it, so several node instances can share it. An empty one is part of every name: the
+    // stage then gets each node that no higher stage gets.
     std::string nodeName;
-    // The ports of that node whose completion counts. May be empty: none of them counts then.
+    // The ports of that node that count. When there are none, the node never ends the stage.
     std::unordered_set<int32_t> nodePorts;
 };
 
@@ -31,14 +31,28 @@ struct NodePortInfo {
 // The library holds one instance, TarvoCameraFrameBoost::localConfig, made while it is loaded. The
 // setup comes from section "TarvoCameraFrameBoostConfig" of the hardware configuration store and is
 // read once, by the constructor; tools and tests that want another one construct another
-// LocalConfig and move it there. What cannot be read is silently left out: without the switch or
-// the modes nothing is boosted, without the width only the fixed one is, and a stage that cannot be
-// read ends the stage table there.
+// LocalConfig and move it there. Nothing is said about what is missing or cannot be read:
+//
+//     switch        counts as off: no scene starts
+//     modes         no scene starts; a list that cannot be read switches boosting off as well
+//     width         counts as 0: scenes of width 3840 qualify, and those described as 0 wide
+//     stages        scenes start all the same. The table holds the stages before the first one that
+//                   cannot be read, less those with an empty list; nodes of other stages are
+//                   ignored. With an empty table, node ends do nothing; with some stages missing,
+//                   no frame that is started by node ends reaches its end.
 //
 // Threads: no lock is taken. Queries may run on any number of threads at once, as long as none of
 // them overlaps Load, UpdateNodeByStage or a move.
 //
 // Errors: no operation throws. Running out of memory aborts the process.
+//
+// Names that do not say what they mean; other programs use them, so they stay:
+//
+//     Load                  adds modes and stages to those that are there; removes none
+//     GetNodePort           is always empty
+//     GetNodePortByStage    the stage's node name and all of its ports
+//     IsStagePortVaild      is the port valid for any stage whose name matches
+//     IsLogEnable           are log lines and trace counters on
 class LocalConfig {
   public:
     // The debug switch of the whole library: log lines and trace counters exist only while it is
@@ -55,8 +69,12 @@ class LocalConfig {
     LocalConfig(LocalConfig&&) noexcept = default;
     LocalConfig& operator=(LocalConfig&&) noexcept = default;
 
-    // Fills this object from the store: scalar values are replaced, modes and stages that are not
-    // known yet are added. Always returns true. Called by the constructor.
+    // Fills this object from the store: switch, width and number of stages are replaced, modes and
+    // stages that are not known yet are added. Always returns true. Called by the constructor.
+    //
+    // The lengths that the store returns are not checked. Each list is read to the length that the
+    // store says, some seconds for a billion values. Values that it does not fill are 0, so a mode
+    // count that is one too high makes mode 0 supported.
     //
     // Aborts the process on a port text that does not start with a decimal number, or whose number
     // does not fit 32 bits, and where there is no memory for a list as long as the store says.
@@ -73,15 +91,16 @@ class LocalConfig {
     // Returns an empty text, always; kept for the clients that were built against it.
     std::string GetNodePort() const noexcept;
 
-    // Returns the number of pipeline stages that the store reports, as it reports it: it may exceed
-    // the number of stages that could be loaded, and may be negative when the store says so.
+    // Returns the number of pipeline stages that the store reports, unchecked. It may be larger
+    // than the number of stages that could be loaded, and it may be negative: the first frame of a
+    // scene then aborts the process.
     int32_t GetStageCount() const noexcept;
 
     // Returns whether boosting applies to the camera operation mode `mode`.
     bool IsModeSupported(int32_t mode) noexcept;
 
-    // Returns the frame width in pixels that is accepted besides 3840; 0 when none is configured,
-    // and then accepted like any other.
+    // Returns the frame width in pixels that is accepted besides 3840; 0 when none is configured.
+    // A scene described as 0 wide is accepted then.
     int32_t GetAdditionalSupportedWidth() noexcept;
 
     // Returns the debug switch, LocalConfig::enable.
@@ -103,7 +122,7 @@ class LocalConfig {
     bool IsNodeNameMatch(const std::string& nodeName) const noexcept;
 
     // Returns whether any stage whose configured node name occurs within `nodeName` lists `portId`.
-    // This need not be the stage that GetStageByNodeName answers.
+    // This need not be the stage that GetStageByNodeName returns.
     bool IsStagePortVaild(const std::string& nodeName, int32_t portId) const noexcept;
 
   private:
@@ -124,8 +143,8 @@ class LocalConfig {
     bool frameboostSwitch = false;
     std::string nodePort;
     int32_t stageCount = 0;
-    // The stage table in ascending stage number. Every walk over it goes backwards: where several
-    // configured names match, the highest stage wins. Looked up by halves.
+    // The stage table in ascending stage number, found by binary search. Every walk over it goes
+    // backwards: where several configured names match, the highest stage wins.
     std::vector<StageEntry> nodePortMap;
     std::unordered_set<int32_t> supportOperationModeList;
     int32_t additionalSupportedWidth = 0;
@@ -136,24 +155,34 @@ class LocalConfig {
 //
 // A frame enters with CheckIfCouldStartFrame and leaves with CheckIfCouldEndFrame; in between, its
 // stages must run strictly one after another, from 0 to stageCount - 1. A frame that breaks the
-// order is in error from then on, and is handed to the caller for a report at most once.
+// order is in error from then on, and the caller is told to report it at most once.
 //
-// A frame that is lost on its way keeps its place in the table until newer ones need it, and only
-// then is handed over: one whose end never comes is reported when as many are in flight as the
-// table has room for. Where lost frames are rare that is late: with one in 60 lost and room for 16,
-// the first report comes after some eleven seconds.
+// A frame whose end never comes keeps its place in the table until the table is full, and is
+// reported only then. That is late when few frames are lost. With room for 16, d frames in flight
+// as a rule and one lost in every n, the first report comes about (16 - d) * n frames after the
+// first loss. With d = 5 and n = 60 that is 660 frames, eleven seconds at 60 frames per second.
 //
 // Frame numbers are signed 64 bits wide. A frame is known by the low 32 bits of its number, taken
 // as signed: frames that agree in them are the same frame, the highest is the newest and the lowest
-// the oldest. All operations may be called from any thread at any time.
+// the oldest. All operations may be called from any thread at any time. With the debug switch on,
+// log lines are written with the lock held, so a slow log makes the other threads wait.
 //
-// Errors: no operation throws. What cannot go on aborts the process, with the lock held.
+// Errors: no operation throws. One that cannot go on aborts the process, with the lock held.
+//
+// Names that do not say what they mean; other programs use them, so they stay:
+//
+//     CheckIfCouldStartFrame    takes the frame in, also when it returns false, and may drop the
+//                               oldest one
+//     CheckIfCouldEndFrame      removes the frame, also when it returns false
+//     CheckStagesStatus         records the stage's start or end, or that the frame is in error
+//     CheckFrameStatus          records that an error was handed over
+//     CheckStatus               does both of these
 class FrameTracker {
   public:
-    // How many frames are tracked at once unless the maker says otherwise. A camera pipeline holds
-    // about one frame a stage and a few more waiting in its queues, and HALs report a pipeline
-    // depth of 8 at most as a rule. Twice that lets a stall of a quarter of a second at 60 frames
-    // per second pass, and still bounds the table when frame ends are lost.
+    // How many frames are tracked at once unless the constructor is told otherwise. A camera
+    // pipeline holds about one frame for each stage and a few more in its queues, and HALs rarely
+    // report a pipeline depth above 8. Twice that is enough for a stall of a quarter of a second at
+    // 60 frames per second, and still limits the table when frame ends are lost.
     static constexpr int32_t DEFAULT_MAX_FRAME_TRACKED = 16;
 
     // The number of pipeline stages of the current scene. Guarded by nothing: written at the start
@@ -163,25 +192,26 @@ class FrameTracker {
     // `maxFrameTracked`: how many frames are tracked at once; values below 1 count as 1.
     explicit FrameTracker(int32_t maxFrameTracked = DEFAULT_MAX_FRAME_TRACKED) noexcept;
 
-    // Takes a frame in. Returns true when it may be forwarded: it was not tracked yet, and it
-    // follows the newest tracked frame without a gap (any frame does when none is tracked). A frame
-    // out of sequence is tracked all the same, as a frame in error. The gap is looked for in all 64
-    // bits, so above 2147483647 every frame but the first shows one while others are tracked.
+    // Takes a frame in. Returns true when it may be forwarded: it was not tracked yet, and its
+    // number is one above the highest tracked one (any number will do when none is tracked). A
+    // frame out of sequence is tracked too, as a frame in error. All 64 bits are compared, so above
+    // 2147483648 every frame is out of sequence while others are tracked.
     //
-    // When the table is full, the oldest frame makes room. If that frame was admitted in sequence
-    // and its error has not been handed over yet, `isError` becomes true and `errorFrameNumber` its
-    // number (low 32 bits, sign extended), whatever the result; otherwise both stay as the caller
-    // set them.
+    // When the table is full, the oldest frame is dropped. If it was admitted in sequence and its
+    // error has not been handed over yet, `isError` becomes true and `errorFrameNumber` its number
+    // (low 32 bits, sign extended), whatever the result; otherwise both stay as the caller set
+    // them.
     //
-    // Aborts the process when stageCount is negative, or memory runs out.
+    // Makes two flags for each stage: every million stages takes about 0.1 s and 77 MB for each
+    // frame. Aborts the process when stageCount is negative, or memory runs out.
     bool CheckIfCouldStartFrame(int64_t frameNumber, bool& isError,
                                 int64_t& errorFrameNumber) noexcept;
 
-    // Lets a frame go. Returns true when it was tracked, was admitted in sequence and its error was
-    // never handed over: its end may be forwarded. `flag` is neither read nor written.
+    // Removes a frame. Returns true when its end may be forwarded: it was tracked, was admitted in
+    // sequence and its error was never handed over. `flag` is neither read nor written.
     bool CheckIfCouldEndFrame(int64_t frameNumber, bool& flag) noexcept;
 
-    // Lets all frames go.
+    // Removes all frames.
     void Clear() noexcept;
 
     // Returns what CheckFrameStatus returns or, if that is true, what CheckStagesStatus does.
@@ -192,10 +222,10 @@ class FrameTracker {
     // otherwise leaves it alone.
     bool CheckFrameStatus(int64_t frameNumber, bool& isError) noexcept;
 
-    // Takes the start (`isEnd` false) or the end (`isEnd` true) of `stage` in. Returns true when it
-    // is in pipeline order and has been recorded. Otherwise sets `isError` to true when the caller
-    // is to report the frame: for a stage outside 0 to stageCount - 1 on every call, for a breach
-    // of the order once a frame, unless it was admitted out of sequence. Never sets it to false.
+    // Records the start (`isEnd` false) or the end (`isEnd` true) of `stage` and returns true, when
+    // it is in pipeline order. Otherwise sets `isError` to true when the caller is to report the
+    // frame: on every call for a stage outside 0 to stageCount - 1; once for each frame that was
+    // admitted in sequence, for a stage out of order. Never sets it to false.
     //
     // Aborts the process when it has to look at a stage that the frame was not admitted with.
     bool CheckStagesStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError) noexcept;
@@ -214,19 +244,18 @@ class FrameTracker {
         std::atomic<uint32_t> status{0};  // Frame flags.
         StageFlags stageStartStatus;      // Which stages have started,
         StageFlags stageEndStatus;        // and which have ended.
-        // How many of these flags are up. As none goes up before its turn, the count says whose
-        // turn it is: an event is in order when it is its own, and the others need not be looked
-        // at.
-        size_t flagsUp = 0;
+        // How many of these flags are set. They are set in one fixed order, so the count says which
+        // event is next, and an event that is next needs no look at the other flags.
+        size_t flagsSet = 0;
     };
 
     using FrameTable = std::map<int32_t, FrameData>;
 
-    // Under the lock. noexcept, so that what fails ends the process in here: further out the lock
-    // would be released before.
+    // Called with the lock held. noexcept, so that a failure ends the process in here: further out
+    // the lock would be released first.
     FrameData& AddFrame(int32_t key) noexcept;
     void RemoveFrame(FrameTable::iterator entry) noexcept;
-    void PutFlagsDown(FrameData& frame) const noexcept;
+    void ClearFlags(FrameData& frame) const noexcept;
     static bool IsReportable(uint32_t status) noexcept;
     int32_t FirstStageOutOfOrder(const FrameData& frame, int32_t stage) const noexcept;
     void MarkInError(FrameData& frame, int64_t frameNumber, int32_t stage, bool isEnd,
@@ -236,7 +265,7 @@ class FrameTracker {
     std::shared_mutex frameMutex;
     // By the low 32 bits of the frame number: the first entry is the oldest frame.
     FrameTable frameData;
-    // Entries that frames have left, for the frames to come: so only the first frames of a scene
+    // Entries of frames that have left, to be used again, so that only the first frames of a scene
     // take memory from the heap. Together with those in use there are never more than the capacity.
     std::vector<FrameTable::node_type> spareFrames;
     const int32_t MAX_FRAME_TRACKED;

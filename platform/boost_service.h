@@ -1,10 +1,9 @@
-// The closed boost service library, libtarvo_cfbt: it does the scheduling that this library only
-// asks for.
+// The closed boost service library, libtarvo_cfbt. It does the scheduling; this library only tells
+// it what the camera is doing.
 //
-// Every function runs on the caller's thread and returns a status, 0 for success. What the other
-// values mean is the service's own affair. Frame numbers are the low 32 bits of the HAL's 64-bit
-// frame numbers; `scene` is the boost scene kind, 0 for a scene that qualifies for boosting, 1
-// for none.
+// Every function runs on the caller's thread and returns a status, 0 for success. Only the service
+// knows what other values mean. Frame numbers are the low 32 bits of the HAL's 64-bit frame
+// numbers; `scene` is the kind of scene, 0 for one that qualifies for boosting, 1 for none.
 
 #pragma once
 
@@ -21,11 +20,11 @@ int32_t cfbtSceneEnd(int32_t scene);
 int32_t cfbtFrameStart(int32_t frameNumber);
 int32_t cfbtFrameEnd(int32_t frameNumber);
 
-// `stage` counts from 0; what `stageArg1` and `stageArg2` mean is the service's own affair.
+// `stage` counts from 0; only the service knows what `stageArg1` and `stageArg2` mean.
 int32_t cfbtStageStart(int32_t frameNumber, int32_t stage, int32_t stageArg1, int32_t stageArg2);
 int32_t cfbtStageEnd(int32_t frameNumber, int32_t stage);
 
-// The list stays the caller's, and is gone after the call.
+// The list belongs to the caller and must not be used after the call.
 int32_t cfbtAddTids(int32_t scene, const std::vector<int32_t>& tids);
 int32_t cfbtRemoveTids(int32_t scene, const std::vector<int32_t>& tids);
 

@@ -1,8 +1,8 @@
 // The hardware configuration store, a closed platform library that serves a device's setup by
 // section and key.
 //
-// All texts are zero-terminated. A status of 0 means success. What a missing section or key gives
-// (a count of 0 or below, a status other than 0) is the store's own choice.
+// All texts are zero-terminated. A status of 0 means success. What the store returns for a missing
+// section or key is not known: a count of 0 or below, a status other than 0.
 
 #pragma once
 

@@ -6,7 +6,7 @@
 #include <android/log.h>
 #else
 
-// The one priority that this library writes with; the value is Android's.
+// The only priority that this library uses; the value is Android's.
 enum { ANDROID_LOG_DEBUG = 3 };
 
 extern "C" {

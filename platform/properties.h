@@ -10,8 +10,8 @@
 
 extern "C" {
 
-// Returns 1 or 0 for a property that reads as true or false, `defaultValue` for one that is unset
-// or reads as neither.
+// Returns 1 or 0 for a property whose value means true or false, `defaultValue` for one that is
+// unset or whose value means neither.
 int8_t property_get_bool(const char* key, int8_t defaultValue);
 
 }  // extern "C"

@@ -23,7 +23,7 @@ uint64_t atrace_get_enabled_tags();
 
 extern "C" {
 
-// Sets the counter `name` to `value`. Android's header declares it inside its own functions only.
+// Sets the counter `name` to `value`. Android's header declares it only inside other functions.
 void atrace_int_body(const char* name, int32_t value);
 
 }  // extern "C"
