@@ -1,5 +1,5 @@
-// How a benchmark is measured: against the least that anything which keeps the library's contract
-// has to pay, in the same run.
+// How a benchmark is measured: in the same run as its floor, the least work that any library with
+// the same contract has to do.
 
 #pragma once
 
@@ -12,12 +12,12 @@
 
 #include "tests/support/allocations.h"
 
-// Times `road` and `floor` in turns, `units` of whatever each of them does at a time. Reports the
-// time of a unit of the road, its ratio to a unit of the floor, and its heap allocations, all
-// without what `caller` does: the part of the road that is not the library's. Times are the least
-// of many: what makes a turn slower than that is not the library either.
-template <typename Road, typename Floor, typename Caller>
-void Measure(benchmark::State& state, int64_t units, Road road, Floor floor, Caller caller) {
+// Times `library` and `floor` in turns; each does `units` of its work in a turn. Reports the time
+// of a unit of `library`, its ratio to a unit of `floor`, and its heap allocations, all less those
+// of `caller`: the part of `library` that its caller does. Times are the shortest of many turns, as
+// only other programs make a turn longer.
+template <typename Library, typename Floor, typename Caller>
+void Measure(benchmark::State& state, int64_t units, Library library, Floor floor, Caller caller) {
     using Clock = std::chrono::steady_clock;
     struct Least {
         double seconds = std::numeric_limits<double>::max();
@@ -32,24 +32,24 @@ void Measure(benchmark::State& state, int64_t units, Road road, Floor floor, Cal
         least.allocations = std::min(least.allocations, Allocations() - before);
         return time;
     };
-    Least ofRoad;
+    Least ofLibrary;
     Least ofFloor;
     Least ofCaller;
     for ([[maybe_unused]] auto _ : state) {
         measure(ofFloor, floor);
         measure(ofCaller, caller);
-        state.SetIterationTime(measure(ofRoad, road));
+        state.SetIterationTime(measure(ofLibrary, library));
     }
     const auto all = static_cast<double>(units);
-    const double time = ofRoad.seconds - ofCaller.seconds;
+    const double time = ofLibrary.seconds - ofCaller.seconds;
     state.counters["ns"] = time / all * 1e9;
     state.counters["floor_ns"] = ofFloor.seconds / all * 1e9;
     state.counters["ratio"] = time / ofFloor.seconds;
-    const int64_t allocations = ofRoad.allocations - ofCaller.allocations - ofFloor.allocations;
+    const int64_t allocations = ofLibrary.allocations - ofCaller.allocations - ofFloor.allocations;
     state.counters["allocations"] = std::max(static_cast<double>(allocations) / all, 0.0);
 }
 
-template <typename Road, typename Floor>
-void Measure(benchmark::State& state, int64_t units, Road road, Floor floor) {
-    Measure(state, units, road, floor, [] {});
+template <typename Library, typename Floor>
+void Measure(benchmark::State& state, int64_t units, Library library, Floor floor) {
+    Measure(state, units, library, floor, [] {});
 }

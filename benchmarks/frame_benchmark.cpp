@@ -1,5 +1,5 @@
-// What the library adds to a frame, a scene and a node that is none of its business, beside the
-// floor: as many service calls and uncontended locks of the same kind, and nothing else.
+// What the library adds to a frame, a scene and a node that it ignores, compared with the floor: as
+// many service calls and uncontended locks of the same kind, and nothing else.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,10 +20,10 @@
 
 namespace {
 
-constexpr int64_t FRAMES = 1000;  // A turn.
+constexpr int64_t FRAMES = 1000;  // In each turn.
 
-// Names of 5 to 40 characters, as pipelines have them: the configured one and what a HAL makes of
-// it.
+// Names of 5 to 40 characters, as pipelines have them: the configured one and the one that a HAL
+// reports.
 const std::pair<const char*, const char*> NODES[] = {
     {"SensorFrontEnd", "SensorFrontEnd0"},
     {"MCTFE0_cam", "MCTFE0_cam0"},
@@ -43,7 +43,7 @@ const std::pair<const char*, const char*> NODES[] = {
     {"VideoSink", "VideoSink_MediaRecorder_Surface"},
 };
 
-// A recording through the first stages of the above, the way HALs report it: one node end a stage.
+// A recording with the first of these nodes, as HALs report it: one node end for each stage.
 class Recording {
   public:
     explicit Recording(int32_t stages, bool isDebug = false) : stageCount(stages) {
@@ -84,12 +84,12 @@ class Recording {
                 NodeEnd(stage);
             }
             if (stageCount == 1) {
-                boost.TcfbtNotifyFrameEnd(frame);  // No node end does that then.
+                boost.TcfbtNotifyFrameEnd(frame);  // With one stage no node end does that.
             }
         }
     }
 
-    // What the HAL does in the same time: the operation takes its own copy of the node's name.
+    // What the HAL does: each operation takes a copy of the node's name.
     void CopyNames() const {
         for (int64_t i = 0; i < FRAMES; ++i) {
             for (const std::string& name : names) {
@@ -123,8 +123,8 @@ void FloorOfStages(std::shared_mutex& mutex, int32_t stages, int32_t frame) {
     }
 }
 
-// A frame's start and end take one each. With a single stage the one after it is started in vain:
-// reported, after one more lock.
+// A frame's start and end take one lock each. With a single stage, stage 1 is started too, although
+// it does not exist: one more lock and a report.
 void FloorOfFrame(std::shared_mutex& mutex, int32_t stages, int32_t frame) {
     FloorOfLocks(mutex, 1);
     cfbtFrameStart(frame);
@@ -155,19 +155,19 @@ void Frame(benchmark::State& state, bool isDebug) {
     const auto stages = static_cast<int32_t>(state.range(0));
     Recording recording(stages, isDebug);
     std::shared_mutex mutex;
-    const auto road = [&recording] { recording.Frames(); };
+    const auto work = [&recording] { recording.Frames(); };
     const auto floor = [&mutex, stages] {
         for (int32_t frame = 0; frame < FRAMES; ++frame) {
             FloorOfFrame(mutex, stages, frame);
         }
     };
     const int64_t shown = desktop::LogLineCount() + desktop::CounterUpdateCount();
-    if (ServiceCallsOf(road) != ServiceCallsOf(floor) ||
+    if (ServiceCallsOf(work) != ServiceCallsOf(floor) ||
         (desktop::LogLineCount() + desktop::CounterUpdateCount() != shown) != isDebug) {
-        state.SkipWithError("not all was forwarded, or shown");
+        state.SkipWithError("not all events were forwarded, or logged");
         return;
     }
-    Measure(state, FRAMES, road, floor, [&recording] { recording.CopyNames(); });
+    Measure(state, FRAMES, work, floor, [&recording] { recording.CopyNames(); });
 }
 BENCHMARK_CAPTURE(Frame, quiet, false)->Arg(1)->Arg(3)->Arg(5)->Arg(8)->Arg(16)->UseManualTime();
 BENCHMARK_CAPTURE(Frame, debug, true)->Arg(5)->UseManualTime();
@@ -193,9 +193,8 @@ class DiscardedLog : public desktop::Observer {
     const int file = open("/dev/null", O_WRONLY | O_CLOEXEC);
 };
 
-// Frames of one facade on several threads, which start in order. None is ended, as none may be
-// before those that are older: the oldest is pushed out and reported. With the debug switch on, the
-// floor is still that of the switch off.
+// Several threads start frames of one facade in order. No frame is ended: the oldest is dropped and
+// reported. With the debug switch on, the floor is still that of the switch off.
 void Threads(benchmark::State& state, bool isDebug) {
     constexpr int32_t STAGES = 5;
     const auto count = static_cast<size_t>(state.range(0));
@@ -211,7 +210,7 @@ void Threads(benchmark::State& state, bool isDebug) {
     };
     TarvoCameraFrameBoost& boost = recording.boost;
     int64_t newest = 1;
-    const auto road = [&] {
+    const auto work = [&] {
         const auto log = isDebug ? std::make_unique<DiscardedLog>() : nullptr;
         LocalConfig::enable = isDebug;
         onThreads([&] {
@@ -239,26 +238,26 @@ void Threads(benchmark::State& state, bool isDebug) {
             }
         });
     };
-    Measure(state, FRAMES * state.range(0), road, floor);
+    Measure(state, FRAMES * state.range(0), work, floor);
 }
 BENCHMARK_CAPTURE(Threads, quiet, false)->Arg(1)->Arg(2)->Arg(4)->UseManualTime();
 BENCHMARK_CAPTURE(Threads, debug, true)->Arg(1)->Arg(2)->UseManualTime();
 
-// A node end that no stage waits for, against one that is forwarded, on average over a frame.
+// A node end that is ignored, compared with one that is forwarded, on average over a frame.
 void IgnoredNode(benchmark::State& state) {
     constexpr int32_t STAGES = 5;
     Recording recording(STAGES);
     recording.names.emplace_back("JpegEncoder_1");
-    const auto road = [&] {
+    const auto work = [&] {
         for (int64_t i = 0; i < FRAMES * STAGES; ++i) {
             recording.NodeEnd(STAGES);
         }
     };
-    Measure(state, FRAMES * STAGES, road, [&recording] { recording.Frames(); });
+    Measure(state, FRAMES * STAGES, work, [&recording] { recording.Frames(); });
 }
 BENCHMARK(IgnoredNode)->UseManualTime();
 
-// The start and the end of a scene with some threads.
+// The start and the end of a scene with some thread ids.
 void Scene(benchmark::State& state) {
     Recording recording(5);
     TarvoCameraFrameBoost& boost = recording.boost;
@@ -271,7 +270,7 @@ void Scene(benchmark::State& state) {
     TarvoCameraFrameBoost::persistTids = tids;
     std::mutex mutex;
     std::shared_mutex sharedMutex;
-    const auto road = [&boost] {
+    const auto work = [&boost] {
         boost.TcfbtSetSceneInfo(true, 3840, 60);
         boost.TcfbtNotifySceneStart(1);
         boost.TcfbtNotifySceneEnd();
@@ -286,7 +285,7 @@ void Scene(benchmark::State& state) {
         cfbtSceneEnd(0);
         cfbtRemoveTids(0, tids);
     };
-    Measure(state, 1, road, floor);
+    Measure(state, 1, work, floor);
     TarvoCameraFrameBoost::persistTids.clear();
 }
 BENCHMARK(Scene)->Arg(16)->Arg(64)->Arg(256)->UseManualTime();

@@ -1,5 +1,5 @@
-// What it takes to load the library, beside the floor: the questions to the configuration store
-// that loading has to ask.
+// What it costs to load the library, compared with the floor: the calls of the configuration store
+// that loading has to make.
 
 #include <dlfcn.h>
 
@@ -13,7 +13,7 @@
 namespace {
 
 void Load(benchmark::State& state) {
-    const auto road = [] {
+    const auto work = [] {
         void* library = dlopen(LIBRARY, RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr) {
             std::abort();
@@ -41,7 +41,7 @@ void Load(benchmark::State& state) {
             }
         }
     };
-    Measure(state, 1, road, floor);
+    Measure(state, 1, work, floor);
 }
 BENCHMARK(Load)->UseManualTime();
 

@@ -1,4 +1,4 @@
-// From steps to what happened, and what is said of it: held against cameras whose faults are known.
+// The account of steps and its findings, compared with the known faults of random cameras.
 
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@
 namespace tools {
 namespace {
 
-// Every form that has times, and the modifiers that change them.
+// Every form of the log that has times, with the modifiers that change them.
 constexpr const char* FORMS[] = {"threadtime",
                                  "time",
                                  "long",
@@ -67,7 +67,7 @@ std::string TextOf(const Account& account) {
     return text.str();
 }
 
-// What is to be found of a fault, as "check stage".
+// The finding that a fault has to lead to, as "check stage".
 std::string Expected(const Fault& fault, const Camera& camera) {
     const std::string stage = " " + std::to_string(fault.stage);
     switch (fault.kind) {
@@ -76,7 +76,7 @@ std::string Expected(const Fault& fault, const Camera& camera) {
         case FaultKind::Lost:
             return "frame-lost" + stage;
         case FaultKind::Unreported:
-            // Nobody can tell that it did leave the last one.
+            // After the last stage nothing shows that the frame left it.
             return (fault.stage + 1 == static_cast<int32_t>(camera.Stages().size())
                         ? "frame-lost"
                         : "stage-unreported") +
@@ -95,7 +95,7 @@ std::string Expected(const Fault& fault, const Camera& camera) {
     return "";
 }
 
-// All outputs tell of the same frames, and each frame has one status.
+// All outputs have the same frames, and each frame has one status.
 void ExpectOutputsAgree(const Account& account) {
     std::ostringstream jsonText, csv;
     WriteJson(jsonText, account);
@@ -194,7 +194,8 @@ TEST(AccountTest, FindsEachFaultAtItsFrameAndNoOther) {
             }
         }
         EXPECT_EQ(found, truth);
-        // Frames far from all faults are blameless, but for those in flight at the end.
+        // Frames far from all faults have no findings and are complete, except those in flight at
+        // the end.
         for (const Frame& frame : scene.frames) {
             const bool isNear = std::any_of(
                 camera.faults.begin(), camera.faults.end(), [&frame](const Fault& fault) {
@@ -215,7 +216,7 @@ TEST(AccountTest, FindsEachFaultAtItsFrameAndNoOther) {
     }
 }
 
-// What a HAL or its configuration does wrong, and what the account makes of it.
+// Mistakes of a HAL or its configuration, and what is found of each.
 TEST(AccountTest, FindsWhatAHalDoesWrong) {
     const std::string start = "TcfbtSetSceneInfo true 3840 60\nTcfbtNotifySceneStart 0x8001\n";
     const std::string through =
@@ -266,7 +267,7 @@ TEST(AccountTest, FindsWhatAHalDoesWrong) {
          {"frame-lost 6"},
          "therefore 7 was not in flight and 8 came after a gap and was refused: 3 frames not "
          "boosted"},
-        // A drop that the HAL takes care of costs no other frame.
+        // A drop that the HAL handles costs no other frame.
         {start + Repeat(0, 5, goodCase) +
              "TcfbtNotifyErrorFrame 6 0\nTcfbtNotifyFrameStart 7\n"
              "TcfbtNotifyStageStart 0 7 0 20 SensorFrontEnd0\nTcfbtNotifyFrameEnd 6\nWait 17\n" +
@@ -274,7 +275,7 @@ TEST(AccountTest, FindsWhatAHalDoesWrong) {
          {"frame-lost 6"},
          "frame 6 never left stage 0 (SensorFrontEnd), as the HAL reported: 1 frame not boosted; 7 "
          "came out late"},
-        // The library's keys have 32 bits: behind the highest comes the lowest.
+        // The library's keys have 32 bits: after the highest comes the lowest.
         {start + Repeat(2147483640, 2147483660, goodCase), {"frame-gap 2147483649"}, "32 bits"},
         {start + Repeat(0, 50, "TcfbtNotifyNodeEnd # SensorFrontEnd0 3 0 true") +
              "TcfbtNotifySceneEnd",
@@ -289,7 +290,7 @@ TEST(AccountTest, FindsWhatAHalDoesWrong) {
         ExpectOutputsAgree(account);
     }
 
-    // Many of a kind become one; what comes of a slow stage is told with it, not of its own.
+    // Many findings of a kind become one; late frames after a slow stage belong to its finding.
     std::string slow;
     for (int64_t frame = 0; frame < 400; ++frame) {
         slow += Repeat(frame, frame, goodCase) + (frame % 40 == 39 ? "Wait 30\n" : "");
@@ -299,8 +300,8 @@ TEST(AccountTest, FindsWhatAHalDoesWrong) {
     EXPECT_EQ(account.scenes[0].findings[0].times, 9);
 }
 
-// What captures are like that nobody has made for us.
-TEST(AccountTest, MakesTheMostOfACaptureThatIsNotWhole) {
+// Captures as they come from devices.
+TEST(AccountTest, ExplainsCapturesThatAreNotComplete) {
     Camera camera = BuiltinCamera();
     camera.frames = 300;
     const std::string capture = Capture(camera);
@@ -312,7 +313,7 @@ TEST(AccountTest, MakesTheMostOfACaptureThatIsNotWhole) {
     EXPECT_TRUE(account.scenes.at(0).isBeginningMissing);
     EXPECT_GT(account.scenes[0].CountOf(FrameStatus::Complete), 90);
 
-    // Lines that Android's log left out, and told of.
+    // Lines that Android's log left out, with a line that says so.
     const size_t hole = lineAt(capture.size() / 2);
     account = Explain(capture.substr(0, hole) +
                       "01-01 12:00:02.700  1000  1000 I chatty  : uid=1047(cameraserver) Thread "
@@ -325,7 +326,7 @@ TEST(AccountTest, MakesTheMostOfACaptureThatIsNotWhole) {
     EXPECT_EQ(TextOf(account).find("not seen to leave"), std::string::npos) << TextOf(account);
     EXPECT_NE(VerdictOf(account).find("cannot be told"), std::string::npos);
 
-    // The clock is set: nothing is late for that.
+    // The clock is set: no frame is late because of that.
     std::string set = capture.substr(hole);
     for (size_t at = 0; (at = set.find("01-01 12:", at)) != std::string::npos; ++at) {
         set.replace(at, 9, "01-01 17:");
@@ -349,7 +350,7 @@ TEST(AccountTest, MakesTheMostOfACaptureThatIsNotWhole) {
     EXPECT_EQ(account.findings[0].check, "two-cameras");
     ExpectOutputsAgree(account);
 
-    // Nothing is kept but what is asked for, and that is the same.
+    // Without frames in memory, statuses and findings are the same.
     camera.faults = {ParseFault("lost:100:2"), ParseFault("slow:200:1:60")};
     const std::string faulty = Capture(camera);
     std::vector<std::string> told;

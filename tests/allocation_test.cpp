@@ -1,5 +1,5 @@
-// Running out of memory: whichever allocation of whichever operation fails, the process ends there,
-// although the caller catches everything.
+// Running out of memory: whichever allocation fails, in whichever operation, the process ends at
+// once, although the caller catches everything.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -16,7 +16,7 @@
 
 namespace {
 
-int64_t allocationsToGo = -1;  // Before the one that fails; below 0 while none is to.
+int64_t allocationsToGo = -1;  // Until one fails; below 0 while none is to fail.
 
 bool Fails() {
     return allocationsToGo >= 0 && allocationsToGo-- == 0;
@@ -39,7 +39,7 @@ void operator delete(void* memory, size_t /*size*/) noexcept {
     std::free(memory);
 }
 
-// Called before a sanitizer is ready, too. The C library's header has its own names for the two.
+// Also called before a sanitizer is ready. The C library's header names the parameters otherwise.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" __attribute__((no_sanitize("address", "thread", "undefined"))) void* calloc(
     size_t count, size_t size) noexcept {
@@ -49,7 +49,7 @@ extern "C" __attribute__((no_sanitize("address", "thread", "undefined"))) void* 
 
 namespace {
 
-// What operations are called with. Made beforehand: the failures of a caller are its own.
+// What operations are called with. Made beforehand, as only the library's allocations must fail.
 struct Hal {
     TarvoCameraFrameBoost boost;
     LocalConfig& config = TarvoCameraFrameBoost::localConfig;
@@ -68,7 +68,7 @@ enum Memory {
     NEVER,
     ALWAYS,
     DEBUG,     // While debugging.
-    VARIABLE,  // Depends on the texts that the standard library holds without.
+    VARIABLE,  // Depends on how long a text the standard library holds without an allocation.
 };
 
 struct Operation {
@@ -138,7 +138,7 @@ class AllocationTest : public LibraryTest {
   protected:
     enum End { IN_TIME, ENDED, WENT_ON };
 
-    // Lets a process of its own run out of memory after `allocations`.
+    // Calls it in a new process that runs out of memory after `allocations`.
     static End RunOut(void (*call)(Hal&), Hal& hal, int64_t allocations) {
         const pid_t child = fork();
         if (child == 0) {
@@ -197,7 +197,7 @@ class AllocationTest : public LibraryTest {
             while (end == ENDED) {
                 end = RunOut(call, hal, ++allocations);
             }
-            EXPECT_EQ(end, IN_TIME) << text << " went on without allocation " << allocations;
+            EXPECT_EQ(end, IN_TIME) << text << " went on after failed allocation " << allocations;
             if (memory != VARIABLE) {
                 EXPECT_EQ(allocations != 0, memory == ALWAYS || (memory == DEBUG && isDebug))
                     << text << " takes memory " << allocations << " times";

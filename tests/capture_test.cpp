@@ -1,4 +1,4 @@
-// The device's log read back: the library's messages, what they tell of each call, and captures in
+// Reading the device's log: the library's messages, what they say about each call, and captures in
 // every form.
 
 #include "tools/capture/capture.h"
@@ -28,7 +28,7 @@ using tools::Message;
 using tools::MessageKind;
 using tools::Outcome;
 
-// A message in words again, by the table's own forms.
+// The texts of a message, made from the table of forms.
 std::set<std::string> TextsOf(const Message& message) {
     const auto number = [](auto value) { return std::to_string(value); };
     const std::map<std::string, std::string> values = {
@@ -68,8 +68,7 @@ std::set<std::string> TextsOf(const Message& message) {
 
 class CaptureTest : public LibraryTest {
   protected:
-    // Reads back what the library has logged since the last time. The messages point into
-    // `effects`.
+    // Reads what the library has logged since the last time. The messages point into `effects`.
     void ReadMessages() {
         effects = recorder.Take();
         messages.clear();
@@ -88,7 +87,7 @@ class CaptureTest : public LibraryTest {
         }
     }
 
-    // What the events say that the service was told, in short.
+    // What the service was told according to the events, in short.
     static std::string Told(const std::vector<tools::Event>& events) {
         std::string told;
         for (const tools::Event& event : events) {
@@ -101,7 +100,7 @@ class CaptureTest : public LibraryTest {
         return told;
     }
 
-    // What it was told.
+    // What the service really was told.
     std::string Called() const {
         std::string called;
         bool isWholeFrame = false;
@@ -117,7 +116,7 @@ class CaptureTest : public LibraryTest {
             called += Words(isError ? "error" : NAMES[size_t(call->function)],
                             hasFrame ? call->Argument("frame") : 0, call->Argument("stage"));
         }
-        // That a frame numbered -1 was pushed out is the one thing that the service is not told.
+        // When frame -1 is dropped, and only then, the service is not told.
         const bool isEviction = std::any_of(
             messages.begin(), messages.end(),
             [](const Message& message) { return message.kind == MessageKind::TableFull; });
@@ -152,7 +151,7 @@ class CaptureTest : public LibraryTest {
     static constexpr const char* NAMES[] = {"scene start", "scene end",   "frame start",
                                             "frame end",   "stage start", "stage end"};
     static std::string Words(const std::string& what, int64_t frame, int32_t stage) {
-        // Of a frame that was pushed out nothing says which one it was.
+        // The log does not say which frame was dropped.
         const bool isKnown = what != "error" || stage >= 0;
         return " " + what + "/" + (isKnown ? std::to_string(int32_t(frame)) : "?") +
                (stage < 0 ? "" : "/" + std::to_string(stage));
@@ -161,12 +160,12 @@ class CaptureTest : public LibraryTest {
     TarvoCameraFrameBoost boost;
     std::vector<desktop::Effect> effects;
     std::vector<Message> messages;
-    std::map<MessageKind, int> kinds;  // How many there were.
+    std::map<MessageKind, int> kinds;  // How many of each kind.
     std::set<Outcome> outcomes;
     tools::Configuration configuration;
 };
 
-// Two bundled sessions show all that there is to the library.
+// Two bundled sessions make the library write every message.
 TEST_F(CaptureTest, KnowsEveryMessageAndWhatItTells) {
     desktop::Reset();
     desktop::SetLogToStderr(false);
@@ -184,12 +183,12 @@ TEST_F(CaptureTest, KnowsEveryMessageAndWhatItTells) {
             }
         }
     }
-    // The operations that the facade does not use, or not so.
+    // A message that no call of the facade leads to.
     bool isError = false;
     FrameTracker(1).CheckStagesStatus(0, 0, false, isError);
     ReadMessages();
     for (const tools::MessageForm& form : tools::MessageForms()) {
-        // These two are for states that no call can bring about.
+        // These two are for states that no call leads to.
         if (form.kind != MessageKind::FrameRemoved && form.kind != MessageKind::FrameInError) {
             EXPECT_EQ(kinds.count(form.kind), 1U) << form.text;
         }
@@ -202,7 +201,7 @@ TEST_F(CaptureTest, KnowsEveryMessageAndWhatItTells) {
     }
 }
 
-// Whatever is called, in whatever order.
+// Random calls in random order.
 TEST_F(CaptureTest, TellsWhatTheServiceWasTold) {
     Load();
     std::minstd_rand random(1);
@@ -215,7 +214,7 @@ TEST_F(CaptureTest, TellsWhatTheServiceWasTold) {
             Play({tools::FindOperation("TcfbtSetSceneInfo"), {true, 4096, 60}});
             Play({tools::FindOperation("TcfbtNotifySceneStart"), {5}});
         }
-        // Mostly as a pipeline does it, a bit later each time.
+        // Mostly in the order of a pipeline.
         const int64_t frame = i % 1000 / 10 + below(4);
         const int32_t stage = below(40) == 0 ? below(9) - 2 : below(3);
         const int32_t what = below(100);
@@ -245,7 +244,7 @@ TEST_F(CaptureTest, TellsWhatTheServiceWasTold) {
 
 // ---- Captures ----
 
-// What a capture holds, as far as its form tells it.
+// What a reader finds in a capture.
 struct Found : tools::RecordSink {
     void OnRecord(const tools::Record& record, const tools::Place& place) override {
         lines.push_back(place.line);
@@ -288,7 +287,7 @@ std::string Replaced(std::string text, const std::string& what, const std::strin
     return text;
 }
 
-// ASCII, and the two characters that the records below have.
+// Knows ASCII and the two characters that the records below have.
 std::string Utf16(const std::string& text, bool isLittle, bool hasMark) {
     std::u16string units = hasMark ? u"\xFEFF" : u"";
     for (size_t i = 0; i < text.size(); ++i) {
@@ -371,7 +370,7 @@ TEST(CaptureFormTest, IsReadBackWhateverItsForm) {
     }
 }
 
-TEST(CaptureFormTest, TellsWhatIsOnlyHalfThere) {
+TEST(CaptureFormTest, CountsLinesThatAreCutOff) {
     const std::string line =
         "01-01 00:00:00.000     7     8 D cameraframeboost: tarvocameraframeboost.cpp "
         "1:DumpInfo() DumpInfo PersistTids size = 12\n";
@@ -380,7 +379,7 @@ TEST(CaptureFormTest, TellsWhatIsOnlyHalfThere) {
     EXPECT_EQ(found.fragments.size(), 2U);
 }
 
-// Keeps the calls of each thread, each with what came of it, and what disturbs.
+// Keeps the calls of each thread, each with its events, and the disturbances.
 struct CallList : tools::StepSink {
     void OnStep(const tools::Step& step) override {
         if (step.call.operation != nullptr) {
@@ -398,9 +397,9 @@ struct CallList : tools::StepSink {
     std::vector<tools::Disturbance> disturbances;
 };
 
-// Lines of several threads may interleave as they will.
+// The lines of several threads are mixed at random.
 TEST_F(CaptureTest, FindsTheCallsOfEachThread) {
-    std::map<int32_t, std::deque<std::string>> threads;  // What each has to log.
+    std::map<int32_t, std::deque<std::string>> threads;  // Lines to be written.
     CallList made;
     std::minstd_rand random(2);
     const char* const nodes[] = {"Sensor", "Filter0", "Encoder", "Other"};
@@ -436,7 +435,7 @@ TEST_F(CaptureTest, FindsTheCallsOfEachThread) {
         play(node + 1, {tools::FindOperation("TcfbtNotifyNodeEnd"),
                         {i / 8 + int64_t(random() % 3), std::string(nodes[node]),
                          random() % 20 == 0 ? 9 : node + 2, 0, true}});
-        // Some lines are written now, some later.
+        // Writes some lines now, the others later.
         while (threads[1].size() + threads[2].size() + threads[3].size() + threads[4].size() > 9) {
             std::deque<std::string>& lines = threads[int32_t(1 + random() % 4)];
             if (!lines.empty()) {
@@ -459,7 +458,7 @@ TEST_F(CaptureTest, FindsTheCallsOfEachThread) {
     for (int32_t thread = 1; thread <= 4; ++thread) {
         auto& expected = made.byThread[thread];
         auto& calls = found.byThread[thread];
-        // Of the last one nobody knows whether it had more lines.
+        // The last call may have had more lines.
         expected.pop_back();
         calls.pop_back();
         const auto [one, other] =
@@ -470,7 +469,7 @@ TEST_F(CaptureTest, FindsTheCallsOfEachThread) {
     }
 }
 
-// The desk logs what the device did.
+// A session made from a capture, played here, logs the same as the device.
 TEST_F(CaptureTest, PlaysTheSameAgain) {
     const auto verify = [](const std::string& text, const std::string& name) {
         tools::SessionMaker maker;

@@ -26,7 +26,7 @@ class CheckTest : public LibraryTest {
 
     bool Once(uint32_t in) { return random() % in == 0; }
 
-    // One that may be wrong in any way, but seldom in many at once.
+    // A configuration with any mistakes, seldom many at once.
     std::string AnyConfiguration() {
         std::string toml = Once(30) ? "" : "[TarvoCameraFrameBoostConfig]\n";
         toml += "cameraFrameBoostEnable = " + AnyOf({"true", "true", "true", "false", "1"}) + "\n";
@@ -83,8 +83,8 @@ TEST_F(CheckTest, ShowsTheTableThatTheLibraryLoads) {
     EXPECT_GT(ending, 100);
 }
 
-// Each is called like what it raises, and raises nothing else.
-TEST_F(CheckTest, FindsWhatEachConfigurationIsAnExampleOf) {
+// Each file has the name of its only finding.
+TEST_F(CheckTest, FindsTheMistakeOfEachExample) {
     Lines checks;
     for (const auto& entry : std::filesystem::directory_iterator(CONFIGURATIONS_DIRECTORY)) {
         const std::string name = entry.path().stem();
@@ -142,7 +142,7 @@ x.toml, as the library reads it:
     }
 }
 
-// What each node leads to is asked of the library.
+// Compared with what the library does about each node.
 TEST_F(CheckTest, SaysWhatReportedNodesLeadTo) {
     const auto checked = tools::CheckConfiguration(
         WithStages("0=['Sensor','1']\n1=['Tone','3']\n2=['ToneMapper','4']\n3=['Enc','5']\n"));

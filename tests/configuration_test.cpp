@@ -1,5 +1,4 @@
-// The configuration: what the store says, what becomes of it when the store fails, and what it
-// answers.
+// The configuration: how it is loaded, what happens when the store fails, and what queries return.
 
 #include <limits>
 #include <set>
@@ -13,7 +12,7 @@ namespace {
 
 const std::string SECTION = "[TarvoCameraFrameBoostConfig]\n";
 
-// What has been loaded, of modes and stages that these tests use:
+// What has been loaded, in one line; looks only at the modes and stages that these tests use:
 // "on 4096 [5 9] 3 stages: (0 Sensor 1 2)(1 Filter 3)(2 Encoder 4)".
 std::string Describe(LocalConfig& config) {
     std::ostringstream text;
@@ -41,7 +40,7 @@ std::string Describe(LocalConfig& config) {
     return text.str();
 }
 
-// What it answers for a node: "4: 2 3" for stage 4 and ports 2 and 3.
+// What queries return for a node: "4: 2 3" for stage 4 and ports 2 and 3.
 std::string Answers(const LocalConfig& config, const std::string& node) {
     const int32_t stage = config.GetStageByNodeName(node);
     EXPECT_EQ(config.IsNodeNameMatch(node), stage != -1);
@@ -60,7 +59,7 @@ class ConfigurationTest : public LibraryTest {
     }
 };
 
-TEST_F(ConfigurationTest, LoadsWhatIsThereAndFallsBackToWhatBoostsNothing) {
+TEST_F(ConfigurationTest, LoadsEachKeyAndUsesDefaultsForTheOthers) {
     const std::pair<const char*, const char*> cases[] = {
         {"", "off 0 [] 0 stages: "},
         {"additionalSupportedWidth = -4", "off -4 [] 0 stages: "},
@@ -82,26 +81,26 @@ TEST_F(ConfigurationTest, LoadsWhatIsThereAndFallsBackToWhatBoostsNothing) {
     EXPECT_FALSE(LocalConfig().IsLogEnable());
 }
 
-// Lets one call of the store after the other answer something else.
-TEST_F(ConfigurationTest, MakesTheBestOfAStoreThatFails) {
+// Changes the answer of one call of the store at a time.
+TEST_F(ConfigurationTest, LoadsWhatItCanWhenTheStoreFails) {
     constexpr int32_t LOWEST = std::numeric_limits<int32_t>::min();
     const std::string on = "on 4096 ";
     const std::string all = "(0 Sensor 1 2)(1 Filter 3)(2 Encoder 4)";
     struct {
-        int call;  // From 0, in the order in which they come.
+        int call;  // Which call, counted from 0.
         std::vector<int32_t> answers;
         std::string loaded;
     } const cases[] = {
-        {0, {-1, 1}, on + "[5 9] 3 stages: " + all},  // The width's status: not looked at.
-        {1, {-1, 1}, on + "[5 9] 3 stages: " + all},  // Nor is the switch's.
+        {0, {-1, 1}, on + "[5 9] 3 stages: " + all},  // The width's status is ignored.
+        {1, {-1, 1}, on + "[5 9] 3 stages: " + all},  // So is the switch's.
         {2, {0}, on + "[5 9] 0 stages: "},
         {2, {-1}, on + "[5 9] -1 stages: "},
         {2, {LOWEST}, on + "[5 9] -2147483648 stages: "},
         {2, {2}, on + "[5 9] 2 stages: (0 Sensor 1 2)(1 Filter 3)"},
         {2, {2147483647}, on + "[5 9] 2147483647 stages: " + all},
-        {3, {0, -1, LOWEST}, on + "[] 3 stages: " + all},  // How many modes there are.
+        {3, {0, -1, LOWEST}, on + "[] 3 stages: " + all},  // The number of modes.
         {3, {1}, on + "[5] 3 stages: " + all},
-        {3, {1000}, on + "[0 5 9] 3 stages: " + all},  // What nobody fills is 0.
+        {3, {1000}, on + "[0 5 9] 3 stages: " + all},  // Values that are not filled are 0.
         {4, {-1, 1}, "off 4096 [] 3 stages: " + all},
         {6, {-1, 1}, on + "[5 9] 3 stages: "},
         {7, {0, -1, LOWEST}, on + "[5 9] 3 stages: (0 Sensor 1 2)(2 Encoder 4)"},
@@ -120,7 +119,7 @@ TEST_F(ConfigurationTest, MakesTheBestOfAStoreThatFails) {
             EXPECT_EQ(Describe(config), loaded) << call << " answers " << result;
         }
     }
-    // A text that the store does not give.
+    // A text that the store leaves out.
     for (const bool isName : {true, false}) {
         desktop::SetStoreScript([isName](desktop::StoreAnswer& answer) {
             if (answer.texts != nullptr && answer.localeKey == "0") {
@@ -138,12 +137,13 @@ TEST_F(ConfigurationTest, ASecondLoadFillsGapsAndKeepsTheOrder) {
     ASSERT_TRUE(config.UpdateNodeByStage(2, "B"));
     desktop::LoadConfiguration(SECTION + "stage = {0=['Z'],1=['A','2'],2=['Z']}\n", "test.toml");
     EXPECT_TRUE(config.Load());
-    EXPECT_EQ(Describe(config), "off 0 [5 9] 3 stages: (0 A 1)(1 A 2)(2 B 3)") << "it stays";
+    EXPECT_EQ(Describe(config), "off 0 [5 9] 3 stages: (0 A 1)(1 A 2)(2 B 3)")
+        << "stages that were there stay";
     EXPECT_EQ(Answers(config, "A"), "1: 1 2");
     EXPECT_EQ(Answers(config, "AB"), "2: 1 2 3");
 }
 
-TEST_F(ConfigurationTest, APortThatIsNoNumberEndsTheProcess) {
+TEST_F(ConfigurationTest, EndsTheProcessOnAPortThatIsNoNumber) {
     for (const char* port :
          {"", "x1", "-", " ", "2147483648", "-2147483649", "99999999999999999999999"}) {
         const std::string toml = WithStages("0 = ['N', '" + std::string(port) + "']\n");
@@ -166,7 +166,7 @@ TEST_F(ConfigurationTest, FindsTheHighestStageAndThePortsOfAllThatMatch) {
     config = Load(WithStages("0=['AB','1']\n1=['','2']\n2=['A','3']\n"));
     EXPECT_EQ(Answers(config, ""), "1: 2");
     EXPECT_EQ(Answers(config, "AB"), "2: 1 2 3") << "the shorter name, but the higher stage";
-    // More than any hash table keeps in order by accident.
+    // So many that no hash table would have them in order by chance.
     std::string many;
     for (int stage = 0; stage < 100; ++stage) {
         many += std::to_string(stage) + "=['N']\n";
@@ -185,7 +185,7 @@ TEST_F(ConfigurationTest, GivesAStageAnotherName) {
     EXPECT_EQ(Answers(config, "New OldB"), "2: 1 2") << "and so does the order";
 }
 
-TEST_F(ConfigurationTest, ShowsItselfInTheLogWhenDebugIsOn) {
+TEST_F(ConfigurationTest, IsLoggedWhenDebugIsOn) {
     Load(THREE_STAGES);
     EXPECT_EQ(Effects(), Lines{}) << "debug is off";
     SwitchDebugOn(0);
@@ -203,7 +203,7 @@ TEST_F(ConfigurationTest, ShowsItselfInTheLogWhenDebugIsOn) {
     };
     EXPECT_EQ(Effects(), dump);
     config.DumpConfig();
-    EXPECT_EQ(Effects(), dump) << "and again, whenever asked";
+    EXPECT_EQ(Effects(), dump) << "DumpConfig writes it again";
     EXPECT_TRUE(Load("").IsLogEnable());
     EXPECT_EQ(Effects(), (Lines{"U 186:DumpConfig() frameboost enable = 0",
                                 "U 194:DumpConfig() supportOperationModeList = "}));

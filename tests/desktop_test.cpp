@@ -1,4 +1,4 @@
-// The desktop platform, as far as people see it: properties, configurations.
+// The desktop platform: how it reads properties and configurations.
 
 #include "platform/config_store.h"
 #include "platform/properties.h"
@@ -21,7 +21,8 @@ TEST_F(DesktopTest, ReadsPropertiesLikeAndroid) {
 TEST_F(DesktopTest, SaysWhereAConfigurationIsBroken) {
     EXPECT_EQ(desktop::LoadConfiguration("a = 1\nb = = 2\n", "x.toml")->substr(0, 9), "x.toml:2:");
     EXPECT_EQ(desktop::LoadConfigurationFile("/no/such/file"), "/no/such/file:1: cannot be read");
-    EXPECT_EQ(GetLocaleKeyCount("TarvoCameraFrameBoostConfig", "stage"), 0) << "empty by now";
+    EXPECT_EQ(GetLocaleKeyCount("TarvoCameraFrameBoostConfig", "stage"), 0)
+        << "the store serves nothing then";
     EXPECT_EQ(desktop::LoadConfigurationFile("/"), "/:1: cannot be read");
 }
 

@@ -1,5 +1,5 @@
-// An hour of 4K video at 60 frames per second, with all that goes wrong in an hour: what the
-// service is told of it, and what it takes of memory.
+// An hour of 4K video at 60 frames per second, with lost frames and stages out of order: what the
+// service is told, and how much memory is used.
 
 #include <unistd.h>
 
@@ -30,9 +30,9 @@ class EnduranceTest : public LibraryTest {
         return pages * sysconf(_SC_PAGESIZE) / 1024;
     }
 
-    // Frames 0 to `last`, of which 0 only opens the one after it. One in 1000 never leaves the
-    // first node: it takes the next two with it. One in 1000 is through the third node before it is
-    // through the second.
+    // Frames 0 to `last`, of which 0 only starts frame 1. One in 1000 never leaves the first node,
+    // so that it and the next two are not boosted. One in 1000 leaves the third node before the
+    // second.
     void Play(int64_t last) {
         const std::pair<const char*, int32_t> nodes[STAGES] = {{"SensorFrontEnd0", 3},
                                                                {"MCTFE0_cam0", 1},
@@ -76,11 +76,11 @@ TEST_F(EnduranceTest, PlaysAnHourWithoutDrift) {
     EXPECT_EQ(contract.Count(ServiceFunction::FrameEnd), SCENES * FRAMES / 1000 * (1000 - 3 - 1));
 }
 
-TEST_F(EnduranceTest, TakesNothingFromTheHeapWhileAFrameIsOnItsWay) {
+TEST_F(EnduranceTest, TakesNothingFromTheHeapForAFrame) {
     desktop::SetObserver(nullptr);
     boost.TcfbtSetSceneInfo(true, 3840, 60);
     boost.TcfbtNotifySceneStart(0x8001);
-    // Until as many frames have been in flight as there may be.
+    // Until the table has been full.
     for (int64_t frame = 1; frame < 30; ++frame) {
         boost.TcfbtNotifyFrameStart(frame);
     }

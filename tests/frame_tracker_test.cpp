@@ -1,5 +1,4 @@
-// The frame tracker: which frames and stage events it lets through, and when a frame is to be
-// reported.
+// The frame tracker: which frames and stage events it lets through, and when it asks for a report.
 
 #include <limits>
 #include <thread>
@@ -9,7 +8,7 @@
 
 namespace {
 
-// Each step answers in words: "yes" or "no", and what is to be reported with it.
+// Each step returns "yes" or "no", and the frame to report.
 class FrameTrackerTest : public LibraryTest {
   protected:
     std::string Start(int64_t frame) {
@@ -57,7 +56,7 @@ TEST_F(FrameTrackerTest, AdmitsFramesWithoutAGap) {
         {{5, 4}, 6, "yes"},  // The newest is still 5.
         {{5, 7}, 8, "yes"},  // A frame in error counts as the newest too.
         {{5, 7}, 6, "no"},
-        // The table knows the low 32 bits of a number, the test for gaps all 64.
+        // The table uses the low 32 bits of a number, the test for gaps all 64.
         {{5}, (int64_t{1} << 32) + 5, "no"},
         {{5}, (int64_t{1} << 32) + 6, "no"},
         {{(int64_t{1} << 32) + 5}, 6, "yes"},
@@ -80,38 +79,38 @@ TEST_F(FrameTrackerTest, ForgetsAFrameAtItsEnd) {
     EXPECT_EQ(End((int64_t{1} << 32) + 1), "yes") << "the same low 32 bits";
     EXPECT_EQ(End(1), "no");
     Start(int64_t{1} << 31);
-    EXPECT_EQ(End(0), "no") << "all of them count";
+    EXPECT_EQ(End(0), "no") << "all 32 bits count";
     EXPECT_EQ(End(-2147483648), "yes");
     Start(1);
     Start(3);
     EXPECT_EQ(End(3), "no") << "out of sequence,";
-    EXPECT_EQ(Start(2), "yes") << "and gone all the same";
+    EXPECT_EQ(Start(2), "yes") << "but removed all the same";
     tracker.Clear();
     EXPECT_EQ(End(1), "no");
     EXPECT_EQ(Start(77), "yes");
 }
 
-TEST_F(FrameTrackerTest, ReportsTheOldestFrameOnceItIsPushedOut) {
+TEST_F(FrameTrackerTest, ReportsTheOldestFrameWhenItIsDropped) {
     for (const int64_t frame : {11, 12, 13, 14}) {
         EXPECT_EQ(Start(frame), "yes");
     }
-    EXPECT_EQ(Start(14), "no") << "a duplicate pushes nothing out";
+    EXPECT_EQ(Start(14), "no") << "no frame is dropped for a duplicate";
     EXPECT_EQ(Start(15), "yes, report 11");
-    EXPECT_EQ(End(11), "no") << "it is gone";
+    EXPECT_EQ(End(11), "no") << "it was dropped";
     EXPECT_EQ(End(12), "yes");
     EXPECT_EQ(Start(16), "yes") << "there was room";
-    EXPECT_EQ(Start(20), "no, report 13") << "out of sequence, but it needs room too";
+    EXPECT_EQ(Start(20), "no, report 13") << "out of sequence, but it takes a place too";
     tracker.Clear();
 
-    // Neither one out of sequence nor one that was reported before.
+    // Not reported: a frame out of sequence, and one that was reported before.
     tracker.stageCount = 2;
     Start(20);
     Start(10);
     Start(21);
     EXPECT_EQ(Stage(20, 1, START), "no, report");
     Start(22);
-    EXPECT_EQ(Start(23), "yes") << "10 goes";
-    EXPECT_EQ(Start(24), "yes") << "20 goes";
+    EXPECT_EQ(Start(23), "yes") << "10 is dropped";
+    EXPECT_EQ(Start(24), "yes") << "20 is dropped";
     EXPECT_EQ(Start(25), "yes, report 21");
 }
 
@@ -125,7 +124,7 @@ TEST_F(FrameTrackerTest, TracksAtLeastOneFrame) {
         EXPECT_TRUE(small.CheckIfCouldStartFrame(-2147483647, isError, errorFrame));
         EXPECT_TRUE(isError) << capacity;
         EXPECT_EQ(errorFrame, -2147483648) << capacity;
-        // What the caller has set stays.
+        // The values of the caller stay.
         errorFrame = 42;
         small.Clear();
         EXPECT_TRUE(small.CheckIfCouldStartFrame(1, isError, errorFrame));
@@ -135,8 +134,8 @@ TEST_F(FrameTrackerTest, TracksAtLeastOneFrame) {
     }
 }
 
-// All sequences of five stage events over three stages, against the one right order.
-TEST_F(FrameTrackerTest, LetsStagesThroughInPipelineOrderOnly) {
+// All sequences of five stage events over three stages, compared with the one right order.
+TEST_F(FrameTrackerTest, AllowsStagesInPipelineOrderOnly) {
     constexpr int EVENTS = 6;
     constexpr int LENGTH = 5;
     tracker.stageCount = 3;
@@ -155,7 +154,7 @@ TEST_F(FrameTrackerTest, LetsStagesThroughInPipelineOrderOnly) {
     }
 }
 
-TEST_F(FrameTrackerTest, ReportsAStageOutOfRangeEachTimeAndAFrameOutOfSequenceNever) {
+TEST_F(FrameTrackerTest, ReportsStagesOutOfRangeAlwaysAndFramesOutOfSequenceNever) {
     tracker.stageCount = 2;
     Start(1);
     Start(5);
@@ -163,11 +162,11 @@ TEST_F(FrameTrackerTest, ReportsAStageOutOfRangeEachTimeAndAFrameOutOfSequenceNe
         EXPECT_EQ(Stage(1, stage, START), "no, report");
         EXPECT_EQ(Stage(1, stage, END), "no, report");
         EXPECT_EQ(Stage(5, stage, END), "no");
-        EXPECT_EQ(Stage(9, stage, START), "no") << "nor one that is not tracked";
+        EXPECT_EQ(Stage(9, stage, START), "no") << "not tracked";
     }
     EXPECT_EQ(Stage(5, 0, START), "no");
     EXPECT_EQ(Stage(1, 0, START), "yes") << "the frame goes on";
-    // Without the check of the frame before it.
+    // CheckStagesStatus alone, without CheckFrameStatus before it.
     bool isError = false;
     EXPECT_FALSE(tracker.CheckStagesStatus(5, 1, START, isError));
     EXPECT_FALSE(tracker.CheckStagesStatus(5, 0, END, isError));
@@ -178,11 +177,11 @@ TEST_F(FrameTrackerTest, ReportsAStageOutOfRangeEachTimeAndAFrameOutOfSequenceNe
     EXPECT_FALSE(isError);
     EXPECT_EQ(Effects(), Lines{"U 336:CheckStagesStatus() frameNumber not exist, frameNumber = 9"});
     EXPECT_FALSE(tracker.CheckStagesStatus(9, 2, START, isError));
-    EXPECT_TRUE(isError) << "the range comes first";
+    EXPECT_TRUE(isError) << "the range is checked first";
     EXPECT_EQ(End(1), "yes");
 }
 
-TEST_F(FrameTrackerTest, MayBeClearedWhileFramesComeAndGo) {
+TEST_F(FrameTrackerTest, MayBeClearedWhileFramesStart) {
     std::thread camera([this] {
         for (int64_t frame = 1; frame < 2000; ++frame) {
             Start(frame);
@@ -196,7 +195,7 @@ TEST_F(FrameTrackerTest, MayBeClearedWhileFramesComeAndGo) {
     EXPECT_EQ(Start(1), "yes");
 }
 
-TEST_F(FrameTrackerTest, EndsTheProcessWhenAStageWasNotAdmitted) {
+TEST_F(FrameTrackerTest, EndsTheProcessWhenTheFrameLacksTheStage) {
     tracker.stageCount = 1;
     Start(1);
     tracker.stageCount = 2;
@@ -211,7 +210,7 @@ TEST_F(FrameTrackerTest, EndsTheProcessWhenAStageWasNotAdmitted) {
     Start(1);
     EXPECT_EQ(Stage(1, 0, START), "yes") << "a new frame has all its stages";
     tracker.stageCount = 1;
-    EXPECT_EQ(Stage(1, 0, END), "yes") << "and may have more than there are by now";
+    EXPECT_EQ(Stage(1, 0, END), "yes") << "and may have more than the scene has now";
     EXPECT_EQ(End(1), "yes");
     Start(2);
     EXPECT_EQ(Stage(2, 0, START), "yes");

@@ -16,7 +16,7 @@ using Lines = std::vector<std::string>;
 
 const std::string SECTION = "[TarvoCameraFrameBoostConfig]\n";
 
-// Loads, plays, unloads. The log lines of loading stay in `log`, what was played comes back.
+// Loads, plays, unloads. Puts the log lines of loading into `log` and returns what was played.
 int32_t LoadAndPlay(int32_t mode, Lines& log) {
     desktop::Recorder recorder;
     void* module = dlopen(USER_MODULE, RTLD_NOW | RTLD_LOCAL);
@@ -51,10 +51,10 @@ TEST(LoadTest, ReadsTheStoreAndTheSwitchAtEachLoad) {
     EXPECT_EQ(log.front(), "tarvocameraframeboostutils.cpp 186:DumpConfig() frameboost enable = 1");
 }
 
-TEST(LoadTest, EndsTheProcessOnAMalformedPortAndNobodyCatchesThat) {
+TEST(LoadTest, EndsTheProcessOnAMalformedPortAndCannotBeCaught) {
     desktop::LoadConfiguration(SECTION + "stage = {0 = ['N', 'port']}\n", "test.toml");
-    // The header promises that dlopen throws nothing, so a direct call would end the process even
-    // for what could be caught.
+    // dlopen is declared to throw nothing, so a direct call would end the process even for an
+    // exception that could be caught.
     void* (*volatile open)(const char*, int) = dlopen;
     ExpectAbort([&open] { open(LIBRARY, RTLD_NOW); });
 }

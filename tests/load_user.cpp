@@ -1,4 +1,4 @@
-// What a HAL is to the loader: a module that comes with the library and goes with it.
+// A module that is loaded and unloaded together with the library, as a HAL is.
 
 #include "cameraframeboost/tarvocameraframeboost.h"
 

@@ -1,4 +1,4 @@
-// What the bundled sessions cannot show of frames, stages and nodes.
+// Frames, stages and nodes: what the bundled sessions cannot show.
 
 #include <algorithm>
 
@@ -32,7 +32,7 @@ class NotificationTest : public LibraryTest {
     TarvoCameraFrameBoost boost;
 };
 
-TEST_F(NotificationTest, FoldsTheServicesStatusOfEventsOnly) {
+TEST_F(NotificationTest, ReturnsOneForAnyStatusOfAnEvent) {
     for (const int32_t sign : {1, -1}) {
         for (size_t function = 0; function < desktop::SERVICE_FUNCTION_COUNT; ++function) {
             desktop::SetServiceStatus(static_cast<ServiceFunction>(function), sign * 7);
@@ -43,17 +43,18 @@ TEST_F(NotificationTest, FoldsTheServicesStatusOfEventsOnly) {
         EXPECT_EQ(boost.TcfbtNotifyErrorFrame(1, 0), sign * 7);
         EXPECT_EQ(boost.TcfbtNotifyFrameEnd(1), 1);
         boost.TcfbtNotifyFrameStart(1);
-        EXPECT_EQ(boost.TcfbtNotifyStageEnd(0, 1, "n"), 0) << "a report is not in the result";
+        EXPECT_EQ(boost.TcfbtNotifyStageEnd(0, 1, "n"), 0) << "a report does not change the result";
         boost.TcfbtNotifyFrameEnd(1);
     }
     for (int64_t frame = 1; frame <= CAPACITY + 1; ++frame) {
         recorder.Take();
         EXPECT_EQ(boost.TcfbtNotifyFrameStart(frame), 1);
     }
-    EXPECT_EQ(Calls(), "FrameStart 17 = -7; ErrOfUser 0/1/-1/-1 = -7") << "nor in the way of it";
+    EXPECT_EQ(Calls(), "FrameStart 17 = -7; ErrOfUser 0/1/-1/-1 = -7")
+        << "and an error status does not stop it";
 }
 
-TEST_F(NotificationTest, DerivesByTheStageTable) {
+TEST_F(NotificationTest, DerivesEventsFromTheStageTable) {
     Restart("0=['Only','1']\n");
     NodeEnd(0, "Only", 1);
     EXPECT_EQ(NodeEnd(1, "Only", 1),
@@ -64,16 +65,16 @@ TEST_F(NotificationTest, DerivesByTheStageTable) {
     NodeEnd(0, "A", 1);
     NodeEnd(1, "A", 1);
     EXPECT_EQ(NodeEnd(1, "B", 1), "StageEnd 1/1; StageStart 1/2/0/20")
-        << "the last stage is that of the count, though it could not be read";
+        << "the count says which stage is the last, though that could not be read";
 
     Restart("0=['A','1']\n1=['AB','2']\n2=['C','3']\n");
     NodeEnd(0, "A", 1);
     NodeEnd(1, "A", 1);
     EXPECT_EQ(NodeEnd(1, "AB", 1), "StageEnd 1/1; StageStart 1/2/0/20")
-        << "the stage is that of AB, the port one of A";
+        << "the stage comes from AB, the port from A";
 }
 
-TEST_F(NotificationTest, NamesACounterByAllDigitsOfItsStage) {
+TEST_F(NotificationTest, NamesACounterAfterAStageOfTwoDigits) {
     std::string stages;
     for (int32_t stage = 0; stage <= 12; ++stage) {
         stages += std::to_string(stage) + "=['N']\n";
@@ -106,7 +107,7 @@ TEST_F(NotificationTest, NeverRenamesAStageOfALoadedTable) {
     }
 }
 
-TEST_F(NotificationTest, LogsAndPulsesAreThereForThoseWhoAskOnly) {
+TEST_F(NotificationTest, LogsAndPulsesOnlyWhenSwitchedOn) {
     const auto count = [this](char kind) {
         boost.TcfbtNotifyFrameStart(1);
         boost.TcfbtNotifyStageStart(0, 1, 0, 0, "n");
@@ -125,7 +126,7 @@ TEST_F(NotificationTest, LogsAndPulsesAreThereForThoseWhoAskOnly) {
         EXPECT_EQ(count('F'), 3);
         EXPECT_EQ(count('U'), 2);
     }
-    // Tracing may go off between a counter's way up and its way down.
+    // Tracing may be switched off between the two updates of a pulse.
     class Switch : public desktop::Observer {
       public:
         void OnEffect(const desktop::Effect& effect) override {

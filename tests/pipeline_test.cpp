@@ -27,12 +27,12 @@ class PipelineTest : public LibraryTest {
     }
 };
 
-// What goes on in a camera from the start of a scene to its end: a thread for each stage, which
-// hand frames on, others that register threads, others that send what nobody should have sent.
+// What a camera does during a scene: a thread for each stage hands frames on to the next one, other
+// threads register threads, others send calls that no HAL should make.
 class BusyScene {
   public:
     static constexpr int64_t FRAMES = 300;
-    // Thread ids registered a scene.
+    // Thread ids that are registered in a scene.
     static constexpr int32_t TIDS = 2 * 400;
     static constexpr int32_t PERSISTENT_TIDS = TIDS / 16;
 
@@ -42,7 +42,7 @@ class BusyScene {
     // `isRunning`: the scene has been started, so that there are frames.
     void Run(bool isRunning) {
         if (isByNodes) {
-            NodeEnd(boost, 0, 0);  // Opens frame 1.
+            NodeEnd(boost, 0, 0);  // Starts frame 1.
         }
         std::vector<std::thread> pipeline;
         std::vector<std::thread> others;
@@ -61,7 +61,7 @@ class BusyScene {
 
   private:
     void RunStage(int32_t stage) {
-        // A pipeline holds some frames, no more than are tracked.
+        // The pipeline holds fewer frames than can be tracked.
         const auto& before = done[static_cast<size_t>((stage + STAGES - 1) % STAGES)];
         const int64_t lead = stage == 0 ? 8 : 0;
         for (int64_t frame = 1; frame <= FRAMES; ++frame) {
@@ -99,7 +99,7 @@ class BusyScene {
     void MakeNoise(int32_t seed) {
         constexpr int32_t NO_STAGE = 99;
         std::minstd_rand random(static_cast<uint32_t>(seed + 1));
-        // For some time even if there is nothing else.
+        // At least 100 times, even when the pipeline does not run.
         for (int32_t times = 0; times < 100 || !isOver; ++times) {
             const int64_t unknown = -static_cast<int64_t>(random() % 50) - 1;
             const int64_t known = done[random() % STAGES];
@@ -111,8 +111,8 @@ class BusyScene {
             boost.TcfbtNotifyErrorFrame(known, NO_STAGE);
             boost.TcfbtNotifyFrameEnd(unknown);
             if (isByNodes) {
-                // One frame is always in flight then, so this one is out of sequence; and as the
-                // oldest of all it is the first to be pushed out.
+                // One frame is always in flight then, so this one is out of sequence; with the
+                // lowest number it is the first to be dropped.
                 boost.TcfbtNotifyFrameStart(unknown);
             }
         }
@@ -122,10 +122,10 @@ class BusyScene {
     const int32_t number;
     const bool isByNodes;
     std::atomic<bool> isOver{false};
-    std::array<std::atomic<int64_t>, STAGES> done{};  // The frame that a stage has finished last.
+    std::array<std::atomic<int64_t>, STAGES> done{};  // The last frame of each stage.
 };
 
-TEST_F(PipelineTest, HoldsWithManyThreads) {
+TEST_F(PipelineTest, KeepsTheContractWithManyThreads) {
     Contract contract(STAGES, true);
     TarvoCameraFrameBoost boost;
     size_t persistent = 0;
@@ -158,14 +158,14 @@ TEST_F(PipelineTest, HoldsWithManyThreads) {
         EXPECT_TRUE(contract.registeredTids.empty()) << "none is left";
         EXPECT_TRUE(TarvoCameraFrameBoost::tempTids.empty());
         temporary = 0;
-        // The HAL's threads go on for a while; what they register is for the next scene.
+        // The HAL's threads run on for a while; what they register counts for the next scene.
         run(2 * scene + 1, hasNodes, false);
         ASSERT_EQ(contract.violation, "");
     }
     EXPECT_EQ(TarvoCameraFrameBoost::persistTids.size(), persistent);
 }
 
-// From inside each of its functions the service calls back what takes each of the locks.
+// From inside each of its functions the service calls operations that take each of the locks.
 TEST_F(PipelineTest, HoldsNoLockWhileItCallsTheService) {
     class Caller : public Contract {
       public:
@@ -203,7 +203,7 @@ TEST_F(PipelineTest, HoldsNoLockWhileItCallsTheService) {
     EXPECT_EQ(caller.violation, "");
 }
 
-// The scene may end from inside the very call after which a frame is to be reported.
+// The service ends the scene from inside the call after which a frame would be reported.
 TEST_F(PipelineTest, ReportsNothingOnceTheServiceHasEndedTheScene) {
     class Ender : public Contract {
       public:

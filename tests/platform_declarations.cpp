@@ -1,5 +1,6 @@
 // Our declarations of Android's functions and Android's own in one unit: the compiler refuses a
-// function that the two declare with another type or linkage. The constants are compared by hand.
+// function that the two declare with different types or linkage. static_assert compares the
+// constants.
 
 #define ANDROID_LOG_DEBUG OUR_LOG_DEBUG
 #include "platform/log.h"

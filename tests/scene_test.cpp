@@ -1,4 +1,4 @@
-// What the bundled sessions cannot show of scenes and their threads.
+// Scenes and their threads: what the bundled sessions cannot show.
 
 #include "tests/support/library_test.h"
 
@@ -11,7 +11,7 @@ class SceneTest : public LibraryTest {
     TarvoCameraFrameBoost boost;
 };
 
-TEST_F(SceneTest, TakesTheServicesWordForIt) {
+TEST_F(SceneTest, StartsWhenTheServiceSaysSo) {
     desktop::SetServiceStatus(ServiceFunction::SceneStart, -5);
     desktop::SetServiceStatus(ServiceFunction::AddTids, 6);
     boost.TcfbtAddTempTids(100);
@@ -20,7 +20,7 @@ TEST_F(SceneTest, TakesTheServicesWordForIt) {
     EXPECT_EQ(boost.TcfbtNotifyFrameStart(1), -1);
     EXPECT_EQ(boost.TcfbtNotifySceneEnd(), -1);
 
-    // What a refused start leaves behind are the threads; the next scene end takes them back.
+    // A refused start leaves the threads with the service; the next scene end takes them back.
     desktop::SetServiceStatus(ServiceFunction::SceneStart, 0);
     EXPECT_EQ(boost.TcfbtNotifySceneStart(5), 0);
     desktop::SetServiceStatus(ServiceFunction::SceneEnd, 3);
@@ -31,15 +31,15 @@ TEST_F(SceneTest, TakesTheServicesWordForIt) {
     EXPECT_EQ(boost.TcfbtNotifyFrameStart(1), 0);
     desktop::SetServiceStatus(ServiceFunction::SceneStart, 4);
     LocalConfig::enable = true;
-    EXPECT_EQ(boost.TcfbtNotifySceneStart(5), 4) << "the scene that runs goes on";
+    EXPECT_EQ(boost.TcfbtNotifySceneStart(5), 4) << "the running scene goes on";
     EXPECT_EQ(Effects().back(), "F 79:TcfbtNotifySceneStart() isSceneStarted = false");
     LocalConfig::enable = false;
     desktop::SetServiceStatus(ServiceFunction::RemoveTids, 8);
-    EXPECT_EQ(boost.TcfbtNotifyFrameEnd(1), 0) << "with its frames";
+    EXPECT_EQ(boost.TcfbtNotifyFrameEnd(1), 0) << "and so do its frames";
     EXPECT_EQ(boost.TcfbtRemoveTids({5}), 8);
     boost.DumpInfo();
     boost.TcfbtSetSceneInfo(false, 3840, 60);
-    EXPECT_EQ(boost.TcfbtNotifySceneStart(5), -1) << "the next scene has to be described";
+    EXPECT_EQ(boost.TcfbtNotifySceneStart(5), -1) << "the next scene has to be described first";
     EXPECT_EQ(boost.TcfbtSetTids(), 6);
     EXPECT_EQ(
         Calls(),
@@ -73,13 +73,13 @@ TEST_F(SceneTest, SharesThreadsAmongObjectsAndKeepsScenesApart) {
     EXPECT_EQ(other.TcfbtNotifySceneEnd(), -1);
     boost.TcfbtAddTempTids(1);
     boost.TcfbtRemoveTids({1});
-    EXPECT_EQ(TarvoCameraFrameBoost::tempTids.size(), 2U) << "it had no scene to end";
+    EXPECT_EQ(TarvoCameraFrameBoost::tempTids.size(), 2U) << "the other object had no scene to end";
     StartScene(other);
     other.TcfbtNotifySceneEnd();
     EXPECT_EQ(Calls(), "SceneEnd 0; RemoveTids 0/1");
     EXPECT_TRUE(TarvoCameraFrameBoost::tempTids.empty());
     boost.TcfbtSetTids();
-    EXPECT_EQ(Calls(), "AddTids 0/1") << "the scene remembers what it has handed over";
+    EXPECT_EQ(Calls(), "AddTids 0/1") << "the scene keeps the ids that it has handed over";
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The session language: what is written is read back the same, and what is wrong is told whole.
+// The session language: what is written is read back the same, and all errors are reported.
 
 #include "tools/session/session.h"
 
@@ -11,7 +11,7 @@ namespace {
 
 using tools::Line;
 
-// Draws lines of every kind, with values that lean to the ends of their ranges.
+// Random lines of every kind, often with values at the ends of their ranges.
 class LineMaker {
   public:
     Line Make() {
@@ -41,7 +41,7 @@ class LineMaker {
   private:
     size_t Below(size_t end) { return generator() % end; }
 
-    // From 0 to `most`; of any length.
+    // From 0 to `most`, with any number of digits.
     int64_t Number(int64_t most) {
         const uint64_t bits = (uint64_t{generator()} << 32 | generator()) >> Below(64);
         return static_cast<int64_t>(bits % (static_cast<uint64_t>(most) + 1));
@@ -51,7 +51,7 @@ class LineMaker {
         return Below(2) == 0 ? std::nullopt : std::optional(1 + Number(int64_t{1} << 62));
     }
 
-    // Any bytes but a line feed; mostly those that mean something in a session.
+    // Any bytes but a line feed; mostly those that have a meaning in a session.
     std::string Text() {
         std::string text(Below(6), ' ');
         for (char& character : text) {
@@ -87,8 +87,8 @@ TEST(SessionTest, ReadsWhatItWrites) {
     }
 }
 
-// As people write what the writer writes in one way only.
-TEST(SessionTest, ReadsEveryWayToWrite) {
+// Different ways to write a line, and how it is written back.
+TEST(SessionTest, ReadsEveryWayToWriteALine) {
     struct {
         const char* text;
         const char* written;
@@ -111,7 +111,7 @@ TEST(SessionTest, ReadsEveryWayToWrite) {
     }
 }
 
-TEST(SessionTest, TellsAllThatIsWrong) {
+TEST(SessionTest, ReportsAllErrors) {
     struct {
         std::string line;
         const char* message;

@@ -70,7 +70,7 @@ TEST(RecordTest, IsWrittenInEveryFormOfLogcat) {
     }
 }
 
-// What a reader finds, with the texts kept.
+// Keeps the records that a reader finds, with their texts.
 class FoundRecords : public tools::RecordSink {
   public:
     void OnRecord(const tools::Record& record, const tools::Place& /*place*/) override {
@@ -95,7 +95,7 @@ TEST(RecordTest, IsReadBackFromEveryFormOfLogcat) {
         "", ",year", ",zone", ",epoch", ",monotonic", ",usec", ",nsec", ",uid", ",color"};
     for (const std::string form :
          {"brief", "process", "tag", "thread", "raw", "time", "threadtime", "long"}) {
-        // Any two modifiers together.
+        // Any two modifiers.
         for (size_t i = 0; i < modifiers.size() * modifiers.size(); ++i) {
             const std::string name =
                 form + modifiers[i / modifiers.size()] + modifiers[i % modifiers.size()];
@@ -150,8 +150,8 @@ tools::Camera WithFault(tools::Camera camera, const std::string& fault) {
     return camera;
 }
 
-// Which frames a capture shows to have ended boosted, and which came out of the last stage more
-// than 1.5 periods after the one before.
+// The frames whose end was forwarded, as a capture shows it, and those that left the last stage
+// more than 1.5 periods after the one before.
 struct Shown {
     std::set<int64_t> ended;
     std::set<int64_t> late;
@@ -179,7 +179,7 @@ Shown ShownBy(const tools::Camera& camera) {
     return shown;
 }
 
-// All frames from 1 to the last but those.
+// All frames from 1 to the last, without the missing ones.
 std::set<int64_t> AllBut(const tools::Camera& camera, const std::set<int64_t>& missing) {
     std::set<int64_t> frames;
     for (int64_t frame = 1; frame < camera.frames; ++frame) {
@@ -190,7 +190,7 @@ std::set<int64_t> AllBut(const tools::Camera& camera, const std::set<int64_t>& m
     return frames;
 }
 
-TEST(SimulateTest, CamerasWithoutFaultsLoseNoFrameAndHaveNoLateOne) {
+TEST(SimulateTest, CamerasWithoutFaultsHaveNoLostOrLateFrames) {
     for (uint64_t seed = 0; seed <= 20; ++seed) {
         tools::Camera camera = seed == 0 ? tools::BuiltinCamera() : RandomCamera(seed);
         camera.faults.clear();
@@ -200,14 +200,14 @@ TEST(SimulateTest, CamerasWithoutFaultsLoseNoFrameAndHaveNoLateOne) {
     }
 }
 
-TEST(SimulateTest, EachFaultCostsTheFramesThatItDoesOnADevice) {
+TEST(SimulateTest, EachFaultCostsTheSameFramesAsOnADevice) {
     const struct {
         const char* fault;
         std::set<int64_t> notBoosted;
         std::set<int64_t> late;
     } cases[] = {
-        // What never leaves stage 0 leaves a gap: the next frame is not in flight, and the one
-        // after it out of sequence.
+        // A frame that never leaves stage 0 leaves a gap: the next frame is not started, and the
+        // one after it is out of sequence.
         {"drop:50", {50, 51, 52}, {51}},
         {"lost:50:0", {50, 51, 52}, {51}},
         {"unreported:50:0", {50, 51, 52}, {}},
@@ -217,7 +217,7 @@ TEST(SimulateTest, EachFaultCostsTheFramesThatItDoesOnADevice) {
         {"unreported:50:2", {50}, {}},
         {"second-port:50:1", {50}, {}},
         {"unreported:50:4", {50}, {51}},
-        // Times alone. Stages are independent of each other's order.
+        // Frames are late only. The order is checked within a frame, not between frames.
         {"swap:50:3", {}, {51}},
         {"slow:50:2:40", {}, {50}},
         {"stall:50:40", {}, {50}},
@@ -230,7 +230,7 @@ TEST(SimulateTest, EachFaultCostsTheFramesThatItDoesOnADevice) {
         EXPECT_EQ(shown.late, late) << fault;
     }
 
-    // Lines are missing from the capture alone.
+    // Lines are missing in the capture, but the library did write them.
     const std::string whole = Capture(camera);
     std::string cut = whole;
     size_t at = whole.rfind('\n', whole.find("NodeEnd() halFrameNumber = 50,")) + 1;
@@ -239,13 +239,12 @@ TEST(SimulateTest, EachFaultCostsTheFramesThatItDoesOnADevice) {
     }
     EXPECT_EQ(Capture(WithFault(camera, "log-lost:50:30")), cut);
 
-    // A pipeline that cannot keep up: the sensor drops what there is no buffer for, and nothing
-    // grows without bounds.
+    // A pipeline that is too slow: the sensor drops frames that it has no buffer for.
     camera.nodes.front().median = 25'000;
     EXPECT_LT(ShownBy(camera).ended.size(), 80U);
 }
 
-// A line of a capture without the thread, which a session does not know.
+// A capture without thread ids, which a session does not have.
 std::string WithoutThreads(const std::string& capture) {
     std::istringstream lines(capture);
     std::string text;
@@ -255,8 +254,8 @@ std::string WithoutThreads(const std::string& capture) {
     return text;
 }
 
-// As random cameras come with random faults, ten of them have every kind.
-TEST(SimulateTest, ASessionOfItReplaysToTheSameCapture) {
+// Ten random cameras have faults of every kind.
+TEST(SimulateTest, ItsSessionReplaysToTheSameCapture) {
     std::set<tools::FaultKind> kinds;
     for (uint64_t seed = 1; seed <= 10; ++seed) {
         tools::Camera camera = RandomCamera(seed);
@@ -265,7 +264,7 @@ TEST(SimulateTest, ASessionOfItReplaysToTheSameCapture) {
         for (const tools::Fault& fault : camera.faults) {
             kinds.insert(fault.kind);
         }
-        // What a capture lacks was written by the library all the same.
+        // The replay writes the lines that the capture lacks.
         std::erase_if(camera.faults, [](const tools::Fault& fault) {
             return fault.kind == tools::FaultKind::LogLost;
         });
@@ -289,11 +288,11 @@ TEST(SimulateTest, TheSameSeedGivesTheSameCapture) {
     tools::Camera other = camera;
     other.seed = 8;
     EXPECT_NE(Capture(camera), Capture(other));
-    // Whatever it is built with.
+    // The same with every compiler and standard library.
     EXPECT_EQ(ToString(camera.faults.front()), "second-port:41:2");
 }
 
-TEST(SimulateTest, WhatIsWrongWithACameraIsSaidWithItsPlace) {
+TEST(SimulateTest, ReportsErrorsInACameraWithTheirPlace) {
     const std::string node = "[[node]]\nname='A'\nports=[1]\nmedian=2\nspread=1\n";
     EXPECT_EQ(tools::ParseCamera(node, "c").nodes.front().median, 2000);
     const struct {

@@ -1,5 +1,5 @@
-// Any HAL calls in any order: what the service is told stays within its contract, and the frame
-// table within its bounds.
+// Any HAL calls in any order: what the service is told keeps to the contract, and the frame table
+// does not grow beyond its size.
 
 #include <optional>
 #include <set>
@@ -13,7 +13,7 @@ namespace {
 
 using desktop::ServiceFunction;
 
-// Stage tables, so different that any mistake about them shows.
+// Stage tables that differ in many ways.
 std::vector<LocalConfig>& Configurations() {
     static std::vector<LocalConfig> configurations = [] {
         std::vector<LocalConfig> made(1);  // The sample.
@@ -28,7 +28,7 @@ std::vector<LocalConfig>& Configurations() {
                                        "fuzz");
             made.emplace_back();
         }
-        // Log lines and counters are made, for what may go wrong with that, and not looked at.
+        // Log lines and counters are made, since that can fail too, but not looked at.
         desktop::SetLogToStderr(false);
         desktop::SetTraceTags(0x400);
         LocalConfig::enable = true;
@@ -39,7 +39,7 @@ std::vector<LocalConfig>& Configurations() {
 
 class Player : private Contract {
   public:
-    // Lends the library the configuration while it lives.
+    // The library uses the configuration as long as the player exists.
     explicit Player(LocalConfig& lent) : Contract(lent.GetStageCount()), configuration(lent) {
         std::swap(TarvoCameraFrameBoost::localConfig, configuration);
         TarvoCameraFrameBoost::persistTids.clear();
@@ -89,8 +89,8 @@ class Player : private Contract {
         }
     }
 
-    // The frames that the service may hear more of are tracked, and no others: a report of a stage
-    // that does not exist comes for those alone, and changes nothing.
+    // Only the frames that the service may be told more about are tracked: a stage that does not
+    // exist is reported for these only, and changes nothing.
     void LookIntoTable(const std::set<int32_t>& candidates) {
         isStageEvent = true;
         for (const int32_t frame : candidates) {
@@ -98,7 +98,7 @@ class Player : private Contract {
             boost.TcfbtNotifyStageStart(-2, frame, 0, 0, "");
             const bool isTracked = Count(ServiceFunction::NotifyErrOfUser) != reports;
             if (frame == -1 && !isTracked) {
-                // A number that stands for none in reports: it may have been pushed out silently.
+                // In reports -1 means no frame, so this frame may have been dropped without one.
                 openFrames.erase(frame);
             }
             Require(violation.empty() && isTracked == openFrames.contains(frame),
@@ -113,8 +113,8 @@ class Player : private Contract {
 
 }  // namespace
 
-// The input is a session file; what is no call in it is passed over. Its first byte picks the
-// configuration, a negative version what the service answers.
+// The input is a session file; lines that are not calls are skipped. Its first byte picks the
+// configuration; a negative version sets the status that the service returns.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto& configurations = Configurations();
     Player player(configurations[size == 0 ? 0 : *data % configurations.size()]);

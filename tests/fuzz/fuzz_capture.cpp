@@ -1,5 +1,5 @@
-// Any bytes as a capture, and any messages in any order: read the same in pieces as whole, and what
-// comes of it is a session that can be read.
+// Any bytes as a capture, and any messages in any order: reading in pieces gives the same as
+// reading at once, and the session that is made from it can be read.
 
 #include <cstdint>
 #include <sstream>
@@ -38,7 +38,7 @@ class Watcher : public tools::StepSink {
     std::ostringstream seen;
 };
 
-// What is read of the text in pieces of that length.
+// Reads the text in pieces of that length and returns what was found.
 std::string Read(const std::string& text, size_t piece) {
     Watcher watcher;
     tools::CaptureReader reader(watcher);
@@ -62,7 +62,7 @@ std::string Read(const std::string& text, size_t piece) {
     return watcher.seen.str() + std::to_string(summary.lines) + " " + summary.from + summary.to;
 }
 
-// Lines of the library with values that are small as a rule, as the bytes say.
+// Makes lines of the library from the bytes, mostly with small values.
 std::string LinesOf(const uint8_t* data, size_t size) {
     std::string text;
     size_t at = 0;

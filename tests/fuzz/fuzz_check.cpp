@@ -1,5 +1,5 @@
-// Any configuration file, and any file of nodes: checked without harm to the terminal, and the
-// table is the one that the library loads.
+// Any configuration file, and any file of nodes: what is printed is plain ASCII, and the table is
+// the one that the library loads.
 
 #include <algorithm>
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Any session file: it is played or refused with file and line, and the same in either form; and
-// what its steps tell is what the service was told.
+// Any session file: it is played, or refused with file and line, with the same result as text and
+// as JSON; and the steps say what the service was told.
 
 #include <cstdint>
 #include <map>
@@ -14,7 +14,7 @@
 
 namespace {
 
-// Whether it takes no more than a moment to play. Each line that is one is read back from how it is
+// Whether it is short enough to play. Also checks that each line is read back the same as it was
 // written.
 bool IsShort(const tools::Session& session) {
     bool isShort = true;
@@ -28,12 +28,12 @@ bool IsShort(const tools::Session& session) {
     return isShort;
 }
 
-// How often the service was told of what, by what the steps tell, less what it really was told.
+// Counts what the service was told according to the steps, and compares it with the real calls.
 class Ledger : public tools::StepSink {
   public:
     void OnStep(const tools::Step& step) override {
         for (const tools::Event& event : step.events) {
-            Require(event.outcome != tools::Outcome::Unknown, "an event that nobody can tell of");
+            Require(event.outcome != tools::Outcome::Unknown, "an event with an unknown outcome");
             const bool isTold = event.outcome == tools::Outcome::Forwarded ||
                                 event.outcome == tools::Outcome::Reported;
             counts[event.kind] += isTold ? 1 : 0;

@@ -1,4 +1,4 @@
-// What a fuzzer does when something does not hold: says it and aborts, which makes it a finding.
+// Prints what is wrong and aborts, which libFuzzer reports, when a condition does not hold.
 
 #pragma once
 

@@ -16,8 +16,8 @@
 
 #include "host/desktop.h"
 
-// Checks every service call as it comes, and counts. With calls from many threads, what a frame's
-// events race with is not held against them: reports by other threads.
+// Checks and counts every service call as it comes. With many threads, reports are only counted: a
+// report from one thread may come before or after another thread's events of the same frame.
 class Contract : public desktop::Observer {
   public:
     explicit Contract(int32_t pipelineStages, bool hasManyThreads = false)
@@ -38,7 +38,7 @@ class Contract : public desktop::Observer {
         }
     }
 
-    // To be called after every HAL call that may have ended the scene: from then on there is none.
+    // To be called after every HAL call that may have ended the scene.
     void SettleSceneEnd() {
         if (isEnding) {
             isStarted = false;
@@ -51,13 +51,13 @@ class Contract : public desktop::Observer {
         return counts[static_cast<size_t>(function)];
     }
 
-    std::string violation;        // The first call that should not have come.
-    bool isStarted = false;       // The service has accepted the scene.
-    bool isHalReporting = false;  // Error reports are the HAL's own and prove nothing.
-    bool isStageEvent = false;    // A report for stage -1 is for just that, not the whole frame.
-    std::set<int32_t> registeredTids;  // What the service has to take back at the end of the scene.
-    // The frames that the service knows of and may hear more of, with the number of their stage
-    // events so far.
+    std::string violation;             // The first call that breaks the contract.
+    bool isStarted = false;            // The service has accepted the scene.
+    bool isHalReporting = false;       // Error reports come from the HAL and are only counted.
+    bool isStageEvent = false;         // A report for stage -1 means stage -1, not the whole frame.
+    std::set<int32_t> registeredTids;  // What has to be taken back at the end of the scene.
+    // The frames that the service may be told more about, with the number of their stage events so
+    // far.
     std::map<int32_t, int32_t> openFrames;
 
   private:
@@ -103,8 +103,8 @@ class Contract : public desktop::Observer {
                 if (isHalReporting || manyThreads) {
                     return true;
                 }
-                // A stage that does not exist does its frame no harm; anything else is reported
-                // once and closes it.
+                // After a stage that does not exist the frame goes on; any other error is reported
+                // once and is the last of its frame.
                 const bool isNoStage = stage < (isStageEvent ? 0 : -1) || stage >= stageCount;
                 return (isNoStage ? openFrames.count(frame) : openFrames.erase(frame)) == 1;
             }

@@ -1,4 +1,4 @@
-// Expects that the process aborts, and that nobody could have caught it.
+// Expects that the process aborts, without an exception that could be caught.
 
 #pragma once
 

@@ -1,5 +1,5 @@
-// What all tests of the library share: a platform set up per test, and everything that the library
-// did to it in words.
+// What all tests of the library share: a platform that is set up for each test, and a text of
+// everything that the library did to it.
 
 #pragma once
 
@@ -38,7 +38,7 @@ class LibraryTest : public testing::Test {
         Configure(THREE_STAGES);
     }
 
-    // Loads the library's configuration anew. Effects of that are dropped.
+    // Loads the library's configuration again. Drops the effects of that.
     void Configure(const std::string& toml) {
         ASSERT_FALSE(desktop::LoadConfiguration(toml, "test.toml"));
         TarvoCameraFrameBoost::localConfig = LocalConfig();
@@ -89,7 +89,7 @@ class LibraryTest : public testing::Test {
         return calls;
     }
 
-    // A facade with a started scene. Effects of that are dropped.
+    // Starts a scene. Drops the effects of that.
     void StartScene(TarvoCameraFrameBoost& boost) {
         boost.TcfbtSetSceneInfo(true, 3840, 60);
         ASSERT_EQ(boost.TcfbtNotifySceneStart(5), 0);

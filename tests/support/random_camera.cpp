@@ -16,8 +16,8 @@ tools::Camera RandomCamera(uint64_t seed) {
         "ToneMapper",     "LensWarp",       "Sharpener",  "VideoStabilizer", "EncoderFeed"};
     constexpr std::array<const char*, 3> branchNames = {"FocusStatistics", "PreviewScaler",
                                                         "FaceFinder"};
-    // Innocent frames stay well within 1.5 periods of each other: the nodes' times vary by at most
-    // 1.5 * maxSpreads together, and none ever lets the next frame wait.
+    // Frames without a fault stay well within 1.5 periods of each other: the nodes' times vary by
+    // at most 1.5 * maxSpreads together, and no node makes the next frame wait.
     constexpr tools::Micros maxSpreads = 4000;
     constexpr int64_t gap = 60;  // Frames between faults.
 
@@ -62,8 +62,9 @@ tools::Camera RandomCamera(uint64_t seed) {
         }
         fault.stage = stage;
         fault.amount = 1;
-        fault = tools::ParseFault(ToString(fault));  // Without what its kind does not have.
-        // Milliseconds that make a frame late for sure; lines of more than a frame.
+        // Drops the values that its kind does not have.
+        fault = tools::ParseFault(ToString(fault));
+        // Enough milliseconds to make a frame late; lines of more than one frame.
         fault.amount = fault.amount == 0 ? 0 : draw(30, 60);
         camera.faults.push_back(fault);
     }

@@ -1,4 +1,4 @@
-// Cameras to simulate, any number of them.
+// Random cameras to simulate.
 
 #pragma once
 
@@ -7,8 +7,8 @@
 #include "tools/check/check.h"
 #include "tools/simulate/camera.h"
 
-// A camera as good as any, with some faults: far enough apart that each shows by itself. Without
-// them no frame is late or in error. The same seed gives the same camera.
+// A random camera with some faults, far enough apart that each shows by itself. Without them no
+// frame is late or in error. The same seed gives the same camera.
 tools::Camera RandomCamera(uint64_t seed);
 
 // The configuration under which the camera's scene is boosted.

@@ -1,4 +1,4 @@
-// Holds what the checker makes of a configuration against what the library does.
+// Compares how the checker and the library read a configuration.
 
 #pragma once
 
