@@ -1,10 +1,10 @@
-# The libraries around the one that ships. They come from Debian's packages, in a form that serves
-# every compiler, standard library and processor: headers or sources, never binaries.
+# The libraries that tools and tests use. They come from Debian's packages, as headers or sources
+# and never as binaries, so that they work with every compiler, standard library and processor.
 
 find_package(Threads REQUIRED)
 
-# A library of headers alone. Only its own headers are let in, through a folder of the build: a cross
-# compiler must not find the rest of /usr/include.
+# A library of headers only. They are linked into a folder of the build, so that a cross compiler
+# does not find the rest of /usr/include.
 function(add_header_library target header)
     get_filename_component(folder ${header} DIRECTORY)
     find_path(${target}_DIRECTORY ${header} PATHS /usr/include REQUIRED
@@ -16,7 +16,7 @@ function(add_header_library target header)
     target_include_directories(${target} SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/headers)
 endfunction()
 
-# GoogleTest, built like the tests that use it.
+# GoogleTest, built with the same flags as the tests that use it.
 function(add_googletest)
     find_path(googletest_DIRECTORY src/gtest-all.cc PATHS /usr/src/googletest/googletest REQUIRED
         NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)

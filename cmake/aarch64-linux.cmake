@@ -1,4 +1,4 @@
-# Builds for AArch64 Linux, and runs what it built under emulation.
+# Builds for AArch64 Linux, and runs the result under emulation.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)

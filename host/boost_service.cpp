@@ -1,4 +1,4 @@
-// The recording boost service: tells the observer of every call and answers the scripted status.
+// A boost service that tells the observer of every call and returns the status that was set.
 
 #include "platform/boost_service.h"
 

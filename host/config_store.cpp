@@ -24,7 +24,7 @@ using desktop::StoreFunction;
 constexpr int32_t OK = 0;
 constexpr int32_t FAILED = -1;
 
-// Answers with what is wrong; the store then serves nothing.
+// Returns what is wrong, if anything; the store then serves nothing.
 std::optional<std::string> Parse(std::string_view toml, std::string_view name,
                                  toml::table& configuration) {
     configuration.clear();
@@ -50,8 +50,8 @@ std::optional<std::string> ParseFile(const std::string& path, toml::table& confi
     return Parse(text, path, configuration);
 }
 
-// What is served until something else is: what the environment asks for, or the sample. Read once,
-// so that what is wrong with it is said once.
+// What is served by default: the file that the environment names, or the sample. Read once, so that
+// errors are reported once.
 const toml::table& InitialConfiguration() {
     static const toml::table& initial = *[] {
         auto* made = new toml::table;  // Never destroyed, like the state.
@@ -92,7 +92,7 @@ std::optional<std::string> TextOf(const toml::node& value) {
     return value.value_exact<std::string>();
 }
 
-// The last word on an answer is the script's, if there is one.
+// Lets the script, if there is one, change the answer.
 int32_t Scripted(StoreAnswer answer) {
     if (const auto& script = desktop::GetState().storeScript) {
         script(answer);
@@ -155,7 +155,7 @@ int32_t GetUIntegerListConfiguration(const char* section, const char* key, uint3
     const toml::array* list = Find(section, key).as_array();
     int32_t status = list == nullptr ? FAILED : OK;
     for (size_t i = 0; status == OK && i < std::min<size_t>(list->size(), count); ++i) {
-        // Negative numbers and those above 32 bits are cut like the store's own.
+        // Negative numbers and those above 32 bits are cut to 32 bits.
         if (const auto number = list->get(i)->value_exact<int64_t>()) {
             values[i] = static_cast<uint32_t>(*number);
         } else {

@@ -17,7 +17,7 @@ constexpr std::array<const char*, SERVICE_FUNCTION_COUNT> SERVICE_FUNCTION_NAMES
     "cfbtStageEnd",   "cfbtAddTids",  "cfbtRemoveTids", "cfbtNotifyErrOfUser",
 };
 
-// What the environment says of Android. Read once, so that what is wrong with it is said once.
+// Android's settings from the environment. Read once, so that errors are reported once.
 struct InitialAndroid {
     std::map<std::string, std::string> properties;
     uint64_t traceTags = 0;
@@ -51,7 +51,7 @@ void ReadTraceTags(InitialAndroid& android) {
     char* end = nullptr;
     errno = 0;
     android.traceTags = std::strtoull(mask.c_str(), &end, 0);
-    // A sign or a blank is more than a mask has.
+    // strtoull takes a leading sign or blank, which a mask must not have.
     if (errno != 0 || *end != '\0' || std::isdigit(static_cast<unsigned char>(mask[0])) == 0) {
         std::fprintf(stderr,
                      "TARVO_DESKTOP_TRACE_TAGS: \"%s\" is no mask, expected such as 0x400; "

@@ -1,11 +1,11 @@
-// A desktop platform for the camera frame boost library: stands in for Android and for the two
-// closed libraries, so that the very same library runs on a Linux workstation.
+// A desktop platform for the camera frame boost library: takes the place of Android and of the two
+// closed libraries, so that the same library runs on a Linux workstation.
 //
-// This header is how tools and tests set the platform up and watch it. Left alone, the store serves
+// With this header tools and tests set the platform up and watch it. By default the store serves
 // the built-in sample configuration, all properties are unset, tracing is off, the boost service
-// answers 0 to every call, and log lines and trace counters go to standard error. The environment
-// changes that before any code of the program has run; what means nothing there is said on standard
-// error once:
+// returns 0 from every call, and log lines and trace counters go to standard error. Environment
+// variables change that before any code of the program has run; a value that cannot be used is
+// reported on standard error once:
 //
 //     TARVO_DESKTOP_CONFIG        a TOML file for the store to serve
 //     TARVO_DESKTOP_PROPERTIES    system properties: name=value,name=value
@@ -31,7 +31,7 @@
 
 namespace desktop {
 
-// ---- What the library does to its platform, as one stream of effects ----
+// ---- What the library does to its platform: effects, in order ----
 
 enum class ServiceFunction {
     SceneStart,
@@ -47,7 +47,7 @@ enum class ServiceFunction {
 inline constexpr size_t SERVICE_FUNCTION_COUNT =
     static_cast<size_t>(ServiceFunction::NotifyErrOfUser) + 1;
 
-// One argument of a service call, under the name that people know it by.
+// One argument of a service call, with its name.
 struct ServiceArgument {
     const char* name;
     int32_t value;
@@ -58,7 +58,7 @@ struct ServiceCall {
     ServiceFunction function;
     std::vector<ServiceArgument> arguments;  // Those that are numbers, in order.
     std::vector<int32_t> tids;               // The list of AddTids and RemoveTids.
-    int32_t status;                          // What the service answered.
+    int32_t status;                          // What the service returned.
 
     // The value of the argument `name`; -1 when the function has none of that name.
     int32_t Argument(std::string_view name) const;
@@ -68,7 +68,7 @@ struct ServiceCall {
 struct LogLine {
     int priority;
     std::string tag;
-    std::string format;  // As the library passed it: tells which statement wrote the line.
+    std::string format;  // As the library passed it: shows which statement wrote the line.
     std::string text;    // With the values filled in.
 };
 
@@ -84,21 +84,21 @@ struct Effect {
     std::variant<ServiceCall, LogLine, CounterUpdate> event;
 };
 
-// The service function's name, such as "cfbtSceneStart", and the way back; nothing for a name that
-// is not one.
+// The service function's name, such as "cfbtSceneStart", and the function of a name; nothing when
+// there is none of that name.
 const char* NameOf(ServiceFunction function);
 std::optional<ServiceFunction> ServiceFunctionOf(std::string_view name);
 
-// How Android's log shows a priority: "D" for debug; a question mark for one that is none.
+// How Android's log shows a priority: "D" for debug; a question mark for an unknown one.
 char LetterOf(int priority);
 
-// One line of text each, such as "cfbtFrameStart(frame=7)" with " = 5" behind it when the status is
-// not 0; "D tag: text"; "counter name = 7".
+// One line of text each: "cfbtFrameStart(frame=7)", followed by " = 5" when the status is 5 and not
+// 0; "D tag: text"; "counter name = 7".
 std::string ToString(const ServiceCall& call);
 std::string ToString(const LogLine& line);
 std::string ToString(const CounterUpdate& update);
 
-// Gets told of every effect as it happens, on the thread that causes it and with none of the
+// Is called for every effect as it happens, on the thread that causes it and with none of the
 // platform's locks held. From a service call or a counter it may call the library again; not from a
 // log line, which the library may write with its own lock held.
 class Observer {
@@ -107,11 +107,11 @@ class Observer {
     virtual void OnEffect(const Effect& effect) = 0;
 };
 
-// Sets who is told; null for nobody, as at the start. The caller keeps the observer and takes it
-// out before destroying it.
+// Sets the observer; null for none, as at the start. The caller owns the observer and sets another
+// one, or null, before destroying it.
 void SetObserver(Observer* observer);
 
-// Keeps every effect from its construction to its destruction. One at a time.
+// Keeps every effect from its construction to its destruction. At most one may exist at a time.
 class Recorder : public Observer {
   public:
     Recorder();
@@ -121,7 +121,7 @@ class Recorder : public Observer {
 
     void OnEffect(const Effect& effect) override;
 
-    // Hands over what has come since the last Take.
+    // Returns what has happened since the last Take, and forgets it.
     std::vector<Effect> Take();
 
   private:
@@ -129,25 +129,26 @@ class Recorder : public Observer {
     std::vector<Effect> effects;  // Guarded by mutex.
 };
 
-// How often the platform was called since the program started. While nobody observes and log lines
-// do not go to standard error, counting is all that becomes of a call.
+// How often the platform was called since the program started. Without an observer, and with log
+// lines not going to standard error, calls are only counted.
 int64_t ServiceCallCount(ServiceFunction function);
 int64_t LogLineCount();
 int64_t CounterUpdateCount();
 
 // ---- The boost service ----
 
-// What `function` answers from now on.
+// What `function` returns from now on.
 void SetServiceStatus(ServiceFunction function, int32_t status);
 
 // ---- The configuration store ----
 
-// Serves a TOML file, or TOML text that error messages call `name`, from now on. What cannot be
-// read or parsed is answered with "file:line: reason", and the store then serves nothing.
+// From now on serves a TOML file, or TOML text that error messages call `name`. Returns
+// "file:line: reason" for a configuration that cannot be read or parsed; the store then serves
+// nothing.
 //
 // A section is a table, a key an entry in it; a list is an array, of numbers or texts; locale keys
-// are the entries of a table under their key. Numbers in a list of texts count as texts. What is
-// missing or of another kind gives a count of 0 and a status of -1.
+// are the entries of a table under their key. Numbers in a list of texts count as texts. A key that
+// is missing or of another kind gives a count of 0 and a status of -1.
 std::optional<std::string> LoadConfigurationFile(const std::string& path);
 std::optional<std::string> LoadConfiguration(std::string_view toml, std::string_view name);
 
@@ -161,8 +162,8 @@ enum class StoreFunction {
     GetLocaleStringList,
 };
 
-// What the store is about to answer. A script may change the result and whatever the pointers
-// reach.
+// What the store is about to return. A script may change the result and what the pointers point
+// to.
 struct StoreAnswer {
     StoreFunction function;
     std::string_view key;
@@ -174,11 +175,11 @@ struct StoreAnswer {
     int64_t length;              // The length of the caller's array.
 };
 
-// Lets `script` change every answer of the store on its way out; an empty one ends that. This is
-// how any failure of any store function is staged.
+// Calls `script` with every answer of the store before it is returned; an empty one ends that. With
+// it, tests make any function of the store fail in any way.
 void SetStoreScript(std::function<void(StoreAnswer&)> script);
 
-// A text as the store hands it out: allocated with new char[], the receiver's to delete.
+// A text as the store hands it out: allocated with new char[], to be deleted by the receiver.
 char* NewStoreText(std::string_view text);
 
 // ---- Android ----
@@ -189,13 +190,13 @@ void SetProperty(const std::string& name, const std::string& value);
 // Sets the mask of enabled trace tags.
 void SetTraceTags(uint64_t mask);
 
-// Whether log lines go to standard error, in the form of logcat's threadtime, and trace counters
-// with them, in the form of a trace: "C|pid|name|value".
+// Whether log lines go to standard error, in the form of logcat's threadtime, and also trace
+// counters, in the form of a trace: "C|pid|name|value".
 void SetLogToStderr(bool on);
 
 // ---- All of it ----
 
-// Puts everything back to where it was at the start; the observer stays.
+// Sets everything back to the state at the start; the observer stays.
 void Reset();
 
 }  // namespace desktop

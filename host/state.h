@@ -1,4 +1,4 @@
-// What the desktop platform is set to. Internal.
+// The state of the desktop platform. Internal.
 
 #pragma once
 
@@ -28,17 +28,17 @@ struct State {
     std::function<void(StoreAnswer&)> storeScript;
 };
 
-// The one state. Made when first asked for: the library calls the platform while it is being
-// loaded, before any initialisation order among the two could be relied upon.
+// The one state. Made at the first call: the library calls the platform while it is being loaded,
+// when the platform's own variables may not be initialised yet.
 State& GetState();
 
 // The value of an environment variable; empty when it is not set.
 std::string Environment(const char* name);
 
-// Lets the store serve what it serves when left alone.
+// Lets the store serve its default configuration again.
 void ServeInitialConfiguration();
 
-// Whether Android takes a property's value for true or false; nothing for what is neither.
+// Whether a property's value means true or false to Android; nothing when it means neither.
 std::optional<bool> BooleanOf(std::string_view value);
 
 // The kernel's id of this thread. gettid() is missing in older C libraries, such as the one that
@@ -47,7 +47,7 @@ inline int32_t ThreadId() {
     return static_cast<int32_t>(syscall(SYS_gettid));
 }
 
-// Tells the observer, if there is one. `makeEvent` is only called then.
+// Calls the observer. Without one, `makeEvent` is not called.
 template <typename MakeEvent>
 void Emit(MakeEvent makeEvent) {
     if (Observer* observer = GetState().observer.load(std::memory_order_acquire)) {
