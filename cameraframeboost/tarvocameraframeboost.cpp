@@ -9,7 +9,7 @@ namespace {
 
 constexpr char LOG_TAG[] = "cameraframeboost";
 
-// What cfbtScene and mFps hold.
+// Values of cfbtScene and mFps.
 constexpr int32_t SCENE_VIDEO = 0;
 constexpr int32_t SCENE_NONE = 1;
 constexpr int32_t NO_FPS = 0;
@@ -24,11 +24,11 @@ constexpr int32_t NO_STAGE = -1;
 // The second argument of every stage start that is derived from a node end.
 constexpr int32_t NODE_STAGE_ARG2 = 20;
 
-// The multi-camera node, and the name that it has for one camera less the camera's id.
+// The multi-camera node, and the name that it has for one camera, without the camera's id.
 constexpr std::string_view MULTI_CAMERA_NODE = "MCTFE0";
 constexpr char MULTI_CAMERA_NODE_PREFIX[] = "MCTFE0_cam";
 
-// The service and the trace know frames by the low 32 bits of their numbers.
+// The service and the trace get the low 32 bits of a frame number.
 int32_t Low32(int64_t frameNumber) {
     return static_cast<int32_t>(frameNumber);
 }
@@ -348,7 +348,7 @@ void TarvoCameraFrameBoost::DumpInfo() noexcept {
     DEBUG_LOG("DumpInfo PersistTids size = %d", AT(379), static_cast<int32_t>(persistTids.size()));
 }
 
-// Tells the service of a frame that turned out bad, and the trace with it.
+// Reports a bad frame to the service and shows it in the trace.
 void TarvoCameraFrameBoost::ReportErrorFrame(int64_t frameNumber, int32_t stage) {
     PulseCounter("TcbtNotifyErrorFrame", Low32(frameNumber));
     if (isSceneStarted) {

@@ -39,12 +39,12 @@ struct FreeTexts {
     }
 };
 
-// An array of zeros for as many values as the store says. calloc takes memory only for pages that
-// are used, so a length that is too large costs no memory in an array of numbers that the store
-// does not fill; but the array is walked to its end, which takes seconds for a length of a billion.
+// An array of zeros for as many values as the store says. With calloc, pages that nobody writes
+// take no memory, so a length that is too large costs none. It costs time, though: the array is
+// read to its end, which takes some seconds for a billion values.
 template <typename T>
 T* MakeStoreArray(int32_t length) {
-    // An array of nothing may be null.
+    // For a length of 0 calloc may return null.
     void* array = std::calloc(static_cast<size_t>(std::max(length, 1)), sizeof(T));
     if (array == nullptr) {
         std::abort();
@@ -61,7 +61,7 @@ std::string ModeText(int32_t mode) {
     return text;
 }
 
-// Where a stage stands in the table, or else belongs.
+// The place of a stage in the table, or the place to insert it.
 template <typename Table>
 auto PlaceOf(int32_t stage, Table& table) {
     return std::lower_bound(table.begin(), table.end(), stage,
