@@ -1,12 +1,12 @@
 # What `cmake --install` puts in place: the library with its public headers, a CMake package and a
 # pkg-config file; on a desktop also the platform that the library is linked with, and the command
 # with its manual page, its completion for bash and its sample files. The component "desktop" is the
-# platform's header, for those who want to see what the service is told.
+# platform's header, with which a program can see what the service is told.
 
 include(CMakePackageConfigHelpers)
 
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/TarvoCameraFrameBoost)
-# In a folder of this project's own, as "host" is anybody's name; it is included as in this project.
+# In a folder of this project's own, as "host" is a common name. It is included as in this project.
 set(desktop_include_directory ${CMAKE_INSTALL_INCLUDEDIR}/tarvocameraframeboost)
 
 set_target_properties(tarvocameraframeboost PROPERTIES INSTALL_RPATH $ORIGIN)
