@@ -20,8 +20,8 @@ static_assert(sizeof(void*) == 8 && sizeof(long) == 8,
 //
 //     TcfbtAddPersistTids                         once in a process, for its thread managers
 //     TcfbtSetVersion                             once for an object
-//     TcfbtAddTempTids                            for the threads of one scene, before it begins
 //     TcfbtSetSceneInfo, TcfbtNotifySceneStart    when a scene begins
+//     TcfbtAddTempTids, TcfbtSetTids              for the threads of this scene, once it runs
 //     TcfbtNotifyNodeEnd (or the frame and stage  for every frame
 //         operations, for HALs that know them)
 //     TcfbtNotifySceneEnd                         when the scene ends, and before the object is
