@@ -1,4 +1,4 @@
-// The example HAL, as a program of one's own: what it and the environment show on a desktop.
+// The example HAL, run as a program: what it logs, and what the environment changes.
 
 #include <sys/wait.h>
 
@@ -132,7 +132,7 @@ TEST(HalTest, TellsOfEachFrameThroughFlushesPreviewsAndBothCameras) {
     }
 }
 
-TEST(HalTest, HearsOnceOfWhatMeansNothingInTheEnvironment) {
+TEST(HalTest, ReportsUnusableEnvironmentVariablesOnce) {
     // This very program puts the platform back to its start again and again.
     const Lines lines = LinesOf(
         "TARVO_DESKTOP_CONFIG=/no/such/file TARVO_DESKTOP_TRACE_TAGS=0x4OO "
