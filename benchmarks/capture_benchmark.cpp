@@ -9,9 +9,9 @@
 #include <string>
 
 #include "tools/account/accountant.h"
-#include "tools/capture/capture.h"
+#include "tools/log/capture.h"
 #include "tools/play/replay.h"
-#include "tools/simulate/simulate.h"
+#include "tools/play/simulate.h"
 
 namespace {
 

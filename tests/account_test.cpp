@@ -14,16 +14,16 @@
 
 #include "tests/support/random_camera.h"
 #include "tools/account/accountant.h"
-#include "tools/capture/capture.h"
-#include "tools/capture/record.h"
+#include "tools/log/capture.h"
+#include "tools/log/record.h"
 #include "tools/check/check.h"
 #include "tools/output/json.h"
 #include "tools/output/text.h"
 #include "tools/play/player.h"
 #include "tools/play/replay.h"
 #include "tools/session/session.h"
-#include "tools/simulate/camera.h"
-#include "tools/simulate/simulate.h"
+#include "tools/play/camera.h"
+#include "tools/play/simulate.h"
 
 namespace tools {
 namespace {

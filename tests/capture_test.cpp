@@ -1,7 +1,7 @@
 // Reading the device's log: the library's messages, what they say about each call, and captures in
 // every form.
 
-#include "tools/capture/capture.h"
+#include "tools/log/capture.h"
 
 #include <algorithm>
 #include <deque>
@@ -13,13 +13,13 @@
 #include "tests/support/library_test.h"
 #include "tests/support/random_camera.h"
 #include "tools/capture/events.h"
-#include "tools/capture/message.h"
-#include "tools/capture/record_reader.h"
+#include "tools/log/message.h"
+#include "tools/log/record_reader.h"
 #include "tools/capture/verify.h"
-#include "tools/output/session.h"
+#include "tools/session/made_session.h"
 #include "tools/play/replay.h"
 #include "tools/session/session.h"
-#include "tools/simulate/simulate.h"
+#include "tools/play/simulate.h"
 
 namespace {
 

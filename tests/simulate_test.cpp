@@ -1,6 +1,6 @@
 // The virtual camera and the forms in which it writes a log.
 
-#include "tools/simulate/simulate.h"
+#include "tools/play/simulate.h"
 
 #include <gtest/gtest.h>
 
@@ -15,11 +15,11 @@
 #include <vector>
 
 #include "tests/support/random_camera.h"
-#include "tools/capture/record.h"
-#include "tools/capture/record_reader.h"
+#include "tools/log/record.h"
+#include "tools/log/record_reader.h"
 #include "tools/check/check.h"
 #include "tools/play/replay.h"
-#include "tools/simulate/camera.h"
+#include "tools/play/camera.h"
 
 namespace {
 

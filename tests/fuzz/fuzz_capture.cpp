@@ -6,9 +6,9 @@
 #include <string>
 
 #include "tests/fuzz/require.h"
-#include "tools/capture/capture.h"
-#include "tools/capture/message.h"
-#include "tools/output/session.h"
+#include "tools/log/capture.h"
+#include "tools/log/message.h"
+#include "tools/session/made_session.h"
 #include "tools/session/session.h"
 
 namespace {

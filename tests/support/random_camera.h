@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "tools/check/check.h"
-#include "tools/simulate/camera.h"
+#include "tools/play/camera.h"
 
 // A random camera with some faults, far enough apart that each shows by itself. Without them no
 // frame is late or in error. The same seed gives the same camera.

@@ -13,7 +13,7 @@
 
 #include "tools/account/step.h"
 #include "tools/check/check.h"
-#include "tools/check/finding.h"
+#include "tools/base/finding.h"
 
 namespace tools {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/check/finding.h"
+#include "tools/base/finding.h"
 
 namespace tools {
 

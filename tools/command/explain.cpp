@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "tools/account/accountant.h"
-#include "tools/capture/capture.h"
+#include "tools/log/capture.h"
 #include "tools/capture/verify.h"
 #include "tools/command/command.h"
 #include "tools/command/pictures.h"

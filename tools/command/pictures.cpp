@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <charconv>
 
-#include "tools/check/finding.h"
+#include "tools/base/finding.h"
 #include "tools/command/command.h"
 #include "tools/output/page.h"
 #include "tools/output/trace.h"

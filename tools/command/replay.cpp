@@ -15,7 +15,7 @@
 #include "tools/check/check.h"
 #include "tools/command/command.h"
 #include "tools/command/pictures.h"
-#include "tools/output/transcript.h"
+#include "tools/play/transcript.h"
 #include "tools/session/session.h"
 
 namespace tools {

@@ -1,6 +1,6 @@
 // cameraframeboost simulate: the log that a device would have given, from a virtual camera.
 
-#include "tools/simulate/simulate.h"
+#include "tools/play/simulate.h"
 
 #include <CLI/CLI.hpp>
 #include <charconv>

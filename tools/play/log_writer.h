@@ -8,7 +8,7 @@
 
 #include "host/desktop.h"
 #include "tools/account/step.h"
-#include "tools/capture/record.h"
+#include "tools/log/record.h"
 
 namespace tools {
 

@@ -13,7 +13,7 @@
 #include "cameraframeboost/tarvocameraframeboost.h"
 #include "host/desktop.h"
 #include "tools/account/step.h"
-#include "tools/capture/message.h"
+#include "tools/log/message.h"
 #include "tools/session/session.h"
 
 namespace tools {

@@ -6,7 +6,7 @@
 #include <variant>
 
 #include "tools/check/check.h"
-#include "tools/output/transcript.h"
+#include "tools/play/transcript.h"
 #include "tools/play/log_writer.h"
 #include "tools/session/session.h"
 

@@ -13,7 +13,7 @@
 
 #include "host/desktop.h"
 #include "tools/account/step.h"
-#include "tools/check/finding.h"
+#include "tools/base/finding.h"
 #include "tools/play/player.h"
 
 namespace tools {

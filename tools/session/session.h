@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "host/desktop.h"
-#include "tools/check/finding.h"
+#include "tools/base/finding.h"
 #include "tools/session/operations.h"
 
 namespace tools {

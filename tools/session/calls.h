@@ -17,7 +17,7 @@
 
 #include "tools/account/step.h"
 #include "tools/capture/events.h"
-#include "tools/capture/message.h"
+#include "tools/log/message.h"
 
 namespace tools {
 

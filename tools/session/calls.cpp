@@ -1,4 +1,4 @@
-#include "tools/capture/calls.h"
+#include "tools/session/calls.h"
 
 #include <algorithm>
 #include <iterator>

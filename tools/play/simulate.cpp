@@ -1,4 +1,4 @@
-#include "tools/simulate/simulate.h"
+#include "tools/play/simulate.h"
 
 #include <algorithm>
 #include <deque>

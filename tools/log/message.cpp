@@ -1,4 +1,4 @@
-#include "tools/capture/message.h"
+#include "tools/log/message.h"
 
 #include <array>
 #include <charconv>

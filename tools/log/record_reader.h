@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "tools/capture/record.h"
-#include "tools/check/finding.h"
+#include "tools/log/record.h"
+#include "tools/base/finding.h"
 
 namespace tools {
 

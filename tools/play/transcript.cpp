@@ -1,4 +1,4 @@
-#include "tools/output/transcript.h"
+#include "tools/play/transcript.h"
 
 #include <algorithm>
 #include <array>

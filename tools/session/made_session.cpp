@@ -1,4 +1,4 @@
-#include "tools/output/session.h"
+#include "tools/session/made_session.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -7,8 +7,8 @@
 #include <functional>
 #include <ostream>
 
-#include "tools/capture/record.h"
-#include "tools/simulate/camera.h"
+#include "tools/log/record.h"
+#include "tools/play/camera.h"
 
 namespace tools {
 

@@ -1,4 +1,4 @@
-#include "tools/capture/record.h"
+#include "tools/log/record.h"
 
 #include <algorithm>
 #include <array>

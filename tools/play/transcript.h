@@ -12,7 +12,7 @@
 
 #include "host/desktop.h"
 #include "tools/account/step.h"
-#include "tools/check/finding.h"
+#include "tools/base/finding.h"
 #include "tools/session/session.h"
 
 namespace tools {

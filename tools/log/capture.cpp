@@ -1,11 +1,11 @@
-#include "tools/capture/capture.h"
+#include "tools/log/capture.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
 
-#include "tools/capture/message.h"
+#include "tools/log/message.h"
 
 namespace tools {
 namespace {

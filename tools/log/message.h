@@ -7,7 +7,7 @@
 #include <span>
 #include <string_view>
 
-#include "tools/check/finding.h"
+#include "tools/base/finding.h"
 
 namespace tools {
 

@@ -1,4 +1,4 @@
-#include "tools/capture/record_reader.h"
+#include "tools/log/record_reader.h"
 
 #include <algorithm>
 #include <array>
@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "tools/capture/message.h"
+#include "tools/log/message.h"
 
 namespace tools {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/check/finding.h"
+#include "tools/base/finding.h"
 
 #include <algorithm>
 #include <array>

@@ -11,7 +11,7 @@
 #include <memory>
 #include <system_error>
 
-#include "tools/capture/capture.h"
+#include "tools/log/capture.h"
 
 #ifdef TARVO_WITH_ZIP
 #include <archive.h>

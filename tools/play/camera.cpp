@@ -1,4 +1,4 @@
-#include "tools/simulate/camera.h"
+#include "tools/play/camera.h"
 
 #include <toml++/toml.h>
 
@@ -11,8 +11,8 @@
 #include <set>
 #include <sstream>
 
-#include "tools/check/finding.h"
-#include "tools/simulate/builtin_camera.h"
+#include "tools/base/finding.h"
+#include "tools/play/builtin_camera.h"
 
 namespace tools {
 namespace {

@@ -1,0 +1,110 @@
+// Reads captures of a device's log: bytes to the library's messages.
+
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/base/finding.h"
+#include "tools/base/times.h"
+#include "tools/log/message.h"
+#include "tools/log/record_reader.h"
+
+namespace tools {
+
+// When, and by whom, a message was logged.
+struct Moment {
+    Micros time = NO_TIME;  // Since the capture's first line of the library. Steps of the clock are
+                            // taken out: the time goes on from where it was.
+    int32_t process = -1;   // -1 where the form does not tell it.
+    int32_t thread = -1;    // The same.
+};
+
+// Is told what a capture holds, in its order.
+class MessageSink {
+  public:
+    virtual ~MessageSink() = default;
+    // `message.place` is the line. The message's texts are gone after the call.
+    virtual void OnMessage(const Message& message, const Moment& moment) = 0;
+    // The log itself says that it left out `lines` lines of `moment.process` (-1: not known).
+    virtual void OnLinesLeftOut(int64_t /*lines*/, const Moment& /*moment*/,
+                                const Place& /*place*/) {}
+    // The clock was set by so much; `moment.time` is where the time goes on.
+    virtual void OnClockSet(Micros /*step*/, const Moment& /*moment*/, const Place& /*place*/) {}
+};
+
+// A line of the library's that was not understood.
+struct NotUnderstood {
+    Place place;
+    std::string text;  // Shortened, control characters as '?'.
+};
+
+// What was read, over all inputs.
+struct CaptureSummary {
+    int64_t lines = 0;
+    int64_t libraryLines = 0;
+    int64_t notUnderstood = 0;
+    std::vector<NotUnderstood> firstNotUnderstood;
+    int64_t lost = 0;              // Lines that the log says it left out.
+    std::string damage;            // Why an input could not be read to its end; empty if all could.
+    std::string from, to;          // Of the library's lines, as the log's clock says.
+    bool hasTimes = false;         // Some lines of the library had a time.
+    bool hasThreads = false;       // Some lines of the library had a thread.
+    Micros resolution = 1000;      // Of the times: 1000 where all are whole milliseconds, else 1.
+    Micros last = NO_TIME;         // The time of the last line of any tag.
+};
+
+// Pass the inputs one after the other: Begin, Read in pieces of any length, End for each, and
+// Finish once. Memory does not grow with the input.
+class CaptureReader : private RecordSink {
+  public:
+    // The sinks are told of each message in their order. They belong to the caller.
+    explicit CaptureReader(std::vector<MessageSink*> messageSinks);
+
+    void Begin(uint32_t input) { records.Begin(input); }
+    void Read(std::string_view bytes) { records.Read(bytes); }
+    void End() { records.End(); }
+    // The input that just ended could not be read to its end.
+    void NoteDamage(const char* reason) { summary.damage = reason == nullptr ? "damaged" : reason; }
+    // Nothing comes for now, but more may: hands on what has come whole.
+    void Settle() { records.Settle(); }
+    void Finish();
+
+    // `lines` and `last` are kept up to date while reading.
+    const CaptureSummary& Summary() const { return summary; }
+
+  private:
+    void OnRecord(const Record& record, const Place& place) override;
+    void OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
+                   const Place& place) override;
+    void OnFragment(std::string_view line, const Place& place) override;
+    Micros TimeOf(const std::optional<int64_t>& clock, const Place& place, int32_t process);
+    void NoteNotUnderstood(std::string_view text, const Place& place);
+
+    std::vector<MessageSink*> sinks;
+    RecordReader records;
+    CaptureSummary summary;
+    std::optional<int64_t> origin;  // What the clock showed when the time was 0.
+    int64_t latest = 0;             // What it showed at most since it was last set.
+    int64_t first = 0;              // What it showed at first.
+    bool isInScene = false;         // Of some process.
+};
+
+// What a file that could not be read is about: "cannot be read", and so on.
+class CaptureError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Reads a file, "-" for standard input: text, what gzip made of it, or a zip with a bug report in
+// it. `onProgress` is told how many of how many bytes have been read (0: not known); reading ends
+// when it returns false. Throws a CaptureError.
+void ReadCapture(CaptureReader& reader, uint32_t input, const std::string& path,
+                 const std::function<bool(int64_t done, int64_t all)>& onProgress = {});
+
+}  // namespace tools
