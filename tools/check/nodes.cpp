@@ -1,17 +1,41 @@
 #include "tools/check/nodes.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <map>
 #include <utility>
 
-#include "tools/session/session.h"
+#include "tools/base/words.h"
 
 namespace tools {
 namespace {
 
-// What a line holds, in the terms of sessions.
-const Operation NODE_LINE = {
-    "a line of", {{std::string(), "node"}, {int32_t{}, "port"}, {int32_t{}, "times"}}, nullptr};
+// Reads a line of a file of nodes; nothing from an empty one.
+std::optional<ReportedNode> ReadNode(std::string_view line, uint32_t number) {
+    constexpr std::array<const char*, 3> values = {"node", "port", "times"};
+    constexpr const char* usage = "expected a line of node port times";
+    const std::vector<Word> words = SplitWords(line);
+    if (words.empty()) {
+        return std::nullopt;
+    }
+    ReportedNode node{words[0].text, 0, 0, number};
+    for (size_t i = 1; i < values.size(); ++i) {
+        if (i == words.size()) {
+            throw LineError(fmt::format("{} is missing, {}", values[i], usage));
+        }
+        (i == 1 ? node.port : node.timesAFrame) = ReadInteger<int32_t>(words[i], values[i]);
+    }
+    if (words.size() > values.size()) {
+        throw LineError(fmt::format("{} is one too many, {}", Quoted(words[3].text), usage));
+    }
+    if (node.timesAFrame < 0) {
+        throw LineError("times is below 0");
+    }
+    return node;
+}
 
 Finding MakeFinding(const char* check, Severity severity, uint32_t line, std::string message) {
     Finding finding;
@@ -25,12 +49,13 @@ Finding MakeFinding(const char* check, Severity severity, uint32_t line, std::st
 // Why a node end leads to nothing, or to what it should not.
 void CheckNode(const Configuration& table, const ReportedNode& node,
                std::vector<Finding>& findings) {
-    const std::string name = "node " + Quoted(node.node);
+    const std::string name = Quoted(node.node);
     if (const auto near = NearMiss(table, node.node)) {
-        findings.push_back(MakeFinding("near-miss", Severity::Warning, node.line,
-                                       name + " ends no stage, but would end stage " +
-                                           std::to_string(near->stage) + ", " + Quoted(near->node) +
-                                           ", if neither case nor blanks mattered: they do"));
+        findings.push_back(MakeFinding(
+            "near-miss", Severity::Warning, node.line,
+            fmt::format("node {} ends no stage, but would end stage {}, {}, if neither case nor "
+                        "blanks mattered: they do",
+                        name, near->stage, Quoted(near->node))));
     }
     const auto own =
         std::find_if(table.stages.begin(), table.stages.end(),
@@ -39,10 +64,9 @@ void CheckNode(const Configuration& table, const ReportedNode& node,
         !std::binary_search(own->ports.begin(), own->ports.end(), node.port)) {
         findings.push_back(MakeFinding(
             "port-through-other-stage", Severity::Warning, node.line,
-            name + " ends stage " + std::to_string(node.stage) + " on port " +
-                std::to_string(node.port) +
-                ", which that stage does not list: a lower one does, and its name occurs in the "
-                "node's, too"));
+            fmt::format("node {} ends stage {} on port {}, which that stage does not list: a lower "
+                        "one does, and its name occurs in the node's, too",
+                        name, node.stage, node.port)));
     }
 }
 
@@ -62,16 +86,10 @@ std::vector<ReportedNode> ReadNodes(std::string_view text, std::vector<Finding>&
         const size_t end = std::min(text.find('\n'), text.size());
         ++line;
         try {
-            const std::vector<Value> values = ParseValues(NODE_LINE, text.substr(0, end));
-            if (!values.empty()) {
-                ReportedNode node{std::get<std::string>(values[0]), std::get<int32_t>(values[1]),
-                                  std::get<int32_t>(values[2]), line};
-                if (node.timesAFrame < 0) {
-                    throw SessionError("times is below 0");
-                }
-                nodes.push_back(std::move(node));
+            if (auto node = ReadNode(text.substr(0, end), line)) {
+                nodes.push_back(*std::move(node));
             }
-        } catch (const SessionError& error) {
+        } catch (const LineError& error) {
             errors.push_back(MakeFinding("unreadable", Severity::Error, line, error.what()));
         }
         text.remove_prefix(std::min(end + 1, text.size()));
@@ -93,17 +111,17 @@ std::vector<Finding> CheckNodes(const Configuration& table, std::vector<Reported
         if (times > 1 && before <= 1) {
             findings.push_back(MakeFinding(
                 "hit-twice", Severity::Error, node.line,
-                "with node " + Quoted(node.node) + " on port " + std::to_string(node.port) +
-                    " stage " + std::to_string(node.stage) +
-                    " is ended more than once a frame: " + OfSecondEnd(table, node.stage)));
+                fmt::format("with node {} on port {} stage {} is ended more than once a frame: {}",
+                            Quoted(node.node), node.port, node.stage,
+                            OfSecondEnd(table, node.stage))));
         }
     }
     for (const ConfiguredStage& stage : table.stages) {
         if (!timesOf.contains(stage.stage)) {
-            findings.push_back(MakeFinding("stage-not-hit", Severity::Error, 0,
-                                           "no node ends stage " + std::to_string(stage.stage) +
-                                               ", " + Quoted(stage.node) +
-                                               ": no frame gets beyond it"));
+            findings.push_back(MakeFinding(
+                "stage-not-hit", Severity::Error, 0,
+                fmt::format("no node ends stage {}, {}: no frame gets beyond it", stage.stage,
+                            Quoted(stage.node))));
         }
     }
     return findings;

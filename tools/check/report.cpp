@@ -2,9 +2,13 @@
 
 #include "tools/check/report.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <utility>
 
 namespace tools {
 namespace {
@@ -23,36 +27,6 @@ std::string TomlText(const std::string& text) {
 }
 
 using Json = nlohmann::ordered_json;
-using Rows = std::vector<std::vector<std::string>>;
-
-// In columns, each as wide as its widest text.
-void WriteRows(std::ostream& out, const Rows& rows) {
-    std::vector<size_t> widths;
-    for (const auto& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], row[i].size());
-        }
-    }
-    for (const auto& row : rows) {
-        std::string line;
-        for (size_t i = 0; i < row.size(); ++i) {
-            line += "  " + row[i];
-            line += i + 1 < row.size() ? std::string(widths[i] - row[i].size(), ' ') : "";
-        }
-        out << line << '\n';
-    }
-}
-
-template <typename Values, typename ToText>
-std::string Joined(const Values& values, const char* separator, const char* none, ToText toText) {
-    std::string text;
-    for (const auto& value : values) {
-        text += (text.empty() ? "" : separator) + toText(value);
-    }
-    return text.empty() ? none : text;
-}
-
 std::string Pattern(const ConfiguredStage& stage) {
     return stage.node.empty() ? "*" : "*" + Printable(stage.node) + "*";
 }
@@ -61,7 +35,7 @@ std::string Pattern(const ConfiguredStage& stage) {
 std::string MatchesOf(const ConfiguredStage& stage, const Configuration& table) {
     const int32_t winner = table.StageOf(stage.node);
     if (winner != stage.stage) {
-        return "none: they are stage " + std::to_string(winner) + "'s";
+        return fmt::format("none: they are stage {}'s", winner);
     }
     constexpr size_t longest = 200;
     std::string text = Pattern(stage);
@@ -72,62 +46,26 @@ std::string MatchesOf(const ConfiguredStage& stage, const Configuration& table) 
             return text + " ...";
         }
         if (isOther) {
-            text += ", but " + Pattern(other) + " is stage " + std::to_string(other.stage) + "'s";
+            text += fmt::format(", but {} is stage {}'s", Pattern(other), other.stage);
         }
     }
     return text;
 }
 
-void WriteSummary(std::ostream& out, const Configuration& table) {
-    const int32_t width = table.additionalWidth.value_or(0);
-    const auto count = static_cast<size_t>(table.stageCount.value_or(0));
-    const size_t loaded = table.stages.size();
-    const auto modeText = [](int32_t mode) {
-        return ModeText(mode) + " (" + std::to_string(mode) + ")";
-    };
-    WriteRows(out,
-              {{"boosting", table.isEnabled ? "on" : "off"},
-               {"accepted widths", width == 0      ? "3840, 0 (none is configured)"
-                                   : width == 3840 ? "3840"
-                                                   : "3840, " + std::to_string(width)},
-               {"operation modes", Joined(table.modes, ", ", "none", modeText)},
-               {"stages",
-                std::to_string(count) +
-                    (count == loaded ? "" : ", " + std::to_string(loaded) + " of them loaded")}});
-}
-
-void WriteStages(std::ostream& out, const Configuration& table) {
-    if (table.stages.empty()) {
-        return;
-    }
-    Rows rows = {{"stage", "node", "ports", "names that match"}};
-    for (const ConfiguredStage& stage : table.stages) {
-        const auto portText = [](int32_t port) { return std::to_string(port); };
-        rows.push_back({std::to_string(stage.stage), Quoted(stage.node),
-                        Joined(stage.ports, " ", "none", portText), MatchesOf(stage, table)});
-    }
-    out << '\n';
-    WriteRows(out, rows);
-    out << "  A * stands for any text. Where several names match, the highest stage's counts.\n";
-}
-
 void WriteNodes(std::ostream& out, const Configuration& table,
                 const std::vector<ReportedNode>& nodes) {
-    if (nodes.empty()) {
-        return;
-    }
     Rows rows = {{"reported node", "port", "a frame", "ends"}};
     for (const ReportedNode& node : nodes) {
         const int32_t stage = table.StageOf(node.node);
         rows.push_back(
             {Quoted(node.node), std::to_string(node.port), std::to_string(node.timesAFrame),
-             node.stage != -1 ? "stage " + std::to_string(node.stage)
+             node.stage != -1 ? fmt::format("stage {}", node.stage)
              : stage == -1
                  ? "nothing: no stage's name occurs in it"
-                 : "nothing: stage " + std::to_string(stage) + " does not list the port"});
+                 : fmt::format("nothing: stage {} does not list the port", stage)});
     }
     out << '\n';
-    WriteRows(out, rows);
+    WriteTable(out, rows, Columns::Text);
 }
 
 Json JsonOf(const Finding& finding, const std::string& file) {
@@ -140,21 +78,8 @@ Json JsonOf(const Finding& finding, const std::string& file) {
 }
 
 Json TableOf(const CheckedFile& file) {
-    const Configuration& table = file.checked.table;
-    Json json = {{"file", file.name},
-                 {"endsProcess", file.checked.endsProcess},
-                 {"isEnabled", table.isEnabled},
-                 {"acceptedWidths", std::set<int32_t>{3840, table.additionalWidth.value_or(0)}},
-                 {"modes", Json::array()},
-                 {"stageCount", table.stageCount.value_or(0)},
-                 {"stages", Json::array()}};
-    for (const int32_t mode : table.modes) {
-        json["modes"].push_back({{"mode", mode}, {"hexadecimal", ModeText(mode)}});
-    }
-    for (const ConfiguredStage& stage : table.stages) {
-        json["stages"].push_back(
-            {{"stage", stage.stage}, {"node", stage.node}, {"ports", stage.ports}});
-    }
+    Json json = {{"file", file.name}, {"endsProcess", file.checked.endsProcess}};
+    json.update(JsonOf(file.checked.table));
     if (!file.nodesName.empty()) {
         json["nodes"] = Json::array();
     }
@@ -168,6 +93,59 @@ Json TableOf(const CheckedFile& file) {
 }
 
 }  // namespace
+
+Rows SummaryOf(const Configuration& configuration) {
+    const auto width = configuration.additionalWidth;
+    const size_t loaded = configuration.stages.size();
+    const auto count = configuration.stageCount.value_or(static_cast<int32_t>(loaded));
+    std::string modes;
+    for (const int32_t mode : configuration.modes) {
+        modes += fmt::format("{}{} ({})", modes.empty() ? "" : ", ", ModeText(mode), mode);
+    }
+    return {{"boosting", configuration.isEnabled ? "on" : "off"},
+            {"accepted widths", !width          ? "3840, and another if one is configured"
+                                : *width == 0    ? "3840, 0 (none is configured)"
+                                : *width == 3840 ? "3840"
+                                                 : fmt::format("3840, {}", *width)},
+            {"operation modes", modes.empty() ? "none" : modes},
+            {"stages", std::to_string(count) +
+                           (count == static_cast<int64_t>(loaded)
+                                ? ""
+                                : fmt::format(", {} of them loaded", loaded))}};
+}
+
+Rows StagesOf(const Configuration& configuration) {
+    Rows rows = {{"stage", "node", "ports", "names that match"}};
+    for (const ConfiguredStage& stage : configuration.stages) {
+        const std::string ports = fmt::format("{}", fmt::join(stage.ports, " "));
+        rows.push_back({std::to_string(stage.stage), Quoted(stage.node),
+                        ports.empty() ? "none" : ports, MatchesOf(stage, configuration)});
+    }
+    return rows;
+}
+
+Json JsonOf(const Configuration& configuration) {
+    // What is not known is null.
+    Json json = {{"isEnabled", configuration.isEnabled},
+                 {"acceptedWidths", Json()},
+                 {"modes", Json::array()},
+                 {"stageCount", Json()},
+                 {"stages", Json::array()}};
+    if (configuration.additionalWidth) {
+        json["acceptedWidths"] = std::set<int32_t>{3840, *configuration.additionalWidth};
+    }
+    if (configuration.stageCount) {
+        json["stageCount"] = *configuration.stageCount;
+    }
+    for (const int32_t mode : configuration.modes) {
+        json["modes"].push_back({{"mode", mode}, {"hexadecimal", ModeText(mode)}});
+    }
+    for (const ConfiguredStage& stage : configuration.stages) {
+        json["stages"].push_back(
+            {{"stage", stage.stage}, {"node", stage.node}, {"ports", stage.ports}});
+    }
+    return json;
+}
 
 std::string ToToml(const Configuration& configuration) {
     std::string text = "[TarvoCameraFrameBoostConfig]\ncameraFrameBoostEnable = ";
@@ -224,9 +202,15 @@ void WriteText(std::ostream& out, const CheckedFile& file) {
     if (file.checked.endsProcess) {
         out << "  It ends the process. Without that:\n";
     }
-    WriteSummary(out, table);
-    WriteStages(out, table);
-    WriteNodes(out, table, file.nodes);
+    WriteTable(out, SummaryOf(table), Columns::Text);
+    if (!table.stages.empty()) {
+        out << '\n';
+        WriteTable(out, StagesOf(table), Columns::Text);
+        out << "  A * stands for any text. Where several names match, the highest stage's counts.\n";
+    }
+    if (!file.nodes.empty()) {
+        WriteNodes(out, table, file.nodes);
+    }
 }
 
 void WriteJson(std::ostream& out, const std::vector<CheckedFile>& files) {

@@ -2,14 +2,26 @@
 
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "tools/base/table.h"
 #include "tools/check/check.h"
 #include "tools/check/nodes.h"
 
 namespace tools {
+
+// The configuration in words, for people: what is boosted, a row each of a name and a value.
+Rows SummaryOf(const Configuration& configuration);
+
+// Its stages, below a row of headings: number, node, ports, and which nodes' names match. Texts of
+// the configuration are Printable.
+Rows StagesOf(const Configuration& configuration);
+
+// And as an object for programs.
+nlohmann::ordered_json JsonOf(const Configuration& configuration);
 
 struct CheckedFile {
     std::string name;

@@ -1,25 +1,14 @@
 // What a configuration answers.
 
-#include <algorithm>
-#include <cctype>
-#include <cstdio>
+#include <fmt/format.h>
 
+#include <algorithm>
+
+#include "tools/base/text.h"
 #include "tools/check/check.h"
 
 namespace tools {
 namespace {
-
-// Without blanks and control characters, in small letters.
-std::string Folded(std::string_view text) {
-    std::string folded;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte > ' ' && byte != 0x7F) {
-            folded += static_cast<char>(std::tolower(byte));
-        }
-    }
-    return folded;
-}
 
 bool Occurs(std::string_view part, std::string_view text) {
     return text.find(part) != std::string_view::npos;
@@ -62,9 +51,7 @@ const char* OfSecondEnd(const Configuration& configuration, int32_t stage) {
 }
 
 std::string ModeText(int32_t mode) {
-    char text[sizeof("0xFFFFFFFF")];
-    std::snprintf(text, sizeof(text), "0x%X", static_cast<unsigned>(mode));
-    return text;
+    return fmt::format("0x{:X}", static_cast<uint32_t>(mode));
 }
 
 }  // namespace tools

@@ -1,0 +1,31 @@
+// Numbers, lists and names in text.
+
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "tools/base/times.h"
+
+namespace tools {
+
+// "1 frame", "3 frames".
+std::string Counted(int64_t count, std::string_view what);
+
+// "a, b and c".
+std::string Join(std::span<const std::string> parts);
+
+// With so many digits behind the point: "8.3".
+std::string Fixed(double value, int digits);
+
+// Milliseconds without their unit, with as many digits as the times have: "17" where `resolution`
+// is 1000 microseconds or more, else "16.667".
+std::string Milliseconds(Micros time, Micros resolution);
+
+// Without blanks and control characters, in small letters: names that people take for the same are
+// equal then.
+std::string Folded(std::string_view text);
+
+}  // namespace tools
