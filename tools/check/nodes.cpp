@@ -118,10 +118,10 @@ std::vector<Finding> CheckNodes(const Configuration& table, std::vector<Reported
     }
     for (const ConfiguredStage& stage : table.stages) {
         if (!timesOf.contains(stage.stage)) {
-            findings.push_back(MakeFinding(
-                "stage-not-hit", Severity::Error, 0,
-                fmt::format("no node ends stage {}, {}: no frame gets beyond it", stage.stage,
-                            Quoted(stage.node))));
+            findings.push_back(
+                MakeFinding("stage-not-hit", Severity::Error, 0,
+                            fmt::format("no node ends stage {}, {}: no frame gets beyond it",
+                                        stage.stage, Quoted(stage.node))));
         }
     }
     return findings;

@@ -60,9 +60,8 @@ void WriteNodes(std::ostream& out, const Configuration& table,
         rows.push_back(
             {Quoted(node.node), std::to_string(node.port), std::to_string(node.timesAFrame),
              node.stage != -1 ? fmt::format("stage {}", node.stage)
-             : stage == -1
-                 ? "nothing: no stage's name occurs in it"
-                 : fmt::format("nothing: stage {} does not list the port", stage)});
+             : stage == -1    ? "nothing: no stage's name occurs in it"
+                              : fmt::format("nothing: stage {} does not list the port", stage)});
     }
     out << '\n';
     WriteTable(out, rows, Columns::Text);
@@ -103,15 +102,14 @@ Rows SummaryOf(const Configuration& configuration) {
         modes += fmt::format("{}{} ({})", modes.empty() ? "" : ", ", ModeText(mode), mode);
     }
     return {{"boosting", configuration.isEnabled ? "on" : "off"},
-            {"accepted widths", !width          ? "3840, and another if one is configured"
+            {"accepted widths", !width           ? "3840, and another if one is configured"
                                 : *width == 0    ? "3840, 0 (none is configured)"
                                 : *width == 3840 ? "3840"
                                                  : fmt::format("3840, {}", *width)},
             {"operation modes", modes.empty() ? "none" : modes},
-            {"stages", std::to_string(count) +
-                           (count == static_cast<int64_t>(loaded)
-                                ? ""
-                                : fmt::format(", {} of them loaded", loaded))}};
+            {"stages", std::to_string(count) + (count == static_cast<int64_t>(loaded)
+                                                    ? ""
+                                                    : fmt::format(", {} of them loaded", loaded))}};
 }
 
 Rows StagesOf(const Configuration& configuration) {
@@ -206,7 +204,8 @@ void WriteText(std::ostream& out, const CheckedFile& file) {
     if (!table.stages.empty()) {
         out << '\n';
         WriteTable(out, StagesOf(table), Columns::Text);
-        out << "  A * stands for any text. Where several names match, the highest stage's counts.\n";
+        out << "  A * stands for any text. Where several names match, the highest stage's "
+               "counts.\n";
     }
     if (!file.nodes.empty()) {
         WriteNodes(out, table, file.nodes);

@@ -1,9 +1,12 @@
 #include "tools/log/capture.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstdio>
 #include <ctime>
+#include <utility>
 
 #include "tools/log/message.h"
 
@@ -13,42 +16,53 @@ namespace {
 constexpr size_t SHOWN_NOT_UNDERSTOOD = 5;
 constexpr size_t SHOWN_LENGTH = 200;
 
-constexpr Micros SECOND = 1'000'000;
+constexpr Micros DAY = SECOND * 86'400;
 // Lines of several threads do not stand quite in order.
 constexpr Micros LARGEST_STEP_BACK = SECOND / 10;
 // Nothing comes for longer than that only if the clock has been set: while a scene runs, and else.
 constexpr Micros LONGEST_SILENCE_IN_SCENE = 60 * SECOND;
-constexpr Micros LONGEST_SILENCE = SECOND * 30 * 86'400;
-
-// Is boosted whatever the configuration says.
-constexpr int32_t BOOSTED_WIDTH = 3840;
+constexpr Micros LONGEST_SILENCE = 30 * DAY;
 
 // Before it stand clocks that count from the boot, or that have not been set since.
 constexpr time_t ONE_YEAR = 31'536'000;
-// Where dates without a year are put; see RecordReader.
-constexpr int FIRST_MADE_UP_YEAR = 2000;
-constexpr int LAST_MADE_UP_YEAR = 2001;
+
+// Years that RecordReader makes up: 2000, and 2001 where the year turns.
+constexpr int64_t FIRST_MADE_UP = SECOND * 946'684'800;
+constexpr int64_t LEAP_DAY = FIRST_MADE_UP + 59 * DAY;
+constexpr int64_t LAST_MADE_UP = FIRST_MADE_UP + (366 + 365) * DAY;
+
+bool IsMadeUp(int64_t clock) {
+    return clock >= FIRST_MADE_UP && clock < LAST_MADE_UP;
+}
 
 std::string ClockText(int64_t clock) {
     const auto second = static_cast<time_t>(clock / SECOND);
-    std::array<char, 40> date{};
-    if (second >= ONE_YEAR) {
-        tm calendar{};
-        gmtime_r(&second, &calendar);
-        const int year = calendar.tm_year + 1900;
-        const bool isMadeUp = year >= FIRST_MADE_UP_YEAR && year <= LAST_MADE_UP_YEAR;
-        std::strftime(date.data(), date.size(), isMadeUp ? "%m-%d %H:%M:%S" : "%F %H:%M:%S",
-                      &calendar);
-    } else {
-        std::snprintf(date.data(), date.size(), "%lld", static_cast<long long>(second));
+    if (second < ONE_YEAR) {
+        return fmt::format("{}.{:03}", second, clock % SECOND / 1000);
     }
-    std::array<char, 48> text{};
-    std::snprintf(text.data(), text.size(), "%s.%03d", date.data(),
-                  static_cast<int>(clock % SECOND / 1000));
-    return text.data();
+    std::array<char, 40> date{};
+    tm calendar{};
+    gmtime_r(&second, &calendar);
+    std::strftime(date.data(), date.size(), "%F %H:%M:%S", &calendar);
+    constexpr size_t year = sizeof("2000");
+    return fmt::format("{}.{:03}", date.data() + (IsMadeUp(clock) ? year : 0),
+                       clock % SECOND / 1000);
 }
 
 }  // namespace
+
+CaptureReader::CaptureReader(std::vector<MessageSink*> messageSinks)
+    : sinks(std::move(messageSinks)) {}
+
+void CaptureReader::Begin(uint32_t input) {
+    records.Begin(input);
+    overlap.Begin();
+}
+
+void CaptureReader::End() {
+    records.End();
+    overlap.End();
+}
 
 void CaptureReader::OnRecord(const Record& record, const Place& place) {
     ++summary.libraryLines;
@@ -58,17 +72,12 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
         return;
     }
     message->place = place;
-    const Micros time = TimeOf(record.time, place);
-    (record.thread == -1 ? summary.hasUnthreaded : summary.hasThreads) = true;
+    const Moment moment = MomentOf(record.time, record.process, record.thread, place);
+    summary.hasThreads = summary.hasThreads || record.thread != -1;
     switch (message->kind) {
         case MessageKind::NodeEnd:
-            summary.stageCount = message->count;
+        case MessageKind::FrameStart:
             isInScene = true;
-            break;
-        case MessageKind::Video:
-            if (message->acceptedFps != 0 && message->width != BOOSTED_WIDTH) {
-                summary.additionalWidth = message->width;
-            }
             break;
         case MessageKind::SceneEnd:
         case MessageKind::DumpSwitch:
@@ -77,30 +86,27 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
         default:
             break;
     }
-    const Moment moment{time, record.process, record.thread};
-    if (listener) {
-        listener(*message, record.message, moment);
+    processes.insert(record.process);
+    for (MessageSink* const sink : sinks) {
+        sink->OnMessage(*message, moment);
     }
-    calls.OnMessage(*message, moment);
 }
 
 void CaptureReader::OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
                               const Place& place) {
-    if (process == -1 || calls.Knows(process)) {
-        OnDisturbance({Disturbance::Kind::LinesLost, place, TimeOf(time, place), lines});
+    if (process != -1 && !processes.contains(process)) {
+        return;
+    }
+    summary.lost += lines;
+    const Moment moment = MomentOf(time, process, -1, place);
+    for (MessageSink* const sink : sinks) {
+        sink->OnLinesLeftOut(lines, moment, place);
     }
 }
 
 void CaptureReader::OnFragment(std::string_view line, const Place& place) {
     ++summary.libraryLines;
     NoteNotUnderstood(line, place);
-}
-
-void CaptureReader::OnDisturbance(const Disturbance& disturbance) {
-    if (disturbance.kind == Disturbance::Kind::LinesLost) {
-        summary.lost += disturbance.amount;
-    }
-    sink.OnDisturbance(disturbance);
 }
 
 void CaptureReader::NoteNotUnderstood(std::string_view text, const Place& place) {
@@ -114,39 +120,65 @@ void CaptureReader::NoteNotUnderstood(std::string_view text, const Place& place)
     }
 }
 
-// The time since the beginning. Where the clock was set it goes on from where it was.
-Micros CaptureReader::TimeOf(const std::optional<int64_t>& clock, const Place& place) {
-    if (!clock) {
-        summary.hasUntimed = true;
-        return NO_TIME;
+// Where no year is told, the 28th of February is followed by the 1st of March until a 29th is seen.
+int64_t CaptureReader::WithoutMadeUpDay(int64_t clock) {
+    if (clock < LEAP_DAY || !IsMadeUp(clock)) {
+        return clock;
     }
-    if (!origin) {
-        origin = first = latest = *clock;
-        summary.hasTimes = true;
-    }
-    const Micros passed = *clock - latest;
-    if (passed < -LARGEST_STEP_BACK ||
-        passed > (isInScene ? LONGEST_SILENCE_IN_SCENE : LONGEST_SILENCE)) {
-        ++summary.clockJumps;
-        *origin += passed;
-        OnDisturbance({Disturbance::Kind::ClockJump, place, *clock - *origin, passed});
-        latest = *clock;
-    }
-    latest = std::max(latest, *clock);
-    return *clock - *origin;
+    hasLeapDay = hasLeapDay || clock < LEAP_DAY + DAY;
+    return hasLeapDay ? clock : clock - DAY;
 }
 
-void CaptureReader::Settle() {
-    records.Settle();
-    calls.SettleScenes();
+// The time since the beginning. Where the clock was set it goes on from where it was.
+Moment CaptureReader::MomentOf(std::optional<int64_t> clock, int32_t process, int32_t thread,
+                               const Place& place) {
+    Moment moment{NO_TIME, process, thread};
+    if (!clock) {
+        return moment;
+    }
+    const int64_t now = WithoutMadeUpDay(*clock);
+    if (!origin) {
+        origin = latest = now;
+        firstClock = lastClock = *clock;
+        summary.hasTimes = true;
+    }
+    if (*clock % MILLISECOND != 0) {
+        summary.resolution = 1;
+    }
+    const Micros passed = now - latest;
+    const bool isSet = passed < -LARGEST_STEP_BACK ||
+                       passed > (isInScene ? LONGEST_SILENCE_IN_SCENE : LONGEST_SILENCE);
+    if (isSet) {
+        *origin += passed;
+        latest = now;
+    }
+    latest = std::max(latest, now);
+    lastClock = isSet ? *clock : std::max(lastClock, *clock);
+    moment.time = now - *origin;
+    summary.last = latest - *origin;
+    if (isSet) {
+        for (MessageSink* const sink : sinks) {
+            sink->OnClockSet(passed, moment, place);
+        }
+    }
+    return moment;
+}
+
+void CaptureReader::OnTime(int64_t time) {
+    const int64_t now = WithoutMadeUpDay(time);
+    // Whether the clock was set the next line of the library will tell.
+    if (origin && now > latest && now - latest <= LONGEST_SILENCE_IN_SCENE) {
+        latest = now;
+        summary.last = latest - *origin;
+    }
 }
 
 void CaptureReader::Finish() {
-    calls.Settle(true);
+    overlap.End();
     summary.lines = records.Lines();
     if (summary.hasTimes) {
-        summary.from = ClockText(first);
-        summary.to = ClockText(latest);
+        summary.from = ClockText(firstClock);
+        summary.to = ClockText(lastClock);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -13,6 +14,7 @@
 #include "tools/base/finding.h"
 #include "tools/base/times.h"
 #include "tools/log/message.h"
+#include "tools/log/overlap.h"
 #include "tools/log/record_reader.h"
 
 namespace tools {
@@ -50,13 +52,14 @@ struct CaptureSummary {
     int64_t libraryLines = 0;
     int64_t notUnderstood = 0;
     std::vector<NotUnderstood> firstNotUnderstood;
-    int64_t lost = 0;              // Lines that the log says it left out.
-    std::string damage;            // Why an input could not be read to its end; empty if all could.
-    std::string from, to;          // Of the library's lines, as the log's clock says.
-    bool hasTimes = false;         // Some lines of the library had a time.
-    bool hasThreads = false;       // Some lines of the library had a thread.
-    Micros resolution = 1000;      // Of the times: 1000 where all are whole milliseconds, else 1.
-    Micros last = NO_TIME;         // The time of the last line of any tag.
+    int64_t lost = 0;          // Lines that the log says it left out.
+    std::string damage;        // Why an input could not be read to its end; empty if all could.
+    std::string from, to;      // Of the library's lines, as the log's clock says.
+    bool hasTimes = false;     // Some lines of the library had a time.
+    bool hasThreads = false;   // Some lines of the library had a thread.
+    Micros resolution = 1000;  // Of the times: 1000 where all are whole milliseconds, else 1.
+    Micros last =
+        NO_TIME;  // The time of the last line of any tag, as far as it has been looked at.
 };
 
 // Pass the inputs one after the other: Begin, Read in pieces of any length, End for each, and
@@ -66,9 +69,9 @@ class CaptureReader : private RecordSink {
     // The sinks are told of each message in their order. They belong to the caller.
     explicit CaptureReader(std::vector<MessageSink*> messageSinks);
 
-    void Begin(uint32_t input) { records.Begin(input); }
+    void Begin(uint32_t input);
     void Read(std::string_view bytes) { records.Read(bytes); }
-    void End() { records.End(); }
+    void End();
     // The input that just ended could not be read to its end.
     void NoteDamage(const char* reason) { summary.damage = reason == nullptr ? "damaged" : reason; }
     // Nothing comes for now, but more may: hands on what has come whole.
@@ -83,16 +86,22 @@ class CaptureReader : private RecordSink {
     void OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
                    const Place& place) override;
     void OnFragment(std::string_view line, const Place& place) override;
-    Micros TimeOf(const std::optional<int64_t>& clock, const Place& place, int32_t process);
+    void OnTime(int64_t time) override;
+    Moment MomentOf(std::optional<int64_t> clock, int32_t process, int32_t thread,
+                    const Place& place);
+    int64_t WithoutMadeUpDay(int64_t clock);
     void NoteNotUnderstood(std::string_view text, const Place& place);
 
     std::vector<MessageSink*> sinks;
-    RecordReader records;
+    OverlapFilter overlap{*this};
+    RecordReader records{overlap};
     CaptureSummary summary;
-    std::optional<int64_t> origin;  // What the clock showed when the time was 0.
-    int64_t latest = 0;             // What it showed at most since it was last set.
-    int64_t first = 0;              // What it showed at first.
-    bool isInScene = false;         // Of some process.
+    std::set<int32_t> processes;            // Those with messages.
+    std::optional<int64_t> origin;          // What the clock showed when the time was 0.
+    int64_t latest = 0;                     // What it showed at most since it was last set.
+    int64_t firstClock = 0, lastClock = 0;  // Of the library's lines, as the log has it.
+    bool hasLeapDay = false;                // A 29th of February was seen.
+    bool isInScene = false;                 // Of some process.
 };
 
 // What a file that could not be read is about: "cannot be read", and so on.
@@ -101,7 +110,7 @@ class CaptureError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Reads a file, "-" for standard input: text, what gzip made of it, or a zip with a bug report in
+// Reads a file, "-" for standard input: text, what gzip made of text, or a zip with a bug report in
 // it. `onProgress` is told how many of how many bytes have been read (0: not known); reading ends
 // when it returns false. Throws a CaptureError.
 void ReadCapture(CaptureReader& reader, uint32_t input, const std::string& path,

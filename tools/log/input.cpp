@@ -1,6 +1,9 @@
-// Captures as they come: files, standard input, and zips.
+// Captures as they come: files and standard input, and what is compressed.
 
+#include <archive.h>
+#include <archive_entry.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,16 +16,13 @@
 
 #include "tools/log/capture.h"
 
-#ifdef TARVO_WITH_ZIP
-#include <archive.h>
-#include <archive_entry.h>
-#endif
-
 namespace tools {
 namespace {
 
 constexpr size_t PIECE = 262'144;
+// How compressed files begin.
 constexpr std::string_view ZIP_MARK = "PK\x03\x04";
+constexpr std::string_view GZIP_MARK = "\x1F\x8B";
 
 class File {
   public:
@@ -75,8 +75,8 @@ class File {
 
   private:
     [[noreturn]] static void Fail() {
-        throw CaptureError(std::string("cannot be read: ") +
-                           std::generic_category().message(errno));
+        throw CaptureError(
+            fmt::format("cannot be read: {}", std::generic_category().message(errno)));
     }
 
     int descriptor;
@@ -90,18 +90,21 @@ class File {
     std::string buffer = std::string(PIECE, '\0');
 };
 
-#ifdef TARVO_WITH_ZIP
-
 // Whether it is the text of a bug report, as Android names it.
 bool IsReport(std::string_view name) {
     name.remove_prefix(name.rfind('/') + 1);
     return name.starts_with("bugreport-") && name.ends_with(".txt");
 }
 
-// Reads the bug reports in a zip, or all its files. Returns how many files were read.
-int ReadZip(CaptureReader& reader, File& file, bool isAll) {
-    const std::unique_ptr<archive, int (*)(archive*)> zip(archive_read_new(), archive_read_free);
-    archive_read_support_format_zip(zip.get());
+// Which of the files in it are read.
+enum class Files : uint8_t { Reports, All };
+
+// Reads a file that gzip made, or those in a zip. `name`: what it is. Returns how many were read.
+int ReadArchive(CaptureReader& reader, File& file, const char* name, Files files) {
+    const std::unique_ptr<archive, int (*)(archive*)> source(archive_read_new(), archive_read_free);
+    archive_read_support_filter_gzip(source.get());
+    archive_read_support_format_zip(source.get());
+    archive_read_support_format_raw(source.get());  // What is in a file of gzip's.
     const auto readNext = [](archive* self, void* data, const void** piece) -> la_ssize_t {
         try {
             const std::string_view next = static_cast<File*>(data)->Next();
@@ -112,21 +115,21 @@ int ReadZip(CaptureReader& reader, File& file, bool isAll) {
             return -1;
         }
     };
-    const auto check = [&zip](la_ssize_t status) {
+    const auto check = [&source, name](la_ssize_t status) {
         if (status < ARCHIVE_WARN) {
-            const char* const reason = archive_error_string(zip.get());
-            throw CaptureError(std::string("is a zip that cannot be read: ") +
-                               (reason == nullptr ? "unknown" : reason));
+            const char* const reason = archive_error_string(source.get());
+            throw CaptureError(fmt::format("is a {} that cannot be read: {}", name,
+                                           reason == nullptr ? "unknown" : reason));
         }
         return status;
     };
-    check(archive_read_open(zip.get(), &file, nullptr, readNext, nullptr));
+    check(archive_read_open(source.get(), &file, nullptr, readNext, nullptr));
     int count = 0;
     archive_entry* entry = nullptr;
-    while (check(archive_read_next_header(zip.get(), &entry)) != ARCHIVE_EOF) {
-        const char* const name = archive_entry_pathname(entry);
-        if (name == nullptr || archive_entry_filetype(entry) != AE_IFREG ||
-            !(isAll || IsReport(name))) {
+    while (check(archive_read_next_header(source.get(), &entry)) != ARCHIVE_EOF) {
+        const char* const path = archive_entry_pathname(entry);
+        if (path == nullptr || archive_entry_filetype(entry) != AE_IFREG ||
+            !(files == Files::All || IsReport(path))) {
             continue;
         }
         ++count;
@@ -134,7 +137,7 @@ int ReadZip(CaptureReader& reader, File& file, bool isAll) {
         size_t length = 0;
         la_int64_t offset = 0;
         int status = ARCHIVE_OK;
-        while ((status = archive_read_data_block(zip.get(), &piece, &length, &offset)) >=
+        while ((status = archive_read_data_block(source.get(), &piece, &length, &offset)) >=
                ARCHIVE_WARN) {
             if (status == ARCHIVE_EOF) {
                 break;
@@ -144,7 +147,7 @@ int ReadZip(CaptureReader& reader, File& file, bool isAll) {
         reader.End();
         if (status < ARCHIVE_WARN && reader.Summary().libraryLines != 0) {
             // What could be read is explained.
-            reader.NoteDamage(archive_error_string(zip.get()));
+            reader.NoteDamage(archive_error_string(source.get()));
             return count;
         }
         check(status);
@@ -153,18 +156,11 @@ int ReadZip(CaptureReader& reader, File& file, bool isAll) {
 }
 
 void ReadZip(CaptureReader& reader, File& file) {
-    if (ReadZip(reader, file, false) == 0 && !(file.Rewind() && ReadZip(reader, file, true) != 0)) {
+    if (ReadArchive(reader, file, "zip", Files::Reports) == 0 &&
+        !(file.Rewind() && ReadArchive(reader, file, "zip", Files::All) != 0)) {
         throw CaptureError("is a zip without a bug report in it");
     }
 }
-
-#else
-
-void ReadZip(CaptureReader& /*reader*/, File& /*file*/) {
-    throw CaptureError("is a zip, and this command was built without libarchive: unpack it first");
-}
-
-#endif
 
 }  // namespace
 
@@ -176,6 +172,11 @@ void ReadCapture(CaptureReader& reader, uint32_t input, const std::string& path,
     if (piece.starts_with(ZIP_MARK)) {
         file.Back();
         ReadZip(reader, file);
+        return;
+    }
+    if (piece.starts_with(GZIP_MARK)) {
+        file.Back();
+        ReadArchive(reader, file, "file of gzip's", Files::All);
         return;
     }
     for (; !piece.empty(); piece = file.Next()) {

@@ -5,7 +5,9 @@
 #include <charconv>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
+#include "tools/base/times.h"
 #include "tools/log/message.h"
 
 namespace tools {
@@ -13,13 +15,14 @@ namespace {
 
 // Longer than any line that logcat writes; what goes beyond is dropped.
 constexpr size_t MAX_LINE = 65'536;
-constexpr int64_t MICROS_PER_SECOND = 1'000'000;
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 // The tag under which Android's log says that it has left lines out.
 constexpr std::string_view CHATTY_TAG = "chatty";
 constexpr std::string_view PRIORITIES = "VDIWEFS?";
 // Any leap year: what has no year may be a 29th of February.
 constexpr int64_t MADE_UP_YEAR = 2000;
+// How often the times of lines with other tags are told of.
+constexpr int64_t LINES_BETWEEN_TIMES = 64;
 constexpr int64_t MAX_SECONDS = 1'000'000'000'000;
 // In every message of the library.
 constexpr std::string_view LIBRARY_FILE = "tarvocameraframeboost";
@@ -162,6 +165,12 @@ std::string_view WithoutColors(std::string_view line, std::string& plain) {
     return plain;
 }
 
+// Whether a line may begin with a time, by its first letter.
+bool MayBeTimed(std::string_view line) {
+    return !line.empty() &&
+           (IsDigit(line[0]) || line[0] == ' ' || line[0] == '[' || line[0] == '\x1B');
+}
+
 // Days since 1970 of a date. Years are counted from March, so that the leap day is the last.
 int64_t DaysOf(int64_t year, int64_t month, int64_t day) {
     year -= month <= 2 ? 1 : 0;
@@ -245,6 +254,7 @@ void Utf8Decoder::AppendUnit(uint32_t unit) {
 void RecordReader::Begin(uint32_t input) {
     decoder = {};
     place = {input, 0};
+    isLog = true;
     year = MADE_UP_YEAR;
     lastMonth = 0;
     dateText.clear();
@@ -254,6 +264,7 @@ void RecordReader::Begin(uint32_t input) {
 void RecordReader::Read(std::string_view bytes) {
     ReadText(decoder.Decode(bytes));
     KeepHeld();
+    TellTime();
 }
 
 void RecordReader::ReadText(std::string_view text) {
@@ -270,6 +281,7 @@ void RecordReader::ReadText(std::string_view text) {
                 // What is held must not point into the carried line when that goes.
                 ReadLine(carry);
                 KeepHeld();
+                TellTime();
                 carry.clear();
             }
         }
@@ -281,6 +293,17 @@ void RecordReader::ReadLine(std::string_view line) {
     ++lines;
     ++place.line;
     line = line.substr(0, line.find_last_not_of('\r') + 1);
+    if (line.starts_with("------ ")) {
+        TellTime();
+        isLog = Contains(line, "(logcat");
+    }
+    // In the long form, lines of a message may look like a time, too.
+    if (MayBeTimed(line) && (timed.empty() || !timed.starts_with('[') || line.starts_with('['))) {
+        timed = line;
+    }
+    if (lines % LINES_BETWEEN_TIMES == 0) {
+        TellTime();
+    }
     // Colours stand around a line.
     if (line.starts_with('\x1B') || (line.ends_with('m') && Contains(line, "\x1B["))) {
         KeepHeld();
@@ -365,6 +388,19 @@ void RecordReader::KeepHeld() {
         heldMessage = held.record.message;
         held.text = heldHead;
         held.record.message = heldMessage;
+    }
+}
+
+void RecordReader::TellTime() {
+    std::optional<int64_t> time;
+    std::string_view line = std::exchange(timed, {});
+    if (!line.empty() && isLog) {
+        std::string uncolored;
+        line = line.starts_with('\x1B') ? WithoutColors(line, uncolored) : line;
+        Skip(line, "[ ");
+        if (ReadTime(line, time)) {
+            sink.OnTime(*time);
+        }
     }
 }
 
@@ -551,7 +587,7 @@ bool RecordReader::ReadTime(std::string_view& rest, std::optional<int64_t>& time
         seconds += (isWest ? 60 : -60) * (60 * hours + minutes);
         rest = zone;
     }
-    time = seconds * MICROS_PER_SECOND + fraction;
+    time = seconds * SECOND + fraction;
     return Skip(rest, " ");
 }
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "tools/log/record.h"
 #include "tools/base/finding.h"
+#include "tools/log/record.h"
 
 namespace tools {
 
@@ -23,6 +23,8 @@ class RecordSink {
                            const Place& place) = 0;
     // A line that seems to be the library's, but only a part of it is there.
     virtual void OnFragment(std::string_view line, const Place& place) = 0;
+    // What the log's clock showed on a line of any tag: now and then, and on the last one.
+    virtual void OnTime(int64_t /*time*/) {}
 };
 
 // Text of any encoding as UTF-8: what is UTF-16, with a mark or without, is converted.
@@ -79,13 +81,16 @@ class RecordReader {
     bool ReadDate(std::string_view& rest, int64_t& seconds);
     void Append(std::string_view line);
     void KeepHeld();
+    void TellTime();
 
     RecordSink& sink;
     Utf8Decoder decoder;
     Place place;
     int64_t lines = 0;
-    std::string carry;  // The beginning of a line whose end has not come.
-    std::string plain;  // A line without its colours.
+    std::string carry;       // The beginning of a line whose end has not come.
+    std::string plain;       // A line without its colours.
+    std::string_view timed;  // The last line that may begin with a time, until that is told.
+    bool isLog = true;       // False in the parts of a bug report that are no log.
 
     // The record that may go on in the next line: a message of several lines repeats its head.
     Head held;

@@ -1,0 +1,58 @@
+// Captures that overlap: what stands at the end of one and again at the beginning of the next.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/log/record_reader.h"
+
+namespace tools {
+
+// Hands on records, but the longest end of what has been read with which an input begins only once.
+class OverlapFilter : public RecordSink {
+  public:
+    explicit OverlapFilter(RecordSink& recordSink) : sink(recordSink) {}
+
+    // An input begins, and ends.
+    void Begin();
+    void End();
+
+    void OnRecord(const Record& record, const Place& place) override;
+    void OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
+                   const Place& place) override;
+    void OnFragment(std::string_view line, const Place& place) override;
+    void OnTime(int64_t time) override;
+
+  private:
+    // Something that may have been read before.
+    struct Held {
+        enum class Kind : uint8_t { Record, LeftOut, Fragment } kind = Kind::Record;
+        Record record;        // Of the other kinds the time, the process and the text alone.
+        std::string message;  // What the record's message is.
+        int64_t lines = 0;    // Left out.
+        Place place;
+    };
+
+    // Whether what has that hash, the next of the input, may stand in the end of what was read.
+    bool MayRepeat(uint64_t hash);
+    void Remember(uint64_t hash);
+    void HandOn(const Held& held);
+    void Release();
+
+    RecordSink& sink;
+    std::deque<uint64_t> tail;  // Hashes of the records that were handed on last.
+    // While an input may still repeat what was read:
+    bool isComparing = false;
+    std::vector<size_t> candidates;  // Where in the tail its beginning may stand.
+    std::vector<uint64_t> hashes;    // Of what is held, without fragments.
+    std::deque<Held> held;
+    size_t repeated = 0;  // How many of the hashes are known to be a repetition.
+};
+
+}  // namespace tools
