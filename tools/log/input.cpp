@@ -99,12 +99,14 @@ bool IsReport(std::string_view name) {
 // Which of the files in it are read.
 enum class Files : uint8_t { Reports, All };
 
-// Reads a file that gzip made, or those in a zip. `name`: what it is. Returns how many were read.
+// Reads what is in a gzip file, or the files in a zip. `name`: what it is. Returns how many were
+// read.
 int ReadArchive(CaptureReader& reader, File& file, const char* name, Files files) {
     const std::unique_ptr<archive, int (*)(archive*)> source(archive_read_new(), archive_read_free);
     archive_read_support_filter_gzip(source.get());
     archive_read_support_format_zip(source.get());
-    archive_read_support_format_raw(source.get());  // What is in a file of gzip's.
+    archive_read_support_format_raw(source.get());  // What gzip made of a file.
+    archive_read_support_format_empty(source.get());
     const auto readNext = [](archive* self, void* data, const void** piece) -> la_ssize_t {
         try {
             const std::string_view next = static_cast<File*>(data)->Next();
@@ -176,7 +178,9 @@ void ReadCapture(CaptureReader& reader, uint32_t input, const std::string& path,
     }
     if (piece.starts_with(GZIP_MARK)) {
         file.Back();
-        ReadArchive(reader, file, "file of gzip's", Files::All);
+        if (ReadArchive(reader, file, "gzip file", Files::All) == 0) {
+            throw CaptureError("is a gzip file with nothing in it: empty, or cut off");
+        }
         return;
     }
     for (; !piece.empty(); piece = file.Next()) {

@@ -4,9 +4,9 @@
 #include <charconv>
 #include <cstddef>
 #include <cstring>
-#include <limits>
 #include <string_view>
 #include <utility>
+#include <variant>
 
 namespace tools {
 namespace {
@@ -67,45 +67,27 @@ constexpr MessageForm FORMS[] = {
      "stage = {stage}, nodename = {name}, nodeport = {list}"},
 };
 
-// Where the value of a field goes.
-enum class Field : uint8_t {
-    None,
-    Flag,
-    Truth,
-    Stage,
-    OtherStage,
-    Count,
-    Limit,
-    Port,
-    Camera,
-    Width,
-    Fps,
-    AcceptedFps,
-    Scene,
-    Tid,
-    Frame,
-    LastFrame,
-    Name,
-    List,
-};
-constexpr std::pair<std::string_view, Field> FIELD_NAMES[] = {
-    {"flag", Field::Flag},   {"truth", Field::Truth},
-    {"stage", Field::Stage}, {"otherStage", Field::OtherStage},
-    {"count", Field::Count}, {"limit", Field::Limit},
-    {"port", Field::Port},   {"camera", Field::Camera},
-    {"width", Field::Width}, {"fps", Field::Fps},
-    {"scene", Field::Scene}, {"acceptedFps", Field::AcceptedFps},
-    {"tid", Field::Tid},     {"frame", Field::Frame},
-    {"name", Field::Name},   {"lastFrame", Field::LastFrame},
-    {"list", Field::List},
+// Where the value of a field goes; the first is none.
+using Target = std::variant<std::monostate, bool Message::*, int32_t Message::*, int64_t Message::*,
+                            std::string_view Message::*>;
+constexpr std::pair<std::string_view, Target> FIELDS[] = {
+    {"flag", &Message::flag},   {"truth", &Message::flag},
+    {"stage", &Message::stage}, {"otherStage", &Message::otherStage},
+    {"count", &Message::count}, {"limit", &Message::limit},
+    {"port", &Message::port},   {"camera", &Message::camera},
+    {"width", &Message::width}, {"fps", &Message::fps},
+    {"scene", &Message::scene}, {"acceptedFps", &Message::acceptedFps},
+    {"tid", &Message::tid},     {"frame", &Message::frame},
+    {"name", &Message::name},   {"lastFrame", &Message::lastFrame},
+    {"list", &Message::list},
 };
 
 // A form's text, cut up: words that stand as they are, each followed by a field.
 struct Part {
     std::string_view words{};
-    Field field = Field::None;
+    Target target{};
 };
-using Parts = std::array<Part, 9>;  // The last one has no field.
+using Parts = std::array<Part, 9>;  // The last one has no target.
 
 constexpr Parts CutUp(std::string_view text) {
     Parts parts{};
@@ -113,12 +95,12 @@ constexpr Parts CutUp(std::string_view text) {
     for (size_t open = 0; (open = text.find('{')) != std::string_view::npos; ++next) {
         const size_t close = text.find('}');
         parts[next].words = text.substr(0, open);
-        for (const auto& [name, field] : FIELD_NAMES) {
+        for (const auto& [name, target] : FIELDS) {
             if (name == text.substr(open + 1, close - open - 1)) {
-                parts[next].field = field;
+                parts[next].target = target;
             }
         }
-        if (parts[next].field == Field::None) {
+        if (parts[next].target.index() == 0) {
             throw "a field without a place";
         }
         text.remove_prefix(close + 1);
@@ -142,20 +124,16 @@ bool TakeNumber(std::string_view& text, Integer& value) {
     return error == std::errc();
 }
 
+// Of the statements some write 1 and 0, some true and false.
 bool TakeFlag(std::string_view& text, bool& flag) {
-    if (text.empty() || (text[0] != '0' && text[0] != '1')) {
-        return false;
+    for (const std::string_view word : {"1", "0", "true", "false"}) {
+        if (text.starts_with(word)) {
+            flag = word == "1" || word == "true";
+            text.remove_prefix(word.size());
+            return true;
+        }
     }
-    flag = text[0] == '1';
-    text.remove_prefix(1);
-    return true;
-}
-
-bool TakeTruth(std::string_view& text, bool& flag) {
-    flag = text == "true";
-    const bool isTruth = flag || text == "false";
-    text = {};
-    return isTruth;
+    return false;
 }
 
 // Takes what stands before the last `words` in the text: they may stand in a name as well.
@@ -175,47 +153,18 @@ bool TakeText(std::string_view& text, std::string_view words, std::string_view& 
     return true;
 }
 
-bool TakeField(std::string_view& text, Field field, std::string_view wordsBehind,
+bool TakeField(std::string_view& text, const Target& target, std::string_view wordsBehind,
                Message& message) {
-    switch (field) {
-        case Field::Flag:
-            return TakeFlag(text, message.flag);
-        case Field::Truth:
-            return TakeTruth(text, message.flag);
-        case Field::Stage:
-            return TakeNumber(text, message.stage);
-        case Field::OtherStage:
-            return TakeNumber(text, message.otherStage);
-        case Field::Count:
-            return TakeNumber(text, message.count);
-        case Field::Limit:
-            return TakeNumber(text, message.limit);
-        case Field::Port:
-            return TakeNumber(text, message.port);
-        case Field::Camera:
-            return TakeNumber(text, message.camera);
-        case Field::Width:
-            return TakeNumber(text, message.width);
-        case Field::Fps:
-            return TakeNumber(text, message.fps);
-        case Field::AcceptedFps:
-            return TakeNumber(text, message.acceptedFps);
-        case Field::Scene:
-            return TakeNumber(text, message.scene);
-        case Field::Tid:
-            return TakeNumber(text, message.tid);
-        case Field::Frame:
-            return TakeNumber(text, message.frame);
-        case Field::LastFrame:
-            return TakeNumber(text, message.lastFrame);
-        case Field::Name:
-            return TakeText(text, wordsBehind, message.name);
-        case Field::List:
-            return TakeText(text, wordsBehind, message.list);
-        case Field::None:
-            break;
+    if (const auto* number = std::get_if<int32_t Message::*>(&target)) {
+        return TakeNumber(text, message.**number);
     }
-    return false;
+    if (const auto* number = std::get_if<int64_t Message::*>(&target)) {
+        return TakeNumber(text, message.**number);
+    }
+    if (const auto* part = std::get_if<std::string_view Message::*>(&target)) {
+        return TakeText(text, wordsBehind, message.**part);
+    }
+    return TakeFlag(text, message.*std::get<bool Message::*>(target));
 }
 
 std::string_view WithoutBlanksBehind(std::string_view text) {
@@ -251,7 +200,7 @@ bool BeginsWith(std::string_view text, std::string_view words) {
 
 bool Matches(const Parts& parts, std::string_view text, Message& message) {
     for (size_t i = 0;; ++i) {
-        const auto& [words, field] = parts[i];
+        const auto& [words, target] = parts[i];
         if (BeginsWith(text, words)) {
             text.remove_prefix(words.size());
         } else if (text == WithoutBlanksBehind(words)) {
@@ -259,10 +208,10 @@ bool Matches(const Parts& parts, std::string_view text, Message& message) {
         } else {
             return false;
         }
-        if (field == Field::None) {
+        if (target.index() == 0) {
             return text.empty();
         }
-        if (!TakeField(text, field, parts[i + 1].words, message)) {
+        if (!TakeField(text, target, parts[i + 1].words, message)) {
             return false;
         }
     }

@@ -22,7 +22,7 @@ constexpr std::string_view PRIORITIES = "VDIWEFS?";
 // Any leap year: what has no year may be a 29th of February.
 constexpr int64_t MADE_UP_YEAR = 2000;
 // How often the times of lines with other tags are told of.
-constexpr int64_t LINES_BETWEEN_TIMES = 64;
+constexpr int64_t LINES_BETWEEN_TIMES = 16;
 constexpr int64_t MAX_SECONDS = 1'000'000'000'000;
 // In every message of the library.
 constexpr std::string_view LIBRARY_FILE = "tarvocameraframeboost";
