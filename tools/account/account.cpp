@@ -1,78 +1,120 @@
 #include "tools/account/account.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+
+#include "tools/base/text.h"
 
 namespace tools {
 
 const char* NameOf(FrameStatus status) {
-    static constexpr const char* NAMES[FRAME_STATUSES] = {"complete", "error",  "evicted",
-                                                          "refused",  "unseen", "open"};
+    static constexpr const char* NAMES[FRAME_STATUSES] = {"complete", "dropped", "error", "evicted",
+                                                          "refused",  "unseen",  "open"};
     return NAMES[static_cast<size_t>(status)];
 }
 
-const char* ReasonOf(Outcome outcome) {
-    switch (outcome) {
-        case Outcome::Forwarded:
+const char* NameOf(Check check) {
+    static constexpr const char* NAMES[CHECKS] = {"scene-refused",
+                                                  "disabled",
+                                                  "two-cameras",
+                                                  "frame-lost",
+                                                  "frame-gap",
+                                                  "numbers-restart",
+                                                  "duplicate-frame",
+                                                  "stage-order",
+                                                  "stage-unreported",
+                                                  "second-port",
+                                                  "stage-never-hit",
+                                                  "stuck",
+                                                  "slow-stage",
+                                                  "sensor-stall",
+                                                  "standstill",
+                                                  "rate",
+                                                  "late",
+                                                  "evicted",
+                                                  "slots-held",
+                                                  "thread-not-set",
+                                                  "node-ignored",
+                                                  "lines-lost",
+                                                  "clock-jump",
+                                                  "not-understood"};
+    return NAMES[static_cast<size_t>(check)];
+}
+
+const char* ReasonOf(Reason reason) {
+    switch (reason) {
+        case Reason::None:
             return "";
-        case Outcome::Reported:
-            return "reported as bad";
-        case Outcome::Evicted:
-            return "too many frames in flight";
-        case Outcome::Ignored:
-            return "this node and port end no stage";
-        case Outcome::NoScene:
-            return "no scene is running";
-        case Outcome::NotDescribed:
-            return "not described as a scene to boost";
-        case Outcome::Disabled:
-            return "switched off, or the operation mode is not supported";
-        case Outcome::RefusedByService:
-            return "by the service";
-        case Outcome::AlreadyInFlight:
-            return "already in flight";
-        case Outcome::Gap:
+        case Reason::Gap:
             return "does not follow the newest frame";
-        case Outcome::NotInFlight:
+        case Reason::AlreadyInFlight:
+            return "already in flight";
+        case Reason::NotInFlight:
             return "not in flight";
-        case Outcome::FrameInError:
-            return "the frame is in error";
-        case Outcome::NoSuchStage:
+        case Reason::NoSuchStage:
             return "no such stage";
-        case Outcome::OutOfOrder:
+        case Reason::OutOfOrder:
             return "out of order with another stage";
-        case Outcome::StageOutOfTurn:
+        case Reason::OutOfTurn:
             return "the stage has run already, or has not started";
-        case Outcome::Unknown:
+        case Reason::Evicted:
+            return "too many frames in flight";
+        case Reason::EndedByHal:
+            return "ended before it had been through all stages";
+        case Reason::NeverLeft:
+            return "not seen to leave the stage";
+        case Reason::LinesMissing:
             return "lines of the log are missing";
     }
     return "";
 }
 
-int64_t Scene::CountOf(FrameStatus status) const {
-    return statusCounts[static_cast<size_t>(status)];
+Micros Scene::ArrivalOf(size_t frame, int32_t stage) const {
+    for (int32_t before = stage - 1; before >= 0; --before) {
+        if (PassOf(frame, before).HasLeft()) {
+            return PassOf(frame, before).left;
+        }
+    }
+    return stage == 0 ? frames[frame].start : NO_TIME;
+}
+
+StageTimes Scene::TimesOf(size_t frame, int32_t stage) const {
+    StageTimes times;
+    const StagePass& pass = PassOf(frame, stage);
+    const Micros arrival = ArrivalOf(frame, stage);
+    times.start = arrival;
+    if (pass.HasLeft() && pass.left != NO_TIME) {
+        times.end = pass.left;
+        if (arrival != NO_TIME && pass.begin != NO_TIME) {
+            const Micros length = std::max<Micros>(pass.left - arrival, 0);
+            times.work = std::min(pass.left - pass.begin, length);
+            times.wait = length - times.work;
+        }
+    }
+    return times;
 }
 
 Severity WorstOf(const Account& account) {
     Severity worst = Severity::Note;
-    const auto consider = [&worst](const std::vector<AccountedFinding>& findings) {
-        for (const AccountedFinding& finding : findings) {
+    for (const SceneFinding& finding : account.findings) {
+        worst = std::max(worst, finding.severity);
+    }
+    for (const Scene& scene : account.scenes) {
+        for (const SceneFinding& finding : scene.findings) {
             worst = std::max(worst, finding.severity);
         }
-    };
-    consider(account.findings);
-    for (const Scene& scene : account.scenes) {
-        consider(scene.findings);
     }
     return worst;
 }
 
+// What a viewer of the video would see comes first: frames that never came out, and late ones.
 std::string VerdictOf(const Account& account) {
-    int64_t frames = 0, notBoosted = 0, untold = 0, late = 0, started = 0;
+    int64_t frames = 0, neverOut = 0, notBoosted = 0, untold = 0, late = 0, started = 0;
     Micros threshold = 0;
     for (const Scene& scene : account.scenes) {
-        for (const int64_t count : scene.statusCounts) {
-            frames += count;
-        }
+        frames += scene.frameCount;
+        neverOut += static_cast<int64_t>(scene.neverOut.size());
         notBoosted += scene.notBoosted;
         untold += scene.untold;
         late += scene.lateFrames;
@@ -82,40 +124,61 @@ std::string VerdictOf(const Account& account) {
     if (started == 0) {
         return "Nothing was boosted: no scene was started.";
     }
+    const bool isWell = WorstOf(account) == Severity::Note;
     if (frames == 0) {
-        return "Nothing was boosted: no frame was reported.";
+        return isWell ? "Nothing was boosted: no frame was reported."
+                      : "No frame is told of, but there is something to look at.";
     }
-    const std::string all = std::to_string(frames) + (frames == 1 ? " frame" : " frames");
-    const Micros tenths = (threshold + 50) / 100;
-    const std::string behind = ", more than " + std::to_string(tenths / 10) + "." +
-                               std::to_string(tenths % 10) + " ms after the frame before.";
-    const std::string lateness =
-        account.hasTimes ? "none late" : "though whether in time is not known";
-    if (notBoosted + untold + late == 0) {
-        return WorstOf(account) == Severity::Note
-                   ? "All is well: " + all + ", all boosted, " + lateness + "."
-                   : all + ", all boosted, " + lateness + ", but there is something to look at.";
+    const std::string all = Counted(frames, "frame");
+    std::vector<std::string> parts;
+    if (neverOut > 0) {
+        parts.push_back(fmt::format("{} never came out", neverOut));
     }
-    if (notBoosted + untold == 0) {
-        return all + ", all boosted, but " + std::to_string(late) + " came out late" + behind;
+    if (late > 0) {
+        parts.push_back(fmt::format("{} came out late, more than {} ms after the frame before",
+                                    late, Fixed(static_cast<double>(threshold) / 1000, 1)));
     }
-    const auto were = [](int64_t count) {
-        return std::to_string(count) + (count == 1 ? " was" : " were");
-    };
-    std::string verdict = "Of " + all + " " +
-                          (notBoosted > 0 ? were(notBoosted) + " not boosted from start to end"
-                                          : were(frames - untold) + " boosted");
+    if (notBoosted > 0) {
+        parts.push_back(fmt::format("{} {} not boosted from start to end", notBoosted,
+                                    notBoosted == 1 ? "was" : "were"));
+    }
     if (untold > 0) {
-        verdict += "; what became of " + std::to_string(untold) +
-                   " cannot be told, as lines of the log are missing";
+        parts.push_back(
+            fmt::format("what became of {} cannot be told, as lines of the log are "
+                        "missing",
+                        untold));
     }
-    if (!account.hasTimes) {
-        return verdict + "; which came out late is not known.";
+    if (parts.empty()) {
+        const char* const lateness =
+            account.hasTimes ? "none late" : "though whether in time is not known";
+        return isWell ? fmt::format("All is well: {}, all boosted, {}.", all, lateness)
+                      : fmt::format("{}, all boosted, {}, but there is something to look at.", all,
+                                    lateness);
     }
-    // A frame may be both.
-    return verdict + (late == 0 ? "; none came out late."
-                                : "; " + std::to_string(late) + " of the " +
-                                      std::to_string(frames) + " came out late" + behind);
+    std::string verdict = "Of " + all + " ";
+    for (size_t i = 0; i < parts.size(); ++i) {
+        verdict += (i > 0 ? "; " : "") + parts[i];
+    }
+    return verdict + (account.hasTimes ? "." : "; which came out late is not known.");
+}
+
+std::string LineOf(const Account& account, const Scene* scene, const SceneFinding& finding) {
+    Finding told;
+    told.check = NameOf(finding.check);
+    told.severity = finding.severity;
+    told.message = finding.message;
+    told.place = finding.place;
+    if (scene != nullptr && scene->begin != NO_TIME && finding.time != NO_TIME &&
+        finding.time > scene->begin) {
+        told.message += fmt::format(" ({:.3f} s into the scene)",
+                                    static_cast<double>(finding.time - scene->begin) / 1e6);
+    }
+    if (finding.place.line == 0) {
+        return fmt::format("{}: {} [{}]", NameOf(told.severity), told.message, told.check);
+    }
+    return ToString(told, finding.place.input < account.inputs.size()
+                              ? account.inputs[finding.place.input]
+                              : "line");
 }
 
 }  // namespace tools

@@ -1,4 +1,8 @@
-// What happened, told from steps alone: scenes, frames, stages, times, and findings in words.
+// What happened: scenes, frames, stages and times, as the lines of a log tell them, and what is to
+// be said of it.
+//
+// Facts come first: FactsMaker fills the parts marked "as lines say" from messages. They hold no
+// opinion. Judge then works out the rest, from all facts of a scene at once.
 
 #pragma once
 
@@ -7,48 +11,151 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <span>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "tools/account/step.h"
-#include "tools/check/check.h"
 #include "tools/base/finding.h"
+#include "tools/base/times.h"
+#include "tools/check/check.h"
 
 namespace tools {
 
 // What became of a frame.
 enum class FrameStatus : uint8_t {
     Complete,  // Started, all its stages, ended.
-    Error,     // Reported by the library.
+    Dropped,   // Ended by the HAL before it had been through all stages.
+    Error,     // It broke the order of its stages.
     Evicted,   // Pushed out of the table by newer frames.
     Refused,   // Its start was refused.
     Unseen,    // Nodes reported it; the library never had it.
     Open,      // In flight at the end of its scene, or of the capture.
 };
-inline constexpr size_t FRAME_STATUSES = 6;
+inline constexpr size_t FRAME_STATUSES = 7;
 const char* NameOf(FrameStatus status);  // "complete" and so on.
+
+// Why a frame is not complete.
+enum class Reason : uint8_t {
+    None,
+    Gap,              // Its number did not follow the newest one.
+    AlreadyInFlight,  // A frame of that number was in flight.
+    NotInFlight,      // Nothing was known of it.
+    NoSuchStage,      // An event of a stage that does not exist.
+    OutOfOrder,       // A stage before another one had ended, or after another one had begun.
+    OutOfTurn,        // A stage that had run already, or had not started.
+    Evicted,
+    EndedByHal,
+    NeverLeft,     // It was not seen to leave a stage.
+    LinesMissing,  // Lines of the log are missing: what became of it is not known.
+};
+const char* ReasonOf(Reason reason);  // In words; empty for None.
+
+// The kinds of findings. Their names, which users know them by, are NameOf's.
+enum class Check : uint8_t {
+    SceneRefused,
+    Disabled,
+    TwoCameras,
+    FrameLost,
+    FrameGap,
+    NumbersRestart,
+    DuplicateFrame,
+    StageOrder,
+    StageUnreported,
+    SecondPort,
+    StageNeverHit,
+    Stuck,
+    SlowStage,
+    SensorStall,
+    Standstill,
+    Rate,
+    Late,
+    Evicted,
+    SlotsHeld,
+    ThreadNotSet,
+    NodeIgnored,
+    LinesLost,
+    ClockJump,
+    NotUnderstood,
+};
+inline constexpr size_t CHECKS = static_cast<size_t>(Check::NotUnderstood) + 1;
+const char* NameOf(Check check);  // "frame-lost" and so on.
+
+// Some frames: a first and a last number.
+struct FrameRange {
+    int64_t first = 0, last = 0;
+};
+
+struct SceneFinding {
+    Check check = Check::Late;
+    Severity severity = Severity::Note;
+    std::string message;
+    Place place;
+    Micros time = NO_TIME;         // The moment to look at.
+    std::optional<int64_t> frame;  // The first that it is about, where there is one.
+    int32_t stage = -1;
+    int64_t times = 1;               // How many of the kind it stands for.
+    std::vector<FrameRange> frames;  // All that it is about.
+};
 
 // When a frame was in a stage. NO_TIME where it is not known.
 struct StageTimes {
-    Micros start = NO_TIME;
+    Micros start = NO_TIME;  // When it left the stage before; in stage 0, when it was started.
     Micros end = NO_TIME;
-    Micros wait = NO_TIME;  // Of that, until the node was done with the frame before.
+    Micros wait = NO_TIME;  // Of that, until the stage was done with the frame ahead.
     Micros work = NO_TIME;  // The rest.
 };
 
+// Which lines of a frame's stage there are.
+inline constexpr uint8_t NODE_END = 1;
+inline constexpr uint8_t STAGE_START = 2;
+inline constexpr uint8_t STAGE_END = 4;
+
+// A frame in a stage.
+struct StagePass {
+    // As lines say. When the frame left the stage: the first of its node end, its stage end and the
+    // next stage's start. Line 0: it was not seen to leave.
+    Micros left = NO_TIME;
+    Place place;
+    uint16_t reporter = 0;  // Of Scene::reporters, for a node end;
+    uint16_t thread = 0;    // of Scene::threads.
+    uint8_t seen = 0;       // Which of its lines there are.
+    // Worked out. When the stage could begin with it: it had come, and the one ahead had left.
+    Micros begin = NO_TIME;
+
+    bool HasLeft() const { return place.line != 0; }
+};
+
 struct Frame {
+    // As lines say.
     int64_t number = 0;
+    Micros start = NO_TIME, end = NO_TIME;
+    Place place;    // Where it was first told of, or started.
+    Place trouble;  // The line of the first thing that went wrong with it; line 0 for none.
+    Micros troubleTime = NO_TIME;
+    int64_t newestBefore = 0;  // Of a gap: the newest frame then.
+    int32_t violationStage = -1, violationOther = -1;
+    Reason violation = Reason::None;  // NoSuchStage, OutOfOrder, OutOfTurn: the first of them.
+    bool isStarted = false;           // Its start was forwarded.
+    bool isGap = false;               // Its start was refused: it did not follow the newest one.
+    bool isDuplicate = false;         // It was started again while in flight.
+    bool isEnded = false;             // Its end was forwarded.
+    bool isEvicted = false;
+    bool isNotInFlight = false;  // An event of it was refused as such.
+    bool isHeld = false;         // In the table when the scene ended.
+    uint16_t epoch = 0;          // Counts how often numbers had started again.
+
+    // Worked out.
     FrameStatus status = FrameStatus::Open;
+    Reason reason = Reason::None;
+    int32_t stage = -1;       // That it is about, or that it got to last.
+    bool isOut = false;       // It left the last stage that any frame of the scene left.
+    bool isNeverOut = false;  // It did not, and will not.
     bool isLate = false;
+    bool isUntold = false;  // What became of it is not known: lines are missing.
     bool hasFinding = false;
-    Outcome reason = Outcome::Forwarded;  // Why it is not complete; Forwarded when it is.
-    int32_t stage = -1;                   // The stage that it is about, or that it got to last.
-    Place place;  // The line that shows it best: what went wrong, else its start.
-    Micros start = NO_TIME;
-    Micros end = NO_TIME;
-    Micros output = NO_TIME;    // When the last stage was done with it, boosted or not.
-    Micros interval = NO_TIME;  // From the output of the frame before to its own.
+    Micros output = NO_TIME;    // When it came out.
+    Micros interval = NO_TIME;  // From the output before to its own.
 };
 
 // n, percentiles and the largest of some durations in microseconds.
@@ -57,48 +164,101 @@ struct Statistics {
     Micros p50 = 0, p90 = 0, p95 = 0, p99 = 0, max = 0;
 };
 
-struct AccountedFinding : Finding {
-    Micros time = NO_TIME;  // The moment to look at.
-    int32_t stage = -1;
-    int64_t times = 1;  // How many of the kind it stands for.
+// What reports ends: a node, on a port, for a camera.
+struct Reporter {
+    std::string node;
+    int32_t port = 0, camera = 0, stage = -1;
+    std::optional<bool> counts;  // Whether its ends end the stage; nothing where not known.
+    int64_t times = 0;
+    Place place;  // The first of them.
+};
+
+struct Span {
+    Micros begin = 0, end = 0;
 };
 
 struct Scene {
+    // As lines say.
     Place from, to;
-    Micros begin = NO_TIME, end = NO_TIME;
-    int32_t process = -1;  // -1 when not known.
-    bool isVideo = false;  // As described.
-    int32_t width = 0;
-    int32_t fps = 0;  // As described; 0 when not known.
-    bool isDescribed = false;
+    Micros begin = NO_TIME, end = NO_TIME;  // Of its first and last line.
+    Micros stop = NO_TIME;  // Until when it is known to have gone on: its end, else that of the
+                            // process, else the capture's last line of any tag.
+    int32_t process = -1;   // -1 when not known.
+    int32_t width = 0, fps = 0;  // As described; 0 when not known.
+    bool isDescribed = false, isVideo = false;
     bool isStarted = false;
-    Outcome refusal = Outcome::Forwarded;  // Why it was not started; Forwarded when it was.
-    std::optional<int32_t> mode;           // The operation mode it was started in, where known.
-    bool isBeginningMissing = false;       // The capture starts in its middle.
+    bool hasEnd = false;              // Its end is in the capture.
+    bool isBeginningMissing = false;  // The capture starts in its middle.
+    bool isAfterEnd = false;          // It goes on where a scene of the process had just ended.
+    bool hasTimes = false, hasThreads = false;
+    size_t configuration = 0;  // Of Account::configurations, plus one; 0 where not known.
     int32_t stageCount = 0;
     std::vector<std::string> stageNames;  // The nodes, as configured; else as reported.
-    // In the order in which they were first told of, which is that of their numbers but where a
-    // camera counts strangely; a number that is used again stands again.
+    // In the order in which they were first told of. A number that is used again stands again.
     std::vector<Frame> frames;
-    std::vector<StageTimes> stageTimes;  // stageCount for each frame.
-    std::vector<Disturbance> disturbances;
-    std::vector<AccountedFinding> findings;  // Worst first, causes before consequences.
+    std::vector<StagePass> passes;             // stageCount for each frame.
+    std::vector<std::vector<uint32_t>> order;  // A stage each: the frames in the order they left.
+    std::vector<Reporter> reporters;
+    std::vector<int32_t> threads;
+    std::set<int32_t> setThreads;  // Handed to the service.
+    struct Repeat {
+        uint32_t frame;
+        int32_t stage;
+        uint16_t reporter;
+        Place place;
+        Micros time;
+    };
+    std::vector<Repeat> repeats;  // Node ends of stages that the frame had left.
+    struct Eviction {
+        std::optional<uint32_t> frame;
+        Place place;
+        Micros time;
+    };
+    std::vector<Eviction> evictions;
+    struct Disturbance {
+        Micros time;
+        int64_t amount;  // Lines; microseconds.
+        Place place;
+    };
+    std::vector<Disturbance> leftOut, clockSteps;
+    struct Silence : Span {
+        Place place;  // The line that ends it.
+    };
+    std::vector<Silence> silences;  // No thread logged anything for most of a period.
+    // When events were forwarded that one object does not forward: of a frame twice, or out of
+    // sequence. Either there are two objects, or lines are missing.
+    std::vector<Micros> impossible;
 
-    std::span<const StageTimes> StagesOf(size_t frame) const {
-        return std::span(stageTimes)
-            .subspan(frame * static_cast<size_t>(stageCount), static_cast<size_t>(stageCount));
-    }
-
-    int64_t CountOf(FrameStatus status) const;
-    std::array<int64_t, FRAME_STATUSES> statusCounts{};  // Of all frames, kept or not.
-    // Frames that were not boosted from start to end and should have been: not those that were in
-    // flight when the scene or the capture began or ended.
-    int64_t notBoosted = 0;
-    int64_t untold = 0;  // Frames whose fate is not known, as lines are missing.
+    // Worked out.
+    std::vector<SceneFinding> findings;  // Worst first, causes before consequences.
+    std::array<int64_t, FRAME_STATUSES> statusCounts{};
+    int64_t frameCount = 0;         // All frames, those that left no line included.
+    std::vector<int64_t> neverOut;  // The numbers of those that never came out, ascending.
+    int64_t notBoosted = 0;  // Frames that were not boosted from start to end and should have been.
+    int64_t untold = 0;      // Frames whose fate is not known, as lines are missing.
     int64_t lateFrames = 0;
     Micros lateThreshold = 0;  // A longer interval is late.
     Statistics latency, interval;
     std::vector<Statistics> stages, waits, works;  // A stage each: whole, waiting, working.
+
+    StagePass& PassOf(size_t frame, int32_t stage) {
+        return passes[frame * static_cast<size_t>(stageCount) + static_cast<size_t>(stage)];
+    }
+    const StagePass& PassOf(size_t frame, int32_t stage) const {
+        return passes[frame * static_cast<size_t>(stageCount) + static_cast<size_t>(stage)];
+    }
+    // When the frame came to the stage: when it left the one before, or the last one that it is
+    // known to have left; in stage 0, when it was started. NO_TIME where that is not known.
+    Micros ArrivalOf(size_t frame, int32_t stage) const;
+    StageTimes TimesOf(size_t frame, int32_t stage) const;
+    int64_t CountOf(FrameStatus status) const { return statusCounts[static_cast<size_t>(status)]; }
+};
+
+// A configuration that a process dumped when it loaded the library.
+struct LoadedConfiguration {
+    int32_t process = -1;
+    Configuration configuration;
+    std::vector<Finding> findings;  // Of the checker.
 };
 
 struct Account {
@@ -108,12 +268,9 @@ struct Account {
     bool hasThreads = false;
     Micros resolution = 1000;  // Of all times: 1000 where they are whole milliseconds, else 1.
     int64_t lines = 0, libraryLines = 0, notUnderstood = 0, lost = 0;
-    std::optional<Configuration> configuration;  // As last dumped.
-    std::vector<Finding> configurationFindings;  // Of the checker.
+    std::vector<LoadedConfiguration> configurations;
     std::vector<Scene> scenes;
-    std::vector<AccountedFinding> findings;  // About no scene in particular.
-    // How often what became of which kind of event, over everything.
-    std::map<std::pair<EventKind, Outcome>, int64_t> events;
+    std::vector<SceneFinding> findings;  // About no scene in particular.
 };
 
 // The worst of all findings but the checker's; a note when there is none.
@@ -121,5 +278,9 @@ Severity WorstOf(const Account& account);
 
 // What came of it all, in a sentence.
 std::string VerdictOf(const Account& account);
+
+// "file:line: severity: message [check-name]", with the moment in the scene where it is known.
+// `scene`: null where the finding is about none.
+std::string LineOf(const Account& account, const Scene* scene, const SceneFinding& finding);
 
 }  // namespace tools

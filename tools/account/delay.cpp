@@ -1,0 +1,474 @@
+// Frames that came out late, and what they were waiting for.
+
+#include <algorithm>
+#include <map>
+#include <numeric>
+
+#include "tools/account/wording.h"
+#include "tools/base/text.h"
+
+namespace tools {
+namespace {
+
+// A stage that takes this much more than a period, on average, while frames wait for it cannot keep
+// up; and for that long. Less is what the clocks of sensor and system differ by.
+constexpr Micros OverPeriod(Micros period) {
+    return period + period / 50 + MILLISECOND / 2;
+}
+constexpr Micros FOR_GOOD = SECOND;
+// A frame that stood for that many periods is one that hung, not one of a stage that is slow.
+constexpr Micros HANG_PERIODS = 6;
+// Of a delay, what has to be explained, and what is too little to look at, in periods.
+constexpr double EXPLAINED = 0.9;
+constexpr double SMALL = 0.25;
+// How far back a delay is followed from where it shows.
+constexpr Micros FARTHEST_BACK = 2 * SECOND;
+
+class DelayFinder {
+  public:
+    explicit DelayFinder(Judging& sceneJudging)
+        : judging(sceneJudging), scene(judging.scene), schedule(judging.schedule) {}
+
+    void Find(Micros threshold) {
+        const std::vector<uint32_t>& outputs = schedule.Outputs();
+        for (size_t i = 0; i < outputs.size(); ++i) {
+            scene.frames[outputs[i]].output = OutputOf(outputs[i]);
+        }
+        for (size_t i = 1; i < outputs.size(); ++i) {
+            Look(outputs, i, threshold);
+        }
+        for (auto& [stage, blamed] : blamedOf) {
+            RaiseRuns(stage, blamed);
+        }
+        if (!nobodysFault.empty()) {
+            RaiseLate(outputs.size(), threshold);
+        }
+    }
+
+  private:
+    struct Blamed {
+        uint32_t frame;  // That the stage was slow with.
+        std::vector<int64_t> late;
+    };
+
+    Micros OutputOf(uint32_t frame) const {
+        return schedule.LastStage() < 0 ? scene.frames[frame].end
+                                        : scene.PassOf(frame, schedule.LastStage()).left;
+    }
+
+    void Look(const std::vector<uint32_t>& outputs, size_t position, Micros threshold) {
+        const uint32_t frame = outputs[position];
+        const uint32_t before = outputs[position - 1];
+        Frame& row = scene.frames[frame];
+        const Micros from = OutputOf(before);
+        const Micros to = OutputOf(frame);
+        const bool isTimed =
+            std::none_of(scene.clockSteps.begin(), scene.clockSteps.end(),
+                         [&](const auto& step) { return step.time >= from && step.time <= to; });
+        if (judging.IsDoubtful(frame) || judging.IsDoubtful(before) || !isTimed ||
+            scene.frames[before].epoch != row.epoch) {
+            return;
+        }
+        row.interval = std::max<Micros>(to - from, 0);
+        row.isLate = row.interval > threshold;
+        if (!row.isLate) {
+            return;
+        }
+        ++scene.lateFrames;
+        row.hasFinding = true;
+        const Micros period = schedule.PeriodAt(to);
+        // Each frame that never came out leaves a period empty, and so does one that comes later.
+        Micros missing = 0;
+        uint32_t overtaken = NO_INDEX;
+        std::optional<uint32_t> lost;
+        const int64_t first = scene.frames[before].number;
+        for (const auto& [number, other] : Between(first, row.number, row.epoch)) {
+            if (other == NO_INDEX || scene.frames[other].isNeverOut) {
+                missing += period;
+                lost = other != NO_INDEX ? std::optional(other) : lost;
+            } else if (OutputOf(other) > to && overtaken == NO_INDEX) {
+                overtaken = other;
+            }
+        }
+        const Micros delay = row.interval - period - missing;
+        if (const auto standstill = std::find_if(
+                judging.troubles.begin(), judging.troubles.end(),
+                [&](const Trouble& trouble) {
+                    return trouble.finding.check == Check::Standstill &&
+                           trouble.finding.time < to && trouble.finding.time >= from - FOR_GOOD &&
+                           judging.Stood(from, to) > 0;
+                });
+            standstill != judging.troubles.end()) {
+            standstill->late.push_back(row.number);
+            return;
+        }
+        if (static_cast<double>(delay) < SMALL * static_cast<double>(period)) {
+            if (lost && judging.IsExplained(*lost)) {
+                judging.troubles[judging.causes[*lost] - 1].late.push_back(row.number);
+            }
+            return;
+        }
+        if (schedule.LastStage() < 0) {
+            Blame(position, frame);
+            return;
+        }
+        Follow(overtaken == NO_INDEX ? frame : overtaken, row.number, delay);
+    }
+
+    void Blame(size_t /*position*/, uint32_t frame) {
+        nobodysFault.push_back(scene.frames[frame].number);
+        longest = std::max(longest, scene.frames[frame].interval);
+    }
+
+    // Frames of the numbers between two, those without any line as NO_INDEX.
+    std::vector<std::pair<int64_t, uint32_t>> Between(int64_t first, int64_t last, uint16_t epoch) {
+        if (last <= first || static_cast<uint64_t>(last) - static_cast<uint64_t>(first) > 1000) {
+            return {};
+        }
+        if (last - first > 1 && index.empty()) {
+            for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+                index[{scene.frames[frame].epoch, scene.frames[frame].number}] = frame;
+            }
+            std::sort(judging.droppedUnseen.begin(), judging.droppedUnseen.end());
+        }
+        std::vector<std::pair<int64_t, uint32_t>> between;
+        for (int64_t number = first + 1; number < last; ++number) {
+            const auto found = index.find({epoch, number});
+            if (found != index.end()) {
+                between.emplace_back(number, found->second);
+            } else if (std::binary_search(judging.droppedUnseen.begin(),
+                                          judging.droppedUnseen.end(), number)) {
+                between.emplace_back(number, NO_INDEX);
+            }
+        }
+        return between;
+    }
+
+    // From the output of a late frame back along whatever came later, arrival or the frame ahead,
+    // until its delay is explained.
+    void Follow(uint32_t late, int64_t number, Micros delay) {
+        uint32_t frame = late;
+        int32_t stage = schedule.LastStage();
+        const Micros farthest = OutputOf(late) - FARTHEST_BACK - delay;
+        Micros explained = 0, worst = 0;
+        uint32_t worstFrame = NO_INDEX;
+        int32_t worstStage = -1;
+        while (frame != NO_INDEX && stage >= 0) {
+            if (!scene.PassOf(frame, stage).HasLeft()) {
+                --stage;
+                continue;
+            }
+            const Micros left = scene.PassOf(frame, stage).left;
+            if (left < farthest) {
+                break;
+            }
+            const Schedule::Cause cause = schedule.CauseOf(frame, stage);
+            if (cause.begin == NO_TIME) {
+                break;
+            }
+            // What is too slow for good is told for all frames.
+            for (const SlowRun& run : judging.slowRuns) {
+                if (run.isForGood && run.stage == stage && left >= run.begin && left <= run.end) {
+                    judging.troubles[run.trouble].late.push_back(number);
+                    return;
+                }
+            }
+            const Micros usual = stage == 0
+                                     ? schedule.PeriodAt(left) * (1 + judging.droppedBefore[frame])
+                                     : schedule.UsualDelay(stage);
+            const Micros excess = left - cause.begin - usual - judging.Stood(cause.begin, left);
+            explained += std::max<Micros>(excess, 0);
+            if (excess > worst) {
+                worst = excess;
+                worstFrame = frame;
+                worstStage = stage;
+            }
+            if (static_cast<double>(explained) >= EXPLAINED * static_cast<double>(delay)) {
+                break;
+            }
+            frame = cause.frame;
+            stage = cause.isInStage ? stage : stage - 1;
+        }
+        const Micros least =
+            worstStage < 0 ? 0
+                           : std::max({Micros{2500}, schedule.UsualDelay(worstStage) * 15 / 100,
+                                       2 * judging.resolution});
+        if (worstFrame == NO_INDEX || worst <= least) {
+            Blame(0, late);
+            return;
+        }
+        std::vector<Blamed>& blamed = blamedOf[worstStage];
+        const auto known = std::find_if(blamed.begin(), blamed.end(), [&](const Blamed& other) {
+            return other.frame == worstFrame;
+        });
+        if (known != blamed.end()) {
+            known->late.push_back(number);
+        } else {
+            blamed.push_back({worstFrame, {number}});
+        }
+    }
+
+    Micros ExcessOf(uint32_t frame, int32_t stage) const {
+        const Micros begin = schedule.CauseOf(frame, stage).begin;
+        return begin == NO_TIME
+                   ? 0
+                   : scene.PassOf(frame, stage).left - begin - schedule.UsualDelay(stage);
+    }
+
+    // Frames in a row that a stage was slow with are one finding.
+    void RaiseRuns(int32_t stage, std::vector<Blamed>& blamed) {
+        const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
+        std::map<uint32_t, size_t> positions;
+        for (size_t i = 0; i < left.size(); ++i) {
+            positions[left[i]] = i;
+        }
+        std::sort(blamed.begin(), blamed.end(), [&](const Blamed& one, const Blamed& other) {
+            return positions[one.frame] < positions[other.frame];
+        });
+        size_t done = 0;  // Positions before this one are told.
+        for (size_t i = 0; i < blamed.size(); ++i) {
+            const size_t position = positions[blamed[i].frame];
+            if (position < done) {
+                judging.troubles.back().late.insert(judging.troubles.back().late.end(),
+                                                    blamed[i].late.begin(), blamed[i].late.end());
+                continue;
+            }
+            size_t first = position, last = position;
+            const Micros half = ExcessOf(left[position], stage) / 2;
+            while (stage > 0 && first > done && ExcessOf(left[first - 1], stage) > half) {
+                --first;
+            }
+            while (stage > 0 && last + 1 < left.size() && ExcessOf(left[last + 1], stage) > half) {
+                ++last;
+            }
+            RaiseRun(stage, left, first, last, blamed[i]);
+            done = last + 1;
+        }
+    }
+
+    void RaiseRun(int32_t stage, const std::vector<uint32_t>& left, size_t first, size_t last,
+                  const Blamed& blamed) {
+        std::vector<int64_t> numbers;
+        std::vector<Micros> works;
+        for (size_t i = first; i <= last; ++i) {
+            numbers.push_back(scene.frames[left[i]].number);
+            const Micros begin = schedule.CauseOf(left[i], stage).begin;
+            works.push_back(scene.PassOf(left[i], stage).left - begin);
+        }
+        const StagePass& pass = scene.PassOf(left[first], stage);
+        const Micros begin = pass.left - works.front();
+        const Micros took = MedianOf(works, 0);
+        const bool isStall =
+            stage == 0 && !IsCaughtUp(left, last, took - schedule.PeriodAt(pass.left));
+        const std::string time = Ms(took);
+        const std::string usual =
+            Ms(stage == 0 ? schedule.PeriodAt(pass.left) : schedule.UsualDelay(stage));
+        const auto name = judging.StageName(stage);
+        const size_t number = judging.troubles.size();
+        Trouble& trouble = judging.Raise(
+            isStall ? Check::SensorStall : Check::SlowStage, Severity::Warning, left[first], stage,
+            pass.place, begin,
+            isStall ? fmt::format(wording::STALL, fmt::arg("frame", numbers.front()),
+                                  fmt::arg("stage", name), fmt::arg("time", time),
+                                  fmt::arg("usual", usual))
+                    : fmt::format(wording::SLOW, fmt::arg("frames", FramesText(numbers)),
+                                  fmt::arg("stage", name), fmt::arg("time", time),
+                                  fmt::arg("usual", usual),
+                                  fmt::arg("each", numbers.size() == 1 ? "" : " each")));
+        trouble.finding.frames = RangesOf(numbers);
+        for (const int64_t late : blamed.late) {
+            if (std::find(numbers.begin(), numbers.end(), late) == numbers.end()) {
+                trouble.late.push_back(late);
+            }
+        }
+        if (!isStall) {
+            FindWaiting(stage, left, last, trouble);
+        }
+        judging.slowRuns.push_back(
+            {stage, begin, scene.PassOf(left[last], stage).left, false, number});
+    }
+
+    // Whether frames that queued at the first stage came out of it faster than usual afterwards: it
+    // was its node that was slow then, and not the sensor.
+    bool IsCaughtUp(const std::vector<uint32_t>& left, size_t position, Micros excess) const {
+        Micros won = 0;
+        for (size_t next = position + 1; next < left.size(); ++next) {
+            const Micros time = scene.PassOf(left[next], 0).left;
+            const Micros interval = time - scene.PassOf(left[next - 1], 0).left;
+            const Micros period = schedule.PeriodAt(time);
+            if (interval > period - period / 10) {
+                break;
+            }
+            won += period - interval;
+        }
+        return won > excess / 2;
+    }
+
+    // Frames that had to wait at the stage behind a slow one.
+    void FindWaiting(int32_t stage, const std::vector<uint32_t>& left, size_t last,
+                     Trouble& trouble) const {
+        const Micros noticeable = std::max<Micros>(schedule.Period() / 5, 3 * MILLISECOND);
+        for (size_t next = last + 1; next < left.size(); ++next) {
+            const StageTimes times = scene.TimesOf(left[next], stage);
+            if (stage == 0 || times.wait == NO_TIME ||
+                times.wait < noticeable + schedule.KeptBack(stage) * schedule.Period()) {
+                break;
+            }
+            trouble.waited.push_back(scene.frames[left[next]].number);
+            scene.frames[left[next]].hasFinding = true;
+        }
+    }
+
+    void RaiseLate(size_t outputs, Micros threshold) {
+        const bool isMany = nobodysFault.size() * 200 > outputs || longest > 2 * threshold;
+        Trouble& trouble = judging.Raise(
+            Check::Late, isMany ? Severity::Warning : Severity::Note, NO_INDEX, -1, scene.from,
+            NO_TIME,
+            fmt::format(
+                wording::LATE,
+                fmt::arg("frames", fmt::format("{} of {} frames", nobodysFault.size(), outputs)),
+                fmt::arg("limit", Fixed(static_cast<double>(threshold) / 1000, 1)),
+                fmt::arg("numbers", NumbersText(nobodysFault)), fmt::arg("longest", Ms(longest))));
+        for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+            if (scene.frames[frame].number == nobodysFault.front()) {
+                const auto [place, time] = judging.LastOf(frame);
+                trouble.finding.place = place;
+                trouble.finding.time = time;
+                break;
+            }
+        }
+        trouble.finding.frame = nobodysFault.front();
+        trouble.finding.frames = RangesOf(nobodysFault);
+        trouble.finding.times = static_cast<int64_t>(nobodysFault.size());
+    }
+
+    Judging& judging;
+    Scene& scene;
+    const Schedule& schedule;
+    std::map<int32_t, std::vector<Blamed>> blamedOf;  // By stage.
+    std::vector<int64_t> nobodysFault;
+    Micros longest = 0;
+    std::map<std::pair<uint16_t, int64_t>, uint32_t> index;  // Of frames; made when first needed.
+};
+
+}  // namespace
+
+void FindRates(Judging& judging) {
+    for (const RateStretch& stretch : judging.schedule.Rates()) {
+        const int32_t fps = judging.scene.fps > 0 ? judging.scene.fps : 60;
+        judging.Raise(
+            Check::Rate, Severity::Warning, NO_INDEX, 0, stretch.place, stretch.begin,
+            fmt::format(
+                wording::RATE,
+                fmt::arg("rate", Fixed(1e6 / static_cast<double>(stretch.period), 1)),
+                fmt::arg("time", Fixed(static_cast<double>(stretch.end - stretch.begin) / 1e6, 1)),
+                fmt::arg("fps", fps)));
+    }
+}
+
+// A stage that takes longer than a period while frames wait for it.
+void FindSlowForGood(Judging& judging) {
+    Scene& scene = judging.scene;
+    const Schedule& schedule = judging.schedule;
+    if (!scene.hasTimes) {
+        return;
+    }
+    std::vector<SlowRun> runs;
+    std::vector<std::string> messages;
+    std::vector<std::pair<uint32_t, uint32_t>> ends;
+    // From the last stage on: what waits for a stage that waits for another is not to blame.
+    for (int32_t stage = scene.stageCount - 1; stage > 0; --stage) {
+        const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
+        for (size_t from = 1; from < left.size();) {
+            if (!schedule.CauseOf(left[from], stage).isInStage) {
+                ++from;
+                continue;
+            }
+            size_t to = from;
+            while (to + 1 < left.size() && schedule.CauseOf(left[to + 1], stage).isInStage) {
+                ++to;
+            }
+            const size_t next = to + 1;
+            const Micros period = schedule.PeriodAt(scene.PassOf(left[from], stage).left);
+            const auto workOf = [&](size_t i) {
+                const Micros begin = scene.PassOf(left[i - 1], stage).left;
+                const Micros end = scene.PassOf(left[i], stage).left;
+                return end - begin - judging.Stood(begin, end);
+            };
+            while (from < to && workOf(from) <= OverPeriod(period)) {
+                ++from;
+            }
+            while (to > from && workOf(to) <= OverPeriod(period)) {
+                --to;
+            }
+            Micros sum = 0;
+            for (size_t i = from; i <= to; ++i) {
+                const Micros work = workOf(i);
+                sum += work > HANG_PERIODS * period ? period : work;
+            }
+            const Micros mean = sum / static_cast<Micros>(to - from + 1);
+            const Micros begin = scene.PassOf(left[from - 1], stage).left;
+            const Micros end = scene.PassOf(left[to], stage).left;
+            const bool isBehindAnother =
+                std::any_of(runs.begin(), runs.end(),
+                            [&](const SlowRun& run) { return run.begin < end && run.end > begin; });
+            if (end - begin >= FOR_GOOD && mean > OverPeriod(period) && !isBehindAnother) {
+                runs.push_back({stage, begin, end, true, 0});
+                ends.emplace_back(left[from], left[to]);
+                messages.push_back(
+                    fmt::format(wording::SLOW_FOR_GOOD, fmt::arg("stage", judging.StageName(stage)),
+                                fmt::arg("time", Fixed(static_cast<double>(mean) / 1000, 1)),
+                                fmt::arg("first", scene.frames[left[from]].number),
+                                fmt::arg("last", scene.frames[left[to]].number),
+                                fmt::arg("period", Fixed(static_cast<double>(period) / 1000, 1))));
+            }
+            from = next;
+        }
+    }
+    for (size_t i = 0; i < runs.size(); ++i) {
+        runs[i].trouble = judging.troubles.size();
+        const auto [first, last] = ends[i];
+        Trouble& trouble =
+            judging.Raise(Check::SlowStage, Severity::Error, first, runs[i].stage,
+                          scene.PassOf(first, runs[i].stage).place, runs[i].begin, messages[i]);
+        trouble.finding.frames = {{scene.frames[first].number, scene.frames[last].number}};
+        judging.slowRuns.push_back(runs[i]);
+    }
+}
+
+void FindLate(Judging& judging, Micros threshold) {
+    DelayFinder(judging).Find(threshold);
+}
+
+// Before the first output there is no interval that would show it.
+void FindSlowFirst(Judging& judging) {
+    Scene& scene = judging.scene;
+    const Schedule& schedule = judging.schedule;
+    if (scene.isBeginningMissing || !scene.hasTimes || schedule.Outputs().empty()) {
+        return;
+    }
+    const uint32_t first = schedule.Outputs().front();
+    const Frame& row = scene.frames[first];
+    if (!row.isStarted || judging.IsDoubtful(first)) {
+        return;
+    }
+    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+        const Micros begin = stage == 0 ? row.start : schedule.CauseOf(first, stage).begin;
+        const StagePass& pass = scene.PassOf(first, stage);
+        if (begin == NO_TIME || !pass.HasLeft()) {
+            continue;
+        }
+        const Micros took = pass.left - begin - judging.Stood(begin, pass.left);
+        const Micros usual = stage == 0 ? schedule.PeriodAt(begin) : schedule.UsualStay(stage);
+        if (took > usual + HANG_PERIODS * schedule.Period()) {
+            judging.Raise(stage == 0 ? Check::SensorStall : Check::SlowStage, Severity::Warning,
+                          first, stage, pass.place, begin,
+                          fmt::format(wording::SLOW_FIRST, fmt::arg("frame", row.number),
+                                      fmt::arg("stage", judging.StageName(stage)),
+                                      fmt::arg("time", Ms(took)), fmt::arg("usual", Ms(usual))));
+            return;
+        }
+    }
+}
+
+}  // namespace tools

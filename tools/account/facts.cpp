@@ -1,0 +1,771 @@
+#include "tools/account/facts.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "cameraframeboost/tarvocameraframeboostutils.h"
+#include "tools/account/wording.h"
+#include "tools/log/dump.h"
+
+namespace tools {
+namespace {
+
+constexpr int32_t MAX_STAGES = 64;  // More is nonsense.
+constexpr size_t MAX_REPORTERS = 1000;
+constexpr size_t MAX_PROCESSES = 256;
+constexpr size_t PLACES = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
+// Less than a frame's time at 60 frames per second; several threads log within one.
+constexpr Micros SILENCE = 15 * MILLISECOND;
+// Where a scene has just ended, node ends of other threads may still be on their way.
+constexpr Micros STRAGGLING = 500 * MILLISECOND;
+// Where a log has no times, lines count as if this was between them, which is about what is between
+// those of a recording. It serves to tell near from far, and nothing else.
+constexpr Micros UNTIMED_LINE = MILLISECOND;
+// A number that goes down by more than this many frames in flight starts again.
+constexpr int64_t FAR_BELOW = PLACES;
+
+// Whether the line may follow from the node end.
+bool FollowsFrom(int64_t frame, int32_t stage, const Message& message) {
+    const bool isSame = message.frame == frame;
+    const bool isNext = stage == 0 && message.frame - 1 == frame;
+    switch (message.kind) {
+        case MessageKind::StageEnd:
+            return isSame && message.stage == stage;
+        case MessageKind::StageStart:
+            return (isSame && message.stage == stage + 1) || (isNext && message.stage == 0);
+        case MessageKind::FrameStart:
+        case MessageKind::FrameAlreadyExists:
+        case MessageKind::FrameNotContinuous:
+            return isNext;
+        case MessageKind::FrameEnd:
+        case MessageKind::EndedFrameNotExist:
+            return isSame && stage != 0;
+        case MessageKind::StageNotInRange:
+        case MessageKind::StageOutOfOrder:
+        case MessageKind::StageOutOfTurn:
+        case MessageKind::FrameNotExist:
+        case MessageKind::FrameInError:
+            return isSame || isNext;
+        default:
+            return false;
+    }
+}
+
+Reason ReasonOfViolation(MessageKind kind) {
+    return kind == MessageKind::StageNotInRange   ? Reason::NoSuchStage
+           : kind == MessageKind::StageOutOfOrder ? Reason::OutOfOrder
+                                                  : Reason::OutOfTurn;
+}
+
+}  // namespace
+
+// A scene that goes on, with what it takes to read its lines.
+struct FactsMaker::Running {
+    struct NodeEnd {
+        int64_t frame = 0;
+        int32_t stage = -1;
+        uint16_t reporter = 0;
+        Place place;
+        Micros time = 0;
+        bool isOpen = false;  // Whether it counts is not known yet.
+    };
+    struct Thread {
+        uint16_t index = 0;
+        NodeEnd last;
+    };
+
+    Scene scene;
+    std::unordered_map<int64_t, uint32_t> latest;  // The latest frame of each number.
+    std::map<int32_t, uint32_t> inFlight;          // The library's table: by its keys.
+    std::unordered_map<int32_t, Thread> threads;
+    std::optional<int64_t> lastLeft;  // The number that last left stage 0,
+    int64_t lastStarted = 0;          // and the one that was last started.
+    bool hasStarts = false;
+    uint16_t epoch = 0;
+    Micros last = 0;  // The time of the last line.
+
+    void GrowStages(int32_t count) {
+        count = std::min(count, MAX_STAGES);
+        if (count <= scene.stageCount) {
+            return;
+        }
+        const auto before = static_cast<size_t>(scene.stageCount);
+        const auto after = static_cast<size_t>(count);
+        std::vector<StagePass> passes(scene.frames.size() * after);
+        for (size_t i = 0; i < scene.passes.size(); ++i) {
+            passes[i / before * after + i % before] = scene.passes[i];
+        }
+        scene.passes = std::move(passes);
+        scene.stageCount = count;
+        scene.stageNames.resize(after);
+        scene.order.resize(after);
+    }
+
+    std::optional<uint32_t> Find(int64_t number) const {
+        const auto found = latest.find(number);
+        return found == latest.end() ? std::nullopt : std::optional(found->second);
+    }
+
+    uint32_t Open(int64_t number, const Place& place) {
+        const auto index = static_cast<uint32_t>(scene.frames.size());
+        Frame& frame = scene.frames.emplace_back();
+        frame.number = number;
+        frame.place = place;
+        frame.epoch = epoch;
+        scene.passes.resize(scene.frames.size() * static_cast<size_t>(scene.stageCount));
+        latest[number] = index;
+        return index;
+    }
+
+    uint32_t FindOrOpen(int64_t number, const Place& place) {
+        const auto found = Find(number);
+        return found ? *found : Open(number, place);
+    }
+
+    bool IsThrough(uint32_t frame) const {
+        const Frame& row = scene.frames[frame];
+        return row.isEnded || row.isEvicted ||
+               (scene.stageCount > 0 && scene.PassOf(frame, scene.stageCount - 1).HasLeft());
+    }
+
+    // A number that is far below the one before it starts a new count.
+    void NoteNumber(int64_t number, int64_t before) {
+        const auto known = Find(number);
+        const bool isAgain = known ? IsThrough(*known) || scene.frames[*known].epoch != epoch
+                                   : number < before - FAR_BELOW;
+        if (number < before && isAgain) {
+            ++epoch;
+        }
+    }
+
+    void NoteTrouble(uint32_t frame, const Place& place, Micros time) {
+        Frame& row = scene.frames[frame];
+        if (row.trouble.line == 0) {
+            row.trouble = place;
+            row.troubleTime = time;
+        }
+    }
+
+    uint16_t ReporterOf(const Message& message) {
+        std::vector<Reporter>& reporters = scene.reporters;
+        const auto found =
+            std::find_if(reporters.begin(), reporters.end(), [&message](const Reporter& known) {
+                return known.port == message.port && known.camera == message.camera &&
+                       known.stage == message.stage && known.node == message.name;
+            });
+        if (found == reporters.end() && reporters.size() < MAX_REPORTERS) {
+            Reporter reporter;
+            reporter.node = message.name;
+            reporter.port = message.port;
+            reporter.camera = message.camera;
+            reporter.stage = message.stage;
+            reporter.place = message.place;
+            reporters.push_back(std::move(reporter));
+            return static_cast<uint16_t>(reporters.size() - 1);
+        }
+        return static_cast<uint16_t>(
+            std::min<std::ptrdiff_t>(found - reporters.begin(), MAX_REPORTERS - 1));
+    }
+
+    void Leave(uint32_t frame, int32_t stage, uint8_t how, const NodeEnd& end, uint16_t thread) {
+        if (stage < 0 || stage >= scene.stageCount) {
+            return;
+        }
+        StagePass& pass = scene.PassOf(frame, stage);
+        if (how == NODE_END && (pass.seen & NODE_END) != 0) {
+            scene.repeats.push_back({frame, stage, end.reporter, end.place, end.time});
+            NoteTrouble(frame, end.place, end.time);
+            return;
+        }
+        if ((how & pass.seen & STAGE_END) != 0) {
+            scene.impossible.push_back(end.time);
+        }
+        pass.seen |= how;
+        if (how == NODE_END || !pass.HasLeft()) {
+            pass.reporter = end.reporter;
+            pass.thread = thread;
+        }
+        if (!pass.HasLeft()) {
+            pass.left = end.time;
+            pass.place = end.place;
+            scene.order[static_cast<size_t>(stage)].push_back(frame);
+        }
+    }
+
+    // A node end that counts.
+    void Take(NodeEnd& end, uint16_t thread) {
+        end.isOpen = false;
+        scene.reporters[end.reporter].counts = true;
+        if (end.stage == 0 && lastLeft) {
+            NoteNumber(end.frame, *lastLeft);
+        }
+        if (end.frame >= 1) {
+            auto frame = Find(end.frame);
+            // In a new count, or when its frame is through, a number is another frame's.
+            if (!frame || (end.stage == 0 && lastLeft != end.frame &&
+                           (IsThrough(*frame) || scene.frames[*frame].epoch != epoch))) {
+                frame = Open(end.frame, end.place);
+            }
+            Leave(*frame, end.stage, NODE_END, end, thread);
+            if (end.stage == scene.stageCount - 1 && end.stage > 0) {
+                inFlight.erase(static_cast<int32_t>(end.frame));
+            }
+        }
+        if (end.stage == 0) {
+            lastLeft = end.frame;
+        }
+    }
+
+    void OnNodeEnd(const Message& message, Thread& thread, const Configuration* configuration,
+                   Micros time) {
+        GrowStages(message.count);
+        const uint16_t index = ReporterOf(message);
+        Reporter& reporter = scene.reporters[index];
+        ++reporter.times;
+        if (!reporter.counts && (configuration != nullptr || message.stage < 0)) {
+            reporter.counts =
+                message.stage >= 0 && configuration->IsStagePort(message.name, message.port);
+        }
+        NodeEnd& end = thread.last;
+        end = {message.frame, message.stage, index, message.place, time, false};
+        if (reporter.counts == true) {
+            Take(end, thread.index);
+        } else {
+            end.isOpen = !reporter.counts;
+        }
+    }
+
+    void OnStart(const Message& message, Micros time) {
+        const int64_t number = message.frame;
+        const bool isForwarded = message.kind == MessageKind::FrameStart;
+        if (message.kind == MessageKind::FrameAlreadyExists) {
+            const uint32_t frame = FindOrOpen(number, message.place);
+            scene.frames[frame].isDuplicate = true;
+            NoteTrouble(frame, message.place, time);
+            return;
+        }
+        if (hasStarts) {
+            NoteNumber(number, lastStarted);
+        }
+        lastStarted = number;
+        hasStarts = true;
+        const auto key = static_cast<int32_t>(number);
+        auto known = Find(number);
+        if (isForwarded && !inFlight.empty() &&
+            (inFlight.contains(key) || int64_t{inFlight.rbegin()->first} + 1 != number)) {
+            scene.impossible.push_back(time);
+        }
+        const bool isAgain =
+            known && (scene.frames[*known].isStarted || scene.frames[*known].isGap ||
+                      scene.frames[*known].epoch != epoch || IsThrough(*known));
+        const uint32_t frame = !known || isAgain ? Open(number, message.place) : *known;
+        Frame& row = scene.frames[frame];
+        row.start = time;
+        row.isStarted = isForwarded;
+        row.isGap = !isForwarded;
+        if (isForwarded) {
+            row.place = message.place;
+        } else {
+            row.newestBefore = message.lastFrame;
+            NoteTrouble(frame, message.place, time);
+        }
+        if (inFlight.size() >= PLACES) {
+            inFlight.erase(inFlight.begin());
+        }
+        inFlight[key] = frame;
+    }
+
+    // The library says only that it made room: the lowest number leaves.
+    void OnEviction(const Message& message, Micros time) {
+        const auto oldest = std::find_if(inFlight.begin(), inFlight.end(), [this](const auto& it) {
+            return scene.frames[it.second].isStarted && !IsThrough(it.second);
+        });
+        Scene::Eviction eviction{{}, message.place, time};
+        if (oldest != inFlight.end()) {
+            eviction.frame = oldest->second;
+            scene.frames[oldest->second].isEvicted = true;
+            inFlight.erase(oldest);
+        }
+        scene.evictions.push_back(eviction);
+    }
+
+    void OnStageEvent(const Message& message, const Thread& thread, Micros time) {
+        GrowStages(message.stage + 1);
+        const uint32_t frame = FindOrOpen(message.frame, message.place);
+        NodeEnd by;
+        by.time = time;
+        by.place = message.place;
+        by.reporter = static_cast<uint16_t>(MAX_REPORTERS);  // None.
+        if (message.kind == MessageKind::StageEnd) {
+            Leave(frame, message.stage, STAGE_END, by, thread.index);
+            return;
+        }
+        if (message.stage > 0) {
+            Leave(frame, message.stage - 1, 0, by, thread.index);
+        }
+        if (message.stage >= 0 && message.stage < scene.stageCount) {
+            StagePass& pass = scene.PassOf(frame, message.stage);
+            if ((pass.seen & STAGE_START) != 0) {
+                scene.impossible.push_back(time);
+            }
+            pass.seen |= STAGE_START;
+        }
+    }
+
+    // Forgets the frames at the beginning that nothing was told of since.
+    void Forget(Micros before) {
+        const auto lastOf = [this](uint32_t frame) {
+            const Frame& row = scene.frames[frame];
+            Micros time = std::max(row.start, row.end);
+            for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+                time = std::max(time, scene.PassOf(frame, stage).left);
+            }
+            return time;
+        };
+        uint32_t old = 0;
+        while (old < scene.frames.size() && lastOf(old) < before) {
+            ++old;
+        }
+        if (old == 0) {
+            return;
+        }
+        const auto stages = static_cast<size_t>(scene.stageCount);
+        scene.frames.erase(scene.frames.begin(), scene.frames.begin() + old);
+        scene.passes.erase(scene.passes.begin(),
+                           scene.passes.begin() + static_cast<std::ptrdiff_t>(old * stages));
+        for (auto& left : scene.order) {
+            std::erase_if(left, [old](uint32_t frame) { return frame < old; });
+            std::transform(left.begin(), left.end(), left.begin(),
+                           [old](uint32_t frame) { return frame - old; });
+        }
+        const auto moveAll = [old](auto& map) {
+            std::erase_if(map, [old](const auto& it) { return it.second < old; });
+            for (auto& [key, frame] : map) {
+                frame -= old;
+            }
+        };
+        moveAll(latest);
+        moveAll(inFlight);
+        std::erase_if(scene.repeats, [old](const auto& repeat) { return repeat.frame < old; });
+        for (auto& repeat : scene.repeats) {
+            repeat.frame -= old;
+        }
+        const auto isOld = [before](const auto& it) { return it.time < before; };
+        std::erase_if(scene.evictions, isOld);
+        for (auto& eviction : scene.evictions) {
+            eviction.frame = eviction.frame && *eviction.frame >= old
+                                 ? std::optional(*eviction.frame - old)
+                                 : std::nullopt;
+        }
+        std::erase_if(scene.leftOut, isOld);
+        std::erase_if(scene.clockSteps, isOld);
+        std::erase_if(scene.impossible, [before](Micros time) { return time < before; });
+        std::erase_if(scene.silences, [before](const auto& it) { return it.end < before; });
+        scene.isBeginningMissing = true;
+        scene.begin = before;
+    }
+
+    void OnEvent(const Message& message, Thread& thread, Micros time) {
+        switch (message.kind) {
+            case MessageKind::StageStart:
+            case MessageKind::StageEnd:
+                return OnStageEvent(message, thread, time);
+            case MessageKind::FrameStart:
+            case MessageKind::FrameAlreadyExists:
+            case MessageKind::FrameNotContinuous:
+                return OnStart(message, time);
+            case MessageKind::TableFull:
+                return OnEviction(message, time);
+            case MessageKind::FrameEnd: {
+                Frame& row = scene.frames[FindOrOpen(message.frame, message.place)];
+                row.isEnded = true;
+                row.end = row.end == NO_TIME ? time : row.end;
+                inFlight.erase(static_cast<int32_t>(message.frame));
+                return;
+            }
+            case MessageKind::FrameNotExist: {
+                // Of a number that nobody knows there is no frame.
+                const auto frame = Find(message.frame);
+                if (frame && !IsThrough(*frame)) {
+                    scene.frames[*frame].isNotInFlight = true;
+                }
+                return;
+            }
+            case MessageKind::StageNotInRange:
+            case MessageKind::StageOutOfOrder:
+            case MessageKind::StageOutOfTurn: {
+                const uint32_t frame = FindOrOpen(message.frame, message.place);
+                Frame& row = scene.frames[frame];
+                NoteTrouble(frame, message.place, time);
+                if (row.violation == Reason::None || row.violation == Reason::NoSuchStage) {
+                    row.violation = ReasonOfViolation(message.kind);
+                    row.violationStage = message.stage;
+                    row.violationOther = message.otherStage;
+                }
+                return;
+            }
+            default:
+                return;
+        }
+    }
+};
+
+struct FactsMaker::Process {
+    int32_t number = -1;
+    size_t configuration = 0;  // Of `configurations`, plus one.
+    bool isDumping = false;
+    bool isDescribed = false, isVideo = false;
+    int32_t width = 0, fps = 0;
+    // A description as no video, until it shows whether anything comes of it.
+    std::optional<std::pair<Place, Micros>> pending;
+    std::set<int32_t> setThreads;
+    std::unique_ptr<Running> running;
+    std::optional<Micros> endedAt;  // When its last scene ended.
+    std::optional<Micros> diedAt;
+};
+
+FactsMaker::FactsMaker() = default;
+FactsMaker::~FactsMaker() = default;
+
+FactsMaker::Process& FactsMaker::ProcessOf(int32_t number) {
+    auto found = processes.find(number);
+    if (found == processes.end()) {
+        if (processes.size() >= MAX_PROCESSES) {
+            for (auto& [other, process] : processes) {
+                EndScene(process, false, {}, NO_TIME);
+            }
+            processes.clear();
+        }
+        found = processes.try_emplace(number).first;
+        found->second.number = number;
+    }
+    return found->second;
+}
+
+Micros FactsMaker::TimeOf(const Moment& moment) {
+    ++lineCount;
+    if (moment.time != NO_TIME) {
+        hasTimes = true;
+        latest = std::max(latest, moment.time);
+        return moment.time;
+    }
+    latest = hasTimes ? latest : lineCount * UNTIMED_LINE;
+    return latest;
+}
+
+void FactsMaker::OnMessage(const Message& message, const Moment& moment) {
+    const Micros time = TimeOf(moment);
+    hasThreads = hasThreads || moment.thread != -1;
+    Process& process = ProcessOf(moment.process);
+    if (message.kind <= MessageKind::DumpStage) {
+        return Load(process, message, time);
+    }
+    process.isDumping = false;
+    switch (message.kind) {
+        case MessageKind::NoVideo:
+        case MessageKind::Video:
+            return Describe(process, message, time);
+        case MessageKind::SceneDisabled:
+            process.pending.reset();
+            return Refuse(
+                process, Check::Disabled, message.place, time,
+                DisabledText(process.configuration == 0
+                                 ? nullptr
+                                 : &configurations[process.configuration - 1].configuration),
+                Severity::Error);
+        case MessageKind::SceneStart:
+            process.pending.reset();
+            return message.flag ? Start(process, message.place, time)
+                                : Refuse(process, Check::SceneRefused, message.place, time,
+                                         "the boost service refused the scene: nothing is boosted",
+                                         Severity::Error);
+        case MessageKind::SceneEnd:
+            EndScene(process, true, message.place, time);
+            process.endedAt = time;
+            return;
+        case MessageKind::SetTid:
+            process.setThreads.insert(message.tid);
+            return;
+        case MessageKind::AddPersistTid:
+        case MessageKind::RemoveTid:
+        case MessageKind::DumpInfo:
+            return;
+        default:
+            return OnEvent(process, message, moment, time);
+    }
+}
+
+// A process loads the library once: it is a new one.
+void FactsMaker::Load(Process& process, const Message& message, Micros time) {
+    if (message.kind == MessageKind::DumpSwitch || !process.isDumping) {
+        EndScene(process, false, {}, time);
+        RefusePending(process);
+        const int32_t number = process.number;
+        process = Process();
+        process.number = number;
+        process.isDumping = true;
+        configurations.push_back({number, {}, {}});
+        process.configuration = configurations.size();
+    }
+    AddDumped(message, configurations[process.configuration - 1].configuration);
+}
+
+void FactsMaker::Describe(Process& process, const Message& message, Micros time) {
+    RefusePending(process);
+    process.isDescribed = true;
+    process.isVideo = message.kind == MessageKind::Video;
+    process.width = message.width;
+    process.fps = message.fps;
+    if (!process.isVideo) {
+        // Precedes the end of a scene that runs.
+        if (process.running == nullptr) {
+            process.pending = {message.place, time};
+        }
+        return;
+    }
+    // What comes of the description is in it.
+    if (message.acceptedFps == 0) {
+        const Configuration* configuration =
+            process.configuration == 0 ? nullptr
+                                       : &configurations[process.configuration - 1].configuration;
+        return Refuse(process, Check::SceneRefused, message.place, time,
+                      NotBoostedText(true, message.width, message.fps, configuration),
+                      Severity::Warning);
+    }
+    if (process.configuration != 0 && message.width != 3840) {
+        configurations[process.configuration - 1].configuration.additionalWidth = message.width;
+    }
+}
+
+void FactsMaker::RefusePending(Process& process) {
+    if (const auto pending = std::exchange(process.pending, std::nullopt)) {
+        Refuse(process, Check::SceneRefused, pending->first, pending->second,
+               NotBoostedText(false, process.width, process.fps, nullptr), Severity::Note);
+    }
+}
+
+void FactsMaker::Refuse(Process& process, Check check, const Place& place, Micros time,
+                        std::string message, Severity severity) {
+    // A HAL that tries again and again is told of once.
+    if (!ended.empty() && ended.back().process == process.number && !ended.back().isStarted &&
+        ended.back().findings.front().message == message) {
+        ++ended.back().findings.front().times;
+        ended.back().to = place;
+        ended.back().end = time;
+        return;
+    }
+    SceneFinding finding;
+    finding.check = check;
+    finding.severity = severity;
+    finding.message = std::move(message);
+    finding.place = place;
+    finding.time = time;
+    Scene scene = Begin(process, place, time);
+    scene.findings.push_back(std::move(finding));
+    ended.push_back(std::move(scene));
+}
+
+Scene FactsMaker::Begin(const Process& process, const Place& place, Micros time) const {
+    Scene scene;
+    scene.from = scene.to = place;
+    scene.begin = scene.end = time;
+    scene.process = process.number;
+    scene.isDescribed = process.isDescribed;
+    scene.isVideo = process.isVideo;
+    scene.width = process.width;
+    scene.fps = process.fps;
+    scene.configuration = process.configuration;
+    return scene;
+}
+
+void FactsMaker::Start(Process& process, const Place& place, Micros time) {
+    if (process.running != nullptr) {
+        return;  // The library goes on with the scene that runs.
+    }
+    process.running = std::make_unique<Running>();
+    Running& running = *process.running;
+    running.scene = Begin(process, place, time);
+    running.scene.isStarted = true;
+    running.last = time;
+    if (process.configuration != 0) {
+        const Configuration& known = configurations[process.configuration - 1].configuration;
+        int32_t count = known.stageCount.value_or(0);
+        for (const ConfiguredStage& stage : known.stages) {
+            count = std::max(count, std::min(stage.stage, MAX_STAGES - 1) + 1);
+        }
+        running.GrowStages(count);
+    }
+}
+
+// Node ends that race with the end of a scene are no scene.
+bool FactsMaker::IsStraggling(const Process& process) {
+    const Scene& scene = process.running->scene;
+    return scene.isAfterEnd && process.running->last - scene.begin < STRAGGLING;
+}
+
+void FactsMaker::EndScene(Process& process, bool hasEnd, const Place& place, Micros time) {
+    if (process.running == nullptr) {
+        return;
+    }
+    if (!IsStraggling(process)) {
+        Scene& scene = process.running->scene;
+        if (hasEnd) {
+            scene.hasEnd = true;
+            scene.to = place;
+            scene.end = std::max(scene.end, time);
+        }
+        ended.push_back(Closed(process, std::move(scene), time));
+    }
+    process.setThreads.clear();
+    process.running.reset();
+}
+
+// What is known when nothing more comes.
+Scene FactsMaker::Closed(const Process& process, Scene scene, Micros stop) const {
+    scene.stop = std::max(stop, scene.end);
+    scene.hasTimes = hasTimes;
+    scene.hasThreads = hasThreads;
+    scene.setThreads = process.setThreads;
+    for (const auto& [key, frame] : process.running->inFlight) {
+        scene.frames[frame].isHeld = true;
+    }
+    if (process.configuration != 0) {
+        for (const ConfiguredStage& stage :
+             configurations[process.configuration - 1].configuration.stages) {
+            if (stage.stage >= 0 && stage.stage < scene.stageCount) {
+                scene.stageNames[static_cast<size_t>(stage.stage)] = stage.node;
+            }
+        }
+    }
+    for (const Reporter& reporter : scene.reporters) {
+        if (reporter.counts == true && reporter.stage >= 0 && reporter.stage < scene.stageCount) {
+            std::string& name = scene.stageNames[static_cast<size_t>(reporter.stage)];
+            name = name.empty() ? reporter.node : name;
+        }
+    }
+    return scene;
+}
+
+void FactsMaker::OnEvent(Process& process, const Message& message, const Moment& moment,
+                         Micros time) {
+    if (process.running == nullptr) {
+        process.pending.reset();
+        const bool isAfterEnd = process.endedAt && time - *process.endedAt < STRAGGLING;
+        Start(process, message.place, time);
+        process.running->scene.isBeginningMissing = true;
+        process.running->scene.isAfterEnd = isAfterEnd;
+    }
+    Running& running = *process.running;
+    Scene& scene = running.scene;
+    if (time - running.last > SILENCE) {
+        scene.silences.push_back({{running.last, time}, message.place});
+    }
+    running.last = std::max(running.last, time);
+    scene.to = message.place;
+    scene.end = std::max(scene.end, time);
+
+    const auto [found, isNew] = running.threads.try_emplace(moment.thread);
+    Running::Thread& thread = found->second;
+    if (isNew && scene.threads.size() < UINT16_MAX) {
+        thread.index = static_cast<uint16_t>(scene.threads.size());
+        scene.threads.push_back(moment.thread);
+    }
+    if (message.kind == MessageKind::NodeEnd) {
+        Configuration* configuration =
+            process.configuration == 0 ? nullptr
+                                       : &configurations[process.configuration - 1].configuration;
+        if (configuration != nullptr) {
+            configuration->stageCount = message.count;
+        }
+        return running.OnNodeEnd(message, thread, configuration, time);
+    }
+    Running::NodeEnd& last = thread.last;
+    if (last.isOpen && FollowsFrom(last.frame, last.stage, message)) {
+        running.Take(last, thread.index);
+    }
+    running.OnEvent(message, thread, time);
+}
+
+void FactsMaker::OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& place) {
+    const Micros time = moment.time == NO_TIME ? latest : moment.time;
+    bool isTold = false;
+    for (auto& [number, process] : processes) {
+        if (process.running != nullptr &&
+            (moment.process == -1 || moment.process == number || number == -1)) {
+            process.running->scene.leftOut.push_back({time, lines, place});
+            isTold = true;
+        }
+    }
+    if (!isTold && (moment.process == -1 || processes.contains(moment.process))) {
+        outside.push_back(OutsideFinding(Check::LinesLost, lines, place, time));
+    }
+}
+
+void FactsMaker::OnClockSet(Micros step, const Moment& moment, const Place& place) {
+    bool isTold = false;
+    for (auto& [number, process] : processes) {
+        if (process.running != nullptr) {
+            process.running->scene.clockSteps.push_back({moment.time, step, place});
+            process.running->last = moment.time;
+            isTold = true;
+        }
+    }
+    if (!isTold) {
+        outside.push_back(OutsideFinding(Check::ClockJump, step, place, moment.time));
+    }
+}
+
+Account FactsMaker::Look(Micros last) const {
+    std::vector<Scene> scenes = ended;
+    for (const auto& [number, process] : processes) {
+        if (process.running != nullptr && !IsStraggling(process)) {
+            scenes.push_back(
+                Closed(process, process.running->scene, last == NO_TIME ? latest : last));
+        }
+    }
+    return AccountOf(std::move(scenes));
+}
+
+Account FactsMaker::Finish(Micros last) {
+    for (auto& [number, process] : processes) {
+        EndScene(process, false, {}, last == NO_TIME ? latest : last);
+        RefusePending(process);
+    }
+    return AccountOf(std::move(ended));
+}
+
+Account FactsMaker::AccountOf(std::vector<Scene> scenes) const {
+    Account account;
+    account.hasTimes = hasTimes;
+    account.hasThreads = hasThreads;
+    account.configurations = configurations;
+    account.scenes = std::move(scenes);
+    std::stable_sort(account.scenes.begin(), account.scenes.end(),
+                     [](const Scene& one, const Scene& other) {
+                         return std::pair(one.from.input, one.from.line) <
+                                std::pair(other.from.input, other.from.line);
+                     });
+    for (const SceneFinding& finding : outside) {
+        const auto known = std::find_if(
+            account.findings.begin(), account.findings.end(),
+            [&finding](const SceneFinding& other) { return other.check == finding.check; });
+        if (known == account.findings.end()) {
+            account.findings.push_back(finding);
+        } else {
+            ++known->times;
+        }
+    }
+    return account;
+}
+
+// Frames are told of in about the order in which they come.
+void FactsMaker::Forget(Micros before) {
+    std::erase_if(ended, [before](const Scene& scene) { return scene.end < before; });
+    for (auto& [number, process] : processes) {
+        if (process.running != nullptr) {
+            process.running->Forget(before);
+        }
+    }
+}
+
+}  // namespace tools

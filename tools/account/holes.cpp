@@ -1,0 +1,304 @@
+// Where lines of the log are missing, and where nobody logged anything.
+
+#include <algorithm>
+#include <set>
+#include <unordered_set>
+
+#include "tools/account/wording.h"
+#include "tools/base/text.h"
+
+namespace tools {
+namespace {
+
+// Lines that are missing near a frame's life may tell of it: a pipeline's depth at 60 frames per
+// second.
+constexpr Micros NEAR = 150 * MILLISECOND;
+// Holes that are no further apart are one.
+constexpr Micros ONE_HOLE = 300 * MILLISECOND;
+// A standstill is no shorter, in periods: less is the time between two sets of lines.
+constexpr double STANDSTILL_PERIODS = 2.2;
+// Events that one object does not forward: fewer come of lines that are missing.
+constexpr size_t MANY_IMPOSSIBLE = 5;
+
+Micros TimeOf(const Judging& judging, uint32_t frame) {
+    const Frame& row = judging.scene.frames[frame];
+    return row.start != NO_TIME ? row.start : judging.LastOf(frame).second;
+}
+
+// Where a frame that is in order lacks lines that the library must have written.
+void FindLacks(Judging& judging, const std::vector<bool>& isNodeDriven) {
+    const Scene& scene = judging.scene;
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        const Frame& row = scene.frames[frame];
+        if (row.isGap || judging.IsEarly(frame)) {
+            continue;
+        }
+        int32_t top = -1;
+        for (int32_t stage = scene.stageCount - 1; stage >= 0 && top < 0; --stage) {
+            top = (scene.PassOf(frame, stage).seen & (STAGE_START | STAGE_END)) != 0 ? stage : -1;
+        }
+        if (top >= 0 && !row.isStarted) {
+            judging.holes.push_back(TimeOf(judging, frame));
+            continue;
+        }
+        const bool isInOrder = row.violation == Reason::None && !row.isEvicted &&
+                               !row.isNotInFlight && !row.isDuplicate && row.isStarted;
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            const StagePass& pass = scene.PassOf(frame, stage);
+            const bool isLast = stage + 1 == scene.stageCount;
+            const bool isEnded = (pass.seen & STAGE_END) != 0;
+            const bool isStarted = (pass.seen & STAGE_START) != 0;
+            // Stages are forwarded one after another, so a later one tells of those before it.
+            const bool lacksLine =
+                (stage < top && !(isStarted && isEnded)) || (stage == top && isEnded && !isStarted);
+            const bool hasNodeEnd = (pass.seen & NODE_END) != 0;
+            const bool lacksEvent =
+                isInOrder &&
+                ((hasNodeEnd && (!isEnded || (isLast ? !row.isEnded && stage > 0
+                                                     : (scene.PassOf(frame, stage + 1).seen &
+                                                        STAGE_START) == 0))) ||
+                 (isEnded && !hasNodeEnd && isNodeDriven[static_cast<size_t>(stage)]));
+            if (lacksLine || lacksEvent) {
+                judging.holes.push_back(pass.HasLeft() ? pass.left : TimeOf(judging, frame));
+            }
+        }
+        if (row.isNotInFlight && row.isStarted && !row.isEvicted && !row.isEnded &&
+            row.violation == Reason::None) {
+            judging.holes.push_back(judging.LastOf(frame).second);
+        }
+    }
+}
+
+// A silence that has swallowed the ends of several stages has swallowed lines.
+void FindSwallowed(Judging& judging) {
+    const Scene& scene = judging.scene;
+    std::vector<std::pair<Micros, int32_t>>
+        expected;  // Ends that never came: when, of which stage.
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        const Frame& row = scene.frames[frame];
+        if (row.isGap || row.isNotInFlight || row.isEnded) {
+            continue;
+        }
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            if (scene.PassOf(frame, stage).HasLeft()) {
+                continue;
+            }
+            if (stage > 0 && scene.PassOf(frame, stage - 1).HasLeft()) {
+                expected.emplace_back(
+                    scene.PassOf(frame, stage - 1).left + judging.schedule.UsualStay(stage), stage);
+            } else if (stage + 1 < scene.stageCount && scene.PassOf(frame, stage + 1).HasLeft()) {
+                expected.emplace_back(
+                    scene.PassOf(frame, stage + 1).left - judging.schedule.UsualStay(stage + 1),
+                    stage);
+            }
+        }
+    }
+    std::sort(expected.begin(), expected.end());
+    for (const Scene::Silence& silence : scene.silences) {
+        std::set<int32_t> stages;
+        for (auto it = std::lower_bound(expected.begin(), expected.end(),
+                                        std::pair(silence.begin - MILLISECOND, -1));
+             it != expected.end() && it->first <= silence.end + MILLISECOND; ++it) {
+            stages.insert(it->second);
+        }
+        if (stages.size() >= 2) {
+            judging.holes.push_back(silence.begin);
+            judging.holes.push_back(silence.end);
+        }
+    }
+}
+
+}  // namespace
+
+bool Judging::HasHole(Micros from, Micros to) const {
+    const auto hole = std::lower_bound(holes.begin(), holes.end(), from);
+    return hole != holes.end() && *hole <= to;
+}
+
+bool Judging::IsDoubtful(uint32_t frame) const {
+    if (holes.empty()) {
+        return false;
+    }
+    const Micros last = LastOf(frame).second;
+    Micros first = scene.frames[frame].start;
+    for (int32_t stage = 0; stage < scene.stageCount && first == NO_TIME; ++stage) {
+        first = scene.PassOf(frame, stage).left;
+    }
+    return first != NO_TIME && HasHole(first - NEAR, std::max(first, last) + NEAR);
+}
+
+Micros Judging::Stood(Micros from, Micros to) const {
+    Micros stood = 0;
+    for (const Span& span : standstills) {
+        stood += std::max<Micros>(std::min(to, span.end) - std::max(from, span.begin), 0);
+    }
+    return stood;
+}
+
+bool FindTwoObjects(Judging& judging) {
+    const Scene& scene = judging.scene;
+    if (scene.impossible.size() < MANY_IMPOSSIBLE && !scene.isAfterEnd) {
+        return false;
+    }
+    judging.Raise(Check::TwoCameras, Severity::Error, NO_INDEX, -1, scene.from, scene.begin,
+                  fmt::format(wording::TWO_OBJECTS, fmt::arg("process", scene.process)));
+    return true;
+}
+
+void FindHoles(Judging& judging) {
+    const Scene& scene = judging.scene;
+    std::vector<bool> isNodeDriven(static_cast<size_t>(scene.stageCount));
+    for (size_t i = 0; i < scene.passes.size(); ++i) {
+        const size_t stage = i % isNodeDriven.size();
+        isNodeDriven[stage] = isNodeDriven[stage] || (scene.passes[i].seen & NODE_END) != 0;
+    }
+    FindLacks(judging, isNodeDriven);
+    FindSwallowed(judging);
+    for (const auto& leftOut : scene.leftOut) {
+        judging.holes.push_back(leftOut.time);
+    }
+    judging.holes.insert(judging.holes.end(), scene.impossible.begin(), scene.impossible.end());
+    std::erase(judging.holes, NO_TIME);
+    std::sort(judging.holes.begin(), judging.holes.end());
+}
+
+// Nobody logs while frames are in several stages: no stage is slow, the process stood, or its clock
+// was set.
+void FindStandstills(Judging& judging) {
+    const Scene& scene = judging.scene;
+    const auto shortest =
+        static_cast<Micros>(STANDSTILL_PERIODS * static_cast<double>(judging.schedule.Period()));
+    for (const Scene::Silence& silence : scene.silences) {
+        if (!scene.hasTimes || silence.end - silence.begin <= shortest ||
+            judging.HasHole(silence.begin - MILLISECOND, silence.end + judging.schedule.Period())) {
+            continue;
+        }
+        std::set<int32_t> stages;
+        // Those that came out of something later, and were in it at that time.
+        for (int32_t stage = 1; stage < scene.stageCount; ++stage) {
+            const auto& left = scene.order[static_cast<size_t>(stage)];
+            auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t frame) {
+                return scene.PassOf(frame, stage).left < silence.end;
+            });
+            for (; next != left.end() && scene.PassOf(*next, stage).left < silence.end + SECOND;
+                 ++next) {
+                const Micros arrival = scene.ArrivalOf(*next, stage);
+                if (arrival != NO_TIME && arrival <= silence.begin) {
+                    stages.insert(stage);
+                    break;
+                }
+            }
+        }
+        if (stages.size() < 2) {
+            continue;
+        }
+        judging.standstills.push_back(silence);
+        judging.Raise(
+            Check::Standstill, Severity::Warning, NO_INDEX, -1, silence.place, silence.begin,
+            fmt::format(wording::STANDSTILL, fmt::arg("time", Ms(silence.end - silence.begin)),
+                        fmt::arg("stages", stages.size())));
+    }
+}
+
+// One finding for each hole, with the frames of which it hides what became of them.
+void FindLinesLost(Judging& judging) {
+    Scene& scene = judging.scene;
+    struct Hole : Span {
+        int64_t lines = 0;
+        Place place;
+        std::vector<int64_t> untold, near;
+    };
+    std::vector<Hole> found;
+    for (const Micros hole : judging.holes) {
+        if (found.empty() || hole > found.back().end + ONE_HOLE) {
+            found.emplace_back();
+            found.back().begin = hole;
+        }
+        found.back().end = hole;
+    }
+    if (found.empty()) {
+        return;
+    }
+    const auto holeOf = [&found](Micros time) {
+        const auto next = std::partition_point(
+            found.begin(), found.end(), [time](const Hole& hole) { return hole.end < time; });
+        if (next == found.end() ||
+            (next != found.begin() && time - std::prev(next)->end < next->begin - time)) {
+            return std::prev(next);
+        }
+        return next;
+    };
+    for (const auto& leftOut : scene.leftOut) {
+        const auto hole = holeOf(leftOut.time);
+        hole->lines += std::max<int64_t>(leftOut.amount, 1);
+        hole->place = hole->place.line == 0 ? leftOut.place : hole->place;
+    }
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        const Frame& row = scene.frames[frame];
+        const auto [place, last] = judging.LastOf(frame);
+        if (last == NO_TIME || !(row.isUntold || judging.IsDoubtful(frame))) {
+            continue;
+        }
+        const auto hole = holeOf(std::max(last, row.start));
+        if (row.isUntold) {
+            hole->untold.push_back(row.number);
+        }
+        hole->near.push_back(row.number);
+        if (hole->place.line == 0 && (row.isUntold || last >= hole->begin)) {
+            hole->place = place;
+        }
+    }
+    std::unordered_set<int64_t> known;
+    for (const Frame& row : scene.frames) {
+        known.insert(row.number);
+    }
+    for (Hole& hole : found) {
+        // Numbers between those that are told of, of which there is no line at all.
+        std::vector<int64_t> absent;
+        std::sort(hole.near.begin(), hole.near.end());
+        for (size_t i = 1; i < hole.near.size(); ++i) {
+            const int64_t from = hole.near[i - 1];
+            const auto missing = static_cast<uint64_t>(hole.near[i]) - static_cast<uint64_t>(from);
+            if (missing > 1 && missing < 100'000) {
+                for (int64_t number = from + 1; number < hole.near[i]; ++number) {
+                    if (!known.contains(number)) {
+                        absent.push_back(number);
+                    }
+                }
+            }
+        }
+        std::string around;
+        std::optional<int64_t> first;
+        if (!hole.untold.empty()) {
+            first = *std::min_element(hole.untold.begin(), hole.untold.end());
+        } else if (!hole.near.empty()) {
+            first = hole.near[hole.near.size() / 2];
+        }
+        if (first) {
+            around = fmt::format(" around frame {}", *first);
+        }
+        std::string text = fmt::format(
+            wording::LINES_LOST,
+            fmt::arg("lines", hole.lines > 1 ? fmt::format("{} lines", hole.lines) : "lines"),
+            fmt::arg("around", around));
+        std::vector<std::string> parts;
+        if (!hole.untold.empty()) {
+            parts.push_back(
+                fmt::format(wording::UNTOLD, fmt::arg("numbers", NumbersText(hole.untold))));
+        }
+        if (!absent.empty()) {
+            parts.push_back(fmt::format(wording::ABSENT, fmt::arg("numbers", NumbersText(absent))));
+        }
+        for (size_t i = 0; i < parts.size(); ++i) {
+            text += (i == 0 ? ": " : "; ") + parts[i];
+        }
+        Trouble& trouble = judging.Raise(Check::LinesLost, Severity::Warning, NO_INDEX, -1,
+                                         hole.place.line == 0 ? scene.from : hole.place, hole.begin,
+                                         std::move(text));
+        trouble.finding.frame = first;
+        trouble.untold = hole.untold;
+        trouble.absent = absent;
+    }
+}
+
+}  // namespace tools

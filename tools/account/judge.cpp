@@ -1,0 +1,370 @@
+#include "tools/account/judge.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+#include "tools/account/wording.h"
+#include "tools/base/text.h"
+
+namespace tools {
+namespace {
+
+// Findings of a kind that are told one by one. More become one.
+constexpr size_t TOLD_ONE_BY_ONE = 5;
+
+Statistics StatisticsOf(std::vector<Micros>& values) {
+    Statistics statistics;
+    statistics.count = static_cast<int64_t>(values.size());
+    if (values.empty()) {
+        return statistics;
+    }
+    // The smallest value that as many per cent are not above. Each search has only to look above
+    // the one before.
+    auto from = values.begin();
+    const auto percentile = [&](double share) {
+        const auto rank = static_cast<size_t>(
+            std::max(std::ceil(share * static_cast<double>(values.size())) - 1, 0.0));
+        const auto nth = values.begin() + static_cast<std::ptrdiff_t>(rank);
+        if (nth >= from) {
+            std::nth_element(from, nth, values.end());
+            from = nth;
+        }
+        return *nth;
+    };
+    statistics.p50 = percentile(0.5);
+    statistics.p90 = percentile(0.9);
+    statistics.p95 = percentile(0.95);
+    statistics.p99 = percentile(0.99);
+    statistics.max = *std::max_element(from, values.end());
+    return statistics;
+}
+
+void MakeStatistics(Scene& scene) {
+    std::vector<Micros> values;
+    values.reserve(scene.frames.size());
+    for (const Frame& frame : scene.frames) {
+        if (frame.start != NO_TIME && frame.end != NO_TIME) {
+            values.push_back(frame.end - frame.start);
+        }
+    }
+    scene.latency = StatisticsOf(values);
+    values.clear();
+    for (const Frame& frame : scene.frames) {
+        if (frame.interval != NO_TIME) {
+            values.push_back(frame.interval);
+        }
+    }
+    scene.interval = StatisticsOf(values);
+    const auto ofStages = [&](auto lengthOf) {
+        std::vector<Statistics> statistics;
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            values.clear();
+            for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
+                const StageTimes times = scene.TimesOf(frame, stage);
+                if (times.wait != NO_TIME) {
+                    values.push_back(lengthOf(times));
+                }
+            }
+            statistics.push_back(StatisticsOf(values));
+        }
+        return statistics;
+    };
+    scene.stages = ofStages([](const StageTimes& times) { return times.wait + times.work; });
+    scene.waits = ofStages([](const StageTimes& times) { return times.wait; });
+    scene.works = ofStages([](const StageTimes& times) { return times.work; });
+}
+
+// Frames that a hang or a slow stage left no room for were dropped because of it: it is told first,
+// and is as bad.
+void BlameForDrops(Judging& judging) {
+    for (const Trouble& dropped : judging.troubles) {
+        if (dropped.finding.check != Check::FrameLost || dropped.finding.stage != 0 ||
+            dropped.finding.time == NO_TIME) {
+            continue;
+        }
+        for (const SlowRun& run : judging.slowRuns) {
+            if (run.stage > 0 && dropped.finding.time >= run.begin &&
+                dropped.finding.time <= run.end + 2 * judging.schedule.Period()) {
+                judging.troubles[run.trouble].finding.severity = Severity::Error;
+            }
+        }
+    }
+}
+
+// Counts what became of the frames, and takes out those that are none.
+void CountFrames(Judging& judging) {
+    Scene& scene = judging.scene;
+    std::sort(scene.neverOut.begin(), scene.neverOut.end());
+    scene.neverOut.erase(std::unique(scene.neverOut.begin(), scene.neverOut.end()),
+                         scene.neverOut.end());
+    const auto stages = static_cast<size_t>(scene.stageCount);
+    size_t kept = 0;
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        if (judging.skipped[frame]) {
+            continue;
+        }
+        Frame& row = scene.frames[frame];
+        if (row.isUntold) {
+            row.reason = row.status == FrameStatus::Complete ? row.reason : Reason::LinesMissing;
+            ++scene.untold;
+        } else if (judging.IsExplained(frame)) {
+            row.hasFinding = true;
+            const bool isOfSensor =
+                row.status == FrameStatus::Open && !row.isNeverOut && !row.isOut &&
+                judging.troubles[judging.causes[frame] - 1].finding.check == Check::Stuck;
+            scene.notBoosted += row.status != FrameStatus::Complete && !isOfSensor ? 1 : 0;
+        }
+        if (row.status == FrameStatus::Open && row.isNeverOut) {
+            row.reason = Reason::NeverLeft;
+        }
+        const int32_t next = judging.NextStage(frame);
+        if (row.stage < 0 && row.status != FrameStatus::Complete && next < scene.stageCount) {
+            row.stage = next;
+        }
+        ++scene.statusCounts[static_cast<size_t>(row.status)];
+        if (kept != frame) {
+            std::copy_n(scene.passes.begin() + static_cast<std::ptrdiff_t>(frame * stages), stages,
+                        scene.passes.begin() + static_cast<std::ptrdiff_t>(kept * stages));
+            scene.frames[kept] = row;
+        }
+        ++kept;
+    }
+    scene.frames.resize(kept);
+    scene.passes.resize(kept * stages);
+    scene.order.clear();
+    scene.order.shrink_to_fit();
+    scene.frameCount =
+        static_cast<int64_t>(kept) + static_cast<int64_t>(judging.droppedUnseen.size());
+    scene.notBoosted += static_cast<int64_t>(judging.droppedUnseen.size());
+}
+
+// Causes before consequences, and many of a kind as one.
+void Conclude(Judging& judging) {
+    Scene& scene = judging.scene;
+    std::map<std::pair<Check, int32_t>, std::vector<Trouble*>> kinds;
+    for (Trouble& trouble : judging.troubles) {
+        TellConsequences(trouble);
+        kinds[{trouble.finding.check, trouble.finding.stage}].push_back(&trouble);
+    }
+    std::vector<SceneFinding>& findings = scene.findings;
+    for (auto& [kind, troubles] : kinds) {
+        const bool isAlwaysAlone =
+            kind.first == Check::NodeIgnored || kind.first == Check::ThreadNotSet;
+        if (troubles.size() <= TOLD_ONE_BY_ONE || isAlwaysAlone) {
+            for (Trouble* trouble : troubles) {
+                findings.push_back(std::move(trouble->finding));
+            }
+            continue;
+        }
+        SceneFinding all = troubles.front()->finding;
+        std::vector<int64_t> frames;
+        all.frames.clear();
+        for (const Trouble* trouble : troubles) {
+            all.severity = std::max(all.severity, trouble->finding.severity);
+            all.frames.insert(all.frames.end(), trouble->finding.frames.begin(),
+                              trouble->finding.frames.end());
+            if (trouble->finding.frame) {
+                frames.push_back(*trouble->finding.frame);
+            }
+        }
+        all.times = static_cast<int64_t>(troubles.size());
+        all.message = fmt::format("{} times{}; the first: {}", all.times,
+                                  frames.empty() ? "" : ", at " + NumbersText(frames), all.message);
+        findings.push_back(std::move(all));
+    }
+    std::stable_sort(
+        findings.begin(), findings.end(), [](const SceneFinding& one, const SceneFinding& other) {
+            return one.severity != other.severity
+                       ? one.severity > other.severity
+                       : std::pair(one.time, std::pair(one.place.input, one.place.line)) <
+                             std::pair(other.time, std::pair(other.place.input, other.place.line));
+        });
+}
+
+void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolution,
+                const JudgeOptions& options) {
+    scene.lateThreshold =
+        std::llround(options.latePeriods * 1e6 / (scene.fps > 0 ? scene.fps : 60));
+    if (!scene.isStarted) {
+        return;
+    }
+    const Schedule schedule(scene, resolution);
+    Judging judging{scene, schedule, resolution, {}, {}, {}, {}, {}, {}, {}, {}, {}, NO_INDEX};
+    judging.causes.assign(scene.frames.size(), 0);
+    judging.droppedBefore.assign(scene.frames.size(), 0);
+    judging.skipped.assign(scene.frames.size(), false);
+    if (FindTwoObjects(judging)) {
+        ClassifyFrames(judging);
+    } else {
+        FindHoles(judging);
+        FindStandstills(judging);
+        ClassifyFrames(judging);
+        FindNeverHit(judging);
+        FindMissingNumbers(judging);
+        FindRestarts(judging);
+        FindLost(judging);
+        FindOrder(judging);
+        FindRates(judging);
+        FindSlowForGood(judging);
+        if (scene.hasTimes) {
+            FindLate(judging, scene.lateThreshold);
+            FindSlowFirst(judging);
+        }
+        FindEvictions(judging);
+        FindThreads(judging);
+        FindIgnored(judging, configuration);
+        FindClockSteps(judging);
+        FindLinesLost(judging);
+        BlameForDrops(judging);
+    }
+    CountFrames(judging);
+    Conclude(judging);
+    if (!scene.hasTimes) {
+        // What stood for times served its purpose.
+        for (Frame& frame : scene.frames) {
+            frame.start = frame.end = frame.output = frame.interval = NO_TIME;
+        }
+        for (StagePass& pass : scene.passes) {
+            pass.left = pass.begin = NO_TIME;
+        }
+        for (SceneFinding& finding : scene.findings) {
+            finding.time = NO_TIME;
+        }
+        scene.begin = scene.end = scene.stop = NO_TIME;
+    }
+    MakeStatistics(scene);
+}
+
+// Scenes of two processes at the same time are two cameras at work.
+void FindSeveralProcesses(Account& account) {
+    for (size_t i = 1; i < account.scenes.size(); ++i) {
+        const Scene& scene = account.scenes[i];
+        for (size_t j = 0; j < i; ++j) {
+            const Scene& other = account.scenes[j];
+            if (scene.process != other.process && scene.isStarted && other.isStarted &&
+                scene.from.input == other.to.input && scene.from.line < other.to.line) {
+                SceneFinding finding;
+                finding.check = Check::TwoCameras;
+                finding.place = scene.from;
+                finding.time = scene.begin;
+                finding.message = fmt::format(
+                    "processes {} and {} ran scenes at the same time; they are told apart here",
+                    other.process, scene.process);
+                account.findings.push_back(std::move(finding));
+                return;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+Trouble& Judging::Raise(Check check, Severity severity, uint32_t frame, int32_t stage,
+                        const Place& place, Micros time, std::string message) {
+    Trouble& trouble = troubles.emplace_back();
+    SceneFinding& finding = trouble.finding;
+    finding.check = check;
+    finding.severity = severity;
+    finding.stage = stage;
+    finding.place = place;
+    finding.time = time;
+    finding.message = std::move(message);
+    if (frame != NO_INDEX) {
+        finding.frame = scene.frames[frame].number;
+        finding.frames = {{*finding.frame, *finding.frame}};
+    }
+    return trouble;
+}
+
+bool Judging::IsEarly(uint32_t frame) const {
+    const Frame& row = scene.frames[frame];
+    return scene.isBeginningMissing && !row.isStarted && !row.isGap &&
+           (firstStarted == NO_INDEX || row.number <= scene.frames[firstStarted].number);
+}
+
+bool Judging::IsOut(uint32_t frame) const {
+    return schedule.LastStage() < 0 ? scene.frames[frame].isEnded
+                                    : scene.PassOf(frame, schedule.LastStage()).HasLeft();
+}
+
+int32_t Judging::NextStage(uint32_t frame) const {
+    for (int32_t stage = scene.stageCount; stage > 0; --stage) {
+        if (scene.PassOf(frame, stage - 1).HasLeft()) {
+            return stage;
+        }
+    }
+    return 0;
+}
+
+std::pair<Place, Micros> Judging::LastOf(uint32_t frame) const {
+    std::pair<Place, Micros> last(scene.frames[frame].place, scene.frames[frame].start);
+    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+        const StagePass& pass = scene.PassOf(frame, stage);
+        if (pass.HasLeft() && pass.left >= last.second) {
+            last = {pass.place, pass.left};
+        }
+    }
+    return last;
+}
+
+std::string Judging::StageName(int32_t stage) const {
+    const auto index = static_cast<size_t>(stage);
+    const bool isNamed =
+        stage >= 0 && index < scene.stageNames.size() && !scene.stageNames[index].empty();
+    return isNamed ? fmt::format("stage {} ({})", stage, scene.stageNames[index])
+                   : fmt::format("stage {}", stage);
+}
+
+void ClassifyFrames(Judging& judging) {
+    Scene& scene = judging.scene;
+    judging.firstStarted = NO_INDEX;
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        if (scene.frames[frame].isStarted && judging.firstStarted == NO_INDEX) {
+            judging.firstStarted = frame;
+        }
+    }
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        Frame& row = scene.frames[frame];
+        row.isOut = judging.IsOut(frame);
+        bool isThrough = true;
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            isThrough = isThrough && scene.PassOf(frame, stage).HasLeft();
+        }
+        const bool hasStages = judging.schedule.LastStage() >= 0;
+        const bool isEarly = judging.IsEarly(frame);
+        const auto set = [&row](FrameStatus status, Reason reason) {
+            row.status = status;
+            row.reason = reason;
+        };
+        if (row.isEnded && (isThrough || !hasStages || isEarly)) {
+            set(FrameStatus::Complete, Reason::None);
+        } else if (row.isEnded) {
+            set(FrameStatus::Dropped, Reason::EndedByHal);
+        } else if (row.violation != Reason::None) {
+            set(FrameStatus::Error, row.violation);
+            row.stage = row.violationStage;
+        } else if (row.isEvicted) {
+            set(FrameStatus::Evicted, Reason::Evicted);
+        } else if (row.isGap) {
+            set(FrameStatus::Refused, Reason::Gap);
+        } else if (row.isDuplicate && !row.isStarted) {
+            set(FrameStatus::Refused, Reason::AlreadyInFlight);
+        } else if (!row.isStarted && !isEarly) {
+            set(FrameStatus::Unseen, Reason::NotInFlight);
+        }
+    }
+}
+
+void Judge(Account& account, const JudgeOptions& options) {
+    for (Scene& scene : account.scenes) {
+        const Configuration* configuration =
+            scene.configuration == 0
+                ? nullptr
+                : &account.configurations[scene.configuration - 1].configuration;
+        JudgeScene(scene, configuration, account.resolution, options);
+    }
+    FindSeveralProcesses(account);
+}
+
+}  // namespace tools

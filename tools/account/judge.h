@@ -1,0 +1,17 @@
+// Findings: what is to be said of the facts, from the whole of each scene at once.
+
+#pragma once
+
+#include "tools/account/account.h"
+
+namespace tools {
+
+struct JudgeOptions {
+    double latePeriods = 1.5;  // An output interval of more frame periods than that is late.
+};
+
+// Fills what is worked out in an account that has its facts and `resolution`. May be called once
+// for an account.
+void Judge(Account& account, const JudgeOptions& options = {});
+
+}  // namespace tools

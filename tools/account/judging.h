@@ -1,0 +1,95 @@
+// What the kinds of findings share while a scene is judged. Internal to this room.
+//
+// Each Find... looks at all of a scene and says what it finds. They are called in this order, as
+// later ones leave alone what earlier ones have explained.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/account/account.h"
+#include "tools/account/schedule.h"
+
+namespace tools {
+
+// A finding that is still being put together: a cause, and the frames that suffer from it.
+struct Trouble {
+    SceneFinding finding;  // Its message is what the sentence begins with.
+    int64_t cost = 0;      // How many of its own frames were not boosted.
+    std::vector<int64_t> unseen, refused, inError, evicted, waited, late, untold, absent;
+    Micros longest = 0;  // Of Check::Late: the longest interval.
+};
+
+// Frames in a row that a stage was slow with, or too slow for good.
+struct SlowRun {
+    int32_t stage = -1;
+    Micros begin = 0, end = 0;
+    bool isForGood = false;
+    size_t trouble = 0;
+};
+
+struct Judging {
+    Scene& scene;
+    const Schedule& schedule;
+    Micros resolution;
+    std::vector<Micros> holes;      // Moments at which lines are missing, ascending.
+    std::vector<Span> standstills;  // Nobody logged, though several stages were at work.
+    std::vector<Trouble> troubles;
+    std::vector<uint32_t> causes;  // For each frame: one more than the trouble it is part of.
+    std::vector<SlowRun> slowRuns;
+    std::vector<int64_t> droppedBefore;  // For each frame: how many the sensor dropped before it.
+    std::vector<bool> skipped;           // Frames that are none: numbers that the HAL skipped.
+    std::vector<int64_t> droppedUnseen;  // Numbers without any line that the sensor dropped.
+    std::optional<int32_t> neverHit;     // A stage that no frame ever left.
+    uint32_t firstStarted = NO_INDEX;    // The first frame whose start is told of.
+
+    // Raises a trouble about a frame, or about none (NO_INDEX).
+    Trouble& Raise(Check check, Severity severity, uint32_t frame, int32_t stage,
+                   const Place& place, Micros time, std::string message);
+    void Explain(uint32_t frame, size_t trouble) {
+        causes[frame] = static_cast<uint32_t>(trouble + 1);
+    }
+    bool IsExplained(uint32_t frame) const { return causes[frame] != 0; }
+
+    // Whether lines about the frame may be missing.
+    bool IsDoubtful(uint32_t frame) const;
+    bool HasHole(Micros from, Micros to) const;
+    // It was in the pipeline when the capture began, in the middle of the scene, or when the scene
+    // did: what came before is not in the capture.
+    bool IsEarly(uint32_t frame) const;
+    // Whether it left the last stage that any frame left; in a scene without stages, was ended.
+    bool IsOut(uint32_t frame) const;
+    // How much of the time from one moment to the other everything stood still.
+    Micros Stood(Micros from, Micros to) const;
+    // The first stage that the frame is not known to have left behind all that it has; stageCount
+    // when there is none.
+    int32_t NextStage(uint32_t frame) const;
+    // The last line that tells of the frame, and its time.
+    std::pair<Place, Micros> LastOf(uint32_t frame) const;
+    std::string StageName(int32_t stage) const;
+};
+
+bool FindTwoObjects(Judging& judging);  // True: nothing else can be told.
+void FindHoles(Judging& judging);
+void FindStandstills(Judging& judging);
+void ClassifyFrames(Judging& judging);
+void FindNeverHit(Judging& judging);
+void FindMissingNumbers(Judging& judging);
+void FindRestarts(Judging& judging);
+void FindLost(Judging& judging);
+void FindOrder(Judging& judging);
+void FindRates(Judging& judging);
+void FindSlowForGood(Judging& judging);
+void FindLate(Judging& judging, Micros threshold);
+void FindSlowFirst(Judging& judging);
+void FindEvictions(Judging& judging);
+void FindThreads(Judging& judging);
+void FindIgnored(Judging& judging, const Configuration* configuration);
+void FindClockSteps(Judging& judging);
+void FindLinesLost(Judging& judging);
+
+}  // namespace tools

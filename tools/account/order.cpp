@@ -1,0 +1,246 @@
+// Frames whose events were out of order, missing or told twice, and what followed from that.
+
+#include <algorithm>
+#include <numeric>
+
+#include "tools/account/wording.h"
+
+namespace tools {
+namespace {
+
+class OrderFinder {
+  public:
+    explicit OrderFinder(Judging& sceneJudging) : judging(sceneJudging), scene(judging.scene) {
+        frames.resize(scene.frames.size());
+        std::iota(frames.begin(), frames.end(), 0);
+        std::stable_sort(frames.begin(), frames.end(), [this](uint32_t one, uint32_t other) {
+            return std::pair(scene.frames[one].epoch, scene.frames[one].number) <
+                   std::pair(scene.frames[other].epoch, scene.frames[other].number);
+        });
+        FindOvertaken();
+        for (const Scene::Repeat& repeat : scene.repeats) {
+            repeats.resize(scene.frames.size(), nullptr);
+            if (repeats[repeat.frame] == nullptr) {
+                repeats[repeat.frame] = &repeat;
+            }
+        }
+    }
+
+    void Find() {
+        bool hasStarted = false;
+        for (const uint32_t frame : frames) {
+            Frame& row = scene.frames[frame];
+            if (row.isUntold || judging.skipped[frame]) {
+                continue;
+            }
+            if (!judging.IsExplained(frame) && !judging.IsEarly(frame)) {
+                Examine(frame, hasStarted);
+            }
+            hasStarted = hasStarted || row.isStarted;
+            // What follows a frame that opened none suffers from that.
+            if (judging.IsExplained(frame) && OpensNoFollower(frame)) {
+                cause = judging.causes[frame];
+            } else if (row.isStarted) {
+                cause = 0;
+            }
+        }
+    }
+
+  private:
+    void FindOvertaken() {
+        overtaken.assign(scene.frames.size(), {-1, NO_INDEX});
+        for (int32_t stage = scene.stageCount - 1; stage >= 0; --stage) {
+            uint32_t newest = NO_INDEX;
+            for (const uint32_t frame : scene.order[static_cast<size_t>(stage)]) {
+                const bool isBehind = newest != NO_INDEX &&
+                                      scene.frames[newest].epoch == scene.frames[frame].epoch &&
+                                      scene.frames[newest].number > scene.frames[frame].number;
+                if (isBehind) {
+                    overtaken[frame] = {stage, newest};
+                } else {
+                    newest = frame;
+                }
+            }
+        }
+    }
+
+    bool OpensNoFollower(uint32_t frame) const {
+        const Frame& row = scene.frames[frame];
+        const bool hasLeft = scene.stageCount > 0 && scene.PassOf(frame, 0).HasLeft();
+        return !hasLeft || overtaken[frame].first == 0 || !row.isStarted ||
+               (!repeats.empty() && repeats[frame] != nullptr && repeats[frame]->stage == 0);
+    }
+
+    // The first stage that the frame went past without being told to have left it; -1 for none.
+    int32_t Unreported(uint32_t frame) const {
+        int32_t top = scene.stageCount - 1;
+        while (top >= 0 && !scene.PassOf(frame, top).HasLeft()) {
+            --top;
+        }
+        for (int32_t stage = 0; stage < top; ++stage) {
+            if (!scene.PassOf(frame, stage).HasLeft()) {
+                return stage;
+            }
+        }
+        return -1;
+    }
+
+    Trouble& Raise(Check check, Severity severity, uint32_t frame, int32_t stage,
+                   std::string message, bool isHarmless = false) {
+        const Frame& row = scene.frames[frame];
+        const auto [place, time] = judging.LastOf(frame);
+        Trouble& trouble = judging.Raise(
+            check, severity, frame, stage, row.trouble.line != 0 ? row.trouble : place,
+            row.trouble.line != 0 ? row.troubleTime : time, std::move(message));
+        trouble.cost = isHarmless ? 0 : 1;
+        judging.Explain(frame, judging.troubles.size() - 1);
+        return trouble;
+    }
+
+    void Examine(uint32_t frame, bool hasStarted) {
+        Frame& row = scene.frames[frame];
+        const bool isComplete = row.status == FrameStatus::Complete;
+        if (judging.IsDoubtful(frame) && (!isComplete || Unreported(frame) >= 0)) {
+            row.isUntold = !isComplete;
+            return;
+        }
+        // Nothing started a scene's first frame, and it is not missed.
+        const bool isUnseen = !row.isStarted && !row.isGap && !row.isDuplicate;
+        if (isUnseen && !hasStarted) {
+            return;
+        }
+        const int32_t unreported = Unreported(frame);
+        if (unreported >= 0 && (row.isStarted || unreported > 0)) {
+            Raise(Check::StageUnreported, Severity::Error, frame, unreported,
+                  fmt::format(wording::UNREPORTED, fmt::arg("frame", row.number),
+                              fmt::arg("stage", judging.StageName(unreported))));
+            return;
+        }
+        if (row.isDuplicate && row.violation != Reason::None && cause != 0) {
+            Join(frame, &Trouble::inError);
+            return;
+        }
+        if (!repeats.empty() && repeats[frame] != nullptr) {
+            return RaiseRepeat(frame, *repeats[frame]);
+        }
+        if (isUnseen || row.isGap) {
+            if (cause != 0) {
+                Join(frame, row.isGap ? &Trouble::refused : &Trouble::unseen);
+            } else if (row.isGap) {
+                RaiseGap(frame);
+            } else {
+                Raise(Check::FrameGap, Severity::Error, frame, -1,
+                      fmt::format(wording::NEVER_STARTED, fmt::arg("frame", row.number),
+                                  fmt::arg("stage", judging.StageName(0))));
+            }
+            return;
+        }
+        if (row.isDuplicate) {
+            const bool isHarmless = row.isStarted && row.violation == Reason::None;
+            Raise(Check::DuplicateFrame, isHarmless ? Severity::Warning : Severity::Error, frame,
+                  -1,
+                  row.isStarted
+                      ? fmt::format(wording::DUPLICATE, fmt::arg("frame", row.number))
+                      : fmt::format(wording::DUPLICATE_REFUSED, fmt::arg("frame", row.number)),
+                  isHarmless);
+            return;
+        }
+        if (row.violation != Reason::None) {
+            return RaiseViolation(frame);
+        }
+        if (overtaken[frame].first >= 0) {
+            // Only the first stage's order matters to the library.
+            const auto [stage, other] = overtaken[frame];
+            Raise(Check::StageOrder, stage == 0 ? Severity::Error : Severity::Warning, frame, stage,
+                  fmt::format(wording::OVERTAKEN, fmt::arg("frame", row.number),
+                              fmt::arg("stage", judging.StageName(stage)),
+                              fmt::arg("other", scene.frames[other].number)),
+                  true);
+        }
+    }
+
+    void Join(uint32_t frame, std::vector<int64_t> Trouble::*list) {
+        (judging.troubles[cause - 1].*list).push_back(scene.frames[frame].number);
+        judging.causes[frame] = cause;
+    }
+
+    void RaiseRepeat(uint32_t frame, const Scene::Repeat& repeat) {
+        const Frame& row = scene.frames[frame];
+        const auto portOf = [this](uint16_t reporter) {
+            return reporter < scene.reporters.size() ? scene.reporters[reporter].port : -1;
+        };
+        const int32_t first = portOf(scene.PassOf(frame, repeat.stage).reporter);
+        const int32_t second = portOf(repeat.reporter);
+        const bool isHarmless = row.status == FrameStatus::Complete;
+        const std::string stage = judging.StageName(repeat.stage);
+        Trouble& trouble = judging.Raise(
+            first != second ? Check::SecondPort : Check::StageOrder,
+            isHarmless ? Severity::Warning : Severity::Error, frame, repeat.stage, repeat.place,
+            repeat.time,
+            first != second ? fmt::format(wording::SECOND_PORT, fmt::arg("frame", row.number),
+                                          fmt::arg("stage", stage), fmt::arg("port", first),
+                                          fmt::arg("other", second))
+                            : fmt::format(wording::TWICE, fmt::arg("frame", row.number),
+                                          fmt::arg("stage", stage)));
+        trouble.cost = isHarmless ? 0 : 1;
+        judging.Explain(frame, judging.troubles.size() - 1);
+    }
+
+    void RaiseGap(uint32_t frame) {
+        const Frame& row = scene.frames[frame];
+        const int64_t newest = row.newestBefore;
+        if (static_cast<int32_t>(newest) ==
+            static_cast<int32_t>(static_cast<uint64_t>(row.number) - 1)) {
+            Raise(Check::FrameGap, Severity::Error, frame, -1,
+                  fmt::format(wording::GAP_32_BITS, fmt::arg("frame", row.number),
+                              fmt::arg("newest", newest)));
+            return;
+        }
+        std::string before = fmt::format("frame {}", newest);
+        if (newest < row.number && newest + 1 < row.number) {
+            before += newest + 2 == row.number
+                          ? fmt::format("; {} never started", row.number - 1)
+                          : fmt::format("; {} to {} never started", newest + 1, row.number - 1);
+        }
+        Raise(Check::FrameGap, Severity::Error, frame, -1,
+              fmt::format(wording::GAP, fmt::arg("frame", row.number), fmt::arg("newest", before)));
+    }
+
+    void RaiseViolation(uint32_t frame) {
+        const Frame& row = scene.frames[frame];
+        const std::string stage = judging.StageName(row.violationStage);
+        const std::string other = judging.StageName(row.violationOther);
+        const bool isBefore = row.violationOther < row.violationStage;
+        const std::string text =
+            row.violation == Reason::NoSuchStage
+                ? fmt::format(wording::NO_SUCH_STAGE, fmt::arg("frame", row.number),
+                              fmt::arg("stage", stage), fmt::arg("count", scene.stageCount))
+            : row.violation == Reason::OutOfTurn
+                ? fmt::format(wording::OUT_OF_TURN, fmt::arg("frame", row.number),
+                              fmt::arg("stage", stage))
+            : isBefore ? fmt::format(wording::BEFORE_ENDED, fmt::arg("frame", row.number),
+                                     fmt::arg("stage", stage), fmt::arg("other", other))
+                       : fmt::format(wording::AFTER_BEGUN, fmt::arg("frame", row.number),
+                                     fmt::arg("stage", stage), fmt::arg("other", other));
+        // Two stages that changed places are told by the one that was to come first.
+        Raise(Check::StageOrder, Severity::Error, frame,
+              row.violation == Reason::OutOfOrder && isBefore ? row.violationOther
+                                                              : row.violationStage,
+              text);
+    }
+
+    Judging& judging;
+    Scene& scene;
+    std::vector<uint32_t> frames;                         // By number.
+    std::vector<std::pair<int32_t, uint32_t>> overtaken;  // The first such stage, and by whom.
+    std::vector<const Scene::Repeat*> repeats;            // The first; empty where there is none.
+    uint32_t cause = 0;  // As Judging::causes: of the frame before, if it opened none.
+};
+
+}  // namespace
+
+void FindOrder(Judging& judging) {
+    OrderFinder(judging).Find();
+}
+
+}  // namespace tools

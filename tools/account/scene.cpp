@@ -1,0 +1,219 @@
+// What is to be said of a scene as a whole: its stages, nodes, threads, table and clock.
+
+#include <algorithm>
+#include <set>
+
+#include "cameraframeboost/tarvocameraframeboostutils.h"
+#include "tools/account/wording.h"
+#include "tools/base/text.h"
+
+namespace tools {
+namespace {
+
+// Without so many frames it cannot be said that a stage is never hit.
+constexpr size_t ENOUGH_FRAMES = 8;
+constexpr size_t PLACES = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
+
+}  // namespace
+
+void FindNeverHit(Judging& judging) {
+    Scene& scene = judging.scene;
+    const int32_t stage = judging.schedule.LastStage() + 1;
+    if (scene.frames.size() < ENOUGH_FRAMES || stage == 0 || stage >= scene.stageCount) {
+        return;
+    }
+    std::vector<int64_t> frames;
+    const size_t number = judging.troubles.size();
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        const Frame& row = scene.frames[frame];
+        if (row.isStarted && !row.isEnded && judging.NextStage(frame) == stage) {
+            frames.push_back(row.number);
+            judging.Explain(frame, number);
+        }
+    }
+    if (frames.empty()) {
+        return;
+    }
+    judging.neverHit = stage;
+    Trouble& trouble = judging.Raise(
+        Check::StageNeverHit, Severity::Error, NO_INDEX, stage, scene.frames.front().place,
+        scene.begin,
+        fmt::format(wording::NEVER_HIT, fmt::arg("stage", judging.StageName(stage)),
+                    fmt::arg("frames", Counted(static_cast<int64_t>(frames.size()), "frame"))));
+    trouble.finding.frame = frames.front();
+    trouble.finding.frames = RangesOf(frames);
+    trouble.finding.times = static_cast<int64_t>(frames.size());
+}
+
+// Frames that were pushed out of the table suffer from what held up the pipeline.
+void FindEvictions(Judging& judging) {
+    Scene& scene = judging.scene;
+    std::vector<int64_t> unexplained;
+    const Scene::Eviction* first = nullptr;
+    uint32_t firstFrame = NO_INDEX;
+    for (const Scene::Eviction& eviction : scene.evictions) {
+        if (!eviction.frame || judging.IsExplained(*eviction.frame) ||
+            scene.frames[*eviction.frame].isUntold) {
+            continue;
+        }
+        const Frame& row = scene.frames[*eviction.frame];
+        Trouble* cause = nullptr;
+        for (Trouble& trouble : judging.troubles) {
+            const Check check = trouble.finding.check;
+            const bool holdsUp = check == Check::SlowStage || check == Check::Stuck ||
+                                 check == Check::FrameLost || check == Check::StageNeverHit ||
+                                 check == Check::Standstill || check == Check::StageUnreported;
+            if (holdsUp && trouble.finding.time <= eviction.time) {
+                cause = cause == nullptr || check == Check::SlowStage ? &trouble : cause;
+            }
+        }
+        if (cause != nullptr) {
+            cause->evicted.push_back(row.number);
+            cause->finding.severity = Severity::Error;
+            judging.Explain(*eviction.frame, static_cast<size_t>(cause - judging.troubles.data()));
+            continue;
+        }
+        unexplained.push_back(row.number);
+        if (first == nullptr) {
+            first = &eviction;
+            firstFrame = *eviction.frame;
+        }
+        judging.Explain(*eviction.frame, judging.troubles.size());
+    }
+    if (first != nullptr) {
+        Trouble& trouble = judging.Raise(
+            Check::Evicted, Severity::Error, firstFrame, judging.NextStage(firstFrame),
+            first->place, first->time,
+            fmt::format(wording::PUSHED_OUT, fmt::arg("frames", FramesText(unexplained)),
+                        fmt::arg("were", unexplained.size() == 1 ? "was" : "were")));
+        if (trouble.finding.stage >= scene.stageCount) {
+            trouble.finding.stage = -1;
+        }
+        trouble.cost = static_cast<int64_t>(unexplained.size());
+        trouble.finding.frames = RangesOf(unexplained);
+    }
+    // Lost frames keep their places.
+    std::vector<int64_t> held;
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        const bool isLost =
+            judging.IsExplained(frame) &&
+            judging.troubles[judging.causes[frame] - 1].finding.check == Check::FrameLost;
+        if (isLost && scene.frames[frame].isHeld) {
+            held.push_back(scene.frames[frame].number);
+        }
+    }
+    if (held.empty()) {
+        return;
+    }
+    Trouble& trouble = judging.Raise(
+        Check::SlotsHeld, 2 * held.size() >= PLACES ? Severity::Warning : Severity::Note, NO_INDEX,
+        -1, scene.to, scene.end,
+        fmt::format(wording::SLOTS_HELD,
+                    fmt::arg("frames", Counted(static_cast<int64_t>(held.size()), "lost frame")),
+                    fmt::arg("numbers", NumbersText(held)),
+                    fmt::arg("their", held.size() == 1 ? "its place" : "their places"),
+                    fmt::arg("places", PLACES)));
+    trouble.finding.times = static_cast<int64_t>(held.size());
+}
+
+// Threads that report stages' ends and are not among those that the service was handed.
+void FindThreads(Judging& judging) {
+    const Scene& scene = judging.scene;
+    if (!scene.hasThreads || scene.isBeginningMissing) {
+        return;
+    }
+    std::map<uint16_t, uint16_t> reporterOf;  // By thread.
+    std::set<uint16_t> reporting;
+    std::map<uint16_t, Place> placeOf;
+    for (const StagePass& pass : scene.passes) {
+        if (pass.HasLeft() && (pass.seen & NODE_END) != 0 && pass.thread < scene.threads.size()) {
+            reporterOf.try_emplace(pass.thread, pass.reporter);
+            placeOf.try_emplace(pass.thread, pass.place);
+        }
+    }
+    // A replay has one thread, which stands for all.
+    if (reporterOf.size() < 2) {
+        return;
+    }
+    for (const auto& [thread, reporter] : reporterOf) {
+        const int32_t tid = scene.threads[thread];
+        if (tid == -1 || scene.setThreads.contains(tid) || reporter >= scene.reporters.size()) {
+            continue;
+        }
+        judging.Raise(Check::ThreadNotSet, Severity::Note, NO_INDEX,
+                      scene.reporters[reporter].stage, placeOf[thread], NO_TIME,
+                      fmt::format(wording::THREAD_NOT_SET, fmt::arg("thread", tid),
+                                  fmt::arg("node", Quoted(scene.reporters[reporter].node))));
+    }
+}
+
+// Node ends that end no stage.
+void FindIgnored(Judging& judging, const Configuration* configuration) {
+    const Scene& scene = judging.scene;
+    struct Ignored {
+        const Reporter* reporter;
+        int64_t times = 0;
+    };
+    std::map<std::pair<std::string, int32_t>, Ignored> ignored;
+    std::vector<std::pair<std::string, int32_t>> order;
+    for (const Reporter& reporter : scene.reporters) {
+        if (reporter.counts != true) {
+            const std::pair key(reporter.node, reporter.port);
+            const auto [it, isNew] = ignored.try_emplace(key, Ignored{&reporter, 0});
+            it->second.times += reporter.times;
+            if (isNew) {
+                order.push_back(key);
+            }
+        }
+    }
+    for (const auto& key : order) {
+        const Ignored& node = ignored.at(key);
+        const Reporter& reporter = *node.reporter;
+        std::string text = fmt::format("node {}, port {}, ends no stage; reported {} times",
+                                       Quoted(reporter.node), reporter.port, node.times);
+        Severity severity = Severity::Note;
+        int32_t stageNumber = -1;
+        if (configuration != nullptr) {
+            for (const ConfiguredStage& stage : configuration->stages) {
+                const bool isNamed = reporter.node.find(stage.node) != std::string::npos;
+                if (!isNamed &&
+                    Folded(reporter.node).find(Folded(stage.node)) == std::string::npos) {
+                    continue;
+                }
+                const bool isHit = stage.stage >= 0 && stage.stage < scene.stageCount &&
+                                   !scene.order[static_cast<size_t>(stage.stage)].empty();
+                stageNumber = stage.stage;
+                if (isNamed) {
+                    std::vector<std::string> ports;
+                    for (const int32_t port : stage.ports) {
+                        ports.push_back(fmt::to_string(port));
+                    }
+                    text += fmt::format("; stage {} expects {}", stage.stage,
+                                        ports.empty() ? "no port" : "port " + Join(ports));
+                } else {
+                    text += fmt::format("; stage {} expects {}, which differs in case or blanks",
+                                        stage.stage, Quoted(stage.node));
+                }
+                severity = !isHit || !isNamed ? Severity::Warning : Severity::Note;
+                break;
+            }
+        }
+        Trouble& trouble = judging.Raise(Check::NodeIgnored, severity, NO_INDEX, stageNumber,
+                                         reporter.place, NO_TIME, std::move(text));
+        trouble.finding.times = node.times;
+    }
+}
+
+void FindClockSteps(Judging& judging) {
+    for (const auto& step : judging.scene.clockSteps) {
+        const int64_t length = std::abs(step.amount);
+        judging.Raise(
+            Check::ClockJump, Severity::Warning, NO_INDEX, -1, step.place, step.time,
+            fmt::format(
+                wording::CLOCK_SET, fmt::arg("way", step.amount < 0 ? "back" : "forward"),
+                fmt::arg("amount", length < 10 * SECOND ? fmt::format("{} ms", length / MILLISECOND)
+                                                        : fmt::format("{} s", length / SECOND))));
+    }
+}
+
+}  // namespace tools
