@@ -114,7 +114,7 @@ void CaptureReader::NoteNotUnderstood(std::string_view text, const Place& place)
     if (summary.firstNotUnderstood.size() < SHOWN_NOT_UNDERSTOOD) {
         std::string shown(text.substr(0, SHOWN_LENGTH));
         for (char& character : shown) {
-            character = character >= 0 && character < ' ' ? '?' : character;
+            character = static_cast<unsigned char>(character) < ' ' ? '?' : character;
         }
         summary.firstNotUnderstood.push_back({place, std::move(shown)});
     }
