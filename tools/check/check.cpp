@@ -1,5 +1,6 @@
 #include "tools/check/check.h"
 
+#include <fmt/format.h>
 #include <toml++/toml.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <utility>
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
+#include "tools/base/text.h"
 
 namespace tools {
 namespace {
@@ -59,10 +61,6 @@ bool Fits(int64_t number) {
            number <= std::numeric_limits<Integer>::max();
 }
 
-std::string Count(size_t number, const char* what) {
-    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
-}
-
 class Checker {
   public:
     explicit Checker(std::string_view text) : toml(text) {}
@@ -74,9 +72,8 @@ class Checker {
             CheckFile(toml::parse(toml));
         } catch (const toml::parse_error& error) {
             Add("unreadable", Severity::Error, error.source(),
-                Printable(error.description(), 300) +
-                    ": the file cannot be parsed, so the store "
-                    "serves nothing and nothing is boosted");
+                "{}: the file cannot be parsed, so the store serves nothing and nothing is boosted",
+                Printable(error.description(), 300));
             result.isReadable = false;
         }
         std::stable_sort(result.findings.begin(), result.findings.end(),
@@ -88,15 +85,16 @@ class Checker {
     }
 
   private:
+    // `form` and `values`: the message, as fmt has it.
+    template <typename... Values>
     void Add(const char* check, Severity severity, const toml::source_region& where,
-             std::string message) {
-        Finding finding;
-        finding.check = check;
-        finding.severity = severity;
-        finding.message = std::move(message);
-        finding.place.line = where.begin.line;
-        finding.column = ByteColumn(where.begin);
-        result.findings.push_back(std::move(finding));
+             fmt::format_string<Values...> form, Values&&... values) {
+        result.findings.push_back({.check = check,
+                                   .severity = severity,
+                                   .message = fmt::format(form, std::forward<Values>(values)...),
+                                   .place = {0, where.begin.line},
+                                   .column = ByteColumn(where.begin),
+                                   .frame = {}});
     }
 
     // The parser counts code points.
@@ -132,8 +130,8 @@ class Checker {
             if (std::find(KEYS.begin(), KEYS.end(), key.str()) == KEYS.end()) {
                 const auto meant = Meant(key.str(), KEYS);
                 Add("unknown-key", Severity::Warning, key.source(),
-                    Quoted(key.str()) + " is not a key that the library reads: it has no effect" +
-                        (meant ? ". Was " + Quoted(*meant) + " meant?" : ""));
+                    "{} is not a key that the library reads: it has no effect{}", Quoted(key.str()),
+                    meant ? ". Was " + Quoted(*meant) + " meant?" : "");
             }
         }
         CheckSwitch(*section);
@@ -144,13 +142,9 @@ class Checker {
     }
 
     void CheckNoSection(const toml::table& file, const toml::node* found) {
-        const std::string missing = "there is no table [" + std::string(SECTION) + "]";
-        const std::string consequence = ": nothing is configured, so nothing is boosted";
-        if (found != nullptr) {
-            Add("no-section", Severity::Error, found->source(),
-                missing + ", " + Quoted(SECTION) + " is " + KindOf(*found) + consequence);
-            return;
-        }
+        constexpr const char* consequence = "nothing is configured, so nothing is boosted";
+        std::string instead;
+        toml::source_region where{{1, 1}, {1, 1}, nullptr};
         // What is there instead may tell why.
         const auto isKey = [](const toml::key& key) {
             return std::find(KEYS.begin(), KEYS.end(), key.str()) != KEYS.end();
@@ -158,31 +152,31 @@ class Checker {
         const auto other = std::find_if(file.begin(), file.end(), [&isKey](const auto& entry) {
             return isKey(entry.first) || Meant(entry.first.str(), {&SECTION, 1}).has_value();
         });
-        if (other != file.end()) {
+        if (found != nullptr) {
+            where = found->source();
+            instead = fmt::format(", {} is {}", Quoted(SECTION), KindOf(*found));
+        } else if (other != file.end()) {
+            where = other->first.source();
             const std::string name = Quoted(other->first.str());
-            Add("no-section", Severity::Error, other->first.source(),
-                missing +
-                    (isKey(other->first) ? ", and " + name + " stands outside of it"
-                                         : ", only " + name) +
-                    consequence);
-            return;
+            instead = isKey(other->first) ? fmt::format(", and {} stands outside of it", name)
+                                          : fmt::format(", only {}", name);
         }
-        Add("no-section", Severity::Error, {{1, 1}, {1, 1}, nullptr}, missing + consequence);
+        Add("no-section", Severity::Error, where, "there is no table [{}]{}: {}", SECTION, instead,
+            consequence);
     }
 
     void CheckSwitch(const toml::table& section) {
         const toml::node* node = section.get(SWITCH);
-        const std::string consequence = ": boosting is switched off, nothing is boosted";
+        constexpr const char* consequence = "boosting is switched off, nothing is boosted";
         if (node == nullptr) {
-            Add("switched-off", Severity::Error, section.source(),
-                "there is no " + std::string(SWITCH) + consequence);
+            Add("switched-off", Severity::Error, section.source(), "there is no {}: {}", SWITCH,
+                consequence);
         } else if (!node->is_boolean()) {
             Add("wrong-type", Severity::Error, node->source(),
-                std::string(SWITCH) + " is " + ValueOf(*node) + ", where true or false is read" +
-                    consequence);
+                "{} is {}, where true or false is read: {}", SWITCH, ValueOf(*node), consequence);
         } else if (!(table.isEnabled = node->as_boolean()->get())) {
-            Add("switched-off", Severity::Error, node->source(),
-                std::string(SWITCH) + " is false" + consequence);
+            Add("switched-off", Severity::Error, node->source(), "{} is false: {}", SWITCH,
+                consequence);
         }
     }
 
@@ -191,44 +185,43 @@ class Checker {
             return;
         }
         const auto number = node->value_exact<int64_t>();
-        const std::string is =
-            std::string(WIDTH) + " is " + (number ? std::to_string(*number) : ValueOf(*node));
         const char* check = "width";
         const char* problem = nullptr;
         if (!number) {
             check = "wrong-type";
-            problem = ", where an integer is read: no width but 3840 is boosted";
+            problem = "where an integer is read: no width but 3840 is boosted";
         } else if (!Fits<int32_t>(*number)) {
-            problem = ", which does not fit 32 bits and is not read: no width but 3840 is boosted";
+            problem = "which does not fit 32 bits and is not read: no width but 3840 is boosted";
         } else {
             table.additionalWidth = static_cast<int32_t>(*number);
             if (*number == FIXED_WIDTH) {
-                problem = ", which is boosted in any case: no second width is";
+                problem = "which is boosted in any case: no second width is";
             } else if (*number <= 0) {
-                problem = ", which is not the width of a video: no width but 3840 is boosted";
+                problem = "which is not the width of a video: no width but 3840 is boosted";
             }
         }
         if (problem != nullptr) {
-            Add(check, Severity::Warning, node->source(), is + problem);
+            Add(check, Severity::Warning, node->source(), "{} is {}, {}", WIDTH,
+                number ? std::to_string(*number) : ValueOf(*node), problem);
         }
     }
 
     void CheckModes(const toml::table& section) {
         const toml::node* node = section.get(MODES);
-        const std::string name(MODES);
-        const char* consequence = ": no operation mode is supported, nothing is boosted";
+        constexpr const char* consequence = "no operation mode is supported, nothing is boosted";
         if (node == nullptr) {
-            Add("no-modes", Severity::Error, section.source(), "there is no " + name + consequence);
+            Add("no-modes", Severity::Error, section.source(), "there is no {}: {}", MODES,
+                consequence);
             return;
         }
         const toml::array* list = node->as_array();
         if (list == nullptr) {
-            Add("wrong-type", Severity::Error, node->source(),
-                name + " is " + ValueOf(*node) + ", where a list is read" + consequence);
+            Add("wrong-type", Severity::Error, node->source(), "{} is {}, where a list is read: {}",
+                MODES, ValueOf(*node), consequence);
             return;
         }
         if (list->empty()) {
-            Add("no-modes", Severity::Error, node->source(), name + " is empty" + consequence);
+            Add("no-modes", Severity::Error, node->source(), "{} is empty: {}", MODES, consequence);
         }
         bool isReadable = true;
         std::set<int32_t> modes;
@@ -237,9 +230,9 @@ class Checker {
                 CheckMode(value, *number, modes);
             } else {
                 Add("wrong-type", Severity::Error, value.source(),
-                    "a mode is " + ValueOf(value) +
-                        ", where an integer is read: the list cannot be read, which switches "
-                        "boosting off, and nothing is boosted");
+                    "a mode is {}, where an integer is read: the list cannot be read, which "
+                    "switches boosting off, and nothing is boosted",
+                    ValueOf(value));
                 isReadable = false;
             }
         }
@@ -253,36 +246,36 @@ class Checker {
     void CheckMode(const toml::node& node, int64_t number, std::set<int32_t>& modes) {
         // Cut as the store cuts it, and taken as signed as the library takes it.
         const auto mode = static_cast<int32_t>(static_cast<uint32_t>(number));
-        const std::string readAs = ModeText(mode) + " (" + std::to_string(mode) + ")";
+        const std::string readAs = fmt::format("{} ({})", ModeText(mode), mode);
         if (!Fits<uint32_t>(number)) {
             Add("mode-out-of-range", Severity::Warning, node.source(),
-                "mode " + std::to_string(number) +
-                    " is not an unsigned number of 32 bits: it is cut to " + readAs +
-                    ", and that mode is boosted");
+                "mode {} is not an unsigned number of 32 bits: it is cut to {}, and that mode is "
+                "boosted",
+                number, readAs);
         }
         if (!modes.insert(mode).second) {
             Add("duplicate-mode", Severity::Warning, node.source(),
-                "mode " + readAs +
-                    " is in the list already: no further mode is boosted by it, if another was "
-                    "meant");
+                "mode {} is in the list already: no further mode is boosted by it, if another was "
+                "meant",
+                readAs);
         }
     }
 
     void CheckStages(const toml::table& section) {
         const toml::node* node = section.get(STAGE);
         const toml::table* stages = node == nullptr ? nullptr : node->as_table();
-        const char* consequence =
-            ": no node ends a stage, so the boost service is never told of a frame";
+        constexpr const char* consequence =
+            "no node ends a stage, so the boost service is never told of a frame";
         table.stageCount = stages == nullptr ? 0 : static_cast<int32_t>(stages->size());
         if (node == nullptr) {
-            Add("no-stages", Severity::Error, section.source(),
-                std::string("there is no table of stages") + consequence);
+            Add("no-stages", Severity::Error, section.source(), "there is no table of stages: {}",
+                consequence);
         } else if (stages == nullptr) {
             Add("wrong-type", Severity::Error, node->source(),
-                "stage is " + ValueOf(*node) + ", where a table of lists is read" + consequence);
+                "stage is {}, where a table of lists is read: {}", ValueOf(*node), consequence);
         } else if (stages->empty()) {
-            Add("no-stages", Severity::Error, node->source(),
-                std::string("the table of stages is empty") + consequence);
+            Add("no-stages", Severity::Error, node->source(), "the table of stages is empty: {}",
+                consequence);
         }
         if (stages == nullptr) {
             return;
@@ -296,30 +289,27 @@ class Checker {
         uint64_t next = 0;
         for (const auto& [number, stage] : numbered) {
             if (number != next) {
-                std::string missing = "stage " + std::to_string(next) + " is missing";
-                if (number - next > 1) {
-                    missing = "stages " + std::to_string(next) + " to " +
-                              std::to_string(number - 1) + " are missing";
-                }
+                const std::string missing =
+                    number - next > 1 ? fmt::format("stages {} to {} are", next, number - 1)
+                                      : fmt::format("stage {} is", next);
                 Add("stage-gap", Severity::Error, stage.first->source(),
-                    missing + " before stage " + std::to_string(number) + StopLoading());
+                    "{} missing before stage {}{}", missing, number, StopLoading());
             }
             CheckStage(number, *stage.second);
             next = number + 1;
         }
         if (table.stageCount == 1 && table.stages.size() == 1) {
             Add("single-stage", Severity::Error, places[0],
-                "it is the only stage: its node end starts frames, it never ends one. Each "
-                "frame is reported as an error for a stage 1 that does not exist, and again when " +
-                    Count(FRAMES_TRACKED, "frame") +
-                    " fill the table and the oldest has to make room");
+                "it is the only stage: its node end starts frames, it never ends one. Each frame "
+                "is reported as an error for a stage 1 that does not exist, and again when {} fill "
+                "the table and the oldest has to make room",
+                Counted(FRAMES_TRACKED, "frame"));
         }
         if (*table.stageCount >= FRAMES_TRACKED) {
             Add("too-many-stages", Severity::Warning, node->source(),
-                Count(stages->size(), "stage") + ", and no more than " +
-                    Count(FRAMES_TRACKED, "frame") +
-                    " are tracked: with a frame in each stage the next one pushes the oldest out, "
-                    "which is reported and never ends");
+                "{}, and no more than {} are tracked: with a frame in each stage the next one "
+                "pushes the oldest out, which is reported and never ends",
+                Counted(*table.stageCount, "stage"), Counted(FRAMES_TRACKED, "frame"));
         }
     }
 
@@ -328,8 +318,8 @@ class Checker {
         if (!std::exchange(loads, false)) {
             return ": loading has stopped before that already";
         }
-        return ": loading stops there with " + std::to_string(table.stages.size()) + " of " +
-               Count(static_cast<size_t>(*table.stageCount), "stage") + ", so no frame ever ends";
+        return fmt::format(": loading stops there with {} of {}, so no frame ever ends",
+                           table.stages.size(), Counted(*table.stageCount, "stage"));
     }
 
     // The stage's number; nothing for a key that the library never asks for.
@@ -343,28 +333,26 @@ class Checker {
             return std::strtoull(std::string(text).c_str(), nullptr, 10);
         }
         Add("unknown-key", Severity::Error, key.source(),
-            "stage key " + Quoted(text) +
-                " is never asked for, as stages are named 0, 1, 2 and so "
-                "on: its list is not read, yet it counts as one of " +
-                Count(static_cast<size_t>(*table.stageCount), "stage") + ", so no frame ever ends");
+            "stage key {} is never asked for, as stages are named 0, 1, 2 and so on: its list is "
+            "not read, yet it counts as one of {}, so no frame ever ends",
+            Quoted(text), Counted(*table.stageCount, "stage"));
         return std::nullopt;
     }
 
     // Takes in the stage, unless loading has stopped.
-    void CheckStage(uint64_t stageNumber, const toml::node& node) {
-        const std::string number = std::to_string(stageNumber);
+    void CheckStage(uint64_t number, const toml::node& node) {
         const toml::array* list = node.as_array();
         if (list == nullptr) {
             Add("wrong-type", Severity::Error, node.source(),
-                "stage " + number + " is " + ValueOf(node) +
-                    ", where a list of a node name and ports is read" + StopLoading());
+                "stage {} is {}, where a list of a node name and ports is read{}", number,
+                ValueOf(node), StopLoading());
             return;
         }
         if (list->empty()) {
             Add("stage-empty", Severity::Error, node.source(),
-                "stage " + number +
-                    " has neither node nor ports: it is skipped but still counts, "
-                    "so it never ends, and no frame does");
+                "stage {} has neither node nor ports: it is skipped but still counts, so it never "
+                "ends, and no frame does",
+                number);
             return;
         }
         std::vector<std::string> texts;
@@ -375,9 +363,8 @@ class Checker {
                 texts.push_back(std::move(*text));
             } else {
                 Add("wrong-type", Severity::Error, value.source(),
-                    (texts.empty() ? "the node of stage " : "a port of stage ") + number + " is " +
-                        ValueOf(value) + ", where a text is read: the list cannot be read" +
-                        StopLoading());
+                    "{} of stage {} is {}, where a text is read: the list cannot be read{}",
+                    texts.empty() ? "the node" : "a port", number, ValueOf(value), StopLoading());
             }
         }
         if (texts.size() != list->size()) {
@@ -388,22 +375,24 @@ class Checker {
         const toml::node& name = (*list)[0];
         if (name.is_integer()) {
             Add("wrong-type", Severity::Warning, name.source(),
-                "the node of stage " + number + " is the number " + stage.node +
-                    ": it is read as a name, where ports come second");
+                "the node of stage {} is the number {}: it is read as a name, where ports come "
+                "second",
+                number, stage.node);
         }
-        CheckName(stageNumber, texts[0], name.source());
+        CheckName(number, texts[0], name.source());
         std::set<int32_t> ports;
         for (size_t i = 1; i < texts.size(); ++i) {
-            CheckPort(stageNumber, texts[i], (*list)[i].source(), ports);
+            CheckPort(number, texts[i], (*list)[i].source(), ports);
         }
         if (ports.size() > 1) {
             Add("several-ports", Severity::Note, (*list)[1].source(),
-                "stage " + number + " ends on any one of its " + Count(ports.size(), "port") +
-                    ", which are alternatives. Where a frame comes out on two of them, " +
-                    OfSecondEnd(table, static_cast<int32_t>(stageNumber)));
+                "stage {} ends on any one of its {}, which are alternatives. Where a frame comes "
+                "out on two of them, {}",
+                number, Counted(static_cast<int64_t>(ports.size()), "port"),
+                OfSecondEnd(table, static_cast<int32_t>(number)));
         }
         if (loads) {
-            stage.stage = static_cast<int32_t>(stageNumber);
+            stage.stage = static_cast<int32_t>(number);
             stage.ports.assign(ports.begin(), ports.end());
             places.push_back(name.source());
             table.stages.push_back(std::move(stage));
@@ -411,27 +400,21 @@ class Checker {
     }
 
     void CheckName(uint64_t number, const std::string& name, const toml::source_region& place) {
-        const std::string node = "node " + Quoted(name) + " of stage " + std::to_string(number);
+        const std::string node = fmt::format("node {} of stage {}", Quoted(name), number);
         const auto isOdd = [](unsigned char letter) { return letter < ' ' || letter == 0x7F; };
         if (name.empty()) {
-            const std::string what =
-                node +
-                " matches every node that no higher stage matches, those of other "
-                "parts of the camera included";
-            if (number == 0) {
-                Add("empty-name", Severity::Warning, place,
-                    what + ": each one that reports such a port ends stage 0");
-            } else {
-                Add("empty-name", Severity::Error, place,
-                    what + ": no node is left for the stages below, so no frame ever ends");
-            }
+            Add("empty-name", number == 0 ? Severity::Warning : Severity::Error, place,
+                "{} matches every node that no higher stage matches, those of other parts of the "
+                "camera included: {}",
+                node,
+                number == 0 ? "each one that reports such a port ends stage 0"
+                            : "no node is left for the stages below, so no frame ever ends");
         } else if (name.front() == ' ' || name.back() == ' ' ||
                    std::any_of(name.begin(), name.end(), isOdd)) {
             Add("blank-in-name", Severity::Warning, place,
-                node +
-                    " has blanks at an end, or control characters: they are part of the name, "
-                    "and a node without them is not matched" +
-                    (name.find('\0') == std::string::npos ? "" : "; a zero ends it"));
+                "{} has blanks at an end, or control characters: they are part of the name, and a "
+                "node without them is not matched{}",
+                node, name.find('\0') == std::string::npos ? "" : "; a zero ends it");
         }
         const size_t at = name.find(CAMERA_NODE);
         size_t digit = at == std::string::npos ? at : at + CAMERA_NODE.size();
@@ -440,44 +423,42 @@ class Checker {
         }
         if (digit < name.size() && std::isdigit(static_cast<unsigned char>(name[digit])) != 0) {
             Add("camera-specific", Severity::Warning, place,
-                node + " matches that camera's alone" +
-                    (std::isdigit(static_cast<unsigned char>(name.back())) != 0
-                         ? ", and those with more digits, such as " + Quoted(name + "0")
-                         : "") +
-                    ": with another camera the stage never ends, and no frame does. " +
-                    Quoted(CAMERA_NODE) + " matches all");
+                "{} matches that camera's alone{}: with another camera the stage never ends, and "
+                "no frame does. {} matches all",
+                node,
+                std::isdigit(static_cast<unsigned char>(name.back())) != 0
+                    ? ", and those with more digits, such as " + Quoted(name + "0")
+                    : "",
+                Quoted(CAMERA_NODE));
         }
     }
 
     // Adds what the library reads of `text` to `ports`.
     void CheckPort(uint64_t number, const std::string& text, const toml::source_region& place,
                    std::set<int32_t>& ports) {
-        const std::string port = "port " + Quoted(text) + " of stage " + std::to_string(number);
+        const std::string port = fmt::format("port {} of stage {}", Quoted(text), number);
         char* end = nullptr;
         const long value = std::strtol(text.c_str(), &end, 10);
         if (end == text.c_str() || !Fits<int32_t>(value)) {
-            Add("port-not-a-number", Severity::Error, place,
-                port +
-                    (end == text.c_str() ? " does not start with a decimal number"
-                                         : " does not fit 32 bits") +
-                    (loads ? ": the library ends the process while it is being loaded"
-                           : ": the process would end, if the stage was loaded"));
+            Add("port-not-a-number", Severity::Error, place, "{} does not {}: the {}", port,
+                end == text.c_str() ? "start with a decimal number" : "fit 32 bits",
+                loads ? "library ends the process while it is being loaded"
+                      : "process would end, if the stage was loaded");
             result.endsProcess = result.endsProcess || loads;
             return;
         }
-        const std::string readAs = port + " is read as " + std::to_string(value);
         const std::string_view rest =
             std::string_view(text).substr(static_cast<size_t>(end - text.c_str()));
         if (rest.find_first_not_of(" \t") != std::string_view::npos) {
-            Add("port-misread", Severity::Error, place, readAs + ": ports are decimal");
+            Add("port-misread", Severity::Error, place, "{} is read as {}: ports are decimal", port,
+                value);
         } else if (text != std::to_string(value)) {
-            Add("port-misread", Severity::Note, place, readAs);
+            Add("port-misread", Severity::Note, place, "{} is read as {}", port, value);
         }
         if (!ports.insert(static_cast<int32_t>(value)).second) {
             Add("duplicate-port", Severity::Warning, place,
-                port +
-                    " is listed already: no further port ends the stage by it, if another was "
-                    "meant");
+                "{} is listed already: no further port ends the stage by it, if another was meant",
+                port);
         }
     }
 
@@ -489,22 +470,21 @@ class Checker {
             if (winner == stage.stage) {
                 CheckPorts(stage, places[i]);
             } else {
-                AddShadowed(stage, std::to_string(winner), places[i]);
+                AddShadowed(stage, winner, places[i]);
             }
         }
     }
 
     static std::string NodeOf(const ConfiguredStage& stage) {
-        return "node " + Quoted(stage.node) + " of stage " + std::to_string(stage.stage);
+        return fmt::format("node {} of stage {}", Quoted(stage.node), stage.stage);
     }
 
-    void AddShadowed(const ConfiguredStage& stage, const std::string& winner,
+    void AddShadowed(const ConfiguredStage& stage, int32_t winner,
                      const toml::source_region& place) {
-        const std::string number = std::to_string(stage.stage);
         Add("shadowed", Severity::Error, place,
-            NodeOf(stage) + " is never stage " + number + ", as the name of stage " + winner +
-                " occurs in it and the highest stage wins: its node ends count for stage " +
-                winner + ", stage " + number + " never ends, and no frame does");
+            "{0} is never stage {1}, as the name of stage {2} occurs in it and the highest stage "
+            "wins: its node ends count for stage {2}, stage {1} never ends, and no frame does",
+            NodeOf(stage), stage.stage, winner);
     }
 
     void CheckPorts(const ConfiguredStage& stage, const toml::source_region& place) {
@@ -517,10 +497,10 @@ class Checker {
         }
         if (stage.ports.empty() && !result.endsProcess) {
             Add("no-ports", isHelped ? Severity::Warning : Severity::Error, place,
-                NodeOf(stage) + " has no ports" +
-                    (isHelped ? ": it ends on those of other stages alone"
-                              : ": none of its node ends counts, so the stage never ends, and no "
-                                "frame does"));
+                "{} has no ports: {}", NodeOf(stage),
+                isHelped
+                    ? "it ends on those of other stages alone"
+                    : "none of its node ends counts, so the stage never ends, and no frame does");
         }
     }
 
@@ -529,14 +509,14 @@ class Checker {
         std::string ports;
         for (const int32_t port : other.ports) {
             if (!std::binary_search(stage.ports.begin(), stage.ports.end(), port)) {
-                ports += (ports.empty() ? "" : ", ") + std::to_string(port);
+                ports += fmt::format("{}{}", ports.empty() ? "" : ", ", port);
             }
         }
         if (!ports.empty() && !other.node.empty()) {
             Add("port-through-other-stage", Severity::Warning, place,
-                NodeOf(stage) + " ends its stage on port " + ports + " too: stage " +
-                    std::to_string(other.stage) + " lists it, and its name, " + Quoted(other.node) +
-                    ", occurs in this one");
+                "{} ends its stage on port {} too: stage {} lists it, and its name, {}, occurs in "
+                "this one",
+                NodeOf(stage), ports, other.stage, Quoted(other.node));
         }
     }
 
