@@ -155,7 +155,7 @@ Moment CaptureReader::MomentOf(std::optional<int64_t> clock, int32_t process, in
     latest = std::max(latest, now);
     lastClock = isSet ? *clock : std::max(lastClock, *clock);
     moment.time = now - *origin;
-    summary.last = latest - *origin;
+    summary.last = isSet ? moment.time : std::max(summary.last, moment.time);
     if (isSet) {
         for (MessageSink* const sink : sinks) {
             sink->OnClockSet(passed, moment, place);
@@ -164,12 +164,12 @@ Moment CaptureReader::MomentOf(std::optional<int64_t> clock, int32_t process, in
     return moment;
 }
 
+// A record that is being held may still come, with an earlier time: it is only noted how far the
+// capture goes.
 void CaptureReader::OnTime(int64_t time) {
     const int64_t now = WithoutMadeUpDay(time);
-    // Whether the clock was set the next line of the library will tell.
-    if (origin && now > latest && now - latest <= LONGEST_SILENCE_IN_SCENE) {
-        latest = now;
-        summary.last = latest - *origin;
+    if (origin && now - latest <= LONGEST_SILENCE_IN_SCENE) {
+        summary.last = std::max(summary.last, now - *origin);
     }
 }
 
