@@ -1,7 +1,7 @@
 #include "tools/log/overlap.h"
 
 #include <algorithm>
-#include <functional>
+#include <string>
 #include <utility>
 
 namespace tools {
@@ -37,7 +37,7 @@ void OverlapFilter::End() {
 }
 
 bool OverlapFilter::MayRepeat(uint64_t hash) {
-    const size_t position = hashes.size();
+    const size_t position = hashes++;
     if (position == 0) {
         for (size_t at = 0; at < tail.size() && candidates.size() < MOST_CANDIDATES; ++at) {
             if (tail[at] == hash) {
@@ -49,11 +49,8 @@ bool OverlapFilter::MayRepeat(uint64_t hash) {
             return at + position >= tail.size() || tail[at + position] != hash;
         });
     }
-    hashes.push_back(hash);
-    for (const size_t at : candidates) {
-        if (at + position + 1 == tail.size()) {
-            repeated = position + 1;
-        }
+    if (!candidates.empty() && candidates.back() + position + 1 == tail.size()) {
+        repeated = position + 1;
     }
     return !candidates.empty();
 }
@@ -65,20 +62,11 @@ void OverlapFilter::Remember(uint64_t hash) {
     tail.push_back(hash);
 }
 
-void OverlapFilter::HandOn(const Held& it) {
-    switch (it.kind) {
-        case Held::Kind::Record: {
-            Record record = it.record;
-            record.message = it.message;
-            sink.OnRecord(record, it.place);
-            break;
-        }
-        case Held::Kind::LeftOut:
-            sink.OnLeftOut(it.lines, it.record.process, it.record.time, it.place);
-            break;
-        case Held::Kind::Fragment:
-            sink.OnFragment(it.message, it.place);
-            break;
+void OverlapFilter::Hold(Held it) {
+    const std::optional<uint64_t> hash = it.hash;
+    held.push_back(std::move(it));
+    if (hash && !MayRepeat(*hash)) {
+        Release();
     }
 }
 
@@ -87,57 +75,49 @@ void OverlapFilter::Release() {
     isComparing = false;
     size_t position = 0;
     for (const Held& it : held) {
-        const bool isRepeated = position < repeated;
-        position += it.kind == Held::Kind::Fragment ? 0 : 1;
-        if (!isRepeated) {
-            HandOn(it);
+        if (position >= repeated) {
+            it.handOn();
+            if (it.hash) {
+                Remember(*it.hash);
+            }
         }
-    }
-    for (size_t i = repeated; i < hashes.size(); ++i) {
-        Remember(hashes[i]);
+        position += it.hash ? 1U : 0U;
     }
     held.clear();
-    hashes.clear();
     candidates.clear();
-    repeated = 0;
+    hashes = repeated = 0;
 }
 
 void OverlapFilter::OnRecord(const Record& record, const Place& place) {
     const uint64_t hash = HashOf(record.time, record.process, record.thread, record.message);
-    if (!isComparing) {
-        Remember(hash);
-        sink.OnRecord(record, place);
+    if (isComparing) {
+        Hold({hash, [this, copy = record, text = std::string(record.message), place]() mutable {
+                  copy.message = text;
+                  sink.OnRecord(copy, place);
+              }});
         return;
     }
-    held.push_back({Held::Kind::Record, record, std::string(record.message), 0, place});
-    if (!MayRepeat(hash)) {
-        Release();
-    }
+    Remember(hash);
+    sink.OnRecord(record, place);
 }
 
 void OverlapFilter::OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
                               const Place& place) {
     const uint64_t hash = HashOf(time, process, static_cast<int32_t>(lines), "");
-    if (!isComparing) {
-        Remember(hash);
-        sink.OnLeftOut(lines, process, time, place);
+    if (isComparing) {
+        Hold({hash, [=, this] { sink.OnLeftOut(lines, process, time, place); }});
         return;
     }
-    Record record;
-    record.time = time;
-    record.process = process;
-    held.push_back({Held::Kind::LeftOut, record, {}, lines, place});
-    if (!MayRepeat(hash)) {
-        Release();
-    }
+    Remember(hash);
+    sink.OnLeftOut(lines, process, time, place);
 }
 
 void OverlapFilter::OnFragment(std::string_view line, const Place& place) {
-    if (!isComparing) {
-        sink.OnFragment(line, place);
+    if (isComparing) {
+        Hold({{}, [this, text = std::string(line), place] { sink.OnFragment(text, place); }});
         return;
     }
-    held.push_back({Held::Kind::Fragment, {}, std::string(line), 0, place});
+    sink.OnFragment(line, place);
 }
 
 void OverlapFilter::OnTime(int64_t time) {

@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <vector>
 
@@ -32,17 +32,14 @@ class OverlapFilter : public RecordSink {
   private:
     // Something that may have been read before.
     struct Held {
-        enum class Kind : uint8_t { Record, LeftOut, Fragment } kind = Kind::Record;
-        Record record;        // Of the other kinds the time, the process and the text alone.
-        std::string message;  // What the record's message is.
-        int64_t lines = 0;    // Left out.
-        Place place;
+        std::optional<uint64_t> hash;  // Nothing of a fragment, which is never repeated whole.
+        std::function<void()> handOn;
     };
 
     // Whether what has that hash, the next of the input, may stand in the end of what was read.
     bool MayRepeat(uint64_t hash);
     void Remember(uint64_t hash);
-    void HandOn(const Held& held);
+    void Hold(Held it);
     void Release();
 
     RecordSink& sink;
@@ -50,9 +47,9 @@ class OverlapFilter : public RecordSink {
     // While an input may still repeat what was read:
     bool isComparing = false;
     std::vector<size_t> candidates;  // Where in the tail its beginning may stand.
-    std::vector<uint64_t> hashes;    // Of what is held, without fragments.
     std::deque<Held> held;
-    size_t repeated = 0;  // How many of the hashes are known to be a repetition.
+    size_t hashes = 0;    // Of what is held.
+    size_t repeated = 0;  // How many of them are known to be a repetition.
 };
 
 }  // namespace tools
