@@ -198,6 +198,9 @@ struct Scene {
     std::vector<Frame> frames;
     std::vector<StagePass> passes;             // stageCount for each frame.
     std::vector<std::vector<uint32_t>> order;  // A stage each: the frames in the order they left.
+    // The frame below 1 that opened the first one, which is no frame to the library.
+    std::optional<int64_t> opener;
+    Micros opened = NO_TIME;
     std::vector<Reporter> reporters;
     std::vector<int32_t> threads;
     std::set<int32_t> setThreads;  // Handed to the service.

@@ -76,7 +76,9 @@ class DelayFinder {
         }
         ++scene.lateFrames;
         row.hasFinding = true;
-        const Micros period = schedule.PeriodAt(to);
+        // The rate is the one at which it came, and not at which it came out.
+        const bool hasCome = scene.stageCount > 0 && scene.PassOf(frame, 0).HasLeft();
+        const Micros period = schedule.PeriodAt(hasCome ? scene.PassOf(frame, 0).left : to);
         // Each frame that never came out leaves a period empty, and so does one that comes later.
         Micros missing = 0;
         uint32_t overtaken = NO_INDEX;
@@ -108,16 +110,19 @@ class DelayFinder {
             }
             return;
         }
-        if (schedule.LastStage() < 0) {
-            Blame(position, frame);
-            return;
+        // A frame that others overtake is told of as such.
+        const uint32_t behind = overtaken == NO_INDEX ? frame : overtaken;
+        if (judging.IsExplained(behind) &&
+            judging.troubles[judging.causes[behind] - 1].finding.check == Check::StageOrder) {
+            judging.troubles[judging.causes[behind] - 1].late.push_back(row.number);
+        } else if (schedule.LastStage() < 0 || !Follow(behind, row.number, delay)) {
+            BlameNobody(row);
         }
-        Follow(overtaken == NO_INDEX ? frame : overtaken, row.number, delay);
     }
 
-    void Blame(size_t /*position*/, uint32_t frame) {
-        nobodysFault.push_back(scene.frames[frame].number);
-        longest = std::max(longest, scene.frames[frame].interval);
+    void BlameNobody(const Frame& row) {
+        nobodysFault.push_back(row.number);
+        longest = std::max(longest, row.interval);
     }
 
     // Frames of the numbers between two, those without any line as NO_INDEX.
@@ -145,8 +150,8 @@ class DelayFinder {
     }
 
     // From the output of a late frame back along whatever came later, arrival or the frame ahead,
-    // until its delay is explained.
-    void Follow(uint32_t late, int64_t number, Micros delay) {
+    // until its delay is explained. False when no stage is to blame.
+    bool Follow(uint32_t late, int64_t number, Micros delay) {
         uint32_t frame = late;
         int32_t stage = schedule.LastStage();
         const Micros farthest = OutputOf(late) - FARTHEST_BACK - delay;
@@ -170,7 +175,7 @@ class DelayFinder {
             for (const SlowRun& run : judging.slowRuns) {
                 if (run.isForGood && run.stage == stage && left >= run.begin && left <= run.end) {
                     judging.troubles[run.trouble].late.push_back(number);
-                    return;
+                    return true;
                 }
             }
             const Micros usual = stage == 0
@@ -194,8 +199,7 @@ class DelayFinder {
                            : std::max({Micros{2500}, schedule.UsualDelay(worstStage) * 15 / 100,
                                        2 * judging.resolution});
         if (worstFrame == NO_INDEX || worst <= least) {
-            Blame(0, late);
-            return;
+            return false;
         }
         std::vector<Blamed>& blamed = blamedOf[worstStage];
         const auto known = std::find_if(blamed.begin(), blamed.end(), [&](const Blamed& other) {
@@ -206,6 +210,7 @@ class DelayFinder {
         } else {
             blamed.push_back({worstFrame, {number}});
         }
+        return true;
     }
 
     Micros ExcessOf(uint32_t frame, int32_t stage) const {

@@ -128,13 +128,16 @@ struct FactsMaker::Running {
                (scene.stageCount > 0 && scene.PassOf(frame, scene.stageCount - 1).HasLeft());
     }
 
-    // A number that is far below the one before it starts a new count.
+    // A number that is below the one before it, and has been through or is far below, starts a new
+    // count.
     void NoteNumber(int64_t number, int64_t before) {
         const auto known = Find(number);
-        const bool isAgain = known ? IsThrough(*known) || scene.frames[*known].epoch != epoch
-                                   : number < before - FAR_BELOW;
-        if (number < before && isAgain) {
+        const bool isOfThisCount = known && scene.frames[*known].epoch == epoch;
+        const bool isAgain = isOfThisCount ? IsThrough(*known) : before - FAR_BELOW > number;
+        if (number < before && isAgain && epoch < UINT16_MAX) {
             ++epoch;
+            lastStarted = number;
+            lastLeft = number;
         }
     }
 
@@ -213,6 +216,10 @@ struct FactsMaker::Running {
         }
         if (end.stage == 0) {
             lastLeft = end.frame;
+            if (end.frame < 1 && scene.order[0].empty()) {
+                scene.opened = end.time;
+                scene.opener = end.frame;
+            }
         }
     }
 

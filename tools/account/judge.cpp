@@ -10,9 +10,6 @@
 namespace tools {
 namespace {
 
-// Findings of a kind that are told one by one. More become one.
-constexpr size_t TOLD_ONE_BY_ONE = 5;
-
 Statistics StatisticsOf(std::vector<Micros>& values) {
     Statistics statistics;
     statistics.count = static_cast<int64_t>(values.size());
@@ -140,7 +137,7 @@ void CountFrames(Judging& judging) {
 }
 
 // Causes before consequences, and many of a kind as one.
-void Conclude(Judging& judging) {
+void Conclude(Judging& judging, size_t toldOneByOne) {
     Scene& scene = judging.scene;
     std::map<std::pair<Check, int32_t>, std::vector<Trouble*>> kinds;
     for (Trouble& trouble : judging.troubles) {
@@ -151,7 +148,7 @@ void Conclude(Judging& judging) {
     for (auto& [kind, troubles] : kinds) {
         const bool isAlwaysAlone =
             kind.first == Check::NodeIgnored || kind.first == Check::ThreadNotSet;
-        if (troubles.size() <= TOLD_ONE_BY_ONE || isAlwaysAlone) {
+        if (troubles.size() <= toldOneByOne || isAlwaysAlone) {
             for (Trouble* trouble : troubles) {
                 findings.push_back(std::move(trouble->finding));
             }
@@ -219,7 +216,7 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
         BlameForDrops(judging);
     }
     CountFrames(judging);
-    Conclude(judging);
+    Conclude(judging, options.toldOneByOne);
     if (!scene.hasTimes) {
         // What stood for times served its purpose.
         for (Frame& frame : scene.frames) {

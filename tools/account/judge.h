@@ -8,6 +8,7 @@ namespace tools {
 
 struct JudgeOptions {
     double latePeriods = 1.5;  // An output interval of more frame periods than that is late.
+    size_t toldOneByOne = 5;   // Findings of a kind in a scene. More become one.
 };
 
 // Fills what is worked out in an account that has its facts and `resolution`. May be called once

@@ -14,7 +14,9 @@ namespace {
 constexpr Micros STANDS = 6;
 // Where the HAL skips numbers, less time goes by than the frames would have taken.
 constexpr double SKIPPED_SHARE = 0.6;
-// A HAL may wait that long for a frame before it gives up, and nobody sees it.
+// The sensor has stopped before the scene ends: a HAL lets the pipeline run empty, and nobody sees
+// it.
+constexpr Micros RUNS_EMPTY = SECOND / 4;
 constexpr Micros SENSOR_MAY_OWE = SECOND;
 constexpr uint64_t MOST_MISSING = 100'000;  // More is another count.
 
@@ -55,12 +57,14 @@ void FindMissingNumbers(Judging& judging) {
     }
     std::map<std::pair<uint16_t, int64_t>, uint32_t> known;  // Made when first needed.
     const std::vector<uint32_t>& left = scene.order[0];
-    for (size_t i = 1; i < left.size(); ++i) {
-        const Frame& before = scene.frames[left[i - 1]];
+    for (size_t i = scene.opener ? 0 : 1; i < left.size(); ++i) {
         const Frame& next = scene.frames[left[i]];
-        const auto step = static_cast<uint64_t>(next.number) - static_cast<uint64_t>(before.number);
-        if (next.epoch != before.epoch || next.number <= before.number || step < 2 ||
-            step > MOST_MISSING) {
+        const uint16_t epoch = i == 0 ? uint16_t{0} : scene.frames[left[i - 1]].epoch;
+        const int64_t before = i == 0 ? *scene.opener : scene.frames[left[i - 1]].number;
+        const Micros from = i == 0 ? scene.opened : scene.PassOf(left[i - 1], 0).left;
+        const Place place = i == 0 ? scene.from : scene.PassOf(left[i - 1], 0).place;
+        const auto step = static_cast<uint64_t>(next.number) - static_cast<uint64_t>(before);
+        if (next.epoch != epoch || next.number <= before || step < 2 || step > MOST_MISSING) {
             continue;
         }
         if (known.empty()) {
@@ -70,7 +74,7 @@ void FindMissingNumbers(Judging& judging) {
         }
         std::vector<int64_t> missing;
         std::vector<uint32_t> rows;
-        for (int64_t number = before.number + 1; number < next.number; ++number) {
+        for (int64_t number = before + 1; number < next.number; ++number) {
             const auto row = known.find({next.epoch, number});
             if (row != known.end() && HasAnyLine(scene, row->second)) {
                 continue;  // It is only that its end of stage 0 was not reported, or later.
@@ -80,7 +84,6 @@ void FindMissingNumbers(Judging& judging) {
                 rows.push_back(row->second);
             }
         }
-        const Micros from = scene.PassOf(left[i - 1], 0).left;
         const Micros to = scene.PassOf(left[i], 0).left;
         const bool isHole = judging.HasHole(from - 100 * MILLISECOND, to + 100 * MILLISECOND);
         if (missing.empty() || isHole) {
@@ -103,7 +106,7 @@ void FindMissingNumbers(Judging& judging) {
                 Check::FrameGap, Severity::Error, NO_INDEX, 0, pass.place, pass.left,
                 fmt::format(wording::SKIPPED, fmt::arg("frames", FramesText(missing)),
                             fmt::arg("were", missing.size() == 1 ? "was" : "were"),
-                            fmt::arg("next", next.number), fmt::arg("before", before.number)));
+                            fmt::arg("next", next.number), fmt::arg("before", before)));
             trouble.finding.frame = next.number;
             for (const uint32_t row : rows) {
                 judging.skipped[row] = true;
@@ -115,7 +118,6 @@ void FindMissingNumbers(Judging& judging) {
             first != NO_INDEX && std::all_of(rows.begin(), rows.end(), [&scene](uint32_t row) {
                 return scene.frames[row].isEnded;
             });
-        const StagePass& last = scene.PassOf(left[i - 1], 0);
         std::string text = fmt::format(wording::LOST, fmt::arg("frames", FramesText(missing)),
                                        fmt::arg("stage", judging.StageName(0)));
         if (isEnded) {
@@ -124,7 +126,7 @@ void FindMissingNumbers(Judging& judging) {
         }
         Trouble& trouble = judging.Raise(
             Check::FrameLost, isEnded ? Severity::Warning : Severity::Error, NO_INDEX, 0,
-            first == NO_INDEX ? last.place : scene.frames[first].place, last.left, std::move(text));
+            first == NO_INDEX ? place : scene.frames[first].place, from, std::move(text));
         trouble.finding.frame = missing.front();
         trouble.finding.frames = RangesOf(missing);
         trouble.cost = count;
@@ -159,9 +161,12 @@ void FindRestarts(Judging& judging) {
                 lastOfOld = row.number;
                 const bool isOut = judging.IsOut(frame);
                 if (!isOut && !judging.IsExplained(frame) && !judging.IsEarly(frame)) {
-                    flushed.push_back(row.number);
-                    row.isNeverOut = true;
                     judging.Explain(frame, number);
+                    // One that has left no stage had only been opened.
+                    if (HasAnyLine(scene, frame)) {
+                        flushed.push_back(row.number);
+                        row.isNeverOut = true;
+                    }
                 }
             } else if (row.epoch == epoch) {
                 first = first ? first : std::optional(frame);
@@ -233,7 +238,8 @@ void FindLost(Judging& judging) {
         if (isOpener && judging.NextStage(frame) <= 1) {
             continue;  // It was in the pipeline before the scene was.
         }
-        const int32_t stage = judging.NextStage(frame);
+        const int32_t stage =
+            judging.schedule.LastStage() < 0 ? scene.stageCount : judging.NextStage(frame);
         if (judging.neverHit && stage >= *judging.neverHit) {
             continue;
         }
@@ -259,8 +265,9 @@ void FindLost(Judging& judging) {
             before = frame;
         } else if (scene.hasTimes && hasStages && stage < scene.stageCount && since != NO_TIME) {
             const Micros period = judging.schedule.PeriodAt(since);
-            const Micros usual = stage == 0 ? period : judging.schedule.UsualStay(stage);
-            if (scene.stop - since - judging.Stood(since, scene.stop) > usual + STANDS * period) {
+            const Micros usual = judging.schedule.UsualStay(stage);
+            const Micros most = stage == 0 ? RUNS_EMPTY : usual + STANDS * period;
+            if (scene.stop - since - judging.Stood(since, scene.stop) > most) {
                 stuck[stage].push_back(frame);
             }
         }

@@ -30,7 +30,12 @@ class OrderFinder {
         bool hasStarted = false;
         for (const uint32_t frame : frames) {
             Frame& row = scene.frames[frame];
-            if (row.isUntold || judging.skipped[frame]) {
+            if (row.isUntold) {
+                continue;
+            }
+            if (judging.skipped[frame]) {
+                cause = judging.causes[frame];
+                hasStarted = true;
                 continue;
             }
             if (!judging.IsExplained(frame) && !judging.IsEarly(frame)) {
@@ -100,7 +105,7 @@ class OrderFinder {
     void Examine(uint32_t frame, bool hasStarted) {
         Frame& row = scene.frames[frame];
         const bool isComplete = row.status == FrameStatus::Complete;
-        if (judging.IsDoubtful(frame) && (!isComplete || Unreported(frame) >= 0)) {
+        if (judging.IsDoubtful(frame)) {
             row.isUntold = !isComplete;
             return;
         }
