@@ -1,6 +1,7 @@
 #include "tools/command/command.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -154,16 +155,18 @@ ProgressLine::~ProgressLine() {
 
 void ProgressLine::Show(int64_t done, int64_t all) {
     const auto now = std::chrono::steady_clock::now();
-    if (!isWanted || now - lastShown < std::chrono::milliseconds(100)) {
-        return;
+    if (isWanted && now - lastShown >= std::chrono::milliseconds(100)) {
+        lastShown = now;
+        Show(all == 0 ? fmt::format("{} {}", done, unit)
+                      : fmt::format("{} of {} {}", done, all, unit));
     }
-    lastShown = now;
-    isShown = true;
-    std::cerr << '\r' << done;
-    if (all != 0) {
-        std::cerr << " of " << all;
+}
+
+void ProgressLine::Show(const std::string& text) {
+    if (isWanted) {
+        isShown = true;
+        std::cerr << '\r' << text << "\033[K" << std::flush;
     }
-    std::cerr << ' ' << unit << "\033[K" << std::flush;
 }
 
 void ProgressLine::Clear() {

@@ -99,8 +99,8 @@ class Output : private FileBuffer, public std::ostream {
 void CatchInterrupts();
 bool IsInterrupted();
 
-// Shows how far long work has come: on standard error when that is a terminal, and nothing that is
-// shown on a terminal is in its way.
+// A line that shows how far long work has come: on standard error when that is a terminal, and
+// nothing that is shown on a terminal is in its way.
 class ProgressLine {
   public:
     // `unit`: what is counted, such as "frames". `writesToTerminal`: standard output is written to
@@ -112,6 +112,7 @@ class ProgressLine {
 
     // `all`: 0 for not known. May be called as often as one likes.
     void Show(int64_t done, int64_t all);
+    void Show(const std::string& text);
     // Takes the line away, for something else to be written.
     void Clear();
 

@@ -1,9 +1,10 @@
 #include "tools/command/pictures.h"
 
 #include <CLI/CLI.hpp>
-#include <charconv>
+#include <string_view>
 
 #include "tools/base/finding.h"
+#include "tools/base/words.h"
 #include "tools/command/command.h"
 #include "tools/output/page.h"
 #include "tools/output/trace.h"
@@ -13,7 +14,7 @@ namespace tools {
 void Pictures::AddOptions(CLI::App& command) {
     command
         .add_option("--to-html", page,
-                    "Write a page for a browser: findings, timelines, figures, in one file")
+                    "Write a page for a browser: findings, figures and frames, in one file")
         ->type_name("FILE");
     command
         .add_option("--to-trace", trace, "Write a trace for ui.perfetto.dev, in Chrome's JSON form")
@@ -28,24 +29,22 @@ std::optional<std::pair<int64_t, int64_t>> Pictures::Frames() const {
     if (frames.empty()) {
         return {};
     }
-    std::pair<int64_t, int64_t> range;
-    const char* const end = frames.data() + frames.size();
-    auto result = std::from_chars(frames.data(), end, range.first);
-    range.second = range.first;
-    if (result.ec == std::errc() && result.ptr != end && *result.ptr == '-') {
-        result = std::from_chars(result.ptr + 1, end, range.second);
-    }
-    if (result.ec != std::errc() || result.ptr != end || range.second < range.first) {
+    const size_t dash = frames.find('-', 1);
+    const auto first = ReadDigits<int64_t>(std::string_view(frames).substr(0, dash));
+    const auto last = dash == std::string::npos
+                          ? first
+                          : ReadDigits<int64_t>(std::string_view(frames).substr(dash + 1));
+    if (!first || !last || *last < *first) {
         FailUsage("--frames is " + Quoted(frames) +
                   ", expected a frame or a range such as 120-140");
     }
-    return range;
+    return std::pair(*first, *last);
 }
 
 void Pictures::Write(const Account& account, const std::string& title) const {
     if (!page.empty()) {
         Output out(page);
-        WritePage(out, account, {title, Frames()});
+        WritePage(out, account, title, {false, Frames()});
         out.Close();
     }
     if (!trace.empty()) {

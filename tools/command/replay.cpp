@@ -3,16 +3,16 @@
 #include "tools/play/replay.h"
 
 #include <CLI/CLI.hpp>
-#include <charconv>
 #include <memory>
 #include <optional>
+#include <streambuf>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "host/desktop.h"
-#include "tools/account/accountant.h"
-#include "tools/check/check.h"
+#include "tools/account/summary.h"
+#include "tools/base/words.h"
 #include "tools/command/command.h"
 #include "tools/command/pictures.h"
 #include "tools/play/transcript.h"
@@ -34,15 +34,39 @@ struct Arguments {
 std::pair<desktop::ServiceFunction, int32_t> ParseStatus(const std::string& text) {
     const size_t equals = text.find('=');
     const auto function = desktop::ServiceFunctionOf(text.substr(0, equals));
-    int32_t status = 0;
-    const char* end = text.data() + text.size();
-    if (!function || equals == std::string::npos ||
-        std::from_chars(text.data() + equals + 1, end, status).ptr != end) {
+    const auto status =
+        ReadDigits<int32_t>(equals == std::string::npos ? "" : text.substr(equals + 1));
+    if (!function || !status) {
         FailUsage("--status is " + Quoted(text) + ", expected FUNCTION=STATUS with one of " +
                   ServiceFunctionNames(", ") + ", and a number");
     }
-    return {*function, status};
+    return {*function, *status};
 }
+
+// Hands what is written to it to a reader of captures, and to a stream if there is one.
+class CaptureBuffer : public std::streambuf {
+  public:
+    CaptureBuffer(CaptureReader& captureReader, std::ostream* otherStream)
+        : reader(captureReader), other(otherStream) {}
+
+  protected:
+    std::streamsize xsputn(const char* text, std::streamsize length) override {
+        reader.Read({text, static_cast<size_t>(length)});
+        if (other != nullptr) {
+            other->write(text, length);
+        }
+        return length;
+    }
+    int_type overflow(int_type character) override {
+        const char text = traits_type::to_char_type(character);
+        xsputn(&text, 1);
+        return traits_type::not_eof(character);
+    }
+
+  private:
+    CaptureReader& reader;
+    std::ostream* other;
+};
 
 // Plays to `out`, which is standard output.
 bool PlayTo(Output& out, Arguments& arguments) {
@@ -61,8 +85,15 @@ bool PlayTo(Output& out, Arguments& arguments) {
     }
     options.log = isLogShown ? &out : logFile ? &*logFile : nullptr;
 
-    Accountant accountant;
-    options.steps = arguments.pictures.AreWanted() ? &accountant : nullptr;
+    FactsMaker facts;
+    CaptureReader reader({&facts});
+    CaptureBuffer buffer(reader, options.log);
+    std::ostream log(&buffer);
+    log.exceptions(std::ios::badbit);
+    if (arguments.pictures.AreWanted()) {
+        reader.Begin(0);
+        options.log = &log;
+    }
 
     CatchInterrupts();
     options.pace.isInterrupted = IsInterrupted;
@@ -72,17 +103,10 @@ bool PlayTo(Output& out, Arguments& arguments) {
         Replay(options, session, session.Name(), isLogShown ? nowhere : out, std::cerr);
     progress.Clear();
     if (isPlayed && arguments.pictures.AreWanted()) {
-        Account account = accountant.Finish();
-        account.inputs = {session.Name()};
-        account.hasTimes = true;
-        if (options.configuration) {
-            account.inputs.push_back(options.configuration->name);
-            account.configurationFindings =
-                CheckConfiguration(options.configuration->text).findings;
-            for (Finding& finding : account.configurationFindings) {
-                finding.place.input = 1;
-            }
-        }
+        reader.End();
+        reader.Finish();
+        const std::string name = logFile ? arguments.log : "the log of " + session.Name();
+        const Account account = MakeAccount(facts, reader.Summary(), {name}, {});
         arguments.pictures.Write(account, session.Name());
     }
     if (logFile) {

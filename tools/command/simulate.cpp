@@ -3,7 +3,7 @@
 #include "tools/play/simulate.h"
 
 #include <CLI/CLI.hpp>
-#include <charconv>
+#include <algorithm>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/words.h"
 #include "tools/command/command.h"
 #include "tools/play/replay.h"
 
@@ -21,6 +22,7 @@ struct Arguments {
     std::string camera;
     std::string output = "-";
     std::string session;
+    std::string truth;
     std::string configuration;
     std::string form = "threadtime";
     std::optional<int64_t> frames;
@@ -32,11 +34,8 @@ struct Arguments {
 // Of which CLI11 would say "Value 59.94 not in range".
 CLI::Validator WholeNumber(int64_t lowest, int64_t highest) {
     const auto check = [lowest, highest](const std::string& text) {
-        int64_t number = 0;
-        const char* const end = text.data() + text.size();
-        const auto [stop, error] = std::from_chars(text.data(), end, number);
-        const bool isGood =
-            error == std::errc() && stop == end && number >= lowest && number <= highest;
+        const auto number = ReadDigits<int64_t>(text);
+        const bool isGood = number && *number >= lowest && *number <= highest;
         return isGood ? std::string()
                       : Quoted(text) + " is not a whole number from " + std::to_string(lowest) +
                             " to " + std::to_string(highest);
@@ -119,25 +118,31 @@ int RunSimulate(const Arguments& arguments) {
         return BAD_INPUT;
     }
 
-    if (arguments.output == "-" && arguments.session == "-") {
-        FailUsage("--output and --session are both standard output");
+    const std::vector<std::string> outputs = {arguments.output, arguments.session, arguments.truth};
+    const auto toStandardOutput = std::count(outputs.begin(), outputs.end(), "-");
+    if (toStandardOutput > 1) {
+        FailUsage("of --output, --session and --truth only one can be standard output");
     }
     Output capture(arguments.output);
-    std::unique_ptr<Output> session;
-    if (!arguments.session.empty()) {
-        session = std::make_unique<Output>(arguments.session);
-        options.session = session.get();
-    }
+    const auto open = [](const std::string& path) {
+        return path.empty() ? nullptr : std::make_unique<Output>(path);
+    };
+    const std::unique_ptr<Output> session = open(arguments.session);
+    const std::unique_ptr<Output> truth = open(arguments.truth);
+    options.session = session.get();
+    options.truth = truth.get();
     CatchInterrupts();
-    ProgressLine progress("frames", arguments.output == "-" || arguments.session == "-");
+    ProgressLine progress("frames", toStandardOutput > 0);
     options.onProgress = [&progress](int64_t done, int64_t all) {
         progress.Show(done, all);
         return !IsInterrupted();
     };
     const Simulated simulated = Simulate(camera, capture, options);
     capture.Close();
-    if (session) {
-        session->Close();
+    for (const auto& file : {session.get(), truth.get()}) {
+        if (file != nullptr) {
+            file->Close();
+        }
     }
     progress.Clear();
     ShowSummary(camera, simulated);
@@ -199,6 +204,12 @@ void AddSimulate(CLI::App& app, Run& run) {
     command
         ->add_option("--session", arguments->session,
                      "Writes the calls here, as a session that replay plays with the same --config")
+        ->type_name("FILE");
+    command
+        ->add_option(
+            "--truth", arguments->truth,
+            "Writes here, as JSON, what was injected and what came of it: when each frame\n"
+            "came out, what was late, what was boosted")
         ->type_name("FILE");
     command->callback([arguments, &run] { run = [arguments] { return RunSimulate(*arguments); }; });
 }

@@ -3,6 +3,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "tools/check/report.h"
+
 namespace tools {
 namespace {
 
@@ -12,23 +14,25 @@ Json Milliseconds(Micros time) {
     return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000.0);
 }
 
-// What is not known is null.
-template <typename T>
-Json OrNull(const std::optional<T>& value) {
-    return value ? Json(*value) : Json();
-}
-
 Json ToJson(const Statistics& statistics) {
     return {{"count", statistics.count},           {"p50", Milliseconds(statistics.p50)},
             {"p90", Milliseconds(statistics.p90)}, {"p95", Milliseconds(statistics.p95)},
             {"p99", Milliseconds(statistics.p99)}, {"max", Milliseconds(statistics.max)}};
 }
 
-Json ToJson(const Account& account, const Finding& finding) {
+Json ToJson(const Account& account, const SceneFinding& finding) {
     const bool isPlaced = finding.place.line != 0;
-    Json json = {{"check", finding.check},
+    Json frames = Json::array();
+    for (const FrameRange& range : finding.frames) {
+        frames.push_back({range.first, range.last});
+    }
+    Json json = {{"check", NameOf(finding.check)},
                  {"severity", NameOf(finding.severity)},
-                 {"frame", OrNull(finding.frame)},
+                 {"frame", finding.frame ? Json(*finding.frame) : Json()},
+                 {"frames", std::move(frames)},
+                 {"stage", finding.stage >= 0 ? Json(finding.stage) : Json()},
+                 {"time", Milliseconds(finding.time)},
+                 {"times", finding.times},
                  {"line", isPlaced ? Json(finding.place.line) : Json()},
                  {"message", finding.message}};
     if (isPlaced && account.inputs.size() > 1 && finding.place.input < account.inputs.size()) {
@@ -37,38 +41,28 @@ Json ToJson(const Account& account, const Finding& finding) {
     return json;
 }
 
-Json ToJson(const Account& account, const AccountedFinding& finding) {
-    Json json = ToJson(account, static_cast<const Finding&>(finding));
-    json["stage"] = finding.stage >= 0 ? Json(finding.stage) : Json();
-    json["time"] = Milliseconds(finding.time);
-    json["times"] = finding.times;
-    return json;
-}
-
-template <typename Findings>
-Json ListOf(const Account& account, const Findings& findings) {
+Json ListOf(const Account& account, const std::vector<SceneFinding>& findings) {
     Json list = Json::array();
-    for (const auto& finding : findings) {
+    for (const SceneFinding& finding : findings) {
         list.push_back(ToJson(account, finding));
     }
     return list;
 }
 
-Json ToJson(const Account& account, const Configuration& configuration) {
-    Json stages = Json::array();
-    for (const ConfiguredStage& stage : configuration.stages) {
-        stages.push_back({{"stage", stage.stage}, {"node", stage.node}, {"ports", stage.ports}});
+Json ToJson(const LoadedConfiguration& loaded) {
+    Json json = {{"process", loaded.process >= 0 ? Json(loaded.process) : Json()}};
+    json.update(JsonOf(loaded.configuration));
+    json["findings"] = Json::array();
+    for (const Finding& finding : loaded.findings) {
+        json["findings"].push_back({{"check", finding.check},
+                                    {"severity", NameOf(finding.severity)},
+                                    {"message", finding.message}});
     }
-    return {{"enabled", configuration.isEnabled},
-            {"additionalWidth", OrNull(configuration.additionalWidth)},
-            {"modes", configuration.modes},
-            {"stageCount", OrNull(configuration.stageCount)},
-            {"stages", std::move(stages)},
-            {"findings", ListOf(account, account.configurationFindings)}};
+    return json;
 }
 
 Json ToJson(const Account& account, const Scene& scene) {
-    Json frames = Json::object();
+    Json frames = {{"all", scene.frameCount}};
     for (size_t i = 0; i < FRAME_STATUSES; ++i) {
         frames[NameOf(static_cast<FrameStatus>(i))] = scene.statusCounts[i];
     }
@@ -86,7 +80,9 @@ Json ToJson(const Account& account, const Scene& scene) {
             {"width", scene.isDescribed ? Json(scene.width) : Json()},
             {"fps", scene.isDescribed ? Json(scene.fps) : Json()},
             {"started", scene.isStarted},
+            {"ended", scene.hasEnd},
             {"frames", std::move(frames)},
+            {"neverOut", scene.neverOut},
             {"notBoosted", scene.notBoosted},
             {"notKnown", scene.untold},
             {"late", scene.lateFrames},
@@ -100,19 +96,21 @@ Json ToJson(const Account& account, const Scene& scene) {
 }  // namespace
 
 void WriteJson(std::ostream& out, const Account& account) {
-    Json json = {
-        {"verdict", VerdictOf(account)},
-        {"capture",
-         {{"files", account.inputs},
-          {"lines", account.lines},
-          {"libraryLines", account.libraryLines},
-          {"notUnderstood", account.notUnderstood},
-          {"lost", account.lost},
-          {"from", account.from.empty() ? Json() : Json(account.from)},
-          {"to", account.to.empty() ? Json() : Json(account.to)}}},
-        {"configuration", account.configuration ? ToJson(account, *account.configuration) : Json()},
-        {"findings", ListOf(account, account.findings)},
-        {"scenes", Json::array()}};
+    Json json = {{"verdict", VerdictOf(account)},
+                 {"capture",
+                  {{"files", account.inputs},
+                   {"lines", account.lines},
+                   {"libraryLines", account.libraryLines},
+                   {"notUnderstood", account.notUnderstood},
+                   {"lost", account.lost},
+                   {"from", account.from.empty() ? Json() : Json(account.from)},
+                   {"to", account.to.empty() ? Json() : Json(account.to)}}},
+                 {"configurations", Json::array()},
+                 {"findings", ListOf(account, account.findings)},
+                 {"scenes", Json::array()}};
+    for (const LoadedConfiguration& loaded : account.configurations) {
+        json["configurations"].push_back(ToJson(loaded));
+    }
     for (const Scene& scene : account.scenes) {
         json["scenes"].push_back(ToJson(account, scene));
     }

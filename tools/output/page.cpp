@@ -1,40 +1,39 @@
 #include "tools/output/page.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
-#include <numeric>
+#include <functional>
 #include <utility>
 #include <vector>
 
-#include "tools/output/drawn_scene.h"
+#include "tools/base/text.h"
+#include "tools/check/report.h"
 #include "tools/output/html.h"
 #include "tools/output/page_assets.h"
-#include "tools/output/timeline.h"
 
 namespace tools {
 namespace {
 
-// What keeps the page below 2 MB.
-constexpr size_t BARS = 2'500;     // Over all timelines.
-constexpr size_t ROWS = 1'500;     // Of the table of frames.
-constexpr size_t FINDINGS = 200;   // Listed.
-constexpr size_t SCENES = 20;      // Shown.
-constexpr size_t INPUTS = 10;      // Named.
-constexpr size_t COLUMNS = 1'000;  // Of all overviews, but no less than 100 each.
+constexpr size_t ROWS = 1'500;    // Of the table of frames.
+constexpr size_t FINDINGS = 200;  // Listed.
 
 Micros Between(Micros start, Micros end) {
     return start == NO_TIME || end == NO_TIME ? NO_TIME : end - start;
 }
 
+std::string Seconds(Micros time) {
+    return Fixed(static_cast<double>(time) / 1e6, 3);
+}
+
 class Page {
   public:
-    Page(std::ostream& stream, const Account& told, const PageOptions& wanted)
-        : out(stream), account(told), options(wanted) {}
+    Page(std::ostream& stream, const Account& told, const Shown& wanted)
+        : out(stream), account(told), shown(wanted) {}
 
-    void Write() {
-        ChooseWhatIsDrawn();
+    void Write(const std::string& title) {
         // Nothing is ever fetched, whatever a capture may hold.
         out << R"(<!doctype html>
 <html lang=en>
@@ -43,72 +42,30 @@ class Page {
 <meta name=viewport content="width=device-width, initial-scale=1">
 <meta http-equiv=Content-Security-Policy content="default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; img-src data:">
 <link rel=icon href="data:,">
-<title>)" << Escaped{options.title}
+<title>)" << Escaped{title}
             << "</title>\n<style>" << PAGE_STYLE << "</style>\n</head>\n<body>\n<header>\n<h1>"
-            << Escaped{options.title} << "</h1>\n";
+            << Escaped{title} << "</h1>\n";
         const bool isWell = WorstOf(account) == Severity::Note;
         out << "<p class=\"verdict " << (isWell ? "well" : NameOf(WorstOf(account))) << "\">"
-            << (isWell ? "✓ " : "") << VerdictOf(account) << "</p>\n";
+            << (isWell ? "✓ " : "") << Escaped{VerdictOf(account)} << "</p>\n";
         WriteInput();
         out << "</header>\n<main>\n";
         WriteFindings();
-        for (const DrawnScene& drawn : scenes) {
-            WriteScene(drawn);
-        }
-        if (scenes.size() < account.scenes.size()) {
-            out << "<p>Of " << account.scenes.size() << " scenes these " << SCENES
-                << " have the worst findings.</p>\n";
+        for (size_t i = 0; i < account.scenes.size(); ++i) {
+            WriteScene(i);
         }
         WriteFrames();
-        WriteConfiguration();
-        out << "</main>\n<div id=tip role=status hidden></div>\n<script>" << PAGE_SCRIPT
-            << "</script>\n</body>\n</html>\n";
+        WriteConfigurations();
+        out << "</main>\n<script>" << PAGE_SCRIPT << "</script>\n</body>\n</html>\n";
     }
 
   private:
-    // What was asked for comes first, then the worst of each scene, then the next.
-    void ChooseWhatIsDrawn() {
-        std::vector<size_t> order(account.scenes.size());
-        std::iota(order.begin(), order.end(), 0);
-        if (order.size() > SCENES) {
-            const auto severity = [this](size_t i) {
-                const auto& findings = account.scenes[i].findings;
-                return findings.empty() ? Severity::Note : findings.front().severity;
-            };
-            std::stable_sort(order.begin(), order.end(), [&](size_t one, size_t other) {
-                return severity(one) > severity(other);
-            });
-            order.resize(SCENES);
-            std::sort(order.begin(), order.end());
-        }
-        size_t bars = BARS;
-        for (const size_t index : order) {
-            DrawnScene& drawn = scenes.emplace_back(account, index);
-            if (drawn.scene.frames.size() <= WHOLE_FRAMES) {
-                drawn.AddWindow(drawn.span, bars);
-            } else if (options.frames) {
-                drawn.AddFrames(options.frames->first, options.frames->second, bars);
-            }
-        }
-        bool isMore = true;
-        for (size_t rank = 0; isMore; ++rank) {
-            isMore = false;
-            for (DrawnScene& drawn : scenes) {
-                isMore |= drawn.AddFinding(rank, bars);
-            }
-        }
-    }
-
     void WriteInput() {
         out << "<p class=input>";
         const char* separator = "";
         const auto next = [&]() -> std::ostream& { return out << std::exchange(separator, ", "); };
         // The only one is the title.
         for (size_t i = 0; account.inputs.size() > 1 && i < account.inputs.size(); ++i) {
-            if (i == INPUTS) {
-                next() << account.inputs.size() - INPUTS << " more";
-                break;
-            }
             next() << Escaped{account.inputs[i]};
         }
         if (!account.from.empty()) {
@@ -124,23 +81,23 @@ class Page {
         add(account.notUnderstood, " <b>not understood</b>");
         add(account.lost, " known to be <b>lost</b>");
         if (!account.hasTimes) {
-            next() << "<b>without times</b>, so that nothing can be drawn";
+            next() << "<b>without times</b>";
         }
         out << "</p>\n";
     }
 
     void WriteFindings() {
         struct Listed {
-            const AccountedFinding* finding;
-            const DrawnScene* drawn;
+            const SceneFinding* finding;
+            std::optional<size_t> scene;
         };
         std::vector<Listed> listed;
-        for (const AccountedFinding& finding : account.findings) {
-            listed.push_back({&finding, nullptr});
+        for (const SceneFinding& finding : account.findings) {
+            listed.push_back({&finding, {}});
         }
-        for (const DrawnScene& drawn : scenes) {
-            for (const AccountedFinding& finding : drawn.scene.findings) {
-                listed.push_back({&finding, &drawn});
+        for (size_t i = 0; i < account.scenes.size(); ++i) {
+            for (const SceneFinding& finding : account.scenes[i].findings) {
+                listed.push_back({&finding, i});
             }
         }
         std::stable_sort(listed.begin(), listed.end(), [](const Listed& one, const Listed& other) {
@@ -149,28 +106,13 @@ class Page {
         out << "<section aria-labelledby=findings><h2 id=findings>Findings</h2>\n"
             << (listed.empty() ? "<p>None.</p>\n" : "") << "<ol class=findings>\n";
         for (size_t i = 0; i < std::min(listed.size(), FINDINGS); ++i) {
-            const auto& [finding, drawn] = listed[i];
-            WriteFinding(*finding);
-            if (drawn != nullptr) {
-                const auto frame = drawn->FrameOf(*finding);
-                const Micros moment =
-                    frame && finding->time == NO_TIME ? drawn->moments[*frame] : finding->time;
-                const bool isDrawn = frame && drawn->IsDrawn(*frame);
-                // Of the capture, and no frame's: drawn as a mark.
-                const bool isMark =
-                    !frame && drawn->HoldsMoment(moment) &&
-                    (finding->check == "clock-jump" || finding->check == "lines-lost");
-                out << " <a href=\"#" << (isDrawn ? 'f' : isMark ? 'm' : 's') << drawn->index;
-                if (isDrawn) {
-                    out << '-' << *frame;
-                } else if (isMark) {
-                    out << '-' << moment - drawn->span.begin;
-                }
-                out << "\">scene " << drawn->index + 1;
-                if (moment != NO_TIME && drawn->hasTimes) {
-                    out << ", " << Clock(moment - drawn->span.begin);
-                }
-                out << "</a>";
+            const auto& [finding, index] = listed[i];
+            WriteFinding(finding->severity, finding->message, NameOf(finding->check));
+            out << " <span class=place>" << Escaped{ToString(account, finding->place)} << "</span>";
+            if (index) {
+                const Micros moment = Between(account.scenes[*index].begin, finding->time);
+                out << " <a href=\"#s" << *index << "\">scene " << *index + 1
+                    << (moment == NO_TIME ? "" : ", " + Seconds(moment) + " s") << "</a>";
             }
             out << "</li>\n";
         }
@@ -182,63 +124,42 @@ class Page {
     }
 
     // All but the end of the item.
-    void WriteFinding(const Finding& finding) {
-        out << "<li class=" << NameOf(finding.severity) << "><b class=severity>"
-            << NameOf(finding.severity) << "</b> " << Escaped{finding.message} << " <code>"
-            << Escaped{finding.check} << "</code> <span class=place>"
-            << Escaped{ToString(account, finding.place)} << "</span>";
+    void WriteFinding(Severity severity, const std::string& message, const std::string& check) {
+        out << "<li class=" << NameOf(severity) << "><b class=severity>" << NameOf(severity)
+            << "</b> " << Escaped{message} << " <code>" << Escaped{check} << "</code>";
     }
 
-    void WriteScene(const DrawnScene& drawn) {
-        const Scene& scene = drawn.scene;
-        std::string title = TitleOf(account, drawn.index);
+    void WriteScene(size_t index) {
+        const Scene& scene = account.scenes[index];
+        std::string title = TitleOf(account, index);
         title[0] = 'S';
-        out << "<section id=s" << drawn.index << ">\n<h2>" << Escaped{title} << "</h2>\n<p>"
+        out << "<section id=s" << index << ">\n<h2>" << Escaped{title} << "</h2>\n<p>"
             << (scene.isStarted ? "" : "<b>It was not started.</b> ")
             << (scene.isBeginningMissing ? "<b>The capture starts in its middle.</b> " : "")
-            << Counted(static_cast<int64_t>(scene.frames.size()), "frame");
-        if (scene.frames.empty()) {
-            out << ".</p>\n</section>\n";
-            return;
-        }
+            << (!scene.isStarted || scene.hasEnd ? "" : "Its end is not in the capture. ")
+            << Counted(scene.frameCount, "frame");
         const char* separator = ": ";
         for (size_t status = 0; status < FRAME_STATUSES; ++status) {
-            if (const int64_t count = scene.CountOf(FrameStatus(status)); count > 0) {
-                out << std::exchange(separator, ", ") << count << ' '
+            if (scene.statusCounts[status] > 0) {
+                out << std::exchange(separator, ", ") << scene.statusCounts[status] << ' '
                     << NameOf(FrameStatus(status));
             }
         }
-        const auto stuck =
-            std::count_if(scene.frames.begin(), scene.frames.end(),
-                          [](const Frame& frame) { return LookOf(frame) == Look::Stuck; });
-        if (stuck > 0) {
-            out << ", " << stuck << " of them stuck";
+        if (!scene.neverOut.empty()) {
+            out << "; " << scene.neverOut.size() << " never came out";
         }
-        if (drawn.hasTimes) {
+        if (account.hasTimes && scene.lateThreshold > 0) {
             out << "; " << scene.lateFrames << " late, that is more than "
-                << Milliseconds(scene.lateThreshold) << " ms after the frame before.";
-        } else {
-            out << "; without times, none is known to be late.";
+                << ShortMilliseconds(scene.lateThreshold) << " ms after the frame before";
         }
+        out << ".";
         if (scene.untold > 0) {
             out << " What became of " << scene.untold
                 << " cannot be told, as lines of the log are missing.";
         }
-        if (drawn.hasTimes) {
-            out << " Times count from the scene's start.</p>\n";
-            WriteOverview(out, drawn, std::max<size_t>(COLUMNS / scenes.size(), 100));
-            WriteLegend(out, drawn);
-            if (scene.frames.size() > WHOLE_FRAMES) {
-                out << "<p>It is too long to be drawn whole. "
-                    << (drawn.windows.empty() ? "" : "Below are its worst moments. ")
-                    << "<code>--frames A-B</code> draws any others.</p>\n";
-            }
-            for (const Span& window : drawn.windows) {
-                WriteTimeline(out, drawn, window);
-            }
+        out << "</p>\n";
+        if (account.hasTimes && !scene.frames.empty()) {
             WriteFigures(scene);
-        } else {
-            out << "</p>\n";
         }
         out << "</section>\n";
     }
@@ -246,10 +167,9 @@ class Page {
     void WriteFigures(const Scene& scene) {
         out << "<div class=wide><table class=figures><caption>Times in milliseconds, as exact as "
                "the capture: to "
-            << Milliseconds(account.resolution)
-            << " ms</caption><thead><tr><th scope=col><th scope=col>n<th scope=col>p50<th "
-               "scope=col>p90"
-               "<th scope=col>p95<th scope=col>p99<th scope=col>max"
+            << ShortMilliseconds(account.resolution)
+            << " ms</caption><thead><tr><th scope=col>times of<th scope=col>n<th scope=col>p50"
+               "<th scope=col>p90<th scope=col>p95<th scope=col>p99<th scope=col>max"
                "<th scope=col>distribution</tr></thead>\n<tbody>";
         WriteFigure(scene, "latency", scene.latency, [&scene](size_t i) {
             return Between(scene.frames[i].start, scene.frames[i].end);
@@ -257,15 +177,17 @@ class Page {
         WriteFigure(scene, "output interval", scene.interval,
                     [&scene](size_t i) { return scene.frames[i].interval; });
         for (size_t stage = 0; stage < scene.stages.size(); ++stage) {
-            const std::string title = StageTitleOf(scene, stage);
-            const auto times = [&scene, stage](size_t i) { return scene.StagesOf(i)[stage]; };
+            const std::string title = FigureTitleOf(scene, stage);
+            const auto timesOf = [&scene, stage](size_t i) {
+                return scene.TimesOf(i, static_cast<int32_t>(stage));
+            };
             WriteFigure(scene, title, scene.stages[stage],
-                        [&](size_t i) { return Between(times(i).start, times(i).end); });
+                        [&timesOf](size_t i) { return Between(timesOf(i).start, timesOf(i).end); });
             if (scene.waits[stage].max > 0) {  // Else all is work.
                 WriteFigure(scene, title + ": waiting", scene.waits[stage],
-                            [&](size_t i) { return times(i).wait; });
+                            [&timesOf](size_t i) { return timesOf(i).wait; });
                 WriteFigure(scene, title + ": at work", scene.works[stage],
-                            [&](size_t i) { return times(i).work; });
+                            [&timesOf](size_t i) { return timesOf(i).work; });
             }
         }
         out << "</tbody></table></div>\n";
@@ -273,7 +195,7 @@ class Page {
 
     // A row: the figures, and how the values that they are of are distributed.
     void WriteFigure(const Scene& scene, const std::string& title, const Statistics& figures,
-                     const auto& valueOf) {
+                     const std::function<Micros(size_t frame)>& valueOf) {
         constexpr Micros BINS = 40;
         constexpr int HEIGHT = 22;
         out << "<tr><th scope=row>" << Escaped{title} << "<td>" << figures.count;
@@ -283,12 +205,12 @@ class Page {
         }
         for (const Micros value :
              {figures.p50, figures.p90, figures.p95, figures.p99, figures.max}) {
-            out << "<td>" << Milliseconds(value);
+            out << "<td>" << ShortMilliseconds(value);
         }
         // Up to a little more than almost all are; the last bin has the rest. Most captures tell
         // milliseconds apart: bins of less would leave holes.
         const Micros top = std::clamp<Micros>(figures.p99 * 5 / 4, 0, figures.max);
-        const Micros bin = (top / (BINS - 1) / 1000 + 1) * 1000;
+        const Micros bin = (top / (BINS - 1) / MILLISECOND + 1) * MILLISECOND;
         std::array<int64_t, BINS> counts{};
         for (size_t i = 0; i < scene.frames.size(); ++i) {
             if (const Micros value = valueOf(i); value != NO_TIME) {
@@ -296,7 +218,7 @@ class Page {
             }
         }
         out << "<td><svg class=histogram role=img width=" << BINS * 4 << " height=" << HEIGHT
-            << "><title>0 to " << Milliseconds(bin * BINS)
+            << "><title>0 to " << ShortMilliseconds(bin * BINS)
             << " ms; the last bar is all beyond</title><path d=\"";
         const auto most = static_cast<double>(*std::max_element(counts.begin(), counts.end()));
         for (size_t i = 0; i < counts.size(); ++i) {
@@ -311,17 +233,19 @@ class Page {
     }
 
     void WriteFrames() {
-        out << "<section aria-labelledby=frames><h2 id=frames>Frames not complete, or late</h2>\n"
-               "<div class=wide><table id=list><thead><tr><th scope=col>scene<th scope=col>frame"
-               "<th scope=col>status<th scope=col>in stage<th scope=col>reason<th scope=col>at, s"
-               "<th scope=col>latency, ms<th scope=col>interval, ms<th scope=col>line</tr></thead>"
-               "\n<tbody>";
+        out << "<section aria-labelledby=frames><h2 id=frames>"
+            << (shown.range
+                    ? fmt::format("Frames {} to {}", shown.range->first, shown.range->second)
+                    : "Frames not complete, or late")
+            << "</h2>\n<div class=wide><table id=list><thead><tr><th scope=col>scene"
+               "<th scope=col>frame<th scope=col>status<th scope=col>in stage<th scope=col>reason"
+               "<th scope=col>at, s<th scope=col>latency, ms<th scope=col>interval, ms"
+               "<th scope=col>line</tr></thead>\n<tbody>";
         size_t count = 0;
-        for (const DrawnScene& drawn : scenes) {
-            for (size_t i = 0; i < drawn.scene.frames.size(); ++i) {
-                const Look look = LookOf(drawn.scene.frames[i]);
-                if (look != Look::Good && ++count <= ROWS) {
-                    WriteRow(drawn, i, look);
+        for (size_t i = 0; i < account.scenes.size(); ++i) {
+            for (const Frame& frame : account.scenes[i].frames) {
+                if (shown.Has(frame) && ++count <= ROWS) {
+                    WriteRow(i, frame);
                 }
             }
         }
@@ -335,76 +259,67 @@ class Page {
         out << "</section>\n";
     }
 
-    void WriteRow(const DrawnScene& drawn, size_t index, Look look) {
-        const Frame& frame = drawn.scene.frames[index];
-        out << "<tr><td>" << drawn.index + 1 << "<td>";
-        if (drawn.IsDrawn(index)) {
-            out << "<a href=\"#f" << drawn.index << '-' << index << "\">" << frame.number << "</a>";
-        } else {
-            out << frame.number;
+    void WriteRow(size_t index, const Frame& frame) {
+        const Micros begin = account.scenes[index].begin;
+        const std::string word = WordOf(frame);
+        // When it came out, else when it was last heard of.
+        const Micros moment = std::max({frame.start, frame.end, frame.output});
+        out << "<tr><td>" << index + 1 << "<td>" << frame.number << "<td class=\"" << word << "\">"
+            << (word.empty() ? NameOf(frame.status) : word)
+            << (frame.isLate && word != "late" ? ", late" : "") << "<td>";
+        if (frame.stage >= 0 && !word.empty()) {
+            out << frame.stage;
         }
-        out << "<td class=" << WordOf(look) << '>' << MarkOf(look) << ' ' << WordOf(look)
-            << (frame.isLate && look != Look::Late ? ", late" : "") << "<td>"
-            << (StageOf(frame) >= 0 ? std::to_string(StageOf(frame)) : "") << "<td>"
-            << (look == Look::Stuck && frame.reason == Outcome::Forwarded
-                    ? "never seen to leave the stage"
-                    : ReasonOf(frame.reason))
-            << "<td>";
-        if (drawn.hasTimes) {
-            out << Fixed(static_cast<double>(drawn.moments[index] - drawn.span.begin) / 1e6, 3);
+        out << "<td>" << DescriptionOf(frame) << "<td>";
+        if (const Micros time = Between(begin, moment); time != NO_TIME) {
+            out << Seconds(time);
         }
-        out << "<td>" << Milliseconds(Between(frame.start, frame.end)) << "<td>"
-            << Milliseconds(frame.interval) << "<td>" << Escaped{ToString(account, frame.place)}
-            << "</tr>\n";
+        out << "<td>" << ShortMilliseconds(Between(frame.start, frame.end)) << "<td>"
+            << ShortMilliseconds(frame.interval) << "<td>"
+            << Escaped{ToString(account, frame.place)} << "</tr>\n";
     }
 
-    void WriteConfiguration() {
-        out << "<section aria-labelledby=configuration><h2 id=configuration>Configuration</h2>\n";
-        if (!account.configuration) {
-            out << "<p>Not known: it is dumped when the library is loaded.</p></section>\n";
-            return;
+    void WriteConfigurations() {
+        const std::vector<SharedConfiguration> all = ConfigurationsOf(account);
+        if (all.empty()) {
+            out << "<section><h2>Configuration</h2>\n"
+                   "<p>Not known: it is dumped when the library is loaded.</p></section>\n";
         }
-        const Configuration& known = *account.configuration;
-        out << "<p>Boosting is <b>" << (known.isEnabled ? "on" : "off") << "</b>. Widths: 3840";
-        if (known.additionalWidth) {
-            out << " and " << *known.additionalWidth;
-        } else {
-            out << ", and another if one is configured, which the log does not tell";
-        }
-        out << ". Modes:" << (known.modes.empty() ? " none" : "");
-        for (const int32_t mode : known.modes) {
-            std::array<char, 16> hexadecimal{};
-            std::snprintf(hexadecimal.data(), hexadecimal.size(), "0x%X",
-                          static_cast<unsigned>(mode));
-            out << ' ' << hexadecimal.data() << " (" << mode << ')';
-        }
-        out << ".</p>\n<div class=wide><table><thead><tr><th scope=col>stage<th scope=col>node"
-               "<th scope=col>ports</tr></thead><tbody>";
-        for (const ConfiguredStage& stage : known.stages) {
-            out << "<tr><td>" << stage.stage << "<td>" << Escaped{stage.node} << "<td>";
-            for (const int32_t port : stage.ports) {
-                out << port << ' ';
+        for (const SharedConfiguration& one : all) {
+            out << "<section><h2>" << TitleOf(all, one) << "</h2>\n<div class=wide><table>";
+            for (const auto& row : SummaryOf(one.configuration)) {
+                out << "<tr><th scope=row>" << Escaped{row[0]} << "<td>" << Escaped{row[1]}
+                    << "</tr>\n";
             }
-            out << "</tr>\n";
+            out << "</table></div>\n<div class=wide><table>";
+            const char* cell = "<th scope=col>";
+            for (const auto& row : StagesOf(one.configuration)) {
+                out << "<tr>";
+                for (const std::string& text : row) {
+                    out << cell << Escaped{text};
+                }
+                out << "</tr>\n";
+                cell = "<td>";
+            }
+            out << "</table></div>\n<ol class=findings>";
+            for (const Finding& finding : one.findings) {
+                WriteFinding(finding.severity, finding.message, finding.check);
+                out << "</li>\n";
+            }
+            out << "</ol></section>\n";
         }
-        out << "</tbody></table></div>\n<ol class=findings>";
-        for (const Finding& finding : account.configurationFindings) {
-            WriteFinding(finding);
-            out << "</li>\n";
-        }
-        out << "</ol></section>\n";
     }
 
     std::ostream& out;
     const Account& account;
-    const PageOptions& options;
-    std::vector<DrawnScene> scenes;
+    const Shown& shown;
 };
 
 }  // namespace
 
-void WritePage(std::ostream& out, const Account& account, const PageOptions& options) {
-    Page(out, account, options).Write();
+void WritePage(std::ostream& out, const Account& account, const std::string& title,
+               const Shown& shown) {
+    Page(out, account, shown).Write(title);
 }
 
 }  // namespace tools

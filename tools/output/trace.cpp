@@ -1,5 +1,7 @@
 #include "tools/output/trace.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <queue>
@@ -8,7 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "tools/output/drawing.h"
+#include "tools/output/naming.h"
 
 namespace tools {
 namespace {
@@ -18,13 +20,82 @@ std::string Quote(std::string_view text) {
     return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-enum class What : uint8_t { Expected, Actual, Stage, InFlight, Interval, Finding, Disturbance };
+enum class What : uint8_t {
+    Expected,
+    Actual,
+    Stage,
+    InFlight,
+    Interval,
+    Finding,
+    LeftOut,
+    ClockStep
+};
+
+// Makes a span that begins with NO_TIME hold the moment, where that is known.
+void Include(Span& span, Micros time) {
+    if (time != NO_TIME) {
+        span.begin = span.begin == NO_TIME ? time : std::min(span.begin, time);
+        span.end = std::max(span.end, time);  // NO_TIME is the least of all times.
+    }
+}
+
+// Between two frames as they should come: of the frame rate described, else as they mostly came.
+Micros PeriodOf(const Scene& scene) {
+    if (scene.fps > 0) {
+        return std::max<Micros>((SECOND + scene.fps / 2) / scene.fps, 1);
+    }
+    return scene.interval.p50 > 0 ? scene.interval.p50 : SECOND / 60;
+}
+
+// When the frame is shown to be in the stage: for a period where it is not known to have left.
+Span SpanOf(const Scene& scene, size_t frame, int32_t stage) {
+    const StageTimes times = scene.TimesOf(frame, stage);
+    Span span{NO_TIME, NO_TIME};
+    Include(span, times.start);
+    Include(span, times.end != NO_TIME || times.start == NO_TIME ? times.end
+                                                                 : times.start + PeriodOf(scene));
+    return span;
+}
+
+// From the first to the last that is known of a frame, or shown of its stages.
+Span SpanOf(const Scene& scene, size_t frame) {
+    Span span{NO_TIME, NO_TIME};
+    Include(span, scene.frames[frame].start);
+    Include(span, scene.frames[frame].end);
+    Include(span, scene.frames[frame].output);
+    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+        const Span part = SpanOf(scene, frame, stage);
+        Include(span, part.begin);
+        Include(span, part.end);
+    }
+    return span;
+}
+
+// Spreads spans that overlap over as few lanes as it takes.
+class Lanes {
+  public:
+    // The lane, from 0, of the next span; they come in the order of their beginnings.
+    size_t Put(const Span& span) {
+        const auto isFree = [&span](Micros end) { return end <= span.begin; };
+        const auto lane = std::find_if(ends.begin(), ends.end(), isFree);
+        const auto index = static_cast<size_t>(lane - ends.begin());
+        if (lane == ends.end()) {
+            ends.push_back(span.end);
+        } else {
+            *lane = span.end;
+        }
+        return index;
+    }
+
+  private:
+    std::vector<Micros> ends;
+};
 
 // Something to be written, and what it is found by: cheap to keep in order.
 struct Item {
     Span span;
     size_t scene = 0;  // That of no scene in particular comes after the last.
-    size_t index = 0;  // Of the frame, finding or disturbance.
+    size_t index = 0;  // Of the frame, finding, hole or step of the clock.
     What what = What::Actual;
     char flow = 0;      // Stage: the flow's phase; 0 for none.
     int32_t stage = 0;  // Stage: which. InFlight: one more or one less.
@@ -86,7 +157,7 @@ class TraceWriter {
     }
 
   private:
-    // All frames, findings and disturbances that have a time, in order.
+    // All frames, findings and disturbances of the log that have a time, in order.
     std::vector<Item> Everything() const {
         std::vector<Item> items;
         const auto add = [&items](size_t scene, What what, size_t index, Span span) {
@@ -120,9 +191,11 @@ class TraceWriter {
                 before = frame.output == NO_TIME ? before : &frame;
             }
             addFindings(s, scene.findings, scene.begin);
-            for (size_t i = 0; i < scene.disturbances.size(); ++i) {
-                const Micros time = scene.disturbances[i].time;
-                add(s, What::Disturbance, i, {time, time});
+            for (size_t i = 0; account.hasTimes && i < scene.leftOut.size(); ++i) {
+                add(s, What::LeftOut, i, {scene.leftOut[i].time, scene.leftOut[i].time});
+            }
+            for (size_t i = 0; i < scene.clockSteps.size(); ++i) {
+                add(s, What::ClockStep, i, {scene.clockSteps[i].time, scene.clockSteps[i].time});
             }
         }
         addFindings(account.scenes.size(), account.findings, 0);
@@ -148,7 +221,7 @@ class TraceWriter {
         }
         std::vector<Item> stages;
         for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            const Span span = SpanOf(scene, frame.index, static_cast<size_t>(stage));
+            const Span span = SpanOf(scene, frame.index, stage);
             if (span.begin != NO_TIME) {
                 stages.push_back({span, frame.scene, frame.index, What::Stage, 't', stage});
             }
@@ -233,9 +306,20 @@ class TraceWriter {
             case What::Finding:
                 WriteFinding(own, item);
                 break;
-            case What::Disturbance:
-                WriteDisturbance(own, item);
+            case What::LeftOut: {
+                const Scene::Disturbance& told = account.scenes[item.scene].leftOut[item.index];
+                WriteDisturbance(
+                    own, item, told.place,
+                    told.amount > 0 ? fmt::format("{} lines lost", told.amount) : "lines lost");
                 break;
+            }
+            case What::ClockStep: {
+                const Scene::Disturbance& told = account.scenes[item.scene].clockSteps[item.index];
+                WriteDisturbance(
+                    own, item, told.place,
+                    fmt::format("the clock jumped by {} ms", told.amount / MILLISECOND));
+                break;
+            }
         }
         if (text.size() > BUFFER) {
             out << text;
@@ -247,18 +331,18 @@ class TraceWriter {
     // colours.
     int64_t WriteSlice(Track& track, const Item& item, bool isTold) {
         const Frame& frame = FrameOf(item);
-        const Look look = LookOf(frame);
+        const std::string_view word = WordOf(frame);
         const int64_t thread = ThreadOf(track, item.scene, item.span);
         BeginSlice(item.scene, thread, item.span);
         Add(",\"name\":\"", frame.number);
-        if (isTold && look != Look::Good) {
-            Add(" ", WordOf(look));
+        if (isTold && !word.empty()) {
+            Add(" ", word);
         }
         Add("\"");
-        if (isTold && (item.what == What::Actual || look != Look::Good)) {
+        if (isTold && (item.what == What::Actual || !word.empty())) {
             Add(",\"args\":{\"status\":\"", NameOf(frame.status),
                 "\",\"late\":", frame.isLate ? "true" : "false");
-            if (frame.reason != Outcome::Forwarded) {
+            if (frame.reason != Reason::None) {
                 Add(",\"reason\":", Quote(ReasonOf(frame.reason)));
             }
             Add(",\"line\":", Quote(ToString(account, frame.place)), "}");
@@ -271,7 +355,7 @@ class TraceWriter {
         const auto stage = static_cast<size_t>(item.stage);
         const int64_t thread = WriteSlice(own.stages[stage], item, true);
         Add("}");
-        const Micros wait = scene.StagesOf(item.index)[stage].wait;
+        const Micros wait = scene.TimesOf(item.index, item.stage).wait;
         if (wait != NO_TIME && wait > 0) {
             BeginSlice(item.scene, thread,
                        {item.span.begin, std::min(item.span.begin + wait, item.span.end)});
@@ -293,19 +377,20 @@ class TraceWriter {
 
     void WriteFinding(SceneTracks& own, const Item& item) {
         const bool isScene = item.scene < account.scenes.size();
-        const AccountedFinding& finding =
+        const SceneFinding& finding =
             (isScene ? account.scenes[item.scene].findings : account.findings)[item.index];
-        WriteInstant(own, item,
-                     finding.check + (finding.frame ? ' ' + std::to_string(*finding.frame) : ""));
+        WriteInstant(
+            own, item,
+            NameOf(finding.check) + (finding.frame ? fmt::format(" {}", *finding.frame) : ""));
         Add(",\"args\":{\"severity\":\"", NameOf(finding.severity),
             "\",\"message\":", Quote(finding.message),
             ",\"line\":", Quote(ToString(account, finding.place)), "}}");
     }
 
-    void WriteDisturbance(SceneTracks& own, const Item& item) {
-        const Disturbance& told = account.scenes[item.scene].disturbances[item.index];
-        WriteInstant(own, item, ToString(told));
-        Add(",\"args\":{\"line\":", Quote(ToString(account, told.place)), "}}");
+    void WriteDisturbance(SceneTracks& own, const Item& item, const Place& place,
+                          std::string_view name) {
+        WriteInstant(own, item, name);
+        Add(",\"args\":{\"line\":", Quote(ToString(account, place)), "}}");
     }
 
     void WriteInstant(SceneTracks& own, const Item& item, std::string_view name) {

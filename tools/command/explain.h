@@ -1,0 +1,25 @@
+// What explaining a capture and following one share.
+
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/account/account.h"
+#include "tools/account/judge.h"
+#include "tools/command/command.h"
+#include "tools/log/capture.h"
+
+namespace tools {
+
+// The exit status for what was found.
+int StatusOf(const Account& account);
+
+// Fails, with what may be the reason, where a capture has none of the library's lines. `names`:
+// what messages call its inputs.
+void RequireLibraryLines(const CaptureSummary& summary, const std::vector<std::string>& names);
+
+// Explains standard input as it comes. Returns an exit status.
+int Follow(const JudgeOptions& options);
+
+}  // namespace tools

@@ -1,0 +1,246 @@
+// cameraframeboost explain --follow: says what goes wrong while it does.
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "tools/account/summary.h"
+#include "tools/command/explain.h"
+
+namespace tools {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// What is judged again each second, and how much more it may be before some is forgotten.
+constexpr Micros WINDOW = 30 * SECOND;
+constexpr Micros STEP = 10 * SECOND;
+// So much is to be known of what came after a moment before it is spoken of.
+constexpr Micros SETTLING = SECOND;
+// What is that near to where the window begins was told before, when more was known of it.
+constexpr Micros EDGE = 2 * SECOND;
+
+// Counts over all scenes, where some of what they are of is forgotten.
+struct Totals {
+    int64_t frames = 0, neverOut = 0, notBoosted = 0, untold = 0, late = 0;
+    Micros lateThreshold = 0;
+    bool isStarted = false;
+
+    void Add(const Account& account, int64_t sign) {
+        for (const Scene& scene : account.scenes) {
+            frames += sign * scene.frameCount;
+            neverOut += sign * static_cast<int64_t>(scene.neverOut.size());
+            notBoosted += sign * scene.notBoosted;
+            untold += sign * scene.untold;
+            late += sign * scene.lateFrames;
+            lateThreshold = std::max(lateThreshold, scene.lateThreshold);
+            isStarted = isStarted || scene.isStarted;
+        }
+    }
+};
+
+class Follower {
+  public:
+    Follower(Output& output, const JudgeOptions& judgeOptions)
+        : out(output), options(judgeOptions) {
+        options.toldOneByOne = std::numeric_limits<size_t>::max();
+    }
+
+    int Run() {
+        Input in("-");
+        reader.Begin(0);
+        std::string bytes;
+        Clock::time_point judgedAt = Clock::now();
+        Micros judgedTime = 0;
+        while (!IsInterrupted()) {
+            pollfd input{STDIN_FILENO, POLLIN, 0};
+            if (poll(&input, 1, 1000) == 0) {
+                // What might have had more behind it is not held back.
+                reader.Settle();
+                idle += SECOND;
+            } else if (in.peek() == std::char_traits<char>::eof()) {
+                break;
+            } else {
+                bytes.resize(static_cast<size_t>(in.rdbuf()->in_avail()));
+                in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+                reader.Read(bytes);
+                idle = 0;
+            }
+            // What comes faster than it was logged is judged by its own time.
+            if (Clock::now() - judgedAt >= std::chrono::seconds(1) || Now() - judgedTime >= STEP) {
+                JudgeWindow();
+                judgedAt = Clock::now();
+                judgedTime = Now();
+            }
+        }
+        reader.End();
+        reader.Finish();
+        return Finish();
+    }
+
+  private:
+    // The time of the last line, as facts have it.
+    Micros Now() const {
+        const CaptureSummary& summary = reader.Summary();
+        // Without times a line is a millisecond.
+        return summary.last != NO_TIME
+                   ? summary.last
+                   : (summary.libraryLines - summary.notUnderstood) * MILLISECOND;
+    }
+
+    Account Judged() const {
+        Account account = facts.Look(reader.Summary().last);
+        account.inputs = inputs;
+        account.resolution = reader.Summary().resolution;
+        Judge(account, options);
+        return account;
+    }
+
+    void JudgeWindow() {
+        Account account = Judged();
+        Tell(account, false);
+        Totals all = forgotten;
+        all.Add(account, 1);
+        status.Show(fmt::format("{} frames, {} never out, {} late; {} findings", all.frames,
+                                all.neverOut, all.late, findings));
+        if (Now() - windowBegin > WINDOW + STEP) {
+            // What the window now has less than before.
+            forgotten.Add(account, 1);
+            windowBegin = Now() - WINDOW;
+            facts.Forget(windowBegin);
+            forgotten.Add(Judged(), -1);
+        }
+    }
+
+    int Finish() {
+        const CaptureSummary& summary = reader.Summary();
+        status.Clear();
+        RequireLibraryLines(summary, inputs);
+        Account account = MakeAccount(facts, summary, inputs, options);
+        Tell(account, true);
+        forgotten.Add(account, 1);
+
+        Account all;
+        all.hasTimes = account.hasTimes;
+        all.configurations = account.configurations;
+        all.findings.push_back({});
+        all.findings.back().severity = worst;
+        Scene& scene = all.scenes.emplace_back();
+        scene.isStarted = forgotten.isStarted;
+        scene.frameCount = forgotten.frames;
+        scene.neverOut.resize(static_cast<size_t>(std::max<int64_t>(forgotten.neverOut, 0)));
+        scene.notBoosted = forgotten.notBoosted;
+        scene.untold = forgotten.untold;
+        scene.lateFrames = forgotten.late;
+        scene.lateThreshold = forgotten.lateThreshold;
+        out << VerdictOf(all) << '\n';
+        out.Close();
+        return StatusOf(all);
+    }
+
+    // Tells what was not told before. `isAll`: also what more may still become known of.
+    void Tell(Account& account, bool isAll) {
+        for (Scene& scene : account.scenes) {
+            // A scene begins where it did, whatever has been forgotten.
+            scene.begin =
+                begins.try_emplace({scene.process, scene.from.line}, scene.begin).first->second;
+            for (const SceneFinding& finding : scene.findings) {
+                Tell(account, &scene, finding, isAll);
+            }
+        }
+        for (const SceneFinding& finding : account.findings) {
+            Tell(account, nullptr, finding, isAll);
+        }
+        out.flush();
+    }
+
+    void Tell(const Account& account, const Scene* scene, const SceneFinding& finding, bool isAll) {
+        if ((isAll || IsDue(scene, finding)) && !IsAtEdge(finding) && IsNew(scene, finding)) {
+            status.Clear();
+            out << LineOf(account, scene, finding) << '\n';
+            worst = std::max(worst, finding.severity);
+            ++findings;
+        }
+    }
+
+    bool IsAtEdge(const SceneFinding& finding) const {
+        return windowBegin > 0 && finding.time != NO_TIME && finding.time < windowBegin + EDGE;
+    }
+
+    bool IsDue(const Scene* scene, const SceneFinding& finding) {
+        if (!finding.frame && scene != nullptr && finding.severity == Severity::Note) {
+            return scene->hasEnd;  // They count what there is in the scene.
+        }
+        if (finding.time == NO_TIME) {
+            // Those that were there a second ago.
+            return !waiting.insert(KeyOf(scene, finding, finding.frame.value_or(0))).second;
+        }
+        return finding.time + SETTLING <= Now() + idle;
+    }
+
+    // Known by process, scene, check and stage, and by the line where it is about no frame.
+    using Key = std::tuple<int32_t, uint32_t, Check, int32_t, int64_t>;
+    static Key KeyOf(const Scene* scene, const SceneFinding& finding, int64_t frame) {
+        return {scene == nullptr ? -1 : scene->process, scene == nullptr ? 0 : scene->from.line,
+                finding.check, finding.stage,
+                finding.frame ? frame : -static_cast<int64_t>(finding.place.line)};
+    }
+
+    // By its first frame: what goes on has another one when that is forgotten, among those that it
+    // was told of.
+    bool IsNew(const Scene* scene, const SceneFinding& finding) {
+        std::vector<FrameRange>& ranges = told[KeyOf(scene, finding, 0)];
+        const auto find = [&ranges](int64_t frame) {
+            return std::find_if(ranges.begin(), ranges.end(), [frame](const FrameRange& range) {
+                return range.first <= frame && frame <= range.last;
+            });
+        };
+        const int64_t first = finding.frame.value_or(0);
+        const bool isKnown = find(first) != ranges.end();
+        if (!isKnown) {
+            ranges.push_back({first, first});
+        }
+        for (const FrameRange& range : finding.frames) {
+            if (const auto known = find(range.first); known != ranges.end()) {
+                known->last = std::max(known->last, range.last);
+            } else {
+                ranges.push_back(range);
+            }
+        }
+        return !isKnown;
+    }
+
+    Output& out;
+    JudgeOptions options;
+    FactsMaker facts;
+    CaptureReader reader{{&facts}};
+    ProgressLine status{"", false};
+    std::vector<std::string> inputs = {NameOfInput("-")};
+    Micros idle = 0;  // How long nothing has come.
+    Micros windowBegin = 0;
+    Totals forgotten;  // Of what is not in the window any more.
+    int64_t findings = 0;
+    Severity worst = Severity::Note;
+    std::map<std::pair<int32_t, uint32_t>, Micros> begins;
+    std::set<Key> waiting;
+    std::map<Key, std::vector<FrameRange>> told;
+};
+
+}  // namespace
+
+int Follow(const JudgeOptions& options) {
+    Output out("-");
+    return Follower(out, options).Run();
+}
+
+}  // namespace tools

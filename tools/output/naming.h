@@ -1,0 +1,62 @@
+// What all outputs share: how scenes, stages, frames and places are called.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/account/account.h"
+
+namespace tools {
+
+// "scene 2: 3840 wide, 60 fps, process 1234". `scene`: from 0.
+std::string TitleOf(const Account& account, size_t scene);
+
+// "stage 1, MCTFE0_cam".
+std::string StageTitleOf(const Scene& scene, size_t stage);
+
+// What the times of a stage are called among the figures: the title. Those of stage 0 say how often
+// frames come, as the next one begins there when the one before has left.
+std::string FigureTitleOf(const Scene& scene, size_t stage);
+
+// "capture.log:17", or "line 17" of the only input; empty for nowhere.
+std::string ToString(const Account& account, const Place& place);
+
+// What became of a frame, in a word: its status, but "late", "stuck" and "unknown" where that says
+// more. Empty for a good frame.
+const char* WordOf(const Frame& frame);
+
+// Why a frame is not complete; empty for a complete one.
+std::string DescriptionOf(const Frame& frame);
+
+// How many frames came out a second, on average; 0 where that is not known.
+double RateOf(const Scene& scene);
+
+// Which frames a table shows: those that are not complete, or late, unless told otherwise.
+struct Shown {
+    bool isAll = false;
+    std::optional<std::pair<int64_t, int64_t>> range;  // The first and the last number.
+    bool Has(const Frame& frame) const;
+};
+
+// A configuration, and the processes that loaded it.
+struct SharedConfiguration {
+    Configuration configuration;
+    std::vector<Finding> findings;   // Of the checker.
+    std::vector<int32_t> processes;  // Ascending, each once.
+};
+
+// Configurations that are the same, as far as is known, are one.
+std::vector<SharedConfiguration> ConfigurationsOf(const Account& account);
+
+// "Configuration of processes 1000 and 1010", where there are several.
+std::string TitleOf(const std::vector<SharedConfiguration>& all, const SharedConfiguration& one);
+
+// `configuration` with what is known of `other` alone, as a log does not tell everything.
+Configuration Completed(Configuration configuration, const Configuration& other);
+
+}  // namespace tools
