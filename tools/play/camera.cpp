@@ -21,6 +21,7 @@ constexpr int64_t MAX_AMOUNT = 60'000;  // A minute, and what a fault is about a
 
 struct FaultForm {
     std::string_view name;
+    bool hasFrames;  // It may happen to several in a row.
     bool hasStage;
     std::string_view amount;  // What it is called; empty where there is none.
     std::string_view meaning;
@@ -28,15 +29,23 @@ struct FaultForm {
 
 // In the order of FaultKind.
 constexpr std::array<FaultForm, FAULT_KINDS> FAULT_FORMS = {{
-    {"drop", false, "", "the sensor drops it and says so"},
-    {"lost", true, "", "it never comes out of STAGE"},
-    {"unreported", true, "", "STAGE does its work, but does not report it"},
-    {"slow", true, "MILLISECONDS", "STAGE takes MILLISECONDS longer"},
-    {"stall", false, "MILLISECONDS",
+    {"drop", true, false, "", "the sensor drops it and says so"},
+    {"lost", true, true, "", "it never comes out of STAGE"},
+    {"unreported", true, true, "", "STAGE does its work, but does not report it"},
+    {"slow", true, true, "MILLISECONDS", "STAGE takes MILLISECONDS longer"},
+    {"stall", false, false, "MILLISECONDS",
      "the sensor delivers it, and all that follow, MILLISECONDS late"},
-    {"swap", true, "", "it comes out of STAGE after the frame that follows it"},
-    {"second-port", true, "", "STAGE reports it on a second port as well"},
-    {"log-lost", false, "COUNT", "from its first report on, COUNT lines of the log are missing"},
+    {"swap", false, true, "", "it comes out of STAGE after the frame that follows it"},
+    {"second-port", true, true, "", "STAGE reports it on a second port as well"},
+    {"log-lost", false, false, "COUNT",
+     "from its first report on, COUNT lines of the log are missing"},
+    {"die", false, true, "", "STAGE does nothing more from then on"},
+    {"freeze", false, false, "MILLISECONDS", "nothing happens for MILLISECONDS before it comes"},
+    {"restart", false, false, "", "the HAL gives it the number 1, and counts on from there"},
+    {"recovered", true, false, "", "the sensor drops it, and the HAL does what is to be done then"},
+    {"clock", false, false, "MILLISECONDS",
+     "the log's clock is set by MILLISECONDS before it comes"},
+    {"rate", true, false, "FPS", "the sensor delivers FPS frames a second"},
 }};
 
 const FaultForm& FormOf(FaultKind kind) {
@@ -143,6 +152,8 @@ CameraNode ReadNode(const toml::table& table, std::string_view fileName) {
     reader.Read("branch", node.isBranch);
     reader.ReadMilliseconds("median", node.median, MAX_AMOUNT * 1000);
     reader.ReadMilliseconds("spread", node.spread, node.median);
+    reader.Read("ahead", node.ahead, 0, 1000);
+    reader.Read("workers", node.workers, 1, 1000);
     reader.ExpectNoMore();
     return node;
 }
@@ -165,18 +176,27 @@ Fault ParseFault(std::string_view text) {
     }
     Fault fault;
     fault.kind = static_cast<FaultKind>(form - FAULT_FORMS.begin());
+    const bool isSigned = fault.kind == FaultKind::Clock;
     const char* next = text.data() + name.size();
     const char* const end = text.data() + text.size();
     const auto readNumber = [&next, end](auto& number) {
         next = next == end ? end : std::from_chars(next + 1, end, number).ptr;
         return number;
     };
-    const bool isInRange =
-        readNumber(fault.frame) >= 1 && fault.frame <= MAX_FRAMES &&
-        (!form->hasStage || readNumber(fault.stage) >= 0) &&
-        (form->amount.empty() || (readNumber(fault.amount) >= 1 && fault.amount <= MAX_AMOUNT));
+    readNumber(fault.frame);
+    fault.last = fault.frame;
+    if (form->hasFrames && next != end && *next == '-') {
+        readNumber(fault.last);
+    }
+    const bool isInRange = fault.frame >= 1 && fault.last >= fault.frame &&
+                           fault.last <= MAX_FRAMES &&
+                           (!form->hasStage || readNumber(fault.stage) >= 0) &&
+                           (form->amount.empty() || (readNumber(fault.amount) != 0 &&
+                                                     fault.amount >= (isSigned ? -MAX_AMOUNT : 1) &&
+                                                     fault.amount <= MAX_AMOUNT));
     if (!isInRange || ToString(fault) != text) {
-        fail(UsageOf(*form) + " in whole numbers, frames and amounts from 1, stages from 0");
+        fail(UsageOf(*form) + " in whole numbers, frames and amounts from 1, stages from 0" +
+             (isSigned ? ", milliseconds below 0 to set the clock back" : ""));
     }
     return fault;
 }
@@ -184,9 +204,20 @@ Fault ParseFault(std::string_view text) {
 std::string ToString(const Fault& fault) {
     const FaultForm& form = FormOf(fault.kind);
     std::string text = std::string(form.name) + ":" + std::to_string(fault.frame);
+    text += fault.last > fault.frame ? "-" + std::to_string(fault.last) : "";
     text += form.hasStage ? ":" + std::to_string(fault.stage) : "";
     text += form.amount.empty() ? "" : ":" + std::to_string(fault.amount);
     return text;
+}
+
+std::string_view NameOf(FaultKind kind) {
+    return FormOf(kind).name;
+}
+
+std::string FramesOf(const Fault& fault) {
+    return fault.last > fault.frame
+               ? "frames " + std::to_string(fault.frame) + " to " + std::to_string(fault.last)
+               : "frame " + std::to_string(fault.frame);
 }
 
 std::string Describe(const Fault& fault, const Camera& camera) {
@@ -214,6 +245,12 @@ std::string DescribeFaults() {
         text +=
             "  " + usage + std::string(32 - usage.size(), ' ') + std::string(form.meaning) + "\n";
     }
+    std::string names;
+    for (const FaultForm& form : FAULT_FORMS) {
+        names += form.hasFrames ? (names.empty() ? "" : ", ") + std::string(form.name) : "";
+    }
+    text += "\nFRAME may be several in a row, as 100-104, for " + names +
+            ".\nFor clock, MILLISECONDS below 0 set it back.\n";
     return text;
 }
 
@@ -240,6 +277,9 @@ Camera ParseCamera(std::string_view toml, std::string_view name) {
     reader.Read("buffers", camera.buffers, 1, 1000);
     reader.Read("camera", camera.id, std::numeric_limits<int32_t>::min());
     reader.Read("master", camera.isMaster);
+    if (reader.Find("wait") != nullptr) {
+        reader.ReadMilliseconds("wait", camera.wait, MAX_AMOUNT * 1000);
+    }
     if (const toml::node* mode = reader.Find("mode")) {
         // As the configuration has it: 0xFFFF8001 and -32767 are the same.
         camera.mode = static_cast<int32_t>(reader.IntegerOf(*mode, "mode",
@@ -280,7 +320,7 @@ void CheckFaults(const Camera& camera) {
         };
         // A frame that is swapped takes one that follows it.
         const int64_t last = camera.frames - (fault.kind == FaultKind::Swap ? 2 : 1);
-        if (fault.frame > last) {
+        if (std::max(fault.frame, fault.last) > last) {
             fail("expected a frame up to " + std::to_string(last));
         }
         if (!FormOf(fault.kind).hasStage) {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/account/step.h"
+#include "tools/base/times.h"
 
 namespace tools {
 
@@ -19,7 +19,7 @@ class CameraError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A node of the pipeline. It works on one frame at a time, on a thread of its own.
+// A node of the pipeline, on a thread of its own.
 struct CameraNode {
     std::string name;
     std::vector<int32_t> ports;  // It reports on the first; on the second by FaultKind::SecondPort.
@@ -29,9 +29,12 @@ struct CameraNode {
     // median + spread.
     Micros median = 0;
     Micros spread = 0;
+    int32_t ahead = 0;    // It looks at so many newer frames before it begins with one.
+    int32_t workers = 1;  // It works on so many frames at once, and hands them on in order.
 };
 
-// A fault happens once, to a frame. Stages are the nodes that are no branches, from 0.
+// A fault happens to a frame, or to some in a row. Stages are the nodes that are no branches, from
+// 0.
 enum class FaultKind : uint8_t {
     Drop,        // The sensor drops the frame, and the HAL reports that.
     Lost,        // It never comes out of the stage.
@@ -41,24 +44,34 @@ enum class FaultKind : uint8_t {
     Swap,        // It comes out of the stage after the frame that follows it.
     SecondPort,  // The node reports the frame on its second port as well.
     LogLost,     // `amount` lines are missing from the capture, from its first node end on.
+    Die,         // The stage does nothing more from the frame on.
+    Freeze,      // When it is due, all threads stand for `amount` milliseconds, the sensor as well.
+    Restart,     // The HAL numbers frames from 1 again, this one first.
+    Recovered,   // As Drop, and the HAL recovers from it as the guide to integration says.
+    Clock,       // When it is due, the log's clock is set by `amount` milliseconds.
+    Rate,        // The sensor delivers `amount` frames a second from it to the one after it.
 };
-inline constexpr size_t FAULT_KINDS = 8;
+inline constexpr size_t FAULT_KINDS = 14;
 
 struct Camera;
 
 struct Fault {
     FaultKind kind = FaultKind::Drop;
-    int64_t frame = 0;
+    int64_t frame = 0;   // As the sensor counts, whatever number the HAL gives it.
+    int64_t last = 0;    // The last one; the same for kinds that happen to one frame.
     int32_t stage = -1;  // -1 where the kind has none.
     int64_t amount = 0;  // 0 where the kind has none.
 
     bool operator==(const Fault&) const = default;
 };
 
-// "slow:200:2:40", the kind's name, the frame, the stage and the amount as far as the kind has
-// them, and the way back. Throws a CameraError for what is not a fault.
+// "slow:200:2:40", "lost:100-104:3": the kind's name, the frames, the stage and the amount as far
+// as the kind has them, and the way back. Throws a CameraError for what is not a fault.
 Fault ParseFault(std::string_view text);
 std::string ToString(const Fault& fault);
+std::string_view NameOf(FaultKind kind);
+// "frame 200", "frames 100 to 104".
+std::string FramesOf(const Fault& fault);
 // What happens in words, such as "ToneMapper0 (stage 2) takes 40 ms longer". The camera has it.
 std::string Describe(const Fault& fault, const Camera& camera);
 // "drop:FRAME" and so on with what it means, for people, a line a kind.
@@ -74,7 +87,8 @@ struct Camera {
     int64_t buffers = 12;  // The sensor drops what comes while so many are in the pipeline.
     int32_t id = 0;
     bool isMaster = true;
-    std::optional<int32_t> mode;  // Else the first configured one.
+    std::optional<int32_t> mode;      // Else the first configured one.
+    Micros wait = 100 * MILLISECOND;  // How long the HAL waits for frames before it ends the scene.
     std::vector<CameraNode> nodes;
     std::vector<Fault> faults;
 

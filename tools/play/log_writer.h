@@ -7,7 +7,7 @@
 #include <string>
 
 #include "host/desktop.h"
-#include "tools/account/step.h"
+#include "tools/base/times.h"
 #include "tools/log/record.h"
 
 namespace tools {

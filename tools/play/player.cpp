@@ -5,8 +5,8 @@
 #include <thread>
 #include <utility>
 
-#include "tools/capture/events.h"
-#include "tools/play/log_writer.h"
+#include "tools/log/dump.h"
+#include "tools/log/message.h"
 
 namespace tools {
 namespace {
@@ -16,7 +16,7 @@ std::optional<Call> NodeEndOf(const Configuration& configuration, int32_t stage)
     for (const ConfiguredStage& configured : configuration.stages) {
         if (configured.stage == stage && !configured.ports.empty() &&
             configuration.StageOf(configured.node) == stage) {
-            return Call{FindOperation("TcfbtNotifyNodeEnd"),
+            return Call{Operation::NodeEnd,
                         {int64_t{0}, configured.node, configured.ports.front(), 0, true}};
         }
     }
@@ -40,11 +40,7 @@ Player::Player(Watcher playWatcher, Pace playPace)
     }
     // The dump does not have it where a stage could not be loaded.
     configuration.stageCount = TarvoCameraFrameBoost::localConfig.GetStageCount();
-    step.time = time;
-    step.process = step.thread = CAPTURE_PROCESS;
-    step.loaded = configuration;
-    watcher(step, effects);
-    step.loaded.reset();
+    watcher({nullptr, 0, time, {}, effects, &configuration});
 }
 
 Player::~Player() {
@@ -82,16 +78,12 @@ void Player::Play(const Line& line, uint32_t number) {
 }
 
 void Player::PlayCall(const Call& call, uint32_t number) {
-    if (call.operation->name == "TcfbtSetSceneInfo") {
-        sceneFps = std::get<int32_t>(call.arguments[2]);
+    if (call.operation == Operation::SetSceneInfo) {
+        sceneFps = call.Get<int32_t>(Parameter::Fps);
     }
     effects.clear();
-    step.place.line = number;
-    step.time = time;
-    step.call = call;
-    step.result = call.operation->call(boost, call.arguments);
-    TellStep();
-    watcher(step, effects);
+    const std::optional<int32_t> result = Make(call, boost);
+    watcher({&call, number, time, result, effects, &configuration});
 }
 
 void Player::PlayRecording(const Recording& recording, uint32_t number) {
@@ -102,7 +94,7 @@ void Player::PlayRecording(const Recording& recording, uint32_t number) {
         nodeEnds.push_back(NodeEndOf(configuration, stage).value());
     }
     const auto reportNodeEnd = [&](size_t stage, int64_t frame) {
-        nodeEnds[stage].arguments[0] = frame;
+        nodeEnds[stage].Set(Parameter::HalFrameNumber, frame);
         PlayCall(nodeEnds[stage], number);
     };
 
@@ -131,31 +123,6 @@ void Player::PlayRecording(const Recording& recording, uint32_t number) {
             PassTime(begun + (newest - first + 1) * 1'000'000 / sceneFps);
         }
     }
-}
-
-void Player::TellStep() {
-    messages.clear();
-    int64_t reports = 0;
-    for (const desktop::Effect& effect : effects) {
-        if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
-            if (const auto message = ParseMessage(line->tag, line->text)) {
-                messages.push_back(*message);
-            }
-        } else if (const auto* service = std::get_if<desktop::ServiceCall>(&effect.event)) {
-            reports += service->function == desktop::ServiceFunction::NotifyErrOfUser ? 1 : 0;
-        }
-    }
-    TellEvents(step, messages, configuration);
-    // The log does not say whether an evicted frame was reported, nor of whom a status of -1 is.
-    std::erase_if(step.events, [&reports](Event& event) {
-        if (event.kind != EventKind::Report) {
-            return false;
-        }
-        const bool isTold = reports-- > 0;
-        const bool isRefusal = event.outcome == Outcome::NoScene;
-        event.outcome = isTold ? Outcome::Reported : event.outcome;
-        return !isTold && !isRefusal;
-    });
 }
 
 void Player::PassTime(Micros until) {

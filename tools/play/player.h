@@ -12,21 +12,29 @@
 
 #include "cameraframeboost/tarvocameraframeboost.h"
 #include "host/desktop.h"
-#include "tools/account/step.h"
-#include "tools/log/message.h"
+#include "tools/base/times.h"
+#include "tools/check/check.h"
 #include "tools/session/session.h"
 
 namespace tools {
 
+// A call that was played, or the loading of the library. Good for as long as its watcher looks.
+struct Played {
+    const Call* call = nullptr;  // Null: the loading.
+    uint32_t line = 0;           // Of the session.
+    Micros time = 0;             // Since the session's beginning.
+    std::optional<int32_t> result;
+    std::span<const desktop::Effect> effects;      // What the platform saw of it.
+    const Configuration* configuration = nullptr;  // As loaded.
+};
+
 // One player a play: it brings the library to the state in which it is after loading, and makes the
 // facade's object, as a HAL does when a camera is opened. It keeps the session's time: waits and
 // the frames of recordings move it on, calls take none.
-//
-// The library's debug switch must be on: why it refuses an event is in its log alone.
 class Player : private desktop::Observer {
   public:
-    // Is told of each step, the loading of the library first, and of what the platform saw of it.
-    using Watcher = std::function<void(const Step& step, std::span<const desktop::Effect> effects)>;
+    // Is told of the loading of the library, and of each call.
+    using Watcher = std::function<void(const Played& played)>;
 
     struct Pace {
         bool isRealTime = false;  // The session's time takes as long as it says.
@@ -52,18 +60,13 @@ class Player : private desktop::Observer {
     void OnEffect(const desktop::Effect& effect) override;
     void PlayCall(const Call& call, uint32_t number);
     void PlayRecording(const Recording& recording, uint32_t number);
-    // Fills in the step's events: from the library's messages, and from what the service was told
-    // where the messages leave it open.
-    void TellStep();
     void PassTime(Micros until);
 
     Watcher watcher;
     Pace pace;
     TarvoCameraFrameBoost boost;
     std::vector<desktop::Effect> effects;  // Of the call that is being played.
-    std::vector<Message> messages;         // The library's among them.
-    Step step;
-    Configuration configuration;  // As loaded.
+    Configuration configuration;           // As loaded.
     Micros time = 0;
     std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
     int32_t sceneFps = 0;   // As last described.

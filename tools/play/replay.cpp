@@ -6,8 +6,8 @@
 #include <variant>
 
 #include "tools/check/check.h"
-#include "tools/play/transcript.h"
 #include "tools/play/log_writer.h"
+#include "tools/play/transcript.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -85,16 +85,13 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
     if (options.log != nullptr) {
         log.emplace(*options.log);
     }
-    const auto watch = [&](const Step& step, std::span<const desktop::Effect> effects) {
-        transcript->Show(step, effects);
+    const auto watch = [&](const Played& played) {
+        transcript->Show(played);
         if (log) {
-            log->SetMoment(step.time, step.thread);
-            for (const desktop::Effect& effect : effects) {
+            log->SetMoment(played.time, CAPTURE_PROCESS);
+            for (const desktop::Effect& effect : played.effects) {
                 log->OnEffect(effect);
             }
-        }
-        if (options.steps != nullptr) {
-            options.steps->OnStep(step);
         }
         if (options.pace.isRealTime) {
             out.flush();

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "host/desktop.h"
-#include "tools/account/step.h"
 #include "tools/base/finding.h"
 #include "tools/play/player.h"
 
@@ -33,7 +32,6 @@ struct ReplayOptions {
     bool isJson = false;          // Show it to a program.
     Player::Pace pace;            // In real time, what is shown comes line by line.
     std::ostream* log = nullptr;  // Where the capture of the library's log goes, if anywhere.
-    StepSink* steps = nullptr;    // Who else is told of the steps, if anybody.
 };
 
 // Plays `session`, which messages call `name`, on a library that is freshly loaded as far as anyone

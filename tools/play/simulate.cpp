@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <deque>
 #include <functional>
-#include <map>
 #include <optional>
 #include <queue>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,6 +12,7 @@
 #include "host/desktop.h"
 #include "tools/play/log_writer.h"
 #include "tools/play/player.h"
+#include "tools/play/truth.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -21,17 +20,24 @@ namespace {
 
 // The beginning of a capture whose clock counts from the start of the device.
 constexpr int64_t SINCE_BOOT = 5'000'000'000;
-constexpr Micros MILLISECOND = 1000;
+
+// A frame that a node works on.
+struct Work {
+    int64_t frame;
+    bool isDone = false;
+};
 
 // A node at work.
 struct Station {
-    Line report;  // Its node end, for frame and port to be filled in.
+    Call report;  // Its node end, for frame and port to be filled in.
     const CameraNode* node = nullptr;
     int32_t stage = -1;  // -1: a branch.
     int32_t thread = 0;
     std::vector<size_t> receivers;  // Stations that frames are handed on to.
-    std::deque<int64_t> queue;      // Frames that wait; the one being worked on is the first.
-    std::optional<int64_t> held;    // Is done, but comes out after the next.
+    std::deque<int64_t> waiting;
+    std::deque<Work> works;  // In the order of the frames. Those that are done wait for others.
+    std::optional<int64_t> held;  // Is done, but comes out after the next.
+    bool isDead = false;
 };
 
 class Simulation {
@@ -39,20 +45,17 @@ class Simulation {
     Simulation(const Camera& simulated, std::ostream& capture, const SimulateOptions& theOptions)
         : camera(simulated),
           options(theOptions),
-          log(capture, options.format, options.format.isMonotonic ? SINCE_BOOT : CAPTURE_BEGIN) {
-        for (const Fault& fault : camera.faults) {
-            faults.emplace(fault.frame, fault);
-        }
-    }
+          log(capture, options.format, options.format.isMonotonic ? SINCE_BOOT : CAPTURE_BEGIN),
+          isOver(camera.faults.size()) {}
 
     Simulated Run() {
         // The library is loaded.
-        player.emplace([this](const Step& step, auto effects) { OnStep(step, effects); },
-                       Player::Pace());
+        player.emplace([this](const Played& call) { OnPlayed(call); }, Player::Pace());
         MakeStations();
         WriteBeginning();
         StartScene();
-        events.push({now + 50 * MILLISECOND, 0, SENSOR});
+        const Micros sceneBegin = now;
+        events.push({now + 50 * MILLISECOND, 0, SENSOR, 0});
         while (!events.empty()) {
             const Event event = events.top();
             events.pop();
@@ -60,11 +63,17 @@ class Simulation {
             if (event.station == SENSOR) {
                 Deliver();
             } else {
-                Finish(event.station);
+                Finish(event.station, event.frame);
+            }
+            if (truth && HasBacklog()) {
+                truth->OnBacklog(now);
             }
         }
-        now += 100 * MILLISECOND;
-        Make("TcfbtNotifySceneEnd", {});
+        now += camera.wait;
+        Make(Operation::SceneEnd, {});
+        if (truth) {
+            truth->Write(*options.truth, sceneBegin, now);
+        }
         return result;
     }
 
@@ -75,26 +84,38 @@ class Simulation {
         Micros time;
         uint64_t order;  // Of two at the same time, that which was planned first happens first.
         size_t station;  // Whose work is done; SENSOR: a frame is due.
+        int64_t frame;   // That it is done with.
 
         bool operator>(const Event& other) const {
             return std::pair(time, order) > std::pair(other.time, other.order);
         }
     };
 
-    void OnStep(const Step& step, std::span<const desktop::Effect> effects) {
-        if (step.loaded && !step.loaded->modes.empty()) {
-            firstMode = step.loaded->modes.front();
+    void OnPlayed(const Played& call) {
+        if (call.call == nullptr) {
+            const Configuration& loaded = *call.configuration;
+            firstMode = loaded.modes.empty() ? 0 : loaded.modes.front();
+            if (options.truth != nullptr) {
+                truth.emplace(camera, loaded.stageCount.value_or(0));
+            }
+        } else if (call.call->operation == Operation::SceneStart) {
+            result.isBoosted = call.result == 0;
         }
-        // No call but the start of the scene has such a result before the scene runs.
-        result.isBoosted = result.isBoosted || step.result == 0;
-        log.SetMoment(now, thread);
-        for (const desktop::Effect& effect : effects) {
+        log.SetMoment(now + clockStep, thread);
+        for (const desktop::Effect& effect : call.effects) {
+            const auto* service = std::get_if<desktop::ServiceCall>(&effect.event);
+            if (truth && service != nullptr) {
+                truth->OnService(*service);
+            }
             if (!std::holds_alternative<desktop::LogLine>(effect.event)) {
                 continue;
             }
             if (linesToLose > 0) {
                 --linesToLose;
                 ++result.linesLost;
+                if (truth) {
+                    truth->OnFault(losing, now, now);
+                }
             } else {
                 ++result.lines;
                 log.OnEffect(effect);
@@ -110,8 +131,9 @@ class Simulation {
         *options.session << "# A simulated camera: " << camera.frames << " frames at " << camera.fps
                          << " fps, seed " << camera.seed << ".\n";
         for (const Fault& fault : camera.faults) {
-            *options.session << "# Frame " << fault.frame << ": " << Describe(fault, camera)
-                             << ".\n";
+            std::string frames = FramesOf(fault);
+            frames.front() = 'F';
+            *options.session << "# " << frames << ": " << Describe(fault, camera) << ".\n";
         }
     }
 
@@ -131,8 +153,8 @@ class Simulation {
         Play(call);
     }
 
-    void Make(const char* operation, std::vector<Value> arguments) {
-        Make(Call{FindOperation(operation), std::move(arguments)}, CAPTURE_PROCESS);
+    void Make(Operation operation, std::vector<Value> arguments) {
+        Make(Call{operation, std::move(arguments)}, CAPTURE_PROCESS);
     }
 
     void MakeStations() {
@@ -146,7 +168,7 @@ class Simulation {
             last = node.isBranch ? last : index;
             Station& station = stations.emplace_back();
             station.report =
-                Call{FindOperation("TcfbtNotifyNodeEnd"),
+                Call{Operation::NodeEnd,
                      {int64_t{0}, node.name, node.ports.front(), camera.id, camera.isMaster}};
             station.node = &node;
             station.stage = node.isBranch ? -1 : stage++;
@@ -157,64 +179,117 @@ class Simulation {
 
     void StartScene() {
         now = 200 * MILLISECOND;
-        Make("TcfbtSetVersion", {2});
+        Make(Operation::SetVersion, {2});
         int32_t tid = CAPTURE_PROCESS + 10;
         for (const char* manager :
              {"SoloThreadManager", "AuxThreadManager", "RecyclThreadManager"}) {
-            Make("TcfbtAddPersistTids", {std::string(manager), tid++});
+            Make(Operation::AddPersistTids, {std::string(manager), tid++});
         }
         for (const Station& station : stations) {
-            Make("TcfbtAddTempTids", {station.thread});
+            Make(Operation::AddTempTids, {station.thread});
         }
         now += 20 * MILLISECOND;
-        Make("TcfbtSetSceneInfo", {true, camera.width, camera.fps});
-        Make("TcfbtNotifySceneStart", {camera.mode.value_or(firstMode)});
+        Make(Operation::SetSceneInfo, {true, camera.width, camera.fps});
+        Make(Operation::SceneStart, {camera.mode.value_or(firstMode)});
     }
 
     // The sensor's next frame is due.
     void Deliver() {
         const int64_t frame = result.frames;
+        clockStep += Take(FaultKind::Clock, frame).value_or(0) * MILLISECOND;
+        if (const auto milliseconds = Take(FaultKind::Freeze, frame)) {
+            Freeze(*milliseconds * MILLISECOND);
+            return;
+        }
         if (const auto milliseconds = Take(FaultKind::Stall, frame)) {
             // It comes later, as a frame without the fault.
-            events.push({now + *milliseconds * MILLISECOND, ++planned, SENSOR});
+            events.push({now + *milliseconds * MILLISECOND, ++planned, SENSOR, 0});
             return;
         }
         ++result.frames;
-        const bool isDropped = Take(FaultKind::Drop, frame).has_value();
+        if (Take(FaultKind::Restart, frame)) {
+            numberedFrom.push_back(frame - 1);
+        }
+        const bool isRecovered = Take(FaultKind::Recovered, frame).has_value();
+        const bool isDropped = Take(FaultKind::Drop, frame).has_value() || isRecovered;
         const bool isOverrun = !isDropped && inPipeline >= camera.buffers;
+        if (truth) {
+            truth->OnDelivered(NumberOf(frame), now, isDropped || isOverrun);
+        }
         if (isDropped || isOverrun) {
             result.overruns += isOverrun ? 1 : 0;
-            Make("TcfbtNotifyErrorFrame", {frame, 0});
+            Make(Operation::ErrorFrame, {NumberOf(frame), 0});
+            if (isRecovered) {
+                Recover(NumberOf(frame));
+            }
         } else {
             ++inPipeline;
             HandTo(0, frame);
         }
         if (options.onProgress(result.frames, camera.frames) && result.frames < camera.frames) {
             // Periods that are no whole microseconds add up right all the same.
-            const auto periodEnd = [this](int64_t number) {
-                return number * 1'000'000 / camera.fps;
-            };
-            events.push({now + periodEnd(frame + 1) - periodEnd(frame), ++planned, SENSOR});
+            const int64_t fps = Take(FaultKind::Rate, frame).value_or(camera.fps);
+            const auto periodEnd = [fps](int64_t number) { return number * SECOND / fps; };
+            events.push({now + periodEnd(frame + 1) - periodEnd(frame), ++planned, SENSOR, 0});
         }
+    }
+
+    // What the HAL does about a frame that never leaves stage 0.
+    void Recover(int64_t number) {
+        Make(Operation::FrameStart, {number + 1});
+        Make(Operation::StageStart, {0, number + 1, 0, 20, stations.front().node->name});
+        Make(Operation::FrameEnd, {number});
+    }
+
+    // The frame that was due, and all else that was to happen, comes later.
+    void Freeze(Micros duration) {
+        std::vector<Event> later = {{now, ++planned, SENSOR, 0}};
+        for (; !events.empty(); events.pop()) {
+            later.push_back(events.top());
+        }
+        for (Event& event : later) {
+            event.time += duration;
+            events.push(event);
+        }
+    }
+
+    // The HAL's number of a frame.
+    int64_t NumberOf(int64_t frame) const {
+        const auto before = std::find_if(numberedFrom.rbegin(), numberedFrom.rend(),
+                                         [frame](int64_t one) { return one < frame; });
+        return before == numberedFrom.rend() ? frame : frame - *before;
     }
 
     void HandTo(size_t index, int64_t frame) {
         Station& station = stations[index];
         // A branch that does not keep up skips frames. The others cannot have more than there are.
-        if (station.stage < 0 && static_cast<int64_t>(station.queue.size()) >= camera.buffers) {
+        const size_t frames = station.waiting.size() + station.works.size();
+        if (station.stage < 0 && static_cast<int64_t>(frames) >= camera.buffers) {
             return;
         }
-        station.queue.push_back(frame);
-        if (station.queue.size() == 1) {
-            Begin(index);
-        }
+        station.waiting.push_back(frame);
+        BeginNext(index);
     }
 
-    void Begin(size_t index) {
-        const Station& station = stations[index];
-        const int64_t frame = station.queue.front();
+    // Begins with the next frame, if there is one, somebody to work on it and, for a node that
+    // looks ahead, enough behind it.
+    void BeginNext(size_t index) {
+        Station& station = stations[index];
+        const auto busy = std::count_if(station.works.begin(), station.works.end(),
+                                        [](const Work& work) { return !work.isDone; });
+        if (busy >= station.node->workers || station.isDead ||
+            station.waiting.size() <= static_cast<size_t>(station.node->ahead)) {
+            return;
+        }
+        const int64_t frame = station.waiting.front();
+        if (IsDeadFrom(frame, station.stage)) {
+            station.isDead = true;
+            return;
+        }
+        station.waiting.pop_front();
+        station.works.push_back({frame});
         const Micros extra = Take(FaultKind::Slow, frame, station.stage).value_or(0) * MILLISECOND;
-        events.push({now + WorkOf(index, frame) + extra, ++planned, index});
+        events.push({now + WorkOf(index, frame) + extra, ++planned, index, frame});
     }
 
     // How long a node takes for a frame: like a logarithmic normal distribution, with a longer tail
@@ -230,14 +305,21 @@ class Simulation {
         return node.median + offset / (offset > 0 ? half : 2 * half);
     }
 
-    // The station is done with its first frame.
-    void Finish(size_t index) {
+    // The station is done with a frame, which comes out when those before it have.
+    void Finish(size_t index, int64_t frame) {
         Station& station = stations[index];
-        const int64_t frame = station.queue.front();
-        station.queue.pop_front();
-        if (!station.queue.empty()) {
-            Begin(index);
+        std::find_if(station.works.begin(), station.works.end(), [frame](const Work& work) {
+            return work.frame == frame;
+        })->isDone = true;
+        BeginNext(index);
+        while (!station.works.empty() && station.works.front().isDone) {
+            const int64_t done = station.works.front().frame;
+            station.works.pop_front();
+            ComeOut(station, done);
         }
+    }
+
+    void ComeOut(Station& station, int64_t frame) {
         if (Take(FaultKind::Lost, frame, station.stage)) {
             --inPipeline;
             return;
@@ -270,32 +352,67 @@ class Simulation {
 
     void Report(Station& station, int64_t frame, size_t port) {
         linesToLose += Take(FaultKind::LogLost, frame).value_or(0);
-        auto& arguments = std::get<Call>(station.report).arguments;
-        arguments[0] = frame;
-        arguments[2] = station.node->ports[port];
+        if (truth && station.stage >= 0) {
+            truth->OnLeft(frame, station.stage, now);
+        }
+        station.report.Set(Parameter::HalFrameNumber, NumberOf(frame));
+        station.report.Set(Parameter::PortId, station.node->ports[port]);
         Make(station.report, station.thread);
     }
 
-    // The amount of a fault that is due; it is so once.
+    // The amount of a fault that is due for the frame. One that cannot happen to several in a row
+    // is due once.
     std::optional<int64_t> Take(FaultKind kind, int64_t frame, int32_t stage = -1) {
-        const auto [first, last] = faults.equal_range(frame);
-        for (auto fault = first; fault != last; ++fault) {
-            if (fault->second.kind == kind && fault->second.stage == stage) {
-                const int64_t amount = fault->second.amount;
-                faults.erase(fault);
-                return amount;
+        for (size_t i = 0; i < camera.faults.size(); ++i) {
+            const Fault& fault = camera.faults[i];
+            const int64_t last = std::max(fault.frame, fault.last);
+            if (fault.kind == kind && fault.stage == stage && frame >= fault.frame &&
+                frame <= last && !isOver[i]) {
+                isOver[i] = frame == last;
+                losing = kind == FaultKind::LogLost ? i : losing;
+                if (truth) {
+                    const bool isDelay = kind == FaultKind::Slow || kind == FaultKind::Stall ||
+                                         kind == FaultKind::Freeze;
+                    truth->OnFault(i, now,
+                                   kind == FaultKind::Restart ? Truth::FOREVER
+                                   : isDelay                  ? now + fault.amount * MILLISECOND
+                                                              : now);
+                }
+                return fault.amount;
             }
         }
         return std::nullopt;
     }
 
+    bool IsDeadFrom(int64_t frame, int32_t stage) {
+        for (size_t i = 0; i < camera.faults.size(); ++i) {
+            const Fault& fault = camera.faults[i];
+            if (fault.kind == FaultKind::Die && fault.stage == stage && frame >= fault.frame) {
+                if (truth) {
+                    truth->OnFault(i, now, Truth::FOREVER);
+                }
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // Whether more than one frame waits for a stage.
+    bool HasBacklog() const {
+        return std::any_of(stations.begin(), stations.end(), [](const Station& station) {
+            return station.stage >= 0 &&
+                   station.waiting.size() > static_cast<size_t>(station.node->ahead) + 1;
+        });
+    }
+
     const Camera& camera;
     const SimulateOptions& options;
     LogWriter log;
+    std::optional<Truth> truth;
     std::optional<Player> player;
     std::vector<Station> stations;
     std::priority_queue<Event, std::vector<Event>, std::greater<>> events;
-    std::multimap<int64_t, Fault> faults;  // Those to come, by frame.
+    std::vector<bool> isOver;  // The camera's faults that have happened.
     Micros now = 0;
     Micros played = 0;                 // The moment that the player has come to.
     int32_t thread = CAPTURE_PROCESS;  // That calls now.
@@ -304,6 +421,10 @@ class Simulation {
     int32_t stageCount = 0;
     int64_t inPipeline = 0;
     int64_t linesToLose = 0;
+    size_t losing = 0;     // The fault that they are of.
+    Micros clockStep = 0;  // By which the log's clock is ahead.
+    // The frames after which the HAL numbers from 1.
+    std::vector<int64_t> numberedFrom;
     Simulated result;
 };
 

@@ -15,6 +15,9 @@ namespace tools {
 struct SimulateOptions {
     Format format;                    // Of the capture.
     std::ostream* session = nullptr;  // Where the calls are written as a session; null: nowhere.
+    // Where JSON says what was done, see Truth::Write, which takes memory for each frame; null:
+    // nowhere.
+    std::ostream* truth = nullptr;
     // Is told how many frames of how many the sensor has delivered, with each. False ends the
     // recording there, as if it had been that long.
     std::function<bool(int64_t done, int64_t all)> onProgress = [](int64_t, int64_t) {
@@ -35,8 +38,8 @@ struct Simulated {
 // Writes the capture of a recording of `camera` to `capture`: loading the library, a scene, and its
 // end. The platform is to be prepared with PreparePlatform, which says what the library is
 // configured to, and nobody else may use it or the library meanwhile. Takes memory that does not
-// depend on the number of frames. Throws a CameraError for faults that the camera cannot have, and
-// whatever writing throws.
+// depend on the number of frames, unless the truth is asked for. Throws a CameraError for faults
+// that the camera cannot have, and whatever writing throws.
 Simulated Simulate(const Camera& camera, std::ostream& capture,
                    const SimulateOptions& options = {});
 

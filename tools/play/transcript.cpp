@@ -5,63 +5,135 @@
 #include <cstddef>
 #include <iomanip>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
 #include <string_view>
 #include <variant>
+#include <vector>
+
+#include "host/desktop.h"
+#include "tools/log/message.h"
+#include "tools/play/log_writer.h"
+#include "tools/session/calls.h"
 
 namespace tools {
 namespace {
 
 using Json = nlohmann::ordered_json;
-using Counts = std::map<std::pair<EventKind, Outcome>, int64_t>;
-
-// A row of a summary: events of one or two kinds, those that were refused or those that were not.
+// The rows of a summary, in the order of Tally.
 struct Row {
     const char* text;
     const char* json;
-    EventKind kind;
-    EventKind otherKind;
-    bool isRefused;
-    bool hasReasons;
 };
+constexpr auto ROWS = std::to_array<Row>({
+    {"scenes started", "scenesStarted"},
+    {"scenes refused", "scenesRefused"},
+    {"frames started", "framesStarted"},
+    {"frames ended", "framesEnded"},
+    {"frames evicted", "framesEvicted"},
+    {"frame starts refused", "frameStartsRefused"},
+    {"frame ends refused", "frameEndsRefused"},
+    {"stage events forwarded", "stageEventsForwarded"},
+    {"stage events refused", "stageEventsRefused"},
+    {"node ends ignored", "nodeEndsIgnored"},
+    {"error reports", "errorReports"},
+});
 
-constexpr std::array<Row, 11> ROWS = {{
-    {"scenes started", "scenesStarted", EventKind::SceneStart, EventKind::SceneStart, false, false},
-    {"scenes refused", "scenesRefused", EventKind::SceneStart, EventKind::SceneStart, true, true},
-    {"frames started", "framesStarted", EventKind::FrameStart, EventKind::FrameStart, false, false},
-    {"frames ended", "framesEnded", EventKind::FrameEnd, EventKind::FrameEnd, false, false},
-    {"frames evicted", "framesEvicted", EventKind::Eviction, EventKind::Eviction, false, true},
-    {"frame starts refused", "frameStartsRefused", EventKind::FrameStart, EventKind::FrameStart,
-     true, true},
-    {"frame ends refused", "frameEndsRefused", EventKind::FrameEnd, EventKind::FrameEnd, true,
-     true},
-    {"stage events forwarded", "stageEventsForwarded", EventKind::StageStart, EventKind::StageEnd,
-     false, false},
-    {"stage events refused", "stageEventsRefused", EventKind::StageStart, EventKind::StageEnd, true,
-     true},
-    {"node ends ignored", "nodeEndsIgnored", EventKind::NodeEnd, EventKind::NodeEnd, false, true},
-    {"error reports", "errorReports", EventKind::Report, EventKind::Report, false, false},
-}};
+const char* TextOf(Reason reason) {
+    // In the order of Reason.
+    constexpr auto texts = std::to_array<const char*>({
+        "",
+        "no scene is running",
+        "not described as a scene to boost",
+        "switched off, or the operation mode is not supported",
+        "by the service",
+        "too many frames in flight",
+        "this node and port end no stage",
+        "already in flight",
+        "does not follow the newest frame",
+        "not in flight",
+        "the frame is not in flight",
+        "the frame is in error",
+        "no such stage",
+        "out of order with another stage",
+        "the stage has run already, or has not started",
+    });
+    return texts[static_cast<size_t>(reason)];
+}
 
-struct Tally {
-    int64_t total = 0;
-    std::map<std::string, int64_t> reasons;
-};
-
-Tally TallyOf(const Row& row, const Counts& counts) {
-    Tally tally;
-    for (const auto& [event, count] : counts) {
-        const auto& [kind, outcome] = event;
-        if ((kind == row.kind || kind == row.otherKind) && IsRefused(outcome) == row.isRefused) {
-            tally.total += count;
-            if (row.hasReasons) {
-                const bool isStage = kind == EventKind::StageStart || kind == EventKind::StageEnd;
-                const bool needsSubject = isStage && outcome == Outcome::NotInFlight;
-                tally.reasons[(needsSubject ? "the frame is " : "") +
-                              std::string(ReasonOf(outcome))] += count;
-            }
-        }
+// What a message says of the event that left it; nothing where another one does.
+std::optional<Reason> ReasonOf(MessageKind kind) {
+    switch (kind) {
+        case MessageKind::FrameStart:
+        case MessageKind::FrameEnd:
+        case MessageKind::StageStart:
+        case MessageKind::StageEnd:
+            return Reason::None;
+        case MessageKind::FrameAlreadyExists:
+            return Reason::AlreadyInFlight;
+        case MessageKind::FrameNotContinuous:
+            return Reason::Gap;
+        case MessageKind::EndedFrameNotExist:
+            return Reason::NotInFlight;
+        case MessageKind::FrameNotExist:
+        case MessageKind::FrameRemoved:
+            return Reason::FrameNotInFlight;
+        case MessageKind::FrameInError:
+            return Reason::FrameInError;
+        case MessageKind::StageNotInRange:
+            return Reason::NoSuchStage;
+        case MessageKind::StageOutOfOrder:
+            return Reason::OutOfOrder;
+        case MessageKind::StageOutOfTurn:
+            return Reason::StageOutOfTurn;
+        default:
+            return std::nullopt;
     }
-    return tally;
+}
+
+Tally TallyOf(MessageKind event, Reason reason) {
+    const bool isDone = reason == Reason::None;
+    switch (event) {
+        case MessageKind::FrameStart:
+            return isDone ? Tally::FramesStarted : Tally::FrameStartsRefused;
+        case MessageKind::FrameEnd:
+            return isDone ? Tally::FramesEnded : Tally::FrameEndsRefused;
+        default:
+            return isDone ? Tally::StageEventsForwarded : Tally::StageEventsRefused;
+    }
+}
+
+// The frame and stage events that a call is to lead to.
+std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configuration,
+                                bool isInScene) {
+    const auto frame = [&call] { return call.Get<int64_t>(Parameter::HalFrameNumber); };
+    const auto stage = [&call] { return call.Get<int32_t>(Parameter::Stage); };
+    switch (call.operation) {
+        case Operation::FrameStart:
+            return {{MessageKind::FrameStart, frame()}};
+        case Operation::FrameEnd:
+            return {{MessageKind::FrameEnd, frame()}};
+        case Operation::StageStart:
+            return {{MessageKind::StageStart, frame(), stage()}};
+        case Operation::StageEnd:
+            return {{MessageKind::StageEnd, frame(), stage()}};
+        case Operation::NodeEnd: {
+            Message nodeEnd;
+            nodeEnd.frame = frame();
+            nodeEnd.stage = configuration.StageOf(call.Get<std::string>(Parameter::NodeName));
+            nodeEnd.count = configuration.stageCount.value_or(0);
+            std::vector<CallEvent> events = EventsOf(nodeEnd);
+            if (!isInScene) {
+                // Nobody meant to start a frame.
+                std::erase_if(events, [](const CallEvent& event) {
+                    return event.kind == MessageKind::FrameStart;
+                });
+            }
+            return events;
+        }
+        default:
+            return {};
+    }
 }
 
 // The bytes of the UTF-8 character that `text` begins with; 0 when it begins with none, or with
@@ -103,6 +175,25 @@ std::string Dump(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+int64_t TotalOf(Tally tally, const Counts& counts) {
+    int64_t total = 0;
+    for (const auto& [what, count] : counts) {
+        total += what.first == tally ? count : 0;
+    }
+    return total;
+}
+
+// Why how many of them were not done, in the order of the texts.
+std::map<std::string, int64_t> ReasonsOf(Tally tally, const Counts& counts) {
+    std::map<std::string, int64_t> reasons;
+    for (const auto& [what, count] : counts) {
+        if (what.first == tally && what.second != Reason::None) {
+            reasons[TextOf(what.second)] += count;
+        }
+    }
+    return reasons;
+}
+
 class TextTranscript : public Transcript {
   public:
     TextTranscript(std::ostream& stream, bool quiet, bool debug)
@@ -118,26 +209,25 @@ class TextTranscript : public Transcript {
 
     void ShowSummary() override {
         out << (isQuiet ? "" : "\n") << "Summary\n";
-        for (const Row& row : ROWS) {
-            const Tally tally = TallyOf(row, Total());
-            out << "  " << std::left << std::setw(24) << row.text << std::right << std::setw(8)
-                << tally.total << '\n';
-            for (const auto& [reason, count] : tally.reasons) {
+        for (size_t row = 0; row < ROWS.size(); ++row) {
+            const auto tally = static_cast<Tally>(row);
+            out << "  " << std::left << std::setw(24) << ROWS[row].text << std::right
+                << std::setw(8) << TotalOf(tally, Total()) << '\n';
+            for (const auto& [reason, count] : ReasonsOf(tally, Total())) {
                 out << std::setw(34) << count << "  " << reason << '\n';
             }
         }
     }
 
   private:
-    void ShowStep(const Step& step, std::span<const desktop::Effect> effects,
-                  const Counts& counts) override {
+    void ShowPlayed(const Played& played, const Counts& counts) override {
         if (isQuiet) {
             return;
         }
-        if (step.call.operation != nullptr) {
-            ShowCall(step);
+        if (played.call != nullptr) {
+            ShowCall(*played.call, played.result);
         }
-        for (const desktop::Effect& effect : effects) {
+        for (const desktop::Effect& effect : played.effects) {
             if (const auto* call = std::get_if<desktop::ServiceCall>(&effect.event)) {
                 const bool isReport = call->function == desktop::ServiceFunction::NotifyErrOfUser;
                 out << (isReport ? " !! " : "    ") << ToString(*call) << '\n';
@@ -150,27 +240,27 @@ class TextTranscript : public Transcript {
             }
         }
         // What was forwarded shows above; what was not has a reason.
-        for (const Row& row : ROWS) {
-            for (const auto& [reason, count] : TallyOf(row, counts).reasons) {
-                out << "    - " << row.text << ": " << count << " (" << reason << ")\n";
+        for (size_t row = 0; row < ROWS.size(); ++row) {
+            for (const auto& [reason, count] : ReasonsOf(static_cast<Tally>(row), counts)) {
+                out << "    - " << ROWS[row].text << ": " << count << " (" << reason << ")\n";
             }
         }
     }
 
-    void ShowCall(const Step& step) {
-        const Operation& operation = *step.call.operation;
-        out << operation.name << '(';
+    void ShowCall(const Call& call, std::optional<int32_t> result) {
+        const OperationForm& form = FormOf(call.operation);
+        out << form.name << '(';
         const char* separator = "";
-        for (size_t i = 0; i < step.call.arguments.size(); ++i) {
-            const Value& value = step.call.arguments[i];
-            const Parameter& parameter = operation.parameters[i];
-            out << std::exchange(separator, ", ") << parameter.name << '='
-                << (parameter.isMode ? ModeText(std::get<int32_t>(value))
-                                     : Shown(Dump(JsonOf(value))));
+        for (size_t i = 0; i < call.arguments.size(); ++i) {
+            const Value& value = call.arguments[i];
+            const Parameter parameter = form.parameters[i];
+            out << std::exchange(separator, ", ") << NameOf(parameter) << '='
+                << (parameter == Parameter::OperationMode ? ModeText(std::get<int32_t>(value))
+                                                          : Shown(Dump(JsonOf(value))));
         }
         out << ')';
-        if (step.result) {
-            out << " = " << *step.result;
+        if (result) {
+            out << " = " << *result;
         }
         out << '\n';
     }
@@ -218,41 +308,39 @@ class JsonTranscript : public Transcript {
 
     void ShowSummary() override {
         Json json = {{"type", "summary"}};
-        for (const Row& row : ROWS) {
-            json[row.json] = TallyOf(row, Total()).total;
+        for (size_t row = 0; row < ROWS.size(); ++row) {
+            json[ROWS[row].json] = TotalOf(static_cast<Tally>(row), Total());
         }
-        json["reasons"] = ReasonsOf(Total());
+        json["reasons"] = JsonOfReasons(Total());
         Write(json);
     }
 
   private:
-    void ShowStep(const Step& step, std::span<const desktop::Effect> effects,
-                  const Counts& counts) override {
+    void ShowPlayed(const Played& played, const Counts& counts) override {
         if (isQuiet) {
             return;
         }
-        if (step.call.operation == nullptr) {
-            Write({{"type", "load"}, {"effects", EffectsOf(step, effects)}});
+        if (played.call == nullptr) {
+            Write({{"type", "load"}, {"effects", EffectsOf(played)}});
             return;
         }
-        Json json = {
-            {"type", "call"}, {"line", step.place.line}, {"operation", step.call.operation->name}};
+        const OperationForm& form = FormOf(played.call->operation);
+        Json json = {{"type", "call"}, {"line", played.line}, {"operation", form.name}};
         auto& arguments = json["arguments"] = Json::object();
-        for (size_t i = 0; i < step.call.arguments.size(); ++i) {
-            const std::string name(step.call.operation->parameters[i].name);
-            arguments[name] = JsonOf(step.call.arguments[i]);
+        for (size_t i = 0; i < form.parameters.size(); ++i) {
+            arguments[std::string(NameOf(form.parameters[i]))] = JsonOf(played.call->arguments[i]);
         }
-        json["result"] = step.result ? Json(*step.result) : nullptr;
-        json["effects"] = EffectsOf(step, effects);
-        json["reasons"] = ReasonsOf(counts);
+        json["result"] = played.result ? Json(*played.result) : nullptr;
+        json["effects"] = EffectsOf(played);
+        json["reasons"] = JsonOfReasons(counts);
         Write(json);
     }
 
-    Json EffectsOf(const Step& step, std::span<const desktop::Effect> effects) const {
+    Json EffectsOf(const Played& played) const {
         auto list = Json::array();
-        for (const desktop::Effect& effect : effects) {
+        for (const desktop::Effect& effect : played.effects) {
             if (withDebug || std::holds_alternative<desktop::ServiceCall>(effect.event)) {
-                Json json = {{"time", Millis(step.time)}, {"thread", step.thread}};
+                Json json = {{"time", Millis(played.time)}, {"thread", CAPTURE_PROCESS}};
                 std::visit([&json](const auto& event) { Describe(event, json); }, effect.event);
                 list.push_back(std::move(json));
             }
@@ -260,13 +348,13 @@ class JsonTranscript : public Transcript {
         return list;
     }
 
-    // Why how many events of which kind were not forwarded.
-    static Json ReasonsOf(const Counts& counts) {
+    // Why how many of what were not done.
+    static Json JsonOfReasons(const Counts& counts) {
         auto json = Json::object();
-        for (const Row& row : ROWS) {
-            const Tally tally = TallyOf(row, counts);
-            if (!tally.reasons.empty()) {
-                json[row.json] = tally.reasons;
+        for (size_t row = 0; row < ROWS.size(); ++row) {
+            const auto reasons = ReasonsOf(static_cast<Tally>(row), counts);
+            if (!reasons.empty()) {
+                json[ROWS[row].json] = reasons;
             }
         }
         return json;
@@ -306,13 +394,63 @@ class JsonTranscript : public Transcript {
 
 }  // namespace
 
-void Transcript::Show(const Step& step, std::span<const desktop::Effect> effects) {
+Counts CountsOf(const Played& played) {
     Counts counts;
-    for (const Event& event : step.events) {
-        ++counts[{event.kind, event.outcome}];
-        ++total[{event.kind, event.outcome}];
+    if (played.call == nullptr) {
+        return counts;
     }
-    ShowStep(step, effects, counts);
+    const Call& call = *played.call;
+    std::vector<Message> messages;
+    for (const desktop::Effect& effect : played.effects) {
+        if (const auto* service = std::get_if<desktop::ServiceCall>(&effect.event)) {
+            counts[{Tally::ErrorReports, Reason::None}] +=
+                service->function == desktop::ServiceFunction::NotifyErrOfUser ? 1 : 0;
+        } else if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
+            if (const auto message = ParseMessage(line->tag, line->text)) {
+                messages.push_back(*message);
+            }
+        }
+    }
+    const auto count = [&counts](Tally tally, Reason reason) { ++counts[{tally, reason}]; };
+    const bool isNodeEnd = call.operation == Operation::NodeEnd;
+    if (isNodeEnd && !played.configuration->IsStagePort(call.Get<std::string>(Parameter::NodeName),
+                                                        call.Get<int32_t>(Parameter::PortId))) {
+        count(Tally::NodeEndsIgnored, Reason::NoStageOfNode);
+        return counts;
+    }
+    if (call.operation == Operation::SceneStart && played.result == -1 && messages.empty()) {
+        count(Tally::ScenesRefused, Reason::NotDescribed);
+    }
+    const bool isInScene = isNodeEnd ? !messages.empty() : played.result != -1;
+    EventLines events(EventsOf(call, *played.configuration, isInScene));
+    std::vector<Reason> reasons(events.Events().size(),
+                                isInScene ? Reason::FrameInError : Reason::NoScene);
+    for (const Message& message : messages) {
+        if (message.kind == MessageKind::SceneDisabled) {
+            count(Tally::ScenesRefused, Reason::Disabled);
+        } else if (message.kind == MessageKind::SceneStart) {
+            count(message.flag ? Tally::ScenesStarted : Tally::ScenesRefused,
+                  message.flag ? Reason::None : Reason::RefusedByService);
+        } else if (message.kind == MessageKind::TableFull) {
+            count(Tally::FramesEvicted, Reason::TooManyInFlight);
+        }
+        const std::optional<size_t> event = events.Take(message);
+        if (const auto reason = ReasonOf(message.kind); event && reason) {
+            reasons[*event] = *reason;
+        }
+    }
+    for (size_t i = 0; i < reasons.size(); ++i) {
+        count(TallyOf(events.Events()[i].kind, reasons[i]), reasons[i]);
+    }
+    return counts;
+}
+
+void Transcript::Show(const Played& played) {
+    const Counts counts = CountsOf(played);
+    for (const auto& [what, count] : counts) {
+        total[what] += count;
+    }
+    ShowPlayed(played, counts);
 }
 
 std::unique_ptr<Transcript> MakeTextTranscript(std::ostream& out, bool isQuiet, bool withDebug) {

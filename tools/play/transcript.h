@@ -6,35 +6,71 @@
 #include <map>
 #include <memory>
 #include <ostream>
-#include <span>
 #include <string>
 #include <utility>
 
-#include "host/desktop.h"
-#include "tools/account/step.h"
 #include "tools/base/finding.h"
+#include "tools/play/player.h"
 #include "tools/session/session.h"
 
 namespace tools {
+
+// What a transcript counts: a row of its summary each.
+enum class Tally : uint8_t {
+    ScenesStarted,
+    ScenesRefused,
+    FramesStarted,
+    FramesEnded,
+    FramesEvicted,
+    FrameStartsRefused,
+    FrameEndsRefused,
+    StageEventsForwarded,
+    StageEventsRefused,
+    NodeEndsIgnored,
+    ErrorReports,
+};
+
+// Why something was not done.
+enum class Reason : uint8_t {
+    None,  // It was.
+    NoScene,
+    NotDescribed,
+    Disabled,
+    RefusedByService,
+    TooManyInFlight,
+    NoStageOfNode,
+    AlreadyInFlight,
+    Gap,
+    NotInFlight,
+    FrameNotInFlight,
+    FrameInError,
+    NoSuchStage,
+    OutOfOrder,
+    StageOutOfTurn,
+};
+
+// How often what happened, and why.
+using Counts = std::map<std::pair<Tally, Reason>, int64_t>;
+
+// What became of a call and of what it led to: from the library's log, the calls that the service
+// saw and, where both are silent, from its result. A running scene's event that left nothing at all
+// is of a frame in error. The library's debug switch must be on.
+Counts CountsOf(const Played& played);
 
 class Transcript {
   public:
     virtual ~Transcript() = default;
     // A line of the session that is no call.
     virtual void Show(const Line& line, uint32_t number) = 0;
-    // A step, and what the platform saw of it.
-    void Show(const Step& step, std::span<const desktop::Effect> effects);
+    // A call, or the loading of the library.
+    void Show(const Played& played);
     // What is wrong or surprising about the input `file`; empty: about none in particular.
     virtual void Show(const Finding& finding, const std::string& file) = 0;
-    // What has become of all events up to here.
+    // What has become of everything up to here.
     virtual void ShowSummary() = 0;
 
   protected:
-    // How often what became of which kind of event.
-    using Counts = std::map<std::pair<EventKind, Outcome>, int64_t>;
-
-    virtual void ShowStep(const Step& step, std::span<const desktop::Effect> effects,
-                          const Counts& counts) = 0;
+    virtual void ShowPlayed(const Played& played, const Counts& counts) = 0;
     const Counts& Total() const { return total; }
 
   private:

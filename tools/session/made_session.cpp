@@ -2,177 +2,399 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <string_view>
+#include <utility>
+
+#include "tools/base/text.h"
+#include "tools/log/dump.h"
+#include "tools/session/session.h"
 
 namespace tools {
 namespace {
 
-// A step is told when its last line has been read, other threads' calls in between.
-constexpr size_t MOST_WAITING = 8192;
-constexpr int32_t NO_CALL = -1;
+// A call that has had no message for that many of others has had its last one.
+constexpr int64_t OLD_MESSAGES = 4096;
+// Nodes of a log without thread ids whose last node ends are kept.
+constexpr size_t MOST_NODES = 64;
+// What a derived stage start passes, which is what a HAL passes as a rule.
+constexpr int32_t STAGE_ARG2 = 20;
+// The statement that refuses the end of a stage that is not running; another one does the start.
+constexpr int32_t LINE_OF_END_OUT_OF_TURN = 401;
 
 constexpr const char* BEGINNING =
     "# From the log of a device. A log does not tell everything: TcfbtSetVersion, error frames "
     "that\n"
     "# the HAL reported, what the service answered and calls without effect are not here.\n";
+constexpr const char* SCENE_MISSING =
+    "# Missing: the beginning of the scene. To play the rest, take off the # of these:\n"
+    "# TcfbtSetSceneInfo true 3840 60\n# TcfbtNotifySceneStart 0x0\n";
 
 // Why a call is marked as guessed.
-const char* GuessOf(std::string_view operation) {
-    if (operation == "TcfbtNotifySceneStart") {
-        return "  # guessed: the mode";
-    }
-    if (operation == "TcfbtAddTempTids") {
-        return "  # guessed: from the threads that were set";
-    }
-    if (operation == "TcfbtNotifyStageStart") {
-        return "  # guessed: what no line tells of it";
-    }
-    return "  # guessed: maybe several calls, or another one";
+constexpr const char* GUESSED_MODE = "  # guessed: the mode";
+constexpr const char* GUESSED_THREAD = "  # guessed: from the threads that were set";
+constexpr const char* GUESSED_ARGUMENTS = "  # guessed: what no line tells of it";
+constexpr const char* GUESSED_CALL = "  # guessed: maybe several calls, or another one";
+
+Micros Passed(Micros from, Micros to) {
+    return from == NO_TIME || to == NO_TIME ? 0 : to - from;
 }
 
-std::string CommentOf(const Disturbance& disturbance) {
-    const std::string amount = std::to_string(disturbance.amount);
-    switch (disturbance.kind) {
-        case Disturbance::Kind::LinesLost:
-            return "# Missing: " + (disturbance.amount > 0 ? amount : "some") +
-                   (disturbance.amount == 1 ? " line" : " lines") + " of the log.\n";
-        case Disturbance::Kind::ClockJump:
-            return "# The clock was set by " + amount + " us.\n";
-        case Disturbance::Kind::Start:
-            return "# Missing: what was before.\n";
-        case Disturbance::Kind::End:
-            break;
-    }
-    return "";
-}
-
-// Whether it stands for what happens in a scene that has been started.
-bool IsInScene(const Step& step) {
-    return std::any_of(step.events.begin(), step.events.end(), [](const Event& event) {
-        return event.kind != EventKind::SceneStart && event.kind != EventKind::SceneEnd &&
-               event.outcome != Outcome::NoScene;
-    });
+std::string LinesMissing(int64_t lines) {
+    return "# Missing: " + (lines > 0 ? std::to_string(lines) : "some") +
+           (lines == 1 ? " line" : " lines") + " of the log.\n";
 }
 
 }  // namespace
 
-void SessionMaker::OnStep(const Step& step) {
-    lastProcess = step.process;
-    if (step.loaded) {
-        Making& old = MakingOf(step.process);
-        const int32_t run = old.session.run;
-        Close(old);
-        Making& making = old = Making();
-        making.session.process = step.process;
-        making.session.run = run + 1;
-        making.session.configuration = step.loaded;
-        making.session.threads.push_back(step.thread);
-        making.session.text = "# The library is loaded.\n";
-        making.time = step.time;
+void SessionMaker::OnMessage(const Message& message, const Moment& moment) {
+    ++number;
+    Run* run = RunOf(moment.process);
+    if (message.kind <= MessageKind::DumpStage) {
+        ReadDump(run, message, moment);
         return;
     }
-    if (step.call.operation == nullptr) {
+    if (run == nullptr) {
+        run = lastRun = &runs[lastProcess = moment.process];
+        run->session.text = "# Missing: what was before.\n";
+    }
+    run->isDumping = false;
+    Thread& thread = run->threads[moment.thread];
+    if (IsExplained(*run, thread, message)) {
         return;
     }
-    Making& making = MakingOf(step.process);
-    std::string before;
-    if (!making.hasScene && IsInScene(step)) {
-        making.hasScene = true;
-        before =
-            "# Missing: the beginning of the scene. To play the rest, take off the # of these:\n"
-            "# TcfbtSetSceneInfo true 3840 60\n# TcfbtNotifySceneStart 0x0\n";
+    Entry* entry = thread.open;
+    if (entry != nullptr && !GoesOn(entry->messages, message, Passed(entry->last, moment.time))) {
+        Complete(*run, *std::exchange(entry, nullptr));
     }
-    for (const Event& event : step.events) {
-        making.hasScene = event.kind == EventKind::SceneStart
-                              ? making.hasScene || event.outcome == Outcome::Forwarded
-                              : making.hasScene && event.kind != EventKind::SceneEnd;
-        const bool isRefused = event.outcome == Outcome::RefusedByService;
-        if (event.kind == EventKind::SceneStart && isRefused != making.isServiceRefusing) {
-            making.isServiceRefusing = isRefused;
-            before +=
-                WriteLine(ServiceStatus{desktop::ServiceFunction::SceneStart, isRefused ? 1 : 0}) +
-                "  # guessed: its value\n";
+    if (entry == nullptr) {
+        entry = &BeginEntry(*run, thread, moment, number);
+    }
+    if (message.kind == MessageKind::NodeEnd) {
+        BeginNodeEnd(*run, thread, message, moment);
+    }
+    entry->last = moment.time;
+    Follow(*run, *entry, message);
+    if (IsWhole(*run, *entry)) {
+        Complete(*run, *entry);
+    } else {
+        entry->messages.back().name = {};  // Gone after this call.
+        thread.open = entry;
+    }
+    WriteEntries(*run);
+}
+
+void SessionMaker::OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& /*place*/) {
+    Comment(moment.process, LinesMissing(lines));
+}
+
+void SessionMaker::OnClockSet(Micros step, const Moment& moment, const Place& /*place*/) {
+    Comment(moment.process, "# The clock was set by " + std::to_string(step) + " us.\n");
+}
+
+SessionMaker::Run* SessionMaker::RunOf(int32_t process) {
+    if (lastRun == nullptr || process != lastProcess) {
+        const auto found = runs.find(process);
+        lastRun = found == runs.end() ? nullptr : &found->second;
+        lastProcess = process;
+    }
+    return lastRun;
+}
+
+// The configuration is written when the library is loaded.
+void SessionMaker::ReadDump(Run*& run, const Message& message, const Moment& moment) {
+    if (run == nullptr || message.kind == MessageKind::DumpSwitch || !run->isDumping) {
+        if (run != nullptr) {
+            Close(*run);
+        }
+        run = lastRun = &(runs[moment.process] = Run());
+        run->isDumping = true;
+        run->isSceneStarted = false;
+        run->session.text = "# The library is loaded.\n";
+        run->session.configuration.emplace().isEnabled = true;  // Unless the line says otherwise.
+        run->time = moment.time;
+    }
+    AddDumped(message, *run->session.configuration);
+    // Stage 0 is dumped last.
+    run->isDumping = message.kind != MessageKind::DumpStage || message.stage != 0;
+}
+
+// Whether the message is one that a node end before it led to.
+bool SessionMaker::IsExplained(const Run& run, Thread& thread, const Message& message) {
+    std::deque<NodeEnd>& nodeEnds = thread.nodeEnds;
+    for (auto nodeEnd = nodeEnds.rbegin(); nodeEnd != nodeEnds.rend(); ++nodeEnd) {
+        if (nodeEnd->sceneEnds == run.sceneEnds && nodeEnd->lines.Take(message)) {
+            std::rotate(std::prev(nodeEnd.base()), nodeEnd.base(), nodeEnds.end());
+            return true;
         }
     }
-    std::string line = WriteLine(step.call);
-    if (step.isGuessed) {
-        line += GuessOf(step.call.operation->name);
-    }
-    Put(making, step.place, {step.time, step.thread, true, before + line + "\n"});
+    return false;
 }
 
-void SessionMaker::OnDisturbance(const Disturbance& disturbance) {
-    const std::string comment = CommentOf(disturbance);
-    if (!comment.empty()) {
-        Put(MakingOf(lastProcess), disturbance.place, {NO_TIME, NO_CALL, false, comment});
+SessionMaker::Entry& SessionMaker::BeginEntry(Run& run, Thread& thread, const Moment& moment,
+                                              int64_t number) {
+    Entry& entry = run.entries.emplace_back();
+    entry.time = moment.time;
+    entry.thread = moment.thread;
+    entry.begin = number;
+    if (moment.thread != -1) {
+        thread.nodeEnds.clear();
     }
+    return entry;
 }
 
-SessionMaker::Making& SessionMaker::MakingOf(int32_t process) {
-    const auto [making, isNew] = makings.try_emplace(process);
-    if (isNew) {
-        making->second.session.process = process;
-    }
-    return making->second;
-}
-
-void SessionMaker::Put(Making& making, const Place& place, Entry entry) {
-    making.waiting.emplace(std::pair(place.input, place.line), std::move(entry));
-    if (making.waiting.size() > MOST_WAITING) {
-        Write(making, making.waiting.begin()->second);
-        making.waiting.erase(making.waiting.begin());
-    }
-}
-
-void SessionMaker::Write(Making& making, const Entry& entry) {
-    MadeSession& session = making.session;
-    const auto append = [&session](const std::string& lines, int32_t thread) {
-        session.text += lines;
-        session.threads.resize(session.threads.size() + static_cast<size_t>(std::count(
-                                                            lines.begin(), lines.end(), '\n')),
-                               thread);
-    };
-    if (entry.time != NO_TIME) {
-        if (making.time != NO_TIME && entry.time > making.time) {
-            append(WriteLine(Wait{entry.time - making.time}) + "\n", NO_CALL);
+void SessionMaker::BeginNodeEnd(const Run& run, Thread& thread, const Message& message,
+                                const Moment& moment) {
+    std::deque<NodeEnd>& nodeEnds = thread.nodeEnds;
+    std::string node(message.name);
+    if (moment.thread == -1) {
+        std::erase_if(nodeEnds, [&node](const NodeEnd& one) { return one.node == node; });
+        if (nodeEnds.size() == MOST_NODES) {
+            nodeEnds.pop_front();
         }
-        making.time = making.time == NO_TIME ? entry.time : std::max(making.time, entry.time);
     }
-    append(entry.lines, entry.thread);
-    session.calls += entry.isCall ? 1 : 0;
+    const auto& configuration = run.session.configuration;
+    if (!configuration || configuration->IsStagePort(node, message.port)) {
+        nodeEnds.push_back({node, EventLines(EventsOf(message), node), run.sceneEnds});
+    }
+}
+
+// Adds the message to the call, and keeps track of scenes and threads.
+void SessionMaker::Follow(Run& run, Entry& entry, const Message& message) {
+    if (message.kind >= MessageKind::NodeEnd && !run.isSceneStarted.value_or(false)) {
+        run.isSceneStarted = true;
+        entry.text += SCENE_MISSING;
+    }
+    switch (message.kind) {
+        case MessageKind::AddPersistTid:
+            run.persistTids.insert(message.tid);
+            break;
+        case MessageKind::SetTid:
+            // What was not added before was added for this scene, which leaves no message.
+            if (run.sceneTids.insert(message.tid).second &&
+                !run.persistTids.contains(message.tid)) {
+                Add(entry, Operation::AddTempTids, {message.tid}, GUESSED_THREAD);
+            }
+            break;
+        case MessageKind::SceneStart:
+            run.isSceneStarted = run.isSceneStarted.value_or(false) || message.flag;
+            if (run.isServiceRefusing == message.flag) {
+                run.isServiceRefusing = !message.flag;
+                entry.text += WriteLine(ServiceStatus{desktop::ServiceFunction::SceneStart,
+                                                      message.flag ? 0 : 1}) +
+                              "  # guessed: its value\n";
+            }
+            break;
+        case MessageKind::SceneEnd: {
+            // It removes all that were set, once; what comes before that is another call.
+            std::vector<Message>& removed = entry.messages;
+            if (!removed.empty() && removed.front().kind == MessageKind::RemoveTid &&
+                !run.sceneTids.empty() && removed.size() > run.sceneTids.size()) {
+                const size_t ofEnd = run.sceneTids.size();
+                std::vector<Message> own(removed.end() - static_cast<std::ptrdiff_t>(ofEnd),
+                                         removed.end());
+                removed.resize(removed.size() - ofEnd);
+                Complete(run, entry);
+                removed = std::move(own);
+            }
+            run.sceneTids.clear();
+            run.isSceneStarted = false;
+            ++run.sceneEnds;
+            break;
+        }
+        default:
+            break;
+    }
+    entry.messages.push_back(message);
+}
+
+bool SessionMaker::IsWhole(const Run& run, const Entry& entry) {
+    const Message& first = entry.messages.front();
+    const Message& last = entry.messages.back();
+    switch (first.kind) {
+        case MessageKind::FrameNotContinuous:
+        case MessageKind::TableFull:
+        case MessageKind::FrameAdded:
+            return last.kind == MessageKind::FrameStart ||
+                   (last.kind == MessageKind::FrameAdded && last.flag);
+        case MessageKind::NoVideo:
+            // It logs the scene as it was: only one to boost may be running.
+            return last.kind == MessageKind::SceneEnd || first.scene != 0 ||
+                   !run.isSceneStarted.value_or(true);
+        case MessageKind::SetTid:
+            return last.kind == MessageKind::SceneStart;
+        case MessageKind::RemoveTid:
+        case MessageKind::SceneEnd:
+            return last.kind == MessageKind::Video;
+        default:
+            return true;
+    }
+}
+
+// Makes the call that left the entry's messages.
+void SessionMaker::Complete(Run& run, Entry& entry) {
+    const Message& first = entry.messages.front();
+    switch (first.kind) {
+        case MessageKind::NodeEnd:
+            Add(entry, Operation::NodeEnd,
+                {first.frame, std::string(first.name), first.port, first.camera, first.flag});
+            break;
+        case MessageKind::NoVideo:
+        case MessageKind::Video:
+            Add(entry, Operation::SetSceneInfo,
+                {first.kind == MessageKind::Video, first.width, first.fps});
+            break;
+        case MessageKind::SetTid:
+        case MessageKind::SceneStart:
+        case MessageKind::SceneDisabled:
+        case MessageKind::RemoveTid:
+        case MessageKind::SceneEnd:
+            AddThreadCalls(run, entry);
+            break;
+        case MessageKind::AddPersistTid:
+            Add(entry, Operation::AddPersistTids, {std::string(first.name), first.tid});
+            break;
+        case MessageKind::DumpInfo:
+            Add(entry, Operation::DumpInfo, {});
+            break;
+        case MessageKind::FrameEnd:
+        case MessageKind::EndedFrameNotExist:
+            Add(entry, Operation::FrameEnd, {first.frame});
+            break;
+        case MessageKind::FrameStart:
+        case MessageKind::FrameAlreadyExists:
+        case MessageKind::FrameNotContinuous:
+        case MessageKind::TableFull:
+        case MessageKind::FrameAdded: {
+            // Not every message of it names the frame.
+            const Message& named =
+                first.kind == MessageKind::FrameNotContinuous ? first : entry.messages.back();
+            if (named.kind == MessageKind::TableFull || named.kind == MessageKind::FrameAdded) {
+                entry.text += LinesMissing(1);
+            } else {
+                Add(entry, Operation::FrameStart, {named.frame});
+            }
+            break;
+        }
+        default: {
+            const bool isNamed =
+                first.kind == MessageKind::StageStart || first.kind == MessageKind::StageEnd;
+            const bool isEnd = first.kind == MessageKind::StageEnd ||
+                               (first.kind == MessageKind::StageOutOfTurn &&
+                                first.sourceLine == LINE_OF_END_OUT_OF_TURN);
+            const std::string name(first.name);
+            if (isEnd) {
+                Add(entry, Operation::StageEnd, {first.stage, first.frame, name},
+                    isNamed ? "" : GUESSED_CALL);
+            } else {
+                Add(entry, Operation::StageStart, {first.stage, first.frame, 0, STAGE_ARG2, name},
+                    GUESSED_ARGUMENTS);
+            }
+        }
+    }
+    entry.messages.clear();
+    run.threads[entry.thread].open = nullptr;
+}
+
+// Calls with lists of threads: their setting, maybe by a scene's start, and their removal, maybe by
+// its end, which a description may have led to.
+void SessionMaker::AddThreadCalls(const Run& run, Entry& entry) {
+    const Message& last = entry.messages.back();
+    const auto& configuration = run.session.configuration;
+    switch (last.kind) {
+        case MessageKind::SetTid:
+            Add(entry, Operation::SetTids, {});
+            break;
+        case MessageKind::SceneStart: {
+            const bool hasModes = configuration && !configuration->modes.empty();
+            Add(entry, Operation::SceneStart, {hasModes ? configuration->modes.front() : 0},
+                GUESSED_MODE);
+            break;
+        }
+        case MessageKind::SceneDisabled: {
+            // Of those that are not supported, one.
+            int32_t mode = 0;
+            if (configuration && configuration->isEnabled) {
+                for (const int32_t supported : configuration->modes) {
+                    mode += supported == mode ? 1 : 0;
+                }
+            }
+            Add(entry, Operation::SceneStart, {mode}, GUESSED_MODE);
+            break;
+        }
+        case MessageKind::RemoveTid: {
+            std::vector<int32_t> tids;
+            for (const Message& message : entry.messages) {
+                tids.push_back(message.tid);
+            }
+            Add(entry, Operation::RemoveTids, {tids}, GUESSED_CALL);
+            break;
+        }
+        case MessageKind::SceneEnd:
+            Add(entry, Operation::SceneEnd, {});
+            break;
+        default:
+            Add(entry, Operation::SetSceneInfo, {true, last.width, last.fps});
+    }
+}
+
+void SessionMaker::Add(Entry& entry, Operation operation, std::vector<Value> arguments,
+                       const char* guess) {
+    entry.text += WriteLine(Call{operation, std::move(arguments)}) + guess + '\n';
+    ++entry.calls;
+}
+
+void SessionMaker::Comment(int32_t process, const std::string& text) {
+    // Where the process is not told, it is most likely that which logged last.
+    if (Run* run = process == -1 ? lastRun : RunOf(process)) {
+        run->entries.emplace_back().text = text;
+        WriteEntries(*run);
+    }
+}
+
+// Writes what is whole, as far as nothing before it may have more messages.
+void SessionMaker::WriteEntries(Run& run, bool isAll) const {
+    std::string& text = run.session.text;
+    while (!run.entries.empty()) {
+        Entry& entry = run.entries.front();
+        if (!entry.messages.empty()) {
+            if (!isAll && entry.begin + OLD_MESSAGES > number) {
+                return;
+            }
+            Complete(run, entry);
+        }
+        if (entry.time != NO_TIME) {
+            for (Micros wait = Passed(run.time, entry.time); wait > 0; wait -= MAX_WAIT) {
+                text += WriteLine(Wait{std::min(wait, MAX_WAIT)}) + '\n';
+            }
+            run.time = std::max(run.time, entry.time);
+        }
+        text += entry.text;
+        run.session.calls += entry.calls;
+        run.entries.pop_front();
+    }
 }
 
 // The run is over.
-void SessionMaker::Close(Making& making) {
-    for (const auto& [place, entry] : making.waiting) {
-        Write(making, entry);
-    }
-    making.waiting.clear();
-    const int64_t calls = making.session.calls;
-    if (!best || calls > best->calls) {
-        otherCalls += best ? best->calls : 0;
-        best = std::move(making.session);
-    } else {
-        otherCalls += calls;
+void SessionMaker::Close(Run& run) {
+    WriteEntries(run, true);
+    otherCalls += run.session.calls;
+    if (!best || run.session.calls > best->calls) {
+        best = std::move(run.session);
     }
 }
 
 std::optional<MadeSession> SessionMaker::Finish() {
-    for (auto& [process, making] : makings) {
-        Close(making);
+    for (auto& [process, run] : runs) {
+        Close(run);
     }
     if (!best || best->calls == 0) {
         return std::nullopt;
     }
+    best->leftOut = otherCalls - best->calls;
     std::string beginning = BEGINNING;
-    best->leftOut = otherCalls;
-    if (otherCalls != 0) {
-        beginning += "# Left out: " + std::to_string(otherCalls) +
+    if (best->leftOut != 0) {
+        beginning += "# Left out: " + std::to_string(best->leftOut) +
                      " calls of other processes, or of other runs of the library.\n";
     }
-    best->threads.insert(best->threads.begin(),
-                         static_cast<size_t>(std::count(beginning.begin(), beginning.end(), '\n')),
-                         NO_CALL);
     best->text.insert(0, beginning);
     return std::move(best);
 }

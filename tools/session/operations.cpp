@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstddef>
 #include <type_traits>
 #include <utility>
 
@@ -23,56 +22,74 @@ std::optional<int32_t> Invoke(std::index_sequence<Index...>, Boost& boost,
     }
 }
 
-// Makes an operation of a member function; its type tells the types of the parameters.
+// The form of a member function; its type tells the types of the parameters.
 template <typename Result, typename... Arguments>
-Operation Bind(std::string_view name, Result (Boost::*function)(Arguments...),
-               const std::array<std::string_view, sizeof...(Arguments)>& parameterNames = {}) {
-    Operation operation{name, {Parameter{std::decay_t<Arguments>{}, {}, false}...}, {}};
-    for (size_t i = 0; i < parameterNames.size(); ++i) {
-        operation.parameters[i].name = parameterNames[i];
-        operation.parameters[i].isMode = parameterNames[i] == "operationMode";
-    }
-    operation.call = [function](Boost& boost, const std::vector<Value>& values) {
-        return Invoke(std::index_sequence_for<Arguments...>{}, boost, function, values);
-    };
-    return operation;
+OperationForm Bind(Operation operation, std::string_view name,
+                   Result (Boost::*function)(Arguments...),
+                   const std::array<Parameter, sizeof...(Arguments)>& parameters = {}) {
+    return {operation,
+            name,
+            {parameters.begin(), parameters.end()},
+            {std::decay_t<Arguments>{}...},
+            [function](Boost& boost, const std::vector<Value>& values) {
+                return Invoke(std::index_sequence_for<Arguments...>{}, boost, function, values);
+            }};
 }
 
 }  // namespace
 
-const std::vector<Operation>& Operations() {
-    static const std::vector<Operation> operations = {
-        Bind("TcfbtSetVersion", &Boost::TcfbtSetVersion, {"version"}),
-        Bind("TcfbtSetSceneInfo", &Boost::TcfbtSetSceneInfo, {"isVideo", "resolution", "fps"}),
-        Bind("GetTcfbtFpsScene", &Boost::GetTcfbtFpsScene, {"fps"}),
-        Bind("TcfbtNotifySceneStart", &Boost::TcfbtNotifySceneStart, {"operationMode"}),
-        Bind("TcfbtNotifySceneEnd", &Boost::TcfbtNotifySceneEnd),
-        Bind("TcfbtNotifyFrameStart", &Boost::TcfbtNotifyFrameStart, {"halFrameNumber"}),
-        Bind("TcfbtNotifyErrorFrame", &Boost::TcfbtNotifyErrorFrame, {"frameNumber", "stage"}),
-        Bind("TcfbtNotifyFrameEnd", &Boost::TcfbtNotifyFrameEnd, {"halFrameNumber"}),
-        Bind("TcfbtNotifyStageStart", &Boost::TcfbtNotifyStageStart,
-             {"stage", "halFrameNumber", "stageArg1", "stageArg2", "nodeName"}),
-        Bind("TcfbtNotifyStageEnd", &Boost::TcfbtNotifyStageEnd,
-             {"stage", "halFrameNumber", "nodeName"}),
-        Bind("TcfbtNotifyNodeEnd", &Boost::TcfbtNotifyNodeEnd,
-             {"halFrameNumber", "nodeName", "portId", "currentCameraId", "isMaterCamera"}),
-        Bind("TcfbtRemapStage", &Boost::TcfbtRemapStage,
-             {"isMaterCamera", "currentCameraId", "nodeName"}),
-        Bind("TcfbtAddPersistTids", &Boost::TcfbtAddPersistTids, {"name", "tid"}),
-        Bind("TcfbtAddTempTids", &Boost::TcfbtAddTempTids, {"tid"}),
-        Bind("TcfbtSetTids", &Boost::TcfbtSetTids),
-        Bind("TcfbtRemoveTids", &Boost::TcfbtRemoveTids, {"tids"}),
-        Bind("DumpInfo", &Boost::DumpInfo),
+std::string_view NameOf(Parameter parameter) {
+    // In the order of Parameter.
+    constexpr auto names = std::to_array<std::string_view>(
+        {"version", "isVideo", "resolution", "fps", "operationMode", "halFrameNumber",
+         "frameNumber", "stage", "stageArg1", "stageArg2", "nodeName", "portId", "currentCameraId",
+         "isMaterCamera", "name", "tid", "tids"});
+    return names[static_cast<size_t>(parameter)];
+}
+
+std::span<const OperationForm> Operations() {
+    using enum Operation;
+    using enum Parameter;
+    static const std::vector<OperationForm> operations = {
+        Bind(SetVersion, "TcfbtSetVersion", &Boost::TcfbtSetVersion, {Version}),
+        Bind(SetSceneInfo, "TcfbtSetSceneInfo", &Boost::TcfbtSetSceneInfo,
+             {IsVideo, Resolution, Fps}),
+        Bind(GetFpsScene, "GetTcfbtFpsScene", &Boost::GetTcfbtFpsScene, {Fps}),
+        Bind(SceneStart, "TcfbtNotifySceneStart", &Boost::TcfbtNotifySceneStart, {OperationMode}),
+        Bind(SceneEnd, "TcfbtNotifySceneEnd", &Boost::TcfbtNotifySceneEnd),
+        Bind(FrameStart, "TcfbtNotifyFrameStart", &Boost::TcfbtNotifyFrameStart, {HalFrameNumber}),
+        Bind(ErrorFrame, "TcfbtNotifyErrorFrame", &Boost::TcfbtNotifyErrorFrame,
+             {FrameNumber, Stage}),
+        Bind(FrameEnd, "TcfbtNotifyFrameEnd", &Boost::TcfbtNotifyFrameEnd, {HalFrameNumber}),
+        Bind(StageStart, "TcfbtNotifyStageStart", &Boost::TcfbtNotifyStageStart,
+             {Stage, HalFrameNumber, StageArg1, StageArg2, NodeName}),
+        Bind(StageEnd, "TcfbtNotifyStageEnd", &Boost::TcfbtNotifyStageEnd,
+             {Stage, HalFrameNumber, NodeName}),
+        Bind(NodeEnd, "TcfbtNotifyNodeEnd", &Boost::TcfbtNotifyNodeEnd,
+             {HalFrameNumber, NodeName, PortId, CurrentCameraId, IsMaterCamera}),
+        Bind(RemapStage, "TcfbtRemapStage", &Boost::TcfbtRemapStage,
+             {IsMaterCamera, CurrentCameraId, NodeName}),
+        Bind(AddPersistTids, "TcfbtAddPersistTids", &Boost::TcfbtAddPersistTids, {Name, Tid}),
+        Bind(AddTempTids, "TcfbtAddTempTids", &Boost::TcfbtAddTempTids, {Tid}),
+        Bind(SetTids, "TcfbtSetTids", &Boost::TcfbtSetTids),
+        Bind(RemoveTids, "TcfbtRemoveTids", &Boost::TcfbtRemoveTids, {Tids}),
+        Bind(DumpInfo, "DumpInfo", &Boost::DumpInfo),
     };
     return operations;
 }
 
-const Operation* FindOperation(std::string_view name) {
-    const auto& operations = Operations();
-    const auto found =
-        std::find_if(operations.begin(), operations.end(),
-                     [name](const Operation& operation) { return operation.name == name; });
-    return found == operations.end() ? nullptr : &*found;
+const OperationForm& FormOf(Operation operation) {
+    return Operations()[static_cast<size_t>(operation)];
+}
+
+size_t Call::IndexOf(Parameter parameter) const {
+    const auto& parameters = FormOf(operation).parameters;
+    return static_cast<size_t>(std::find(parameters.begin(), parameters.end(), parameter) -
+                               parameters.begin());
+}
+
+std::optional<int32_t> Make(const Call& call, TarvoCameraFrameBoost& boost) {
+    return FormOf(call.operation).call(boost, call.arguments);
 }
 
 }  // namespace tools

@@ -2,9 +2,11 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -14,27 +16,87 @@
 
 namespace tools {
 
+enum class Operation : uint8_t {
+    SetVersion,
+    SetSceneInfo,
+    GetFpsScene,
+    SceneStart,
+    SceneEnd,
+    FrameStart,
+    ErrorFrame,
+    FrameEnd,
+    StageStart,
+    StageEnd,
+    NodeEnd,
+    RemapStage,
+    AddPersistTids,
+    AddTempTids,
+    SetTids,
+    RemoveTids,
+    DumpInfo,
+};
+
+// The parameters of all operations.
+enum class Parameter : uint8_t {
+    Version,
+    IsVideo,
+    Resolution,
+    Fps,
+    OperationMode,
+    HalFrameNumber,
+    FrameNumber,
+    Stage,
+    StageArg1,
+    StageArg2,
+    NodeName,
+    PortId,
+    CurrentCameraId,
+    IsMaterCamera,
+    Name,
+    Tid,
+    Tids,
+};
+std::string_view NameOf(Parameter parameter);
+
 // An argument, of whatever type the operation takes.
 using Value = std::variant<bool, int32_t, int64_t, std::string, std::vector<int32_t>>;
 
-struct Parameter {
-    Value type;  // A value of the parameter's type; what value does not matter.
-    std::string_view name;
-    bool isMode = false;  // An operation mode, which people know in hexadecimal.
-};
-
-struct Operation {
+struct OperationForm {
+    Operation operation;
     std::string_view name;
     std::vector<Parameter> parameters;
+    std::vector<Value> types;  // A value of each parameter's type; what value does not matter.
     // Calls the operation with a value for each parameter, of its type. Nothing comes back from an
     // operation without a result.
     std::function<std::optional<int32_t>(TarvoCameraFrameBoost&, const std::vector<Value>&)> call;
 };
 
-// All operations of the facade.
-const std::vector<Operation>& Operations();
+// All operations of the facade, in the order of Operation.
+std::span<const OperationForm> Operations();
+const OperationForm& FormOf(Operation operation);
 
-// The operation of that name; null when there is none.
-const Operation* FindOperation(std::string_view name);
+// A call of one of them.
+struct Call {
+    Operation operation = Operation::DumpInfo;
+    std::vector<Value> arguments;  // A value for each parameter, of its type.
+
+    // The value of a parameter that the operation has, of type T.
+    template <typename T>
+    const T& Get(Parameter parameter) const {
+        return std::get<T>(arguments.at(IndexOf(parameter)));
+    }
+    template <typename T>
+    void Set(Parameter parameter, const T& value) {
+        std::get<T>(arguments.at(IndexOf(parameter))) = value;
+    }
+
+    bool operator==(const Call&) const = default;
+
+  private:
+    size_t IndexOf(Parameter parameter) const;
+};
+
+// Makes the call. Returns its result; nothing for an operation without one.
+std::optional<int32_t> Make(const Call& call, TarvoCameraFrameBoost& boost);
 
 }  // namespace tools

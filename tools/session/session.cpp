@@ -17,138 +17,63 @@ namespace {
 constexpr std::string_view RECORDING = "PlayRecording";
 constexpr std::string_view WAIT = "Wait";
 constexpr std::string_view STATUS = "ServiceStatus";
-constexpr std::string_view BLANKS = " \t\r\v\f";
 // Two days of video; more than that is taken for a slip.
 constexpr int64_t MAX_RECORDING_FRAMES = 10'000'000;
-// Eleven days, of which millions still fit into a time in microseconds.
-constexpr uint32_t MAX_WAIT_MILLIS = 1'000'000'000;
+constexpr int64_t MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
 
-// A word of a line: a run of non-blanks, or text in double quotes, in which a backslash makes the
-// next character an ordinary one.
-struct Word {
-    std::string text;
-    bool isQuoted;
-};
-
-std::vector<Word> SplitWords(std::string_view line) {
-    std::vector<Word> words;
-    for (size_t at = 0; at < line.size();) {
-        if (BLANKS.find(line[at]) != std::string_view::npos) {
-            ++at;
-        } else if (line[at] == '#') {
-            break;
-        } else if (line[at] == '"') {
-            Word word{"", true};
-            for (++at; at < line.size() && line[at] != '"'; ++at) {
-                if (line[at] == '\\' && at + 1 < line.size()) {
-                    ++at;
-                }
-                word.text += line[at];
-            }
-            if (at == line.size()) {
-                throw SessionError("a text without an end, expected a closing double quote");
-            }
-            ++at;
-            words.push_back(word);
-        } else {
-            const size_t end = std::min(line.find_first_of(" \t\r\v\f\"#", at), line.size());
-            words.push_back({std::string(line.substr(at, end - at)), false});
-            at = end;
-        }
-    }
-    return words;
-}
-
-// Reads digits to the end of the text; nothing for anything else.
-template <typename Integer>
-std::optional<Integer> ReadDigits(std::string_view digits, int base = 10) {
-    Integer value = 0;
-    const char* end = digits.data() + digits.size();
-    const auto [stop, error] = std::from_chars(digits.data(), end, value, base);
-    return error == std::errc() && stop == end ? std::optional(value) : std::nullopt;
-}
-
-// Hexadecimal numbers of 32 bits may also be written without a sign: 0xFFFF8001.
-template <typename Integer>
-std::optional<Integer> ReadInteger(const Word& word) {
-    std::string digits = word.text;
-    const bool isNegative = !digits.empty() && digits[0] == '-';
-    digits.erase(0, isNegative ? 1 : 0);
-    const bool isHex = digits.rfind("0x", 0) == 0 || digits.rfind("0X", 0) == 0;
-    digits.erase(0, isHex ? 2 : 0);
-    if (word.isQuoted || digits.empty() || digits[0] == '-') {
-        return std::nullopt;
-    }
-    if (isHex && !isNegative && std::is_same_v<Integer, int32_t>) {
-        const auto bits = ReadDigits<uint32_t>(digits, 16);
-        return bits ? std::optional(static_cast<Integer>(*bits)) : std::nullopt;
-    }
-    return ReadDigits<Integer>((isNegative ? "-" : "") + digits, isHex ? 16 : 10);
-}
-
-template <typename Integer>
-Integer ParseInteger(const Word& word, std::string_view what,
-                     Integer lowest = std::numeric_limits<Integer>::min(),
-                     Integer highest = std::numeric_limits<Integer>::max()) {
-    const std::optional<Integer> value = ReadInteger<Integer>(word);
-    if (!value || *value < lowest || *value > highest) {
-        std::ostringstream text;
-        text << what << " is " << Quoted(word.text)
-             << ", expected a decimal or 0x hexadecimal number from " << lowest << " to "
-             << highest;
-        throw SessionError(text.str());
-    }
-    return *value;
-}
-
-Value ParseValue(const Parameter& parameter, const Word& word) {
-    if (std::holds_alternative<bool>(parameter.type)) {
+Value ParseValue(Parameter parameter, const Value& type, const Word& word) {
+    if (std::holds_alternative<bool>(type)) {
         if (word.isQuoted || (word.text != "true" && word.text != "false")) {
-            throw SessionError(std::string(parameter.name) + " is " + Quoted(word.text) +
+            throw SessionError(std::string(NameOf(parameter)) + " is " + Quoted(word.text) +
                                ", expected true or false");
         }
         return word.text == "true";
     }
-    if (std::holds_alternative<int32_t>(parameter.type)) {
-        return ParseInteger<int32_t>(word, parameter.name);
+    if (std::holds_alternative<int32_t>(type)) {
+        return ReadInteger<int32_t>(word, NameOf(parameter));
     }
-    if (std::holds_alternative<int64_t>(parameter.type)) {
-        return ParseInteger<int64_t>(word, parameter.name);
+    if (std::holds_alternative<int64_t>(type)) {
+        return ReadInteger<int64_t>(word, NameOf(parameter));
     }
     return word.text;
 }
 
+bool IsList(const Value& type) {
+    return std::holds_alternative<std::vector<int32_t>>(type);
+}
+
 // "Name parameter parameter", as a line has it.
-std::string UsageOf(const Operation& operation) {
-    std::string usage(operation.name);
-    for (const Parameter& parameter : operation.parameters) {
-        const bool isList = std::holds_alternative<std::vector<int32_t>>(parameter.type);
-        usage += " " + std::string(parameter.name) + (isList ? "..." : "");
+std::string UsageOf(const OperationForm& form) {
+    std::string usage(form.name);
+    for (size_t i = 0; i < form.parameters.size(); ++i) {
+        usage +=
+            " " + std::string(NameOf(form.parameters[i])) + (IsList(form.types[i]) ? "..." : "");
     }
     return usage;
 }
 
-Call ParseCall(const Operation& operation, const std::vector<Word>& words) {
-    Call call{&operation, {}};
+Call ParseCall(const OperationForm& form, const std::vector<Word>& words) {
+    Call call{form.operation, {}};
     size_t next = 1;
-    for (const Parameter& parameter : operation.parameters) {
-        if (std::holds_alternative<std::vector<int32_t>>(parameter.type)) {
+    for (size_t i = 0; i < form.parameters.size(); ++i) {
+        const Parameter parameter = form.parameters[i];
+        if (IsList(form.types[i])) {
             // A list takes all that is left.
             std::vector<int32_t> list;
             for (; next < words.size(); ++next) {
-                list.push_back(ParseInteger<int32_t>(words[next], parameter.name));
+                list.push_back(ReadInteger<int32_t>(words[next], NameOf(parameter)));
             }
             call.arguments.emplace_back(std::move(list));
         } else if (next < words.size()) {
-            call.arguments.push_back(ParseValue(parameter, words[next++]));
+            call.arguments.push_back(ParseValue(parameter, form.types[i], words[next++]));
         } else {
-            throw SessionError(std::string(parameter.name) + " is missing, expected " +
-                               UsageOf(operation));
+            throw SessionError(std::string(NameOf(parameter)) + " is missing, expected " +
+                               UsageOf(form));
         }
     }
     if (next < words.size()) {
         throw SessionError(Quoted(words[next].text) + " is one too many, expected " +
-                           UsageOf(operation));
+                           UsageOf(form));
     }
     return call;
 }
@@ -167,11 +92,11 @@ void RequireWords(const std::vector<Word>& words, size_t fewest, size_t most,
 
 Line ParseRecording(const std::vector<Word>& words) {
     RequireWords(words, 2, 3, RECORDING_USAGE);
-    Recording recording{ParseInteger<int64_t>(words[1], "frames", 1, MAX_RECORDING_FRAMES), {}};
+    Recording recording{ReadInteger<int64_t>(words[1], "frames", 1, MAX_RECORDING_FRAMES), {}};
     if (words.size() == 3) {
         recording.first =
-            ParseInteger<int64_t>(words[2], "firstFrame", 1,
-                                  std::numeric_limits<int64_t>::max() - 2 * MAX_RECORDING_FRAMES);
+            ReadInteger<int64_t>(words[2], "firstFrame", 1,
+                                 std::numeric_limits<int64_t>::max() - 2 * MAX_RECORDING_FRAMES);
     }
     return recording;
 }
@@ -200,30 +125,16 @@ Line ParseServiceStatus(const std::vector<Word>& words) {
         throw SessionError("function is " + Quoted(words[1].text) + ", expected one of " +
                            ServiceFunctionNames(", "));
     }
-    return ServiceStatus{*function, ParseInteger<int32_t>(words[2], "status")};
+    return ServiceStatus{*function, ReadInteger<int32_t>(words[2], "status")};
 }
 
-// A name as a word; in quotes where it would not be read as one.
-std::string WordOf(const std::string& name) {
-    if (!name.empty() && name.find_first_of(" \t\r\v\f\n\"#") == std::string::npos) {
-        return name;
-    }
-    std::string word = "\"";
-    for (const char character : name) {
-        if (character == '"' || character == '\\') {
-            word += '\\';
-        }
-        word += character == '\n' ? ' ' : character;
-    }
-    return word + '"';
-}
-
-std::string WordsOf(const Parameter& parameter, const Value& value) {
+std::string WordsOf(Parameter parameter, const Value& value) {
     if (const auto* flag = std::get_if<bool>(&value)) {
         return *flag ? " true" : " false";
     }
     if (const auto* number = std::get_if<int32_t>(&value)) {
-        return " " + (parameter.isMode ? ModeText(*number) : std::to_string(*number));
+        return " " + (parameter == Parameter::OperationMode ? ModeText(*number)
+                                                            : std::to_string(*number));
     }
     if (const auto* number = std::get_if<int64_t>(&value)) {
         return " " + std::to_string(*number);
@@ -242,9 +153,10 @@ struct Writer {
     std::string operator()(const Comment& comment) const { return comment.text; }
 
     std::string operator()(const Call& call) const {
-        std::string text(call.operation->name);
+        const OperationForm& form = FormOf(call.operation);
+        std::string text(form.name);
         for (size_t i = 0; i < call.arguments.size(); ++i) {
-            text += WordsOf(call.operation->parameters[i], call.arguments[i]);
+            text += WordsOf(form.parameters[i], call.arguments[i]);
         }
         return text;
     }
@@ -290,28 +202,21 @@ Line ParseLine(std::string_view line) {
         if (name.text == STATUS) {
             return ParseServiceStatus(words);
         }
-        if (const Operation* operation = FindOperation(name.text)) {
-            return ParseCall(*operation, words);
+        for (const OperationForm& form : Operations()) {
+            if (form.name == name.text) {
+                return ParseCall(form, words);
+            }
         }
     }
     std::vector<std::string_view> names = {RECORDING, WAIT, STATUS};
-    for (const Operation& operation : Operations()) {
-        names.push_back(operation.name);
+    for (const OperationForm& form : Operations()) {
+        names.push_back(form.name);
     }
     const auto meant = Meant(name.text, names);
     throw SessionError(Quoted(name.text) + " is not known, expected " +
                        (meant ? std::string(*meant) + ", if that was meant"
                               : "an operation of TarvoCameraFrameBoost, " + std::string(RECORDING) +
                                     ", " + std::string(WAIT) + " or " + std::string(STATUS)));
-}
-
-std::vector<Value> ParseValues(const Operation& operation, std::string_view line) {
-    std::vector<Word> words = SplitWords(line);
-    if (words.empty()) {
-        return {};
-    }
-    words.insert(words.begin(), Word{});
-    return ParseCall(operation, words).arguments;
 }
 
 std::string ServiceFunctionNames(std::string_view separator) {
@@ -368,8 +273,8 @@ std::string DescribeFormat() {
     text << "A session file holds one HAL call a line: the operation and its arguments, separated\n"
             "by blanks. Numbers are decimal or 0x hexadecimal, flags true or false, names plain\n"
             "words or text in double quotes. '#' starts a comment. The calls:\n\n";
-    for (const Operation& operation : Operations()) {
-        text << "  " << UsageOf(operation) << '\n';
+    for (const OperationForm& form : Operations()) {
+        text << "  " << UsageOf(form) << '\n';
     }
     text << "\nand, in between:\n\n  " << RECORDING_USAGE
          << "\n\n"

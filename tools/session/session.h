@@ -6,7 +6,6 @@
 #include <functional>
 #include <istream>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -14,27 +13,18 @@
 
 #include "host/desktop.h"
 #include "tools/base/finding.h"
+#include "tools/base/times.h"
+#include "tools/base/words.h"
 #include "tools/session/operations.h"
 
 namespace tools {
 
-// What is wrong with a line, and what was expected instead.
-class SessionError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
+using SessionError = LineError;
 
 // A line without a call: empty, or a comment, which is text from the '#' on.
 struct Comment {
     std::string text;
     bool operator==(const Comment&) const = default;
-};
-
-// A call of one of the facade's operations.
-struct Call {
-    const Operation* operation;
-    std::vector<Value> arguments;
-    bool operator==(const Call&) const = default;
 };
 
 // Frames of a normal recording, reported node by node through the loaded stage table.
@@ -44,7 +34,9 @@ struct Recording {
     bool operator==(const Recording&) const = default;
 };
 
-// Time that passes until the next line.
+// Time that passes until the next line, at most MAX_WAIT: eleven days, of which millions still fit
+// into a time in microseconds.
+inline constexpr Micros MAX_WAIT = 1'000'000'000'000;
 struct Wait {
     int64_t micros;
     bool operator==(const Wait&) const = default;
@@ -61,10 +53,6 @@ using Line = std::variant<Comment, Call, Recording, Wait, ServiceStatus>;
 
 // Reads one line. Throws a SessionError for what is not a line of a session.
 Line ParseLine(std::string_view line);
-
-// Reads a value for each parameter of `operation` from a line that has them alone, in the form that
-// they have behind its name. Nothing for an empty line or a comment; throws like ParseLine.
-std::vector<Value> ParseValues(const Operation& operation, std::string_view line);
 
 // The line as ParseLine reads it, without a line end. A line feed in a text, for which a session
 // has no form, shows as a blank.

@@ -1,0 +1,136 @@
+#include "tools/play/truth.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace tools {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int64_t TRACKED_FRAMES = 16;
+
+Json MillisOf(Micros time) {
+    return time == NO_TIME ? Json() : Json(static_cast<double>(time) / MILLISECOND);
+}
+
+}  // namespace
+
+Truth::Truth(const Camera& simulated, int32_t stages)
+    : camera(simulated),
+      stageCount(stages),
+      near(TRACKED_FRAMES * SECOND / camera.fps),
+      acted(camera.faults.size()) {}
+
+void Truth::OnDelivered(int64_t number, Micros time, bool isDropped) {
+    Frame& frame = frames.emplace_back();
+    frame.number = number;
+    frame.delivered = isDropped ? NO_TIME : time;
+    frame.left.assign(camera.Stages().size(), NO_TIME);
+}
+
+void Truth::OnLeft(int64_t frame, int32_t stage, Micros time) {
+    Frame& one = frames.at(static_cast<size_t>(frame));
+    Micros& left = one.left.at(static_cast<size_t>(stage));
+    if (left != NO_TIME) {
+        return;  // Reported on a second port.
+    }
+    left = time;
+    if (&left == &one.left.back()) {
+        one.isLate = lastOut != NO_TIME && time - lastOut > 3 * SECOND / 2 / camera.fps;
+        lastOut = time;
+    }
+}
+
+void Truth::OnService(const desktop::ServiceCall& call) {
+    using desktop::ServiceFunction;
+    const int32_t number = call.Argument("frame");
+    switch (call.function) {
+        case ServiceFunction::FrameStart:
+            told[number] = {};
+            break;
+        case ServiceFunction::StageStart:
+        case ServiceFunction::StageEnd:
+            ++told[number].stageEvents;
+            break;
+        case ServiceFunction::NotifyErrOfUser:
+            told[number].isError = true;
+            break;
+        case ServiceFunction::FrameEnd: {
+            const Told& all = told[number];
+            const auto frame = std::find_if(
+                frames.rbegin(), frames.rend(),
+                [number](const Frame& one) { return static_cast<int32_t>(one.number) == number; });
+            if (frame != frames.rend()) {
+                frame->isBoosted = !all.isError && all.stageEvents == 2 * stageCount;
+            }
+            told.erase(number);
+            break;
+        }
+        default:
+            break;
+    }
+}
+
+void Truth::OnFault(size_t fault, Micros from, Micros to) {
+    Acted& span = acted.at(fault);
+    span.from = span.from == NO_TIME ? from : span.from;
+    span.to = std::max(span.to, to);
+}
+
+void Truth::OnBacklog(Micros time) {
+    for (Acted& span : acted) {
+        if (span.from != NO_TIME && span.to + near >= time) {
+            span.to = std::max(span.to, time);
+        }
+    }
+}
+
+bool Truth::IsHidden(size_t fault) const {
+    const Micros from = acted[fault].from;
+    bool isHidden = from == NO_TIME;
+    for (size_t i = 0; i < acted.size() && !isHidden; ++i) {
+        isHidden = i != fault && acted[i].from != NO_TIME && acted[i].from - near <= from &&
+                   from <= acted[i].to + near;
+    }
+    return isHidden;
+}
+
+void Truth::Write(std::ostream& out, Micros sceneBegin, Micros sceneEnd) const {
+    Json json = {{"fps", camera.fps}, {"stages", Json::array()}};
+    for (const CameraNode& node : camera.Stages()) {
+        json["stages"].push_back(node.name);
+    }
+    json["scene"] = {{"begin", MillisOf(sceneBegin)}, {"end", MillisOf(sceneEnd)}};
+    auto& list = json["frames"] = Json::array();
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const Frame& frame = frames[i];
+        auto left = Json::array();
+        for (const Micros time : frame.left) {
+            left.push_back(MillisOf(time));
+        }
+        list.push_back({{"frame", i},
+                        {"number", frame.number},
+                        {"delivered", MillisOf(frame.delivered)},
+                        {"left", left},
+                        {"out", left.back()},
+                        {"late", frame.isLate},
+                        {"boosted", frame.isBoosted}});
+    }
+    auto& faults = json["faults"] = Json::array();
+    for (size_t i = 0; i < acted.size(); ++i) {
+        const Fault& fault = camera.faults[i];
+        faults.push_back({{"fault", ToString(fault)},
+                          {"kind", NameOf(fault.kind)},
+                          {"first", fault.frame},
+                          {"last", fault.last},
+                          {"stage", fault.stage < 0 ? Json() : Json(fault.stage)},
+                          {"amount", fault.amount == 0 ? Json() : Json(fault.amount)},
+                          {"from", MillisOf(acted[i].from)},
+                          {"to", MillisOf(std::min(acted[i].to, sceneEnd))},
+                          {"hidden", IsHidden(i)}});
+    }
+    out << json << '\n';
+}
+
+}  // namespace tools
