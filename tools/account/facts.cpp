@@ -368,6 +368,7 @@ struct FactsMaker::Running {
         std::erase_if(scene.clockSteps, isOld);
         std::erase_if(scene.impossible, [before](Micros time) { return time < before; });
         std::erase_if(scene.silences, [before](const auto& it) { return it.end < before; });
+        scene.opener.reset();
         scene.isBeginningMissing = true;
         scene.begin = before;
     }

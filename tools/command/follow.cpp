@@ -185,7 +185,8 @@ class Follower {
             // Those that were there a second ago.
             return !waiting.insert(KeyOf(scene, finding, finding.frame.value_or(0))).second;
         }
-        return finding.time + SETTLING <= Now() + idle;
+        const bool isOver = scene != nullptr && scene->hasEnd && idle >= SETTLING;
+        return isOver || finding.time + SETTLING <= Now();
     }
 
     // Known by process, scene, check and stage, and by the line where it is about no frame.
