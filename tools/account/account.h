@@ -129,6 +129,7 @@ struct StagePass {
 struct Frame {
     // As lines say.
     int64_t number = 0;
+    Micros told = NO_TIME;  // When it was first told of.
     Micros start = NO_TIME, end = NO_TIME;
     Place place;    // Where it was first told of, or started.
     Place trouble;  // The line of the first thing that went wrong with it; line 0 for none.

@@ -106,20 +106,21 @@ struct FactsMaker::Running {
         return found == latest.end() ? std::nullopt : std::optional(found->second);
     }
 
-    uint32_t Open(int64_t number, const Place& place) {
+    uint32_t Open(int64_t number, const Place& place, Micros time) {
         const auto index = static_cast<uint32_t>(scene.frames.size());
         Frame& frame = scene.frames.emplace_back();
         frame.number = number;
         frame.place = place;
+        frame.told = time;
         frame.epoch = epoch;
         scene.passes.resize(scene.frames.size() * static_cast<size_t>(scene.stageCount));
         latest[number] = index;
         return index;
     }
 
-    uint32_t FindOrOpen(int64_t number, const Place& place) {
+    uint32_t FindOrOpen(int64_t number, const Place& place, Micros time) {
         const auto found = Find(number);
-        return found ? *found : Open(number, place);
+        return found ? *found : Open(number, place, time);
     }
 
     bool IsThrough(uint32_t frame) const {
@@ -207,7 +208,7 @@ struct FactsMaker::Running {
             // In a new count, or when its frame is through, a number is another frame's.
             if (!frame || (end.stage == 0 && lastLeft != end.frame &&
                            (IsThrough(*frame) || scene.frames[*frame].epoch != epoch))) {
-                frame = Open(end.frame, end.place);
+                frame = Open(end.frame, end.place, end.time);
             }
             Leave(*frame, end.stage, NODE_END, end, thread);
             if (end.stage == scene.stageCount - 1 && end.stage > 0) {
@@ -246,7 +247,7 @@ struct FactsMaker::Running {
         const int64_t number = message.frame;
         const bool isForwarded = message.kind == MessageKind::FrameStart;
         if (message.kind == MessageKind::FrameAlreadyExists) {
-            const uint32_t frame = FindOrOpen(number, message.place);
+            const uint32_t frame = FindOrOpen(number, message.place, time);
             scene.frames[frame].isDuplicate = true;
             NoteTrouble(frame, message.place, time);
             return;
@@ -265,7 +266,7 @@ struct FactsMaker::Running {
         const bool isAgain =
             known && (scene.frames[*known].isStarted || scene.frames[*known].isGap ||
                       scene.frames[*known].epoch != epoch || IsThrough(*known));
-        const uint32_t frame = !known || isAgain ? Open(number, message.place) : *known;
+        const uint32_t frame = !known || isAgain ? Open(number, message.place, time) : *known;
         Frame& row = scene.frames[frame];
         row.start = time;
         row.isStarted = isForwarded;
@@ -298,7 +299,7 @@ struct FactsMaker::Running {
 
     void OnStageEvent(const Message& message, const Thread& thread, Micros time) {
         GrowStages(message.stage + 1);
-        const uint32_t frame = FindOrOpen(message.frame, message.place);
+        const uint32_t frame = FindOrOpen(message.frame, message.place, time);
         NodeEnd by;
         by.time = time;
         by.place = message.place;
@@ -323,7 +324,7 @@ struct FactsMaker::Running {
     void Forget(Micros before) {
         const auto lastOf = [this](uint32_t frame) {
             const Frame& row = scene.frames[frame];
-            Micros time = std::max(row.start, row.end);
+            Micros time = std::max({row.told, row.start, row.end});
             for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
                 time = std::max(time, scene.PassOf(frame, stage).left);
             }
@@ -385,7 +386,7 @@ struct FactsMaker::Running {
             case MessageKind::TableFull:
                 return OnEviction(message, time);
             case MessageKind::FrameEnd: {
-                Frame& row = scene.frames[FindOrOpen(message.frame, message.place)];
+                Frame& row = scene.frames[FindOrOpen(message.frame, message.place, time)];
                 row.isEnded = true;
                 row.end = row.end == NO_TIME ? time : row.end;
                 inFlight.erase(static_cast<int32_t>(message.frame));
@@ -402,7 +403,7 @@ struct FactsMaker::Running {
             case MessageKind::StageNotInRange:
             case MessageKind::StageOutOfOrder:
             case MessageKind::StageOutOfTurn: {
-                const uint32_t frame = FindOrOpen(message.frame, message.place);
+                const uint32_t frame = FindOrOpen(message.frame, message.place, time);
                 Frame& row = scene.frames[frame];
                 NoteTrouble(frame, message.place, time);
                 if (row.violation == Reason::None || row.violation == Reason::NoSuchStage) {

@@ -20,11 +20,6 @@ constexpr double STANDSTILL_PERIODS = 2.2;
 // Events that one object does not forward: fewer come of lines that are missing.
 constexpr size_t MANY_IMPOSSIBLE = 5;
 
-Micros TimeOf(const Judging& judging, uint32_t frame) {
-    const Frame& row = judging.scene.frames[frame];
-    return row.start != NO_TIME ? row.start : judging.LastOf(frame).second;
-}
-
 // Where a frame that is in order lacks lines that the library must have written.
 void FindLacks(Judging& judging, const std::vector<bool>& isNodeDriven) {
     const Scene& scene = judging.scene;
@@ -38,7 +33,7 @@ void FindLacks(Judging& judging, const std::vector<bool>& isNodeDriven) {
             top = (scene.PassOf(frame, stage).seen & (STAGE_START | STAGE_END)) != 0 ? stage : -1;
         }
         if (top >= 0 && !row.isStarted) {
-            judging.holes.push_back(TimeOf(judging, frame));
+            judging.holes.push_back(row.told);
             continue;
         }
         const bool isInOrder = row.violation == Reason::None && !row.isEvicted &&
@@ -59,7 +54,7 @@ void FindLacks(Judging& judging, const std::vector<bool>& isNodeDriven) {
                                                         STAGE_START) == 0))) ||
                  (isEnded && !hasNodeEnd && isNodeDriven[static_cast<size_t>(stage)]));
             if (lacksLine || lacksEvent) {
-                judging.holes.push_back(pass.HasLeft() ? pass.left : TimeOf(judging, frame));
+                judging.holes.push_back(pass.HasLeft() ? pass.left : row.told);
             }
         }
         if (row.isNotInFlight && row.isStarted && !row.isEvicted && !row.isEnded &&
@@ -83,7 +78,9 @@ void FindSwallowed(Judging& judging) {
             if (scene.PassOf(frame, stage).HasLeft()) {
                 continue;
             }
-            if (stage > 0 && scene.PassOf(frame, stage - 1).HasLeft()) {
+            if (stage == 0 && row.isStarted) {
+                expected.emplace_back(row.start + judging.schedule.PeriodAt(row.start), stage);
+            } else if (stage > 0 && scene.PassOf(frame, stage - 1).HasLeft()) {
                 expected.emplace_back(
                     scene.PassOf(frame, stage - 1).left + judging.schedule.UsualStay(stage), stage);
             } else if (stage + 1 < scene.stageCount && scene.PassOf(frame, stage + 1).HasLeft()) {
@@ -119,12 +116,8 @@ bool Judging::IsDoubtful(uint32_t frame) const {
     if (holes.empty()) {
         return false;
     }
-    const Micros last = LastOf(frame).second;
-    Micros first = scene.frames[frame].start;
-    for (int32_t stage = 0; stage < scene.stageCount && first == NO_TIME; ++stage) {
-        first = scene.PassOf(frame, stage).left;
-    }
-    return first != NO_TIME && HasHole(first - NEAR, std::max(first, last) + NEAR);
+    const Micros first = scene.frames[frame].told;
+    return HasHole(first - NEAR, LastOf(frame).second + NEAR);
 }
 
 Micros Judging::Stood(Micros from, Micros to) const {

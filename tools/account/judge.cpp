@@ -295,7 +295,8 @@ int32_t Judging::NextStage(uint32_t frame) const {
 }
 
 std::pair<Place, Micros> Judging::LastOf(uint32_t frame) const {
-    std::pair<Place, Micros> last(scene.frames[frame].place, scene.frames[frame].start);
+    const Frame& row = scene.frames[frame];
+    std::pair<Place, Micros> last(row.place, std::max(row.told, row.start));
     for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
         const StagePass& pass = scene.PassOf(frame, stage);
         if (pass.HasLeft() && pass.left >= last.second) {

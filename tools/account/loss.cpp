@@ -180,11 +180,9 @@ void FindRestarts(Judging& judging) {
             continue;
         }
         const Frame& begin = scene.frames[*first];
-        const auto [place, time] = judging.LastOf(*first);
         Trouble& trouble = judging.Raise(
             Check::NumbersRestart, Severity::Error, NO_INDEX, -1,
-            begin.trouble.line != 0 ? begin.trouble : begin.place,
-            begin.start != NO_TIME ? begin.start : time,
+            begin.trouble.line != 0 ? begin.trouble : begin.place, begin.told,
             fmt::format(
                 wording::RESTART, fmt::arg("first", begin.number), fmt::arg("last", lastOfOld),
                 fmt::arg("refused", Counted(static_cast<int64_t>(refused.size()), "frame") +
@@ -251,7 +249,7 @@ void FindLost(Judging& judging) {
         const size_t column =
             hasStages && stage < scene.stageCount ? static_cast<size_t>(stage) : stages;
         const bool isPassed = newest[row.epoch * (stages + 1) + column] > row.number;
-        const Micros since = std::max(judging.LastOf(frame).second, row.start);
+        const Micros since = judging.LastOf(frame).second;
         if (isPassed || row.isEnded) {
             const bool goesOn = !groups.empty() && groups.back().stage == stage &&
                                 groups.back().isEnded == row.isEnded && before != NO_INDEX &&
@@ -305,8 +303,7 @@ void FindLost(Judging& judging) {
     const auto& [stage, standing] = *stuck.rbegin();
     const size_t number = judging.troubles.size();
     const uint32_t first = standing.front();
-    const auto [place, last] = judging.LastOf(first);
-    const Micros since = std::max(last, scene.frames[first].start);
+    const auto [place, since] = judging.LastOf(first);
     std::vector<int64_t> numbers;
     for (const auto& [where, all] : stuck) {
         for (const uint32_t frame : all) {
