@@ -39,8 +39,8 @@ constexpr auto ROWS = std::to_array<Row>({
     {"error reports", "errorReports"},
 });
 
-const char* TextOf(Reason reason) {
-    // In the order of Reason.
+const char* TextOf(Refusal reason) {
+    // In the order of Refusal.
     constexpr auto texts = std::to_array<const char*>({
         "",
         "no scene is running",
@@ -62,37 +62,37 @@ const char* TextOf(Reason reason) {
 }
 
 // What a message says of the event that left it; nothing where another one does.
-std::optional<Reason> ReasonOf(MessageKind kind) {
+std::optional<Refusal> RefusalOf(MessageKind kind) {
     switch (kind) {
         case MessageKind::FrameStart:
         case MessageKind::FrameEnd:
         case MessageKind::StageStart:
         case MessageKind::StageEnd:
-            return Reason::None;
+            return Refusal::None;
         case MessageKind::FrameAlreadyExists:
-            return Reason::AlreadyInFlight;
+            return Refusal::AlreadyInFlight;
         case MessageKind::FrameNotContinuous:
-            return Reason::Gap;
+            return Refusal::Gap;
         case MessageKind::EndedFrameNotExist:
-            return Reason::NotInFlight;
+            return Refusal::NotInFlight;
         case MessageKind::FrameNotExist:
         case MessageKind::FrameRemoved:
-            return Reason::FrameNotInFlight;
+            return Refusal::FrameNotInFlight;
         case MessageKind::FrameInError:
-            return Reason::FrameInError;
+            return Refusal::FrameInError;
         case MessageKind::StageNotInRange:
-            return Reason::NoSuchStage;
+            return Refusal::NoSuchStage;
         case MessageKind::StageOutOfOrder:
-            return Reason::OutOfOrder;
+            return Refusal::OutOfOrder;
         case MessageKind::StageOutOfTurn:
-            return Reason::StageOutOfTurn;
+            return Refusal::StageOutOfTurn;
         default:
             return std::nullopt;
     }
 }
 
-Tally TallyOf(MessageKind event, Reason reason) {
-    const bool isDone = reason == Reason::None;
+Tally TallyOf(MessageKind event, Refusal reason) {
+    const bool isDone = reason == Refusal::None;
     switch (event) {
         case MessageKind::FrameStart:
             return isDone ? Tally::FramesStarted : Tally::FrameStartsRefused;
@@ -187,7 +187,7 @@ int64_t TotalOf(Tally tally, const Counts& counts) {
 std::map<std::string, int64_t> ReasonsOf(Tally tally, const Counts& counts) {
     std::map<std::string, int64_t> reasons;
     for (const auto& [what, count] : counts) {
-        if (what.first == tally && what.second != Reason::None) {
+        if (what.first == tally && what.second != Refusal::None) {
             reasons[TextOf(what.second)] += count;
         }
     }
@@ -403,7 +403,7 @@ Counts CountsOf(const Played& played) {
     std::vector<Message> messages;
     for (const desktop::Effect& effect : played.effects) {
         if (const auto* service = std::get_if<desktop::ServiceCall>(&effect.event)) {
-            counts[{Tally::ErrorReports, Reason::None}] +=
+            counts[{Tally::ErrorReports, Refusal::None}] +=
                 service->function == desktop::ServiceFunction::NotifyErrOfUser ? 1 : 0;
         } else if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
             if (const auto message = ParseMessage(line->tag, line->text)) {
@@ -411,31 +411,31 @@ Counts CountsOf(const Played& played) {
             }
         }
     }
-    const auto count = [&counts](Tally tally, Reason reason) { ++counts[{tally, reason}]; };
+    const auto count = [&counts](Tally tally, Refusal reason) { ++counts[{tally, reason}]; };
     const bool isNodeEnd = call.operation == Operation::NodeEnd;
     if (isNodeEnd && !played.configuration->IsStagePort(call.Get<std::string>(Parameter::NodeName),
                                                         call.Get<int32_t>(Parameter::PortId))) {
-        count(Tally::NodeEndsIgnored, Reason::NoStageOfNode);
+        count(Tally::NodeEndsIgnored, Refusal::NoStageOfNode);
         return counts;
     }
     if (call.operation == Operation::SceneStart && played.result == -1 && messages.empty()) {
-        count(Tally::ScenesRefused, Reason::NotDescribed);
+        count(Tally::ScenesRefused, Refusal::NotDescribed);
     }
     const bool isInScene = isNodeEnd ? !messages.empty() : played.result != -1;
     EventLines events(EventsOf(call, *played.configuration, isInScene));
-    std::vector<Reason> reasons(events.Events().size(),
-                                isInScene ? Reason::FrameInError : Reason::NoScene);
+    std::vector<Refusal> reasons(events.Events().size(),
+                                 isInScene ? Refusal::FrameInError : Refusal::NoScene);
     for (const Message& message : messages) {
         if (message.kind == MessageKind::SceneDisabled) {
-            count(Tally::ScenesRefused, Reason::Disabled);
+            count(Tally::ScenesRefused, Refusal::Disabled);
         } else if (message.kind == MessageKind::SceneStart) {
             count(message.flag ? Tally::ScenesStarted : Tally::ScenesRefused,
-                  message.flag ? Reason::None : Reason::RefusedByService);
+                  message.flag ? Refusal::None : Refusal::RefusedByService);
         } else if (message.kind == MessageKind::TableFull) {
-            count(Tally::FramesEvicted, Reason::TooManyInFlight);
+            count(Tally::FramesEvicted, Refusal::TooManyInFlight);
         }
         const std::optional<size_t> event = events.Take(message);
-        if (const auto reason = ReasonOf(message.kind); event && reason) {
+        if (const auto reason = RefusalOf(message.kind); event && reason) {
             reasons[*event] = *reason;
         }
     }

@@ -31,7 +31,7 @@ enum class Tally : uint8_t {
 };
 
 // Why something was not done.
-enum class Reason : uint8_t {
+enum class Refusal : uint8_t {
     None,  // It was.
     NoScene,
     NotDescribed,
@@ -50,7 +50,7 @@ enum class Reason : uint8_t {
 };
 
 // How often what happened, and why.
-using Counts = std::map<std::pair<Tally, Reason>, int64_t>;
+using Counts = std::map<std::pair<Tally, Refusal>, int64_t>;
 
 // What became of a call and of what it led to: from the library's log, the calls that the service
 // saw and, where both are silent, from its result. A running scene's event that left nothing at all
