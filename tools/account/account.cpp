@@ -110,15 +110,16 @@ Severity WorstOf(const Account& account) {
 
 // What a viewer of the video would see comes first: frames that never came out, and late ones.
 std::string VerdictOf(const Account& account) {
-    int64_t frames = 0, neverOut = 0, notBoosted = 0, untold = 0, late = 0, started = 0;
+    int64_t frames = 0, mixed = 0, neverOut = 0, notBoosted = 0, untold = 0, late = 0, started = 0;
     Micros threshold = 0;
     for (const Scene& scene : account.scenes) {
         frames += scene.frameCount;
+        mixed += scene.isMixed ? scene.frameCount : 0;
         neverOut += static_cast<int64_t>(scene.neverOut.size());
         notBoosted += scene.notBoosted;
         untold += scene.untold;
         late += scene.lateFrames;
-        threshold = std::max(threshold, scene.lateThreshold);
+        threshold = scene.isStarted ? std::max(threshold, scene.lateThreshold) : threshold;
         started += scene.isStarted ? 1 : 0;
     }
     if (started == 0) {
@@ -147,6 +148,10 @@ std::string VerdictOf(const Account& account) {
             fmt::format("what became of {} cannot be told, as lines of the log are "
                         "missing",
                         untold));
+    }
+    if (mixed > 0) {
+        parts.push_back(
+            fmt::format("what became of {} cannot be told, as two objects record at once", mixed));
     }
     if (parts.empty()) {
         const char* const lateness =

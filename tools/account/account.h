@@ -190,7 +190,8 @@ struct Scene {
     bool isStarted = false;
     bool hasEnd = false;              // Its end is in the capture.
     bool isBeginningMissing = false;  // The capture starts in its middle.
-    bool isAfterEnd = false;          // It goes on where a scene of the process had just ended.
+    bool isMixed = false;     // Worked out: of two objects at once, so that nothing can be told.
+    bool isAfterEnd = false;  // It goes on where a scene of the process had just ended.
     bool hasTimes = false, hasThreads = false;
     size_t configuration = 0;  // Of Account::configurations, plus one; 0 where not known.
     int32_t stageCount = 0;

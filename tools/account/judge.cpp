@@ -191,9 +191,8 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
     judging.causes.assign(scene.frames.size(), 0);
     judging.droppedBefore.assign(scene.frames.size(), 0);
     judging.skipped.assign(scene.frames.size(), false);
-    if (FindTwoObjects(judging)) {
-        ClassifyFrames(judging);
-    } else {
+    scene.isMixed = FindTwoObjects(judging);
+    if (!scene.isMixed) {
         FindHoles(judging);
         FindStandstills(judging);
         ClassifyFrames(judging);
