@@ -88,7 +88,7 @@ class DelayFinder {
             if (other == NO_INDEX || scene.frames[other].isNeverOut) {
                 missing += period;
                 lost = other != NO_INDEX ? std::optional(other) : lost;
-            } else if (OutputOf(other) > to && overtaken == NO_INDEX) {
+            } else if (OutputOf(other) >= to && overtaken == NO_INDEX) {
                 overtaken = other;
             }
         }

@@ -259,8 +259,15 @@ struct FactsMaker::Running {
         hasStarts = true;
         const auto key = static_cast<int32_t>(number);
         auto known = Find(number);
-        if (isForwarded && !inFlight.empty() &&
-            (inFlight.contains(key) || int64_t{inFlight.rbegin()->first} + 1 != number)) {
+        // A frame in error leaves the table without a word.
+        const auto isSound = [this](uint32_t frame) {
+            return scene.frames[frame].isStarted && scene.frames[frame].violation == Reason::None;
+        };
+        const auto same = inFlight.find(key);
+        const bool isTwice = same != inFlight.end() && isSound(same->second);
+        const bool isGapped = !inFlight.empty() && isSound(inFlight.rbegin()->second) &&
+                              int64_t{inFlight.rbegin()->first} + 1 != number;
+        if (isForwarded && (isTwice || isGapped)) {
             scene.impossible.push_back(time);
         }
         const bool isAgain =

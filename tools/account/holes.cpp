@@ -15,6 +15,8 @@ namespace {
 constexpr Micros NEAR = 150 * MILLISECOND;
 // Holes that are no further apart are one.
 constexpr Micros ONE_HOLE = 300 * MILLISECOND;
+// Lines of one event are no further apart.
+constexpr Micros ONE_EVENT = 10 * MILLISECOND;
 // A standstill is no shorter, in periods: less is the time between two sets of lines.
 constexpr double STANDSTILL_PERIODS = 2.2;
 // Events that one object does not forward: fewer come of lines that are missing.
@@ -147,6 +149,11 @@ void FindHoles(Judging& judging) {
     }
     FindLacks(judging, isNodeDriven);
     FindSwallowed(judging);
+    if (!scene.hasEnd) {
+        // Where the capture ends, the lines of one event may be there in part.
+        std::erase_if(judging.holes,
+                      [&scene](Micros hole) { return hole > scene.end - ONE_EVENT; });
+    }
     for (const auto& leftOut : scene.leftOut) {
         judging.holes.push_back(leftOut.time);
     }

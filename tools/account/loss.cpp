@@ -55,6 +55,9 @@ void FindMissingNumbers(Judging& judging) {
     if (scene.stageCount == 0 || (judging.neverHit && *judging.neverHit == 0)) {
         return;
     }
+    // Calls that are played without their times tell nothing by them.
+    const bool hasPace =
+        scene.hasTimes && judging.schedule.UsualWork(0) > judging.schedule.Period() / 2;
     std::map<std::pair<uint16_t, int64_t>, uint32_t> known;  // Made when first needed.
     const std::vector<uint32_t>& left = scene.order[0];
     for (size_t i = scene.opener ? 0 : 1; i < left.size(); ++i) {
@@ -94,7 +97,7 @@ void FindMissingNumbers(Judging& judging) {
         }
         const auto count = static_cast<Micros>(missing.size());
         const bool isSkipped =
-            scene.hasTimes &&
+            hasPace &&
             to - from < static_cast<Micros>(
                             SKIPPED_SHARE *
                             static_cast<double>((count + 1) * judging.schedule.PeriodAt(to)));
@@ -176,7 +179,7 @@ void FindRestarts(Judging& judging) {
                 }
             }
         }
-        if (!first) {
+        if (!first || (refused.empty() && flushed.empty())) {
             continue;
         }
         const Frame& begin = scene.frames[*first];

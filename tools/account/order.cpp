@@ -114,8 +114,10 @@ class OrderFinder {
         if (isUnseen && !hasStarted) {
             return;
         }
+        const bool isRepeated = !repeats.empty() && repeats[frame] != nullptr;
         const int32_t unreported = Unreported(frame);
-        if (unreported >= 0 && (row.isStarted || unreported > 0)) {
+        if (unreported >= 0 && !(isRepeated && repeats[frame]->stage < unreported) &&
+            (row.isStarted || unreported > 0)) {
             Raise(Check::StageUnreported, Severity::Error, frame, unreported,
                   fmt::format(wording::UNREPORTED, fmt::arg("frame", row.number),
                               fmt::arg("stage", judging.StageName(unreported))));
@@ -125,7 +127,7 @@ class OrderFinder {
             Join(frame, &Trouble::inError);
             return;
         }
-        if (!repeats.empty() && repeats[frame] != nullptr) {
+        if (isRepeated) {
             return RaiseRepeat(frame, *repeats[frame]);
         }
         if (isUnseen || row.isGap) {
