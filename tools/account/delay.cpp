@@ -31,8 +31,8 @@ class DelayFinder {
 
     void Find(Micros threshold) {
         const std::vector<uint32_t>& outputs = schedule.Outputs();
-        for (size_t i = 0; i < outputs.size(); ++i) {
-            scene.frames[outputs[i]].output = OutputOf(outputs[i]);
+        for (const uint32_t frame : outputs) {
+            scene.frames[frame].output = OutputOf(frame);
         }
         for (size_t i = 1; i < outputs.size(); ++i) {
             Look(outputs, i, threshold);
@@ -223,7 +223,7 @@ class DelayFinder {
     // Frames in a row that a stage was slow with are one finding.
     void RaiseRuns(int32_t stage, std::vector<Blamed>& blamed) {
         const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
-        std::map<uint32_t, size_t> positions;
+        std::vector<size_t> positions(scene.frames.size());
         for (size_t i = 0; i < left.size(); ++i) {
             positions[left[i]] = i;
         }
@@ -231,11 +231,11 @@ class DelayFinder {
             return positions[one.frame] < positions[other.frame];
         });
         size_t done = 0;  // Positions before this one are told.
-        for (size_t i = 0; i < blamed.size(); ++i) {
-            const size_t position = positions[blamed[i].frame];
+        for (const Blamed& one : blamed) {
+            const size_t position = positions[one.frame];
             if (position < done) {
                 judging.troubles.back().late.insert(judging.troubles.back().late.end(),
-                                                    blamed[i].late.begin(), blamed[i].late.end());
+                                                    one.late.begin(), one.late.end());
                 continue;
             }
             size_t first = position, last = position;
@@ -246,7 +246,7 @@ class DelayFinder {
             while (stage > 0 && last + 1 < left.size() && ExcessOf(left[last + 1], stage) > half) {
                 ++last;
             }
-            RaiseRun(stage, left, first, last, blamed[i]);
+            RaiseRun(stage, left, first, last, one);
             done = last + 1;
         }
     }

@@ -186,7 +186,7 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
     if (!scene.isStarted) {
         return;
     }
-    const Schedule schedule(scene, resolution);
+    const Schedule schedule(scene);
     Judging judging{scene, schedule, resolution, {}, {}, {}, {}, {}, {}, {}, {}, {}, NO_INDEX};
     judging.causes.assign(scene.frames.size(), 0);
     judging.droppedBefore.assign(scene.frames.size(), 0);

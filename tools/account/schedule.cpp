@@ -29,7 +29,7 @@ Micros MedianOf(std::vector<Micros>& values, Micros none) {
     return *middle;
 }
 
-Schedule::Schedule(Scene& measured, Micros resolution)
+Schedule::Schedule(Scene& measured)
     : scene(measured),
       stageCount(static_cast<size_t>(measured.stageCount)),
       period(SECOND / (measured.fps > 0 ? measured.fps : 60)) {
@@ -98,7 +98,6 @@ Schedule::Schedule(Scene& measured, Micros resolution)
     for (int32_t stage = 1; stage < scene.stageCount; ++stage) {
         FindKeptBack(stage);
     }
-    static_cast<void>(resolution);
 }
 
 Micros Schedule::PeriodAt(Micros time) const {

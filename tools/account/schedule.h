@@ -23,8 +23,8 @@ struct RateStretch : Span {
 
 class Schedule {
   public:
-    // Fills StagePass::begin of all frames. `resolution`: of all times.
-    Schedule(Scene& scene, Micros resolution);
+    // Fills StagePass::begin of all frames. The scene has to stay.
+    explicit Schedule(Scene& measured);
 
     Micros Period() const { return period; }
     // Between two frames as they come at that moment: the scene's period, but for stretches of
