@@ -21,6 +21,8 @@ constexpr Micros HANG_PERIODS = 6;
 // Of a delay, what has to be explained, and what is too little to look at, in periods.
 constexpr double EXPLAINED = 0.9;
 constexpr double SMALL = 0.25;
+// Where frames are missing as well, what is left of a delay varies more.
+constexpr double SMALL_BESIDE_MISSING = 0.5;
 // How far back a delay is followed from where it shows.
 constexpr Micros FARTHEST_BACK = 2 * SECOND;
 
@@ -104,7 +106,8 @@ class DelayFinder {
             standstill->late.push_back(row.number);
             return;
         }
-        if (static_cast<double>(delay) < SMALL * static_cast<double>(period)) {
+        if (static_cast<double>(delay) <
+            (missing > 0 ? SMALL_BESIDE_MISSING : SMALL) * static_cast<double>(period)) {
             if (lost && judging.IsExplained(*lost)) {
                 judging.troubles[judging.causes[*lost] - 1].late.push_back(row.number);
             }
@@ -312,11 +315,11 @@ class DelayFinder {
     // Frames that had to wait at the stage behind a slow one.
     void FindWaiting(int32_t stage, const std::vector<uint32_t>& left, size_t last,
                      Trouble& trouble) const {
-        const Micros noticeable = std::max<Micros>(schedule.Period() / 5, 3 * MILLISECOND);
+        const Micros noticeable = std::max<Micros>(schedule.Period() / 5, 3 * MILLISECOND) +
+                                  (schedule.KeptBack(stage) > 0 ? schedule.UsualStay(stage) : 0);
         for (size_t next = last + 1; next < left.size(); ++next) {
             const StageTimes times = scene.TimesOf(left[next], stage);
-            if (stage == 0 || times.wait == NO_TIME ||
-                times.wait < noticeable + schedule.KeptBack(stage) * schedule.Period()) {
+            if (stage == 0 || times.wait == NO_TIME || times.wait < noticeable) {
                 break;
             }
             trouble.waited.push_back(scene.frames[left[next]].number);
@@ -396,10 +399,14 @@ void FindSlowForGood(Judging& judging) {
             const size_t next = to + 1;
             const Micros period = schedule.PeriodAt(scene.PassOf(left[from], stage).left);
             const auto workOf = [&](size_t i) {
-                const Micros begin = scene.PassOf(left[i - 1], stage).left;
-                const Micros end = scene.PassOf(left[i], stage).left;
-                return end - begin - judging.Stood(begin, end);
+                const Micros done = scene.PassOf(left[i], stage).left;
+                const Micros work = schedule.WorkOf(left[i], stage);
+                return work - judging.Stood(done - work, done);
             };
+            // The frame that the first of them waits for may be slow, too.
+            if (workOf(from - 1) > OverPeriod(period)) {
+                --from;
+            }
             while (from < to && workOf(from) <= OverPeriod(period)) {
                 ++from;
             }
@@ -412,7 +419,7 @@ void FindSlowForGood(Judging& judging) {
                 sum += work > HANG_PERIODS * period ? period : work;
             }
             const Micros mean = sum / static_cast<Micros>(to - from + 1);
-            const Micros begin = scene.PassOf(left[from - 1], stage).left;
+            const Micros begin = scene.PassOf(left[from], stage).begin;
             const Micros end = scene.PassOf(left[to], stage).left;
             const bool isBehindAnother =
                 std::any_of(runs.begin(), runs.end(),

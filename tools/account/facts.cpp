@@ -200,14 +200,19 @@ struct FactsMaker::Running {
     void Take(NodeEnd& end, uint16_t thread) {
         end.isOpen = false;
         scene.reporters[end.reporter].counts = true;
-        if (end.stage == 0 && lastLeft) {
-            NoteNumber(end.frame, *lastLeft);
+        const std::optional<int64_t> before = lastLeft;
+        if (end.stage == 0 && before) {
+            NoteNumber(end.frame, *before);
         }
         if (end.frame >= 1) {
             auto frame = Find(end.frame);
             // In a new count, or when its frame is through, a number is another frame's.
-            if (!frame || (end.stage == 0 && lastLeft != end.frame &&
-                           (IsThrough(*frame) || scene.frames[*frame].epoch != epoch))) {
+            const bool isOther =
+                frame &&
+                (end.stage == 0 ? before != end.frame &&
+                                      (IsThrough(*frame) || scene.frames[*frame].epoch != epoch)
+                                : IsThrough(*frame) && scene.frames[*frame].epoch != epoch);
+            if (!frame || isOther) {
                 frame = Open(end.frame, end.place, end.time);
             }
             Leave(*frame, end.stage, NODE_END, end, thread);

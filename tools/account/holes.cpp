@@ -66,6 +66,17 @@ void FindLacks(Judging& judging, const std::vector<bool>& isNodeDriven) {
     }
 }
 
+// Whether nothing had left the stage for long by that time: then it is no wonder that nothing does.
+bool HadStopped(const Judging& judging, int32_t stage, Micros time) {
+    const Scene& scene = judging.scene;
+    const auto& left = scene.order[static_cast<size_t>(stage)];
+    const auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t frame) {
+        return scene.PassOf(frame, stage).left <= time;
+    });
+    return next != left.begin() &&
+           time - scene.PassOf(*std::prev(next), stage).left > 3 * judging.schedule.PeriodAt(time);
+}
+
 // A silence that has swallowed the ends of several stages has swallowed lines.
 void FindSwallowed(Judging& judging) {
     const Scene& scene = judging.scene;
@@ -73,7 +84,7 @@ void FindSwallowed(Judging& judging) {
         expected;  // Ends that never came: when, of which stage.
     for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
         const Frame& row = scene.frames[frame];
-        if (row.isGap || row.isNotInFlight || row.isEnded) {
+        if (row.isEnded) {
             continue;
         }
         for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
@@ -98,13 +109,30 @@ void FindSwallowed(Judging& judging) {
         for (auto it = std::lower_bound(expected.begin(), expected.end(),
                                         std::pair(silence.begin - MILLISECOND, -1));
              it != expected.end() && it->first <= silence.end + MILLISECOND; ++it) {
-            stages.insert(it->second);
+            if (!HadStopped(judging, it->second, silence.begin)) {
+                stages.insert(it->second);
+            }
         }
         if (stages.size() >= 2) {
             judging.holes.push_back(silence.begin);
             judging.holes.push_back(silence.end);
         }
     }
+}
+
+// Whether the first frame that left stage 0 after that time had been started before it.
+bool IsSensorAtWork(const Scene& scene, const Span& silence) {
+    if (scene.stageCount == 0) {
+        return false;
+    }
+    const auto next = std::partition_point(
+        scene.order[0].begin(), scene.order[0].end(),
+        [&](uint32_t frame) { return scene.PassOf(frame, 0).left < silence.end; });
+    if (next == scene.order[0].end()) {
+        return false;
+    }
+    const Micros start = scene.frames[*next].start;
+    return start != NO_TIME && start <= silence.begin;
 }
 
 }  // namespace
@@ -174,8 +202,12 @@ void FindStandstills(Judging& judging) {
             continue;
         }
         std::set<int32_t> stages;
+        bool hasJustCome = false;
         // Those that came out of something later, and were in it at that time.
         for (int32_t stage = 1; stage < scene.stageCount; ++stage) {
+            if (judging.schedule.KeptBack(stage) > 0) {
+                continue;  // It may wait for what does not come.
+            }
             const auto& left = scene.order[static_cast<size_t>(stage)];
             auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t frame) {
                 return scene.PassOf(frame, stage).left < silence.end;
@@ -185,9 +217,17 @@ void FindStandstills(Judging& judging) {
                 const Micros arrival = scene.ArrivalOf(*next, stage);
                 if (arrival != NO_TIME && arrival <= silence.begin) {
                     stages.insert(stage);
+                    hasJustCome = hasJustCome ||
+                                  silence.begin - arrival <=
+                                      judging.schedule.UsualStay(stage) + judging.schedule.Period();
                     break;
                 }
             }
+        }
+        // The sensor is at work, too, if the frame that it owes is the next to come. Behind a stage
+        // that has been standing for long it would have no room for that.
+        if (hasJustCome && IsSensorAtWork(scene, silence)) {
+            stages.insert(0);
         }
         if (stages.size() < 2) {
             continue;

@@ -107,9 +107,9 @@ void CountFrames(Judging& judging) {
             ++scene.untold;
         } else if (judging.IsExplained(frame)) {
             row.hasFinding = true;
-            const bool isOfSensor =
-                row.status == FrameStatus::Open && !row.isNeverOut && !row.isOut &&
-                judging.troubles[judging.causes[frame] - 1].finding.check == Check::Stuck;
+            // One that was only opened, and never came.
+            const bool isOfSensor = judging.schedule.LastStage() >= 0 && !row.isNeverOut &&
+                                    judging.NextStage(frame) == 0;
             scene.notBoosted += row.status != FrameStatus::Complete && !isOfSensor ? 1 : 0;
         }
         if (row.status == FrameStatus::Open && row.isNeverOut) {

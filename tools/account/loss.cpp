@@ -60,6 +60,7 @@ void FindMissingNumbers(Judging& judging) {
         scene.hasTimes && judging.schedule.UsualWork(0) > judging.schedule.Period() / 2;
     std::map<std::pair<uint16_t, int64_t>, uint32_t> known;  // Made when first needed.
     const std::vector<uint32_t>& left = scene.order[0];
+    Micros lag = 0;
     for (size_t i = scene.opener ? 0 : 1; i < left.size(); ++i) {
         const Frame& next = scene.frames[left[i]];
         const uint16_t epoch = i == 0 ? uint16_t{0} : scene.frames[left[i - 1]].epoch;
@@ -67,6 +68,12 @@ void FindMissingNumbers(Judging& judging) {
         const Micros from = i == 0 ? scene.opened : scene.PassOf(left[i - 1], 0).left;
         const Place place = i == 0 ? scene.from : scene.PassOf(left[i - 1], 0).place;
         const auto step = static_cast<uint64_t>(next.number) - static_cast<uint64_t>(before);
+        const Micros to = scene.PassOf(left[i], 0).left;
+        const Micros period = judging.schedule.PeriodAt(to);
+        // By how much stage 0 is behind the sensor: what it drops meanwhile takes no time here.
+        const Micros passed = lag + to - from;
+        lag = std::max<Micros>(
+            passed - static_cast<Micros>(std::min<uint64_t>(step, MOST_MISSING)) * period, 0);
         if (next.epoch != epoch || next.number <= before || step < 2 || step > MOST_MISSING) {
             continue;
         }
@@ -87,7 +94,6 @@ void FindMissingNumbers(Judging& judging) {
                 rows.push_back(row->second);
             }
         }
-        const Micros to = scene.PassOf(left[i], 0).left;
         const bool isHole = judging.HasHole(from - 100 * MILLISECOND, to + 100 * MILLISECOND);
         if (missing.empty() || isHole) {
             for (const uint32_t row : isHole ? rows : std::vector<uint32_t>()) {
@@ -98,9 +104,7 @@ void FindMissingNumbers(Judging& judging) {
         const auto count = static_cast<Micros>(missing.size());
         const bool isSkipped =
             hasPace &&
-            to - from < static_cast<Micros>(
-                            SKIPPED_SHARE *
-                            static_cast<double>((count + 1) * judging.schedule.PeriodAt(to)));
+            passed < static_cast<Micros>(SKIPPED_SHARE * static_cast<double>((count + 1) * period));
         const StagePass& pass = scene.PassOf(left[i], 0);
         const uint32_t first = rows.empty() ? NO_INDEX : rows.front();
         const size_t number = judging.troubles.size();
@@ -201,6 +205,25 @@ void FindRestarts(Judging& judging) {
     }
 }
 
+// Whether a frame that came to the stage at that time has stood in it for much longer than usual.
+static bool Stands(const Judging& judging, uint32_t frame, int32_t stage, Micros since) {
+    const Scene& scene = judging.scene;
+    const auto kept = static_cast<size_t>(judging.schedule.KeptBack(stage));
+    if (kept > 0) {
+        // Others have to come before it may go.
+        const std::vector<uint32_t>& came = scene.order[static_cast<size_t>(stage - 1)];
+        const auto place = std::find(came.rbegin(), came.rend(), frame);
+        if (static_cast<size_t>(place - came.rbegin()) < kept) {
+            return false;
+        }
+        since = scene.PassOf(*(place - static_cast<std::ptrdiff_t>(kept)), stage - 1).left;
+    }
+    const Micros usual =
+        judging.schedule.UsualStay(stage) + STANDS * judging.schedule.PeriodAt(since);
+    return scene.stop - since - judging.Stood(since, scene.stop) >
+           (stage == 0 ? RUNS_EMPTY : usual);
+}
+
 void FindLost(Judging& judging) {
     Scene& scene = judging.scene;
     // How far each stage has got, in each count of numbers.
@@ -225,13 +248,18 @@ void FindLost(Judging& judging) {
         std::vector<uint32_t> frames;
     };
     std::vector<Lost> groups;
-    std::map<int32_t, std::vector<uint32_t>> stuck;
+    std::map<int32_t, std::vector<uint32_t>> stuck, inFlight;
     uint32_t before = NO_INDEX;
     for (const uint32_t frame : frames) {
         Frame& row = scene.frames[frame];
         row.isOut = judging.IsOut(frame);
         const bool hasLines = HasAnyLine(scene, frame) || row.isStarted;
-        if (row.isOut || judging.IsExplained(frame) || !hasLines || row.isUntold ||
+        // Frames of a count that is refused as a whole may be lost all the same.
+        const bool isExplained =
+            judging.IsExplained(frame) &&
+            (row.isNeverOut ||
+             judging.troubles[judging.causes[frame] - 1].finding.check != Check::NumbersRestart);
+        if (row.isOut || isExplained || !hasLines || row.isUntold ||
             (judging.IsEarly(frame) && !HasAnyLine(scene, frame))) {
             continue;
         }
@@ -265,12 +293,7 @@ void FindLost(Judging& judging) {
             groups.back().frames.push_back(frame);
             before = frame;
         } else if (scene.hasTimes && hasStages && stage < scene.stageCount && since != NO_TIME) {
-            const Micros period = judging.schedule.PeriodAt(since);
-            const Micros usual = judging.schedule.UsualStay(stage);
-            const Micros most = stage == 0 ? RUNS_EMPTY : usual + STANDS * period;
-            if (scene.stop - since - judging.Stood(since, scene.stop) > most) {
-                stuck[stage].push_back(frame);
-            }
+            (Stands(judging, frame, stage, since) ? stuck : inFlight)[stage].push_back(frame);
         }
     }
     for (const Lost& lost : groups) {
@@ -307,6 +330,12 @@ void FindLost(Judging& judging) {
     const size_t number = judging.troubles.size();
     const uint32_t first = standing.front();
     const auto [place, since] = judging.LastOf(first);
+    // And so does what has come since, though not for long yet.
+    for (auto& [where, young] : inFlight) {
+        if (where > 0 && where <= stage && stage > 0) {
+            stuck[where].insert(stuck[where].end(), young.begin(), young.end());
+        }
+    }
     std::vector<int64_t> numbers;
     for (const auto& [where, all] : stuck) {
         for (const uint32_t frame : all) {

@@ -114,6 +114,10 @@ class OrderFinder {
         if (isUnseen && !hasStarted) {
             return;
         }
+        // One that was only opened, and never came.
+        if (row.isGap && frame == frames.back() && judging.NextStage(frame) == 0) {
+            return;
+        }
         const bool isRepeated = !repeats.empty() && repeats[frame] != nullptr;
         const int32_t unreported = Unreported(frame);
         if (unreported >= 0 && !(isRepeated && repeats[frame]->stage < unreported) &&
@@ -196,8 +200,7 @@ class OrderFinder {
     void RaiseGap(uint32_t frame) {
         const Frame& row = scene.frames[frame];
         const int64_t newest = row.newestBefore;
-        if (static_cast<int32_t>(newest) ==
-            static_cast<int32_t>(static_cast<uint64_t>(row.number) - 1)) {
+        if (row.number > INT32_MAX) {
             Raise(Check::FrameGap, Severity::Error, frame, -1,
                   fmt::format(wording::GAP_32_BITS, fmt::arg("frame", row.number),
                               fmt::arg("newest", newest)));

@@ -64,7 +64,10 @@ void FindEvictions(Judging& judging) {
                                  check == Check::FrameLost || check == Check::StageNeverHit ||
                                  check == Check::Standstill || check == Check::StageUnreported;
             if (holdsUp && trouble.finding.time <= eviction.time) {
-                cause = cause == nullptr || check == Check::SlowStage ? &trouble : cause;
+                cause = cause == nullptr || check == Check::SlowStage ||
+                                cause->finding.check != Check::SlowStage
+                            ? &trouble
+                            : cause;
             }
         }
         if (cause != nullptr) {

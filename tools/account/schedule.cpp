@@ -171,7 +171,10 @@ void Schedule::FindRates(const std::vector<Micros>& times, const std::vector<Pla
         while (last > first && !IsNear(times[last] - times[last - 1], usual, SAME_RATE)) {
             --last;
         }
-        if (last > first && times[last] - times[first] >= RATE_LENGTH * 9 / 10) {
+        // A stage 0 that was slow itself makes up for it afterwards.
+        const bool isCaughtUp = usual > period && last + 1 < times.size() &&
+                                times[last + 1] - times[last] < period * 4 / 5;
+        if (last > first && times[last] - times[first] >= RATE_LENGTH * 9 / 10 && !isCaughtUp) {
             const auto mean = (times[last] - times[first]) / static_cast<Micros>(last - first);
             if (!rates.empty() && IsNear(rates.back().period, usual, SAME_RATE) &&
                 times[first] - rates.back().end < RATE_LENGTH) {
