@@ -289,7 +289,8 @@ struct FactsMaker::Running {
             row.newestBefore = message.lastFrame;
             NoteTrouble(frame, message.place, time);
         }
-        if (inFlight.size() >= PLACES) {
+        // Where a frame is refused, the line that it pushes another one out comes behind this one.
+        while (inFlight.size() > (isForwarded ? PLACES - 1 : PLACES)) {
             inFlight.erase(inFlight.begin());
         }
         inFlight[key] = frame;

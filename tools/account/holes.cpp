@@ -66,15 +66,13 @@ void FindLacks(Judging& judging, const std::vector<bool>& isNodeDriven) {
     }
 }
 
-// Whether nothing had left the stage for long by that time: then it is no wonder that nothing does.
-bool HadStopped(const Judging& judging, int32_t stage, Micros time) {
-    const Scene& scene = judging.scene;
+// When the stage was last left before that time.
+Micros LastLeft(const Scene& scene, int32_t stage, Micros time) {
     const auto& left = scene.order[static_cast<size_t>(stage)];
     const auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t frame) {
         return scene.PassOf(frame, stage).left <= time;
     });
-    return next != left.begin() &&
-           time - scene.PassOf(*std::prev(next), stage).left > 3 * judging.schedule.PeriodAt(time);
+    return next == left.begin() ? scene.begin : scene.PassOf(*std::prev(next), stage).left;
 }
 
 // A silence that has swallowed the ends of several stages has swallowed lines.
@@ -91,7 +89,7 @@ void FindSwallowed(Judging& judging) {
             if (scene.PassOf(frame, stage).HasLeft()) {
                 continue;
             }
-            if (stage == 0 && row.isStarted) {
+            if (stage == 0 && row.start != NO_TIME) {
                 expected.emplace_back(row.start + judging.schedule.PeriodAt(row.start), stage);
             } else if (stage > 0 && scene.PassOf(frame, stage - 1).HasLeft()) {
                 expected.emplace_back(
@@ -109,10 +107,18 @@ void FindSwallowed(Judging& judging) {
         for (auto it = std::lower_bound(expected.begin(), expected.end(),
                                         std::pair(silence.begin - MILLISECOND, -1));
              it != expected.end() && it->first <= silence.end + MILLISECOND; ++it) {
-            if (!HadStopped(judging, it->second, silence.begin)) {
-                stages.insert(it->second);
-            }
+            stages.insert(it->second);
         }
+        // Where a stage had stopped by then although it had a frame, it is no wonder that it ends
+        // none.
+        const Micros before = silence.begin - 2 * judging.schedule.PeriodAt(silence.begin);
+        std::erase_if(stages, [&](int32_t stage) {
+            const Micros last = LastLeft(scene, stage, silence.begin);
+            return std::any_of(
+                std::lower_bound(expected.begin(), expected.end(), std::pair(last, stage)),
+                std::lower_bound(expected.begin(), expected.end(), std::pair(before, -1)),
+                [stage](const auto& end) { return end.second == stage; });
+        });
         if (stages.size() >= 2) {
             judging.holes.push_back(silence.begin);
             judging.holes.push_back(silence.end);

@@ -257,7 +257,7 @@ void FindLost(Judging& judging) {
         // Frames of a count that is refused as a whole may be lost all the same.
         const bool isExplained =
             judging.IsExplained(frame) &&
-            (row.isNeverOut ||
+            (row.isNeverOut || !HasAnyLine(scene, frame) ||
              judging.troubles[judging.causes[frame] - 1].finding.check != Check::NumbersRestart);
         if (row.isOut || isExplained || !hasLines || row.isUntold ||
             (judging.IsEarly(frame) && !HasAnyLine(scene, frame))) {
