@@ -1,7 +1,6 @@
 #include "tools/account/schedule.h"
 
 #include <algorithm>
-#include <numeric>
 
 namespace tools {
 namespace {
@@ -237,15 +236,16 @@ void Schedule::FindKeptBack(int32_t stage) {
         spacings.push_back(scene.PassOf(left[i], stage).left -
                            scene.PassOf(left[i - 1], stage).left);
     }
-    const Micros mean = spacings.empty()
-                            ? 0
-                            : std::accumulate(spacings.begin(), spacings.end(), Micros{0}) /
-                                  static_cast<Micros>(spacings.size());
     Micros slowest = period;
     for (const RateStretch& stretch : rates) {
         slowest = std::max(slowest, stretch.period);
     }
-    if (*low < 1 || mean > slowest + slowest / 50 + MILLISECOND / 2) {
+    const Micros leaving =
+        scene.PassOf(left.back(), stage).left - scene.PassOf(left.front(), stage).left;
+    const Micros coming = lastArrival - scene.ArrivalOf(came.front(), stage);
+    const bool keepsUp = MedianOf(spacings, period) <= slowest + slowest / 20 + MILLISECOND / 2 &&
+                         leaving <= coming + coming / 50 + 2 * period;
+    if (*low < 1 || !keepsUp) {
         return;
     }
     const auto kept = static_cast<size_t>(*low);
