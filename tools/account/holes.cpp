@@ -256,7 +256,15 @@ void FindLinesLost(Judging& judging) {
     };
     std::vector<Hole> found;
     for (const Micros hole : judging.holes) {
-        if (found.empty() || hole > found.back().end + ONE_HOLE) {
+        // A silence that has swallowed lines is one hole, however long it is.
+        const bool isOne =
+            !found.empty() &&
+            (hole <= found.back().end + ONE_HOLE ||
+             std::any_of(scene.silences.begin(), scene.silences.end(), [&](const auto& silence) {
+                 return std::abs(silence.begin - found.back().end) <= ONE_HOLE &&
+                        silence.end >= hole - ONE_HOLE;
+             }));
+        if (!isOne) {
             found.emplace_back();
             found.back().begin = hole;
         }

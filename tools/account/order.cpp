@@ -115,7 +115,8 @@ class OrderFinder {
             return;
         }
         // One that was only opened, and never came.
-        if (row.isGap && frame == frames.back() && judging.NextStage(frame) == 0) {
+        if (row.isGap && frame == frames.back() && judging.NextStage(frame) == 0 &&
+            judging.schedule.LastStage() >= 0) {
             return;
         }
         const bool isRepeated = !repeats.empty() && repeats[frame] != nullptr;

@@ -18,15 +18,20 @@ constexpr size_t PLACES = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
 
 void FindNeverHit(Judging& judging) {
     Scene& scene = judging.scene;
-    const int32_t stage = judging.schedule.LastStage() + 1;
-    if (scene.frames.size() < ENOUGH_FRAMES || stage == 0 || stage >= scene.stageCount) {
+    const auto never = std::find_if(scene.order.begin(), scene.order.end(),
+                                    [](const auto& left) { return left.empty(); });
+    // Where no stage is reported at all, frames are all that the HAL reports.
+    if (scene.frames.size() < ENOUGH_FRAMES || never == scene.order.end() ||
+        judging.schedule.LastStage() < 0) {
         return;
     }
+    const auto stage = static_cast<int32_t>(never - scene.order.begin());
     std::vector<int64_t> frames;
     const size_t number = judging.troubles.size();
     for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
         const Frame& row = scene.frames[frame];
-        if (row.isStarted && !row.isEnded && judging.NextStage(frame) == stage) {
+        const bool hasCome = stage == 0 || scene.PassOf(frame, stage - 1).HasLeft();
+        if (row.isStarted && !row.isEnded && hasCome) {
             frames.push_back(row.number);
             judging.Explain(frame, number);
         }
