@@ -1,14 +1,11 @@
 // What the checker finds in configurations, and the table that it shows.
 
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 
 #include "tests/support/expect_abort.h"
 #include "tests/support/library_test.h"
 #include "tests/support/same_table.h"
-#include "tools/check/report.h"
+#include "tools/check/nodes.h"
 
 namespace {
 
@@ -16,12 +13,6 @@ using Texts = std::vector<const char*>;
 
 class CheckTest : public LibraryTest {
   protected:
-    static std::string ReadFile(const std::filesystem::path& path) {
-        std::stringstream text;
-        text << std::ifstream(path).rdbuf();
-        return text.str();
-    }
-
     std::string AnyOf(const Texts& texts) { return texts[random() % texts.size()]; }
 
     bool Once(uint32_t in) { return random() % in == 0; }
@@ -81,65 +72,6 @@ TEST_F(CheckTest, ShowsTheTableThatTheLibraryLoads) {
         }
     }
     EXPECT_GT(ending, 100);
-}
-
-// Each file has the name of its only finding.
-TEST_F(CheckTest, FindsTheMistakeOfEachExample) {
-    Lines checks;
-    for (const auto& entry : std::filesystem::directory_iterator(CONFIGURATIONS_DIRECTORY)) {
-        const std::string name = entry.path().stem();
-        const auto checked = tools::CheckConfiguration(ReadFile(entry.path()));
-        ASSERT_EQ(checked.findings.size(), 1U) << name;
-        EXPECT_EQ(checked.findings[0].check, name);
-        EXPECT_NE(checked.findings[0].place.line, 0U) << name;
-        EXPECT_EQ(checked.endsProcess, name == "port-not-a-number");
-        EXPECT_EQ(checked.isReadable, name != "unreadable");
-        checks.push_back(name);
-    }
-    EXPECT_EQ(checks.size(), 24U);
-    for (const auto& finding : tools::CheckConfiguration(ReadFile(SAMPLE_CONFIGURATION)).findings) {
-        EXPECT_EQ(finding.severity, tools::Severity::Note) << finding.message;
-    }
-}
-
-TEST_F(CheckTest, SaysWhereAndWhat) {
-    const auto checked = tools::CheckConfiguration(
-        "[TarvoCameraFrameBoostConfig]\n"
-        "cameraFrameBoostEnable = true\n"
-        "SupportOperationModeList = [0xFFFF8001]\n"
-        "stage = {0 = ['\u00FC', '1', 'x'], \"\\u001B\" = [], "
-        "1 = ['Tone', '0x10', ' 2'], 2 = ['ToneMapper']}\r\n");
-    const tools::CheckedFile file{"x.toml", checked, "", {}, {}};
-    std::ostringstream text;
-    tools::WriteText(text, file);
-    EXPECT_EQ("\n" + text.str(), R"(
-x.toml:4:26: error: port "x" of stage 0 does not start with a decimal number: the library ends the process while it is being loaded [port-not-a-number]
-x.toml:4:32: error: stage key "\x1B" is never asked for, as stages are named 0, 1, 2 and so on: its list is not read, yet it counts as one of 4 stages, so no frame ever ends [unknown-key]
-x.toml:4:60: error: port "0x10" of stage 1 is read as 0: ports are decimal [port-misread]
-x.toml:4:60: note: stage 1 ends on any one of its 2 ports, which are alternatives. Where a frame comes out on two of them, the second is out of turn, and the frame is reported as an error [several-ports]
-x.toml:4:68: note: port " 2" of stage 1 is read as 2 [port-misread]
-x.toml:4:80: warning: node "ToneMapper" of stage 2 ends its stage on port 0, 2 too: stage 1 lists it, and its name, "Tone", occurs in this one [port-through-other-stage]
-
-x.toml, as the library reads it:
-  It ends the process. Without that:
-  boosting         on
-  accepted widths  3840, 0 (none is configured)
-  operation modes  0xFFFF8001 (-32767)
-  stages           4, 3 of them loaded
-
-  stage  node          ports  names that match
-  0      "\xC3\xBC"    1      *\xC3\xBC*
-  1      "Tone"        0 2    *Tone*, but *ToneMapper* is stage 2's
-  2      "ToneMapper"  none   *ToneMapper*
-  A * stands for any text. Where several names match, the highest stage's counts.
-)");
-    std::ostringstream json;
-    tools::WriteJson(json, {file, file});
-    for (const char* part : {R"("line": 4,)", R"("column": 26,)", R"("severity": "error",)",
-                             R"("check": "port-not-a-number",)", R"("tables": [)",
-                             R"("hexadecimal": "0xFFFF8001")", R"("endsProcess": true,)"}) {
-        EXPECT_NE(json.str().find(part), std::string::npos) << part;
-    }
 }
 
 // Compared with what the library does about each node.

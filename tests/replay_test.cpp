@@ -102,39 +102,6 @@ TEST_F(ReplayTest, PlaysTheBundledSessionsAsExpected) {
     }
 }
 
-// Every frame of a minute: its start, its stages in order, its end at the right time.
-TEST_F(ReplayTest, PlaysAMinuteOfVideoWithoutALoss) {
-    class FrameLog : public tools::StepSink {
-      public:
-        void OnStep(const tools::Step& step) override {
-            for (const tools::Event& event : step.events) {
-                EXPECT_EQ(event.outcome, tools::Outcome::Forwarded);
-                frames[event.frame] += "()SEsenor"[static_cast<size_t>(event.kind)];
-                if (event.kind == tools::EventKind::FrameEnd) {
-                    const int64_t frameTime = (event.frame + 3) * 1'000'000 / 60;
-                    EXPECT_EQ(step.time, frameTime) << event.frame;
-                }
-            }
-        }
-        std::map<int64_t, std::string> frames;
-    } log;
-    std::ifstream file(Sessions("minute-recording.session"));
-    options.isQuiet = true;
-    options.isJson = true;
-    options.steps = &log;
-    EXPECT_TRUE(Play(file, "minute"));
-    for (int64_t frame = 1; frame <= 3600; ++frame) {
-        ASSERT_EQ(log.frames[frame], "SseseseseseE") << frame;
-    }
-    EXPECT_EQ(log.frames.count(3602), 0U);
-    EXPECT_EQ(
-        out.str(),
-        "{\"type\":\"summary\",\"scenesStarted\":1,\"scenesRefused\":0,\"framesStarted\":3601,"
-        "\"framesEnded\":3600,\"framesEvicted\":0,\"frameStartsRefused\":0,"
-        "\"frameEndsRefused\":0,\"stageEventsForwarded\":36001,\"stageEventsRefused\":0,"
-        "\"nodeEndsIgnored\":0,\"errorReports\":0,\"reasons\":{}}\n");
-}
-
 TEST_F(ReplayTest, RecordsFromTheNextFrameOrTheOneGiven) {
     EXPECT_TRUE(Play(SCENE + "PlayRecording 2\nPlayRecording 2\nPlayRecording 1 0x20\n"));
     ExpectInOrder({"cfbtFrameStart(frame=1)", "cfbtFrameEnd(frame=2)", "cfbtFrameEnd(frame=3)",
@@ -197,16 +164,6 @@ TEST_F(ReplayTest, PlaysNothingOfABadSession) {
     ExpectInOrder({"{\"type\":\"error\",\"file\":\"test.session\",\"line\":3,",
                    "{\"type\":\"error\",\"file\":\"test.session\",\"line\":4,"});
     EXPECT_EQ(out.str().find("call"), std::string::npos);
-}
-
-TEST_F(ReplayTest, EndsWithASummaryWhenInterrupted) {
-    int64_t frames = 0;
-    options.pace.onProgress = [&](int64_t done, int64_t) { frames = done; };
-    options.pace.isInterrupted = [&] { return frames == 5; };
-    EXPECT_TRUE(Play(SCENE + "PlayRecording 100\nTcfbtNotifySceneEnd\n"));
-    ExpectInOrder({"frame=6", "\nSummary\n", "scenes started                 1",
-                   "frames started                 6"});
-    EXPECT_EQ(out.str().find("TcfbtNotifySceneEnd"), std::string::npos);
 }
 
 TEST_F(ReplayTest, ReportsErrorsInAConfiguration) {

@@ -27,12 +27,12 @@ class LineMaker {
                     static_cast<desktop::ServiceFunction>(Below(desktop::SERVICE_FUNCTION_COUNT)),
                     static_cast<int32_t>(generator())};
             default:
-                const auto& operations = tools::Operations();
-                const tools::Operation& operation = operations[Below(operations.size())];
-                tools::Call call{&operation, {}};
-                for (const tools::Parameter& parameter : operation.parameters) {
-                    call.arguments.push_back(std::visit(
-                        [this](const auto& type) { return Argument(type); }, parameter.type));
+                const auto forms = tools::Operations();
+                const tools::OperationForm& form = forms[Below(forms.size())];
+                tools::Call call{form.operation, {}};
+                for (const tools::Value& type : form.types) {
+                    call.arguments.push_back(
+                        std::visit([this](const auto& one) { return Argument(one); }, type));
                 }
                 return call;
         }

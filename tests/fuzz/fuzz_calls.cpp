@@ -52,15 +52,15 @@ class Player : private Contract {
     Player& operator=(const Player&) = delete;
 
     void Play(const tools::Call& call) {
-        const std::string name(call.operation->name);
+        const std::string name(tools::FormOf(call.operation).name);
         const bool wasStarted = isStarted;
-        isHalReporting = name == "TcfbtNotifyErrorFrame";
+        isHalReporting = call.operation == tools::Operation::ErrorFrame;
         isStageEvent = name.find("NotifyStage") != std::string::npos;
-        const std::optional<int32_t> result = call.operation->call(boost, call.arguments);
+        const std::optional<int32_t> result = tools::Make(call, boost);
         isHalReporting = false;
         SettleSceneEnd();
-        if (name == "TcfbtSetVersion") {
-            LetServiceAnswer(std::min(std::get<int32_t>(call.arguments[0]), 0));
+        if (call.operation == tools::Operation::SetVersion) {
+            LetServiceAnswer(std::min(call.Get<int32_t>(tools::Parameter::Version), 0));
         }
         Require(violation.empty(), "after " + name + ": " + violation);
         if (isStageEvent || name == "TcfbtNotifyFrameStart" || name == "TcfbtNotifyFrameEnd") {

@@ -1,47 +1,29 @@
-// Any bytes as a capture, and any messages in any order: reading in pieces gives the same as
-// reading at once, and the session that is made from it can be read.
+// Any bytes as a capture, and any messages in any order: it is explained in all outputs, in
+// pieces as at once, and the session that is made from it can be read.
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 
 #include "tests/fuzz/require.h"
+#include "tools/account/summary.h"
 #include "tools/log/capture.h"
 #include "tools/log/message.h"
+#include "tools/output/json.h"
+#include "tools/output/page.h"
+#include "tools/output/text.h"
+#include "tools/output/trace.h"
 #include "tools/session/made_session.h"
 #include "tools/session/session.h"
 
 namespace {
 
-class Watcher : public tools::StepSink {
-  public:
-    void OnStep(const tools::Step& step) override {
-        maker.OnStep(step);
-        seen << step.place.line << ' ' << step.time << ' ' << step.thread;
-        if (step.call.operation != nullptr) {
-            seen << ' ' << tools::WriteLine(step.call);
-        }
-        for (const tools::Event& event : step.events) {
-            Require(*tools::ReasonOf(event.outcome) != '\0' ||
-                        event.outcome == tools::Outcome::Forwarded,
-                    "an outcome without a reason");
-            seen << ' ' << int(event.kind) << int(event.outcome) << event.frame;
-        }
-        seen << '\n';
-    }
-    void OnDisturbance(const tools::Disturbance& disturbance) override {
-        maker.OnDisturbance(disturbance);
-        seen << int(disturbance.kind) << ' ' << disturbance.amount << '\n';
-    }
-
+// Reads the text in pieces of that length and returns all that is told of it.
+std::string Explain(const std::string& text, size_t piece) {
+    tools::FactsMaker facts;
     tools::SessionMaker maker;
-    std::ostringstream seen;
-};
-
-// Reads the text in pieces of that length and returns what was found.
-std::string Read(const std::string& text, size_t piece) {
-    Watcher watcher;
-    tools::CaptureReader reader(watcher);
+    tools::CaptureReader reader({&facts, &maker});
     reader.Begin(0);
     for (size_t at = 0; at < text.size(); at += piece) {
         reader.Read(std::string_view(text).substr(at, piece));
@@ -51,15 +33,23 @@ std::string Read(const std::string& text, size_t piece) {
     const tools::CaptureSummary& summary = reader.Summary();
     Require(summary.notUnderstood <= summary.libraryLines && summary.libraryLines <= summary.lines,
             "more lines of a kind than lines");
-    if (const auto session = watcher.maker.Finish()) {
-        std::istringstream lines(session->text);
-        size_t count = 0;
-        for (std::string line; std::getline(lines, line); ++count) {
-            tools::ParseLine(line);
-        }
-        Require(count == session->threads.size(), "a thread for each line");
+    const auto session = maker.Finish();
+    std::istringstream lines(session ? session->text : "");
+    for (std::string line; std::getline(lines, line);) {
+        tools::ParseLine(line);
     }
-    return watcher.seen.str() + std::to_string(summary.lines) + " " + summary.from + summary.to;
+    const tools::Account account = MakeAccount(facts, summary, {"name"}, {});
+    std::ostringstream told, json;
+    WriteText(told, account, {true, {}});
+    WriteCsv(told, account);
+    WritePage(told, account, "name", {});
+    WriteTrace(json, account);
+    Require(nlohmann::json::accept(json.str()), json.str());
+    json.str("");
+    WriteJson(json, account);
+    Require(nlohmann::json::accept(json.str()), json.str());
+    WriteComparison(told, account, account);
+    return told.str() + json.str();
 }
 
 // Makes lines of the library from the bytes, mostly with small values.
@@ -101,6 +91,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text = data[0] % 2 == 0
                                  ? std::string(reinterpret_cast<const char*>(data + 2), size - 2)
                                  : LinesOf(data + 2, size - 2);
-    Require(Read(text, text.size() + 1) == Read(text, size_t{data[1]} + 1), text);
+    Require(Explain(text, text.size() + 1) == Explain(text, size_t{data[1]} + 1), text);
     return 0;
 }

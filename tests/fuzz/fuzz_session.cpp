@@ -1,12 +1,10 @@
 // Any session file: it is played, or refused with file and line, with the same result as text and
-// as JSON; and the steps say what the service was told.
+// as JSON.
 
 #include <cstdint>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "tests/fuzz/require.h"
 #include "tools/play/replay.h"
@@ -27,40 +25,6 @@ bool IsShort(const tools::Session& session) {
     });
     return isShort;
 }
-
-// Counts what the service was told according to the steps, and compares it with the real calls.
-class Ledger : public tools::StepSink {
-  public:
-    void OnStep(const tools::Step& step) override {
-        for (const tools::Event& event : step.events) {
-            Require(event.outcome != tools::Outcome::Unknown, "an event with an unknown outcome");
-            const bool isTold = event.outcome == tools::Outcome::Forwarded ||
-                                event.outcome == tools::Outcome::Reported;
-            counts[event.kind] += isTold ? 1 : 0;
-        }
-    }
-
-    void Close() {
-        for (const auto& [kind, function, before] : functions) {
-            Require(counts[kind] == desktop::ServiceCallCount(function) - before,
-                    std::string(NameOf(function)) + ": " + std::to_string(counts[kind]));
-        }
-    }
-
-  private:
-    struct Row {
-        tools::EventKind kind;
-        desktop::ServiceFunction function;
-        int64_t before = desktop::ServiceCallCount(function);
-    };
-    const std::vector<Row> functions = {
-        {tools::EventKind::FrameStart, desktop::ServiceFunction::FrameStart},
-        {tools::EventKind::FrameEnd, desktop::ServiceFunction::FrameEnd},
-        {tools::EventKind::StageStart, desktop::ServiceFunction::StageStart},
-        {tools::EventKind::StageEnd, desktop::ServiceFunction::StageEnd},
-        {tools::EventKind::Report, desktop::ServiceFunction::NotifyErrOfUser}};
-    std::map<tools::EventKind, int64_t> counts;
-};
 
 struct Play {
     bool isPlayed;
@@ -86,11 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return -1;
     }
     tools::ReplayOptions options;
-    Ledger ledger;
-    options.steps = &ledger;
     const Play play = PlayOnce(text, options);
-    ledger.Close();
-    options.steps = nullptr;
     options.withDebug = true;
     options.isJson = true;
     const Play json = PlayOnce(text, options);

@@ -1,0 +1,94 @@
+"""What the tests of the command share: they run it as a process, as users do, and look at what it
+writes. Each is called with the command and its arguments first."""
+
+import csv
+import json
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+COMMAND = pathlib.Path(sys.argv.pop(1)).resolve()
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
+SESSIONS = PROJECT / 'examples/sessions'
+
+
+class CommandTest(unittest.TestCase):
+    longMessage = True
+    maxDiff = 4000
+
+    @classmethod
+    def setUpClass(cls):
+        directory = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(directory.cleanup)
+        cls.directory = pathlib.Path(directory.name)
+
+    def run_command(self, *arguments, status=0, **options):
+        """What the command writes; it has to end with the status, or one of several."""
+        options = {'stdout': subprocess.PIPE, 'stderr': subprocess.PIPE, 'timeout': 60,
+                   'cwd': self.directory} | options
+        done = subprocess.run([COMMAND, *map(str, arguments)], check=False, **options)
+        self.assertIn(done.returncode, status if isinstance(status, tuple) else (status,),
+                      f'{arguments}\n{(done.stdout or b"")[:2000]!r}\n{done.stderr!r}')
+        return (done.stdout or b'').decode(errors='surrogateescape')
+
+    def path(self, name, content=None):
+        """A file of the test's own."""
+        path = self.directory / name
+        if isinstance(content, bytes):
+            path.write_bytes(content)
+        elif content is not None:
+            path.write_text(content, encoding='utf-8', errors='surrogateescape')
+        return path
+
+    def explain(self, *arguments, status=(0, 1), **options):
+        """What explain tells as JSON."""
+        return json.loads(self.run_command('explain', '--json', *arguments, status=status,
+                                           **options))
+
+    def rows(self, *captures):
+        """A row a frame, as CSV has them."""
+        table = self.directory / 'frames.csv'
+        self.run_command('explain', *captures, '--to-csv', table, status=(0, 1))
+        with table.open(encoding='utf-8') as file:
+            return list(csv.DictReader(file))
+
+    def replay(self, session, *arguments, log='capture.log'):
+        """The log of a session."""
+        path = session
+        if not isinstance(session, pathlib.Path):
+            path = self.path('played.session', session)
+        log = self.directory / log
+        self.run_command('replay', path, '--log', log, '--quiet', *arguments)
+        return log
+
+    def simulate(self, *arguments, log='capture.log'):
+        log = self.directory / log
+        self.run_command('simulate', *arguments, '-o', log)
+        return log
+
+
+def findings_of(told):
+    """All findings, those about no scene first."""
+    return told['findings'] + [one for scene in told['scenes'] for one in scene['findings']]
+
+
+def ranges(frames):
+    """Numbers as explain's JSON has them."""
+    text = []
+    for first, last in frames:
+        text.append(str(first) if first == last else f'{first}-{last}')
+    return ','.join(text)
+
+
+def in_short(finding):
+    """Severity, check, stage and frames of a finding, and how many it stands for."""
+    words = [finding['severity'], finding['check']]
+    if finding['stage'] is not None:
+        words.append(str(finding['stage']))
+    if finding['frame'] is not None:
+        frames = ranges(finding['frames'])
+        words.append(frames if frames.split('-')[0].split(',')[0] == str(finding['frame'])
+                     else f'{finding["frame"]}' + (f'({frames})' if frames else ''))
+    return ' '.join(words) + (f' x{finding["times"]}' if finding['times'] > 1 else '')
