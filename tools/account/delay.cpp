@@ -260,7 +260,10 @@ class DelayFinder {
         std::vector<Micros> works;
         for (size_t i = first; i <= last; ++i) {
             numbers.push_back(scene.frames[left[i]].number);
-            const Micros begin = schedule.CauseOf(left[i], stage).begin;
+            // Where frames are kept back, people know how long they are in the stage.
+            const Micros begin = schedule.KeptBack(stage) > 0
+                                     ? scene.ArrivalOf(left[i], stage)
+                                     : schedule.CauseOf(left[i], stage).begin;
             works.push_back(scene.PassOf(left[i], stage).left - begin);
         }
         const StagePass& pass = scene.PassOf(left[first], stage);
@@ -269,8 +272,9 @@ class DelayFinder {
         const bool isStall =
             stage == 0 && !IsCaughtUp(left, last, took - schedule.PeriodAt(pass.left));
         const std::string time = Ms(took);
-        const std::string usual =
-            Ms(stage == 0 ? schedule.PeriodAt(pass.left) : schedule.UsualDelay(stage));
+        const std::string usual = Ms(stage == 0                     ? schedule.PeriodAt(pass.left)
+                                     : schedule.KeptBack(stage) > 0 ? schedule.UsualStay(stage)
+                                                                    : schedule.UsualDelay(stage));
         const auto name = judging.StageName(stage);
         const size_t number = judging.troubles.size();
         Trouble& trouble = judging.Raise(

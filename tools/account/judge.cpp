@@ -134,6 +134,10 @@ void CountFrames(Judging& judging) {
     scene.frameCount =
         static_cast<int64_t>(kept) + static_cast<int64_t>(judging.droppedUnseen.size());
     scene.notBoosted += static_cast<int64_t>(judging.droppedUnseen.size());
+    for (const Trouble& trouble : judging.troubles) {
+        scene.untold += static_cast<int64_t>(trouble.absent.size());
+        scene.frameCount += static_cast<int64_t>(trouble.absent.size());
+    }
 }
 
 // Causes before consequences, and many of a kind as one.

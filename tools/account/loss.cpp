@@ -151,6 +151,32 @@ void FindMissingNumbers(Judging& judging) {
     }
 }
 
+// Frames that stood when numbers started again.
+static void RaiseStanding(Judging& judging, const std::vector<uint32_t>& standing, Micros time) {
+    Scene& scene = judging.scene;
+    std::vector<int64_t> numbers;
+    for (const uint32_t frame : standing) {
+        numbers.push_back(scene.frames[frame].number);
+        scene.frames[frame].isNeverOut = true;
+        judging.Explain(frame, judging.troubles.size());
+    }
+    const uint32_t first = standing.front();
+    const int32_t stage = judging.NextStage(first);
+    const auto [place, since] = judging.LastOf(first);
+    Trouble& trouble = judging.Raise(
+        Check::Stuck, Severity::Error, first, stage, place, since,
+        fmt::format(wording::STUCK, fmt::arg("frame", FramesText({numbers.front()})),
+                    fmt::arg("stage", judging.StageName(stage)), fmt::arg("time", Ms(time - since)),
+                    fmt::arg("what", "frame numbers started again"),
+                    fmt::arg("behind", numbers.size() == 1
+                                           ? std::string()
+                                           : fmt::format(wording::STUCK_BEHIND,
+                                                         fmt::arg("count", numbers.size() - 1)))));
+    trouble.finding.frames = RangesOf(numbers);
+    trouble.cost = static_cast<int64_t>(numbers.size());
+    scene.neverOut.insert(scene.neverOut.end(), numbers.begin(), numbers.end());
+}
+
 // Numbers that start again in a running scene: the library refuses them until they have passed the
 // old ones.
 void FindRestarts(Judging& judging) {
@@ -159,8 +185,9 @@ void FindRestarts(Judging& judging) {
     for (uint16_t epoch = 1; !frames.empty() && epoch <= scene.frames[frames.back()].epoch;
          ++epoch) {
         std::vector<int64_t> refused, flushed;
+        std::vector<uint32_t> old;
         std::optional<uint32_t> first;
-        const size_t number = judging.troubles.size();
+        size_t number = judging.troubles.size();
         int64_t lastOfOld = 0;
         for (const uint32_t frame : frames) {
             Frame& row = scene.frames[frame];
@@ -168,19 +195,45 @@ void FindRestarts(Judging& judging) {
                 lastOfOld = row.number;
                 const bool isOut = judging.IsOut(frame);
                 if (!isOut && !judging.IsExplained(frame) && !judging.IsEarly(frame)) {
-                    judging.Explain(frame, number);
-                    // One that has left no stage had only been opened.
-                    if (HasAnyLine(scene, frame)) {
-                        flushed.push_back(row.number);
-                        row.isNeverOut = true;
-                    }
+                    old.push_back(frame);
                 }
             } else if (row.epoch == epoch) {
                 first = first ? first : std::optional(frame);
                 if (!row.isStarted) {
                     refused.push_back(row.number);
-                    judging.Explain(frame, number);
                 }
+            }
+        }
+        // What was in flight is flushed, or had been standing.
+        std::vector<uint32_t> standing;
+        for (const uint32_t frame : old) {
+            const int32_t stage = judging.NextStage(frame);
+            const Micros since = judging.LastOf(frame).second;
+            const bool isYoung =
+                stage == 0 || stage >= scene.stageCount || !first ||
+                scene.frames[*first].told - since <=
+                    judging.schedule.UsualStay(stage) + STANDS * judging.schedule.PeriodAt(since);
+            if (!isYoung || (!standing.empty() && stage > 0)) {
+                standing.push_back(frame);
+            }
+        }
+        if (!standing.empty()) {
+            RaiseStanding(judging, standing, scene.frames[*first].told);
+            number = judging.troubles.size();
+        }
+        for (const uint32_t frame : old) {
+            if (!judging.IsExplained(frame)) {
+                judging.Explain(frame, number);
+                // One that has left no stage had only been opened.
+                if (HasAnyLine(scene, frame)) {
+                    flushed.push_back(scene.frames[frame].number);
+                    scene.frames[frame].isNeverOut = true;
+                }
+            }
+        }
+        for (const uint32_t frame : frames) {
+            if (scene.frames[frame].epoch == epoch && !scene.frames[frame].isStarted) {
+                judging.Explain(frame, number);
             }
         }
         if (!first || (refused.empty() && flushed.empty())) {
