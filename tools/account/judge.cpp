@@ -202,8 +202,8 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
         ClassifyFrames(judging);
         FindNeverHit(judging);
         FindMissingNumbers(judging);
-        FindRestarts(judging);
         FindLost(judging);
+        FindRestarts(judging);
         FindOrder(judging);
         FindRates(judging);
         FindSlowForGood(judging);

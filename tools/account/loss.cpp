@@ -151,23 +151,117 @@ void FindMissingNumbers(Judging& judging) {
     }
 }
 
-// Frames that stood when numbers started again.
-static void RaiseStanding(Judging& judging, const std::vector<uint32_t>& standing, Micros time) {
+namespace {
+
+// When a count of numbers ended: with the next one, or with the scene.
+std::vector<Micros> StopsOf(const Scene& scene, const std::vector<uint32_t>& frames) {
+    std::vector<Micros> stops;
+    for (const uint32_t frame : frames) {
+        const Frame& row = scene.frames[frame];
+        while (stops.size() < row.epoch) {
+            stops.push_back(row.told);
+        }
+    }
+    stops.push_back(scene.stop);
+    return stops;
+}
+
+// Whether a frame that came to the stage at that time has stood in it for much longer than usual.
+bool Stands(const Judging& judging, uint32_t frame, int32_t stage, Micros since, Micros stop) {
+    const Scene& scene = judging.scene;
+    const auto kept = static_cast<size_t>(judging.schedule.KeptBack(stage));
+    if (kept > 0) {
+        // Others have to come before it may go.
+        const std::vector<uint32_t>& came = scene.order[static_cast<size_t>(stage - 1)];
+        const auto place = std::find(came.rbegin(), came.rend(), frame);
+        if (static_cast<size_t>(place - came.rbegin()) < kept) {
+            return false;
+        }
+        since = scene.PassOf(*(place - static_cast<std::ptrdiff_t>(kept)), stage - 1).left;
+    }
+    const Micros usual =
+        judging.schedule.UsualStay(stage) + STANDS * judging.schedule.PeriodAt(since);
+    return stop - since - judging.Stood(since, stop) > (stage == 0 ? RUNS_EMPTY : usual);
+}
+
+struct Lost {
+    int32_t stage;
+    bool isEnded;
+    std::vector<uint32_t> frames;
+};
+
+void RaiseLost(Judging& judging, const Lost& lost) {
     Scene& scene = judging.scene;
     std::vector<int64_t> numbers;
-    for (const uint32_t frame : standing) {
+    for (const uint32_t frame : lost.frames) {
         numbers.push_back(scene.frames[frame].number);
         scene.frames[frame].isNeverOut = true;
         judging.Explain(frame, judging.troubles.size());
     }
-    const uint32_t first = standing.front();
-    const int32_t stage = judging.NextStage(first);
+    const bool hasStage = lost.stage < scene.stageCount;
+    std::string text =
+        fmt::format(wording::LOST, fmt::arg("frames", FramesText(numbers)),
+                    fmt::arg("stage", hasStage ? judging.StageName(lost.stage) : "the pipeline"));
+    if (lost.isEnded) {
+        text +=
+            fmt::format(wording::AND_ENDED, fmt::arg("it", numbers.size() == 1 ? "it" : "them"));
+    } else if (hasStage && lost.stage > 0 && lost.stage + 1 == scene.stageCount) {
+        text += wording::OR_UNREPORTED;
+    }
+    const auto [place, time] = judging.LastOf(lost.frames.front());
+    Trouble& trouble = judging.Raise(
+        Check::FrameLost, lost.isEnded ? Severity::Warning : Severity::Error, lost.frames.front(),
+        hasStage ? lost.stage : -1, place, time, std::move(text));
+    trouble.finding.frames = RangesOf(numbers);
+    trouble.cost = static_cast<int64_t>(numbers.size());
+    scene.neverOut.insert(scene.neverOut.end(), numbers.begin(), numbers.end());
+}
+
+// Frames that stand in stages, by stage, when a count of numbers ends, and those that have just
+// come.
+struct Standing {
+    std::map<int32_t, std::vector<uint32_t>> stuck, young;
+};
+
+// A pipeline stands from its end: what stands before stands behind that.
+void RaiseStanding(Judging& judging, Standing& standing, Micros stop, const char* what) {
+    Scene& scene = judging.scene;
+    const int32_t stage = standing.stuck.rbegin()->first;
+    const uint32_t first = standing.stuck.rbegin()->second.front();
     const auto [place, since] = judging.LastOf(first);
+    // And so does what has come since, though not for long yet.
+    for (const auto& [where, young] : standing.young) {
+        if (where > 0 && where <= stage) {
+            auto& all = standing.stuck[where];
+            all.insert(all.end(), young.begin(), young.end());
+        }
+    }
+    std::vector<int64_t> numbers;
+    for (const auto& [where, all] : standing.stuck) {
+        for (const uint32_t frame : all) {
+            // The sensor's next one has not come yet.
+            if (where > 0 || stage == 0) {
+                numbers.push_back(scene.frames[frame].number);
+                judging.Explain(frame, judging.troubles.size());
+                scene.frames[frame].isNeverOut = stage != 0;
+            }
+        }
+    }
+    const Micros length = stop - since;
+    if (stage == 0) {
+        judging
+            .Raise(Check::Stuck, length < SENSOR_MAY_OWE ? Severity::Note : Severity::Warning,
+                   first, 0, place, since,
+                   fmt::format(wording::SENSOR_OWES, fmt::arg("time", Ms(length)),
+                               fmt::arg("what", what), fmt::arg("frame", numbers.front())))
+            .finding.frames = RangesOf(numbers);
+        return;
+    }
     Trouble& trouble = judging.Raise(
         Check::Stuck, Severity::Error, first, stage, place, since,
-        fmt::format(wording::STUCK, fmt::arg("frame", FramesText({numbers.front()})),
-                    fmt::arg("stage", judging.StageName(stage)), fmt::arg("time", Ms(time - since)),
-                    fmt::arg("what", "frame numbers started again"),
+        fmt::format(wording::STUCK, fmt::arg("frame", FramesText({scene.frames[first].number})),
+                    fmt::arg("stage", judging.StageName(stage)), fmt::arg("time", Ms(length)),
+                    fmt::arg("what", what),
                     fmt::arg("behind", numbers.size() == 1
                                            ? std::string()
                                            : fmt::format(wording::STUCK_BEHIND,
@@ -175,6 +269,85 @@ static void RaiseStanding(Judging& judging, const std::vector<uint32_t>& standin
     trouble.finding.frames = RangesOf(numbers);
     trouble.cost = static_cast<int64_t>(numbers.size());
     scene.neverOut.insert(scene.neverOut.end(), numbers.begin(), numbers.end());
+}
+
+// How far each stage has got, and in the last place the ends of frames, in each count of numbers.
+std::vector<int64_t> NewestOf(const Scene& scene, size_t epochs) {
+    const auto stages = static_cast<size_t>(scene.stageCount);
+    std::vector<int64_t> newest(epochs * (stages + 1), INT64_MIN);
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        const Frame& row = scene.frames[frame];
+        for (size_t stage = 0; stage <= stages; ++stage) {
+            const bool hasLeft = stage == stages
+                                     ? row.isEnded
+                                     : scene.PassOf(frame, static_cast<int32_t>(stage)).HasLeft();
+            int64_t& most = newest[row.epoch * (stages + 1) + stage];
+            most = hasLeft ? std::max(most, row.number) : most;
+        }
+    }
+    return newest;
+}
+
+}  // namespace
+
+void FindLost(Judging& judging) {
+    Scene& scene = judging.scene;
+    const std::vector<uint32_t> frames = ByNumber(scene);
+    const std::vector<Micros> stops = StopsOf(scene, frames);
+    const std::vector<int64_t> newest = NewestOf(scene, stops.size());
+    const auto stages = static_cast<size_t>(scene.stageCount);
+    const bool hasStages = judging.schedule.LastStage() >= 0;
+    std::vector<Lost> groups;
+    std::vector<Standing> standing(stops.size());
+    for (const uint32_t frame : frames) {
+        Frame& row = scene.frames[frame];
+        row.isOut = judging.IsOut(frame);
+        const bool hasLines = HasAnyLine(scene, frame);
+        const bool isOpener = !row.isStarted && !row.isGap && frame == frames.front() &&
+                              judging.NextStage(frame) <= 1;  // In the pipeline before the scene.
+        const int32_t stage = hasStages ? judging.NextStage(frame) : scene.stageCount;
+        if (row.isOut || judging.IsExplained(frame) || row.isUntold || isOpener ||
+            !(hasLines || row.isStarted) || (judging.IsEarly(frame) && !hasLines) ||
+            (judging.neverHit && stage >= *judging.neverHit)) {
+            continue;
+        }
+        if (judging.IsDoubtful(frame)) {
+            row.isUntold = true;
+            continue;
+        }
+        const size_t column = stage < scene.stageCount ? static_cast<size_t>(stage) : stages;
+        const bool isPassed = newest[row.epoch * (stages + 1) + column] > row.number;
+        const Micros since = judging.LastOf(frame).second;
+        const Micros stop = stops[row.epoch];
+        if (isPassed || row.isEnded) {
+            const Frame* before =
+                groups.empty() ? nullptr : &scene.frames[groups.back().frames.back()];
+            const bool goesOn = before != nullptr && groups.back().stage == stage &&
+                                groups.back().isEnded == row.isEnded &&
+                                before->number + 1 == row.number && before->epoch == row.epoch;
+            if (!goesOn) {
+                groups.push_back({stage, row.isEnded, {}});
+            }
+            groups.back().frames.push_back(frame);
+        } else if (scene.hasTimes && stage < scene.stageCount) {
+            // One that was only opened when numbers started again is not missed.
+            const bool isLast = row.epoch + size_t{1} == stops.size();
+            const bool isStuck =
+                (isLast || stage > 0) && Stands(judging, frame, stage, since, stop);
+            (isStuck ? standing[row.epoch].stuck : standing[row.epoch].young)[stage].push_back(
+                frame);
+        }
+    }
+    for (const Lost& lost : groups) {
+        RaiseLost(judging, lost);
+    }
+    for (size_t epoch = 0; epoch < standing.size(); ++epoch) {
+        if (!standing[epoch].stuck.empty()) {
+            RaiseStanding(
+                judging, standing[epoch], stops[epoch],
+                epoch + 1 < standing.size() ? "frame numbers started again" : WhatEnded(scene));
+        }
+    }
 }
 
 // Numbers that start again in a running scene: the library refuses them until they have passed the
@@ -185,55 +358,31 @@ void FindRestarts(Judging& judging) {
     for (uint16_t epoch = 1; !frames.empty() && epoch <= scene.frames[frames.back()].epoch;
          ++epoch) {
         std::vector<int64_t> refused, flushed;
-        std::vector<uint32_t> old;
         std::optional<uint32_t> first;
-        size_t number = judging.troubles.size();
+        const size_t number = judging.troubles.size();
         int64_t lastOfOld = 0;
         for (const uint32_t frame : frames) {
             Frame& row = scene.frames[frame];
             if (row.epoch + 1 == epoch) {
                 lastOfOld = row.number;
-                const bool isOut = judging.IsOut(frame);
-                if (!isOut && !judging.IsExplained(frame) && !judging.IsEarly(frame)) {
-                    old.push_back(frame);
+                const bool isFlushed = !row.isOut && !row.isUntold && !judging.IsExplained(frame) &&
+                                       !judging.IsEarly(frame);
+                if (isFlushed) {
+                    judging.Explain(frame, number);
+                }
+                // One that has left no stage had only been opened.
+                if (isFlushed && HasAnyLine(scene, frame)) {
+                    flushed.push_back(row.number);
+                    row.isNeverOut = true;
                 }
             } else if (row.epoch == epoch) {
                 first = first ? first : std::optional(frame);
-                if (!row.isStarted) {
+                if (!row.isStarted && !row.isUntold) {
                     refused.push_back(row.number);
+                    if (!judging.IsExplained(frame)) {
+                        judging.Explain(frame, number);
+                    }
                 }
-            }
-        }
-        // What was in flight is flushed, or had been standing.
-        std::vector<uint32_t> standing;
-        for (const uint32_t frame : old) {
-            const int32_t stage = judging.NextStage(frame);
-            const Micros since = judging.LastOf(frame).second;
-            const bool isYoung =
-                stage == 0 || stage >= scene.stageCount || !first ||
-                scene.frames[*first].told - since <=
-                    judging.schedule.UsualStay(stage) + STANDS * judging.schedule.PeriodAt(since);
-            if (!isYoung || (!standing.empty() && stage > 0)) {
-                standing.push_back(frame);
-            }
-        }
-        if (!standing.empty()) {
-            RaiseStanding(judging, standing, scene.frames[*first].told);
-            number = judging.troubles.size();
-        }
-        for (const uint32_t frame : old) {
-            if (!judging.IsExplained(frame)) {
-                judging.Explain(frame, number);
-                // One that has left no stage had only been opened.
-                if (HasAnyLine(scene, frame)) {
-                    flushed.push_back(scene.frames[frame].number);
-                    scene.frames[frame].isNeverOut = true;
-                }
-            }
-        }
-        for (const uint32_t frame : frames) {
-            if (scene.frames[frame].epoch == epoch && !scene.frames[frame].isStarted) {
-                judging.Explain(frame, number);
             }
         }
         if (!first || (refused.empty() && flushed.empty())) {
@@ -256,174 +405,6 @@ void FindRestarts(Judging& judging) {
         trouble.finding.times = std::max<int64_t>(static_cast<int64_t>(refused.size()), 1);
         scene.neverOut.insert(scene.neverOut.end(), flushed.begin(), flushed.end());
     }
-}
-
-// Whether a frame that came to the stage at that time has stood in it for much longer than usual.
-static bool Stands(const Judging& judging, uint32_t frame, int32_t stage, Micros since) {
-    const Scene& scene = judging.scene;
-    const auto kept = static_cast<size_t>(judging.schedule.KeptBack(stage));
-    if (kept > 0) {
-        // Others have to come before it may go.
-        const std::vector<uint32_t>& came = scene.order[static_cast<size_t>(stage - 1)];
-        const auto place = std::find(came.rbegin(), came.rend(), frame);
-        if (static_cast<size_t>(place - came.rbegin()) < kept) {
-            return false;
-        }
-        since = scene.PassOf(*(place - static_cast<std::ptrdiff_t>(kept)), stage - 1).left;
-    }
-    const Micros usual =
-        judging.schedule.UsualStay(stage) + STANDS * judging.schedule.PeriodAt(since);
-    return scene.stop - since - judging.Stood(since, scene.stop) >
-           (stage == 0 ? RUNS_EMPTY : usual);
-}
-
-void FindLost(Judging& judging) {
-    Scene& scene = judging.scene;
-    // How far each stage has got, in each count of numbers.
-    const std::vector<uint32_t> frames = ByNumber(scene);
-    const auto stages = static_cast<size_t>(scene.stageCount);
-    const size_t epochs = frames.empty() ? 0 : scene.frames[frames.back()].epoch + size_t{1};
-    std::vector<int64_t> newest(epochs * (stages + 1), INT64_MIN);
-    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
-        const Frame& row = scene.frames[frame];
-        for (size_t stage = 0; stage <= stages; ++stage) {
-            const bool hasLeft = stage == stages
-                                     ? row.isEnded
-                                     : scene.PassOf(frame, static_cast<int32_t>(stage)).HasLeft();
-            int64_t& most = newest[row.epoch * (stages + 1) + stage];
-            most = hasLeft ? std::max(most, row.number) : most;
-        }
-    }
-
-    struct Lost {
-        int32_t stage;
-        bool isEnded;
-        std::vector<uint32_t> frames;
-    };
-    std::vector<Lost> groups;
-    std::map<int32_t, std::vector<uint32_t>> stuck, inFlight;
-    uint32_t before = NO_INDEX;
-    for (const uint32_t frame : frames) {
-        Frame& row = scene.frames[frame];
-        row.isOut = judging.IsOut(frame);
-        const bool hasLines = HasAnyLine(scene, frame) || row.isStarted;
-        // Frames of a count that is refused as a whole may be lost all the same.
-        const bool isExplained =
-            judging.IsExplained(frame) &&
-            (row.isNeverOut || !HasAnyLine(scene, frame) ||
-             judging.troubles[judging.causes[frame] - 1].finding.check != Check::NumbersRestart);
-        if (row.isOut || isExplained || !hasLines || row.isUntold ||
-            (judging.IsEarly(frame) && !HasAnyLine(scene, frame))) {
-            continue;
-        }
-        const bool isOpener = !row.isStarted && !row.isGap && frame == frames.front();
-        if (isOpener && judging.NextStage(frame) <= 1) {
-            continue;  // It was in the pipeline before the scene was.
-        }
-        const int32_t stage =
-            judging.schedule.LastStage() < 0 ? scene.stageCount : judging.NextStage(frame);
-        if (judging.neverHit && stage >= *judging.neverHit) {
-            continue;
-        }
-        if (judging.IsDoubtful(frame)) {
-            row.isUntold = true;
-            continue;
-        }
-        const bool hasStages = judging.schedule.LastStage() >= 0;
-        const size_t column =
-            hasStages && stage < scene.stageCount ? static_cast<size_t>(stage) : stages;
-        const bool isPassed = newest[row.epoch * (stages + 1) + column] > row.number;
-        const Micros since = judging.LastOf(frame).second;
-        if (isPassed || row.isEnded) {
-            const bool goesOn = !groups.empty() && groups.back().stage == stage &&
-                                groups.back().isEnded == row.isEnded && before != NO_INDEX &&
-                                before == groups.back().frames.back() &&
-                                scene.frames[before].number + 1 == row.number &&
-                                scene.frames[before].epoch == row.epoch;
-            if (!goesOn) {
-                groups.push_back({stage, row.isEnded, {}});
-            }
-            groups.back().frames.push_back(frame);
-            before = frame;
-        } else if (scene.hasTimes && hasStages && stage < scene.stageCount && since != NO_TIME) {
-            (Stands(judging, frame, stage, since) ? stuck : inFlight)[stage].push_back(frame);
-        }
-    }
-    for (const Lost& lost : groups) {
-        std::vector<int64_t> numbers;
-        const size_t number = judging.troubles.size();
-        for (const uint32_t frame : lost.frames) {
-            numbers.push_back(scene.frames[frame].number);
-            scene.frames[frame].isNeverOut = true;
-            judging.Explain(frame, number);
-        }
-        const bool hasStage = lost.stage < scene.stageCount;
-        std::string text = fmt::format(
-            wording::LOST, fmt::arg("frames", FramesText(numbers)),
-            fmt::arg("stage", hasStage ? judging.StageName(lost.stage) : "the pipeline"));
-        if (lost.isEnded) {
-            text += fmt::format(wording::AND_ENDED,
-                                fmt::arg("it", numbers.size() == 1 ? "it" : "them"));
-        } else if (hasStage && lost.stage > 0 && lost.stage + 1 == scene.stageCount) {
-            text += wording::OR_UNREPORTED;
-        }
-        const auto [place, time] = judging.LastOf(lost.frames.front());
-        Trouble& trouble = judging.Raise(
-            Check::FrameLost, lost.isEnded ? Severity::Warning : Severity::Error,
-            lost.frames.front(), hasStage ? lost.stage : -1, place, time, std::move(text));
-        trouble.finding.frames = RangesOf(numbers);
-        trouble.cost = static_cast<int64_t>(numbers.size());
-        scene.neverOut.insert(scene.neverOut.end(), numbers.begin(), numbers.end());
-    }
-    if (stuck.empty()) {
-        return;
-    }
-    // A pipeline stands from its end: what stands before stands behind that.
-    const auto& [stage, standing] = *stuck.rbegin();
-    const size_t number = judging.troubles.size();
-    const uint32_t first = standing.front();
-    const auto [place, since] = judging.LastOf(first);
-    // And so does what has come since, though not for long yet.
-    for (auto& [where, young] : inFlight) {
-        if (where > 0 && where <= stage && stage > 0) {
-            stuck[where].insert(stuck[where].end(), young.begin(), young.end());
-        }
-    }
-    std::vector<int64_t> numbers;
-    for (const auto& [where, all] : stuck) {
-        for (const uint32_t frame : all) {
-            // The sensor's next one has not come yet.
-            if (where == 0 && stage != 0) {
-                continue;
-            }
-            numbers.push_back(scene.frames[frame].number);
-            judging.Explain(frame, number);
-            scene.frames[frame].isNeverOut = stage != 0;
-        }
-    }
-    const Micros length = scene.stop - since;
-    if (stage == 0) {
-        Trouble& trouble = judging.Raise(
-            Check::Stuck, length < SENSOR_MAY_OWE ? Severity::Note : Severity::Warning, first, 0,
-            place, since,
-            fmt::format(wording::SENSOR_OWES, fmt::arg("time", Ms(length)),
-                        fmt::arg("what", WhatEnded(scene)), fmt::arg("frame", numbers.front())));
-        trouble.finding.frames = RangesOf(numbers);
-        return;
-    }
-    Trouble& trouble = judging.Raise(
-        Check::Stuck, Severity::Error, first, stage, place, since,
-        fmt::format(wording::STUCK,
-                    fmt::arg("frame", fmt::format("frame {}", scene.frames[first].number)),
-                    fmt::arg("stage", judging.StageName(stage)), fmt::arg("time", Ms(length)),
-                    fmt::arg("what", WhatEnded(scene)),
-                    fmt::arg("behind", numbers.size() == 1
-                                           ? std::string()
-                                           : fmt::format(wording::STUCK_BEHIND,
-                                                         fmt::arg("count", numbers.size() - 1)))));
-    trouble.finding.frames = RangesOf(numbers);
-    trouble.cost = static_cast<int64_t>(numbers.size());
-    scene.neverOut.insert(scene.neverOut.end(), numbers.begin(), numbers.end());
 }
 
 }  // namespace tools
