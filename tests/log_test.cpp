@@ -1,6 +1,5 @@
 // The library's log: every message known, and every form of logcat written and read back.
 
-#include <array>
 #include <fstream>
 #include <map>
 #include <set>

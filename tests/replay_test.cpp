@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <sstream>
 
 #include "tests/support/library_test.h"
