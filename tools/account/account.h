@@ -189,6 +189,7 @@ struct Scene {
     bool isDescribed = false, isVideo = false;
     bool isStarted = false;
     bool hasEnd = false;              // Its end is in the capture.
+    bool isGoingOn = false;           // More may come: it is only looked at.
     bool isBeginningMissing = false;  // The capture starts in its middle.
     bool isMixed = false;     // Worked out: of two objects at once, so that nothing can be told.
     bool isAfterEnd = false;  // It goes on where a scene of the process had just ended.

@@ -483,6 +483,8 @@ void FindSlowFirst(Judging& judging) {
                           fmt::format(wording::SLOW_FIRST, fmt::arg("frame", row.number),
                                       fmt::arg("stage", judging.StageName(stage)),
                                       fmt::arg("time", Ms(took)), fmt::arg("usual", Ms(usual))));
+            judging.slowRuns.push_back(
+                {stage, begin, pass.left, false, judging.troubles.size() - 1});
             return;
         }
     }

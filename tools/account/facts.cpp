@@ -743,6 +743,7 @@ Account FactsMaker::Look(Micros last) const {
         if (process.running != nullptr && !IsStraggling(process)) {
             scenes.push_back(
                 Closed(process, process.running->scene, last == NO_TIME ? latest : last));
+            scenes.back().isGoingOn = true;
         }
     }
     return AccountOf(std::move(scenes));

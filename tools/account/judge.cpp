@@ -75,7 +75,15 @@ void MakeStatistics(Scene& scene) {
 // Frames that a hang or a slow stage left no room for were dropped because of it: it is told first,
 // and is as bad.
 void BlameForDrops(Judging& judging) {
-    for (const Trouble& dropped : judging.troubles) {
+    for (Trouble& dropped : judging.troubles) {
+        const bool isSensorOwing =
+            dropped.finding.check == Check::Stuck && dropped.finding.stage == 0;
+        for (const SlowRun& run : judging.slowRuns) {
+            if (isSensorOwing && run.stage > 0 && dropped.finding.time >= run.begin &&
+                dropped.finding.time <= run.end) {
+                dropped.finding.severity = Severity::Note;
+            }
+        }
         if (dropped.finding.check != Check::FrameLost || dropped.finding.stage != 0 ||
             dropped.finding.time == NO_TIME) {
             continue;

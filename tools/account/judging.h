@@ -21,7 +21,6 @@ struct Trouble {
     SceneFinding finding;  // Its message is what the sentence begins with.
     int64_t cost = 0;      // How many of its own frames were not boosted.
     std::vector<int64_t> unseen, refused, inError, evicted, waited, late, untold, absent;
-    Micros longest = 0;  // Of Check::Late: the longest interval.
 };
 
 // Frames in a row that a stage was slow with, or too slow for good.

@@ -41,9 +41,11 @@ bool HasAnyLine(const Scene& scene, uint32_t frame) {
     return false;
 }
 
-// "its scene ended", "the capture ended".
+// What a frame stood until.
 const char* WhatEnded(const Scene& scene) {
-    return scene.hasEnd ? "the scene ended" : "the capture ended";
+    return scene.hasEnd      ? "the scene ended"
+           : scene.isGoingOn ? "this was looked at"
+                             : "the capture ended";
 }
 
 }  // namespace

@@ -177,8 +177,9 @@ void FindIgnored(Judging& judging, const Configuration* configuration) {
     for (const auto& key : order) {
         const Ignored& node = ignored.at(key);
         const Reporter& reporter = *node.reporter;
-        std::string text = fmt::format("node {}, port {}, ends no stage; reported {} times",
-                                       Quoted(reporter.node), reporter.port, node.times);
+        std::string text =
+            fmt::format("node {}, port {}, ends no stage; reported {}", Quoted(reporter.node),
+                        reporter.port, Counted(node.times, "time"));
         Severity severity = Severity::Note;
         int32_t stageNumber = -1;
         if (configuration != nullptr) {
@@ -219,8 +220,9 @@ void FindClockSteps(Judging& judging) {
             Check::ClockJump, Severity::Warning, NO_INDEX, -1, step.place, step.time,
             fmt::format(
                 wording::CLOCK_SET, fmt::arg("way", step.amount < 0 ? "back" : "forward"),
-                fmt::arg("amount", length < 10 * SECOND ? fmt::format("{} ms", length / MILLISECOND)
-                                                        : fmt::format("{} s", length / SECOND))));
+                fmt::arg("amount", length < 10 * SECOND
+                                       ? fmt::format("{} ms", length / MILLISECOND)
+                                       : fmt::format("{} s", (length + SECOND / 2) / SECOND))));
     }
 }
 

@@ -8,13 +8,13 @@ namespace {
 // A rate is told of where it lasts that long.
 constexpr Micros RATE_LENGTH = SECOND;
 // Intervals that differ by no more are of one rate.
-constexpr double SAME_RATE = 0.15;
+constexpr double SAME_RATE = 0.1;
 // And a rate is another than the scene's if it differs by more.
-constexpr double OTHER_RATE = 0.2;
+constexpr double OTHER_RATE = 0.15;
 
 bool IsNear(Micros one, Micros other, double share) {
-    return std::abs(one - other) <=
-           static_cast<Micros>(share * static_cast<double>(other)) + 2 * MILLISECOND;
+    return std::abs(one - other) <
+           static_cast<Micros>(share * static_cast<double>(other)) + MILLISECOND;
 }
 
 }  // namespace

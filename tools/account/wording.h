@@ -83,8 +83,8 @@ inline constexpr char SLOW[] =
 inline constexpr char SLOW_FIRST[] =
     "the first frame, {frame}, came out late: {stage} took {time} ms (usual: {usual})";
 inline constexpr char STALL[] =
-    "frame {frame} came out late: it left {stage} only {time} ms after the frame before (usual: "
-    "{usual}), and those behind it kept their distance, so the sensor stood still";
+    "frame {frame} came out late: it left {stage} {time} ms after the frame before (usual: "
+    "{usual}), and nothing was made up for afterwards, so the sensor stood still";
 inline constexpr char STANDSTILL[] =
     "no thread logged anything for {time} ms while frames were in {stages} stages: the process "
     "stood still, or the clock was set";
