@@ -360,8 +360,8 @@ void FindRestarts(Judging& judging) {
     for (uint16_t epoch = 1; !frames.empty() && epoch <= scene.frames[frames.back()].epoch;
          ++epoch) {
         std::vector<int64_t> refused, flushed;
+        std::vector<uint32_t> explained;
         std::optional<uint32_t> first;
-        const size_t number = judging.troubles.size();
         int64_t lastOfOld = 0;
         for (const uint32_t frame : frames) {
             Frame& row = scene.frames[frame];
@@ -370,7 +370,7 @@ void FindRestarts(Judging& judging) {
                 const bool isFlushed = !row.isOut && !row.isUntold && !judging.IsExplained(frame) &&
                                        !judging.IsEarly(frame);
                 if (isFlushed) {
-                    judging.Explain(frame, number);
+                    explained.push_back(frame);
                 }
                 // One that has left no stage had only been opened.
                 if (isFlushed && HasAnyLine(scene, frame)) {
@@ -382,13 +382,16 @@ void FindRestarts(Judging& judging) {
                 if (!row.isStarted && !row.isUntold) {
                     refused.push_back(row.number);
                     if (!judging.IsExplained(frame)) {
-                        judging.Explain(frame, number);
+                        explained.push_back(frame);
                     }
                 }
             }
         }
         if (!first || (refused.empty() && flushed.empty())) {
             continue;
+        }
+        for (const uint32_t frame : explained) {
+            judging.Explain(frame, judging.troubles.size());
         }
         const Frame& begin = scene.frames[*first];
         Trouble& trouble = judging.Raise(
