@@ -405,8 +405,9 @@ void FindSlowForGood(Judging& judging) {
             const auto workOf = [&](size_t i) {
                 const Micros done = scene.PassOf(left[i], stage).left;
                 const Micros work = schedule.WorkOf(left[i], stage);
-                return judging.IsDoubtful(left[i]) ? period
-                                                   : work - judging.Stood(done - work, done);
+                return work == NO_TIME || judging.IsDoubtful(left[i])
+                           ? period
+                           : work - judging.Stood(done - work, done);
             };
             // The frame that the first of them waits for may be slow, too.
             if (workOf(from - 1) > OverPeriod(period)) {

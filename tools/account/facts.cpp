@@ -1,6 +1,7 @@
 #include "tools/account/facts.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
@@ -129,12 +130,17 @@ struct FactsMaker::Running {
                (scene.stageCount > 0 && scene.PassOf(frame, scene.stageCount - 1).HasLeft());
     }
 
+    static bool IsFarBelow(int64_t number, int64_t before) {
+        return before >= std::numeric_limits<int64_t>::min() + FAR_BELOW &&
+               number < before - FAR_BELOW;
+    }
+
     // A number that is below the one before it, and has been through or is far below, starts a new
     // count.
     void NoteNumber(int64_t number, int64_t before) {
         const auto known = Find(number);
         const bool isOfThisCount = known && scene.frames[*known].epoch == epoch;
-        const bool isAgain = isOfThisCount ? IsThrough(*known) : before - FAR_BELOW > number;
+        const bool isAgain = isOfThisCount ? IsThrough(*known) : IsFarBelow(number, before);
         if (number < before && isAgain && epoch < UINT16_MAX) {
             ++epoch;
             lastStarted = number;
