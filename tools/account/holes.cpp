@@ -80,20 +80,25 @@ void FindSwallowed(Judging& judging) {
     const Scene& scene = judging.scene;
     std::vector<std::pair<Micros, int32_t>>
         expected;  // Ends that never came: when, of which stage.
+    // No stage is done with a frame before it is with those ahead.
+    std::vector<Micros> ahead(static_cast<size_t>(scene.stageCount), NO_TIME);
     for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
         const Frame& row = scene.frames[frame];
-        if (row.isEnded) {
-            continue;
-        }
         for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            Micros& free = ahead[static_cast<size_t>(stage)];
             if (scene.PassOf(frame, stage).HasLeft()) {
+                free = std::max(free, scene.PassOf(frame, stage).left);
+                continue;
+            }
+            if (row.isEnded) {
                 continue;
             }
             if (stage == 0 && row.start != NO_TIME) {
                 expected.emplace_back(row.start + judging.schedule.PeriodAt(row.start), stage);
             } else if (stage > 0 && scene.PassOf(frame, stage - 1).HasLeft()) {
-                expected.emplace_back(
-                    scene.PassOf(frame, stage - 1).left + judging.schedule.UsualStay(stage), stage);
+                const Micros came = scene.PassOf(frame, stage - 1).left;
+                expected.emplace_back(std::max(came + judging.schedule.UsualStay(stage), free),
+                                      stage);
             } else if (stage + 1 < scene.stageCount && scene.PassOf(frame, stage + 1).HasLeft()) {
                 expected.emplace_back(
                     scene.PassOf(frame, stage + 1).left - judging.schedule.UsualStay(stage + 1),
@@ -211,21 +216,22 @@ void FindStandstills(Judging& judging) {
         bool hasJustCome = false;
         // Those that came out of something later, and were in it at that time.
         for (int32_t stage = 1; stage < scene.stageCount; ++stage) {
-            if (judging.schedule.KeptBack(stage) > 0) {
-                continue;  // It may wait for what does not come.
-            }
             const auto& left = scene.order[static_cast<size_t>(stage)];
             auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t frame) {
                 return scene.PassOf(frame, stage).left < silence.end;
             });
             for (; next != left.end() && scene.PassOf(*next, stage).left < silence.end + SECOND;
                  ++next) {
-                const Micros arrival = scene.ArrivalOf(*next, stage);
-                if (arrival != NO_TIME && arrival <= silence.begin) {
+                // A stage that keeps frames back waits until another one comes.
+                const bool keepsBack = judging.schedule.KeptBack(stage) > 0;
+                const Micros begin = keepsBack ? judging.schedule.CauseOf(*next, stage).begin
+                                               : scene.ArrivalOf(*next, stage);
+                if (begin != NO_TIME && begin <= silence.begin) {
                     stages.insert(stage);
-                    hasJustCome = hasJustCome ||
-                                  silence.begin - arrival <=
-                                      judging.schedule.UsualStay(stage) + judging.schedule.Period();
+                    const Micros usual = keepsBack ? judging.schedule.UsualDelay(stage)
+                                                   : judging.schedule.UsualStay(stage);
+                    hasJustCome =
+                        hasJustCome || silence.begin - begin <= usual + judging.schedule.Period();
                     break;
                 }
             }
