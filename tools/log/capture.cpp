@@ -174,7 +174,6 @@ void CaptureReader::OnTime(int64_t time) {
 }
 
 void CaptureReader::Finish() {
-    overlap.End();
     summary.lines = records.Lines();
     if (summary.hasTimes) {
         summary.from = ClockText(firstClock);

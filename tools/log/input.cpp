@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -47,25 +46,28 @@ class File {
     // The next piece; empty at the end, and when reading is to stop.
     std::string_view Next() {
         if (!isAgain) {
-            buffered = 0;
-            do {
-                if (progress && !progress(done, size)) {
+            ssize_t count = -1;
+            while (count < 0) {
+                isStopped = progress && !progress(done, size);
+                if (isStopped) {
                     return {};
                 }
-                const ssize_t count = read(descriptor, buffer.data(), buffer.size());
+                count = read(descriptor, buffer.data(), buffer.size());
                 if (count < 0 && errno != EINTR) {
                     Fail();
                 }
-                buffered = static_cast<size_t>(std::max<ssize_t>(count, 0));
-                isEnd = count == 0;
-            } while (buffered == 0 && !isEnd);
-            done += static_cast<int64_t>(buffered);
+            }
+            buffered = static_cast<size_t>(count);
+            done += count;
         }
         isAgain = false;
         return {buffer.data(), buffered};
     }
     // Lets the last piece come again.
     void Back() { isAgain = true; }
+
+    // Whether reading was to stop before the end.
+    bool IsStopped() const { return isStopped; }
     // Begins anew, where that is possible.
     bool Rewind() {
         done = 0;
@@ -82,7 +84,7 @@ class File {
     int descriptor;
     const std::function<bool(int64_t, int64_t)>& progress;
     bool isRegular = false;
-    bool isEnd = false;
+    bool isStopped = false;
     bool isAgain = false;
     int64_t size = 0;
     int64_t done = 0;
@@ -147,6 +149,9 @@ int ReadArchive(CaptureReader& reader, File& file, const char* name, Files files
             reader.Read({static_cast<const char*>(piece), length});
         }
         reader.End();
+        if (file.IsStopped()) {
+            return count;  // Nothing is wrong with the file.
+        }
         if (status < ARCHIVE_WARN && reader.Summary().libraryLines != 0) {
             // What could be read is explained.
             reader.NoteDamage(archive_error_string(source.get()));

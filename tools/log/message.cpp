@@ -217,8 +217,6 @@ bool Matches(const Parts& parts, std::string_view text, Message& message) {
     }
 }
 
-constexpr std::string_view FILE_STEM = "tarvocameraframeboost";
-
 }  // namespace
 
 std::span<const MessageForm> MessageForms() {
@@ -226,13 +224,13 @@ std::span<const MessageForm> MessageForms() {
 }
 
 bool IsLibraryText(std::string_view text) {
-    return BeginsWith(text, FILE_STEM);
+    return BeginsWith(text, LIBRARY_FILE);
 }
 
 std::optional<Message> ParseMessage(std::string_view tag, std::string_view text) {
     // "file line:function() "
     const size_t blank =
-        IsLibraryText(text) ? text.find(' ', FILE_STEM.size()) : std::string_view::npos;
+        IsLibraryText(text) ? text.find(' ', LIBRARY_FILE.size()) : std::string_view::npos;
     if (blank == std::string_view::npos) {
         return {};
     }

@@ -85,6 +85,8 @@ std::span<const MessageForm> MessageForms();
 // The log tags of the library's two units.
 inline constexpr std::string_view FACADE_TAG = "cameraframeboost";
 inline constexpr std::string_view UTILS_TAG = "tarvocameraframeboostutils";
+// The stem of its files' names, with which every message begins.
+inline constexpr std::string_view LIBRARY_FILE = "tarvocameraframeboost";
 
 // Whether a message begins as all of the library's do, whatever its tag.
 bool IsLibraryText(std::string_view text);

@@ -7,10 +7,11 @@
 #include <ctime>
 #include <utility>
 
+#include "tools/base/times.h"
+
 namespace tools {
 namespace {
 
-constexpr int64_t MICROS_PER_SECOND = 1'000'000;
 // Whom a camera HAL runs as, Android's user "cameraserver". A record does not know its own.
 constexpr std::string_view USER = " 1047";
 constexpr size_t TAG_WIDTH = 8;
@@ -60,11 +61,11 @@ std::string_view DateOf(int64_t second) {
 }
 
 void AppendTime(std::string& text, const Format& format, int64_t time) {
-    int64_t second = time / MICROS_PER_SECOND;
-    int64_t fraction = time % MICROS_PER_SECOND;
+    int64_t second = time / SECOND;
+    int64_t fraction = time % SECOND;
     if (fraction < 0) {
         --second;
-        fraction += MICROS_PER_SECOND;
+        fraction += SECOND;
     }
     const bool isNumber = format.isEpoch || format.isMonotonic;
     if (isNumber) {

@@ -24,8 +24,6 @@ constexpr int64_t MADE_UP_YEAR = 2000;
 // How often the times of lines with other tags are told of.
 constexpr int64_t LINES_BETWEEN_TIMES = 16;
 constexpr int64_t MAX_SECONDS = 1'000'000'000'000;
-// In every message of the library.
-constexpr std::string_view LIBRARY_FILE = "tarvocameraframeboost";
 
 bool IsDigit(char character) {
     return character >= '0' && character <= '9';
@@ -252,7 +250,6 @@ void Utf8Decoder::AppendUnit(uint32_t unit) {
 // ---- Lines ----
 
 void RecordReader::Begin(uint32_t input) {
-    decoder = {};
     place = {input, 0};
     isLog = true;
     year = MADE_UP_YEAR;
@@ -421,7 +418,9 @@ void RecordReader::Settle() {
 
 void RecordReader::End() {
     const std::string rest(decoder.Rest());
+    decoder = {};  // Of the files in a zip, each has an encoding of its own.
     ReadText(rest);
+    TellTime();
     // Without a line end, the last line may be a part of one: a number would be another number.
     if (!carry.empty()) {
         ++lines;
