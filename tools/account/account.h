@@ -9,11 +9,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "tools/base/finding.h"
@@ -257,7 +255,6 @@ struct Scene {
     // known to have left; in stage 0, when it was started. NO_TIME where that is not known.
     Micros ArrivalOf(size_t frame, int32_t stage) const;
     StageTimes TimesOf(size_t frame, int32_t stage) const;
-    int64_t CountOf(FrameStatus status) const { return statusCounts[static_cast<size_t>(status)]; }
 };
 
 // A configuration that a process dumped when it loaded the library.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <map>
-#include <numeric>
 
 #include "tools/account/wording.h"
 #include "tools/base/text.h"
@@ -261,9 +260,10 @@ class DelayFinder {
         for (size_t i = first; i <= last; ++i) {
             numbers.push_back(scene.frames[left[i]].number);
             // Where frames are kept back, people know how long they are in the stage.
-            const Micros begin = schedule.KeptBack(stage) > 0
-                                     ? scene.ArrivalOf(left[i], stage)
-                                     : schedule.CauseOf(left[i], stage).begin;
+            const Micros arrival =
+                schedule.KeptBack(stage) > 0 ? scene.ArrivalOf(left[i], stage) : NO_TIME;
+            const Micros begin =
+                arrival == NO_TIME ? schedule.CauseOf(left[i], stage).begin : arrival;
             works.push_back(scene.PassOf(left[i], stage).left - begin);
         }
         const StagePass& pass = scene.PassOf(left[first], stage);

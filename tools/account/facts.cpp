@@ -28,12 +28,15 @@ constexpr int64_t FAR_BELOW = PLACES;
 // Whether the line may follow from the node end.
 bool FollowsFrom(int64_t frame, int32_t stage, const Message& message) {
     const bool isSame = message.frame == frame;
-    const bool isNext = stage == 0 && message.frame - 1 == frame;
+    // Unsigned: behind the highest number comes the lowest one.
+    const bool isNext =
+        stage == 0 && static_cast<uint64_t>(message.frame) - 1 == static_cast<uint64_t>(frame);
     switch (message.kind) {
         case MessageKind::StageEnd:
             return isSame && message.stage == stage;
         case MessageKind::StageStart:
-            return (isSame && message.stage == stage + 1) || (isNext && message.stage == 0);
+            return (isSame && message.stage == int64_t{stage} + 1) ||
+                   (isNext && message.stage == 0);
         case MessageKind::FrameStart:
         case MessageKind::FrameAlreadyExists:
         case MessageKind::FrameNotContinuous:
@@ -76,8 +79,9 @@ struct FactsMaker::Running {
     };
 
     Scene scene;
-    std::unordered_map<int64_t, uint32_t> latest;  // The latest frame of each number.
-    std::map<int32_t, uint32_t> inFlight;          // The library's table: by its keys.
+    // Both by the library's keys, the low 32 bits of numbers: the latest frame, and its table.
+    std::unordered_map<int32_t, uint32_t> latest;
+    std::map<int32_t, uint32_t> inFlight;
     std::unordered_map<int32_t, Thread> threads;
     std::optional<int64_t> lastLeft;  // The number that last left stage 0,
     int64_t lastStarted = 0;          // and the one that was last started.
@@ -103,7 +107,7 @@ struct FactsMaker::Running {
     }
 
     std::optional<uint32_t> Find(int64_t number) const {
-        const auto found = latest.find(number);
+        const auto found = latest.find(static_cast<int32_t>(number));
         return found == latest.end() ? std::nullopt : std::optional(found->second);
     }
 
@@ -115,7 +119,7 @@ struct FactsMaker::Running {
         frame.told = time;
         frame.epoch = epoch;
         scene.passes.resize(scene.frames.size() * static_cast<size_t>(scene.stageCount));
-        latest[number] = index;
+        latest[static_cast<int32_t>(number)] = index;
         return index;
     }
 
@@ -189,6 +193,9 @@ struct FactsMaker::Running {
         }
         if ((how & pass.seen & STAGE_END) != 0) {
             scene.impossible.push_back(end.time);
+        }
+        if (how == NODE_END && scene.frames[frame].isEnded) {
+            scene.frames[frame].isNotInFlight = true;  // What follows from it is refused.
         }
         pass.seen |= how;
         if (how == NODE_END || !pass.HasLeft()) {
@@ -317,7 +324,7 @@ struct FactsMaker::Running {
     }
 
     void OnStageEvent(const Message& message, const Thread& thread, Micros time) {
-        GrowStages(message.stage + 1);
+        GrowStages(std::min(message.stage, MAX_STAGES - 1) + 1);
         const uint32_t frame = FindOrOpen(message.frame, message.place, time);
         NodeEnd by;
         by.time = time;
@@ -449,7 +456,6 @@ struct FactsMaker::Process {
     std::set<int32_t> setThreads;
     std::unique_ptr<Running> running;
     std::optional<Micros> endedAt;  // When its last scene ended.
-    std::optional<Micros> diedAt;
 };
 
 FactsMaker::FactsMaker() = default;
@@ -505,8 +511,7 @@ void FactsMaker::OnMessage(const Message& message, const Moment& moment) {
             process.pending.reset();
             return message.flag ? Start(process, message.place, time)
                                 : Refuse(process, Check::SceneRefused, message.place, time,
-                                         "the boost service refused the scene: nothing is boosted",
-                                         Severity::Error);
+                                         wording::SERVICE_REFUSED, Severity::Error);
         case MessageKind::SceneEnd:
             EndScene(process, true, message.place, time);
             process.endedAt = time;

@@ -356,8 +356,7 @@ void FindLinesLost(Judging& judging) {
                                          hole.place.line == 0 ? scene.from : hole.place, hole.begin,
                                          std::move(text));
         trouble.finding.frame = first;
-        trouble.untold = hole.untold;
-        trouble.absent = absent;
+        trouble.absent = static_cast<int64_t>(absent.size());
     }
 }
 

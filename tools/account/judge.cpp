@@ -143,8 +143,8 @@ void CountFrames(Judging& judging) {
         static_cast<int64_t>(kept) + static_cast<int64_t>(judging.droppedUnseen.size());
     scene.notBoosted += static_cast<int64_t>(judging.droppedUnseen.size());
     for (const Trouble& trouble : judging.troubles) {
-        scene.untold += static_cast<int64_t>(trouble.absent.size());
-        scene.frameCount += static_cast<int64_t>(trouble.absent.size());
+        scene.untold += trouble.absent;
+        scene.frameCount += trouble.absent;
     }
 }
 
@@ -256,9 +256,7 @@ void FindSeveralProcesses(Account& account) {
                 finding.check = Check::TwoCameras;
                 finding.place = scene.from;
                 finding.time = scene.begin;
-                finding.message = fmt::format(
-                    "processes {} and {} ran scenes at the same time; they are told apart here",
-                    other.process, scene.process);
+                finding.message = fmt::format(wording::TWO_PROCESSES, other.process, scene.process);
                 account.findings.push_back(std::move(finding));
                 return;
             }
@@ -327,7 +325,6 @@ std::string Judging::StageName(int32_t stage) const {
 
 void ClassifyFrames(Judging& judging) {
     Scene& scene = judging.scene;
-    judging.firstStarted = NO_INDEX;
     for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
         if (scene.frames[frame].isStarted && judging.firstStarted == NO_INDEX) {
             judging.firstStarted = frame;

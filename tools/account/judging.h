@@ -20,7 +20,8 @@ namespace tools {
 struct Trouble {
     SceneFinding finding;  // Its message is what the sentence begins with.
     int64_t cost = 0;      // How many of its own frames were not boosted.
-    std::vector<int64_t> unseen, refused, inError, evicted, waited, late, untold, absent;
+    std::vector<int64_t> unseen, refused, inError, evicted, waited, late;
+    int64_t absent = 0;  // How many frames it hides of which no line is left.
 };
 
 // Frames in a row that a stage was slow with, or too slow for good.
@@ -71,6 +72,9 @@ struct Judging {
     std::pair<Place, Micros> LastOf(uint32_t frame) const;
     std::string StageName(int32_t stage) const;
 };
+
+// Indices of all frames, by count and number.
+std::vector<uint32_t> ByNumber(const Scene& scene);
 
 bool FindTwoObjects(Judging& judging);  // True: nothing else can be told.
 void FindHoles(Judging& judging);

@@ -20,18 +20,6 @@ constexpr Micros RUNS_EMPTY = SECOND / 4;
 constexpr Micros SENSOR_MAY_OWE = SECOND;
 constexpr uint64_t MOST_MISSING = 100'000;  // More is another count.
 
-// Indices of all frames, by count and number.
-std::vector<uint32_t> ByNumber(const Scene& scene) {
-    std::vector<uint32_t> frames(scene.frames.size());
-    std::iota(frames.begin(), frames.end(), 0);
-    std::stable_sort(frames.begin(), frames.end(), [&scene](uint32_t one, uint32_t other) {
-        const Frame& a = scene.frames[one];
-        const Frame& b = scene.frames[other];
-        return std::pair(a.epoch, a.number) < std::pair(b.epoch, b.number);
-    });
-    return frames;
-}
-
 bool HasAnyLine(const Scene& scene, uint32_t frame) {
     for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
         if (scene.PassOf(frame, stage).HasLeft()) {
@@ -49,6 +37,17 @@ const char* WhatEnded(const Scene& scene) {
 }
 
 }  // namespace
+
+std::vector<uint32_t> ByNumber(const Scene& scene) {
+    std::vector<uint32_t> frames(scene.frames.size());
+    std::iota(frames.begin(), frames.end(), 0);
+    std::stable_sort(frames.begin(), frames.end(), [&scene](uint32_t one, uint32_t other) {
+        const Frame& a = scene.frames[one];
+        const Frame& b = scene.frames[other];
+        return std::pair(a.epoch, a.number) < std::pair(b.epoch, b.number);
+    });
+    return frames;
+}
 
 // Between two frames that left stage 0: dropped by the sensor if the time has gone by, else skipped
 // by the HAL.
@@ -303,7 +302,6 @@ void FindLost(Judging& judging) {
     std::vector<Standing> standing(stops.size());
     for (const uint32_t frame : frames) {
         Frame& row = scene.frames[frame];
-        row.isOut = judging.IsOut(frame);
         const bool hasLines = HasAnyLine(scene, frame);
         const bool isOpener = !row.isStarted && !row.isGap && frame == frames.front() &&
                               judging.NextStage(frame) <= 1;  // In the pipeline before the scene.
@@ -324,9 +322,10 @@ void FindLost(Judging& judging) {
         if (isPassed || row.isEnded) {
             const Frame* before =
                 groups.empty() ? nullptr : &scene.frames[groups.back().frames.back()];
-            const bool goesOn = before != nullptr && groups.back().stage == stage &&
-                                groups.back().isEnded == row.isEnded &&
-                                before->number + 1 == row.number && before->epoch == row.epoch;
+            const bool goesOn =
+                before != nullptr && groups.back().stage == stage &&
+                groups.back().isEnded == row.isEnded && before->epoch == row.epoch &&
+                static_cast<uint64_t>(before->number) + 1 == static_cast<uint64_t>(row.number);
             if (!goesOn) {
                 groups.push_back({stage, row.isEnded, {}});
             }
@@ -357,7 +356,7 @@ void FindLost(Judging& judging) {
 void FindRestarts(Judging& judging) {
     Scene& scene = judging.scene;
     const std::vector<uint32_t> frames = ByNumber(scene);
-    for (uint16_t epoch = 1; !frames.empty() && epoch <= scene.frames[frames.back()].epoch;
+    for (int32_t epoch = 1; !frames.empty() && epoch <= scene.frames[frames.back()].epoch;
          ++epoch) {
         std::vector<int64_t> refused, flushed;
         std::vector<uint32_t> explained;

@@ -1,7 +1,6 @@
 // Frames whose events were out of order, missing or told twice, and what followed from that.
 
 #include <algorithm>
-#include <numeric>
 
 #include "tools/account/wording.h"
 
@@ -11,12 +10,7 @@ namespace {
 class OrderFinder {
   public:
     explicit OrderFinder(Judging& sceneJudging) : judging(sceneJudging), scene(judging.scene) {
-        frames.resize(scene.frames.size());
-        std::iota(frames.begin(), frames.end(), 0);
-        std::stable_sort(frames.begin(), frames.end(), [this](uint32_t one, uint32_t other) {
-            return std::pair(scene.frames[one].epoch, scene.frames[one].number) <
-                   std::pair(scene.frames[other].epoch, scene.frames[other].number);
-        });
+        frames = ByNumber(scene);
         FindOvertaken();
         for (const Scene::Repeat& repeat : scene.repeats) {
             repeats.resize(scene.frames.size(), nullptr);

@@ -1,7 +1,7 @@
 // What is to be said of a scene as a whole: its stages, nodes, threads, table and clock.
 
 #include <algorithm>
-#include <set>
+#include <map>
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
 #include "tools/account/wording.h"
@@ -130,28 +130,27 @@ void FindThreads(Judging& judging) {
     if (!scene.hasThreads || scene.isBeginningMissing) {
         return;
     }
-    std::map<uint16_t, uint16_t> reporterOf;  // By thread.
-    std::set<uint16_t> reporting;
-    std::map<uint16_t, Place> placeOf;
+    std::map<uint16_t, const StagePass*> firstOf;  // By thread.
     for (const StagePass& pass : scene.passes) {
         if (pass.HasLeft() && (pass.seen & NODE_END) != 0 && pass.thread < scene.threads.size()) {
-            reporterOf.try_emplace(pass.thread, pass.reporter);
-            placeOf.try_emplace(pass.thread, pass.place);
+            firstOf.try_emplace(pass.thread, &pass);
         }
     }
     // A replay has one thread, which stands for all.
-    if (reporterOf.size() < 2) {
+    if (firstOf.size() < 2) {
         return;
     }
-    for (const auto& [thread, reporter] : reporterOf) {
+    for (const auto& [thread, pass] : firstOf) {
         const int32_t tid = scene.threads[thread];
-        if (tid == -1 || scene.setThreads.contains(tid) || reporter >= scene.reporters.size()) {
+        if (tid == -1 || scene.setThreads.contains(tid) ||
+            pass->reporter >= scene.reporters.size()) {
             continue;
         }
-        judging.Raise(Check::ThreadNotSet, Severity::Note, NO_INDEX,
-                      scene.reporters[reporter].stage, placeOf[thread], NO_TIME,
+        const Reporter& reporter = scene.reporters[pass->reporter];
+        judging.Raise(Check::ThreadNotSet, Severity::Note, NO_INDEX, reporter.stage, pass->place,
+                      NO_TIME,
                       fmt::format(wording::THREAD_NOT_SET, fmt::arg("thread", tid),
-                                  fmt::arg("node", Quoted(scene.reporters[reporter].node))));
+                                  fmt::arg("node", Quoted(reporter.node))));
     }
 }
 

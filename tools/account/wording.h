@@ -38,6 +38,9 @@ inline constexpr char TWO_OBJECTS[] =
     "two TarvoCameraFrameBoost objects of process {process} record at once: both announce scene 0 "
     "and frames of the same numbers, so the service takes them for one, and nothing else can be "
     "told of this scene; let one object record at a time";
+inline constexpr char TWO_PROCESSES[] =
+    "processes {} and {} ran scenes at the same time; they are told apart here";
+inline constexpr char SERVICE_REFUSED[] = "the boost service refused the scene: nothing is boosted";
 inline constexpr char NEVER_HIT[] = "no frame ever left {stage}; {frames} not boosted to the end";
 inline constexpr char SKIPPED[] =
     "{frames} {were} skipped by the HAL: {next} follows {before} without a gap in time, and the "
