@@ -89,7 +89,6 @@ class Input : private FileBuffer, public std::istream {
 class Output : private FileBuffer, public std::ostream {
   public:
     explicit Output(const std::string& path);
-    using FileBuffer::Name;
     // To be called when all is written.
     void Close() { flush(); }
 };

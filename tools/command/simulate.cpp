@@ -78,7 +78,7 @@ void ShowSummary(const Camera& camera, const Simulated& simulated) {
               << " stages (seed " << camera.seed << "): " << simulated.completed << " came out\n";
     for (const Fault& fault : camera.faults) {
         if (fault.frame < simulated.frames) {
-            std::cerr << "  frame " << fault.frame << ": " << Describe(fault, camera) << " ["
+            std::cerr << "  " << FramesOf(fault) << ": " << Describe(fault, camera) << " ["
                       << ToString(fault) << "]\n";
         }
     }

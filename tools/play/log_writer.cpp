@@ -4,13 +4,8 @@
 
 namespace tools {
 
-LogWriter::LogWriter(std::ostream& stream, const Format& captureFormat, int64_t captureBegin,
-                     int32_t captureProcess)
-    : out(stream),
-      format(captureFormat),
-      begin(captureBegin),
-      process(captureProcess),
-      thread(captureProcess) {}
+LogWriter::LogWriter(std::ostream& stream, const Format& captureFormat, int64_t captureBegin)
+    : out(stream), format(captureFormat), begin(captureBegin) {}
 
 void LogWriter::SetMoment(Micros newTime, int32_t newThread) {
     time = newTime;
@@ -24,7 +19,7 @@ void LogWriter::OnEffect(const desktop::Effect& effect) {
     }
     Record record;
     record.time = begin + time;
-    record.process = process;
+    record.process = CAPTURE_PROCESS;
     record.thread = thread;
     record.priority = desktop::LetterOf(line->priority);
     record.tag = line->tag;

@@ -17,27 +17,25 @@ namespace tools {
 inline constexpr int64_t CAPTURE_BEGIN = 1'767'268'800'000'000;
 inline constexpr int32_t CAPTURE_PROCESS = 1000;
 
-// Can be the platform's observer, or be handed effects by whoever is. For one thread at a time.
-class LogWriter : public desktop::Observer {
+// For one thread at a time.
+class LogWriter {
   public:
     // Writes to `stream`, which is the caller's.
     explicit LogWriter(std::ostream& stream, const Format& captureFormat = {},
-                       int64_t captureBegin = CAPTURE_BEGIN,
-                       int32_t captureProcess = CAPTURE_PROCESS);
+                       int64_t captureBegin = CAPTURE_BEGIN);
 
     // When, since the beginning, and on which thread the effects that follow happen. At first: at
     // the beginning, on the thread that gave the process its number.
     void SetMoment(Micros time, int32_t thread);
 
     // Writes the effect if it is a line of the log.
-    void OnEffect(const desktop::Effect& effect) override;
+    void OnEffect(const desktop::Effect& effect);
 
   private:
     std::ostream& out;
     Format format;
     int64_t begin;
-    int32_t process;
-    int32_t thread;
+    int32_t thread = CAPTURE_PROCESS;
     Micros time = 0;
     std::string text;  // Kept for its memory.
 };

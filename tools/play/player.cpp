@@ -120,7 +120,7 @@ void Player::PlayRecording(const Recording& recording, uint32_t number) {
             pace.onProgress(newest - first + 1, recording.frames);
         }
         if (sceneFps > 0) {
-            PassTime(begun + (newest - first + 1) * 1'000'000 / sceneFps);
+            PassTime(begun + (newest - first + 1) * SECOND / sceneFps);
         }
     }
 }
