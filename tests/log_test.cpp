@@ -167,18 +167,19 @@ TEST(RecordTest, IsWrittenInEveryFormOfLogcat) {
 // What a reader finds in a capture.
 struct Found : tools::RecordSink {
     void OnRecord(const tools::Record& record, const tools::Place& place) override {
+        if (!record.isWhole) {
+            fragments.emplace_back(record.message);
+            return;
+        }
+        if (record.tag == tools::CHATTY_TAG) {
+            leftOut += std::to_string(record.process) + "|" + std::string(record.message);
+            return;
+        }
         lines.push_back(place.line);
         texts.push_back(std::string(record.tag) + "|" + std::to_string(record.process) + "|" +
                         std::to_string(record.thread) + "|" + std::string(record.message));
         begin = begin == 0 ? record.time.value_or(0) : begin;
         times.push_back(record.time.value_or(0) - begin);
-    }
-    void OnLeftOut(int64_t count, int32_t process, std::optional<int64_t> /*time*/,
-                   const tools::Place& /*place*/) override {
-        leftOut += std::to_string(process) + ":" + std::to_string(count) + " ";
-    }
-    void OnFragment(std::string_view line, const tools::Place& /*place*/) override {
-        fragments.emplace_back(line);
     }
 
     std::vector<uint32_t> lines;
@@ -229,6 +230,7 @@ TEST(RecordTest, IsReadBackWhateverItsForm) {
     const std::string name = first + "halFrameNumber = 1, stage = 0, nodeName = ";
     const std::string accented = name + "\xC3\xA9 \xF0\x9F\x98\x80";
     const std::string broken = name + "of two\nlines";
+    const std::string chatty = "uid=1047(cameraserver) x identical 3 lines";
     const tools::Record records[] = {
         {1'798'761'599'000'001, 7, 8, 'D', tools::FACADE_TAG, accented},
         {1'798'761'599'999'000, 7, 8, 'D', "cameraframeboos", "another's"},
@@ -238,7 +240,7 @@ TEST(RecordTest, IsReadBackWhateverItsForm) {
         // In the next year.
         {1'798'761'600'123'456, 12345, 67890, 'D', tools::UTILS_TAG,
          "tarvocameraframeboostutils.cpp 194:DumpConfig() supportOperationModeList = "},
-        {1'798'761'601'000'000, 7, 8, 'I', "chatty", "uid=1047(cameraserver) x identical 3 lines"},
+        {1'798'761'601'000'000, 7, 8, 'I', tools::CHATTY_TAG, chatty},
         {1'798'761'602'000'000, 7, 8, 'D', tools::FACADE_TAG, name},
     };
     for (const std::string form :
@@ -282,7 +284,7 @@ TEST(RecordTest, IsReadBackWhateverItsForm) {
                     const Found found = Find(bytes, piece);
                     ASSERT_EQ(found.texts, expected) << form << modifiers << "\n" << bytes;
                     ASSERT_EQ(found.times, times) << form << modifiers << "\n" << bytes;
-                    ASSERT_EQ(found.leftOut, !hasTag ? "" : hasProcess ? "7:3 " : "-1:3 ");
+                    ASSERT_EQ(found.leftOut, !hasTag ? "" : (hasProcess ? "7|" : "-1|") + chatty);
                     ASSERT_TRUE(found.fragments.empty()) << found.fragments[0];
                 }
             }

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <utility>
 
+#include "tools/base/words.h"
 #include "tools/log/message.h"
 
 namespace tools {
@@ -49,6 +50,13 @@ std::string ClockText(int64_t clock) {
                        clock % SECOND / 1000);
 }
 
+// "12 lines" and so on at the end of a chatty record.
+int64_t LinesLeftOut(std::string_view message) {
+    const std::string_view before = message.substr(0, message.rfind(" line"));
+    const std::string_view digits = before.substr(before.find_last_not_of("0123456789") + 1);
+    return ReadDigits<int64_t>(digits).value_or(0);
+}
+
 }  // namespace
 
 CaptureReader::CaptureReader(std::vector<MessageSink*> messageSinks)
@@ -65,14 +73,21 @@ void CaptureReader::End() {
 }
 
 void CaptureReader::OnRecord(const Record& record, const Place& place) {
+    if (record.tag == CHATTY_TAG) {
+        TakeLeftOut(record, place);
+        return;
+    }
     ++summary.libraryLines;
-    std::optional<Message> message = ParseMessage(record.tag, record.message);
+    std::optional<Message> message;
+    if (record.isWhole) {
+        message = ParseMessage(record.tag, record.message);
+    }
     if (!message) {
         NoteNotUnderstood(record.message, place);
         return;
     }
     message->place = place;
-    const Moment moment = MomentOf(record.time, record.process, record.thread, place);
+    const Moment moment = MomentOf(record, place);
     summary.hasThreads = summary.hasThreads || record.thread != -1;
     switch (message->kind) {
         case MessageKind::NodeEnd:
@@ -92,21 +107,16 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
     }
 }
 
-void CaptureReader::OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
-                              const Place& place) {
-    if (process != -1 && !processes.contains(process)) {
+void CaptureReader::TakeLeftOut(const Record& record, const Place& place) {
+    if (record.process != -1 && !processes.contains(record.process)) {
         return;
     }
+    const int64_t lines = LinesLeftOut(record.message);
     summary.lost += lines;
-    const Moment moment = MomentOf(time, process, -1, place);
+    const Moment moment = MomentOf(record, place);
     for (MessageSink* const sink : sinks) {
         sink->OnLinesLeftOut(lines, moment, place);
     }
-}
-
-void CaptureReader::OnFragment(std::string_view line, const Place& place) {
-    ++summary.libraryLines;
-    NoteNotUnderstood(line, place);
 }
 
 void CaptureReader::NoteNotUnderstood(std::string_view text, const Place& place) {
@@ -130,19 +140,19 @@ int64_t CaptureReader::WithoutMadeUpDay(int64_t clock) {
 }
 
 // The time since the beginning. Where the clock was set it goes on from where it was.
-Moment CaptureReader::MomentOf(std::optional<int64_t> clock, int32_t process, int32_t thread,
-                               const Place& place) {
-    Moment moment{NO_TIME, process, thread};
-    if (!clock) {
+Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
+    Moment moment{NO_TIME, record.process, record.thread};
+    if (!record.time) {
         return moment;
     }
-    const int64_t now = WithoutMadeUpDay(*clock);
+    const int64_t clock = *record.time;
+    const int64_t now = WithoutMadeUpDay(clock);
     if (!origin) {
         origin = latest = now;
-        firstClock = lastClock = *clock;
+        firstClock = lastClock = clock;
         summary.hasTimes = true;
     }
-    if (*clock % MILLISECOND != 0) {
+    if (clock % MILLISECOND != 0) {
         summary.resolution = 1;
     }
     const Micros passed = now - latest;
@@ -153,7 +163,7 @@ Moment CaptureReader::MomentOf(std::optional<int64_t> clock, int32_t process, in
         latest = now;
     }
     latest = std::max(latest, now);
-    lastClock = isSet ? *clock : std::max(lastClock, *clock);
+    lastClock = isSet ? clock : std::max(lastClock, clock);
     moment.time = now - *origin;
     summary.last = isSet ? moment.time : std::max(summary.last, moment.time);
     if (isSet) {

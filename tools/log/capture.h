@@ -83,12 +83,9 @@ class CaptureReader : private RecordSink {
 
   private:
     void OnRecord(const Record& record, const Place& place) override;
-    void OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
-                   const Place& place) override;
-    void OnFragment(std::string_view line, const Place& place) override;
     void OnTime(int64_t time) override;
-    Moment MomentOf(std::optional<int64_t> clock, int32_t process, int32_t thread,
-                    const Place& place);
+    void TakeLeftOut(const Record& record, const Place& place);
+    Moment MomentOf(const Record& record, const Place& place);
     int64_t WithoutMadeUpDay(int64_t clock);
     void NoteNotUnderstood(std::string_view text, const Place& place);
 

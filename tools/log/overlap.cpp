@@ -1,8 +1,9 @@
 #include "tools/log/overlap.h"
 
 #include <algorithm>
-#include <string>
-#include <utility>
+#include <functional>
+#include <optional>
+#include <string_view>
 
 namespace tools {
 namespace {
@@ -14,12 +15,13 @@ constexpr size_t MOST_CANDIDATES = 64;
 // All messages begin with the library's name, which tells nothing.
 constexpr size_t SAME_IN_ALL = 24;
 
-uint64_t HashOf(std::optional<int64_t> time, int32_t process, int32_t thread,
-                std::string_view message) {
+uint64_t HashOf(const Record& record) {
     constexpr uint64_t spread = 0x9E37'79B9'7F4A'7C15;
+    const std::string_view message = record.message;
     uint64_t hash =
         std::hash<std::string_view>()(message.substr(std::min(message.size(), SAME_IN_ALL)));
-    for (const int64_t number : {time.value_or(-1), int64_t{process}, int64_t{thread}}) {
+    for (const int64_t number :
+         {record.time.value_or(-1), int64_t{record.process}, int64_t{record.thread}}) {
         hash = (hash ^ static_cast<uint64_t>(number)) * spread;
         hash ^= hash >> 32;
     }
@@ -55,33 +57,27 @@ bool OverlapFilter::MayRepeat(uint64_t hash) {
     return !candidates.empty();
 }
 
-void OverlapFilter::Remember(uint64_t hash) {
-    if (tail.size() == LONGEST_OVERLAP) {
-        tail.pop_front();
+void OverlapFilter::HandOn(const Record& record, const Place& place) {
+    // A part of a line is never repeated whole.
+    if (record.isWhole) {
+        if (tail.size() == LONGEST_OVERLAP) {
+            tail.pop_front();
+        }
+        tail.push_back(HashOf(record));
     }
-    tail.push_back(hash);
-}
-
-void OverlapFilter::Hold(Held it) {
-    const std::optional<uint64_t> hash = it.hash;
-    held.push_back(std::move(it));
-    if (hash && !MayRepeat(*hash)) {
-        Release();
-    }
+    sink.OnRecord(record, place);
 }
 
 // Hands on what turned out not to be a repetition.
 void OverlapFilter::Release() {
     isComparing = false;
     size_t position = 0;
-    for (const Held& it : held) {
+    for (Held& it : held) {
         if (position >= repeated) {
-            it.handOn();
-            if (it.hash) {
-                Remember(*it.hash);
-            }
+            it.record.message = it.message;
+            HandOn(it.record, it.place);
         }
-        position += it.hash ? 1U : 0U;
+        position += it.record.isWhole ? 1U : 0U;
     }
     held.clear();
     candidates.clear();
@@ -89,35 +85,14 @@ void OverlapFilter::Release() {
 }
 
 void OverlapFilter::OnRecord(const Record& record, const Place& place) {
-    const uint64_t hash = HashOf(record.time, record.process, record.thread, record.message);
-    if (isComparing) {
-        Hold({hash, [this, copy = record, text = std::string(record.message), place]() mutable {
-                  copy.message = text;
-                  sink.OnRecord(copy, place);
-              }});
+    if (!isComparing) {
+        HandOn(record, place);
         return;
     }
-    Remember(hash);
-    sink.OnRecord(record, place);
-}
-
-void OverlapFilter::OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
-                              const Place& place) {
-    const uint64_t hash = HashOf(time, process, static_cast<int32_t>(lines), "");
-    if (isComparing) {
-        Hold({hash, [=, this] { sink.OnLeftOut(lines, process, time, place); }});
-        return;
+    held.push_back({record, std::string(record.message), place});
+    if (record.isWhole && !MayRepeat(HashOf(record))) {
+        Release();
     }
-    Remember(hash);
-    sink.OnLeftOut(lines, process, time, place);
-}
-
-void OverlapFilter::OnFragment(std::string_view line, const Place& place) {
-    if (isComparing) {
-        Hold({{}, [this, text = std::string(line), place] { sink.OnFragment(text, place); }});
-        return;
-    }
-    sink.OnFragment(line, place);
 }
 
 void OverlapFilter::OnTime(int64_t time) {

@@ -5,9 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
-#include <optional>
-#include <string_view>
+#include <string>
 #include <vector>
 
 #include "tools/log/record_reader.h"
@@ -24,22 +22,19 @@ class OverlapFilter : public RecordSink {
     void End();
 
     void OnRecord(const Record& record, const Place& place) override;
-    void OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
-                   const Place& place) override;
-    void OnFragment(std::string_view line, const Place& place) override;
     void OnTime(int64_t time) override;
 
   private:
-    // Something that may have been read before.
+    // A record that may have been read before.
     struct Held {
-        std::optional<uint64_t> hash;  // Nothing of a fragment, which is never repeated whole.
-        std::function<void()> handOn;
+        Record record;
+        std::string message;
+        Place place;
     };
 
     // Whether what has that hash, the next of the input, may stand in the end of what was read.
     bool MayRepeat(uint64_t hash);
-    void Remember(uint64_t hash);
-    void Hold(Held it);
+    void HandOn(const Record& record, const Place& place);
     void Release();
 
     RecordSink& sink;

@@ -13,12 +13,13 @@ namespace tools {
 struct Record {
     // Microseconds since 1970 as the log's clock had them, the year made up where the form has
     // none; nothing in forms without time.
-    std::optional<int64_t> time;
+    std::optional<int64_t> time{};
     int32_t process = -1;  // -1 where the form has none.
     int32_t thread = -1;
     char priority = 'D';  // V D I W E F S ?
-    std::string_view tag;
-    std::string_view message;
+    std::string_view tag{};
+    std::string_view message{};
+    bool isWhole = true;  // False: of its line only a part is there, which is the message.
 };
 
 // logcat's -v.

@@ -16,8 +16,6 @@ namespace {
 // Longer than any line that logcat writes; what goes beyond is dropped.
 constexpr size_t MAX_LINE = 65'536;
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
-// The tag under which Android's log says that it has left lines out.
-constexpr std::string_view CHATTY_TAG = "chatty";
 constexpr std::string_view PRIORITIES = "VDIWEFS?";
 // Any leap year: what has no year may be a 29th of February.
 constexpr int64_t MADE_UP_YEAR = 2000;
@@ -131,19 +129,6 @@ int TakeIds(std::string_view& text, std::string_view end, bool hasThread, Record
     const std::string_view ids = text.substr(0, close);
     text.remove_prefix(close + end.size());
     return ReadIds(ids, hasThread, record);
-}
-
-// "12 lines" and so on at the end of a chatty record.
-int64_t LinesLeftOut(std::string_view message) {
-    const size_t line = message.rfind(" line");
-    if (line == std::string_view::npos) {
-        return 0;
-    }
-    const std::string_view before = message.substr(0, line);
-    const std::string_view digits = before.substr(before.find_last_not_of("0123456789") + 1);
-    int64_t count = 0;
-    std::from_chars(digits.data(), digits.data() + digits.size(), count);
-    return count;
 }
 
 // A line without what colours it, "ESC[..m", in `plain`.
@@ -332,7 +317,7 @@ void RecordReader::ReadLine(std::string_view line) {
         Settle();
         isOthersLong = head.isOthers && head.isLong;
         if (!head.isOthers && Contains(line, LIBRARY_FILE)) {
-            sink.OnFragment(line, place);
+            sink.OnRecord({.message = line, .isWhole = false}, place);
         }
         return;
     }
@@ -406,13 +391,10 @@ void RecordReader::Settle() {
         return;
     }
     isHeld = false;
-    const Record& record = held.record;
-    if (record.tag == CHATTY_TAG) {
-        sink.OnLeftOut(LinesLeftOut(record.message), record.process, record.time, heldPlace);
-    } else if (isLong && record.message.empty()) {
-        sink.OnFragment(held.text, heldPlace);
+    if (isLong && held.record.message.empty() && held.record.tag != CHATTY_TAG) {
+        sink.OnRecord({.message = held.text, .isWhole = false}, heldPlace);
     } else {
-        sink.OnRecord(record, heldPlace);
+        sink.OnRecord(held.record, heldPlace);
     }
 }
 
@@ -427,7 +409,7 @@ void RecordReader::End() {
         ++place.line;
         if (Contains(carry, FACADE_TAG)) {
             Settle();
-            sink.OnFragment(carry, place);
+            sink.OnRecord({.message = carry, .isWhole = false}, place);
         }
         carry.clear();
     }

@@ -12,17 +12,15 @@
 
 namespace tools {
 
+// The tag under which Android's log says that it has left lines out.
+inline constexpr std::string_view CHATTY_TAG = "chatty";
+
 // Is told of what a capture holds, in its order.
 class RecordSink {
   public:
     virtual ~RecordSink() = default;
-    // A record of the library's. Its texts are gone after the call.
+    // A record of the library's, or CHATTY_TAG's. Its message is gone after the call.
     virtual void OnRecord(const Record& record, const Place& place) = 0;
-    // Android's log left lines of `process` (-1: not known) out here.
-    virtual void OnLeftOut(int64_t lines, int32_t process, std::optional<int64_t> time,
-                           const Place& place) = 0;
-    // A line that seems to be the library's, but only a part of it is there.
-    virtual void OnFragment(std::string_view line, const Place& place) = 0;
     // What the log's clock showed on a line of any tag: now and then, and on the last one.
     virtual void OnTime(int64_t /*time*/) {}
 };
