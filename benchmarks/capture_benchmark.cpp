@@ -45,7 +45,8 @@ const Capture& TenMinutes() {
 // Reads the capture, for a sink to be told of its messages.
 void Read(std::vector<tools::MessageSink*> sinks) {
     tools::CaptureReader reader(std::move(sinks));
-    tools::ReadCapture(reader, 0, TenMinutes().path);
+    std::ifstream file(TenMinutes().path);
+    tools::ReadCapture(reader, 0, file);
     reader.Finish();
 }
 

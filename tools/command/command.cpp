@@ -31,13 +31,6 @@ std::string NameOfInput(const std::string& path) {
     return path == "-" ? "standard input" : path;
 }
 
-void Protect(const std::string& path) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) == 0) {
-        openedFiles.insert({status.st_dev, status.st_ino});
-    }
-}
-
 FileBuffer::FileBuffer(const std::string& path, Mode mode)
     : name(mode == Mode::Read ? NameOfInput(path) : path), isWritten(mode == Mode::Write) {
     if (path == "-") {
@@ -95,6 +88,12 @@ FileBuffer::int_type FileBuffer::underflow() {
     }
     setg(buffer.data(), buffer.data(), buffer.data() + size);
     return size == 0 ? traits_type::eof() : traits_type::to_int_type(buffer.front());
+}
+
+FileBuffer::pos_type FileBuffer::seekoff(off_type offset, std::ios::seekdir from,
+                                         std::ios::openmode /*which*/) {
+    setg(nullptr, nullptr, nullptr);
+    return lseek(descriptor, offset, from == std::ios::beg ? SEEK_SET : SEEK_END);
 }
 
 FileBuffer::int_type FileBuffer::overflow(int_type character) {

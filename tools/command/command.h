@@ -44,9 +44,6 @@ void AddSimulate(CLI::App& app, Run& run);
 // What messages call an input.
 std::string NameOfInput(const std::string& path);
 
-// Keeps a file that is read without an Input from being written.
-void Protect(const std::string& path);
-
 // A file, or standard input or output for "-". Fails, and makes the stream on top of it fail, with
 // a CommandError that names the file and the reason: also where standard input would be read twice,
 // or a file be written that the command has opened before.
@@ -63,6 +60,8 @@ class FileBuffer : public std::streambuf {
 
   protected:
     int_type underflow() override;
+    // To the beginning or the end, of an input alone.
+    pos_type seekoff(off_type offset, std::ios::seekdir from, std::ios::openmode which) override;
     int_type overflow(int_type character) override;
     int sync() override;
 

@@ -46,10 +46,10 @@ Account Explain(const std::vector<std::string>& paths, const JudgeOptions& optio
     CaptureReader reader(sinks);
     std::vector<std::string> names;
     for (size_t i = 0; i < paths.size(); ++i) {
-        names.push_back(NameOfInput(paths[i]));
-        Protect(paths[i]);
+        Input file(paths[i]);
+        names.push_back(file.Name());
         try {
-            ReadCapture(reader, static_cast<uint32_t>(i), paths[i],
+            ReadCapture(reader, static_cast<uint32_t>(i), file,
                         [&progress](int64_t done, int64_t all) {
                             progress.Show(done >> 20, all >> 20);
                             return !IsInterrupted();

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <istream>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -101,16 +102,16 @@ class CaptureReader : private RecordSink {
     bool isInScene = false;                 // Of some process.
 };
 
-// What a file that could not be read is about: "cannot be read", and so on.
+// What is wrong with what is compressed.
 class CaptureError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// Reads a file, "-" for standard input: text, what gzip made of text, or a zip with a bug report in
-// it. `onProgress` is told how many of how many bytes have been read (0: not known); reading ends
-// when it returns false. Throws a CaptureError.
-void ReadCapture(CaptureReader& reader, uint32_t input, const std::string& path,
+// Reads a file from its beginning: text, what gzip made of text, or a zip with a bug report in it.
+// `onProgress` is told how many of how many bytes have been read (0: not known); reading ends when
+// it returns false. Throws a CaptureError, and what reading from `in` throws.
+void ReadCapture(CaptureReader& reader, uint32_t input, std::istream& in,
                  const std::function<bool(int64_t done, int64_t all)>& onProgress = {});
 
 }  // namespace tools

@@ -1,17 +1,15 @@
-// Captures as they come: files and standard input, and what is compressed.
+// Captures as they come: text, and what is compressed.
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
+#include <exception>
+#include <istream>
 #include <memory>
-#include <system_error>
 
 #include "tools/log/capture.h"
 
@@ -19,78 +17,36 @@ namespace tools {
 namespace {
 
 constexpr size_t PIECE = 262'144;
-// How compressed files begin.
-constexpr std::string_view ZIP_MARK = "PK\x03\x04";
-constexpr std::string_view GZIP_MARK = "\x1F\x8B";
 
-class File {
-  public:
-    File(const std::string& path, const std::function<bool(int64_t, int64_t)>& onProgress)
-        : descriptor(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC)),
-          progress(onProgress) {
-        if (descriptor < 0) {
-            Fail();
-        }
-        struct stat status {};
-        isRegular = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
-        size = isRegular ? status.st_size : 0;
-    }
-    ~File() {
-        if (descriptor > STDIN_FILENO) {
-            close(descriptor);
-        }
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-
-    // The next piece; empty at the end, and when reading is to stop.
-    std::string_view Next() {
-        if (!isAgain) {
-            ssize_t count = -1;
-            while (count < 0) {
-                isStopped = progress && !progress(done, size);
-                if (isStopped) {
-                    return {};
-                }
-                count = read(descriptor, buffer.data(), buffer.size());
-                if (count < 0 && errno != EINTR) {
-                    Fail();
-                }
-            }
-            buffered = static_cast<size_t>(count);
-            done += count;
-        }
-        isAgain = false;
-        return {buffer.data(), buffered};
-    }
-    // Lets the last piece come again.
-    void Back() { isAgain = true; }
-
-    // Whether reading was to stop before the end.
-    bool IsStopped() const { return isStopped; }
-    // Begins anew, where that is possible.
-    bool Rewind() {
-        done = 0;
-        isAgain = false;
-        return isRegular && lseek(descriptor, 0, SEEK_SET) == 0;
-    }
-
-  private:
-    [[noreturn]] static void Fail() {
-        throw CaptureError(
-            fmt::format("cannot be read: {}", std::generic_category().message(errno)));
-    }
-
-    int descriptor;
-    const std::function<bool(int64_t, int64_t)>& progress;
-    bool isRegular = false;
-    bool isStopped = false;
-    bool isAgain = false;
-    int64_t size = 0;
+// What a capture is read from.
+struct Source {
+    std::istream& in;
+    const std::function<bool(int64_t, int64_t)>& onProgress;
+    int64_t size = 0;  // 0 where it is not known.
     int64_t done = 0;
-    size_t buffered = 0;
-    std::string buffer = std::string(PIECE, '\0');
+    bool isStopped = false;
+    std::exception_ptr failure{};  // Of a read.
+    std::string piece = std::string(PIECE, '\0');
 };
+
+// The next piece, for libarchive; empty at the end, and when reading is to stop.
+la_ssize_t ReadPiece(archive* self, void* data, const void** piece) {
+    Source& source = *static_cast<Source*>(data);
+    if (source.isStopped) {
+        return 0;
+    }
+    try {
+        source.in.read(source.piece.data(), PIECE);
+    } catch (...) {
+        source.failure = std::current_exception();
+        archive_set_error(self, EIO, "cannot be read");
+        return -1;
+    }
+    source.done += source.in.gcount();
+    source.isStopped = source.onProgress && !source.onProgress(source.done, source.size);
+    *piece = source.piece.data();
+    return source.in.gcount();
+}
 
 // Whether it is the text of a bug report, as Android names it.
 bool IsReport(std::string_view name) {
@@ -98,42 +54,47 @@ bool IsReport(std::string_view name) {
     return name.starts_with("bugreport-") && name.ends_with(".txt");
 }
 
-// Which of the files in it are read.
+// Which of the files in a zip are read.
 enum class Files : uint8_t { Reports, All };
 
-// Reads what is in a gzip file, or the files in a zip. `name`: what it is. Returns how many were
-// read.
-int ReadArchive(CaptureReader& reader, File& file, const char* name, Files files) {
-    const std::unique_ptr<archive, int (*)(archive*)> source(archive_read_new(), archive_read_free);
-    archive_read_support_filter_gzip(source.get());
-    archive_read_support_format_zip(source.get());
-    archive_read_support_format_raw(source.get());  // What gzip made of a file.
-    archive_read_support_format_empty(source.get());
-    const auto readNext = [](archive* self, void* data, const void** piece) -> la_ssize_t {
-        try {
-            const std::string_view next = static_cast<File*>(data)->Next();
-            *piece = next.data();
-            return static_cast<la_ssize_t>(next.size());
-        } catch (const CaptureError& error) {
-            archive_set_error(self, EIO, "%s", error.what());
-            return -1;
+enum class Kind : uint8_t { Text, Gzip, Zip };
+
+Kind KindOf(archive* source) {
+    const bool isZip = (archive_format(source) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP;
+    const bool isGzip = archive_filter_code(source, 0) == ARCHIVE_FILTER_GZIP;
+    return isZip ? Kind::Zip : isGzip ? Kind::Gzip : Kind::Text;
+}
+
+struct Contents {
+    Kind kind = Kind::Text;
+    int files = 0;  // How many were read.
+};
+
+Contents ReadFiles(CaptureReader& reader, Source& source, Files files) {
+    const std::unique_ptr<archive, int (*)(archive*)> owner(archive_read_new(), archive_read_free);
+    archive* const all = owner.get();
+    archive_read_support_filter_gzip(all);
+    archive_read_support_format_zip(all);
+    archive_read_support_format_raw(all);  // Text, and what gzip made of it.
+    archive_read_support_format_empty(all);
+    const auto check = [all, &source](la_ssize_t status) {
+        if (source.failure) {
+            std::rethrow_exception(source.failure);
         }
-    };
-    const auto check = [&source, name](la_ssize_t status) {
         if (status < ARCHIVE_WARN) {
-            const char* const reason = archive_error_string(source.get());
-            throw CaptureError(fmt::format("is a {} that cannot be read: {}", name,
-                                           reason == nullptr ? "unknown" : reason));
+            const char* const reason = archive_error_string(all);
+            throw CaptureError(
+                fmt::format("cannot be read: {}", reason == nullptr ? "unknown" : reason));
         }
         return status;
     };
-    check(archive_read_open(source.get(), &file, nullptr, readNext, nullptr));
+    check(archive_read_open(all, &source, nullptr, ReadPiece, nullptr));
     int count = 0;
     archive_entry* entry = nullptr;
-    while (check(archive_read_next_header(source.get(), &entry)) != ARCHIVE_EOF) {
+    while (check(archive_read_next_header(all, &entry)) != ARCHIVE_EOF) {
         const char* const path = archive_entry_pathname(entry);
         if (path == nullptr || archive_entry_filetype(entry) != AE_IFREG ||
-            !(files == Files::All || IsReport(path))) {
+            (KindOf(all) == Kind::Zip && files == Files::Reports && !IsReport(path))) {
             continue;
         }
         ++count;
@@ -141,55 +102,49 @@ int ReadArchive(CaptureReader& reader, File& file, const char* name, Files files
         size_t length = 0;
         la_int64_t offset = 0;
         int status = ARCHIVE_OK;
-        while ((status = archive_read_data_block(source.get(), &piece, &length, &offset)) >=
-               ARCHIVE_WARN) {
-            if (status == ARCHIVE_EOF) {
-                break;
-            }
+        while ((status = archive_read_data_block(all, &piece, &length, &offset)) >= ARCHIVE_WARN &&
+               status != ARCHIVE_EOF) {
             reader.Read({static_cast<const char*>(piece), length});
         }
         reader.End();
-        if (file.IsStopped()) {
-            return count;  // Nothing is wrong with the file.
+        if (source.isStopped) {
+            break;  // Nothing is wrong with the file.
         }
-        if (status < ARCHIVE_WARN && reader.Summary().libraryLines != 0) {
+        if (status < ARCHIVE_WARN && !source.failure && reader.Summary().libraryLines != 0) {
             // What could be read is explained.
-            reader.NoteDamage(archive_error_string(source.get()));
-            return count;
+            reader.NoteDamage(archive_error_string(all));
+            break;
         }
         check(status);
     }
-    return count;
-}
-
-void ReadZip(CaptureReader& reader, File& file) {
-    if (ReadArchive(reader, file, "zip", Files::Reports) == 0 &&
-        !(file.Rewind() && ReadArchive(reader, file, "zip", Files::All) != 0)) {
-        throw CaptureError("is a zip without a bug report in it");
-    }
+    return {KindOf(all), count};
 }
 
 }  // namespace
 
-void ReadCapture(CaptureReader& reader, uint32_t input, const std::string& path,
+void ReadCapture(CaptureReader& reader, uint32_t input, std::istream& in,
                  const std::function<bool(int64_t done, int64_t all)>& onProgress) {
-    File file(path, onProgress);
+    Source source{in, onProgress};
+    source.size = std::max<int64_t>(in.rdbuf()->pubseekoff(0, std::ios::end, std::ios::in), 0);
+    in.seekg(0, std::ios::beg);
+    in.clear();
     reader.Begin(input);
-    std::string_view piece = file.Next();
-    if (piece.starts_with(ZIP_MARK)) {
-        file.Back();
-        ReadZip(reader, file);
-        return;
-    }
-    if (piece.starts_with(GZIP_MARK)) {
-        file.Back();
-        if (ReadArchive(reader, file, "gzip file", Files::All) == 0) {
-            throw CaptureError("is a gzip file with nothing in it: empty, or cut off");
+    Contents contents = ReadFiles(reader, source, Files::Reports);
+    if (contents.kind == Kind::Zip && contents.files == 0) {
+        in.clear();
+        source.done = 0;
+        if (in.seekg(0, std::ios::beg)) {
+            contents = ReadFiles(reader, source, Files::All);
         }
+    }
+    if (contents.files != 0) {
         return;
     }
-    for (; !piece.empty(); piece = file.Next()) {
-        reader.Read(piece);
+    if (contents.kind == Kind::Zip) {
+        throw CaptureError("is a zip without a bug report in it");
+    }
+    if (contents.kind == Kind::Gzip) {
+        throw CaptureError("is a gzip file with nothing in it: empty, or cut off");
     }
     reader.End();
 }
