@@ -23,12 +23,11 @@ struct Place {
 };
 
 struct Finding {
-    std::string check;  // The finding's name, such as "port-misread".
+    std::string check{};  // The finding's name, such as "port-misread".
     Severity severity = Severity::Note;
-    std::string message;
-    Place place;
-    uint32_t column = 0;           // In bytes, from 1; 0 where there is none to tell.
-    std::optional<int64_t> frame;  // The frame that it is about, where there is one.
+    std::string message{};
+    Place place{};
+    uint32_t column = 0;  // In bytes, from 1; 0 where there is none to tell.
 };
 
 // "error", "warning" or "note".

@@ -94,8 +94,7 @@ class Checker {
                                    .severity = severity,
                                    .message = fmt::format(form, std::forward<Values>(values)...),
                                    .place = {0, where.begin.line},
-                                   .column = ByteColumn(where.begin),
-                                   .frame = {}});
+                                   .column = ByteColumn(where.begin)});
     }
 
     // The parser counts code points.

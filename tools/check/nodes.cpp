@@ -38,12 +38,7 @@ std::optional<ReportedNode> ReadNode(std::string_view line, uint32_t number) {
 }
 
 Finding MakeFinding(const char* check, Severity severity, uint32_t line, std::string message) {
-    Finding finding;
-    finding.check = check;
-    finding.severity = severity;
-    finding.place.line = line;
-    finding.message = std::move(message);
-    return finding;
+    return {check, severity, std::move(message), {0, line}};
 }
 
 // Why a node end leads to nothing, or to what it should not.

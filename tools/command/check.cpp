@@ -28,11 +28,9 @@ CheckedFile CheckFile(const std::string& path) {
     } catch (const CommandError& error) {
         const std::string text = error.what();
         const std::string prefix = file.name + ": error: ";
-        Finding finding;
-        finding.check = "unreadable";
-        finding.severity = Severity::Error;
-        finding.message = text.substr(text.rfind(prefix, 0) == 0 ? prefix.size() : 0);
-        file.checked.findings.push_back(std::move(finding));
+        file.checked.findings.push_back(
+            {"unreadable", Severity::Error,
+             text.substr(text.starts_with(prefix) ? prefix.size() : 0)});
         file.checked.isReadable = false;
     }
     return file;
@@ -105,11 +103,10 @@ void AddCheck(CLI::App& app, Run& run) {
                      "TOML files as the configuration store would serve them; - for standard input")
         ->required()
         ->type_name("");
-    command
-        ->add_option("--nodes", arguments->nodes,
-                     "The nodes that the HAL reports, see below: which stages they end, and which\n"
-                     "not")
-        ->type_name("FILE");
+    command->add_option(
+        "--nodes", arguments->nodes,
+        "The nodes that the HAL reports, see below: which stages they end, and which\n"
+        "not");
     command->add_flag("--strict", arguments->isStrict, "Exit status 1 for warnings, too");
     command->add_flag("--json", arguments->isJson,
                       "One object with findings and table; tables for several files");

@@ -22,7 +22,7 @@ std::optional<Finding> UnplayableRecording(const Session& session, const Player&
     if (const auto reason = player.WhyNotRecordable()) {
         session.ForEachLine([&](uint32_t number, const Line& line) {
             if (std::holds_alternative<Recording>(line)) {
-                finding = {"not-recordable", Severity::Error, *reason, {0, number}, 0, {}};
+                finding = {"not-recordable", Severity::Error, *reason, {0, number}};
             }
             return !finding;
         });
@@ -68,7 +68,7 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
     if (errors > MOST_ERRORS) {
         const std::string message =
             "as many as " + std::to_string(errors) + " lines cannot be read: is it a session?";
-        tell({"session-line", Severity::Error, message, {}, 0, {}}, name);
+        tell({"session-line", Severity::Error, message}, name);
     }
     if (!session.Errors().empty() ||
         !PreparePlatform(options.configuration, [&](const Finding& finding) {

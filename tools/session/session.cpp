@@ -239,8 +239,7 @@ Session::Session(std::istream& in) : text(std::istreambuf_iterator<char>(in), {}
     }
     Parse([](uint32_t, const Line&) { return true; },
           [this](uint32_t number, const SessionError& error) {
-              Finding finding{"session-line", Severity::Error, error.what(), {0, number}, 0, {}};
-              errors.push_back(std::move(finding));
+              errors.push_back({"session-line", Severity::Error, error.what(), {0, number}});
           });
 }
 
