@@ -210,16 +210,12 @@ void AddExplain(CLI::App& app, Run& run) {
         ->type_name("CAPTURE");
     command->add_flag("--follow", arguments->isFollowing,
                       "Read on as the log comes, show findings as they are found");
-    command->add_option("--to-csv", arguments->csv, "Write a row a frame here")->type_name("FILE");
+    command->add_option("--to-csv", arguments->csv, "Write a row a frame here");
     arguments->pictures.AddOptions(*command);
-    command
-        ->add_option("--to-session", arguments->session,
-                     "Write the HAL's calls here, as a session for replay")
-        ->type_name("FILE");
-    command
-        ->add_option("--to-config", arguments->configuration,
-                     "Write the configuration here, for replay --config")
-        ->type_name("FILE");
+    command->add_option("--to-session", arguments->session,
+                        "Write the HAL's calls here, as a session for replay");
+    command->add_option("--to-config", arguments->configuration,
+                        "Write the configuration here, for replay --config");
     command->callback([arguments, &run] { run = [arguments] { return RunExplain(*arguments); }; });
 }
 

@@ -21,6 +21,7 @@ int RunCommand(int argc, char** argv) {
         "Exit status: 0 nothing found, 1 faults found, 2 bad usage or input, 130 interrupted.");
     app.set_version_flag("--version", "cameraframeboost " CAMERAFRAMEBOOST_VERSION);
     app.get_formatter()->label("REQUIRED", "(required)");
+    app.get_formatter()->label("TEXT", "FILE");  // Of options that have no name of their own.
     app.require_subcommand(1);
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return "cameraframeboost: error: " + std::string(error.what()) +

@@ -12,13 +12,10 @@
 namespace tools {
 
 void Pictures::AddOptions(CLI::App& command) {
-    command
-        .add_option("--to-html", page,
-                    "Write a page for a browser: findings, figures and frames, in one file")
-        ->type_name("FILE");
-    command
-        .add_option("--to-trace", trace, "Write a trace for ui.perfetto.dev, in Chrome's JSON form")
-        ->type_name("FILE");
+    command.add_option("--to-html", page,
+                       "Write a page for a browser: findings, figures and frames, in one file");
+    command.add_option("--to-trace", trace,
+                       "Write a trace for ui.perfetto.dev, in Chrome's JSON form");
     command
         .add_option("--frames", frames,
                     "Show these frames, whatever became of them; one, or a range")

@@ -132,11 +132,8 @@ int RunReplay(Arguments& arguments) {
         }
         std::cerr << error.what() << '\n';
         if (arguments.options.isJson) {
-            Finding finding;
-            finding.check = "unusable";
-            finding.severity = Severity::Error;
-            finding.message = error.what();
-            MakeJsonTranscript(out, false, false)->Show(finding, "");
+            MakeJsonTranscript(out, false, false)
+                ->Show(Finding{"unusable", Severity::Error, error.what()}, "");
         }
     }
     out.Close();
@@ -166,15 +163,12 @@ void AddReplay(CLI::App& app, Run& run) {
     command->add_option("SESSION", arguments->session, "The session file")
         ->required()
         ->type_name("");
-    command
-        ->add_option("--config", arguments->configuration,
-                     "A TOML file for the configuration store instead of the built-in sample")
-        ->type_name("FILE");
-    command
-        ->add_option("--log", arguments->log,
-                     "Write what the library logs, as logcat would have captured it; - takes the\n"
-                     "transcript's place")
-        ->type_name("FILE");
+    command->add_option("--config", arguments->configuration,
+                        "A TOML file for the configuration store instead of the built-in sample");
+    command->add_option(
+        "--log", arguments->log,
+        "Write what the library logs, as logcat would have captured it; - takes the\n"
+        "transcript's place");
     arguments->pictures.AddOptions(*command);
     command->add_flag("--debug", options.withDebug,
                       "Debug property and trace tags on: show log lines and trace counters");

@@ -170,10 +170,8 @@ void AddSimulate(CLI::App& app, Run& run) {
     command
         ->add_option("CAMERA", arguments->camera, "The camera file; left out: the built-in camera")
         ->type_name("");
-    command
-        ->add_option("-o,--output", arguments->output,
-                     "Where the log goes; left out: standard output")
-        ->type_name("FILE");
+    command->add_option("-o,--output", arguments->output,
+                        "Where the log goes; left out: standard output");
     command
         ->add_option("--frames", arguments->frames,
                      "How many frames the sensor delivers; the built-in camera's: 600")
@@ -191,26 +189,21 @@ void AddSimulate(CLI::App& app, Run& run) {
         ->type_name("KIND:FRAME[:MORE]")
         ->expected(1)
         ->take_all();
-    command
-        ->add_option("--config", arguments->configuration,
-                     "A TOML file for the configuration store instead of the built-in sample")
-        ->type_name("FILE");
+    command->add_option("--config", arguments->configuration,
+                        "A TOML file for the configuration store instead of the built-in sample");
     command
         ->add_option("--form", arguments->form,
                      "The log's form, as logcat's -v has it: brief, process, tag, thread, raw,\n"
                      "time, threadtime or long, with modifiers: threadtime,year,usec;\n"
                      "threadtime unless told")
         ->type_name("FORM");
-    command
-        ->add_option("--session", arguments->session,
-                     "Writes the calls here, as a session that replay plays with the same --config")
-        ->type_name("FILE");
-    command
-        ->add_option(
-            "--truth", arguments->truth,
-            "Writes here, as JSON, what was injected and what came of it: when each frame\n"
-            "came out, what was late, what was boosted")
-        ->type_name("FILE");
+    command->add_option(
+        "--session", arguments->session,
+        "Writes the calls here, as a session that replay plays with the same --config");
+    command->add_option(
+        "--truth", arguments->truth,
+        "Writes here, as JSON, what was injected and what came of it: when each frame\n"
+        "came out, what was late, what was boosted");
     command->callback([arguments, &run] { run = [arguments] { return RunSimulate(*arguments); }; });
 }
 
