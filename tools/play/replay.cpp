@@ -81,16 +81,12 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
     }
     desktop::SetTraceTags(options.withDebug ? CAMERA_TRACE_TAG : 0);
 
-    std::optional<LogWriter> log;
-    if (options.log != nullptr) {
-        log.emplace(*options.log);
-    }
     const auto watch = [&](const Played& played) {
         transcript->Show(played);
-        if (log) {
-            log->SetMoment(played.time, CAPTURE_PROCESS);
-            for (const desktop::Effect& effect : played.effects) {
-                log->OnEffect(effect);
+        for (const desktop::Effect& effect : played.effects) {
+            const auto* line = std::get_if<desktop::LogLine>(&effect.event);
+            if (options.log != nullptr && line != nullptr) {
+                WriteLogLine(*options.log, {}, CAPTURE_BEGIN + played.time, CAPTURE_PROCESS, *line);
             }
         }
         if (options.pace.isRealTime) {

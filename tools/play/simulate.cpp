@@ -42,10 +42,10 @@ struct Station {
 
 class Simulation {
   public:
-    Simulation(const Camera& simulated, std::ostream& capture, const SimulateOptions& theOptions)
+    Simulation(const Camera& simulated, std::ostream& theCapture, const SimulateOptions& theOptions)
         : camera(simulated),
+          capture(theCapture),
           options(theOptions),
-          log(capture, options.format, options.format.isMonotonic ? SINCE_BOOT : CAPTURE_BEGIN),
           isOver(camera.faults.size()) {}
 
     Simulated Run() {
@@ -101,13 +101,14 @@ class Simulation {
         } else if (call.call->operation == Operation::SceneStart) {
             result.isBoosted = call.result == 0;
         }
-        log.SetMoment(now + clockStep, thread);
+        const int64_t begin = options.format.isMonotonic ? SINCE_BOOT : CAPTURE_BEGIN;
         for (const desktop::Effect& effect : call.effects) {
             const auto* service = std::get_if<desktop::ServiceCall>(&effect.event);
             if (truth && service != nullptr) {
                 truth->OnService(*service);
             }
-            if (!std::holds_alternative<desktop::LogLine>(effect.event)) {
+            const auto* line = std::get_if<desktop::LogLine>(&effect.event);
+            if (line == nullptr) {
                 continue;
             }
             if (linesToLose > 0) {
@@ -118,7 +119,7 @@ class Simulation {
                 }
             } else {
                 ++result.lines;
-                log.OnEffect(effect);
+                WriteLogLine(capture, options.format, begin + now + clockStep, thread, *line);
             }
         }
     }
@@ -406,8 +407,8 @@ class Simulation {
     }
 
     const Camera& camera;
+    std::ostream& capture;
     const SimulateOptions& options;
-    LogWriter log;
     std::optional<Truth> truth;
     std::optional<Player> player;
     std::vector<Station> stations;
