@@ -1,9 +1,9 @@
 #include "tools/log/capture.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <ctime>
 #include <utility>
@@ -41,13 +41,9 @@ std::string ClockText(int64_t clock) {
     if (second < ONE_YEAR) {
         return fmt::format("{}.{:03}", second, clock % SECOND / 1000);
     }
-    std::array<char, 40> date{};
-    tm calendar{};
-    gmtime_r(&second, &calendar);
-    std::strftime(date.data(), date.size(), "%F %H:%M:%S", &calendar);
+    const auto date = fmt::format("{:%F %T}", fmt::gmtime(second));
     constexpr size_t year = sizeof("2000");
-    return fmt::format("{}.{:03}", date.data() + (IsMadeUp(clock) ? year : 0),
-                       clock % SECOND / 1000);
+    return fmt::format("{}.{:03}", date.substr(IsMadeUp(clock) ? year : 0), clock % SECOND / 1000);
 }
 
 // "12 lines" and so on at the end of a chatty record.

@@ -1,10 +1,13 @@
 #include "tools/log/record.h"
 
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
-#include <charconv>
+#include <chrono>
 #include <cstddef>
-#include <ctime>
+#include <iterator>
 #include <utility>
 
 #include "tools/base/times.h"
@@ -15,7 +18,6 @@ namespace {
 // Whom a camera HAL runs as, Android's user "cameraserver". A record does not know its own.
 constexpr std::string_view USER = " 1047";
 constexpr size_t TAG_WIDTH = 8;
-constexpr size_t ID_WIDTH = 5;
 
 // A form: what stands around a message. D stands for the time, P for the priority, T for the padded
 // tag, t for the bare one, I for user and process, J for the thread; the rest is itself.
@@ -37,70 +39,37 @@ constexpr std::array<Layout, 8> LAYOUTS = {{
     {"long", "[ D I:J P/T ]\n", "\n\n"},
 }};
 
-void AppendNumber(std::string& text, int64_t number, size_t width, char fill = ' ') {
-    std::array<char, 24> digits;  // NOLINT(*-member-init): to_chars fills it.
-    const char* const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
-    const auto length = static_cast<size_t>(end - digits.data());
-    text.append(std::max<size_t>(width, length) - length, fill);
-    text.append(digits.data(), length);
-}
-
 // "YYYY-MM-DD hh:mm:ss". Lines come by the thousand a second, so it is made once a second.
 std::string_view DateOf(int64_t second) {
     thread_local int64_t shownSecond = 0;
-    thread_local std::array<char, 40> shown{};
-    thread_local size_t length = 0;
-    if (length == 0 || second != shownSecond) {
-        const auto time = static_cast<time_t>(second);
-        tm calendar{};
-        gmtime_r(&time, &calendar);
-        length = std::strftime(shown.data(), shown.size(), "%Y-%m-%d %H:%M:%S", &calendar);
+    thread_local std::string shown;
+    if (shown.empty() || second != shownSecond) {
+        shown = fmt::format("{:%F %T}", fmt::gmtime(second));
         shownSecond = second;
     }
-    return {shown.data(), length};
+    return shown;
 }
 
 void AppendTime(std::string& text, const Format& format, int64_t time) {
-    int64_t second = time / SECOND;
-    int64_t fraction = time % SECOND;
-    if (fraction < 0) {
-        --second;
-        fraction += SECOND;
-    }
-    const bool isNumber = format.isEpoch || format.isMonotonic;
-    if (isNumber) {
-        AppendNumber(text, second, format.isMonotonic ? 6 : 19);
+    using std::chrono::floor, std::chrono::seconds, std::chrono::microseconds;
+    const int64_t second = floor<seconds>(microseconds(time)).count();
+    if (format.isEpoch || format.isMonotonic) {
+        text += fmt::format("{:{}}", second, format.isMonotonic ? 6 : 19);
     } else {
         const std::string_view date = DateOf(second);
         text += format.hasYear ? date : date.substr(date.find('-', 1) + 1);
     }
-    text += '.';
-    if (format.digits == 9) {
-        AppendNumber(text, fraction * 1000, 9, '0');
-    } else if (format.digits == 6) {
-        AppendNumber(text, fraction, 6, '0');
-    } else {
-        AppendNumber(text, fraction / 1000, 3, '0');
-    }
-    if (format.hasZone && !isNumber) {
-        text += " +0000";
-    }
+    const int64_t nanoseconds = (time - second * SECOND) * 1000;
+    text.append(fmt::format(".{:09}", nanoseconds), 0, 1 + format.digits);
+    text += format.hasZone && !format.isEpoch && !format.isMonotonic ? " +0000" : "";
 }
 
 std::string_view ColorOf(char priority) {
-    switch (priority) {
-        case 'D':
-            return "\x1B[38;5;75m";
-        case 'I':
-            return "\x1B[38;5;40m";
-        case 'W':
-            return "\x1B[38;5;166m";
-        case 'E':
-        case 'F':
-            return "\x1B[38;5;196m";
-        default:
-            return "\x1B[38;5;231m";
-    }
+    return priority == 'D'                      ? "\x1B[38;5;75m"
+           : priority == 'I'                    ? "\x1B[38;5;40m"
+           : priority == 'W'                    ? "\x1B[38;5;166m"
+           : priority == 'E' || priority == 'F' ? "\x1B[38;5;196m"
+                                                : "\x1B[38;5;231m";
 }
 
 void AppendLayout(std::string& text, const Format& format, const Record& record,
@@ -125,10 +94,10 @@ void AppendLayout(std::string& text, const Format& format, const Record& record,
                     text += USER;
                     text += format.form == Form::Threadtime ? ' ' : ':';
                 }
-                AppendNumber(text, record.process, ID_WIDTH);
+                fmt::format_to(std::back_inserter(text), "{:5}", record.process);
                 break;
             case 'J':
-                AppendNumber(text, record.thread, ID_WIDTH);
+                fmt::format_to(std::back_inserter(text), "{:5}", record.thread);
                 break;
             default:
                 text += part;

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -31,7 +32,7 @@ struct Format {
     bool hasZone = false;
     bool isEpoch = false;      // Seconds since 1970.
     bool isMonotonic = false;  // Seconds since boot.
-    int digits = 3;            // Of the seconds' fraction: 3, 6 (usec) or 9 (nsec).
+    size_t digits = 3;         // Of the seconds' fraction: 3, 6 (usec) or 9 (nsec).
     bool hasUid = false;
     bool hasColor = false;
     bool isPrintable = false;  // Control characters show as escapes.

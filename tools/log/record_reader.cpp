@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <utility>
@@ -152,13 +153,6 @@ std::string_view WithoutColors(std::string_view line, std::string& plain) {
 bool MayBeTimed(std::string_view line) {
     return !line.empty() &&
            (IsDigit(line[0]) || line[0] == ' ' || line[0] == '[' || line[0] == '\x1B');
-}
-
-// Days since 1970 of a date. Years are counted from March, so that the leap day is the last.
-int64_t DaysOf(int64_t year, int64_t month, int64_t day) {
-    year -= month <= 2 ? 1 : 0;
-    const int64_t dayOfYear = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
-    return 365 * year + year / 4 - year / 100 + year / 400 + dayOfYear - 719'468;
 }
 
 }  // namespace
@@ -600,7 +594,10 @@ bool RecordReader::ReadDate(std::string_view& rest, int64_t& seconds) {
         lastMonth = static_cast<int32_t>(month);
         number = year;
     }
-    seconds = ((DaysOf(number, month, day) * 24 + hour) * 60 + minute) * 60 + second;
+    const std::chrono::sys_days date = std::chrono::year(static_cast<int>(number)) /
+                                       static_cast<int>(month) / static_cast<int>(day);
+    const int64_t days = date.time_since_epoch().count();
+    seconds = ((days * 24 + hour) * 60 + minute) * 60 + second;
     dateText = rest.substr(0, rest.size() - text.size());
     dateSeconds = seconds;
     rest = text;
