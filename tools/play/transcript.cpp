@@ -17,6 +17,21 @@
 #include "tools/session/calls.h"
 
 namespace tools {
+
+enum class Tally : uint8_t {
+    ScenesStarted,
+    ScenesRefused,
+    FramesStarted,
+    FramesEnded,
+    FramesEvicted,
+    FrameStartsRefused,
+    FrameEndsRefused,
+    StageEventsForwarded,
+    StageEventsRefused,
+    NodeEndsIgnored,
+    ErrorReports,
+};
+
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -39,60 +54,24 @@ constexpr auto ROWS = std::to_array<Row>({
     {"error reports", "errorReports"},
 });
 
-const char* TextOf(Refusal reason) {
-    // In the order of Refusal.
-    constexpr auto texts = std::to_array<const char*>({
-        "",
-        "no scene is running",
-        "not described as a scene to boost",
-        "switched off, or the operation mode is not supported",
-        "by the service",
-        "too many frames in flight",
-        "this node and port end no stage",
-        "already in flight",
-        "does not follow the newest frame",
-        "not in flight",
-        "the frame is not in flight",
-        "the frame is in error",
-        "no such stage",
-        "out of order with another stage",
-        "the stage has run already, or has not started",
-    });
-    return texts[static_cast<size_t>(reason)];
-}
+// Why an event was not done, as the message says that it left; empty: it was.
+constexpr std::pair<MessageKind, std::string_view> REASONS[] = {
+    {MessageKind::FrameStart, ""},
+    {MessageKind::FrameEnd, ""},
+    {MessageKind::StageStart, ""},
+    {MessageKind::StageEnd, ""},
+    {MessageKind::FrameAlreadyExists, "already in flight"},
+    {MessageKind::FrameNotContinuous, "does not follow the newest frame"},
+    {MessageKind::EndedFrameNotExist, "not in flight"},
+    {MessageKind::FrameNotExist, "the frame is not in flight"},
+    {MessageKind::FrameRemoved, "the frame is not in flight"},
+    {MessageKind::FrameInError, "the frame is in error"},
+    {MessageKind::StageNotInRange, "no such stage"},
+    {MessageKind::StageOutOfOrder, "out of order with another stage"},
+    {MessageKind::StageOutOfTurn, "the stage has run already, or has not started"},
+};
 
-// What a message says of the event that left it; nothing where another one does.
-std::optional<Refusal> RefusalOf(MessageKind kind) {
-    switch (kind) {
-        case MessageKind::FrameStart:
-        case MessageKind::FrameEnd:
-        case MessageKind::StageStart:
-        case MessageKind::StageEnd:
-            return Refusal::None;
-        case MessageKind::FrameAlreadyExists:
-            return Refusal::AlreadyInFlight;
-        case MessageKind::FrameNotContinuous:
-            return Refusal::Gap;
-        case MessageKind::EndedFrameNotExist:
-            return Refusal::NotInFlight;
-        case MessageKind::FrameNotExist:
-        case MessageKind::FrameRemoved:
-            return Refusal::FrameNotInFlight;
-        case MessageKind::FrameInError:
-            return Refusal::FrameInError;
-        case MessageKind::StageNotInRange:
-            return Refusal::NoSuchStage;
-        case MessageKind::StageOutOfOrder:
-            return Refusal::OutOfOrder;
-        case MessageKind::StageOutOfTurn:
-            return Refusal::StageOutOfTurn;
-        default:
-            return std::nullopt;
-    }
-}
-
-Tally TallyOf(MessageKind event, Refusal reason) {
-    const bool isDone = reason == Refusal::None;
+Tally TallyOf(MessageKind event, bool isDone) {
     switch (event) {
         case MessageKind::FrameStart:
             return isDone ? Tally::FramesStarted : Tally::FrameStartsRefused;
@@ -187,17 +166,74 @@ int64_t TotalOf(Tally tally, const Counts& counts) {
 std::map<std::string, int64_t> ReasonsOf(Tally tally, const Counts& counts) {
     std::map<std::string, int64_t> reasons;
     for (const auto& [what, count] : counts) {
-        if (what.first == tally && what.second != Refusal::None) {
-            reasons[TextOf(what.second)] += count;
+        if (what.first == tally && !what.second.empty()) {
+            reasons.emplace(what.second, count);
         }
     }
     return reasons;
 }
 
+// What became of a call and of what it led to: from the library's log, the calls that the service
+// saw and, where both are silent, from its result. A running scene's event that left nothing at all
+// is of a frame in error. The library's debug switch must be on.
+Counts CountsOf(const Played& played) {
+    Counts counts;
+    if (played.call == nullptr) {
+        return counts;
+    }
+    const Call& call = *played.call;
+    std::vector<Message> messages;
+    for (const desktop::Effect& effect : played.effects) {
+        if (const auto* service = std::get_if<desktop::ServiceCall>(&effect.event)) {
+            counts[{Tally::ErrorReports, ""}] +=
+                service->function == desktop::ServiceFunction::NotifyErrOfUser ? 1 : 0;
+        } else if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
+            if (const auto message = ParseMessage(line->tag, line->text)) {
+                messages.push_back(*message);
+            }
+        }
+    }
+    const auto count = [&counts](Tally tally, std::string_view reason) {
+        ++counts[{tally, reason}];
+    };
+    const bool isNodeEnd = call.operation == Operation::NodeEnd;
+    if (isNodeEnd && !played.configuration->IsStagePort(call.Get<std::string>(Parameter::NodeName),
+                                                        call.Get<int32_t>(Parameter::PortId))) {
+        count(Tally::NodeEndsIgnored, "this node and port end no stage");
+        return counts;
+    }
+    if (call.operation == Operation::SceneStart && played.result == -1 && messages.empty()) {
+        count(Tally::ScenesRefused, "not described as a scene to boost");
+    }
+    const bool isInScene = isNodeEnd ? !messages.empty() : played.result != -1;
+    EventLines events(EventsOf(call, *played.configuration, isInScene));
+    std::vector<std::string_view> reasons(
+        events.Events().size(), isInScene ? "the frame is in error" : "no scene is running");
+    for (const Message& message : messages) {
+        if (message.kind == MessageKind::SceneDisabled) {
+            count(Tally::ScenesRefused, "switched off, or the operation mode is not supported");
+        } else if (message.kind == MessageKind::SceneStart) {
+            count(message.flag ? Tally::ScenesStarted : Tally::ScenesRefused,
+                  message.flag ? "" : "by the service");
+        } else if (message.kind == MessageKind::TableFull) {
+            count(Tally::FramesEvicted, "too many frames in flight");
+        }
+        const std::optional<size_t> event = events.Take(message);
+        for (const auto& [kind, reason] : REASONS) {
+            if (event && kind == message.kind) {
+                reasons[*event] = reason;
+            }
+        }
+    }
+    for (size_t i = 0; i < reasons.size(); ++i) {
+        count(TallyOf(events.Events()[i].kind, reasons[i].empty()), reasons[i]);
+    }
+    return counts;
+}
+
 class TextTranscript : public Transcript {
   public:
-    TextTranscript(std::ostream& stream, bool quiet, bool debug)
-        : out(stream), isQuiet(quiet), withDebug(debug) {}
+    using Transcript::Transcript;
 
     void Show(const Line& line, uint32_t /*number*/) override {
         if (!isQuiet) {
@@ -212,8 +248,8 @@ class TextTranscript : public Transcript {
         for (size_t row = 0; row < ROWS.size(); ++row) {
             const auto tally = static_cast<Tally>(row);
             out << "  " << std::left << std::setw(24) << ROWS[row].text << std::right
-                << std::setw(8) << TotalOf(tally, Total()) << '\n';
-            for (const auto& [reason, count] : ReasonsOf(tally, Total())) {
+                << std::setw(8) << TotalOf(tally, total) << '\n';
+            for (const auto& [reason, count] : ReasonsOf(tally, total)) {
                 out << std::setw(34) << count << "  " << reason << '\n';
             }
         }
@@ -264,16 +300,11 @@ class TextTranscript : public Transcript {
         }
         out << '\n';
     }
-
-    std::ostream& out;
-    bool isQuiet;
-    bool withDebug;
 };
 
 class JsonTranscript : public Transcript {
   public:
-    JsonTranscript(std::ostream& stream, bool quiet, bool debug)
-        : out(stream), isQuiet(quiet), withDebug(debug) {}
+    using Transcript::Transcript;
 
     void Show(const Line& line, uint32_t number) override {
         if (isQuiet) {
@@ -309,9 +340,9 @@ class JsonTranscript : public Transcript {
     void ShowSummary() override {
         Json json = {{"type", "summary"}};
         for (size_t row = 0; row < ROWS.size(); ++row) {
-            json[ROWS[row].json] = TotalOf(static_cast<Tally>(row), Total());
+            json[ROWS[row].json] = TotalOf(static_cast<Tally>(row), total);
         }
-        json["reasons"] = JsonOfReasons(Total());
+        json["reasons"] = JsonOfReasons(total);
         Write(json);
     }
 
@@ -386,64 +417,9 @@ class JsonTranscript : public Transcript {
     static double Millis(Micros micros) { return static_cast<double>(micros) / 1000; }
 
     void Write(const Json& json) { out << Dump(json) << '\n'; }
-
-    std::ostream& out;
-    bool isQuiet;
-    bool withDebug;
 };
 
 }  // namespace
-
-Counts CountsOf(const Played& played) {
-    Counts counts;
-    if (played.call == nullptr) {
-        return counts;
-    }
-    const Call& call = *played.call;
-    std::vector<Message> messages;
-    for (const desktop::Effect& effect : played.effects) {
-        if (const auto* service = std::get_if<desktop::ServiceCall>(&effect.event)) {
-            counts[{Tally::ErrorReports, Refusal::None}] +=
-                service->function == desktop::ServiceFunction::NotifyErrOfUser ? 1 : 0;
-        } else if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
-            if (const auto message = ParseMessage(line->tag, line->text)) {
-                messages.push_back(*message);
-            }
-        }
-    }
-    const auto count = [&counts](Tally tally, Refusal reason) { ++counts[{tally, reason}]; };
-    const bool isNodeEnd = call.operation == Operation::NodeEnd;
-    if (isNodeEnd && !played.configuration->IsStagePort(call.Get<std::string>(Parameter::NodeName),
-                                                        call.Get<int32_t>(Parameter::PortId))) {
-        count(Tally::NodeEndsIgnored, Refusal::NoStageOfNode);
-        return counts;
-    }
-    if (call.operation == Operation::SceneStart && played.result == -1 && messages.empty()) {
-        count(Tally::ScenesRefused, Refusal::NotDescribed);
-    }
-    const bool isInScene = isNodeEnd ? !messages.empty() : played.result != -1;
-    EventLines events(EventsOf(call, *played.configuration, isInScene));
-    std::vector<Refusal> reasons(events.Events().size(),
-                                 isInScene ? Refusal::FrameInError : Refusal::NoScene);
-    for (const Message& message : messages) {
-        if (message.kind == MessageKind::SceneDisabled) {
-            count(Tally::ScenesRefused, Refusal::Disabled);
-        } else if (message.kind == MessageKind::SceneStart) {
-            count(message.flag ? Tally::ScenesStarted : Tally::ScenesRefused,
-                  message.flag ? Refusal::None : Refusal::RefusedByService);
-        } else if (message.kind == MessageKind::TableFull) {
-            count(Tally::FramesEvicted, Refusal::TooManyInFlight);
-        }
-        const std::optional<size_t> event = events.Take(message);
-        if (const auto reason = RefusalOf(message.kind); event && reason) {
-            reasons[*event] = *reason;
-        }
-    }
-    for (size_t i = 0; i < reasons.size(); ++i) {
-        count(TallyOf(events.Events()[i].kind, reasons[i]), reasons[i]);
-    }
-    return counts;
-}
 
 void Transcript::Show(const Played& played) {
     const Counts counts = CountsOf(played);

@@ -7,6 +7,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "tools/base/finding.h"
@@ -16,49 +17,16 @@
 namespace tools {
 
 // What a transcript counts: a row of its summary each.
-enum class Tally : uint8_t {
-    ScenesStarted,
-    ScenesRefused,
-    FramesStarted,
-    FramesEnded,
-    FramesEvicted,
-    FrameStartsRefused,
-    FrameEndsRefused,
-    StageEventsForwarded,
-    StageEventsRefused,
-    NodeEndsIgnored,
-    ErrorReports,
-};
+enum class Tally : uint8_t;
 
-// Why something was not done.
-enum class Refusal : uint8_t {
-    None,  // It was.
-    NoScene,
-    NotDescribed,
-    Disabled,
-    RefusedByService,
-    TooManyInFlight,
-    NoStageOfNode,
-    AlreadyInFlight,
-    Gap,
-    NotInFlight,
-    FrameNotInFlight,
-    FrameInError,
-    NoSuchStage,
-    OutOfOrder,
-    StageOutOfTurn,
-};
-
-// How often what happened, and why.
-using Counts = std::map<std::pair<Tally, Refusal>, int64_t>;
-
-// What became of a call and of what it led to: from the library's log, the calls that the service
-// saw and, where both are silent, from its result. A running scene's event that left nothing at all
-// is of a frame in error. The library's debug switch must be on.
-Counts CountsOf(const Played& played);
+// How often what happened, and why it was not done; empty: it was.
+using Counts = std::map<std::pair<Tally, std::string_view>, int64_t>;
 
 class Transcript {
   public:
+    // `quiet`: the summary alone is shown. `debug`: log lines and trace counters are shown, too.
+    Transcript(std::ostream& stream, bool quiet, bool debug)
+        : out(stream), isQuiet(quiet), withDebug(debug) {}
     virtual ~Transcript() = default;
     // A line of the session that is no call.
     virtual void Show(const Line& line, uint32_t number) = 0;
@@ -71,14 +39,14 @@ class Transcript {
 
   protected:
     virtual void ShowPlayed(const Played& played, const Counts& counts) = 0;
-    const Counts& Total() const { return total; }
 
-  private:
+    std::ostream& out;
+    const bool isQuiet;
+    const bool withDebug;
     Counts total;
 };
 
-// For people. Quiet: the summary alone. `withDebug`: log lines and counters too. Findings are not
-// shown: people find them on standard error.
+// For people. Findings are not shown: people find them on standard error.
 std::unique_ptr<Transcript> MakeTextTranscript(std::ostream& out, bool isQuiet, bool withDebug);
 
 // For programs: JSON objects, one a line; the summary is the last. Times are milliseconds since the
