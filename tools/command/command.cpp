@@ -131,6 +131,14 @@ Output::Output(const std::string& path) : FileBuffer(path, Mode::Write), std::os
     exceptions(std::ios::badbit);
 }
 
+void WriteFile(const std::string& path, const std::function<void(std::ostream& file)>& write) {
+    if (!path.empty()) {
+        Output file(path);
+        write(file);
+        file.Close();
+    }
+}
+
 void CatchInterrupts() {
     struct sigaction action {};
     action.sa_handler = [](int) { isInterrupted = 1; };

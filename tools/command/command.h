@@ -92,6 +92,9 @@ class Output : private FileBuffer, public std::ostream {
     void Close() { flush(); }
 };
 
+// Lets `write` write the file of an option; nothing where that was not given, and `path` is empty.
+void WriteFile(const std::string& path, const std::function<void(std::ostream& file)>& write);
+
 // From the first call on an interrupt (SIGINT, SIGTERM) no longer ends the process: long work asks
 // IsInterrupted now and then and comes to an end. A second interrupt does end it.
 void CatchInterrupts();

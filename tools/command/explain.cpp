@@ -64,14 +64,6 @@ Account Explain(const std::vector<std::string>& paths, const JudgeOptions& optio
     return MakeAccount(facts, reader.Summary(), names, options);
 }
 
-void WriteFile(const std::string& path, const std::string& text) {
-    if (!path.empty()) {
-        Output file(path);
-        file << text;
-        file.Close();
-    }
-}
-
 // Writes the files for the desk.
 void BringToDesk(const Arguments& arguments, const Account& account, SessionMaker& maker) {
     const std::optional<MadeSession> session = maker.Finish();
@@ -79,7 +71,7 @@ void BringToDesk(const Arguments& arguments, const Account& account, SessionMake
     if (!session) {
         throw CommandError(input + ": error: none of the lines tells of a call");
     }
-    WriteFile(arguments.session, session->text);
+    WriteFile(arguments.session, [&session](std::ostream& file) { file << session->text; });
     if (arguments.configuration.empty()) {
         return;
     }
@@ -94,7 +86,7 @@ void BringToDesk(const Arguments& arguments, const Account& account, SessionMake
         const Configuration completed = Completed(loaded, other.configuration);
         loaded = completed == other.configuration ? completed : loaded;
     }
-    WriteFile(arguments.configuration, ToToml(loaded));
+    WriteFile(arguments.configuration, [&loaded](std::ostream& file) { file << ToToml(loaded); });
 }
 
 int RunExplain(const Arguments& arguments) {
@@ -125,11 +117,7 @@ int RunExplain(const Arguments& arguments) {
     if (arguments.IsForDesk()) {
         BringToDesk(arguments, account, maker);
     }
-    if (!arguments.csv.empty()) {
-        Output csv(arguments.csv);
-        WriteCsv(csv, account);
-        csv.Close();
-    }
+    WriteFile(arguments.csv, [&account](std::ostream& file) { WriteCsv(file, account); });
     arguments.pictures.Write(account, account.inputs.front());
 
     Output out("-");

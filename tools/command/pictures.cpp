@@ -39,16 +39,10 @@ std::optional<std::pair<int64_t, int64_t>> Pictures::Frames() const {
 }
 
 void Pictures::Write(const Account& account, const std::string& title) const {
-    if (!page.empty()) {
-        Output out(page);
-        WritePage(out, account, title, {false, Frames()});
-        out.Close();
-    }
-    if (!trace.empty()) {
-        Output out(trace);
-        WriteTrace(out, account);
-        out.Close();
-    }
+    WriteFile(page, [&](std::ostream& file) {
+        WritePage(file, account, title, {false, Frames()});
+    });
+    WriteFile(trace, [&](std::ostream& file) { WriteTrace(file, account); });
 }
 
 }  // namespace tools

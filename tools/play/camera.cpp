@@ -1,5 +1,6 @@
 #include "tools/play/camera.h"
 
+#include <fmt/format.h>
 #include <toml++/toml.h>
 
 #include <algorithm>
@@ -241,9 +242,7 @@ std::string Describe(const Fault& fault, const Camera& camera) {
 std::string DescribeFaults() {
     std::string text;
     for (const FaultForm& form : FAULT_FORMS) {
-        const std::string usage = UsageOf(form);
-        text +=
-            "  " + usage + std::string(32 - usage.size(), ' ') + std::string(form.meaning) + "\n";
+        text += fmt::format("  {:32}{}\n", UsageOf(form), form.meaning);
     }
     std::string names;
     for (const FaultForm& form : FAULT_FORMS) {

@@ -1,5 +1,8 @@
 #include "tools/session/session.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
@@ -24,8 +27,8 @@ constexpr int64_t MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
 Value ParseValue(Parameter parameter, const Value& type, const Word& word) {
     if (std::holds_alternative<bool>(type)) {
         if (word.isQuoted || (word.text != "true" && word.text != "false")) {
-            throw SessionError(std::string(NameOf(parameter)) + " is " + Quoted(word.text) +
-                               ", expected true or false");
+            throw SessionError(fmt::format("{} is {}, expected true or false", NameOf(parameter),
+                                           Quoted(word.text)));
         }
         return word.text == "true";
     }
@@ -47,7 +50,7 @@ std::string UsageOf(const OperationForm& form) {
     std::string usage(form.name);
     for (size_t i = 0; i < form.parameters.size(); ++i) {
         usage +=
-            " " + std::string(NameOf(form.parameters[i])) + (IsList(form.types[i]) ? "..." : "");
+            fmt::format(" {}{}", NameOf(form.parameters[i]), IsList(form.types[i]) ? "..." : "");
     }
     return usage;
 }
@@ -67,8 +70,8 @@ Call ParseCall(const OperationForm& form, const std::vector<Word>& words) {
         } else if (next < words.size()) {
             call.arguments.push_back(ParseValue(parameter, form.types[i], words[next++]));
         } else {
-            throw SessionError(std::string(NameOf(parameter)) + " is missing, expected " +
-                               UsageOf(form));
+            throw SessionError(
+                fmt::format("{} is missing, expected {}", NameOf(parameter), UsageOf(form)));
         }
     }
     if (next < words.size()) {
@@ -112,8 +115,9 @@ Line ParseWait(const std::vector<Word>& words) {
     const auto micros = ReadDigits<uint32_t>(decimals);
     if (words[1].isQuoted || !millis || !micros || (point < text.size() && !hasDecimals) ||
         *millis > MAX_WAIT_MILLIS) {
-        throw SessionError("milliseconds is " + Quoted(text) + ", expected a number from 0 to " +
-                           std::to_string(MAX_WAIT_MILLIS) + " with up to three decimals");
+        throw SessionError(fmt::format(
+            "milliseconds is {}, expected a number from 0 to {} with up to three decimals",
+            Quoted(text), MAX_WAIT_MILLIS));
     }
     return Wait{int64_t{*millis} * 1000 + *micros};
 }
@@ -128,25 +132,17 @@ Line ParseServiceStatus(const std::vector<Word>& words) {
     return ServiceStatus{*function, ReadInteger<int32_t>(words[2], "status")};
 }
 
-std::string WordsOf(Parameter parameter, const Value& value) {
-    if (const auto* flag = std::get_if<bool>(&value)) {
-        return *flag ? " true" : " false";
-    }
-    if (const auto* number = std::get_if<int32_t>(&value)) {
-        return " " + (parameter == Parameter::OperationMode ? ModeText(*number)
-                                                            : std::to_string(*number));
-    }
-    if (const auto* number = std::get_if<int64_t>(&value)) {
-        return " " + std::to_string(*number);
+std::string TextOf(Parameter parameter, const Value& value) {
+    if (parameter == Parameter::OperationMode) {
+        return ModeText(std::get<int32_t>(value));
     }
     if (const auto* name = std::get_if<std::string>(&value)) {
-        return " " + WordOf(*name);
+        return WordOf(*name);
     }
-    std::string words;
-    for (const int32_t number : std::get<std::vector<int32_t>>(value)) {
-        words += " " + std::to_string(number);
+    if (const auto* list = std::get_if<std::vector<int32_t>>(&value)) {
+        return fmt::format("{}", fmt::join(*list, " "));
     }
-    return words;
+    return std::visit([](const auto& held) { return fmt::format("{}", held); }, value);
 }
 
 struct Writer {
@@ -156,29 +152,23 @@ struct Writer {
         const OperationForm& form = FormOf(call.operation);
         std::string text(form.name);
         for (size_t i = 0; i < call.arguments.size(); ++i) {
-            text += WordsOf(form.parameters[i], call.arguments[i]);
+            const std::string word = TextOf(form.parameters[i], call.arguments[i]);
+            text += (word.empty() ? "" : " ") + word;
         }
         return text;
     }
 
     std::string operator()(const Recording& recording) const {
-        std::string text = std::string(RECORDING) + " " + std::to_string(recording.frames);
-        return recording.first ? text + " " + std::to_string(*recording.first) : text;
+        const std::string text = fmt::format("{} {}", RECORDING, recording.frames);
+        return recording.first ? fmt::format("{} {}", text, *recording.first) : text;
     }
 
     std::string operator()(const Wait& wait) const {
-        std::string text = std::string(WAIT) + " " + std::to_string(wait.micros / 1000);
-        if (wait.micros % 1000 != 0) {
-            // All three decimals, of which a one in front keeps the zeros; those at the end go.
-            text += "." + std::to_string(1000 + wait.micros % 1000).substr(1);
-            text.erase(text.find_last_not_of('0') + 1);
-        }
-        return text;
+        return fmt::format("{} {}", WAIT, static_cast<double>(wait.micros) / MILLISECOND);
     }
 
     std::string operator()(const ServiceStatus& status) const {
-        return std::string(STATUS) + " " + NameOf(status.function) + " " +
-               std::to_string(status.status);
+        return fmt::format("{} {} {}", STATUS, NameOf(status.function), status.status);
     }
 };
 
@@ -213,10 +203,11 @@ Line ParseLine(std::string_view line) {
         names.push_back(form.name);
     }
     const auto meant = Meant(name.text, names);
-    throw SessionError(Quoted(name.text) + " is not known, expected " +
-                       (meant ? std::string(*meant) + ", if that was meant"
-                              : "an operation of TarvoCameraFrameBoost, " + std::string(RECORDING) +
-                                    ", " + std::string(WAIT) + " or " + std::string(STATUS)));
+    throw SessionError(
+        fmt::format("{} is not known, expected {}", Quoted(name.text),
+                    meant ? fmt::format("{}, if that was meant", *meant)
+                          : fmt::format("an operation of TarvoCameraFrameBoost, {}, {} or {}",
+                                        RECORDING, WAIT, STATUS)));
 }
 
 std::string ServiceFunctionNames(std::string_view separator) {
