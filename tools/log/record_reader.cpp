@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "tools/base/times.h"
+#include "tools/base/words.h"
 #include "tools/log/message.h"
 
 namespace tools {
@@ -44,24 +45,19 @@ bool Skip(std::string_view& text, std::string_view words) {
 
 // Takes a number of exactly `digits` digits.
 bool TakeDigits(std::string_view& text, size_t digits, int64_t& number) {
-    if (text.size() < digits) {
+    const auto read = ReadDigits<uint32_t>(text.substr(0, digits));
+    if (!read || text.size() < digits) {
         return false;
     }
-    number = 0;
-    for (size_t i = 0; i < digits; ++i) {
-        if (!IsDigit(text[i])) {
-            return false;
-        }
-        number = 10 * number + (text[i] - '0');
-    }
+    number = *read;
     text.remove_prefix(digits);
     return true;
 }
 
 bool ToNumber(std::string_view text, int32_t& number) {
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, number);
-    return error == std::errc() && stop == end && number >= 0;
+    const auto read = ReadDigits<int32_t>(text);
+    number = read.value_or(-1);
+    return number >= 0;
 }
 
 // Takes the text up to the next blank, with the blanks before it.
@@ -245,10 +241,9 @@ void RecordReader::Read(std::string_view bytes) {
 
 void RecordReader::ReadText(std::string_view text) {
     while (!text.empty()) {
-        const auto* const found =
-            static_cast<const char*>(std::memchr(text.data(), '\n', text.size()));
-        const bool isWhole = found != nullptr;
-        const auto length = isWhole ? static_cast<size_t>(found - text.data()) : text.size();
+        const size_t end = text.find('\n');
+        const bool isWhole = end != std::string_view::npos;
+        const size_t length = std::min(end, text.size());
         if (isWhole && carry.empty()) {
             ReadLine(text.substr(0, length));
         } else {

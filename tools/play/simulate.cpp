@@ -283,7 +283,7 @@ class Simulation {
             return;
         }
         const int64_t frame = station.waiting.front();
-        if (IsDeadFrom(frame, station.stage)) {
+        if (Take(FaultKind::Die, frame, station.stage)) {
             station.isDead = true;
             return;
         }
@@ -366,7 +366,9 @@ class Simulation {
     std::optional<int64_t> Take(FaultKind kind, int64_t frame, int32_t stage = -1) {
         for (size_t i = 0; i < camera.faults.size(); ++i) {
             const Fault& fault = camera.faults[i];
-            const int64_t last = std::max(fault.frame, fault.last);
+            const bool isForever = kind == FaultKind::Die || kind == FaultKind::Restart;
+            const int64_t last =
+                kind == FaultKind::Die ? MAX_FRAMES : std::max(fault.frame, fault.last);
             if (fault.kind == kind && fault.stage == stage && frame >= fault.frame &&
                 frame <= last && !isOver[i]) {
                 isOver[i] = frame == last;
@@ -375,27 +377,14 @@ class Simulation {
                     const bool isDelay = kind == FaultKind::Slow || kind == FaultKind::Stall ||
                                          kind == FaultKind::Freeze;
                     truth->OnFault(i, now,
-                                   kind == FaultKind::Restart ? Truth::FOREVER
-                                   : isDelay                  ? now + fault.amount * MILLISECOND
-                                                              : now);
+                                   isForever ? Truth::FOREVER
+                                   : isDelay ? now + fault.amount * MILLISECOND
+                                             : now);
                 }
                 return fault.amount;
             }
         }
         return std::nullopt;
-    }
-
-    bool IsDeadFrom(int64_t frame, int32_t stage) {
-        for (size_t i = 0; i < camera.faults.size(); ++i) {
-            const Fault& fault = camera.faults[i];
-            if (fault.kind == FaultKind::Die && fault.stage == stage && frame >= fault.frame) {
-                if (truth) {
-                    truth->OnFault(i, now, Truth::FOREVER);
-                }
-                return true;
-            }
-        }
-        return false;
     }
 
     // Whether more than one frame waits for a stage.
