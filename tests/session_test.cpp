@@ -81,7 +81,7 @@ TEST(SessionTest, ReadsWhatItWrites) {
         const std::string text = tools::WriteLine(line);
         try {
             EXPECT_EQ(tools::ParseLine(text), line) << text;
-        } catch (const tools::SessionError& error) {
+        } catch (const tools::LineError& error) {
             ADD_FAILURE() << text << ": " << error.what();
         }
     }

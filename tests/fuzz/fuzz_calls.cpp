@@ -125,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (const auto* call = std::get_if<tools::Call>(&line)) {
                 player.Play(*call);
             }
-        } catch (const tools::SessionError&) {
+        } catch (const tools::LineError&) {
             continue;
         }
     }

@@ -3,30 +3,23 @@
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
+#include <set>
 
 namespace tools {
 namespace {
 
-// Sorted, each once.
-void Add(std::vector<int32_t>& numbers, int32_t number) {
-    const auto place = std::lower_bound(numbers.begin(), numbers.end(), number);
-    if (place == numbers.end() || *place != number) {
-        numbers.insert(place, number);
-    }
-}
-
-// The numbers in a list as dumped: modes such as "0x10x-A", ports such as "1 2 ".
+// The numbers in a list as dumped: modes such as "0x10x-A", ports such as "1 2 "; each once.
 std::vector<int32_t> NumbersOf(std::string_view list, std::string_view separator, int base) {
-    std::vector<int32_t> numbers;
+    std::set<int32_t> numbers;
     for (size_t at = 0; at < list.size();) {
         const size_t end = std::min(list.find(separator, at), list.size());
         int64_t number = 0;
         if (std::from_chars(&list[at], list.data() + end, number, base).ec == std::errc()) {
-            Add(numbers, static_cast<int32_t>(number));
+            numbers.insert(static_cast<int32_t>(number));
         }
         at = end + separator.size();
     }
-    return numbers;
+    return {numbers.begin(), numbers.end()};
 }
 
 }  // namespace

@@ -30,14 +30,6 @@ uint64_t HashOf(const Record& record) {
 
 }  // namespace
 
-void OverlapFilter::Begin() {
-    isComparing = !tail.empty();
-}
-
-void OverlapFilter::End() {
-    Release();
-}
-
 bool OverlapFilter::MayRepeat(uint64_t hash) {
     const size_t position = hashes++;
     if (position == 0) {
@@ -68,8 +60,7 @@ void OverlapFilter::HandOn(const Record& record, const Place& place) {
     sink.OnRecord(record, place);
 }
 
-// Hands on what turned out not to be a repetition.
-void OverlapFilter::Release() {
+void OverlapFilter::End() {
     isComparing = false;
     size_t position = 0;
     for (Held& it : held) {
@@ -91,7 +82,7 @@ void OverlapFilter::OnRecord(const Record& record, const Place& place) {
     }
     held.push_back({record, std::string(record.message), place});
     if (record.isWhole && !MayRepeat(HashOf(record))) {
-        Release();
+        End();
     }
 }
 

@@ -17,8 +17,9 @@ class OverlapFilter : public RecordSink {
   public:
     explicit OverlapFilter(RecordSink& recordSink) : sink(recordSink) {}
 
-    // An input begins, and ends.
-    void Begin();
+    // An input begins.
+    void Begin() { isComparing = !tail.empty(); }
+    // It ends, or is known to repeat no more: hands on what turned out not to be a repetition.
     void End();
 
     void OnRecord(const Record& record, const Place& place) override;
@@ -35,7 +36,6 @@ class OverlapFilter : public RecordSink {
     // Whether what has that hash, the next of the input, may stand in the end of what was read.
     bool MayRepeat(uint64_t hash);
     void HandOn(const Record& record, const Place& place);
-    void Release();
 
     RecordSink& sink;
     std::deque<uint64_t> tail;  // Hashes of the records that were handed on last.

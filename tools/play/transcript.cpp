@@ -257,9 +257,6 @@ class TextTranscript : public Transcript {
 
   private:
     void ShowPlayed(const Played& played, const Counts& counts) override {
-        if (isQuiet) {
-            return;
-        }
         if (played.call != nullptr) {
             ShowCall(*played.call, played.result);
         }
@@ -348,9 +345,6 @@ class JsonTranscript : public Transcript {
 
   private:
     void ShowPlayed(const Played& played, const Counts& counts) override {
-        if (isQuiet) {
-            return;
-        }
         if (played.call == nullptr) {
             Write({{"type", "load"}, {"effects", EffectsOf(played)}});
             return;
@@ -426,7 +420,9 @@ void Transcript::Show(const Played& played) {
     for (const auto& [what, count] : counts) {
         total[what] += count;
     }
-    ShowPlayed(played, counts);
+    if (!isQuiet) {
+        ShowPlayed(played, counts);
+    }
 }
 
 std::unique_ptr<Transcript> MakeTextTranscript(std::ostream& out, bool isQuiet, bool withDebug) {

@@ -27,8 +27,8 @@ constexpr int64_t MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
 Value ParseValue(Parameter parameter, const Value& type, const Word& word) {
     if (std::holds_alternative<bool>(type)) {
         if (word.isQuoted || (word.text != "true" && word.text != "false")) {
-            throw SessionError(fmt::format("{} is {}, expected true or false", NameOf(parameter),
-                                           Quoted(word.text)));
+            throw LineError(fmt::format("{} is {}, expected true or false", NameOf(parameter),
+                                        Quoted(word.text)));
         }
         return word.text == "true";
     }
@@ -70,13 +70,12 @@ Call ParseCall(const OperationForm& form, const std::vector<Word>& words) {
         } else if (next < words.size()) {
             call.arguments.push_back(ParseValue(parameter, form.types[i], words[next++]));
         } else {
-            throw SessionError(
+            throw LineError(
                 fmt::format("{} is missing, expected {}", NameOf(parameter), UsageOf(form)));
         }
     }
     if (next < words.size()) {
-        throw SessionError(Quoted(words[next].text) + " is one too many, expected " +
-                           UsageOf(form));
+        throw LineError(Quoted(words[next].text) + " is one too many, expected " + UsageOf(form));
     }
     return call;
 }
@@ -89,7 +88,7 @@ constexpr std::string_view STATUS_USAGE = "ServiceStatus function status";
 void RequireWords(const std::vector<Word>& words, size_t fewest, size_t most,
                   std::string_view usage) {
     if (words.size() < fewest || words.size() > most) {
-        throw SessionError("wrong number of values, expected " + std::string(usage));
+        throw LineError("wrong number of values, expected " + std::string(usage));
     }
 }
 
@@ -115,7 +114,7 @@ Line ParseWait(const std::vector<Word>& words) {
     const auto micros = ReadDigits<uint32_t>(decimals);
     if (words[1].isQuoted || !millis || !micros || (point < text.size() && !hasDecimals) ||
         *millis > MAX_WAIT_MILLIS) {
-        throw SessionError(fmt::format(
+        throw LineError(fmt::format(
             "milliseconds is {}, expected a number from 0 to {} with up to three decimals",
             Quoted(text), MAX_WAIT_MILLIS));
     }
@@ -126,8 +125,8 @@ Line ParseServiceStatus(const std::vector<Word>& words) {
     RequireWords(words, 3, 3, STATUS_USAGE);
     const auto function = desktop::ServiceFunctionOf(words[1].text);
     if (!function || words[1].isQuoted) {
-        throw SessionError("function is " + Quoted(words[1].text) + ", expected one of " +
-                           ServiceFunctionNames(", "));
+        throw LineError("function is " + Quoted(words[1].text) + ", expected one of " +
+                        ServiceFunctionNames(", "));
     }
     return ServiceStatus{*function, ReadInteger<int32_t>(words[2], "status")};
 }
@@ -203,7 +202,7 @@ Line ParseLine(std::string_view line) {
         names.push_back(form.name);
     }
     const auto meant = Meant(name.text, names);
-    throw SessionError(
+    throw LineError(
         fmt::format("{} is not known, expected {}", Quoted(name.text),
                     meant ? fmt::format("{}, if that was meant", *meant)
                           : fmt::format("an operation of TarvoCameraFrameBoost, {}, {} or {}",
@@ -229,17 +228,17 @@ Session::Session(std::istream& in) : text(std::istreambuf_iterator<char>(in), {}
         text.erase(0, mark.size());
     }
     Parse([](uint32_t, const Line&) { return true; },
-          [this](uint32_t number, const SessionError& error) {
+          [this](uint32_t number, const LineError& error) {
               errors.push_back({"session-line", Severity::Error, error.what(), {0, number}});
           });
 }
 
 void Session::ForEachLine(const std::function<bool(uint32_t, const Line&)>& use) const {
-    Parse(use, [](uint32_t, const SessionError&) {});
+    Parse(use, [](uint32_t, const LineError&) {});
 }
 
 void Session::Parse(const std::function<bool(uint32_t, const Line&)>& use,
-                    const std::function<void(uint32_t, const SessionError&)>& complain) const {
+                    const std::function<void(uint32_t, const LineError&)>& complain) const {
     uint32_t number = 0;
     for (size_t at = 0; at < text.size();) {
         const size_t end = std::min(text.find('\n', at), text.size());
@@ -249,7 +248,7 @@ void Session::Parse(const std::function<bool(uint32_t, const Line&)>& use,
         std::optional<Line> parsed;
         try {
             parsed = ParseLine(line);
-        } catch (const SessionError& error) {
+        } catch (const LineError& error) {
             complain(number, error);
         }
         if (parsed && !use(number, *parsed)) {

@@ -19,8 +19,6 @@
 
 namespace tools {
 
-using SessionError = LineError;
-
 // A line without a call: empty, or a comment, which is text from the '#' on.
 struct Comment {
     std::string text;
@@ -51,7 +49,7 @@ struct ServiceStatus {
 
 using Line = std::variant<Comment, Call, Recording, Wait, ServiceStatus>;
 
-// Reads one line. Throws a SessionError for what is not a line of a session.
+// Reads one line. Throws a LineError for what is not a line of a session.
 Line ParseLine(std::string_view line);
 
 // The line as ParseLine reads it, without a line end. A line feed in a text, for which a session
@@ -72,7 +70,7 @@ class Session {
 
   private:
     void Parse(const std::function<bool(uint32_t, const Line&)>& use,
-               const std::function<void(uint32_t, const SessionError&)>& complain) const;
+               const std::function<void(uint32_t, const LineError&)>& complain) const;
 
     // As it was read: a session of an hour has millions of lines, which take ten times as much
     // memory in any other form.
