@@ -76,6 +76,13 @@ std::string WordOf(std::string_view name) {
     return word + '"';
 }
 
+void RequireWords(const std::vector<Word>& words, size_t fewest, size_t most,
+                  std::string_view usage) {
+    if (words.size() < fewest || words.size() > most) {
+        throw LineError("wrong number of values, expected " + std::string(usage));
+    }
+}
+
 template <typename Integer>
 Integer ReadInteger(const Word& word, std::string_view what, Integer lowest, Integer highest) {
     const std::optional<Integer> value = IntegerOf<Integer>(word);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <charconv>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -35,6 +36,10 @@ std::vector<Word> SplitWords(std::string_view line);
 // A name as SplitWords reads it: in quotes where it has to be. A line feed, for which there is no
 // form, shows as a blank.
 std::string WordOf(std::string_view name);
+
+// Throws a LineError that shows the usage where there are fewer or more words.
+void RequireWords(const std::vector<Word>& words, size_t fewest, size_t most,
+                  std::string_view usage);
 
 // Reads digits to the end of the text; nothing for anything else.
 template <typename Integer>

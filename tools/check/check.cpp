@@ -15,6 +15,7 @@
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
 #include "tools/base/text.h"
+#include "tools/base/words.h"
 
 namespace tools {
 namespace {
@@ -326,11 +327,9 @@ class Checker {
     std::optional<uint64_t> StageNumber(const toml::key& key) {
         constexpr size_t mostDigits = 18;
         const std::string_view text = key.str();
-        const bool isNumber = !text.empty() && text.size() <= mostDigits &&
-                              std::all_of(text.begin(), text.end(),
-                                          [](char digit) { return digit >= '0' && digit <= '9'; });
-        if (isNumber && (text == "0" || text[0] != '0')) {
-            return std::strtoull(std::string(text).c_str(), nullptr, 10);
+        const auto number = ReadDigits<uint64_t>(text);
+        if (number && text.size() <= mostDigits && text == std::to_string(*number)) {
+            return number;
         }
         Add("unknown-key", Severity::Error, key.source(),
             "stage key {} is never asked for, as stages are named 0, 1, 2 and so on: its list is "

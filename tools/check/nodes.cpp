@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <map>
 #include <utility>
@@ -15,26 +14,13 @@ namespace {
 
 // Reads a line of a file of nodes; nothing from an empty one.
 std::optional<ReportedNode> ReadNode(std::string_view line, uint32_t number) {
-    constexpr std::array<const char*, 3> values = {"node", "port", "times"};
-    constexpr const char* usage = "expected a line of node port times";
     const std::vector<Word> words = SplitWords(line);
     if (words.empty()) {
         return std::nullopt;
     }
-    ReportedNode node{words[0].text, 0, 0, number};
-    for (size_t i = 1; i < values.size(); ++i) {
-        if (i == words.size()) {
-            throw LineError(fmt::format("{} is missing, {}", values[i], usage));
-        }
-        (i == 1 ? node.port : node.timesAFrame) = ReadInteger<int32_t>(words[i], values[i]);
-    }
-    if (words.size() > values.size()) {
-        throw LineError(fmt::format("{} is one too many, {}", Quoted(words[3].text), usage));
-    }
-    if (node.timesAFrame < 0) {
-        throw LineError("times is below 0");
-    }
-    return node;
+    RequireWords(words, 3, 3, "a line of node port times");
+    return ReportedNode{words[0].text, ReadInteger<int32_t>(words[1], "port"),
+                        ReadInteger<int32_t>(words[2], "times", 0), number};
 }
 
 Finding MakeFinding(const char* check, Severity severity, uint32_t line, std::string message) {

@@ -85,17 +85,11 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
     message->place = place;
     const Moment moment = MomentOf(record, place);
     summary.hasThreads = summary.hasThreads || record.thread != -1;
-    switch (message->kind) {
-        case MessageKind::NodeEnd:
-        case MessageKind::FrameStart:
-            isInScene = true;
-            break;
-        case MessageKind::SceneEnd:
-        case MessageKind::DumpSwitch:
-            isInScene = false;
-            break;
-        default:
-            break;
+    const MessageKind kind = message->kind;
+    if (kind == MessageKind::NodeEnd || kind == MessageKind::FrameStart) {
+        isInScene = true;
+    } else if (kind == MessageKind::SceneEnd || kind == MessageKind::DumpSwitch) {
+        isInScene = false;
     }
     processes.insert(record.process);
     for (MessageSink* const sink : sinks) {

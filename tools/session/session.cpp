@@ -85,13 +85,6 @@ constexpr std::string_view RECORDING_USAGE = "PlayRecording frames [firstFrame]"
 constexpr std::string_view WAIT_USAGE = "Wait milliseconds";
 constexpr std::string_view STATUS_USAGE = "ServiceStatus function status";
 
-void RequireWords(const std::vector<Word>& words, size_t fewest, size_t most,
-                  std::string_view usage) {
-    if (words.size() < fewest || words.size() > most) {
-        throw LineError("wrong number of values, expected " + std::string(usage));
-    }
-}
-
 Line ParseRecording(const std::vector<Word>& words) {
     RequireWords(words, 2, 3, RECORDING_USAGE);
     Recording recording{ReadInteger<int64_t>(words[1], "frames", 1, MAX_RECORDING_FRAMES), {}};
