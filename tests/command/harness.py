@@ -49,18 +49,24 @@ class CommandTest(unittest.TestCase):
 
     def rows(self, *captures):
         """A row a frame, as CSV has them."""
-        table = self.directory / 'frames.csv'
-        self.run_command('explain', *captures, '--to-csv', table, status=(0, 1))
-        with table.open(encoding='utf-8') as file:
-            return list(csv.DictReader(file))
+        self.run_command('explain', *captures, '--to-csv', 'frames.csv', status=(0, 1))
+        return self.read_rows('frames.csv')
+
+    def read_rows(self, name):
+        """The rows of a table, which is removed: no later run is to be taken for its writer."""
+        path = self.path(name)
+        with path.open(encoding='utf-8') as file:
+            rows = list(csv.DictReader(file))
+        path.unlink()
+        return rows
 
     def replay(self, session, *arguments, log='capture.log'):
-        """The log of a session."""
+        """The log of a session, whose transcript is kept."""
         path = session
         if not isinstance(session, pathlib.Path):
             path = self.path('played.session', session)
         log = self.directory / log
-        self.run_command('replay', path, '--log', log, '--quiet', *arguments)
+        self.transcript = self.run_command('replay', path, '--log', log, *arguments)
         return log
 
     def simulate(self, *arguments, log='capture.log'):
