@@ -117,7 +117,7 @@ class DelayFinder {
         if (judging.IsExplained(behind) &&
             judging.troubles[judging.causes[behind] - 1].finding.check == Check::StageOrder) {
             judging.troubles[judging.causes[behind] - 1].late.push_back(row.number);
-        } else if (schedule.LastStage() < 0 || !Follow(behind, row.number, delay)) {
+        } else if (schedule.LastStage() < 0 || !Follow(behind, row.number, delay, period)) {
             BlameNobody(row);
         }
     }
@@ -153,13 +153,14 @@ class DelayFinder {
 
     // From the output of a late frame back along whatever came later, arrival or the frame ahead,
     // until its delay is explained. False when no stage is to blame.
-    bool Follow(uint32_t late, int64_t number, Micros delay) {
+    bool Follow(uint32_t late, int64_t number, Micros delay, Micros period) {
         uint32_t frame = late;
         int32_t stage = schedule.LastStage();
         const Micros farthest = OutputOf(late) - FARTHEST_BACK - delay;
         Micros explained = 0, worst = 0;
         uint32_t worstFrame = NO_INDEX;
         int32_t worstStage = -1;
+        bool isOfRate = false;
         while (frame != NO_INDEX && stage >= 0) {
             if (!scene.PassOf(frame, stage).HasLeft()) {
                 --stage;
@@ -180,10 +181,18 @@ class DelayFinder {
                     return true;
                 }
             }
+            // It waited for one that came at another rate.
+            isOfRate = isOfRate || (stage == 0 && schedule.PeriodAt(left) > period);
             const Micros usual = stage == 0
                                      ? schedule.PeriodAt(left) * (1 + judging.droppedBefore[frame])
                                      : schedule.UsualDelay(stage);
-            const Micros excess = left - cause.begin - usual - judging.Stood(cause.begin, left);
+            // Where several frames are in a stage at once, one may seem slow that was no longer in
+            // it than all.
+            const Micros arrival = scene.ArrivalOf(frame, stage);
+            const Micros least = stage == 0 || arrival == NO_TIME
+                                     ? cause.begin
+                                     : std::max(cause.begin, arrival + schedule.UsualStay(stage) - usual);
+            const Micros excess = left - least - usual - judging.Stood(least, left);
             explained += std::max<Micros>(excess, 0);
             if (excess > worst) {
                 worst = excess;
@@ -201,7 +210,7 @@ class DelayFinder {
                            : std::max({Micros{2500}, schedule.UsualDelay(worstStage) * 15 / 100,
                                        2 * judging.resolution});
         if (worstFrame == NO_INDEX || worst <= least) {
-            return false;
+            return isOfRate;
         }
         std::vector<Blamed>& blamed = blamedOf[worstStage];
         const auto known = std::find_if(blamed.begin(), blamed.end(), [&](const Blamed& other) {

@@ -244,11 +244,12 @@ void Schedule::FindKeptBack(int32_t stage) {
         scene.PassOf(left.back(), stage).left - scene.PassOf(left.front(), stage).left;
     const Micros coming = lastArrival - scene.ArrivalOf(came.front(), stage);
     const bool keepsUp = MedianOf(spacings, period) <= slowest + slowest / 20 + MILLISECOND / 2 &&
-                         leaving <= coming + coming / 50 + 2 * period;
+                         leaving <= coming + coming / 50 + (2 + *low) * slowest;
     if (*low < 1 || !keepsUp) {
         return;
     }
-    const auto kept = static_cast<size_t>(*low);
+    // Frames that are lost make it seem fewer now and then.
+    const auto kept = static_cast<size_t>(MedianOf(inside, 0));
     keptBack[Index(stage)] = static_cast<int32_t>(kept);
     auto& trigger = triggers[Index(stage)];
     trigger.assign(scene.frames.size(), NO_INDEX);
