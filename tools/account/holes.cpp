@@ -75,6 +75,15 @@ Micros LastLeft(const Scene& scene, int32_t stage, Micros time) {
     return next == left.begin() ? scene.begin : scene.PassOf(*std::prev(next), stage).left;
 }
 
+// Whether the stage ends no frame after that time although some come to it.
+bool EndsNoMore(const Scene& scene, int32_t stage, Micros time) {
+    const auto lastOf = [&scene](int32_t which) {
+        const auto& left = scene.order[static_cast<size_t>(which)];
+        return left.empty() ? NO_TIME : scene.PassOf(left.back(), which).left;
+    };
+    return stage > 0 && lastOf(stage) <= time && lastOf(stage - 1) > time;
+}
+
 // A silence that has swallowed the ends of several stages has swallowed lines.
 void FindSwallowed(Judging& judging) {
     const Scene& scene = judging.scene;
@@ -119,7 +128,7 @@ void FindSwallowed(Judging& judging) {
         const Micros before = silence.begin - 2 * judging.schedule.PeriodAt(silence.begin);
         std::erase_if(stages, [&](int32_t stage) {
             const Micros last = LastLeft(scene, stage, silence.begin);
-            return std::any_of(
+            return EndsNoMore(scene, stage, silence.end) || std::any_of(
                 std::lower_bound(expected.begin(), expected.end(), std::pair(last, stage)),
                 std::lower_bound(expected.begin(), expected.end(), std::pair(before, -1)),
                 [stage](const auto& end) { return end.second == stage; });
