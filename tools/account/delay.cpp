@@ -93,7 +93,10 @@ class DelayFinder {
                 overtaken = other;
             }
         }
-        const Micros delay = row.interval - period - missing;
+        Micros delay = row.interval - period - missing;
+        const double small =
+            (missing > 0 ? SMALL_BESIDE_MISSING : SMALL) * static_cast<double>(period);
+        delay -= judging.Stood(from, to);
         if (const auto standstill = std::find_if(
                 judging.troubles.begin(), judging.troubles.end(),
                 [&](const Trouble& trouble) {
@@ -101,12 +104,11 @@ class DelayFinder {
                            trouble.finding.time < to && trouble.finding.time >= from - FOR_GOOD &&
                            judging.Stood(from, to) > 0;
                 });
-            standstill != judging.troubles.end()) {
+            standstill != judging.troubles.end() && static_cast<double>(delay) < small) {
             standstill->late.push_back(row.number);
             return;
         }
-        if (static_cast<double>(delay) <
-            (missing > 0 ? SMALL_BESIDE_MISSING : SMALL) * static_cast<double>(period)) {
+        if (static_cast<double>(delay) < small) {
             if (lost && judging.IsExplained(*lost)) {
                 judging.troubles[judging.causes[*lost] - 1].late.push_back(row.number);
             }
@@ -189,9 +191,10 @@ class DelayFinder {
             // Where several frames are in a stage at once, one may seem slow that was no longer in
             // it than all.
             const Micros arrival = scene.ArrivalOf(frame, stage);
-            const Micros least = stage == 0 || arrival == NO_TIME
-                                     ? cause.begin
-                                     : std::max(cause.begin, arrival + schedule.UsualStay(stage) - usual);
+            const Micros least =
+                stage == 0 || arrival == NO_TIME
+                    ? cause.begin
+                    : std::max(cause.begin, arrival + schedule.UsualStay(stage) - usual);
             const Micros excess = left - least - usual - judging.Stood(least, left);
             explained += std::max<Micros>(excess, 0);
             if (excess > worst) {

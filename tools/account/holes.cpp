@@ -99,7 +99,8 @@ void FindSwallowed(Judging& judging) {
                 free = std::max(free, scene.PassOf(frame, stage).left);
                 continue;
             }
-            if (row.isEnded) {
+            // What a stage keeps back ends when others come.
+            if (row.isEnded || judging.schedule.KeptBack(stage) > 0) {
                 continue;
             }
             if (stage == 0 && row.start != NO_TIME) {
@@ -128,10 +129,11 @@ void FindSwallowed(Judging& judging) {
         const Micros before = silence.begin - 2 * judging.schedule.PeriodAt(silence.begin);
         std::erase_if(stages, [&](int32_t stage) {
             const Micros last = LastLeft(scene, stage, silence.begin);
-            return EndsNoMore(scene, stage, silence.end) || std::any_of(
-                std::lower_bound(expected.begin(), expected.end(), std::pair(last, stage)),
-                std::lower_bound(expected.begin(), expected.end(), std::pair(before, -1)),
-                [stage](const auto& end) { return end.second == stage; });
+            return EndsNoMore(scene, stage, silence.end) ||
+                   std::any_of(
+                       std::lower_bound(expected.begin(), expected.end(), std::pair(last, stage)),
+                       std::lower_bound(expected.begin(), expected.end(), std::pair(before, -1)),
+                       [stage](const auto& end) { return end.second == stage; });
         });
         if (stages.size() >= 2) {
             judging.holes.push_back(silence.begin);
@@ -237,8 +239,13 @@ void FindStandstills(Judging& judging) {
                                                : scene.ArrivalOf(*next, stage);
                 if (begin != NO_TIME && begin <= silence.begin) {
                     stages.insert(stage);
-                    const Micros usual = keepsBack ? judging.schedule.UsualDelay(stage)
-                                                   : judging.schedule.UsualStay(stage);
+                    Micros usual = keepsBack ? judging.schedule.UsualDelay(stage)
+                                             : judging.schedule.UsualStay(stage);
+                    // It came from the last stage whose end is told.
+                    for (int32_t untold = stage - 1;
+                         untold >= 0 && !scene.PassOf(*next, untold).HasLeft(); --untold) {
+                        usual += judging.schedule.UsualStay(untold);
+                    }
                     hasJustCome =
                         hasJustCome || silence.begin - begin <= usual + judging.schedule.Period();
                     break;

@@ -68,14 +68,17 @@ void FindMissingNumbers(Judging& judging) {
         const int64_t before = i == 0 ? *scene.opener : scene.frames[left[i - 1]].number;
         const Micros from = i == 0 ? scene.opened : scene.PassOf(left[i - 1], 0).left;
         const Place place = i == 0 ? scene.from : scene.PassOf(left[i - 1], 0).place;
-        const auto step = static_cast<uint64_t>(next.number) - static_cast<uint64_t>(before);
+        const bool isAhead = next.epoch == epoch && next.number > before;
+        const auto step =
+            isAhead ? static_cast<uint64_t>(next.number) - static_cast<uint64_t>(before) : 1;
         const Micros to = scene.PassOf(left[i], 0).left;
-        const Micros period = judging.schedule.PeriodAt(to);
+        const Micros period =
+            std::min(judging.schedule.PeriodAt(from), judging.schedule.PeriodAt(to));
         // By how much stage 0 is behind the sensor: what it drops meanwhile takes no time here.
         const Micros passed = lag + to - from;
         lag = std::max<Micros>(
             passed - static_cast<Micros>(std::min<uint64_t>(step, MOST_MISSING)) * period, 0);
-        if (next.epoch != epoch || next.number <= before || step < 2 || step > MOST_MISSING) {
+        if (step < 2 || step > MOST_MISSING) {
             continue;
         }
         if (known.empty()) {
@@ -103,8 +106,11 @@ void FindMissingNumbers(Judging& judging) {
             continue;
         }
         const auto count = static_cast<Micros>(missing.size());
+        const bool isTimed =
+            std::none_of(scene.clockSteps.begin(), scene.clockSteps.end(),
+                         [&](const auto& clock) { return clock.time >= from && clock.time <= to; });
         const bool isSkipped =
-            hasPace &&
+            hasPace && isTimed &&
             passed < static_cast<Micros>(SKIPPED_SHARE * static_cast<double>((count + 1) * period));
         const StagePass& pass = scene.PassOf(left[i], 0);
         const uint32_t first = rows.empty() ? NO_INDEX : rows.front();
@@ -272,6 +278,22 @@ void RaiseStanding(Judging& judging, Standing& standing, Micros stop, const char
     scene.neverOut.insert(scene.neverOut.end(), numbers.begin(), numbers.end());
 }
 
+// When the first frame behind this one left the stage after that moment; NO_TIME when none did.
+Micros PassedAt(const Scene& scene, uint32_t frame, int32_t stage, Micros since) {
+    if (stage >= scene.stageCount) {
+        return NO_TIME;
+    }
+    const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
+    const Frame& row = scene.frames[frame];
+    auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t other) {
+        return scene.PassOf(other, stage).left <= since;
+    });
+    next = std::find_if(next, left.end(), [&](uint32_t other) {
+        return scene.frames[other].epoch == row.epoch && scene.frames[other].number > row.number;
+    });
+    return next == left.end() ? NO_TIME : scene.PassOf(*next, stage).left;
+}
+
 // How far each stage has got, and in the last place the ends of frames, in each count of numbers.
 std::vector<int64_t> NewestOf(const Scene& scene, size_t epochs) {
     const auto stages = static_cast<size_t>(scene.stageCount);
@@ -311,13 +333,14 @@ void FindLost(Judging& judging) {
             (judging.neverHit && stage >= *judging.neverHit)) {
             continue;
         }
-        if (judging.IsDoubtful(frame)) {
+        const Micros since = judging.LastOf(frame).second;
+        if (judging.IsDoubtful(frame) ||
+            judging.HasHole(since, PassedAt(scene, frame, stage, since))) {
             row.isUntold = true;
             continue;
         }
         const size_t column = stage < scene.stageCount ? static_cast<size_t>(stage) : stages;
         const bool isPassed = newest[row.epoch * (stages + 1) + column] > row.number;
-        const Micros since = judging.LastOf(frame).second;
         const Micros stop = stops[row.epoch];
         if (isPassed || row.isEnded) {
             const Frame* before =

@@ -76,23 +76,8 @@ Schedule::Schedule(Scene& measured)
         });
     }
 
-    std::vector<Micros> times;
-    std::vector<Place> places;
-    if (stageCount > 0 && !scene.order[0].empty()) {
-        for (const uint32_t frame : scene.order[0]) {
-            times.push_back(scene.PassOf(frame, 0).left);
-            places.push_back(scene.PassOf(frame, 0).place);
-        }
-    } else {
-        for (const Frame& frame : scene.frames) {
-            if (frame.start != NO_TIME) {
-                times.push_back(frame.start);
-                places.push_back(frame.place);
-            }
-        }
-    }
     if (scene.hasTimes) {
-        FindRates(times, places);
+        FindRates(Comings());
     }
     for (int32_t stage = 1; stage < scene.stageCount; ++stage) {
         FindKeptBack(stage);
@@ -127,21 +112,54 @@ Schedule::Cause Schedule::CauseOf(uint32_t frame, int32_t stage) const {
     return {arrival, stage == 0 ? before : trigger, stage == 0};
 }
 
+// Frames as the sensor delivers them: as they leave stage 0; without stages, as they are started.
+std::vector<Schedule::Coming> Schedule::Comings() const {
+    std::vector<Coming> comings;
+    const auto add = [&](const Frame& frame, Micros time, const Place& place) {
+        Coming coming{time, NO_TIME, place, frame.number, frame.epoch, false};
+        if (!comings.empty()) {
+            const Coming& before = comings.back();
+            coming.interval = time - before.time;
+            // Dropped ones took their time, too. A HAL may also count by two.
+            const auto step =
+                static_cast<uint64_t>(frame.number) - static_cast<uint64_t>(before.number);
+            if (frame.epoch == before.epoch && frame.number > before.number && step < 1000) {
+                coming.isAfterGap = step > 1;
+                coming.interval = std::max(coming.interval / static_cast<Micros>(step),
+                                           std::min(coming.interval, period));
+            }
+        }
+        comings.push_back(coming);
+    };
+    if (stageCount > 0 && !scene.order[0].empty()) {
+        for (const uint32_t frame : scene.order[0]) {
+            const StagePass& pass = scene.PassOf(frame, 0);
+            add(scene.frames[frame], pass.left, pass.place);
+        }
+    } else {
+        for (const Frame& frame : scene.frames) {
+            if (frame.start != NO_TIME) {
+                add(frame, frame.start, frame.place);
+            }
+        }
+    }
+    return comings;
+}
+
 // Stretches in which the intervals are steady, and others than the scene's: a second at a time,
 // joined where they are alike.
-void Schedule::FindRates(const std::vector<Micros>& times, const std::vector<Place>& places) {
+void Schedule::FindRates(const std::vector<Coming>& comings) {
     std::vector<Micros> intervals;
-    for (size_t from = 0; from + 1 < times.size();) {
-        size_t to = from + 1;
+    for (size_t from = 0; from + 1 < comings.size();) {
+        size_t to = from;
         intervals.clear();
-        while (to < times.size() && times[to] - times[from] < RATE_LENGTH) {
-            ++to;
-        }
-        to = std::min(to, times.size() - 1);
-        for (size_t i = from; i < to; ++i) {
-            intervals.push_back(times[i + 1] - times[i]);
-        }
+        do {
+            intervals.push_back(comings[++to].interval);
+        } while (to + 1 < comings.size() && comings[to].time - comings[from].time < RATE_LENGTH);
         const Micros usual = MedianOf(intervals, period);
+        const auto isUsual = [&](size_t which) {
+            return IsNear(comings[which].interval, usual, SAME_RATE);
+        };
         const auto steady =
             std::count_if(intervals.begin(), intervals.end(),
                           [usual](Micros interval) { return IsNear(interval, usual, SAME_RATE); });
@@ -156,34 +174,36 @@ void Schedule::FindRates(const std::vector<Micros>& times, const std::vector<Pla
         }
         // From where such an interval begins, as far as they go on.
         size_t first = from;
-        while (first > 0 && (rates.empty() || times[first - 1] >= rates.back().end) &&
-               IsNear(times[first] - times[first - 1], usual, SAME_RATE)) {
+        while (first > 0 && (rates.empty() || comings[first - 1].time >= rates.back().end) &&
+               isUsual(first)) {
             --first;
         }
-        while (first < to && !IsNear(times[first + 1] - times[first], usual, SAME_RATE)) {
+        while (first < to && !isUsual(first + 1)) {
             ++first;
         }
         size_t last = to;
-        while (last + 1 < times.size() && IsNear(times[last + 1] - times[last], usual, SAME_RATE)) {
+        while (last + 1 < comings.size() && isUsual(last + 1)) {
             ++last;
         }
-        while (last > first && !IsNear(times[last] - times[last - 1], usual, SAME_RATE)) {
+        while (last > first && !isUsual(last)) {
             --last;
         }
-        // A stage 0 that was slow itself makes up for it afterwards.
-        const bool isCaughtUp = usual > period && last + 1 < times.size() &&
-                                times[last + 1] - times[last] < period * 4 / 5;
-        if (last > first && times[last] - times[first] >= RATE_LENGTH * 9 / 10 && !isCaughtUp) {
-            const auto mean = (times[last] - times[first]) / static_cast<Micros>(last - first);
+        // A stage 0 that was slow itself makes up for it afterwards, or has no room for some.
+        const bool isCaughtUp =
+            usual > period && last + 1 < comings.size() &&
+            (comings[last + 1].interval < period * 4 / 5 || comings[last + 1].isAfterGap);
+        const Micros length = comings[last].time - comings[first].time;
+        if (last > first && length >= RATE_LENGTH * 9 / 10 && !isCaughtUp) {
+            const Micros mean = length / static_cast<Micros>(last - first);
             if (!rates.empty() && IsNear(rates.back().period, usual, SAME_RATE) &&
-                times[first] - rates.back().end < RATE_LENGTH) {
-                rates.back().end = times[last];
+                comings[first].time - rates.back().end < RATE_LENGTH) {
+                rates.back().end = comings[last].time;
             } else {
                 RateStretch stretch;
-                stretch.begin = times[first];
-                stretch.end = times[last];
+                stretch.begin = comings[first].time;
+                stretch.end = comings[last].time;
                 stretch.period = IsNear(mean, usual, SAME_RATE) ? mean : usual;
-                stretch.place = places[std::min(first + 1, places.size() - 1)];
+                stretch.place = comings[std::min(first + 1, comings.size() - 1)].place;
                 rates.push_back(stretch);
             }
         }
