@@ -119,7 +119,8 @@ class DelayFinder {
         if (judging.IsExplained(behind) &&
             judging.troubles[judging.causes[behind] - 1].finding.check == Check::StageOrder) {
             judging.troubles[judging.causes[behind] - 1].late.push_back(row.number);
-        } else if (schedule.LastStage() < 0 || !Follow(behind, row.number, delay, period)) {
+        } else if (schedule.LastStage() < 0 ||
+                   !Follow(behind, row.number, from - FARTHEST_BACK, delay, period)) {
             BlameNobody(row);
         }
     }
@@ -155,10 +156,9 @@ class DelayFinder {
 
     // From the output of a late frame back along whatever came later, arrival or the frame ahead,
     // until its delay is explained. False when no stage is to blame.
-    bool Follow(uint32_t late, int64_t number, Micros delay, Micros period) {
+    bool Follow(uint32_t late, int64_t number, Micros farthest, Micros delay, Micros period) {
         uint32_t frame = late;
         int32_t stage = schedule.LastStage();
-        const Micros farthest = OutputOf(late) - FARTHEST_BACK - delay;
         Micros explained = 0, worst = 0;
         uint32_t worstFrame = NO_INDEX;
         int32_t worstStage = -1;

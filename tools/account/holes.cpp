@@ -154,7 +154,7 @@ bool IsSensorAtWork(const Scene& scene, const Span& silence) {
         return false;
     }
     const Micros start = scene.frames[*next].start;
-    return start != NO_TIME && start <= silence.begin;
+    return start == NO_TIME || start <= silence.begin;
 }
 
 }  // namespace

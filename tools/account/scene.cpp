@@ -68,11 +68,13 @@ void FindEvictions(Judging& judging) {
             const bool holdsUp = check == Check::SlowStage || check == Check::Stuck ||
                                  check == Check::FrameLost || check == Check::StageNeverHit ||
                                  check == Check::Standstill || check == Check::StageUnreported;
-            if (holdsUp && trouble.finding.time <= eviction.time) {
-                cause = cause == nullptr || check == Check::SlowStage ||
-                                cause->finding.check != Check::SlowStage
-                            ? &trouble
-                            : cause;
+            // The latest before it; a slow stage rather than what may have come of that.
+            const auto rank = [](const Trouble& one) {
+                return std::pair(one.finding.check == Check::SlowStage, one.finding.time);
+            };
+            if (holdsUp && trouble.finding.time <= eviction.time &&
+                (cause == nullptr || rank(trouble) >= rank(*cause))) {
+                cause = &trouble;
             }
         }
         if (cause != nullptr) {
