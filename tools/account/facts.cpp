@@ -23,7 +23,7 @@ constexpr Micros STRAGGLING = 500 * MILLISECOND;
 // those of a recording. It serves to tell near from far, and nothing else.
 constexpr Micros UNTIMED_LINE = MILLISECOND;
 // A number that goes down by more than this many frames in flight starts again.
-constexpr int64_t FAR_BELOW = PLACES;
+constexpr int64_t FAR_BELOW = 4 * PLACES;
 
 // Whether the line may follow from the node end.
 bool FollowsFrom(int64_t frame, int32_t stage, const Message& message) {
@@ -130,7 +130,9 @@ struct FactsMaker::Running {
 
     bool IsThrough(uint32_t frame) const {
         const Frame& row = scene.frames[frame];
-        return row.isEnded || row.isEvicted ||
+        // One that was pushed out before it came is still to come.
+        return row.isEnded ||
+               (row.isEvicted && (scene.stageCount == 0 || scene.PassOf(frame, 0).HasLeft())) ||
                (scene.stageCount > 0 && scene.PassOf(frame, scene.stageCount - 1).HasLeft());
     }
 
@@ -220,11 +222,12 @@ struct FactsMaker::Running {
         if (end.frame >= 1) {
             auto frame = Find(end.frame);
             // In a new count, or when its frame is through, a number is another frame's.
+            const bool isOfThisCount = frame && scene.frames[*frame].epoch == epoch;
             const bool isOther =
                 frame &&
-                (end.stage == 0 ? before != end.frame &&
-                                      (IsThrough(*frame) || scene.frames[*frame].epoch != epoch)
-                                : IsThrough(*frame) && scene.frames[*frame].epoch != epoch);
+                (end.stage == 0 ? before != end.frame && (IsThrough(*frame) || !isOfThisCount)
+                                : !isOfThisCount && (scene.frames[*frame].isEnded ||
+                                                     scene.PassOf(*frame, end.stage).HasLeft()));
             if (!frame || isOther) {
                 frame = Open(end.frame, end.place, end.time);
             }

@@ -143,7 +143,7 @@ void FindSwallowed(Judging& judging) {
 }
 
 // Whether the first frame that left stage 0 after that time had been started before it.
-bool IsSensorAtWork(const Scene& scene, const Span& silence) {
+bool IsSensorAtWork(const Scene& scene, const Span& silence, Micros period) {
     if (scene.stageCount == 0) {
         return false;
     }
@@ -153,8 +153,11 @@ bool IsSensorAtWork(const Scene& scene, const Span& silence) {
     if (next == scene.order[0].end()) {
         return false;
     }
+    // When all goes on after a short while, it is overdue: else it is another's fault.
     const Micros start = scene.frames[*next].start;
-    return start == NO_TIME || start <= silence.begin;
+    const bool isAtOnce = scene.PassOf(*next, 0).left <= silence.end + period;
+    return (isAtOnce || silence.end - silence.begin > 4 * period) &&
+           (start == NO_TIME || start <= silence.begin);
 }
 
 }  // namespace
@@ -254,7 +257,8 @@ void FindStandstills(Judging& judging) {
         }
         // The sensor is at work, too, if the frame that it owes is the next to come. Behind a stage
         // that has been standing for long it would have no room for that.
-        if (hasJustCome && IsSensorAtWork(scene, silence)) {
+        if (hasJustCome &&
+            IsSensorAtWork(scene, silence, judging.schedule.PeriodAt(silence.begin))) {
             stages.insert(0);
         }
         if (stages.size() < 2) {

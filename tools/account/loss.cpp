@@ -354,12 +354,9 @@ void FindLost(Judging& judging) {
             }
             groups.back().frames.push_back(frame);
         } else if (scene.hasTimes && stage < scene.stageCount) {
-            // One that was only opened when numbers started again is not missed.
-            const bool isLast = row.epoch + size_t{1} == stops.size();
-            const bool isStuck =
-                (isLast || stage > 0) && Stands(judging, frame, stage, since, stop);
-            (isStuck ? standing[row.epoch].stuck : standing[row.epoch].young)[stage].push_back(
-                frame);
+            (Stands(judging, frame, stage, since, stop) ? standing[row.epoch].stuck
+                                                        : standing[row.epoch].young)[stage]
+                .push_back(frame);
         }
     }
     for (const Lost& lost : groups) {
