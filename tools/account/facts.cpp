@@ -290,6 +290,7 @@ struct FactsMaker::Running {
                               int64_t{inFlight.rbegin()->first} + 1 != number;
         if (isForwarded && (isTwice || isGapped)) {
             scene.impossible.push_back(time);
+            inFlight.clear();  // What it was taken to hold has left by lines that are missing.
         }
         const bool isAgain =
             known && (scene.frames[*known].isStarted || scene.frames[*known].isGap ||
