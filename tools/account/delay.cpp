@@ -409,7 +409,8 @@ void FindSlowForGood(Judging& judging) {
                 continue;
             }
             size_t to = from;
-            while (to + 1 < left.size() && schedule.CauseOf(left[to + 1], stage).isInStage) {
+            while (to + 1 < left.size() && schedule.CauseOf(left[to + 1], stage).isInStage &&
+                   scene.frames[left[to + 1]].epoch == scene.frames[left[from]].epoch) {
                 ++to;
             }
             const size_t next = to + 1;

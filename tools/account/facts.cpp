@@ -22,6 +22,8 @@ constexpr Micros STRAGGLING = 500 * MILLISECOND;
 // Where a log has no times, lines count as if this was between them, which is about what is between
 // those of a recording. It serves to tell near from far, and nothing else.
 constexpr Micros UNTIMED_LINE = MILLISECOND;
+// A frame of a count before that was last told of before that is not the one that goes on.
+constexpr Micros LONG_AGO = 2 * SECOND;
 // A number that goes down by more than this many frames in flight starts again.
 constexpr int64_t FAR_BELOW = 4 * PLACES;
 
@@ -227,7 +229,8 @@ struct FactsMaker::Running {
                 frame &&
                 (end.stage == 0 ? before != end.frame && (IsThrough(*frame) || !isOfThisCount)
                                 : !isOfThisCount && (scene.frames[*frame].isEnded ||
-                                                     scene.PassOf(*frame, end.stage).HasLeft()));
+                                                     scene.PassOf(*frame, end.stage).HasLeft() ||
+                                                     end.time - LastOf(*frame) > LONG_AGO));
             if (!frame || isOther) {
                 frame = Open(end.frame, end.place, end.time);
             }
@@ -350,18 +353,20 @@ struct FactsMaker::Running {
         }
     }
 
+    // When the frame was last told of.
+    Micros LastOf(uint32_t frame) const {
+        const Frame& row = scene.frames[frame];
+        Micros time = std::max({row.told, row.start, row.end});
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            time = std::max(time, scene.PassOf(frame, stage).left);
+        }
+        return time;
+    }
+
     // Forgets the frames at the beginning that nothing was told of since.
     void Forget(Micros before) {
-        const auto lastOf = [this](uint32_t frame) {
-            const Frame& row = scene.frames[frame];
-            Micros time = std::max({row.told, row.start, row.end});
-            for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-                time = std::max(time, scene.PassOf(frame, stage).left);
-            }
-            return time;
-        };
         uint32_t old = 0;
-        while (old < scene.frames.size() && lastOf(old) < before) {
+        while (old < scene.frames.size() && LastOf(old) < before) {
             ++old;
         }
         if (old == 0) {

@@ -167,12 +167,12 @@ bool Judging::HasHole(Micros from, Micros to) const {
     return hole != holes.end() && *hole <= to;
 }
 
-bool Judging::IsDoubtful(uint32_t frame) const {
+bool Judging::IsDoubtful(uint32_t frame, Micros until) const {
     if (holes.empty()) {
         return false;
     }
     const Micros first = scene.frames[frame].told;
-    return HasHole(first - NEAR, LastOf(frame).second + NEAR);
+    return HasHole(first - NEAR, std::max(LastOf(frame).second, until) + NEAR);
 }
 
 Micros Judging::Stood(Micros from, Micros to) const {
@@ -219,9 +219,9 @@ void FindHoles(Judging& judging) {
 // was set.
 void FindStandstills(Judging& judging) {
     const Scene& scene = judging.scene;
-    const auto shortest =
-        static_cast<Micros>(STANDSTILL_PERIODS * static_cast<double>(judging.schedule.Period()));
     for (const Scene::Silence& silence : scene.silences) {
+        const auto shortest = static_cast<Micros>(
+            STANDSTILL_PERIODS * static_cast<double>(judging.schedule.PeriodAt(silence.begin)));
         if (!scene.hasTimes || silence.end - silence.begin <= shortest ||
             judging.HasHole(silence.begin - MILLISECOND, silence.end + judging.schedule.Period())) {
             continue;
@@ -236,6 +236,11 @@ void FindStandstills(Judging& judging) {
             });
             for (; next != left.end() && scene.PassOf(*next, stage).left < silence.end + SECOND;
                  ++next) {
+                // One that is overtaken waits for the one that does so.
+                const uint32_t ahead = judging.schedule.Ahead(*next, stage);
+                if (ahead != NO_INDEX && scene.frames[ahead].number > scene.frames[*next].number) {
+                    continue;
+                }
                 // A stage that keeps frames back waits until another one comes.
                 const bool keepsBack = judging.schedule.KeptBack(stage) > 0;
                 const Micros begin = keepsBack ? judging.schedule.CauseOf(*next, stage).begin

@@ -98,7 +98,9 @@ void FindMissingNumbers(Judging& judging) {
                 rows.push_back(row->second);
             }
         }
-        const bool isHole = judging.HasHole(from - 100 * MILLISECOND, to + 100 * MILLISECOND);
+        // A hole that takes so long shows in it.
+        const Micros near = to - from > SECOND / 4 ? MILLISECOND : 100 * MILLISECOND;
+        const bool isHole = judging.HasHole(from - near, to + near);
         if (missing.empty() || isHole) {
             for (const uint32_t row : isHole ? rows : std::vector<uint32_t>()) {
                 scene.frames[row].isUntold = true;
@@ -334,8 +336,7 @@ void FindLost(Judging& judging) {
             continue;
         }
         const Micros since = judging.LastOf(frame).second;
-        if (judging.IsDoubtful(frame) ||
-            judging.HasHole(since, PassedAt(scene, frame, stage, since))) {
+        if (judging.IsDoubtful(frame, PassedAt(scene, frame, stage, since))) {
             row.isUntold = true;
             continue;
         }
