@@ -22,7 +22,7 @@ constexpr Micros STRAGGLING = 500 * MILLISECOND;
 // Where a log has no times, lines count as if this was between them, which is about what is between
 // those of a recording. It serves to tell near from far, and nothing else.
 constexpr Micros UNTIMED_LINE = MILLISECOND;
-// A frame of a count before that was last told of before that is not the one that goes on.
+// After that time a frame of the count before is not expected any more.
 constexpr Micros LONG_AGO = 2 * SECOND;
 // A number that goes down by more than this many frames in flight starts again.
 constexpr int64_t FAR_BELOW = 4 * PLACES;
@@ -225,12 +225,17 @@ struct FactsMaker::Running {
             auto frame = Find(end.frame);
             // In a new count, or when its frame is through, a number is another frame's.
             const bool isOfThisCount = frame && scene.frames[*frame].epoch == epoch;
+            // As it is where lines are missing, the count has got there and its frame stood long.
+            const auto isOfLostLines = [&] {
+                return before && *before < end.frame && end.frame - *before < int64_t{PLACES} &&
+                       end.time - LastOf(*frame) > LONG_AGO;
+            };
             const bool isOther =
-                frame &&
-                (end.stage == 0 ? before != end.frame && (IsThrough(*frame) || !isOfThisCount)
-                                : !isOfThisCount && (scene.frames[*frame].isEnded ||
-                                                     scene.PassOf(*frame, end.stage).HasLeft() ||
-                                                     end.time - LastOf(*frame) > LONG_AGO));
+                frame && (end.stage == 0
+                              ? before != end.frame && (IsThrough(*frame) || !isOfThisCount)
+                              : !isOfThisCount &&
+                                    (scene.frames[*frame].isEnded ||
+                                     scene.PassOf(*frame, end.stage).HasLeft() || isOfLostLines()));
             if (!frame || isOther) {
                 frame = Open(end.frame, end.place, end.time);
             }

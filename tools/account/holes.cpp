@@ -75,13 +75,18 @@ Micros LastLeft(const Scene& scene, int32_t stage, Micros time) {
     return next == left.begin() ? scene.begin : scene.PassOf(*std::prev(next), stage).left;
 }
 
-// Whether the stage ends no frame after that time although some come to it.
+// Whether the stage ends no frame after that time although some come to it, or as none does.
 bool EndsNoMore(const Scene& scene, int32_t stage, Micros time) {
-    const auto lastOf = [&scene](int32_t which) {
+    const auto goesOn = [&](int32_t which) {
         const auto& left = scene.order[static_cast<size_t>(which)];
-        return left.empty() ? NO_TIME : scene.PassOf(left.back(), which).left;
+        return !left.empty() && scene.PassOf(left.back(), which).left > time;
     };
-    return stage > 0 && lastOf(stage) <= time && lastOf(stage - 1) > time;
+    for (int32_t other = 0; other < scene.stageCount; ++other) {
+        if (goesOn(other)) {
+            return stage > 0 && !goesOn(stage) && goesOn(stage - 1);
+        }
+    }
+    return true;
 }
 
 // A silence that has swallowed the ends of several stages has swallowed lines.
