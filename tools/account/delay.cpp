@@ -63,10 +63,7 @@ class DelayFinder {
         Frame& row = scene.frames[frame];
         const Micros from = OutputOf(before);
         const Micros to = OutputOf(frame);
-        const bool isTimed =
-            std::none_of(scene.clockSteps.begin(), scene.clockSteps.end(),
-                         [&](const auto& step) { return step.time >= from && step.time <= to; });
-        if (judging.IsDoubtful(frame) || judging.IsDoubtful(before) || !isTimed ||
+        if (judging.IsDoubtful(frame) || judging.IsDoubtful(before) || !judging.IsTimed(from, to) ||
             scene.frames[before].epoch != row.epoch) {
             return;
         }
@@ -318,9 +315,10 @@ class DelayFinder {
         Micros won = 0;
         for (size_t next = position + 1; next < left.size(); ++next) {
             const Micros time = scene.PassOf(left[next], 0).left;
-            const Micros interval = time - scene.PassOf(left[next - 1], 0).left;
+            const Micros before = scene.PassOf(left[next - 1], 0).left;
+            const Micros interval = time - before;
             const Micros period = schedule.PeriodAt(time);
-            if (interval > period - period / 10) {
+            if (interval > period - period / 10 || !judging.IsTimed(before, time)) {
                 break;
             }
             won += period - interval;

@@ -294,6 +294,11 @@ bool Judging::IsOut(uint32_t frame) const {
                                     : scene.PassOf(frame, schedule.LastStage()).HasLeft();
 }
 
+bool Judging::IsTimed(Micros from, Micros to) const {
+    return std::none_of(scene.clockSteps.begin(), scene.clockSteps.end(),
+                        [&](const auto& step) { return step.time >= from && step.time <= to; });
+}
+
 int32_t Judging::NextStage(uint32_t frame) const {
     for (int32_t stage = scene.stageCount; stage > 0; --stage) {
         if (scene.PassOf(frame, stage - 1).HasLeft()) {

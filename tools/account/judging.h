@@ -58,6 +58,8 @@ struct Judging {
     // Whether lines about the frame may be missing: near those that there are, or until then.
     bool IsDoubtful(uint32_t frame, Micros until = NO_TIME) const;
     bool HasHole(Micros from, Micros to) const;
+    // Whether the clock was not set meanwhile.
+    bool IsTimed(Micros from, Micros to) const;
     // It was in the pipeline when the capture began, in the middle of the scene, or when the scene
     // did: what came before is not in the capture.
     bool IsEarly(uint32_t frame) const;

@@ -108,11 +108,8 @@ void FindMissingNumbers(Judging& judging) {
             continue;
         }
         const auto count = static_cast<Micros>(missing.size());
-        const bool isTimed =
-            std::none_of(scene.clockSteps.begin(), scene.clockSteps.end(),
-                         [&](const auto& clock) { return clock.time >= from && clock.time <= to; });
         const bool isSkipped =
-            hasPace && isTimed &&
+            hasPace && judging.IsTimed(from, to) &&
             passed < static_cast<Micros>(SKIPPED_SHARE * static_cast<double>((count + 1) * period));
         const StagePass& pass = scene.PassOf(left[i], 0);
         const uint32_t first = rows.empty() ? NO_INDEX : rows.front();
