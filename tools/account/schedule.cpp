@@ -264,7 +264,7 @@ void Schedule::FindKeptBack(int32_t stage) {
         scene.PassOf(left.back(), stage).left - scene.PassOf(left.front(), stage).left;
     const Micros coming = lastArrival - scene.ArrivalOf(came.front(), stage);
     const bool keepsUp = MedianOf(spacings, period) <= slowest + slowest / 20 + MILLISECOND / 2 &&
-                         leaving <= coming + coming / 50 + (2 + *low) * slowest;
+                         leaving <= coming + coming / 50 + 2 * period + *low * (slowest - period);
     if (*low < 1 || !keepsUp) {
         return;
     }
