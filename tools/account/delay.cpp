@@ -421,7 +421,8 @@ void FindSlowForGood(Judging& judging) {
                            : work - judging.Stood(done - work, done);
             };
             // The frame that the first of them waits for may be slow, too.
-            if (workOf(from - 1) > OverPeriod(period)) {
+            if (scene.frames[left[from - 1]].epoch == scene.frames[left[from]].epoch &&
+                workOf(from - 1) > OverPeriod(period)) {
                 --from;
             }
             while (from < to && workOf(from) <= OverPeriod(period)) {

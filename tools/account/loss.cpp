@@ -18,6 +18,8 @@ constexpr double SKIPPED_SHARE = 0.6;
 // it.
 constexpr Micros RUNS_EMPTY = SECOND / 4;
 constexpr Micros SENSOR_MAY_OWE = SECOND;
+// Of a hole that swallowed frames there is a trace as near as that to those before and behind.
+constexpr Micros AT_HOLE = 20 * MILLISECOND;
 constexpr uint64_t MOST_MISSING = 100'000;  // More is another count.
 
 bool HasAnyLine(const Scene& scene, uint32_t frame) {
@@ -98,9 +100,8 @@ void FindMissingNumbers(Judging& judging) {
                 rows.push_back(row->second);
             }
         }
-        // A hole that takes so long shows in it.
-        const Micros near = to - from > SECOND / 4 ? MILLISECOND : 100 * MILLISECOND;
-        const bool isHole = judging.HasHole(from - near, to + near);
+        // What a hole has swallowed shows where it begins or ends, and here.
+        const bool isHole = judging.HasHole(from - AT_HOLE, to + AT_HOLE);
         if (missing.empty() || isHole) {
             for (const uint32_t row : isHole ? rows : std::vector<uint32_t>()) {
                 scene.frames[row].isUntold = true;

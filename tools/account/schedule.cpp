@@ -226,9 +226,10 @@ void Schedule::FindKeptBack(int32_t stage) {
     if (came.size() < 2) {
         return;
     }
-    std::stable_sort(came.begin(), came.end(), [this, stage](uint32_t one, uint32_t other) {
+    const auto isBefore = [this, stage](uint32_t one, uint32_t other) {
         return scene.ArrivalOf(one, stage) < scene.ArrivalOf(other, stage);
-    });
+    };
+    std::stable_sort(came.begin(), came.end(), isBefore);
     std::vector<Micros> inside;
     size_t arrived = 0, gone = 0;
     const Micros lastArrival = scene.ArrivalOf(came.back(), stage);
@@ -271,6 +272,13 @@ void Schedule::FindKeptBack(int32_t stage) {
     // Frames that are lost make it seem fewer now and then.
     const auto kept = static_cast<size_t>(MedianOf(inside, 0));
     keptBack[Index(stage)] = static_cast<int32_t>(kept);
+    // Those that never leave let others go, too.
+    for (const uint32_t frame : scene.order[Index(stage - 1)]) {
+        if (!scene.PassOf(frame, stage).HasLeft()) {
+            came.push_back(frame);
+        }
+    }
+    std::stable_sort(came.begin(), came.end(), isBefore);
     auto& trigger = triggers[Index(stage)];
     trigger.assign(scene.frames.size(), NO_INDEX);
     std::vector<Micros> delays;
