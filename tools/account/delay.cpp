@@ -431,18 +431,23 @@ void FindSlowForGood(Judging& judging) {
             while (to > from && workOf(to) <= OverPeriod(period)) {
                 --to;
             }
+            // Of two in turn, as one may take long where the other is quick.
+            std::vector<Micros> pairs;
             Micros sum = 0;
             for (size_t i = from; i <= to; ++i) {
                 const Micros work = workOf(i);
                 sum += work > HANG_PERIODS * period ? period : work;
+                pairs.push_back(work + workOf(i < to ? i + 1 : i));
             }
+            const bool isRule = MedianOf(pairs, 0) > period + OverPeriod(period);
             const Micros mean = sum / static_cast<Micros>(to - from + 1);
             const Micros begin = scene.PassOf(left[from], stage).begin;
             const Micros end = scene.PassOf(left[to], stage).left;
             const bool isBehindAnother =
                 std::any_of(runs.begin(), runs.end(),
                             [&](const SlowRun& run) { return run.begin < end && run.end > begin; });
-            if (end - begin >= FOR_GOOD && mean > OverPeriod(period) && !isBehindAnother) {
+            if (end - begin >= FOR_GOOD && mean > OverPeriod(period) && isRule &&
+                !isBehindAnother) {
                 runs.push_back({stage, begin, end, true, 0});
                 ends.emplace_back(left[from], left[to]);
                 messages.push_back(

@@ -261,11 +261,16 @@ void Schedule::FindKeptBack(int32_t stage) {
     for (const RateStretch& stretch : rates) {
         slowest = std::max(slowest, stretch.period);
     }
-    const Micros leaving =
-        scene.PassOf(left.back(), stage).left - scene.PassOf(left.front(), stage).left;
-    const Micros coming = lastArrival - scene.ArrivalOf(came.front(), stage);
-    const bool keepsUp = MedianOf(spacings, period) <= slowest + slowest / 20 + MILLISECOND / 2 &&
-                         leaving <= coming + coming / 50 + 2 * period + *low * (slowest - period);
+    // Nor do frames stay longer and longer in one that keeps up, but for those that it keeps back
+    // where they come at a slower rate.
+    std::vector<Micros> early, later;
+    for (size_t i = 0; i < came.size(); ++i) {
+        const Micros stay = scene.PassOf(came[i], stage).left - scene.ArrivalOf(came[i], stage);
+        (i < came.size() / 2 ? early : later).push_back(stay);
+    }
+    const bool keepsUp =
+        MedianOf(spacings, period) <= slowest + slowest / 20 + MILLISECOND / 2 &&
+        MedianOf(later, 0) <= MedianOf(early, 0) + period + *low * (slowest - period);
     if (*low < 1 || !keepsUp) {
         return;
     }
