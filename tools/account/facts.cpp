@@ -281,7 +281,9 @@ struct FactsMaker::Running {
             NoteTrouble(frame, message.place, time);
             return;
         }
-        if (hasStarts) {
+        // A HAL that starts a frame by itself may be ahead of the count of stage 0.
+        const bool isNext = lastLeft && number > *lastLeft && number - 1 == *lastLeft;
+        if (hasStarts && !isNext) {
             NoteNumber(number, lastStarted);
         }
         lastStarted = number;

@@ -182,11 +182,11 @@ void Schedule::FindRates(const std::vector<Coming>& comings) {
             ++first;
         }
         size_t last = to;
-        while (last + 1 < comings.size() && isUsual(last + 1)) {
-            ++last;
-        }
         while (last > first && !isUsual(last)) {
             --last;
+        }
+        while (last >= to && last + 1 < comings.size() && isUsual(last + 1)) {
+            ++last;
         }
         // A stage 0 that was slow itself makes up for it afterwards, or has no room for some.
         const bool isCaughtUp =
