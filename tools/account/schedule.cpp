@@ -249,6 +249,10 @@ void Schedule::FindKeptBack(int32_t stage) {
     if (inside.empty()) {
         return;
     }
+    // Nor do more and more wait for one that keeps up.
+    const auto middle = inside.begin() + static_cast<std::ptrdiff_t>(inside.size() / 2);
+    std::vector<Micros> early(inside.begin(), middle), later(middle, inside.end());
+    const bool isGrowing = MedianOf(later, 0) > MedianOf(early, 0) + 1;
     const auto low = inside.begin() + static_cast<std::ptrdiff_t>(inside.size() / 10);
     std::nth_element(inside.begin(), low, inside.end());
     // As long as a frame takes, others come: for a stage that cannot keep up that says nothing.
@@ -261,16 +265,8 @@ void Schedule::FindKeptBack(int32_t stage) {
     for (const RateStretch& stretch : rates) {
         slowest = std::max(slowest, stretch.period);
     }
-    // Nor do frames stay longer and longer in one that keeps up, but for those that it keeps back
-    // where they come at a slower rate.
-    std::vector<Micros> early, later;
-    for (size_t i = 0; i < came.size(); ++i) {
-        const Micros stay = scene.PassOf(came[i], stage).left - scene.ArrivalOf(came[i], stage);
-        (i < came.size() / 2 ? early : later).push_back(stay);
-    }
     const bool keepsUp =
-        MedianOf(spacings, period) <= slowest + slowest / 20 + MILLISECOND / 2 &&
-        MedianOf(later, 0) <= MedianOf(early, 0) + period + *low * (slowest - period);
+        !isGrowing && MedianOf(spacings, period) <= slowest + slowest / 20 + MILLISECOND / 2;
     if (*low < 1 || !keepsUp) {
         return;
     }
