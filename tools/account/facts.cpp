@@ -138,6 +138,12 @@ struct FactsMaker::Running {
                (scene.stageCount > 0 && scene.PassOf(frame, scene.stageCount - 1).HasLeft());
     }
 
+    // Whether it is the newest frame, and had only been opened.
+    bool IsOpenedAlone(uint32_t frame) const {
+        return !inFlight.empty() && inFlight.rbegin()->second == frame &&
+               scene.frames[frame].isStarted && scene.PassOf(frame, 0).seen == STAGE_START;
+    }
+
     static bool IsFarBelow(int64_t number, int64_t before) {
         return before >= std::numeric_limits<int64_t>::min() + FAR_BELOW &&
                number < before - FAR_BELOW;
@@ -223,6 +229,11 @@ struct FactsMaker::Running {
         }
         if (end.frame >= 1) {
             auto frame = Find(end.frame);
+            // One that had only been opened when numbers started again is opened for this count,
+            // too.
+            if (frame && end.stage == 0 && IsOpenedAlone(*frame)) {
+                scene.frames[*frame].epoch = epoch;
+            }
             // In a new count, or when its frame is through, a number is another frame's.
             const bool isOfThisCount = frame && scene.frames[*frame].epoch == epoch;
             // As it is where lines are missing, the count has got there and its frame stood long.
