@@ -60,7 +60,9 @@ const char* WordOf(const Frame& frame) {
         case FrameStatus::Complete:
             return frame.isLate ? "late" : "";
         case FrameStatus::Open:
-            return frame.isUntold ? "unknown" : frame.hasFinding ? "stuck" : NameOf(frame.status);
+            return frame.isUntold     ? "unknown"
+                   : frame.isNeverOut ? "never out"
+                                      : NameOf(frame.status);
         default:
             return NameOf(frame.status);
     }

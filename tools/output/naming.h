@@ -26,8 +26,8 @@ std::string FigureTitleOf(const Scene& scene, size_t stage);
 // "capture.log:17", or "line 17" of the only input; empty for nowhere.
 std::string ToString(const Account& account, const Place& place);
 
-// What became of a frame, in a word: its status, but "late", "stuck" and "unknown" where that says
-// more. Empty for a good frame.
+// What became of a frame, in a word or two: its status, but "late", "never out" and "unknown" where
+// that says more. Empty for a good frame.
 const char* WordOf(const Frame& frame);
 
 // Why a frame is not complete; empty for a complete one.
