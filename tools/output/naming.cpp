@@ -43,7 +43,7 @@ std::string StageTitleOf(const Scene& scene, size_t stage) {
 }
 
 std::string FigureTitleOf(const Scene& scene, size_t stage) {
-    return StageTitleOf(scene, stage) + (stage == 0 ? ", since the frame before" : "");
+    return StageTitleOf(scene, stage) + (stage == 0 ? ": since the frame before" : "");
 }
 
 std::string ToString(const Account& account, const Place& place) {
