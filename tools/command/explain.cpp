@@ -118,7 +118,9 @@ int RunExplain(const Arguments& arguments) {
         BringToDesk(arguments, account, maker);
     }
     WriteFile(arguments.csv, [&account](std::ostream& file) { WriteCsv(file, account); });
-    arguments.pictures.Write(account, account.inputs.front());
+    const size_t more = account.inputs.size() - 1;
+    arguments.pictures.Write(
+        account, account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more)));
 
     Output out("-");
     if (!arguments.other.empty()) {

@@ -39,9 +39,7 @@ std::optional<std::pair<int64_t, int64_t>> Pictures::Frames() const {
 }
 
 void Pictures::Write(const Account& account, const std::string& title) const {
-    WriteFile(page, [&](std::ostream& file) {
-        WritePage(file, account, title, {false, Frames()});
-    });
+    WriteFile(page, [&](std::ostream& file) { WritePage(file, account, title); });
     WriteFile(trace, [&](std::ostream& file) { WriteTrace(file, account); });
 }
 

@@ -2,10 +2,35 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
 namespace tools {
 
+namespace {
+
+// The character at the front, where it is one of U+202A to U+202E and U+2066 to U+2069; else 0.
+uint32_t DirectionOf(std::string_view text) {
+    const auto isWithin = [&text](std::string_view first, std::string_view last) {
+        return text.substr(0, 3) >= first && text.substr(0, 3) <= last;
+    };
+    return isWithin("\u202A", "\u202E") || isWithin("\u2066", "\u2069")
+               ? 0x2000U + (static_cast<uint32_t>(text[1]) & 0x3FU) * 0x40U +
+                     (static_cast<uint32_t>(text[2]) & 0x3FU)
+               : 0;
+}
+
+}  // namespace
+
 std::ostream& operator<<(std::ostream& out, const Escaped& escaped) {
-    for (const char character : escaped.text) {
+    for (size_t i = 0; i < escaped.text.size(); ++i) {
+        if (const uint32_t direction = DirectionOf(escaped.text.substr(i)); direction != 0) {
+            out << fmt::format("\\u{:x}", direction);
+            i += 2;
+            continue;
+        }
+        const char character = escaped.text[i];
         switch (character) {
             case '&':
                 out << "&amp;";
@@ -27,6 +52,41 @@ std::ostream& operator<<(std::ostream& out, const Escaped& escaped) {
         }
     }
     return out;
+}
+
+std::ostream& operator<<(std::ostream& out, const Name& name) {
+    return out << "<bdi>" << Escaped{name.text} << "</bdi>";
+}
+
+std::ostream& operator<<(std::ostream& out, const Markdown& markdown) {
+    std::string_view rest = markdown.text;
+    const auto take = [&rest](std::string_view end) {
+        const size_t length = rest.find(end);
+        const std::string_view taken = rest.substr(0, length);
+        rest.remove_prefix(length == std::string_view::npos ? rest.size() : length + end.size());
+        return taken;
+    };
+    while (!rest.empty()) {
+        const size_t mark = std::min(rest.find_first_of("`["), rest.find("**"));
+        out << Escaped{rest.substr(0, mark)};
+        rest.remove_prefix(std::min(mark, rest.size()));
+        if (rest.starts_with('`')) {
+            take("`");
+            out << "<code>" << Escaped{take("`")} << "</code>";
+        } else if (rest.starts_with('[')) {
+            take("[");
+            out << Escaped{take("](")};
+            take(")");
+        } else if (!rest.empty()) {
+            take("**");
+            out << "<b>" << Escaped{take("**")} << "</b>";
+        }
+    }
+    return out;
+}
+
+std::string Seconds(Micros time) {
+    return fmt::format("{:.3f}", static_cast<double>(time) / 1e6);
 }
 
 std::string ShortMilliseconds(Micros time) {

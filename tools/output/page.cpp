@@ -6,32 +6,51 @@
 #include <array>
 #include <cmath>
 #include <functional>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "tools/base/text.h"
 #include "tools/check/report.h"
 #include "tools/output/html.h"
+#include "tools/output/meaning.h"
+#include "tools/output/naming.h"
 #include "tools/output/page_assets.h"
 
 namespace tools {
 namespace {
 
-constexpr size_t ROWS = 1'500;    // Of the table of frames.
-constexpr size_t FINDINGS = 200;  // Listed.
-
 Micros Between(Micros start, Micros end) {
     return start == NO_TIME || end == NO_TIME ? NO_TIME : end - start;
 }
 
-std::string Seconds(Micros time) {
-    return Fixed(static_cast<double>(time) / 1e6, 3);
+// What the timeline is to show, as a link's target.
+std::string TargetOf(size_t scene, Micros moment, std::optional<int64_t> frame) {
+    std::string target = fmt::format("#scene={}", scene + 1);
+    if (moment != NO_TIME) {
+        target +=
+            fmt::format("&amp;from={}&amp;to={}", Seconds(std::max<Micros>(moment - SECOND / 2, 0)),
+                        Seconds(moment + SECOND));
+    }
+    if (frame) {
+        target += fmt::format("&amp;frame={}", *frame);
+    }
+    return target;
+}
+
+std::string FrameLink(size_t scene, int64_t frame) {
+    return fmt::format("<a href=\"{}\">{}</a>", TargetOf(scene, NO_TIME, frame), frame);
+}
+
+// "150", "150–181", the numbers linked.
+std::string RangeLinks(size_t scene, const FrameRange& range) {
+    return FrameLink(scene, range.first) +
+           (range.first == range.last ? "" : "–" + FrameLink(scene, range.last));
 }
 
 class Page {
   public:
-    Page(std::ostream& stream, const Account& told, const Shown& wanted)
-        : out(stream), account(told), shown(wanted) {}
+    Page(std::ostream& stream, const Account& told) : out(stream), account(told) {}
 
     void Write(const std::string& title) {
         // Nothing is ever fetched, whatever a capture may hold.
@@ -40,22 +59,25 @@ class Page {
 <head>
 <meta charset=utf-8>
 <meta name=viewport content="width=device-width, initial-scale=1">
-<meta http-equiv=Content-Security-Policy content="default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; img-src data:">
+<meta http-equiv=Content-Security-Policy content="default-src 'none'; style-src 'unsafe-inline'; script-src 'sha256-)"
+            << PAGE_SCRIPT_HASH << R"('; img-src data:">
 <link rel=icon href="data:,">
 <title>)" << Escaped{title}
             << "</title>\n<style>" << PAGE_STYLE << "</style>\n</head>\n<body>\n<header>\n<h1>"
-            << Escaped{title} << "</h1>\n";
+            << Name{title} << "</h1>\n";
         const bool isWell = WorstOf(account) == Severity::Note;
         out << "<p class=\"verdict " << (isWell ? "well" : NameOf(WorstOf(account))) << "\">"
             << (isWell ? "✓ " : "") << Escaped{VerdictOf(account)} << "</p>\n";
         WriteInput();
-        out << "</header>\n<main>\n";
+        out << "<noscript><p>The timeline is missing, as scripts are switched off. All else is "
+               "here.</p></noscript>\n</header>\n<main>\n";
         WriteFindings();
         for (size_t i = 0; i < account.scenes.size(); ++i) {
             WriteScene(i);
         }
         WriteFrames();
         WriteConfigurations();
+        WriteWords();
         out << "</main>\n<script>" << PAGE_SCRIPT << "</script>\n</body>\n</html>\n";
     }
 
@@ -66,7 +88,7 @@ class Page {
         const auto next = [&]() -> std::ostream& { return out << std::exchange(separator, ", "); };
         // The only one is the title.
         for (size_t i = 0; account.inputs.size() > 1 && i < account.inputs.size(); ++i) {
-            next() << Escaped{account.inputs[i]};
+            next() << Name{account.inputs[i]};
         }
         if (!account.from.empty()) {
             next() << Escaped{account.from} << " to " << Escaped{account.to};
@@ -104,36 +126,75 @@ class Page {
             return one.finding->severity > other.finding->severity;
         });
         out << "<section aria-labelledby=findings><h2 id=findings>Findings</h2>\n"
-            << (listed.empty() ? "<p>None.</p>\n" : "") << "<ol class=findings>\n";
-        for (size_t i = 0; i < std::min(listed.size(), FINDINGS); ++i) {
-            const auto& [finding, index] = listed[i];
-            WriteFinding(finding->severity, finding->message, NameOf(finding->check));
-            out << " <span class=place>" << Escaped{ToString(account, finding->place)} << "</span>";
-            if (index) {
-                const Micros moment = Between(account.scenes[*index].begin, finding->time);
-                out << " <a href=\"#s" << *index << "\">scene " << *index + 1
-                    << (moment == NO_TIME ? "" : ", " + Seconds(moment) + " s") << "</a>";
-            }
-            out << "</li>\n";
+            << (listed.empty() ? "<p>None.</p>\n" : "<ol class=findings>\n");
+        for (size_t i = 0; i < listed.size(); ++i) {
+            WriteFinding(i + 1, *listed[i].finding, listed[i].scene);
         }
-        out << "</ol>\n";
-        if (listed.size() > FINDINGS) {
-            out << "<p>" << listed.size() - FINDINGS << " more are not listed.</p>\n";
-        }
-        out << "</section>\n";
+        out << (listed.empty() ? "</section>\n" : "</ol></section>\n");
     }
 
-    // All but the end of the item.
-    void WriteFinding(Severity severity, const std::string& message, const std::string& check) {
-        out << "<li class=" << NameOf(severity) << "><b class=severity>" << NameOf(severity)
-            << "</b> " << Escaped{message} << " <code>" << Escaped{check} << "</code>";
+    // `number`: from 1, in the order of the page.
+    void WriteFinding(size_t number, const SceneFinding& finding, std::optional<size_t> scene) {
+        Micros moment = scene ? Between(account.scenes[*scene].begin, finding.time) : NO_TIME;
+        moment = moment < 0 ? NO_TIME : moment;
+        out << "<li class=" << NameOf(finding.severity) << " id=f" << number;
+        const auto add = [this](const char* attribute, bool isKnown, const auto& value) {
+            if (isKnown) {
+                out << attribute << value;
+            }
+        };
+        add(" data-scene=", scene.has_value(), scene.value_or(0));
+        add(" data-time=", moment != NO_TIME, Seconds(moment));
+        add(" data-stage=", finding.stage >= 0, finding.stage);
+        add(" data-frame=", finding.frame.has_value(), finding.frame.value_or(0));
+        out << '>';
+        WriteMessage(finding.severity, finding.message, NameOf(finding.check));
+        out << " <span class=place>" << Name{ToString(account, finding.place)} << "</span>";
+        if (scene) {
+            out << " <a href=\"" << TargetOf(*scene, moment, finding.frame) << "\">scene "
+                << *scene + 1 << (moment == NO_TIME ? "" : ", " + Seconds(moment) + " s") << "</a>";
+        }
+        const Meaning meaning = MeaningOf(finding.check);
+        out << "<details><summary>What <code>" << NameOf(finding.check)
+            << "</code> means, and what to do</summary><dl><dt>What happened<dd>"
+            << Markdown{meaning.what} << "<dt>What to do<dd>" << Markdown{meaning.remedy};
+        if (scene) {
+            WriteFrameLinks(*scene, finding.frames);
+        }
+        out << "</dl></details></li>\n";
+    }
+
+    void WriteFrameLinks(size_t scene, const std::vector<FrameRange>& ranges) {
+        constexpr int64_t LISTED = 50;  // Of a longer range only both ends.
+        const char* separator = "<dt>Frames<dd>";
+        for (const FrameRange& range : ranges) {
+            const bool isListed = range.last - range.first < LISTED;
+            for (int64_t frame = range.first; frame <= (isListed ? range.last : range.first);
+                 ++frame) {
+                out << std::exchange(separator, ", ")
+                    << RangeLinks(scene, {frame, isListed ? frame : range.last});
+            }
+        }
+    }
+
+    void WriteMessage(Severity severity, const std::string& message, const std::string& check) {
+        out << "<b class=severity>" << NameOf(severity) << "</b> " << Name{message} << " <code>"
+            << Escaped{check} << "</code>";
+    }
+
+    // What is wider than the window is scrolled, with keys as well, which takes a region with a
+    // label. `attributes`: of the table.
+    void BeginTable(const std::string& label, const char* attributes, const std::string& caption) {
+        out << "<div class=wide tabindex=0 role=region aria-label=\"" << label << "\"><table"
+            << attributes << "><caption>" << caption << "</caption>";
     }
 
     void WriteScene(size_t index) {
         const Scene& scene = account.scenes[index];
         std::string title = TitleOf(account, index);
         title[0] = 'S';
-        out << "<section id=s" << index << ">\n<h2>" << Escaped{title} << "</h2>\n<p>"
+        out << "<section aria-labelledby=s" << index << ">\n<h2 id=s" << index << '>'
+            << Escaped{title} << "</h2>\n<p>"
             << (scene.isStarted ? "" : "<b>It was not started.</b> ")
             << (scene.isBeginningMissing ? "<b>The capture starts in its middle.</b> " : "")
             << (!scene.isStarted || scene.hasEnd ? "" : "Its end is not in the capture. ")
@@ -159,16 +220,17 @@ class Page {
         }
         out << "</p>\n";
         if (account.hasTimes && !scene.frames.empty()) {
-            WriteFigures(scene);
+            WriteFigures(index);
         }
         out << "</section>\n";
     }
 
-    void WriteFigures(const Scene& scene) {
-        out << "<div class=wide><table class=figures><caption>Times in milliseconds, as exact as "
-               "the capture: to "
-            << ShortMilliseconds(account.resolution)
-            << " ms</caption><thead><tr><th scope=col>times of<th scope=col>n<th scope=col>p50"
+    void WriteFigures(size_t index) {
+        const Scene& scene = account.scenes[index];
+        BeginTable(fmt::format("Figures of scene {}", index + 1), " class=figures",
+                   "Times in milliseconds, as exact as the capture: to " +
+                       ShortMilliseconds(account.resolution) + " ms");
+        out << "<thead><tr><th scope=col>times of<th scope=col>n<th scope=col>p50"
                "<th scope=col>p90<th scope=col>p95<th scope=col>p99<th scope=col>max"
                "<th scope=col>distribution</tr></thead>\n<tbody>";
         WriteFigure(scene, "latency", scene.latency, [&scene](size_t i) {
@@ -181,6 +243,11 @@ class Page {
             const auto timesOf = [&scene, stage](size_t i) {
                 return scene.TimesOf(i, static_cast<int32_t>(stage));
             };
+            if (stage == 0) {  // What it takes is not known: nothing tells when the sensor began.
+                WriteFigure(scene, title, scene.works[stage],
+                            [&timesOf](size_t i) { return timesOf(i).work; });
+                continue;
+            }
             WriteFigure(scene, title, scene.stages[stage],
                         [&timesOf](size_t i) { return Between(timesOf(i).start, timesOf(i).end); });
             if (scene.waits[stage].max > 0) {  // Else all is work.
@@ -198,7 +265,7 @@ class Page {
                      const std::function<Micros(size_t frame)>& valueOf) {
         constexpr Micros BINS = 40;
         constexpr int HEIGHT = 22;
-        out << "<tr><th scope=row>" << Escaped{title} << "<td>" << figures.count;
+        out << "<tr><th scope=row class=name>" << Name{title} << "<td>" << figures.count;
         if (figures.count == 0) {
             out << "<td><td><td><td><td><td></tr>\n";
             return;
@@ -218,7 +285,7 @@ class Page {
             }
         }
         out << "<td><svg class=histogram role=img width=" << BINS * 4 << " height=" << HEIGHT
-            << "><title>0 to " << ShortMilliseconds(bin * BINS)
+            << "><title>" << Escaped{title} << ": 0 to " << ShortMilliseconds(bin * BINS)
             << " ms; the last bar is all beyond</title><path d=\"";
         const auto most = static_cast<double>(*std::max_element(counts.begin(), counts.end()));
         for (size_t i = 0; i < counts.size(); ++i) {
@@ -232,94 +299,134 @@ class Page {
         out << "\"/></svg></tr>\n";
     }
 
-    void WriteFrames() {
-        out << "<section aria-labelledby=frames><h2 id=frames>"
-            << (shown.range
-                    ? fmt::format("Frames {} to {}", shown.range->first, shown.range->second)
-                    : "Frames not complete, or late")
-            << "</h2>\n<div class=wide><table id=list><thead><tr><th scope=col>scene"
-               "<th scope=col>frame<th scope=col>status<th scope=col>in stage<th scope=col>reason"
-               "<th scope=col>at, s<th scope=col>latency, ms<th scope=col>interval, ms"
-               "<th scope=col>line</tr></thead>\n<tbody>";
-        size_t count = 0;
-        for (size_t i = 0; i < account.scenes.size(); ++i) {
-            for (const Frame& frame : account.scenes[i].frames) {
-                if (shown.Has(frame) && ++count <= ROWS) {
-                    WriteRow(i, frame);
-                }
+    // Frames of consecutive numbers to which the same happened are a row.
+    struct Run {
+        FrameRange numbers;
+        std::string fate;  // The cells that say what became of them.
+        Micros first = NO_TIME, last = NO_TIME;
+        Micros latency = NO_TIME, interval = NO_TIME;  // The longest.
+        Place place;                                   // Of the first.
+    };
+
+    // Of those that are not complete, or late.
+    static std::vector<Run> RunsOf(const Scene& scene) {
+        std::vector<Run> runs;
+        for (const Frame& frame : scene.frames) {
+            if (!Shown{}.Has(frame)) {
+                continue;
             }
+            const std::string fate = FateOf(frame);
+            // When it came out, else when it was last heard of.
+            const Micros moment =
+                Between(scene.begin, std::max({frame.told, frame.start, frame.end, frame.output}));
+            if (runs.empty() || runs.back().fate != fate ||
+                runs.back().numbers.last + 1 != frame.number) {
+                Run& run = runs.emplace_back();
+                run.numbers.first = frame.number;
+                run.fate = fate;
+                run.first = moment;
+                run.place = frame.place;
+            }
+            Run& run = runs.back();
+            run.numbers.last = frame.number;
+            run.last = moment;
+            run.latency = std::max(run.latency, Between(frame.start, frame.end));
+            run.interval = std::max(run.interval, frame.interval);
         }
-        out << "</tbody></table></div>\n";
-        if (count == 0) {
-            out << "<p>None.</p>\n";
-        } else if (count > ROWS) {
-            out << "<p>These are the first " << ROWS << " of " << count
-                << "; <code>--to-csv</code> has them all.</p>\n";
-        }
-        out << "</section>\n";
+        return runs;
     }
 
-    void WriteRow(size_t index, const Frame& frame) {
-        const Micros begin = account.scenes[index].begin;
+    static std::string FateOf(const Frame& frame) {
         const std::string word = WordOf(frame);
-        // When it came out, else when it was last heard of.
-        const Micros moment = std::max({frame.start, frame.end, frame.output});
-        out << "<tr><td>" << index + 1 << "<td>" << frame.number << "<td class=\"" << word << "\">"
-            << (word.empty() ? NameOf(frame.status) : word)
-            << (frame.isLate && word != "late" ? ", late" : "") << "<td>";
-        if (frame.stage >= 0 && !word.empty()) {
-            out << frame.stage;
+        std::string style = word;
+        std::replace(style.begin(), style.end(), ' ', '-');
+        return fmt::format("<td class={}>{}{}<td>{}<td>{}", style, word,
+                           frame.isLate && word != "late" ? ", late" : "",
+                           frame.stage >= 0 ? std::to_string(frame.stage) : "",
+                           DescriptionOf(frame));
+    }
+
+    void WriteFrames() {
+        out << "<section aria-labelledby=frames><h2 id=frames>Frames not complete, or late</h2>\n";
+        BeginTable("Table of frames not complete, or late", " id=list",
+                   "What the timeline draws, as a table: frames that were not complete or came out "
+                   "late. Those that follow one another and had the same fate are one row.");
+        out << "<thead><tr><th scope=col>scene<th scope=col>frames<th scope=col>count"
+               "<th scope=col>status<th scope=col>in stage<th scope=col>reason"
+               "<th scope=col>first at<th scope=col>last at<th scope=col>longest latency, ms"
+               "<th scope=col>longest interval, ms<th scope=col>first line</tr></thead>\n<tbody>";
+        const auto secondsOf = [](Micros time) {
+            return time == NO_TIME ? "" : Seconds(time) + " s";
+        };
+        bool hasRows = false;
+        for (size_t i = 0; i < account.scenes.size(); ++i) {
+            for (const Run& run : RunsOf(account.scenes[i])) {
+                hasRows = true;
+                out << "<tr><td>" << i + 1 << "<td>" << RangeLinks(i, run.numbers) << "<td>"
+                    << run.numbers.last - run.numbers.first + 1 << run.fate << "<td>"
+                    << secondsOf(run.first) << "<td>" << secondsOf(run.last) << "<td>"
+                    << ShortMilliseconds(run.latency) << "<td>" << ShortMilliseconds(run.interval)
+                    << "<td class=name>" << Name{ToString(account, run.place)} << "</tr>\n";
+            }
         }
-        out << "<td>" << DescriptionOf(frame) << "<td>";
-        if (const Micros time = Between(begin, moment); time != NO_TIME) {
-            out << Seconds(time);
-        }
-        out << "<td>" << ShortMilliseconds(Between(frame.start, frame.end)) << "<td>"
-            << ShortMilliseconds(frame.interval) << "<td>"
-            << Escaped{ToString(account, frame.place)} << "</tr>\n";
+        out << "</tbody></table></div>\n" << (hasRows ? "" : "<p>None.</p>\n") << "</section>\n";
     }
 
     void WriteConfigurations() {
         const std::vector<SharedConfiguration> all = ConfigurationsOf(account);
         if (all.empty()) {
-            out << "<section><h2>Configuration</h2>\n"
+            out << "<section aria-labelledby=c0><h2 id=c0>Configuration</h2>\n"
                    "<p>Not known: it is dumped when the library is loaded.</p></section>\n";
         }
-        for (const SharedConfiguration& one : all) {
-            out << "<section><h2>" << TitleOf(all, one) << "</h2>\n<div class=wide><table>";
+        for (size_t i = 0; i < all.size(); ++i) {
+            const SharedConfiguration& one = all[i];
+            const std::string title = TitleOf(all, one);
+            const std::string number = all.size() == 1 ? "" : fmt::format(" {}", i + 1);
+            out << "<section aria-labelledby=c" << i << "><h2 id=c" << i << '>' << title
+                << "</h2>\n";
+            BeginTable("Settings of configuration" + number, "", "Settings");
             for (const auto& row : SummaryOf(one.configuration)) {
-                out << "<tr><th scope=row>" << Escaped{row[0]} << "<td>" << Escaped{row[1]}
+                out << "<tr><th scope=row>" << Escaped{row[0]} << "<td class=name>" << Name{row[1]}
                     << "</tr>\n";
             }
-            out << "</table></div>\n<div class=wide><table>";
+            out << "</table></div>\n";
+            BeginTable("Stages of configuration" + number, "", "Stages");
             const char* cell = "<th scope=col>";
             for (const auto& row : StagesOf(one.configuration)) {
                 out << "<tr>";
                 for (const std::string& text : row) {
-                    out << cell << Escaped{text};
+                    out << cell << Name{text};
                 }
                 out << "</tr>\n";
-                cell = "<td>";
+                cell = "<td class=name>";
             }
-            out << "</table></div>\n<ol class=findings>";
+            out << "</table></div>\n";
+            const char* begin = "<ol class=findings>";
             for (const Finding& finding : one.findings) {
-                WriteFinding(finding.severity, finding.message, finding.check);
+                out << std::exchange(begin, "") << "<li class=" << NameOf(finding.severity) << '>';
+                WriteMessage(finding.severity, finding.message, finding.check);
                 out << "</li>\n";
             }
-            out << "</ol></section>\n";
+            out << (one.findings.empty() ? "</section>\n" : "</ol></section>\n");
         }
+    }
+
+    void WriteWords() {
+        out << "<details id=words><summary>Words</summary><dl>\n";
+        for (const Explanation& word : Words()) {
+            out << "<dt>" << Markdown{word.term} << "<dd>" << Markdown{word.text} << '\n';
+        }
+        out << "</dl></details>\n";
     }
 
     std::ostream& out;
     const Account& account;
-    const Shown& shown;
 };
 
 }  // namespace
 
-void WritePage(std::ostream& out, const Account& account, const std::string& title,
-               const Shown& shown) {
-    Page(out, account, shown).Write(title);
+void WritePage(std::ostream& out, const Account& account, const std::string& title) {
+    Page(out, account).Write(title);
 }
 
 }  // namespace tools

@@ -5,13 +5,12 @@
 #include <ostream>
 #include <string>
 
-#include "tools/output/naming.h"
+#include "tools/account/account.h"
 
 namespace tools {
 
-// `title`: what was looked at, such as the capture's name. What had to be left out is said. Whether
-// the stream took it all is for the caller to check.
-void WritePage(std::ostream& out, const Account& account, const std::string& title,
-               const Shown& shown);
+// `title`: what was looked at, such as the capture's name. Whether the stream took it all is for
+// the caller to check.
+void WritePage(std::ostream& out, const Account& account, const std::string& title);
 
 }  // namespace tools
