@@ -6,6 +6,7 @@
 #include "tools/base/finding.h"
 #include "tools/base/words.h"
 #include "tools/command/command.h"
+#include "tools/output/gzip.h"
 #include "tools/output/page.h"
 #include "tools/output/trace.h"
 
@@ -14,8 +15,10 @@ namespace tools {
 void Pictures::AddOptions(CLI::App& command) {
     command.add_option("--to-html", page,
                        "Write a page for a browser: findings, figures and frames, in one file");
-    command.add_option("--to-trace", trace,
-                       "Write a trace for ui.perfetto.dev, in Chrome's JSON form");
+    command.add_option(
+        "--to-trace", trace,
+        "Write a trace for ui.perfetto.dev, in Chrome's JSON form; as gzip where FILE "
+        "ends in .gz");
     command
         .add_option("--frames", frames,
                     "Show these frames, whatever became of them; one, or a range")
@@ -40,7 +43,15 @@ std::optional<std::pair<int64_t, int64_t>> Pictures::Frames() const {
 
 void Pictures::Write(const Account& account, const std::string& title) const {
     WriteFile(page, [&](std::ostream& file) { WritePage(file, account, title); });
-    WriteFile(trace, [&](std::ostream& file) { WriteTrace(file, account); });
+    WriteFile(trace, [&](std::ostream& file) {
+        if (!trace.ends_with(".gz")) {
+            WriteTrace(file, account, Frames());
+            return;
+        }
+        GzipStream packed(file);
+        WriteTrace(packed, account, Frames());
+        packed.Close();
+    });
 }
 
 }  // namespace tools

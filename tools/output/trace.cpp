@@ -1,10 +1,13 @@
 #include "tools/output/trace.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
 #include <nlohmann/json.hpp>
-#include <queue>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -15,20 +18,90 @@
 namespace tools {
 namespace {
 
+using Json = nlohmann::ordered_json;
+
+// Numbers of frames may be anything: those farther apart have nothing to do with one another.
+constexpr uint64_t FAR_APART = 1000;
+// So many frames before and after one that is remarkable have flows as well.
+constexpr size_t NEAR = 5;
+
 // Names come from captures, which hold any bytes; JSON holds UTF-8.
-std::string Quote(std::string_view text) {
-    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+std::string Text(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-enum class What : uint8_t {
-    Expected,
-    Actual,
-    Stage,
-    InFlight,
-    Interval,
-    Finding,
-    LeftOut,
-    ClockStep
+class Events {
+  public:
+    Events(std::ostream& stream, Micros zero) : out(stream), origin(zero) {}
+
+    // `more`: further members, with a comma before each.
+    void Add(char phase, size_t process, Micros time, std::string_view name,
+             std::string_view more) {
+        // What was before the first scene is shown at its beginning.
+        out << fmt::format(R"({}{{"ph":"{}","pid":{},"ts":{},"name":{}{}}})", separator, phase,
+                           process, std::max<Micros>(time - origin, 0), Text(name), more);
+        separator = ",\n";
+    }
+
+    void NameProcess(size_t process, const std::string& name) {
+        Name("process", process, "", name, process);
+    }
+
+    // The thread that it is.
+    size_t AddTrack(size_t process, const std::string& name) {
+        ++threads;
+        Name("thread", process, fmt::format(R"(,"tid":{})", threads), name, threads);
+        return threads;
+    }
+
+  private:
+    void Name(std::string_view kind, size_t process, const std::string& thread,
+              const std::string& name, size_t order) {
+        Add('M', process, origin, fmt::format("{}_name", kind),
+            fmt::format(R"({},"args":{{"name":{}}})", thread, Text(name)));
+        Add('M', process, origin, fmt::format("{}_sort_index", kind),
+            fmt::format(R"({},"args":{{"sort_index":{}}})", thread, order));
+    }
+
+    std::ostream& out;
+    Micros origin;
+    std::string_view separator = "";
+    size_t threads = 0;
+};
+
+// A frame in a stage, or all in all.
+struct Slice {
+    Span span;
+    size_t frame = 0;
+    bool hasLeft = true;  // Else it stood there to the end.
+};
+
+// Frames that are still there come last, so that they leave the first track to those that move.
+// What encloses goes before what it encloses.
+bool IsBefore(const Slice& one, const Slice& other) {
+    const auto key = [](const Slice& slice) {
+        return std::tuple(!slice.hasLeft, slice.span.begin, -slice.span.end, slice.frame);
+    };
+    return key(one) < key(other);
+}
+
+// What is shown of a scene.
+struct View {
+    const Account& account;
+    const Scene& scene;
+    size_t process = 0;
+    size_t firstId = 0;           // Of its frames, which count from here.
+    bool isPart = false;          // Of which all is told.
+    std::vector<Micros> gone;     // When each frame went that was not seen to leave; NO_TIME where
+                                  // that cannot be told.
+    std::vector<bool> hasFlow;    // Of each frame.
+    std::vector<Slice> frames;    // In the order of time.
+    Span span{NO_TIME, NO_TIME};  // In which things are shown that are no frame's.
+
+    const Frame& FrameOf(const Slice& slice) const { return scene.frames[slice.frame]; }
+    bool Has(Micros time) const {
+        return time != NO_TIME && (!isPart || (time >= span.begin && time <= span.end));
+    }
 };
 
 // Makes a span that begins with NO_TIME hold the moment, where that is known.
@@ -47,396 +120,367 @@ Micros PeriodOf(const Scene& scene) {
     return scene.interval.p50 > 0 ? scene.interval.p50 : SECOND / 60;
 }
 
-// When the frame is shown to be in the stage: for a period where it is not known to have left.
-Span SpanOf(const Scene& scene, size_t frame, int32_t stage) {
+// A frame stays until it was ended or pushed out, or as long as the scene is known to have gone on.
+std::vector<Micros> GoneOf(const Scene& scene) {
+    // Evictions count frames before those were taken out that are none: in the same order.
+    std::vector<std::pair<uint32_t, Micros>> evicted;
+    for (const Scene::Eviction& eviction : scene.evictions) {
+        if (eviction.frame) {
+            evicted.emplace_back(*eviction.frame, eviction.time);
+        }
+    }
+    std::sort(evicted.begin(), evicted.end());
+    auto next = evicted.begin();
+    std::vector<Micros> gone;
+    for (const Frame& frame : scene.frames) {
+        const bool isPushedOut = frame.isEvicted && next != evicted.end();
+        const Micros time = isPushedOut ? (next++)->second : scene.stop;
+        gone.push_back(frame.end != NO_TIME || frame.isUntold ? frame.end : time);
+    }
+    return gone;
+}
+
+// When the frame is shown in the stage; a span that begins with NO_TIME where it is not.
+Slice SliceOf(const View& view, size_t frame, int32_t stage) {
+    const Scene& scene = view.scene;
     const StageTimes times = scene.TimesOf(frame, stage);
-    Span span{NO_TIME, NO_TIME};
-    Include(span, times.start);
-    Include(span, times.end != NO_TIME || times.start == NO_TIME ? times.end
-                                                                 : times.start + PeriodOf(scene));
-    return span;
-}
-
-// From the first to the last that is known of a frame, or shown of its stages.
-Span SpanOf(const Scene& scene, size_t frame) {
-    Span span{NO_TIME, NO_TIME};
-    Include(span, scene.frames[frame].start);
-    Include(span, scene.frames[frame].end);
-    Include(span, scene.frames[frame].output);
-    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-        const Span part = SpanOf(scene, frame, stage);
-        Include(span, part.begin);
-        Include(span, part.end);
+    Slice slice{{NO_TIME, NO_TIME}, frame, scene.PassOf(frame, stage).HasLeft()};
+    bool isThere = !scene.frames[frame].isOut && times.start != NO_TIME &&
+                   view.gone[frame] != NO_TIME &&
+                   (stage == 0 || scene.PassOf(frame, stage - 1).HasLeft());
+    for (int32_t later = stage; later < scene.stageCount; ++later) {
+        isThere = isThere && !scene.PassOf(frame, later).HasLeft();
     }
-    return span;
+    if (slice.hasLeft || isThere) {
+        Include(slice.span, times.start);
+        Include(slice.span, isThere ? view.gone[frame] : times.end);
+    }
+    return slice;
 }
 
-// Spreads spans that overlap over as few lanes as it takes.
-class Lanes {
-  public:
-    // The lane, from 0, of the next span; they come in the order of their beginnings.
-    size_t Put(const Span& span) {
-        const auto isFree = [&span](Micros end) { return end <= span.begin; };
-        const auto lane = std::find_if(ends.begin(), ends.end(), isFree);
-        const auto index = static_cast<size_t>(lane - ends.begin());
-        if (lane == ends.end()) {
-            ends.push_back(span.end);
-        } else {
-            *lane = span.end;
+// From the first to the last that is known of a frame.
+Slice SliceOf(const View& view, size_t frame) {
+    const Frame& told = view.scene.frames[frame];
+    Slice slice{{NO_TIME, NO_TIME}, frame};
+    Include(slice.span, told.start);
+    Include(slice.span, told.end);
+    Include(slice.span, told.output);
+    for (int32_t stage = 0; stage < view.scene.stageCount; ++stage) {
+        const Span part = SliceOf(view, frame, stage).span;
+        Include(slice.span, part.begin);
+        Include(slice.span, part.end);
+    }
+    return slice;
+}
+
+bool IsRemarkable(const Frame& frame) {
+    return frame.hasFinding || frame.isLate || frame.isNeverOut;
+}
+
+View ViewOf(const Account& account, size_t number, size_t firstId,
+            const std::optional<std::pair<int64_t, int64_t>>& range) {
+    const Scene& scene = account.scenes[number];
+    View view{account, scene, number + 1, firstId, range.has_value(), GoneOf(scene), {}, {}};
+    view.hasFlow.assign(scene.frames.size(), view.isPart);
+    for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
+        const Frame& told = scene.frames[frame];
+        if (IsRemarkable(told)) {
+            const size_t last = std::min(frame + NEAR, scene.frames.size() - 1);
+            for (size_t near = frame - std::min(frame, NEAR); near <= last; ++near) {
+                view.hasFlow[near] = true;
+            }
         }
-        return index;
+        const Slice slice = SliceOf(view, frame);
+        if (slice.span.begin != NO_TIME && Shown{true, range}.Has(told)) {
+            view.frames.push_back(slice);
+            Include(view.span, slice.span.begin);
+            // One that never came out may stand there for long.
+            Include(view.span, told.isNeverOut ? NO_TIME : slice.span.end);
+        }
     }
+    std::sort(view.frames.begin(), view.frames.end(), IsBefore);
+    return view;
+}
 
-  private:
-    std::vector<Micros> ends;
-};
+// Good frames stay quiet: the viewer gives equal words equal colours.
+std::string NameOf(const Frame& frame) {
+    const std::string_view word = WordOf(frame);
+    return fmt::format("{}{}{}", frame.number, word.empty() ? "" : " ", word);
+}
 
-// Something to be written, and what it is found by: cheap to keep in order.
-struct Item {
-    Span span;
-    size_t scene = 0;  // That of no scene in particular comes after the last.
-    size_t index = 0;  // Of the frame, finding, hole or step of the clock.
-    What what = What::Actual;
-    char flow = 0;      // Stage: the flow's phase; 0 for none.
-    int32_t stage = 0;  // Stage: which. InFlight: one more or one less.
-};
+// Empty where nothing is to be said of the frame.
+std::string ArgumentsOf(const View& view, const Slice& slice) {
+    const Frame& frame = view.FrameOf(slice);
+    if (!view.isPart && !IsRemarkable(frame) && *WordOf(frame) == '\0') {
+        return "";
+    }
+    Json arguments{{"status", NameOf(frame.status)}, {"late", frame.isLate}};
+    if (const std::string reason = DescriptionOf(frame); !reason.empty()) {
+        arguments["reason"] = reason;
+    }
+    if (!slice.hasLeft) {
+        arguments["left"] = frame.end != NO_TIME ? "never; until it was ended"
+                            : frame.isEvicted    ? "never; until it was pushed out"
+                                                 : "never";
+    }
+    arguments["line"] = ToString(view.account, frame.place);
+    return ",\"args\":" + Text(arguments);
+}
 
-// What encloses goes before what it encloses; the rest is for the order not to be left to chance.
-bool IsBefore(const Item& one, const Item& other) {
-    const auto key = [](const Item& item) {
-        return std::tuple(item.span.begin, -item.span.end, item.scene, item.what, item.index,
-                          item.stage);
+// Frames overlap: viewers put all events of a name on one track, however many it takes. So it is
+// the same for all frames, and what is to be said of one is an event within its own.
+void WritePair(Events& events, const View& view, const Slice& slice, std::string_view name) {
+    const std::string which =
+        fmt::format(R"(,"cat":"{}","id":{})", name, view.firstId + slice.frame);
+    const Frame& frame = view.FrameOf(slice);
+    const std::string arguments = name == "actual" ? ArgumentsOf(view, slice) : "";
+    events.Add('b', view.process, slice.span.begin, name,
+               fmt::format(R"({},"args":{{"frame":{}}})", which, frame.number));
+    if (!arguments.empty()) {
+        events.Add('b', view.process, slice.span.begin, NameOf(frame), which + arguments);
+        events.Add('e', view.process, slice.span.end, NameOf(frame), which);
+    }
+    events.Add('e', view.process, slice.span.end, name, which);
+}
+
+// A frame is due so many periods after the last one that came out as numbers are between the two.
+void WriteExpected(Events& events, const View& view) {
+    const Scene& scene = view.scene;
+    std::vector<Micros> due(scene.frames.size(), NO_TIME);
+    const Frame* before = nullptr;
+    for (size_t i = 0; i < scene.frames.size(); ++i) {
+        const Frame& frame = scene.frames[i];
+        const uint64_t gap = before == nullptr ? 0
+                                               : static_cast<uint64_t>(frame.number) -
+                                                     static_cast<uint64_t>(before->number);
+        if (gap > 0 && gap < FAR_APART) {
+            due[i] = before->output + PeriodOf(scene) * static_cast<Micros>(gap);
+        }
+        before = frame.output == NO_TIME ? before : &frame;
+    }
+    for (const Slice& slice : view.frames) {
+        if (const Micros end = due[slice.frame]; end != NO_TIME) {
+            const Micros begin = slice.span.begin;
+            WritePair(events, view, {{begin, std::max(begin, end)}, slice.frame}, "expected");
+        }
+    }
+}
+
+// The phase of the frame's flow in the stage: it begins, goes on or ends there; 0 for none.
+char FlowOf(const View& view, const Slice& slice, int32_t stage) {
+    bool isFirst = true, isLast = true;
+    for (int32_t other = 0; view.hasFlow[slice.frame] && other < view.scene.stageCount; ++other) {
+        const Micros begin = SliceOf(view, slice.frame, other).span.begin;
+        if (begin != NO_TIME && other != stage) {
+            const bool isBefore = std::pair(begin, other) < std::pair(slice.span.begin, stage);
+            (isBefore ? isFirst : isLast) = false;
+        }
+    }
+    return isFirst ? (isLast ? '\0' : 's') : isLast ? 'f' : 't';
+}
+
+void WriteStage(Events& events, const View& view, int32_t stage) {
+    std::vector<Slice> slices;
+    for (const Slice& frame : view.frames) {
+        const Slice slice = SliceOf(view, frame.frame, stage);
+        if (slice.span.begin != NO_TIME) {
+            slices.push_back(slice);
+        }
+    }
+    std::sort(slices.begin(), slices.end(), IsBefore);
+    // Those that overlap are spread over as few tracks as it takes.
+    struct Lane {
+        Micros end;
+        size_t thread;
     };
-    return key(one) < key(other);
+    std::vector<Lane> lanes;
+    for (const Slice& slice : slices) {
+        const auto [begin, end] = slice.span;
+        auto lane = std::find_if(lanes.begin(), lanes.end(),
+                                 [&slice](const Lane& one) { return one.end <= slice.span.begin; });
+        if (lane == lanes.end()) {
+            const std::string which = lanes.empty() ? "" : fmt::format(" ({})", lanes.size() + 1);
+            const std::string title = StageTitleOf(view.scene, static_cast<size_t>(stage));
+            lane = lanes.insert(lane, {end, events.AddTrack(view.process, title + which)});
+        }
+        lane->end = end;
+        const std::string where = fmt::format(R"(,"tid":{})", lane->thread);
+        events.Add('X', view.process, begin, NameOf(view.FrameOf(slice)),
+                   fmt::format(R"({},"dur":{}{})", where, end - begin, ArgumentsOf(view, slice)));
+        if (const char phase = FlowOf(view, slice, stage); phase != '\0') {
+            events.Add(phase, view.process, begin, "frame",
+                       fmt::format(R"({},"cat":"frame","id":{}{})", where,
+                                   view.firstId + slice.frame, phase == 's' ? "" : R"(,"bp":"e")"));
+        }
+        const Micros wait = view.scene.TimesOf(slice.frame, stage).wait;
+        if (wait != NO_TIME && wait > 0) {
+            events.Add('X', view.process, begin, "waiting",
+                       fmt::format(R"({},"dur":{})", where, std::min(wait, end - begin)));
+        }
+    }
 }
 
-struct IsAfter {
-    bool operator()(const Item& one, const Item& other) const { return IsBefore(other, one); }
+struct Change {
+    Micros time = 0;
+    double value = 0;
 };
 
-// Slices of one kind, on as many threads as overlap.
-struct Track {
+// `values`: in the order of time. Written is what is different, the last one of each moment.
+void WriteCounter(Events& events, const View& view, std::string_view name,
+                  const std::vector<Change>& values) {
+    double shown = NAN;
+    for (size_t i = 0; i < values.size(); ++i) {
+        const auto& [time, value] = values[i];
+        const bool isLast = i + 1 == values.size() || values[i + 1].time != time;
+        if (isLast && value != shown && view.Has(time)) {
+            events.Add('C', view.process, time, name,
+                       fmt::format(R"(,"args":{{"value":{}}})", value));
+            shown = value;
+        }
+    }
+}
+
+void WriteCounters(Events& events, const View& view) {
+    const Scene& scene = view.scene;
+    std::vector<Change> inFlight, intervals;
+    for (size_t i = 0; i < scene.frames.size(); ++i) {
+        const Frame& frame = scene.frames[i];
+        if (frame.start != NO_TIME) {
+            // What is still in the table keeps its place; of others it is not known when they went.
+            const bool isKnown = frame.end != NO_TIME || frame.isEvicted || frame.isHeld;
+            inFlight.push_back({frame.start, 1});
+            inFlight.push_back(
+                {isKnown && view.gone[i] != NO_TIME ? view.gone[i] : SliceOf(view, i).span.end,
+                 -1});
+        }
+        if (frame.interval != NO_TIME && frame.output != NO_TIME) {
+            intervals.push_back({frame.output, static_cast<double>(frame.interval) / 1000});
+        }
+    }
+    const auto isBefore = [](const Change& one, const Change& other) {
+        return one.time < other.time;
+    };
+    std::stable_sort(inFlight.begin(), inFlight.end(), isBefore);
+    std::stable_sort(intervals.begin(), intervals.end(), isBefore);
+    double count = 0;
+    for (Change& change : inFlight) {
+        change.value = count += change.value;
+    }
+    WriteCounter(events, view, "frames in flight", inFlight);
+    WriteCounter(events, view, "output interval (ms)", intervals);
+}
+
+// Something that is said of a moment.
+struct Remark {
+    Micros time = 0;
     std::string name;
-    int64_t order = 0;
-    Lanes lanes;
-    std::vector<int64_t> threads;  // A lane each.
+    Json arguments;
 };
 
-struct SceneTracks {
-    Track findings, expected, actual;
-    std::vector<Track> stages;
-    int64_t firstFlow = 0;  // Its frames' flows are numbered from here.
-    int64_t inFlight = 0;
-};
-
-class TraceWriter {
-  public:
-    TraceWriter(std::ostream& stream, const Account& told) : out(stream), account(told) {}
-
-    void Write() {
-        const std::vector<Item> items = Everything();
-        origin = items.empty() ? 0 : items.front().span.begin;
-        text = "{\"traceEvents\":[\n";
-        NameProcesses();
-        // What a frame leads to is made when its turn comes, and kept until nothing earlier can.
-        std::priority_queue<Item, std::vector<Item>, IsAfter> waiting;
-        for (const Item& item : items) {
-            for (; !waiting.empty() && IsBefore(waiting.top(), item); waiting.pop()) {
-                Write(waiting.top());
-            }
-            waiting.push(item);
-            if (item.what == What::Actual) {
-                AddPartsOf(item, waiting);
-            }
-        }
-        for (; !waiting.empty(); waiting.pop()) {
-            Write(waiting.top());
-        }
-        text += "\n]}\n";
-        out << text;
+void AddFindings(std::vector<Remark>& remarks, const Account& account,
+                 const std::vector<SceneFinding>& findings, Micros otherwise) {
+    for (const SceneFinding& finding : findings) {
+        remarks.push_back(
+            {finding.time == NO_TIME ? otherwise : finding.time,
+             NameOf(finding.check) + (finding.frame ? fmt::format(" {}", *finding.frame) : ""),
+             {{"severity", NameOf(finding.severity)},
+              {"message", finding.message},
+              {"line", ToString(account, finding.place)}}});
     }
+}
 
-  private:
-    // All frames, findings and disturbances of the log that have a time, in order.
-    std::vector<Item> Everything() const {
-        std::vector<Item> items;
-        const auto add = [&items](size_t scene, What what, size_t index, Span span) {
-            if (span.begin != NO_TIME) {
-                items.push_back({span, scene, index, what});
-            }
-        };
-        const auto addFindings = [&add](size_t scene, const auto& findings, Micros otherwise) {
-            for (size_t i = 0; i < findings.size(); ++i) {
-                const Micros time = findings[i].time == NO_TIME ? otherwise : findings[i].time;
-                add(scene, What::Finding, i, {time, time});
-            }
-        };
-        for (size_t s = 0; s < account.scenes.size(); ++s) {
-            const Scene& scene = account.scenes[s];
-            const Frame* before = nullptr;  // The last one that came out.
-            for (size_t i = 0; i < scene.frames.size(); ++i) {
-                const Frame& frame = scene.frames[i];
-                const Span actual = SpanOf(scene, i);
-                add(s, What::Actual, i, actual);
-                // Numbers may be anything: those far apart have nothing to do with one another.
-                const uint64_t gap = before == nullptr ? 0
-                                                       : static_cast<uint64_t>(frame.number) -
-                                                             static_cast<uint64_t>(before->number);
-                if (gap > 0 && gap < FAR_APART) {
-                    const Micros due = before->output + PeriodOf(scene) * static_cast<Micros>(gap);
-                    const Micros begin =
-                        actual.begin == NO_TIME ? due - scene.latency.p50 : actual.begin;
-                    add(s, What::Expected, i, {begin, std::max(begin, due)});
-                }
-                before = frame.output == NO_TIME ? before : &frame;
-            }
-            addFindings(s, scene.findings, scene.begin);
-            for (size_t i = 0; account.hasTimes && i < scene.leftOut.size(); ++i) {
-                add(s, What::LeftOut, i, {scene.leftOut[i].time, scene.leftOut[i].time});
-            }
-            for (size_t i = 0; i < scene.clockSteps.size(); ++i) {
-                add(s, What::ClockStep, i, {scene.clockSteps[i].time, scene.clockSteps[i].time});
-            }
-        }
-        addFindings(account.scenes.size(), account.findings, 0);
-        std::sort(items.begin(), items.end(), IsBefore);
-        return items;
+void WriteRemarks(Events& events, size_t process, std::vector<Remark> remarks) {
+    if (remarks.empty()) {
+        return;
     }
+    std::stable_sort(remarks.begin(), remarks.end(),
+                     [](const Remark& one, const Remark& other) { return one.time < other.time; });
+    const size_t thread = events.AddTrack(process, "findings");
+    for (const Remark& remark : remarks) {
+        events.Add('i', process, remark.time, remark.name,
+                   fmt::format(R"(,"tid":{},"s":"t","args":{})", thread, Text(remark.arguments)));
+    }
+}
 
-    // The slices and counters of a frame, none of which is before the frame itself.
-    void AddPartsOf(const Item& frame, auto& parts) const {
-        const Scene& scene = account.scenes[frame.scene];
-        const Frame& told = scene.frames[frame.index];
-        const auto add = [&](What what, Micros time, int32_t change) {
-            parts.push({{time, time}, frame.scene, frame.index, what, 0, change});
-        };
-        if (told.start != NO_TIME) {
-            add(What::InFlight, told.start, 1);
-            // What never ends keeps its place until the scene does.
-            add(What::InFlight,
-                told.end == NO_TIME ? std::max(frame.span.end, scene.end) : told.end, -1);
-        }
-        if (told.interval != NO_TIME && told.output != NO_TIME) {
-            add(What::Interval, told.output, 0);
-        }
-        std::vector<Item> stages;
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            const Span span = SpanOf(scene, frame.index, stage);
-            if (span.begin != NO_TIME) {
-                stages.push_back({span, frame.scene, frame.index, What::Stage, 't', stage});
-            }
-        }
-        if (!stages.empty()) {
-            std::sort(stages.begin(), stages.end(), IsBefore);
-            stages.back().flow = 'f';
-            stages.front().flow = stages.size() > 1 ? 's' : char(0);
-        }
-        for (const Item& stage : stages) {
-            parts.push(stage);
+std::vector<Remark> RemarksOn(const View& view) {
+    std::vector<Remark> remarks;
+    AddFindings(remarks, view.account, view.scene.findings, view.scene.begin);
+    const auto add = [&](const Scene::Disturbance& told, std::string name) {
+        remarks.push_back(
+            {told.time, std::move(name), {{"line", ToString(view.account, told.place)}}});
+    };
+    for (const Scene::Disturbance& told : view.scene.leftOut) {
+        add(told, told.amount > 0 ? fmt::format("{} lines lost", told.amount) : "lines lost");
+    }
+    for (const Scene::Disturbance& told : view.scene.clockSteps) {
+        add(told, fmt::format("the clock jumped by {} ms", told.amount / MILLISECOND));
+    }
+    std::erase_if(remarks, [&view](const Remark& remark) { return !view.Has(remark.time); });
+    return remarks;
+}
+
+// What the clock of the log showed at a time, in the form of `Account::from`: a date, which may
+// lack its year, and a time of day; or seconds.
+std::string ClockAt(const Account& account, Micros time) {
+    const std::string& from = account.from;
+    for (const std::string form : {"%Y-%m-%d %T", "%m-%d %T"}) {
+        std::tm date{};
+        date.tm_year = 100;  // A leap year.
+        const char* const rest = strptime(from.c_str(), form.c_str(), &date);
+        if (rest != nullptr && *rest == '.') {
+            const int64_t passed = time / MILLISECOND + std::strtol(rest + 1, nullptr, 10);
+            return fmt::format(fmt::runtime("{:" + form + "}.{:03}"),
+                               fmt::gmtime(timegm(&date) + passed / 1000), passed % 1000);
         }
     }
+    return from.empty() ? ""
+                        : fmt::format("{:.3f}", std::strtod(from.c_str(), nullptr) +
+                                                    static_cast<double>(time) / SECOND);
+}
 
-    // A process a scene, and one for what belongs to none.
-    void NameProcesses() {
-        int64_t flows = 0;
-        for (size_t s = 0; s <= account.scenes.size(); ++s) {
-            SceneTracks& made = tracks.emplace_back();
-            made.findings = {"findings", 0, {}, {}};
-            made.expected = {"expected frames", 1, {}, {}};
-            made.actual = {"actual frames", 2, {}, {}};
-            made.firstFlow = flows;
-            const bool isScene = s < account.scenes.size();
-            if (isScene) {
-                const Scene& scene = account.scenes[s];
-                flows += static_cast<int64_t>(scene.frames.size());
-                for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-                    made.stages.push_back(
-                        {StageTitleOf(scene, static_cast<size_t>(stage)), 3 + stage, {}, {}});
-                }
-            } else if (account.findings.empty()) {
-                return;
-            }
-            Name("process", s, 0, isScene ? TitleOf(account, s) : "the capture as a whole",
-                 static_cast<int64_t>(s));
-        }
+void WriteScene(Events& events, const View& view) {
+    const std::string clock = ClockAt(view.account, view.scene.begin);
+    events.NameProcess(view.process, TitleOf(view.account, view.process - 1) +
+                                         (clock.empty() ? "" : ", begins at " + clock));
+    WriteRemarks(events, view.process, RemarksOn(view));
+    WriteExpected(events, view);
+    for (const Slice& slice : view.frames) {
+        WritePair(events, view, slice, "actual");
     }
-
-    // The thread that has room for the span, named when it is first used.
-    int64_t ThreadOf(Track& track, size_t scene, const Span& span) {
-        const size_t lane = track.lanes.Put(span);
-        if (lane == track.threads.size()) {
-            track.threads.push_back(++threads);
-            Name("thread", scene, threads,
-                 track.name + (lane == 0 ? "" : " (" + std::to_string(lane + 1) + ")"),
-                 track.order * 1000 + static_cast<int64_t>(lane));
-        }
-        return track.threads[lane];
+    for (int32_t stage = 0; stage < view.scene.stageCount; ++stage) {
+        WriteStage(events, view, stage);
     }
-
-    void Name(const std::string& kind, size_t scene, int64_t thread, const std::string& name,
-              int64_t order) {
-        Begin('M', scene, thread);
-        Add(",\"name\":\"" + kind + "_name\",\"args\":{\"name\":" + Quote(name) + "}}");
-        Begin('M', scene, thread);
-        Add(",\"name\":\"" + kind + "_sort_index\",\"args\":{\"sort_index\":", order, "}}");
-    }
-
-    void Write(const Item& item) {
-        SceneTracks& own = tracks[item.scene];
-        switch (item.what) {
-            case What::Expected:
-                WriteSlice(own.expected, item, false);
-                Add("}");
-                break;
-            case What::Actual:
-                WriteSlice(own.actual, item, true);
-                Add("}");
-                break;
-            case What::Stage:
-                WriteStage(own, item);
-                break;
-            case What::InFlight:
-                own.inFlight += item.stage;
-                WriteCounter(item, "frames in flight", own.inFlight);
-                break;
-            case What::Interval:
-                WriteCounter(item, "output interval (ms)",
-                             static_cast<double>(FrameOf(item).interval) / 1000);
-                break;
-            case What::Finding:
-                WriteFinding(own, item);
-                break;
-            case What::LeftOut: {
-                const Scene::Disturbance& told = account.scenes[item.scene].leftOut[item.index];
-                WriteDisturbance(
-                    own, item, told.place,
-                    told.amount > 0 ? fmt::format("{} lines lost", told.amount) : "lines lost");
-                break;
-            }
-            case What::ClockStep: {
-                const Scene::Disturbance& told = account.scenes[item.scene].clockSteps[item.index];
-                WriteDisturbance(
-                    own, item, told.place,
-                    fmt::format("the clock jumped by {} ms", told.amount / MILLISECOND));
-                break;
-            }
-        }
-        if (text.size() > BUFFER) {
-            out << text;
-            text.clear();
-        }
-    }
-
-    // All but the closing brace. Good frames stay quiet: the viewer gives equal words equal
-    // colours.
-    int64_t WriteSlice(Track& track, const Item& item, bool isTold) {
-        const Frame& frame = FrameOf(item);
-        const std::string_view word = WordOf(frame);
-        const int64_t thread = ThreadOf(track, item.scene, item.span);
-        BeginSlice(item.scene, thread, item.span);
-        Add(",\"name\":\"", frame.number);
-        if (isTold && !word.empty()) {
-            Add(" ", word);
-        }
-        Add("\"");
-        if (isTold && (item.what == What::Actual || !word.empty())) {
-            Add(",\"args\":{\"status\":\"", NameOf(frame.status),
-                "\",\"late\":", frame.isLate ? "true" : "false");
-            if (frame.reason != Reason::None) {
-                Add(",\"reason\":", Quote(ReasonOf(frame.reason)));
-            }
-            Add(",\"line\":", Quote(ToString(account, frame.place)), "}");
-        }
-        return thread;
-    }
-
-    void WriteStage(SceneTracks& own, const Item& item) {
-        const Scene& scene = account.scenes[item.scene];
-        const auto stage = static_cast<size_t>(item.stage);
-        const int64_t thread = WriteSlice(own.stages[stage], item, true);
-        Add("}");
-        const Micros wait = scene.TimesOf(item.index, item.stage).wait;
-        if (wait != NO_TIME && wait > 0) {
-            BeginSlice(item.scene, thread,
-                       {item.span.begin, std::min(item.span.begin + wait, item.span.end)});
-            Add(",\"name\":\"waiting\"}");
-        }
-        if (item.flow != 0) {
-            Begin(item.flow, item.scene, thread);
-            Add(",\"ts\":", item.span.begin - origin,
-                ",\"id\":", own.firstFlow + static_cast<int64_t>(item.index),
-                ",\"cat\":\"frame\",\"name\":\"frame\"", item.flow == 's' ? "}" : ",\"bp\":\"e\"}");
-        }
-    }
-
-    void WriteCounter(const Item& item, std::string_view name, auto value) {
-        Begin('C', item.scene, 0);
-        Add(",\"ts\":", item.span.begin - origin, ",\"name\":\"", name,
-            "\",\"args\":{\"value\":", value, "}}");
-    }
-
-    void WriteFinding(SceneTracks& own, const Item& item) {
-        const bool isScene = item.scene < account.scenes.size();
-        const SceneFinding& finding =
-            (isScene ? account.scenes[item.scene].findings : account.findings)[item.index];
-        WriteInstant(
-            own, item,
-            NameOf(finding.check) + (finding.frame ? fmt::format(" {}", *finding.frame) : ""));
-        Add(",\"args\":{\"severity\":\"", NameOf(finding.severity),
-            "\",\"message\":", Quote(finding.message),
-            ",\"line\":", Quote(ToString(account, finding.place)), "}}");
-    }
-
-    void WriteDisturbance(SceneTracks& own, const Item& item, const Place& place,
-                          std::string_view name) {
-        WriteInstant(own, item, name);
-        Add(",\"args\":{\"line\":", Quote(ToString(account, place)), "}}");
-    }
-
-    void WriteInstant(SceneTracks& own, const Item& item, std::string_view name) {
-        Begin('i', item.scene, ThreadOf(own.findings, item.scene, item.span));
-        Add(",\"ts\":", item.span.begin - origin, ",\"s\":\"t\",\"name\":", Quote(name));
-    }
-
-    void BeginSlice(size_t scene, int64_t thread, const Span& span) {
-        Begin('X', scene, thread);
-        Add(",\"ts\":", span.begin - origin, ",\"dur\":", span.end - span.begin);
-    }
-
-    void Begin(char phase, size_t scene, int64_t thread) {
-        Add(isFirst ? "" : ",\n", "{\"ph\":\"", std::string_view(&phase, 1),
-            "\",\"pid\":", static_cast<int64_t>(scene) + 1, ",\"tid\":", thread);
-        isFirst = false;
-    }
-
-    template <typename... Parts>
-    void Add(const Parts&... parts) {
-        (AddOne(parts), ...);
-    }
-    void AddOne(std::string_view part) { text += part; }
-    void AddOne(int64_t number) { text += std::to_string(number); }
-    void AddOne(double number) { text += std::to_string(number); }
-
-    const Frame& FrameOf(const Item& item) const {
-        return account.scenes[item.scene].frames[item.index];
-    }
-
-    static constexpr size_t BUFFER = 1 << 16;
-    static constexpr uint64_t FAR_APART = 1000;
-
-    std::ostream& out;
-    const Account& account;
-    std::string text;  // Not yet written.
-    std::vector<SceneTracks> tracks;
-    Micros origin = 0;
-    int64_t threads = 0;
-    bool isFirst = true;
-};
+    WriteCounters(events, view);
+}
 
 }  // namespace
 
-void WriteTrace(std::ostream& out, const Account& account) {
-    TraceWriter(out, account).Write();
+void WriteTrace(std::ostream& out, const Account& account,
+                const std::optional<std::pair<int64_t, int64_t>>& frames) {
+    Span scenes{NO_TIME, NO_TIME};
+    for (const Scene& scene : account.scenes) {
+        Include(scenes, scene.begin);
+    }
+    const Micros origin = scenes.begin == NO_TIME ? 0 : scenes.begin;
+    Events events(out, origin);
+    out << "{\"traceEvents\":[\n";
+    size_t firstId = 1;
+    for (size_t s = 0; s < account.scenes.size(); ++s) {
+        const View view = ViewOf(account, s, firstId, frames);
+        firstId += view.scene.frames.size();
+        if (view.scene.begin != NO_TIME && (!view.isPart || !view.frames.empty())) {
+            WriteScene(events, view);
+        }
+    }
+    if (!account.findings.empty()) {
+        const size_t process = account.scenes.size() + 1;
+        std::vector<Remark> remarks;
+        AddFindings(remarks, account, account.findings, origin);
+        events.NameProcess(process, "the capture as a whole");
+        WriteRemarks(events, process, std::move(remarks));
+    }
+    const Json about{{"inputs", account.inputs}, {"clock at 0", ClockAt(account, origin)}};
+    out << "\n],\"otherData\":" << Text(about) << "}\n";
 }
 
 }  // namespace tools

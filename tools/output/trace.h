@@ -2,15 +2,24 @@
 
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <ostream>
+#include <utility>
 
 #include "tools/account/account.h"
 
 namespace tools {
 
-// Writes as it goes, in the order of time. A scene is a process with a track for findings, tracks
-// for the frames as expected and as they were, and for each stage as many as overlap. Whether the
-// stream took it all is for the caller to check.
-void WriteTrace(std::ostream& out, const Account& account);
+// A scene is a process: a track for findings, one for its frames as expected and one as they were,
+// a track a stage, more where frames overlap in it, and counters. Time 0 is the beginning of the
+// first scene. What is said of all frames is short; those that a finding is about or that were late
+// have arguments, and they and their neighbours have flows from stage to stage.
+//
+// `frames`: the first and the last number of a part, which has all of that for all of its frames,
+// and nothing from before or after it. Written track by track, each in the order of time. Whether
+// the stream took it all is for the caller to check.
+void WriteTrace(std::ostream& out, const Account& account,
+                const std::optional<std::pair<int64_t, int64_t>>& frames);
 
 }  // namespace tools
