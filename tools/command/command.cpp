@@ -5,11 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <set>
+#include <system_error>
 #include <utility>
 
 namespace tools {
@@ -38,6 +41,10 @@ FileBuffer::FileBuffer(const std::string& path, Mode mode)
         descriptor = isWritten ? STDOUT_FILENO : STDIN_FILENO;
         if (!isWritten && std::exchange(isStandardInputOpened, true)) {
             throw CommandError(name + ": error: cannot be read twice");
+        }
+        struct stat status {};
+        if (!isWritten && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+            openedFiles.insert({status.st_dev, status.st_ino});
         }
     } else {
         OpenFile(path.c_str());
@@ -136,6 +143,22 @@ void WriteFile(const std::string& path, const std::function<void(std::ostream& f
         Output file(path);
         write(file);
         file.Close();
+    }
+}
+
+void RemoveStale(const std::vector<std::string>& outputs, const std::vector<std::string>& inputs) {
+    std::vector<std::string> kept = {"/dev/stdin", "/dev/stdout", "/dev/stderr"};
+    kept.insert(kept.end(), inputs.begin(), inputs.end());
+    for (const std::string& path : outputs) {
+        std::error_code error;
+        // Not what a link names: that may be open under another name.
+        if (std::filesystem::symlink_status(path, error).type() ==
+                std::filesystem::file_type::regular &&
+            std::none_of(kept.begin(), kept.end(), [&](const std::string& other) {
+                return std::filesystem::equivalent(path, other, error);
+            })) {
+            std::filesystem::remove(path, error);
+        }
     }
 }
 

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -94,6 +95,12 @@ class Output : private FileBuffer, public std::ostream {
 
 // Lets `write` write the file of an option; nothing where that was not given, and `path` is empty.
 void WriteFile(const std::string& path, const std::function<void(std::ostream& file)>& write);
+
+// Removes what an earlier run left at the paths of `outputs`, so that nobody takes it for the
+// result of one that fails. What is among `inputs`, a standard stream, or no plain file is left
+// alone, and so is what cannot be removed. A path that is empty, as its option was not given, is
+// none.
+void RemoveStale(const std::vector<std::string>& outputs, const std::vector<std::string>& inputs);
 
 // From the first call on an interrupt (SIGINT, SIGTERM) no longer ends the process: long work asks
 // IsInterrupted now and then and comes to an end. A second interrupt does end it.

@@ -109,7 +109,17 @@ int RunExplain(const Arguments& arguments) {
     if (arguments.isJson && !arguments.other.empty()) {
         FailUsage("--json does not go with --compare");
     }
+    if (arguments.pictures.AreWanted() && !arguments.other.empty()) {
+        FailUsage(
+            "--to-html and --to-trace do not go with --compare: they show one capture, and a\n"
+            "comparison has two");
+    }
     const Shown shown = {arguments.showsAllFrames, arguments.pictures.Frames()};
+    std::vector<std::string> outputs = arguments.pictures.Paths();
+    outputs.insert(outputs.end(), {arguments.csv, arguments.session, arguments.configuration});
+    std::vector<std::string> inputs = arguments.captures;
+    inputs.push_back(arguments.other);
+    RemoveStale(outputs, inputs);
     ProgressLine progress("MB", false);
     SessionMaker maker;
     const Account account = Explain(arguments.captures, arguments.judging, progress,

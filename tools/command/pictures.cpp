@@ -21,7 +21,8 @@ void Pictures::AddOptions(CLI::App& command) {
         "ends in .gz");
     command
         .add_option("--frames", frames,
-                    "Show these frames, whatever became of them; one, or a range")
+                    "Show these frames in text and trace, whatever became of them; one, or a\n"
+                    "range")
         ->type_name("A-B");
 }
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tools/account/account.h"
 
@@ -24,6 +25,8 @@ class Pictures {
     // What --frames asks for: the first and the last number. Throws a CommandError when it is
     // neither a frame nor a range.
     std::optional<std::pair<int64_t, int64_t>> Frames() const;
+    // The files; empty where one was not asked for.
+    std::vector<std::string> Paths() const { return {page, trace}; }
     // Writes those that were asked for. `title`: what was looked at.
     void Write(const Account& account, const std::string& title) const;
 

@@ -120,8 +120,9 @@ int RunReplay(Arguments& arguments) {
         arguments.options.statuses.push_back(ParseStatus(status));
     }
     if (arguments.pictures.Frames() && !arguments.pictures.AreWanted()) {
-        FailUsage("--frames goes with --to-html");
+        FailUsage("--frames goes with --to-trace");
     }
+    RemoveStale(arguments.pictures.Paths(), {arguments.session, arguments.configuration});
     Output out("-");
     bool isPlayed = false;
     try {
