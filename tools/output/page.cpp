@@ -16,6 +16,7 @@
 #include "tools/output/meaning.h"
 #include "tools/output/naming.h"
 #include "tools/output/page_assets.h"
+#include "tools/output/timeline.h"
 
 namespace tools {
 namespace {
@@ -72,6 +73,7 @@ class Page {
         out << "<noscript><p>The timeline is missing, as scripts are switched off. All else is "
                "here.</p></noscript>\n</header>\n<main>\n";
         WriteFindings();
+        WriteTimeline(out, account);
         for (size_t i = 0; i < account.scenes.size(); ++i) {
             WriteScene(i);
         }

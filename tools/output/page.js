@@ -16,7 +16,8 @@
             head.setAttribute('aria-sort', isDown ? 'descending' : 'ascending');
             const text = (row) => row.cells[column].textContent;
             const compare = new Intl.Collator(undefined, { numeric: true }).compare;
-            const number = (row) => (text(row) === '' ? NaN : Number(text(row)));
+            // "12.345 s" and "150–181" go by their first number, "a.log:17" as text.
+            const number = (row) => (/^-?\d/.test(text(row)) ? parseFloat(text(row)) : NaN);
             const rows = [...body.rows].sort((a, b) => {
                 const difference = number(a) - number(b);
                 return Number.isNaN(difference) ? compare(text(a), text(b)) : difference;
@@ -36,13 +37,981 @@
             const wanted = input.value.trim().toLowerCase();
             let count = 0;
             for (const row of body.rows) {
-                // Cell by cell: "150" is not found in a row of 1 and 50.
-                row.hidden = ![...row.cells].some((cell) =>
-                    cell.textContent.toLowerCase().includes(wanted));
+                // Cell by cell: "150" is not found in a row of 1 and 50, but in one of 100–200.
+                row.hidden = ![...row.cells].some((cell) => {
+                    const [first, last] = cell.textContent.split('–').map(Number);
+                    return /^\d+$/.test(wanted) && last !== undefined
+                        ? first <= Number(wanted) && Number(wanted) <= last
+                        : cell.textContent.toLowerCase().includes(wanted);
+                });
                 count += row.hidden ? 0 : 1;
             }
             shown.textContent = `${count} of ${body.rows.length}`;
         });
         table.parentNode.before(label);
     }
+})();
+
+// The timeline: the frames of a scene, drawn on canvases when they are looked at.
+(async () => {
+    const section = document.getElementById('timeline');
+    if (!section) {
+        return;
+    }
+    const { from: clock, scenes } = JSON.parse(document.getElementById('data').textContent);
+    const make = (name, properties = {}, ...children) => {
+        const element = Object.assign(document.createElement(name), properties);
+        element.append(...children);
+        return element;
+    };
+    const seconds = (time) => `${time.toFixed(3)} s`;
+    const ms = (time) => `${(time * 1000).toFixed(3).replace(/\.?0+$/, '')} ms`;
+    const clamp = (value, low, high) => Math.min(Math.max(value, low), high);
+    // The first place in [low, high) from which on it is true.
+    const search = (low, high, isTrue) => {
+        while (low < high) {
+            const middle = (low + high) >> 1;
+            if (isTrue(middle)) {
+                high = middle;
+            } else {
+                low = middle + 1;
+            }
+        }
+        return low;
+    };
+
+    // ---- Data ----
+
+    async function unpack(told) {
+        const packed = Uint8Array.from(atob(told.data), (letter) => letter.charCodeAt(0));
+        const stream = new Blob([packed]).stream().pipeThrough(new DecompressionStream('gzip'));
+        const bytes = new Uint8Array(await new Response(stream).arrayBuffer());
+        let at = 0;
+        const next = () => {
+            let value = 0;
+            let scale = 1;
+            for (; bytes[at] > 127; scale *= 128) {
+                value += (bytes[at++] & 127) * scale;
+            }
+            value += bytes[at++] * scale;
+            return value % 2 === 1 ? -(value + 1) / 2 : value / 2;
+        };
+        const big = () => {
+            let value = 0n;
+            let shift = 0n;
+            for (; bytes[at] > 127; shift += 7n) {
+                value |= BigInt(bytes[at++] & 127) << shift;
+            }
+            value |= BigInt(bytes[at++]) << shift;
+            return value & 1n ? -(value >> 1n) - 1n : value >> 1n;
+        };
+        const count = told.frames;
+        const numbers = [];
+        for (let i = 0, number = 0n; i < count; ++i) {
+            number = BigInt.asIntN(64, number + big());
+            numbers.push(number);
+        }
+        const codes = Uint8Array.from({ length: count }, next);
+        const known = new Float64Array(count);
+        const column = (isFirst) => {
+            const times = new Float64Array(count).fill(NaN);
+            for (let i = 0; i < count; ++i) {
+                if (isFirst && i > 0) {
+                    known[i] = known[i - 1];
+                }
+                const step = next();
+                if (step !== 0) {
+                    known[i] += step > 0 ? step - 1 : step;
+                    times[i] = known[i] * told.unit;
+                }
+            }
+            return times;
+        };
+        const start = column(true);
+        const left = told.stages.map(() => column(false));
+        const end = column(false);
+        return derive({ ...told, numbers, codes, start, left, end, data: null });
+    }
+
+    // What follows from the times: when frames came to stages and those began with them, who came
+    // out when, how many were in flight.
+    function derive(scene) {
+        const { left, start, end, codes } = scene;
+        const count = codes.length;
+        const stages = left.length;
+        const sorted = (times) => Uint32Array.from(times.keys()).filter((i) => !isNaN(times[i]))
+            .sort((a, b) => times[a] - times[b]);
+        scene.order = left.map(sorted);
+        scene.came = left.map(() => new Float64Array(count).fill(NaN));
+        scene.begun = left.map(() => new Float64Array(count).fill(NaN));
+        scene.until = left.map(() => new Float64Array(count).fill(NaN));
+        scene.stands = left.map(() => []);  // Frames that are not known to have left.
+        for (let i = 0; i < count; ++i) {
+            let last = start[i];
+            let through = -1;
+            for (let stage = 0; stage < stages; ++stage) {
+                scene.came[stage][i] = last;
+                if (!isNaN(left[stage][i])) {
+                    last = left[stage][i];
+                    through = stage;
+                }
+            }
+            const next = through + 1;
+            if (next < stages && !isNaN(last) && (codes[i] & 32)) {
+                scene.stands[next].push(i);
+            }
+        }
+        for (let stage = 0; stage < stages; ++stage) {
+            let free = NaN;
+            for (const i of scene.order[stage]) {
+                const came = scene.came[stage][i];
+                // The sensor has no queue: it delivers one frame after the other.
+                scene.begun[stage][i] = stage === 0 ? (isNaN(free) ? came : free)
+                    : isNaN(free) || came > free ? came : Math.min(free, left[stage][i]);
+                if (stage === 0) {
+                    scene.came[0][i] = scene.begun[0][i];
+                }
+                free = left[stage][i];
+            }
+            const order = scene.order[stage];
+            for (const i of scene.stands[stage]) {
+                const came = scene.came[stage][i];
+                const place = search(0, order.length, (k) => left[stage][order[k]] > came);
+                let passed = place;
+                while (passed < order.length && order[passed] < i) {
+                    ++passed;
+                }
+                scene.until[stage][i] = passed < order.length ? left[stage][order[passed]]
+                    : isNaN(end[i]) ? scene.stop : Math.max(end[i], came);
+            }
+        }
+        scene.lastStage = scene.order.findLastIndex((order) => order.length > 0);
+        scene.out = scene.lastStage < 0 ? end : left[scene.lastStage];
+        scene.outputs = scene.lastStage < 0 ? sorted(end) : scene.order[scene.lastStage];
+        const events = [];
+        for (let i = 0; i < count; ++i) {
+            if (!isNaN(start[i])) {
+                const over = Math.max(isNaN(scene.out[i]) ? -1 : scene.out[i],
+                    isNaN(end[i]) ? -1 : end[i]);
+                events.push([start[i], 1], [over < 0 ? scene.stop : Math.max(over, start[i]), -1]);
+            }
+        }
+        events.sort((a, b) => a[0] - b[0] || a[1] - b[1]);
+        let flying = 0;
+        scene.flight = events.map(([time, change]) => [time, flying += change]);
+        scene.most = scene.flight.reduce((most, [, value]) => Math.max(most, value), 1);
+        scene.drift = null;
+        return scene;
+    }
+
+    // The median and the 95th percentile of how long frames are in each stage, over time.
+    function driftOf(scene, bins) {
+        if (scene.drift?.bins !== bins) {
+            const rows = scene.left.map((left, stage) => {
+                const values = Array.from({ length: bins }, () => []);
+                for (const i of scene.order[stage]) {
+                    const stay = left[i] - scene.came[stage][i];
+                    if (!isNaN(stay)) {
+                        const bin = Math.floor(left[i] / scene.stop * bins);
+                        values[clamp(bin, 0, bins - 1)].push(stay);
+                    }
+                }
+                const at = (all, share) => all[Math.max(Math.ceil(share * all.length) - 1, 0)];
+                return values.map((all) => {
+                    all.sort((a, b) => a - b);
+                    return [at(all, 0.5), at(all, 0.95)];
+                });
+            });
+            const all = rows.flat().map(([, high]) => high).filter((high) => high !== undefined)
+                .sort((a, b) => a - b);
+            scene.drift = { bins, rows, top: all[Math.floor(all.length * 0.98)] || 1 };
+        }
+        return scene.drift;
+    }
+
+    // ---- What is looked at ----
+
+    let scene = null;
+    let view = { from: 0, to: 1 };
+    let chosen = -1;  // A frame that is followed.
+    let span = null;  // That is measured.
+    let isMeasuring = false;
+    const findings = [...document.querySelectorAll('li[data-scene][data-time]')].map((item) => ({
+        scene: Number(item.dataset.scene) + 1,
+        time: Number(item.dataset.time),
+        severity: item.classList[0],
+        item,
+        // Between its severity and its check.
+        words: [...item.childNodes].slice(1, [...item.childNodes].findIndex(
+            (node) => node.nodeName === 'CODE')).map((node) => node.textContent).join('').trim(),
+    }));
+    const marks = () => findings.filter((finding) => finding.scene === scene.scene);
+
+    const button = (text, key, title, act) => {
+        const made = make('button', { type: 'button', textContent: text, title: `${title} (${key})` });
+        made.setAttribute('aria-keyshortcuts', key);
+        made.addEventListener('click', act);
+        return made;
+    };
+    const picker = make('select', { id: 'scene' });
+    picker.append(...scenes.map((told, i) => make('option', { value: i, textContent: told.title })));
+    const finder = make('input', { type: 'search', id: 'frame', inputMode: 'numeric', size: 8 });
+    const measurer = button('Measure', 'm', 'Measure between two points: drag', () => measure());
+    const status = make('p', { className: 'status' });
+    status.setAttribute('role', 'status');
+    const controls = make('div', { className: 'controls' },
+        ...(scenes.length > 1 ? [make('label', {}, 'Scene ', picker)] : []),
+        make('label', {}, 'Frame ', finder),
+        button('◀', 'ArrowLeft', 'Earlier', () => pan(-0.5)),
+        button('▶', 'ArrowRight', 'Later', () => pan(0.5)),
+        button('+', '+', 'Zoom in', () => zoom(0.5)),
+        button('−', '-', 'Zoom out', () => zoom(2)),
+        button('All', 'Home', 'The whole scene', () => look(0, scene.stop)),
+        button('Previous finding', 'p', 'Previous finding', () => jump(-1)),
+        button('Next finding', 'n', 'Next finding', () => jump(1)),
+        measurer);
+    controls.setAttribute('role', 'toolbar');
+    controls.setAttribute('aria-label', 'Timeline');
+    const overview = make('canvas', { className: 'overview', tabIndex: 0 });
+    const canvas = make('canvas', { className: 'frames', tabIndex: 0 });
+    for (const [element, label] of [
+        [overview, 'Overview of the scene; the arrow keys move what is shown below'],
+        [canvas, 'Frames in stages over time; arrow keys move, plus and minus zoom, n and p go to ' +
+            'findings, comma and full stop to frames; the table of frames has the same in words']]) {
+        element.setAttribute('role', 'application');
+        element.setAttribute('aria-label', label);
+    }
+    const tip = make('div', { className: 'tip', hidden: true });
+    tip.setAttribute('aria-hidden', 'true');  // The status says the same.
+    const board = make('div', { className: 'board' }, overview, canvas, tip);
+    const legend = make('ul', { className: 'legend' });
+    section.append(controls, board, status, legend);
+
+    // ---- Drawing ----
+
+    // Asked of the browser once a drawing, as asking for each frame would take seconds.
+    let gutter = 0;  // For the names of rows.
+    let breadth = 0;
+    let palette = {};
+    const AXIS = 20;
+    const ROW = 34;
+    const styles = getComputedStyle(document.documentElement);
+    const color = (name) => (palette[name] ??= styles.getPropertyValue(`--${name}`).trim());
+    const rowsOf = () => [
+        { name: 'findings', kind: 'findings', height: 24 },
+        { name: 'output', kind: 'output', height: ROW },
+        { name: 'in flight', kind: 'flight', height: ROW },
+        ...scene.stages.map((name, stage) => ({
+            name: stage === 0 ? `0 ${name}, since the one before` : `${stage} ${name}`,
+            kind: 'stage', stage, height: ROW,
+        })),
+    ];
+    let places = [];  // Rows with their tops.
+
+    function prepare(element, height) {
+        const width = breadth;
+        const ratio = window.devicePixelRatio || 1;
+        element.style.height = `${height}px`;
+        element.width = Math.round(width * ratio);
+        element.height = Math.round(height * ratio);
+        const pen = element.getContext('2d');
+        pen.setTransform(ratio, 0, 0, ratio, 0, 0);
+        pen.font = '12px system-ui, sans-serif';
+        pen.textBaseline = 'middle';
+        return { pen, width };
+    }
+
+    // A shape of the drawing, from one place to another: also drawn in the legend.
+    const shapes = {
+        work: (pen, x, y, w, h) => {
+            pen.fillStyle = color('work');
+            pen.fillRect(x, y, w, h - 6);
+        },
+        wait: (pen, x, y, w, h) => {
+            pen.fillStyle = color('work');
+            pen.fillRect(x, y + h - 4, w, 4);  // Below those at work meanwhile.
+        },
+        since: (pen, x, y, w, h) => {
+            pen.strokeStyle = color('work');
+            pen.lineWidth = 1;
+            if (w > 3) {
+                pen.strokeRect(x + 0.5, y + 0.5, w - 1, h - 7);
+            } else {
+                shapes.work(pen, x, y, w, h);
+            }
+        },
+        stands: (pen, x, y, w, h) => {
+            pen.fillStyle = color('bad');
+            for (let dash = x; dash < x + w; dash += 6) {
+                pen.fillRect(dash, y + h / 2 - 2, Math.min(4, x + w - dash), 4);
+            }
+            pen.lineWidth = 2;
+            pen.strokeStyle = color('bad');
+            pen.beginPath();
+            pen.moveTo(x + w - 4, y + h / 2 - 5);
+            pen.lineTo(x + w + 4, y + h / 2 + 5);
+            pen.moveTo(x + w - 4, y + h / 2 + 5);
+            pen.lineTo(x + w + 4, y + h / 2 - 5);
+            pen.stroke();
+        },
+        output: (pen, x, y, w, h) => {
+            pen.fillStyle = color('work');
+            pen.fillRect(x + w - 2, y + h / 2, 2, h / 2);
+        },
+        late: (pen, x, y, w, h) => {
+            pen.fillStyle = color('bad');
+            pen.fillRect(x, y + h / 2, w, 3);
+            pen.fillRect(x + w - 3, y, 3, h);
+        },
+        due: (pen, x, y, w, h) => {
+            pen.fillStyle = color('quiet');
+            pen.fillRect(x + w - 1, y, 1, h / 2 - 2);
+        },
+        flight: (pen, x, y, w, h) => {
+            pen.fillStyle = color('quiet');
+            pen.fillRect(x, y, w, h);
+        },
+        error: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'bad', 3),
+        warning: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'doubtful', 4),
+        note: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'quiet', 24),
+        median: (pen, x, y, w, h) => {
+            pen.fillStyle = color('work');
+            pen.fillRect(x, y + h / 2, w, 2);
+        },
+        high: (pen, x, y, w, h) => {
+            pen.fillStyle = color('doubtful');
+            pen.fillRect(x, y + h / 2, w, 1.5);
+        },
+        chosen: (pen, x, y, w, h) => {
+            pen.strokeStyle = color('ink');
+            pen.lineWidth = 2;
+            pen.strokeRect(x - 1, y - 1, Math.max(w, 2) + 2, h + 2);
+        },
+        shade: (pen, x, y, w, h) => {
+            pen.fillStyle = color('shade');
+            pen.fillRect(x, y, w, h);
+            pen.fillStyle = color('link');
+            pen.fillRect(x - 1, y, 2, h);
+            pen.fillRect(x + w - 1, y, 2, h);
+        },
+        span: (pen, x, y, w, h) => {
+            pen.fillStyle = color('ink');
+            pen.fillRect(x, y, 1, h);
+            pen.fillRect(x + w, y, 1, h);
+            pen.fillRect(x, y + h / 2, w, 1);
+        },
+    };
+    // A polygon of so many corners: errors, warnings and notes differ in shape, too.
+    function mark(pen, x, y, name, corners) {
+        pen.fillStyle = color(name);
+        pen.beginPath();
+        for (let i = 0; i < corners; ++i) {
+            const angle = (i / corners) * 2 * Math.PI - Math.PI / 2;
+            pen.lineTo(x + 6 * Math.cos(angle), y + 6 * Math.sin(angle));
+        }
+        pen.fill();
+    }
+
+    function axis(pen, width, y, from, to, gridTo) {
+        const least = ((to - from) * 90) / (width - gutter);
+        const power = 10 ** Math.floor(Math.log10(least));
+        const step = [1, 2, 5, 10].map((times) => times * power).find((one) => one >= least);
+        pen.textAlign = 'center';
+        for (let tick = Math.ceil(from / step) * step; tick <= to; tick += step) {
+            const x = gutter + ((tick - from) / (to - from)) * (width - gutter);
+            pen.fillStyle = color('rule');
+            pen.fillRect(x, y + AXIS - 5, 1, gridTo - y - AXIS + 5);
+            if (x < width - 30) {
+                pen.fillStyle = color('ink');
+                pen.fillText(seconds(Math.max(tick, 0)), Math.max(x, gutter + 28), y + AXIS / 2 - 2);
+            }
+        }
+    }
+
+    const timeAt = (x) => view.from + ((x - gutter) / (breadth - gutter)) *
+        (view.to - view.from);
+    const xOf = (time) => gutter + ((time - view.from) / (view.to - view.from)) *
+        (breadth - gutter);
+
+    function label(pen, text, y) {
+        pen.textAlign = 'left';
+        pen.fillStyle = color('ink');
+        let shown = text;
+        while (shown.length > 1 && pen.measureText(shown).width > gutter - 8) {
+            shown = `${shown.slice(0, -2)}…`;
+        }
+        pen.fillText(shown, 0, y);
+    }
+
+    function drawStage(pen, row, y, height) {
+        const { stage } = row;
+        const order = scene.order[stage];
+        const left = scene.left[stage];
+        const came = scene.came[stage];
+        const begun = scene.begun[stage];
+        const work = stage === 0 ? 'since' : 'work';
+        let last = -1;
+        for (let k = search(0, order.length, (i) => left[order[i]] >= view.from);
+            k < order.length; ++k) {
+            const i = order[k];
+            const x = xOf(isNaN(came[i]) ? left[i] : came[i]);
+            // Frames come one after another: what comes later than this begins later still.
+            if (x > breadth && left[i] > view.to + 60) {
+                break;
+            }
+            const to = xOf(left[i]);
+            if (x > breadth || to < last + 0.5) {
+                continue;
+            }
+            last = to;
+            const middle = isNaN(begun[i]) ? to : xOf(begun[i]);
+            const from = Math.max(x, gutter);
+            if (middle - from > 0.5) {
+                shapes.wait(pen, from, y, middle - from, height);
+            }
+            const at = Math.max(middle, gutter);
+            shapes[work](pen, at, y, Math.max(to - at - (to - at > 3 ? 1 : 0), 1), height);
+            if (to - at > 34) {
+                pen.textAlign = 'center';
+                pen.fillStyle = color(work === 'work' ? 'paper' : 'ink');
+                pen.fillText(String(scene.numbers[i]), (at + to) / 2, y + height / 2 - 2);
+            }
+        }
+        for (const i of scene.stands[stage]) {
+            const from = xOf(came[i]);
+            const to = xOf(scene.until[stage][i]);
+            if (to > gutter && from < breadth) {
+                const at = Math.max(from, gutter);
+                shapes.stands(pen, at, y, Math.min(to, breadth - 5) - at, height);
+            }
+        }
+    }
+
+    function drawOutput(pen, y, height) {
+        const { outputs, out, codes, period } = scene;
+        let last = -1;
+        const first = search(0, outputs.length, (i) => out[outputs[i]] >= view.from);
+        for (let k = first; k < outputs.length && out[outputs[k]] <= view.to; ++k) {
+            const i = outputs[k];
+            const x = xOf(out[i]);
+            if (codes[i] & 16) {
+                const from = Math.max(k > 0 ? xOf(out[outputs[k - 1]]) : x, gutter);
+                shapes.late(pen, from, y, x - from, height);
+            } else if (x >= last + 1) {
+                shapes.output(pen, x - 2, y, 2, height);
+                last = x;
+            }
+            const due = k > 0 ? xOf(out[outputs[k - 1]] + period) : -1;
+            if (due > gutter && due < breadth && xOf(period) - xOf(0) > 4) {
+                shapes.due(pen, due - 1, y, 1, height);
+            }
+        }
+    }
+
+    function drawFlight(pen, y, height) {
+        const { flight, most } = scene;
+        let x = gutter;
+        let k = search(0, flight.length, (i) => flight[i][0] > view.from) - 1;
+        let value = k < 0 ? 0 : flight[k][1];
+        let peak = value;
+        for (++k; k <= flight.length; ++k) {
+            const next = k < flight.length ? xOf(Math.min(flight[k][0], view.to)) : breadth;
+            if (next - x >= 1) {
+                const h = (Math.max(peak, value) / most) * height;
+                shapes.flight(pen, x, y + height - h, next - x, h);
+                x = next;
+                peak = 0;
+            }
+            if (k === flight.length || flight[k][0] > view.to) {
+                break;
+            }
+            value = flight[k][1];
+            peak = Math.max(peak, value);
+        }
+    }
+
+    function draw() {
+        palette = {};
+        breadth = board.clientWidth;
+        gutter = Math.min(150, breadth * 0.3);
+        const rows = rowsOf();
+        const height = rows.reduce((sum, row) => sum + row.height, AXIS);
+        const { pen, width } = prepare(canvas, height);
+        axis(pen, width, 0, view.from, view.to, height);
+        places = [];
+        let y = AXIS;
+        for (const row of rows) {
+            places.push({ ...row, y });
+            pen.fillStyle = color('rule');
+            pen.fillRect(0, y + row.height - 1, width, 1);
+            label(pen, row.name, y + row.height / 2);
+            const inner = row.height - 10;
+            if (row.kind === 'stage') {
+                drawStage(pen, row, y + 5, inner);
+            } else if (row.kind === 'output') {
+                drawOutput(pen, y + 5, inner);
+            } else if (row.kind === 'flight') {
+                drawFlight(pen, y + 5, inner);
+            } else {
+                for (const finding of marks()) {
+                    if (finding.time >= view.from && finding.time <= view.to) {
+                        shapes[finding.severity](pen, xOf(finding.time) - 6, y + 6, 12, 12);
+                    }
+                }
+            }
+            y += row.height;
+        }
+        if (chosen >= 0) {
+            pen.beginPath();
+            for (const { kind, stage, y: top } of places.filter((row) => row.kind === 'stage')) {
+                const left = scene.left[stage][chosen];
+                const came = scene.came[stage][chosen];
+                const to = isNaN(left) ? scene.until[stage][chosen] : left;
+                const from = isNaN(came) ? left : came;
+                if (!isNaN(to) && xOf(to) >= gutter && xOf(from) <= width) {
+                    const at = Math.max(xOf(from), gutter);
+                    shapes.chosen(pen, at, top + 5, xOf(to) - at, ROW - 10);
+                }
+            }
+        }
+        if (span) {
+            const [a, b] = span.map(xOf).sort((one, other) => one - other);
+            shapes.span(pen, a, AXIS, b - a, height - AXIS);
+            pen.textAlign = 'center';
+            pen.fillText(ms(Math.abs(span[1] - span[0])), (a + b) / 2, AXIS + (height - AXIS) / 2 - 9);
+        }
+        drawOverview();
+    }
+
+    function drawOverview() {
+        const band = 16;
+        const height = AXIS + 18 + scene.stages.length * band;
+        const { pen, width } = prepare(overview, height);
+        const scale = (width - gutter) / scene.stop;
+        const x = (time) => gutter + time * scale;
+        axis(pen, width, 0, 0, scene.stop, height);
+        shapes.shade(pen, x(view.from), AXIS, Math.max((view.to - view.from) * scale, 2), height);
+        label(pen, 'findings', AXIS + 9);
+        for (const finding of marks()) {
+            shapes[finding.severity](pen, x(finding.time) - 6, AXIS + 3, 12, 12);
+        }
+        const bins = clamp(Math.floor((width - gutter) / 6), 10, 240);
+        const { rows, top } = driftOf(scene, bins);
+        rows.forEach((values, stage) => {
+            const y = AXIS + 18 + stage * band;
+            label(pen, `${stage} ${scene.stages[stage]}`, y + band / 2);
+            values.forEach(([median, high], bin) => {
+                if (median !== undefined) {
+                    const at = gutter + (bin / bins) * (width - gutter);
+                    const level = (value) => y + band - 3 - Math.min(value / top, 1) * (band - 4);
+                    shapes.high(pen, at, level(high) - 1, (width - gutter) / bins, 2);
+                    shapes.median(pen, at, level(median) - 1, (width - gutter) / bins, 2);
+                }
+            });
+        });
+    }
+
+    let isDue = false;
+    function redraw() {
+        if (!isDue) {
+            isDue = true;
+            requestAnimationFrame(() => {
+                isDue = false;
+                draw();
+            });
+        }
+    }
+
+    // ---- What is where ----
+
+    // The clock of the log, where its form shows one.
+    function logged(time) {
+        const [, before, h, m, s] = /^(.*?)(\d+):(\d+):(\d+(?:\.\d+)?)$/.exec(clock) ?? [];
+        if (s === undefined) {
+            return '';
+        }
+        const all = Number(h) * 3600 + Number(m) * 60 + Number(s) + scene.begin + time;
+        const two = (value) => String(Math.floor(value)).padStart(2, '0');
+        const rest = (all % 60).toFixed(3).padStart(6, '0');
+        return `${before}${two((all / 3600) % 24)}:${two((all / 60) % 60)}:${rest}`;
+    }
+    const wordsOf = (i) => {
+        const code = scene.codes[i];
+        return [scene.words[code & 15], ...(code & 16 ? ['late'] : []),
+            ...(code & 32 ? ['never out'] : []), ...(code & 64 ? ['lines missing'] : [])].join(', ');
+    };
+
+    function at(x, y) {
+        const row = places.find((place) => y >= place.y && y < place.y + place.height);
+        if (!row || x < gutter) {
+            return null;
+        }
+        const time = timeAt(x);
+        const near = (5 / (breadth - gutter)) * (view.to - view.from);
+        if (row.kind === 'findings') {
+            const close = marks().filter((one) => Math.abs(one.time - time) <= near * 1.6)
+                .sort((a, b) => Math.abs(a.time - time) - Math.abs(b.time - time))[0];
+            return close && { kind: 'finding', time: close.time, finding: close, text: close.words };
+        }
+        if (row.kind === 'flight') {
+            const k = search(0, scene.flight.length, (i) => scene.flight[i][0] > time) - 1;
+            const count = k < 0 ? 0 : scene.flight[k][1];
+            return { kind: 'flight', time, count, text: `${count} frames in flight` };
+        }
+        if (row.kind === 'output') {
+            const { outputs, out, codes } = scene;
+            let k = search(0, outputs.length, (i) => out[outputs[i]] >= time);
+            const isLate = k < outputs.length && codes[outputs[k]] & 16;
+            if (!isLate && k > 0 && (k === outputs.length ||
+                time - out[outputs[k - 1]] < out[outputs[k]] - time)) {
+                --k;
+            }
+            const i = outputs[k];
+            if (i === undefined || (!isLate && Math.abs(out[i] - time) > near)) {
+                return null;
+            }
+            const interval = k > 0 ? `, ${ms(out[i] - out[outputs[k - 1]])} after the one before` : '';
+            return { kind: 'output', frame: i, time: out[i],
+                text: `frame ${scene.numbers[i]} came out${interval}` };
+        }
+        const { stage } = row;
+        const order = scene.order[stage];
+        const left = scene.left[stage];
+        const tell = (i, what) => ({ kind: 'stage', stage, frame: i, what, time,
+            text: `frame ${scene.numbers[i]}, stage ${stage} (${scene.stages[stage]}): ${what}` });
+        for (let k = search(0, order.length, (i) => left[order[i]] >= time), tries = 0;
+            k < order.length && tries < 100; ++k, ++tries) {
+            const i = order[k];
+            const begun = scene.begun[stage][i];
+            if (begun <= time) {
+                const took = ms(left[i] - begun);
+                return tell(i, stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
+            }
+            if (scene.came[stage][i] <= time) {
+                return tell(i, `waiting for ${ms(begun - scene.came[stage][i])}`);
+            }
+        }
+        const standing = scene.stands[stage].find(
+            (i) => scene.came[stage][i] <= time && time <= scene.until[stage][i] + near);
+        return standing === undefined ? null : tell(standing, 'never seen to leave');
+    }
+
+    function show(hit, x, y) {
+        tip.hidden = !hit;
+        if (!hit) {
+            return;
+        }
+        tip.replaceChildren();
+        const add = (text) => tip.append(make('div', {}, make('bdi', { textContent: text })));
+        add(hit.text);
+        if (hit.frame !== undefined) {
+            add(wordsOf(hit.frame));
+        }
+        add(`${seconds(hit.time)} into the scene${logged(hit.time) && `, ${logged(hit.time)}`}`);
+        tip.style.left = `${clamp(x + 12, 0, Math.max(breadth - tip.offsetWidth, 0))}px`;
+        tip.style.top = `${canvas.offsetTop + y + 16}px`;
+    }
+
+    // ---- Moving ----
+
+    function say(text) {
+        status.textContent = text;
+    }
+
+    function look(from, to) {
+        const length = clamp(to - from, 1e-4, scene.stop);
+        view.from = clamp(from, 0, scene.stop - length);
+        view.to = view.from + length;
+        redraw();
+        remember();
+    }
+    const pan = (share) => look(view.from + share * (view.to - view.from),
+        view.to + share * (view.to - view.from));
+    const zoom = (factor, around = (view.from + view.to) / 2) =>
+        look(around - (around - view.from) * factor, around + (view.to - around) * factor);
+
+    let timer = 0;
+    const address = () => `#scene=${scene.scene}&from=${view.from.toFixed(4)}` +
+        `&to=${view.to.toFixed(4)}${chosen < 0 ? '' : `&frame=${scene.numbers[chosen]}`}`;
+    function remember(isStep = false) {
+        clearTimeout(timer);
+        if (isStep) {
+            history.pushState(null, '', address());
+        } else {
+            timer = setTimeout(() => history.replaceState(null, '', address()), 200);
+        }
+    }
+
+    const momentOf = (i) => [scene.out[i], ...scene.left.map((left) => left[i]), scene.start[i],
+        scene.end[i]].find((time) => !isNaN(time)) ?? 0;
+    function choose(i, isStep = true) {
+        chosen = i;
+        if (i >= 0) {
+            const time = momentOf(i);
+            const stays = scene.left.map((left, stage) => isNaN(left[i]) ? `stage ${stage}: -`
+                : `stage ${stage}: ${ms(left[i] - scene.came[stage][i])}`);
+            say(`Frame ${scene.numbers[i]}: ${wordsOf(i)}, ${seconds(time)} into the scene; ` +
+                stays.join(', '));
+            if (time < view.from || time > view.to) {
+                const half = (view.to - view.from) / 2;
+                look(time - half, time + half);
+            }
+        }
+        if (isStep) {
+            remember(true);
+        }
+        redraw();
+    }
+
+    function jump(direction) {
+        const middle = (view.from + view.to) / 2;
+        const all = marks().sort((a, b) => a.time - b.time);
+        const next = direction > 0 ? all.find((one) => one.time > middle + 1e-6)
+            : all.findLast((one) => one.time < middle - 1e-6);
+        if (!next) {
+            say(`There is no ${direction > 0 ? 'later' : 'earlier'} finding in this scene.`);
+            return;
+        }
+        const half = Math.min((view.to - view.from) / 2, 1);
+        look(next.time - half, next.time + half);
+        say(next.words);
+        remember(true);
+    }
+
+    function measure() {
+        isMeasuring = !isMeasuring;
+        measurer.setAttribute('aria-pressed', isMeasuring);
+        span = null;
+        redraw();
+    }
+
+    function find(text) {
+        let number;
+        try {
+            number = BigInt(text.trim());
+        } catch {
+            say(`"${text}" is no frame number.`);
+            return;
+        }
+        // A number that is used again is found again.
+        let found = scene.numbers.indexOf(number, chosen + 1);
+        found = found < 0 ? scene.numbers.indexOf(number) : found;
+        if (found < 0) {
+            say(`There is no frame ${number} in this scene.`);
+            return;
+        }
+        const time = momentOf(found);
+        look(time - 0.15, time + 0.15);
+        choose(found);
+    }
+
+    // ---- Mouse, keys and the address ----
+
+    let held = null;
+    canvas.addEventListener('pointerdown', (event) => {
+        canvas.setPointerCapture(event.pointerId);
+        held = { x: event.offsetX, y: event.offsetY, from: view.from, to: view.to, isMoved: false };
+        if (isMeasuring) {
+            span = [timeAt(event.offsetX), timeAt(event.offsetX)];
+        }
+    });
+    canvas.addEventListener('pointermove', (event) => {
+        if (held) {
+            const moved = event.offsetX - held.x;
+            held.isMoved ||= Math.abs(moved) > 3;
+            if (isMeasuring) {
+                span[1] = timeAt(event.offsetX);
+                redraw();
+            } else if (held.isMoved) {
+                const by = (moved / (breadth - gutter)) * (held.to - held.from);
+                look(held.from - by, held.to - by);
+            }
+        }
+        show(held?.isMoved ? null : at(event.offsetX, event.offsetY), event.offsetX, event.offsetY);
+    });
+    canvas.addEventListener('pointerup', (event) => {
+        const isClick = held && !held.isMoved && !isMeasuring;
+        if (isMeasuring && span) {
+            say(`${ms(Math.abs(span[1] - span[0]))}, from ${seconds(Math.min(...span))} to ` +
+                `${seconds(Math.max(...span))} into the scene.`);
+        }
+        held = null;
+        const hit = isClick && at(event.offsetX, event.offsetY);
+        if (hit?.kind === 'finding') {
+            say(hit.text);
+            hit.finding.item.querySelector('details')?.setAttribute('open', '');
+        } else if (isClick) {
+            choose(hit?.frame ?? -1);
+        }
+    });
+    canvas.addEventListener('pointerleave', () => show(null));
+    canvas.addEventListener('wheel', (event) => {
+        const sideways = event.deltaX || (event.shiftKey ? event.deltaY : 0);
+        if (event.ctrlKey) {
+            zoom(Math.exp(event.deltaY / 300), timeAt(Math.max(event.offsetX, gutter)));
+        } else if (sideways !== 0) {
+            pan(sideways / breadth);
+        } else {
+            return;  // The page scrolls.
+        }
+        event.preventDefault();
+    }, { passive: false });
+
+    let brush = null;
+    const overAt = (event) => clamp(((event.offsetX - gutter) /
+        (breadth - gutter)) * scene.stop, 0, scene.stop);
+    overview.addEventListener('pointerdown', (event) => {
+        overview.setPointerCapture(event.pointerId);
+        const time = overAt(event);
+        const near = (6 / (breadth - gutter)) * scene.stop;
+        const isNear = (edge) => Math.abs(time - edge) < near;
+        brush = isNear(view.from) ? { fixed: view.to } : isNear(view.to) ? { fixed: view.from }
+            : time > view.from && time < view.to && view.to - view.from < scene.stop * 0.99
+                ? { grip: time - view.from, length: view.to - view.from } : { fixed: time };
+    });
+    overview.addEventListener('pointermove', (event) => {
+        if (!brush) {
+            return;
+        }
+        const time = overAt(event);
+        if (brush.fixed === undefined) {
+            look(time - brush.grip, time - brush.grip + brush.length);
+        } else if (time !== brush.fixed) {
+            look(Math.min(time, brush.fixed), Math.max(time, brush.fixed));
+        }
+    });
+    overview.addEventListener('pointerup', () => {
+        brush = null;
+        remember(true);
+    });
+
+    const keys = {
+        ArrowLeft: () => pan(-0.2), ArrowRight: () => pan(0.2), '+': () => zoom(0.5),
+        '=': () => zoom(0.5), '-': () => zoom(2), Home: () => look(0, scene.stop),
+        n: () => jump(1), p: () => jump(-1), m: measure,
+        '.': () => choose(Math.min(chosen + 1, scene.numbers.length - 1)),
+        ',': () => choose(Math.max(chosen - 1, 0)),
+    };
+    section.addEventListener('keydown', (event) => {
+        if (event.target.matches('input, select') || event.ctrlKey || event.altKey || event.metaKey) {
+            return;
+        }
+        if (keys[event.key]) {
+            keys[event.key]();
+            event.preventDefault();
+        }
+    });
+    document.addEventListener('keydown', (event) => {
+        if (event.key === 'Escape') {
+            show(null);
+            span = null;
+            if (isMeasuring) {
+                measure();
+            }
+            redraw();
+        }
+    });
+    finder.addEventListener('keydown', (event) => {
+        if (event.key === 'Enter') {
+            find(finder.value);
+        }
+    });
+    picker.addEventListener('change', async () => {
+        await open(Number(picker.value));
+        look(0, scene.stop);
+        remember(true);
+    });
+
+    const opened = new Map();
+    async function open(index) {
+        picker.value = index;
+        const waits = opened.get(index) ?? unpack(scenes[index]);
+        opened.set(index, waits);
+        const next = await waits;
+        if (next !== scene) {
+            scene = next;
+            chosen = -1;
+            span = null;
+            view = { from: 0, to: Math.min(scene.stop, 5) };
+        }
+    }
+
+    // From the address: "#scene=1&from=1.5&to=2&frame=100".
+    async function go() {
+        const asked = new URLSearchParams(location.hash.slice(1));
+        const wanted = scenes.findIndex((told) => told.scene === Number(asked.get('scene')));
+        if (location.hash && wanted < 0) {
+            return;  // A link to something else on the page.
+        }
+        await open(Math.max(wanted, 0));
+        if (wanted < 0) {
+            view = { from: 0, to: Math.min(scene.stop, 5) };
+        }
+        const from = Number(asked.get('from') ?? NaN);
+        const to = Number(asked.get('to') ?? NaN);
+        if (to > from) {
+            view = { from: clamp(from, 0, scene.stop), to: clamp(to, 0, scene.stop) };
+            look(view.from, view.to);
+        }
+        chosen = -1;
+        if (asked.get('frame')) {
+            const found = scene.numbers.indexOf(BigInt(asked.get('frame').replace(/[^-\d]/g, '') || 0));
+            if (found >= 0 && !(to > from)) {
+                const time = momentOf(found);
+                look(time - 0.15, time + 0.15);
+            }
+            choose(found, false);
+        }
+        redraw();
+        if (wanted >= 0 && document.activeElement?.matches('a')) {
+            section.scrollIntoView({ block: 'nearest' });
+        }
+    }
+
+    function drawLegend() {
+        palette = {};
+        const words = {
+            work: 'at work on a frame', wait: 'the frame waits', since: 'since the frame before (stage 0)',
+            stands: 'never seen to leave', output: 'a frame comes out', late: 'late: since the one before',
+            due: 'expected then', flight: 'frames in flight', error: 'error', warning: 'warning',
+            note: 'note', median: 'median time in a stage', high: '95th percentile',
+            chosen: 'the frame that is followed', shade: 'what is shown below', span: 'measured',
+        };
+        legend.replaceChildren(...Object.entries(words).map(([shape, text]) => {
+            const swatch = make('canvas', { width: 64, height: 32 });
+            swatch.setAttribute('aria-hidden', 'true');
+            const pen = swatch.getContext('2d');
+            pen.scale(2, 2);
+            shapes[shape](pen, 4, 2, 22, 12);
+            return make('li', {}, swatch, ` ${text}`);
+        }));
+    }
+
+    await open(0);
+    await go();
+    if (!scene) {
+        return;
+    }
+    drawLegend();
+    draw();
+    addEventListener('hashchange', go);
+    addEventListener('popstate', go);
+    new ResizeObserver(redraw).observe(board);
+    matchMedia('(prefers-color-scheme: dark)').addEventListener('change', () => {
+        drawLegend();
+        redraw();
+    });
+    addEventListener('beforeprint', draw);
+    // For programs that look at the page.
+    window.timeline = {
+        xOf,
+        view: () => ({ ...view, chosen: chosen < 0 ? null : String(scene.numbers[chosen]) }),
+        // What a person sees at a time in a row: "output", or a stage's number.
+        at: (row, time) => {
+            const { y, height } = places.find((place) => (place.stage ?? place.kind) === row);
+            const hit = at(xOf(time), y + height / 2);
+            return hit && { ...hit, finding: undefined, x: xOf(time), y: y + 10,
+                number: hit.frame === undefined ? null : String(scene.numbers[hit.frame]) };
+        },
+    };
 })();

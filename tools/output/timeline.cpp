@@ -1,0 +1,140 @@
+#include "tools/output/timeline.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+
+#include "tools/output/gzip.h"
+#include "tools/output/naming.h"
+
+namespace tools {
+namespace {
+
+// Numbers of any size, small ones in one byte: seven bits a byte, the lowest first, and the sign in
+// the lowest of all. 0 stands for what is not known.
+class Columns {
+  public:
+    void Put(int64_t value) {
+        auto rest = (static_cast<uint64_t>(value) << 1) ^ static_cast<uint64_t>(value >> 63);
+        for (; rest >= 128; rest >>= 7) {
+            bytes += static_cast<char>(rest | 128);
+        }
+        bytes += static_cast<char>(rest);
+    }
+    // As the difference to what the reader knows by then.
+    void PutTime(Micros time, Micros unit, int64_t& known) {
+        if (time == NO_TIME) {
+            Put(0);
+            return;
+        }
+        const int64_t units = time / unit;
+        const int64_t step = units - known;
+        Put(step >= 0 ? step + 1 : step);  // Never 0.
+        known = units;
+    }
+
+    std::string bytes;
+};
+
+// A column a row of a frame: its number, what became of it, when it was started, when it left each
+// stage, and when the HAL ended it, in units of the resolution since the scene's begin.
+std::string DataOf(const Scene& scene, Micros unit) {
+    Columns columns;
+    int64_t number = 0;
+    for (const Frame& frame : scene.frames) {
+        columns.Put(static_cast<int64_t>(static_cast<uint64_t>(frame.number) -
+                                         static_cast<uint64_t>(number)));
+        number = frame.number;
+    }
+    for (const Frame& frame : scene.frames) {
+        columns.Put(static_cast<int>(frame.status) + 16 * (frame.isLate ? 1 : 0) +
+                    32 * (frame.isNeverOut ? 1 : 0) + 64 * (frame.isUntold ? 1 : 0));
+    }
+    std::vector<int64_t> known(scene.frames.size());
+    const auto put = [&](Micros time, size_t frame) {
+        columns.PutTime(time == NO_TIME ? NO_TIME : time - scene.begin, unit, known[frame]);
+    };
+    for (size_t i = 0; i < scene.frames.size(); ++i) {
+        known[i] = i == 0 ? 0 : known[i - 1];
+        put(scene.frames[i].start, i);
+    }
+    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+        for (size_t i = 0; i < scene.frames.size(); ++i) {
+            put(scene.PassOf(i, stage).left, i);
+        }
+    }
+    for (size_t i = 0; i < scene.frames.size(); ++i) {
+        put(scene.frames[i].end, i);
+    }
+    return columns.bytes;
+}
+
+std::string Base64(const std::string& bytes) {
+    constexpr char DIGITS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    for (size_t i = 0; i < bytes.size(); i += 3) {
+        uint32_t three = 0;
+        for (size_t j = i; j < i + 3; ++j) {
+            three = three << 8 | (j < bytes.size() ? static_cast<unsigned char>(bytes[j]) : 0U);
+        }
+        for (size_t j = 0; j < 4; ++j) {
+            text += i + j > bytes.size() ? '=' : DIGITS[three >> (18 - 6 * j) & 63];
+        }
+    }
+    return text;
+}
+
+std::string Compressed(const std::string& bytes) {
+    std::ostringstream compressed;
+    GzipStream gzip(compressed);
+    gzip << bytes;
+    gzip.Close();
+    return Base64(compressed.str());
+}
+
+double Seconds(Micros time) {
+    return static_cast<double>(time) / 1e6;
+}
+
+}  // namespace
+
+void WriteTimeline(std::ostream& out, const Account& account) {
+    nlohmann::ordered_json scenes;
+    for (size_t i = 0; i < account.scenes.size(); ++i) {
+        const Scene& scene = account.scenes[i];
+        if (!scene.hasTimes || scene.isMixed || scene.frames.empty() || scene.begin == NO_TIME) {
+            continue;
+        }
+        nlohmann::ordered_json words = nlohmann::json::array();
+        for (size_t status = 0; status < FRAME_STATUSES; ++status) {
+            words.push_back(NameOf(FrameStatus(status)));
+        }
+        scenes.push_back({{"scene", i + 1},
+                          {"title", TitleOf(account, i)},
+                          {"begin", Seconds(scene.begin)},
+                          {"stop", Seconds(std::max(scene.stop, scene.end) - scene.begin)},
+                          {"hasEnd", scene.hasEnd},
+                          {"period", 1.0 / (scene.fps > 0 ? scene.fps : 60)},
+                          {"late", Seconds(scene.lateThreshold)},
+                          {"unit", Seconds(account.resolution)},
+                          {"stages", scene.stageNames},
+                          {"words", words},
+                          {"frames", scene.frames.size()},
+                          {"data", Compressed(DataOf(scene, account.resolution))}});
+    }
+    if (scenes.empty()) {
+        return;
+    }
+    // JSON in HTML: no end of the element may stand in it.
+    std::string text = nlohmann::ordered_json{{"from", account.from}, {"scenes", scenes}}.dump(
+        -1, ' ', true, nlohmann::json::error_handler_t::replace);
+    for (size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at)) {
+        text.replace(at, 1, "\\u003c");
+    }
+    out << "<section id=timeline aria-labelledby=timeline-head><h2 id=timeline-head>Timeline</h2>\n"
+           "<script type=\"application/json\" id=data>"
+        << text << "</script>\n</section>\n";
+}
+
+}  // namespace tools
