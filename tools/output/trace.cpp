@@ -65,7 +65,7 @@ class Events {
 
     std::ostream& out;
     Micros origin;
-    std::string_view separator = "";
+    std::string_view separator;
     size_t threads = 0;
 };
 
