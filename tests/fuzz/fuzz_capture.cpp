@@ -42,7 +42,7 @@ std::string Explain(const std::string& text, size_t piece) {
     std::ostringstream told, json;
     WriteText(told, account, {true, {}});
     WriteCsv(told, account);
-    WritePage(told, account, "name", {});
+    WritePage(told, account, "name");
     WriteTrace(json, account);
     Require(nlohmann::json::accept(json.str()), json.str());
     json.str("");
