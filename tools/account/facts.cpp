@@ -238,7 +238,8 @@ struct FactsMaker::Running {
             const bool isOfThisCount = frame && scene.frames[*frame].epoch == epoch;
             // As it is where lines are missing, the count has got there and its frame stood long.
             const auto isOfLostLines = [&] {
-                return before && *before < end.frame && end.frame - *before < int64_t{PLACES} &&
+                return before && *before < end.frame &&
+                       static_cast<uint64_t>(end.frame) - static_cast<uint64_t>(*before) < PLACES &&
                        end.time - LastOf(*frame) > LONG_AGO;
             };
             const bool isOther =

@@ -167,14 +167,19 @@ class Page {
     }
 
     void WriteFrameLinks(size_t scene, const std::vector<FrameRange>& ranges) {
-        constexpr int64_t LISTED = 50;  // Of a longer range only both ends.
+        constexpr uint64_t LISTED = 50;  // Of a longer range only both ends.
         const char* separator = "<dt>Frames<dd>";
         for (const FrameRange& range : ranges) {
-            const bool isListed = range.last - range.first < LISTED;
-            for (int64_t frame = range.first; frame <= (isListed ? range.last : range.first);
-                 ++frame) {
+            // Unsigned: numbers may be anything.
+            const uint64_t more =
+                static_cast<uint64_t>(range.last) - static_cast<uint64_t>(range.first);
+            if (more >= LISTED) {
+                out << std::exchange(separator, ", ") << RangeLinks(scene, range);
+                continue;
+            }
+            for (uint64_t i = 0; i <= more; ++i) {
                 out << std::exchange(separator, ", ")
-                    << RangeLinks(scene, {frame, isListed ? frame : range.last});
+                    << FrameLink(scene, range.first + static_cast<int64_t>(i));
             }
         }
     }
@@ -322,7 +327,8 @@ class Page {
             const Micros moment =
                 Between(scene.begin, std::max({frame.told, frame.start, frame.end, frame.output}));
             if (runs.empty() || runs.back().fate != fate ||
-                runs.back().numbers.last + 1 != frame.number) {
+                frame.number <= runs.back().numbers.last ||
+                frame.number - 1 != runs.back().numbers.last) {
                 Run& run = runs.emplace_back();
                 run.numbers.first = frame.number;
                 run.fate = fate;
