@@ -137,6 +137,7 @@
     // out when, how many were in flight.
     function derive(scene) {
         const { left, start, end, codes } = scene;
+        scene.stop = Math.max(scene.stop, scene.period);  // A replay may take no time.
         const count = codes.length;
         const stages = left.length;
         const sorted = (times) => Uint32Array.from(times.keys()).filter((i) => !isNaN(times[i]))
