@@ -43,7 +43,7 @@ std::string Explain(const std::string& text, size_t piece) {
     WriteText(told, account, {true, {}});
     WriteCsv(told, account);
     WritePage(told, account, "name");
-    WriteTrace(json, account);
+    WriteTrace(json, account, {});
     Require(nlohmann::json::accept(json.str()), json.str());
     json.str("");
     WriteJson(json, account);
