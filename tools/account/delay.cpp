@@ -90,18 +90,19 @@ class DelayFinder {
                 overtaken = other;
             }
         }
-        Micros delay = row.interval - period - missing;
+        const Micros stood = judging.Stood(from, to);
+        const Micros delay = row.interval - period - missing - stood;
         const double small =
             (missing > 0 ? SMALL_BESIDE_MISSING : SMALL) * static_cast<double>(period);
-        delay -= judging.Stood(from, to);
-        if (const auto standstill = std::find_if(
-                judging.troubles.begin(), judging.troubles.end(),
-                [&](const Trouble& trouble) {
-                    return trouble.finding.check == Check::Standstill &&
-                           trouble.finding.time < to && trouble.finding.time >= from - FOR_GOOD &&
-                           judging.Stood(from, to) > 0;
-                });
-            standstill != judging.troubles.end() && static_cast<double>(delay) < small) {
+        if (const auto standstill = std::find_if(judging.troubles.begin(), judging.troubles.end(),
+                                                 [&](const Trouble& trouble) {
+                                                     return trouble.finding.check ==
+                                                                Check::Standstill &&
+                                                            trouble.finding.time < to &&
+                                                            trouble.finding.time >= from - FOR_GOOD;
+                                                 });
+            stood > 0 && standstill != judging.troubles.end() &&
+            static_cast<double>(delay) < small) {
             standstill->late.push_back(row.number);
             return;
         }
@@ -152,7 +153,8 @@ class DelayFinder {
     }
 
     // From the output of a late frame back along whatever came later, arrival or the frame ahead,
-    // until its delay is explained. False when no stage is to blame.
+    // until its delay is explained, but no further back than `farthest`. `period`: at which it
+    // came. False when neither a stage nor another rate is to blame.
     bool Follow(uint32_t late, int64_t number, Micros farthest, Micros delay, Micros period) {
         uint32_t frame = late;
         int32_t stage = schedule.LastStage();
@@ -188,11 +190,11 @@ class DelayFinder {
             // Where several frames are in a stage at once, one may seem slow that was no longer in
             // it than all.
             const Micros arrival = scene.ArrivalOf(frame, stage);
-            const Micros least =
+            const Micros since =
                 stage == 0 || arrival == NO_TIME
                     ? cause.begin
                     : std::max(cause.begin, arrival + schedule.UsualStay(stage) - usual);
-            const Micros excess = left - least - usual - judging.Stood(least, left);
+            const Micros excess = left - since - usual - judging.Stood(since, left);
             explained += std::max<Micros>(excess, 0);
             if (excess > worst) {
                 worst = excess;

@@ -21,8 +21,8 @@ void Pictures::AddOptions(CLI::App& command) {
         "ends in .gz");
     command
         .add_option("--frames", frames,
-                    "Show these frames in text and trace, whatever became of them; one, or a\n"
-                    "range")
+                    "Show these frames in the trace, and in explain's table, whatever became of\n"
+                    "them; one, or a range")
         ->type_name("A-B");
 }
 

@@ -22,6 +22,7 @@ class Pictures {
     void AddOptions(CLI::App& command);
 
     bool AreWanted() const { return !page.empty() || !trace.empty(); }
+    bool IsTraceWanted() const { return !trace.empty(); }
     // What --frames asks for: the first and the last number. Throws a CommandError when it is
     // neither a frame nor a range.
     std::optional<std::pair<int64_t, int64_t>> Frames() const;

@@ -119,7 +119,7 @@ int RunReplay(Arguments& arguments) {
     for (const std::string& status : arguments.statuses) {
         arguments.options.statuses.push_back(ParseStatus(status));
     }
-    if (arguments.pictures.Frames() && !arguments.pictures.AreWanted()) {
+    if (arguments.pictures.Frames() && !arguments.pictures.IsTraceWanted()) {
         FailUsage("--frames goes with --to-trace");
     }
     RemoveStale(arguments.pictures.Paths(), {arguments.session, arguments.configuration});

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "tools/output/gzip.h"
 #include "tools/output/naming.h"
@@ -106,6 +107,9 @@ void WriteTimeline(std::ostream& out, const Account& account) {
         if (!scene.hasTimes || scene.isMixed || scene.frames.empty() || scene.begin == NO_TIME) {
             continue;
         }
+        // One for each column of data, whatever the configuration says.
+        std::vector<std::string> names = scene.stageNames;
+        names.resize(static_cast<size_t>(scene.stageCount));
         nlohmann::ordered_json words = nlohmann::json::array();
         for (size_t status = 0; status < FRAME_STATUSES; ++status) {
             words.push_back(NameOf(FrameStatus(status)));
@@ -118,7 +122,7 @@ void WriteTimeline(std::ostream& out, const Account& account) {
                           {"period", 1.0 / (scene.fps > 0 ? scene.fps : 60)},
                           {"late", Seconds(scene.lateThreshold)},
                           {"unit", Seconds(account.resolution)},
-                          {"stages", scene.stageNames},
+                          {"stages", names},
                           {"words", words},
                           {"frames", scene.frames.size()},
                           {"data", Compressed(DataOf(scene, account.resolution))}});
