@@ -246,8 +246,10 @@ struct FactsMaker::Running {
                 frame && (end.stage == 0
                               ? before != end.frame && (IsThrough(*frame) || !isOfThisCount)
                               : !isOfThisCount &&
-                                    (scene.frames[*frame].isEnded ||
-                                     scene.PassOf(*frame, end.stage).HasLeft() || isOfLostLines()));
+                                    ((before >= end.frame &&
+                                      (scene.frames[*frame].isEnded ||
+                                       scene.PassOf(*frame, end.stage).HasLeft())) ||
+                                     isOfLostLines()));
             if (!frame || isOther) {
                 frame = Open(end.frame, end.place, end.time);
             }
@@ -330,7 +332,10 @@ struct FactsMaker::Running {
         }
         // Where a frame is refused, the line that it pushes another one out comes behind this one.
         while (inFlight.size() > (isForwarded ? PLACES - 1 : PLACES)) {
-            inFlight.erase(inFlight.begin());
+            const auto inError = std::find_if(inFlight.begin(), inFlight.end(), [&](const auto& it) {
+                return !isSound(it.second);
+            });
+            inFlight.erase(inError == inFlight.end() ? inFlight.begin() : inError);
         }
         inFlight[key] = frame;
     }

@@ -228,7 +228,8 @@ void FindStandstills(Judging& judging) {
         const auto shortest = static_cast<Micros>(
             STANDSTILL_PERIODS * static_cast<double>(judging.schedule.PeriodAt(silence.begin)));
         if (!scene.hasTimes || silence.end - silence.begin <= shortest ||
-            judging.HasHole(silence.begin - MILLISECOND, silence.end + judging.schedule.Period())) {
+            judging.HasHole(silence.begin - MILLISECOND,
+                            silence.end + judging.schedule.PeriodAt(silence.end))) {
             continue;
         }
         std::set<int32_t> stages;
@@ -243,8 +244,17 @@ void FindStandstills(Judging& judging) {
                  ++next) {
                 // One that is overtaken waits for the one that does so.
                 const uint32_t ahead = judging.schedule.Ahead(*next, stage);
+                if (judging.IsDoubtful(*next)) {
+                    continue;
+                }
                 if (ahead != NO_INDEX && scene.frames[ahead].number > scene.frames[*next].number) {
                     continue;
+                }
+                // The stage was as slow with the one ahead of it.
+                const Micros work = judging.schedule.WorkOf(*next, stage);
+                if (ahead != NO_INDEX && work != NO_TIME &&
+                    judging.schedule.WorkOf(ahead, stage) > work - work / 5) {
+                    break;
                 }
                 // A stage that keeps frames back waits until another one comes.
                 const bool keepsBack = judging.schedule.KeptBack(stage) > 0;

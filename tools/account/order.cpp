@@ -21,9 +21,13 @@ class OrderFinder {
     }
 
     void Find() {
-        bool hasStarted = false;
+        bool hasStarted = false, isAfterUntold = false;
         for (const uint32_t frame : frames) {
             Frame& row = scene.frames[frame];
+            // What follows one of which nothing is known may suffer from that.
+            row.isUntold = row.isUntold || (isAfterUntold && cause == 0 && !row.isStarted &&
+                                            row.status != FrameStatus::Complete);
+            isAfterUntold = row.isUntold;
             if (row.isUntold) {
                 continue;
             }
@@ -35,6 +39,7 @@ class OrderFinder {
             if (!judging.IsExplained(frame) && !judging.IsEarly(frame)) {
                 Examine(frame, hasStarted);
             }
+            isAfterUntold = row.isUntold;
             hasStarted = hasStarted || row.isStarted;
             // What follows a frame that opened none suffers from that.
             if (judging.IsExplained(frame) && OpensNoFollower(frame)) {

@@ -194,7 +194,13 @@ void Schedule::FindRates(const std::vector<Coming>& comings) {
             (comings[last + 1].interval < period * 4 / 5 || comings[last + 1].isAfterGap);
         const Micros length = comings[last].time - comings[first].time;
         if (last > first && length >= RATE_LENGTH * 9 / 10 && !isCaughtUp) {
-            const Micros mean = length / static_cast<Micros>(last - first);
+            // Without what stands out: a stall is told by itself.
+            Micros sum = 0, count = 0;
+            for (size_t i = first + 1; i <= last; ++i) {
+                sum += isUsual(i) ? comings[i].interval : 0;
+                count += isUsual(i) ? 1 : 0;
+            }
+            const Micros mean = sum / std::max<Micros>(count, 1);
             if (!rates.empty() && IsNear(rates.back().period, usual, SAME_RATE) &&
                 comings[first].time - rates.back().end < RATE_LENGTH) {
                 rates.back().end = comings[last].time;
@@ -202,7 +208,7 @@ void Schedule::FindRates(const std::vector<Coming>& comings) {
                 RateStretch stretch;
                 stretch.begin = comings[first].time;
                 stretch.end = comings[last].time;
-                stretch.period = IsNear(mean, usual, SAME_RATE) ? mean : usual;
+                stretch.period = mean;
                 stretch.place = comings[std::min(first + 1, comings.size() - 1)].place;
                 rates.push_back(stretch);
             }
