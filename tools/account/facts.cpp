@@ -245,11 +245,10 @@ struct FactsMaker::Running {
             const bool isOther =
                 frame && (end.stage == 0
                               ? before != end.frame && (IsThrough(*frame) || !isOfThisCount)
-                              : !isOfThisCount &&
-                                    ((before >= end.frame &&
-                                      (scene.frames[*frame].isEnded ||
-                                       scene.PassOf(*frame, end.stage).HasLeft())) ||
-                                     isOfLostLines()));
+                              : !isOfThisCount && ((before >= end.frame &&
+                                                    (scene.frames[*frame].isEnded ||
+                                                     scene.PassOf(*frame, end.stage).HasLeft())) ||
+                                                   isOfLostLines()));
             if (!frame || isOther) {
                 frame = Open(end.frame, end.place, end.time);
             }
@@ -332,9 +331,8 @@ struct FactsMaker::Running {
         }
         // Where a frame is refused, the line that it pushes another one out comes behind this one.
         while (inFlight.size() > (isForwarded ? PLACES - 1 : PLACES)) {
-            const auto inError = std::find_if(inFlight.begin(), inFlight.end(), [&](const auto& it) {
-                return !isSound(it.second);
-            });
+            const auto inError = std::find_if(inFlight.begin(), inFlight.end(),
+                                              [&](const auto& it) { return !isSound(it.second); });
             inFlight.erase(inError == inFlight.end() ? inFlight.begin() : inError);
         }
         inFlight[key] = frame;

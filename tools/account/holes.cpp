@@ -251,9 +251,12 @@ void FindStandstills(Judging& judging) {
                     continue;
                 }
                 // The stage was as slow with the one ahead of it.
-                const Micros work = judging.schedule.WorkOf(*next, stage);
-                if (ahead != NO_INDEX && work != NO_TIME &&
-                    judging.schedule.WorkOf(ahead, stage) > work - work / 5) {
+                const auto workOf = [&judging, stage](uint32_t frame) {
+                    const Micros work = judging.schedule.WorkOf(frame, stage);
+                    const Micros done = judging.scene.PassOf(frame, stage).left;
+                    return work == NO_TIME ? 0 : work - judging.Stood(done - work, done);
+                };
+                if (ahead != NO_INDEX && workOf(ahead) > workOf(*next) * 4 / 5) {
                     break;
                 }
                 // A stage that keeps frames back waits until another one comes.
