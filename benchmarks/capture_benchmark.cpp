@@ -46,7 +46,8 @@ const Capture& TenMinutes() {
 void Read(std::vector<tools::MessageSink*> sinks) {
     tools::CaptureReader reader(std::move(sinks));
     std::ifstream file(TenMinutes().path);
-    tools::ReadCapture(reader, 0, file);
+    reader.Begin(0);
+    tools::ReadText(reader, file);
     reader.Finish();
 }
 

@@ -38,8 +38,16 @@ const char* NameOf(Check check) {
                                                   "node-ignored",
                                                   "lines-lost",
                                                   "clock-jump",
-                                                  "not-understood"};
+                                                  "not-understood",
+                                                  "cpu-wait",
+                                                  "trace-alone"};
     return NAMES[static_cast<size_t>(check)];
+}
+
+const char* NameOf(ThreadState state) {
+    static constexpr const char* NAMES[THREAD_STATES] = {"running", "runnable", "sleeping",
+                                                         "blocked", "gone",     "unknown"};
+    return NAMES[static_cast<size_t>(state)];
 }
 
 const char* ReasonOf(Reason reason) {

@@ -75,13 +75,44 @@ enum class Check : uint8_t {
     LinesLost,
     ClockJump,
     NotUnderstood,
+    CpuWait,
+    TraceAlone,
 };
-inline constexpr size_t CHECKS = static_cast<size_t>(Check::NotUnderstood) + 1;
+inline constexpr size_t CHECKS = static_cast<size_t>(Check::TraceAlone) + 1;
 const char* NameOf(Check check);  // "frame-lost" and so on.
 
 // Some frames: a first and a last number.
 struct FrameRange {
     int64_t first = 0, last = 0;
+};
+
+// What a thread does.
+enum class ThreadState : uint8_t {
+    Running,
+    Runnable,  // It waits for a CPU.
+    Sleeping,
+    Blocked,  // It sleeps and cannot be interrupted: it waits for a device or for a lock.
+    Gone,     // It has ended.
+    Unknown,
+};
+inline constexpr size_t THREAD_STATES = static_cast<size_t>(ThreadState::Unknown) + 1;
+const char* NameOf(ThreadState state);  // "running" and so on.
+
+// What a thread did meanwhile, as a scheduler trace tells it.
+struct CauseLink {
+    int32_t thread = 0;  // Its id in the trace.
+    std::string name;
+    ThreadState state = ThreadState::Unknown;
+    Micros begin = NO_TIME, length = 0;
+    int32_t cpu = -1;  // That it ran on, or waited for.
+    bool isWoken = false, isByInterrupt = false;
+    std::string waker;  // "18890 (sensor)": the thread that woke it, which the next link is about.
+    struct Ran {
+        int32_t thread;
+        std::string name;
+        Micros length;
+    };
+    std::vector<Ran> ran;  // Who had that CPU while it waited; longest first.
 };
 
 struct SceneFinding {
@@ -94,6 +125,8 @@ struct SceneFinding {
     int32_t stage = -1;
     int64_t times = 1;               // How many of the kind it stands for.
     std::vector<FrameRange> frames;  // All that it is about.
+    size_t stem = SIZE_MAX;          // Of the message, how much is not about what followed from it.
+    std::vector<CauseLink> chain;    // From its stage's thread back to what kept that.
 };
 
 // When a frame was in a stage. NO_TIME where it is not known.

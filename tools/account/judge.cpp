@@ -10,33 +10,6 @@
 namespace tools {
 namespace {
 
-Statistics StatisticsOf(std::vector<Micros>& values) {
-    Statistics statistics;
-    statistics.count = static_cast<int64_t>(values.size());
-    if (values.empty()) {
-        return statistics;
-    }
-    // The smallest value that as many per cent are not above. Each search has only to look above
-    // the one before.
-    auto from = values.begin();
-    const auto percentile = [&](double share) {
-        const auto rank = static_cast<size_t>(
-            std::max(std::ceil(share * static_cast<double>(values.size())) - 1, 0.0));
-        const auto nth = values.begin() + static_cast<std::ptrdiff_t>(rank);
-        if (nth >= from) {
-            std::nth_element(from, nth, values.end());
-            from = nth;
-        }
-        return *nth;
-    };
-    statistics.p50 = percentile(0.5);
-    statistics.p90 = percentile(0.9);
-    statistics.p95 = percentile(0.95);
-    statistics.p99 = percentile(0.99);
-    statistics.max = *std::max_element(from, values.end());
-    return statistics;
-}
-
 void MakeStatistics(Scene& scene) {
     std::vector<Micros> values;
     values.reserve(scene.frames.size());
@@ -148,47 +121,13 @@ void CountFrames(Judging& judging) {
     }
 }
 
-// Causes before consequences, and many of a kind as one.
+// Tells what followed from each, and joins them.
 void Conclude(Judging& judging, size_t toldOneByOne) {
-    Scene& scene = judging.scene;
-    std::map<std::pair<Check, int32_t>, std::vector<Trouble*>> kinds;
     for (Trouble& trouble : judging.troubles) {
         TellConsequences(trouble);
-        kinds[{trouble.finding.check, trouble.finding.stage}].push_back(&trouble);
+        judging.scene.findings.push_back(std::move(trouble.finding));
     }
-    std::vector<SceneFinding>& findings = scene.findings;
-    for (auto& [kind, troubles] : kinds) {
-        const bool isAlwaysAlone =
-            kind.first == Check::NodeIgnored || kind.first == Check::ThreadNotSet;
-        if (troubles.size() <= toldOneByOne || isAlwaysAlone) {
-            for (Trouble* trouble : troubles) {
-                findings.push_back(std::move(trouble->finding));
-            }
-            continue;
-        }
-        SceneFinding all = troubles.front()->finding;
-        std::vector<int64_t> frames;
-        all.frames.clear();
-        for (const Trouble* trouble : troubles) {
-            all.severity = std::max(all.severity, trouble->finding.severity);
-            all.frames.insert(all.frames.end(), trouble->finding.frames.begin(),
-                              trouble->finding.frames.end());
-            if (trouble->finding.frame) {
-                frames.push_back(*trouble->finding.frame);
-            }
-        }
-        all.times = static_cast<int64_t>(troubles.size());
-        all.message = fmt::format("{} times{}; the first: {}", all.times,
-                                  frames.empty() ? "" : ", at " + NumbersText(frames), all.message);
-        findings.push_back(std::move(all));
-    }
-    std::stable_sort(
-        findings.begin(), findings.end(), [](const SceneFinding& one, const SceneFinding& other) {
-            return one.severity != other.severity
-                       ? one.severity > other.severity
-                       : std::pair(one.time, std::pair(one.place.input, one.place.line)) <
-                             std::pair(other.time, std::pair(other.place.input, other.place.line));
-        });
+    JoinFindings(judging.scene, toldOneByOne);
 }
 
 void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolution,
@@ -265,6 +204,73 @@ void FindSeveralProcesses(Account& account) {
 }
 
 }  // namespace
+
+Statistics StatisticsOf(std::vector<Micros>& values) {
+    Statistics statistics;
+    statistics.count = static_cast<int64_t>(values.size());
+    if (values.empty()) {
+        return statistics;
+    }
+    // The smallest value that as many per cent are not above. Each search has only to look above
+    // the one before.
+    auto from = values.begin();
+    const auto percentile = [&](double share) {
+        const auto rank = static_cast<size_t>(
+            std::max(std::ceil(share * static_cast<double>(values.size())) - 1, 0.0));
+        const auto nth = values.begin() + static_cast<std::ptrdiff_t>(rank);
+        if (nth >= from) {
+            std::nth_element(from, nth, values.end());
+            from = nth;
+        }
+        return *nth;
+    };
+    statistics.p50 = percentile(0.5);
+    statistics.p90 = percentile(0.9);
+    statistics.p95 = percentile(0.95);
+    statistics.p99 = percentile(0.99);
+    statistics.max = *std::max_element(from, values.end());
+    return statistics;
+}
+
+void JoinFindings(Scene& scene, size_t toldOneByOne) {
+    std::map<std::pair<Check, int32_t>, std::vector<SceneFinding*>> kinds;
+    for (SceneFinding& finding : scene.findings) {
+        kinds[{finding.check, finding.stage}].push_back(&finding);
+    }
+    std::vector<SceneFinding> findings;
+    for (auto& [kind, same] : kinds) {
+        const bool isAlwaysAlone =
+            kind.first == Check::NodeIgnored || kind.first == Check::ThreadNotSet;
+        if (same.size() <= toldOneByOne || isAlwaysAlone) {
+            for (SceneFinding* finding : same) {
+                findings.push_back(std::move(*finding));
+            }
+            continue;
+        }
+        SceneFinding all = *same.front();
+        std::vector<int64_t> frames;
+        all.frames.clear();
+        for (const SceneFinding* finding : same) {
+            all.severity = std::max(all.severity, finding->severity);
+            all.frames.insert(all.frames.end(), finding->frames.begin(), finding->frames.end());
+            if (finding->frame) {
+                frames.push_back(*finding->frame);
+            }
+        }
+        all.times = static_cast<int64_t>(same.size());
+        all.message = fmt::format("{} times{}; the first: {}", all.times,
+                                  frames.empty() ? "" : ", at " + NumbersText(frames), all.message);
+        findings.push_back(std::move(all));
+    }
+    std::stable_sort(
+        findings.begin(), findings.end(), [](const SceneFinding& one, const SceneFinding& other) {
+            return one.severity != other.severity
+                       ? one.severity > other.severity
+                       : std::pair(one.time, std::pair(one.place.input, one.place.line)) <
+                             std::pair(other.time, std::pair(other.place.input, other.place.line));
+        });
+    scene.findings = std::move(findings);
+}
 
 Trouble& Judging::Raise(Check check, Severity severity, uint32_t frame, int32_t stage,
                         const Place& place, Micros time, std::string message) {

@@ -15,4 +15,11 @@ struct JudgeOptions {
 // for an account.
 void Judge(Account& account, const JudgeOptions& options = {});
 
+// Puts a scene's findings in their order, worst first, and makes one of more than so many of a
+// kind.
+void JoinFindings(Scene& scene, size_t toldOneByOne);
+
+// Changes the order of the values.
+Statistics StatisticsOf(std::vector<Micros>& values);
+
 }  // namespace tools

@@ -108,6 +108,7 @@ SceneFinding OutsideFinding(Check check, int64_t amount, const Place& place, Mic
 
 void TellConsequences(Trouble& trouble) {
     std::string& text = trouble.finding.message;
+    trouble.finding.stem = text.size();
     std::vector<std::string> parts;
     const auto tell = [&parts](const std::vector<int64_t>& frames, const char* one,
                                const char* many) {

@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,6 +18,7 @@
 #include "tools/command/pictures.h"
 #include "tools/output/json.h"
 #include "tools/output/text.h"
+#include "tools/sched/scheduling.h"
 #include "tools/session/made_session.h"
 
 namespace tools {
@@ -25,6 +27,7 @@ namespace {
 struct Arguments {
     std::vector<std::string> captures;
     std::string other;
+    std::string trace, otherTrace;
     std::string csv, session, configuration;
     Pictures pictures;
     JudgeOptions judging;
@@ -35,33 +38,128 @@ struct Arguments {
     bool IsForDesk() const { return !session.empty() || !configuration.empty(); }
 };
 
-// `maker`: null when the capture is not to be played.
-Account Explain(const std::vector<std::string>& paths, const JudgeOptions& options,
-                ProgressLine& progress, SessionMaker* maker = nullptr) {
+// A capture and what belongs to it.
+struct Source {
+    std::vector<std::string> captures;
+    std::string trace;              // Of the scheduler, taken at the same time; empty for none.
+    SessionMaker* maker = nullptr;  // Null when it is not to be played.
+};
+
+struct Explained {
+    Account account;
+    std::optional<Scheduling> scheduling;
+};
+
+// Gives a file to whoever reads what it is.
+class Sorter : public TextSink {
+  public:
+    Sorter(CaptureReader& captureReader, TraceReader& traceReader)
+        : capture(captureReader), trace(traceReader) {}
+    bool IsTrace() const { return chosen == &trace; }
+
+    void Read(std::string_view bytes) override {
+        if (chosen == nullptr && tools::IsTrace(bytes)) {
+            chosen = &trace;
+        }
+        Chosen().Read(bytes);
+    }
+    void End() override { Chosen().End(); }
+    bool TakeDamage(const char* reason) override { return Chosen().TakeDamage(reason); }
+
+  private:
+    TextSink& Chosen() {
+        chosen = chosen == nullptr ? &capture : chosen;
+        return *chosen;
+    }
+
+    CaptureReader& capture;
+    TraceReader& trace;
+    TextSink* chosen = nullptr;
+};
+
+// Returns what messages call the file.
+std::string ReadInput(TextSink& sink, const std::string& path, ProgressLine& progress) {
+    Input file(path);
+    try {
+        ReadText(sink, file, [&progress](int64_t done, int64_t all) {
+            progress.Show(done >> 20, all >> 20);
+            return !IsInterrupted();
+        });
+    } catch (const CaptureError& error) {
+        throw CommandError(file.Name() + ": error: " + error.what());
+    }
+    return file.Name();
+}
+
+SchedTrace ReadTrace(const std::string& path, ProgressLine& progress) {
+    TraceReader reader;
+    const std::string name = ReadInput(reader, path, progress);
+    SchedTrace trace = reader.Finish();
+    if (trace.traceLines == 0) {
+        throw CommandError(name + ": error: none of its lines is a scheduler trace's [no-lines]");
+    }
+    if (trace.events.empty()) {
+        throw CommandError(
+            name + ": error: it tells of no thread: was the event sched_switch on? [no-lines]");
+    }
+    return trace;
+}
+
+Explained Explain(const Source& source, const JudgeOptions& options, ProgressLine& progress) {
     FactsMaker facts;
+    CountedLines counted;
     std::vector<MessageSink*> sinks = {&facts};
-    if (maker != nullptr) {
-        sinks.push_back(maker);
+    if (source.maker != nullptr) {
+        sinks.push_back(source.maker);
+    }
+    if (!source.trace.empty()) {
+        sinks.push_back(&counted);
     }
     CaptureReader reader(sinks);
+    TraceReader traceReader;
     std::vector<std::string> names;
-    for (size_t i = 0; i < paths.size(); ++i) {
-        Input file(paths[i]);
-        names.push_back(file.Name());
-        try {
-            ReadCapture(reader, static_cast<uint32_t>(i), file,
-                        [&progress](int64_t done, int64_t all) {
-                            progress.Show(done >> 20, all >> 20);
-                            return !IsInterrupted();
-                        });
-        } catch (const CaptureError& error) {
-            throw CommandError(names.back() + ": error: " + error.what());
-        }
+    bool isTrace = false;
+    for (size_t i = 0; i < source.captures.size(); ++i) {
+        reader.Begin(static_cast<uint32_t>(i));
+        Sorter sorter(reader, traceReader);
+        names.push_back(ReadInput(sorter, source.captures[i], progress));
+        isTrace = isTrace || sorter.IsTrace();
     }
     reader.Finish();
     progress.Clear();
-    RequireLibraryLines(reader.Summary(), names);
-    return MakeAccount(facts, reader.Summary(), names, options);
+    // What there is to be said of several is known when all causes are.
+    JudgeOptions apart = options;
+    apart.toldOneByOne = SIZE_MAX;
+    Explained explained;
+    try {
+        if (isTrace) {
+            if (source.captures.size() > 1 || !source.trace.empty() || source.maker != nullptr) {
+                FailUsage(
+                    "a scheduler trace is explained alone, or beside a log with --sched; no "
+                    "session "
+                    "and\nno configuration can be made of it");
+            }
+            SchedTrace trace = traceReader.Finish();
+            explained.account = AccountOf(trace, names.front(), apart);
+            explained.scheduling = MakeScheduling(explained.account, names.front(),
+                                                  std::move(trace), nullptr, options.toldOneByOne);
+            return explained;
+        }
+        RequireLibraryLines(reader.Summary(), names);
+        explained.account =
+            MakeAccount(facts, reader.Summary(), names, source.trace.empty() ? options : apart);
+        if (!source.trace.empty()) {
+            SchedTrace trace = ReadTrace(source.trace, progress);
+            progress.Clear();
+            explained.scheduling =
+                MakeScheduling(explained.account, NameOfInput(source.trace), std::move(trace),
+                               &counted.All(), options.toldOneByOne);
+        }
+    } catch (const TieError& error) {
+        throw CommandError(NameOfInput(isTrace ? source.captures.front() : source.trace) +
+                           ": error: " + error.what());
+    }
+    return explained;
 }
 
 // Writes the files for the desk.
@@ -100,7 +198,7 @@ int RunExplain(const Arguments& arguments) {
         const bool hasOutputs = arguments.isJson || arguments.showsAllFrames ||
                                 arguments.IsForDesk() || arguments.pictures.AreWanted() ||
                                 arguments.pictures.Frames() ||
-                                !(arguments.csv + arguments.other).empty();
+                                !(arguments.csv + arguments.other + arguments.trace).empty();
         if (arguments.captures != std::vector<std::string>{"-"} || hasOutputs) {
             FailUsage("--follow reads standard input (-) and goes with no other option but --late");
         }
@@ -108,6 +206,9 @@ int RunExplain(const Arguments& arguments) {
     }
     if (arguments.isJson && !arguments.other.empty()) {
         FailUsage("--json does not go with --compare");
+    }
+    if (!arguments.otherTrace.empty() && arguments.other.empty()) {
+        FailUsage("--compare-sched goes with --compare");
     }
     if (arguments.pictures.AreWanted() && !arguments.other.empty()) {
         FailUsage(
@@ -118,31 +219,36 @@ int RunExplain(const Arguments& arguments) {
     std::vector<std::string> outputs = arguments.pictures.Paths();
     outputs.insert(outputs.end(), {arguments.csv, arguments.session, arguments.configuration});
     std::vector<std::string> inputs = arguments.captures;
-    inputs.push_back(arguments.other);
+    inputs.insert(inputs.end(), {arguments.other, arguments.trace, arguments.otherTrace});
     RemoveStale(outputs, inputs);
     ProgressLine progress("MB", false);
     SessionMaker maker;
-    const Account account = Explain(arguments.captures, arguments.judging, progress,
-                                    arguments.IsForDesk() ? &maker : nullptr);
+    const Explained explained =
+        Explain({arguments.captures, arguments.trace, arguments.IsForDesk() ? &maker : nullptr},
+                arguments.judging, progress);
+    const Account& account = explained.account;
+    const Scheduling* const scheduling = explained.scheduling ? &*explained.scheduling : nullptr;
     if (arguments.IsForDesk()) {
         BringToDesk(arguments, account, maker);
     }
-    WriteFile(arguments.csv, [&account](std::ostream& file) { WriteCsv(file, account); });
+    WriteFile(arguments.csv, [&](std::ostream& file) { WriteCsv(file, account, scheduling); });
     const size_t more = account.inputs.size() - 1;
     arguments.pictures.Write(
         account, account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more)));
 
     Output out("-");
     if (!arguments.other.empty()) {
-        const Account after = Explain({arguments.other}, arguments.judging, progress);
-        WriteComparison(out, account, after);
+        const Explained after =
+            Explain({{arguments.other}, arguments.otherTrace}, arguments.judging, progress);
+        WriteComparison(out, account, after.account, scheduling,
+                        after.scheduling ? &*after.scheduling : nullptr);
         out.Close();
-        return StatusOf(after);
+        return StatusOf(after.account);
     }
     if (arguments.isJson) {
-        WriteJson(out, account);
+        WriteJson(out, account, scheduling);
     } else {
-        WriteText(out, account, shown);
+        WriteText(out, account, shown, scheduling);
     }
     out.Close();
     return StatusOf(account);
@@ -184,11 +290,14 @@ void AddExplain(CLI::App& app, Run& run) {
         "\nA capture is a file that logcat has written, in whatever form, or a bug report, zipped\n"
         "or not; several are read one after the other. The library logs while the property\n"
         "vendor.tarvo.camera.frameboost.debug.enable is true, which it reads when it is loaded.\n"
+        "A scheduler trace (ftrace's text, systrace's HTML, gz of either) may stand for a "
+        "capture.\n"
         "\nExit status: 0 nothing found, 1 something found (warnings too), 2 cannot be read; with\n"
         "--compare, of the capture that it names.\n"
         "\nExamples:\n\n"
         "  adb logcat -d | cameraframeboost explain -\n"
         "  cameraframeboost explain capture.log --to-html capture.html\n"
+        "  cameraframeboost explain capture.log --sched trace.txt.gz\n"
         "  cameraframeboost explain before.log --compare after.log\n"
         "  adb logcat | cameraframeboost explain --follow -\n");
     // Lives as long as the command that refers to it.
@@ -208,6 +317,14 @@ void AddExplain(CLI::App& app, Run& run) {
         ->add_option("--compare", arguments->other,
                      "Show what changed from the captures given to this one")
         ->type_name("CAPTURE");
+    command
+        ->add_option("--sched", arguments->trace,
+                     "A scheduler trace of the same time: say what threads waited for")
+        ->type_name("TRACE");
+    command
+        ->add_option("--compare-sched", arguments->otherTrace,
+                     "That of the capture that --compare names")
+        ->type_name("TRACE");
     command->add_flag("--follow", arguments->isFollowing,
                       "Read on as the log comes, show findings as they are found");
     command->add_option("--to-csv", arguments->csv, "Write a row a frame here");

@@ -63,6 +63,13 @@ void CaptureReader::Begin(uint32_t input) {
     overlap.Begin();
 }
 
+bool CaptureReader::TakeDamage(const char* reason) {
+    if (summary.libraryLines != 0) {
+        summary.damage = reason == nullptr ? "damaged" : reason;
+    }
+    return summary.libraryLines != 0;
+}
+
 void CaptureReader::End() {
     records.End();
     overlap.End();

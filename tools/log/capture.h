@@ -63,18 +63,30 @@ struct CaptureSummary {
         NO_TIME;  // The time of the last line of any tag, as far as it has been looked at.
 };
 
+// Takes the text of files.
+class TextSink {
+  public:
+    virtual ~TextSink() = default;
+    // The next piece, of any length.
+    virtual void Read(std::string_view bytes) = 0;
+    // The end of a file.
+    virtual void End() = 0;
+    // The file that just ended could not be read to its end. Returns whether what there was of it
+    // is of use.
+    virtual bool TakeDamage(const char* reason) = 0;
+};
+
 // Pass the inputs one after the other: Begin, Read in pieces of any length, End for each, and
 // Finish once. Memory does not grow with the input.
-class CaptureReader : private RecordSink {
+class CaptureReader : public TextSink, private RecordSink {
   public:
     // The sinks are told of each message in their order. They belong to the caller.
     explicit CaptureReader(std::vector<MessageSink*> messageSinks);
 
     void Begin(uint32_t input);
-    void Read(std::string_view bytes) { records.Read(bytes); }
-    void End();
-    // The input that just ended could not be read to its end.
-    void NoteDamage(const char* reason) { summary.damage = reason == nullptr ? "damaged" : reason; }
+    void Read(std::string_view bytes) override { records.Read(bytes); }
+    void End() override;
+    bool TakeDamage(const char* reason) override;
     // Nothing comes for now, but more may: hands on what has come whole.
     void Settle() { records.Settle(); }
     void Finish();
@@ -111,7 +123,7 @@ class CaptureError : public std::runtime_error {
 // Reads a file from its beginning: text, what gzip made of text, or a zip with a bug report in it.
 // `onProgress` is told how many of how many bytes have been read (0: not known); reading ends when
 // it returns false. Throws a CaptureError, and what reading from `in` throws.
-void ReadCapture(CaptureReader& reader, uint32_t input, std::istream& in,
-                 const std::function<bool(int64_t done, int64_t all)>& onProgress = {});
+void ReadText(TextSink& sink, std::istream& in,
+              const std::function<bool(int64_t done, int64_t all)>& onProgress = {});
 
 }  // namespace tools

@@ -70,7 +70,7 @@ struct Contents {
     int files = 0;  // How many were read.
 };
 
-Contents ReadFiles(CaptureReader& reader, Source& source, Files files) {
+Contents ReadFiles(TextSink& sink, Source& source, Files files) {
     const std::unique_ptr<archive, int (*)(archive*)> owner(archive_read_new(), archive_read_free);
     archive* const all = owner.get();
     archive_read_support_filter_gzip(all);
@@ -104,16 +104,15 @@ Contents ReadFiles(CaptureReader& reader, Source& source, Files files) {
         int status = ARCHIVE_OK;
         while ((status = archive_read_data_block(all, &piece, &length, &offset)) >= ARCHIVE_WARN &&
                status != ARCHIVE_EOF) {
-            reader.Read({static_cast<const char*>(piece), length});
+            sink.Read({static_cast<const char*>(piece), length});
         }
-        reader.End();
+        sink.End();
         if (source.isStopped) {
             break;  // Nothing is wrong with the file.
         }
-        if (status < ARCHIVE_WARN && !source.failure && reader.Summary().libraryLines != 0) {
-            // What could be read is explained.
-            reader.NoteDamage(archive_error_string(all));
-            break;
+        if (status < ARCHIVE_WARN && !source.failure &&
+            sink.TakeDamage(archive_error_string(all))) {
+            break;  // What could be read is explained.
         }
         check(status);
     }
@@ -122,19 +121,18 @@ Contents ReadFiles(CaptureReader& reader, Source& source, Files files) {
 
 }  // namespace
 
-void ReadCapture(CaptureReader& reader, uint32_t input, std::istream& in,
-                 const std::function<bool(int64_t done, int64_t all)>& onProgress) {
+void ReadText(TextSink& sink, std::istream& in,
+              const std::function<bool(int64_t done, int64_t all)>& onProgress) {
     Source source{in, onProgress};
     source.size = std::max<int64_t>(in.rdbuf()->pubseekoff(0, std::ios::end, std::ios::in), 0);
     in.seekg(0, std::ios::beg);
     in.clear();
-    reader.Begin(input);
-    Contents contents = ReadFiles(reader, source, Files::Reports);
+    Contents contents = ReadFiles(sink, source, Files::Reports);
     if (contents.kind == Kind::Zip && contents.files == 0) {
         in.clear();
         source.done = 0;
         if (in.seekg(0, std::ios::beg)) {
-            contents = ReadFiles(reader, source, Files::All);
+            contents = ReadFiles(sink, source, Files::All);
         }
     }
     if (contents.files != 0) {
@@ -146,7 +144,7 @@ void ReadCapture(CaptureReader& reader, uint32_t input, std::istream& in,
     if (contents.kind == Kind::Gzip) {
         throw CaptureError("is a gzip file with nothing in it: empty, or cut off");
     }
-    reader.End();
+    sink.End();
 }
 
 }  // namespace tools

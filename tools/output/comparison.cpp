@@ -17,11 +17,18 @@
 namespace tools {
 namespace {
 
-std::vector<const Scene*> StartedScenes(const Account& account) {
-    std::vector<const Scene*> scenes;
-    for (const Scene& scene : account.scenes) {
-        if (scene.isStarted) {
-            scenes.push_back(&scene);
+// A scene, and what a trace tells of it; null without one.
+struct Compared {
+    const Scene* scene;
+    const SceneScheduling* scheduling;
+};
+
+std::vector<Compared> StartedScenes(const Account& account, const Scheduling* scheduling) {
+    std::vector<Compared> scenes;
+    for (size_t i = 0; i < account.scenes.size(); ++i) {
+        if (account.scenes[i].isStarted) {
+            scenes.push_back(
+                {&account.scenes[i], scheduling == nullptr ? nullptr : &scheduling->scenes[i]});
         }
     }
     return scenes;
@@ -62,6 +69,9 @@ class Figures {
             AddTime("  max", before.max, after.max);
         }
     }
+    void Add(const char* name, const Waiting& before, const Waiting& after) {
+        Add(fmt::format("waited for a CPU a period, {}", name), before.inside, after.inside);
+    }
     void Write(std::ostream& out) const { WriteTable(out, rows, Columns::Figures); }
 
   private:
@@ -74,7 +84,10 @@ class Figures {
     Rows rows = {{"", "before", "after", "change"}};
 };
 
-void WriteScenes(std::ostream& out, const Scene& before, const Scene& after, Micros resolution) {
+void WriteScenes(std::ostream& out, const Compared& earlier, const Compared& later,
+                 Micros resolution) {
+    const Scene& before = *earlier.scene;
+    const Scene& after = *later.scene;
     Figures figures(resolution);
     for (size_t status = 0; status < FRAME_STATUSES; ++status) {
         figures.AddCount(NameOf(static_cast<FrameStatus>(status)), before.statusCounts[status],
@@ -108,6 +121,12 @@ void WriteScenes(std::ostream& out, const Scene& before, const Scene& after, Mic
         if (std::find(news.begin(), news.end(), olds[stage]) == news.end()) {
             alone.push_back("Only before: " + StageTitleOf(before, stage) + ".\n");
         }
+    }
+    if (earlier.scheduling != nullptr && later.scheduling != nullptr) {
+        figures.Add("threads handed to the service", earlier.scheduling->handed,
+                    later.scheduling->handed);
+        figures.Add("other threads of the pipeline", earlier.scheduling->others,
+                    later.scheduling->others);
     }
     figures.Write(out);
     for (const std::string& line : alone) {
@@ -210,23 +229,24 @@ void WriteFindings(std::ostream& out, const Account& before, const Account& afte
 
 }  // namespace
 
-void WriteComparison(std::ostream& out, const Account& before, const Account& after) {
+void WriteComparison(std::ostream& out, const Account& before, const Account& after,
+                     const Scheduling* schedulingBefore, const Scheduling* schedulingAfter) {
     out << "Before: " << VerdictOf(before) << "\nAfter:  " << VerdictOf(after) << '\n';
     WriteConfigurations(out, before, after);
-    const std::vector<const Scene*> olds = StartedScenes(before);
-    const std::vector<const Scene*> news = StartedScenes(after);
+    const std::vector<Compared> olds = StartedScenes(before, schedulingBefore);
+    const std::vector<Compared> news = StartedScenes(after, schedulingAfter);
     if (olds.size() != news.size()) {
         out << fmt::format("Before there were {}, after {}; they are compared in order.\n",
                            Counted(static_cast<int64_t>(olds.size()), "scene"), news.size());
     }
     for (size_t i = 0; i < std::min(olds.size(), news.size()); ++i) {
-        const Scene& old = *olds[i];
-        const Scene& now = *news[i];
+        const Scene& old = *olds[i].scene;
+        const Scene& now = *news[i].scene;
         out << fmt::format(
             "\nScene {}, times in milliseconds; late is more than {} ms before and {} ms after\n",
             i + 1, Fixed(static_cast<double>(old.lateThreshold) / 1e3, 1),
             Fixed(static_cast<double>(now.lateThreshold) / 1e3, 1));
-        WriteScenes(out, old, now, std::min(before.resolution, after.resolution));
+        WriteScenes(out, olds[i], news[i], std::min(before.resolution, after.resolution));
     }
     WriteFindings(out, before, after);
 }

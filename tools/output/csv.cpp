@@ -8,7 +8,7 @@
 
 namespace tools {
 
-void WriteCsv(std::ostream& out, const Account& account) {
+void WriteCsv(std::ostream& out, const Account& account, const Scheduling* scheduling) {
     int32_t stages = 0;
     for (const Scene& scene : account.scenes) {
         stages = std::max(stages, scene.stageCount);
@@ -17,6 +17,12 @@ void WriteCsv(std::ostream& out, const Account& account) {
     for (int32_t stage = 0; stage < stages; ++stage) {
         out << fmt::format(",stage{0}_start_ms,stage{0}_end_ms,stage{0}_wait_ms,stage{0}_work_ms",
                            stage);
+        if (scheduling != nullptr) {
+            out << fmt::format(
+                ",stage{0}_thread,stage{0}_ran_ms,stage{0}_cpu_wait_ms,stage{0}_slept_ms,"
+                "stage{0}_blocked_ms",
+                stage);
+        }
     }
     out << '\n';
 
@@ -26,6 +32,17 @@ void WriteCsv(std::ostream& out, const Account& account) {
         if (moment != NO_TIME && since != NO_TIME) {
             fmt::format_to(std::back_inserter(row), "{}",
                            static_cast<double>(moment - since) / 1000);
+        }
+    };
+    const auto addUse = [&](const SceneScheduling& uses, const Scene& scene, size_t frame,
+                            int32_t stage) {
+        const StageUse* const use = uses.uses.empty() ? nullptr : &uses.UseOf(scene, frame, stage);
+        const bool isKnown = use != nullptr && use->thread != NO_THREAD;
+        row += ',';
+        row += isKnown ? std::to_string(scheduling->trace->threads[use->thread].tid) : "";
+        for (const ThreadState state : {ThreadState::Running, ThreadState::Runnable,
+                                        ThreadState::Sleeping, ThreadState::Blocked}) {
+            addTime(isKnown ? use->shares[static_cast<size_t>(state)] : NO_TIME, 0);
         }
     };
     for (size_t s = 0; s < account.scenes.size(); ++s) {
@@ -47,8 +64,13 @@ void WriteCsv(std::ostream& out, const Account& account) {
                 addTime(times.end, scene.begin);
                 addTime(times.wait, 0);
                 addTime(times.work, 0);
+                if (scheduling != nullptr) {
+                    addUse(scheduling->scenes[s], scene, i, stage);
+                }
             }
-            row.append(static_cast<size_t>(stages - scene.stageCount) * 4, ',');
+            row.append(
+                static_cast<size_t>(stages - scene.stageCount) * (scheduling == nullptr ? 4 : 9),
+                ',');
             out << row << '\n';
         }
     }

@@ -35,6 +35,22 @@ Json ToJson(const Account& account, const SceneFinding& finding) {
                  {"times", finding.times},
                  {"line", isPlaced ? Json(finding.place.line) : Json()},
                  {"message", finding.message}};
+    for (const CauseLink& link : finding.chain) {
+        Json ran = Json::array();
+        for (const CauseLink::Ran& one : link.ran) {
+            ran.push_back(
+                {{"thread", one.thread}, {"name", one.name}, {"time", Milliseconds(one.length)}});
+        }
+        json["chain"].push_back({{"thread", link.thread},
+                                 {"name", link.name},
+                                 {"state", NameOf(link.state)},
+                                 {"from", Milliseconds(link.begin)},
+                                 {"time", Milliseconds(link.length)},
+                                 {"cpu", link.cpu >= 0 ? Json(link.cpu) : Json()},
+                                 {"ran", std::move(ran)},
+                                 {"waker", link.waker.empty() ? Json() : Json(link.waker)},
+                                 {"interrupt", link.isByInterrupt}});
+    }
     if (isPlaced && account.inputs.size() > 1 && finding.place.input < account.inputs.size()) {
         json["file"] = account.inputs[finding.place.input];
     }
@@ -59,6 +75,32 @@ Json ToJson(const LoadedConfiguration& loaded) {
                                     {"message", finding.message}});
     }
     return json;
+}
+
+void Add(Json& json, const Shares& shares) {
+    for (size_t state = 0; state < THREAD_STATES; ++state) {
+        json[NameOf(static_cast<ThreadState>(state))] = Milliseconds(shares[state]);
+    }
+}
+
+Json ToJson(const Waiting& waiting) {
+    return {{"threads", waiting.threads},
+            {"inside", ToJson(waiting.inside)},
+            {"outside", ToJson(waiting.outside)}};
+}
+
+Json ToJson(const SceneScheduling& scene, const SchedTrace& trace) {
+    Json threads = Json::array();
+    for (const ThreadUse& use : scene.threads) {
+        Json thread = {{"thread", trace.threads[use.thread].tid},
+                       {"name", trace.threads[use.thread].name},
+                       {"stages", use.stages},
+                       {"handed", use.isHanded}};
+        Add(thread, use.shares);
+        threads.push_back(std::move(thread));
+    }
+    return {{"threads", std::move(threads)},
+            {"waiting", {{"handed", ToJson(scene.handed)}, {"others", ToJson(scene.others)}}}};
 }
 
 Json ToJson(const Account& account, const Scene& scene) {
@@ -95,7 +137,7 @@ Json ToJson(const Account& account, const Scene& scene) {
 
 }  // namespace
 
-void WriteJson(std::ostream& out, const Account& account) {
+void WriteJson(std::ostream& out, const Account& account, const Scheduling* scheduling) {
     Json json = {{"verdict", VerdictOf(account)},
                  {"capture",
                   {{"files", account.inputs},
@@ -111,8 +153,17 @@ void WriteJson(std::ostream& out, const Account& account) {
     for (const LoadedConfiguration& loaded : account.configurations) {
         json["configurations"].push_back(ToJson(loaded));
     }
-    for (const Scene& scene : account.scenes) {
-        json["scenes"].push_back(ToJson(account, scene));
+    if (scheduling != nullptr) {
+        json["trace"] = {{"file", scheduling->name},
+                         {"counters", scheduling->tie->Counters()},
+                         {"within", Milliseconds(scheduling->tie->Within())},
+                         {"lost", scheduling->trace->lost}};
+    }
+    for (size_t i = 0; i < account.scenes.size(); ++i) {
+        json["scenes"].push_back(ToJson(account, account.scenes[i]));
+        if (scheduling != nullptr) {
+            json["scenes"].back()["scheduling"] = ToJson(scheduling->scenes[i], *scheduling->trace);
+        }
     }
     // Names from a log may hold any bytes.
     out << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';

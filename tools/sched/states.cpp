@@ -1,0 +1,152 @@
+#include "tools/sched/states.h"
+
+#include <algorithm>
+#include <map>
+
+namespace tools {
+namespace {
+
+Micros Overlap(Span one, Span other) {
+    return std::max<Micros>(std::min(one.end, other.end) - std::max(one.begin, other.begin), 0);
+}
+
+// Where events were lost that may have changed it, the state is not known from there on.
+void PushSpan(std::vector<StateSpan>& spans, const SchedTrace& trace, StateSpan span) {
+    if (span.end <= span.begin) {
+        return;
+    }
+    for (auto hole = std::partition_point(
+             trace.holes.begin(), trace.holes.end(),
+             [&](const SchedTrace::Hole& one) { return one.end <= span.begin; });
+         hole != trace.holes.end() && hole->begin < span.end; ++hole) {
+        const bool isTouched =
+            hole->end > span.begin && (span.state != ThreadState::Running || span.cpu == hole->cpu);
+        if (isTouched && span.state != ThreadState::Unknown) {
+            StateSpan untold = span;
+            untold.begin = std::max(hole->begin, span.begin);
+            untold.state = ThreadState::Unknown;
+            untold.isWoken = false;
+            span.end = untold.begin;
+            if (span.end > span.begin) {
+                span.isWoken = false;
+                spans.push_back(span);
+            }
+            spans.push_back(untold);
+            return;
+        }
+    }
+    spans.push_back(span);
+}
+
+std::vector<StateSpan> Walk(const SchedTrace& trace, uint32_t thread) {
+    std::vector<StateSpan> spans;
+    StateSpan now;
+    now.begin = trace.from;
+    bool isFirst = true, hasCpu = false;
+    const auto change = [&](Micros time, ThreadState state, uint16_t cpu) {
+        now.end = time;
+        PushSpan(spans, trace, now);
+        now = {};
+        now.begin = time;
+        now.state = state;
+        now.cpu = cpu;
+    };
+    for (const uint32_t position : trace.threads[thread].events) {
+        const SchedEvent& event = trace.events[position];
+        const bool isSwitch = event.kind == SchedEvent::Kind::Switch;
+        if (isSwitch && event.thread == event.other) {
+            continue;
+        }
+        if (isSwitch && event.thread == thread) {
+            // Who leaves has run; the trace may begin with that.
+            if (now.state != ThreadState::Running) {
+                now.state = isFirst ? ThreadState::Running : ThreadState::Unknown;
+                now.cpu = event.cpu;
+            }
+            change(event.time, event.left, event.cpu);
+            hasCpu = true;
+        } else if (isSwitch) {
+            if (now.state == ThreadState::Runnable && !hasCpu) {
+                now.cpu = event.cpu;
+            } else if (now.state == ThreadState::Running) {
+                now.state = ThreadState::Unknown;  // That it left is not told.
+            }
+            change(event.time, ThreadState::Running, event.cpu);
+        } else if (now.state == ThreadState::Runnable) {
+            if (event.kind == SchedEvent::Kind::Wakeup) {
+                now.cpu = event.cpu;
+                hasCpu = true;
+            }
+        } else if (now.state != ThreadState::Running) {
+            now.state = isFirst ? ThreadState::Sleeping : now.state;
+            now.isWoken = true;
+            now.waker = event.other;
+            change(event.time, ThreadState::Runnable, event.cpu);
+            hasCpu = event.kind == SchedEvent::Kind::Wakeup;
+        }
+        isFirst = false;
+    }
+    now.end = trace.to;
+    PushSpan(spans, trace, now);
+    return spans;
+}
+
+}  // namespace
+
+const std::vector<StateSpan>& States::Of(uint32_t thread) {
+    const auto [found, isNew] = known.try_emplace(thread);
+    if (isNew) {
+        found->second = Walk(trace, thread);
+    }
+    return found->second;
+}
+
+States::Some States::Within(uint32_t thread, Span span) {
+    const std::vector<StateSpan>& all = Of(thread);
+    const auto first = std::partition_point(
+        all.begin(), all.end(), [&](const StateSpan& one) { return one.end <= span.begin; });
+    const auto last = std::partition_point(
+        first, all.end(), [&](const StateSpan& one) { return one.begin < span.end; });
+    return {first, last};
+}
+
+Shares States::SharesOf(uint32_t thread, Span span) {
+    Shares shares{};
+    Micros told = 0;
+    const auto [first, last] = Within(thread, span);
+    for (auto it = first; it != last; ++it) {
+        const Micros length = Overlap(*it, span);
+        shares[static_cast<size_t>(it->state)] += length;
+        told += length;
+    }
+    // What is outside of the trace.
+    shares[static_cast<size_t>(ThreadState::Unknown)] +=
+        std::max<Micros>(span.end - span.begin - told, 0);
+    return shares;
+}
+
+std::vector<std::pair<uint32_t, Micros>> States::RanOn(uint16_t cpu, Span span) const {
+    std::map<uint32_t, Micros> ran;
+    if (cpu < trace.switches.size()) {
+        const std::vector<uint32_t>& switches = trace.switches[cpu];
+        auto next = std::partition_point(switches.begin(), switches.end(), [&](uint32_t position) {
+            return trace.events[position].time <= span.begin;
+        });
+        // Up to each switch the one that leaves has run, and behind the last one who came.
+        Micros from = span.begin;
+        for (; next != switches.end() && from < span.end; ++next) {
+            const SchedEvent& event = trace.events[*next];
+            ran[event.thread] += std::min(event.time, span.end) - from;
+            from = event.time;
+        }
+        if (from < span.end && next == switches.end() && !switches.empty()) {
+            ran[trace.events[switches.back()].other] += span.end - from;
+        }
+    }
+    std::vector<std::pair<uint32_t, Micros>> sorted(ran.begin(), ran.end());
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const auto& one, const auto& other) { return one.second > other.second; });
+    return sorted;
+}
+
+}  // namespace tools

@@ -1,0 +1,48 @@
+// What threads did when, worked out from a scheduler trace.
+
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "tools/account/account.h"
+#include "tools/sched/trace.h"
+
+namespace tools {
+
+// A thread in one state.
+struct StateSpan : Span {
+    ThreadState state = ThreadState::Unknown;
+    uint16_t cpu = 0;            // Where it ran, or waited to run.
+    bool isWoken = false;        // Of a sleep: its end is told,
+    uint32_t waker = NO_THREAD;  // and by whom; NO_THREAD for an interrupt.
+};
+
+// How long each state took.
+using Shares = std::array<Micros, THREAD_STATES>;
+
+// The states of threads, each worked out when first asked for. The trace has to stay.
+class States {
+  public:
+    explicit States(const SchedTrace& schedTrace) : trace(schedTrace) {}
+
+    const SchedTrace& Trace() const { return trace; }
+    // One after another, from the trace's beginning to its end.
+    const std::vector<StateSpan>& Of(uint32_t thread);
+    // Those that overlap a span, as the first and the one behind the last.
+    using Some =
+        std::pair<std::vector<StateSpan>::const_iterator, std::vector<StateSpan>::const_iterator>;
+    Some Within(uint32_t thread, Span span);
+    Shares SharesOf(uint32_t thread, Span span);
+    // Who ran on a CPU, and for how long; longest first.
+    std::vector<std::pair<uint32_t, Micros>> RanOn(uint16_t cpu, Span span) const;
+
+  private:
+    const SchedTrace& trace;
+    std::unordered_map<uint32_t, std::vector<StateSpan>> known;
+};
+
+}  // namespace tools

@@ -1,0 +1,263 @@
+#include "tools/sched/tie.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <set>
+
+#include "tools/base/text.h"
+
+namespace tools {
+namespace {
+
+// Numbers of frames tell which recording it is, so a coarse guess comes first.
+constexpr Micros COARSE = SECOND;
+// Clocks drift: what ties them is looked at so many lines at a time.
+constexpr size_t AT_A_TIME = 64;
+// A line and its counter are no further apart, unless a thread is stopped between them.
+constexpr Micros TOGETHER = 5 * MILLISECOND;
+// What nine of ten keep to. Two recordings of the same frames differ by more: nodes never take the
+// same time twice.
+constexpr Micros AGREEING = 600;
+constexpr int64_t FEWEST = 8;
+
+Micros Middle(std::vector<Micros>& values, double share = 0.5) {
+    const auto at = values.begin() +
+                    static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
+}
+
+}  // namespace
+
+void CountedLines::OnMessage(const Message& message, const Moment& moment) {
+    switch (message.kind) {
+        case MessageKind::FrameStart:
+        case MessageKind::FrameEnd:
+        case MessageKind::StageStart:
+        case MessageKind::StageEnd:
+            if (moment.time != NO_TIME) {
+                lines.push_back({moment.time, moment.process, moment.thread, message.stage,
+                                 static_cast<int32_t>(message.frame), message.kind});
+            }
+            return;
+        default:
+            return;
+    }
+}
+
+size_t Tie::Hash::operator()(const Key& key) const {
+    return std::hash<uint64_t>()(static_cast<uint64_t>(static_cast<uint32_t>(key.frame)) |
+                                 static_cast<uint64_t>(key.kind) << 58U |
+                                 static_cast<uint64_t>(static_cast<uint32_t>(key.stage + 1))
+                                     << 32U);
+}
+
+void Tie::AddCounters() {
+    for (uint32_t i = 0; i < trace.counters.size(); ++i) {
+        const SchedCounter& counter = trace.counters[i];
+        byKey[{counter.kind, counter.stage, counter.frame}].push_back(i);
+    }
+}
+
+Tie::Tie(const SchedTrace& schedTrace, Micros origin) : trace(schedTrace) {
+    AddCounters();
+    knots.push_back({0, origin});
+    counters = static_cast<int64_t>(trace.counters.size());
+    for (const SchedCounter& counter : trace.counters) {
+        threads[trace.threads[counter.thread].tid] = counter.thread;
+    }
+}
+
+Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTrace,
+         Micros resolution)
+    : trace(schedTrace) {
+    if (trace.counters.empty()) {
+        throw TieError(
+            "it has none of the library's counters: were the trace tags camera or hal on, and the\n"
+            "library's debug switch?");
+    }
+    if (lines.empty()) {
+        throw TieError(
+            "the log has no times, or tells of no frame that the service was told of: nothing "
+            "ties\n"
+            "the two together");
+    }
+    AddCounters();
+    std::set<int32_t> ofLog, ofTrace;
+    for (const CountedLines::Line& line : lines) {
+        ofLog.insert(line.process);
+    }
+    for (const SchedCounter& counter : trace.counters) {
+        ofTrace.insert(counter.process);
+    }
+    const bool isOneProcess =
+        ofLog.contains(-1) || std::any_of(ofLog.begin(), ofLog.end(), [&](int32_t process) {
+            return ofTrace.contains(process);
+        });
+    if (!isOneProcess) {
+        throw TieError(fmt::format(
+            "its counters are of process {}, and the log is of process {}: they were not taken of\n"
+            "the same run",
+            *ofTrace.begin(), *ofLog.begin()));
+    }
+    std::unordered_map<int64_t, int64_t> votes;
+    for (const CountedLines::Line& line : lines) {
+        const auto found = byKey.find({line.kind, line.stage, line.frame});
+        for (const uint32_t counter :
+             found == byKey.end() ? std::vector<uint32_t>() : found->second) {
+            ++votes[(trace.counters[counter].time - line.time) / COARSE];
+        }
+    }
+    int64_t best = 0, most = 0;
+    for (const auto& [bin, count] : votes) {
+        const auto next = votes.find(bin + 1);
+        const int64_t both = count + (next == votes.end() ? 0 : next->second);
+        if (both > most || (both == most && bin < best)) {
+            best = bin;
+            most = both;
+        }
+    }
+    std::vector<Micros> aheads;
+    for (const CountedLines::Line& line : lines) {
+        const auto found = byKey.find({line.kind, line.stage, line.frame});
+        for (const uint32_t counter :
+             found == byKey.end() ? std::vector<uint32_t>() : found->second) {
+            const Micros ahead = trace.counters[counter].time - line.time;
+            if (ahead / COARSE == best || ahead / COARSE == best + 1) {
+                aheads.push_back(ahead);
+            }
+        }
+    }
+    const Micros base = aheads.empty() ? 0 : Middle(aheads);
+    if (!aheads.empty()) {
+        Match(lines, base);
+    }
+    const int64_t inLog = std::count_if(
+        trace.counters.begin(), trace.counters.end(), [&](const SchedCounter& counter) {
+            return counter.time >= lines.front().time + base - COARSE &&
+                   counter.time <= lines.back().time + base + COARSE;
+        });
+    if (counters < std::min<int64_t>(FEWEST, static_cast<int64_t>(trace.counters.size())) ||
+        counters * 2 < inLog || within > resolution / 2 + AGREEING) {
+        throw TieError(
+            fmt::format("its counters and the log tell of different times (another run, or another "
+                        "boot): {} of\n"
+                        "{} agree, to within {} ms",
+                        counters, Counted(static_cast<int64_t>(trace.counters.size()), "counter"),
+                        Fixed(static_cast<double>(within) / 1000, 1)));
+    }
+}
+
+// Each line with the counter that is nearest, and how far they are apart by stretches.
+void Tie::Match(const std::vector<CountedLines::Line>& lines, Micros base) {
+    struct Pair {
+        const CountedLines::Line* line;
+        const SchedCounter* counter;
+        Micros Ahead() const { return counter->time - line->time; }
+    };
+    Micros ahead = base;
+    std::vector<Pair> pairs;
+    std::vector<Micros> apart, values;
+    std::vector<std::pair<int32_t, uint32_t>> ofThreads;
+    const auto settle = [&] {
+        if (pairs.empty()) {
+            return;
+        }
+        values.clear();
+        for (const Pair& pair : pairs) {
+            values.push_back(pair.Ahead());
+        }
+        ahead = Middle(values);
+        for (const Pair& pair : pairs) {
+            if (std::abs(pair.Ahead() - ahead) <= TOGETHER) {
+                apart.push_back(std::abs(pair.Ahead() - ahead));
+                ofThreads.emplace_back(pair.line->thread, pair.counter->thread);
+            }
+        }
+        knots.push_back({pairs[pairs.size() / 2].line->time, ahead});
+        pairs.clear();
+    };
+    for (const CountedLines::Line& line : lines) {
+        const auto found = byKey.find({line.kind, line.stage, line.frame});
+        if (found == byKey.end()) {
+            continue;
+        }
+        const uint32_t nearest = Nearest(found->second, line.time + ahead);
+        const Pair pair{&line, &trace.counters[nearest]};
+        if (std::abs(pair.Ahead() - base) <= COARSE) {
+            pairs.push_back(pair);
+        }
+        if (pairs.size() == AT_A_TIME) {
+            settle();
+        }
+    }
+    settle();
+    counters = static_cast<int64_t>(apart.size());
+    within = apart.empty() ? 0 : Middle(apart, 0.9);
+    TieThreads(ofThreads);
+}
+
+void Tie::TieThreads(const std::vector<std::pair<int32_t, uint32_t>>& pairs) {
+    std::map<std::pair<int32_t, uint32_t>, int64_t> counts;
+    for (const auto& pair : pairs) {
+        ++counts[pair];
+    }
+    std::unordered_map<int32_t, int64_t> most;
+    for (const auto& [pair, count] : counts) {
+        if (count > most[pair.first]) {
+            most[pair.first] = count;
+            threads[pair.first] = pair.second;
+        }
+    }
+    for (const auto& [tid, thread] : threads) {
+        isSameNumbering = isSameNumbering && trace.threads[thread].tid == tid;
+    }
+}
+
+Micros Tie::ToTrace(Micros time) const {
+    const auto next = std::partition_point(knots.begin(), knots.end(),
+                                           [time](const Knot& knot) { return knot.time < time; });
+    if (next == knots.begin() || next == knots.end()) {
+        return time + (next == knots.end() ? knots.back() : *next).ahead;
+    }
+    const Knot& before = *std::prev(next);
+    const Micros length = std::max<Micros>(next->time - before.time, 1);
+    return time + before.ahead + (next->ahead - before.ahead) * (time - before.time) / length;
+}
+
+Micros Tie::ToLog(Micros time) const {
+    // The knots' own differences change by far less than what is asked for.
+    const Micros guess = time - knots.front().ahead;
+    return time - (ToTrace(guess) - guess);
+}
+
+uint32_t Tie::ThreadOf(int32_t tid) const {
+    const auto found = threads.find(tid);
+    return found == threads.end() ? NO_THREAD : found->second;
+}
+
+uint32_t Tie::Nearest(const std::vector<uint32_t>& positions, Micros time) const {
+    const auto next = std::partition_point(
+        positions.begin(), positions.end(),
+        [&](uint32_t position) { return trace.counters[position].time < time; });
+    if (next == positions.begin() ||
+        (next != positions.end() &&
+         trace.counters[*next].time - time < time - trace.counters[*std::prev(next)].time)) {
+        return *next;
+    }
+    return *std::prev(next);
+}
+
+const SchedCounter* Tie::Find(MessageKind kind, int32_t stage, int32_t frame, Micros time) const {
+    const auto found = byKey.find({kind, stage, frame});
+    if (found == byKey.end()) {
+        return nullptr;
+    }
+    const SchedCounter& counter = trace.counters[Nearest(found->second, time)];
+    return std::abs(counter.time - time) <= 2 * TOGETHER ? &counter : nullptr;
+}
+
+}  // namespace tools

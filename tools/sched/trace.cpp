@@ -1,0 +1,389 @@
+#include "tools/sched/trace.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
+namespace tools {
+namespace {
+
+constexpr size_t LONGEST_NAME = 15;  // Of a thread, to the kernel.
+constexpr size_t LONGEST_LINE = 65'536;
+constexpr uint32_t MOST_CPUS = 4096;
+// How wide the kernel makes the column of names, and how wide others may make that of threads.
+constexpr size_t NAME_COLUMNS = 16;
+constexpr size_t TASK_COLUMNS = 64;
+
+template <typename Number>
+bool TakeNumber(std::string_view& text, Number& number) {
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end == text.data()) {
+        return false;
+    }
+    text.remove_prefix(static_cast<size_t>(end - text.data()));
+    return true;
+}
+
+bool Skip(std::string_view& text, std::string_view what) {
+    if (!text.starts_with(what)) {
+        return false;
+    }
+    text.remove_prefix(what.size());
+    return true;
+}
+
+void SkipBlanks(std::string_view& text) {
+    while (!text.empty() && text.front() == ' ') {
+        text.remove_prefix(1);
+    }
+}
+
+// Takes "key123" from the end of the text.
+template <typename Number>
+bool CutField(std::string_view& text, std::string_view key, Number& number) {
+    size_t at = text.size();
+    while (at > 0 && ((text[at - 1] >= '0' && text[at - 1] <= '9') || text[at - 1] == '-')) {
+        --at;
+    }
+    std::string_view value = text.substr(at);
+    if (!text.substr(0, at).ends_with(key) || !TakeNumber(value, number)) {
+        return false;
+    }
+    text = text.substr(0, at - key.size());
+    return true;
+}
+
+ThreadState StateOf(std::string_view letters) {
+    switch (letters.empty() ? '?' : letters.front()) {
+        case 'R':
+            return ThreadState::Runnable;
+        case 'D':
+            return ThreadState::Blocked;
+        case 'X':
+        case 'x':
+        case 'Z':
+            return ThreadState::Gone;
+        default:
+            return ThreadState::Sleeping;
+    }
+}
+
+// "4827.601609", also with more digits or fewer.
+bool TakeTime(std::string_view& text, Micros& time) {
+    int64_t seconds = 0;
+    if (!TakeNumber(text, seconds) || seconds < 0 || seconds > INT32_MAX * int64_t{1000} ||
+        !Skip(text, ".")) {
+        return false;
+    }
+    Micros part = 0, unit = SECOND;
+    while (!text.empty() && text.front() >= '0' && text.front() <= '9') {
+        unit /= 10;
+        part += (text.front() - '0') * unit;
+        text.remove_prefix(1);
+    }
+    time = seconds * SECOND + part;
+    return true;
+}
+
+}  // namespace
+
+// A line: who was on which CPU when it was written, and what it says.
+struct TraceReader::Line {
+    std::string_view name;  // Of the thread.
+    int32_t tid = 0;
+    uint32_t cpu = 0;
+    bool isInterrupt = false;
+    Micros time = 0;
+    std::string_view what, text;
+
+    // "name-tid ( tgid) [cpu] flags time: what: text". The name may hold anything, so it is the
+    // rest that is looked for: the last place where it fits a name of the kernel's length.
+    static std::optional<Line> Parse(std::string_view line) {
+        Line parsed;
+        if (line.size() > NAME_COLUMNS && line[NAME_COLUMNS] == '-' &&
+            parsed.TakeAt(line, NAME_COLUMNS)) {
+            return parsed;
+        }
+        // Others than the kernel write other columns.
+        const std::string_view head = line.substr(0, TASK_COLUMNS);
+        for (size_t dash = head.rfind('-'); dash != std::string_view::npos && dash > 0;
+             dash = head.rfind('-', dash - 1)) {
+            if (parsed.TakeAt(line, dash)) {
+                return parsed;
+            }
+        }
+        return std::nullopt;
+    }
+
+  private:
+    bool TakeAt(std::string_view line, size_t dash) {
+        name = line.substr(0, dash);
+        SkipBlanks(name);
+        std::string_view rest = line.substr(dash + 1);
+        return name.size() <= LONGEST_NAME && TakeRest(rest);
+    }
+
+    bool TakeRest(std::string_view& rest) {
+        if (!TakeNumber(rest, tid) || tid < 0) {
+            return false;
+        }
+        SkipBlanks(rest);
+        if (Skip(rest, "(")) {
+            const size_t end = rest.find(')');
+            if (end == std::string_view::npos) {
+                return false;
+            }
+            rest.remove_prefix(end + 1);
+            SkipBlanks(rest);
+        }
+        if (!Skip(rest, "[") || !TakeNumber(rest, cpu) || cpu >= MOST_CPUS || !Skip(rest, "] ")) {
+            return false;
+        }
+        SkipBlanks(rest);
+        // Flags, which old kernels do not have. The third one tells of interrupts.
+        const size_t flags = rest.find(' ');
+        if (flags == std::string_view::npos) {
+            return false;
+        }
+        if (rest.substr(0, flags).find('.') == std::string_view::npos ||
+            rest.substr(0, flags).back() != ':') {
+            isInterrupt = flags > 2 && std::strchr("hHsZz", rest[2]) != nullptr;
+            rest.remove_prefix(flags);
+            SkipBlanks(rest);
+        }
+        if (!TakeTime(rest, time) || !Skip(rest, ": ")) {
+            return false;
+        }
+        const size_t colon = rest.find(": ");
+        if (colon == std::string_view::npos) {
+            return false;
+        }
+        what = rest.substr(0, colon);
+        text = rest.substr(colon + 2);
+        return true;
+    }
+};
+
+bool IsTrace(std::string_view beginning) {
+    if (beginning.starts_with("# tracer:") ||
+        beginning.find("class=\"trace-data\"") != std::string_view::npos) {
+        return true;
+    }
+    for (size_t at = 0; at < beginning.size();) {
+        const size_t end = std::min(beginning.find('\n', at), beginning.size());
+        const auto line = TraceReader::Line::Parse(beginning.substr(at, end - at));
+        at = end + 1;
+        if (line) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void TraceReader::Read(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const size_t end = bytes.find('\n');
+        if (end == std::string_view::npos) {
+            // What is longer than any line of a trace is none.
+            rest.append(bytes.substr(0, LONGEST_LINE - std::min(rest.size(), LONGEST_LINE)));
+            return;
+        }
+        if (rest.empty()) {
+            TakeLine(bytes.substr(0, end));
+        } else {
+            rest.append(bytes.substr(0, end));
+            TakeLine(rest);
+            rest.clear();
+        }
+        bytes.remove_prefix(end + 1);
+    }
+}
+
+void TraceReader::TakeLine(std::string_view text) {
+    ++trace.lines;
+    if (text.starts_with('#')) {
+        return;
+    }
+    const std::optional<Line> line = Line::Parse(text);
+    if (!line) {
+        return TakeLost(text);
+    }
+    ++trace.traceLines;
+    trace.from = trace.from == NO_TIME ? line->time : std::min(trace.from, line->time);
+    trace.to = std::max(trace.to, line->time);
+    NoteCpu(line->cpu, line->time);
+    if (line->what == "sched_switch") {
+        TakeSwitch(*line);
+    } else if (line->what == "sched_waking" || line->what == "sched_wakeup" ||
+               line->what == "sched_wakeup_new") {
+        TakeWakeup(*line);
+    } else if (line->what == "tracing_mark_write" || line->what == "print" || line->what == "0") {
+        TakeMark(*line);
+    }
+}
+
+// "prev_comm=a prev_pid=1 prev_prio=120 prev_state=S ==> next_comm=b next_pid=2 next_prio=120"
+void TraceReader::TakeSwitch(const Line& line) {
+    constexpr std::string_view ARROW = " ==> next_comm=";
+    std::string_view text = line.text;
+    // A name may hold the arrow, but not all of that.
+    const size_t arrow = text.find(ARROW, text.find(" prev_state="));
+    if (arrow == std::string_view::npos || !Skip(text, "prev_comm=")) {
+        return;
+    }
+    std::string_view before = line.text.substr(10, arrow - 10);
+    std::string_view after = line.text.substr(arrow + ARROW.size());
+    const size_t state = before.rfind('=') + 1;
+    const std::string_view letters = before.substr(state);
+    before = before.substr(0, state - std::strlen(" prev_state="));
+    int32_t left = 0, next = 0, priority = 0;
+    if (!CutField(before, " prev_prio=", priority) || !CutField(before, " prev_pid=", left) ||
+        !CutField(after, " next_prio=", priority) || !CutField(after, " next_pid=", next) ||
+        left < 0 || next < 0) {
+        return;
+    }
+    SchedEvent event;
+    event.time = line.time;
+    event.kind = SchedEvent::Kind::Switch;
+    event.cpu = static_cast<uint16_t>(line.cpu);
+    event.thread = ThreadOf(left, before, line.cpu);
+    event.other = ThreadOf(next, after, line.cpu);
+    event.left = left == 0 ? ThreadState::Runnable : StateOf(letters);
+    Add(event);
+    if (event.left == ThreadState::Gone) {
+        threads.erase(left);  // Its number may be used again.
+    }
+}
+
+// "comm=a pid=1 prio=120 target_cpu=001", with "success=1" in old kernels.
+void TraceReader::TakeWakeup(const Line& line) {
+    std::string_view text = line.text;
+    int32_t tid = 0;
+    uint32_t cpu = line.cpu;
+    int32_t other = 0;
+    CutField(text, " target_cpu=", cpu);
+    CutField(text, " success=", other);
+    CutField(text, " prio=", other);
+    if (!Skip(text, "comm=") || !CutField(text, " pid=", tid) || tid <= 0 || cpu >= MOST_CPUS) {
+        return;
+    }
+    if (line.what == "sched_wakeup_new") {
+        threads.erase(tid);
+    }
+    SchedEvent event;
+    event.time = line.time;
+    event.kind = line.what == "sched_waking" ? SchedEvent::Kind::Waking : SchedEvent::Kind::Wakeup;
+    event.cpu = static_cast<uint16_t>(cpu);
+    event.thread = ThreadOf(tid, text, cpu);
+    event.other = line.isInterrupt ? NO_THREAD : ThreadOf(line.tid, line.name, line.cpu);
+    event.left = ThreadState::Runnable;
+    Add(event);
+}
+
+// "C|process|name|value"
+void TraceReader::TakeMark(const Line& line) {
+    struct Name {
+        std::string_view text;
+        MessageKind kind;
+        bool hasStage;
+    };
+    static constexpr Name NAMES[] = {{"TcfbtNotifyFrameStart", MessageKind::FrameStart, false},
+                                     {"TcfbtNotifyFrameEnd", MessageKind::FrameEnd, false},
+                                     {"TcfbtNotifyStageStart", MessageKind::StageStart, true},
+                                     {"TcfbtNotifyStageEnd", MessageKind::StageEnd, true}};
+    const size_t begin = line.text.find("C|");
+    std::string_view text = line.text.substr(std::min(begin, line.text.size()));
+    SchedCounter counter{line.time, NO_THREAD, 0, 0, -1, 0, MessageKind::FrameStart};
+    if (!Skip(text, "C|") || !TakeNumber(text, counter.process) || !Skip(text, "|")) {
+        return;
+    }
+    for (const Name& name : NAMES) {
+        std::string_view value = text;
+        if (Skip(value, name.text) && (!name.hasStage || TakeNumber(value, counter.stage)) &&
+            Skip(value, "|") && TakeNumber(value, counter.frame) && counter.frame != 0) {
+            counter.kind = name.kind;
+            counter.thread = ThreadOf(line.tid, line.name, line.cpu);
+            counter.line = static_cast<uint32_t>(trace.lines);
+            trace.counters.push_back(counter);
+            return;
+        }
+    }
+}
+
+// "CPU:1 [LOST 4711 EVENTS]"
+void TraceReader::TakeLost(std::string_view text) {
+    uint32_t cpu = 0;
+    int64_t count = 0;
+    SkipBlanks(text);
+    if (!Skip(text, "CPU:") || !TakeNumber(text, cpu) || cpu >= MOST_CPUS ||
+        !Skip(text, " [LOST ") || !TakeNumber(text, count) || !text.starts_with(" EVENTS]")) {
+        return;
+    }
+    trace.lost += count;
+    cpus.resize(std::max<size_t>(cpus.size(), cpu + size_t{1}));
+    cpus[cpu].hasLost = true;
+}
+
+void TraceReader::NoteCpu(uint32_t cpu, Micros time) {
+    if (cpu >= cpus.size()) {
+        cpus.resize(cpu + size_t{1});
+    }
+    Cpu& known = cpus[cpu];
+    if (known.hasLost) {
+        trace.holes.push_back(
+            {known.last == NO_TIME ? trace.from : known.last, time, static_cast<uint16_t>(cpu)});
+        known.hasLost = false;
+    }
+    known.last = time;
+}
+
+uint32_t TraceReader::ThreadOf(int32_t tid, std::string_view name, uint32_t cpu) {
+    const int64_t key = tid == 0 ? -1 - static_cast<int64_t>(cpu) : tid;
+    const auto [found, isNew] =
+        threads.try_emplace(key, static_cast<uint32_t>(trace.threads.size()));
+    if (isNew) {
+        trace.threads.push_back({tid, std::string(name), {}});
+    } else if (trace.threads[found->second].name != name && name != "<...>") {
+        trace.threads[found->second].name = name;
+    }
+    return found->second;
+}
+
+void TraceReader::Add(const SchedEvent& event) {
+    trace.disordered += !trace.events.empty() && event.time < trace.events.back().time ? 1 : 0;
+    trace.events.push_back(event);
+}
+
+void TraceReader::End() {
+    if (!rest.empty()) {
+        TakeLine(rest);
+        rest.clear();
+    }
+}
+
+bool TraceReader::TakeDamage(const char* reason) {
+    trace.damage = reason == nullptr ? "damaged" : reason;
+    return trace.traceLines != 0;
+}
+
+SchedTrace TraceReader::Finish() {
+    const auto isBefore = [](const auto& one, const auto& other) { return one.time < other.time; };
+    std::stable_sort(trace.counters.begin(), trace.counters.end(), isBefore);
+    if (trace.disordered > 0) {
+        std::stable_sort(trace.events.begin(), trace.events.end(), isBefore);
+    }
+    for (uint32_t i = 0; i < trace.events.size(); ++i) {
+        const SchedEvent& event = trace.events[i];
+        trace.threads[event.thread].events.push_back(i);
+        if (event.kind == SchedEvent::Kind::Switch) {
+            if (event.other != event.thread) {
+                trace.threads[event.other].events.push_back(i);
+            }
+            trace.switches.resize(std::max<size_t>(trace.switches.size(), event.cpu + size_t{1}));
+            trace.switches[event.cpu].push_back(i);
+        }
+    }
+    return std::move(trace);
+}
+
+}  // namespace tools

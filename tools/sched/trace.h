@@ -1,0 +1,109 @@
+// Reads the kernel's scheduler traces: who ran on which CPU when, who woke whom, and the library's
+// counters among that. The text is ftrace's, as a kernel, atrace, systrace (in HTML) and Perfetto's
+// converter write it.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "tools/account/account.h"
+#include "tools/base/times.h"
+#include "tools/log/capture.h"
+
+namespace tools {
+
+inline constexpr uint32_t NO_THREAD = std::numeric_limits<uint32_t>::max();
+
+struct SchedEvent {
+    enum class Kind : uint8_t {
+        Switch,
+        Waking,  // Somebody wakes a thread,
+        Wakeup,  // and this is the CPU where it is to run.
+    };
+    Micros time;      // By the trace's clock.
+    uint32_t thread;  // Who leaves the CPU, or is woken.
+    uint32_t other;   // Who comes, or wakes it; NO_THREAD for an interrupt.
+    uint16_t cpu;     // Where it happened; of a wakeup, where the thread is to run.
+    Kind kind;
+    ThreadState left;  // Of a switch: what the one that leaves is from there on.
+};
+
+// A counter of the library that rose to a frame's number.
+struct SchedCounter {
+    Micros time;
+    uint32_t thread;
+    uint32_t line;
+    int32_t process;  // As the process itself knows its number.
+    int32_t stage;    // -1 where it is of a frame.
+    int32_t frame;
+    MessageKind kind;  // FrameStart, FrameEnd, StageStart or StageEnd.
+};
+
+struct SchedThread {
+    int32_t tid = 0;
+    std::string name;  // The last one that it had.
+    // Its events, as positions in SchedTrace::events.
+    std::vector<uint32_t> events;
+};
+
+struct SchedTrace {
+    std::vector<SchedThread> threads;  // Number 0 of each CPU is one: the idle task.
+    std::vector<SchedEvent> events;    // By time.
+    std::vector<SchedCounter> counters;
+    std::vector<std::vector<uint32_t>> switches;  // Of each CPU, as positions in `events`.
+    struct Hole {
+        Micros begin, end;
+        uint16_t cpu;
+    };
+    std::vector<Hole> holes;  // Where events were lost: between the CPU's last one and its next.
+    int64_t lines = 0;        // All of the file.
+    int64_t traceLines = 0;   // Those that are a trace's.
+    int64_t lost = 0;         // Events that the tracer says it lost.
+    int64_t disordered = 0;   // Events whose time is before that of the line above.
+    Micros from = NO_TIME, to = NO_TIME;
+    std::string damage;  // Why the file could not be read to its end.
+};
+
+// Whether a file that begins like that is a trace.
+bool IsTrace(std::string_view beginning);
+
+// Takes a trace. Lines that are none of a trace's are left alone, so that HTML needs nothing else.
+class TraceReader : public TextSink {
+  public:
+    void Read(std::string_view bytes) override;
+    void End() override;
+    bool TakeDamage(const char* reason) override;
+    // What was read, given away. To be called once, last.
+    SchedTrace Finish();
+
+  private:
+    struct Line;
+
+    void TakeLine(std::string_view text);
+    void TakeSwitch(const Line& line);
+    void TakeWakeup(const Line& line);
+    void TakeMark(const Line& line);
+    void TakeLost(std::string_view text);
+    void NoteCpu(uint32_t cpu, Micros time);
+    uint32_t ThreadOf(int32_t tid, std::string_view name, uint32_t cpu);
+    void Add(const SchedEvent& event);
+    friend bool IsTrace(std::string_view beginning);
+
+    SchedTrace trace;
+    std::string rest;                               // Of a line that is not whole yet.
+    std::unordered_map<int64_t, uint32_t> threads;  // By id; the idle tasks by -1 - CPU.
+    struct Cpu {
+        Micros last = NO_TIME;
+        bool hasLost = false;
+    };
+    std::vector<Cpu> cpus;
+};
+
+}  // namespace tools
