@@ -234,7 +234,8 @@ int RunExplain(const Arguments& arguments) {
     WriteFile(arguments.csv, [&](std::ostream& file) { WriteCsv(file, account, scheduling); });
     const size_t more = account.inputs.size() - 1;
     arguments.pictures.Write(
-        account, account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more)));
+        account, account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more)),
+        scheduling);
 
     Output out("-");
     if (!arguments.other.empty()) {

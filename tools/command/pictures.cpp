@@ -42,15 +42,16 @@ std::optional<std::pair<int64_t, int64_t>> Pictures::Frames() const {
     return std::pair(*first, *last);
 }
 
-void Pictures::Write(const Account& account, const std::string& title) const {
+void Pictures::Write(const Account& account, const std::string& title,
+                     const Scheduling* scheduling) const {
     WriteFile(page, [&](std::ostream& file) { WritePage(file, account, title); });
     WriteFile(trace, [&](std::ostream& file) {
         if (!trace.ends_with(".gz")) {
-            WriteTrace(file, account, Frames());
+            WriteTrace(file, account, Frames(), scheduling);
             return;
         }
         GzipStream packed(file);
-        WriteTrace(packed, account, Frames());
+        WriteTrace(packed, account, Frames(), scheduling);
         packed.Close();
     });
 }

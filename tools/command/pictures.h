@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/account/account.h"
+#include "tools/sched/scheduling.h"
 
 namespace CLI {
 class App;
@@ -28,8 +28,10 @@ class Pictures {
     std::optional<std::pair<int64_t, int64_t>> Frames() const;
     // The files; empty where one was not asked for.
     std::vector<std::string> Paths() const { return {page, trace}; }
-    // Writes those that were asked for. `title`: what was looked at.
-    void Write(const Account& account, const std::string& title) const;
+    // Writes those that were asked for. `title`: what was looked at. `scheduling`: null where there
+    // is no scheduler trace.
+    void Write(const Account& account, const std::string& title,
+               const Scheduling* scheduling = nullptr) const;
 
   private:
     std::string page;

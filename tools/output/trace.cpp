@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -320,6 +321,67 @@ void WriteStage(Events& events, const View& view, int32_t stage) {
     }
 }
 
+// The tracks of threads, by their ids.
+using ThreadTracks = std::map<int32_t, size_t>;
+
+// What a thread did when it did not sleep.
+void WriteThread(Events& events, const View& view, const Scheduling& scheduling, uint32_t thread,
+                 ThreadTracks& tracks) {
+    const SchedThread& known = scheduling.trace->threads[thread];
+    const size_t track =
+        events.AddTrack(view.process, fmt::format("thread {} ({})", known.tid, known.name));
+    tracks[known.tid] = track;
+    const Span span = {scheduling.tie->ToTrace(view.span.begin),
+                       scheduling.tie->ToTrace(view.span.end)};
+    const auto [first, last] = scheduling.states->Within(thread, span);
+    for (auto it = first; it != last; ++it) {
+        const bool isRunning = it->state == ThreadState::Running;
+        const char* const name = isRunning                            ? "running"
+                                 : it->state == ThreadState::Runnable ? "waiting for a CPU"
+                                 : it->state == ThreadState::Blocked  ? "blocked"
+                                                                      : nullptr;
+        if (name != nullptr) {
+            const Micros begin = std::max(it->begin, span.begin);
+            events.Add(
+                'X', view.process, scheduling.tie->ToLog(begin), name,
+                fmt::format(
+                    R"(,"tid":{},"dur":{}{})", track, std::min(it->end, span.end) - begin,
+                    isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", it->cpu) : std::string()));
+        }
+    }
+}
+
+// From what kept each late frame to the thread of its stage: who was late made the next one late.
+void WriteChains(Events& events, const View& view, ThreadTracks& tracks) {
+    size_t chains = 0;
+    for (const SceneFinding& finding : view.scene.findings) {
+        if (finding.chain.size() < 2 || !view.Has(finding.time)) {
+            continue;
+        }
+        ++chains;
+        for (size_t i = finding.chain.size(); i > 0; --i) {
+            const CauseLink& link = finding.chain[i - 1];
+            const auto [track, isNew] = tracks.try_emplace(link.thread);
+            if (isNew) {
+                track->second = events.AddTrack(
+                    view.process, fmt::format("thread {} ({})", link.thread, link.name));
+            }
+            const std::string where = fmt::format(R"(,"tid":{})", track->second);
+            const std::string name =
+                fmt::format("{} for frame {}", NameOf(link.state), finding.frame.value_or(0));
+            events.Add('X', view.process, link.begin, name,
+                       fmt::format(R"({},"dur":{})", where, link.length));
+            const bool isFirst = i == finding.chain.size();
+            events.Add(isFirst  ? 's'
+                       : i == 1 ? 'f'
+                                : 't',
+                       view.process, link.begin, "cause",
+                       fmt::format(R"({},"cat":"cause","id":"cause {}.{}"{})", where, view.process,
+                                   chains, isFirst ? "" : R"(,"bp":"e")"));
+        }
+    }
+}
+
 struct Change {
     Micros time = 0;
     double value = 0;
@@ -438,7 +500,7 @@ std::string ClockAt(const Account& account, Micros time) {
                                                     static_cast<double>(time) / SECOND);
 }
 
-void WriteScene(Events& events, const View& view) {
+void WriteScene(Events& events, const View& view, const Scheduling* scheduling) {
     const std::string clock = ClockAt(view.account, view.scene.begin);
     events.NameProcess(view.process, TitleOf(view.account, view.process - 1) +
                                          (clock.empty() ? "" : ", begins at " + clock));
@@ -447,16 +509,27 @@ void WriteScene(Events& events, const View& view) {
     for (const Slice& slice : view.frames) {
         WritePair(events, view, slice, "actual");
     }
+    const std::vector<ThreadUse> threads = scheduling == nullptr
+                                               ? std::vector<ThreadUse>()
+                                               : scheduling->scenes[view.process - 1].threads;
+    ThreadTracks tracks;
     for (int32_t stage = 0; stage < view.scene.stageCount; ++stage) {
         WriteStage(events, view, stage);
+        for (const ThreadUse& use : threads) {
+            if (!use.stages.empty() && use.stages.front() == stage) {
+                WriteThread(events, view, *scheduling, use.thread, tracks);
+            }
+        }
     }
+    WriteChains(events, view, tracks);
     WriteCounters(events, view);
 }
 
 }  // namespace
 
 void WriteTrace(std::ostream& out, const Account& account,
-                const std::optional<std::pair<int64_t, int64_t>>& frames) {
+                const std::optional<std::pair<int64_t, int64_t>>& frames,
+                const Scheduling* scheduling) {
     Span scenes{NO_TIME, NO_TIME};
     for (const Scene& scene : account.scenes) {
         Include(scenes, scene.begin);
@@ -469,7 +542,7 @@ void WriteTrace(std::ostream& out, const Account& account,
         const View view = ViewOf(account, s, firstId, frames);
         firstId += view.scene.frames.size();
         if (view.scene.begin != NO_TIME && (!view.isPart || !view.frames.empty())) {
-            WriteScene(events, view);
+            WriteScene(events, view, scheduling);
         }
     }
     if (!account.findings.empty()) {

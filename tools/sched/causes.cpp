@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <numeric>
 #include <set>
 
 #include "tools/account/wording.h"
@@ -70,7 +71,8 @@ class CauseFinder {
             }
         }
         const auto worst = std::max_element(excess.begin(), excess.end());
-        if (uses.empty() || *worst < LEAST) {
+        const Micros longer = std::accumulate(excess.begin(), excess.end(), Micros{0});
+        if (uses.empty() || *worst < LEAST || *worst * 2 < longer) {
             return;
         }
         const auto state = static_cast<ThreadState>(worst - excess.begin());
@@ -215,13 +217,28 @@ class CauseFinder {
         }
         if (link.state == ThreadState::Runnable) {
             std::string text = fmt::format("waited {} ms for a CPU", time);
+            // Threads of one name are told of together.
+            std::vector<std::pair<std::string, Micros>> names;
+            for (const CauseLink::Ran& one : link.ran) {
+                const auto known =
+                    std::find_if(names.begin(), names.end(),
+                                 [&one](const auto& other) { return other.first == one.name; });
+                if (known == names.end()) {
+                    names.emplace_back(one.name, one.length);
+                } else {
+                    known->second += one.length;
+                }
+            }
+            std::stable_sort(names.begin(), names.end(), [](const auto& one, const auto& other) {
+                return one.second > other.second;
+            });
             std::vector<std::string> parts;
             Micros rest = 0;
-            for (const CauseLink::Ran& one : link.ran) {
-                if (parts.size() < NAMED && one.length * SHARE >= link.length) {
-                    parts.push_back(fmt::format("{} {} ms", Printable(one.name), Ms(one.length)));
+            for (const auto& [name, length] : names) {
+                if (parts.size() < NAMED && length * SHARE >= link.length) {
+                    parts.push_back(fmt::format("{} {} ms", Printable(name), Ms(length)));
                 } else {
-                    rest += one.length;
+                    rest += length;
                 }
             }
             if (rest * SHARE >= link.length) {

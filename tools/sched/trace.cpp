@@ -124,6 +124,7 @@ struct TraceReader::Line {
     }
 
     bool TakeRest(std::string_view& rest) {
+        isInterrupt = false;
         if (!TakeNumber(rest, tid) || tid < 0) {
             return false;
         }
