@@ -10,9 +10,6 @@
 namespace tools {
 namespace {
 
-constexpr size_t At(ThreadState state) {
-    return static_cast<size_t>(state);
-}
 
 class SceneMaker {
   public:

@@ -1,0 +1,106 @@
+// Any bytes as a scheduler trace, and any events in any order: what threads did adds up, it is read
+// in pieces as at once, and all outputs can be written.
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <sstream>
+#include <string>
+
+#include "tests/fuzz/require.h"
+#include "tools/output/json.h"
+#include "tools/output/text.h"
+#include "tools/output/trace.h"
+#include "tools/sched/scheduling.h"
+
+namespace {
+
+tools::SchedTrace Read(const std::string& text, size_t piece) {
+    tools::TraceReader reader;
+    for (size_t at = 0; at < text.size(); at += piece) {
+        reader.Read(std::string_view(text).substr(at, piece));
+    }
+    reader.End();
+    return reader.Finish();
+}
+
+std::string Explain(const std::string& text, size_t piece) {
+    tools::SchedTrace trace = Read(text, piece);
+    tools::States states(trace);
+    for (uint32_t thread = 0; thread < trace.threads.size(); ++thread) {
+        const tools::Span all = {trace.from, trace.to};
+        const tools::Shares shares = states.SharesOf(thread, all);
+        Require(
+            std::accumulate(shares.begin(), shares.end(), tools::Micros{0}) == all.end - all.begin,
+            "what a thread did does not add up");
+        for (const auto& [other, time] : states.RanOn(0, all)) {
+            Require(time >= 0 && other < trace.threads.size(), "nobody ran");
+        }
+    }
+    if (trace.counters.empty()) {
+        return "";
+    }
+    tools::Account account = AccountOf(trace, "name", {});
+    const tools::Scheduling scheduling =
+        MakeScheduling(account, "name", std::move(trace), nullptr, 5);
+    std::ostringstream told, json;
+    WriteText(told, account, {true, {}}, &scheduling);
+    WriteCsv(told, account, &scheduling);
+    WriteComparison(told, account, account, &scheduling, &scheduling);
+    WriteTrace(json, account, {}, &scheduling);
+    Require(nlohmann::json::accept(json.str()), json.str());
+    json.str("");
+    WriteJson(json, account, &scheduling);
+    Require(nlohmann::json::accept(json.str()), json.str());
+    return told.str() + json.str();
+}
+
+// Makes lines of a trace from the bytes, mostly of a few threads on two CPUs.
+std::string LinesOf(const uint8_t* data, size_t size) {
+    std::string text;
+    size_t at = 0;
+    const auto next = [&] { return at < size ? data[at++] : uint8_t{0}; };
+    uint64_t time = 1'000'000;
+    int frame = 1;
+    while (at < size) {
+        const int kind = next();
+        const auto number = [&next](int most) { return std::to_string(next() % most); };
+        time += next() * uint64_t{40};
+        const std::string cpu = number(2);
+        text += "     t-" + number(5) + "  (   9) [00" + cpu + "] d..2. " +
+                std::to_string(time / 1'000'000) + '.' +
+                std::to_string(1'000'000 + time % 1'000'000).substr(1) + ": ";
+        static constexpr const char* COUNTERS[] = {"StageEnd0", "StageStart1", "StageEnd1",
+                                                   "FrameEnd"};
+        if (kind < 100) {
+            text += "sched_switch: prev_comm=a prev_pid=" + number(5) +
+                    " prev_prio=1 prev_state=" + "RSDXZ"[next() % 5] +
+                    " ==> next_comm=b next_pid=" + number(5) + " next_prio=1\n";
+        } else if (kind < 150) {
+            text += std::string(kind % 2 == 0 ? "sched_waking" : "sched_wakeup_new") +
+                    ": comm=a pid=" + number(5) + " prio=1 target_cpu=00" + cpu + '\n';
+        } else if (kind < 200) {
+            text +=
+                "tracing_mark_write: C|9|TcfbtNotifyFrameStart|" + std::to_string(frame++) + '\n';
+        } else if (kind < 250) {
+            text += std::string("tracing_mark_write: C|9|TcfbtNotify") + COUNTERS[kind % 4] + '|' +
+                    std::to_string(frame - next() % 4) + '\n';
+        } else {
+            text += "sched_wakeup: \nCPU:" + cpu + " [LOST 3 EVENTS]\n";
+        }
+    }
+    return text;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 2) {
+        return 0;
+    }
+    const std::string text = data[0] % 2 == 0
+                                 ? std::string(reinterpret_cast<const char*>(data + 2), size - 2)
+                                 : LinesOf(data + 2, size - 2);
+    Require(Explain(text, text.size() + 1) == Explain(text, size_t{data[1]} + 1), text);
+    return 0;
+}
