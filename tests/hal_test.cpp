@@ -72,6 +72,21 @@ TEST(HalTest, RecordsAndLosesNoFrameButThoseThatItDrops) {
     EXPECT_EQ(LinesOf(HAL_COMMAND " -1", 2).size(), 1U);
 }
 
+TEST(HalTest, WritesCountersIntoATrace) {
+    const std::string marker = testing::TempDir() + "hal_test_marker";
+    const std::string command =
+        std::string(DEBUG) + "TARVO_DESKTOP_TRACE_TAGS=0x400 TARVO_DESKTOP_TRACE_MARKER=";
+    EXPECT_EQ(
+        CountOf(LinesOf(": >" + marker + " && " + command + marker + " " HAL_COMMAND, 0), "C|"), 0);
+    const Lines counters = LinesOf("(cat " + marker + " >&2)", 0);
+    EXPECT_EQ(CountOf(counters, "|TcfbtNotifyFrameStart|"), 2 * 16);
+    EXPECT_EQ(CountOf(counters, "C|"), static_cast<int64_t>(counters.size()));
+    const Lines refused = LinesOf(command + marker + "/no " HAL_COMMAND, 0);
+    EXPECT_EQ(CountOf(refused, "TRACE_MARKER: cannot write " + marker + "/no: Not a dir"), 1);
+    EXPECT_EQ(CountOf(refused, "C|"), static_cast<int64_t>(counters.size()));
+    std::remove(marker.c_str());
+}
+
 // Preview, a recording that is flushed in the middle while the other camera has a preview, preview,
 // and a recording of the other camera: three scenes, each with its own frames and threads.
 TEST(HalTest, TellsOfEachFrameThroughFlushesPreviewsAndBothCameras) {
