@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -89,7 +90,14 @@ uint64_t atrace_get_enabled_tags() {
 void atrace_int_body(const char* name, int32_t value) {
     desktop::State& state = desktop::GetState();
     state.counterUpdates.fetch_add(1, std::memory_order_relaxed);
-    if (state.logToStderr) {
+    if (state.traceMarker >= 0) {
+        // One write each: the kernel makes an entry of it, and refuses it while nothing records.
+        std::array<char, 128> text{};
+        const int length =
+            std::snprintf(text.data(), text.size(), "C|%d|%s|%d\n", getpid(), name, value);
+        [[maybe_unused]] const ssize_t written = write(
+            state.traceMarker, text.data(), std::min(static_cast<size_t>(length), text.size() - 1));
+    } else if (state.logToStderr) {
         std::fprintf(stderr, "C|%d|%s|%d\n", getpid(), name, value);
     }
     desktop::Emit([=] { return desktop::CounterUpdate{name, value}; });

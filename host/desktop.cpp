@@ -1,10 +1,13 @@
 #include "host/desktop.h"
 
+#include <fcntl.h>
+
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
+#include <system_error>
 #include <utility>
 
 #include "host/state.h"
@@ -21,6 +24,7 @@ constexpr std::array<const char*, SERVICE_FUNCTION_COUNT> SERVICE_FUNCTION_NAMES
 struct InitialAndroid {
     std::map<std::string, std::string> properties;
     uint64_t traceTags = 0;
+    int traceMarker = -1;
 };
 
 void ReadProperties(InitialAndroid& android) {
@@ -61,15 +65,39 @@ void ReadTraceTags(InitialAndroid& android) {
     }
 }
 
+void OpenTraceMarker(InitialAndroid& android) {
+    std::string marker = Environment("TARVO_DESKTOP_TRACE_MARKER");
+    if (marker.empty() || marker == "0") {
+        return;
+    }
+    const bool isDefault = marker == "1";
+    if (isDefault) {
+        marker = "/sys/kernel/tracing/trace_marker";
+    }
+    android.traceMarker = open(marker.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (android.traceMarker < 0 && errno == ENOENT && isDefault) {
+        marker = "/sys/kernel/debug/tracing/trace_marker";
+        android.traceMarker = open(marker.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    }
+    if (android.traceMarker < 0) {
+        std::fprintf(stderr,
+                     "TARVO_DESKTOP_TRACE_MARKER: cannot write %s: %s; counters go to standard "
+                     "error\n",
+                     marker.c_str(), std::generic_category().message(errno).c_str());
+    }
+}
+
 void SetInitialAndroid(State& state) {
     static const InitialAndroid initial = [] {
         InitialAndroid android;
         ReadProperties(android);
         ReadTraceTags(android);
+        OpenTraceMarker(android);
         return android;
     }();
     state.properties = initial.properties;
     state.traceTags = initial.traceTags;
+    state.traceMarker = initial.traceMarker;
 }
 
 }  // namespace

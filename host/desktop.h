@@ -10,6 +10,9 @@
 //     TARVO_DESKTOP_CONFIG        a TOML file for the store to serve
 //     TARVO_DESKTOP_PROPERTIES    system properties: name=value,name=value
 //     TARVO_DESKTOP_TRACE_TAGS    the mask of enabled trace tags, decimal or 0x and hexadecimal
+//     TARVO_DESKTOP_TRACE_MARKER  1: trace counters go into the kernel's trace, and no longer to
+//                                 standard error; or the trace_marker to write, such as that of an
+//                                 instance of the tracer. scripts/sched-trace sets it.
 //
 // Threads: the platform functions may be called from any thread. The functions below may be called
 // while no other thread is in a platform function; SetServiceStatus, SetTraceTags and SetObserver
@@ -191,7 +194,7 @@ void SetProperty(const std::string& name, const std::string& value);
 void SetTraceTags(uint64_t mask);
 
 // Whether log lines go to standard error, in the form of logcat's threadtime, and also trace
-// counters, in the form of a trace: "C|pid|name|value".
+// counters that do not go into the kernel's trace, in the form of a trace: "C|pid|name|value".
 void SetLogToStderr(bool on);
 
 // ---- All of it ----

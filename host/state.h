@@ -24,6 +24,7 @@ struct State {
     std::atomic<int64_t> counterUpdates{0};
     std::atomic<uint64_t> traceTags{0};
     std::atomic<bool> logToStderr{true};
+    int traceMarker = -1;  // Where the kernel takes counters, never closed; -1 for nowhere.
     std::map<std::string, std::string> properties;
     std::function<void(StoreAnswer&)> storeScript;
 };

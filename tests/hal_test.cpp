@@ -1,5 +1,6 @@
 // The example HAL, run as a program: what it logs, and what the environment changes.
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -70,6 +71,41 @@ TEST(HalTest, RecordsAndLosesNoFrameButThoseThatItDrops) {
     EXPECT_EQ(CountOf(withLosses, "C|"), 0);
     EXPECT_EQ(LinesOf(HAL_COMMAND " 0.1", 0), Lines{}) << "debug is off";
     EXPECT_EQ(LinesOf(HAL_COMMAND " -1", 2).size(), 1U);
+}
+
+TEST(HalTest, WritesCountersIntoATrace) {
+    const std::string marker = testing::TempDir() + "hal_test_marker";
+    const std::string command =
+        std::string(DEBUG) + "TARVO_DESKTOP_TRACE_TAGS=0x400 TARVO_DESKTOP_TRACE_MARKER=";
+    EXPECT_EQ(
+        CountOf(LinesOf(": >" + marker + " && " + command + marker + " " HAL_COMMAND, 0), "C|"), 0);
+    const Lines counters = LinesOf("(cat " + marker + " >&2)", 0);
+    EXPECT_EQ(CountOf(counters, "|TcfbtNotifyFrameStart|"), 2 * 16);
+    EXPECT_EQ(CountOf(counters, "C|"), static_cast<int64_t>(counters.size()));
+    const Lines refused = LinesOf(command + marker + "/no " HAL_COMMAND, 0);
+    EXPECT_EQ(CountOf(refused, "TRACE_MARKER: cannot write " + marker + "/no: Not a dir"), 1);
+    EXPECT_EQ(CountOf(refused, "C|"), static_cast<int64_t>(counters.size()));
+    std::remove(marker.c_str());
+}
+
+// Seconds of CPU time that the HAL takes, beyond what is given.
+double CpuSecondsOf(const std::string& arguments, double beyond) {
+    const auto ofChildren = [] {
+        rusage usage{};
+        getrusage(RUSAGE_CHILDREN, &usage);
+        return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+               1e-6 * static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+    };
+    const double before = ofChildren();
+    LinesOf(HAL_COMMAND + arguments, 0);
+    return ofChildren() - before - beyond;
+}
+
+TEST(HalTest, ComputesWhenAsked) {
+    const double idle = CpuSecondsOf(" 1", 0);
+    const double nodes = 60 * (0.009 + 0.006 + 0.011 + 0.008) / 5;
+    EXPECT_NEAR(CpuSecondsOf(" --busy 1", idle), nodes, 0.15);
+    EXPECT_NEAR(CpuSecondsOf(" 1 0 0 7", idle), 8 * 0.040, 0.15);
 }
 
 // Preview, a recording that is flushed in the middle while the other camera has a preview, preview,

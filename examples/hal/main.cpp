@@ -2,15 +2,21 @@
 // frames per second, at real pace. What a HAL does for the library is in Booster and Camera; copy
 // from there.
 //
-// Usage: hal [--all] [SECONDS [DROP_EVERY [LOSE_EVERY]]]
+// Usage: hal [--all] [--busy] [SECONDS [DROP_EVERY [LOSE_EVERY [LOCK_EVERY]]]]
 //     --all         not one recording alone, but all that a HAL does: preview, a recording that is
 //                   flushed in the middle, preview again, then a recording by a second camera
+//     --busy        each node computes for a fifth of its time and needs a CPU for that; without,
+//                   all time is spent waiting, as for hardware
 //     SECONDS       how long a recording is, 0.25 unless given
 //     DROP_EVERY    the sensor drops every n-th frame, and the HAL knows
 //     LOSE_EVERY    a node loses every n-th frame, and nobody tells the library
+//     LOCK_EVERY    from when every n-th frame leaves the sensor, a thread "Tuning" computes for
+//                   40 ms with a lock held that the node ToneMapper needs, too
+// Its threads have the names of their nodes.
 // Exit status: 0 all recordings were boosted, 1 one was refused, 2 bad usage.
 
 #include <cameraframeboost/tarvocameraframeboost.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <array>
@@ -20,6 +26,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <mutex>
 #include <queue>
 #include <string>
@@ -63,6 +70,7 @@ constexpr std::array<Node, 5> NODES = {{{"SensorFrontEnd0", 3, std::chrono::mill
                                         {"VideoStabilizer", 0, std::chrono::milliseconds(11)},
                                         {"EncoderFeed", 10, std::chrono::milliseconds(8)}}};
 constexpr size_t LOSING_NODE = 2;
+constexpr size_t LOCKING_NODE = 2;
 
 struct Stream {
     bool isVideo;
@@ -72,6 +80,25 @@ struct Stream {
 };
 constexpr Stream PREVIEW = {false, 1920, 60, 0x8001};
 constexpr Stream VIDEO = {true, 3840, 60, 0x8001};
+
+// What is wrong with the cameras, and how they spend their time.
+struct Manner {
+    bool isBusy;
+    int64_t dropEvery;
+    int64_t loseEvery;
+    int64_t lockEvery;
+};
+
+// Returns when this thread has had a CPU for that long.
+void Compute(std::chrono::nanoseconds time) {
+    const auto used = [] {
+        timespec cpu{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
+        return std::chrono::seconds(cpu.tv_sec) + std::chrono::nanoseconds(cpu.tv_nsec);
+    };
+    for (const auto end = used() + time; used() < end;) {
+    }
+}
 
 bool IsNth(int64_t frame, int64_t every) {
     return every > 0 && frame > 0 && frame % every == 0;
@@ -94,12 +121,8 @@ struct Booster {
 
 class Camera {
   public:
-    Camera(Booster& sharedBooster, int32_t cameraId, int64_t framesDroppedEvery,
-           int64_t framesLostEvery)
-        : booster(sharedBooster),
-          id(cameraId),
-          dropEvery(framesDroppedEvery),
-          loseEvery(framesLostEvery) {}
+    Camera(Booster& sharedBooster, int32_t cameraId, const Manner& itsManner)
+        : booster(sharedBooster), id(cameraId), manner(itsManner) {}
 
     // Sends that many frames through the pipeline, numbered from 1. A flush throws away those that
     // are still on their way in the end. Returns whether the frames were boosted.
@@ -111,8 +134,15 @@ class Camera {
         for (size_t node = 1; node < NODES.size(); ++node) {
             threads[node] = std::thread(&Camera::RunNode, this, node);
         }
+        std::thread tuning;
+        if (manner.lockEvery > 0) {
+            tuning = std::thread(&Camera::RunTuning, this);
+        }
         for (std::thread& thread : threads) {
             thread.join();
+        }
+        if (tuning.joinable()) {
+            tuning.join();
         }
         EndScene();
         return isBoosted;
@@ -144,32 +174,36 @@ class Camera {
 
     // Each frame leaves the first node when its time is over. Frame 0 only opens frame 1.
     void RunSensor(int32_t fps, int64_t frames, bool isFlushed) {
-        RegisterThread();
+        RegisterThread(NODES[0].name);
         auto due = std::chrono::steady_clock::now();
         for (int64_t frame = 0; frame <= frames; ++frame) {
             due += std::chrono::nanoseconds(std::chrono::seconds(1)) / fps;
             std::this_thread::sleep_until(due);
-            if (IsNth(frame, dropEvery)) {
+            if (IsNth(frame, manner.dropEvery)) {
                 OnSensorDrop(frame);
                 continue;
             }
             OnNodeEnd(NODES[0], frame);
+            if (IsNth(frame, manner.lockEvery)) {
+                tunings.Push(frame);
+            }
             if (frame > 0) {
                 queues[1].Push(frame);
             }
         }
         isFlushing = isFlushed;
+        tunings.Push(NO_MORE);
         queues[1].Push(NO_MORE);
     }
 
     void RunNode(size_t node) {
-        RegisterThread();
+        RegisterThread(NODES[node].name);
         const bool isLast = node + 1 == NODES.size();
         for (int64_t frame = 0; frame != NO_MORE;) {
             frame = queues[node].Pop();
             if (frame != NO_MORE) {
-                std::this_thread::sleep_for(NODES[node].work);
-                if (isFlushing || (node == LOSING_NODE && IsNth(frame, loseEvery))) {
+                Work(node);
+                if (isFlushing || (node == LOSING_NODE && IsNth(frame, manner.loseEvery))) {
                     continue;
                 }
                 OnNodeEnd(NODES[node], frame);
@@ -180,9 +214,32 @@ class Camera {
         }
     }
 
+    void Work(size_t node) {
+        std::unique_lock<std::mutex> lock(tables, std::defer_lock);
+        if (node == LOCKING_NODE) {
+            lock.lock();
+        }
+        const std::chrono::nanoseconds work = NODES[node].work;
+        const auto computing = manner.isBusy ? work / 5 : work * 0;
+        std::this_thread::sleep_for(work - computing);
+        Compute(computing);
+    }
+
+    // Makes tables anew that a node uses, and takes too long. No thread of the scene's: that is the
+    // mistake, as the service hears nothing of a thread that frames wait for.
+    void RunTuning() {
+        pthread_setname_np(pthread_self(), "Tuning");
+        while (tunings.Pop() != NO_MORE) {
+            const std::lock_guard<std::mutex> lock(tables);
+            Compute(std::chrono::milliseconds(40));
+        }
+    }
+
     // A thread that works for this scene: the service hears of it with the next TcfbtSetTids.
-    // Without a scene it would hear of it too, and nothing would take the thread back.
-    void RegisterThread() {
+    // Without a scene it would hear of it too, and nothing would take the thread back. A trace has
+    // its name, of which the kernel keeps 15 characters and refuses more.
+    void RegisterThread(const char* name) {
+        pthread_setname_np(pthread_self(), name);
         if (isBoosted) {
             booster.facade.TcfbtAddTempTids(gettid());
             booster.facade.TcfbtSetTids();
@@ -214,9 +271,10 @@ class Camera {
     bool isBoosted = false;  // This camera has the scene. Written while none of its threads runs.
     std::atomic<bool> isFlushing{false};
     std::array<FrameQueue, NODES.size()> queues;
+    FrameQueue tunings;
+    std::mutex tables;  // A node works, or the tables that it uses are made anew.
     const int32_t id;
-    const int64_t dropEvery;
-    const int64_t loseEvery;
+    const Manner manner;
 };
 
 // A number that is not negative; -1 for any other text.
@@ -229,26 +287,37 @@ double Number(const char* text) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool isAll = argc > 1 && std::string(argv[1]) == "--all";
-    std::array<double, 3> numbers = {0.25, 0, 0};
-    for (int i = isAll ? 2 : 1, number = 0; i < argc; ++i, ++number) {
+    bool isAll = false;
+    bool isBusy = false;
+    std::array<double, 4> numbers = {0.25, 0, 0, 0};
+    size_t count = 0;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
         const double value = Number(argv[i]);
-        if (number == 3 || value < 0) {
-            std::fputs("Usage: hal [--all] [SECONDS [DROP_EVERY [LOSE_EVERY]]]\n", stderr);
+        if (argument == "--all") {
+            isAll = true;
+        } else if (argument == "--busy") {
+            isBusy = true;
+        } else if (value >= 0 && count < numbers.size()) {
+            numbers[count++] = value;
+        } else {
+            std::fputs(
+                "Usage: hal [--all] [--busy] "
+                "[SECONDS [DROP_EVERY [LOSE_EVERY [LOCK_EVERY]]]]\n",
+                stderr);
             return 2;
         }
-        numbers[static_cast<size_t>(number)] = value;
     }
     const auto frames = static_cast<int64_t>(numbers[0] * VIDEO.fps);
-    const auto dropEvery = static_cast<int64_t>(numbers[1]);
-    const auto loseEvery = static_cast<int64_t>(numbers[2]);
+    const Manner manner = {isBusy, static_cast<int64_t>(numbers[1]),
+                           static_cast<int64_t>(numbers[2]), static_cast<int64_t>(numbers[3])};
 
     Booster booster;
-    Camera rear(booster, 0, dropEvery, loseEvery);
+    Camera rear(booster, 0, manner);
     if (!isAll) {
         return rear.Run(VIDEO, frames) ? 0 : 1;
     }
-    Camera front(booster, 1, dropEvery, loseEvery);
+    Camera front(booster, 1, manner);
     rear.Run(PREVIEW, frames / 4);
     bool areBoosted = rear.Run(VIDEO, frames / 2, /*isFlushed=*/true);
     // The recording goes on, while the other camera shows a preview beside it.
