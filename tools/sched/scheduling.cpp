@@ -10,7 +10,6 @@
 namespace tools {
 namespace {
 
-
 class SceneMaker {
   public:
     SceneMaker(const Scene& measured, States& threadStates, const Tie& clocks)
