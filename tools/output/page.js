@@ -79,6 +79,9 @@
         }
         return low;
     };
+    const range = (count) => Uint32Array.from({ length: count }, (_, i) => i);
+    // Lets the browser answer between parts of what takes long.
+    const pause = () => new Promise((resolve) => setTimeout(resolve));
 
     // ---- Data ----
 
@@ -133,20 +136,29 @@
         return derive({ ...told, numbers, codes, start, left, end, data: null });
     }
 
+    const PARTS = 200;  // Of a scene, for each of which the overview tells how long stages took.
+
     // What follows from the times: when frames came to stages and those began with them, who came
     // out when, how many were in flight.
-    function derive(scene) {
+    async function derive(scene) {
         const { left, start, end, codes } = scene;
         scene.stop = Math.max(scene.stop, scene.period);  // A replay may take no time.
         const count = codes.length;
         const stages = left.length;
-        const sorted = (times) => Uint32Array.from(times.keys()).filter((i) => !isNaN(times[i]))
-            .sort((a, b) => times[a] - times[b]);
+        const isKnown = (time) => !isNaN(time);
+        // Most are in order, and to sort an hour's takes long.
+        const sorted = (times) => {
+            const all = range(count).filter((i) => isKnown(times[i]));
+            return all.every((i, k) => k === 0 || times[all[k - 1]] <= times[i]) ? all
+                : all.sort((a, b) => times[a] - times[b]);
+        };
+        const unknown = () => left.map(() => new Float64Array(count).fill(NaN));
         scene.order = left.map(sorted);
-        scene.came = left.map(() => new Float64Array(count).fill(NaN));
-        scene.begun = left.map(() => new Float64Array(count).fill(NaN));
-        scene.until = left.map(() => new Float64Array(count).fill(NaN));
+        scene.came = unknown();
+        scene.begun = unknown();
+        scene.until = unknown();
         scene.stands = left.map(() => []);  // Frames that are not known to have left.
+        await pause();
         for (let i = 0; i < count; ++i) {
             let last = start[i];
             let through = -1;
@@ -162,7 +174,9 @@
                 scene.stands[next].push(i);
             }
         }
+        scene.drift = [];
         for (let stage = 0; stage < stages; ++stage) {
+            await pause();
             let free = NaN;
             for (const i of scene.order[stage]) {
                 const came = scene.came[stage][i];
@@ -185,49 +199,48 @@
                 scene.until[stage][i] = passed < order.length ? left[stage][order[passed]]
                     : isNaN(end[i]) ? scene.stop : Math.max(end[i], came);
             }
+            scene.drift.push(driftOf(scene, stage));
         }
+        const high = Float64Array.from(scene.drift.flat(), ([, high]) => high).filter(isKnown).sort();
+        scene.top = high[Math.floor(high.length * 0.98)] || 1;
+        await pause();
         scene.lastStage = scene.order.findLastIndex((order) => order.length > 0);
         scene.out = scene.lastStage < 0 ? end : left[scene.lastStage];
         scene.outputs = scene.lastStage < 0 ? sorted(end) : scene.order[scene.lastStage];
-        const events = [];
-        for (let i = 0; i < count; ++i) {
-            if (!isNaN(start[i])) {
-                const over = Math.max(isNaN(scene.out[i]) ? -1 : scene.out[i],
-                    isNaN(end[i]) ? -1 : end[i]);
-                events.push([start[i], 1], [over < 0 ? scene.stop : Math.max(over, start[i]), -1]);
-            }
+        scene.late = range(scene.outputs.length).filter((k) => k > 0 && codes[scene.outputs[k]] & 16);
+        const starts = start.filter(isKnown).sort();
+        const overs = start.map((from, i) => {
+            const over = Math.max(...[scene.out[i], end[i]].filter(isKnown));
+            return isNaN(from) ? NaN : over < 0 ? scene.stop : Math.max(over, from);
+        }).filter(isKnown).sort();
+        const times = new Float64Array(starts.length * 2);
+        const counts = new Int32Array(times.length);
+        for (let k = 0, begun = 0, over = 0; k < times.length; ++k) {
+            const isOver = begun === starts.length || overs[over] <= starts[begun];
+            times[k] = isOver ? overs[over++] : starts[begun++];
+            counts[k] = begun - over;
         }
-        events.sort((a, b) => a[0] - b[0] || a[1] - b[1]);
-        let flying = 0;
-        scene.flight = events.map(([time, change]) => [time, flying += change]);
-        scene.most = scene.flight.reduce((most, [, value]) => Math.max(most, value), 1);
-        scene.drift = null;
+        scene.flight = { times, counts, most: counts.reduce((a, b) => Math.max(a, b), 1) };
         return scene;
     }
 
-    // The median and the 95th percentile of how long frames are in each stage, over time.
-    function driftOf(scene, bins) {
-        if (scene.drift?.bins !== bins) {
-            const rows = scene.left.map((left, stage) => {
-                const values = Array.from({ length: bins }, () => []);
-                for (const i of scene.order[stage]) {
-                    const stay = left[i] - scene.came[stage][i];
-                    if (!isNaN(stay)) {
-                        const bin = Math.floor(left[i] / scene.stop * bins);
-                        values[clamp(bin, 0, bins - 1)].push(stay);
-                    }
-                }
-                const at = (all, share) => all[Math.max(Math.ceil(share * all.length) - 1, 0)];
-                return values.map((all) => {
-                    all.sort((a, b) => a - b);
-                    return [at(all, 0.5), at(all, 0.95)];
-                });
-            });
-            const all = rows.flat().map(([, high]) => high).filter((high) => high !== undefined)
-                .sort((a, b) => a - b);
-            scene.drift = { bins, rows, top: all[Math.floor(all.length * 0.98)] || 1 };
-        }
-        return scene.drift;
+    // The median and the 95th percentile of how long frames were in a stage, in each part of the
+    // scene; NaN where none left it.
+    function driftOf(scene, stage) {
+        const order = scene.order[stage];
+        const left = scene.left[stage];
+        const came = scene.came[stage];
+        let first = 0;
+        return Array.from({ length: PARTS }, (_, part) => {
+            const to = (scene.stop * (part + 1)) / PARTS;
+            const next = part + 1 === PARTS ? order.length
+                : search(first, order.length, (k) => left[order[k]] >= to);
+            const stays = Float64Array.from(order.subarray(first, next), (i) => left[i] - came[i])
+                .filter((stay) => !isNaN(stay)).sort();
+            first = next;
+            return [0.5, 0.95].map((share) =>
+                stays[Math.max(Math.ceil(share * stays.length) - 1, 0)] ?? NaN);
+        });
     }
 
     // ---- What is looked at ----
@@ -451,7 +464,6 @@
         const came = scene.came[stage];
         const begun = scene.begun[stage];
         const work = stage === 0 ? 'since' : 'work';
-        let last = -1;
         for (let k = search(0, order.length, (i) => left[order[i]] >= view.from);
             k < order.length; ++k) {
             const i = order[k];
@@ -461,10 +473,9 @@
                 break;
             }
             const to = xOf(left[i]);
-            if (x > breadth || to < last + 0.5) {
+            if (x > breadth) {
                 continue;
             }
-            last = to;
             const middle = isNaN(begun[i]) ? to : xOf(begun[i]);
             const from = Math.max(x, gutter);
             if (middle - from > 0.5) {
@@ -477,6 +488,9 @@
                 pen.fillStyle = color(work === 'work' ? 'paper' : 'ink');
                 pen.fillText(String(scene.numbers[i]), (at + to) / 2, y + height / 2 - 2);
             }
+            // Of those that leave within half a pixel one is drawn.
+            const next = timeAt(to + 0.5);
+            k = search(k + 1, order.length, (other) => left[order[other]] >= next) - 1;
         }
         for (const i of scene.stands[stage]) {
             const from = xOf(came[i]);
@@ -489,44 +503,48 @@
     }
 
     function drawOutput(pen, y, height) {
-        const { outputs, out, codes, period } = scene;
-        let last = -1;
-        const first = search(0, outputs.length, (i) => out[outputs[i]] >= view.from);
-        for (let k = first; k < outputs.length && out[outputs[k]] <= view.to; ++k) {
-            const i = outputs[k];
-            const x = xOf(out[i]);
-            if (codes[i] & 16) {
-                const from = Math.max(k > 0 ? xOf(out[outputs[k - 1]]) : x, gutter);
-                shapes.late(pen, from, y, x - from, height);
-            } else if (x >= last + 1) {
+        const { outputs, out, late, period } = scene;
+        const timeOf = (k) => out[outputs[k]];
+        const showsDue = xOf(period) - xOf(0) > 4;
+        for (let k = search(0, outputs.length, (i) => timeOf(i) >= view.from);
+            k < outputs.length && timeOf(k) <= view.to; ++k) {
+            const x = xOf(timeOf(k));
+            if (!(scene.codes[outputs[k]] & 16)) {
                 shapes.output(pen, x - 2, y, 2, height);
-                last = x;
             }
-            const due = k > 0 ? xOf(out[outputs[k - 1]] + period) : -1;
-            if (due > gutter && due < breadth && xOf(period) - xOf(0) > 4) {
+            const due = k > 0 ? xOf(timeOf(k - 1) + period) : -1;
+            if (showsDue && due > gutter && due < breadth) {
                 shapes.due(pen, due - 1, y, 1, height);
             }
+            const next = timeAt(x + 1);
+            k = search(k + 1, outputs.length, (i) => timeOf(i) >= next) - 1;
+        }
+        for (let l = search(0, late.length, (i) => timeOf(late[i]) >= view.from);
+            l < late.length && timeOf(late[l] - 1) <= view.to; ++l) {
+            const x = xOf(timeOf(late[l]));
+            const from = Math.max(xOf(timeOf(late[l] - 1)), gutter);
+            shapes.late(pen, from, y, Math.min(x, breadth + 3) - from, height);
         }
     }
 
     function drawFlight(pen, y, height) {
-        const { flight, most } = scene;
+        const { times, counts, most } = scene.flight;
         let x = gutter;
-        let k = search(0, flight.length, (i) => flight[i][0] > view.from) - 1;
-        let value = k < 0 ? 0 : flight[k][1];
+        let k = search(0, times.length, (i) => times[i] > view.from) - 1;
+        let value = k < 0 ? 0 : counts[k];
         let peak = value;
-        for (++k; k <= flight.length; ++k) {
-            const next = k < flight.length ? xOf(Math.min(flight[k][0], view.to)) : breadth;
+        for (++k; k <= times.length; ++k) {
+            const next = k < times.length ? xOf(Math.min(times[k], view.to)) : breadth;
             if (next - x >= 1) {
                 const h = (Math.max(peak, value) / most) * height;
                 shapes.flight(pen, x, y + height - h, next - x, h);
                 x = next;
                 peak = 0;
             }
-            if (k === flight.length || flight[k][0] > view.to) {
+            if (k === times.length || times[k] > view.to) {
                 break;
             }
-            value = flight[k][1];
+            value = counts[k];
             peak = Math.max(peak, value);
         }
     }
@@ -596,17 +614,15 @@
         for (const finding of marks()) {
             shapes[finding.severity](pen, x(finding.time) - 6, AXIS + 3, 12, 12);
         }
-        const bins = clamp(Math.floor((width - gutter) / 6), 10, 240);
-        const { rows, top } = driftOf(scene, bins);
-        rows.forEach((values, stage) => {
+        const step = (width - gutter) / PARTS;
+        scene.drift.forEach((parts, stage) => {
             const y = AXIS + 18 + stage * band;
             label(pen, `${stage} ${scene.stages[stage]}`, y + band / 2);
-            values.forEach(([median, high], bin) => {
-                if (median !== undefined) {
-                    const at = gutter + (bin / bins) * (width - gutter);
-                    const level = (value) => y + band - 3 - Math.min(value / top, 1) * (band - 4);
-                    shapes.high(pen, at, level(high) - 1, (width - gutter) / bins, 2);
-                    shapes.median(pen, at, level(median) - 1, (width - gutter) / bins, 2);
+            const level = (value) => y + band - 4 - Math.min(value / scene.top, 1) * (band - 4);
+            parts.forEach(([median, high], part) => {
+                if (!isNaN(median)) {
+                    shapes.high(pen, gutter + part * step, level(high), step, 2);
+                    shapes.median(pen, gutter + part * step, level(median), step, 2);
                 }
             });
         });
@@ -655,8 +671,8 @@
             return close && { kind: 'finding', time: close.time, finding: close, text: close.words };
         }
         if (row.kind === 'flight') {
-            const k = search(0, scene.flight.length, (i) => scene.flight[i][0] > time) - 1;
-            const count = k < 0 ? 0 : scene.flight[k][1];
+            const { times, counts } = scene.flight;
+            const count = counts[search(0, times.length, (i) => times[i] > time) - 1] ?? 0;
             return { kind: 'flight', time, count, text: `${count} frames in flight` };
         }
         if (row.kind === 'output') {
