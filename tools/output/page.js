@@ -58,7 +58,7 @@
     if (!section) {
         return;
     }
-    const { from: clock, scenes } = JSON.parse(document.getElementById('data').textContent);
+    const scenes = JSON.parse(document.getElementById('data').textContent);
     const make = (name, properties = {}, ...children) => {
         const element = Object.assign(document.createElement(name), properties);
         element.append(...children);
@@ -275,7 +275,7 @@
     status.setAttribute('role', 'status');
     const controls = make('div', { className: 'controls' },
         ...(scenes.length > 1 ? [make('label', {}, 'Scene ', picker)] : []),
-        make('label', {}, 'Frame ', finder),
+        make('label', {}, 'Find frame ', finder),
         button('◀', 'ArrowLeft', 'Earlier', () => pan(-0.5)),
         button('▶', 'ArrowRight', 'Later', () => pan(0.5)),
         button('+', '+', 'Zoom in', () => zoom(0.5)),
@@ -299,7 +299,13 @@
     tip.setAttribute('aria-hidden', 'true');  // The status says the same.
     const board = make('div', { className: 'board' }, overview, canvas, tip);
     const legend = make('ul', { className: 'legend' });
-    section.append(controls, board, status, legend);
+    const help = [
+        make('p', {}, 'A frame passes the stages from top to bottom; a bar is the time that it took in ' +
+            'one. A bar longer than its neighbours, or a gap, is where to look. ',
+        make('a', { href: '#words-list', textContent: 'What the words mean' })),
+        make('p', { className: 'use' }, 'Point at anything to read what it is; click on a frame to ' +
+            'follow it; drag to move; Ctrl and the wheel zoom.')];
+    section.append(...help, controls, board, status, legend);
 
     // ---- Drawing ----
 
@@ -307,6 +313,7 @@
     let gutter = 0;  // For the names of rows.
     let breadth = 0;
     let palette = {};
+    let isPaper = false;
     const AXIS = 20;
     const ROW = 34;
     const styles = getComputedStyle(document.documentElement);
@@ -316,20 +323,21 @@
         { name: 'output', kind: 'output', height: ROW },
         { name: 'in flight', kind: 'flight', height: ROW },
         ...scene.stages.map((name, stage) => ({
-            name: stage === 0 ? `0 ${name}, since the one before` : `${stage} ${name}`,
-            kind: 'stage', stage, height: ROW,
+            name: `${stage} ${name}`, kind: 'stage', stage, height: ROW,
         })),
     ];
     let places = [];  // Rows with their tops.
 
     function prepare(element, height) {
         const width = breadth;
-        const ratio = window.devicePixelRatio || 1;
+        const ratio = isPaper ? 4 : window.devicePixelRatio || 1;
         element.style.height = `${height}px`;
         element.width = Math.round(width * ratio);
         element.height = Math.round(height * ratio);
         const pen = element.getContext('2d');
         pen.setTransform(ratio, 0, 0, ratio, 0, 0);
+        pen.rect(0, 0, width, height);
+        pen.clip();  // Paper does not end where the canvas does.
         pen.font = '12px system-ui, sans-serif';
         pen.textBaseline = 'middle';
         return { pen, width };
@@ -346,12 +354,12 @@
             pen.fillRect(x, y + h - 4, w, 4);  // Below those at work meanwhile.
         },
         since: (pen, x, y, w, h) => {
-            pen.strokeStyle = color('work');
+            pen.strokeStyle = pen.fillStyle = color('bars');
             pen.lineWidth = 1;
             if (w > 3) {
                 pen.strokeRect(x + 0.5, y + 0.5, w - 1, h - 7);
             } else {
-                shapes.work(pen, x, y, w, h);
+                pen.fillRect(x, y, w, h - 6);
             }
         },
         stands: (pen, x, y, w, h) => {
@@ -641,16 +649,18 @@
 
     // ---- What is where ----
 
-    // The clock of the log, where its form shows one.
+    // What the log's clock showed: a date, which may lack its year, with a time; or seconds. Scene
+    // time goes on where the clock was set.
     function logged(time) {
-        const [, before, h, m, s] = /^(.*?)(\d+):(\d+):(\d+(?:\.\d+)?)$/.exec(clock) ?? [];
-        if (s === undefined) {
-            return '';
+        const passed = scene.steps.reduce((sum, [at, step]) => sum + (at <= time ? step : 0),
+            scene.begin + time);
+        const [, year, day] = /^(\d{4}-)?(\d\d-\d\d .*)$/.exec(scene.clock) ?? [];
+        if (day === undefined) {
+            return scene.clock && seconds(Number(scene.clock) + passed);
         }
-        const all = Number(h) * 3600 + Number(m) * 60 + Number(s) + scene.begin + time;
-        const two = (value) => String(Math.floor(value)).padStart(2, '0');
-        const rest = (all % 60).toFixed(3).padStart(6, '0');
-        return `${before}${two((all / 3600) % 24)}:${two((all / 60) % 60)}:${rest}`;
+        const made = year ?? (day.startsWith('02-29') ? '2000-' : '2001-');
+        const date = new Date(Date.parse(`${made}${day.replace(' ', 'T')}Z`) + passed * 1000);
+        return date.toISOString().slice(year ? 0 : 5, -1).replace('T', ' ');
     }
     const wordsOf = (i) => {
         const code = scene.codes[i];
@@ -724,7 +734,8 @@
         if (hit.frame !== undefined) {
             add(wordsOf(hit.frame));
         }
-        add(`${seconds(hit.time)} into the scene${logged(hit.time) && `, ${logged(hit.time)}`}`);
+        const clock = logged(hit.time);
+        add(`${seconds(hit.time)} into the scene${clock && `, ${clock} in the log`}`);
         tip.style.left = `${clamp(x + 12, 0, Math.max(breadth - tip.offsetWidth, 0))}px`;
         tip.style.top = `${canvas.offsetTop + y + 16}px`;
     }
@@ -988,17 +999,24 @@
     function drawLegend() {
         palette = {};
         const words = {
-            work: 'at work on a frame', wait: 'the frame waits', since: 'since the frame before (stage 0)',
-            stands: 'never seen to leave', output: 'a frame comes out', late: 'late: since the one before',
-            due: 'expected then', flight: 'frames in flight', error: 'error', warning: 'warning',
-            note: 'note', median: 'median time in a stage', high: '95th percentile',
-            chosen: 'the frame that is followed', shade: 'what is shown below', span: 'measured',
+            work: 'a stage at work on a frame', wait: 'a frame waits for the stage',
+            since: 'stage 0: time since the frame before', stands: 'a frame that never left the stage',
+            output: 'a frame comes out', due: 'when it was due: one period after the one before',
+            late: 'a frame comes out late, and the time since the one before',
+            flight: 'how many frames are in flight', error: 'error', warning: 'warning', note: 'note',
+            chosen: 'the frame that was clicked on', span: 'measured',
+            shade: 'overview: what is shown below', median: 'overview: median time of a stage',
+            high: 'overview: 95th percentile, which 1 frame in 20 exceeds',
         };
         legend.replaceChildren(...Object.entries(words).map(([shape, text]) => {
-            const swatch = make('canvas', { width: 64, height: 32 });
+            const swatch = make('canvas', { width: 128, height: 64 });
             swatch.setAttribute('aria-hidden', 'true');
             const pen = swatch.getContext('2d');
-            pen.scale(2, 2);
+            pen.scale(4, 4);
+            if (shape === 'output' || shape === 'due') {
+                shapes[shape](pen, 4, 2, 4, 12);  // One says little.
+                shapes[shape](pen, 11, 2, 4, 12);
+            }
             shapes[shape](pen, 4, 2, 22, 12);
             return make('li', {}, swatch, ` ${text}`);
         }));
@@ -1018,7 +1036,15 @@
         drawLegend();
         redraw();
     });
-    addEventListener('beforeprint', draw);
+    // What is printed has the paper's colours and width.
+    for (const name of ['beforeprint', 'afterprint']) {
+        addEventListener(name, () => {
+            isPaper = name === 'beforeprint';
+            document.documentElement.classList.toggle('paper', isPaper);
+            drawLegend();
+            draw();
+        });
+    }
     // For programs that look at the page.
     window.timeline = {
         xOf,
