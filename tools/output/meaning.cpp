@@ -21,6 +21,7 @@ std::string_view Take(std::string_view& text, std::string_view end) {
 
 Meaning MeaningOf(Check check) {
     std::string_view guide = FIELD_GUIDE;
+    Take(guide, "\n| finding |");  // Before it, a status may have the same name.
     Take(guide, fmt::format("\n| `{}` | ", NameOf(check)));
     const std::string_view what = Take(guide, " | ");
     return {what, Take(guide, " |\n")};

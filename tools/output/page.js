@@ -250,6 +250,7 @@
     let chosen = -1;  // A frame that is followed.
     let span = null;  // That is measured.
     let isMeasuring = false;
+    let visited = null;  // The finding that was gone to, while it is looked at.
     const findings = [...document.querySelectorAll('li[data-scene][data-time]')].map((item) => ({
         scene: Number(item.dataset.scene) + 1,
         time: Number(item.dataset.time),
@@ -704,19 +705,21 @@
         const { stage } = row;
         const order = scene.order[stage];
         const left = scene.left[stage];
+        const begun = scene.begun[stage];
         const tell = (i, what) => ({ kind: 'stage', stage, frame: i, what, time,
             text: `frame ${scene.numbers[i]}, stage ${stage} (${scene.stages[stage]}): ${what}` });
-        for (let k = search(0, order.length, (i) => left[order[i]] >= time), tries = 0;
-            k < order.length && tries < 100; ++k, ++tries) {
-            const i = order[k];
-            const begun = scene.begun[stage][i];
-            if (begun <= time) {
-                const took = ms(left[i] - begun);
-                return tell(i, stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
-            }
-            if (scene.came[stage][i] <= time) {
-                return tell(i, `waiting for ${ms(begun - scene.came[stage][i])}`);
-            }
+        // Those that wait are drawn below the one at work, of those that came a while later none.
+        const first = search(0, order.length, (k) => left[order[k]] >= time);
+        const there = [...order.subarray(first, first + 100)].filter(
+            (i) => scene.came[stage][i] <= time);
+        const waits = there.find((i) => begun[i] > time);
+        const works = there.find((i) => begun[i] <= time);
+        if (waits !== undefined && (works === undefined || y >= row.y + row.height - 9)) {
+            return tell(waits, `waiting for ${ms(begun[waits] - scene.came[stage][waits])}`);
+        }
+        if (works !== undefined) {
+            const took = ms(left[works] - begun[works]);
+            return tell(works, stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
         }
         const standing = scene.stands[stage].find(
             (i) => scene.came[stage][i] <= time && time <= scene.until[stage][i] + near);
@@ -750,6 +753,7 @@
         const length = clamp(to - from, 1e-4, scene.stop);
         view.from = clamp(from, 0, scene.stop - length);
         view.to = view.from + length;
+        visited = null;
         redraw();
         remember();
     }
@@ -794,14 +798,17 @@
     function jump(direction) {
         const middle = (view.from + view.to) / 2;
         const all = marks().sort((a, b) => a.time - b.time);
-        const next = direction > 0 ? all.find((one) => one.time > middle + 1e-6)
-            : all.findLast((one) => one.time < middle - 1e-6);
+        const after = (time) => search(0, all.length, (k) => all[k].time > time);
+        const last = all.indexOf(visited);  // Several may be at one time, or near the scene's end.
+        const next = all[last >= 0 ? last + direction : direction > 0 ? after(middle + 1e-6)
+            : after(middle - 1e-6) - 1];
         if (!next) {
             say(`There is no ${direction > 0 ? 'later' : 'earlier'} finding in this scene.`);
             return;
         }
         const half = Math.min((view.to - view.from) / 2, 1);
         look(next.time - half, next.time + half);
+        visited = next;
         say(next.words);
         remember(true);
     }
@@ -1049,12 +1056,13 @@
     window.timeline = {
         xOf,
         view: () => ({ ...view, chosen: chosen < 0 ? null : String(scene.numbers[chosen]) }),
-        // What a person sees at a time in a row: "output", or a stage's number.
-        at: (row, time) => {
-            const { y, height } = places.find((place) => (place.stage ?? place.kind) === row);
-            const hit = at(xOf(time), y + height / 2);
-            return hit && { ...hit, finding: undefined, x: xOf(time), y: y + 10,
-                number: hit.frame === undefined ? null : String(scene.numbers[hit.frame]) };
+        // What a person is told of a place: a time in a row, "output" or a stage's number for example,
+        // so many pixels below the row's top. With the place on the canvas.
+        at: (row, time, below) => {
+            const place = places.find((one) => (one.stage ?? one.kind) === row);
+            const hit = at(xOf(time), place.y + below);
+            return { ...hit, finding: undefined, x: xOf(time), y: place.y + below,
+                number: hit?.frame === undefined ? null : String(scene.numbers[hit.frame]) };
         },
     };
 })();
