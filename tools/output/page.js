@@ -497,8 +497,8 @@
                 pen.fillStyle = color(work === 'work' ? 'paper' : 'ink');
                 pen.fillText(String(scene.numbers[i]), (at + to) / 2, y + height / 2 - 2);
             }
-            // Of those that leave within half a pixel one is drawn.
-            const next = timeAt(to + 0.5);
+            // Of those that leave within a pixel one is drawn: the others take less than that.
+            const next = timeAt(to + 1);
             k = search(k + 1, order.length, (other) => left[order[other]] >= next) - 1;
         }
         for (const i of scene.stands[stage]) {
@@ -538,30 +538,21 @@
 
     function drawFlight(pen, y, height) {
         const { times, counts, most } = scene.flight;
-        let x = gutter;
         let k = search(0, times.length, (i) => times[i] > view.from) - 1;
-        let value = k < 0 ? 0 : counts[k];
-        let peak = value;
-        for (++k; k <= times.length; ++k) {
-            const next = k < times.length ? xOf(Math.min(times[k], view.to)) : breadth;
-            if (next - x >= 1) {
-                const h = (Math.max(peak, value) / most) * height;
-                shapes.flight(pen, x, y + height - h, next - x, h);
-                x = next;
-                peak = 0;
+        for (let x = gutter; x < breadth; ++x) {
+            let peak = counts[k] ?? 0;
+            for (const to = timeAt(x + 1); times[k + 1] < to; ++k) {
+                peak = Math.max(peak, counts[k + 1]);
             }
-            if (k === times.length || times[k] > view.to) {
-                break;
-            }
-            value = counts[k];
-            peak = Math.max(peak, value);
+            const h = (peak / most) * height;
+            shapes.flight(pen, x, y + height - h, 1, h);
         }
     }
 
     function draw() {
         palette = {};
         breadth = board.clientWidth;
-        gutter = Math.min(150, breadth * 0.3);
+        gutter = Math.round(Math.min(150, breadth * 0.3));
         const rows = rowsOf();
         const height = rows.reduce((sum, row) => sum + row.height, AXIS);
         const { pen, width } = prepare(canvas, height);
