@@ -64,7 +64,7 @@
         element.append(...children);
         return element;
     };
-    const seconds = (time) => `${time.toFixed(3)} s`;
+    const seconds = (time, digits = 3) => `${time.toFixed(digits)} s`;
     const ms = (time) => `${(time * 1000).toFixed(3).replace(/\.?0+$/, '')} ms`;
     const clamp = (value, low, high) => Math.min(Math.max(value, low), high);
     // The first place in [low, high) from which on it is true.
@@ -301,9 +301,9 @@
     const board = make('div', { className: 'board' }, overview, canvas, tip);
     const legend = make('ul', { className: 'legend' });
     const help = [
-        make('p', {}, 'A frame passes the stages from top to bottom; a bar is the time that it took in ' +
-            'one. A bar longer than its neighbours, or a gap, is where to look. ',
-        make('a', { href: '#words-list', textContent: 'What the words mean' })),
+        make('p', {}, 'A frame passes the stages from top to bottom; a bar is the time that it took ' +
+            'in one. A bar longer than its neighbours, or a gap, is where to look. ',
+            make('a', { href: '#words-list', textContent: 'What the words mean' })),
         make('p', { className: 'use' }, 'Point at anything to read what it is; click on a frame to ' +
             'follow it; drag to move; Ctrl and the wheel zoom.')];
     section.append(...help, controls, board, status, legend);
@@ -320,109 +320,70 @@
     const styles = getComputedStyle(document.documentElement);
     const color = (name) => (palette[name] ??= styles.getPropertyValue(`--${name}`).trim());
     const rowsOf = () => [
-        { name: 'findings', kind: 'findings', height: 24 },
-        { name: 'output', kind: 'output', height: ROW },
-        { name: 'in flight', kind: 'flight', height: ROW },
+        { name: 'findings', kind: 'findings', height: 24, draw: (pen, y) => drawMarks(pen, xOf, y + 1) },
+        { name: 'output', kind: 'output', height: ROW, draw: drawOutput },
+        { name: 'in flight', kind: 'flight', height: ROW, draw: drawFlight },
         ...scene.stages.map((name, stage) => ({
             name: `${stage} ${name}`, kind: 'stage', stage, height: ROW,
+            draw: (pen, y, height) => drawStage(pen, stage, y, height),
         })),
     ];
     let places = [];  // Rows with their tops.
 
     function prepare(element, height) {
-        const width = breadth;
         const ratio = isPaper ? 4 : window.devicePixelRatio || 1;
         element.style.height = `${height}px`;
-        element.width = Math.round(width * ratio);
+        element.width = Math.round(breadth * ratio);
         element.height = Math.round(height * ratio);
         const pen = element.getContext('2d');
         pen.setTransform(ratio, 0, 0, ratio, 0, 0);
-        pen.rect(0, 0, width, height);
+        pen.rect(0, 0, breadth, height);
         pen.clip();  // Paper does not end where the canvas does.
         pen.font = '12px system-ui, sans-serif';
         pen.textBaseline = 'middle';
-        return { pen, width };
+        return pen;
     }
 
+    const fill = (pen, name, ...boxes) => {
+        pen.fillStyle = color(name);
+        boxes.forEach((box) => pen.fillRect(...box));
+    };
+    const outline = (pen, name, thick, ...box) => {
+        pen.strokeStyle = color(name);
+        pen.lineWidth = thick;
+        pen.strokeRect(...box);
+    };
     // A shape of the drawing, from one place to another: also drawn in the legend.
     const shapes = {
-        work: (pen, x, y, w, h) => {
-            pen.fillStyle = color('work');
-            pen.fillRect(x, y, w, h - 6);
-        },
-        wait: (pen, x, y, w, h) => {
-            pen.fillStyle = color('work');
-            pen.fillRect(x, y + h - 4, w, 4);  // Below those at work meanwhile.
-        },
-        since: (pen, x, y, w, h) => {
-            pen.strokeStyle = pen.fillStyle = color('bars');
-            pen.lineWidth = 1;
-            if (w > 3) {
-                pen.strokeRect(x + 0.5, y + 0.5, w - 1, h - 7);
-            } else {
-                pen.fillRect(x, y, w, h - 6);
-            }
-        },
+        work: (pen, x, y, w, h) => fill(pen, 'work', [x, y, w, h - 6]),
+        // Below those at work meanwhile.
+        wait: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h - 4, w, 4]),
+        since: (pen, x, y, w, h) => w > 3 ? outline(pen, 'bars', 1, x + 0.5, y + 0.5, w - 1, h - 7)
+            : fill(pen, 'bars', [x, y, w, h - 6]),
         stands: (pen, x, y, w, h) => {
-            pen.fillStyle = color('bad');
             for (let dash = x; dash < x + w; dash += 6) {
-                pen.fillRect(dash, y + h / 2 - 2, Math.min(4, x + w - dash), 4);
+                fill(pen, 'bad', [dash, y + h / 2 - 2, Math.min(4, x + w - dash), 4]);
             }
             pen.lineWidth = 2;
             pen.strokeStyle = color('bad');
-            pen.beginPath();
-            pen.moveTo(x + w - 4, y + h / 2 - 5);
-            pen.lineTo(x + w + 4, y + h / 2 + 5);
-            pen.moveTo(x + w - 4, y + h / 2 + 5);
-            pen.lineTo(x + w + 4, y + h / 2 - 5);
-            pen.stroke();
+            pen.stroke(new Path2D(`M${x + w - 4} ${y + h / 2 - 5}l8 10m-8 0l8 -10`));
         },
-        output: (pen, x, y, w, h) => {
-            pen.fillStyle = color('work');
-            pen.fillRect(x + w - 2, y + h / 2, 2, h / 2);
-        },
-        late: (pen, x, y, w, h) => {
-            pen.fillStyle = color('bad');
-            pen.fillRect(x, y + h / 2, w, 3);
-            pen.fillRect(x + w - 3, y, 3, h);
-        },
-        due: (pen, x, y, w, h) => {
-            pen.fillStyle = color('quiet');
-            pen.fillRect(x + w - 1, y, 1, h / 2 - 2);
-        },
-        flight: (pen, x, y, w, h) => {
-            pen.fillStyle = color('quiet');
-            pen.fillRect(x, y, w, h);
-        },
+        output: (pen, x, y, w, h) => fill(pen, 'work', [x + w - 2, y + h / 2, 2, h / 2]),
+        late: (pen, x, y, w, h) => fill(pen, 'bad', [x, y + h / 2, w, 3], [x + w - 3, y, 3, h]),
+        due: (pen, x, y, w, h) => fill(pen, 'quiet', [x + w - 1, y, 1, h / 2 - 2]),
+        flight: (pen, x, y, w, h) => fill(pen, 'quiet', [x, y, w, h]),
         error: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'bad', 3),
         warning: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'doubtful', 4),
         note: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'quiet', 24),
-        median: (pen, x, y, w, h) => {
-            pen.fillStyle = color('work');
-            pen.fillRect(x, y + h / 2, w, 2);
-        },
-        high: (pen, x, y, w, h) => {
-            pen.fillStyle = color('doubtful');
-            pen.fillRect(x, y + h / 2, w, 1.5);
-        },
-        chosen: (pen, x, y, w, h) => {
-            pen.strokeStyle = color('ink');
-            pen.lineWidth = 2;
-            pen.strokeRect(x - 1, y - 1, Math.max(w, 2) + 2, h + 2);
-        },
+        median: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h / 2, w, 2]),
+        high: (pen, x, y, w, h) => fill(pen, 'doubtful', [x, y + h / 2, w, 1.5]),
+        chosen: (pen, x, y, w, h) => outline(pen, 'ink', 2, x - 1, y - 1, Math.max(w, 2) + 2, h + 2),
         shade: (pen, x, y, w, h) => {
-            pen.fillStyle = color('shade');
-            pen.fillRect(x, y, w, h);
-            pen.fillStyle = color('link');
-            pen.fillRect(x - 1, y, 2, h);
-            pen.fillRect(x + w - 1, y, 2, h);
+            fill(pen, 'shade', [x, y, w, h]);
+            fill(pen, 'link', [x - 1, y, 2, h], [x + w - 1, y, 2, h]);
         },
-        span: (pen, x, y, w, h) => {
-            pen.fillStyle = color('ink');
-            pen.fillRect(x, y, 1, h);
-            pen.fillRect(x + w, y, 1, h);
-            pen.fillRect(x, y + h / 2, w, 1);
-        },
+        span: (pen, x, y, w, h) =>
+            fill(pen, 'ink', [x, y, 1, h], [x + w, y, 1, h], [x, y + h / 2, w, 1]),
     };
     // A polygon of so many corners: errors, warnings and notes differ in shape, too.
     function mark(pen, x, y, name, corners) {
@@ -435,18 +396,18 @@
         pen.fill();
     }
 
-    function axis(pen, width, y, from, to, gridTo) {
-        const least = ((to - from) * 90) / (width - gutter);
+    function axis(pen, from, to, height) {
+        const least = ((to - from) * 90) / (breadth - gutter);
         const power = 10 ** Math.floor(Math.log10(least));
         const step = [1, 2, 5, 10].map((times) => times * power).find((one) => one >= least);
+        const digits = Math.max(3, Math.ceil(-Math.log10(step)));
         pen.textAlign = 'center';
         for (let tick = Math.ceil(from / step) * step; tick <= to; tick += step) {
-            const x = gutter + ((tick - from) / (to - from)) * (width - gutter);
-            pen.fillStyle = color('rule');
-            pen.fillRect(x, y + AXIS - 5, 1, gridTo - y - AXIS + 5);
-            if (x < width - 30) {
+            const x = gutter + ((tick - from) / (to - from)) * (breadth - gutter);
+            fill(pen, 'rule', [x, AXIS - 5, 1, height - AXIS + 5]);
+            if (x < breadth - 30) {
                 pen.fillStyle = color('ink');
-                pen.fillText(seconds(Math.max(tick, 0)), Math.max(x, gutter + 28), y + AXIS / 2 - 2);
+                pen.fillText(seconds(Math.max(tick, 0), digits), Math.max(x, gutter + 28), AXIS / 2 - 2);
             }
         }
     }
@@ -466,8 +427,15 @@
         pen.fillText(shown, 0, y);
     }
 
-    function drawStage(pen, row, y, height) {
-        const { stage } = row;
+    function drawMarks(pen, placeOf, y) {
+        for (const { time, severity } of marks()) {
+            if (placeOf(time) >= gutter && placeOf(time) <= breadth) {
+                shapes[severity](pen, placeOf(time) - 6, y, 12, 12);
+            }
+        }
+    }
+
+    function drawStage(pen, stage, y, height) {
         const order = scene.order[stage];
         const left = scene.left[stage];
         const came = scene.came[stage];
@@ -555,42 +523,25 @@
         gutter = Math.round(Math.min(150, breadth * 0.3));
         const rows = rowsOf();
         const height = rows.reduce((sum, row) => sum + row.height, AXIS);
-        const { pen, width } = prepare(canvas, height);
-        axis(pen, width, 0, view.from, view.to, height);
+        const pen = prepare(canvas, height);
+        axis(pen, view.from, view.to, height);
         places = [];
         let y = AXIS;
         for (const row of rows) {
             places.push({ ...row, y });
-            pen.fillStyle = color('rule');
-            pen.fillRect(0, y + row.height - 1, width, 1);
+            fill(pen, 'rule', [0, y + row.height - 1, breadth, 1]);
             label(pen, row.name, y + row.height / 2);
-            const inner = row.height - 10;
-            if (row.kind === 'stage') {
-                drawStage(pen, row, y + 5, inner);
-            } else if (row.kind === 'output') {
-                drawOutput(pen, y + 5, inner);
-            } else if (row.kind === 'flight') {
-                drawFlight(pen, y + 5, inner);
-            } else {
-                for (const finding of marks()) {
-                    if (finding.time >= view.from && finding.time <= view.to) {
-                        shapes[finding.severity](pen, xOf(finding.time) - 6, y + 6, 12, 12);
-                    }
-                }
-            }
+            row.draw(pen, y + 5, row.height - 10);
             y += row.height;
         }
-        if (chosen >= 0) {
-            pen.beginPath();
-            for (const { kind, stage, y: top } of places.filter((row) => row.kind === 'stage')) {
-                const left = scene.left[stage][chosen];
-                const came = scene.came[stage][chosen];
-                const to = isNaN(left) ? scene.until[stage][chosen] : left;
-                const from = isNaN(came) ? left : came;
-                if (!isNaN(to) && xOf(to) >= gutter && xOf(from) <= width) {
-                    const at = Math.max(xOf(from), gutter);
-                    shapes.chosen(pen, at, top + 5, xOf(to) - at, ROW - 10);
-                }
+        for (const { stage, y: top } of chosen < 0 ? [] : places.filter((row) => row.kind === 'stage')) {
+            const left = scene.left[stage][chosen];
+            const came = scene.came[stage][chosen];
+            const to = isNaN(left) ? scene.until[stage][chosen] : left;
+            const from = isNaN(came) ? left : came;
+            if (!isNaN(to) && xOf(to) >= gutter && xOf(from) <= breadth) {
+                const at = Math.max(xOf(from), gutter);
+                shapes.chosen(pen, at, top + 5, xOf(to) - at, ROW - 10);
             }
         }
         if (span) {
@@ -605,16 +556,14 @@
     function drawOverview() {
         const band = 16;
         const height = AXIS + 18 + scene.stages.length * band;
-        const { pen, width } = prepare(overview, height);
-        const scale = (width - gutter) / scene.stop;
+        const pen = prepare(overview, height);
+        const scale = (breadth - gutter) / scene.stop;
         const x = (time) => gutter + time * scale;
-        axis(pen, width, 0, 0, scene.stop, height);
+        axis(pen, 0, scene.stop, height);
         shapes.shade(pen, x(view.from), AXIS, Math.max((view.to - view.from) * scale, 2), height);
         label(pen, 'findings', AXIS + 9);
-        for (const finding of marks()) {
-            shapes[finding.severity](pen, x(finding.time) - 6, AXIS + 3, 12, 12);
-        }
-        const step = (width - gutter) / PARTS;
+        drawMarks(pen, x, AXIS + 3);
+        const step = (breadth - gutter) / PARTS;
         scene.drift.forEach((parts, stage) => {
             const y = AXIS + 18 + stage * band;
             label(pen, `${stage} ${scene.stages[stage]}`, y + band / 2);
