@@ -376,7 +376,7 @@
         warning: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'doubtful', 4),
         note: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'quiet', 24),
         median: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h / 2, w, 2]),
-        high: (pen, x, y, w, h) => fill(pen, 'doubtful', [x, y + h / 2, w, 1.5]),
+        high: (pen, x, y, w, h) => fill(pen, 'doubtful', [x, y + h / 2, w, 2]),
         chosen: (pen, x, y, w, h) => outline(pen, 'ink', 2, x - 1, y - 1, Math.max(w, 2) + 2, h + 2),
         shade: (pen, x, y, w, h) => {
             fill(pen, 'shade', [x, y, w, h]);
@@ -567,7 +567,8 @@
         scene.drift.forEach((parts, stage) => {
             const y = AXIS + 18 + stage * band;
             label(pen, `${stage} ${scene.stages[stage]}`, y + band / 2);
-            const level = (value) => y + band - 4 - Math.min(value / scene.top, 1) * (band - 4);
+            const level = (value) =>
+                y + Math.round((1 - Math.min(value / scene.top, 1)) * (band - 4));
             parts.forEach(([median, high], part) => {
                 if (!isNaN(median)) {
                     shapes.high(pen, gutter + part * step, level(high), step, 2);
