@@ -2,22 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <cstddef>
-
+#include "tools/output/html.h"
 #include "tools/output/page_assets.h"
 
 namespace tools {
-namespace {
-
-// Takes what stands before `end` off the front of `text`, and `end` with it.
-std::string_view Take(std::string_view& text, std::string_view end) {
-    const size_t length = text.find(end);
-    const std::string_view taken = text.substr(0, length);
-    text.remove_prefix(length == std::string_view::npos ? text.size() : length + end.size());
-    return taken;
-}
-
-}  // namespace
 
 Meaning MeaningOf(Check check) {
     std::string_view guide = FIELD_GUIDE;

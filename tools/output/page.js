@@ -995,8 +995,6 @@
     }
     // For programs that look at the page.
     window.timeline = {
-        xOf,
-        view: () => ({ ...view, chosen: chosen < 0 ? null : String(scene.numbers[chosen]) }),
         // What a person is told of a place: a time in a row, "output" or a stage's number for example,
         // so many pixels below the row's top. With the place on the canvas.
         at: (row, time, below) => {
