@@ -3,12 +3,15 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
 namespace tools {
-
 namespace {
+
+constexpr std::string_view MARKUP = "&<>\"";
+constexpr std::array ENTITIES{"&amp;", "&lt;", "&gt;", "&quot;"};
 
 // The character at the front, where it is one of U+202A to U+202E and U+2066 to U+2069; else 0.
 uint32_t DirectionOf(std::string_view text) {
@@ -31,24 +34,12 @@ std::ostream& operator<<(std::ostream& out, const Escaped& escaped) {
             continue;
         }
         const char character = escaped.text[i];
-        switch (character) {
-            case '&':
-                out << "&amp;";
-                break;
-            case '<':
-                out << "&lt;";
-                break;
-            case '>':
-                out << "&gt;";
-                break;
-            case '"':
-                out << "&quot;";
-                break;
-            default:
-                // Control characters but for line ends have no place in HTML.
-                out << (static_cast<unsigned char>(character) < ' ' && character != '\n'
-                            ? ' '
-                            : character);
+        if (const size_t place = MARKUP.find(character); place != std::string_view::npos) {
+            out << ENTITIES[place];
+        } else {
+            // Control characters but for line ends have no place in HTML.
+            out << (static_cast<unsigned char>(character) < ' ' && character != '\n' ? ' '
+                                                                                     : character);
         }
     }
     return out;
@@ -58,28 +49,29 @@ std::ostream& operator<<(std::ostream& out, const Name& name) {
     return out << "<bdi>" << Escaped{name.text} << "</bdi>";
 }
 
+std::string_view Take(std::string_view& text, std::string_view end) {
+    const size_t length = text.find(end);
+    const std::string_view taken = text.substr(0, length);
+    text.remove_prefix(length == std::string_view::npos ? text.size() : length + end.size());
+    return taken;
+}
+
 std::ostream& operator<<(std::ostream& out, const Markdown& markdown) {
     std::string_view rest = markdown.text;
-    const auto take = [&rest](std::string_view end) {
-        const size_t length = rest.find(end);
-        const std::string_view taken = rest.substr(0, length);
-        rest.remove_prefix(length == std::string_view::npos ? rest.size() : length + end.size());
-        return taken;
-    };
     while (!rest.empty()) {
         const size_t mark = std::min(rest.find_first_of("`["), rest.find("**"));
         out << Escaped{rest.substr(0, mark)};
         rest.remove_prefix(std::min(mark, rest.size()));
         if (rest.starts_with('`')) {
-            take("`");
-            out << "<code>" << Escaped{take("`")} << "</code>";
+            Take(rest, "`");
+            out << "<code>" << Escaped{Take(rest, "`")} << "</code>";
         } else if (rest.starts_with('[')) {
-            take("[");
-            out << Escaped{take("](")};
-            take(")");
+            Take(rest, "[");
+            out << Escaped{Take(rest, "](")};
+            Take(rest, ")");
         } else if (!rest.empty()) {
-            take("**");
-            out << "<b>" << Escaped{take("**")} << "</b>";
+            Take(rest, "**");
+            out << "<b>" << Escaped{Take(rest, "**")} << "</b>";
         }
     }
     return out;

@@ -24,6 +24,10 @@ struct Name {
 };
 std::ostream& operator<<(std::ostream& out, const Name& name);
 
+// Takes what stands before `end` off the front of `text`, and `end` with it; all where there is
+// none.
+std::string_view Take(std::string_view& text, std::string_view end);
+
 // A line of Markdown: **bold**, `code`, and [links](to), of which the text is left, as there is
 // nothing for them to lead to.
 struct Markdown {

@@ -101,7 +101,7 @@ class Page {
             }
         };
         add(account.lines, " lines");
-        add(account.libraryLines, " of the library");
+        add(account.libraryLines == account.lines ? 0 : account.libraryLines, " of the library");
         add(account.notUnderstood, " <b>not understood</b>");
         add(account.lost, " known to be <b>lost</b>");
         if (!account.hasTimes) {
@@ -420,7 +420,7 @@ class Page {
     }
 
     void WriteWords() {
-        out << "<details id=words><summary>Words</summary><dl>\n";
+        out << "<details id=words><summary>What the words mean</summary><dl id=words-list>\n";
         for (const Explanation& word : Words()) {
             out << "<dt>" << Markdown{word.term} << "<dd>" << Markdown{word.text} << '\n';
         }

@@ -58,13 +58,13 @@
     if (!section) {
         return;
     }
-    const { from: clock, scenes } = JSON.parse(document.getElementById('data').textContent);
+    const scenes = JSON.parse(document.getElementById('data').textContent);
     const make = (name, properties = {}, ...children) => {
         const element = Object.assign(document.createElement(name), properties);
         element.append(...children);
         return element;
     };
-    const seconds = (time) => `${time.toFixed(3)} s`;
+    const seconds = (time, digits = 3) => `${time.toFixed(digits)} s`;
     const ms = (time) => `${(time * 1000).toFixed(3).replace(/\.?0+$/, '')} ms`;
     const clamp = (value, low, high) => Math.min(Math.max(value, low), high);
     // The first place in [low, high) from which on it is true.
@@ -79,6 +79,9 @@
         }
         return low;
     };
+    const range = (count) => Uint32Array.from({ length: count }, (_, i) => i);
+    // Lets the browser answer between parts of what takes long.
+    const pause = () => new Promise((resolve) => setTimeout(resolve));
 
     // ---- Data ----
 
@@ -133,20 +136,29 @@
         return derive({ ...told, numbers, codes, start, left, end, data: null });
     }
 
+    const PARTS = 200;  // Of a scene, for each of which the overview tells how long stages took.
+
     // What follows from the times: when frames came to stages and those began with them, who came
     // out when, how many were in flight.
-    function derive(scene) {
+    async function derive(scene) {
         const { left, start, end, codes } = scene;
         scene.stop = Math.max(scene.stop, scene.period);  // A replay may take no time.
         const count = codes.length;
         const stages = left.length;
-        const sorted = (times) => Uint32Array.from(times.keys()).filter((i) => !isNaN(times[i]))
-            .sort((a, b) => times[a] - times[b]);
+        const isKnown = (time) => !isNaN(time);
+        // Most are in order, and to sort an hour's takes long.
+        const sorted = (times) => {
+            const all = range(count).filter((i) => isKnown(times[i]));
+            return all.every((i, k) => k === 0 || times[all[k - 1]] <= times[i]) ? all
+                : all.sort((a, b) => times[a] - times[b]);
+        };
+        const unknown = () => left.map(() => new Float64Array(count).fill(NaN));
         scene.order = left.map(sorted);
-        scene.came = left.map(() => new Float64Array(count).fill(NaN));
-        scene.begun = left.map(() => new Float64Array(count).fill(NaN));
-        scene.until = left.map(() => new Float64Array(count).fill(NaN));
+        scene.came = unknown();
+        scene.begun = unknown();
+        scene.until = unknown();
         scene.stands = left.map(() => []);  // Frames that are not known to have left.
+        await pause();
         for (let i = 0; i < count; ++i) {
             let last = start[i];
             let through = -1;
@@ -162,7 +174,9 @@
                 scene.stands[next].push(i);
             }
         }
+        scene.drift = [];
         for (let stage = 0; stage < stages; ++stage) {
+            await pause();
             let free = NaN;
             for (const i of scene.order[stage]) {
                 const came = scene.came[stage][i];
@@ -185,49 +199,48 @@
                 scene.until[stage][i] = passed < order.length ? left[stage][order[passed]]
                     : isNaN(end[i]) ? scene.stop : Math.max(end[i], came);
             }
+            scene.drift.push(driftOf(scene, stage));
         }
+        const high = Float64Array.from(scene.drift.flat(), ([, high]) => high).filter(isKnown).sort();
+        scene.top = high[Math.floor(high.length * 0.98)] || 1;
+        await pause();
         scene.lastStage = scene.order.findLastIndex((order) => order.length > 0);
         scene.out = scene.lastStage < 0 ? end : left[scene.lastStage];
         scene.outputs = scene.lastStage < 0 ? sorted(end) : scene.order[scene.lastStage];
-        const events = [];
-        for (let i = 0; i < count; ++i) {
-            if (!isNaN(start[i])) {
-                const over = Math.max(isNaN(scene.out[i]) ? -1 : scene.out[i],
-                    isNaN(end[i]) ? -1 : end[i]);
-                events.push([start[i], 1], [over < 0 ? scene.stop : Math.max(over, start[i]), -1]);
-            }
+        scene.late = range(scene.outputs.length).filter((k) => k > 0 && codes[scene.outputs[k]] & 16);
+        const starts = start.filter(isKnown).sort();
+        const overs = start.map((from, i) => {
+            const over = Math.max(...[scene.out[i], end[i]].filter(isKnown));
+            return isNaN(from) ? NaN : over < 0 ? scene.stop : Math.max(over, from);
+        }).filter(isKnown).sort();
+        const times = new Float64Array(starts.length * 2);
+        const counts = new Int32Array(times.length);
+        for (let k = 0, begun = 0, over = 0; k < times.length; ++k) {
+            const isOver = begun === starts.length || overs[over] <= starts[begun];
+            times[k] = isOver ? overs[over++] : starts[begun++];
+            counts[k] = begun - over;
         }
-        events.sort((a, b) => a[0] - b[0] || a[1] - b[1]);
-        let flying = 0;
-        scene.flight = events.map(([time, change]) => [time, flying += change]);
-        scene.most = scene.flight.reduce((most, [, value]) => Math.max(most, value), 1);
-        scene.drift = null;
+        scene.flight = { times, counts, most: counts.reduce((a, b) => Math.max(a, b), 1) };
         return scene;
     }
 
-    // The median and the 95th percentile of how long frames are in each stage, over time.
-    function driftOf(scene, bins) {
-        if (scene.drift?.bins !== bins) {
-            const rows = scene.left.map((left, stage) => {
-                const values = Array.from({ length: bins }, () => []);
-                for (const i of scene.order[stage]) {
-                    const stay = left[i] - scene.came[stage][i];
-                    if (!isNaN(stay)) {
-                        const bin = Math.floor(left[i] / scene.stop * bins);
-                        values[clamp(bin, 0, bins - 1)].push(stay);
-                    }
-                }
-                const at = (all, share) => all[Math.max(Math.ceil(share * all.length) - 1, 0)];
-                return values.map((all) => {
-                    all.sort((a, b) => a - b);
-                    return [at(all, 0.5), at(all, 0.95)];
-                });
-            });
-            const all = rows.flat().map(([, high]) => high).filter((high) => high !== undefined)
-                .sort((a, b) => a - b);
-            scene.drift = { bins, rows, top: all[Math.floor(all.length * 0.98)] || 1 };
-        }
-        return scene.drift;
+    // The median and the 95th percentile of how long frames were in a stage, in each part of the
+    // scene; NaN where none left it.
+    function driftOf(scene, stage) {
+        const order = scene.order[stage];
+        const left = scene.left[stage];
+        const came = scene.came[stage];
+        let first = 0;
+        return Array.from({ length: PARTS }, (_, part) => {
+            const to = (scene.stop * (part + 1)) / PARTS;
+            const next = part + 1 === PARTS ? order.length
+                : search(first, order.length, (k) => left[order[k]] >= to);
+            const stays = Float64Array.from(order.subarray(first, next), (i) => left[i] - came[i])
+                .filter((stay) => !isNaN(stay)).sort();
+            first = next;
+            return [0.5, 0.95].map((share) =>
+                stays[Math.max(Math.ceil(share * stays.length) - 1, 0)] ?? NaN);
+        });
     }
 
     // ---- What is looked at ----
@@ -237,6 +250,7 @@
     let chosen = -1;  // A frame that is followed.
     let span = null;  // That is measured.
     let isMeasuring = false;
+    let visited = null;  // The finding that was gone to, while it is looked at.
     const findings = [...document.querySelectorAll('li[data-scene][data-time]')].map((item) => ({
         scene: Number(item.dataset.scene) + 1,
         time: Number(item.dataset.time),
@@ -262,7 +276,7 @@
     status.setAttribute('role', 'status');
     const controls = make('div', { className: 'controls' },
         ...(scenes.length > 1 ? [make('label', {}, 'Scene ', picker)] : []),
-        make('label', {}, 'Frame ', finder),
+        make('label', {}, 'Find frame ', finder),
         button('◀', 'ArrowLeft', 'Earlier', () => pan(-0.5)),
         button('▶', 'ArrowRight', 'Later', () => pan(0.5)),
         button('+', '+', 'Zoom in', () => zoom(0.5)),
@@ -286,7 +300,13 @@
     tip.setAttribute('aria-hidden', 'true');  // The status says the same.
     const board = make('div', { className: 'board' }, overview, canvas, tip);
     const legend = make('ul', { className: 'legend' });
-    section.append(controls, board, status, legend);
+    const help = [
+        make('p', {}, 'A frame passes the stages from top to bottom; a bar is the time that it took ' +
+            'in one. A bar longer than its neighbours, or a gap, is where to look. ',
+            make('a', { href: '#words-list', textContent: 'What the words mean' })),
+        make('p', { className: 'use' }, 'Point at anything to read what it is; click on a frame to ' +
+            'follow it; drag to move; Ctrl and the wheel zoom.')];
+    section.append(...help, controls, board, status, legend);
 
     // ---- Drawing ----
 
@@ -294,113 +314,76 @@
     let gutter = 0;  // For the names of rows.
     let breadth = 0;
     let palette = {};
+    let isPaper = false;
     const AXIS = 20;
     const ROW = 34;
     const styles = getComputedStyle(document.documentElement);
     const color = (name) => (palette[name] ??= styles.getPropertyValue(`--${name}`).trim());
     const rowsOf = () => [
-        { name: 'findings', kind: 'findings', height: 24 },
-        { name: 'output', kind: 'output', height: ROW },
-        { name: 'in flight', kind: 'flight', height: ROW },
+        { name: 'findings', kind: 'findings', height: 24, draw: (pen, y) => drawMarks(pen, xOf, y + 1) },
+        { name: 'output', kind: 'output', height: ROW, draw: drawOutput },
+        { name: 'in flight', kind: 'flight', height: ROW, draw: drawFlight },
         ...scene.stages.map((name, stage) => ({
-            name: stage === 0 ? `0 ${name}, since the one before` : `${stage} ${name}`,
-            kind: 'stage', stage, height: ROW,
+            name: `${stage} ${name}`, kind: 'stage', stage, height: ROW,
+            draw: (pen, y, height) => drawStage(pen, stage, y, height),
         })),
     ];
     let places = [];  // Rows with their tops.
 
     function prepare(element, height) {
-        const width = breadth;
-        const ratio = window.devicePixelRatio || 1;
+        const ratio = isPaper ? 4 : window.devicePixelRatio || 1;
         element.style.height = `${height}px`;
-        element.width = Math.round(width * ratio);
+        element.width = Math.round(breadth * ratio);
         element.height = Math.round(height * ratio);
         const pen = element.getContext('2d');
         pen.setTransform(ratio, 0, 0, ratio, 0, 0);
+        pen.rect(0, 0, breadth, height);
+        pen.clip();  // Paper does not end where the canvas does.
         pen.font = '12px system-ui, sans-serif';
         pen.textBaseline = 'middle';
-        return { pen, width };
+        return pen;
     }
 
+    const fill = (pen, name, ...boxes) => {
+        pen.fillStyle = color(name);
+        boxes.forEach((box) => pen.fillRect(...box));
+    };
+    const outline = (pen, name, thick, ...box) => {
+        pen.strokeStyle = color(name);
+        pen.lineWidth = thick;
+        pen.strokeRect(...box);
+    };
     // A shape of the drawing, from one place to another: also drawn in the legend.
     const shapes = {
-        work: (pen, x, y, w, h) => {
-            pen.fillStyle = color('work');
-            pen.fillRect(x, y, w, h - 6);
-        },
-        wait: (pen, x, y, w, h) => {
-            pen.fillStyle = color('work');
-            pen.fillRect(x, y + h - 4, w, 4);  // Below those at work meanwhile.
-        },
-        since: (pen, x, y, w, h) => {
-            pen.strokeStyle = color('work');
-            pen.lineWidth = 1;
-            if (w > 3) {
-                pen.strokeRect(x + 0.5, y + 0.5, w - 1, h - 7);
-            } else {
-                shapes.work(pen, x, y, w, h);
-            }
-        },
+        work: (pen, x, y, w, h) => fill(pen, 'work', [x, y, w, h - 6]),
+        // Below those at work meanwhile.
+        wait: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h - 4, w, 4]),
+        since: (pen, x, y, w, h) => w > 3 ? outline(pen, 'bars', 1, x + 0.5, y + 0.5, w - 1, h - 7)
+            : fill(pen, 'bars', [x, y, w, h - 6]),
         stands: (pen, x, y, w, h) => {
-            pen.fillStyle = color('bad');
             for (let dash = x; dash < x + w; dash += 6) {
-                pen.fillRect(dash, y + h / 2 - 2, Math.min(4, x + w - dash), 4);
+                fill(pen, 'bad', [dash, y + h / 2 - 2, Math.min(4, x + w - dash), 4]);
             }
             pen.lineWidth = 2;
             pen.strokeStyle = color('bad');
-            pen.beginPath();
-            pen.moveTo(x + w - 4, y + h / 2 - 5);
-            pen.lineTo(x + w + 4, y + h / 2 + 5);
-            pen.moveTo(x + w - 4, y + h / 2 + 5);
-            pen.lineTo(x + w + 4, y + h / 2 - 5);
-            pen.stroke();
+            pen.stroke(new Path2D(`M${x + w - 4} ${y + h / 2 - 5}l8 10m-8 0l8 -10`));
         },
-        output: (pen, x, y, w, h) => {
-            pen.fillStyle = color('work');
-            pen.fillRect(x + w - 2, y + h / 2, 2, h / 2);
-        },
-        late: (pen, x, y, w, h) => {
-            pen.fillStyle = color('bad');
-            pen.fillRect(x, y + h / 2, w, 3);
-            pen.fillRect(x + w - 3, y, 3, h);
-        },
-        due: (pen, x, y, w, h) => {
-            pen.fillStyle = color('quiet');
-            pen.fillRect(x + w - 1, y, 1, h / 2 - 2);
-        },
-        flight: (pen, x, y, w, h) => {
-            pen.fillStyle = color('quiet');
-            pen.fillRect(x, y, w, h);
-        },
+        output: (pen, x, y, w, h) => fill(pen, 'work', [x + w - 2, y + h / 2, 2, h / 2]),
+        late: (pen, x, y, w, h) => fill(pen, 'bad', [x, y + h / 2, w, 3], [x + w - 3, y, 3, h]),
+        due: (pen, x, y, w, h) => fill(pen, 'quiet', [x + w - 1, y, 1, h / 2 - 2]),
+        flight: (pen, x, y, w, h) => fill(pen, 'quiet', [x, y, w, h]),
         error: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'bad', 3),
         warning: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'doubtful', 4),
         note: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'quiet', 24),
-        median: (pen, x, y, w, h) => {
-            pen.fillStyle = color('work');
-            pen.fillRect(x, y + h / 2, w, 2);
-        },
-        high: (pen, x, y, w, h) => {
-            pen.fillStyle = color('doubtful');
-            pen.fillRect(x, y + h / 2, w, 1.5);
-        },
-        chosen: (pen, x, y, w, h) => {
-            pen.strokeStyle = color('ink');
-            pen.lineWidth = 2;
-            pen.strokeRect(x - 1, y - 1, Math.max(w, 2) + 2, h + 2);
-        },
+        median: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h / 2, w, 2]),
+        high: (pen, x, y, w, h) => fill(pen, 'doubtful', [x, y + h / 2, w, 2]),
+        chosen: (pen, x, y, w, h) => outline(pen, 'ink', 2, x - 1, y - 1, Math.max(w, 2) + 2, h + 2),
         shade: (pen, x, y, w, h) => {
-            pen.fillStyle = color('shade');
-            pen.fillRect(x, y, w, h);
-            pen.fillStyle = color('link');
-            pen.fillRect(x - 1, y, 2, h);
-            pen.fillRect(x + w - 1, y, 2, h);
+            fill(pen, 'shade', [x, y, w, h]);
+            fill(pen, 'link', [x - 1, y, 2, h], [x + w - 1, y, 2, h]);
         },
-        span: (pen, x, y, w, h) => {
-            pen.fillStyle = color('ink');
-            pen.fillRect(x, y, 1, h);
-            pen.fillRect(x + w, y, 1, h);
-            pen.fillRect(x, y + h / 2, w, 1);
-        },
+        span: (pen, x, y, w, h) =>
+            fill(pen, 'ink', [x, y, 1, h], [x + w, y, 1, h], [x, y + h / 2, w, 1]),
     };
     // A polygon of so many corners: errors, warnings and notes differ in shape, too.
     function mark(pen, x, y, name, corners) {
@@ -413,18 +396,18 @@
         pen.fill();
     }
 
-    function axis(pen, width, y, from, to, gridTo) {
-        const least = ((to - from) * 90) / (width - gutter);
+    function axis(pen, from, to, height) {
+        const least = ((to - from) * 90) / (breadth - gutter);
         const power = 10 ** Math.floor(Math.log10(least));
         const step = [1, 2, 5, 10].map((times) => times * power).find((one) => one >= least);
+        const digits = Math.max(3, Math.ceil(-Math.log10(step)));
         pen.textAlign = 'center';
         for (let tick = Math.ceil(from / step) * step; tick <= to; tick += step) {
-            const x = gutter + ((tick - from) / (to - from)) * (width - gutter);
-            pen.fillStyle = color('rule');
-            pen.fillRect(x, y + AXIS - 5, 1, gridTo - y - AXIS + 5);
-            if (x < width - 30) {
+            const x = gutter + ((tick - from) / (to - from)) * (breadth - gutter);
+            fill(pen, 'rule', [x, AXIS - 5, 1, height - AXIS + 5]);
+            if (x < breadth - 30) {
                 pen.fillStyle = color('ink');
-                pen.fillText(seconds(Math.max(tick, 0)), Math.max(x, gutter + 28), y + AXIS / 2 - 2);
+                pen.fillText(seconds(Math.max(tick, 0), digits), Math.max(x, gutter + 28), AXIS / 2 - 2);
             }
         }
     }
@@ -444,14 +427,20 @@
         pen.fillText(shown, 0, y);
     }
 
-    function drawStage(pen, row, y, height) {
-        const { stage } = row;
+    function drawMarks(pen, placeOf, y) {
+        for (const { time, severity } of marks()) {
+            if (placeOf(time) >= gutter && placeOf(time) <= breadth) {
+                shapes[severity](pen, placeOf(time) - 6, y, 12, 12);
+            }
+        }
+    }
+
+    function drawStage(pen, stage, y, height) {
         const order = scene.order[stage];
         const left = scene.left[stage];
         const came = scene.came[stage];
         const begun = scene.begun[stage];
         const work = stage === 0 ? 'since' : 'work';
-        let last = -1;
         for (let k = search(0, order.length, (i) => left[order[i]] >= view.from);
             k < order.length; ++k) {
             const i = order[k];
@@ -461,10 +450,9 @@
                 break;
             }
             const to = xOf(left[i]);
-            if (x > breadth || to < last + 0.5) {
+            if (x > breadth) {
                 continue;
             }
-            last = to;
             const middle = isNaN(begun[i]) ? to : xOf(begun[i]);
             const from = Math.max(x, gutter);
             if (middle - from > 0.5) {
@@ -477,6 +465,9 @@
                 pen.fillStyle = color(work === 'work' ? 'paper' : 'ink');
                 pen.fillText(String(scene.numbers[i]), (at + to) / 2, y + height / 2 - 2);
             }
+            // Of those that leave within a pixel one is drawn: the others take less than that.
+            const next = timeAt(to + 1);
+            k = search(k + 1, order.length, (other) => left[order[other]] >= next) - 1;
         }
         for (const i of scene.stands[stage]) {
             const from = xOf(came[i]);
@@ -489,90 +480,68 @@
     }
 
     function drawOutput(pen, y, height) {
-        const { outputs, out, codes, period } = scene;
-        let last = -1;
-        const first = search(0, outputs.length, (i) => out[outputs[i]] >= view.from);
-        for (let k = first; k < outputs.length && out[outputs[k]] <= view.to; ++k) {
-            const i = outputs[k];
-            const x = xOf(out[i]);
-            if (codes[i] & 16) {
-                const from = Math.max(k > 0 ? xOf(out[outputs[k - 1]]) : x, gutter);
-                shapes.late(pen, from, y, x - from, height);
-            } else if (x >= last + 1) {
+        const { outputs, out, late, period } = scene;
+        const timeOf = (k) => out[outputs[k]];
+        const showsDue = xOf(period) - xOf(0) > 4;
+        for (let k = search(0, outputs.length, (i) => timeOf(i) >= view.from);
+            k < outputs.length && timeOf(k) <= view.to; ++k) {
+            const x = xOf(timeOf(k));
+            if (!(scene.codes[outputs[k]] & 16)) {
                 shapes.output(pen, x - 2, y, 2, height);
-                last = x;
             }
-            const due = k > 0 ? xOf(out[outputs[k - 1]] + period) : -1;
-            if (due > gutter && due < breadth && xOf(period) - xOf(0) > 4) {
+            const due = k > 0 ? xOf(timeOf(k - 1) + period) : -1;
+            if (showsDue && due > gutter && due < breadth) {
                 shapes.due(pen, due - 1, y, 1, height);
             }
+            const next = timeAt(x + 1);
+            k = search(k + 1, outputs.length, (i) => timeOf(i) >= next) - 1;
+        }
+        for (let l = search(0, late.length, (i) => timeOf(late[i]) >= view.from);
+            l < late.length && timeOf(late[l] - 1) <= view.to; ++l) {
+            const x = xOf(timeOf(late[l]));
+            const from = Math.max(xOf(timeOf(late[l] - 1)), gutter);
+            shapes.late(pen, from, y, Math.min(x, breadth + 3) - from, height);
         }
     }
 
     function drawFlight(pen, y, height) {
-        const { flight, most } = scene;
-        let x = gutter;
-        let k = search(0, flight.length, (i) => flight[i][0] > view.from) - 1;
-        let value = k < 0 ? 0 : flight[k][1];
-        let peak = value;
-        for (++k; k <= flight.length; ++k) {
-            const next = k < flight.length ? xOf(Math.min(flight[k][0], view.to)) : breadth;
-            if (next - x >= 1) {
-                const h = (Math.max(peak, value) / most) * height;
-                shapes.flight(pen, x, y + height - h, next - x, h);
-                x = next;
-                peak = 0;
+        const { times, counts, most } = scene.flight;
+        let k = search(0, times.length, (i) => times[i] > view.from) - 1;
+        for (let x = gutter; x < breadth; ++x) {
+            let peak = counts[k] ?? 0;
+            for (const to = timeAt(x + 1); times[k + 1] < to; ++k) {
+                peak = Math.max(peak, counts[k + 1]);
             }
-            if (k === flight.length || flight[k][0] > view.to) {
-                break;
-            }
-            value = flight[k][1];
-            peak = Math.max(peak, value);
+            const h = (peak / most) * height;
+            shapes.flight(pen, x, y + height - h, 1, h);
         }
     }
 
     function draw() {
         palette = {};
         breadth = board.clientWidth;
-        gutter = Math.min(150, breadth * 0.3);
+        gutter = Math.round(Math.min(150, breadth * 0.3));
         const rows = rowsOf();
         const height = rows.reduce((sum, row) => sum + row.height, AXIS);
-        const { pen, width } = prepare(canvas, height);
-        axis(pen, width, 0, view.from, view.to, height);
+        const pen = prepare(canvas, height);
+        axis(pen, view.from, view.to, height);
         places = [];
         let y = AXIS;
         for (const row of rows) {
             places.push({ ...row, y });
-            pen.fillStyle = color('rule');
-            pen.fillRect(0, y + row.height - 1, width, 1);
+            fill(pen, 'rule', [0, y + row.height - 1, breadth, 1]);
             label(pen, row.name, y + row.height / 2);
-            const inner = row.height - 10;
-            if (row.kind === 'stage') {
-                drawStage(pen, row, y + 5, inner);
-            } else if (row.kind === 'output') {
-                drawOutput(pen, y + 5, inner);
-            } else if (row.kind === 'flight') {
-                drawFlight(pen, y + 5, inner);
-            } else {
-                for (const finding of marks()) {
-                    if (finding.time >= view.from && finding.time <= view.to) {
-                        shapes[finding.severity](pen, xOf(finding.time) - 6, y + 6, 12, 12);
-                    }
-                }
-            }
+            row.draw(pen, y + 5, row.height - 10);
             y += row.height;
         }
-        if (chosen >= 0) {
-            pen.beginPath();
-            for (const { kind, stage, y: top } of places.filter((row) => row.kind === 'stage')) {
-                const left = scene.left[stage][chosen];
-                const came = scene.came[stage][chosen];
-                const to = isNaN(left) ? scene.until[stage][chosen] : left;
-                const from = isNaN(came) ? left : came;
-                if (!isNaN(to) && xOf(to) >= gutter && xOf(from) <= width) {
-                    const at = Math.max(xOf(from), gutter);
-                    shapes.chosen(pen, at, top + 5, xOf(to) - at, ROW - 10);
-                }
+        for (const { stage, y: top } of chosen < 0 ? [] : places.filter((row) => row.kind === 'stage')) {
+            const left = scene.left[stage][chosen];
+            const came = scene.came[stage][chosen];
+            const to = isNaN(left) ? scene.until[stage][chosen] : left;
+            const from = isNaN(came) ? left : came;
+            if (!isNaN(to) && xOf(to) >= gutter && xOf(from) <= breadth) {
+                const at = Math.max(xOf(from), gutter);
+                shapes.chosen(pen, at, top + 5, xOf(to) - at, ROW - 10);
             }
         }
         if (span) {
@@ -587,26 +556,23 @@
     function drawOverview() {
         const band = 16;
         const height = AXIS + 18 + scene.stages.length * band;
-        const { pen, width } = prepare(overview, height);
-        const scale = (width - gutter) / scene.stop;
+        const pen = prepare(overview, height);
+        const scale = (breadth - gutter) / scene.stop;
         const x = (time) => gutter + time * scale;
-        axis(pen, width, 0, 0, scene.stop, height);
+        axis(pen, 0, scene.stop, height);
         shapes.shade(pen, x(view.from), AXIS, Math.max((view.to - view.from) * scale, 2), height);
         label(pen, 'findings', AXIS + 9);
-        for (const finding of marks()) {
-            shapes[finding.severity](pen, x(finding.time) - 6, AXIS + 3, 12, 12);
-        }
-        const bins = clamp(Math.floor((width - gutter) / 6), 10, 240);
-        const { rows, top } = driftOf(scene, bins);
-        rows.forEach((values, stage) => {
+        drawMarks(pen, x, AXIS + 3);
+        const step = (breadth - gutter) / PARTS;
+        scene.drift.forEach((parts, stage) => {
             const y = AXIS + 18 + stage * band;
             label(pen, `${stage} ${scene.stages[stage]}`, y + band / 2);
-            values.forEach(([median, high], bin) => {
-                if (median !== undefined) {
-                    const at = gutter + (bin / bins) * (width - gutter);
-                    const level = (value) => y + band - 3 - Math.min(value / top, 1) * (band - 4);
-                    shapes.high(pen, at, level(high) - 1, (width - gutter) / bins, 2);
-                    shapes.median(pen, at, level(median) - 1, (width - gutter) / bins, 2);
+            const level = (value) =>
+                y + Math.round((1 - Math.min(value / scene.top, 1)) * (band - 4));
+            parts.forEach(([median, high], part) => {
+                if (!isNaN(median)) {
+                    shapes.high(pen, gutter + part * step, level(high), step, 2);
+                    shapes.median(pen, gutter + part * step, level(median), step, 2);
                 }
             });
         });
@@ -625,16 +591,18 @@
 
     // ---- What is where ----
 
-    // The clock of the log, where its form shows one.
+    // What the log's clock showed: a date, which may lack its year, with a time; or seconds. Scene
+    // time goes on where the clock was set.
     function logged(time) {
-        const [, before, h, m, s] = /^(.*?)(\d+):(\d+):(\d+(?:\.\d+)?)$/.exec(clock) ?? [];
-        if (s === undefined) {
-            return '';
+        const passed = scene.steps.reduce((sum, [at, step]) => sum + (at <= time ? step : 0),
+            scene.begin + time);
+        const [, year, day] = /^(\d{4}-)?(\d\d-\d\d .*)$/.exec(scene.clock) ?? [];
+        if (day === undefined) {
+            return scene.clock && seconds(Number(scene.clock) + passed);
         }
-        const all = Number(h) * 3600 + Number(m) * 60 + Number(s) + scene.begin + time;
-        const two = (value) => String(Math.floor(value)).padStart(2, '0');
-        const rest = (all % 60).toFixed(3).padStart(6, '0');
-        return `${before}${two((all / 3600) % 24)}:${two((all / 60) % 60)}:${rest}`;
+        const made = year ?? (day.startsWith('02-29') ? '2000-' : '2001-');
+        const date = new Date(Date.parse(`${made}${day.replace(' ', 'T')}Z`) + passed * 1000);
+        return date.toISOString().slice(year ? 0 : 5, -1).replace('T', ' ');
     }
     const wordsOf = (i) => {
         const code = scene.codes[i];
@@ -655,8 +623,8 @@
             return close && { kind: 'finding', time: close.time, finding: close, text: close.words };
         }
         if (row.kind === 'flight') {
-            const k = search(0, scene.flight.length, (i) => scene.flight[i][0] > time) - 1;
-            const count = k < 0 ? 0 : scene.flight[k][1];
+            const { times, counts } = scene.flight;
+            const count = counts[search(0, times.length, (i) => times[i] > time) - 1] ?? 0;
             return { kind: 'flight', time, count, text: `${count} frames in flight` };
         }
         if (row.kind === 'output') {
@@ -678,19 +646,21 @@
         const { stage } = row;
         const order = scene.order[stage];
         const left = scene.left[stage];
+        const begun = scene.begun[stage];
         const tell = (i, what) => ({ kind: 'stage', stage, frame: i, what, time,
             text: `frame ${scene.numbers[i]}, stage ${stage} (${scene.stages[stage]}): ${what}` });
-        for (let k = search(0, order.length, (i) => left[order[i]] >= time), tries = 0;
-            k < order.length && tries < 100; ++k, ++tries) {
-            const i = order[k];
-            const begun = scene.begun[stage][i];
-            if (begun <= time) {
-                const took = ms(left[i] - begun);
-                return tell(i, stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
-            }
-            if (scene.came[stage][i] <= time) {
-                return tell(i, `waiting for ${ms(begun - scene.came[stage][i])}`);
-            }
+        // Those that wait are drawn below the one at work, of those that came a while later none.
+        const first = search(0, order.length, (k) => left[order[k]] >= time);
+        const there = [...order.subarray(first, first + 100)].filter(
+            (i) => scene.came[stage][i] <= time);
+        const waits = there.find((i) => begun[i] > time);
+        const works = there.find((i) => begun[i] <= time);
+        if (waits !== undefined && (works === undefined || y >= row.y + row.height - 9)) {
+            return tell(waits, `waiting for ${ms(begun[waits] - scene.came[stage][waits])}`);
+        }
+        if (works !== undefined) {
+            const took = ms(left[works] - begun[works]);
+            return tell(works, stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
         }
         const standing = scene.stands[stage].find(
             (i) => scene.came[stage][i] <= time && time <= scene.until[stage][i] + near);
@@ -708,7 +678,8 @@
         if (hit.frame !== undefined) {
             add(wordsOf(hit.frame));
         }
-        add(`${seconds(hit.time)} into the scene${logged(hit.time) && `, ${logged(hit.time)}`}`);
+        const clock = logged(hit.time);
+        add(`${seconds(hit.time)} into the scene${clock && `, ${clock} in the log`}`);
         tip.style.left = `${clamp(x + 12, 0, Math.max(breadth - tip.offsetWidth, 0))}px`;
         tip.style.top = `${canvas.offsetTop + y + 16}px`;
     }
@@ -723,6 +694,7 @@
         const length = clamp(to - from, 1e-4, scene.stop);
         view.from = clamp(from, 0, scene.stop - length);
         view.to = view.from + length;
+        visited = null;
         redraw();
         remember();
     }
@@ -767,14 +739,17 @@
     function jump(direction) {
         const middle = (view.from + view.to) / 2;
         const all = marks().sort((a, b) => a.time - b.time);
-        const next = direction > 0 ? all.find((one) => one.time > middle + 1e-6)
-            : all.findLast((one) => one.time < middle - 1e-6);
+        const after = (time) => search(0, all.length, (k) => all[k].time > time);
+        const last = all.indexOf(visited);  // Several may be at one time, or near the scene's end.
+        const next = all[last >= 0 ? last + direction : direction > 0 ? after(middle + 1e-6)
+            : after(middle - 1e-6) - 1];
         if (!next) {
             say(`There is no ${direction > 0 ? 'later' : 'earlier'} finding in this scene.`);
             return;
         }
         const half = Math.min((view.to - view.from) / 2, 1);
         look(next.time - half, next.time + half);
+        visited = next;
         say(next.words);
         remember(true);
     }
@@ -972,17 +947,24 @@
     function drawLegend() {
         palette = {};
         const words = {
-            work: 'at work on a frame', wait: 'the frame waits', since: 'since the frame before (stage 0)',
-            stands: 'never seen to leave', output: 'a frame comes out', late: 'late: since the one before',
-            due: 'expected then', flight: 'frames in flight', error: 'error', warning: 'warning',
-            note: 'note', median: 'median time in a stage', high: '95th percentile',
-            chosen: 'the frame that is followed', shade: 'what is shown below', span: 'measured',
+            work: 'a stage at work on a frame', wait: 'a frame waits for the stage',
+            since: 'stage 0: time since the frame before', stands: 'a frame that never left the stage',
+            output: 'a frame comes out', due: 'when it was due: one period after the one before',
+            late: 'a frame comes out late, and the time since the one before',
+            flight: 'how many frames are in flight', error: 'error', warning: 'warning', note: 'note',
+            chosen: 'the frame that was clicked on', span: 'measured',
+            shade: 'overview: what is shown below', median: 'overview: median time of a stage',
+            high: 'overview: 95th percentile, which 1 frame in 20 exceeds',
         };
         legend.replaceChildren(...Object.entries(words).map(([shape, text]) => {
-            const swatch = make('canvas', { width: 64, height: 32 });
+            const swatch = make('canvas', { width: 128, height: 64 });
             swatch.setAttribute('aria-hidden', 'true');
             const pen = swatch.getContext('2d');
-            pen.scale(2, 2);
+            pen.scale(4, 4);
+            if (shape === 'output' || shape === 'due') {
+                shapes[shape](pen, 4, 2, 4, 12);  // One says little.
+                shapes[shape](pen, 11, 2, 4, 12);
+            }
             shapes[shape](pen, 4, 2, 22, 12);
             return make('li', {}, swatch, ` ${text}`);
         }));
@@ -1002,17 +984,24 @@
         drawLegend();
         redraw();
     });
-    addEventListener('beforeprint', draw);
+    // What is printed has the paper's colours and width.
+    for (const name of ['beforeprint', 'afterprint']) {
+        addEventListener(name, () => {
+            isPaper = name === 'beforeprint';
+            document.documentElement.classList.toggle('paper', isPaper);
+            drawLegend();
+            draw();
+        });
+    }
     // For programs that look at the page.
     window.timeline = {
-        xOf,
-        view: () => ({ ...view, chosen: chosen < 0 ? null : String(scene.numbers[chosen]) }),
-        // What a person sees at a time in a row: "output", or a stage's number.
-        at: (row, time) => {
-            const { y, height } = places.find((place) => (place.stage ?? place.kind) === row);
-            const hit = at(xOf(time), y + height / 2);
-            return hit && { ...hit, finding: undefined, x: xOf(time), y: y + 10,
-                number: hit.frame === undefined ? null : String(scene.numbers[hit.frame]) };
+        // What a person is told of a place: a time in a row, "output" or a stage's number for example,
+        // so many pixels below the row's top. With the place on the canvas.
+        at: (row, time, below) => {
+            const place = places.find((one) => (one.stage ?? one.kind) === row);
+            const hit = at(xOf(time), place.y + below);
+            return { ...hit, finding: undefined, x: xOf(time), y: place.y + below,
+                number: hit?.frame === undefined ? null : String(scene.numbers[hit.frame]) };
         },
     };
 })();

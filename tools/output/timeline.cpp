@@ -1,7 +1,9 @@
 #include "tools/output/timeline.h"
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -98,6 +100,23 @@ double Seconds(Micros time) {
     return static_cast<double>(time) / 1e6;
 }
 
+// When the log's clock was set, since the scene's begin, and by how much; each step once, whichever
+// scenes it fell into. Nothing where it was set between scenes, of which the size is not kept.
+std::optional<std::map<double, double>> ClockSteps(const Account& account, const Scene& scene) {
+    for (const SceneFinding& finding : account.findings) {
+        if (finding.check == Check::ClockJump && finding.time <= scene.begin) {
+            return {};
+        }
+    }
+    std::map<double, double> steps;
+    for (const Scene& any : account.scenes) {
+        for (const Scene::Disturbance& step : any.clockSteps) {
+            steps[Seconds(step.time - scene.begin)] = Seconds(step.amount);
+        }
+    }
+    return steps;
+}
+
 }  // namespace
 
 void WriteTimeline(std::ostream& out, const Account& account) {
@@ -110,6 +129,7 @@ void WriteTimeline(std::ostream& out, const Account& account) {
         // One for each column of data, whatever the configuration says.
         std::vector<std::string> names = scene.stageNames;
         names.resize(static_cast<size_t>(scene.stageCount));
+        const auto steps = ClockSteps(account, scene);
         nlohmann::ordered_json words = nlohmann::json::array();
         for (size_t status = 0; status < FRAME_STATUSES; ++status) {
             words.push_back(NameOf(FrameStatus(status)));
@@ -118,9 +138,9 @@ void WriteTimeline(std::ostream& out, const Account& account) {
                           {"title", TitleOf(account, i)},
                           {"begin", Seconds(scene.begin)},
                           {"stop", Seconds(std::max(scene.stop, scene.end) - scene.begin)},
-                          {"hasEnd", scene.hasEnd},
+                          {"clock", steps ? account.from : ""},
+                          {"steps", steps.value_or(std::map<double, double>{})},
                           {"period", 1.0 / (scene.fps > 0 ? scene.fps : 60)},
-                          {"late", Seconds(scene.lateThreshold)},
                           {"unit", Seconds(account.resolution)},
                           {"stages", names},
                           {"words", words},
@@ -131,8 +151,7 @@ void WriteTimeline(std::ostream& out, const Account& account) {
         return;
     }
     // JSON in HTML: no end of the element may stand in it.
-    std::string text = nlohmann::ordered_json{{"from", account.from}, {"scenes", scenes}}.dump(
-        -1, ' ', true, nlohmann::json::error_handler_t::replace);
+    std::string text = scenes.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
     for (size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at)) {
         text.replace(at, 1, "\\u003c");
     }
