@@ -44,7 +44,7 @@ std::optional<std::pair<int64_t, int64_t>> Pictures::Frames() const {
 
 void Pictures::Write(const Account& account, const std::string& title,
                      const Scheduling* scheduling) const {
-    WriteFile(page, [&](std::ostream& file) { WritePage(file, account, title); });
+    WriteFile(page, [&](std::ostream& file) { WritePage(file, account, title, scheduling); });
     WriteFile(trace, [&](std::ostream& file) {
         if (!trace.ends_with(".gz")) {
             WriteTrace(file, account, Frames(), scheduling);

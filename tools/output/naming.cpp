@@ -1,6 +1,7 @@
 #include "tools/output/naming.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 
@@ -148,6 +149,63 @@ std::string TitleOf(const std::vector<SharedConfiguration>& all, const SharedCon
     }
     return fmt::format("Configuration of {} {}", numbers.size() == 1 ? "process" : "processes",
                        Join(numbers));
+}
+
+std::string TitleOf(const Scheduling& scheduling) {
+    const SchedTrace& trace = *scheduling.trace;
+    std::string text = fmt::format("{}: a scheduler trace of {} s, {}", scheduling.name,
+                                   Fixed(static_cast<double>(trace.to - trace.from) / 1e6, 3),
+                                   Counted(scheduling.tie->Counters(), "counter"));
+    if (!scheduling.isAlone) {
+        text += fmt::format(" of which tie it to the log, nine of ten to within {} ms",
+                            Fixed(static_cast<double>(scheduling.tie->Within()) / 1000, 2));
+    }
+    if (trace.lost > 0) {
+        text += fmt::format("; it lacks {} that the tracer lost", Counted(trace.lost, "event"));
+    }
+    if (!trace.damage.empty()) {
+        text += "; it cannot be read to its end: " + trace.damage;
+    }
+    return text;
+}
+
+Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
+    Rows table = {{"name", "thread", "stages", "handed", "ran", "waited for a CPU", "slept",
+                   "blocked", "not known"}};
+    for (const ThreadUse& use : scene.threads) {
+        const SchedThread& thread = scheduling.trace->threads[use.thread];
+        std::vector<std::string> row = {
+            Printable(thread.name), std::to_string(thread.tid),
+            use.stages.empty() ? "-" : fmt::format("{}", fmt::join(use.stages, " ")),
+            scheduling.isAlone ? "?"
+            : use.isHanded     ? "yes"
+                               : "no"};
+        for (const ThreadState state :
+             {ThreadState::Running, ThreadState::Runnable, ThreadState::Sleeping,
+              ThreadState::Blocked, ThreadState::Unknown}) {
+            row.push_back(Milliseconds(use.shares[static_cast<size_t>(state)], MILLISECOND));
+        }
+        table.push_back(row);
+    }
+    return table;
+}
+
+Rows WaitingOf(const Scheduling& scheduling, const SceneScheduling& scene) {
+    Rows table = {{"of threads", "n", "p50", "p99", "p50 outside of scenes", "p99"}};
+    const auto add = [&table](const char* name, const Waiting& waiting) {
+        if (waiting.threads == 0) {
+            return;
+        }
+        std::vector<std::string> row = {name, std::to_string(waiting.threads)};
+        for (const Statistics* figures : {&waiting.inside, &waiting.outside}) {
+            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p50, 1));
+            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p99, 1));
+        }
+        table.push_back(row);
+    };
+    add("handed to the service", scene.handed);
+    add(scheduling.isAlone ? "of the pipeline" : "of the pipeline, not handed", scene.others);
+    return table;
 }
 
 }  // namespace tools

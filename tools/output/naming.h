@@ -9,7 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "tools/account/account.h"
+#include "tools/base/table.h"
+#include "tools/sched/scheduling.h"
 
 namespace tools {
 
@@ -35,6 +36,18 @@ std::string DescriptionOf(const Frame& frame);
 
 // How many frames came out a second, on average; 0 where that is not known.
 double RateOf(const Scene& scene);
+
+// "trace.txt: a scheduler trace of 1.559 s, 1082 counters of which tie it to the log, ...".
+std::string TitleOf(const Scheduling& scheduling);
+
+// What each thread of a scene did, in milliseconds, and for how long all of them waited for a CPU
+// in each period. Their captions tell what the figures are.
+inline constexpr char THREADS_CAPTION[] =
+    "Threads, in milliseconds from the scene's first line to its last";
+inline constexpr char WAITING_CAPTION[] =
+    "Waited for a CPU in each frame period, all threads together, milliseconds";
+Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene);
+Rows WaitingOf(const Scheduling& scheduling, const SceneScheduling& scene);
 
 // Which frames a table shows: those that are not complete, or late, unless told otherwise.
 struct Shown {

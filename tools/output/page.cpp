@@ -51,7 +51,8 @@ std::string RangeLinks(size_t scene, const FrameRange& range) {
 
 class Page {
   public:
-    Page(std::ostream& stream, const Account& told) : out(stream), account(told) {}
+    Page(std::ostream& stream, const Account& told, const Scheduling* ofTrace)
+        : out(stream), account(told), scheduling(ofTrace) {}
 
     void Write(const std::string& title) {
         // Nothing is ever fetched, whatever a capture may hold.
@@ -73,7 +74,7 @@ class Page {
         out << "<noscript><p>The timeline is missing, as scripts are switched off. All else is "
                "here.</p></noscript>\n</header>\n<main>\n";
         WriteFindings();
-        WriteTimeline(out, account);
+        WriteTimeline(out, account, scheduling);
         for (size_t i = 0; i < account.scenes.size(); ++i) {
             WriteScene(i);
         }
@@ -106,6 +107,9 @@ class Page {
         add(account.lost, " known to be <b>lost</b>");
         if (!account.hasTimes) {
             next() << "<b>without times</b>";
+        }
+        if (scheduling != nullptr) {
+            next() << Name{TitleOf(*scheduling)};
         }
         out << "</p>\n";
     }
@@ -196,6 +200,21 @@ class Page {
             << attributes << "><caption>" << caption << "</caption>";
     }
 
+    // The first row has the columns' names.
+    void WriteRows(const std::string& label, const std::string& caption, const Rows& rows) {
+        BeginTable(label, "", caption);
+        const char* cell = "<th scope=col>";
+        for (const auto& row : rows) {
+            out << "<tr>";
+            for (const std::string& text : row) {
+                out << cell << Name{text};
+            }
+            out << "</tr>\n";
+            cell = "<td class=name>";
+        }
+        out << "</table></div>\n";
+    }
+
     void WriteScene(size_t index) {
         const Scene& scene = account.scenes[index];
         std::string title = TitleOf(account, index);
@@ -228,6 +247,13 @@ class Page {
         out << "</p>\n";
         if (account.hasTimes && !scene.frames.empty()) {
             WriteFigures(index);
+        }
+        if (scheduling != nullptr && !scheduling->scenes[index].threads.empty()) {
+            const SceneScheduling& threads = scheduling->scenes[index];
+            WriteRows(fmt::format("Threads of scene {}", index + 1), THREADS_CAPTION,
+                      ThreadsOf(*scheduling, threads));
+            WriteRows(fmt::format("Waiting of scene {}", index + 1), WAITING_CAPTION,
+                      WaitingOf(*scheduling, threads));
         }
         out << "</section>\n";
     }
@@ -398,17 +424,7 @@ class Page {
                     << "</tr>\n";
             }
             out << "</table></div>\n";
-            BeginTable("Stages of configuration" + number, "", "Stages");
-            const char* cell = "<th scope=col>";
-            for (const auto& row : StagesOf(one.configuration)) {
-                out << "<tr>";
-                for (const std::string& text : row) {
-                    out << cell << Name{text};
-                }
-                out << "</tr>\n";
-                cell = "<td class=name>";
-            }
-            out << "</table></div>\n";
+            WriteRows("Stages of configuration" + number, "Stages", StagesOf(one.configuration));
             const char* begin = "<ol class=findings>";
             for (const Finding& finding : one.findings) {
                 out << std::exchange(begin, "") << "<li class=" << NameOf(finding.severity) << '>';
@@ -429,12 +445,14 @@ class Page {
 
     std::ostream& out;
     const Account& account;
+    const Scheduling* scheduling;  // Null where there is no scheduler trace.
 };
 
 }  // namespace
 
-void WritePage(std::ostream& out, const Account& account, const std::string& title) {
-    Page(out, account).Write(title);
+void WritePage(std::ostream& out, const Account& account, const std::string& title,
+               const Scheduling* scheduling) {
+    Page(out, account, scheduling).Write(title);
 }
 
 }  // namespace tools

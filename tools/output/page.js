@@ -85,10 +85,14 @@
 
     // ---- Data ----
 
-    async function unpack(told) {
-        const packed = Uint8Array.from(atob(told.data), (letter) => letter.charCodeAt(0));
+    async function inflate(data) {
+        const packed = Uint8Array.from(atob(data), (letter) => letter.charCodeAt(0));
         const stream = new Blob([packed]).stream().pipeThrough(new DecompressionStream('gzip'));
-        const bytes = new Uint8Array(await new Response(stream).arrayBuffer());
+        return new Uint8Array(await new Response(stream).arrayBuffer());
+    }
+
+    // The numbers of a column, one after the other.
+    function reader(bytes) {
         let at = 0;
         const next = () => {
             let value = 0;
@@ -108,6 +112,25 @@
             value |= BigInt(bytes[at++]) << shift;
             return value & 1n ? -(value >> 1n) - 1n : value >> 1n;
         };
+        return { next, big };
+    }
+
+    // What a thread did when it did not sleep: from when to when, and which state on which CPU.
+    async function unpackThread(told) {
+        const { next } = reader(await inflate(told.data));
+        const begin = new Float64Array(told.count);
+        const end = new Float64Array(told.count);
+        const codes = new Uint32Array(told.count);
+        for (let i = 0, time = 0; i < told.count; ++i) {
+            begin[i] = (time += next()) / 1e6;
+            end[i] = (time += next()) / 1e6;
+            codes[i] = next();
+        }
+        return { ...told, begin, end, codes, data: null };
+    }
+
+    async function unpack(told) {
+        const { next, big } = reader(await inflate(told.data));
         const count = told.frames;
         const numbers = [];
         for (let i = 0, number = 0n; i < count; ++i) {
@@ -133,7 +156,8 @@
         const start = column(true);
         const left = told.stages.map(() => column(false));
         const end = column(false);
-        return derive({ ...told, numbers, codes, start, left, end, data: null });
+        const threads = await Promise.all((told.threads ?? []).map(unpackThread));
+        return derive({ ...told, numbers, codes, start, left, end, threads, data: null });
     }
 
     const PARTS = 200;  // Of a scene, for each of which the overview tells how long stages took.
@@ -323,11 +347,17 @@
         { name: 'findings', kind: 'findings', height: 24, draw: (pen, y) => drawMarks(pen, xOf, y + 1) },
         { name: 'output', kind: 'output', height: ROW, draw: drawOutput },
         { name: 'in flight', kind: 'flight', height: ROW, draw: drawFlight },
-        ...scene.stages.map((name, stage) => ({
-            name: `${stage} ${name}`, kind: 'stage', stage, height: ROW,
-            draw: (pen, y, height) => drawStage(pen, stage, y, height),
-        })),
+        ...scene.stages.flatMap((name, stage) => [
+            { name: `${stage} ${name}`, kind: 'stage', stage, height: ROW,
+                draw: (pen, y, height) => drawStage(pen, stage, y, height) },
+            ...threadRows(stage),
+        ]),
+        ...threadRows(-1),
     ];
+    const THREAD = 20;
+    const threadRows = (stage) => scene.threads.filter((thread) => thread.stage === stage).map(
+        (thread) => ({ name: `${thread.id} ${thread.name}`, kind: 'thread', thread, height: THREAD,
+            draw: (pen, y, height) => drawThread(pen, thread, y, height) }));
     let places = [];  // Rows with their tops.
 
     function prepare(element, height) {
@@ -375,6 +405,11 @@
         error: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'bad', 3),
         warning: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'doubtful', 4),
         note: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'quiet', 24),
+        running: (pen, x, y, w, h) => fill(pen, 'fine', [x, y, w, h]),
+        runnable: (pen, x, y, w, h) => fill(pen, 'bad', [x, y, w, h]),
+        blocked: (pen, x, y, w, h) => fill(pen, 'doubtful', [x, y, w, h]),
+        // From the one that wakes to the one that is woken.
+        wake: (pen, x, y, w, h) => arrow(pen, x + w / 2, y, y + h),
         median: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h / 2, w, 2]),
         high: (pen, x, y, w, h) => fill(pen, 'doubtful', [x, y + h / 2, w, 2]),
         chosen: (pen, x, y, w, h) => outline(pen, 'ink', 2, x - 1, y - 1, Math.max(w, 2) + 2, h + 2),
@@ -385,6 +420,12 @@
         span: (pen, x, y, w, h) =>
             fill(pen, 'ink', [x, y, 1, h], [x + w, y, 1, h], [x, y + h / 2, w, 1]),
     };
+    function arrow(pen, x, from, to) {
+        pen.strokeStyle = color('ink');
+        pen.lineWidth = 1.5;
+        const back = to > from ? -5 : 5;
+        pen.stroke(new Path2D(`M${x} ${from}V${to}m-3 ${back}l3 ${-back}l3 ${back}`));
+    }
     // A polygon of so many corners: errors, warnings and notes differ in shape, too.
     function mark(pen, x, y, name, corners) {
         pen.fillStyle = color(name);
@@ -479,6 +520,37 @@
         }
     }
 
+    const STATES = ['running', 'runnable', null, 'blocked'];
+
+    function drawThread(pen, { begin, end, codes }, y, height) {
+        for (let k = search(0, end.length, (i) => end[i] >= view.from);
+            k < end.length && begin[k] <= view.to; ++k) {
+            const x = Math.max(xOf(begin[k]), gutter);
+            const to = xOf(end[k]);
+            shapes[STATES[codes[k] & 7]](pen, x, y, Math.max(Math.min(to, breadth) - x, 1), height);
+            // Of those within a pixel one is drawn, the longest wait before others.
+            const next = timeAt(Math.max(to, x) + 1);
+            for (; k + 1 < end.length && end[k + 1] < next; ++k) {
+                if ((codes[k + 1] & 7) === 1) {
+                    shapes.runnable(pen, xOf(begin[k + 1]), y, 1, height);
+                }
+            }
+        }
+    }
+
+    function drawWakes(pen) {
+        const middleOf = (id) => {
+            const row = places.find((place) => place.thread?.id === id);
+            return row && row.y + row.height / 2;
+        };
+        for (const { time, from, to } of scene.wakes ?? []) {
+            const [a, b] = [middleOf(from), middleOf(to)];
+            if (a && b && time >= view.from && time <= view.to) {
+                arrow(pen, xOf(time), a, b);
+            }
+        }
+    }
+
     function drawOutput(pen, y, height) {
         const { outputs, out, late, period } = scene;
         const timeOf = (k) => out[outputs[k]];
@@ -531,9 +603,10 @@
             places.push({ ...row, y });
             fill(pen, 'rule', [0, y + row.height - 1, breadth, 1]);
             label(pen, row.name, y + row.height / 2);
-            row.draw(pen, y + 5, row.height - 10);
+            row.draw(pen, y + 5, row.height - (row.kind === 'thread' ? 8 : 10));
             y += row.height;
         }
+        drawWakes(pen);
         for (const { stage, y: top } of chosen < 0 ? [] : places.filter((row) => row.kind === 'stage')) {
             const left = scene.left[stage][chosen];
             const came = scene.came[stage][chosen];
@@ -642,6 +715,18 @@
             const interval = k > 0 ? `, ${ms(out[i] - out[outputs[k - 1]])} after the one before` : '';
             return { kind: 'output', frame: i, time: out[i],
                 text: `frame ${scene.numbers[i]} came out${interval}` };
+        }
+        if (row.kind === 'thread') {
+            const { id, name, begin, end, codes } = row.thread;
+            const k = search(0, end.length, (i) => end[i] >= time);
+            const isThere = k < end.length && begin[k] <= time + near / 5;
+            const state = isThere ? STATES[codes[k] & 7] : 'asleep, or not known';
+            const cpu = isThere ? (codes[k] >> 3) - 1 : -1;
+            const length = isThere ? ` for ${ms(end[k] - begin[k])}` : '';
+            const what = { running: `ran${length} on CPU ${cpu}`,
+                runnable: `waited${length} for a CPU${cpu < 0 ? '' : `, CPU ${cpu}`}`,
+                blocked: `blocked in the kernel${length}` }[state] ?? state;
+            return { kind: 'thread', thread: id, state, time, text: `thread ${id} (${name}): ${what}` };
         }
         const { stage } = row;
         const order = scene.order[stage];
@@ -952,6 +1037,10 @@
             output: 'a frame comes out', due: 'when it was due: one period after the one before',
             late: 'a frame comes out late, and the time since the one before',
             flight: 'how many frames are in flight', error: 'error', warning: 'warning', note: 'note',
+            ...(scene.threads.length === 0 ? {} : {
+                running: 'a thread runs', runnable: 'a thread waits for a CPU',
+                blocked: 'a thread is blocked in the kernel',
+                wake: 'who woke whom, where a frame was late' }),
             chosen: 'the frame that was clicked on', span: 'measured',
             shade: 'overview: what is shown below', median: 'overview: median time of a stage',
             high: 'overview: 95th percentile, which 1 frame in 20 exceeds',
@@ -998,7 +1087,7 @@
         // What a person is told of a place: a time in a row, "output" or a stage's number for example,
         // so many pixels below the row's top. With the place on the canvas.
         at: (row, time, below) => {
-            const place = places.find((one) => (one.stage ?? one.kind) === row);
+            const place = places.find((one) => (one.thread?.id ?? one.stage ?? one.kind) === row);
             const hit = at(xOf(time), place.y + below);
             return { ...hit, finding: undefined, x: xOf(time), y: place.y + below,
                 number: hit?.frame === undefined ? null : String(scene.numbers[hit.frame]) };

@@ -190,70 +190,6 @@ void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
     WriteTable(out, table, Columns::Figures);
 }
 
-void WriteTrace(std::ostream& out, const Scheduling& scheduling) {
-    const SchedTrace& trace = *scheduling.trace;
-    out << fmt::format("{}: a scheduler trace of {} s, {}", scheduling.name,
-                       Fixed(static_cast<double>(trace.to - trace.from) / 1e6, 3),
-                       Counted(scheduling.tie->Counters(), "counter"));
-    if (!scheduling.isAlone) {
-        out << fmt::format(" of which tie it to the log, nine of ten to within {} ms",
-                           Fixed(static_cast<double>(scheduling.tie->Within()) / 1000, 2));
-    }
-    if (trace.lost > 0) {
-        out << "; it lacks " << Counted(trace.lost, "event") << ", that the tracer lost";
-    }
-    if (!trace.damage.empty()) {
-        out << "; it cannot be read to its end: " << trace.damage;
-    }
-    out << ".\n";
-}
-
-std::string StagesText(const ThreadUse& use) {
-    return use.stages.empty() ? "-" : fmt::format("{}", fmt::join(use.stages, " "));
-}
-
-// What threads did in a scene, and how long they waited for a CPU in each period.
-void WriteScheduling(std::ostream& out, const Scheduling& scheduling,
-                     const SceneScheduling& scene) {
-    if (scene.threads.empty()) {
-        return;
-    }
-    out << "\nThreads, in milliseconds from the scene's first line to its last:\n";
-    Rows table = {{"", "thread", "stages", "handed", "ran", "waited for a CPU", "slept", "blocked",
-                   "not known"}};
-    for (const ThreadUse& use : scene.threads) {
-        const SchedThread& thread = scheduling.trace->threads[use.thread];
-        std::vector<std::string> row = {Printable(thread.name), std::to_string(thread.tid),
-                                        StagesText(use),
-                                        scheduling.isAlone ? "?"
-                                        : use.isHanded     ? "yes"
-                                                           : "no"};
-        for (const ThreadState state :
-             {ThreadState::Running, ThreadState::Runnable, ThreadState::Sleeping,
-              ThreadState::Blocked, ThreadState::Unknown}) {
-            row.push_back(Milliseconds(use.shares[static_cast<size_t>(state)], MILLISECOND));
-        }
-        table.push_back(row);
-    }
-    WriteTable(out, table, Columns::Figures);
-    out << "\nWaited for a CPU in each frame period, all threads together, milliseconds:\n";
-    Rows waits = {{"", "threads", "p50", "p99", "p50 outside of scenes", "p99"}};
-    const auto add = [&waits](const char* name, const Waiting& waiting) {
-        if (waiting.threads == 0) {
-            return;
-        }
-        std::vector<std::string> row = {name, std::to_string(waiting.threads)};
-        for (const Statistics* figures : {&waiting.inside, &waiting.outside}) {
-            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p50, 1));
-            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p99, 1));
-        }
-        waits.push_back(row);
-    };
-    add("handed to the service", scene.handed);
-    add(scheduling.isAlone ? "of the pipeline" : "of the pipeline, not handed", scene.others);
-    WriteTable(out, waits, Columns::Figures);
-}
-
 std::string DurationOf(const Scene& scene) {
     if (!scene.isStarted) {
         return ", not started";
@@ -274,7 +210,7 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
     out << VerdictOf(account) << "\n\n";
     WriteCapture(out, account);
     if (scheduling != nullptr) {
-        WriteTrace(out, *scheduling);
+        out << TitleOf(*scheduling) << ".\n";
     }
     WriteConfigurations(out, account);
     if (!account.findings.empty()) {
@@ -293,8 +229,11 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
         }
         if (scene.isStarted) {
             WriteFigures(out, account, scene);
-            if (scheduling != nullptr) {
-                WriteScheduling(out, *scheduling, scheduling->scenes[i]);
+            if (scheduling != nullptr && !scheduling->scenes[i].threads.empty()) {
+                out << '\n' << THREADS_CAPTION << ":\n";
+                WriteTable(out, ThreadsOf(*scheduling, scheduling->scenes[i]), Columns::Figures);
+                out << '\n' << WAITING_CAPTION << ":\n";
+                WriteTable(out, WaitingOf(*scheduling, scheduling->scenes[i]), Columns::Figures);
             }
             WriteFrames(out, account, scene, shown);
         }

@@ -4,6 +4,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -117,9 +118,95 @@ std::optional<std::map<double, double>> ClockSteps(const Account& account, const
     return steps;
 }
 
+using Json = nlohmann::ordered_json;
+
+// What a thread did when it did not sleep, in microseconds: for each time, how long after the one
+// before it began, how long it took, and the state with the CPU above that.
+class ThreadData {
+  public:
+    explicit ThreadData(Micros sceneBegin) : end(sceneBegin) {}
+    void Add(Span span, ThreadState state, int32_t cpu) {
+        ++count;
+        columns.Put(span.begin - end);
+        columns.Put(span.end - span.begin);
+        columns.Put(static_cast<int64_t>(state) + 8 * (cpu + 1));
+        end = span.end;
+    }
+    Json Told(int32_t stage, int32_t tid, const std::string& name) const {
+        return {{"stage", stage},
+                {"id", tid},
+                {"name", name},
+                {"count", count},
+                {"data", Compressed(columns.bytes)}};
+    }
+
+  private:
+    Columns columns;
+    Micros end;
+    int64_t count = 0;
+};
+
+// The threads of a scene: the pipeline's by their stages, then those that kept them.
+Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneScheduling& told) {
+    Json threads = Json::array();
+    std::set<int32_t> known;
+    const Span span = {scheduling.tie->ToTrace(scene.begin), scheduling.tie->ToTrace(scene.end)};
+    for (const ThreadUse& use : told.threads) {
+        if (use.stages.empty()) {
+            continue;
+        }
+        ThreadData data(scene.begin);
+        const auto [first, last] = scheduling.states->Within(use.thread, span);
+        for (auto it = first; it != last; ++it) {
+            if (it->state == ThreadState::Running || it->state == ThreadState::Runnable ||
+                it->state == ThreadState::Blocked) {
+                data.Add({scheduling.tie->ToLog(std::max(it->begin, span.begin)),
+                          scheduling.tie->ToLog(std::min(it->end, span.end))},
+                         it->state, it->cpu);
+            }
+        }
+        const SchedThread& thread = scheduling.trace->threads[use.thread];
+        known.insert(thread.tid);
+        threads.push_back(data.Told(use.stages.front(), thread.tid, thread.name));
+    }
+    std::map<int32_t, std::vector<const CauseLink*>> others;
+    for (const SceneFinding& finding : scene.findings) {
+        for (const CauseLink& link : finding.chain) {
+            if (!known.contains(link.thread)) {
+                others[link.thread].push_back(&link);
+            }
+        }
+    }
+    for (auto& [tid, links] : others) {
+        std::sort(links.begin(), links.end(), [](const CauseLink* one, const CauseLink* other) {
+            return one->begin < other->begin;
+        });
+        ThreadData data(scene.begin);
+        for (const CauseLink* link : links) {
+            data.Add({link->begin, link->begin + link->length}, link->state, link->cpu);
+        }
+        threads.push_back(data.Told(-1, tid, links.front()->name));
+    }
+    return threads;
+}
+
+// Who woke whom, where that made a frame late: when, and the threads.
+Json WakesOf(const Scene& scene) {
+    Json wakes = Json::array();
+    for (const SceneFinding& finding : scene.findings) {
+        for (size_t i = 0; i + 1 < finding.chain.size(); ++i) {
+            const CauseLink& link = finding.chain[i];
+            wakes.push_back({{"time", Seconds(link.begin + link.length - scene.begin)},
+                             {"from", finding.chain[i + 1].thread},
+                             {"to", link.thread}});
+        }
+    }
+    return wakes;
+}
+
 }  // namespace
 
-void WriteTimeline(std::ostream& out, const Account& account) {
+void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* scheduling) {
     nlohmann::ordered_json scenes;
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         const Scene& scene = account.scenes[i];
@@ -146,6 +233,10 @@ void WriteTimeline(std::ostream& out, const Account& account) {
                           {"words", words},
                           {"frames", scene.frames.size()},
                           {"data", Compressed(DataOf(scene, account.resolution))}});
+        if (scheduling != nullptr) {
+            scenes.back()["threads"] = ThreadsOf(scene, *scheduling, scheduling->scenes[i]);
+            scenes.back()["wakes"] = WakesOf(scene);
+        }
     }
     if (scenes.empty()) {
         return;
