@@ -24,6 +24,7 @@ constexpr double SMALL = 0.25;
 constexpr double SMALL_BESIDE_MISSING = 0.5;
 // How far back a delay is followed from where it shows.
 constexpr Micros FARTHEST_BACK = 2 * SECOND;
+constexpr uint64_t MOST_BETWEEN = 1000;  // More is another count.
 
 class DelayFinder {
   public:
@@ -33,12 +34,16 @@ class DelayFinder {
     void Find(Micros threshold) {
         const std::vector<uint32_t>& outputs = schedule.Outputs();
         for (const uint32_t frame : outputs) {
-            scene.frames[frame].output = OutputOf(frame);
+            scene.frames[frame].output = schedule.LastStage() < 0
+                                             ? scene.frames[frame].end
+                                             : scene.PassOf(frame, schedule.LastStage()).left;
         }
         for (size_t i = 1; i < outputs.size(); ++i) {
-            Look(outputs, i, threshold);
+            if (HasLateInterval(outputs[i - 1], outputs[i], threshold)) {
+                Blame(outputs[i - 1], outputs[i]);
+            }
         }
-        for (auto& [stage, blamed] : blamedOf) {
+        for (const auto& [stage, blamed] : blamedOf) {
             RaiseRuns(stage, blamed);
         }
         if (!nobodysFault.empty()) {
@@ -47,183 +52,167 @@ class DelayFinder {
     }
 
   private:
-    struct Blamed {
-        uint32_t frame;  // That the stage was slow with.
-        std::vector<int64_t> late;
+    using Numbers = std::vector<int64_t>;
+
+    // Between two outputs: how many frames never came out, the last of them that has lines, and the
+    // first that came out later.
+    struct Between {
+        int64_t missing = 0;
+        uint32_t lost = NO_INDEX, overtaken = NO_INDEX;
     };
 
-    Micros OutputOf(uint32_t frame) const {
-        return schedule.LastStage() < 0 ? scene.frames[frame].end
-                                        : scene.PassOf(frame, schedule.LastStage()).left;
+    // Works out the interval between two outputs; whether it is late.
+    bool HasLateInterval(uint32_t before, uint32_t frame, Micros threshold) {
+        Frame& row = scene.frames[frame];
+        const Micros from = scene.frames[before].output;
+        if (judging.IsDoubtful(frame) || judging.IsDoubtful(before) ||
+            !judging.IsTimed(from, row.output) || scene.frames[before].epoch != row.epoch) {
+            return false;
+        }
+        row.interval = std::max<Micros>(row.output - from, 0);
+        row.isLate = row.interval > threshold;
+        row.hasFinding = row.hasFinding || row.isLate;
+        scene.lateFrames += row.isLate ? 1 : 0;
+        return row.isLate;
     }
 
-    void Look(const std::vector<uint32_t>& outputs, size_t position, Micros threshold) {
-        const uint32_t frame = outputs[position];
-        const uint32_t before = outputs[position - 1];
-        Frame& row = scene.frames[frame];
-        const Micros from = OutputOf(before);
-        const Micros to = OutputOf(frame);
-        if (judging.IsDoubtful(frame) || judging.IsDoubtful(before) || !judging.IsTimed(from, to) ||
-            scene.frames[before].epoch != row.epoch) {
-            return;
-        }
-        row.interval = std::max<Micros>(to - from, 0);
-        row.isLate = row.interval > threshold;
-        if (!row.isLate) {
-            return;
-        }
-        ++scene.lateFrames;
-        row.hasFinding = true;
+    // Adds a late frame to what it came late of.
+    void Blame(uint32_t before, uint32_t frame) {
+        const Frame& row = scene.frames[frame];
+        const Micros from = scene.frames[before].output;
+        const Between between = BetweenOf(before, frame);
         // The rate is the one at which it came, and not at which it came out.
         const bool hasCome = scene.stageCount > 0 && scene.PassOf(frame, 0).HasLeft();
-        const Micros period = schedule.PeriodAt(hasCome ? scene.PassOf(frame, 0).left : to);
+        const Micros period = schedule.PeriodAt(hasCome ? scene.PassOf(frame, 0).left : row.output);
+        const Micros stood = judging.Stood(from, row.output);
         // Each frame that never came out leaves a period empty, and so does one that comes later.
-        Micros missing = 0;
-        uint32_t overtaken = NO_INDEX;
-        std::optional<uint32_t> lost;
-        const int64_t first = scene.frames[before].number;
-        for (const auto& [number, other] : Between(first, row.number, row.epoch)) {
-            if (other == NO_INDEX || scene.frames[other].isNeverOut) {
-                missing += period;
-                lost = other != NO_INDEX ? std::optional(other) : lost;
-            } else if (OutputOf(other) >= to && overtaken == NO_INDEX) {
-                overtaken = other;
-            }
-        }
-        const Micros stood = judging.Stood(from, to);
-        const Micros delay = row.interval - period - missing - stood;
-        const double small =
-            (missing > 0 ? SMALL_BESIDE_MISSING : SMALL) * static_cast<double>(period);
-        if (const auto standstill = std::find_if(judging.troubles.begin(), judging.troubles.end(),
-                                                 [&](const Trouble& trouble) {
-                                                     return trouble.finding.check ==
-                                                                Check::Standstill &&
-                                                            trouble.finding.time < to &&
-                                                            trouble.finding.time >= from - FOR_GOOD;
-                                                 });
-            stood > 0 && standstill != judging.troubles.end() &&
-            static_cast<double>(delay) < small) {
-            standstill->late.push_back(row.number);
-            return;
-        }
-        if (static_cast<double>(delay) < small) {
-            if (lost && judging.IsExplained(*lost)) {
-                judging.troubles[judging.causes[*lost] - 1].late.push_back(row.number);
+        const Micros delay = row.interval - period * (1 + between.missing) - stood;
+        const double small = between.missing > 0 ? SMALL_BESIDE_MISSING : SMALL;
+        if (static_cast<double>(delay) < small * static_cast<double>(period)) {
+            Trouble* trouble = stood > 0 ? StandstillIn(from - FOR_GOOD, row.output) : nullptr;
+            trouble = trouble != nullptr ? trouble : judging.TroubleOf(between.lost);
+            if (trouble != nullptr) {
+                trouble->late.push_back(row.number);
             }
             return;
         }
         // A frame that others overtake is told of as such.
-        const uint32_t behind = overtaken == NO_INDEX ? frame : overtaken;
-        if (judging.IsExplained(behind) &&
-            judging.troubles[judging.causes[behind] - 1].finding.check == Check::StageOrder) {
-            judging.troubles[judging.causes[behind] - 1].late.push_back(row.number);
-        } else if (schedule.LastStage() < 0 ||
-                   !Follow(behind, row.number, from - FARTHEST_BACK, delay, period)) {
-            BlameNobody(row);
+        const uint32_t behind = between.overtaken == NO_INDEX ? frame : between.overtaken;
+        Trouble* known = judging.TroubleOf(behind);
+        if (known != nullptr && known->finding.check == Check::StageOrder) {
+            known->late.push_back(row.number);
+        } else if (!Follow(behind, row.number, from - FARTHEST_BACK, delay, period)) {
+            nobodysFault.push_back(row.number);
+            longest = std::max(longest, row.interval);
         }
     }
 
-    void BlameNobody(const Frame& row) {
-        nobodysFault.push_back(row.number);
-        longest = std::max(longest, row.interval);
-    }
-
-    // Frames of the numbers between two, those without any line as NO_INDEX.
-    std::vector<std::pair<int64_t, uint32_t>> Between(int64_t first, int64_t last, uint16_t epoch) {
-        if (last <= first || static_cast<uint64_t>(last) - static_cast<uint64_t>(first) > 1000) {
-            return {};
+    Between BetweenOf(uint32_t before, uint32_t frame) const {
+        const Frame& row = scene.frames[frame];
+        const int64_t first = scene.frames[before].number;
+        Between between;
+        if (row.number <= first ||
+            static_cast<uint64_t>(row.number) - static_cast<uint64_t>(first) > MOST_BETWEEN) {
+            return between;
         }
-        if (last - first > 1 && index.empty()) {
-            for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
-                index[{scene.frames[frame].epoch, scene.frames[frame].number}] = frame;
-            }
-            std::sort(judging.droppedUnseen.begin(), judging.droppedUnseen.end());
-        }
-        std::vector<std::pair<int64_t, uint32_t>> between;
-        for (int64_t number = first + 1; number < last; ++number) {
-            const auto found = index.find({epoch, number});
-            if (found != index.end()) {
-                between.emplace_back(number, found->second);
-            } else if (std::binary_search(judging.droppedUnseen.begin(),
-                                          judging.droppedUnseen.end(), number)) {
-                between.emplace_back(number, NO_INDEX);
+        for (int64_t number = first + 1; number < row.number; ++number) {
+            const uint32_t other = judging.FrameOf(row.epoch, number);
+            if (other == NO_INDEX) {
+                between.missing += std::binary_search(judging.droppedUnseen.begin(),
+                                                      judging.droppedUnseen.end(), number)
+                                       ? 1
+                                       : 0;
+            } else if (scene.frames[other].isNeverOut) {
+                ++between.missing;
+                between.lost = other;
+            } else if (scene.frames[other].output >= row.output && between.overtaken == NO_INDEX) {
+                between.overtaken = other;
             }
         }
         return between;
     }
 
+    Trouble* StandstillIn(Micros from, Micros to) const {
+        const auto found = std::find_if(
+            judging.troubles.begin(), judging.troubles.end(), [&](const Trouble& trouble) {
+                return trouble.finding.check == Check::Standstill && trouble.finding.time < to &&
+                       trouble.finding.time >= from;
+            });
+        return found == judging.troubles.end() ? nullptr : &*found;
+    }
+
     // From the output of a late frame back along whatever came later, arrival or the frame ahead,
     // until its delay is explained, but no further back than `farthest`. `period`: at which it
     // came. False when neither a stage nor another rate is to blame.
-    bool Follow(uint32_t late, int64_t number, Micros farthest, Micros delay, Micros period) {
-        uint32_t frame = late;
-        int32_t stage = schedule.LastStage();
+    bool Follow(uint32_t frame, int64_t number, Micros farthest, Micros delay, Micros period) {
+        const double enough = EXPLAINED * static_cast<double>(delay);
         Micros explained = 0, worst = 0;
         uint32_t worstFrame = NO_INDEX;
         int32_t worstStage = -1;
         bool isOfRate = false;
-        while (frame != NO_INDEX && stage >= 0) {
+        for (int32_t stage = schedule.LastStage();
+             frame != NO_INDEX && stage >= 0 && static_cast<double>(explained) < enough;) {
             if (!scene.PassOf(frame, stage).HasLeft()) {
                 --stage;
                 continue;
             }
             const Micros left = scene.PassOf(frame, stage).left;
-            if (left < farthest) {
-                break;
-            }
             const Schedule::Cause cause = schedule.CauseOf(frame, stage);
-            if (cause.begin == NO_TIME) {
+            if (left < farthest || cause.begin == NO_TIME) {
                 break;
             }
             // What is too slow for good is told for all frames.
-            for (const SlowRun& run : judging.slowRuns) {
-                if (run.isForGood && run.stage == stage && left >= run.begin && left <= run.end) {
-                    judging.troubles[run.trouble].late.push_back(number);
-                    return true;
-                }
+            if (const SlowRun* run = SlowForGoodAt(stage, left)) {
+                judging.troubles[run->trouble].late.push_back(number);
+                return true;
             }
             // It waited for one that came at another rate.
             isOfRate = isOfRate || (stage == 0 && schedule.PeriodAt(left) > period);
-            const Micros usual = stage == 0
-                                     ? schedule.PeriodAt(left) * (1 + judging.droppedBefore[frame])
-                                     : schedule.UsualDelay(stage);
-            // Where several frames are in a stage at once, one may seem slow that was no longer in
-            // it than all.
-            const Micros arrival = scene.ArrivalOf(frame, stage);
-            const Micros since =
-                stage == 0 || arrival == NO_TIME
-                    ? cause.begin
-                    : std::max(cause.begin, arrival + schedule.UsualStay(stage) - usual);
-            const Micros excess = left - since - usual - judging.Stood(since, left);
+            const Micros excess = UnusualOf(frame, stage, cause.begin);
             explained += std::max<Micros>(excess, 0);
             if (excess > worst) {
                 worst = excess;
                 worstFrame = frame;
                 worstStage = stage;
             }
-            if (static_cast<double>(explained) >= EXPLAINED * static_cast<double>(delay)) {
-                break;
-            }
             frame = cause.frame;
             stage = cause.isInStage ? stage : stage - 1;
         }
-        const Micros least =
-            worstStage < 0 ? 0
-                           : std::max({Micros{2500}, schedule.UsualDelay(worstStage) * 15 / 100,
-                                       2 * judging.resolution});
-        if (worstFrame == NO_INDEX || worst <= least) {
+        if (worstFrame == NO_INDEX || worst <= LeastOf(worstStage)) {
             return isOfRate;
         }
-        std::vector<Blamed>& blamed = blamedOf[worstStage];
-        const auto known = std::find_if(blamed.begin(), blamed.end(), [&](const Blamed& other) {
-            return other.frame == worstFrame;
-        });
-        if (known != blamed.end()) {
-            known->late.push_back(number);
-        } else {
-            blamed.push_back({worstFrame, {number}});
-        }
+        blamedOf[worstStage][worstFrame].push_back(number);
         return true;
+    }
+
+    const SlowRun* SlowForGoodAt(int32_t stage, Micros time) const {
+        const auto found =
+            std::find_if(judging.slowRuns.begin(), judging.slowRuns.end(), [&](const SlowRun& run) {
+                return run.isForGood && run.stage == stage && time >= run.begin && time <= run.end;
+            });
+        return found == judging.slowRuns.end() ? nullptr : &*found;
+    }
+
+    // How much longer than usual the stage took for the frame, which it could begin with then, as
+    // far as the process did not stand.
+    Micros UnusualOf(uint32_t frame, int32_t stage, Micros begin) const {
+        const Micros left = scene.PassOf(frame, stage).left;
+        const Micros usual = stage == 0
+                                 ? schedule.PeriodAt(left) * (1 + judging.droppedBefore[frame])
+                                 : schedule.UsualDelay(stage);
+        // Where several frames are in a stage at once, one may seem slow that was no longer in it
+        // than all.
+        const Micros arrival = scene.ArrivalOf(frame, stage);
+        const Micros since = stage == 0 || arrival == NO_TIME
+                                 ? begin
+                                 : std::max(begin, arrival + schedule.UsualStay(stage) - usual);
+        return left - since - usual - judging.Stood(since, left);
+    }
+
+    // By less than that no stage is slow.
+    Micros LeastOf(int32_t stage) const {
+        return std::max(
+            {Micros{2500}, schedule.UsualDelay(stage) * 15 / 100, 2 * judging.resolution});
     }
 
     Micros ExcessOf(uint32_t frame, int32_t stage) const {
@@ -234,21 +223,17 @@ class DelayFinder {
     }
 
     // Frames in a row that a stage was slow with are one finding.
-    void RaiseRuns(int32_t stage, std::vector<Blamed>& blamed) {
+    void RaiseRuns(int32_t stage, const std::map<uint32_t, Numbers>& blamed) {
         const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
-        std::vector<size_t> positions(scene.frames.size());
-        for (size_t i = 0; i < left.size(); ++i) {
-            positions[left[i]] = i;
-        }
-        std::sort(blamed.begin(), blamed.end(), [&](const Blamed& one, const Blamed& other) {
-            return positions[one.frame] < positions[other.frame];
-        });
         size_t done = 0;  // Positions before this one are told.
-        for (const Blamed& one : blamed) {
-            const size_t position = positions[one.frame];
+        for (size_t position = 0; position < left.size(); ++position) {
+            const auto one = blamed.find(left[position]);
+            if (one == blamed.end()) {
+                continue;
+            }
             if (position < done) {
-                judging.troubles.back().late.insert(judging.troubles.back().late.end(),
-                                                    one.late.begin(), one.late.end());
+                Numbers& late = judging.troubles.back().late;
+                late.insert(late.end(), one->second.begin(), one->second.end());
                 continue;
             }
             size_t first = position, last = position;
@@ -259,14 +244,14 @@ class DelayFinder {
             while (stage > 0 && last + 1 < left.size() && ExcessOf(left[last + 1], stage) > half) {
                 ++last;
             }
-            RaiseRun(stage, left, first, last, one);
+            RaiseRun(stage, first, last, one->second);
             done = last + 1;
         }
     }
 
-    void RaiseRun(int32_t stage, const std::vector<uint32_t>& left, size_t first, size_t last,
-                  const Blamed& blamed) {
-        std::vector<int64_t> numbers;
+    void RaiseRun(int32_t stage, size_t first, size_t last, const Numbers& blamed) {
+        const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
+        Numbers numbers;
         std::vector<Micros> works;
         for (size_t i = first; i <= last; ++i) {
             numbers.push_back(scene.frames[left[i]].number);
@@ -299,7 +284,7 @@ class DelayFinder {
                                   fmt::arg("usual", usual),
                                   fmt::arg("each", numbers.size() == 1 ? "" : " each")));
         trouble.finding.frames = RangesOf(numbers);
-        for (const int64_t late : blamed.late) {
+        for (const int64_t late : blamed) {
             if (std::find(numbers.begin(), numbers.end(), late) == numbers.end()) {
                 trouble.late.push_back(late);
             }
@@ -369,11 +354,62 @@ class DelayFinder {
     Judging& judging;
     Scene& scene;
     const Schedule& schedule;
-    std::map<int32_t, std::vector<Blamed>> blamedOf;  // By stage.
-    std::vector<int64_t> nobodysFault;
+    // By stage, and by frame that it was slow with: what came late of that.
+    std::map<int32_t, std::map<uint32_t, Numbers>> blamedOf;
+    Numbers nobodysFault;
     Micros longest = 0;
-    std::map<std::pair<uint16_t, int64_t>, uint32_t> index;  // Of frames; made when first needed.
 };
+
+// Raises that a stage is too slow for frames that waited for it in a row; from one position in the
+// order in which they left it to another.
+void RaiseIfSlowForGood(Judging& judging, int32_t stage, size_t from, size_t to) {
+    const Scene& scene = judging.scene;
+    const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
+    const Micros period = judging.schedule.PeriodAt(scene.PassOf(left[from], stage).left);
+    const Micros tooSlow = OverPeriod(period);
+    const auto workOf = [&](size_t i) {
+        return judging.IsDoubtful(left[i]) ? period : judging.WorkOf(left[i], stage, period);
+    };
+    // The frame that the first of them waits for may be slow, too.
+    if (scene.frames[left[from - 1]].epoch == scene.frames[left[from]].epoch) {
+        --from;
+    }
+    while (from < to && workOf(from) <= tooSlow) {
+        ++from;
+    }
+    while (to > from && workOf(to) <= tooSlow) {
+        --to;
+    }
+    // Of two in turn, as one may take long where the other is quick.
+    std::vector<Micros> pairs;
+    Micros sum = 0;
+    for (size_t i = from; i <= to; ++i) {
+        const Micros work = workOf(i);
+        sum += work > HANG_PERIODS * period ? period : work;
+        pairs.push_back(work + workOf(std::min(i + 1, to)));
+    }
+    const Micros mean = sum / static_cast<Micros>(to - from + 1);
+    const Micros begin = scene.PassOf(left[from], stage).begin;
+    const Micros end = scene.PassOf(left[to], stage).left;
+    const bool isBehindAnother =
+        std::any_of(judging.slowRuns.begin(), judging.slowRuns.end(),
+                    [&](const SlowRun& run) { return run.begin < end && run.end > begin; });
+    if (end - begin < FOR_GOOD || mean <= tooSlow || MedianOf(pairs, 0) <= period + tooSlow ||
+        isBehindAnother) {
+        return;
+    }
+    judging.slowRuns.push_back({stage, begin, end, true, judging.troubles.size()});
+    const int64_t first = scene.frames[left[from]].number;
+    const int64_t last = scene.frames[left[to]].number;
+    Trouble& trouble = judging.Raise(
+        Check::SlowStage, Severity::Error, left[from], stage, scene.PassOf(left[from], stage).place,
+        begin,
+        fmt::format(wording::SLOW_FOR_GOOD, fmt::arg("stage", judging.StageName(stage)),
+                    fmt::arg("time", Fixed(static_cast<double>(mean) / 1000, 1)),
+                    fmt::arg("first", first), fmt::arg("last", last),
+                    fmt::arg("period", Fixed(static_cast<double>(period) / 1000, 1))));
+    trouble.finding.frames = {{first, last}};
+}
 
 }  // namespace
 
@@ -392,84 +428,24 @@ void FindRates(Judging& judging) {
 
 // A stage that takes longer than a period while frames wait for it.
 void FindSlowForGood(Judging& judging) {
-    Scene& scene = judging.scene;
-    const Schedule& schedule = judging.schedule;
-    if (!scene.hasTimes) {
-        return;
-    }
-    std::vector<SlowRun> runs;
-    std::vector<std::string> messages;
-    std::vector<std::pair<uint32_t, uint32_t>> ends;
+    const Scene& scene = judging.scene;
     // From the last stage on: what waits for a stage that waits for another is not to blame.
     for (int32_t stage = scene.stageCount - 1; stage > 0; --stage) {
         const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
-        for (size_t from = 1; from < left.size();) {
-            if (!schedule.CauseOf(left[from], stage).isInStage) {
-                ++from;
+        const auto waits = [&](size_t i) {
+            return judging.schedule.CauseOf(left[i], stage).isInStage;
+        };
+        for (size_t next = 1; next < left.size();) {
+            const size_t first = next++;
+            if (!waits(first)) {
                 continue;
             }
-            size_t to = from;
-            while (to + 1 < left.size() && schedule.CauseOf(left[to + 1], stage).isInStage &&
-                   scene.frames[left[to + 1]].epoch == scene.frames[left[from]].epoch) {
-                ++to;
+            while (next < left.size() && waits(next) &&
+                   scene.frames[left[next]].epoch == scene.frames[left[first]].epoch) {
+                ++next;
             }
-            const size_t next = to + 1;
-            const Micros period = schedule.PeriodAt(scene.PassOf(left[from], stage).left);
-            const auto workOf = [&](size_t i) {
-                const Micros done = scene.PassOf(left[i], stage).left;
-                const Micros work = schedule.WorkOf(left[i], stage);
-                return work == NO_TIME || judging.IsDoubtful(left[i])
-                           ? period
-                           : work - judging.Stood(done - work, done);
-            };
-            // The frame that the first of them waits for may be slow, too.
-            if (scene.frames[left[from - 1]].epoch == scene.frames[left[from]].epoch &&
-                workOf(from - 1) > OverPeriod(period)) {
-                --from;
-            }
-            while (from < to && workOf(from) <= OverPeriod(period)) {
-                ++from;
-            }
-            while (to > from && workOf(to) <= OverPeriod(period)) {
-                --to;
-            }
-            // Of two in turn, as one may take long where the other is quick.
-            std::vector<Micros> pairs;
-            Micros sum = 0;
-            for (size_t i = from; i <= to; ++i) {
-                const Micros work = workOf(i);
-                sum += work > HANG_PERIODS * period ? period : work;
-                pairs.push_back(work + workOf(i < to ? i + 1 : i));
-            }
-            const bool isRule = MedianOf(pairs, 0) > period + OverPeriod(period);
-            const Micros mean = sum / static_cast<Micros>(to - from + 1);
-            const Micros begin = scene.PassOf(left[from], stage).begin;
-            const Micros end = scene.PassOf(left[to], stage).left;
-            const bool isBehindAnother =
-                std::any_of(runs.begin(), runs.end(),
-                            [&](const SlowRun& run) { return run.begin < end && run.end > begin; });
-            if (end - begin >= FOR_GOOD && mean > OverPeriod(period) && isRule &&
-                !isBehindAnother) {
-                runs.push_back({stage, begin, end, true, 0});
-                ends.emplace_back(left[from], left[to]);
-                messages.push_back(
-                    fmt::format(wording::SLOW_FOR_GOOD, fmt::arg("stage", judging.StageName(stage)),
-                                fmt::arg("time", Fixed(static_cast<double>(mean) / 1000, 1)),
-                                fmt::arg("first", scene.frames[left[from]].number),
-                                fmt::arg("last", scene.frames[left[to]].number),
-                                fmt::arg("period", Fixed(static_cast<double>(period) / 1000, 1))));
-            }
-            from = next;
+            RaiseIfSlowForGood(judging, stage, first, next - 1);
         }
-    }
-    for (size_t i = 0; i < runs.size(); ++i) {
-        runs[i].trouble = judging.troubles.size();
-        const auto [first, last] = ends[i];
-        Trouble& trouble =
-            judging.Raise(Check::SlowStage, Severity::Error, first, runs[i].stage,
-                          scene.PassOf(first, runs[i].stage).place, runs[i].begin, messages[i]);
-        trouble.finding.frames = {{scene.frames[first].number, scene.frames[last].number}};
-        judging.slowRuns.push_back(runs[i]);
     }
 }
 
@@ -481,7 +457,7 @@ void FindLate(Judging& judging, Micros threshold) {
 void FindSlowFirst(Judging& judging) {
     Scene& scene = judging.scene;
     const Schedule& schedule = judging.schedule;
-    if (scene.isBeginningMissing || !scene.hasTimes || schedule.Outputs().empty()) {
+    if (scene.isBeginningMissing || schedule.Outputs().empty()) {
         return;
     }
     const uint32_t first = schedule.Outputs().front();

@@ -63,6 +63,12 @@ Reason ReasonOfViolation(MessageKind kind) {
                                                   : Reason::OutOfTurn;
 }
 
+// Of a number that counts from one; null for 0.
+template <typename Loaded>
+auto* ConfigurationOf(Loaded& configurations, size_t known) {
+    return known == 0 ? nullptr : &configurations[known - 1].configuration;
+}
+
 }  // namespace
 
 // A scene that goes on, with what it takes to read its lines.
@@ -85,9 +91,8 @@ struct FactsMaker::Running {
     std::unordered_map<int32_t, uint32_t> latest;
     std::map<int32_t, uint32_t> inFlight;
     std::unordered_map<int32_t, Thread> threads;
-    std::optional<int64_t> lastLeft;  // The number that last left stage 0,
-    int64_t lastStarted = 0;          // and the one that was last started.
-    bool hasStarts = false;
+    std::optional<int64_t> lastLeft;     // The number that last left stage 0,
+    std::optional<int64_t> lastStarted;  // and the one that was last started.
     uint16_t epoch = 0;
     Micros last = 0;  // The time of the last line.
 
@@ -157,8 +162,10 @@ struct FactsMaker::Running {
         const bool isAgain = isOfThisCount ? IsThrough(*known) : IsFarBelow(number, before);
         if (number < before && isAgain && epoch < UINT16_MAX) {
             ++epoch;
-            lastStarted = number;
             lastLeft = number;
+            if (lastStarted) {
+                lastStarted = number;
+            }
         }
     }
 
@@ -219,6 +226,25 @@ struct FactsMaker::Running {
         }
     }
 
+    // Whether a node end of the frame's number is another frame's. `before`: the number that last
+    // left stage 0.
+    bool IsOfAnother(uint32_t frame, const NodeEnd& end, std::optional<int64_t> before) const {
+        const Frame& row = scene.frames[frame];
+        // In a new count, or when its frame is through, it is.
+        if (end.stage == 0) {
+            return before != end.frame && (IsThrough(frame) || row.epoch != epoch);
+        }
+        if (row.epoch == epoch || !before) {
+            return false;
+        }
+        if (*before >= end.frame) {
+            return row.isEnded || scene.PassOf(frame, end.stage).HasLeft();
+        }
+        // As it is where lines are missing, the count has got there and its frame stood long.
+        return static_cast<uint64_t>(end.frame) - static_cast<uint64_t>(*before) < PLACES &&
+               end.time - LastOf(frame) > LONG_AGO;
+    }
+
     // A node end that counts.
     void Take(NodeEnd& end, uint16_t thread) {
         end.isOpen = false;
@@ -234,35 +260,19 @@ struct FactsMaker::Running {
             if (frame && end.stage == 0 && IsOpenedAlone(*frame)) {
                 scene.frames[*frame].epoch = epoch;
             }
-            // In a new count, or when its frame is through, a number is another frame's.
-            const bool isOfThisCount = frame && scene.frames[*frame].epoch == epoch;
-            // As it is where lines are missing, the count has got there and its frame stood long.
-            const auto isOfLostLines = [&] {
-                return before && *before < end.frame &&
-                       static_cast<uint64_t>(end.frame) - static_cast<uint64_t>(*before) < PLACES &&
-                       end.time - LastOf(*frame) > LONG_AGO;
-            };
-            const bool isOther =
-                frame && (end.stage == 0
-                              ? before != end.frame && (IsThrough(*frame) || !isOfThisCount)
-                              : !isOfThisCount && ((before >= end.frame &&
-                                                    (scene.frames[*frame].isEnded ||
-                                                     scene.PassOf(*frame, end.stage).HasLeft())) ||
-                                                   isOfLostLines()));
-            if (!frame || isOther) {
+            if (!frame || IsOfAnother(*frame, end, before)) {
                 frame = Open(end.frame, end.place, end.time);
             }
             Leave(*frame, end.stage, NODE_END, end, thread);
             if (end.stage == scene.stageCount - 1 && end.stage > 0) {
                 inFlight.erase(static_cast<int32_t>(end.frame));
             }
+        } else if (end.stage == 0 && scene.order[0].empty()) {
+            scene.opened = end.time;
+            scene.opener = end.frame;
         }
         if (end.stage == 0) {
             lastLeft = end.frame;
-            if (end.frame < 1 && scene.order[0].empty()) {
-                scene.opened = end.time;
-                scene.opener = end.frame;
-            }
         }
     }
 
@@ -285,40 +295,49 @@ struct FactsMaker::Running {
         }
     }
 
-    void OnStart(const Message& message, Micros time) {
-        const int64_t number = message.frame;
-        const bool isForwarded = message.kind == MessageKind::FrameStart;
-        if (message.kind == MessageKind::FrameAlreadyExists) {
-            const uint32_t frame = FindOrOpen(number, message.place, time);
-            scene.frames[frame].isDuplicate = true;
-            NoteTrouble(frame, message.place, time);
-            return;
-        }
-        // A HAL that starts a frame by itself may be ahead of the count of stage 0.
-        const bool isNext = lastLeft && number > *lastLeft && number - 1 == *lastLeft;
-        if (hasStarts && !isNext) {
-            NoteNumber(number, lastStarted);
-        }
-        lastStarted = number;
-        hasStarts = true;
-        const auto key = static_cast<int32_t>(number);
-        auto known = Find(number);
-        // A frame in error leaves the table without a word.
-        const auto isSound = [this](uint32_t frame) {
-            return scene.frames[frame].isStarted && scene.frames[frame].violation == Reason::None;
-        };
-        const auto same = inFlight.find(key);
-        const bool isTwice = same != inFlight.end() && isSound(same->second);
-        const bool isGapped = !inFlight.empty() && isSound(inFlight.rbegin()->second) &&
-                              int64_t{inFlight.rbegin()->first} + 1 != number;
-        if (isForwarded && (isTwice || isGapped)) {
-            scene.impossible.push_back(time);
-            inFlight.clear();  // What it was taken to hold has left by lines that are missing.
-        }
+    // A frame in error leaves the table without a word.
+    bool IsSound(uint32_t frame) const {
+        return scene.frames[frame].isStarted && scene.frames[frame].violation == Reason::None;
+    }
+
+    // Whether the library may have started the frame: it is not in the table, and follows the
+    // newest one there.
+    bool IsPossible(int64_t number) const {
+        const auto same = inFlight.find(static_cast<int32_t>(number));
+        return (same == inFlight.end() || !IsSound(same->second)) &&
+               (inFlight.empty() || !IsSound(inFlight.rbegin()->second) ||
+                int64_t{inFlight.rbegin()->first} + 1 == number);
+    }
+
+    // The frame that is being started: the one that is known, unless it was before.
+    uint32_t FindOrOpenToStart(const Message& message, Micros time) {
+        const auto known = Find(message.frame);
         const bool isAgain =
             known && (scene.frames[*known].isStarted || scene.frames[*known].isGap ||
                       scene.frames[*known].epoch != epoch || IsThrough(*known));
-        const uint32_t frame = !known || isAgain ? Open(number, message.place, time) : *known;
+        return known && !isAgain ? *known : Open(message.frame, message.place, time);
+    }
+
+    void OnDuplicate(const Message& message, Micros time) {
+        const uint32_t frame = FindOrOpen(message.frame, message.place, time);
+        scene.frames[frame].isDuplicate = true;
+        NoteTrouble(frame, message.place, time);
+    }
+
+    void OnStart(const Message& message, Micros time) {
+        const int64_t number = message.frame;
+        const bool isForwarded = message.kind == MessageKind::FrameStart;
+        // A HAL that starts a frame by itself may be ahead of the count of stage 0.
+        const bool isNext = lastLeft && number > *lastLeft && number - 1 == *lastLeft;
+        if (lastStarted && !isNext) {
+            NoteNumber(number, *lastStarted);
+        }
+        lastStarted = number;
+        if (isForwarded && !IsPossible(number)) {
+            scene.impossible.push_back(time);
+            inFlight.clear();  // What it was taken to hold has left by lines that are missing.
+        }
+        const uint32_t frame = FindOrOpenToStart(message, time);
         Frame& row = scene.frames[frame];
         row.start = time;
         row.isStarted = isForwarded;
@@ -332,10 +351,10 @@ struct FactsMaker::Running {
         // Where a frame is refused, the line that it pushes another one out comes behind this one.
         while (inFlight.size() > (isForwarded ? PLACES - 1 : PLACES)) {
             const auto inError = std::find_if(inFlight.begin(), inFlight.end(),
-                                              [&](const auto& it) { return !isSound(it.second); });
+                                              [&](const auto& it) { return !IsSound(it.second); });
             inFlight.erase(inError == inFlight.end() ? inFlight.begin() : inError);
         }
-        inFlight[key] = frame;
+        inFlight[static_cast<int32_t>(number)] = frame;
     }
 
     // The library says only that it made room: the lowest number leaves.
@@ -431,24 +450,38 @@ struct FactsMaker::Running {
         scene.begin = before;
     }
 
+    void OnEnd(const Message& message, Micros time) {
+        Frame& row = scene.frames[FindOrOpen(message.frame, message.place, time)];
+        row.isEnded = true;
+        row.end = row.end == NO_TIME ? time : row.end;
+        inFlight.erase(static_cast<int32_t>(message.frame));
+    }
+
+    void OnViolation(const Message& message, Micros time) {
+        const uint32_t frame = FindOrOpen(message.frame, message.place, time);
+        Frame& row = scene.frames[frame];
+        NoteTrouble(frame, message.place, time);
+        if (row.violation == Reason::None || row.violation == Reason::NoSuchStage) {
+            row.violation = ReasonOfViolation(message.kind);
+            row.violationStage = message.stage;
+            row.violationOther = message.otherStage;
+        }
+    }
+
     void OnEvent(const Message& message, Thread& thread, Micros time) {
         switch (message.kind) {
             case MessageKind::StageStart:
             case MessageKind::StageEnd:
                 return OnStageEvent(message, thread, time);
-            case MessageKind::FrameStart:
             case MessageKind::FrameAlreadyExists:
+                return OnDuplicate(message, time);
+            case MessageKind::FrameStart:
             case MessageKind::FrameNotContinuous:
                 return OnStart(message, time);
             case MessageKind::TableFull:
                 return OnEviction(message, time);
-            case MessageKind::FrameEnd: {
-                Frame& row = scene.frames[FindOrOpen(message.frame, message.place, time)];
-                row.isEnded = true;
-                row.end = row.end == NO_TIME ? time : row.end;
-                inFlight.erase(static_cast<int32_t>(message.frame));
-                return;
-            }
+            case MessageKind::FrameEnd:
+                return OnEnd(message, time);
             case MessageKind::FrameNotExist: {
                 // Of a number that nobody knows there is no frame.
                 const auto frame = Find(message.frame);
@@ -459,17 +492,8 @@ struct FactsMaker::Running {
             }
             case MessageKind::StageNotInRange:
             case MessageKind::StageOutOfOrder:
-            case MessageKind::StageOutOfTurn: {
-                const uint32_t frame = FindOrOpen(message.frame, message.place, time);
-                Frame& row = scene.frames[frame];
-                NoteTrouble(frame, message.place, time);
-                if (row.violation == Reason::None || row.violation == Reason::NoSuchStage) {
-                    row.violation = ReasonOfViolation(message.kind);
-                    row.violationStage = message.stage;
-                    row.violationOther = message.otherStage;
-                }
-                return;
-            }
+            case MessageKind::StageOutOfTurn:
+                return OnViolation(message, time);
             default:
                 return;
         }
@@ -532,12 +556,9 @@ void FactsMaker::OnMessage(const Message& message, const Moment& moment) {
             return Describe(process, message, time);
         case MessageKind::SceneDisabled:
             process.pending.reset();
-            return Refuse(
-                process, Check::Disabled, message.place, time,
-                DisabledText(process.configuration == 0
-                                 ? nullptr
-                                 : &configurations[process.configuration - 1].configuration),
-                Severity::Error);
+            return Refuse(process, Check::Disabled, message.place, time,
+                          DisabledText(ConfigurationOf(configurations, process.configuration)),
+                          Severity::Error);
         case MessageKind::SceneStart:
             process.pending.reset();
             return message.flag ? Start(process, message.place, time)
@@ -588,16 +609,14 @@ void FactsMaker::Describe(Process& process, const Message& message, Micros time)
         return;
     }
     // What comes of the description is in it.
+    Configuration* configuration = ConfigurationOf(configurations, process.configuration);
     if (message.acceptedFps == 0) {
-        const Configuration* configuration =
-            process.configuration == 0 ? nullptr
-                                       : &configurations[process.configuration - 1].configuration;
         return Refuse(process, Check::SceneRefused, message.place, time,
                       NotBoostedText(true, message.width, message.fps, configuration),
                       Severity::Warning);
     }
-    if (process.configuration != 0 && message.width != 3840) {
-        configurations[process.configuration - 1].configuration.additionalWidth = message.width;
+    if (configuration != nullptr && message.width != 3840) {
+        configuration->additionalWidth = message.width;
     }
 }
 
@@ -651,10 +670,9 @@ void FactsMaker::Start(Process& process, const Place& place, Micros time) {
     running.scene = Begin(process, place, time);
     running.scene.isStarted = true;
     running.last = time;
-    if (process.configuration != 0) {
-        const Configuration& known = configurations[process.configuration - 1].configuration;
-        int32_t count = known.stageCount.value_or(0);
-        for (const ConfiguredStage& stage : known.stages) {
+    if (const auto* known = ConfigurationOf(configurations, process.configuration)) {
+        int32_t count = known->stageCount.value_or(0);
+        for (const ConfiguredStage& stage : known->stages) {
             count = std::max(count, std::min(stage.stage, MAX_STAGES - 1) + 1);
         }
         running.GrowStages(count);
@@ -693,9 +711,8 @@ Scene FactsMaker::Closed(const Process& process, Scene scene, Micros stop) const
     for (const auto& [key, frame] : process.running->inFlight) {
         scene.frames[frame].isHeld = true;
     }
-    if (process.configuration != 0) {
-        for (const ConfiguredStage& stage :
-             configurations[process.configuration - 1].configuration.stages) {
+    if (const auto* known = ConfigurationOf(configurations, process.configuration)) {
+        for (const ConfiguredStage& stage : known->stages) {
             if (stage.stage >= 0 && stage.stage < scene.stageCount) {
                 scene.stageNames[static_cast<size_t>(stage.stage)] = stage.node;
             }
@@ -735,9 +752,7 @@ void FactsMaker::OnEvent(Process& process, const Message& message, const Moment&
         scene.threads.push_back(moment.thread);
     }
     if (message.kind == MessageKind::NodeEnd) {
-        Configuration* configuration =
-            process.configuration == 0 ? nullptr
-                                       : &configurations[process.configuration - 1].configuration;
+        Configuration* configuration = ConfigurationOf(configurations, process.configuration);
         if (configuration != nullptr) {
             configuration->stageCount = message.count;
         }

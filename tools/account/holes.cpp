@@ -68,11 +68,10 @@ void FindLacks(Judging& judging, const std::vector<bool>& isNodeDriven) {
 
 // When the stage was last left before that time.
 Micros LastLeft(const Scene& scene, int32_t stage, Micros time) {
+    const auto later = LeftAfter(scene, stage, time);
     const auto& left = scene.order[static_cast<size_t>(stage)];
-    const auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t frame) {
-        return scene.PassOf(frame, stage).left <= time;
-    });
-    return next == left.begin() ? scene.begin : scene.PassOf(*std::prev(next), stage).left;
+    return later.size() == left.size() ? scene.begin
+                                       : scene.PassOf(*std::prev(later.data()), stage).left;
 }
 
 // Whether the stage ends no frame after that time although some come to it, or as none does.
@@ -149,20 +148,183 @@ void FindSwallowed(Judging& judging) {
 
 // Whether the first frame that left stage 0 after that time had been started before it.
 bool IsSensorAtWork(const Scene& scene, const Span& silence, Micros period) {
-    if (scene.stageCount == 0) {
-        return false;
-    }
-    const auto next = std::partition_point(
-        scene.order[0].begin(), scene.order[0].end(),
-        [&](uint32_t frame) { return scene.PassOf(frame, 0).left < silence.end; });
-    if (next == scene.order[0].end()) {
+    const auto later = LeftAfter(scene, 0, silence.end - 1);
+    if (later.empty()) {
         return false;
     }
     // When all goes on after a short while, it is overdue: else it is another's fault.
-    const Micros start = scene.frames[*next].start;
-    const bool isAtOnce = scene.PassOf(*next, 0).left <= silence.end + period;
+    const Micros start = scene.frames[later.front()].start;
+    const bool isAtOnce = scene.PassOf(later.front(), 0).left <= silence.end + period;
     return (isAtOnce || silence.end - silence.begin > 4 * period) &&
            (start == NO_TIME || start <= silence.begin);
+}
+
+// When the stage could begin to let go of the frame. One that keeps frames back waits until another
+// one comes.
+Micros BeganAt(const Judging& judging, uint32_t frame, int32_t stage) {
+    return judging.schedule.KeptBack(stage) > 0 ? judging.schedule.CauseOf(frame, stage).begin
+                                                : judging.scene.ArrivalOf(frame, stage);
+}
+
+// The frame that was in the stage during all of a silence and came out of it soon afterwards, where
+// it took longer for that one than for the one ahead; NO_INDEX for none.
+uint32_t FrameIn(const Judging& judging, int32_t stage, const Span& silence) {
+    const Scene& scene = judging.scene;
+    for (const uint32_t frame : LeftAfter(scene, stage, silence.end - 1)) {
+        if (scene.PassOf(frame, stage).left >= silence.end + SECOND) {
+            break;
+        }
+        // One that is overtaken waits for the one that does so.
+        const uint32_t ahead = judging.schedule.Ahead(frame, stage);
+        if (judging.IsDoubtful(frame) ||
+            (ahead != NO_INDEX && scene.frames[ahead].number > scene.frames[frame].number)) {
+            continue;
+        }
+        if (ahead != NO_INDEX &&
+            judging.WorkOf(ahead, stage, 0) > judging.WorkOf(frame, stage, 0) * 4 / 5) {
+            break;
+        }
+        const Micros begin = BeganAt(judging, frame, stage);
+        if (begin != NO_TIME && begin <= silence.begin) {
+            return frame;
+        }
+    }
+    return NO_INDEX;
+}
+
+// Whether the stage would have been done with a frame that is in it about when the silence began,
+// or later.
+bool HasJustCome(const Judging& judging, uint32_t frame, int32_t stage, const Span& silence) {
+    const Schedule& schedule = judging.schedule;
+    Micros usual =
+        schedule.KeptBack(stage) > 0 ? schedule.UsualDelay(stage) : schedule.UsualStay(stage);
+    // It came from the last stage whose end is told.
+    for (int32_t untold = stage - 1; untold >= 0 && !judging.scene.PassOf(frame, untold).HasLeft();
+         --untold) {
+        usual += schedule.UsualStay(untold);
+    }
+    return silence.begin - BeganAt(judging, frame, stage) <= usual + schedule.Period();
+}
+
+// In how many stages frames were during a silence.
+size_t StagesAtWork(const Judging& judging, const Span& silence) {
+    size_t stages = 0;
+    bool hasJustCome = false;
+    for (int32_t stage = 1; stage < judging.scene.stageCount; ++stage) {
+        const uint32_t frame = FrameIn(judging, stage, silence);
+        if (frame != NO_INDEX) {
+            ++stages;
+            hasJustCome = hasJustCome || HasJustCome(judging, frame, stage, silence);
+        }
+    }
+    // The sensor is at work, too, if the frame that it owes is the next to come. Behind a stage
+    // that has been standing for long it would have no room for that.
+    const Micros period = judging.schedule.PeriodAt(silence.begin);
+    return stages + (hasJustCome && IsSensorAtWork(judging.scene, silence, period) ? 1 : 0);
+}
+
+// Moments at which lines are missing that belong together, with what is told of them.
+struct Hole : Span {
+    int64_t lines = 0;
+    Place place;
+    std::vector<int64_t> untold, near;  // Frames.
+};
+
+std::vector<Hole> HolesOf(const Judging& judging) {
+    const std::vector<Scene::Silence>& silences = judging.scene.silences;
+    std::vector<Hole> holes;
+    for (const Micros moment : judging.holes) {
+        // A silence that has swallowed lines is one hole, however long it is.
+        const bool isOne = !holes.empty() &&
+                           (moment <= holes.back().end + ONE_HOLE ||
+                            std::any_of(silences.begin(), silences.end(), [&](const Span& silence) {
+                                return std::abs(silence.begin - holes.back().end) <= ONE_HOLE &&
+                                       silence.end >= moment - ONE_HOLE;
+                            }));
+        if (!isOne) {
+            holes.emplace_back().begin = moment;
+        }
+        holes.back().end = moment;
+    }
+    return holes;
+}
+
+// The one that is nearest to that time, of one at least.
+Hole& NearestOf(std::vector<Hole>& holes, Micros time) {
+    const auto next = std::partition_point(holes.begin(), holes.end(),
+                                           [time](const Hole& hole) { return hole.end < time; });
+    const bool isBefore = next == holes.end() || (next != holes.begin() &&
+                                                  time - std::prev(next)->end < next->begin - time);
+    return isBefore ? *std::prev(next) : *next;
+}
+
+// Tells the holes what the log says of them: lines that logd left out, and frames nearby.
+void FillHoles(const Judging& judging, std::vector<Hole>& holes) {
+    const Scene& scene = judging.scene;
+    for (const auto& leftOut : scene.leftOut) {
+        Hole& hole = NearestOf(holes, leftOut.time);
+        hole.lines += std::max<int64_t>(leftOut.amount, 1);
+        hole.place = hole.place.line == 0 ? leftOut.place : hole.place;
+    }
+    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
+        const Frame& row = scene.frames[frame];
+        const auto [place, last] = judging.LastOf(frame);
+        if (last == NO_TIME || !(row.isUntold || judging.IsDoubtful(frame))) {
+            continue;
+        }
+        Hole& hole = NearestOf(holes, std::max(last, row.start));
+        if (row.isUntold) {
+            hole.untold.push_back(row.number);
+        }
+        hole.near.push_back(row.number);
+        if (hole.place.line == 0 && (row.isUntold || last >= hole.begin)) {
+            hole.place = place;
+        }
+    }
+    for (Hole& hole : holes) {
+        std::sort(hole.near.begin(), hole.near.end());
+    }
+}
+
+// Numbers between those near a hole of which there is no line at all.
+std::vector<int64_t> AbsentOf(const Hole& hole, const std::unordered_set<int64_t>& known) {
+    std::vector<int64_t> absent;
+    for (size_t i = 1; i < hole.near.size(); ++i) {
+        const int64_t from = hole.near[i - 1], to = hole.near[i];
+        if (static_cast<uint64_t>(to) - static_cast<uint64_t>(from) < MOST_MISSING) {
+            for (int64_t number = from; number < to; ++number) {
+                if (!known.contains(number)) {
+                    absent.push_back(number);
+                }
+            }
+        }
+    }
+    return absent;
+}
+
+void RaiseHole(Judging& judging, const Hole& hole, const std::vector<int64_t>& absent) {
+    std::optional<int64_t> around;
+    if (!hole.untold.empty()) {
+        around = *std::min_element(hole.untold.begin(), hole.untold.end());
+    } else if (!hole.near.empty()) {
+        around = hole.near[hole.near.size() / 2];
+    }
+    std::string text = fmt::format(
+        wording::LINES_LOST,
+        fmt::arg("lines", hole.lines > 1 ? fmt::format("{} lines", hole.lines) : "lines"),
+        fmt::arg("around", around ? fmt::format(" around frame {}", *around) : ""));
+    if (!hole.untold.empty()) {
+        text += ": " + fmt::format(wording::UNTOLD, fmt::arg("numbers", NumbersText(hole.untold)));
+    }
+    if (!absent.empty()) {
+        text += (hole.untold.empty() ? ": " : "; ") +
+                fmt::format(wording::ABSENT, fmt::arg("numbers", NumbersText(absent)));
+    }
+    Trouble& trouble = judging.Raise(Check::LinesLost, Severity::Warning, NO_INDEX, -1,
+                                     hole.place.line == 0 ? judging.scene.from : hole.place,
+                                     hole.begin, std::move(text));
+    trouble.finding.frame = around;
+    trouble.absent = static_cast<int64_t>(absent.size());
 }
 
 }  // namespace
@@ -186,6 +348,20 @@ Micros Judging::Stood(Micros from, Micros to) const {
         stood += std::max<Micros>(std::min(to, span.end) - std::max(from, span.begin), 0);
     }
     return stood;
+}
+
+Micros Judging::WorkOf(uint32_t frame, int32_t stage, Micros unknown) const {
+    const Micros work = schedule.WorkOf(frame, stage);
+    const Micros done = scene.PassOf(frame, stage).left;
+    return work == NO_TIME ? unknown : work - Stood(done - work, done);
+}
+
+std::span<const uint32_t> LeftAfter(const Scene& scene, int32_t stage, Micros time) {
+    const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
+    const auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t frame) {
+        return scene.PassOf(frame, stage).left <= time;
+    });
+    return std::span(left).subspan(static_cast<size_t>(next - left.begin()));
 }
 
 bool FindTwoObjects(Judging& judging) {
@@ -224,182 +400,42 @@ void FindHoles(Judging& judging) {
 // was set.
 void FindStandstills(Judging& judging) {
     const Scene& scene = judging.scene;
+    if (!scene.hasTimes) {
+        return;
+    }
     for (const Scene::Silence& silence : scene.silences) {
         const auto shortest = static_cast<Micros>(
             STANDSTILL_PERIODS * static_cast<double>(judging.schedule.PeriodAt(silence.begin)));
-        if (!scene.hasTimes || silence.end - silence.begin <= shortest ||
+        if (silence.end - silence.begin <= shortest ||
             judging.HasHole(silence.begin - MILLISECOND,
                             silence.end + judging.schedule.PeriodAt(silence.end))) {
             continue;
         }
-        std::set<int32_t> stages;
-        bool hasJustCome = false;
-        // Those that came out of something later, and were in it at that time.
-        for (int32_t stage = 1; stage < scene.stageCount; ++stage) {
-            const auto& left = scene.order[static_cast<size_t>(stage)];
-            auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t frame) {
-                return scene.PassOf(frame, stage).left < silence.end;
-            });
-            for (; next != left.end() && scene.PassOf(*next, stage).left < silence.end + SECOND;
-                 ++next) {
-                // One that is overtaken waits for the one that does so.
-                const uint32_t ahead = judging.schedule.Ahead(*next, stage);
-                if (judging.IsDoubtful(*next)) {
-                    continue;
-                }
-                if (ahead != NO_INDEX && scene.frames[ahead].number > scene.frames[*next].number) {
-                    continue;
-                }
-                // The stage was as slow with the one ahead of it.
-                const auto workOf = [&judging, stage](uint32_t frame) {
-                    const Micros work = judging.schedule.WorkOf(frame, stage);
-                    const Micros done = judging.scene.PassOf(frame, stage).left;
-                    return work == NO_TIME ? 0 : work - judging.Stood(done - work, done);
-                };
-                if (ahead != NO_INDEX && workOf(ahead) > workOf(*next) * 4 / 5) {
-                    break;
-                }
-                // A stage that keeps frames back waits until another one comes.
-                const bool keepsBack = judging.schedule.KeptBack(stage) > 0;
-                const Micros begin = keepsBack ? judging.schedule.CauseOf(*next, stage).begin
-                                               : scene.ArrivalOf(*next, stage);
-                if (begin != NO_TIME && begin <= silence.begin) {
-                    stages.insert(stage);
-                    Micros usual = keepsBack ? judging.schedule.UsualDelay(stage)
-                                             : judging.schedule.UsualStay(stage);
-                    // It came from the last stage whose end is told.
-                    for (int32_t untold = stage - 1;
-                         untold >= 0 && !scene.PassOf(*next, untold).HasLeft(); --untold) {
-                        usual += judging.schedule.UsualStay(untold);
-                    }
-                    hasJustCome =
-                        hasJustCome || silence.begin - begin <= usual + judging.schedule.Period();
-                    break;
-                }
-            }
-        }
-        // The sensor is at work, too, if the frame that it owes is the next to come. Behind a stage
-        // that has been standing for long it would have no room for that.
-        if (hasJustCome &&
-            IsSensorAtWork(scene, silence, judging.schedule.PeriodAt(silence.begin))) {
-            stages.insert(0);
-        }
-        if (stages.size() < 2) {
+        const size_t stages = StagesAtWork(judging, silence);
+        if (stages < 2) {
             continue;
         }
         judging.standstills.push_back(silence);
         judging.Raise(
             Check::Standstill, Severity::Warning, NO_INDEX, -1, silence.place, silence.begin,
             fmt::format(wording::STANDSTILL, fmt::arg("time", Ms(silence.end - silence.begin)),
-                        fmt::arg("stages", stages.size())));
+                        fmt::arg("stages", stages)));
     }
 }
 
 // One finding for each hole, with the frames of which it hides what became of them.
 void FindLinesLost(Judging& judging) {
-    Scene& scene = judging.scene;
-    struct Hole : Span {
-        int64_t lines = 0;
-        Place place;
-        std::vector<int64_t> untold, near;
-    };
-    std::vector<Hole> found;
-    for (const Micros hole : judging.holes) {
-        // A silence that has swallowed lines is one hole, however long it is.
-        const bool isOne =
-            !found.empty() &&
-            (hole <= found.back().end + ONE_HOLE ||
-             std::any_of(scene.silences.begin(), scene.silences.end(), [&](const auto& silence) {
-                 return std::abs(silence.begin - found.back().end) <= ONE_HOLE &&
-                        silence.end >= hole - ONE_HOLE;
-             }));
-        if (!isOne) {
-            found.emplace_back();
-            found.back().begin = hole;
-        }
-        found.back().end = hole;
-    }
-    if (found.empty()) {
+    std::vector<Hole> holes = HolesOf(judging);
+    if (holes.empty()) {
         return;
     }
-    const auto holeOf = [&found](Micros time) {
-        const auto next = std::partition_point(
-            found.begin(), found.end(), [time](const Hole& hole) { return hole.end < time; });
-        if (next == found.end() ||
-            (next != found.begin() && time - std::prev(next)->end < next->begin - time)) {
-            return std::prev(next);
-        }
-        return next;
-    };
-    for (const auto& leftOut : scene.leftOut) {
-        const auto hole = holeOf(leftOut.time);
-        hole->lines += std::max<int64_t>(leftOut.amount, 1);
-        hole->place = hole->place.line == 0 ? leftOut.place : hole->place;
-    }
-    for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
-        const Frame& row = scene.frames[frame];
-        const auto [place, last] = judging.LastOf(frame);
-        if (last == NO_TIME || !(row.isUntold || judging.IsDoubtful(frame))) {
-            continue;
-        }
-        const auto hole = holeOf(std::max(last, row.start));
-        if (row.isUntold) {
-            hole->untold.push_back(row.number);
-        }
-        hole->near.push_back(row.number);
-        if (hole->place.line == 0 && (row.isUntold || last >= hole->begin)) {
-            hole->place = place;
-        }
-    }
+    FillHoles(judging, holes);
     std::unordered_set<int64_t> known;
-    for (const Frame& row : scene.frames) {
+    for (const Frame& row : judging.scene.frames) {
         known.insert(row.number);
     }
-    for (Hole& hole : found) {
-        // Numbers between those that are told of, of which there is no line at all.
-        std::vector<int64_t> absent;
-        std::sort(hole.near.begin(), hole.near.end());
-        for (size_t i = 1; i < hole.near.size(); ++i) {
-            const int64_t from = hole.near[i - 1];
-            const auto missing = static_cast<uint64_t>(hole.near[i]) - static_cast<uint64_t>(from);
-            if (missing > 1 && missing < 100'000) {
-                for (int64_t number = from + 1; number < hole.near[i]; ++number) {
-                    if (!known.contains(number)) {
-                        absent.push_back(number);
-                    }
-                }
-            }
-        }
-        std::string around;
-        std::optional<int64_t> first;
-        if (!hole.untold.empty()) {
-            first = *std::min_element(hole.untold.begin(), hole.untold.end());
-        } else if (!hole.near.empty()) {
-            first = hole.near[hole.near.size() / 2];
-        }
-        if (first) {
-            around = fmt::format(" around frame {}", *first);
-        }
-        std::string text = fmt::format(
-            wording::LINES_LOST,
-            fmt::arg("lines", hole.lines > 1 ? fmt::format("{} lines", hole.lines) : "lines"),
-            fmt::arg("around", around));
-        std::vector<std::string> parts;
-        if (!hole.untold.empty()) {
-            parts.push_back(
-                fmt::format(wording::UNTOLD, fmt::arg("numbers", NumbersText(hole.untold))));
-        }
-        if (!absent.empty()) {
-            parts.push_back(fmt::format(wording::ABSENT, fmt::arg("numbers", NumbersText(absent))));
-        }
-        for (size_t i = 0; i < parts.size(); ++i) {
-            text += (i == 0 ? ": " : "; ") + parts[i];
-        }
-        Trouble& trouble = judging.Raise(Check::LinesLost, Severity::Warning, NO_INDEX, -1,
-                                         hole.place.line == 0 ? scene.from : hole.place, hole.begin,
-                                         std::move(text));
-        trouble.finding.frame = first;
-        trouble.absent = static_cast<int64_t>(absent.size());
+    for (const Hole& hole : holes) {
+        RaiseHole(judging, hole, AbsentOf(hole, known));
     }
 }
 

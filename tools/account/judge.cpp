@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <numeric>
 
 #include "tools/account/wording.h"
 #include "tools/base/text.h"
@@ -11,59 +12,47 @@ namespace tools {
 namespace {
 
 void MakeStatistics(Scene& scene) {
-    std::vector<Micros> values;
-    values.reserve(scene.frames.size());
+    std::vector<Micros> latencies, intervals;
     for (const Frame& frame : scene.frames) {
         if (frame.start != NO_TIME && frame.end != NO_TIME) {
-            values.push_back(frame.end - frame.start);
+            latencies.push_back(frame.end - frame.start);
         }
-    }
-    scene.latency = StatisticsOf(values);
-    values.clear();
-    for (const Frame& frame : scene.frames) {
         if (frame.interval != NO_TIME) {
-            values.push_back(frame.interval);
+            intervals.push_back(frame.interval);
         }
     }
-    scene.interval = StatisticsOf(values);
-    const auto ofStages = [&](auto lengthOf) {
-        std::vector<Statistics> statistics;
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            values.clear();
-            for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
-                const StageTimes times = scene.TimesOf(frame, stage);
-                if (times.wait != NO_TIME) {
-                    values.push_back(lengthOf(times));
-                }
+    scene.latency = StatisticsOf(latencies);
+    scene.interval = StatisticsOf(intervals);
+    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+        std::vector<Micros> stays, waits, works;
+        for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
+            const StageTimes times = scene.TimesOf(frame, stage);
+            if (times.wait != NO_TIME) {
+                stays.push_back(times.wait + times.work);
+                waits.push_back(times.wait);
+                works.push_back(times.work);
             }
-            statistics.push_back(StatisticsOf(values));
         }
-        return statistics;
-    };
-    scene.stages = ofStages([](const StageTimes& times) { return times.wait + times.work; });
-    scene.waits = ofStages([](const StageTimes& times) { return times.wait; });
-    scene.works = ofStages([](const StageTimes& times) { return times.work; });
+        scene.stages.push_back(StatisticsOf(stays));
+        scene.waits.push_back(StatisticsOf(waits));
+        scene.works.push_back(StatisticsOf(works));
+    }
 }
 
 // Frames that a hang or a slow stage left no room for were dropped because of it: it is told first,
 // and is as bad.
 void BlameForDrops(Judging& judging) {
-    for (Trouble& dropped : judging.troubles) {
-        const bool isSensorOwing =
-            dropped.finding.check == Check::Stuck && dropped.finding.stage == 0;
+    for (Trouble& trouble : judging.troubles) {
+        SceneFinding& finding = trouble.finding;
         for (const SlowRun& run : judging.slowRuns) {
-            if (isSensorOwing && run.stage > 0 && dropped.finding.time >= run.begin &&
-                dropped.finding.time <= run.end) {
-                dropped.finding.severity = Severity::Note;
+            if (finding.stage != 0 || run.stage <= 0 || finding.time < run.begin) {
+                continue;
             }
-        }
-        if (dropped.finding.check != Check::FrameLost || dropped.finding.stage != 0 ||
-            dropped.finding.time == NO_TIME) {
-            continue;
-        }
-        for (const SlowRun& run : judging.slowRuns) {
-            if (run.stage > 0 && dropped.finding.time >= run.begin &&
-                dropped.finding.time <= run.end + 2 * judging.schedule.Period()) {
+            if (finding.check == Check::Stuck && finding.time <= run.end) {
+                finding.severity = Severity::Note;
+            }
+            if (finding.check == Check::FrameLost &&
+                finding.time <= run.end + 2 * judging.schedule.Period()) {
                 judging.troubles[run.trouble].finding.severity = Severity::Error;
             }
         }
@@ -138,10 +127,7 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
         return;
     }
     const Schedule schedule(scene);
-    Judging judging{scene, schedule, resolution, {}, {}, {}, {}, {}, {}, {}, {}, {}, NO_INDEX};
-    judging.causes.assign(scene.frames.size(), 0);
-    judging.droppedBefore.assign(scene.frames.size(), 0);
-    judging.skipped.assign(scene.frames.size(), false);
+    Judging judging(scene, schedule, resolution);
     scene.isMixed = FindTwoObjects(judging);
     if (!scene.isMixed) {
         FindHoles(judging);
@@ -153,8 +139,8 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
         FindRestarts(judging);
         FindOrder(judging);
         FindRates(judging);
-        FindSlowForGood(judging);
         if (scene.hasTimes) {
+            FindSlowForGood(judging);
             FindLate(judging, scene.lateThreshold);
             FindSlowFirst(judging);
         }
@@ -201,6 +187,11 @@ void FindSeveralProcesses(Account& account) {
             }
         }
     }
+}
+
+// Of which count a frame is, and its number.
+std::pair<uint16_t, int64_t> KeyOf(const Frame& frame) {
+    return {frame.epoch, frame.number};
 }
 
 }  // namespace
@@ -270,6 +261,30 @@ void JoinFindings(Scene& scene, size_t toldOneByOne) {
                              std::pair(other.time, std::pair(other.place.input, other.place.line));
         });
     scene.findings = std::move(findings);
+}
+
+Judging::Judging(Scene& judged, const Schedule& itsSchedule, Micros ofTimes)
+    : scene(judged),
+      schedule(itsSchedule),
+      resolution(ofTimes),
+      byNumber(judged.frames.size()),
+      causes(judged.frames.size()),
+      droppedBefore(judged.frames.size()),
+      skipped(judged.frames.size()) {
+    std::iota(byNumber.begin(), byNumber.end(), 0);
+    std::stable_sort(byNumber.begin(), byNumber.end(), [this](uint32_t one, uint32_t other) {
+        return KeyOf(scene.frames[one]) < KeyOf(scene.frames[other]);
+    });
+}
+
+uint32_t Judging::FrameOf(uint16_t epoch, int64_t number) const {
+    const std::pair key(epoch, number);
+    const auto next = std::partition_point(byNumber.begin(), byNumber.end(), [&](uint32_t frame) {
+        return KeyOf(scene.frames[frame]) <= key;
+    });
+    return next != byNumber.begin() && KeyOf(scene.frames[*std::prev(next)]) == key
+               ? *std::prev(next)
+               : NO_INDEX;
 }
 
 Trouble& Judging::Raise(Check check, Severity severity, uint32_t frame, int32_t stage,

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,6 +25,8 @@ struct Trouble {
     int64_t absent = 0;  // How many frames it hides of which no line is left.
 };
 
+inline constexpr uint64_t MOST_MISSING = 100'000;  // Numbers in a row; more is another count.
+
 // Frames in a row that a stage was slow with, or too slow for good.
 struct SlowRun {
     int32_t stage = -1;
@@ -33,17 +36,20 @@ struct SlowRun {
 };
 
 struct Judging {
+    Judging(Scene& judged, const Schedule& itsSchedule, Micros ofTimes);
+
     Scene& scene;
     const Schedule& schedule;
     Micros resolution;
-    std::vector<Micros> holes;      // Moments at which lines are missing, ascending.
-    std::vector<Span> standstills;  // Nobody logged, though several stages were at work.
+    std::vector<uint32_t> byNumber;  // Indices of all frames, by count and number.
+    std::vector<Micros> holes;       // Moments at which lines are missing, ascending.
+    std::vector<Span> standstills;   // Nobody logged, though several stages were at work.
     std::vector<Trouble> troubles;
     std::vector<uint32_t> causes;  // For each frame: one more than the trouble it is part of.
     std::vector<SlowRun> slowRuns;
     std::vector<int64_t> droppedBefore;  // For each frame: how many the sensor dropped before it.
     std::vector<bool> skipped;           // Frames that are none: numbers that the HAL skipped.
-    std::vector<int64_t> droppedUnseen;  // Numbers without any line that the sensor dropped.
+    std::vector<int64_t> droppedUnseen;  // Numbers without any line that it dropped, ascending.
     std::optional<int32_t> neverHit;     // A stage that no frame ever left.
     uint32_t firstStarted = NO_INDEX;    // The first frame whose start is told of.
 
@@ -54,6 +60,13 @@ struct Judging {
         causes[frame] = static_cast<uint32_t>(trouble + 1);
     }
     bool IsExplained(uint32_t frame) const { return causes[frame] != 0; }
+    // The trouble that a frame is part of; null for none, and for no frame.
+    Trouble* TroubleOf(uint32_t frame) {
+        return frame != NO_INDEX && IsExplained(frame) ? &troubles[causes[frame] - 1] : nullptr;
+    }
+
+    // The last frame of that count and number; NO_INDEX where there is none.
+    uint32_t FrameOf(uint16_t epoch, int64_t number) const;
 
     // Whether lines about the frame may be missing: near those that there are, or until then.
     bool IsDoubtful(uint32_t frame, Micros until = NO_TIME) const;
@@ -67,6 +80,8 @@ struct Judging {
     bool IsOut(uint32_t frame) const;
     // How much of the time from one moment to the other everything stood still.
     Micros Stood(Micros from, Micros to) const;
+    // How long the stage worked on the frame while not everything stood; `unknown` where not known.
+    Micros WorkOf(uint32_t frame, int32_t stage, Micros unknown) const;
     // The first stage that the frame is not known to have left behind all that it has; stageCount
     // when there is none.
     int32_t NextStage(uint32_t frame) const;
@@ -75,8 +90,8 @@ struct Judging {
     std::string StageName(int32_t stage) const;
 };
 
-// Indices of all frames, by count and number.
-std::vector<uint32_t> ByNumber(const Scene& scene);
+// The frames that left the stage after that time, in that order.
+std::span<const uint32_t> LeftAfter(const Scene& scene, int32_t stage, Micros time);
 
 bool FindTwoObjects(Judging& judging);  // True: nothing else can be told.
 void FindHoles(Judging& judging);

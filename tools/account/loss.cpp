@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <map>
-#include <numeric>
 
 #include "tools/account/wording.h"
 #include "tools/base/text.h"
@@ -20,16 +19,6 @@ constexpr Micros RUNS_EMPTY = SECOND / 4;
 constexpr Micros SENSOR_MAY_OWE = SECOND;
 // Of a hole that swallowed frames there is a trace as near as that to those before and behind.
 constexpr Micros AT_HOLE = 20 * MILLISECOND;
-constexpr uint64_t MOST_MISSING = 100'000;  // More is another count.
-
-bool HasAnyLine(const Scene& scene, uint32_t frame) {
-    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-        if (scene.PassOf(frame, stage).HasLeft()) {
-            return true;
-        }
-    }
-    return false;
-}
 
 // What a frame stood until.
 const char* WhatEnded(const Scene& scene) {
@@ -38,124 +27,142 @@ const char* WhatEnded(const Scene& scene) {
                              : "the capture ended";
 }
 
-}  // namespace
-
-std::vector<uint32_t> ByNumber(const Scene& scene) {
-    std::vector<uint32_t> frames(scene.frames.size());
-    std::iota(frames.begin(), frames.end(), 0);
-    std::stable_sort(frames.begin(), frames.end(), [&scene](uint32_t one, uint32_t other) {
-        const Frame& a = scene.frames[one];
-        const Frame& b = scene.frames[other];
-        return std::pair(a.epoch, a.number) < std::pair(b.epoch, b.number);
-    });
-    return frames;
+std::string LostText(const std::vector<int64_t>& numbers, const std::string& stage, bool isEnded) {
+    std::string text = fmt::format(wording::LOST, fmt::arg("frames", FramesText(numbers)),
+                                   fmt::arg("stage", stage));
+    if (isEnded) {
+        text +=
+            fmt::format(wording::AND_ENDED, fmt::arg("it", numbers.size() == 1 ? "it" : "them"));
+    }
+    return text;
 }
+
+// What is between two frames that left stage 0 one after the other.
+struct Gap {
+    uint32_t next = NO_INDEX;  // The second of them.
+    // The number of the first, and when and where it left. The first of all comes after the one
+    // that opened it.
+    int64_t before = 0;
+    Micros from = NO_TIME, to = NO_TIME;
+    Place place;
+    uint64_t step = 1;             // From one number to the other; 1, too, where none is missing.
+    std::vector<int64_t> missing;  // Numbers of frames that have left no stage,
+    std::vector<uint32_t> rows;    // and those of these frames that have lines.
+};
+
+Gap GapBefore(const Judging& judging, size_t position) {
+    const Scene& scene = judging.scene;
+    Gap gap;
+    gap.next = scene.order[0][position];
+    gap.to = scene.PassOf(gap.next, 0).left;
+    uint16_t epoch = 0;
+    if (position == 0) {
+        gap.before = *scene.opener;
+        gap.from = scene.opened;
+        gap.place = scene.from;
+    } else {
+        const uint32_t first = scene.order[0][position - 1];
+        gap.before = scene.frames[first].number;
+        gap.from = scene.PassOf(first, 0).left;
+        gap.place = scene.PassOf(first, 0).place;
+        epoch = scene.frames[first].epoch;
+    }
+    const Frame& next = scene.frames[gap.next];
+    if (next.epoch == epoch && next.number > gap.before) {
+        gap.step = static_cast<uint64_t>(next.number) - static_cast<uint64_t>(gap.before);
+    }
+    if (gap.step <= MOST_MISSING) {
+        for (uint64_t i = 1; i < gap.step; ++i) {
+            const int64_t number = gap.before + static_cast<int64_t>(i);
+            const uint32_t row = judging.FrameOf(epoch, number);
+            if (row != NO_INDEX && judging.NextStage(row) > 0) {
+                continue;  // It is only that its end of stage 0 was not reported, or later.
+            }
+            gap.missing.push_back(number);
+            if (row != NO_INDEX) {
+                gap.rows.push_back(row);
+            }
+        }
+    }
+    return gap;
+}
+
+void RaiseSkipped(Judging& judging, const Gap& gap) {
+    for (const uint32_t row : gap.rows) {
+        judging.skipped[row] = true;
+        judging.Explain(row, judging.troubles.size());
+    }
+    const StagePass& pass = judging.scene.PassOf(gap.next, 0);
+    const int64_t next = judging.scene.frames[gap.next].number;
+    judging
+        .Raise(Check::FrameGap, Severity::Error, NO_INDEX, 0, pass.place, pass.left,
+               fmt::format(wording::SKIPPED, fmt::arg("frames", FramesText(gap.missing)),
+                           fmt::arg("were", gap.missing.size() == 1 ? "was" : "were"),
+                           fmt::arg("next", next), fmt::arg("before", gap.before)))
+        .finding.frame = next;
+}
+
+void RaiseDropped(Judging& judging, const Gap& gap) {
+    Scene& scene = judging.scene;
+    bool isEnded = !gap.rows.empty();
+    for (const uint32_t row : gap.rows) {
+        isEnded = isEnded && scene.frames[row].isEnded;
+        scene.frames[row].isNeverOut = true;
+        judging.Explain(row, judging.troubles.size());
+    }
+    for (const int64_t number : gap.missing) {
+        scene.neverOut.push_back(number);
+        if (judging.FrameOf(scene.frames[gap.next].epoch, number) == NO_INDEX) {
+            judging.droppedUnseen.push_back(number);
+        }
+    }
+    Trouble& trouble =
+        judging.Raise(Check::FrameLost, isEnded ? Severity::Warning : Severity::Error, NO_INDEX, 0,
+                      gap.rows.empty() ? gap.place : scene.frames[gap.rows.front()].place, gap.from,
+                      LostText(gap.missing, judging.StageName(0), isEnded));
+    trouble.finding.frame = gap.missing.front();
+    trouble.finding.frames = RangesOf(gap.missing);
+    trouble.cost = static_cast<int64_t>(gap.missing.size());
+    judging.droppedBefore[gap.next] = trouble.cost;
+}
+
+}  // namespace
 
 // Between two frames that left stage 0: dropped by the sensor if the time has gone by, else skipped
 // by the HAL.
 void FindMissingNumbers(Judging& judging) {
     Scene& scene = judging.scene;
-    if (scene.stageCount == 0 || (judging.neverHit && *judging.neverHit == 0)) {
+    const Schedule& schedule = judging.schedule;
+    if (scene.stageCount == 0 || judging.neverHit == 0) {
         return;
     }
     // Calls that are played without their times tell nothing by them.
-    const bool hasPace =
-        scene.hasTimes && judging.schedule.UsualWork(0) > judging.schedule.Period() / 2;
-    std::map<std::pair<uint16_t, int64_t>, uint32_t> known;  // Made when first needed.
-    const std::vector<uint32_t>& left = scene.order[0];
-    Micros lag = 0;
-    for (size_t i = scene.opener ? 0 : 1; i < left.size(); ++i) {
-        const Frame& next = scene.frames[left[i]];
-        const uint16_t epoch = i == 0 ? uint16_t{0} : scene.frames[left[i - 1]].epoch;
-        const int64_t before = i == 0 ? *scene.opener : scene.frames[left[i - 1]].number;
-        const Micros from = i == 0 ? scene.opened : scene.PassOf(left[i - 1], 0).left;
-        const Place place = i == 0 ? scene.from : scene.PassOf(left[i - 1], 0).place;
-        const bool isAhead = next.epoch == epoch && next.number > before;
-        const auto step =
-            isAhead ? static_cast<uint64_t>(next.number) - static_cast<uint64_t>(before) : 1;
-        const Micros to = scene.PassOf(left[i], 0).left;
-        const Micros period =
-            std::min(judging.schedule.PeriodAt(from), judging.schedule.PeriodAt(to));
-        // By how much stage 0 is behind the sensor: what it drops meanwhile takes no time here.
-        const Micros passed = lag + to - from;
-        lag = std::max<Micros>(
-            passed - static_cast<Micros>(std::min<uint64_t>(step, MOST_MISSING)) * period, 0);
-        if (step < 2 || step > MOST_MISSING) {
+    const bool hasPace = scene.hasTimes && schedule.UsualWork(0) > schedule.Period() / 2;
+    Micros lag = 0;  // By how much stage 0 is behind the sensor: drops meanwhile take no time here.
+    for (size_t i = scene.opener ? 0 : 1; i < scene.order[0].size(); ++i) {
+        const Gap gap = GapBefore(judging, i);
+        const Micros period = std::min(schedule.PeriodAt(gap.from), schedule.PeriodAt(gap.to));
+        const Micros passed = lag + gap.to - gap.from;
+        const auto step = static_cast<Micros>(std::min(gap.step, MOST_MISSING));
+        lag = std::max<Micros>(passed - step * period, 0);
+        if (gap.missing.empty()) {
             continue;
         }
-        if (known.empty()) {
-            for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
-                known[{scene.frames[frame].epoch, scene.frames[frame].number}] = frame;
-            }
-        }
-        std::vector<int64_t> missing;
-        std::vector<uint32_t> rows;
-        for (int64_t number = before + 1; number < next.number; ++number) {
-            const auto row = known.find({next.epoch, number});
-            if (row != known.end() && HasAnyLine(scene, row->second)) {
-                continue;  // It is only that its end of stage 0 was not reported, or later.
-            }
-            missing.push_back(number);
-            if (row != known.end()) {
-                rows.push_back(row->second);
-            }
-        }
-        // What a hole has swallowed shows where it begins or ends, and here.
-        const bool isHole = judging.HasHole(from - AT_HOLE, to + AT_HOLE);
-        if (missing.empty() || isHole) {
-            for (const uint32_t row : isHole ? rows : std::vector<uint32_t>()) {
+        const auto count = static_cast<Micros>(gap.missing.size());
+        if (judging.HasHole(gap.from - AT_HOLE, gap.to + AT_HOLE)) {
+            // What a hole has swallowed shows where it begins or ends, and here.
+            for (const uint32_t row : gap.rows) {
                 scene.frames[row].isUntold = true;
             }
-            continue;
-        }
-        const auto count = static_cast<Micros>(missing.size());
-        const bool isSkipped =
-            hasPace && judging.IsTimed(from, to) &&
-            passed < static_cast<Micros>(SKIPPED_SHARE * static_cast<double>((count + 1) * period));
-        const StagePass& pass = scene.PassOf(left[i], 0);
-        const uint32_t first = rows.empty() ? NO_INDEX : rows.front();
-        const size_t number = judging.troubles.size();
-        if (isSkipped) {
-            Trouble& trouble = judging.Raise(
-                Check::FrameGap, Severity::Error, NO_INDEX, 0, pass.place, pass.left,
-                fmt::format(wording::SKIPPED, fmt::arg("frames", FramesText(missing)),
-                            fmt::arg("were", missing.size() == 1 ? "was" : "were"),
-                            fmt::arg("next", next.number), fmt::arg("before", before)));
-            trouble.finding.frame = next.number;
-            for (const uint32_t row : rows) {
-                judging.skipped[row] = true;
-                judging.Explain(row, number);
-            }
-            continue;
-        }
-        const bool isEnded =
-            first != NO_INDEX && std::all_of(rows.begin(), rows.end(), [&scene](uint32_t row) {
-                return scene.frames[row].isEnded;
-            });
-        std::string text = fmt::format(wording::LOST, fmt::arg("frames", FramesText(missing)),
-                                       fmt::arg("stage", judging.StageName(0)));
-        if (isEnded) {
-            text += fmt::format(wording::AND_ENDED,
-                                fmt::arg("it", missing.size() == 1 ? "it" : "them"));
-        }
-        Trouble& trouble = judging.Raise(
-            Check::FrameLost, isEnded ? Severity::Warning : Severity::Error, NO_INDEX, 0,
-            first == NO_INDEX ? place : scene.frames[first].place, from, std::move(text));
-        trouble.finding.frame = missing.front();
-        trouble.finding.frames = RangesOf(missing);
-        trouble.cost = count;
-        judging.droppedBefore[left[i]] = count;
-        for (const uint32_t row : rows) {
-            scene.frames[row].isNeverOut = true;
-            judging.Explain(row, number);
-        }
-        for (const int64_t dropped : missing) {
-            scene.neverOut.push_back(dropped);
-            if (!known.contains({next.epoch, dropped})) {
-                judging.droppedUnseen.push_back(dropped);
-            }
+        } else if (hasPace && judging.IsTimed(gap.from, gap.to) &&
+                   passed < static_cast<Micros>(SKIPPED_SHARE *
+                                                static_cast<double>((count + 1) * period))) {
+            RaiseSkipped(judging, gap);
+        } else {
+            RaiseDropped(judging, gap);
         }
     }
+    std::sort(judging.droppedUnseen.begin(), judging.droppedUnseen.end());
 }
 
 namespace {
@@ -207,12 +214,8 @@ void RaiseLost(Judging& judging, const Lost& lost) {
     }
     const bool hasStage = lost.stage < scene.stageCount;
     std::string text =
-        fmt::format(wording::LOST, fmt::arg("frames", FramesText(numbers)),
-                    fmt::arg("stage", hasStage ? judging.StageName(lost.stage) : "the pipeline"));
-    if (lost.isEnded) {
-        text +=
-            fmt::format(wording::AND_ENDED, fmt::arg("it", numbers.size() == 1 ? "it" : "them"));
-    } else if (hasStage && lost.stage > 0 && lost.stage + 1 == scene.stageCount) {
+        LostText(numbers, hasStage ? judging.StageName(lost.stage) : "the pipeline", lost.isEnded);
+    if (!lost.isEnded && hasStage && lost.stage > 0 && lost.stage + 1 == scene.stageCount) {
         text += wording::OR_UNREPORTED;
     }
     const auto [place, time] = judging.LastOf(lost.frames.front());
@@ -280,18 +283,15 @@ void RaiseStanding(Judging& judging, Standing& standing, Micros stop, const char
 
 // When the first frame behind this one left the stage after that moment; NO_TIME when none did.
 Micros PassedAt(const Scene& scene, uint32_t frame, int32_t stage, Micros since) {
-    if (stage >= scene.stageCount) {
-        return NO_TIME;
-    }
-    const std::vector<uint32_t>& left = scene.order[static_cast<size_t>(stage)];
     const Frame& row = scene.frames[frame];
-    auto next = std::partition_point(left.begin(), left.end(), [&](uint32_t other) {
-        return scene.PassOf(other, stage).left <= since;
-    });
-    next = std::find_if(next, left.end(), [&](uint32_t other) {
-        return scene.frames[other].epoch == row.epoch && scene.frames[other].number > row.number;
-    });
-    return next == left.end() ? NO_TIME : scene.PassOf(*next, stage).left;
+    if (stage < scene.stageCount) {
+        for (const uint32_t other : LeftAfter(scene, stage, since)) {
+            if (scene.frames[other].epoch == row.epoch && scene.frames[other].number > row.number) {
+                return scene.PassOf(other, stage).left;
+            }
+        }
+    }
+    return NO_TIME;
 }
 
 // How far each stage has got, and in the last place the ends of frames, in each count of numbers.
@@ -315,7 +315,7 @@ std::vector<int64_t> NewestOf(const Scene& scene, size_t epochs) {
 
 void FindLost(Judging& judging) {
     Scene& scene = judging.scene;
-    const std::vector<uint32_t> frames = ByNumber(scene);
+    const std::vector<uint32_t>& frames = judging.byNumber;
     const std::vector<Micros> stops = StopsOf(scene, frames);
     const std::vector<int64_t> newest = NewestOf(scene, stops.size());
     const auto stages = static_cast<size_t>(scene.stageCount);
@@ -324,7 +324,7 @@ void FindLost(Judging& judging) {
     std::vector<Standing> standing(stops.size());
     for (const uint32_t frame : frames) {
         Frame& row = scene.frames[frame];
-        const bool hasLines = HasAnyLine(scene, frame);
+        const bool hasLines = judging.NextStage(frame) > 0;
         const bool isOpener = !row.isStarted && !row.isGap && frame == frames.front() &&
                               judging.NextStage(frame) <= 1;  // In the pipeline before the scene.
         const int32_t stage = hasStages ? judging.NextStage(frame) : scene.stageCount;
@@ -374,7 +374,7 @@ void FindLost(Judging& judging) {
 // old ones.
 void FindRestarts(Judging& judging) {
     Scene& scene = judging.scene;
-    const std::vector<uint32_t> frames = ByNumber(scene);
+    const std::vector<uint32_t>& frames = judging.byNumber;
     for (int32_t epoch = 1; !frames.empty() && epoch <= scene.frames[frames.back()].epoch;
          ++epoch) {
         std::vector<int64_t> refused, flushed;
@@ -391,7 +391,7 @@ void FindRestarts(Judging& judging) {
                     explained.push_back(frame);
                 }
                 // One that has left no stage had only been opened.
-                if (isFlushed && HasAnyLine(scene, frame)) {
+                if (isFlushed && judging.NextStage(frame) > 0) {
                     flushed.push_back(row.number);
                     row.isNeverOut = true;
                 }

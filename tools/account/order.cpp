@@ -10,7 +10,6 @@ namespace {
 class OrderFinder {
   public:
     explicit OrderFinder(Judging& sceneJudging) : judging(sceneJudging), scene(judging.scene) {
-        frames = ByNumber(scene);
         FindOvertaken();
         for (const Scene::Repeat& repeat : scene.repeats) {
             repeats.resize(scene.frames.size(), nullptr);
@@ -22,7 +21,7 @@ class OrderFinder {
 
     void Find() {
         bool hasStarted = false, isAfterUntold = false;
-        for (const uint32_t frame : frames) {
+        for (const uint32_t frame : judging.byNumber) {
             Frame& row = scene.frames[frame];
             // What follows one of which nothing is known may suffer from that.
             row.isUntold = row.isUntold || (isAfterUntold && cause == 0 && !row.isStarted &&
@@ -114,7 +113,7 @@ class OrderFinder {
             return;
         }
         // One that was only opened, and never came.
-        if (row.isGap && frame == frames.back() && judging.NextStage(frame) == 0 &&
+        if (row.isGap && frame == judging.byNumber.back() && judging.NextStage(frame) == 0 &&
             judging.schedule.LastStage() >= 0) {
             return;
         }
@@ -241,7 +240,6 @@ class OrderFinder {
 
     Judging& judging;
     Scene& scene;
-    std::vector<uint32_t> frames;                         // By number.
     std::vector<std::pair<int32_t, uint32_t>> overtaken;  // The first such stage, and by whom.
     std::vector<const Scene::Repeat*> repeats;            // The first; empty where there is none.
     uint32_t cause = 0;  // As Judging::causes: of the frame before, if it opened none.

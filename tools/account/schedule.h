@@ -61,16 +61,8 @@ class Schedule {
 
   private:
     static size_t Index(int32_t stage) { return static_cast<size_t>(stage); }
-    struct Coming {
-        Micros time, interval;  // From the one before, for each frame of which it was one.
-        Place place;
-        int64_t number;
-        uint16_t epoch;
-        bool isAfterGap;  // Numbers are missing before it.
-    };
-    std::vector<Coming> Comings() const;
-    void FindRates(const std::vector<Coming>& comings);
     void FindKeptBack(int32_t stage);
+    bool KeepsUp(int32_t stage, const std::vector<Micros>& inside) const;
 
     const Scene& scene;
     size_t stageCount;
