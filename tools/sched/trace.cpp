@@ -186,15 +186,16 @@ void TraceReader::Read(std::string_view bytes) {
         const size_t end = bytes.find('\n');
         if (end == std::string_view::npos) {
             // What is longer than any line of a trace is none.
-            rest.append(bytes.substr(0, LONGEST_LINE - std::min(rest.size(), LONGEST_LINE)));
+            unfinished.append(
+                bytes.substr(0, LONGEST_LINE - std::min(unfinished.size(), LONGEST_LINE)));
             return;
         }
-        if (rest.empty()) {
+        if (unfinished.empty()) {
             TakeLine(bytes.substr(0, end));
         } else {
-            rest.append(bytes.substr(0, end));
-            TakeLine(rest);
-            rest.clear();
+            unfinished.append(bytes.substr(0, end));
+            TakeLine(unfinished);
+            unfinished.clear();
         }
         bytes.remove_prefix(end + 1);
     }
@@ -356,9 +357,9 @@ void TraceReader::Add(const SchedEvent& event) {
 }
 
 void TraceReader::End() {
-    if (!rest.empty()) {
-        TakeLine(rest);
-        rest.clear();
+    if (!unfinished.empty()) {
+        TakeLine(unfinished);
+        unfinished.clear();
     }
 }
 

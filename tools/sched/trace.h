@@ -97,7 +97,7 @@ class TraceReader : public TextSink {
     friend bool IsTrace(std::string_view beginning);
 
     SchedTrace trace;
-    std::string rest;                               // Of a line that is not whole yet.
+    std::string unfinished;                         // A line that is not whole yet.
     std::unordered_map<int64_t, uint32_t> threads;  // By id; the idle tasks by -1 - CPU.
     struct Cpu {
         Micros last = NO_TIME;
