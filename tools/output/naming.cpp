@@ -191,7 +191,8 @@ Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
 }
 
 Rows WaitingOf(const Scheduling& scheduling, const SceneScheduling& scene) {
-    Rows table = {{"of threads", "n", "p50", "p99", "p50 outside of scenes", "p99"}};
+    Rows table = {{"threads", "how many", "p50 in the scene", "p99 in the scene", "p50 outside",
+                   "p99 outside"}};
     const auto add = [&table](const char* name, const Waiting& waiting) {
         if (waiting.threads == 0) {
             return;

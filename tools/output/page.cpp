@@ -201,16 +201,18 @@ class Page {
     }
 
     // The first row has the columns' names.
-    void WriteRows(const std::string& label, const std::string& caption, const Rows& rows) {
-        BeginTable(label, "", caption);
-        const char* cell = "<th scope=col>";
-        for (const auto& row : rows) {
+    void WriteRows(const std::string& label, const char* attributes, const std::string& caption,
+                   const Rows& rows) {
+        BeginTable(label, attributes, caption);
+        for (size_t row = 0; row < rows.size(); ++row) {
             out << "<tr>";
-            for (const std::string& text : row) {
-                out << cell << Name{text};
+            for (size_t column = 0; column < rows[row].size(); ++column) {
+                out << (row == 0      ? "<th scope=col>"
+                        : column == 0 ? "<th scope=row class=name>"
+                                      : "<td class=name>")
+                    << Name{rows[row][column]};
             }
             out << "</tr>\n";
-            cell = "<td class=name>";
         }
         out << "</table></div>\n";
     }
@@ -250,10 +252,10 @@ class Page {
         }
         if (scheduling != nullptr && !scheduling->scenes[index].threads.empty()) {
             const SceneScheduling& threads = scheduling->scenes[index];
-            WriteRows(fmt::format("Threads of scene {}", index + 1), THREADS_CAPTION,
-                      ThreadsOf(*scheduling, threads));
-            WriteRows(fmt::format("Waiting of scene {}", index + 1), WAITING_CAPTION,
-                      WaitingOf(*scheduling, threads));
+            WriteRows(fmt::format("Threads of scene {}", index + 1), " class=figures",
+                      THREADS_CAPTION, ThreadsOf(*scheduling, threads));
+            WriteRows(fmt::format("Waiting of scene {}", index + 1), " class=figures",
+                      WAITING_CAPTION, WaitingOf(*scheduling, threads));
         }
         out << "</section>\n";
     }
@@ -424,7 +426,8 @@ class Page {
                     << "</tr>\n";
             }
             out << "</table></div>\n";
-            WriteRows("Stages of configuration" + number, "Stages", StagesOf(one.configuration));
+            WriteRows("Stages of configuration" + number, "", "Stages",
+                      StagesOf(one.configuration));
             const char* begin = "<ol class=findings>";
             for (const Finding& finding : one.findings) {
                 out << std::exchange(begin, "") << "<li class=" << NameOf(finding.severity) << '>';

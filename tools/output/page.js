@@ -390,9 +390,13 @@
         wait: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h - 4, w, 4]),
         since: (pen, x, y, w, h) => w > 3 ? outline(pen, 'bars', 1, x + 0.5, y + 0.5, w - 1, h - 7)
             : fill(pen, 'bars', [x, y, w, h - 6]),
-        stands: (pen, x, y, w, h) => {
+        // With a cross where it ends.
+        stands: (pen, x, y, w, h, isOver = true) => {
             for (let dash = x; dash < x + w; dash += 6) {
                 fill(pen, 'bad', [dash, y + h / 2 - 2, Math.min(4, x + w - dash), 4]);
+            }
+            if (!isOver) {
+                return;
             }
             pen.lineWidth = 2;
             pen.strokeStyle = color('bad');
@@ -515,25 +519,39 @@
             const to = xOf(scene.until[stage][i]);
             if (to > gutter && from < breadth) {
                 const at = Math.max(from, gutter);
-                shapes.stands(pen, at, y, Math.min(to, breadth - 5) - at, height);
+                const isOver = to < breadth + 5;
+                shapes.stands(pen, at, y, (isOver ? Math.min(to, breadth - 5) : breadth) - at, height,
+                    isOver);
             }
         }
     }
 
     const STATES = ['running', 'runnable', null, 'blocked'];
 
+    // What is shorter than a pixel shares it with what else is there, by how long each takes.
     function drawThread(pen, { begin, end, codes }, y, height) {
+        const pixel = timeAt(1) - timeAt(0);
+        const shares = new Map();
         for (let k = search(0, end.length, (i) => end[i] >= view.from);
             k < end.length && begin[k] <= view.to; ++k) {
+            const state = STATES[codes[k] & 7];
             const x = Math.max(xOf(begin[k]), gutter);
-            const to = xOf(end[k]);
-            shapes[STATES[codes[k] & 7]](pen, x, y, Math.max(Math.min(to, breadth) - x, 1), height);
-            // Of those within a pixel one is drawn, the longest wait before others.
-            const next = timeAt(Math.max(to, x) + 1);
-            for (; k + 1 < end.length && end[k + 1] < next; ++k) {
-                if ((codes[k + 1] & 7) === 1) {
-                    shapes.runnable(pen, xOf(begin[k + 1]), y, 1, height);
-                }
+            const width = Math.min(xOf(end[k]), breadth) - x;
+            if (width >= 1) {
+                shapes[state](pen, x, y, width, height);
+                continue;
+            }
+            const at = Math.floor(x);
+            const share = shares.get(at) ?? {};
+            share[state] = (share[state] ?? 0) + (end[k] - begin[k]) / pixel;
+            shares.set(at, share);
+        }
+        for (const [x, share] of shares) {
+            let top = y + height;
+            for (const state of ['running', 'blocked', 'runnable']) {
+                const high = share[state] ? Math.max(share[state] * height, 2) : 0;
+                top = Math.max(top - high, y);
+                shapes[state](pen, x, top, 1, high);
             }
         }
     }
@@ -802,7 +820,8 @@
 
     const momentOf = (i) => [scene.out[i], ...scene.left.map((left) => left[i]), scene.start[i],
         scene.end[i]].find((time) => !isNaN(time)) ?? 0;
-    function choose(i, isStep = true) {
+    // `moves`: what is shown goes to the frame if it is elsewhere.
+    function choose(i, isStep = true, moves = true) {
         chosen = i;
         if (i >= 0) {
             const time = momentOf(i);
@@ -810,7 +829,7 @@
                 : `stage ${stage}: ${ms(left[i] - scene.came[stage][i])}`);
             say(`Frame ${scene.numbers[i]}: ${wordsOf(i)}, ${seconds(time)} into the scene; ` +
                 stays.join(', '));
-            if (time < view.from || time > view.to) {
+            if (moves && (time < view.from || time > view.to)) {
                 const half = (view.to - view.from) / 2;
                 look(time - half, time + half);
             }
@@ -822,12 +841,11 @@
     }
 
     function jump(direction) {
-        const middle = (view.from + view.to) / 2;
         const all = marks().sort((a, b) => a.time - b.time);
         const after = (time) => search(0, all.length, (k) => all[k].time > time);
         const last = all.indexOf(visited);  // Several may be at one time, or near the scene's end.
-        const next = all[last >= 0 ? last + direction : direction > 0 ? after(middle + 1e-6)
-            : after(middle - 1e-6) - 1];
+        const next = all[last >= 0 ? last + direction : direction > 0 ? after(view.from)
+            : after(view.to) - 1];
         if (!next) {
             say(`There is no ${direction > 0 ? 'later' : 'earlier'} finding in this scene.`);
             return;
@@ -902,7 +920,7 @@
             say(hit.text);
             hit.finding.item.querySelector('details')?.setAttribute('open', '');
         } else if (isClick) {
-            choose(hit?.frame ?? -1);
+            choose(hit?.frame ?? -1, true, false);
         }
     });
     canvas.addEventListener('pointerleave', () => show(null));
@@ -1013,6 +1031,8 @@
         if (to > from) {
             view = { from: clamp(from, 0, scene.stop), to: clamp(to, 0, scene.stop) };
             look(view.from, view.to);
+            // A finding's link shows a second behind it.
+            visited = marks().find((one) => Math.abs(one.time - (to - 1)) < 0.002) ?? null;
         }
         chosen = -1;
         if (asked.get('frame')) {
@@ -1021,7 +1041,7 @@
                 const time = momentOf(found);
                 look(time - 0.15, time + 0.15);
             }
-            choose(found, false);
+            choose(found, false, !(to > from));
         }
         redraw();
         if (wanted >= 0 && document.activeElement?.matches('a')) {

@@ -82,7 +82,10 @@ class CauseFinder {
                 return one->shares[static_cast<size_t>(state)] <
                        other->shares[static_cast<size_t>(state)];
             });
-        Tell(finding, shown->thread, shown->span, state, uses.size() > 1);
+        const auto frame = static_cast<size_t>(shown - scheduling.uses.data()) /
+                           static_cast<size_t>(scene.stageCount);
+        Tell(finding, shown->thread, shown->span, state,
+             uses.size() > 1 ? std::optional(scene.frames[frame].number) : std::nullopt);
     }
 
     // What the thread of a stage in which frames stood did until the end.
@@ -101,10 +104,13 @@ class CauseFinder {
         }
         const Shares shares = states.SharesOf(thread->first, span);
         const auto most = std::max_element(shares.begin(), shares.end());
-        Tell(finding, thread->first, span, static_cast<ThreadState>(most - shares.begin()), false);
+        Tell(finding, thread->first, span, static_cast<ThreadState>(most - shares.begin()),
+             std::nullopt);
     }
 
-    void Tell(SceneFinding& finding, uint32_t thread, Span span, ThreadState state, bool isOfOne) {
+    // `frame`: which one it is told of, where the finding is about several.
+    void Tell(SceneFinding& finding, uint32_t thread, Span span, ThreadState state,
+              std::optional<int64_t> frame) {
         std::set<uint32_t> seen;
         Follow(finding.chain, thread, span, state, seen);
         if (finding.chain.empty()) {
@@ -112,7 +118,10 @@ class CauseFinder {
         }
         std::string text =
             finding.check == Check::SlowStage ? ", of which its thread " : "; thread ";
-        text = isOfOne ? "; of one of them its thread " : text;
+        if (frame) {
+            text = fmt::format("; of the {} ms of frame {} its thread ", Ms(span.end - span.begin),
+                               *frame);
+        }
         text += NameOfThread(thread, finding.check != Check::SlowStage) + ' ';
         for (size_t i = 0; i < finding.chain.size(); ++i) {
             text += (i > 0 ? ", which " : "") + TextOf(finding.chain[i]);
