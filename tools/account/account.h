@@ -103,8 +103,9 @@ struct CauseLink {
     int32_t thread = 0;  // Its id in the trace.
     std::string name;
     ThreadState state = ThreadState::Unknown;
-    Micros begin = NO_TIME, length = 0;
-    int32_t cpu = -1;  // That it ran on, or waited for.
+    Micros length = 0;                  // In that state, all in all,
+    Micros begin = NO_TIME, piece = 0;  // and the longest time of it.
+    int32_t cpu = -1;                   // That it ran on, or waited for.
     bool isWoken = false, isByInterrupt = false;
     std::string waker;  // "18890 (sensor)": the thread that woke it, which the next link is about.
     struct Ran {
@@ -222,6 +223,8 @@ struct Scene {
     bool hasEnd = false;              // Its end is in the capture.
     bool isGoingOn = false;           // More may come: it is only looked at.
     bool isBeginningMissing = false;  // The capture starts in its middle.
+    bool isOfCounters = false;        // A trace's counters tell of it: nothing of frames that were
+                                // refused or pushed out.
     bool isMixed = false;     // Worked out: of two objects at once, so that nothing can be told.
     bool isAfterEnd = false;  // It goes on where a scene of the process had just ended.
     bool hasTimes = false, hasThreads = false;
@@ -311,6 +314,9 @@ struct Account {
 
 // The worst of all findings but the checker's; a note when there is none.
 Severity WorstOf(const Account& account);
+
+// Why it is not known what became of frames.
+const char* WhyUntold(const Account& account);
 
 // What came of it all, in a sentence.
 std::string VerdictOf(const Account& account);

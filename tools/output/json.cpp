@@ -95,7 +95,7 @@ Json ToJson(const SceneScheduling& scene, const SchedTrace& trace) {
         Json thread = {{"thread", trace.threads[use.thread].tid},
                        {"name", trace.threads[use.thread].name},
                        {"stages", use.stages},
-                       {"handed", use.isHanded}};
+                       {"handed", scene.isHandedKnown ? Json(use.isHanded) : Json()}};
         Add(thread, use.shares);
         threads.push_back(std::move(thread));
     }

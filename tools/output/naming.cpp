@@ -88,6 +88,9 @@ std::string DescriptionOf(const Frame& frame) {
 }
 
 double RateOf(const Scene& scene) {
+    if (scene.isOfCounters && scene.untold > 0) {
+        return 0;
+    }
     Micros passed = 0;
     int64_t count = 0;
     for (const Frame& frame : scene.frames) {
@@ -177,9 +180,9 @@ Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
         std::vector<std::string> row = {
             Printable(thread.name), std::to_string(thread.tid),
             use.stages.empty() ? "-" : fmt::format("{}", fmt::join(use.stages, " ")),
-            scheduling.isAlone ? "?"
-            : use.isHanded     ? "yes"
-                               : "no"};
+            !scene.isHandedKnown ? "?"
+            : use.isHanded       ? "yes"
+                                 : "no"};
         for (const ThreadState state :
              {ThreadState::Running, ThreadState::Runnable, ThreadState::Sleeping,
               ThreadState::Blocked, ThreadState::Unknown}) {
@@ -190,7 +193,7 @@ Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
     return table;
 }
 
-Rows WaitingOf(const Scheduling& scheduling, const SceneScheduling& scene) {
+Rows WaitingOf(const SceneScheduling& scene) {
     Rows table = {{"threads", "how many", "p50 in the scene", "p99 in the scene", "p50 outside",
                    "p99 outside"}};
     const auto add = [&table](const char* name, const Waiting& waiting) {
@@ -205,7 +208,7 @@ Rows WaitingOf(const Scheduling& scheduling, const SceneScheduling& scene) {
         table.push_back(row);
     };
     add("handed to the service", scene.handed);
-    add(scheduling.isAlone ? "of the pipeline" : "of the pipeline, not handed", scene.others);
+    add(!scene.isHandedKnown ? "of the pipeline" : "of the pipeline, not handed", scene.others);
     return table;
 }
 

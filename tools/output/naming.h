@@ -47,7 +47,7 @@ inline constexpr char THREADS_CAPTION[] =
 inline constexpr char WAITING_CAPTION[] =
     "Waited for a CPU in each frame period, all threads together, milliseconds";
 Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene);
-Rows WaitingOf(const Scheduling& scheduling, const SceneScheduling& scene);
+Rows WaitingOf(const SceneScheduling& scene);
 
 // Which frames a table shows: those that are not complete, or late, unless told otherwise.
 struct Shown {

@@ -243,8 +243,8 @@ class Page {
         }
         out << ".";
         if (scene.untold > 0) {
-            out << " What became of " << scene.untold
-                << " cannot be told, as lines of the log are missing.";
+            out << " What became of " << scene.untold << " cannot be told, as "
+                << WhyUntold(account) << '.';
         }
         out << "</p>\n";
         if (account.hasTimes && !scene.frames.empty()) {
@@ -255,7 +255,7 @@ class Page {
             WriteRows(fmt::format("Threads of scene {}", index + 1), " class=figures",
                       THREADS_CAPTION, ThreadsOf(*scheduling, threads));
             WriteRows(fmt::format("Waiting of scene {}", index + 1), " class=figures",
-                      WAITING_CAPTION, WaitingOf(*scheduling, threads));
+                      WAITING_CAPTION, WaitingOf(threads));
         }
         out << "</section>\n";
     }

@@ -95,7 +95,7 @@ void WriteFigures(std::ostream& out, const Account& account, const Scene& scene)
     out << "\nFrames: " << FramesByStatus(scene) << ".\n";
     if (scene.untold > 0) {
         out << "What became of " << scene.untold
-            << " of them cannot be told: lines of the log are missing.\n";
+            << " of them cannot be told: " << WhyUntold(account) << ".\n";
     }
     if (!account.hasTimes) {
         out << "The capture has no times: no durations, and nothing is known to be late or slow.\n";
@@ -233,7 +233,7 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
                 out << '\n' << THREADS_CAPTION << ":\n";
                 WriteTable(out, ThreadsOf(*scheduling, scheduling->scenes[i]), Columns::Figures);
                 out << '\n' << WAITING_CAPTION << ":\n";
-                WriteTable(out, WaitingOf(*scheduling, scheduling->scenes[i]), Columns::Figures);
+                WriteTable(out, WaitingOf(scheduling->scenes[i]), Columns::Figures);
             }
             WriteFrames(out, account, scene, shown);
         }

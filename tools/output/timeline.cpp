@@ -183,7 +183,7 @@ Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneSche
         });
         ThreadData data(scene.begin);
         for (const CauseLink* link : links) {
-            data.Add({link->begin, link->begin + link->length}, link->state, link->cpu);
+            data.Add({link->begin, link->begin + link->piece}, link->state, link->cpu);
         }
         threads.push_back(data.Told(-1, tid, links.front()->name));
     }
@@ -196,7 +196,7 @@ Json WakesOf(const Scene& scene) {
     for (const SceneFinding& finding : scene.findings) {
         for (size_t i = 0; i + 1 < finding.chain.size(); ++i) {
             const CauseLink& link = finding.chain[i];
-            wakes.push_back({{"time", Seconds(link.begin + link.length - scene.begin)},
+            wakes.push_back({{"time", Seconds(link.begin + link.piece - scene.begin)},
                              {"from", finding.chain[i + 1].thread},
                              {"to", link.thread}});
         }

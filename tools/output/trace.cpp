@@ -341,12 +341,12 @@ void WriteThread(Events& events, const View& view, const Scheduling& scheduling,
                                  : it->state == ThreadState::Blocked  ? "blocked"
                                                                       : nullptr;
         if (name != nullptr) {
-            const Micros begin = std::max(it->begin, span.begin);
-            events.Add(
-                'X', view.process, scheduling.tie->ToLog(begin), name,
-                fmt::format(
-                    R"(,"tid":{},"dur":{}{})", track, std::min(it->end, span.end) - begin,
-                    isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", it->cpu) : std::string()));
+            const Micros begin = scheduling.tie->ToLog(std::max(it->begin, span.begin));
+            const Micros end = scheduling.tie->ToLog(std::min(it->end, span.end));
+            events.Add('X', view.process, scheduling.tie->ToLog(begin), name,
+                       fmt::format(R"(,"tid":{},"dur":{}{})", track, end - begin,
+                                   isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", it->cpu)
+                                             : std::string()));
         }
     }
 }
@@ -370,14 +370,23 @@ void WriteChains(Events& events, const View& view, ThreadTracks& tracks) {
             const std::string name =
                 fmt::format("{} for frame {}", NameOf(link.state), finding.frame.value_or(0));
             events.Add('X', view.process, link.begin, name,
-                       fmt::format(R"({},"dur":{})", where, link.length));
-            const bool isFirst = i == finding.chain.size();
-            events.Add(isFirst  ? 's'
-                       : i == 1 ? 'f'
-                                : 't',
-                       view.process, link.begin, "cause",
-                       fmt::format(R"({},"cat":"cause","id":"cause {}.{}"{})", where, view.process,
-                                   chains, isFirst ? "" : R"(,"bp":"e")"));
+                       fmt::format(R"({},"dur":{})", where, link.piece));
+            // At the moment of the wake, from the one that wakes to the one that is woken.
+            const auto arrow = [&](char phase, const CauseLink& woken) {
+                const Micros wake = woken.begin + woken.piece - 1;
+                events.Add('X', view.process, wake, phase == 's' ? "wakes" : "is woken",
+                           where + R"(,"dur":1)");
+                events.Add(
+                    phase, view.process, wake, "cause",
+                    fmt::format(R"({},"cat":"cause","id":"cause {}.{}.{}"{})", where, view.process,
+                                chains, woken.thread, phase == 's' ? "" : R"(,"bp":"e")"));
+            };
+            if (i > 1) {
+                arrow('s', finding.chain[i - 2]);
+            }
+            if (i < finding.chain.size()) {
+                arrow('f', link);
+            }
         }
     }
 }

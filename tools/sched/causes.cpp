@@ -36,6 +36,12 @@ class CauseFinder {
           trace(threadStates.Trace()) {}
 
     void Find(SceneFinding& finding) {
+        if (finding.check == Check::Standstill) {
+            return FindOfStandstill(finding);
+        }
+        if (finding.stage < 0 || finding.stage >= scene.stageCount) {
+            return;
+        }
         switch (finding.check) {
             case Check::SlowStage:
             case Check::SensorStall:
@@ -50,6 +56,7 @@ class CauseFinder {
   private:
     // Why the stage took longer for these frames than it usually does.
     void FindOfFrames(SceneFinding& finding) {
+        const std::optional<Shares>& usual = scheduling.usual[static_cast<size_t>(finding.stage)];
         std::vector<const StageUse*> uses;
         Shares excess{};
         for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
@@ -60,14 +67,13 @@ class CauseFinder {
                     return row.number >= range.first && row.number <= range.last;
                 });
             // Numbers may start again.
-            if (!isMeant || use.thread == NO_THREAD ||
+            if (!isMeant || !usual || use.thread == NO_THREAD ||
                 use.span.end < tie.ToTrace(finding.time) - MILLISECOND) {
                 continue;
             }
             uses.push_back(&use);
             for (size_t state = 0; state < THREAD_STATES; ++state) {
-                excess[state] +=
-                    use.shares[state] - scheduling.usual[static_cast<size_t>(finding.stage)][state];
+                excess[state] += use.shares[state] - (*usual)[state];
             }
         }
         const auto worst = std::max_element(excess.begin(), excess.end());
@@ -84,8 +90,42 @@ class CauseFinder {
             });
         const auto frame = static_cast<size_t>(shown - scheduling.uses.data()) /
                            static_cast<size_t>(scene.stageCount);
-        Tell(finding, shown->thread, shown->span, state,
-             uses.size() > 1 ? std::optional(scene.frames[frame].number) : std::nullopt);
+        const Telling telling = {
+            uses.size() > 1 ? std::optional(scene.frames[frame].number) : std::nullopt, longer};
+        // What it did besides, where that is much, too.
+        const Micros others = longer - *worst;
+        const Micros waited = excess[static_cast<size_t>(ThreadState::Runnable)];
+        std::string besides;
+        if (state == ThreadState::Running && waited * 4 >= longer) {
+            besides = fmt::format(" and waited {} ms for a CPU", Ms(waited));
+        } else if (state == ThreadState::Running && others * 10 < longer) {
+            besides = ": the node itself";
+        }
+        Tell(finding, shown->thread, shown->span, state, telling, besides);
+    }
+
+    // Nobody logged anything: whether the threads had no CPU.
+    void FindOfStandstill(SceneFinding& finding) {
+        const auto silence = std::find_if(
+            scene.silences.begin(), scene.silences.end(),
+            [&finding](const Scene::Silence& one) { return one.begin == finding.time; });
+        if (silence == scene.silences.end()) {
+            return;
+        }
+        const Span span = {tie.ToTrace(silence->begin), tie.ToTrace(silence->end)};
+        uint32_t worst = NO_THREAD;
+        Micros most = (span.end - span.begin) / 2;
+        for (const ThreadUse& use : scheduling.threads) {
+            const Micros waited =
+                states.SharesOf(use.thread, span)[static_cast<size_t>(ThreadState::Runnable)];
+            if (!use.stages.empty() && waited > most) {
+                worst = use.thread;
+                most = waited;
+            }
+        }
+        if (worst != NO_THREAD) {
+            Tell(finding, worst, span, ThreadState::Runnable, {std::nullopt, most});
+        }
     }
 
     // What the thread of a stage in which frames stood did until the end.
@@ -105,40 +145,54 @@ class CauseFinder {
         const Shares shares = states.SharesOf(thread->first, span);
         const auto most = std::max_element(shares.begin(), shares.end());
         Tell(finding, thread->first, span, static_cast<ThreadState>(most - shares.begin()),
-             std::nullopt);
+             {std::nullopt, *most});
     }
 
-    // `frame`: which one it is told of, where the finding is about several.
+    struct Telling {
+        std::optional<int64_t>
+            frame;      // Which one it is told of, where the finding is about several.
+        Micros excess;  // What has to be explained.
+    };
+
     void Tell(SceneFinding& finding, uint32_t thread, Span span, ThreadState state,
-              std::optional<int64_t> frame) {
+              const Telling& telling, const std::string& besides = "") {
         std::set<uint32_t> seen;
-        Follow(finding.chain, thread, span, state, seen);
+        Follow(finding.chain, thread, span, state, telling.excess, seen);
         if (finding.chain.empty()) {
             return;
         }
-        std::string text =
-            finding.check == Check::SlowStage ? ", of which its thread " : "; thread ";
-        if (frame) {
+        const bool isSlow = finding.check == Check::SlowStage;
+        std::string text = isSlow ? ", of which its thread " : "; thread ";
+        if (telling.frame) {
             text = fmt::format("; of the {} ms of frame {} its thread ", Ms(span.end - span.begin),
-                               *frame);
+                               *telling.frame);
         }
-        text += NameOfThread(thread, finding.check != Check::SlowStage) + ' ';
+        text += NameOfThread(thread, !isSlow) + ' ';
         for (size_t i = 0; i < finding.chain.size(); ++i) {
             text += (i > 0 ? ", which " : "") + TextOf(finding.chain[i]);
         }
-        const bool isNode = finding.chain.size() == 1 && state == ThreadState::Running;
-        finding.message.insert(std::min(finding.stem, finding.message.size()),
-                               text + (isNode ? ": the node itself" : ""));
+        size_t stem = std::min(finding.stem, finding.message.size());
         if (finding.chain.back().state == ThreadState::Runnable) {
+            // It was no sensor that stood, then, and no process.
+            const std::string_view doubt = finding.check == Check::SensorStall ? ", and nothing was"
+                                           : finding.check == Check::Standstill
+                                               ? ": the process stood still"
+                                               : "\n";
+            const size_t at = finding.message.find(doubt);
+            if (at < stem) {
+                finding.message.erase(at, stem - at);
+                stem = at;
+            }
             finding.check = Check::CpuWait;
         }
+        finding.message.insert(stem, text + besides);
     }
 
     void Follow(std::vector<CauseLink>& chain, uint32_t thread, Span span, ThreadState state,
-                std::set<uint32_t>& seen) {
+                Micros excess, std::set<uint32_t>& seen) {
         const bool isSleep = state == ThreadState::Sleeping || state == ThreadState::Blocked;
         if (!seen.insert(thread).second || chain.size() >= LONGEST_CHAIN ||
-            state == ThreadState::Unknown || state == ThreadState::Gone) {
+            state == ThreadState::Unknown) {
             return;
         }
         CauseLink link;
@@ -155,7 +209,7 @@ class CauseFinder {
                 continue;
             }
             link.length += part.end - part.begin;
-            waited[it->cpu] += part.end - part.begin;
+            waited[WaitedFor(*it, span)] += part.end - part.begin;
             if (longest == nullptr ||
                 part.end - part.begin > Cut(*longest, span).end - Cut(*longest, span).begin) {
                 longest = &*it;
@@ -166,6 +220,7 @@ class CauseFinder {
         }
         const Span part = Cut(*longest, span);
         link.begin = tie.ToLog(part.begin);
+        link.piece = tie.ToLog(part.end) - link.begin;
         link.cpu = std::max_element(waited.begin(), waited.end(), [](auto one, auto other) {
                        return one.second < other.second;
                    })->first;
@@ -179,16 +234,33 @@ class CauseFinder {
         }
         const uint32_t waker = longest->waker;
         const bool isThread = waker != NO_THREAD && trace.threads[waker].tid != 0;
-        link.isByInterrupt = link.isWoken && !isThread;
+        // Without flags an interrupt looks like a wake by whom it hit.
+        link.isByInterrupt = link.isWoken && !isThread && trace.hasFlags;
         if (link.isWoken && isThread) {
             link.waker = NameOfThread(waker, true);
         }
         chain.push_back(link);
-        if (link.isWoken && isThread && !seen.contains(waker)) {
+        if (link.isWoken && isThread && trace.hasFlags && !seen.contains(waker)) {
             const Shares shares = states.SharesOf(waker, part);
-            const auto most = std::max_element(shares.begin(), shares.end());
-            Follow(chain, waker, part, static_cast<ThreadState>(most - shares.begin()), seen);
+            auto most = std::max_element(shares.begin(), shares.end());
+            const auto waits = shares.begin() + static_cast<size_t>(ThreadState::Runnable);
+            most = *waits * 2 >= excess ? waits : most;  // That alone explains it.
+            Follow(chain, waker, part, static_cast<ThreadState>(most - shares.begin()), excess,
+                   seen);
         }
+    }
+
+    // The CPU that a thread waited for. It may have been moved from one that had nobody to another.
+    uint16_t WaitedFor(const StateSpan& wait, Span span) const {
+        const auto ran = [&](uint16_t cpu) {
+            Micros sum = 0;
+            for (const auto& [other, time] : states.RanOn(cpu, Cut(wait, span))) {
+                sum += time;
+            }
+            return sum;
+        };
+        const bool isMoved = wait.state == ThreadState::Runnable && wait.next != wait.cpu;
+        return isMoved && ran(wait.next) > ran(wait.cpu) ? wait.next : wait.cpu;
     }
 
     // Who had the CPU that a thread waited for.
@@ -196,8 +268,9 @@ class CauseFinder {
         std::map<uint32_t, Micros> ran;
         const auto [first, last] = states.Within(thread, span);
         for (auto it = first; it != last; ++it) {
-            if (it->state == ThreadState::Runnable && it->cpu == link.cpu) {
-                for (const auto& [other, time] : states.RanOn(it->cpu, Cut(*it, span))) {
+            if (it->state == ThreadState::Runnable && WaitedFor(*it, span) == link.cpu) {
+                for (const auto& [other, time] :
+                     states.RanOn(static_cast<uint16_t>(link.cpu), Cut(*it, span))) {
                     ran[other] += time;
                 }
             }
@@ -205,7 +278,7 @@ class CauseFinder {
         for (const auto& [other, time] : ran) {
             if (other != thread && time > 0) {
                 const SchedThread& one = trace.threads[other];
-                link.ran.push_back({one.tid, one.tid == 0 ? "nothing" : one.name, time});
+                link.ran.push_back({one.tid, one.name, time});
             }
         }
         std::stable_sort(link.ran.begin(), link.ran.end(), [](const auto& one, const auto& other) {
@@ -219,7 +292,7 @@ class CauseFinder {
                        : fmt::to_string(known.tid);
     }
 
-    static std::string TextOf(const CauseLink& link) {
+    std::string TextOf(const CauseLink& link) const {
         const std::string time = Ms(link.length);
         if (link.state == ThreadState::Running) {
             return fmt::format("ran {} ms", time);
@@ -256,13 +329,19 @@ class CauseFinder {
             return parts.empty() ? text
                                  : text + fmt::format(": CPU {} ran {}", link.cpu, Join(parts));
         }
+        if (link.state == ThreadState::Gone) {
+            return "had ended";
+        }
         const std::string slept =
             link.state == ThreadState::Blocked
                 ? fmt::format("was blocked in the kernel, by a device or a lock, for {} ms", time)
                 : fmt::format("slept {} ms", time);
         return slept + (!link.isWoken        ? ""
                         : link.isByInterrupt ? " until an interrupt woke it"
-                                             : " until thread " + link.waker + " woke it");
+                        : link.waker.empty() ? " until it was woken"
+                        : !trace.hasFlags
+                            ? " until it was woken, while thread " + link.waker + " had the CPU"
+                            : " until thread " + link.waker + " woke it");
     }
 
     Scene& scene;
@@ -280,7 +359,7 @@ void TellCauses(Scene& scene, const SceneScheduling& scheduling, States& states,
     }
     CauseFinder finder(scene, scheduling, states, tie);
     for (SceneFinding& finding : scene.findings) {
-        if (finding.stage >= 0 && finding.stage < scene.stageCount && finding.time != NO_TIME) {
+        if (finding.time != NO_TIME) {
             finder.Find(finding);
         }
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "tools/account/facts.h"
 #include "tools/base/text.h"
@@ -10,31 +11,81 @@
 namespace tools {
 namespace {
 
+constexpr size_t PLACES = 16;  // Of frames in flight.
+
 // Counters do not tell of scenes. Within one, frames that the service is told of have rising
 // numbers, as the library refuses others.
 void Tell(const SchedTrace& trace, Micros origin, FactsMaker& facts) {
     struct Process {
         int32_t newest = 0;
         Moment last;
+        std::set<int32_t> inFlight;
     };
     std::map<int32_t, Process> processes;
-    for (const SchedCounter& counter : trace.counters) {
+    for (size_t i = 0; i < trace.counters.size(); ++i) {
+        const SchedCounter& counter = trace.counters[i];
         Process& process = processes[counter.process];
+        const Moment moment = {counter.time - origin, counter.process,
+                               trace.threads[counter.thread].tid};
         Message message;
         message.place.line = counter.line;
-        if (counter.kind == MessageKind::FrameStart && counter.frame <= process.newest) {
-            message.kind = MessageKind::SceneEnd;
-            facts.OnMessage(message, process.last);
-            message.kind = MessageKind::SceneStart;
-            message.flag = true;
-            facts.OnMessage(message, {counter.time - origin, counter.process, -1});
+        const auto tell = [&](MessageKind kind, const Moment& when) {
+            message.kind = kind;
+            facts.OnMessage(message, when);
+        };
+        // The oldest of sixteen is reported when it makes room, right behind the one that gets it.
+        const auto makeRoom = [&](const SchedCounter& reported) {
+            if (reported.kind == MessageKind::FrameInError && process.inFlight.size() >= PLACES &&
+                *process.inFlight.begin() == reported.frame) {
+                process.inFlight.erase(process.inFlight.begin());
+                tell(MessageKind::TableFull, moment);
+            }
+        };
+        if (counter.kind == MessageKind::FrameInError) {
+            makeRoom(counter);
+            continue;
         }
-        process.newest = counter.kind == MessageKind::FrameStart ? counter.frame : process.newest;
-        message.kind = counter.kind;
+        if (counter.kind == MessageKind::FrameStart) {
+            if (counter.frame <= process.newest) {
+                tell(MessageKind::SceneEnd, process.last);
+                message.flag = true;
+                tell(MessageKind::SceneStart, {moment.time, moment.process, -1});
+                process.inFlight.clear();
+            }
+            const auto next = std::find_if(
+                trace.counters.begin() + static_cast<std::ptrdiff_t>(i) + 1, trace.counters.end(),
+                [&counter](const SchedCounter& other) { return other.thread == counter.thread; });
+            if (next != trace.counters.end()) {
+                makeRoom(*next);
+            }
+            process.newest = counter.frame;
+            process.inFlight.insert(counter.frame);
+        } else if (counter.kind == MessageKind::FrameEnd) {
+            process.inFlight.erase(counter.frame);
+        }
         message.stage = counter.stage;
         message.frame = counter.frame;
-        process.last = {counter.time - origin, counter.process, trace.threads[counter.thread].tid};
-        facts.OnMessage(message, process.last);
+        process.last = moment;
+        tell(counter.kind, moment);
+    }
+}
+
+// Nothing counts what becomes of a frame once it was reported as one in error, or pushed out.
+void LeaveUntold(Account& account, const SchedTrace& trace, Micros origin) {
+    std::map<std::pair<int32_t, int32_t>, std::vector<Micros>> reported;  // By process and frame.
+    for (const SchedCounter& counter : trace.counters) {
+        if (counter.kind == MessageKind::FrameInError) {
+            reported[{counter.process, counter.frame}].push_back(counter.time - origin);
+        }
+    }
+    for (Scene& scene : account.scenes) {
+        for (Frame& row : scene.frames) {
+            const auto found = reported.find({scene.process, static_cast<int32_t>(row.number)});
+            row.isUntold =
+                found != reported.end() && !row.isEnded &&
+                std::any_of(found->second.begin(), found->second.end(),
+                            [&](Micros time) { return time >= row.told && time <= scene.end; });
+        }
     }
 }
 
@@ -76,7 +127,9 @@ Account AccountOf(const SchedTrace& trace, const std::string& name, const JudgeO
     }
     for (Scene& scene : account.scenes) {
         NameStages(scene, names);
+        scene.isOfCounters = true;
     }
+    LeaveUntold(account, trace, origin);
     SceneFinding finding;
     finding.check = Check::TraceAlone;
     finding.message =

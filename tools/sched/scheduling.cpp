@@ -42,7 +42,7 @@ class SceneMaker {
                 const auto number = static_cast<int32_t>(scene.frames[frame].number);
                 const SchedCounter* const counter =
                     tie.Find(MessageKind::StageEnd, static_cast<int32_t>(stage), number,
-                             tie.ToTrace(pass.left));
+                             tie.ToTrace(pass.left), scene.process);
                 use.span.end = counter != nullptr ? counter->time : tie.ToTrace(pass.left);
                 use.thread = counter != nullptr ? counter->thread
                              : pass.thread < scene.threads.size()
@@ -81,6 +81,7 @@ class SceneMaker {
                     static_cast<int32_t>(i % static_cast<size_t>(scene.stageCount)));
             }
         }
+        result.isHandedKnown = scene.hasThreads && !scene.isBeginningMissing && !scene.isOfCounters;
         std::set<uint32_t> handed;
         for (const int32_t tid : scene.setThreads) {
             if (tie.ThreadOf(tid) != NO_THREAD) {
@@ -116,17 +117,20 @@ class SceneMaker {
     void FindUsual() {
         for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
             Shares usual{};
+            int64_t count = 0;
             for (size_t state = 0; state < THREAD_STATES; ++state) {
                 std::vector<Micros> values;
                 for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
                     const StageUse& use = result.UseOf(scene, frame, stage);
-                    if (use.thread != NO_THREAD) {
+                    if (use.thread != NO_THREAD &&
+                        use.shares[static_cast<size_t>(ThreadState::Unknown)] == 0) {
                         values.push_back(use.shares[state]);
                     }
                 }
+                count = static_cast<int64_t>(values.size());
                 usual[state] = StatisticsOf(values).p50;
             }
-            result.usual.push_back(usual);
+            result.usual.push_back(count > 0 ? std::optional(usual) : std::nullopt);
         }
     }
 
@@ -137,6 +141,7 @@ class SceneMaker {
         for (const Span& span : spans) {
             std::vector<Micros> periods(
                 static_cast<size_t>(std::max<Micros>(span.end - span.begin, 0) / period));
+            std::vector<bool> isTold(periods.size(), true);
             for (const ThreadUse& use : result.threads) {
                 if (use.isHanded != isHanded || periods.empty()) {
                     continue;
@@ -144,7 +149,9 @@ class SceneMaker {
                 const auto [first, last] = states.Within(use.thread, span);
                 for (auto it = first; it != last; ++it) {
                     Micros from = std::max(it->begin, span.begin);
-                    while (it->state == ThreadState::Runnable &&
+                    const bool isUntold =
+                        it->state == ThreadState::Unknown || it->state == ThreadState::Gone;
+                    while ((isUntold || it->state == ThreadState::Runnable) &&
                            from < std::min(it->end, span.end)) {
                         const auto index = static_cast<size_t>((from - span.begin) / period);
                         if (index >= periods.size()) {
@@ -153,11 +160,16 @@ class SceneMaker {
                         const Micros to = std::min(
                             it->end, span.begin + (static_cast<Micros>(index) + 1) * period);
                         periods[index] += to - from;
+                        isTold[index] = isTold[index] && !isUntold;
                         from = to;
                     }
                 }
             }
-            all.insert(all.end(), periods.begin(), periods.end());
+            for (size_t i = 0; i < periods.size(); ++i) {
+                if (isTold[i]) {
+                    all.push_back(periods[i]);
+                }
+            }
         }
         return StatisticsOf(all);
     }
@@ -188,13 +200,19 @@ class SceneMaker {
 std::vector<Span> OutsideOf(const Account& account, const SchedTrace& trace, const Tie& tie) {
     std::vector<Span> spans;
     Micros from = trace.from;
+    bool isKnown = true;  // That none was running from there on.
     for (const Scene& scene : account.scenes) {
         if (scene.isStarted && scene.hasTimes) {
-            spans.push_back({from, tie.ToTrace(scene.begin)});
+            if (isKnown && !scene.isBeginningMissing) {
+                spans.push_back({from, tie.ToTrace(scene.begin)});
+            }
             from = std::max(from, tie.ToTrace(scene.end));
+            isKnown = scene.hasEnd;
         }
     }
-    spans.push_back({from, trace.to});
+    if (isKnown) {
+        spans.push_back({from, trace.to});
+    }
     return spans;
 }
 

@@ -43,7 +43,8 @@ struct SceneScheduling {
     std::vector<StageUse> uses;      // stageCount for each frame.
     std::vector<ThreadUse> threads;  // By id.
     Waiting handed, others;          // Those handed to the service, and those that were not.
-    std::vector<Shares> usual;       // Of each stage.
+    std::vector<std::optional<Shares>> usual;  // Of each stage; nothing where that is not known.
+    bool isHandedKnown = false;                // Which threads were handed to the service.
 
     const StageUse& UseOf(const Scene& scene, size_t frame, int32_t stage) const {
         return uses[frame * static_cast<size_t>(scene.stageCount) + static_cast<size_t>(stage)];

@@ -43,6 +43,7 @@ std::vector<StateSpan> Walk(const SchedTrace& trace, uint32_t thread) {
     StateSpan now;
     now.begin = trace.from;
     bool isFirst = true, hasCpu = false;
+    const SchedEvent* early = nullptr;  // It was woken before it had left the CPU.
     const auto change = [&](Micros time, ThreadState state, uint16_t cpu) {
         now.end = time;
         PushSpan(spans, trace, now);
@@ -63,9 +64,14 @@ std::vector<StateSpan> Walk(const SchedTrace& trace, uint32_t thread) {
                 now.state = isFirst ? ThreadState::Running : ThreadState::Unknown;
                 now.cpu = event.cpu;
             }
-            change(event.time, event.left, event.cpu);
-            hasCpu = true;
+            const bool isSleep =
+                event.left == ThreadState::Sleeping || event.left == ThreadState::Blocked;
+            change(event.time, isSleep && early != nullptr ? ThreadState::Runnable : event.left,
+                   event.cpu);
+            hasCpu = early == nullptr;
+            early = nullptr;
         } else if (isSwitch) {
+            now.next = event.cpu;
             if (now.state == ThreadState::Runnable && !hasCpu) {
                 now.cpu = event.cpu;
             } else if (now.state == ThreadState::Running) {
@@ -77,12 +83,16 @@ std::vector<StateSpan> Walk(const SchedTrace& trace, uint32_t thread) {
                 now.cpu = event.cpu;
                 hasCpu = true;
             }
-        } else if (now.state != ThreadState::Running) {
-            now.state = isFirst ? ThreadState::Sleeping : now.state;
+        } else if (now.state == ThreadState::Running) {
+            early = &event;
+        } else {
+            now.state = !isFirst                              ? now.state
+                        : event.kind == SchedEvent::Kind::New ? ThreadState::Gone
+                                                              : ThreadState::Sleeping;
             now.isWoken = true;
             now.waker = event.other;
             change(event.time, ThreadState::Runnable, event.cpu);
-            hasCpu = event.kind == SchedEvent::Kind::Wakeup;
+            hasCpu = event.kind != SchedEvent::Kind::Waking;
         }
         isFirst = false;
     }
@@ -132,17 +142,23 @@ std::vector<std::pair<uint32_t, Micros>> States::RanOn(uint16_t cpu, Span span) 
         auto next = std::partition_point(switches.begin(), switches.end(), [&](uint32_t position) {
             return trace.events[position].time <= span.begin;
         });
-        // Up to each switch the one that leaves has run, and behind the last one who came.
+        // Up to each switch the one that leaves has run, and behind the last one who came. Where
+        // the one that leaves is not the one that came before, a switch between the two is missing.
+        uint32_t came = next == switches.begin() ? NO_THREAD : trace.events[*std::prev(next)].other;
         Micros from = span.begin;
         for (; next != switches.end() && from < span.end; ++next) {
             const SchedEvent& event = trace.events[*next];
-            ran[event.thread] += std::min(event.time, span.end) - from;
+            if (event.thread == came || came == NO_THREAD) {
+                ran[event.thread] += std::min(event.time, span.end) - from;
+            }
             from = event.time;
+            came = event.other;
         }
-        if (from < span.end && next == switches.end() && !switches.empty()) {
-            ran[trace.events[switches.back()].other] += span.end - from;
+        if (from < span.end && came != NO_THREAD) {
+            ran[came] += span.end - from;
         }
     }
+    std::erase_if(ran, [this](const auto& one) { return trace.threads[one.first].tid == 0; });
     std::vector<std::pair<uint32_t, Micros>> sorted(ran.begin(), ran.end());
     std::stable_sort(sorted.begin(), sorted.end(),
                      [](const auto& one, const auto& other) { return one.second > other.second; });

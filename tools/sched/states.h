@@ -16,7 +16,8 @@ namespace tools {
 // A thread in one state.
 struct StateSpan : Span {
     ThreadState state = ThreadState::Unknown;
-    uint16_t cpu = 0;            // Where it ran, or waited to run.
+    uint16_t cpu = 0;            // Where it ran, or waited to run;
+    uint16_t next = 0;           // of a wait, where it ran then.
     bool isWoken = false;        // Of a sleep: its end is told,
     uint32_t waker = NO_THREAD;  // and by whom; NO_THREAD for an interrupt.
 };
@@ -37,7 +38,8 @@ class States {
         std::pair<std::vector<StateSpan>::const_iterator, std::vector<StateSpan>::const_iterator>;
     Some Within(uint32_t thread, Span span);
     Shares SharesOf(uint32_t thread, Span span);
-    // Who ran on a CPU, and for how long; longest first.
+    // Who ran on a CPU, and for how long, as far as that is told; longest first. Nobody is not told
+    // of.
     std::vector<std::pair<uint32_t, Micros>> RanOn(uint16_t cpu, Span span) const;
 
   private:

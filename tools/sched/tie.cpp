@@ -49,21 +49,24 @@ void CountedLines::OnMessage(const Message& message, const Moment& moment) {
 }
 
 size_t Tie::Hash::operator()(const Key& key) const {
-    return std::hash<uint64_t>()(static_cast<uint64_t>(static_cast<uint32_t>(key.frame)) |
-                                 static_cast<uint64_t>(key.kind) << 58U |
+    return std::hash<uint64_t>()(static_cast<uint64_t>(static_cast<uint32_t>(key.frame)) ^
+                                 static_cast<uint64_t>(static_cast<uint32_t>(key.process)) << 40U ^
+                                 static_cast<uint64_t>(key.kind) << 58U ^
                                  static_cast<uint64_t>(static_cast<uint32_t>(key.stage + 1))
                                      << 32U);
 }
 
-void Tie::AddCounters() {
+void Tie::AddCounters(bool hasProcesses) {
+    isByProcess = hasProcesses;
     for (uint32_t i = 0; i < trace.counters.size(); ++i) {
         const SchedCounter& counter = trace.counters[i];
-        byKey[{counter.kind, counter.stage, counter.frame}].push_back(i);
+        byKey[{counter.kind, counter.stage, counter.frame, isByProcess ? counter.process : -1}]
+            .push_back(i);
     }
 }
 
 Tie::Tie(const SchedTrace& schedTrace, Micros origin) : trace(schedTrace) {
-    AddCounters();
+    AddCounters(true);
     knots.push_back({0, origin});
     counters = static_cast<int64_t>(trace.counters.size());
     for (const SchedCounter& counter : trace.counters) {
@@ -85,7 +88,6 @@ Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTr
             "ties\n"
             "the two together");
     }
-    AddCounters();
     std::set<int32_t> ofLog, ofTrace;
     for (const CountedLines::Line& line : lines) {
         ofLog.insert(line.process);
@@ -103,43 +105,62 @@ Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTr
             "the same run",
             *ofTrace.begin(), *ofLog.begin()));
     }
-    std::unordered_map<int64_t, int64_t> votes;
+    AddCounters(!ofLog.contains(-1));
+    std::map<int64_t, int64_t> votes;
     for (const CountedLines::Line& line : lines) {
-        const auto found = byKey.find({line.kind, line.stage, line.frame});
+        const auto found = byKey.find(KeyOf(line));
         for (const uint32_t counter :
              found == byKey.end() ? std::vector<uint32_t>() : found->second) {
             ++votes[(trace.counters[counter].time - line.time) / COARSE];
         }
     }
-    int64_t best = 0, most = 0;
-    for (const auto& [bin, count] : votes) {
-        const auto next = votes.find(bin + 1);
-        const int64_t both = count + (next == votes.end() ? 0 : next->second);
-        if (both > most || (both == most && bin < best)) {
-            best = bin;
-            most = both;
+    if (votes.empty()) {
+        throw TieError(
+            "none of its counters is of a frame of the log: the one ends before the other begins, "
+            "or\n"
+            "they are of two runs");
+    }
+    const auto bothOf = [&votes](int64_t guess) {
+        const auto next = votes.find(guess + 1);
+        return votes.at(guess) + (next == votes.end() ? 0 : next->second);
+    };
+    int64_t most = 0;
+    for (const auto& [guess, count] : votes) {
+        most = std::max(most, bothOf(guess));
+    }
+    // Scenes of the same frames look alike from afar: of all that it may be, the one that fits
+    // best.
+    struct Fit {
+        std::vector<Knot> knots;
+        std::unordered_map<int32_t, uint32_t> threads;
+        int64_t counters = 0;
+        Micros within = 0;
+    } best;
+    for (const auto& [guess, count] : votes) {
+        if (bothOf(guess) * 2 < most) {
+            continue;
+        }
+        Try(lines, guess);
+        if (counters * 2 > best.counters &&
+            (best.counters == 0 ||
+             std::pair(within, -counters) < std::pair(best.within, -best.counters))) {
+            best = Fit{knots, threads, counters, within};
         }
     }
-    std::vector<Micros> aheads;
-    for (const CountedLines::Line& line : lines) {
-        const auto found = byKey.find({line.kind, line.stage, line.frame});
-        for (const uint32_t counter :
-             found == byKey.end() ? std::vector<uint32_t>() : found->second) {
-            const Micros ahead = trace.counters[counter].time - line.time;
-            if (ahead / COARSE == best || ahead / COARSE == best + 1) {
-                aheads.push_back(ahead);
-            }
-        }
-    }
-    const Micros base = aheads.empty() ? 0 : Middle(aheads);
-    if (!aheads.empty()) {
-        Match(lines, base);
-    }
-    const int64_t inLog = std::count_if(
-        trace.counters.begin(), trace.counters.end(), [&](const SchedCounter& counter) {
-            return counter.time >= lines.front().time + base - COARSE &&
-                   counter.time <= lines.back().time + base + COARSE;
-        });
+    knots = std::move(best.knots);
+    threads = std::move(best.threads);
+    counters = best.counters;
+    within = best.within;
+    const int64_t inLog =
+        knots.empty()
+            ? 0
+            : std::count_if(trace.counters.begin(), trace.counters.end(),
+                            [&](const SchedCounter& counter) {
+                                return (!isByProcess || ofLog.contains(counter.process)) &&
+                                       counter.kind != MessageKind::FrameInError &&
+                                       counter.time >= ToTrace(lines.front().time) &&
+                                       counter.time <= ToTrace(lines.back().time);
+                            });
     if (counters < std::min<int64_t>(FEWEST, static_cast<int64_t>(trace.counters.size())) ||
         counters * 2 < inLog || within > resolution / 2 + AGREEING) {
         throw TieError(
@@ -149,6 +170,30 @@ Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTr
                         counters, Counted(static_cast<int64_t>(trace.counters.size()), "counter"),
                         Fixed(static_cast<double>(within) / 1000, 1)));
     }
+    isSameNumbering = std::all_of(threads.begin(), threads.end(), [this](const auto& pair) {
+        return trace.threads[pair.second].tid == pair.first;
+    });
+}
+
+Tie::Key Tie::KeyOf(const CountedLines::Line& line) const {
+    return {line.kind, line.stage, line.frame, isByProcess ? line.process : -1};
+}
+
+void Tie::Try(const std::vector<CountedLines::Line>& lines, int64_t guess) {
+    knots.clear();
+    threads.clear();
+    std::vector<Micros> aheads;
+    for (const CountedLines::Line& line : lines) {
+        const auto found = byKey.find(KeyOf(line));
+        for (const uint32_t counter :
+             found == byKey.end() ? std::vector<uint32_t>() : found->second) {
+            const Micros ahead = trace.counters[counter].time - line.time;
+            if (ahead / COARSE == guess || ahead / COARSE == guess + 1) {
+                aheads.push_back(ahead);
+            }
+        }
+    }
+    Match(lines, Middle(aheads));
 }
 
 // Each line with the counter that is nearest, and how far they are apart by stretches.
@@ -181,7 +226,7 @@ void Tie::Match(const std::vector<CountedLines::Line>& lines, Micros base) {
         pairs.clear();
     };
     for (const CountedLines::Line& line : lines) {
-        const auto found = byKey.find({line.kind, line.stage, line.frame});
+        const auto found = byKey.find(KeyOf(line));
         if (found == byKey.end()) {
             continue;
         }
@@ -203,7 +248,9 @@ void Tie::Match(const std::vector<CountedLines::Line>& lines, Micros base) {
 void Tie::TieThreads(const std::vector<std::pair<int32_t, uint32_t>>& pairs) {
     std::map<std::pair<int32_t, uint32_t>, int64_t> counts;
     for (const auto& pair : pairs) {
-        ++counts[pair];
+        if (pair.first >= 0) {  // Else the log does not tell it.
+            ++counts[pair];
+        }
     }
     std::unordered_map<int32_t, int64_t> most;
     for (const auto& [pair, count] : counts) {
@@ -211,9 +258,6 @@ void Tie::TieThreads(const std::vector<std::pair<int32_t, uint32_t>>& pairs) {
             most[pair.first] = count;
             threads[pair.first] = pair.second;
         }
-    }
-    for (const auto& [tid, thread] : threads) {
-        isSameNumbering = isSameNumbering && trace.threads[thread].tid == tid;
     }
 }
 
@@ -251,8 +295,9 @@ uint32_t Tie::Nearest(const std::vector<uint32_t>& positions, Micros time) const
     return *std::prev(next);
 }
 
-const SchedCounter* Tie::Find(MessageKind kind, int32_t stage, int32_t frame, Micros time) const {
-    const auto found = byKey.find({kind, stage, frame});
+const SchedCounter* Tie::Find(MessageKind kind, int32_t stage, int32_t frame, Micros time,
+                              int32_t process) const {
+    const auto found = byKey.find({kind, stage, frame, isByProcess ? process : -1});
     if (found == byKey.end()) {
         return nullptr;
     }

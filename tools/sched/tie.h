@@ -53,18 +53,24 @@ class Tie {
     // Whether threads have the same numbers in both.
     bool IsSameNumbering() const { return isSameNumbering; }
     // The counter of an event that was told of at about that time of the trace; null for none.
-    const SchedCounter* Find(MessageKind kind, int32_t stage, int32_t frame, Micros time) const;
+    // `process`: -1 for any.
+    const SchedCounter* Find(MessageKind kind, int32_t stage, int32_t frame, Micros time,
+                             int32_t process) const;
 
   private:
     struct Key {
         MessageKind kind;
-        int32_t stage, frame;
+        int32_t stage, frame, process;
         bool operator==(const Key&) const = default;
     };
     struct Hash {
         size_t operator()(const Key& key) const;
     };
-    void AddCounters();
+    // `hasProcesses`: the log tells them, too.
+    void AddCounters(bool hasProcesses);
+    Key KeyOf(const CountedLines::Line& line) const;
+    // What a guess of how much the trace's clock is ahead leads to.
+    void Try(const std::vector<CountedLines::Line>& lines, int64_t guess);
     // Of some counters, which are by time, the one that is nearest.
     uint32_t Nearest(const std::vector<uint32_t>& positions, Micros time) const;
     void Match(const std::vector<CountedLines::Line>& lines, Micros base);
@@ -77,6 +83,7 @@ class Tie {
     };
     std::vector<Knot> knots;
     std::unordered_map<int32_t, uint32_t> threads;
+    bool isByProcess = false;
     int64_t counters = 0;
     Micros within = 0;
     bool isSameNumbering = true;

@@ -63,6 +63,9 @@ ThreadState StateOf(std::string_view letters) {
         case 'x':
         case 'Z':
             return ThreadState::Gone;
+        case 'T':
+        case 't':
+            return ThreadState::Unknown;  // Stopped, by whomever.
         default:
             return ThreadState::Sleeping;
     }
@@ -166,8 +169,8 @@ struct TraceReader::Line {
 };
 
 bool IsTrace(std::string_view beginning) {
-    if (beginning.starts_with("# tracer:") ||
-        beginning.find("class=\"trace-data\"") != std::string_view::npos) {
+    if (beginning.starts_with("# tracer:") || beginning.starts_with("<!DOCTYPE html") ||
+        beginning.starts_with("<html")) {
         return true;
     }
     for (size_t at = 0; at < beginning.size();) {
@@ -204,7 +207,7 @@ void TraceReader::Read(std::string_view bytes) {
 void TraceReader::TakeLine(std::string_view text) {
     ++trace.lines;
     if (text.starts_with('#')) {
-        return;
+        return TakeComment(text);
     }
     const std::optional<Line> line = Line::Parse(text);
     if (!line) {
@@ -213,6 +216,7 @@ void TraceReader::TakeLine(std::string_view text) {
     ++trace.traceLines;
     trace.from = trace.from == NO_TIME ? line->time : std::min(trace.from, line->time);
     trace.to = std::max(trace.to, line->time);
+    trace.hasFlags = trace.hasFlags || line->isInterrupt;
     NoteCpu(line->cpu, line->time);
     if (line->what == "sched_switch") {
         TakeSwitch(*line);
@@ -274,7 +278,9 @@ void TraceReader::TakeWakeup(const Line& line) {
     }
     SchedEvent event;
     event.time = line.time;
-    event.kind = line.what == "sched_waking" ? SchedEvent::Kind::Waking : SchedEvent::Kind::Wakeup;
+    event.kind = line.what == "sched_waking"   ? SchedEvent::Kind::Waking
+                 : line.what == "sched_wakeup" ? SchedEvent::Kind::Wakeup
+                                               : SchedEvent::Kind::New;
     event.cpu = static_cast<uint16_t>(cpu);
     event.thread = ThreadOf(tid, text, cpu);
     event.other = line.isInterrupt ? NO_THREAD : ThreadOf(line.tid, line.name, line.cpu);
@@ -292,7 +298,9 @@ void TraceReader::TakeMark(const Line& line) {
     static constexpr Name NAMES[] = {{"TcfbtNotifyFrameStart", MessageKind::FrameStart, false},
                                      {"TcfbtNotifyFrameEnd", MessageKind::FrameEnd, false},
                                      {"TcfbtNotifyStageStart", MessageKind::StageStart, true},
-                                     {"TcfbtNotifyStageEnd", MessageKind::StageEnd, true}};
+                                     {"TcfbtNotifyStageEnd", MessageKind::StageEnd, true},
+                                     // One letter short, as the library has it.
+                                     {"TcbtNotifyErrorFrame", MessageKind::FrameInError, false}};
     const size_t begin = line.text.find("C|");
     std::string_view text = line.text.substr(std::min(begin, line.text.size()));
     SchedCounter counter{line.time, NO_THREAD, 0, 0, -1, 0, MessageKind::FrameStart};
@@ -322,15 +330,31 @@ void TraceReader::TakeLost(std::string_view text) {
         return;
     }
     trace.lost += count;
-    cpus.resize(std::max<size_t>(cpus.size(), cpu + size_t{1}));
-    cpus[cpu].hasLost = true;
+    CpuOf(cpu).hasLost = true;
 }
 
-void TraceReader::NoteCpu(uint32_t cpu, Micros time) {
+// What was overwritten has no line of its own: "##### CPU 1 buffer started ####", and before that
+// "# entries-in-buffer/entries-written: 6104/12010   #P:2".
+void TraceReader::TakeComment(std::string_view text) {
+    uint32_t cpu = 0;
+    int64_t kept = 0, written = 0;
+    if (Skip(text, "##### CPU ") && TakeNumber(text, cpu) && cpu < MOST_CPUS) {
+        CpuOf(cpu).hasLost = true;
+    } else if (Skip(text, "# entries-in-buffer/entries-written: ") && TakeNumber(text, kept) &&
+               Skip(text, "/") && TakeNumber(text, written)) {
+        trace.lost += std::max<int64_t>(written - kept, 0);
+    }
+}
+
+TraceReader::Cpu& TraceReader::CpuOf(uint32_t cpu) {
     if (cpu >= cpus.size()) {
         cpus.resize(cpu + size_t{1});
     }
-    Cpu& known = cpus[cpu];
+    return cpus[cpu];
+}
+
+void TraceReader::NoteCpu(uint32_t cpu, Micros time) {
+    Cpu& known = CpuOf(cpu);
     if (known.hasLost) {
         trace.holes.push_back(
             {known.last == NO_TIME ? trace.from : known.last, time, static_cast<uint16_t>(cpu)});

@@ -26,6 +26,7 @@ struct SchedEvent {
         Switch,
         Waking,  // Somebody wakes a thread,
         Wakeup,  // and this is the CPU where it is to run.
+        New,     // The thread begins.
     };
     Micros time;      // By the trace's clock.
     uint32_t thread;  // Who leaves the CPU, or is woken.
@@ -43,7 +44,8 @@ struct SchedCounter {
     int32_t process;  // As the process itself knows its number.
     int32_t stage;    // -1 where it is of a frame.
     int32_t frame;
-    MessageKind kind;  // FrameStart, FrameEnd, StageStart or StageEnd.
+    MessageKind kind;  // FrameStart, FrameEnd, StageStart, StageEnd; FrameInError of one that is
+                       // reported to the service.
 };
 
 struct SchedThread {
@@ -68,7 +70,8 @@ struct SchedTrace {
     int64_t lost = 0;         // Events that the tracer says it lost.
     int64_t disordered = 0;   // Events whose time is before that of the line above.
     Micros from = NO_TIME, to = NO_TIME;
-    std::string damage;  // Why the file could not be read to its end.
+    bool hasFlags = false;  // It tells of interrupts.
+    std::string damage;     // Why the file could not be read to its end.
 };
 
 // Whether a file that begins like that is a trace.
@@ -85,12 +88,18 @@ class TraceReader : public TextSink {
 
   private:
     struct Line;
+    struct Cpu {
+        Micros last = NO_TIME;
+        bool hasLost = false;
+    };
 
     void TakeLine(std::string_view text);
     void TakeSwitch(const Line& line);
     void TakeWakeup(const Line& line);
     void TakeMark(const Line& line);
     void TakeLost(std::string_view text);
+    void TakeComment(std::string_view text);
+    Cpu& CpuOf(uint32_t cpu);
     void NoteCpu(uint32_t cpu, Micros time);
     uint32_t ThreadOf(int32_t tid, std::string_view name, uint32_t cpu);
     void Add(const SchedEvent& event);
@@ -99,10 +108,6 @@ class TraceReader : public TextSink {
     SchedTrace trace;
     std::string unfinished;                         // A line that is not whole yet.
     std::unordered_map<int64_t, uint32_t> threads;  // By id; the idle tasks by -1 - CPU.
-    struct Cpu {
-        Micros last = NO_TIME;
-        bool hasLost = false;
-    };
     std::vector<Cpu> cpus;
 };
 
