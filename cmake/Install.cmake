@@ -51,8 +51,10 @@ if(TARGET cameraframeboost)
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
     install(FILES tools/command/completion.bash RENAME cameraframeboost
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-    install(FILES host/sample_configuration.toml
+    install(FILES host/sample_configuration.toml docs/account.schema.json
         DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
+    install(PROGRAMS examples/fleet/fleet.py
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost/fleet)
     install(DIRECTORY examples/cameras examples/configurations examples/sessions
         DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
 endif()

@@ -10,6 +10,9 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// docs/account.schema.json says what is in it, and which changes raise this.
+constexpr int VERSION = 1;
+
 Json Milliseconds(Micros time) {
     return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000.0);
 }
@@ -138,7 +141,8 @@ Json ToJson(const Account& account, const Scene& scene) {
 }  // namespace
 
 void WriteJson(std::ostream& out, const Account& account, const Scheduling* scheduling) {
-    Json json = {{"verdict", VerdictOf(account)},
+    Json json = {{"version", VERSION},
+                 {"verdict", VerdictOf(account)},
                  {"capture",
                   {{"files", account.inputs},
                    {"lines", account.lines},

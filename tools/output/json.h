@@ -8,8 +8,9 @@
 
 namespace tools {
 
-// One object, on a line each of its scenes' and findings' values; times in milliseconds. Whether
-// the stream took it all is for the caller to check.
+// One object, on a line each of its scenes' and findings' values; times in milliseconds.
+// docs/account.schema.json says what is in it, and what may change. Whether the stream took it all
+// is for the caller to check.
 // `scheduling`: null where there is no scheduler trace.
 void WriteJson(std::ostream& out, const Account& account, const Scheduling* scheduling = nullptr);
 
