@@ -38,6 +38,13 @@ void PushSpan(std::vector<StateSpan>& spans, const SchedTrace& trace, StateSpan 
     spans.push_back(span);
 }
 
+// Who, by what is told, had the CPU right before that event of it: NO_THREAD before its first.
+uint32_t Before(const SchedTrace& trace, uint32_t position) {
+    const std::vector<uint32_t>& switches = trace.switches[trace.events[position].cpu];
+    const auto next = std::lower_bound(switches.begin(), switches.end(), position);
+    return next == switches.begin() ? NO_THREAD : trace.events[*std::prev(next)].other;
+}
+
 std::vector<StateSpan> Walk(const SchedTrace& trace, uint32_t thread) {
     std::vector<StateSpan> spans;
     StateSpan now;
@@ -59,9 +66,14 @@ std::vector<StateSpan> Walk(const SchedTrace& trace, uint32_t thread) {
             continue;
         }
         if (isSwitch && event.thread == thread) {
-            // Who leaves has run; the trace may begin with that.
+            // Who leaves has run; the trace may begin with that. Some kernels leave out who comes
+            // to a CPU that has nobody: a thread that was woken for that did not wait.
             if (now.state != ThreadState::Running) {
-                now.state = isFirst ? ThreadState::Running : ThreadState::Unknown;
+                const uint32_t before = Before(trace, position);
+                const bool hasRun = before == NO_THREAD ? isFirst
+                                                        : now.state == ThreadState::Runnable &&
+                                                              trace.threads[before].tid == 0;
+                now.state = hasRun ? ThreadState::Running : ThreadState::Unknown;
                 now.cpu = event.cpu;
             }
             const bool isSleep =
@@ -135,7 +147,7 @@ Shares States::SharesOf(uint32_t thread, Span span) {
     return shares;
 }
 
-std::vector<std::pair<uint32_t, Micros>> States::RanOn(uint16_t cpu, Span span) const {
+std::vector<std::pair<uint32_t, Micros>> States::RanOn(uint16_t cpu, Span span) {
     std::map<uint32_t, Micros> ran;
     if (cpu < trace.switches.size()) {
         const std::vector<uint32_t>& switches = trace.switches[cpu];
@@ -148,9 +160,13 @@ std::vector<std::pair<uint32_t, Micros>> States::RanOn(uint16_t cpu, Span span) 
         Micros from = span.begin;
         for (; next != switches.end() && from < span.end; ++next) {
             const SchedEvent& event = trace.events[*next];
-            if (event.thread == came || came == NO_THREAD) {
-                ran[event.thread] += std::min(event.time, span.end) - from;
-            }
+            // Of the one that leaves, or since when it is known to have run.
+            const auto [first, last] = Within(event.thread, {event.time - 1, event.time});
+            const bool hasRun = first != last && first->state == ThreadState::Running;
+            const Micros since = event.thread == came ? from
+                                 : hasRun             ? std::max(from, first->begin)
+                                                      : event.time;
+            ran[event.thread] += std::max<Micros>(std::min(event.time, span.end) - since, 0);
             from = event.time;
             came = event.other;
         }
@@ -158,7 +174,9 @@ std::vector<std::pair<uint32_t, Micros>> States::RanOn(uint16_t cpu, Span span) 
             ran[came] += span.end - from;
         }
     }
-    std::erase_if(ran, [this](const auto& one) { return trace.threads[one.first].tid == 0; });
+    std::erase_if(ran, [this](const auto& one) {
+        return trace.threads[one.first].tid == 0 || one.second == 0;
+    });
     std::vector<std::pair<uint32_t, Micros>> sorted(ran.begin(), ran.end());
     std::stable_sort(sorted.begin(), sorted.end(),
                      [](const auto& one, const auto& other) { return one.second > other.second; });

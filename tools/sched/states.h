@@ -40,7 +40,7 @@ class States {
     Shares SharesOf(uint32_t thread, Span span);
     // Who ran on a CPU, and for how long, as far as that is told; longest first. Nobody is not told
     // of.
-    std::vector<std::pair<uint32_t, Micros>> RanOn(uint16_t cpu, Span span) const;
+    std::vector<std::pair<uint32_t, Micros>> RanOn(uint16_t cpu, Span span);
 
   private:
     const SchedTrace& trace;
