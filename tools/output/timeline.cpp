@@ -129,7 +129,7 @@ class ThreadData {
         ++count;
         columns.Put(span.begin - end);
         columns.Put(span.end - span.begin);
-        columns.Put(static_cast<int64_t>(state) + 8 * (cpu + 1));
+        columns.Put(static_cast<int64_t>(state) + int64_t{8} * (cpu + 1));
         end = span.end;
     }
     Json Told(int32_t stage, int32_t tid, const std::string& name) const {
