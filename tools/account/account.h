@@ -224,7 +224,7 @@ struct Scene {
     bool isGoingOn = false;           // More may come: it is only looked at.
     bool isBeginningMissing = false;  // The capture starts in its middle.
     bool isOfCounters = false;        // A trace's counters tell of it: nothing of frames that were
-                                // refused or pushed out.
+                                      // refused or pushed out.
     bool isMixed = false;     // Worked out: of two objects at once, so that nothing can be told.
     bool isAfterEnd = false;  // It goes on where a scene of the process had just ended.
     bool hasTimes = false, hasThreads = false;

@@ -160,12 +160,12 @@ std::vector<std::pair<uint32_t, Micros>> States::RanOn(uint16_t cpu, Span span) 
         Micros from = span.begin;
         for (; next != switches.end() && from < span.end; ++next) {
             const SchedEvent& event = trace.events[*next];
-            // Of the one that leaves, or since when it is known to have run.
-            const auto [first, last] = Within(event.thread, {event.time - 1, event.time});
-            const bool hasRun = first != last && first->state == ThreadState::Running;
-            const Micros since = event.thread == came ? from
-                                 : hasRun             ? std::max(from, first->begin)
-                                                      : event.time;
+            Micros since = from;
+            if (event.thread != came) {  // Since when it is known to have run.
+                const auto [first, last] = Within(event.thread, {event.time - 1, event.time});
+                const bool hasRun = first != last && first->state == ThreadState::Running;
+                since = hasRun ? std::max(from, first->begin) : event.time;
+            }
             ran[event.thread] += std::max<Micros>(std::min(event.time, span.end) - since, 0);
             from = event.time;
             came = event.other;
