@@ -32,6 +32,16 @@ bool Skip(std::string_view& text, std::string_view what) {
     return true;
 }
 
+// The same for a text that is known beforehand, which costs less.
+template <size_t SIZE>
+bool Skip(std::string_view& text, const char (&what)[SIZE]) {
+    if (text.size() < SIZE - 1 || std::memcmp(text.data(), what, SIZE - 1) != 0) {
+        return false;
+    }
+    text.remove_prefix(SIZE - 1);
+    return true;
+}
+
 void SkipBlanks(std::string_view& text) {
     while (!text.empty() && text.front() == ' ') {
         text.remove_prefix(1);
@@ -39,17 +49,19 @@ void SkipBlanks(std::string_view& text) {
 }
 
 // Takes "key123" from the end of the text.
-template <typename Number>
-bool CutField(std::string_view& text, std::string_view key, Number& number) {
+template <size_t SIZE, typename Number>
+bool CutField(std::string_view& text, const char (&key)[SIZE], Number& number) {
     size_t at = text.size();
     while (at > 0 && ((text[at - 1] >= '0' && text[at - 1] <= '9') || text[at - 1] == '-')) {
         --at;
     }
     std::string_view value = text.substr(at);
-    if (!text.substr(0, at).ends_with(key) || !TakeNumber(value, number)) {
+    constexpr size_t LENGTH = SIZE - 1;
+    if (at < LENGTH || std::memcmp(text.data() + at - LENGTH, key, LENGTH) != 0 ||
+        !TakeNumber(value, number)) {
         return false;
     }
-    text = text.substr(0, at - key.size());
+    text = text.substr(0, at - LENGTH);
     return true;
 }
 
