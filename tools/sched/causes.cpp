@@ -94,9 +94,11 @@ class CauseFinder {
             uses.size() > 1 ? std::optional(scene.frames[frame].number) : std::nullopt, longer};
         // What it did besides, where that is much, too.
         const Micros others = longer - *worst;
-        const Micros waited = excess[static_cast<size_t>(ThreadState::Runnable)];
+        // Of the frame that is told of, as what it ran is.
+        const Micros waited = shown->shares[static_cast<size_t>(ThreadState::Runnable)];
         std::string besides;
-        if (state == ThreadState::Running && waited * 4 >= longer) {
+        if (state == ThreadState::Running &&
+            excess[static_cast<size_t>(ThreadState::Runnable)] * 4 >= longer) {
             besides = fmt::format(" and waited {} ms for a CPU", Ms(waited));
         } else if (state == ThreadState::Running && others * 10 < longer) {
             besides = ": the node itself";

@@ -52,9 +52,13 @@ void Tell(const SchedTrace& trace, Micros origin, FactsMaker& facts) {
                 tell(MessageKind::SceneStart, {moment.time, moment.process, -1});
                 process.inFlight.clear();
             }
-            const auto next = std::find_if(
-                trace.counters.begin() + static_cast<std::ptrdiff_t>(i) + 1, trace.counters.end(),
-                [&counter](const SchedCounter& other) { return other.thread == counter.thread; });
+            const bool isFull = process.inFlight.size() >= PLACES;  // Else none has to make room.
+            const auto next =
+                !isFull ? trace.counters.end()
+                        : std::find_if(trace.counters.begin() + static_cast<std::ptrdiff_t>(i) + 1,
+                                       trace.counters.end(), [&counter](const SchedCounter& other) {
+                                           return other.thread == counter.thread;
+                                       });
             if (next != trace.counters.end()) {
                 makeRoom(*next);
             }
@@ -134,8 +138,7 @@ Account AccountOf(const SchedTrace& trace, const std::string& name, const JudgeO
     finding.check = Check::TraceAlone;
     finding.message =
         "a trace alone: it tells of what the service was told of, and nothing of refused frames, "
-        "of "
-        "node ends that end no stage, of when scenes began and ended, and of the configuration";
+        "of node ends that end no stage, of when scenes began and ended, and of the configuration";
     account.findings.push_back(finding);
     Judge(account, options);
     return account;

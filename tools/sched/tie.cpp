@@ -84,9 +84,8 @@ Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTr
     }
     if (lines.empty()) {
         throw TieError(
-            "the log has no times, or tells of no frame that the service was told of: nothing "
-            "ties\n"
-            "the two together");
+            "the log has no times, or tells of no frame that the service was told of:\n"
+            "nothing ties the two together");
     }
     std::set<int32_t> ofLog, ofTrace;
     for (const CountedLines::Line& line : lines) {
@@ -116,9 +115,8 @@ Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTr
     }
     if (votes.empty()) {
         throw TieError(
-            "none of its counters is of a frame of the log: the one ends before the other begins, "
-            "or\n"
-            "they are of two runs");
+            "none of its counters is of a frame of the log: the one ends before the other\n"
+            "begins, or they are of two runs");
     }
     const auto bothOf = [&votes](int64_t guess) {
         const auto next = votes.find(guess + 1);
