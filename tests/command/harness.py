@@ -2,12 +2,15 @@
 writes. Each is called with the command and its arguments first."""
 
 import csv
+import gzip
 import json
 import pathlib
 import subprocess
 import sys
 import tempfile
 import unittest
+
+from trace_rules import check_rules
 
 COMMAND = pathlib.Path(sys.argv.pop(1)).resolve()
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
@@ -31,6 +34,10 @@ class CommandTest(unittest.TestCase):
         done = subprocess.run([COMMAND, *map(str, arguments)], check=False, **options)
         self.assertIn(done.returncode, status if isinstance(status, tuple) else (status,),
                       f'{arguments}\n{(done.stdout or b"")[:2000]!r}\n{done.stderr!r}')
+        if '--to-trace' in arguments and done.returncode in (0, 1):
+            trace = options['cwd'] / arguments[arguments.index('--to-trace') + 1]
+            with gzip.open(trace) if trace.suffix == '.gz' else trace.open('rb') as file:
+                check_rules(json.load(file)['traceEvents'])
         return (done.stdout or b'').decode(errors='surrogateescape')
 
     def path(self, name, content=None):

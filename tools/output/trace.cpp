@@ -55,6 +55,9 @@ class Events {
         return threads;
     }
 
+    // The id of an arrow from a thread to another.
+    size_t AddArrow() { return ++arrows; }
+
   private:
     void Name(std::string_view kind, size_t process, const std::string& thread,
               const std::string& name, size_t order) {
@@ -68,6 +71,7 @@ class Events {
     Micros origin;
     std::string_view separator;
     size_t threads = 0;
+    size_t arrows = 0;
 };
 
 // A frame in a stage, or all in all.
@@ -321,16 +325,11 @@ void WriteStage(Events& events, const View& view, int32_t stage) {
     }
 }
 
-// The tracks of threads, by their ids.
-using ThreadTracks = std::map<int32_t, size_t>;
-
 // What a thread did when it did not sleep.
-void WriteThread(Events& events, const View& view, const Scheduling& scheduling, uint32_t thread,
-                 ThreadTracks& tracks) {
+void WriteThread(Events& events, const View& view, const Scheduling& scheduling, uint32_t thread) {
     const SchedThread& known = scheduling.trace->threads[thread];
     const size_t track =
         events.AddTrack(view.process, fmt::format("thread {} ({})", known.tid, known.name));
-    tracks[known.tid] = track;
     const Span span = {scheduling.tie->ToTrace(view.span.begin),
                        scheduling.tie->ToTrace(view.span.end)};
     const auto [first, last] = scheduling.states->Within(thread, span);
@@ -343,7 +342,7 @@ void WriteThread(Events& events, const View& view, const Scheduling& scheduling,
         if (name != nullptr) {
             const Micros begin = scheduling.tie->ToLog(std::max(it->begin, span.begin));
             const Micros end = scheduling.tie->ToLog(std::min(it->end, span.end));
-            events.Add('X', view.process, scheduling.tie->ToLog(begin), name,
+            events.Add('X', view.process, begin, name,
                        fmt::format(R"(,"tid":{},"dur":{}{})", track, end - begin,
                                    isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", it->cpu)
                                              : std::string()));
@@ -352,41 +351,54 @@ void WriteThread(Events& events, const View& view, const Scheduling& scheduling,
 }
 
 // From what kept each late frame to the thread of its stage: who was late made the next one late.
-void WriteChains(Events& events, const View& view, ThreadTracks& tracks) {
-    size_t chains = 0;
+// On tracks of their own, as viewers want the slices of a track in order.
+void WriteChains(Events& events, const View& view) {
+    struct Piece {
+        size_t track = 0;
+        Span span;
+        std::string name;
+        char flow = '\0';  // The phase of an arrow that begins or ends in the piece.
+        size_t arrow = 0;
+    };
+    std::vector<Piece> pieces;
+    std::map<int32_t, size_t> tracks;  // By the ids of threads.
     for (const SceneFinding& finding : view.scene.findings) {
         if (finding.chain.size() < 2 || !view.Has(finding.time)) {
             continue;
         }
-        ++chains;
-        for (size_t i = finding.chain.size(); i > 0; --i) {
-            const CauseLink& link = finding.chain[i - 1];
+        const CauseLink* woken = nullptr;
+        for (const CauseLink& link : finding.chain) {
             const auto [track, isNew] = tracks.try_emplace(link.thread);
             if (isNew) {
                 track->second = events.AddTrack(
-                    view.process, fmt::format("thread {} ({})", link.thread, link.name));
+                    view.process,
+                    fmt::format("thread {} ({}), late frames", link.thread, link.name));
             }
-            const std::string where = fmt::format(R"(,"tid":{})", track->second);
-            const std::string name =
-                fmt::format("{} for frame {}", NameOf(link.state), finding.frame.value_or(0));
-            events.Add('X', view.process, link.begin, name,
-                       fmt::format(R"({},"dur":{})", where, link.piece));
-            // At the moment of the wake, from the one that wakes to the one that is woken.
-            const auto arrow = [&](char phase, const CauseLink& woken) {
-                const Micros wake = woken.begin + woken.piece - 1;
-                events.Add('X', view.process, wake, phase == 's' ? "wakes" : "is woken",
-                           where + R"(,"dur":1)");
-                events.Add(
-                    phase, view.process, wake, "cause",
-                    fmt::format(R"({},"cat":"cause","id":"cause {}.{}.{}"{})", where, view.process,
-                                chains, woken.thread, phase == 's' ? "" : R"(,"bp":"e")"));
-            };
-            if (i > 1) {
-                arrow('s', finding.chain[i - 2]);
+            pieces.push_back(
+                {track->second,
+                 {link.begin, link.begin + link.piece},
+                 fmt::format("{} for frame {}", NameOf(link.state), finding.frame.value_or(0))});
+            if (woken != nullptr) {
+                const Micros end = woken->begin + woken->piece;
+                const size_t arrow = events.AddArrow();
+                pieces.push_back({track->second, {end - 1, end}, "wakes", 's', arrow});
+                pieces.push_back({tracks[woken->thread], {end - 1, end}, "is woken", 'f', arrow});
             }
-            if (i < finding.chain.size()) {
-                arrow('f', link);
-            }
+            woken = &link;
+        }
+    }
+    std::stable_sort(pieces.begin(), pieces.end(), [](const Piece& one, const Piece& other) {
+        return std::pair(one.span.begin, other.span.end) <
+               std::pair(other.span.begin, one.span.end);
+    });
+    for (const Piece& piece : pieces) {
+        const std::string where = fmt::format(R"(,"tid":{})", piece.track);
+        events.Add('X', view.process, piece.span.begin, piece.name,
+                   fmt::format(R"({},"dur":{})", where, piece.span.end - piece.span.begin));
+        if (piece.flow != '\0') {
+            events.Add(piece.flow, view.process, piece.span.begin, "cause",
+                       fmt::format(R"({},"cat":"cause","id":{}{})", where, piece.arrow,
+                                   piece.flow == 's' ? "" : R"(,"bp":"e")"));
         }
     }
 }
@@ -521,16 +533,15 @@ void WriteScene(Events& events, const View& view, const Scheduling* scheduling) 
     const std::vector<ThreadUse> threads = scheduling == nullptr
                                                ? std::vector<ThreadUse>()
                                                : scheduling->scenes[view.process - 1].threads;
-    ThreadTracks tracks;
     for (int32_t stage = 0; stage < view.scene.stageCount; ++stage) {
         WriteStage(events, view, stage);
         for (const ThreadUse& use : threads) {
             if (!use.stages.empty() && use.stages.front() == stage) {
-                WriteThread(events, view, *scheduling, use.thread, tracks);
+                WriteThread(events, view, *scheduling, use.thread);
             }
         }
     }
-    WriteChains(events, view, tracks);
+    WriteChains(events, view);
     WriteCounters(events, view);
 }
 
