@@ -95,6 +95,15 @@ def explained(client, args):
     yield from (finished(*job) for job in jobs)
 
 
+def connected(parser, args):
+    if not args.scheduler:
+        return distributed.Client(n_workers=args.workers, threads_per_worker=1, dashboard_address=None)
+    try:
+        return distributed.Client(args.scheduler, timeout=10)
+    except (OSError, ValueError) as error:  # ValueError: it is no address.
+        parser.error(f'there is no scheduler at {args.scheduler}: {error}')
+
+
 def main():
     parser = argparse.ArgumentParser(description='Explains captures, and writes one table of all.')
     parser.add_argument('paths', nargs='+', metavar='CAPTURE', help='files, or folders of them')
@@ -106,9 +115,8 @@ def main():
     args = parser.parse_args()
     if not (total := sum(1 for _ in captures(args.paths))):
         parser.error(f'there is no file in {" ".join(args.paths)}')
-    local = {'n_workers': args.workers, 'threads_per_worker': 1, 'dashboard_address': None}
     sums = collections.defaultdict(collections.Counter)
-    with distributed.Client(args.scheduler, **({} if args.scheduler else local)) as client:
+    with connected(parser, args) as client:
         if not all(client.run(shutil.which, args.command).values()):
             parser.error(f'{args.command} is not installed on every worker')
         with open(args.table + '.part', 'w', newline='', errors='surrogateescape') as file:

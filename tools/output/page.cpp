@@ -25,22 +25,9 @@ Micros Between(Micros start, Micros end) {
     return start == NO_TIME || end == NO_TIME ? NO_TIME : end - start;
 }
 
-// What the timeline is to show, as a link's target.
-std::string TargetOf(size_t scene, Micros moment, std::optional<int64_t> frame) {
-    std::string target = fmt::format("#scene={}", scene + 1);
-    if (moment != NO_TIME) {
-        target +=
-            fmt::format("&amp;from={}&amp;to={}", Seconds(std::max<Micros>(moment - SECOND / 2, 0)),
-                        Seconds(moment + SECOND));
-    }
-    if (frame) {
-        target += fmt::format("&amp;frame={}", *frame);
-    }
-    return target;
-}
-
+// To the frame in the timeline.
 std::string FrameLink(size_t scene, int64_t frame) {
-    return fmt::format("<a href=\"{}\">{}</a>", TargetOf(scene, NO_TIME, frame), frame);
+    return fmt::format("<a href=\"#scene={}&amp;frame={}\">{}</a>", scene + 1, frame, frame);
 }
 
 // "150", "150–181", the numbers linked.
@@ -157,8 +144,8 @@ class Page {
         WriteMessage(finding.severity, finding.message, NameOf(finding.check));
         out << " <span class=place>" << Name{ToString(account, finding.place)} << "</span>";
         if (scene) {
-            out << " <a href=\"" << TargetOf(*scene, moment, finding.frame) << "\">scene "
-                << *scene + 1 << (moment == NO_TIME ? "" : ", " + Seconds(moment) + " s") << "</a>";
+            out << " <a href=\"#finding=" << number << "\">scene " << *scene + 1
+                << (moment == NO_TIME ? "" : ", " + Seconds(moment) + " s") << "</a>";
         }
         const Meaning meaning = MeaningOf(finding.check);
         out << "<details><summary>What <code>" << NameOf(finding.check)

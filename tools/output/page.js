@@ -1015,10 +1015,17 @@
         }
     }
 
-    // From the address: "#scene=1&from=1.5&to=2&frame=100".
+    // From the address: "#scene=1&from=1.5&to=2&frame=100"; or "#finding=3", by the numbers of the
+    // page's list.
     async function go() {
-        const asked = new URLSearchParams(location.hash.slice(1));
-        const wanted = scenes.findIndex((told) => told.scene === Number(asked.get('scene')));
+        const asked = Object.fromEntries(new URLSearchParams(location.hash.slice(1)));
+        const item = document.getElementById(`f${asked.finding}`);
+        if (item) {
+            const { scene, time, frame } = item.dataset;
+            Object.assign(asked, { scene: Number(scene) + 1, frame },
+                time && { from: Number(time) - 0.5, to: Number(time) + 1 });
+        }
+        const wanted = scenes.findIndex((told) => told.scene === Number(asked.scene));
         if (location.hash && wanted < 0) {
             return;  // A link to something else on the page.
         }
@@ -1026,22 +1033,19 @@
         if (wanted < 0) {
             view = { from: 0, to: Math.min(scene.stop, 5) };
         }
-        const from = Number(asked.get('from') ?? NaN);
-        const to = Number(asked.get('to') ?? NaN);
-        if (to > from) {
-            view = { from: clamp(from, 0, scene.stop), to: clamp(to, 0, scene.stop) };
-            look(view.from, view.to);
-            // A finding's link shows a second behind it.
-            visited = marks().find((one) => Math.abs(one.time - (to - 1)) < 0.002) ?? null;
+        const isRange = Number(asked.to) > Number(asked.from);
+        if (isRange) {
+            look(clamp(Number(asked.from), 0, scene.stop), clamp(Number(asked.to), 0, scene.stop));
+            visited = findings.find((one) => one.item === item) ?? null;
         }
         chosen = -1;
-        if (asked.get('frame')) {
-            const found = scene.numbers.indexOf(BigInt(asked.get('frame').replace(/[^-\d]/g, '') || 0));
-            if (found >= 0 && !(to > from)) {
+        if (asked.frame) {
+            const found = scene.numbers.indexOf(BigInt(asked.frame.replace(/[^-\d]/g, '') || 0));
+            if (found >= 0 && !isRange) {
                 const time = momentOf(found);
                 look(time - 0.15, time + 0.15);
             }
-            choose(found, false, !(to > from));
+            choose(found, false, !isRange);
         }
         redraw();
         if (wanted >= 0 && document.activeElement?.matches('a')) {

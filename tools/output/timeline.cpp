@@ -126,6 +126,10 @@ class ThreadData {
   public:
     explicit ThreadData(Micros sceneBegin) : end(sceneBegin) {}
     void Add(Span span, ThreadState state, int32_t cpu) {
+        if (state != ThreadState::Running && state != ThreadState::Runnable &&
+            state != ThreadState::Blocked) {
+            return;
+        }
         ++count;
         columns.Put(span.begin - end);
         columns.Put(span.end - span.begin);
@@ -158,12 +162,9 @@ Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneSche
         ThreadData data(scene.begin);
         const auto [first, last] = scheduling.states->Within(use.thread, span);
         for (auto it = first; it != last; ++it) {
-            if (it->state == ThreadState::Running || it->state == ThreadState::Runnable ||
-                it->state == ThreadState::Blocked) {
-                data.Add({scheduling.tie->ToLog(std::max(it->begin, span.begin)),
-                          scheduling.tie->ToLog(std::min(it->end, span.end))},
-                         it->state, it->cpu);
-            }
+            data.Add({scheduling.tie->ToLog(std::max(it->begin, span.begin)),
+                      scheduling.tie->ToLog(std::min(it->end, span.end))},
+                     it->state, it->cpu);
         }
         const SchedThread& thread = scheduling.trace->threads[use.thread];
         known.insert(thread.tid);

@@ -1,0 +1,73 @@
+"""Scheduler traces that are made up."""
+
+PERIOD = 16_667
+
+KERNEL = '{name:>16}-{tid:<7} ({tgid:>7}) [{cpu:03}] {flags} {time}: {text}'
+CONVERTER = '{name} -{tid} [{cpu:03}] {time}: {text}'
+
+
+def make(form=KERNEL, taker='kswapd0', node='ToneMapper', frames=40, taken=(), locked=(), lost=(), late=(),
+         dozed=(), stuck=None, begin=5_000_000):
+    """The lines of a trace with a sensor, thread 11, that wakes a node, thread 12, for each frame. The
+    node has CPU 1 for 4 ms. Thread 99 has it 40 ms before, or holds a lock for so long, most of it
+    asleep where it dozed, or is interrupted on CPU 0 when the sensor is woken 40 ms late. From the frame `stuck` on the node waits for a device."""
+    events = [(begin, 0, 'count', 'FrameStart', 1), (begin + 1, 0, 'count', 'StageStart0', 1)]
+    free, come = 0, begin
+    for frame in range(1, frames + 1):
+        come += PERIOD + 40_000 * (frame in late)
+        if frame in late:
+            events += [(come - 50, 0, 'switch', 99)]
+        events += [(come - 30, 0, 'wake', 11), (come - 20, 0, 'switch', 11),
+                   (come, 0, 'count', 'StageEnd0', frame), (come + 1, 0, 'count', 'StageStart1', frame),
+                   (come + 2, 0, 'count', 'FrameStart', frame + 1),
+                   (come + 3, 0, 'count', 'StageStart0', frame + 1)]
+        if stuck and frame >= stuck:
+            events += [(come + 12, 0, 'switch', 0)]
+            if frame == stuck:
+                events += [(come + 10, 0, 'wake', 12), (come + 14, 1, 'switch', 12),
+                           (come + 20, 1, 'block', 0)]
+            continue
+        begin = come + 14
+        if free < come:
+            if frame in taken:
+                events += [(come - 5, 1, 'switch', 99)]
+                begin += 40_000
+            events += [(come + 10, 0, 'wake', 12), (begin, 1, 'switch', 12)]
+        else:
+            begin = free
+        events += [(come + 12, 0, 'switch', 0)]
+        if frame in dozed:
+            events += [(begin + 2000, 1, 'switch', 0), (begin + 36_000, 0, 'wake', 99),
+                       (begin + 36_010, 1, 'switch', 99)]
+        if frame in locked or frame in dozed:
+            events += [(begin + 1000, 1, 'switch', 99), (begin + 41_000, 1, 'wake', 12),
+                       (begin + 41_010, 1, 'switch', 12)]
+            begin += 40_000
+        if frame in lost:
+            events += [(begin - 20_000, 1, 'lost', 0)]
+        free = begin + 4000
+        events += [(free, 1, 'count', 'StageEnd1', frame), (free + 1, 1, 'count', 'FrameEnd', frame)]
+        if free < come + PERIOD - 100:
+            events += [(free + 5, 1, 'switch', 0)]
+    names, running, lines = {11: 'sensor', 12: node, 99: taker}, {0: 0, 1: 0}, []
+    for time, cpu, kind, what, *frame in sorted(events, key=lambda one: one[0]):
+        def say(text, flags='d..2.'):
+            tid = running[cpu]
+            lines.append(form.format(
+                name=names.get(tid, '<idle>'), tid=tid, tgid=7 if tid else '-----', cpu=cpu, text=text,
+                flags=flags, time=f'{time // 1_000_000}.{time % 1_000_000:06}'))
+        if kind in ('switch', 'block'):
+            left, running_name = running[cpu], f'swapper/{cpu}'
+            say(f'sched_switch: prev_comm={names.get(left, running_name)} prev_pid={left} prev_prio=120 '
+                f'prev_state={"D" if kind == "block" else "S" if left else "R"} ==> next_comm={names.get(what, running_name)} '
+                f'next_pid={what} next_prio=120')
+            running[cpu] = what
+        elif kind == 'wake':
+            say(f'sched_waking: comm={names[what]} pid={what} prio=120 target_cpu=000',
+                'd.h2.' if what == 11 else 'd..2.')
+        elif kind == 'lost':
+            lines.append(f'CPU:{cpu} [LOST 12 EVENTS]')
+        else:
+            for value in (frame[0], 0):
+                say(f'tracing_mark_write: C|7|TcfbtNotify{what}|{value}', '.....')
+    return '# tracer: nop\n#\n' + '\n'.join(lines) + '\n'
