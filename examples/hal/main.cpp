@@ -1,6 +1,6 @@
 // A camera HAL, as far as this library sees it: five nodes with a thread each record 4K video at 60
-// frames per second, at real pace. What a HAL does for the library is in Booster and Camera; copy
-// from there.
+// frames per second, at real pace. The threads live as long as their camera, so streams begin and
+// are flushed while nodes are at work. All calls of the library are in Booster; copy from there.
 //
 // Usage: hal [--all] [--busy] [SECONDS [DROP_EVERY [LOSE_EVERY [LOCK_EVERY]]]]
 //     --all         not one recording alone, but all that a HAL does: preview, a recording that is
@@ -9,7 +9,7 @@
 //                   all time is spent waiting, as for hardware
 //     SECONDS       how long a recording is, 0.25 unless given
 //     DROP_EVERY    the sensor drops every n-th frame, and the HAL knows
-//     LOSE_EVERY    a node loses every n-th frame, and nobody tells the library
+//     LOSE_EVERY    a node loses every n-th frame, and the library is not called for that
 //     LOCK_EVERY    from when every n-th frame leaves the sensor, a thread "Tuning" computes for
 //                   40 ms with a lock held that the node ToneMapper needs, too
 // Its threads have the names of their nodes.
@@ -29,35 +29,12 @@
 #include <ctime>
 #include <mutex>
 #include <queue>
+#include <shared_mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
-
-constexpr int64_t NO_MORE = -1;  // Goes through the nodes behind the last frame.
-
-// Hands frames from one node to the next.
-class FrameQueue {
-  public:
-    void Push(int64_t frame) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        frames.push(frame);
-        hasFrames.notify_one();
-    }
-
-    int64_t Pop() {
-        std::unique_lock<std::mutex> lock(mutex);
-        hasFrames.wait(lock, [this] { return !frames.empty(); });
-        const int64_t frame = frames.front();
-        frames.pop();
-        return frame;
-    }
-
-  private:
-    std::mutex mutex;
-    std::condition_variable hasFrames;
-    std::queue<int64_t> frames;  // Guarded by mutex.
-};
 
 struct Node {
     const char* name;  // Contains the name that the configuration has for a stage,
@@ -69,17 +46,139 @@ constexpr std::array<Node, 5> NODES = {{{"SensorFrontEnd0", 3, std::chrono::mill
                                         {"ToneMapper", 8, std::chrono::milliseconds(6)},
                                         {"VideoStabilizer", 0, std::chrono::milliseconds(11)},
                                         {"EncoderFeed", 10, std::chrono::milliseconds(8)}}};
+constexpr size_t SENSOR = 0;
 constexpr size_t LOSING_NODE = 2;
 constexpr size_t LOCKING_NODE = 2;
 
+constexpr int32_t FPS = 60;
 struct Stream {
     bool isVideo;
     int32_t width;
     int32_t fps;
     int32_t operationMode;  // 0x8001 is one that the configuration lists.
 };
-constexpr Stream PREVIEW = {false, 1920, 60, 0x8001};
-constexpr Stream VIDEO = {true, 3840, 60, 0x8001};
+constexpr Stream PREVIEW = {false, 1920, FPS, 0x8001};
+constexpr Stream VIDEO = {true, 3840, FPS, 0x8001};
+
+constexpr int64_t NO_STREAM = 0;
+struct Frame {
+    int64_t stream;  // Streams of all cameras are numbered from 1, each has another number.
+    int64_t number;  // From 1 in each stream.
+};
+
+// The only object of the process, which all cameras share. The service knows of one scene, so one
+// camera at a time has it. The others leave the library alone meanwhile: their frames have the same
+// numbers, and a description of their streams would end the scene.
+//
+// Threads. Operations of scenes must not run while another thread is in the library. Nodes do not
+// stop for that: reports share a lock, and a scene begins and ends with the lock held alone. A
+// report that had to wait for it, or came later, may be of a frame from before a flush, whose
+// number a frame of the new scene has as well. So each report says of which stream its frame is,
+// and is dropped unless that stream is the one that is boosted.
+class Booster {
+  public:
+    Booster() {
+        facade.TcfbtSetVersion(2);
+        // Stays from scene to scene and cannot be taken back: so once a process, not at each open.
+        facade.TcfbtAddPersistTids("SoloThreadManager", gettid());
+    }
+
+    // Before the first frame of a stream. For each stream, the preview too: the library knows what
+    // to boost. `tids`: the threads that work for it. Returns the stream's number.
+    int64_t StartStream(const Stream& stream, const std::vector<int32_t>& tids) {
+        const std::lock_guard<std::shared_mutex> lock(mutex);
+        ++newest;
+        if (boosted != NO_STREAM) {
+            return newest;
+        }
+        facade.TcfbtSetSceneInfo(stream.isVideo, stream.width, stream.fps);
+        if (facade.TcfbtNotifySceneStart(stream.operationMode) == 0) {
+            boosted = newest;
+            // For this scene alone, so in each anew, and only in scenes that have started: nothing
+            // would take back the threads of others.
+            for (const int32_t tid : tids) {
+                facade.TcfbtAddTempTids(tid);
+            }
+            facade.TcfbtSetTids();
+            StartFrame(1);  // All others are started by the node end of the frame before.
+        }
+        return newest;
+    }
+
+    // After the last frame of a stream, or when the frames on their way are to be thrown away.
+    // After a flush even when the same recording goes on: frame numbers start again, and only the
+    // end of the scene makes the library forget the frames that were on their way. Returns whether
+    // the stream was boosted.
+    bool EndStream(int64_t stream) {
+        const std::lock_guard<std::shared_mutex> lock(mutex);
+        if (stream != boosted) {
+            return false;
+        }
+        facade.TcfbtNotifySceneEnd();
+        boosted = NO_STREAM;
+        return true;
+    }
+
+    // On the node's thread, before the next node has the frame: else that node's end may come
+    // first, and the frame breaks. Frames and stages follow from it.
+    void EndNode(const Frame& frame, const Node& node, int32_t camera) {
+        const std::shared_lock<std::shared_mutex> lock(mutex);
+        if (frame.stream == boosted) {
+            facade.TcfbtNotifyNodeEnd(frame.number, node.name, node.port, camera,
+                                      /*isMaterCamera=*/true);
+        }
+    }
+
+    // On the sensor's thread, before the next frame leaves the sensor. The frame never leaves it,
+    // so nothing follows from that: without the rest of this the next two frames would be lost as
+    // well. The next frame is started while this one is still known, as it has to follow the
+    // newest.
+    void DropFrame(const Frame& frame) {
+        const std::shared_lock<std::shared_mutex> lock(mutex);
+        if (frame.stream == boosted) {
+            facade.TcfbtNotifyErrorFrame(frame.number, /*stage=*/0);
+            StartFrame(frame.number + 1);
+            facade.TcfbtNotifyFrameEnd(frame.number);
+        }
+    }
+
+  private:
+    // With the mutex held.
+    void StartFrame(int64_t number) {
+        facade.TcfbtNotifyFrameStart(number);
+        facade.TcfbtNotifyStageStart(/*stage=*/0, number, /*stageArg1=*/0, /*stageArg2=*/20,
+                                     NODES[SENSOR].name);
+    }
+
+    TarvoCameraFrameBoost facade;
+    std::shared_mutex mutex;
+    int64_t newest = NO_STREAM;   // Guarded by mutex.
+    int64_t boosted = NO_STREAM;  // The stream that has the scene. Guarded by mutex.
+};
+
+// Hands things from one thread to another.
+template <typename Item>
+class Queue {
+  public:
+    void Push(const Item& item) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        items.push(item);
+        hasItems.notify_one();
+    }
+
+    Item Pop() {
+        std::unique_lock<std::mutex> lock(mutex);
+        hasItems.wait(lock, [this] { return !items.empty(); });
+        const Item item = items.front();
+        items.pop();
+        return item;
+    }
+
+  private:
+    std::mutex mutex;
+    std::condition_variable hasItems;
+    std::queue<Item> items;  // Guarded by mutex.
+};
 
 // What is wrong with the cameras, and how they spend their time.
 struct Manner {
@@ -100,121 +199,93 @@ void Compute(std::chrono::nanoseconds time) {
     }
 }
 
-bool IsNth(int64_t frame, int64_t every) {
-    return every > 0 && frame > 0 && frame % every == 0;
+bool IsNth(const Frame& frame, int64_t every) {
+    return every > 0 && frame.number % every == 0;
 }
-
-// The only object of the process, which all cameras share. The service knows of one scene, so one
-// camera at a time has it. The others leave the object alone meanwhile: their frames have the same
-// numbers, and a description of their streams would end the scene.
-struct Booster {
-    Booster() {
-        facade.TcfbtSetVersion(2);
-        // Stays from scene to scene and cannot be taken back: so once a process, not at each open.
-        facade.TcfbtAddPersistTids("SoloThreadManager", gettid());
-    }
-
-    TarvoCameraFrameBoost facade;
-    std::mutex mutex;
-    bool hasScene = false;  // Guarded by mutex.
-};
 
 class Camera {
   public:
     Camera(Booster& sharedBooster, int32_t cameraId, const Manner& itsManner)
-        : booster(sharedBooster), id(cameraId), manner(itsManner) {}
-
-    // Sends that many frames through the pipeline, numbered from 1. A flush throws away those that
-    // are still on their way in the end. Returns whether the frames were boosted.
-    bool Run(const Stream& stream, int64_t frames, bool isFlushed = false) {
-        StartScene(stream);
-        isFlushing = false;
-        std::array<std::thread, NODES.size()> threads;
-        threads[0] = std::thread(&Camera::RunSensor, this, stream.fps, frames, isFlushed);
-        for (size_t node = 1; node < NODES.size(); ++node) {
-            threads[node] = std::thread(&Camera::RunNode, this, node);
+        : booster(sharedBooster), id(cameraId), manner(itsManner) {
+        for (size_t node = 0; node < NODES.size(); ++node) {
+            threads.emplace_back(&Camera::RunNode, this, node);
         }
-        std::thread tuning;
+        while (tids.size() < NODES.size()) {
+            tids.push_back(started.Pop());
+        }
         if (manner.lockEvery > 0) {
-            tuning = std::thread(&Camera::RunTuning, this);
+            threads.emplace_back(&Camera::RunTuning, this);
         }
+    }
+
+    ~Camera() {
+        queues[SENSOR].Push(CLOSE);
+        tunings.Push(CLOSE);
         for (std::thread& thread : threads) {
             thread.join();
         }
-        if (tuning.joinable()) {
-            tuning.join();
+    }
+
+    Camera(const Camera&) = delete;
+    Camera& operator=(const Camera&) = delete;
+
+    // Requests frames and ends the stream when that many are done with. The others are flushed:
+    // thrown away where they are. Returns whether the frames were boosted.
+    bool Run(const Stream& stream, int64_t requested, int64_t wanted) {
+        const int64_t number = booster.StartStream(stream, tids);
+        for (int64_t frame = 1; frame <= requested; ++frame) {
+            queues[SENSOR].Push({number, frame});
         }
-        EndScene();
-        return isBoosted;
+        for (int64_t done = 0; done < wanted;) {
+            done += results.Pop().stream == number ? 1 : 0;
+        }
+        flushed = number;
+        return booster.EndStream(number);
     }
 
   private:
-    // Before the pipeline starts. For each stream, the preview too: the library knows what to
-    // boost.
-    void StartScene(const Stream& stream) {
-        const std::lock_guard<std::mutex> lock(booster.mutex);
-        isBoosted = false;
-        if (!booster.hasScene) {
-            booster.facade.TcfbtSetSceneInfo(stream.isVideo, stream.width, stream.fps);
-            isBoosted = booster.facade.TcfbtNotifySceneStart(stream.operationMode) == 0;
-            booster.hasScene = isBoosted;
-        }
-    }
-
-    // When the pipeline has stopped and none of its threads is in the library any more. After a
-    // flush as well, even when the same recording goes on: frame numbers start again, and only the
-    // end of the scene makes the library forget the frames that were on their way.
-    void EndScene() {
-        if (isBoosted) {
-            const std::lock_guard<std::mutex> lock(booster.mutex);
-            booster.facade.TcfbtNotifySceneEnd();
-            booster.hasScene = false;
-        }
-    }
-
-    // Each frame leaves the first node when its time is over. Frame 0 only opens frame 1.
-    void RunSensor(int32_t fps, int64_t frames, bool isFlushed) {
-        RegisterThread(NODES[0].name);
-        auto due = std::chrono::steady_clock::now();
-        for (int64_t frame = 0; frame <= frames; ++frame) {
-            due += std::chrono::nanoseconds(std::chrono::seconds(1)) / fps;
-            std::this_thread::sleep_until(due);
-            if (IsNth(frame, manner.dropEvery)) {
-                OnSensorDrop(frame);
-                continue;
-            }
-            OnNodeEnd(NODES[0], frame);
-            if (IsNth(frame, manner.lockEvery)) {
-                tunings.Push(frame);
-            }
-            if (frame > 0) {
-                queues[1].Push(frame);
-            }
-        }
-        isFlushing = isFlushed;
-        tunings.Push(NO_MORE);
-        queues[1].Push(NO_MORE);
-    }
+    static constexpr Frame CLOSE = {NO_STREAM, 0};  // Goes through the nodes behind all frames.
 
     void RunNode(size_t node) {
-        RegisterThread(NODES[node].name);
-        const bool isLast = node + 1 == NODES.size();
-        for (int64_t frame = 0; frame != NO_MORE;) {
-            frame = queues[node].Pop();
-            if (frame != NO_MORE) {
-                Work(node);
-                if (isFlushing || (node == LOSING_NODE && IsNth(frame, manner.loseEvery))) {
-                    continue;
-                }
-                OnNodeEnd(NODES[node], frame);
+        // A trace has the name. Of longer ones than 15 characters the kernel takes none.
+        pthread_setname_np(pthread_self(), NODES[node].name);
+        started.Push(gettid());
+        Queue<Frame>& next = node + 1 < NODES.size() ? queues[node + 1] : results;
+        for (;;) {
+            const Frame frame = queues[node].Pop();
+            if (frame.stream == NO_STREAM) {
+                next.Push(frame);
+                return;
             }
-            if (!isLast) {
-                queues[node + 1].Push(frame);
+            if (frame.stream <= flushed) {
+                continue;
+            }
+            Work(node, frame);
+            if (node == SENSOR && IsNth(frame, manner.dropEvery)) {
+                booster.DropFrame(frame);
+                results.Push(frame);
+            } else if (node == LOSING_NODE && IsNth(frame, manner.loseEvery)) {
+                results.Push(frame);
+            } else {
+                booster.EndNode(frame, NODES[node], id);
+                next.Push(frame);
+                if (node == SENSOR && IsNth(frame, manner.lockEvery)) {
+                    tunings.Push(frame);
+                }
             }
         }
     }
 
-    void Work(size_t node) {
+    void Work(size_t node, const Frame& frame) {
+        if (node == SENSOR) {
+            // A frame leaves the sensor each period, from the stream's first request on.
+            if (frame.number == 1) {
+                due = std::chrono::steady_clock::now();
+            }
+            due += std::chrono::nanoseconds(std::chrono::seconds(1)) / FPS;
+            std::this_thread::sleep_until(due);
+            return;
+        }
         std::unique_lock<std::mutex> lock(tables, std::defer_lock);
         if (node == LOCKING_NODE) {
             lock.lock();
@@ -225,56 +296,29 @@ class Camera {
         Compute(computing);
     }
 
-    // Makes tables anew that a node uses, and takes too long. No thread of the scene's: that is the
-    // mistake, as the service hears nothing of a thread that frames wait for.
+    // Makes tables anew that a node uses, and takes too long. It is not among the threads that the
+    // service gets: that is the mistake, as the service cannot boost a thread that it does not
+    // know.
     void RunTuning() {
         pthread_setname_np(pthread_self(), "Tuning");
-        while (tunings.Pop() != NO_MORE) {
+        while (tunings.Pop().stream != NO_STREAM) {
             const std::lock_guard<std::mutex> lock(tables);
             Compute(std::chrono::milliseconds(40));
         }
     }
 
-    // A thread that works for this scene: the service hears of it with the next TcfbtSetTids.
-    // Without a scene it would hear of it too, and nothing would take the thread back. A trace has
-    // its name, of which the kernel keeps 15 characters and refuses more.
-    void RegisterThread(const char* name) {
-        pthread_setname_np(pthread_self(), name);
-        if (isBoosted) {
-            booster.facade.TcfbtAddTempTids(gettid());
-            booster.facade.TcfbtSetTids();
-        }
-    }
-
-    // On the node's thread, before the next node has the frame. Frame and stages follow from it.
-    void OnNodeEnd(const Node& node, int64_t frame) {
-        if (isBoosted) {
-            booster.facade.TcfbtNotifyNodeEnd(frame, node.name, node.port, id,
-                                              /*isMaterCamera=*/true);
-        }
-    }
-
-    // The frame never leaves the first node, so nothing follows from that: without the rest of this
-    // the next two frames would be lost as well. The next frame is started while this one is still
-    // known, as it has to follow the newest.
-    void OnSensorDrop(int64_t frame) {
-        if (isBoosted) {
-            booster.facade.TcfbtNotifyErrorFrame(frame, /*stage=*/0);
-            booster.facade.TcfbtNotifyFrameStart(frame + 1);
-            booster.facade.TcfbtNotifyStageStart(/*stage=*/0, frame + 1, /*stageArg1=*/0,
-                                                 /*stageArg2=*/20, NODES[0].name);
-            booster.facade.TcfbtNotifyFrameEnd(frame);
-        }
-    }
-
     Booster& booster;
-    bool isBoosted = false;  // This camera has the scene. Written while none of its threads runs.
-    std::atomic<bool> isFlushing{false};
-    std::array<FrameQueue, NODES.size()> queues;
-    FrameQueue tunings;
+    std::array<Queue<Frame>, NODES.size()> queues;  // What each node is to work on.
+    Queue<Frame> results;                           // Frames that no node will work on any more.
+    Queue<Frame> tunings;
+    Queue<int32_t> started;                     // The ids of threads, as they start.
+    std::atomic<int64_t> flushed{NO_STREAM};    // Frames of streams up to this one are thrown away.
+    std::chrono::steady_clock::time_point due;  // When the sensor's frame is. Of its thread alone.
     std::mutex tables;  // A node works, or the tables that it uses are made anew.
     const int32_t id;
     const Manner manner;
+    std::vector<int32_t> tids;  // Of the nodes.
+    std::vector<std::thread> threads;
 };
 
 // A number that is not negative; -1 for any other text.
@@ -315,16 +359,16 @@ int main(int argc, char** argv) {
     Booster booster;
     Camera rear(booster, 0, manner);
     if (!isAll) {
-        return rear.Run(VIDEO, frames) ? 0 : 1;
+        return rear.Run(VIDEO, frames, frames) ? 0 : 1;
     }
     Camera front(booster, 1, manner);
-    rear.Run(PREVIEW, frames / 4);
-    bool areBoosted = rear.Run(VIDEO, frames / 2, /*isFlushed=*/true);
+    rear.Run(PREVIEW, frames / 4, frames / 4);
+    bool areBoosted = rear.Run(VIDEO, 10 * frames, frames / 2);
     // The recording goes on, while the other camera shows a preview beside it.
-    std::thread beside([&] { front.Run(PREVIEW, frames / 4); });
-    areBoosted = rear.Run(VIDEO, frames - frames / 2) && areBoosted;
+    std::thread beside([&] { front.Run(PREVIEW, frames / 4, frames / 4); });
+    areBoosted = rear.Run(VIDEO, frames / 2, frames / 2) && areBoosted;
     beside.join();
-    rear.Run(PREVIEW, frames / 4);
-    areBoosted = front.Run(VIDEO, frames) && areBoosted;
+    rear.Run(PREVIEW, frames / 4, frames / 4);
+    areBoosted = front.Run(VIDEO, frames, frames) && areBoosted;
     return areBoosted ? 0 : 1;
 }
