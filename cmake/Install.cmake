@@ -1,9 +1,11 @@
 # What `cmake --install` puts in place: the library with its public headers, a CMake package and a
 # pkg-config file; on a desktop also the platform that the library is linked with, and the command
 # with its manual page, its completion for bash and its sample files. The component "desktop" is the
-# platform's header, with which a program can see what the service is told.
+# platform's header, with which a program can see the calls that the service gets. The packages that
+# scripts/package makes are "library", with that header, and "command".
 
 include(CMakePackageConfigHelpers)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME library)
 
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/TarvoCameraFrameBoost)
 # In a folder of this project's own, as "host" is a common name. It is included as in this project.
@@ -45,16 +47,41 @@ install(FILES ${PROJECT_BINARY_DIR}/tarvocameraframeboost.pc
 if(TARGET cameraframeboost)
     file(RELATIVE_PATH from_bin_to_lib /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
     set_target_properties(cameraframeboost PROPERTIES INSTALL_RPATH $ORIGIN/${from_bin_to_lib})
-    install(TARGETS cameraframeboost)
+    install(TARGETS cameraframeboost COMPONENT command)
     # Not there in builds for other processors without an emulator.
     install(FILES ${PROJECT_BINARY_DIR}/tools/cameraframeboost.1 OPTIONAL
-        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+        COMPONENT command DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
     install(FILES tools/command/completion.bash RENAME cameraframeboost
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+        COMPONENT command DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
     install(FILES host/sample_configuration.toml docs/account.schema.json
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
+        COMPONENT command DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
     install(PROGRAMS examples/fleet/fleet.py
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost/fleet)
+        COMPONENT command DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost/fleet)
     install(DIRECTORY examples/cameras examples/configurations examples/sessions
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
+        COMPONENT command DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
+
+    # Debian packages. The command is linked with the library of the same build.
+    set(CPACK_GENERATOR DEB)
+    set(CPACK_PACKAGE_CONTACT "The developers of libtarvocameraframeboost")
+    set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+    set(CPACK_STRIP_FILES ON)
+    set(CPACK_DEB_COMPONENT_INSTALL ON)
+    set(CPACK_COMPONENTS_ALL library desktop command)
+    set(CPACK_COMPONENT_LIBRARY_GROUP library)
+    set(CPACK_COMPONENT_DESKTOP_GROUP library)
+    set(CPACK_COMPONENT_COMMAND_GROUP command)
+    set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+        ${PROJECT_BINARY_DIR}/cameraframeboost ${PROJECT_BINARY_DIR}/host)
+    set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libtarvocameraframeboost)
+    set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libdevel)
+    set(CPACK_DEBIAN_LIBRARY_DESCRIPTION
+        "camera frame boost library, its headers and a desktop platform to test against")
+    set(CPACK_DEBIAN_COMMAND_PACKAGE_NAME cameraframeboost)
+    set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION utils)
+    set(CPACK_DEBIAN_COMMAND_PACKAGE_DEPENDS "libtarvocameraframeboost (= ${PROJECT_VERSION})")
+    set(CPACK_DEBIAN_COMMAND_DESCRIPTION
+        "explains why a phone's camera dropped frames, from its log; checks, replays, simulates")
+    include(CPack)
 endif()
