@@ -4,10 +4,12 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <numeric>
+#include <optional>
 #include <sstream>
 #include <string>
 
 #include "tests/fuzz/require.h"
+#include "tools/account/facts.h"
 #include "tools/output/json.h"
 #include "tools/output/text.h"
 #include "tools/output/trace.h"
@@ -40,9 +42,28 @@ std::string Explain(const std::string& text, size_t piece) {
     if (trace.counters.empty()) {
         return "";
     }
-    tools::Account account = AccountOf(trace, "name", {});
-    const tools::Scheduling scheduling =
-        MakeScheduling(account, "name", std::move(trace), nullptr, 5);
+    // A log that says what the counters say, a little earlier.
+    tools::FactsMaker facts;
+    tools::CountedLines lines;
+    for (const tools::SchedCounter& counter : trace.counters) {
+        tools::Message message;
+        message.kind = counter.kind;
+        message.stage = counter.stage;
+        message.frame = counter.frame;
+        const tools::Moment moment = {counter.time - 5, counter.process,
+                                      trace.threads[counter.thread].tid};
+        facts.OnMessage(message, moment);
+        lines.OnMessage(message, moment);
+    }
+    tools::Account account = facts.Finish(trace.to);
+    Judge(account);
+    std::optional<tools::Scheduling> made;
+    try {
+        made = MakeScheduling(account, "name", std::move(trace), lines.All(), 5);
+    } catch (const tools::TieError&) {
+        return "";
+    }
+    const tools::Scheduling& scheduling = *made;
     std::ostringstream told, json;
     WriteText(told, account, {true, {}}, &scheduling);
     WriteCsv(told, account, &scheduling);

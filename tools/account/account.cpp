@@ -39,8 +39,7 @@ const char* NameOf(Check check) {
                                                   "lines-lost",
                                                   "clock-jump",
                                                   "not-understood",
-                                                  "cpu-wait",
-                                                  "trace-alone"};
+                                                  "cpu-wait"};
     return NAMES[static_cast<size_t>(check)];
 }
 
@@ -116,12 +115,6 @@ Severity WorstOf(const Account& account) {
     return worst;
 }
 
-const char* WhyUntold(const Account& account) {
-    const bool isOfCounters = std::any_of(account.scenes.begin(), account.scenes.end(),
-                                          [](const Scene& scene) { return scene.isOfCounters; });
-    return isOfCounters ? "a trace alone does not tell it" : "lines of the log are missing";
-}
-
 // What a viewer of the video would see comes first: frames that never came out, and late ones.
 std::string VerdictOf(const Account& account) {
     int64_t frames = 0, mixed = 0, neverOut = 0, notBoosted = 0, untold = 0, late = 0, started = 0;
@@ -158,8 +151,8 @@ std::string VerdictOf(const Account& account) {
                                     notBoosted == 1 ? "was" : "were"));
     }
     if (untold > 0) {
-        parts.push_back(
-            fmt::format("what became of {} cannot be told, as {}", untold, WhyUntold(account)));
+        parts.push_back(fmt::format(
+            "what became of {} cannot be told, as lines of the log are missing", untold));
     }
     if (mixed > 0) {
         parts.push_back(

@@ -76,9 +76,8 @@ enum class Check : uint8_t {
     ClockJump,
     NotUnderstood,
     CpuWait,
-    TraceAlone,
 };
-inline constexpr size_t CHECKS = static_cast<size_t>(Check::TraceAlone) + 1;
+inline constexpr size_t CHECKS = static_cast<size_t>(Check::CpuWait) + 1;
 const char* NameOf(Check check);  // "frame-lost" and so on.
 
 // Some frames: a first and a last number.
@@ -223,8 +222,6 @@ struct Scene {
     bool hasEnd = false;              // Its end is in the capture.
     bool isGoingOn = false;           // More may come: it is only looked at.
     bool isBeginningMissing = false;  // The capture starts in its middle.
-    bool isOfCounters = false;        // A trace's counters tell of it: nothing of frames that were
-                                      // refused or pushed out.
     bool isMixed = false;     // Worked out: of two objects at once, so that nothing can be told.
     bool isAfterEnd = false;  // It goes on where a scene of the process had just ended.
     bool hasTimes = false, hasThreads = false;
@@ -314,9 +311,6 @@ struct Account {
 
 // The worst of all findings but the checker's; a note when there is none.
 Severity WorstOf(const Account& account);
-
-// Why it is not known what became of frames.
-const char* WhyUntold(const Account& account);
 
 // What came of it all, in a sentence.
 std::string VerdictOf(const Account& account);

@@ -65,9 +65,7 @@ class DelayFinder {
     bool HasLateInterval(uint32_t before, uint32_t frame, Micros threshold) {
         Frame& row = scene.frames[frame];
         const Micros from = scene.frames[before].output;
-        // Of frames between that have no counters nobody knows when they came out.
-        const bool isCut = scene.isOfCounters && row.number != scene.frames[before].number + 1;
-        if (isCut || judging.IsDoubtful(frame) || judging.IsDoubtful(before) ||
+        if (judging.IsDoubtful(frame) || judging.IsDoubtful(before) ||
             !judging.IsTimed(from, row.output) || scene.frames[before].epoch != row.epoch) {
             return false;
         }

@@ -73,9 +73,7 @@ void CountFrames(Judging& judging) {
         }
         Frame& row = scene.frames[frame];
         if (row.isUntold) {
-            row.reason = row.status == FrameStatus::Complete || scene.isOfCounters
-                             ? row.reason
-                             : Reason::LinesMissing;
+            row.reason = row.status == FrameStatus::Complete ? row.reason : Reason::LinesMissing;
             ++scene.untold;
         } else if (judging.IsExplained(frame)) {
             row.hasFinding = true;

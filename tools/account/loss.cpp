@@ -104,19 +104,6 @@ void RaiseSkipped(Judging& judging, const Gap& gap) {
 
 void RaiseDropped(Judging& judging, const Gap& gap) {
     Scene& scene = judging.scene;
-    if (scene.isOfCounters) {
-        Trouble& trouble = judging.Raise(
-            Check::FrameLost, Severity::Warning, NO_INDEX, 0, gap.place, gap.from,
-            fmt::format(wording::NOT_COUNTED, fmt::arg("frames", FramesText(gap.missing)),
-                        fmt::arg("have", gap.missing.size() == 1 ? "has" : "have")));
-        trouble.finding.frame = gap.missing.front();
-        trouble.finding.frames = RangesOf(gap.missing);
-        trouble.absent = static_cast<int64_t>(gap.missing.size() - gap.rows.size());
-        for (const uint32_t row : gap.rows) {
-            scene.frames[row].isUntold = true;
-        }
-        return;
-    }
     bool isEnded = !gap.rows.empty();
     for (const uint32_t row : gap.rows) {
         isEnded = isEnded && scene.frames[row].isEnded;

@@ -46,9 +46,6 @@ inline constexpr char SKIPPED[] =
     "{frames} {were} skipped by the HAL: {next} follows {before} without a gap in time, and the "
     "library takes it for out of sequence";
 inline constexpr char LOST[] = "{frames} never left {stage}";
-inline constexpr char NOT_COUNTED[] =
-    "{frames} {have} no counters: dropped by the sensor, or refused; a trace alone does not tell "
-    "which";
 inline constexpr char OR_UNREPORTED[] = ", or the end there was not reported";
 inline constexpr char AND_ENDED[] = ", and the HAL ended {it}";
 inline constexpr char RESTART[] =

@@ -50,31 +50,25 @@ struct Explained {
     std::optional<Scheduling> scheduling;
 };
 
-// Gives a file to whoever reads what it is.
-class Sorter : public TextSink {
+// Hands a log to its reader, and refuses a scheduler trace.
+class LogSink : public TextSink {
   public:
-    Sorter(CaptureReader& captureReader, TraceReader& traceReader)
-        : capture(captureReader), trace(traceReader) {}
-    bool IsTrace() const { return chosen == &trace; }
-
+    explicit LogSink(CaptureReader& captureReader) : reader(captureReader) {}
     void Read(std::string_view bytes) override {
-        if (chosen == nullptr && tools::IsTrace(bytes)) {
-            chosen = &trace;
+        if (isBeginning && IsTrace(bytes)) {
+            throw CaptureError(
+                "is a scheduler trace, which is explained with the log of the same time:\n"
+                "cameraframeboost explain LOG --sched TRACE");
         }
-        Chosen().Read(bytes);
+        isBeginning = false;
+        reader.Read(bytes);
     }
-    void End() override { Chosen().End(); }
-    bool TakeDamage(const char* reason) override { return Chosen().TakeDamage(reason); }
+    void End() override { reader.End(); }
+    bool TakeDamage(const char* reason) override { return reader.TakeDamage(reason); }
 
   private:
-    TextSink& Chosen() {
-        chosen = chosen == nullptr ? &capture : chosen;
-        return *chosen;
-    }
-
-    CaptureReader& capture;
-    TraceReader& trace;
-    TextSink* chosen = nullptr;
+    CaptureReader& reader;
+    bool isBeginning = true;
 };
 
 // Returns what messages call the file.
@@ -116,48 +110,30 @@ Explained Explain(const Source& source, const JudgeOptions& options, ProgressLin
         sinks.push_back(&counted);
     }
     CaptureReader reader(sinks);
-    TraceReader traceReader;
     std::vector<std::string> names;
-    bool isTrace = false;
     for (size_t i = 0; i < source.captures.size(); ++i) {
         reader.Begin(static_cast<uint32_t>(i));
-        Sorter sorter(reader, traceReader);
-        names.push_back(ReadInput(sorter, source.captures[i], progress));
-        isTrace = isTrace || sorter.IsTrace();
+        LogSink sink(reader);
+        names.push_back(ReadInput(sink, source.captures[i], progress));
     }
     reader.Finish();
     progress.Clear();
-    // What there is to be said of several is known when all causes are.
+    RequireLibraryLines(reader.Summary(), names);
+    if (source.trace.empty()) {
+        return {MakeAccount(facts, reader.Summary(), names, options), std::nullopt};
+    }
+    SchedTrace trace = ReadTrace(source.trace, progress);
+    progress.Clear();
+    // Findings of a kind are joined when the trace has told their causes.
     JudgeOptions apart = options;
     apart.toldOneByOne = SIZE_MAX;
-    Explained explained;
+    Explained explained{MakeAccount(facts, reader.Summary(), names, apart), std::nullopt};
+    const std::string name = NameOfInput(source.trace);
     try {
-        if (isTrace) {
-            if (source.captures.size() > 1 || !source.trace.empty() || source.maker != nullptr) {
-                FailUsage(
-                    "a scheduler trace is explained alone, or beside a log with --sched; no "
-                    "session "
-                    "and\nno configuration can be made of it");
-            }
-            SchedTrace trace = traceReader.Finish();
-            explained.account = AccountOf(trace, names.front(), apart);
-            explained.scheduling = MakeScheduling(explained.account, names.front(),
-                                                  std::move(trace), nullptr, options.toldOneByOne);
-            return explained;
-        }
-        RequireLibraryLines(reader.Summary(), names);
-        explained.account =
-            MakeAccount(facts, reader.Summary(), names, source.trace.empty() ? options : apart);
-        if (!source.trace.empty()) {
-            SchedTrace trace = ReadTrace(source.trace, progress);
-            progress.Clear();
-            explained.scheduling =
-                MakeScheduling(explained.account, NameOfInput(source.trace), std::move(trace),
-                               &counted.All(), options.toldOneByOne);
-        }
+        explained.scheduling = MakeScheduling(explained.account, name, std::move(trace),
+                                              counted.All(), options.toldOneByOne);
     } catch (const TieError& error) {
-        throw CommandError(NameOfInput(isTrace ? source.captures.front() : source.trace) +
-                           ": error: " + error.what());
+        throw CommandError(name + ": error: " + error.what());
     }
     return explained;
 }
@@ -291,8 +267,6 @@ void AddExplain(CLI::App& app, Run& run) {
         "\nA capture is a file that logcat has written, in whatever form, or a bug report, zipped\n"
         "or not; several are read one after the other. The library logs while the property\n"
         "vendor.tarvo.camera.frameboost.debug.enable is true, which it reads when it is loaded.\n"
-        "A scheduler trace (ftrace's text, systrace's HTML, gz of either) may stand for a "
-        "capture.\n"
         "\nExit status: 0 nothing found, 1 something found (warnings too), 2 cannot be read; with\n"
         "--compare, of the capture that it names.\n"
         "\nExamples:\n\n"

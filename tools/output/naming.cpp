@@ -88,9 +88,6 @@ std::string DescriptionOf(const Frame& frame) {
 }
 
 double RateOf(const Scene& scene) {
-    if (scene.isOfCounters && scene.untold > 0) {
-        return 0;
-    }
     Micros passed = 0;
     int64_t count = 0;
     for (const Frame& frame : scene.frames) {
@@ -156,13 +153,12 @@ std::string TitleOf(const std::vector<SharedConfiguration>& all, const SharedCon
 
 std::string TitleOf(const Scheduling& scheduling) {
     const SchedTrace& trace = *scheduling.trace;
-    std::string text = fmt::format("{}: a scheduler trace of {} s, {}", scheduling.name,
-                                   Fixed(static_cast<double>(trace.to - trace.from) / 1e6, 3),
-                                   Counted(scheduling.tie->Counters(), "counter"));
-    if (!scheduling.isAlone) {
-        text += fmt::format(" of which tie it to the log, nine of ten to within {} ms",
-                            Fixed(static_cast<double>(scheduling.tie->Within()) / 1000, 2));
-    }
+    std::string text = fmt::format(
+        "{}: a scheduler trace of {} s, {} of which tie it to the log, nine of ten "
+        "to within {} ms",
+        scheduling.name, Fixed(static_cast<double>(trace.to - trace.from) / 1e6, 3),
+        Counted(scheduling.tie->Counters(), "counter"),
+        Fixed(static_cast<double>(scheduling.tie->Within()) / 1000, 2));
     if (trace.lost > 0) {
         text += fmt::format("; it lacks {} that the tracer lost", Counted(trace.lost, "event"));
     }

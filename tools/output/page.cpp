@@ -230,8 +230,8 @@ class Page {
         }
         out << ".";
         if (scene.untold > 0) {
-            out << " What became of " << scene.untold << " cannot be told, as "
-                << WhyUntold(account) << '.';
+            out << " What became of " << scene.untold
+                << " cannot be told, as lines of the log are missing.";
         }
         out << "</p>\n";
         if (account.hasTimes && !scene.frames.empty()) {

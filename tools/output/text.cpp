@@ -95,7 +95,7 @@ void WriteFigures(std::ostream& out, const Account& account, const Scene& scene)
     out << "\nFrames: " << FramesByStatus(scene) << ".\n";
     if (scene.untold > 0) {
         out << "What became of " << scene.untold
-            << " of them cannot be told: " << WhyUntold(account) << ".\n";
+            << " of them cannot be told: lines of the log are missing.\n";
     }
     if (!account.hasTimes) {
         out << "The capture has no times: no durations, and nothing is known to be late or slow.\n";

@@ -81,7 +81,7 @@ class SceneMaker {
                     static_cast<int32_t>(i % static_cast<size_t>(scene.stageCount)));
             }
         }
-        result.isHandedKnown = scene.hasThreads && !scene.isBeginningMissing && !scene.isOfCounters;
+        result.isHandedKnown = scene.hasThreads && !scene.isBeginningMissing;
         std::set<uint32_t> handed;
         for (const int32_t tid : scene.setThreads) {
             if (tie.ThreadOf(tid) != NO_THREAD) {
@@ -219,18 +219,14 @@ std::vector<Span> OutsideOf(const Account& account, const SchedTrace& trace, con
 }  // namespace
 
 Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
-                          const std::vector<CountedLines::Line>* lines, size_t toldOneByOne) {
+                          const std::vector<CountedLines::Line>& lines, size_t toldOneByOne) {
     Scheduling scheduling;
     scheduling.name = std::move(name);
-    scheduling.isAlone = lines == nullptr;
     scheduling.trace = std::make_unique<SchedTrace>(std::move(trace));
     const SchedTrace& kept = *scheduling.trace;
-    scheduling.tie = lines != nullptr ? std::make_unique<Tie>(*lines, kept, account.resolution)
-                                      : std::make_unique<Tie>(kept, kept.counters.front().time);
+    scheduling.tie = std::make_unique<Tie>(lines, kept, account.resolution);
     scheduling.states = std::make_unique<States>(kept);
-    // Before and after a trace alone there may be scenes that it does not tell of.
-    const std::vector<Span> outside =
-        scheduling.isAlone ? std::vector<Span>() : OutsideOf(account, kept, *scheduling.tie);
+    const std::vector<Span> outside = OutsideOf(account, kept, *scheduling.tie);
     for (Scene& scene : account.scenes) {
         scheduling.scenes.push_back(
             SceneMaker(scene, *scheduling.states, *scheduling.tie).Make(outside));

@@ -57,17 +57,13 @@ struct Scheduling {
     std::unique_ptr<SchedTrace> trace;
     std::unique_ptr<Tie> tie;
     std::unique_ptr<States> states;
-    bool isAlone = false;                 // The frames are told of by the trace itself.
     std::vector<SceneScheduling> scenes;  // One for each of the account's.
 };
 
-// The account of a trace alone: its counters tell of frames and stages. `options`: as of Judge.
-// Throws a TieError where there are none.
-Account AccountOf(const SchedTrace& trace, const std::string& name, const JudgeOptions& options);
-
 // Works the scheduling out, adds to the account's findings what they come of, and joins them as
-// `toldOneByOne` of JudgeOptions says: the account is to be judged without that.
+// `toldOneByOne` of JudgeOptions says: the account is to be judged without that. `lines`: of the
+// log. Throws a TieError where the two do not belong together.
 Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
-                          const std::vector<CountedLines::Line>* lines, size_t toldOneByOne);
+                          const std::vector<CountedLines::Line>& lines, size_t toldOneByOne);
 
 }  // namespace tools

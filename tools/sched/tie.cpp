@@ -65,15 +65,6 @@ void Tie::AddCounters(bool hasProcesses) {
     }
 }
 
-Tie::Tie(const SchedTrace& schedTrace, Micros origin) : trace(schedTrace) {
-    AddCounters(true);
-    knots.push_back({0, origin});
-    counters = static_cast<int64_t>(trace.counters.size());
-    for (const SchedCounter& counter : trace.counters) {
-        threads[trace.threads[counter.thread].tid] = counter.thread;
-    }
-}
-
 Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTrace,
          Micros resolution)
     : trace(schedTrace) {
@@ -155,7 +146,6 @@ Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTr
             : std::count_if(trace.counters.begin(), trace.counters.end(),
                             [&](const SchedCounter& counter) {
                                 return (!isByProcess || ofLog.contains(counter.process)) &&
-                                       counter.kind != MessageKind::FrameInError &&
                                        counter.time >= ToTrace(lines.front().time) &&
                                        counter.time <= ToTrace(lines.back().time);
                             });

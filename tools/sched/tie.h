@@ -40,8 +40,6 @@ class Tie {
     // Throws a TieError. `resolution`: of the log's times. The trace has to stay.
     Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTrace,
         Micros resolution);
-    // Of a trace whose counters were told of as they are, with `origin` as time 0.
-    Tie(const SchedTrace& schedTrace, Micros origin);
 
     int64_t Counters() const { return counters; }  // How many tie the clocks.
     // Nine of ten of them agree to within this much.

@@ -181,8 +181,10 @@ struct TraceReader::Line {
 };
 
 bool IsTrace(std::string_view beginning) {
-    if (beginning.starts_with("# tracer:") || beginning.starts_with("<!DOCTYPE html") ||
-        beginning.starts_with("<html")) {
+    // Before its trace systrace's HTML has megabytes of scripts.
+    constexpr std::string_view TITLE = "<title>Android System Trace</title>";
+    if (beginning.starts_with("# tracer:") ||
+        (beginning.starts_with('<') && beginning.find(TITLE) != std::string_view::npos)) {
         return true;
     }
     for (size_t at = 0; at < beginning.size();) {
@@ -217,7 +219,6 @@ void TraceReader::Read(std::string_view bytes) {
 }
 
 void TraceReader::TakeLine(std::string_view text) {
-    ++trace.lines;
     if (text.starts_with('#')) {
         return TakeComment(text);
     }
@@ -310,12 +311,10 @@ void TraceReader::TakeMark(const Line& line) {
     static constexpr Name NAMES[] = {{"TcfbtNotifyFrameStart", MessageKind::FrameStart, false},
                                      {"TcfbtNotifyFrameEnd", MessageKind::FrameEnd, false},
                                      {"TcfbtNotifyStageStart", MessageKind::StageStart, true},
-                                     {"TcfbtNotifyStageEnd", MessageKind::StageEnd, true},
-                                     // One letter short, as the library has it.
-                                     {"TcbtNotifyErrorFrame", MessageKind::FrameInError, false}};
+                                     {"TcfbtNotifyStageEnd", MessageKind::StageEnd, true}};
     const size_t begin = line.text.find("C|");
     std::string_view text = line.text.substr(std::min(begin, line.text.size()));
-    SchedCounter counter{line.time, NO_THREAD, 0, 0, -1, 0, MessageKind::FrameStart};
+    SchedCounter counter{line.time, NO_THREAD, 0, -1, 0, MessageKind::FrameStart};
     if (!Skip(text, "C|") || !TakeNumber(text, counter.process) || !Skip(text, "|")) {
         return;
     }
@@ -325,7 +324,6 @@ void TraceReader::TakeMark(const Line& line) {
             Skip(value, "|") && TakeNumber(value, counter.frame) && counter.frame != 0) {
             counter.kind = name.kind;
             counter.thread = ThreadOf(line.tid, line.name, line.cpu);
-            counter.line = static_cast<uint32_t>(trace.lines);
             trace.counters.push_back(counter);
             return;
         }

@@ -40,12 +40,10 @@ struct SchedEvent {
 struct SchedCounter {
     Micros time;
     uint32_t thread;
-    uint32_t line;
     int32_t process;  // As the process itself knows its number.
     int32_t stage;    // -1 where it is of a frame.
     int32_t frame;
-    MessageKind kind;  // FrameStart, FrameEnd, StageStart, StageEnd; FrameInError of one that is
-                       // reported to the service.
+    MessageKind kind;  // FrameStart, FrameEnd, StageStart, StageEnd.
 };
 
 struct SchedThread {
@@ -65,7 +63,6 @@ struct SchedTrace {
         uint16_t cpu;
     };
     std::vector<Hole> holes;  // Where events were lost: between the CPU's last one and its next.
-    int64_t lines = 0;        // All of the file.
     int64_t traceLines = 0;   // Those that are a trace's.
     int64_t lost = 0;         // Events that the tracer says it lost.
     int64_t disordered = 0;   // Events whose time is before that of the line above.
