@@ -19,6 +19,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -233,10 +234,10 @@ class Camera {
     // thrown away where they are. Returns whether the frames were boosted.
     bool Run(const Stream& stream, int64_t requested, int64_t wanted) {
         const int64_t number = booster.StartStream(stream, tids);
-        for (int64_t frame = 1; frame <= requested; ++frame) {
-            queues[SENSOR].Push({number, frame});
-        }
-        for (int64_t done = 0; done < wanted;) {
+        for (int64_t sent = 0, done = 0; done < wanted;) {
+            while (sent < std::min(requested, done + BUFFERS)) {
+                queues[SENSOR].Push({number, ++sent});
+            }
             done += results.Pop().stream == number ? 1 : 0;
         }
         flushed = number;
@@ -244,6 +245,9 @@ class Camera {
     }
 
   private:
+    // So many frames may be on their way. Fewer than the library knows at a time, 16, so that it has
+    // to forget none however late the nodes are.
+    static constexpr int64_t BUFFERS = 8;
     static constexpr Frame CLOSE = {NO_STREAM, 0};  // Goes through the nodes behind all frames.
 
     void RunNode(size_t node) {

@@ -8,6 +8,7 @@ import pathlib
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 from trace_rules import check_rules
@@ -15,6 +16,7 @@ from trace_rules import check_rules
 COMMAND = pathlib.Path(sys.argv.pop(1)).resolve()
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 SESSIONS = PROJECT / 'examples/sessions'
+PATIENCE = 300  # Seconds for what takes a moment, as something else may have the CPU.
 
 
 class CommandTest(unittest.TestCase):
@@ -29,7 +31,7 @@ class CommandTest(unittest.TestCase):
 
     def run_command(self, *arguments, status=0, **options):
         """What the command writes; it has to end with the status, or one of several."""
-        options = {'stdout': subprocess.PIPE, 'stderr': subprocess.PIPE, 'timeout': 60,
+        options = {'stdout': subprocess.PIPE, 'stderr': subprocess.PIPE, 'timeout': PATIENCE,
                    'cwd': self.directory} | options
         done = subprocess.run([COMMAND, *map(str, arguments)], check=False, **options)
         self.assertIn(done.returncode, status if isinstance(status, tuple) else (status,),
@@ -48,6 +50,12 @@ class CommandTest(unittest.TestCase):
         elif content is not None:
             path.write_text(content, encoding='utf-8', errors='surrogateescape')
         return path
+
+    def until(self, condition):
+        end = time.monotonic() + PATIENCE
+        while not condition():
+            self.assertLess(time.monotonic(), end, 'it did not come about')
+            time.sleep(0.02)
 
     def explain(self, *arguments, status=(0, 1), **options):
         """What explain tells as JSON."""

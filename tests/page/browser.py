@@ -4,7 +4,6 @@ import json
 import pathlib
 import re
 import sys
-import time
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -57,12 +56,6 @@ class BrowserTest(CommandTest):
 
     def script(self, text, *arguments):
         return self.browser.execute_script(text, *arguments)
-
-    def until(self, condition):
-        end = time.monotonic() + 10
-        while not condition():
-            self.assertLess(time.monotonic(), end, 'it did not come about')
-            time.sleep(0.02)
 
     def faulty_page(self):
         """A capture with faults, and its page; made once."""
