@@ -245,8 +245,8 @@ class Camera {
     }
 
   private:
-    // So many frames may be on their way. Fewer than the library knows at a time, 16, so that it has
-    // to forget none however late the nodes are.
+    // A camera has so many buffers, and no more frames on their way: fewer than the 16 that the
+    // library keeps, so that none is forgotten however late the nodes are.
     static constexpr int64_t BUFFERS = 8;
     static constexpr Frame CLOSE = {NO_STREAM, 0};  // Goes through the nodes behind all frames.
 
