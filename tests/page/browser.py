@@ -10,7 +10,7 @@ from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / 'command'))
-from harness import PROJECT, SESSIONS, CommandTest, findings_of  # pylint: disable=wrong-import-position
+from harness import PATIENCE, PROJECT, SESSIONS, CommandTest, findings_of  # pylint: disable=wrong-import-position
 
 FAULTS = ['slow:200:2:40', 'drop:300', 'lost:400:3', 'log-lost:500:12']
 HOSTILE = '<script>document.title=1</script><img src=x>"&'
@@ -31,6 +31,7 @@ class BrowserTest(CommandTest):
         options.set_capability('goog:loggingPrefs', {'browser': 'ALL', 'performance': 'ALL'})
         cls.browser = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
         cls.addClassCleanup(cls.browser.quit)
+        cls.browser.set_script_timeout(PATIENCE)
 
     def load(self, page):
         self.browser.get('about:blank')
