@@ -1,5 +1,5 @@
 # The libraries that tools and tests use. They come from Debian's packages, as headers or sources
-# and never as binaries, so that they work with every compiler, standard library and processor.
+# where they have to work with every compiler, standard library and processor.
 
 find_package(Threads REQUIRED)
 
@@ -14,6 +14,21 @@ function(add_header_library target header)
         SYMBOLIC)
     add_library(${target} INTERFACE)
     target_include_directories(${target} SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/headers)
+endfunction()
+
+# fmt, compiled once and not in each file that formats: Debian's own where that was built for the
+# same standard library and processor.
+function(add_fmt)
+    add_header_library(fmt fmt/format.h)
+    if(CMAKE_CROSSCOMPILING OR CMAKE_CXX_FLAGS MATCHES "libc\\+\\+")
+        add_library(compiled_fmt STATIC ${PROJECT_SOURCE_DIR}/cmake/fmt.cpp)
+        target_include_directories(compiled_fmt
+            SYSTEM PRIVATE ${PROJECT_BINARY_DIR}/headers)
+        target_link_libraries(fmt INTERFACE compiled_fmt)
+    else()
+        find_library(FMT_LIBRARY fmt REQUIRED)
+        target_link_libraries(fmt INTERFACE ${FMT_LIBRARY})
+    endif()
 endfunction()
 
 # GoogleTest, built with the same flags as the tests that use it.
