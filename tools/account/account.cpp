@@ -152,11 +152,11 @@ std::string VerdictOf(const Account& account) {
     }
     if (untold > 0) {
         parts.push_back(fmt::format(
-            "what became of {} cannot be told, as lines of the log are missing", untold));
+            "what became of {} is not known, as lines of the log are missing", untold));
     }
     if (mixed > 0) {
         parts.push_back(
-            fmt::format("what became of {} cannot be told, as two objects record at once", mixed));
+            fmt::format("what became of {} is not known, as two objects record at once", mixed));
     }
     if (parts.empty()) {
         const char* const lateness =

@@ -104,7 +104,7 @@ inline constexpr char THREAD_NOT_SET[] =
 inline constexpr char CLOCK_SET[] =
     "the clock was set {way} by {amount}; nothing is timed across that";
 inline constexpr char LINES_LOST[] = "{lines} of the capture are missing{around}";
-inline constexpr char UNTOLD[] = "what became of {numbers} cannot be told";
+inline constexpr char UNTOLD[] = "what became of {numbers} is not known";
 inline constexpr char ABSENT[] = "of {numbers} no line is left";
 
 }  // namespace wording

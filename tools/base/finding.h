@@ -1,5 +1,4 @@
-// What tells a person that something is wrong: the one form in which every part of the command
-// does it.
+// What is wrong, where and how badly: the one form in which all parts of the command say so.
 
 #pragma once
 
@@ -27,7 +26,7 @@ struct Finding {
     Severity severity = Severity::Note;
     std::string message{};
     Place place{};
-    uint32_t column = 0;  // In bytes, from 1; 0 where there is none to tell.
+    uint32_t column = 0;  // In bytes, from 1; 0 where no column is known.
 };
 
 // "error", "warning" or "note".
@@ -37,8 +36,8 @@ const char* NameOf(Severity severity);
 std::string ToString(const Finding& finding, const std::string& file);
 
 // `text` for a message: cut to `longest` characters, and with all that is not printable ASCII as
-// \x1B. So no terminal is told what to do, and letters that only look right show. `Quoted`: in
-// double quotes.
+// \x1B. So no terminal obeys a text, and letters that only look right show. `Quoted`: in double
+// quotes.
 std::string Printable(std::string_view text, size_t longest = 60);
 std::string Quoted(std::string_view text, size_t longest = 60);
 

@@ -17,7 +17,7 @@
 namespace tools {
 namespace {
 
-// A scene, and what a trace tells of it; null without one.
+// A scene, and what a trace holds of it; null without one.
 struct Compared {
     const Scene* scene;
     const SceneScheduling* scheduling;

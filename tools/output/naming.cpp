@@ -74,7 +74,7 @@ std::string DescriptionOf(const Frame& frame) {
         return "";
     }
     if (frame.reason == Reason::LinesMissing) {
-        return fmt::format("{}: what became of it cannot be told", ReasonOf(frame.reason));
+        return fmt::format("{}: what became of it is not known", ReasonOf(frame.reason));
     }
     if (frame.status == FrameStatus::Open) {
         return frame.isNeverOut && frame.stage >= 0

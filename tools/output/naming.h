@@ -41,7 +41,7 @@ double RateOf(const Scene& scene);
 std::string TitleOf(const Scheduling& scheduling);
 
 // What each thread of a scene did, in milliseconds, and for how long all of them waited for a CPU
-// in each period. Their captions tell what the figures are.
+// in each period. Their captions say what the figures are.
 inline constexpr char THREADS_CAPTION[] =
     "Threads, in milliseconds from the scene's first line to its last";
 inline constexpr char WAITING_CAPTION[] =
@@ -49,7 +49,7 @@ inline constexpr char WAITING_CAPTION[] =
 Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene);
 Rows WaitingOf(const SceneScheduling& scene);
 
-// Which frames a table shows: those that are not complete, or late, unless told otherwise.
+// Which frames a table shows: those that are not complete, or late, unless others are asked for.
 struct Shown {
     bool isAll = false;
     std::optional<std::pair<int64_t, int64_t>> range;  // The first and the last number.
@@ -69,7 +69,7 @@ std::vector<SharedConfiguration> ConfigurationsOf(const Account& account);
 // "Configuration of processes 1000 and 1010", where there are several.
 std::string TitleOf(const std::vector<SharedConfiguration>& all, const SharedConfiguration& one);
 
-// `configuration` with what is known of `other` alone, as a log does not tell everything.
+// `configuration` with what is known of `other` alone, as a log does not hold everything.
 Configuration Completed(Configuration configuration, const Configuration& other);
 
 }  // namespace tools

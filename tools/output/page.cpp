@@ -38,8 +38,8 @@ std::string RangeLinks(size_t scene, const FrameRange& range) {
 
 class Page {
   public:
-    Page(std::ostream& stream, const Account& told, const Scheduling* ofTrace)
-        : out(stream), account(told), scheduling(ofTrace) {}
+    Page(std::ostream& stream, const Account& shown, const Scheduling* ofTrace)
+        : out(stream), account(shown), scheduling(ofTrace) {}
 
     void Write(const std::string& title) {
         // Nothing is ever fetched, whatever a capture may hold.
@@ -231,7 +231,7 @@ class Page {
         out << ".";
         if (scene.untold > 0) {
             out << " What became of " << scene.untold
-                << " cannot be told, as lines of the log are missing.";
+                << " is not known, as lines of the log are missing.";
         }
         out << "</p>\n";
         if (account.hasTimes && !scene.frames.empty()) {
@@ -265,7 +265,8 @@ class Page {
             const auto timesOf = [&scene, stage](size_t i) {
                 return scene.TimesOf(i, static_cast<int32_t>(stage));
             };
-            if (stage == 0) {  // What it takes is not known: nothing tells when the sensor began.
+            if (stage ==
+                0) {  // How long it takes is not known: no line says when the sensor began.
                 WriteFigure(scene, title, scene.works[stage],
                             [&timesOf](size_t i) { return timesOf(i).work; });
                 continue;
@@ -296,8 +297,8 @@ class Page {
              {figures.p50, figures.p90, figures.p95, figures.p99, figures.max}) {
             out << "<td>" << ShortMilliseconds(value);
         }
-        // Up to a little more than almost all are; the last bin has the rest. Most captures tell
-        // milliseconds apart: bins of less would leave holes.
+        // Up to a little more than almost all values; the last bin has the rest. The times of most
+        // captures are whole milliseconds: bins of less would leave holes.
         const Micros top = std::clamp<Micros>(figures.p99 * 5 / 4, 0, figures.max);
         const Micros bin = (top / (BINS - 1) / MILLISECOND + 1) * MILLISECOND;
         std::array<int64_t, BINS> counts{};

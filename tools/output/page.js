@@ -116,22 +116,22 @@
     }
 
     // What a thread did when it did not sleep: from when to when, and which state on which CPU.
-    async function unpackThread(told) {
-        const { next } = reader(await inflate(told.data));
-        const begin = new Float64Array(told.count);
-        const end = new Float64Array(told.count);
-        const codes = new Uint32Array(told.count);
-        for (let i = 0, time = 0; i < told.count; ++i) {
+    async function unpackThread(packed) {
+        const { next } = reader(await inflate(packed.data));
+        const begin = new Float64Array(packed.count);
+        const end = new Float64Array(packed.count);
+        const codes = new Uint32Array(packed.count);
+        for (let i = 0, time = 0; i < packed.count; ++i) {
             begin[i] = (time += next()) / 1e6;
             end[i] = (time += next()) / 1e6;
             codes[i] = next();
         }
-        return { ...told, begin, end, codes, data: null };
+        return { ...packed, begin, end, codes, data: null };
     }
 
-    async function unpack(told) {
-        const { next, big } = reader(await inflate(told.data));
-        const count = told.frames;
+    async function unpack(packed) {
+        const { next, big } = reader(await inflate(packed.data));
+        const count = packed.frames;
         const numbers = [];
         for (let i = 0, number = 0n; i < count; ++i) {
             number = BigInt.asIntN(64, number + big());
@@ -148,19 +148,19 @@
                 const step = next();
                 if (step !== 0) {
                     known[i] += step > 0 ? step - 1 : step;
-                    times[i] = known[i] * told.unit;
+                    times[i] = known[i] * packed.unit;
                 }
             }
             return times;
         };
         const start = column(true);
-        const left = told.stages.map(() => column(false));
+        const left = packed.stages.map(() => column(false));
         const end = column(false);
-        const threads = await Promise.all((told.threads ?? []).map(unpackThread));
-        return derive({ ...told, numbers, codes, start, left, end, threads, data: null });
+        const threads = await Promise.all((packed.threads ?? []).map(unpackThread));
+        return derive({ ...packed, numbers, codes, start, left, end, threads, data: null });
     }
 
-    const PARTS = 200;  // Of a scene, for each of which the overview tells how long stages took.
+    const PARTS = 200;  // Of a scene, for each of which the overview shows how long stages took.
 
     // What follows from the times: when frames came to stages and those began with them, who came
     // out when, how many were in flight.
@@ -293,7 +293,7 @@
         return made;
     };
     const picker = make('select', { id: 'scene' });
-    picker.append(...scenes.map((told, i) => make('option', { value: i, textContent: told.title })));
+    picker.append(...scenes.map(({ title }, i) => make('option', { value: i, textContent: title })));
     const finder = make('input', { type: 'search', id: 'frame', inputMode: 'numeric', size: 8 });
     const measurer = button('Measure', 'm', 'Measure between two points: drag', () => measure());
     const status = make('p', { className: 'status' });
@@ -750,7 +750,7 @@
         const order = scene.order[stage];
         const left = scene.left[stage];
         const begun = scene.begun[stage];
-        const tell = (i, what) => ({ kind: 'stage', stage, frame: i, what, time,
+        const describe = (i, what) => ({ kind: 'stage', stage, frame: i, what, time,
             text: `frame ${scene.numbers[i]}, stage ${stage} (${scene.stages[stage]}): ${what}` });
         // Those that wait are drawn below the one at work, of those that came a while later none.
         const first = search(0, order.length, (k) => left[order[k]] >= time);
@@ -759,15 +759,15 @@
         const waits = there.find((i) => begun[i] > time);
         const works = there.find((i) => begun[i] <= time);
         if (waits !== undefined && (works === undefined || y >= row.y + row.height - 9)) {
-            return tell(waits, `waiting for ${ms(begun[waits] - scene.came[stage][waits])}`);
+            return describe(waits, `waiting for ${ms(begun[waits] - scene.came[stage][waits])}`);
         }
         if (works !== undefined) {
             const took = ms(left[works] - begun[works]);
-            return tell(works, stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
+            return describe(works, stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
         }
         const standing = scene.stands[stage].find(
             (i) => scene.came[stage][i] <= time && time <= scene.until[stage][i] + near);
-        return standing === undefined ? null : tell(standing, 'never seen to leave');
+        return standing === undefined ? null : describe(standing, 'never seen to leave');
     }
 
     function show(hit, x, y) {
@@ -1025,7 +1025,7 @@
             Object.assign(asked, { scene: Number(scene) + 1, frame },
                 time && { from: Number(time) - 0.5, to: Number(time) + 1 });
         }
-        const wanted = scenes.findIndex((told) => told.scene === Number(asked.scene));
+        const wanted = scenes.findIndex((one) => one.scene === Number(asked.scene));
         if (location.hash && wanted < 0) {
             return;  // A link to something else on the page.
         }
@@ -1108,7 +1108,7 @@
     }
     // For programs that look at the page.
     window.timeline = {
-        // What a person is told of a place: a time in a row, "output" or a stage's number for example,
+        // What a person reads of a place: a time in a row, "output" or a stage's number for example,
         // so many pixels below the row's top. With the place on the canvas.
         at: (row, time, below) => {
             const place = places.find((one) => (one.thread?.id ?? one.stage ?? one.kind) === row);

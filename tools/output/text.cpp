@@ -48,8 +48,8 @@ void WriteCapture(std::ostream& out, const Account& account) {
     }
     out << ".\n";
     if (!account.hasThreads && account.libraryLines != 0) {
-        out << "The capture has no thread ids: whose line is whose is told from frames and "
-               "nodes.\n";
+        out << "The capture has no thread ids: which line is whose is worked out from "
+               "frames and nodes.\n";
     }
 }
 
@@ -95,7 +95,7 @@ void WriteFigures(std::ostream& out, const Account& account, const Scene& scene)
     out << "\nFrames: " << FramesByStatus(scene) << ".\n";
     if (scene.untold > 0) {
         out << "What became of " << scene.untold
-            << " of them cannot be told: lines of the log are missing.\n";
+            << " of them is not known: lines of the log are missing.\n";
     }
     if (!account.hasTimes) {
         out << "The capture has no times: no durations, and nothing is known to be late or slow.\n";

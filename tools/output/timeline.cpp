@@ -136,7 +136,7 @@ class ThreadData {
         columns.Put(static_cast<int64_t>(state) + int64_t{8} * (cpu + 1));
         end = span.end;
     }
-    Json Told(int32_t stage, int32_t tid, const std::string& name) const {
+    Json ToJson(int32_t stage, int32_t tid, const std::string& name) const {
         return {{"stage", stage},
                 {"id", tid},
                 {"name", name},
@@ -151,11 +151,11 @@ class ThreadData {
 };
 
 // The threads of a scene: the pipeline's by their stages, then those that kept them.
-Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneScheduling& told) {
+Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneScheduling& ofScene) {
     Json threads = Json::array();
     std::set<int32_t> known;
     const Span span = {scheduling.tie->ToTrace(scene.begin), scheduling.tie->ToTrace(scene.end)};
-    for (const ThreadUse& use : told.threads) {
+    for (const ThreadUse& use : ofScene.threads) {
         if (use.stages.empty()) {
             continue;
         }
@@ -168,7 +168,7 @@ Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneSche
         }
         const SchedThread& thread = scheduling.trace->threads[use.thread];
         known.insert(thread.tid);
-        threads.push_back(data.Told(use.stages.front(), thread.tid, thread.name));
+        threads.push_back(data.ToJson(use.stages.front(), thread.tid, thread.name));
     }
     std::map<int32_t, std::vector<const CauseLink*>> others;
     for (const SceneFinding& finding : scene.findings) {
@@ -186,7 +186,7 @@ Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneSche
         for (const CauseLink* link : links) {
             data.Add({link->begin, link->begin + link->piece}, link->state, link->cpu);
         }
-        threads.push_back(data.Told(-1, tid, links.front()->name));
+        threads.push_back(data.ToJson(-1, tid, links.front()->name));
     }
     return threads;
 }

@@ -95,10 +95,10 @@ struct View {
     const Account& account;
     const Scene& scene;
     size_t process = 0;
-    size_t firstId = 0;           // Of its frames, which count from here.
-    bool isPart = false;          // Of which all is told.
+    size_t firstId = 0;   // Of its frames, which count from here.
+    bool isPart = false;  // Only the frames asked for are shown, with all that is known of them.
     std::vector<Micros> gone;     // When each frame went that was not seen to leave; NO_TIME where
-                                  // that cannot be told.
+                                  // that is not known.
     std::vector<bool> hasFlow;    // Of each frame.
     std::vector<Slice> frames;    // In the order of time.
     Span span{NO_TIME, NO_TIME};  // In which things are shown that are no frame's.
@@ -165,11 +165,11 @@ Slice SliceOf(const View& view, size_t frame, int32_t stage) {
 
 // From the first to the last that is known of a frame.
 Slice SliceOf(const View& view, size_t frame) {
-    const Frame& told = view.scene.frames[frame];
+    const Frame& row = view.scene.frames[frame];
     Slice slice{{NO_TIME, NO_TIME}, frame};
-    Include(slice.span, told.start);
-    Include(slice.span, told.end);
-    Include(slice.span, told.output);
+    Include(slice.span, row.start);
+    Include(slice.span, row.end);
+    Include(slice.span, row.output);
     for (int32_t stage = 0; stage < view.scene.stageCount; ++stage) {
         const Span part = SliceOf(view, frame, stage).span;
         Include(slice.span, part.begin);
@@ -188,19 +188,19 @@ View ViewOf(const Account& account, size_t number, size_t firstId,
     View view{account, scene, number + 1, firstId, range.has_value(), GoneOf(scene), {}, {}};
     view.hasFlow.assign(scene.frames.size(), view.isPart);
     for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
-        const Frame& told = scene.frames[frame];
-        if (IsRemarkable(told)) {
+        const Frame& row = scene.frames[frame];
+        if (IsRemarkable(row)) {
             const size_t last = std::min(frame + NEAR, scene.frames.size() - 1);
             for (size_t near = frame - std::min(frame, NEAR); near <= last; ++near) {
                 view.hasFlow[near] = true;
             }
         }
         const Slice slice = SliceOf(view, frame);
-        if (slice.span.begin != NO_TIME && Shown{true, range}.Has(told)) {
+        if (slice.span.begin != NO_TIME && Shown{true, range}.Has(row)) {
             view.frames.push_back(slice);
             Include(view.span, slice.span.begin);
             // One that never came out may stand there for long.
-            Include(view.span, told.isNeverOut ? NO_TIME : slice.span.end);
+            Include(view.span, row.isNeverOut ? NO_TIME : slice.span.end);
         }
     }
     std::sort(view.frames.begin(), view.frames.end(), IsBefore);
@@ -488,15 +488,15 @@ void WriteRemarks(Events& events, size_t process, std::vector<Remark> remarks) {
 std::vector<Remark> RemarksOn(const View& view) {
     std::vector<Remark> remarks;
     AddFindings(remarks, view.account, view.scene.findings, view.scene.begin);
-    const auto add = [&](const Scene::Disturbance& told, std::string name) {
+    const auto add = [&](const Scene::Disturbance& one, std::string name) {
         remarks.push_back(
-            {told.time, std::move(name), {{"line", ToString(view.account, told.place)}}});
+            {one.time, std::move(name), {{"line", ToString(view.account, one.place)}}});
     };
-    for (const Scene::Disturbance& told : view.scene.leftOut) {
-        add(told, told.amount > 0 ? fmt::format("{} lines lost", told.amount) : "lines lost");
+    for (const Scene::Disturbance& one : view.scene.leftOut) {
+        add(one, one.amount > 0 ? fmt::format("{} lines lost", one.amount) : "lines lost");
     }
-    for (const Scene::Disturbance& told : view.scene.clockSteps) {
-        add(told, fmt::format("the clock jumped by {} ms", told.amount / MILLISECOND));
+    for (const Scene::Disturbance& one : view.scene.clockSteps) {
+        add(one, fmt::format("the clock jumped by {} ms", one.amount / MILLISECOND));
     }
     std::erase_if(remarks, [&view](const Remark& remark) { return !view.Has(remark.time); });
     return remarks;
