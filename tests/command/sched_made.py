@@ -1,4 +1,6 @@
-"""Scheduler traces that are made up."""
+"""Scheduler traces that are made up, and the logs beside them."""
+
+import re
 
 PERIOD = 16_667
 
@@ -71,3 +73,25 @@ def make(form=KERNEL, taker='kswapd0', node='ToneMapper', frames=40, taken=(), l
             for value in (frame[0], 0):
                 say(f'tracing_mark_write: C|7|TcfbtNotify{what}|{value}', '.....')
     return '# tracer: nop\n#\n' + '\n'.join(lines) + '\n'
+
+
+def log_of(trace):
+    """The library's log beside a trace's counters."""
+    lines = []
+    told = set()
+    for tid, second, micros, process, what, stage, frame in re.findall(
+            r'-(\d+) .* (\d+)\.(\d{6}): .*C\|(\d+)\|TcfbtNotify([A-Za-z]+)(\d?)\|([1-9]\d*)', trace):
+        def say(text):
+            lines.append(f'01-01 12:00:{int(second):02}.{micros} {process:>5} {tid:>5} D cameraframeboost: '
+                         f'tarvocameraframeboost.cpp {text}\n')
+        if process not in told:
+            told.add(process)
+            say('51:TcfbtSetSceneInfo() resolution = 3840, fps = 60, mFps = 60, cfbtScene = 0')
+            say('79:TcfbtNotifySceneStart() isSceneStarted = true')
+        node = ('SensorFrontEnd0', 'ToneMapper')[int(stage or 0)]
+        if what == 'StageEnd':
+            say(f'245:TcfbtNotifyNodeEnd() halFrameNumber = {frame}, nodeName = {node}, stage = {stage}, '
+                'maxStageCnt = 2, portId = 1, currentCameraId = 0, isMaterCamera = 1')
+        say(f'132:TcfbtNotify{what}() halFrameNumber = {frame}' +
+            (f', stage = {stage}, nodeName = {node}' if stage else ''))
+    return ''.join(lines)
