@@ -16,18 +16,22 @@ function(add_header_library target header)
     target_include_directories(${target} SYSTEM INTERFACE ${PROJECT_BINARY_DIR}/headers)
 endfunction()
 
-# fmt, compiled once and not in each file that formats: Debian's own where that was built for the
-# same standard library and processor.
-function(add_fmt)
-    add_header_library(fmt fmt/format.h)
-    if(CMAKE_CROSSCOMPILING OR CMAKE_CXX_FLAGS MATCHES "libc\\+\\+")
-        add_library(compiled_fmt STATIC ${PROJECT_SOURCE_DIR}/cmake/fmt.cpp)
-        target_include_directories(compiled_fmt
-            SYSTEM PRIVATE ${PROJECT_BINARY_DIR}/headers)
-        target_link_libraries(fmt INTERFACE compiled_fmt)
+# A library that is compiled once, and not in each file that uses it. Debian's is for this machine's
+# processor, libstdc++ and neither sanitizers nor fuzzers: a build with flags of its own compiles
+# cmake/compiled_TARGET.cpp, which has all that the headers declare.
+function(add_compiled_library target header library)
+    add_header_library(${target} ${header})
+    if(CMAKE_CROSSCOMPILING OR CMAKE_CXX_FLAGS)
+        add_library(compiled_${target} STATIC ${PROJECT_SOURCE_DIR}/cmake/compiled_${target}.cpp)
+        target_include_directories(compiled_${target} SYSTEM PRIVATE ${PROJECT_BINARY_DIR}/headers)
+        target_compile_definitions(compiled_${target}
+            PRIVATE $<TARGET_PROPERTY:${target},INTERFACE_COMPILE_DEFINITIONS>)
+        target_compile_options(compiled_${target}
+            PRIVATE $<TARGET_PROPERTY:${target},INTERFACE_COMPILE_OPTIONS>)
+        target_link_libraries(${target} INTERFACE compiled_${target})
     else()
-        find_library(FMT_LIBRARY fmt REQUIRED)
-        target_link_libraries(fmt INTERFACE ${FMT_LIBRARY})
+        find_library(${target}_LIBRARY ${library} REQUIRED)
+        target_link_libraries(${target} INTERFACE ${${target}_LIBRARY})
     endif()
 endfunction()
 

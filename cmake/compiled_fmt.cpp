@@ -1,5 +1,4 @@
-// fmt's own functions, compiled once, where Debian's libfmt does not fit: it is built for libstdc++
-// and this machine's processor.
+// fmt's own functions, compiled once, where Debian's library does not fit: see Dependencies.cmake.
 
 #include <fmt/format-inl.h>
 
