@@ -160,7 +160,8 @@ TEST(HalTest, ReportsEachFrameThroughFlushesPreviewsAndBothCameras) {
         EXPECT_EQ(scene.ends, all) << i;
         if (i == 0) {  // Flushed: the frames on their way were thrown away.
             EXPECT_GE(scene.ends.size(), lengths[i]);
-            EXPECT_GT(scene.starts.size(), scene.ends.size() + 1);
+            EXPECT_GT(scene.starts.size(), scene.ends.size());
+            EXPECT_LT(scene.starts.size(), lengths[i] + 16) << "240 were requested";
         } else {  // The last frame starts another, which never comes.
             EXPECT_EQ(scene.ends.size(), lengths[i]) << i;
             EXPECT_EQ(scene.starts.size(), lengths[i] + 1) << i;
