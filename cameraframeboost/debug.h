@@ -1,4 +1,4 @@
-// What the library shows while its debug switch is on: the log line and the counter pulse.
+// The log line and the counter pulse, which the library shows while its debug switch is on.
 // Internal. While LocalConfig::enable is false, neither does anything, and the values of a line are
 // not evaluated.
 
@@ -20,7 +20,7 @@
 #include "platform/log.h"
 #include "platform/trace.h"
 
-// Writes one debug line that begins with where it comes from: "file line:operation() ". `format` is
+// Writes one debug line that begins with its origin: "file line:operation() ". `format` is
 // a string literal; the first value after it is the line's origin, AT or AT_IN. The source file
 // defines LOG_TAG. The compiler checks the format against the values.
 #define DEBUG_LOG(format, ...)                                                                   \

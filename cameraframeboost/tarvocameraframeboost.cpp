@@ -273,7 +273,7 @@ void TarvoCameraFrameBoost::TcfbtNotifyNodeEnd(int64_t halFrameNumber, std::stri
 }
 
 // A stage start that follows from a node end. Its first argument is one frame's duration at mFps in
-// whole seconds: 0 at every real frame rate, which is what the service has always been told.
+// whole seconds: 0 at every real frame rate, and the service has always got 0.
 void TarvoCameraFrameBoost::StartStageOfNode(int32_t stage, int64_t halFrameNumber,
                                              const std::string& nodeName) {
     const int32_t fps = mFps;

@@ -1,5 +1,5 @@
-// Camera frame boost: tells the boost service what the camera is doing, so that the CPU scheduler
-// wakes up in time for 4K video at 60 frames per second.
+// Camera frame boost: reports the camera's scenes, frames and stages to the boost service, so that
+// camera threads get a CPU in time for 4K video at 60 frames per second.
 //
 // This is the one header that a camera HAL includes; it needs nothing of the platform to compile.
 
@@ -34,36 +34,37 @@ static_assert(sizeof(void*) == 8 && sizeof(long) == 8,
 // first: the lists of thread ids are shared by all objects but each object guards them with mutexes
 // of its own, so that overlapping calls can crash. A HAL with two cameras uses one object for both,
 // or lets them take turns under a lock of its own. An object that is destroyed while its scene runs
-// tells the service nothing: the scene and its thread ids stay there. End the scene first.
+// makes no call of the service: the scene and its thread ids stay there. End the scene first.
 //
 // A scene is boosted when it is video of 3840 pixels (or the configured additional width) at 60
 // frames per second, in an operation mode that the configuration lists, with boosting switched on,
 // and the boost service accepts it. Everything else is refused, and then costs next to nothing.
 //
-// What the service is told follows from that: there is one kind of scene, so its scene is always 0
+// The service's arguments follow from that: there is one kind of scene, so its scene is always 0
 // and its class of frame rate 1. Stage starts that follow from a node end carry the arguments 0 and
 // 20. In an error report the last argument, the error stage, is always -1: the service learns which
-// event was wrong, but not which other stage made it wrong. Only TcfbtSetTids may tell it of scene
-// 1, when it is called while no scene that qualifies is described.
+// event was wrong, but not which other stage made it wrong. Only TcfbtSetTids may pass scene 1,
+// when it is called while no scene that qualifies is described.
 //
 // Results. A frame or stage operation that returns 0 has either forwarded the event or kept it
-// back. The debug log tells which.
+// back. The debug log shows which.
 //
 // Errors. A frame that breaks the order is reported to the service by this library: a frame start
 // may report an older frame that never ended, a stage event its own frame. The HAL reports only
-// what it knows besides, with TcfbtNotifyErrorFrame. A frame that is lost in the pipeline keeps its
-// place in the table of frames in flight and is reported late, when the table is full with 16 (see
-// FrameTracker): a HAL that knows of a loss reports the frame and ends it. A frame that was lost in
-// stage 0 has not opened the next one. The HAL then starts the next frame and its stage 0 before it
-// ends the lost one, or the two frames after the lost one are not boosted either.
+// errors that it alone knows of, with TcfbtNotifyErrorFrame. A frame that is lost in the pipeline
+// keeps its place in the table of frames in flight and is reported late, when the table is full
+// with 16 (see FrameTracker): a HAL that knows of a loss reports the frame and ends it. A frame
+// that was lost in stage 0 has not opened the next one. The HAL then starts the next frame and its
+// stage 0 before that frame leaves stage 0, and only then ends the lost frame, or the two frames
+// after the lost frame are not boosted either.
 //
 // No operation throws. One that cannot go on, because memory has run out for example, ends the
 // process at once. Names are passed by value, so the caller makes the copy before the operation
 // begins: running out of memory there is the caller's to handle.
 //
-// The debug log shows what was forwarded and why events were refused. Not in it: error frames that
-// the HAL reports, the statuses of the service, operation mode, version and additional width, and
-// the events of a frame that is in error already. A log alone cannot tell about those.
+// The debug log shows what was forwarded and why events were refused. Not in it are error frames
+// that the HAL reports, the statuses of the service, operation mode, version and additional width,
+// and the events of a frame that is in error already.
 //
 // Threads. Frame, stage, node and thread id operations may be called from any number of threads at
 // once. The scene operations (TcfbtSetVersion, TcfbtSetSceneInfo, TcfbtNotifySceneStart and
@@ -74,10 +75,10 @@ static_assert(sizeof(void*) == 8 && sizeof(long) == 8,
 // describe or start one. With the debug switch on, some lines are logged with the tracker's lock
 // held: logging then slows the threads down and changes the order in which they go on.
 //
-// Frame numbers are the HAL's, 64 bits wide. Frames are told apart by the low 32 bits, which is
-// also what service and trace see. Stages count from 0 to the configured number of stages less one.
+// Frame numbers are the HAL's, 64 bits wide. Frames are distinguished by the low 32 bits, which
+// service and trace get. Stages count from 0 to the configured number of stages less one.
 //
-// Names that do not say what they mean; other programs use them, so they stay:
+// Names that mislead; other programs use them, so they stay:
 //
 //     resolution               the width of a frame, in pixels
 //     isMaterCamera            is master camera
@@ -109,7 +110,7 @@ class TarvoCameraFrameBoost {
     // start the scene. `operationMode`: the camera's operation mode, as the configuration lists
     // them. A scene that is running already is handed over and started once more.
     //
-    // Returns 0 when the scene has started; -1, with nothing told to the service, when the scene
+    // Returns 0 when the scene has started; -1, without a call of the service, when the scene
     // does not qualify; else the status of the service that refused it. Then the scene is not
     // boosted, but the service keeps the thread ids until the next scene that did start has ended.
     // Whatever the result, a scene that was running goes on.
@@ -119,7 +120,7 @@ class TarvoCameraFrameBoost {
     // of all objects and all frames in flight. The next scene has to be described anew.
     //
     // Returns -1, with nothing done, when no scene runs, else the service's status; the scene has
-    // ended whatever that is.
+    // ended whatever the status is.
     int32_t TcfbtNotifySceneEnd() noexcept;
 
     // A frame begins. Its number must be one above the highest in the table of frames in flight;
@@ -138,10 +139,10 @@ class TarvoCameraFrameBoost {
     // service took it, or was not forwarded; 1 when the service answered anything but 0.
     int32_t TcfbtNotifyFrameStart(int64_t halFrameNumber) noexcept;
 
-    // Reports a frame of which the HAL itself knows that it is bad. The frame comes first here, the
+    // Reports a frame that the HAL itself knows to be bad. The frame comes first here, the
     // stage first in TcfbtNotifyStageStart and TcfbtNotifyStageEnd. `stage`: where it went wrong,
-    // -1 when that is not known. The frame stays in the table as it is: one that will not go on has
-    // to be ended too.
+    // -1 when the stage is not known. The frame stays in the table as it is: a frame that will not
+    // go on has to be ended too.
     //
     // Returns -1, with nothing done, when no scene runs, else the service's status.
     int32_t TcfbtNotifyErrorFrame(int64_t frameNumber, int32_t stage) noexcept;
@@ -170,12 +171,13 @@ class TarvoCameraFrameBoost {
                                 std::string nodeName) noexcept;
 
     // The processing node `nodeName` has finished a frame on its port `portId`. Most HALs report
-    // everything in this way. Where the configuration says that this ends a stage, the library
-    // derives the end of that stage and the start of the next one; for the last stage, the end of
-    // the frame; for stage 0, also the start of the next frame and of its stage 0. With a single
-    // stage no frame's end is derived. Other nodes and ports are ignored. `currentCameraId`: the
-    // camera that the node worked for; `isMaterCamera`: whether that is the master camera of a
-    // multi-camera setup.
+    // nothing else. Report it before the next node has the frame: otherwise that node's end may
+    // come first, which is out of order. Where the configuration says that this ends a stage, the
+    // library derives the end of that stage and the start of the next one; for the last stage, the
+    // end of the frame; for stage 0, also the start of the next frame and of its stage 0. With a
+    // single stage no frame's end is derived. Other nodes and ports are ignored. `currentCameraId`:
+    // the camera that the node worked for; `isMaterCamera`: whether it is the master camera of a
+    // multi-camera setup, true with one camera. Both are only logged.
     //
     // Exactly one node end that counts must come for each stage of each frame. The ports of a stage
     // are alternatives: a node that reports two of its listed ports for one frame ends its stage
@@ -196,10 +198,10 @@ class TarvoCameraFrameBoost {
                          std::string nodeName) noexcept;
 
     // Registers a thread for all scenes to come, on all objects. `name` must be
-    // "SoloThreadManager", "AuxThreadManager" or "RecyclThreadManager"; other names are dropped
-    // without a word. An id can never be taken out of the list again, so register each thread once
-    // in a process, not each time a camera is opened. The service learns of the thread at the next
-    // scene start or TcfbtSetTids.
+    // "SoloThreadManager", "AuxThreadManager" or "RecyclThreadManager", which are treated alike;
+    // other names are dropped without a word. An id can never be taken out of the list again, so
+    // register each thread once in a process, not each time a camera is opened. The service learns
+    // of the thread at the next scene start or TcfbtSetTids.
     void TcfbtAddPersistTids(std::string name, int32_t tid) noexcept;
 
     // Registers a thread until the running scene, or the next one, of any object has ended. The
@@ -208,7 +210,7 @@ class TarvoCameraFrameBoost {
 
     // Hands all threads of the scene to the service, each once, in ascending order, including those
     // that it already knows. Works without a running scene too: the threads then count for the next
-    // one. Before a scene that qualifies is described, the service is told of them for scene 1.
+    // one. Before a scene that qualifies is described, the service gets them for scene 1.
     //
     // Returns the service's status.
     int32_t TcfbtSetTids() noexcept;
@@ -250,7 +252,7 @@ class TarvoCameraFrameBoost {
     std::mutex persistTidsMutex;            // Guards persistTids.
     std::mutex tempTidsMutex;               // Guards tempTids.
     std::mutex sceneTidsMutex;              // Guards sceneTids.
-    std::unordered_set<int32_t> sceneTids;  // All that the service got for this scene.
+    std::unordered_set<int32_t> sceneTids;  // Of all threads that the service got for it.
 
     FrameTracker frameTracker;  // Has a lock of its own.
 };

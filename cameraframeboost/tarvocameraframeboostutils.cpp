@@ -426,7 +426,7 @@ void FrameTracker::MarkInError(FrameData& frame, int64_t frameNumber, int32_t st
 }
 
 // Whether the frame's error may be handed over: the service has to know of the frame, and must not
-// have been told of the error. FRAME_ERROR and FRAME_ENDED do not matter. A frame that was admitted
+// have had a report of it yet. FRAME_ERROR and FRAME_ENDED do not matter. A frame that was admitted
 // out of sequence lacks FRAME_STARTED, since the service does not know of it.
 bool FrameTracker::IsReportable(uint32_t status) noexcept {
     return (status & (FRAME_STARTED | FRAME_ERROR_NOTIFIED)) == FRAME_STARTED;

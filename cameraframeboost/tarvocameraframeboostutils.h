@@ -31,7 +31,8 @@ struct NodePortInfo {
 // The library holds one instance, TarvoCameraFrameBoost::localConfig, made while it is loaded. The
 // setup comes from section "TarvoCameraFrameBoostConfig" of the hardware configuration store and is
 // read once, by the constructor; tools and tests that want another one construct another
-// LocalConfig and move it there. Nothing is said about what is missing or cannot be read:
+// LocalConfig and move it there. Values that are missing or cannot be read leave no line in the
+// log:
 //
 //     switch        counts as off: no scene starts
 //     modes         no scene starts; a list that cannot be read switches boosting off as well
@@ -46,7 +47,7 @@ struct NodePortInfo {
 //
 // Errors: no operation throws. Running out of memory aborts the process.
 //
-// Names that do not say what they mean; other programs use them, so they stay:
+// Names that mislead; other programs use them, so they stay:
 //
 //     Load                  adds modes and stages to those that are there; removes none
 //     GetNodePort           is always empty
@@ -155,7 +156,7 @@ class LocalConfig {
 //
 // A frame enters with CheckIfCouldStartFrame and leaves with CheckIfCouldEndFrame; in between, its
 // stages must run strictly one after another, from 0 to stageCount - 1. A frame that breaks the
-// order is in error from then on, and the caller is told to report it at most once.
+// order is in error from then on, and the caller is asked to report it at most once.
 //
 // A frame whose end never comes keeps its place in the table until the table is full, and is
 // reported only then. That is late when few frames are lost. With room for 16, d frames in flight
@@ -169,7 +170,7 @@ class LocalConfig {
 //
 // Errors: no operation throws. One that cannot go on aborts the process, with the lock held.
 //
-// Names that do not say what they mean; other programs use them, so they stay:
+// Names that mislead; other programs use them, so they stay:
 //
 //     CheckIfCouldStartFrame    takes the frame in, also when it returns false, and may drop the
 //                               oldest one
@@ -179,7 +180,7 @@ class LocalConfig {
 //     CheckStatus               does both of these
 class FrameTracker {
   public:
-    // How many frames are tracked at once unless the constructor is told otherwise. A camera
+    // How many frames are tracked at once unless the constructor gets another number. A camera
     // pipeline holds about one frame for each stage and a few more in its queues, and HALs rarely
     // report a pipeline depth above 8. Twice that is enough for a stall of a quarter of a second at
     // 60 frames per second, and still limits the table when frame ends are lost.
@@ -227,7 +228,8 @@ class FrameTracker {
     // frame: on every call for a stage outside 0 to stageCount - 1; once for each frame that was
     // admitted in sequence, for a stage out of order. Never sets it to false.
     //
-    // Aborts the process when it has to look at a stage that the frame was not admitted with.
+    // Aborts the process when it has to look at a stage that did not exist when the frame was
+    // admitted.
     bool CheckStagesStatus(int64_t frameNumber, int32_t stage, bool isEnd, bool& isError) noexcept;
 
   private:

@@ -1,4 +1,4 @@
-// A boost service that tells the observer of every call and returns the status that was set.
+// A boost service that reports every call to the observer and returns the status that was set.
 
 #include "platform/boost_service.h"
 

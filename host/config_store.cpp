@@ -50,7 +50,7 @@ std::optional<std::string> ParseFile(const std::string& path, toml::table& confi
     return Parse(text, path, configuration);
 }
 
-// What is served by default: the file that the environment names, or the sample. Read once, so that
+// The default configuration: the file that the environment names, or the sample. Read once, so that
 // errors are reported once.
 const toml::table& InitialConfiguration() {
     static const toml::table& initial = *[] {

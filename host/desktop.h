@@ -124,7 +124,7 @@ class Recorder : public Observer {
 
     void OnEffect(const Effect& effect) override;
 
-    // Returns what has happened since the last Take, and forgets it.
+    // Returns the effects since the last Take, and forgets them.
     std::vector<Effect> Take();
 
   private:
@@ -165,8 +165,8 @@ enum class StoreFunction {
     GetLocaleStringList,
 };
 
-// What the store is about to return. A script may change the result and what the pointers point
-// to.
+// An answer that the store is about to return. A script may change the result and the values that
+// the pointers point to.
 struct StoreAnswer {
     StoreFunction function;
     std::string_view key;

@@ -1,5 +1,5 @@
-// The closed boost service library, libtarvo_cfbt. It does the scheduling; this library only tells
-// it what the camera is doing.
+// The closed boost service library, libtarvo_cfbt. It does the scheduling; this library only
+// reports the camera's scenes, frames and stages to it.
 //
 // Every function runs on the caller's thread and returns a status, 0 for success. Only the service
 // knows what other values mean. Frame numbers are the low 32 bits of the HAL's 64-bit frame

@@ -1,8 +1,8 @@
 // The hardware configuration store, a closed platform library that serves a device's setup by
 // section and key.
 //
-// All texts are zero-terminated. A status of 0 means success. What the store returns for a missing
-// section or key is not known: a count of 0 or below, a status other than 0.
+// All texts are zero-terminated. A status of 0 means success. For a missing section or key
+// expect a count of 0 or below, or a status other than 0; the store's exact answer is not known.
 
 #pragma once
 

@@ -1,5 +1,5 @@
-// Shows what the boost service is told, through the desktop platform of an installed copy. A test
-// of a HAL does the same: it records while the HAL works, then looks at the calls.
+// Shows the calls that the boost service gets, through the desktop platform of an installed copy. A
+// test of a HAL does the same: it records while the HAL works, then looks at the calls.
 
 #include <cameraframeboost/tarvocameraframeboost.h>
 #include <host/desktop.h>

@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-# Explains all captures in folders, several at once, and gathers what is told of them in one table.
+# Explains all captures in folders, several at once, and gathers the accounts in one table.
 #
-# It has a row a scene, with its counts and no check, and a row a finding; a capture with neither is a
-# row, too. So is one that was not explained: its check is not-read, and the message says why.
+# The table has a row for each scene, with its counts and no check, and one for each finding; a capture
+# with neither is a row, too. So is a capture that was not explained: its check is not-read, and the
+# message says why.
 
 import argparse
 import collections
@@ -38,30 +39,30 @@ def captures(paths):
                         if not name.startswith('.') and not name.endswith(('.csv', '.csv.part')))
 
 
-# Device and build, as far as a bug report tells them. What is wrong with it is explain's to tell.
+# Device and build, as far as a bug report names them. An error in the report is left to explain.
 def phone_of(path):
-    told, end = {}, b''
+    found, end = {}, b''
     with contextlib.suppress(Exception), open(path, 'rb') as file:
         if zipfile.is_zipfile(path):
             file = (archive := zipfile.ZipFile(file)).open(next(filter(REPORT.search, archive.namelist())))
-        while len(told) < 2 and (piece := file.read(1 << 20)):
+        while len(found) < 2 and (piece := file.read(1 << 20)):
             for match in filter(None, (pattern.search(end + piece) for pattern in PHONE)):
-                told.setdefault(match.lastgroup, match[match.lastgroup].decode(errors='replace'))
+                found.setdefault(match.lastgroup, match[match.lastgroup].decode(errors='replace'))
             end = piece[-1000:]
-    return told
+    return found
 
 
 def not_read(reason):
     return {'check': 'not-read', 'severity': 'error', 'message': str(reason).strip()}
 
 
-# Runs on a worker. It changes nothing, so that another can do it again if this one is lost.
+# Runs on a worker. It changes nothing, so that another worker can run it again if this one is lost.
 def rows_of(command, path, timeout):
     done = subprocess.run([command, 'explain', '--json', path], capture_output=True, timeout=timeout)
-    phone, told, rows = phone_of(path), json.loads(done.stdout or '{}'), []
-    if told.get('version') != 1:
+    phone, account, rows = phone_of(path), json.loads(done.stdout or '{}'), []
+    if account.get('version') != 1:
         return [phone | not_read(done.stderr.decode(errors='replace') or 'no account of version 1')]
-    for number, scene in enumerate([told, *told['scenes']]):  # Some findings are about no scene.
+    for number, scene in enumerate([account, *account['scenes']]):  # Some findings are about no scene.
         nodes = {stage['stage']: stage['node'] for stage in scene.get('stages', ())}
         left = set(scene.get('neverOut', ()))
         if number > 0:
@@ -77,7 +78,7 @@ def rows_of(command, path, timeout):
 
 
 def finished(path, job):
-    # It need not be the one that took one worker after another with it.
+    # This capture need not be the one that took one worker after another with it.
     if isinstance(job.exception(), distributed.KilledWorker):
         job.retry()
     rows = [not_read(job.exception())] if job.exception() else job.result()
