@@ -75,6 +75,13 @@ class CommandTest(unittest.TestCase):
         path.unlink()
         return rows
 
+    def one_after_the_other(self, captures):
+        """The captures, which all begin at noon, an hour apart."""
+        captures = list(captures)
+        for hour, capture in enumerate(captures, 12):
+            capture.write_bytes(capture.read_bytes().replace(b' 12:', b' %d:' % hour))
+        return captures
+
     def replay(self, session, *arguments, log='capture.log'):
         """The log of a session, whose transcript is kept."""
         path = session
@@ -83,6 +90,11 @@ class CommandTest(unittest.TestCase):
         log = self.directory / log
         self.transcript = self.run_command('replay', path, '--log', log, *arguments)
         return log
+
+    def replayed_page(self, page, session, *arguments):
+        """A page of what the library logged of a session."""
+        log = self.replay(session, *arguments, log='replayed.log')
+        self.run_command('explain', log, '--to-html', page, status=(0, 1))
 
     def simulate(self, *arguments, log='capture.log'):
         log = self.directory / log

@@ -75,9 +75,8 @@ class BrowserTest(CommandTest):
             '[TarvoCameraFrameBoostConfig]\ncameraFrameBoostEnable = true\n'
             'SupportOperationModeList = [0x8001]\n[TarvoCameraFrameBoostConfig.stage]\n'
             f"0 = ['{HOSTILE}', '1']\n1 = ['Encoder', '1']\n"))
-        session = self.path('hostile.session', (
-            'TcfbtSetSceneInfo true 3840 60\nTcfbtNotifySceneStart 0x8001\nPlayRecording 20\n'))
-        self.run_command('replay', '--config', config, session, '--to-html', page)
+        session = 'TcfbtSetSceneInfo true 3840 60\nTcfbtNotifySceneStart 0x8001\nPlayRecording 20\n'
+        self.replayed_page(page, session, '--config', config)
 
 
 class Timeline:

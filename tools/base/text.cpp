@@ -39,4 +39,19 @@ std::string Folded(std::string_view text) {
     return folded;
 }
 
+std::string Base64(std::string_view bytes) {
+    constexpr char DIGITS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    for (size_t i = 0; i < bytes.size(); i += 3) {
+        uint32_t three = 0;
+        for (size_t j = i; j < i + 3; ++j) {
+            three = three << 8 | (j < bytes.size() ? static_cast<unsigned char>(bytes[j]) : 0U);
+        }
+        for (size_t j = 0; j < 4; ++j) {
+            text += i + j > bytes.size() ? '=' : DIGITS[three >> (18 - 6 * j) & 63];
+        }
+    }
+    return text;
+}
+
 }  // namespace tools

@@ -28,4 +28,7 @@ std::string Milliseconds(Micros time, Micros resolution);
 // equal then.
 std::string Folded(std::string_view text);
 
+// The bytes in base 64, padded.
+std::string Base64(std::string_view bytes);
+
 }  // namespace tools

@@ -10,14 +10,18 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tools/account/summary.h"
-#include "tools/command/pictures.h"
+#include "tools/base/words.h"
+#include "tools/output/gzip.h"
 #include "tools/output/json.h"
+#include "tools/output/page.h"
 #include "tools/output/text.h"
+#include "tools/output/trace.h"
 #include "tools/sched/scheduling.h"
 #include "tools/session/made_session.h"
 
@@ -28,15 +32,33 @@ struct Arguments {
     std::vector<std::string> captures;
     std::string other;
     std::string trace, otherTrace;
-    std::string csv, session, configuration;
-    Pictures pictures;
+    std::string page, tracks, csv, session, configuration;  // Files to write.
+    std::string frames;                                     // To show whatever became of them.
     JudgeOptions judging;
     bool isJson = false;
     bool isFollowing = false;
     bool showsAllFrames = false;
 
     bool IsForDesk() const { return !session.empty() || !configuration.empty(); }
+    bool IsDrawn() const { return !page.empty() || !tracks.empty(); }
 };
+
+// What --frames asks for: the first and the last number.
+std::optional<std::pair<int64_t, int64_t>> FramesOf(const Arguments& arguments) {
+    const std::string_view frames = arguments.frames;
+    if (frames.empty()) {
+        return {};
+    }
+    const size_t dash = frames.find('-', 1);
+    const auto first = ReadDigits<int64_t>(frames.substr(0, dash));
+    const auto last =
+        dash == std::string_view::npos ? first : ReadDigits<int64_t>(frames.substr(dash + 1));
+    if (!first || !last || *last < *first) {
+        FailUsage("--frames is " + Quoted(frames) +
+                  ", expected a frame or a range such as 120-140");
+    }
+    return std::pair(*first, *last);
+}
 
 // A capture and what belongs to it.
 struct Source {
@@ -172,9 +194,9 @@ int RunExplain(const Arguments& arguments) {
     }
     if (arguments.isFollowing) {
         const bool hasOutputs = arguments.isJson || arguments.showsAllFrames ||
-                                arguments.IsForDesk() || arguments.pictures.AreWanted() ||
-                                arguments.pictures.Frames() ||
-                                !(arguments.csv + arguments.other + arguments.trace).empty();
+                                arguments.IsForDesk() || arguments.IsDrawn() ||
+                                !(arguments.frames + arguments.csv + arguments.other +
+                                  arguments.trace).empty();
         if (arguments.captures != std::vector<std::string>{"-"} || hasOutputs) {
             FailUsage("--follow reads standard input (-) and goes with no other option but --late");
         }
@@ -186,14 +208,14 @@ int RunExplain(const Arguments& arguments) {
     if (!arguments.otherTrace.empty() && arguments.other.empty()) {
         FailUsage("--compare-sched goes with --compare");
     }
-    if (arguments.pictures.AreWanted() && !arguments.other.empty()) {
+    if (arguments.IsDrawn() && !arguments.other.empty()) {
         FailUsage(
             "--to-html and --to-trace do not go with --compare: they show one capture, and a\n"
             "comparison has two");
     }
-    const Shown shown = {arguments.showsAllFrames, arguments.pictures.Frames()};
-    std::vector<std::string> outputs = arguments.pictures.Paths();
-    outputs.insert(outputs.end(), {arguments.csv, arguments.session, arguments.configuration});
+    const Shown shown = {arguments.showsAllFrames, FramesOf(arguments)};
+    const std::vector<std::string> outputs = {arguments.page, arguments.tracks, arguments.csv,
+                                              arguments.session, arguments.configuration};
     std::vector<std::string> inputs = arguments.captures;
     inputs.insert(inputs.end(), {arguments.other, arguments.trace, arguments.otherTrace});
     RemoveStale(outputs, inputs);
@@ -209,9 +231,19 @@ int RunExplain(const Arguments& arguments) {
     }
     WriteFile(arguments.csv, [&](std::ostream& file) { WriteCsv(file, account, scheduling); });
     const size_t more = account.inputs.size() - 1;
-    arguments.pictures.Write(
-        account, account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more)),
-        scheduling);
+    const std::string title =
+        account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more));
+    WriteFile(arguments.page,
+              [&](std::ostream& file) { WritePage(file, account, title, scheduling); });
+    WriteFile(arguments.tracks, [&](std::ostream& file) {
+        if (!arguments.tracks.ends_with(".gz")) {
+            WriteTrace(file, account, shown.range, scheduling);
+            return;
+        }
+        std::ostringstream text;
+        WriteTrace(text, account, shown.range, scheduling);
+        file << Gzip(text.str());
+    });
 
     Output out("-");
     if (!arguments.other.empty()) {
@@ -303,7 +335,17 @@ void AddExplain(CLI::App& app, Run& run) {
     command->add_flag("--follow", arguments->isFollowing,
                       "Read on as the log comes, show findings as they are found");
     command->add_option("--to-csv", arguments->csv, "Write a row a frame here");
-    arguments->pictures.AddOptions(*command);
+    command->add_option("--to-html", arguments->page,
+                        "Write a page for a browser: findings, figures and frames, in one file");
+    command->add_option(
+        "--to-trace", arguments->tracks,
+        "Write a trace for ui.perfetto.dev, in Chrome's JSON form; as gzip where FILE "
+        "ends in .gz");
+    command
+        ->add_option("--frames", arguments->frames,
+                     "Show these frames in the trace, and in the table, whatever became of them;\n"
+                     "one, or a range")
+        ->type_name("A-B");
     command->add_option("--to-session", arguments->session,
                         "Write the HAL's calls here, as a session for replay");
     command->add_option("--to-config", arguments->configuration,

@@ -5,17 +5,9 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
-#include <streambuf>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "host/desktop.h"
-#include "tools/account/summary.h"
-#include "tools/base/words.h"
 #include "tools/command/command.h"
-#include "tools/command/pictures.h"
-#include "tools/play/transcript.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -26,51 +18,11 @@ struct Arguments {
     std::string session;
     std::string configuration;
     std::string log;
-    std::vector<std::string> statuses;
-    Pictures pictures;
 };
 
-// "cfbtFrameStart=7"
-std::pair<desktop::ServiceFunction, int32_t> ParseStatus(const std::string& text) {
-    const size_t equals = text.find('=');
-    const auto function = desktop::ServiceFunctionOf(text.substr(0, equals));
-    const auto status =
-        ReadDigits<int32_t>(equals == std::string::npos ? "" : text.substr(equals + 1));
-    if (!function || !status) {
-        FailUsage("--status is " + Quoted(text) + ", expected FUNCTION=STATUS with one of " +
-                  ServiceFunctionNames(", ") + ", and a number");
-    }
-    return {*function, *status};
-}
-
-// Hands what is written to it to a reader of captures, and to a stream if there is one.
-class CaptureBuffer : public std::streambuf {
-  public:
-    CaptureBuffer(CaptureReader& captureReader, std::ostream* otherStream)
-        : reader(captureReader), other(otherStream) {}
-
-  protected:
-    std::streamsize xsputn(const char* text, std::streamsize length) override {
-        reader.Read({text, static_cast<size_t>(length)});
-        if (other != nullptr) {
-            other->write(text, length);
-        }
-        return length;
-    }
-    int_type overflow(int_type character) override {
-        const char text = traits_type::to_char_type(character);
-        xsputn(&text, 1);
-        return traits_type::not_eof(character);
-    }
-
-  private:
-    CaptureReader& reader;
-    std::ostream* other;
-};
-
-// Plays to `out`, which is standard output.
-bool PlayTo(Output& out, Arguments& arguments) {
+int RunReplay(Arguments& arguments) {
     ReplayOptions& options = arguments.options;
+    Output out("-");
     Input session(arguments.session);
     if (!arguments.configuration.empty()) {
         Input file(arguments.configuration);
@@ -85,16 +37,6 @@ bool PlayTo(Output& out, Arguments& arguments) {
     }
     options.log = isLogShown ? &out : logFile ? &*logFile : nullptr;
 
-    FactsMaker facts;
-    CaptureReader reader({&facts});
-    CaptureBuffer buffer(reader, options.log);
-    std::ostream log(&buffer);
-    log.exceptions(std::ios::badbit);
-    if (arguments.pictures.AreWanted()) {
-        reader.Begin(0);
-        options.log = &log;
-    }
-
     CatchInterrupts();
     options.pace.isInterrupted = IsInterrupted;
     ProgressLine progress("frames", !options.isQuiet);
@@ -102,42 +44,10 @@ bool PlayTo(Output& out, Arguments& arguments) {
     const bool isPlayed =
         Replay(options, session, session.Name(), isLogShown ? nowhere : out, std::cerr);
     progress.Clear();
-    if (isPlayed && arguments.pictures.AreWanted()) {
-        reader.End();
-        reader.Finish();
-        const std::string name = logFile ? arguments.log : "the log of " + session.Name();
-        const Account account = MakeAccount(facts, reader.Summary(), {name}, {});
-        arguments.pictures.Write(account, session.Name());
-    }
+    out.Close();
     if (logFile) {
         logFile->Close();
     }
-    return isPlayed;
-}
-
-int RunReplay(Arguments& arguments) {
-    for (const std::string& status : arguments.statuses) {
-        arguments.options.statuses.push_back(ParseStatus(status));
-    }
-    if (arguments.pictures.Frames() && !arguments.pictures.IsTraceWanted()) {
-        FailUsage("--frames goes with --to-trace");
-    }
-    RemoveStale(arguments.pictures.Paths(), {arguments.session, arguments.configuration});
-    Output out("-");
-    bool isPlayed = false;
-    try {
-        isPlayed = PlayTo(out, arguments);
-    } catch (const CommandError& error) {
-        if (!out) {
-            throw;
-        }
-        std::cerr << error.what() << '\n';
-        if (arguments.options.isJson) {
-            MakeJsonTranscript(out, false, false)
-                ->Show(Finding{"unusable", Severity::Error, error.what()}, "");
-        }
-    }
-    out.Close();
     return isPlayed ? NOTHING_FOUND : BAD_INPUT;
 }
 
@@ -170,20 +80,11 @@ void AddReplay(CLI::App& app, Run& run) {
         "--log", arguments->log,
         "Write what the library logs, as logcat would have captured it; - takes the\n"
         "transcript's place");
-    arguments->pictures.AddOptions(*command);
     command->add_flag("--debug", options.withDebug,
                       "Debug property and trace tags on: show log lines and trace counters");
-    command
-        ->add_option("--status", arguments->statuses,
-                     "What a service function answers, such as cfbtFrameStart=7; may be repeated")
-        ->type_name("FUNCTION=STATUS")
-        ->expected(1)
-        ->take_all();
     command->add_flag("--real-time", options.pace.isRealTime,
                       "Let waits and recordings take their time");
     command->add_flag("--quiet", options.isQuiet, "Show the summary alone");
-    command->add_flag("--json", options.isJson,
-                      "Show JSON objects, one a line; times in milliseconds from the beginning");
     command->callback([arguments, &run] { run = [arguments] { return RunReplay(*arguments); }; });
 }
 

@@ -1,30 +1,14 @@
-// Output compressed on its way.
+// Compression.
 
 #pragma once
 
-#include <memory>
-#include <ostream>
-#include <streambuf>
+#include <string>
+#include <string_view>
 
 namespace tools {
 
-// Writes what it is given to another stream, as gzip. The same text makes the same bytes: they hold
-// no time and no name.
-class GzipStream : public std::ostream {
-  public:
-    // `target` gets the compressed bytes, and has to outlive this. Where it fails, this fails, and
-    // throws what the target throws, and when.
-    explicit GzipStream(std::ostream& target);
-    ~GzipStream() override;
-    GzipStream(const GzipStream&) = delete;
-    GzipStream& operator=(const GzipStream&) = delete;
-
-    // To be called when all is written; without it the target is left with a part of the bytes.
-    void Close();
-
-  private:
-    class Buffer;
-    std::unique_ptr<Buffer> buffer;
-};
+// The bytes as a gzip file, The same bytes make the same file: it holds no time and no name. Throws
+// a std::length_error for more than 2 GB.
+std::string Gzip(std::string_view bytes);
 
 }  // namespace tools

@@ -49,7 +49,7 @@ class Page {
 <meta charset=utf-8>
 <meta name=viewport content="width=device-width, initial-scale=1">
 <meta http-equiv=Content-Security-Policy content="default-src 'none'; style-src 'unsafe-inline'; script-src 'sha256-)"
-            << PAGE_SCRIPT_HASH << R"('; img-src data:">
+            << Base64(PAGE_SCRIPT_HASH) << R"('; img-src data:">
 <link rel=icon href="data:,">
 <title>)" << Escaped{title}
             << "</title>\n<style>" << PAGE_STYLE << "</style>\n</head>\n<body>\n<header>\n<h1>"

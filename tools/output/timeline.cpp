@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/text.h"
 #include "tools/output/gzip.h"
 #include "tools/output/naming.h"
 
@@ -74,29 +75,6 @@ std::string DataOf(const Scene& scene, Micros unit) {
     return columns.bytes;
 }
 
-std::string Base64(const std::string& bytes) {
-    constexpr char DIGITS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    for (size_t i = 0; i < bytes.size(); i += 3) {
-        uint32_t three = 0;
-        for (size_t j = i; j < i + 3; ++j) {
-            three = three << 8 | (j < bytes.size() ? static_cast<unsigned char>(bytes[j]) : 0U);
-        }
-        for (size_t j = 0; j < 4; ++j) {
-            text += i + j > bytes.size() ? '=' : DIGITS[three >> (18 - 6 * j) & 63];
-        }
-    }
-    return text;
-}
-
-std::string Compressed(const std::string& bytes) {
-    std::ostringstream compressed;
-    GzipStream gzip(compressed);
-    gzip << bytes;
-    gzip.Close();
-    return Base64(compressed.str());
-}
-
 double Seconds(Micros time) {
     return static_cast<double>(time) / 1e6;
 }
@@ -141,7 +119,7 @@ class ThreadData {
                 {"id", tid},
                 {"name", name},
                 {"count", count},
-                {"data", Compressed(columns.bytes)}};
+                {"data", Base64(Gzip(columns.bytes))}};
     }
 
   private:
@@ -233,7 +211,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
                           {"stages", names},
                           {"words", words},
                           {"frames", scene.frames.size()},
-                          {"data", Compressed(DataOf(scene, account.resolution))}});
+                          {"data", Base64(Gzip(DataOf(scene, account.resolution)))}});
         if (scheduling != nullptr) {
             scenes.back()["threads"] = ThreadsOf(scene, *scheduling, scheduling->scenes[i]);
             scenes.back()["wakes"] = WakesOf(scene);

@@ -1,7 +1,6 @@
 #include "tools/play/replay.h"
 
 #include <algorithm>
-#include <memory>
 #include <optional>
 #include <variant>
 
@@ -50,11 +49,8 @@ bool PreparePlatform(const std::optional<NamedText>& configuration,
 
 bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::string& name,
             std::ostream& out, std::ostream& err) {
-    const std::unique_ptr<Transcript> transcript =
-        options.isJson ? MakeJsonTranscript(out, options.isQuiet, options.withDebug)
-                       : MakeTextTranscript(out, options.isQuiet, options.withDebug);
-    const auto tell = [&](const Finding& finding, const std::string& file) {
-        transcript->Show(finding, file);
+    Transcript transcript(out, options.isQuiet, options.withDebug);
+    const auto tell = [&err](const Finding& finding, const std::string& file) {
         err << ToString(finding, file) << '\n';
     };
 
@@ -76,13 +72,10 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
         })) {
         return false;
     }
-    for (const auto& [function, status] : options.statuses) {
-        desktop::SetServiceStatus(function, status);
-    }
     desktop::SetTraceTags(options.withDebug ? CAMERA_TRACE_TAG : 0);
 
     const auto watch = [&](const Played& played) {
-        transcript->Show(played);
+        transcript.Show(played);
         for (const desktop::Effect& effect : played.effects) {
             const auto* line = std::get_if<desktop::LogLine>(&effect.event);
             if (options.log != nullptr && line != nullptr) {
@@ -100,7 +93,7 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
     }
     session.ForEachLine([&](uint32_t number, const Line& line) {
         if (!std::holds_alternative<Call>(line) && !std::holds_alternative<Recording>(line)) {
-            transcript->Show(line, number);
+            transcript.Show(line);
             if (options.pace.isRealTime) {
                 out.flush();
             }
@@ -108,7 +101,7 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
         player.Play(line, number);
         return !options.pace.isInterrupted();
     });
-    transcript->ShowSummary();
+    transcript.ShowSummary();
     return true;
 }
 

@@ -9,10 +9,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
-#include "host/desktop.h"
 #include "tools/base/finding.h"
 #include "tools/play/player.h"
 
@@ -27,10 +24,7 @@ struct NamedText {
 struct ReplayOptions {
     std::optional<NamedText> configuration;  // TOML; nothing for what the platform serves anyway.
     bool withDebug = false;                  // Show the library's log lines and trace counters.
-    std::vector<std::pair<desktop::ServiceFunction, int32_t>>
-        statuses;                 // What the service answers.
     bool isQuiet = false;         // Show the summary alone.
-    bool isJson = false;          // Show it to a program.
     Player::Pace pace;            // In real time, what is shown comes line by line.
     std::ostream* log = nullptr;  // Where the capture of the library's log goes, if anywhere.
 };

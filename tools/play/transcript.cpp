@@ -34,24 +34,19 @@ enum class Tally : uint8_t {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
 // The rows of a summary, in the order of Tally.
-struct Row {
-    const char* text;
-    const char* json;
-};
-constexpr auto ROWS = std::to_array<Row>({
-    {"scenes started", "scenesStarted"},
-    {"scenes refused", "scenesRefused"},
-    {"frames started", "framesStarted"},
-    {"frames ended", "framesEnded"},
-    {"frames evicted", "framesEvicted"},
-    {"frame starts refused", "frameStartsRefused"},
-    {"frame ends refused", "frameEndsRefused"},
-    {"stage events forwarded", "stageEventsForwarded"},
-    {"stage events refused", "stageEventsRefused"},
-    {"node ends ignored", "nodeEndsIgnored"},
-    {"error reports", "errorReports"},
+constexpr auto ROWS = std::to_array<const char*>({
+    "scenes started",
+    "scenes refused",
+    "frames started",
+    "frames ended",
+    "frames evicted",
+    "frame starts refused",
+    "frame ends refused",
+    "stage events forwarded",
+    "stage events refused",
+    "node ends ignored",
+    "error reports",
 });
 
 // Why an event was not done, as the message says that it left; empty: it was.
@@ -145,13 +140,12 @@ std::string Shown(std::string_view text) {
     return shown;
 }
 
-Json JsonOf(const Value& value) {
-    return std::visit([](const auto& held) { return Json(held); }, value);
-}
-
-// Session files may hold any bytes; JSON holds UTF-8.
-std::string Dump(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+// A value as a call shows it: a text in quotes, a list in brackets. Session files may hold any bytes;
+// what is no UTF-8 is replaced.
+std::string ShownOf(const Value& value) {
+    using Json = nlohmann::json;
+    const Json json = std::visit([](const auto& held) { return Json(held); }, value);
+    return Shown(json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 int64_t TotalOf(Tally tally, const Counts& counts) {
@@ -231,206 +225,73 @@ Counts CountsOf(const Played& played) {
     return counts;
 }
 
-class TextTranscript : public Transcript {
-  public:
-    using Transcript::Transcript;
-
-    void Show(const Line& line, uint32_t /*number*/) override {
-        if (!isQuiet) {
-            out << Shown(WriteLine(line)) << '\n';
-        }
-    }
-
-    void Show(const Finding& /*finding*/, const std::string& /*file*/) override {}
-
-    void ShowSummary() override {
-        out << (isQuiet ? "" : "\n") << "Summary\n";
-        for (size_t row = 0; row < ROWS.size(); ++row) {
-            const auto tally = static_cast<Tally>(row);
-            out << "  " << std::left << std::setw(24) << ROWS[row].text << std::right
-                << std::setw(8) << TotalOf(tally, total) << '\n';
-            for (const auto& [reason, count] : ReasonsOf(tally, total)) {
-                out << std::setw(34) << count << "  " << reason << '\n';
-            }
-        }
-    }
-
-  private:
-    void ShowPlayed(const Played& played, const Counts& counts) override {
-        if (played.call != nullptr) {
-            ShowCall(*played.call, played.result);
-        }
-        for (const desktop::Effect& effect : played.effects) {
-            if (const auto* call = std::get_if<desktop::ServiceCall>(&effect.event)) {
-                const bool isReport = call->function == desktop::ServiceFunction::NotifyErrOfUser;
-                out << (isReport ? " !! " : "    ") << ToString(*call) << '\n';
-            } else if (withDebug) {
-                const auto* line = std::get_if<desktop::LogLine>(&effect.event);
-                out << "      "
-                    << (line != nullptr ? Shown(ToString(*line))
-                                        : ToString(std::get<desktop::CounterUpdate>(effect.event)))
-                    << '\n';
-            }
-        }
-        // What was forwarded shows above; what was not has a reason.
-        for (size_t row = 0; row < ROWS.size(); ++row) {
-            for (const auto& [reason, count] : ReasonsOf(static_cast<Tally>(row), counts)) {
-                out << "    - " << ROWS[row].text << ": " << count << " (" << reason << ")\n";
-            }
-        }
-    }
-
-    void ShowCall(const Call& call, std::optional<int32_t> result) {
-        const OperationForm& form = FormOf(call.operation);
-        out << form.name << '(';
-        const char* separator = "";
-        for (size_t i = 0; i < call.arguments.size(); ++i) {
-            const Value& value = call.arguments[i];
-            const Parameter parameter = form.parameters[i];
-            out << std::exchange(separator, ", ") << NameOf(parameter) << '='
-                << (parameter == Parameter::OperationMode ? ModeText(std::get<int32_t>(value))
-                                                          : Shown(Dump(JsonOf(value))));
-        }
-        out << ')';
-        if (result) {
-            out << " = " << *result;
-        }
-        out << '\n';
-    }
-};
-
-class JsonTranscript : public Transcript {
-  public:
-    using Transcript::Transcript;
-
-    void Show(const Line& line, uint32_t number) override {
-        if (isQuiet) {
-            return;
-        }
-        if (const auto* wait = std::get_if<Wait>(&line)) {
-            Write({{"type", "wait"}, {"line", number}, {"milliseconds", Millis(wait->micros)}});
-        } else if (const auto* status = std::get_if<ServiceStatus>(&line)) {
-            Write({{"type", "serviceStatus"},
-                   {"line", number},
-                   {"function", NameOf(status->function)},
-                   {"status", status->status}});
-        }
-    }
-
-    void Show(const Finding& finding, const std::string& file) override {
-        Json json = {{"type", finding.severity == Severity::Error ? "error" : "finding"}};
-        if (!file.empty()) {
-            json["file"] = file;
-        }
-        if (finding.place.line != 0) {
-            json["line"] = finding.place.line;
-        }
-        if (finding.column != 0) {
-            json["column"] = finding.column;
-        }
-        json["severity"] = NameOf(finding.severity);
-        json["check"] = finding.check;
-        json["message"] = finding.message;
-        Write(json);
-    }
-
-    void ShowSummary() override {
-        Json json = {{"type", "summary"}};
-        for (size_t row = 0; row < ROWS.size(); ++row) {
-            json[ROWS[row].json] = TotalOf(static_cast<Tally>(row), total);
-        }
-        json["reasons"] = JsonOfReasons(total);
-        Write(json);
-    }
-
-  private:
-    void ShowPlayed(const Played& played, const Counts& counts) override {
-        if (played.call == nullptr) {
-            Write({{"type", "load"}, {"effects", EffectsOf(played)}});
-            return;
-        }
-        const OperationForm& form = FormOf(played.call->operation);
-        Json json = {{"type", "call"}, {"line", played.line}, {"operation", form.name}};
-        auto& arguments = json["arguments"] = Json::object();
-        for (size_t i = 0; i < form.parameters.size(); ++i) {
-            arguments[std::string(NameOf(form.parameters[i]))] = JsonOf(played.call->arguments[i]);
-        }
-        json["result"] = played.result ? Json(*played.result) : nullptr;
-        json["effects"] = EffectsOf(played);
-        json["reasons"] = JsonOfReasons(counts);
-        Write(json);
-    }
-
-    Json EffectsOf(const Played& played) const {
-        auto list = Json::array();
-        for (const desktop::Effect& effect : played.effects) {
-            if (withDebug || std::holds_alternative<desktop::ServiceCall>(effect.event)) {
-                Json json = {{"time", Millis(played.time)}, {"thread", CAPTURE_PROCESS}};
-                std::visit([&json](const auto& event) { Describe(event, json); }, effect.event);
-                list.push_back(std::move(json));
-            }
-        }
-        return list;
-    }
-
-    // Why how many of what were not done.
-    static Json JsonOfReasons(const Counts& counts) {
-        auto json = Json::object();
-        for (size_t row = 0; row < ROWS.size(); ++row) {
-            const auto reasons = ReasonsOf(static_cast<Tally>(row), counts);
-            if (!reasons.empty()) {
-                json[ROWS[row].json] = reasons;
-            }
-        }
-        return json;
-    }
-
-    static void Describe(const desktop::ServiceCall& call, Json& json) {
-        json["call"] = NameOf(call.function);
-        for (const desktop::ServiceArgument& argument : call.arguments) {
-            json[argument.name] = argument.value;
-        }
-        if (call.function == desktop::ServiceFunction::AddTids ||
-            call.function == desktop::ServiceFunction::RemoveTids) {
-            json["tids"] = call.tids;
-        }
-        json["status"] = call.status;
-    }
-
-    static void Describe(const desktop::LogLine& line, Json& json) {
-        json["log"] = line.text;
-        json["tag"] = line.tag;
-        json["priority"] = line.priority;
-    }
-
-    static void Describe(const desktop::CounterUpdate& update, Json& json) {
-        json["counter"] = update.name;
-        json["value"] = update.value;
-    }
-
-    static double Millis(Micros micros) { return static_cast<double>(micros) / 1000; }
-
-    void Write(const Json& json) { out << Dump(json) << '\n'; }
-};
-
 }  // namespace
+
+void Transcript::Show(const Line& line) {
+    if (!isQuiet) {
+        out << Shown(WriteLine(line)) << '\n';
+    }
+}
 
 void Transcript::Show(const Played& played) {
     const Counts counts = CountsOf(played);
     for (const auto& [what, count] : counts) {
         total[what] += count;
     }
-    if (!isQuiet) {
-        ShowPlayed(played, counts);
+    if (isQuiet) {
+        return;
+    }
+    if (played.call != nullptr) {
+        ShowCall(*played.call, played.result);
+    }
+    for (const desktop::Effect& effect : played.effects) {
+        if (const auto* call = std::get_if<desktop::ServiceCall>(&effect.event)) {
+            const bool isReport = call->function == desktop::ServiceFunction::NotifyErrOfUser;
+            out << (isReport ? " !! " : "    ") << ToString(*call) << '\n';
+        } else if (withDebug) {
+            const auto* line = std::get_if<desktop::LogLine>(&effect.event);
+            out << "      "
+                << (line != nullptr ? Shown(ToString(*line))
+                                    : ToString(std::get<desktop::CounterUpdate>(effect.event)))
+                << '\n';
+        }
+    }
+    // What was forwarded shows above; what was not has a reason.
+    for (size_t row = 0; row < ROWS.size(); ++row) {
+        for (const auto& [reason, count] : ReasonsOf(static_cast<Tally>(row), counts)) {
+            out << "    - " << ROWS[row] << ": " << count << " (" << reason << ")\n";
+        }
     }
 }
 
-std::unique_ptr<Transcript> MakeTextTranscript(std::ostream& out, bool isQuiet, bool withDebug) {
-    return std::make_unique<TextTranscript>(out, isQuiet, withDebug);
+void Transcript::ShowSummary() {
+    out << (isQuiet ? "" : "\n") << "Summary\n";
+    for (size_t row = 0; row < ROWS.size(); ++row) {
+        const auto tally = static_cast<Tally>(row);
+        out << "  " << std::left << std::setw(24) << ROWS[row] << std::right << std::setw(8)
+            << TotalOf(tally, total) << '\n';
+        for (const auto& [reason, count] : ReasonsOf(tally, total)) {
+            out << std::setw(34) << count << "  " << reason << '\n';
+        }
+    }
 }
 
-std::unique_ptr<Transcript> MakeJsonTranscript(std::ostream& out, bool isQuiet, bool withDebug) {
-    return std::make_unique<JsonTranscript>(out, isQuiet, withDebug);
+void Transcript::ShowCall(const Call& call, std::optional<int32_t> result) {
+    const OperationForm& form = FormOf(call.operation);
+    out << form.name << '(';
+    const char* separator = "";
+    for (size_t i = 0; i < call.arguments.size(); ++i) {
+        const Value& value = call.arguments[i];
+        const Parameter parameter = form.parameters[i];
+        out << std::exchange(separator, ", ") << NameOf(parameter) << '='
+            << (parameter == Parameter::OperationMode ? ModeText(std::get<int32_t>(value))
+                                                      : ShownOf(value));
+    }
+    out << ')';
+    if (result) {
+        out << " = " << *result;
+    }
+    out << '\n';
 }
 
 }  // namespace tools

@@ -4,13 +4,11 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
+#include <optional>
 #include <ostream>
-#include <string>
 #include <string_view>
 #include <utility>
 
-#include "tools/base/finding.h"
 #include "tools/play/player.h"
 #include "tools/session/session.h"
 
@@ -27,30 +25,20 @@ class Transcript {
     // `quiet`: the summary alone is shown. `debug`: log lines and trace counters are shown, too.
     Transcript(std::ostream& stream, bool quiet, bool debug)
         : out(stream), isQuiet(quiet), withDebug(debug) {}
-    virtual ~Transcript() = default;
     // A line of the session that is no call.
-    virtual void Show(const Line& line, uint32_t number) = 0;
+    void Show(const Line& line);
     // A call, or the loading of the library.
     void Show(const Played& played);
-    // What is wrong or surprising about the input `file`; empty: about none in particular.
-    virtual void Show(const Finding& finding, const std::string& file) = 0;
     // What has become of everything up to here.
-    virtual void ShowSummary() = 0;
+    void ShowSummary();
 
-  protected:
-    virtual void ShowPlayed(const Played& played, const Counts& counts) = 0;
+  private:
+    void ShowCall(const Call& call, std::optional<int32_t> result);
 
     std::ostream& out;
     const bool isQuiet;
     const bool withDebug;
     Counts total;
 };
-
-// For people. Findings are not shown: people find them on standard error.
-std::unique_ptr<Transcript> MakeTextTranscript(std::ostream& out, bool isQuiet, bool withDebug);
-
-// For programs: JSON objects, one a line; the summary is the last. Times are milliseconds since the
-// session's beginning.
-std::unique_ptr<Transcript> MakeJsonTranscript(std::ostream& out, bool isQuiet, bool withDebug);
 
 }  // namespace tools

@@ -24,6 +24,16 @@ constexpr std::string_view STATUS = "ServiceStatus";
 constexpr int64_t MAX_RECORDING_FRAMES = 10'000'000;
 constexpr int64_t MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
 
+// The functions of the boost service by their names.
+std::string ServiceFunctionNames(std::string_view separator) {
+    std::string names;
+    for (size_t i = 0; i < desktop::SERVICE_FUNCTION_COUNT; ++i) {
+        names += names.empty() ? "" : separator;
+        names += NameOf(static_cast<desktop::ServiceFunction>(i));
+    }
+    return names;
+}
+
 Value ParseValue(Parameter parameter, const Value& type, const Word& word) {
     if (std::holds_alternative<bool>(type)) {
         if (word.isQuoted || (word.text != "true" && word.text != "false")) {
@@ -200,15 +210,6 @@ Line ParseLine(std::string_view line) {
                     meant ? fmt::format("{}, if that was meant", *meant)
                           : fmt::format("an operation of TarvoCameraFrameBoost, {}, {} or {}",
                                         RECORDING, WAIT, STATUS)));
-}
-
-std::string ServiceFunctionNames(std::string_view separator) {
-    std::string names;
-    for (size_t i = 0; i < desktop::SERVICE_FUNCTION_COUNT; ++i) {
-        names += names.empty() ? "" : separator;
-        names += NameOf(static_cast<desktop::ServiceFunction>(i));
-    }
-    return names;
 }
 
 std::string WriteLine(const Line& line) {

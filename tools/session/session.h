@@ -78,9 +78,6 @@ class Session {
     std::vector<Finding> errors;
 };
 
-// The functions of the boost service by their names.
-std::string ServiceFunctionNames(std::string_view separator);
-
 // What a session file may hold, for people.
 std::string DescribeFormat();
 
