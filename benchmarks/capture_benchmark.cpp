@@ -46,7 +46,7 @@ const Capture& TenMinutes() {
 void Read(std::vector<tools::MessageSink*> sinks) {
     tools::CaptureReader reader(std::move(sinks));
     std::ifstream file(TenMinutes().path);
-    reader.Begin(0);
+    reader.Begin("capture");
     tools::ReadText(reader, file);
     reader.Finish();
 }

@@ -42,6 +42,13 @@ class CommandTest(unittest.TestCase):
                 check_rules(json.load(file)['traceEvents'])
         return (done.stdout or b'').decode(errors='surrogateescape')
 
+    def errors(self, *arguments, status=2, **options):
+        """What the command says on standard error as it fails."""
+        done = subprocess.run([COMMAND, *map(str, arguments)], check=False, cwd=self.directory,
+                              capture_output=True, timeout=PATIENCE, **options)
+        self.assertEqual(done.returncode, status, (arguments, done.stderr))
+        return done.stderr.decode()
+
     def path(self, name, content=None):
         """A file of the test's own."""
         path = self.directory / name

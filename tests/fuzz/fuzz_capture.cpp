@@ -24,11 +24,15 @@ std::string Explain(const std::string& text, size_t piece) {
     tools::FactsMaker facts;
     tools::SessionMaker maker;
     tools::CaptureReader reader({&facts, &maker});
-    reader.Begin(0);
-    for (size_t at = 0; at < text.size(); at += piece) {
-        reader.Read(std::string_view(text).substr(at, piece));
+    reader.Begin("name");
+    try {
+        for (size_t at = 0; at < text.size(); at += piece) {
+            reader.Read(std::string_view(text).substr(at, piece));
+        }
+        reader.End();
+    } catch (const tools::LinesError& error) {
+        return error.what();
     }
-    reader.End();
     reader.Finish();
     const tools::CaptureSummary& summary = reader.Summary();
     Require(summary.notUnderstood <= summary.libraryLines && summary.libraryLines <= summary.lines,
@@ -57,11 +61,13 @@ std::string LinesOf(const uint8_t* data, size_t size) {
     std::string text;
     size_t at = 0;
     const auto next = [&]() -> int { return at < size ? data[at++] : 0; };
-    while (at < size) {
+    for (int line = 0; at < size; ++line) {
         const auto forms = tools::MessageForms();
         const tools::MessageForm& form = forms[static_cast<size_t>(next()) % forms.size()];
         const int where = next();
-        text += "01-01 00:00:0" + std::to_string(where % 10) + ".000     1     " +
+        // No two lines have the same time: the same lines are refused.
+        const std::string minute = std::to_string(line % 60 + 100).substr(1);
+        text += "01-01 00:" + minute + ":0" + std::to_string(where % 10) + ".000     1     " +
                 std::to_string(where / 10 % 3) + " D " + std::string(form.tag) +
                 ": tarvocameraframeboost.cpp 1:" + std::string(form.function) + "() ";
         std::string_view rest = form.text;

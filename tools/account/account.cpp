@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "tools/base/text.h"
+#include "tools/log/message.h"
 
 namespace tools {
 
@@ -54,19 +55,19 @@ const char* ReasonOf(Reason reason) {
         case Reason::None:
             return "";
         case Reason::Gap:
-            return "does not follow the newest frame";
+            return RefusalOf(MessageKind::FrameNotContinuous);
         case Reason::AlreadyInFlight:
-            return "already in flight";
+            return RefusalOf(MessageKind::FrameAlreadyExists);
         case Reason::NotInFlight:
-            return "not in flight";
+            return RefusalOf(MessageKind::EndedFrameNotExist);
         case Reason::NoSuchStage:
-            return "no such stage";
+            return RefusalOf(MessageKind::StageNotInRange);
         case Reason::OutOfOrder:
-            return "out of order with another stage";
+            return RefusalOf(MessageKind::StageOutOfOrder);
         case Reason::OutOfTurn:
-            return "the stage has run already, or has not started";
+            return RefusalOf(MessageKind::StageOutOfTurn);
         case Reason::Evicted:
-            return "too many frames in flight";
+            return TABLE_FULL;
         case Reason::EndedByHal:
             return "ended before it had been through all stages";
         case Reason::NeverLeft:
@@ -151,25 +152,23 @@ std::string VerdictOf(const Account& account) {
                                     notBoosted == 1 ? "was" : "were"));
     }
     if (untold > 0) {
-        parts.push_back(fmt::format(
-            "what became of {} is not known, as lines of the log are missing", untold));
+        parts.push_back(
+            fmt::format("what became of {} is not known, as lines of the log are missing", untold));
     }
     if (mixed > 0) {
         parts.push_back(
             fmt::format("what became of {} is not known, as two objects record at once", mixed));
     }
     if (parts.empty()) {
-        const char* const lateness =
-            account.hasTimes ? "none late" : "though whether in time is not known";
-        return isWell ? fmt::format("All is well: {}, all boosted, {}.", all, lateness)
-                      : fmt::format("{}, all boosted, {}, but there is something to look at.", all,
-                                    lateness);
+        return isWell ? fmt::format("All is well: {}, all boosted, none late.", all)
+                      : fmt::format(
+                            "{}, all boosted, none late, but there is something to look at.", all);
     }
     std::string verdict = "Of " + all + " ";
     for (size_t i = 0; i < parts.size(); ++i) {
         verdict += (i > 0 ? "; " : "") + parts[i];
     }
-    return verdict + (account.hasTimes ? "." : "; which came out late is not known.");
+    return verdict + ".";
 }
 
 std::string LineOf(const Account& account, const Scene* scene, const SceneFinding& finding) {
@@ -178,8 +177,7 @@ std::string LineOf(const Account& account, const Scene* scene, const SceneFindin
     told.severity = finding.severity;
     told.message = finding.message;
     told.place = finding.place;
-    if (scene != nullptr && scene->begin != NO_TIME && finding.time != NO_TIME &&
-        finding.time > scene->begin) {
+    if (scene != nullptr && finding.time > scene->begin) {
         told.message += fmt::format(" ({:.3f} s into the scene)",
                                     static_cast<double>(finding.time - scene->begin) / 1e6);
     }

@@ -215,7 +215,7 @@ struct Scene {
     Micros begin = NO_TIME, end = NO_TIME;  // Of its first and last line.
     Micros stop = NO_TIME;  // Until when it is known to have gone on: its end, else that of the
                             // process, else the capture's last line of any tag.
-    int32_t process = -1;   // -1 when not known.
+    int32_t process = -1;
     int32_t width = 0, fps = 0;  // As described; 0 when not known.
     bool isDescribed = false, isVideo = false;
     bool isStarted = false;
@@ -224,7 +224,7 @@ struct Scene {
     bool isBeginningMissing = false;  // The capture starts in its middle.
     bool isMixed = false;     // Worked out: of two objects at once, so that nothing can be told.
     bool isAfterEnd = false;  // It goes on where a scene of the process had just ended.
-    bool hasTimes = false, hasThreads = false;
+    bool hasThreads = false;
     size_t configuration = 0;  // Of Account::configurations, plus one; 0 where not known.
     int32_t stageCount = 0;
     std::vector<std::string> stageNames;  // The nodes, as configured; else as reported.
@@ -299,8 +299,7 @@ struct LoadedConfiguration {
 
 struct Account {
     std::vector<std::string> inputs;  // What Place::input counts.
-    std::string from, to;             // As the clock of the capture says; empty without times.
-    bool hasTimes = false;
+    std::string from, to;  // As the clock of the capture says; empty where no line was understood.
     bool hasThreads = false;
     Micros resolution = 1000;  // Of all times: 1000 where they are whole milliseconds, else 1.
     int64_t lines = 0, libraryLines = 0, notUnderstood = 0, lost = 0;

@@ -6,6 +6,7 @@
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
 #include "tools/account/wording.h"
+#include "tools/log/calls.h"
 #include "tools/log/dump.h"
 
 namespace tools {
@@ -19,43 +20,10 @@ constexpr size_t PLACES = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
 constexpr Micros SILENCE = 15 * MILLISECOND;
 // Where a scene has just ended, node ends of other threads may still be on their way.
 constexpr Micros STRAGGLING = 500 * MILLISECOND;
-// Where a log has no times, lines count as if this was between them, which is about what is between
-// those of a recording. It serves to tell near from far, and nothing else.
-constexpr Micros UNTIMED_LINE = MILLISECOND;
 // After that time a frame of the count before is not expected any more.
 constexpr Micros LONG_AGO = 2 * SECOND;
 // A number that goes down by more than this many frames in flight starts again.
 constexpr int64_t FAR_BELOW = 4 * PLACES;
-
-// Whether the line may follow from the node end.
-bool FollowsFrom(int64_t frame, int32_t stage, const Message& message) {
-    const bool isSame = message.frame == frame;
-    // Unsigned: behind the highest number comes the lowest one.
-    const bool isNext =
-        stage == 0 && static_cast<uint64_t>(message.frame) - 1 == static_cast<uint64_t>(frame);
-    switch (message.kind) {
-        case MessageKind::StageEnd:
-            return isSame && message.stage == stage;
-        case MessageKind::StageStart:
-            return (isSame && message.stage == int64_t{stage} + 1) ||
-                   (isNext && message.stage == 0);
-        case MessageKind::FrameStart:
-        case MessageKind::FrameAlreadyExists:
-        case MessageKind::FrameNotContinuous:
-            return isNext;
-        case MessageKind::FrameEnd:
-        case MessageKind::EndedFrameNotExist:
-            return isSame && stage != 0;
-        case MessageKind::StageNotInRange:
-        case MessageKind::StageOutOfOrder:
-        case MessageKind::StageOutOfTurn:
-        case MessageKind::FrameNotExist:
-        case MessageKind::FrameInError:
-            return isSame || isNext;
-        default:
-            return false;
-    }
-}
 
 Reason ReasonOfViolation(MessageKind kind) {
     return kind == MessageKind::StageNotInRange   ? Reason::NoSuchStage
@@ -76,6 +44,7 @@ struct FactsMaker::Running {
     struct NodeEnd {
         int64_t frame = 0;
         int32_t stage = -1;
+        int32_t stageCount = 0;
         uint16_t reporter = 0;
         Place place;
         Micros time = 0;
@@ -287,7 +256,7 @@ struct FactsMaker::Running {
                 message.stage >= 0 && configuration->IsStagePort(message.name, message.port);
         }
         NodeEnd& end = thread.last;
-        end = {message.frame, message.stage, index, message.place, time, false};
+        end = {message.frame, message.stage, message.count, index, message.place, time, false};
         if (reporter.counts == true) {
             Take(end, thread.index);
         } else {
@@ -503,7 +472,7 @@ struct FactsMaker::Running {
 struct FactsMaker::Process {
     int32_t number = -1;
     size_t configuration = 0;  // Of `configurations`, plus one.
-    bool isDumping = false;
+    Dumping dumping;
     bool isDescribed = false, isVideo = false;
     int32_t width = 0, fps = 0;
     // A description as no video, until it shows whether anything comes of it.
@@ -531,25 +500,18 @@ FactsMaker::Process& FactsMaker::ProcessOf(int32_t number) {
     return found->second;
 }
 
-Micros FactsMaker::TimeOf(const Moment& moment) {
-    ++lineCount;
-    if (moment.time != NO_TIME) {
-        hasTimes = true;
-        latest = std::max(latest, moment.time);
-        return moment.time;
-    }
-    latest = hasTimes ? latest : lineCount * UNTIMED_LINE;
-    return latest;
-}
-
 void FactsMaker::OnMessage(const Message& message, const Moment& moment) {
-    const Micros time = TimeOf(moment);
+    const Micros time = moment.time;
+    latest = std::max(latest, time);
     hasThreads = hasThreads || moment.thread != -1;
     Process& process = ProcessOf(moment.process);
-    if (message.kind <= MessageKind::DumpStage) {
-        return Load(process, message, time);
+    if (process.dumping.Begins(message)) {
+        Load(process, time);
     }
-    process.isDumping = false;
+    if (message.kind <= MessageKind::DumpStage) {
+        AddDumped(message, configurations[process.configuration - 1].configuration);
+        return;
+    }
     switch (message.kind) {
         case MessageKind::NoVideo:
         case MessageKind::Video:
@@ -581,18 +543,16 @@ void FactsMaker::OnMessage(const Message& message, const Moment& moment) {
 }
 
 // A process loads the library once: it is a new one.
-void FactsMaker::Load(Process& process, const Message& message, Micros time) {
-    if (message.kind == MessageKind::DumpSwitch || !process.isDumping) {
-        EndScene(process, false, {}, time);
-        RefusePending(process);
-        const int32_t number = process.number;
-        process = Process();
-        process.number = number;
-        process.isDumping = true;
-        configurations.push_back({number, {}, {}});
-        process.configuration = configurations.size();
-    }
-    AddDumped(message, configurations[process.configuration - 1].configuration);
+void FactsMaker::Load(Process& process, Micros time) {
+    EndScene(process, false, {}, time);
+    RefusePending(process);
+    const int32_t number = process.number;
+    const Dumping dumping = process.dumping;
+    process = Process();
+    process.number = number;
+    process.dumping = dumping;
+    configurations.push_back({number, {}, {}});
+    process.configuration = configurations.size();
 }
 
 void FactsMaker::Describe(Process& process, const Message& message, Micros time) {
@@ -615,7 +575,7 @@ void FactsMaker::Describe(Process& process, const Message& message, Micros time)
                       NotBoostedText(true, message.width, message.fps, configuration),
                       Severity::Warning);
     }
-    if (configuration != nullptr && message.width != 3840) {
+    if (configuration != nullptr && message.width != BOOST_WIDTH) {
         configuration->additionalWidth = message.width;
     }
 }
@@ -705,7 +665,6 @@ void FactsMaker::EndScene(Process& process, bool hasEnd, const Place& place, Mic
 // What is known when nothing more comes.
 Scene FactsMaker::Closed(const Process& process, Scene scene, Micros stop) const {
     scene.stop = std::max(stop, scene.end);
-    scene.hasTimes = hasTimes;
     scene.hasThreads = hasThreads;
     scene.setThreads = process.setThreads;
     for (const auto& [key, frame] : process.running->inFlight) {
@@ -759,24 +718,23 @@ void FactsMaker::OnEvent(Process& process, const Message& message, const Moment&
         return running.OnNodeEnd(message, thread, configuration, time);
     }
     Running::NodeEnd& last = thread.last;
-    if (last.isOpen && FollowsFrom(last.frame, last.stage, message)) {
+    if (last.isOpen &&
+        EventLines(EventsOf(last.frame, last.stage, last.stageCount)).Take(message)) {
         running.Take(last, thread.index);
     }
     running.OnEvent(message, thread, time);
 }
 
 void FactsMaker::OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& place) {
-    const Micros time = moment.time == NO_TIME ? latest : moment.time;
     bool isTold = false;
     for (auto& [number, process] : processes) {
-        if (process.running != nullptr &&
-            (moment.process == -1 || moment.process == number || number == -1)) {
-            process.running->scene.leftOut.push_back({time, lines, place});
+        if (process.running != nullptr && moment.process == number) {
+            process.running->scene.leftOut.push_back({moment.time, lines, place});
             isTold = true;
         }
     }
-    if (!isTold && (moment.process == -1 || processes.contains(moment.process))) {
-        outside.push_back(OutsideFinding(Check::LinesLost, lines, place, time));
+    if (!isTold && processes.contains(moment.process)) {
+        outside.push_back(OutsideFinding(Check::LinesLost, lines, place, moment.time));
     }
 }
 
@@ -816,7 +774,6 @@ Account FactsMaker::Finish(Micros last) {
 
 Account FactsMaker::AccountOf(std::vector<Scene> scenes) const {
     Account account;
-    account.hasTimes = hasTimes;
     account.hasThreads = hasThreads;
     account.configurations = configurations;
     account.scenes = std::move(scenes);

@@ -40,8 +40,7 @@ class FactsMaker : public MessageSink {
     struct Running;
 
     Process& ProcessOf(int32_t number);
-    Micros TimeOf(const Moment& moment);
-    void Load(Process& process, const Message& message, Micros time);
+    void Load(Process& process, Micros time);
     void Describe(Process& process, const Message& message, Micros time);
     void RefusePending(Process& process);
     void Refuse(Process& process, Check check, const Place& place, Micros time, std::string message,
@@ -59,9 +58,8 @@ class FactsMaker : public MessageSink {
     std::vector<Scene> ended;
     std::vector<LoadedConfiguration> configurations;
     std::vector<SceneFinding> outside;  // Of no scene.
-    bool hasTimes = false, hasThreads = false;
+    bool hasThreads = false;
     Micros latest = 0;
-    int64_t lineCount = 0;
 };
 
 }  // namespace tools

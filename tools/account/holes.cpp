@@ -400,9 +400,6 @@ void FindHoles(Judging& judging) {
 // was set.
 void FindStandstills(Judging& judging) {
     const Scene& scene = judging.scene;
-    if (!scene.hasTimes) {
-        return;
-    }
     for (const Scene::Silence& silence : scene.silences) {
         const auto shortest = static_cast<Micros>(
             STANDSTILL_PERIODS * static_cast<double>(judging.schedule.PeriodAt(silence.begin)));

@@ -139,11 +139,9 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
         FindRestarts(judging);
         FindOrder(judging);
         FindRates(judging);
-        if (scene.hasTimes) {
-            FindSlowForGood(judging);
-            FindLate(judging, scene.lateThreshold);
-            FindSlowFirst(judging);
-        }
+        FindSlowForGood(judging);
+        FindLate(judging, scene.lateThreshold);
+        FindSlowFirst(judging);
         FindEvictions(judging);
         FindThreads(judging);
         FindIgnored(judging, configuration);
@@ -153,19 +151,6 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
     }
     CountFrames(judging);
     Conclude(judging, options.toldOneByOne);
-    if (!scene.hasTimes) {
-        // What stood for times served its purpose.
-        for (Frame& frame : scene.frames) {
-            frame.start = frame.end = frame.output = frame.interval = NO_TIME;
-        }
-        for (StagePass& pass : scene.passes) {
-            pass.left = pass.begin = NO_TIME;
-        }
-        for (SceneFinding& finding : scene.findings) {
-            finding.time = NO_TIME;
-        }
-        scene.begin = scene.end = scene.stop = NO_TIME;
-    }
     MakeStatistics(scene);
 }
 

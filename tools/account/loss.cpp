@@ -137,7 +137,7 @@ void FindMissingNumbers(Judging& judging) {
         return;
     }
     // Calls that are played without their times tell nothing by them.
-    const bool hasPace = scene.hasTimes && schedule.UsualWork(0) > schedule.Period() / 2;
+    const bool hasPace = schedule.UsualWork(0) > schedule.Period() / 2;
     Micros lag = 0;  // By how much stage 0 is behind the sensor: drops meanwhile take no time here.
     for (size_t i = scene.opener ? 0 : 1; i < scene.order[0].size(); ++i) {
         const Gap gap = GapBefore(judging, i);
@@ -352,7 +352,7 @@ void FindLost(Judging& judging) {
                 groups.push_back({stage, row.isEnded, {}});
             }
             groups.back().frames.push_back(frame);
-        } else if (scene.hasTimes && stage < scene.stageCount) {
+        } else if (stage < scene.stageCount) {
             (Stands(judging, frame, stage, since, stop) ? standing[row.epoch].stuck
                                                         : standing[row.epoch].young)[stage]
                 .push_back(frame);

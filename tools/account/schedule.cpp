@@ -236,9 +236,7 @@ Schedule::Schedule(Scene& measured)
         });
     }
 
-    if (scene.hasTimes) {
-        rates = RatesOf(ComingsOf(scene, period), period);
-    }
+    rates = RatesOf(ComingsOf(scene, period), period);
     for (int32_t stage = 1; stage < scene.stageCount; ++stage) {
         FindKeptBack(stage);
     }

@@ -78,9 +78,9 @@ std::string NotBoostedText(bool isVideo, int32_t width, int32_t fps,
     }
     const auto extra = configuration == nullptr ? std::nullopt : configuration->additionalWidth;
     if (extra && *extra != 0) {
-        return text + fmt::format("width 3840 or {} is boosted", *extra);
+        return text + fmt::format("width {} or {} is boosted", BOOST_WIDTH, *extra);
     }
-    return text + "width 3840 is boosted" +
+    return text + fmt::format("width {} is boosted", BOOST_WIDTH) +
            (extra ? "" : ", and that of additionalSupportedWidth, which the log does not tell");
 }
 

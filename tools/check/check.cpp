@@ -29,7 +29,6 @@ constexpr std::array KEYS = {WIDTH, SWITCH, MODES, STAGE};
 
 // The node that is named per camera: this and the camera's number.
 constexpr std::string_view CAMERA_NODE = "MCTFE0_cam";
-constexpr int32_t FIXED_WIDTH = 3840;
 constexpr int32_t FRAMES_TRACKED = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
 
 // What kind of value it is, for people.
@@ -187,21 +186,22 @@ class Checker {
         }
         const auto number = node->value_exact<int64_t>();
         const char* check = "width";
-        const char* problem = nullptr;
+        std::string problem;
+        const std::string none = fmt::format("no width but {} is boosted", BOOST_WIDTH);
         if (!number) {
             check = "wrong-type";
-            problem = "where an integer is read: no width but 3840 is boosted";
+            problem = "where an integer is read: " + none;
         } else if (!Fits<int32_t>(*number)) {
-            problem = "which does not fit 32 bits and is not read: no width but 3840 is boosted";
+            problem = "which does not fit 32 bits and is not read: " + none;
         } else {
             table.additionalWidth = static_cast<int32_t>(*number);
-            if (*number == FIXED_WIDTH) {
+            if (*number == BOOST_WIDTH) {
                 problem = "which is boosted in any case: no second width is";
             } else if (*number <= 0) {
-                problem = "which is not the width of a video: no width but 3840 is boosted";
+                problem = "which is not the width of a video: " + none;
             }
         }
-        if (problem != nullptr) {
+        if (!problem.empty()) {
             Add(check, Severity::Warning, node->source(), "{} is {}, {}", WIDTH,
                 number ? std::to_string(*number) : ValueOf(*node), problem);
         }

@@ -12,6 +12,9 @@
 
 namespace tools {
 
+// The width that is boosted whatever is configured, as the library's source has it.
+inline constexpr int32_t BOOST_WIDTH = 3840;
+
 // A stage as the library understands it.
 struct ConfiguredStage {
     int32_t stage = 0;

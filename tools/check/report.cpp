@@ -102,10 +102,11 @@ Rows SummaryOf(const Configuration& configuration) {
         modes += fmt::format("{}{} ({})", modes.empty() ? "" : ", ", ModeText(mode), mode);
     }
     return {{"boosting", configuration.isEnabled ? "on" : "off"},
-            {"accepted widths", !width           ? "3840, and another if one is configured"
-                                : *width == 0    ? "3840, 0 (none is configured)"
-                                : *width == 3840 ? "3840"
-                                                 : fmt::format("3840, {}", *width)},
+            {"accepted widths",
+             std::to_string(BOOST_WIDTH) + (!width        ? ", and another if one is configured"
+                                            : *width == 0 ? ", 0 (none is configured)"
+                                            : *width == BOOST_WIDTH ? ""
+                                                                    : fmt::format(", {}", *width))},
             {"operation modes", modes.empty() ? "none" : modes},
             {"stages", std::to_string(count) + (count == static_cast<int64_t>(loaded)
                                                     ? ""
@@ -130,7 +131,7 @@ Json JsonOf(const Configuration& configuration) {
                  {"stageCount", Json()},
                  {"stages", Json::array()}};
     if (configuration.additionalWidth) {
-        json["acceptedWidths"] = std::set<int32_t>{3840, *configuration.additionalWidth};
+        json["acceptedWidths"] = std::set<int32_t>{BOOST_WIDTH, *configuration.additionalWidth};
     }
     if (configuration.stageCount) {
         json["stageCount"] = *configuration.stageCount;

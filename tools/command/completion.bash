@@ -19,11 +19,6 @@ _cameraframeboost() {
         subcommands=$("$command" --help 2>/dev/null |
             sed -n '/^Subcommands:/,/^$/s/^  \([a-z][a-z-]*\).*/\1/p')
         mapfile -t COMPREPLY < <(compgen -W "$subcommands" -- "$current")
-    elif [[ $previous == --status ]]; then
-        mapfile -t COMPREPLY < <(compgen -S = -W "cfbtSceneStart cfbtSceneEnd cfbtFrameStart
-            cfbtFrameEnd cfbtStageStart cfbtStageEnd cfbtAddTids cfbtRemoveTids
-            cfbtNotifyErrOfUser" -- "$current")
-        compopt -o nospace
     else
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         compopt -o filenames 2>/dev/null

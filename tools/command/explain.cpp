@@ -103,6 +103,8 @@ std::string ReadInput(TextSink& sink, const std::string& path, ProgressLine& pro
         });
     } catch (const CaptureError& error) {
         throw CommandError(file.Name() + ": error: " + error.what());
+    } catch (const LinesError& error) {
+        throw CommandError(error.what());
     }
     return file.Name();
 }
@@ -134,7 +136,7 @@ Explained Explain(const Source& source, const JudgeOptions& options, ProgressLin
     CaptureReader reader(sinks);
     std::vector<std::string> names;
     for (size_t i = 0; i < source.captures.size(); ++i) {
-        reader.Begin(static_cast<uint32_t>(i));
+        reader.Begin(NameOfInput(source.captures[i]));
         LogSink sink(reader);
         names.push_back(ReadInput(sink, source.captures[i], progress));
     }
@@ -193,10 +195,10 @@ int RunExplain(const Arguments& arguments) {
         FailUsage(fmt::format("--late is {}, expected a number from 1 to 1000", periods));
     }
     if (arguments.isFollowing) {
-        const bool hasOutputs = arguments.isJson || arguments.showsAllFrames ||
-                                arguments.IsForDesk() || arguments.IsDrawn() ||
-                                !(arguments.frames + arguments.csv + arguments.other +
-                                  arguments.trace).empty();
+        const bool hasOutputs =
+            arguments.isJson || arguments.showsAllFrames || arguments.IsForDesk() ||
+            arguments.IsDrawn() ||
+            !(arguments.frames + arguments.csv + arguments.other + arguments.trace).empty();
         if (arguments.captures != std::vector<std::string>{"-"} || hasOutputs) {
             FailUsage("--follow reads standard input (-) and goes with no other option but --late");
         }
@@ -296,8 +298,8 @@ void AddExplain(CLI::App& app, Run& run) {
     CLI::App* command = app.add_subcommand(
         "explain", "Says what went wrong with the frames of a device's log, and why");
     command->footer(
-        "\nA capture is a file that logcat has written, in whatever form, or a bug report, zipped\n"
-        "or not; several are read one after the other. The library logs while the property\n"
+        "\nA capture is what logcat -v threadtime writes, or a bug report, zipped or not; several\n"
+        "are read one after the other. The library logs while the property\n"
         "vendor.tarvo.camera.frameboost.debug.enable is true, which it reads when it is loaded.\n"
         "\nExit status: 0 nothing found, 1 something found (warnings too), 2 cannot be read; with\n"
         "--compare, of the capture that it names.\n"

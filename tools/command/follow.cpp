@@ -58,7 +58,7 @@ class Follower {
 
     int Run() {
         Input in("-");
-        reader.Begin(0);
+        reader.Begin(inputs.front());
         std::string bytes;
         Clock::time_point judgedAt = Clock::now();
         Micros judgedTime = 0;
@@ -90,13 +90,7 @@ class Follower {
 
   private:
     // The time of the last line, as facts have it.
-    Micros Now() const {
-        const CaptureSummary& summary = reader.Summary();
-        // Without times a line is a millisecond.
-        return summary.last != NO_TIME
-                   ? summary.last
-                   : (summary.libraryLines - summary.notUnderstood) * MILLISECOND;
-    }
+    Micros Now() const { return std::max<Micros>(reader.Summary().last, 0); }
 
     Account Judged() const {
         Account account = facts.Look(reader.Summary().last);
@@ -131,7 +125,6 @@ class Follower {
         forgotten.Add(account, 1);
 
         Account all;
-        all.hasTimes = account.hasTimes;
         all.configurations = account.configurations;
         all.findings.push_back({});
         all.findings.back().severity = worst;
@@ -241,7 +234,11 @@ class Follower {
 
 int Follow(const JudgeOptions& options) {
     Output out("-");
-    return Follower(out, options).Run();
+    try {
+        return Follower(out, options).Run();
+    } catch (const LinesError& error) {
+        throw CommandError(error.what());
+    }
 }
 
 }  // namespace tools

@@ -104,7 +104,7 @@ int RunSimulate(const Arguments& arguments) {
         options.format = *format;
     } else {
         FailUsage("--form is \"" + arguments.form +
-                  "\", expected a form of logcat and modifiers, such as threadtime,year,usec");
+                  "\", expected threadtime or time, and modifiers, such as threadtime,year,usec");
     }
     std::optional<NamedText> configuration;
     if (!arguments.configuration.empty()) {
@@ -193,9 +193,9 @@ void AddSimulate(CLI::App& app, Run& run) {
                         "A TOML file for the configuration store instead of the built-in sample");
     command
         ->add_option("--form", arguments->form,
-                     "The log's form, as logcat's -v has it: brief, process, tag, thread, raw,\n"
-                     "time, threadtime or long, with modifiers: threadtime,year,usec;\n"
-                     "threadtime unless told")
+                     "The log's form, as logcat's -v has it: threadtime, which is the default, or\n"
+                     "time, with modifiers such as threadtime,year,usec: year, usec, nsec, zone,\n"
+                     "UTC, epoch, monotonic, uid")
         ->type_name("FORM");
     command->add_option(
         "--session", arguments->session,

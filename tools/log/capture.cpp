@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <ctime>
+#include <functional>
 #include <utility>
 
 #include "tools/base/words.h"
@@ -23,6 +24,11 @@ constexpr Micros LARGEST_STEP_BACK = SECOND / 10;
 // Nothing comes for longer than that only if the clock has been set: while a scene runs, and else.
 constexpr Micros LONGEST_SILENCE_IN_SCENE = 60 * SECOND;
 constexpr Micros LONGEST_SILENCE = 30 * DAY;
+
+// As many of the library's lines as Android's largest log buffer holds, 16 MB.
+constexpr size_t MOST_KNOWN = 131'072;
+// Where a capture begins, and where it is damaged, a few lines may lack their beginning.
+constexpr int64_t FEW = 3;
 
 // Before it stand clocks that count from the boot, or that have not been set since.
 constexpr time_t ONE_YEAR = 31'536'000;
@@ -53,14 +59,26 @@ int64_t LinesLeftOut(std::string_view message) {
     return ReadDigits<int64_t>(digits).value_or(0);
 }
 
+uint64_t HashOf(const Record& record) {
+    constexpr uint64_t spread = 0x9E37'79B9'7F4A'7C15;
+    uint64_t hash = std::hash<std::string_view>()(record.message);
+    for (const int64_t number : {record.time, int64_t{record.process}, int64_t{record.thread}}) {
+        hash = (hash ^ static_cast<uint64_t>(number)) * spread;
+        hash ^= hash >> 32;
+    }
+    return hash;
+}
+
 }  // namespace
 
 CaptureReader::CaptureReader(std::vector<MessageSink*> messageSinks)
     : sinks(std::move(messageSinks)) {}
 
-void CaptureReader::Begin(uint32_t input) {
-    records.Begin(input);
-    overlap.Begin();
+void CaptureReader::Begin(const std::string& name) {
+    records.Begin(static_cast<uint32_t>(names.size()));
+    names.push_back(name);
+    isBeginning = true;
+    timedLines = otherLines = 0;
 }
 
 bool CaptureReader::TakeDamage(const char* reason) {
@@ -72,7 +90,56 @@ bool CaptureReader::TakeDamage(const char* reason) {
 
 void CaptureReader::End() {
     records.End();
-    overlap.End();
+    if (timedLines == 0) {
+        RequireTimes(0);
+    }
+}
+
+// Throws where more than `most` more lines are without a time than with one.
+void CaptureReader::RequireTimes(int64_t most) const {
+    if (otherLines - timedLines > most) {
+        throw LinesError(
+            NameOf(firstOther) +
+            ": error: this line of the library does not begin with a time. Capture the log "
+            "with\nadb logcat -v threadtime, and without -v color [no-times]");
+    }
+}
+
+std::string CaptureReader::NameOf(const Place& place) const {
+    return fmt::format("{}:{}", names[place.input], place.line);
+}
+
+// Each thread's lines stand in the order of their times, unless the clock was set, and the line
+// that adds a frame is followed by the frame's start. Where that is not so and the line has been
+// read before, the log is there twice: two objects of a process keep to both.
+void CaptureReader::CheckOrder(const Record& record, const Message& message) {
+    Thread& thread = threads[int64_t{record.process} << 32 | static_cast<uint32_t>(record.thread)];
+    const uint64_t hash = HashOf(record);
+    const auto fail = [&](const char* how, const Known& other) {
+        throw LinesError(fmt::format(
+            "{}: error: this line {} {}: {}give captures in order, without lines twice\n"
+            "(sort -u makes one file in order of several) [lines-twice]",
+            NameOf(message.place), how, NameOf(other.place),
+            isBeginning ? "" : "logcat was started twice into one file, it seems;\n"));
+    };
+    const Micros earliest = record.time - LARGEST_STEP_BACK;
+    if (isBeginning || record.time < thread.time ||
+        (thread.isAdding && message.kind != MessageKind::FrameStart)) {
+        for (auto it = known.rbegin(); it != known.rend() && it->time >= earliest; ++it) {
+            if (it->hash == hash) {
+                fail("stands twice, also as", *it);
+            }
+        }
+    }
+    if (isBeginning && !known.empty() && known.back().time > earliest + 2 * LARGEST_STEP_BACK) {
+        fail("is earlier than", known.back());
+    }
+    isBeginning = false;
+    thread = {record.time, message.kind == MessageKind::FrameAdded && !message.flag};
+    if (known.size() == MOST_KNOWN) {
+        known.pop_front();
+    }
+    known.push_back({record.time, hash, message.place});
 }
 
 void CaptureReader::OnRecord(const Record& record, const Place& place) {
@@ -83,13 +150,18 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
     ++summary.libraryLines;
     std::optional<Message> message;
     if (record.isWhole) {
+        ++timedLines;
         message = ParseMessage(record.tag, record.message);
+    } else {
+        firstOther = ++otherLines == 1 ? place : firstOther;
+        RequireTimes(FEW);
     }
     if (!message) {
         NoteNotUnderstood(record.message, place);
         return;
     }
     message->place = place;
+    CheckOrder(record, *message);
     const Moment moment = MomentOf(record, place);
     summary.hasThreads = summary.hasThreads || record.thread != -1;
     const MessageKind kind = message->kind;
@@ -105,7 +177,7 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
 }
 
 void CaptureReader::TakeLeftOut(const Record& record, const Place& place) {
-    if (record.process != -1 && !processes.contains(record.process)) {
+    if (!processes.contains(record.process)) {
         return;
     }
     const int64_t lines = LinesLeftOut(record.message);
@@ -138,16 +210,11 @@ int64_t CaptureReader::WithoutMadeUpDay(int64_t clock) {
 
 // The time since the beginning. Where the clock was set it goes on from where it was.
 Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
-    Moment moment{NO_TIME, record.process, record.thread};
-    if (!record.time) {
-        return moment;
-    }
-    const int64_t clock = *record.time;
+    const int64_t clock = record.time;
     const int64_t now = WithoutMadeUpDay(clock);
     if (!origin) {
         origin = latest = now;
         firstClock = lastClock = clock;
-        summary.hasTimes = true;
     }
     if (clock % MILLISECOND != 0) {
         summary.resolution = 1;
@@ -161,7 +228,7 @@ Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
     }
     latest = std::max(latest, now);
     lastClock = isSet ? clock : std::max(lastClock, clock);
-    moment.time = now - *origin;
+    const Moment moment{now - *origin, record.process, record.thread};
     summary.last = isSet ? moment.time : std::max(summary.last, moment.time);
     if (isSet) {
         for (MessageSink* const sink : sinks) {
@@ -182,7 +249,7 @@ void CaptureReader::OnTime(int64_t time) {
 
 void CaptureReader::Finish() {
     summary.lines = records.Lines();
-    if (summary.hasTimes) {
+    if (origin) {
         summary.from = ClockText(firstClock);
         summary.to = ClockText(lastClock);
     }

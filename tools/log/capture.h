@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <istream>
 #include <optional>
@@ -10,12 +11,12 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "tools/base/finding.h"
 #include "tools/base/times.h"
 #include "tools/log/message.h"
-#include "tools/log/overlap.h"
 #include "tools/log/record_reader.h"
 
 namespace tools {
@@ -24,8 +25,8 @@ namespace tools {
 struct Moment {
     Micros time = NO_TIME;  // Since the capture's first line of the library. Steps of the clock are
                             // taken out: the time goes on from where it was.
-    int32_t process = -1;   // -1 where the form does not tell it.
-    int32_t thread = -1;    // The same.
+    int32_t process = -1;
+    int32_t thread = -1;  // -1 where the form does not tell it.
 };
 
 // Is told what a capture holds, in its order.
@@ -34,7 +35,7 @@ class MessageSink {
     virtual ~MessageSink() = default;
     // `message.place` is the line. The message's texts are gone after the call.
     virtual void OnMessage(const Message& message, const Moment& moment) = 0;
-    // The log itself says that it left out `lines` lines of `moment.process` (-1: not known).
+    // The log itself says that it left out `lines` lines of `moment.process`.
     virtual void OnLinesLeftOut(int64_t /*lines*/, const Moment& /*moment*/,
                                 const Place& /*place*/) {}
     // The clock was set by so much; `moment.time` is where the time goes on.
@@ -56,11 +57,10 @@ struct CaptureSummary {
     int64_t lost = 0;          // Lines that the log says it left out.
     std::string damage;        // Why an input could not be read to its end; empty if all could.
     std::string from, to;      // Of the library's lines, as the log's clock says.
-    bool hasTimes = false;     // Some lines of the library had a time.
     bool hasThreads = false;   // Some lines of the library had a thread.
     Micros resolution = 1000;  // Of the times: 1000 where all are whole milliseconds, else 1.
-    Micros last =
-        NO_TIME;  // The time of the last line of any tag, as far as it has been looked at.
+    // The time of the last line of any tag, as far as it has been looked at.
+    Micros last = NO_TIME;
 };
 
 // Takes the text of files.
@@ -76,14 +76,22 @@ class TextSink {
     virtual bool TakeDamage(const char* reason) = 0;
 };
 
+// Lines of the library's that cannot be explained as they are: they have no times, stand twice, or
+// come before those that they follow. The message is whole, and names the lines.
+class LinesError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
 // Pass the inputs one after the other: Begin, Read in pieces of any length, End for each, and
-// Finish once. Memory does not grow with the input.
+// Finish once. Memory does not grow with the input. Read, End and Settle throw a LinesError.
 class CaptureReader : public TextSink, private RecordSink {
   public:
     // The sinks are told of each message in their order. They belong to the caller.
     explicit CaptureReader(std::vector<MessageSink*> messageSinks);
 
-    void Begin(uint32_t input);
+    // `name`: what messages call the input.
+    void Begin(const std::string& name);
     void Read(std::string_view bytes) override { records.Read(bytes); }
     void End() override;
     bool TakeDamage(const char* reason) override;
@@ -95,16 +103,30 @@ class CaptureReader : public TextSink, private RecordSink {
     const CaptureSummary& Summary() const { return summary; }
 
   private:
+    // A line that was read, to know it again.
+    struct Known {
+        int64_t time;
+        uint64_t hash;  // Of all that it has.
+        Place place;
+    };
+    struct Thread {
+        int64_t time = 0;
+        bool isAdding = false;  // Its last line goes on with the start of the frame that it adds.
+    };
+
     void OnRecord(const Record& record, const Place& place) override;
     void OnTime(int64_t time) override;
     void TakeLeftOut(const Record& record, const Place& place);
     Moment MomentOf(const Record& record, const Place& place);
     int64_t WithoutMadeUpDay(int64_t clock);
     void NoteNotUnderstood(std::string_view text, const Place& place);
+    void RequireTimes(int64_t most) const;
+    void CheckOrder(const Record& record, const Message& message);
+    std::string NameOf(const Place& place) const;
 
     std::vector<MessageSink*> sinks;
-    OverlapFilter overlap{*this};
-    RecordReader records{overlap};
+    std::vector<std::string> names;  // Of the inputs.
+    RecordReader records{*this};
     CaptureSummary summary;
     std::set<int32_t> processes;            // Those with messages.
     std::optional<int64_t> origin;          // What the clock showed when the time was 0.
@@ -112,6 +134,12 @@ class CaptureReader : public TextSink, private RecordSink {
     int64_t firstClock = 0, lastClock = 0;  // Of the library's lines, as the log has it.
     bool hasLeapDay = false;                // A 29th of February was seen.
     bool isInScene = false;                 // Of some process.
+    std::deque<Known> known;                // The lines that were understood last.
+    std::unordered_map<int64_t, Thread> threads;
+    // Of the input:
+    bool isBeginning = true;                 // No line has been understood.
+    int64_t timedLines = 0, otherLines = 0;  // Of the library: with a time, and without.
+    Place firstOther;
 };
 
 // What is wrong with what is compressed.

@@ -49,4 +49,12 @@ bool AddDumped(const Message& message, Configuration& configuration) {
     }
 }
 
+bool Dumping::Begins(const Message& message) {
+    const bool isDump = message.kind <= MessageKind::DumpStage;
+    const bool isFirst = isDump && (message.kind == MessageKind::DumpSwitch || !isGoingOn);
+    // Stage 0 comes last.
+    isGoingOn = isDump && (message.kind != MessageKind::DumpStage || message.stage != 0);
+    return isFirst;
+}
+
 }  // namespace tools

@@ -1,12 +1,13 @@
 #include "tools/log/message.h"
 
 #include <array>
-#include <charconv>
 #include <cstddef>
 #include <cstring>
 #include <string_view>
 #include <utility>
 #include <variant>
+
+#include "tools/base/cursor.h"
 
 namespace tools {
 namespace {
@@ -117,19 +118,11 @@ constexpr auto CUT_UP_FORMS = [] {
     return parts;
 }();
 
-template <typename Integer>
-bool TakeNumber(std::string_view& text, Integer& value) {
-    const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    text.remove_prefix(static_cast<size_t>(stop - text.data()));
-    return error == std::errc();
-}
-
 // Of the statements some write 1 and 0, some true and false.
 bool TakeFlag(std::string_view& text, bool& flag) {
     for (const std::string_view word : {"1", "0", "true", "false"}) {
-        if (text.starts_with(word)) {
+        if (Skip(text, word)) {
             flag = word == "1" || word == "true";
-            text.remove_prefix(word.size());
             return true;
         }
     }
@@ -223,6 +216,35 @@ std::span<const MessageForm> MessageForms() {
     return FORMS;
 }
 
+const char* RefusalOf(MessageKind kind) {
+    switch (kind) {
+        case MessageKind::FrameStart:
+        case MessageKind::FrameEnd:
+        case MessageKind::StageStart:
+        case MessageKind::StageEnd:
+            return "";
+        case MessageKind::FrameAlreadyExists:
+            return "already in flight";
+        case MessageKind::FrameNotContinuous:
+            return "does not follow the newest frame";
+        case MessageKind::EndedFrameNotExist:
+            return "not in flight";
+        case MessageKind::FrameNotExist:
+        case MessageKind::FrameRemoved:
+            return "the frame is not in flight";
+        case MessageKind::FrameInError:
+            return "the frame is in error";
+        case MessageKind::StageNotInRange:
+            return "no such stage";
+        case MessageKind::StageOutOfOrder:
+            return "out of order with another stage";
+        case MessageKind::StageOutOfTurn:
+            return "the stage has run already, or has not started";
+        default:
+            return nullptr;
+    }
+}
+
 bool IsLibraryText(std::string_view text) {
     return BeginsWith(text, LIBRARY_FILE);
 }
@@ -245,15 +267,13 @@ std::optional<Message> ParseMessage(std::string_view tag, std::string_view text)
     }
     const std::string_view function = text.substr(1, end - 1);
     text.remove_prefix(end + 2);
-    if (text.starts_with(' ')) {
-        text.remove_prefix(1);
-    } else if (!text.empty()) {
+    if (!Skip(text, " ") && !text.empty()) {
         return {};
     }
     for (size_t i = 0; i < CUT_UP_FORMS.size(); ++i) {
         const MessageForm& form = FORMS[i];
         if (form.function.size() == function.size() && BeginsWith(function, form.function) &&
-            (tag.empty() || form.tag.data() == tag.data() || form.tag == tag) &&
+            (form.tag.data() == tag.data() || form.tag == tag) &&
             Matches(CUT_UP_FORMS[i], text, message)) {
             message.kind = form.kind;
             return message;

@@ -82,6 +82,12 @@ struct MessageForm {
 // All of them. A kind may have several.
 std::span<const MessageForm> MessageForms();
 
+// What a message says of the frame or stage event that left it: why the library refused the event,
+// or "" where it was forwarded. Null for messages that say neither.
+const char* RefusalOf(MessageKind kind);
+// Why the library makes room for a frame.
+inline constexpr char TABLE_FULL[] = "too many frames in flight";
+
 // The log tags of the library's two units.
 inline constexpr std::string_view FACADE_TAG = "cameraframeboost";
 inline constexpr std::string_view UTILS_TAG = "tarvocameraframeboostutils";
@@ -91,8 +97,8 @@ inline constexpr std::string_view LIBRARY_FILE = "tarvocameraframeboost";
 // Whether a message begins as all of the library's do, whatever its tag.
 bool IsLibraryText(std::string_view text);
 
-// Reads a message, which the result points into. `tag` is empty where the log's form has none.
-// Blanks at the end may be missing. Nothing for what the library does not write.
+// Reads a message, which the result points into. Blanks at the end may be missing. Nothing for what
+// the library does not write.
 std::optional<Message> ParseMessage(std::string_view tag, std::string_view text);
 
 }  // namespace tools

@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <utility>
 
+#include "tools/base/cursor.h"
 #include "tools/base/times.h"
 #include "tools/base/words.h"
 #include "tools/log/message.h"
@@ -19,28 +20,12 @@ namespace {
 constexpr size_t MAX_LINE = 65'536;
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 constexpr std::string_view PRIORITIES = "VDIWEFS?";
-// Any leap year: what has no year may be a 29th of February.
-constexpr int64_t MADE_UP_YEAR = 2000;
 // How often the times of lines with other tags are told of.
 constexpr int64_t LINES_BETWEEN_TIMES = 16;
 constexpr int64_t MAX_SECONDS = 1'000'000'000'000;
 
-bool IsDigit(char character) {
-    return character >= '0' && character <= '9';
-}
-
 bool Contains(std::string_view text, std::string_view part) {
     return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
-}
-
-void SkipBlanks(std::string_view& text) {
-    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
-}
-
-bool Skip(std::string_view& text, std::string_view words) {
-    const bool isThere = text.starts_with(words);
-    text.remove_prefix(isThere ? words.size() : 0);
-    return isThere;
 }
 
 // Takes a number of exactly `digits` digits.
@@ -98,57 +83,22 @@ bool SkipColon(std::string_view& text) {
     return true;
 }
 
-// Reads "user:process:thread". Where there are two, the second is a thread if `hasThread`, else the
-// first is a user. Returns how many there were; 0 when it is something else.
-int ReadIds(std::string_view text, bool hasThread, Record& record) {
-    std::array<std::string_view, 3> ids;
-    size_t count = 0;
-    for (size_t at = 0; at <= text.size() && count < ids.size(); ++count) {
-        const size_t end = std::min(text.find(':', at), text.size());
-        ids[count] = text.substr(at, end - at);
-        SkipBlanks(ids[count]);
-        at = end + 1;
+// Takes "(user:process)", the user where the form has it.
+bool TakeProcess(std::string_view& text, int32_t& process) {
+    const size_t close = text.find(')');
+    if (!Skip(text, "(") || close == std::string_view::npos) {
+        return false;
     }
-    const bool isThread = hasThread && count > 1;
-    if (!ToNumber(ids[count - (isThread ? 2 : 1)], record.process) ||
-        (isThread && !ToNumber(ids[count - 1], record.thread))) {
-        return 0;
-    }
-    return static_cast<int>(count);
-}
-
-// Takes ids that end with `end`.
-int TakeIds(std::string_view& text, std::string_view end, bool hasThread, Record& record) {
-    const size_t close = text.find(end);
-    if (close == std::string_view::npos) {
-        return 0;
-    }
-    const std::string_view ids = text.substr(0, close);
-    text.remove_prefix(close + end.size());
-    return ReadIds(ids, hasThread, record);
-}
-
-// A line without what colours it, "ESC[..m", in `plain`.
-std::string_view WithoutColors(std::string_view line, std::string& plain) {
-    plain.clear();
-    for (size_t at = 0; at < line.size();) {
-        const size_t escape = std::min(line.find("\x1B[", at), line.size());
-        plain += line.substr(at, escape - at);
-        at = line.find_first_not_of("0123456789;", escape + 2);
-        if (at >= line.size() || line[at] != 'm') {
-            // Something else, or cut off.
-            plain += line.substr(escape, std::min(at, line.size()) - escape);
-        } else {
-            ++at;
-        }
-    }
-    return plain;
+    std::string_view id = text.substr(0, close - 1);
+    text.remove_prefix(close);
+    id.remove_prefix(id.rfind(':') + 1);
+    SkipBlanks(id);
+    return ToNumber(id, process);
 }
 
 // Whether a line may begin with a time, by its first letter.
 bool MayBeTimed(std::string_view line) {
-    return !line.empty() &&
-           (IsDigit(line[0]) || line[0] == ' ' || line[0] == '[' || line[0] == '\x1B');
+    return !line.empty() && (IsDigit(line[0]) || line[0] == ' ');
 }
 
 }  // namespace
@@ -156,70 +106,46 @@ bool MayBeTimed(std::string_view line) {
 // ---- Encodings ----
 
 std::string_view Utf8Decoder::Decode(std::string_view bytes) {
-    if (encoding == Encoding::Utf8) {
+    if (isKnown && !fromUtf16) {
         return bytes;
     }
     pending += bytes;
-    if (encoding == Encoding::Unknown) {
+    if (!isKnown) {
         // The first two characters: a mark and one of logcat's, or two of logcat's.
         if (pending.size() < 4) {
             return {};
         }
+        isKnown = true;
         const auto isZero = [this](size_t at) { return pending[at] == '\0'; };
-        encoding = pending.starts_with("\xFF\xFE") || (isZero(1) && isZero(3) && !isZero(0))
-                       ? Encoding::Utf16Little
-                   : pending.starts_with("\xFE\xFF") || (isZero(0) && isZero(2) && !isZero(1))
-                       ? Encoding::Utf16Big
-                       : Encoding::Utf8;
+        if (pending.starts_with("\xFF\xFE") || (isZero(1) && isZero(3) && !isZero(0))) {
+            fromUtf16.reset(iconv_open("UTF-8", "UTF-16LE"));
+        } else if (pending.starts_with("\xFE\xFF") || (isZero(0) && isZero(2) && !isZero(1))) {
+            fromUtf16.reset(iconv_open("UTF-8", "UTF-16BE"));
+        } else {
+            text = std::exchange(pending, {});
+            return text;
+        }
     }
-    text.clear();
-    if (encoding == Encoding::Utf8) {
-        text.swap(pending);
-        return text;
+    text.resize(2 * pending.size());  // Two bytes become three at most.
+    char* next = pending.data();
+    size_t left = pending.size();
+    char* out = text.data();
+    size_t room = text.size();
+    // Half of a character that takes two units, alone, is left out.
+    while (iconv(fromUtf16.get(), &next, &left, &out, &room) == SIZE_MAX && errno == EILSEQ) {
+        next += 2;
+        left -= 2;
     }
-    size_t at = 0;
-    for (; at + 1 < pending.size(); at += 2) {
-        const auto first = static_cast<unsigned char>(pending[at]);
-        const auto second = static_cast<unsigned char>(pending[at + 1]);
-        AppendUnit(encoding == Encoding::Utf16Little ? uint32_t{second} << 8 | first
-                                                     : uint32_t{first} << 8 | second);
-    }
-    pending.erase(0, at);
+    text.resize(text.size() - room);
+    pending.erase(0, pending.size() - left);
     return text;
 }
 
 std::string_view Utf8Decoder::Rest() {
-    if (encoding != Encoding::Unknown) {
+    if (isKnown) {
         pending.clear();
     }
     return pending;
-}
-
-void Utf8Decoder::AppendUnit(uint32_t unit) {
-    if (unit >= 0xD800 && unit < 0xDC00) {
-        highSurrogate = unit;
-        return;
-    }
-    if (unit >= 0xDC00 && unit < 0xE000 && highSurrogate != 0) {
-        unit = 0x10000 + ((highSurrogate - 0xD800) << 10) + (unit - 0xDC00);
-    }
-    highSurrogate = 0;
-    const auto append = [this](uint32_t byte) { text += static_cast<char>(byte); };
-    if (unit < 0x80) {
-        append(unit);
-    } else if (unit < 0x800) {
-        append(0xC0 | unit >> 6);
-        append(0x80 | (unit & 0x3F));
-    } else {
-        if (unit < 0x10000) {
-            append(0xE0 | unit >> 12);
-        } else {
-            append(0xF0 | unit >> 18);
-            append(0x80 | (unit >> 12 & 0x3F));
-        }
-        append(0x80 | (unit >> 6 & 0x3F));
-        append(0x80 | (unit & 0x3F));
-    }
 }
 
 // ---- Lines ----
@@ -227,8 +153,6 @@ void Utf8Decoder::AppendUnit(uint32_t unit) {
 void RecordReader::Begin(uint32_t input) {
     place = {input, 0};
     isLog = true;
-    year = MADE_UP_YEAR;
-    lastMonth = 0;
     dateText.clear();
     lastHead.clear();
 }
@@ -268,35 +192,18 @@ void RecordReader::ReadLine(std::string_view line) {
         TellTime();
         isLog = Contains(line, "(logcat");
     }
-    // In the long form, lines of a message may look like a time, too.
-    if (MayBeTimed(line) && (timed.empty() || !timed.starts_with('[') || line.starts_with('['))) {
+    if (MayBeTimed(line)) {
         timed = line;
     }
     if (lines % LINES_BETWEEN_TIMES == 0) {
         TellTime();
     }
-    // Colours stand around a line.
-    if (line.starts_with('\x1B') || (line.ends_with('m') && Contains(line, "\x1B["))) {
-        KeepHeld();
-        line = WithoutColors(line, plain);
-    }
-    if (line.starts_with('\xEF')) {
-        Skip(line, BYTE_ORDER_MARK);
-    }
-    if (isHeld && isLong && GoesOnLong(line)) {
-        return;
-    }
-    const bool isLongHead = line.starts_with("[ ") && line.ends_with(" ]");
-    if (isOthersLong && !isLongHead && !line.starts_with("-----")) {
-        isOthersLong = !line.empty();
-        return;
-    }
-    isOthersLong = false;
+    Skip(line, BYTE_ORDER_MARK);
     // Most lines of a device are not the library's.
     const bool isAsLast = !lastHead.empty() && line.starts_with(lastHead);
     const bool isTagWhereLast =
         line.size() > lastHead.size() && line.substr(lastHead.size()).starts_with(FACADE_TAG);
-    if (!isAsLast && !isTagWhereLast && !isLongHead && !Contains(line, FACADE_TAG) &&
+    if (!isAsLast && !isTagWhereLast && !Contains(line, FACADE_TAG) &&
         !Contains(line, CHATTY_TAG)) {
         Settle();
         return;
@@ -304,14 +211,12 @@ void RecordReader::ReadLine(std::string_view line) {
     Head head;
     if (!(isAsLast ? ReadHeadAsLast(line, head) : ReadHead(line, head))) {
         Settle();
-        isOthersLong = head.isOthers && head.isLong;
-        if (!head.isOthers && Contains(line, LIBRARY_FILE)) {
+        if (isLog && !head.isOthers && Contains(line, LIBRARY_FILE)) {
             sink.OnRecord({.message = line, .isWhole = false}, place);
         }
         return;
     }
-    if (isHeld && head.isTagged && !head.isLong && !IsLibraryText(head.record.message) &&
-        head.text == held.text) {
+    if (isHeld && !IsLibraryText(head.record.message) && head.text == held.text) {
         Append(head.record.message);
         return;
     }
@@ -319,28 +224,6 @@ void RecordReader::ReadLine(std::string_view line) {
     held = head;
     heldPlace = place;
     isHeld = true;
-    isLong = head.isLong;
-}
-
-// Whether the line belongs to the record of the long form that is being held.
-bool RecordReader::GoesOnLong(std::string_view line) {
-    if (line.empty()) {
-        Settle();
-        return true;
-    }
-    Head next;
-    if (line.starts_with("-----") || (line.starts_with("[ ") && ReadHead(line, next))) {
-        return false;
-    }
-    if (held.record.message.empty()) {
-        // The capture may go on in another form.
-        isHeld = IsLibraryText(line) || !ReadHead(line, next);
-        held.record.message = isHeld ? line : "";
-        KeepHeld();
-        return isHeld;
-    }
-    Append(line);
-    return true;
 }
 
 void RecordReader::Append(std::string_view line) {
@@ -363,26 +246,15 @@ void RecordReader::KeepHeld() {
 }
 
 void RecordReader::TellTime() {
-    std::optional<int64_t> time;
+    int64_t time = 0;
     std::string_view line = std::exchange(timed, {});
-    if (!line.empty() && isLog) {
-        std::string uncolored;
-        line = line.starts_with('\x1B') ? WithoutColors(line, uncolored) : line;
-        Skip(line, "[ ");
-        if (ReadTime(line, time)) {
-            sink.OnTime(*time);
-        }
+    if (!line.empty() && isLog && ReadTime(line, time)) {
+        sink.OnTime(time);
     }
 }
 
 void RecordReader::Settle() {
-    if (!isHeld) {
-        return;
-    }
-    isHeld = false;
-    if (isLong && held.record.message.empty() && held.record.tag != CHATTY_TAG) {
-        sink.OnRecord({.message = held.text, .isWhole = false}, heldPlace);
-    } else {
+    if (std::exchange(isHeld, false)) {
         sink.OnRecord(held.record, heldPlace);
     }
 }
@@ -407,92 +279,47 @@ void RecordReader::End() {
 
 // ---- Forms ----
 
+// "01-31 23:59:59.999 " and then, in threadtime, " 1047   321  4321 D tag     : ", the user where
+// the form has it; in time, "D/tag     ( 1047:  321): ".
 bool RecordReader::ReadHead(std::string_view line, Head& head) {
     head = {};
     Record& record = head.record;
     std::string_view rest = line;
-    if (Skip(rest, "[ ")) {
-        head.isLong = true;
-        head.isTagged = true;
-        head.text = line;
-        record.thread = -1;
-        if (!ReadTime(rest, record.time) || !rest.ends_with(" ]")) {
-            return false;
-        }
-        // "user:process:thread priority/tag ]"
-        const size_t slash = rest.find('/');
-        if (slash == std::string_view::npos || slash < 2 ||
-            ReadIds(rest.substr(0, slash - 2), true, record) < 2) {
-            return false;
-        }
-        rest.remove_prefix(slash - 1);
-        if (!TakePriority(rest, record.priority) || !Skip(rest, "/")) {
-            return false;
-        }
-        head.isOthers = !Contains(rest, FACADE_TAG) && !rest.starts_with(CHATTY_TAG);
-        return TakeTag(rest, record.tag) && rest == "]";
-    }
-    if (ReadTime(rest, record.time)) {
-        SkipBlanks(rest);
-        if (rest.size() < 2 || rest[1] != '/') {
-            // threadtime: "user process thread priority tag: "
-            std::array<std::string_view, 4> words;
-            size_t count = 0;
-            do {
-                if (count == words.size()) {
-                    return false;
-                }
-                words[count] = TakeWord(rest);
-            } while (++count < 3 || words[count - 1].size() != 1 || IsDigit(words[count - 1][0]));
-            if (!TakePriority(words[count - 1], record.priority) ||
-                !ToNumber(words[count - 2], record.thread) ||
-                !ToNumber(words[count - 3], record.process) || !Skip(rest, " ")) {
-                return false;
-            }
-            lastHead = line.substr(0, line.size() - rest.size());
-            lastRecord = record;
-            return ReadHeadAsLast(line, head);
-        }
-        if (!ReadTagged(rest, head)) {
-            return false;
-        }
-    } else if (IsLibraryText(rest)) {
-        // raw
-    } else if (rest.size() > 1 && rest[1] == '/') {
-        if (!ReadTagged(rest, head)) {
-            return false;
-        }
-    } else if (TakePriority(rest, record.priority) && Skip(rest, "(")) {
-        // process: "priority(process) message  (tag)"; thread: "priority(process:thread) message"
-        for (const std::string_view tag : {FACADE_TAG, UTILS_TAG, CHATTY_TAG}) {
-            const size_t behind = tag.size() + 4;
-            if (rest.size() > behind && rest.ends_with(')') &&
-                rest.substr(rest.size() - behind).starts_with("  (") &&
-                rest.substr(rest.size() - behind + 3).starts_with(tag)) {
-                record.tag = tag;
-                head.isTagged = true;
-                rest.remove_suffix(behind);
-            }
-        }
-        head.isOthers = !head.isTagged && rest.ends_with(')') && Contains(rest, "  (");
-        if (head.isOthers || TakeIds(rest, ") ", !head.isTagged, record) == 0 ||
-            (!head.isTagged && !IsLibraryText(rest))) {
-            return false;
-        }
-    } else {
+    if (!ReadTime(rest, record.time)) {
         return false;
     }
-    record.message = rest;
-    head.text = line.substr(0, static_cast<size_t>(rest.data() - line.data()));
-    return true;
+    SkipBlanks(rest);
+    if (rest.size() > 1 && rest[1] == '/') {
+        if (!TakePriority(rest, record.priority) || !Skip(rest, "/") || !ReadTag(rest, head) ||
+            !TakeProcess(rest, record.process) || !SkipColon(rest)) {
+            return false;
+        }
+        record.message = rest;
+        head.text = line.substr(0, line.size() - rest.size());
+        return true;
+    }
+    std::array<std::string_view, 4> words;
+    size_t count = 0;
+    do {
+        if (count == words.size()) {
+            return false;
+        }
+        words[count] = TakeWord(rest);
+    } while (++count < 3 || words[count - 1].size() != 1 || IsDigit(words[count - 1][0]));
+    if (!TakePriority(words[count - 1], record.priority) ||
+        !ToNumber(words[count - 2], record.thread) || !ToNumber(words[count - 3], record.process) ||
+        !Skip(rest, " ")) {
+        return false;
+    }
+    lastHead = line.substr(0, line.size() - rest.size());
+    lastRecord = record;
+    return ReadHeadAsLast(line, head);
 }
 
 // A line of the default form that begins with `lastHead`.
 bool RecordReader::ReadHeadAsLast(std::string_view line, Head& head) {
     std::string_view rest = line.substr(lastHead.size());
     head.record = lastRecord;
-    head.isTagged = true;
-    head.isLong = false;
     head.isOthers = false;
     if (!ReadTag(rest, head) || !SkipColon(rest)) {
         return false;
@@ -512,24 +339,14 @@ bool RecordReader::ReadTag(std::string_view& rest, Head& head) {
     return false;
 }
 
-// brief and time: "priority/tag(process): "; tag: "priority/tag: ".
-bool RecordReader::ReadTagged(std::string_view& rest, Head& head) {
-    head.isTagged = true;
-    return TakePriority(rest, head.record.priority) && Skip(rest, "/") && ReadTag(rest, head) &&
-           (!Skip(rest, "(") || TakeIds(rest, ")", false, head.record) != 0) && SkipColon(rest);
-}
-
 // A date and a time of day, or seconds since 1970 or since boot; then the zone, where there is one.
-bool RecordReader::ReadTime(std::string_view& rest, std::optional<int64_t>& time) {
+bool RecordReader::ReadTime(std::string_view& rest, int64_t& time) {
     int64_t seconds = 0;
     if (!ReadDate(rest, seconds)) {
         SkipBlanks(rest);
-        const char* const end = rest.data() + rest.size();
-        const auto [stop, error] = std::from_chars(rest.data(), end, seconds);
-        if (error != std::errc() || seconds < 0 || seconds > MAX_SECONDS) {
+        if (!TakeNumber(rest, seconds) || seconds < 0 || seconds > MAX_SECONDS) {
             return false;
         }
-        rest.remove_prefix(static_cast<size_t>(stop - rest.data()));
     }
     if (!Skip(rest, ".")) {
         return false;

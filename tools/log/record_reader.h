@@ -1,11 +1,14 @@
-// Finds the library's records in the bytes of a capture, whatever form of logcat's each line has.
+// Finds the library's records in the bytes of a capture, in the forms of logcat that have times.
 
 #pragma once
 
+#include <iconv.h>
+
 #include <cstdint>
-#include <optional>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "tools/base/finding.h"
 #include "tools/log/record.h"
@@ -19,7 +22,8 @@ inline constexpr std::string_view CHATTY_TAG = "chatty";
 class RecordSink {
   public:
     virtual ~RecordSink() = default;
-    // A record of the library's, or CHATTY_TAG's. Its message is gone after the call.
+    // A record of the library's, whole or not, or a whole one of CHATTY_TAG's. Its message is gone
+    // after the call.
     virtual void OnRecord(const Record& record, const Place& place) = 0;
     // What the log's clock showed on a line of any tag: now and then, and on the last one.
     virtual void OnTime(int64_t /*time*/) {}
@@ -34,13 +38,13 @@ class Utf8Decoder {
     std::string_view Rest();
 
   private:
-    enum class Encoding : uint8_t { Unknown, Utf8, Utf16Little, Utf16Big };
-    void AppendUnit(uint32_t unit);
-
-    Encoding encoding = Encoding::Unknown;
+    struct Close {
+        void operator()(iconv_t converter) const { iconv_close(converter); }
+    };
+    bool isKnown = false;                                              // The encoding.
+    std::unique_ptr<std::remove_pointer_t<iconv_t>, Close> fromUtf16;  // Null for UTF-8.
     std::string pending;  // Bytes too few to tell anything.
     std::string text;
-    uint32_t highSurrogate = 0;
 };
 
 // Reads one capture after the other, in pieces of any length. Memory does not grow with them.
@@ -63,19 +67,15 @@ class RecordReader {
     struct Head {
         Record record;
         std::string_view text;  // As it stands.
-        bool isTagged = false;  // Has a tag, which is the library's or chatty's.
-        bool isLong = false;    // The message follows on lines of its own.
         bool isOthers = false;  // Whole, but has another tag.
     };
 
     void ReadText(std::string_view text);
     void ReadLine(std::string_view line);
-    bool GoesOnLong(std::string_view line);
     bool ReadHead(std::string_view line, Head& head);
     bool ReadHeadAsLast(std::string_view line, Head& head);
     static bool ReadTag(std::string_view& rest, Head& head);
-    static bool ReadTagged(std::string_view& rest, Head& head);
-    bool ReadTime(std::string_view& rest, std::optional<int64_t>& time);
+    bool ReadTime(std::string_view& rest, int64_t& time);
     bool ReadDate(std::string_view& rest, int64_t& seconds);
     void Append(std::string_view line);
     void KeepHeld();
@@ -86,7 +86,6 @@ class RecordReader {
     Place place;
     int64_t lines = 0;
     std::string carry;       // The beginning of a line whose end has not come.
-    std::string plain;       // A line without its colours.
     std::string_view timed;  // The last line that may begin with a time, until that is told.
     bool isLog = true;       // False in the parts of a bug report that are no log.
 
@@ -94,8 +93,6 @@ class RecordReader {
     Head held;
     Place heldPlace;
     bool isHeld = false;
-    bool isLong = false;                // Of the long form: goes on until an empty line.
-    bool isOthersLong = false;          // What comes is of another tag, in the long form.
     std::string heldHead, heldMessage;  // Where it is kept beyond the bytes it came in.
 
     // Lines come by the thousand a second: the last date and time, less the second's fraction.
@@ -105,8 +102,9 @@ class RecordReader {
     // once begins alike.
     std::string lastHead;
     Record lastRecord;
-    // Where the form has no year.
-    int64_t year = 0;
+    // Where the form has no year: any leap year, as the day may be a 29th of February.
+    static constexpr int64_t MADE_UP_YEAR = 2000;
+    int64_t year = MADE_UP_YEAR;
     int32_t lastMonth = 0;
 };
 

@@ -69,7 +69,7 @@ Json ListOf(const Account& account, const std::vector<SceneFinding>& findings) {
 }
 
 Json ToJson(const LoadedConfiguration& loaded) {
-    Json json = {{"process", loaded.process >= 0 ? Json(loaded.process) : Json()}};
+    Json json = {{"process", loaded.process}};
     json.update(JsonOf(loaded.configuration));
     json["findings"] = Json::array();
     for (const Finding& finding : loaded.findings) {
@@ -121,7 +121,7 @@ Json ToJson(const Account& account, const Scene& scene) {
     }
     return {{"from", Milliseconds(scene.begin)},
             {"to", Milliseconds(scene.end)},
-            {"process", scene.process >= 0 ? Json(scene.process) : Json()},
+            {"process", scene.process},
             {"width", scene.isDescribed ? Json(scene.width) : Json()},
             {"fps", scene.isDescribed ? Json(scene.fps) : Json()},
             {"started", scene.isStarted},

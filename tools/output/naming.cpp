@@ -31,9 +31,7 @@ std::string TitleOf(const Account& account, size_t scene) {
     if (shown.fps > 0) {
         add(fmt::format("{} fps", shown.fps));
     }
-    if (shown.process >= 0) {
-        add(fmt::format("process {}", shown.process));
-    }
+    add(fmt::format("process {}", shown.process));
     return title;
 }
 

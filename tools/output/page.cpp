@@ -92,9 +92,6 @@ class Page {
         add(account.libraryLines == account.lines ? 0 : account.libraryLines, " of the library");
         add(account.notUnderstood, " <b>not understood</b>");
         add(account.lost, " known to be <b>lost</b>");
-        if (!account.hasTimes) {
-            next() << "<b>without times</b>";
-        }
         if (scheduling != nullptr) {
             next() << Name{TitleOf(*scheduling)};
         }
@@ -224,7 +221,7 @@ class Page {
         if (!scene.neverOut.empty()) {
             out << "; " << scene.neverOut.size() << " never came out";
         }
-        if (account.hasTimes && scene.lateThreshold > 0) {
+        if (scene.lateThreshold > 0) {
             out << "; " << scene.lateFrames << " late, that is more than "
                 << ShortMilliseconds(scene.lateThreshold) << " ms after the frame before";
         }
@@ -234,7 +231,7 @@ class Page {
                 << " is not known, as lines of the log are missing.";
         }
         out << "</p>\n";
-        if (account.hasTimes && !scene.frames.empty()) {
+        if (!scene.frames.empty()) {
             WriteFigures(index);
         }
         if (scheduling != nullptr && !scheduling->scenes[index].threads.empty()) {

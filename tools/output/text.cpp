@@ -97,10 +97,6 @@ void WriteFigures(std::ostream& out, const Account& account, const Scene& scene)
         out << "What became of " << scene.untold
             << " of them is not known: lines of the log are missing.\n";
     }
-    if (!account.hasTimes) {
-        out << "The capture has no times: no durations, and nothing is known to be late or slow.\n";
-        return;
-    }
     if (scene.interval.count == 0) {
         return;
     }
@@ -136,15 +132,13 @@ std::vector<std::string> RowOf(const Account& account, const Scene& scene, size_
                           ? "-"
                           : Milliseconds(moment - since, account.resolution));
     };
-    if (account.hasTimes) {
-        add(frame.start, scene.begin);
-        add(frame.end, scene.begin);
-        add(frame.end, frame.start);
-        add(frame.interval, 0);
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            const StageTimes times = scene.TimesOf(index, stage);
-            add(times.end, times.start);
-        }
+    add(frame.start, scene.begin);
+    add(frame.end, scene.begin);
+    add(frame.end, frame.start);
+    add(frame.interval, 0);
+    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+        const StageTimes times = scene.TimesOf(index, stage);
+        add(times.end, times.start);
     }
     const std::string description = DescriptionOf(frame);
     row.push_back(fmt::format("{}{}{}", frame.isLate ? "late" : "",
@@ -166,20 +160,14 @@ void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
     }
     const bool isChosen = shown.isAll || shown.range;
     const bool isLimited = !isChosen && count > ROWS;
-    out << "\nFrames"
-        << (isChosen           ? ""
-            : account.hasTimes ? " that were not complete, or late"
-                               : " that were not complete");
+    out << "\nFrames" << (isChosen ? "" : " that were not complete, or late");
     if (isLimited) {
         out << ", the first " << ROWS << " of " << count << " (--all shows every frame)";
     }
-    out << (account.hasTimes ? "; milliseconds from the scene's start:\n" : ":\n");
-    Rows table = {{"frame", "line", "status"}};
-    if (account.hasTimes) {
-        table[0].insert(table[0].end(), {"start", "end", "latency", "interval"});
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            table[0].push_back(fmt::format("stage{}", stage));
-        }
+    out << "; milliseconds from the scene's start:\n";
+    Rows table = {{"frame", "line", "status", "start", "end", "latency", "interval"}};
+    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+        table[0].push_back(fmt::format("stage{}", stage));
     }
     table[0].emplace_back("");
     for (size_t i = 0; i < scene.frames.size() && (!isLimited || table.size() <= ROWS); ++i) {
@@ -193,9 +181,6 @@ void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
 std::string DurationOf(const Scene& scene) {
     if (!scene.isStarted) {
         return ", not started";
-    }
-    if (scene.begin == NO_TIME || scene.end == NO_TIME) {
-        return scene.hasEnd ? "" : "; its end is not in the capture";
     }
     const std::string length = Fixed(static_cast<double>(scene.end - scene.begin) / 1e6, 3);
     return scene.hasEnd

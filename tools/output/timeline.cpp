@@ -189,7 +189,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
     nlohmann::ordered_json scenes;
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         const Scene& scene = account.scenes[i];
-        if (!scene.hasTimes || scene.isMixed || scene.frames.empty() || scene.begin == NO_TIME) {
+        if (scene.isMixed || scene.frames.empty()) {
             continue;
         }
         // One for each column of data, whatever the configuration says.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/base/times.h"
+#include "tools/check/check.h"
 
 namespace tools {
 
@@ -80,7 +81,7 @@ std::string DescribeFaults();
 inline constexpr int64_t MAX_FRAMES = 10'000'000;  // Two days of video; more is a slip.
 
 struct Camera {
-    int32_t width = 3840;
+    int32_t width = BOOST_WIDTH;
     int32_t fps = 60;
     int64_t frames = 600;  // Numbered from 0.
     uint64_t seed = 1;

@@ -24,8 +24,8 @@ struct NamedText {
 struct ReplayOptions {
     std::optional<NamedText> configuration;  // TOML; nothing for what the platform serves anyway.
     bool withDebug = false;                  // Show the library's log lines and trace counters.
-    bool isQuiet = false;         // Show the summary alone.
-    Player::Pace pace;            // In real time, what is shown comes line by line.
+    bool isQuiet = false;                    // Show the summary alone.
+    Player::Pace pace;                       // In real time, what is shown comes line by line.
     std::ostream* log = nullptr;  // Where the capture of the library's log goes, if anywhere.
 };
 

@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "host/desktop.h"
+#include "tools/log/calls.h"
 #include "tools/log/message.h"
 #include "tools/play/log_writer.h"
-#include "tools/session/calls.h"
 
 namespace tools {
 
@@ -49,23 +49,6 @@ constexpr auto ROWS = std::to_array<const char*>({
     "error reports",
 });
 
-// Why an event was not done, as the message says that it left; empty: it was.
-constexpr std::pair<MessageKind, std::string_view> REASONS[] = {
-    {MessageKind::FrameStart, ""},
-    {MessageKind::FrameEnd, ""},
-    {MessageKind::StageStart, ""},
-    {MessageKind::StageEnd, ""},
-    {MessageKind::FrameAlreadyExists, "already in flight"},
-    {MessageKind::FrameNotContinuous, "does not follow the newest frame"},
-    {MessageKind::EndedFrameNotExist, "not in flight"},
-    {MessageKind::FrameNotExist, "the frame is not in flight"},
-    {MessageKind::FrameRemoved, "the frame is not in flight"},
-    {MessageKind::FrameInError, "the frame is in error"},
-    {MessageKind::StageNotInRange, "no such stage"},
-    {MessageKind::StageOutOfOrder, "out of order with another stage"},
-    {MessageKind::StageOutOfTurn, "the stage has run already, or has not started"},
-};
-
 Tally TallyOf(MessageKind event, bool isDone) {
     switch (event) {
         case MessageKind::FrameStart:
@@ -92,11 +75,9 @@ std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configura
         case Operation::StageEnd:
             return {{MessageKind::StageEnd, frame(), stage()}};
         case Operation::NodeEnd: {
-            Message nodeEnd;
-            nodeEnd.frame = frame();
-            nodeEnd.stage = configuration.StageOf(call.Get<std::string>(Parameter::NodeName));
-            nodeEnd.count = configuration.stageCount.value_or(0);
-            std::vector<CallEvent> events = EventsOf(nodeEnd);
+            std::vector<CallEvent> events = tools::EventsOf(
+                frame(), configuration.StageOf(call.Get<std::string>(Parameter::NodeName)),
+                configuration.stageCount.value_or(0));
             if (!isInScene) {
                 // Nobody meant to start a frame.
                 std::erase_if(events, [](const CallEvent& event) {
@@ -140,8 +121,8 @@ std::string Shown(std::string_view text) {
     return shown;
 }
 
-// A value as a call shows it: a text in quotes, a list in brackets. Session files may hold any bytes;
-// what is no UTF-8 is replaced.
+// A value as a call shows it: a text in quotes, a list in brackets. Session files may hold any
+// bytes; what is no UTF-8 is replaced.
 std::string ShownOf(const Value& value) {
     using Json = nlohmann::json;
     const Json json = std::visit([](const auto& held) { return Json(held); }, value);
@@ -202,7 +183,8 @@ Counts CountsOf(const Played& played) {
     const bool isInScene = isNodeEnd ? !messages.empty() : played.result != -1;
     EventLines events(EventsOf(call, *played.configuration, isInScene));
     std::vector<std::string_view> reasons(
-        events.Events().size(), isInScene ? "the frame is in error" : "no scene is running");
+        events.Events().size(),
+        isInScene ? RefusalOf(MessageKind::FrameInError) : "no scene is running");
     for (const Message& message : messages) {
         if (message.kind == MessageKind::SceneDisabled) {
             count(Tally::ScenesRefused, "switched off, or the operation mode is not supported");
@@ -210,13 +192,11 @@ Counts CountsOf(const Played& played) {
             count(message.flag ? Tally::ScenesStarted : Tally::ScenesRefused,
                   message.flag ? "" : "by the service");
         } else if (message.kind == MessageKind::TableFull) {
-            count(Tally::FramesEvicted, "too many frames in flight");
+            count(Tally::FramesEvicted, TABLE_FULL);
         }
         const std::optional<size_t> event = events.Take(message);
-        for (const auto& [kind, reason] : REASONS) {
-            if (event && kind == message.kind) {
-                reasons[*event] = reason;
-            }
+        if (const char* const reason = RefusalOf(message.kind); event && reason != nullptr) {
+            reasons[*event] = reason;
         }
     }
     for (size_t i = 0; i < reasons.size(); ++i) {

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "cameraframeboost/tarvocameraframeboostutils.h"
+
 namespace tools {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-constexpr int64_t TRACKED_FRAMES = 16;
 
 Json MillisOf(Micros time) {
     return time == NO_TIME ? Json() : Json(static_cast<double>(time) / MILLISECOND);
@@ -19,7 +19,7 @@ Json MillisOf(Micros time) {
 Truth::Truth(const Camera& simulated, int32_t stages)
     : camera(simulated),
       stageCount(stages),
-      near(TRACKED_FRAMES * SECOND / camera.fps),
+      near(FrameTracker::DEFAULT_MAX_FRAME_TRACKED * SECOND / camera.fps),
       acted(camera.faults.size()) {}
 
 void Truth::OnDelivered(int64_t number, Micros time, bool isDropped) {

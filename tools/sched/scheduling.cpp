@@ -16,7 +16,7 @@ class SceneMaker {
         : scene(measured), states(threadStates), tie(clocks) {}
 
     SceneScheduling Make(const std::vector<Span>& outside) {
-        if (scene.stageCount > 0 && scene.hasTimes && !scene.isMixed) {
+        if (scene.stageCount > 0 && !scene.isMixed) {
             FindUses();
             FindThreads();
             FindUsual();
@@ -202,7 +202,7 @@ std::vector<Span> OutsideOf(const Account& account, const SchedTrace& trace, con
     Micros from = trace.from;
     bool isKnown = true;  // That none was running from there on.
     for (const Scene& scene : account.scenes) {
-        if (scene.isStarted && scene.hasTimes) {
+        if (scene.isStarted) {
             if (isKnown && !scene.isBeginningMissing) {
                 spans.push_back({from, tie.ToTrace(scene.begin)});
             }

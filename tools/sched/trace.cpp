@@ -1,8 +1,9 @@
 #include "tools/sched/trace.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
+
+#include "tools/base/cursor.h"
 
 namespace tools {
 namespace {
@@ -14,45 +15,11 @@ constexpr uint32_t MOST_CPUS = 4096;
 constexpr size_t NAME_COLUMNS = 16;
 constexpr size_t TASK_COLUMNS = 64;
 
-template <typename Number>
-bool TakeNumber(std::string_view& text, Number& number) {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end == text.data()) {
-        return false;
-    }
-    text.remove_prefix(static_cast<size_t>(end - text.data()));
-    return true;
-}
-
-bool Skip(std::string_view& text, std::string_view what) {
-    if (!text.starts_with(what)) {
-        return false;
-    }
-    text.remove_prefix(what.size());
-    return true;
-}
-
-// The same for a text that is known beforehand, which costs less.
-template <size_t SIZE>
-bool Skip(std::string_view& text, const char (&what)[SIZE]) {
-    if (text.size() < SIZE - 1 || std::memcmp(text.data(), what, SIZE - 1) != 0) {
-        return false;
-    }
-    text.remove_prefix(SIZE - 1);
-    return true;
-}
-
-void SkipBlanks(std::string_view& text) {
-    while (!text.empty() && text.front() == ' ') {
-        text.remove_prefix(1);
-    }
-}
-
 // Takes "key123" from the end of the text.
 template <size_t SIZE, typename Number>
 bool CutField(std::string_view& text, const char (&key)[SIZE], Number& number) {
     size_t at = text.size();
-    while (at > 0 && ((text[at - 1] >= '0' && text[at - 1] <= '9') || text[at - 1] == '-')) {
+    while (at > 0 && (IsDigit(text[at - 1]) || text[at - 1] == '-')) {
         --at;
     }
     std::string_view value = text.substr(at);
@@ -91,7 +58,7 @@ bool TakeTime(std::string_view& text, Micros& time) {
         return false;
     }
     Micros part = 0, unit = SECOND;
-    while (!text.empty() && text.front() >= '0' && text.front() <= '9') {
+    while (!text.empty() && IsDigit(text.front())) {
         unit /= 10;
         part += (text.front() - '0') * unit;
         text.remove_prefix(1);

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "tools/base/text.h"
-#include "tools/log/dump.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -56,7 +55,7 @@ void SessionMaker::OnMessage(const Message& message, const Moment& moment) {
         run = lastRun = &runs[lastProcess = moment.process];
         run->session.text = "# Missing: what was before.\n";
     }
-    run->isDumping = false;
+    run->dumping.Begins(message);  // It does not: a dump is over.
     Thread& thread = run->threads[moment.thread];
     if (IsExplained(*run, thread, message)) {
         return;
@@ -101,20 +100,18 @@ SessionMaker::Run* SessionMaker::RunOf(int32_t process) {
 
 // The configuration is written when the library is loaded.
 void SessionMaker::ReadDump(Run*& run, const Message& message, const Moment& moment) {
-    if (run == nullptr || message.kind == MessageKind::DumpSwitch || !run->isDumping) {
+    if (run == nullptr || run->dumping.Begins(message)) {
         if (run != nullptr) {
             Close(*run);
         }
         run = lastRun = &(runs[moment.process] = Run());
-        run->isDumping = true;
+        run->dumping.Begins(message);
         run->isSceneStarted = false;
         run->session.text = "# The library is loaded.\n";
         run->session.configuration.emplace().isEnabled = true;  // Unless the line says otherwise.
         run->time = moment.time;
     }
     AddDumped(message, *run->session.configuration);
-    // Stage 0 is dumped last.
-    run->isDumping = message.kind != MessageKind::DumpStage || message.stage != 0;
 }
 
 // Whether the message is one that a node end before it led to.
@@ -153,7 +150,9 @@ void SessionMaker::BeginNodeEnd(const Run& run, Thread& thread, const Message& m
     }
     const auto& configuration = run.session.configuration;
     if (!configuration || configuration->IsStagePort(node, message.port)) {
-        nodeEnds.push_back({node, EventLines(EventsOf(message), node), run.sceneEnds});
+        nodeEnds.push_back({node,
+                            EventLines(EventsOf(message.frame, message.stage, message.count), node),
+                            run.sceneEnds});
     }
 }
 
@@ -343,8 +342,7 @@ void SessionMaker::Add(Entry& entry, Operation operation, std::vector<Value> arg
 }
 
 void SessionMaker::Comment(int32_t process, const std::string& text) {
-    // Where the process is not told, it is most likely that which logged last.
-    if (Run* run = process == -1 ? lastRun : RunOf(process)) {
+    if (Run* run = RunOf(process)) {
         run->entries.emplace_back().text = text;
         WriteEntries(*run);
     }

@@ -12,8 +12,9 @@
 #include <vector>
 
 #include "tools/check/check.h"
+#include "tools/log/calls.h"
 #include "tools/log/capture.h"
-#include "tools/session/calls.h"
+#include "tools/log/dump.h"
 #include "tools/session/operations.h"
 
 namespace tools {
@@ -69,7 +70,7 @@ class SessionMaker : public MessageSink {
     };
     struct Run {
         MadeSession session;
-        bool isDumping = false;
+        Dumping dumping;
         std::optional<bool> isSceneStarted;
         bool isServiceRefusing = false;
         int64_t sceneEnds = 0;

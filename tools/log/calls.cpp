@@ -1,4 +1,4 @@
-#include "tools/session/calls.h"
+#include "tools/log/calls.h"
 
 #include <utility>
 
@@ -63,13 +63,11 @@ bool MayLeave(const CallEvent& event, const Message& message) {
 
 }  // namespace
 
-std::vector<CallEvent> EventsOf(const Message& nodeEnd) {
-    const int64_t frame = nodeEnd.frame;
-    const int32_t stage = nodeEnd.stage;
+std::vector<CallEvent> EventsOf(int64_t frame, int32_t stage, int32_t stageCount) {
     std::vector<CallEvent> events;
     if (frame >= 1 && stage >= 0) {
         events.push_back({MessageKind::StageEnd, frame, stage});
-        events.push_back(stage == 0 || stage < int64_t{nodeEnd.count} - 1
+        events.push_back(stage == 0 || stage < int64_t{stageCount} - 1
                              ? CallEvent{MessageKind::StageStart, frame, stage + 1}
                              : CallEvent{MessageKind::FrameEnd, frame});
     }

@@ -24,8 +24,9 @@ struct CallEvent {
     int32_t stage = -1;
 };
 
-// What a node end that ends a stage leads to, in order.
-std::vector<CallEvent> EventsOf(const Message& nodeEnd);
+// What the node end that ends the stage of the frame leads to, in order. `stageCount`: of the
+// stages that the library has loaded.
+std::vector<CallEvent> EventsOf(int64_t frame, int32_t stage, int32_t stageCount);
 
 // Gives the messages of one thread to the events of a call. Each message is of the first event that
 // may have left it, behind the message before it: messages come in the order of the events, each

@@ -1,0 +1,45 @@
+// Text that is read from its beginning: what has been read is taken off.
+
+#pragma once
+
+#include <algorithm>
+#include <charconv>
+#include <cstddef>
+#include <cstring>
+#include <string_view>
+#include <system_error>
+
+namespace tools {
+
+inline bool IsDigit(char character) {
+    return character >= '0' && character <= '9';
+}
+
+inline void SkipBlanks(std::string_view& text) {
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+}
+
+// Takes the words off; false, with nothing taken, where the text begins with others.
+inline bool Skip(std::string_view& text, std::string_view words) {
+    const bool isThere = text.starts_with(words);
+    text.remove_prefix(isThere ? words.size() : 0);
+    return isThere;
+}
+
+// The same for words that are known when this is compiled, which costs less.
+template <size_t SIZE>
+bool Skip(std::string_view& text, const char (&words)[SIZE]) {
+    const bool isThere = text.size() >= SIZE - 1 && std::memcmp(text.data(), words, SIZE - 1) == 0;
+    text.remove_prefix(isThere ? SIZE - 1 : 0);
+    return isThere;
+}
+
+// Takes a decimal number off, with its sign; false where there is none, or one that is too large.
+template <typename Number>
+bool TakeNumber(std::string_view& text, Number& number) {
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    text.remove_prefix(static_cast<size_t>(end - text.data()));
+    return error == std::errc();
+}
+
+}  // namespace tools
