@@ -44,8 +44,9 @@ class CommandTest(unittest.TestCase):
 
     def errors(self, *arguments, status=2, **options):
         """What the command says on standard error as it fails."""
+        options = {'stdout': subprocess.PIPE} | options
         done = subprocess.run([COMMAND, *map(str, arguments)], check=False, cwd=self.directory,
-                              capture_output=True, timeout=PATIENCE, **options)
+                              stderr=subprocess.PIPE, timeout=PATIENCE, **options)
         self.assertEqual(done.returncode, status, (arguments, done.stderr))
         return done.stderr.decode()
 

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -23,6 +24,10 @@ std::string Fixed(double value, int digits);
 // Milliseconds without their unit, with as many digits as the times have: "17" where `resolution`
 // is 1000 microseconds or more, else "16.667".
 std::string Milliseconds(Micros time, Micros resolution);
+
+// `line` as several, broken between words so that none is longer than `width` where that can be;
+// those behind the first are indented by `indent`, or half the width where that is less.
+std::string Wrapped(std::string line, size_t width, size_t indent);
 
 // Without blanks and control characters, in small letters: names that people take for the same are
 // equal then.

@@ -54,7 +54,7 @@ void CheckNode(const Configuration& table, const ReportedNode& node,
 }  // namespace
 
 std::string DescribeNodesFormat() {
-    return "A file of nodes has what the HAL reports, a line each: the node's name, in double\n"
+    return "A file of nodes has what the HAL reports, a line each: the node's name, in double "
            "quotes where it has blanks, the port, and how often a frame it is reported, such as\n"
            "    SensorFrontEnd0 3 1\n"
            "A # begins a comment.\n";

@@ -1,7 +1,10 @@
 // cameraframeboost check: says what is wrong or surprising about configurations.
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,18 +22,18 @@ struct Arguments {
     bool isJson = false;
 };
 
-CheckedFile CheckFile(const std::string& path) {
+CheckedFile CheckFile(const std::string& path, bool isJson) {
     CheckedFile file;
     file.name = NameOfInput(path);
     try {
         Input in(path);
         file.checked = CheckConfiguration(in.ReadAll());
     } catch (const CommandError& error) {
-        const std::string text = error.what();
-        const std::string prefix = file.name + ": error: ";
-        file.checked.findings.push_back(
-            {"unreadable", Severity::Error,
-             text.substr(text.starts_with(prefix) ? prefix.size() : 0)});
+        // Standard output is for configurations; a program is told in the form that it reads.
+        std::cerr << Styled(error.what(), StyleOf(STDERR_FILENO));
+        if (isJson) {
+            file.checked.findings.push_back({"unreadable", Severity::Error, error.what()});
+        }
         file.checked.isReadable = false;
     }
     return file;
@@ -56,10 +59,10 @@ int RunCheck(const Arguments& arguments) {
         nodes = ReadNodes(in.ReadAll(), nodeErrors);
     }
     int status = nodeErrors.empty() ? NOTHING_FOUND : BAD_INPUT;
-    Output out("-");
+    Output out("-", arguments.isJson ? Style() : StyleOf(STDOUT_FILENO));
     std::vector<CheckedFile> files;
     for (const std::string& path : arguments.configurations) {
-        files.push_back(CheckFile(path));
+        files.push_back(CheckFile(path, arguments.isJson));
         CheckedFile& file = files.back();
         if (!nodesName.empty() && file.checked.isReadable) {
             file.nodesName = nodesName;
@@ -87,14 +90,14 @@ int RunCheck(const Arguments& arguments) {
 void AddCheck(CLI::App& app, Run& run) {
     CLI::App* command = app.add_subcommand(
         "check",
-        "Says what is wrong or surprising about configurations, with what comes of it, and shows\n"
+        "Says what is wrong or surprising about configurations, with what comes of it, and shows "
         "the table that the library reads");
     command->footer(
-        "\nErrors: the process ends, nothing is boosted, or frames cannot complete. Warnings: not\n"
+        "\nErrors: the process ends, nothing is boosted, or frames cannot complete. Warnings: not "
         "what one would expect, or for some cameras only. Notes: good to know.\n"
         "\n" +
         DescribeNodesFormat() +
-        "\nExit status: 0 neither errors nor, with --strict, warnings; 1 some; 2 a file cannot be\n"
+        "\nExit status: 0 neither errors nor, with --strict, warnings; 1 some; 2 a file cannot be "
         "read or parsed. The worst of several files counts.");
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<Arguments>();
@@ -105,7 +108,7 @@ void AddCheck(CLI::App& app, Run& run) {
         ->type_name("");
     command->add_option(
         "--nodes", arguments->nodes,
-        "The nodes that the HAL reports, see below: which stages they end, and which\n"
+        "The nodes that the HAL reports, see below: which stages they end, and which "
         "not");
     command->add_flag("--strict", arguments->isStrict, "Exit status 1 for warnings, too");
     command->add_flag("--json", arguments->isJson,

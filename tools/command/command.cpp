@@ -2,29 +2,117 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <set>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "tools/base/text.h"
+#include "tools/base/words.h"
+
 namespace tools {
+namespace fs = std::filesystem;
 namespace {
 
-volatile std::sig_atomic_t isInterrupted = 0;
+volatile std::sig_atomic_t interrupt = 0;  // The signal that came.
+volatile std::sig_atomic_t nothing = -1;   // /dev/null, to be read.
 
-// The files on a disk that were opened so far, and whether standard input was.
-std::set<std::pair<dev_t, ino_t>> openedFiles;
-bool isStandardInputOpened = false;
+[[noreturn]] void Fail(const std::string& name, const char* what) {
+    throw CommandError(name + ": error: cannot be " + what + ": " +
+                       std::strerror(errno));  // NOLINT(concurrency-mt-unsafe): one thread.
+}
+
+// COLUMNS, or the width of a terminal; 0 where there is neither.
+size_t WidthOf(int descriptor) {
+    const char* const columns = std::getenv("COLUMNS");  // NOLINT(concurrency-mt-unsafe)
+    winsize size{};
+    if (const auto width = ReadDigits<size_t>(columns == nullptr ? "" : columns)) {
+        return *width;
+    }
+    return ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+// Where the second column of a line begins, which two blanks set off; npos where it has none.
+size_t SecondColumnOf(std::string_view line) {
+    return line.find_first_not_of(' ', line.find("  ", line.find_first_not_of(' ')));
+}
+
+std::string Colored(std::string line) {
+    constexpr std::array<std::pair<const char*, const char*>, 3> colors = {
+        {{" error:", "\033[1;31m"}, {" warning:", "\033[1;33m"}, {" note:", "\033[1;36m"}}};
+    for (const auto& [word, color] : colors) {
+        if (const size_t at = line.find(word); at != std::string::npos) {
+            line.insert(at + std::strlen(word) - 1, "\033[0m");
+            line.insert(at + 1, color);
+            break;
+        }
+    }
+    return line;
+}
+
+// Lets `change` have each line, without its line feed.
+std::string ByLines(std::string_view lines,
+                    const std::function<std::string(std::string_view)>& change) {
+    std::string changed;
+    while (!lines.empty()) {
+        const size_t end = lines.find('\n');
+        changed += change(lines.substr(0, end)) + '\n';
+        lines.remove_prefix(std::min(end, lines.size() - 1) + 1);
+    }
+    return changed;
+}
 
 }  // namespace
+
+std::string& ColorOption() {
+    static std::string option = "auto";
+    return option;
+}
+
+Style StyleOf(int descriptor) {
+    const auto isSet = [](const char* name, const char* unset) {
+        const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
+        return value != nullptr && std::string_view(value) != unset;
+    };
+    const bool isTerminal = isatty(descriptor) != 0;
+    const bool wantsColors = isTerminal && !isSet("NO_COLOR", "") && isSet("TERM", "dumb");
+    return {isTerminal ? WidthOf(descriptor) : 0,
+            ColorOption() == "auto" ? wantsColors : ColorOption() == "always"};
+}
+
+std::string Styled(std::string_view lines, const Style& style) {
+    return ByLines(lines, [&style](std::string_view line) {
+        std::string text(line);
+        if (style.width != 0 && SecondColumnOf(line) == std::string_view::npos) {
+            text = Wrapped(text, style.width, line.find_first_not_of(' ') + 2);
+        }
+        return style.hasColors ? Colored(text) : text;
+    });
+}
+
+std::string StyledHelp(std::string help) {
+    for (size_t at = 0; (at = help.find("\n\n\n")) != std::string::npos;) {
+        help.erase(at, 1);
+    }
+    const size_t width = WidthOf(STDOUT_FILENO);
+    return ByLines(help, [width](std::string_view line) {
+        const size_t column = SecondColumnOf(line);
+        return Wrapped(std::string(line), width == 0 ? 80 : width,
+                       column == std::string_view::npos ? line.find_first_not_of(' ') : column);
+    });
+}
 
 void FailUsage(const std::string& message) {
     throw CommandError("cameraframeboost: error: " + message);
@@ -34,108 +122,128 @@ std::string NameOfInput(const std::string& path) {
     return path == "-" ? "standard input" : path;
 }
 
-FileBuffer::FileBuffer(const std::string& path, Mode mode)
-    : name(mode == Mode::Read ? NameOfInput(path) : path), isWritten(mode == Mode::Write) {
+Input::Input(const std::string& path)
+    : name(NameOfInput(path)),
+      descriptor(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    // Of a directory only reading fails, where the reason would be lost.
+    char none = 0;
+    if (descriptor < 0 || read(descriptor, &none, 0) < 0) {
+        Fail(name, "read");
+    }
+}
+
+Input::~Input() {
+    if (descriptor != STDIN_FILENO) {
+        close(descriptor);
+    }
+}
+
+size_t Input::Read(std::span<char> bytes) const {
+    const ssize_t size = read(descriptor, bytes.data(), bytes.size());
+    if (size < 0 && errno != EINTR) {
+        Fail(name, "read");
+    }
+    return static_cast<size_t>(std::max<ssize_t>(size, 0));
+}
+
+std::string Input::ReadAll() const {
+    std::string text;
+    std::array<char, 1 << 16> piece{};
+    while (const size_t size = Read(piece)) {
+        text.append(piece.data(), size);
+    }
+    return text;
+}
+
+Output::Output(const std::string& path, const Style& textStyle)
+    : std::ostream(this), name(path), descriptor(STDOUT_FILENO), style(textStyle) {
+    exceptions(std::ios::badbit);
+    std::error_code error;
     if (path == "-") {
-        name = isWritten ? "standard output" : name;
-        descriptor = isWritten ? STDOUT_FILENO : STDIN_FILENO;
-        if (!isWritten && std::exchange(isStandardInputOpened, true)) {
-            throw CommandError(name + ": error: cannot be read twice");
+        name = "standard output";
+    } else if (fs::is_regular_file(path, error)) {
+        if (!fs::equivalent(path, "/dev/stdout", error)) {
+            OpenBeside(fs::canonical(path));
         }
-        struct stat status {};
-        if (!isWritten && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
-            openedFiles.insert({status.st_dev, status.st_ino});
-        }
-    } else {
-        OpenFile(path.c_str());
+    } else if (!fs::exists(fs::symlink_status(path, error))) {
+        OpenBeside(path);
+    } else {  // A device, a pipe, or a link to nothing.
+        descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
     }
-    if (isWritten) {
-        setp(buffer.data(), buffer.data() + buffer.size());
+    if (descriptor < 0) {
+        Fail(name, "written");
     }
 }
 
-void FileBuffer::OpenFile(const char* path) {
-    const char* const what = isWritten ? "written" : "read";
-    descriptor = open(path, (isWritten ? O_WRONLY | O_CREAT : O_RDONLY) | O_CLOEXEC, 0666);
-    struct stat status {};
-    if (descriptor < 0 || fstat(descriptor, &status) != 0) {
-        Fail(what, errno);
+void Output::OpenBeside(const std::string& path) {
+    target = path;
+    struct stat old {};
+    const bool isOld = stat(path.c_str(), &old) == 0;
+    if (isOld && access(path.c_str(), W_OK) != 0) {
+        Fail(name, "written");
     }
-    if (!S_ISREG(status.st_mode)) {
-        return;
-    }
-    const bool isNew = openedFiles.insert({status.st_dev, status.st_ino}).second;
-    if (isWritten && !isNew) {
-        close(descriptor);
-        throw CommandError(name + ": error: cannot be written: it is used already");
-    }
-    if (isWritten && ftruncate(descriptor, 0) != 0) {
-        Fail(what, errno);
+    beside = path + "." + std::to_string(getpid()) + ".part";
+    descriptor = open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (descriptor < 0 || (isOld && fchmod(descriptor, old.st_mode & 07777) != 0)) {
+        Fail(isOld ? beside : name, "written");
     }
 }
 
-FileBuffer::~FileBuffer() {
-    if (descriptor != STDIN_FILENO && descriptor != STDOUT_FILENO) {
+Output::~Output() {
+    if (descriptor > STDERR_FILENO) {
         close(descriptor);
     }
-}
-
-void FileBuffer::Fail(const char* what, int error) const {
-    throw CommandError(name + ": error: cannot be " + what + ": " +
-                       std::strerror(error));  // NOLINT(concurrency-mt-unsafe): one thread.
-}
-
-FileBuffer::int_type FileBuffer::underflow() {
-    ssize_t size = 0;
-    do {
-        size = IsInterrupted() ? 0 : read(descriptor, buffer.data(), buffer.size());
-    } while (size < 0 && errno == EINTR);
-    if (size < 0) {
-        Fail("read", errno);
+    if (!beside.empty()) {
+        unlink(beside.c_str());
     }
-    setg(buffer.data(), buffer.data(), buffer.data() + size);
-    return size == 0 ? traits_type::eof() : traits_type::to_int_type(buffer.front());
 }
 
-FileBuffer::pos_type FileBuffer::seekoff(off_type offset, std::ios::seekdir from,
-                                         std::ios::openmode /*which*/) {
-    setg(nullptr, nullptr, nullptr);
-    return lseek(descriptor, offset, from == std::ios::beg ? SEEK_SET : SEEK_END);
-}
-
-FileBuffer::int_type FileBuffer::overflow(int_type character) {
-    sync();
-    if (!traits_type::eq_int_type(character, traits_type::eof())) {
-        sputc(traits_type::to_char_type(character));
+void Output::Close() {
+    flush();
+    style = {};  // A last line without its end is shown as it is.
+    flush();
+    if (!beside.empty()) {
+        if (close(std::exchange(descriptor, -1)) != 0 ||
+            rename(beside.c_str(), target.c_str()) != 0) {
+            Fail(name, "written");
+        }
+        beside.clear();
     }
-    return traits_type::not_eof(character);
 }
 
-int FileBuffer::sync() {
-    if (!isWritten) {
-        return 0;
+std::streamsize Output::xsputn(const char* text, std::streamsize size) {
+    bytes.append(text, static_cast<size_t>(size));
+    if (bytes.size() >= 1 << 16) {
+        sync();
     }
-    const char* next = pbase();
-    const char* const end = pptr();
+    return size;
+}
+
+int Output::overflow(int character) {
+    const char text = static_cast<char>(character);
+    xsputn(&text, character == EOF ? 0 : 1);
+    return character == EOF ? 0 : character;
+}
+
+int Output::sync() {
     // What cannot be written is not tried again.
-    setp(buffer.data(), buffer.data() + buffer.size());
-    while (next != end) {
-        const ssize_t size = write(descriptor, next, static_cast<size_t>(end - next));
+    std::string all = std::exchange(bytes, {});
+    if (style.width != 0 || style.hasColors) {
+        const size_t whole = all.rfind('\n') + 1;
+        bytes = all.substr(whole);
+        all = Styled(std::string_view(all).substr(0, whole), style);
+    }
+    for (std::string_view rest = all; !rest.empty();) {
+        const ssize_t size = ::write(descriptor, rest.data(), rest.size());
         if (size >= 0) {
-            next += size;
+            rest.remove_prefix(static_cast<size_t>(size));
+        } else if (errno == EPIPE && descriptor == STDOUT_FILENO) {
+            throw CommandError("", BROKEN_PIPE);
         } else if (errno != EINTR) {
-            Fail("written", errno);
+            Fail(name, "written");
         }
     }
     return 0;
-}
-
-Input::Input(const std::string& path) : FileBuffer(path, Mode::Read), std::istream(this) {
-    exceptions(std::ios::badbit);
-}
-
-Output::Output(const std::string& path) : FileBuffer(path, Mode::Write), std::ostream(this) {
-    exceptions(std::ios::badbit);
 }
 
 void WriteFile(const std::string& path, const std::function<void(std::ostream& file)>& write) {
@@ -146,33 +254,24 @@ void WriteFile(const std::string& path, const std::function<void(std::ostream& f
     }
 }
 
-void RemoveStale(const std::vector<std::string>& outputs, const std::vector<std::string>& inputs) {
-    std::vector<std::string> kept = {"/dev/stdin", "/dev/stdout", "/dev/stderr"};
-    kept.insert(kept.end(), inputs.begin(), inputs.end());
-    for (const std::string& path : outputs) {
-        std::error_code error;
-        // Not what a link names: that may be open under another name.
-        if (std::filesystem::symlink_status(path, error).type() ==
-                std::filesystem::file_type::regular &&
-            std::none_of(kept.begin(), kept.end(), [&](const std::string& other) {
-                return std::filesystem::equivalent(path, other, error);
-            })) {
-            std::filesystem::remove(path, error);
-        }
-    }
-}
-
 void CatchInterrupts() {
+    nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     struct sigaction action {};
-    action.sa_handler = [](int) { isInterrupted = 1; };
-    // Without SA_RESTART: who waits for input is to hear of it.
+    action.sa_handler = [](int signal) {
+        interrupt = signal;
+        dup2(nothing, STDIN_FILENO);
+    };
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
 
-bool IsInterrupted() {
-    return isInterrupted != 0;
+int InterruptStatus() {
+    return interrupt == 0 ? 0 : 128 + interrupt;
+}
+
+void ForgetInterrupt() {
+    interrupt = 0;
 }
 
 ProgressLine::ProgressLine(std::string countedUnit, bool writesToTerminal)

@@ -2,16 +2,16 @@
 
 #pragma once
 
-#include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <iostream>
-#include <iterator>
+#include <ostream>
+#include <span>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
-#include <vector>
+#include <string_view>
 
 namespace CLI {
 class App;
@@ -23,16 +23,25 @@ namespace tools {
 inline constexpr int NOTHING_FOUND = 0;
 inline constexpr int FAULTS_FOUND = 1;
 inline constexpr int BAD_INPUT = 2;      // Bad usage, or input or output that fails.
-inline constexpr int INTERRUPTED = 130;  // What a shell shows for a process that SIGINT ended.
+inline constexpr int BROKEN_PIPE = 141;  // What a shell shows for a process that SIGPIPE ended.
 
-// Ends the command with a message on standard error, which is given whole, and BAD_INPUT.
+// Ends the command with a message on standard error, which is given whole and may be empty, and an
+// exit status.
 class CommandError : public std::runtime_error {
   public:
-    using std::runtime_error::runtime_error;
+    explicit CommandError(const std::string& message, int exitStatus = BAD_INPUT)
+        : std::runtime_error(message), status(exitStatus) {}
+    int Status() const { return status; }
+
+  private:
+    int status;
 };
 
 // Ends the command like that, for the way in which it was called.
 [[noreturn]] void FailUsage(const std::string& message);
+
+// The group of a subcommand's options that name files to write.
+inline constexpr const char* OUTPUTS = "Outputs";
 
 // Each adds its subcommand to `app`. When that is the one that was asked for, `run` is set to what
 // does the job and returns the exit status.
@@ -45,67 +54,85 @@ void AddSimulate(CLI::App& app, Run& run);
 // What messages call an input.
 std::string NameOfInput(const std::string& path);
 
-// A file, or standard input or output for "-". Fails, and makes the stream on top of it fail, with
-// a CommandError that names the file and the reason: also where standard input would be read twice,
-// or a file be written that the command has opened before.
-class FileBuffer : public std::streambuf {
+// A file that is open for reading, or standard input for "-". Throws a CommandError that names the
+// file and the reason where it cannot be read.
+class Input {
   public:
-    enum class Mode : uint8_t { Read, Write };
-    FileBuffer(const std::string& path, Mode mode);
-    ~FileBuffer() override;
-    FileBuffer(const FileBuffer&) = delete;
-    FileBuffer& operator=(const FileBuffer&) = delete;
+    explicit Input(const std::string& path);
+    ~Input();
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
 
     // What messages call it.
     const std::string& Name() const { return name; }
+    int Descriptor() const { return descriptor; }
+    // The next bytes, at least one but at the end, and when an interrupt comes first.
+    size_t Read(std::span<char> bytes) const;
+    // All that is left.
+    std::string ReadAll() const;
+
+  private:
+    std::string name;
+    int descriptor;
+};
+
+// How text for people is shown.
+struct Style {
+    size_t width = 0;  // What longer lines are wrapped to, but for rows of tables; 0: nothing is.
+    bool hasColors = false;  // Severities are coloured.
+};
+
+// For a standard stream: on a terminal its width, and colours as --color has it.
+Style StyleOf(int descriptor);
+// `lines` are whole.
+std::string Styled(std::string_view lines, const Style& style);
+// What --color says: auto, always or never.
+std::string& ColorOption();
+// Text of --help, wrapped to the terminal's width or that of COLUMNS, and to 80 where there is
+// none.
+std::string StyledHelp(std::string help);
+
+// Output to a file, or standard output for "-". A file that is there stays as it is until `Close`:
+// the new one is written beside it, and then takes its place. Devices, pipes and standard output
+// under another name are written as they are. A write that fails throws a CommandError, at the
+// latest in `Close`; one to a pipe that nobody reads has no message.
+class Output : private std::streambuf, public std::ostream {
+  public:
+    explicit Output(const std::string& path, const Style& textStyle = {});
+    ~Output() override;
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    // To be called when all is written.
+    void Close();
 
   protected:
-    int_type underflow() override;
-    // To the beginning or the end, of an input alone.
-    pos_type seekoff(off_type offset, std::ios::seekdir from, std::ios::openmode which) override;
-    int_type overflow(int_type character) override;
+    std::streamsize xsputn(const char* text, std::streamsize size) override;
+    int overflow(int character) override;
     int sync() override;
 
   private:
-    [[noreturn]] void Fail(const char* what, int error) const;
-    void OpenFile(const char* path);
+    void OpenBeside(const std::string& path);
 
     std::string name;
-    bool isWritten;
+    std::string target;  // What is replaced in the end, links followed; empty for nothing.
+    std::string beside;  // The file that replaces it, until it has; else empty.
     int descriptor;
-    std::array<char, 1 << 16> buffer{};
-};
-
-// Input from a file or "-". An interrupt ends it like the end of the file.
-class Input : private FileBuffer, public std::istream {
-  public:
-    explicit Input(const std::string& path);
-    using FileBuffer::Name;
-    // All that is left.
-    std::string ReadAll() { return {std::istreambuf_iterator<char>(*this), {}}; }
-};
-
-// Output to a file or "-". A write that fails throws a CommandError, at the latest in `Close`.
-class Output : private FileBuffer, public std::ostream {
-  public:
-    explicit Output(const std::string& path);
-    // To be called when all is written.
-    void Close() { flush(); }
+    Style style;
+    std::string bytes;
 };
 
 // Lets `write` write the file of an option; nothing where that was not given, and `path` is empty.
 void WriteFile(const std::string& path, const std::function<void(std::ostream& file)>& write);
 
-// Removes what an earlier run left at the paths of `outputs`, so that nobody takes it for the
-// result of one that fails. What is among `inputs`, a standard stream, or no plain file is left
-// alone, and so is what cannot be removed. A path that is empty, as its option was not given, is
-// none.
-void RemoveStale(const std::vector<std::string>& outputs, const std::vector<std::string>& inputs);
-
-// From the first call on an interrupt (SIGINT, SIGTERM) no longer ends the process: long work asks
-// IsInterrupted now and then and comes to an end. A second interrupt does end it.
+// From the first call on an interrupt (SIGINT, SIGTERM) no longer ends the process, but standard
+// input: it has nothing more to read then. Long work asks now and then whether there was one, and
+// comes to an end. A second interrupt ends the process.
 void CatchInterrupts();
-bool IsInterrupted();
+// What a shell shows for a process that the interrupt ended, 130 or 143; 0 where there was none.
+int InterruptStatus();
+// The interrupt was meant to end standard input, and nothing else.
+void ForgetInterrupt();
 
 // A line that shows how far long work has come: on standard error when that is a terminal, and
 // nothing that is shown on a terminal is in its way.

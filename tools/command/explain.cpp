@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "tools/account/summary.h"
+#include "tools/base/finding.h"
 #include "tools/base/words.h"
 #include "tools/output/gzip.h"
 #include "tools/output/json.h"
@@ -40,7 +42,6 @@ struct Arguments {
     bool showsAllFrames = false;
 
     bool IsForDesk() const { return !session.empty() || !configuration.empty(); }
-    bool IsDrawn() const { return !page.empty() || !tracks.empty(); }
 };
 
 // What --frames asks for: the first and the last number.
@@ -72,7 +73,7 @@ struct Explained {
     std::optional<Scheduling> scheduling;
 };
 
-// Hands a log to its reader, and refuses a scheduler trace.
+// Hands a log to its reader, and refuses what is none.
 class LogSink : public TextSink {
   public:
     explicit LogSink(CaptureReader& captureReader) : reader(captureReader) {}
@@ -82,30 +83,60 @@ class LogSink : public TextSink {
                 "is a scheduler trace, which is explained with the log of the same time:\n"
                 "cameraframeboost explain LOG --sched TRACE");
         }
+        // Text in 16 bits has a mark in front.
+        isText = isText && (!isBeginning || bytes.find('\0') == std::string_view::npos ||
+                            bytes.starts_with("\xFF\xFE") || bytes.starts_with("\xFE\xFF"));
         isBeginning = false;
         reader.Read(bytes);
     }
-    void End() override { reader.End(); }
+    void End() override {
+        reader.End();
+        if (!isText && reader.Summary().libraryLines == linesBefore) {
+            throw CaptureError(
+                "is not a log but other data: a capture is logcat's text, or a bug report, also\n"
+                "packed by gzip or zip [not-a-log]");
+        }
+    }
     bool TakeDamage(const char* reason) override { return reader.TakeDamage(reason); }
 
   private:
     CaptureReader& reader;
+    const int64_t linesBefore = reader.Summary().libraryLines;
     bool isBeginning = true;
+    bool isText = true;
 };
+
+// Ends an interrupted run: of a capture that was not read whole nothing is known to be true.
+void EndIfInterrupted(const std::string& howFar) {
+    if (InterruptStatus() != 0) {
+        throw CommandError(howFar + ": no verdict, and no file is written", InterruptStatus());
+    }
+}
 
 // Returns what messages call the file.
 std::string ReadInput(TextSink& sink, const std::string& path, ProgressLine& progress) {
-    Input file(path);
+    const Input file(path);
+    double doneMb = 0;
+    double allMb = 0;
     try {
-        ReadText(sink, file, [&progress](int64_t done, int64_t all) {
+        ReadText(sink, file.Descriptor(), [&](int64_t done, int64_t all) {
+            doneMb = static_cast<double>(done) / (1 << 20);
+            allMb = static_cast<double>(all) / (1 << 20);
             progress.Show(done >> 20, all >> 20);
-            return !IsInterrupted();
+            return InterruptStatus() == 0;
         });
     } catch (const CaptureError& error) {
         throw CommandError(file.Name() + ": error: " + error.what());
     } catch (const LinesError& error) {
         throw CommandError(error.what());
     }
+    if (path == "-" && InterruptStatus() != 0) {
+        progress.Clear();
+        std::cerr << file.Name() << ": note: interrupted: explained as a capture that ends here\n";
+        ForgetInterrupt();
+    }
+    EndIfInterrupted(fmt::format("{}: interrupted after {:.1f} of {:.1f} MB", file.Name(), doneMb,
+                                 std::max(doneMb, allMb)));
     return file.Name();
 }
 
@@ -162,6 +193,13 @@ Explained Explain(const Source& source, const JudgeOptions& options, ProgressLin
     return explained;
 }
 
+// What is wrong with the value of --late; CLI11's own check of a range takes nan.
+std::string PeriodsError(const std::string& text) {
+    double periods = 0;
+    const bool isGood = CLI::detail::lexical_cast(text, periods) && periods >= 1 && periods <= 1000;
+    return isGood ? "" : Quoted(text) + " is not a number from 1 to 1000";
+}
+
 // Writes the files for the desk.
 void BringToDesk(const Arguments& arguments, const Account& account, SessionMaker& maker) {
     const std::optional<MadeSession> session = maker.Finish();
@@ -189,43 +227,24 @@ void BringToDesk(const Arguments& arguments, const Account& account, SessionMake
 
 int RunExplain(const Arguments& arguments) {
     CatchInterrupts();
-    // CLI11's own check of a range takes nan.
-    const double periods = arguments.judging.latePeriods;
-    if (!(periods >= 1 && periods <= 1000)) {
-        FailUsage(fmt::format("--late is {}, expected a number from 1 to 1000", periods));
-    }
     if (arguments.isFollowing) {
-        const bool hasOutputs =
-            arguments.isJson || arguments.showsAllFrames || arguments.IsForDesk() ||
-            arguments.IsDrawn() ||
-            !(arguments.frames + arguments.csv + arguments.other + arguments.trace).empty();
-        if (arguments.captures != std::vector<std::string>{"-"} || hasOutputs) {
-            FailUsage("--follow reads standard input (-) and goes with no other option but --late");
+        if (const std::string& file = arguments.captures.front(); file != "-") {
+            FailUsage("--follow reads standard input:\ntail -f " + file +
+                      " | cameraframeboost explain --follow -");
         }
         return Follow(arguments.judging);
     }
-    if (arguments.isJson && !arguments.other.empty()) {
-        FailUsage("--json does not go with --compare");
-    }
-    if (!arguments.otherTrace.empty() && arguments.other.empty()) {
-        FailUsage("--compare-sched goes with --compare");
-    }
-    if (arguments.IsDrawn() && !arguments.other.empty()) {
-        FailUsage(
-            "--to-html and --to-trace do not go with --compare: they show one capture, and a\n"
-            "comparison has two");
-    }
     const Shown shown = {arguments.showsAllFrames, FramesOf(arguments)};
-    const std::vector<std::string> outputs = {arguments.page, arguments.tracks, arguments.csv,
-                                              arguments.session, arguments.configuration};
-    std::vector<std::string> inputs = arguments.captures;
-    inputs.insert(inputs.end(), {arguments.other, arguments.trace, arguments.otherTrace});
-    RemoveStale(outputs, inputs);
     ProgressLine progress("MB", false);
     SessionMaker maker;
     const Explained explained =
         Explain({arguments.captures, arguments.trace, arguments.IsForDesk() ? &maker : nullptr},
                 arguments.judging, progress);
+    std::optional<Explained> after;
+    if (!arguments.other.empty()) {
+        after = Explain({{arguments.other}, arguments.otherTrace}, arguments.judging, progress);
+    }
+    EndIfInterrupted("cameraframeboost: interrupted");
     const Account& account = explained.account;
     const Scheduling* const scheduling = explained.scheduling ? &*explained.scheduling : nullptr;
     if (arguments.IsForDesk()) {
@@ -247,22 +266,17 @@ int RunExplain(const Arguments& arguments) {
         file << Gzip(text.str());
     });
 
-    Output out("-");
-    if (!arguments.other.empty()) {
-        const Explained after =
-            Explain({{arguments.other}, arguments.otherTrace}, arguments.judging, progress);
-        WriteComparison(out, account, after.account, scheduling,
-                        after.scheduling ? &*after.scheduling : nullptr);
-        out.Close();
-        return StatusOf(after.account);
-    }
-    if (arguments.isJson) {
+    Output out("-", arguments.isJson ? Style() : StyleOf(STDOUT_FILENO));
+    if (after) {
+        WriteComparison(out, account, after->account, scheduling,
+                        after->scheduling ? &*after->scheduling : nullptr);
+    } else if (arguments.isJson) {
         WriteJson(out, account, scheduling);
     } else {
         WriteText(out, account, shown, scheduling);
     }
     out.Close();
-    return StatusOf(account);
+    return StatusOf(after ? after->account : account);
 }
 
 }  // namespace
@@ -298,10 +312,12 @@ void AddExplain(CLI::App& app, Run& run) {
     CLI::App* command = app.add_subcommand(
         "explain", "Says what went wrong with the frames of a device's log, and why");
     command->footer(
-        "\nA capture is what logcat -v threadtime writes, or a bug report, zipped or not; several\n"
-        "are read one after the other. The library logs while the property\n"
+        "A capture is what logcat -v threadtime writes, or a bug report, zipped or not; several "
+        "are read one after the other. The library logs while the property "
         "vendor.tarvo.camera.frameboost.debug.enable is true, which it reads when it is loaded.\n"
-        "\nExit status: 0 nothing found, 1 something found (warnings too), 2 cannot be read; with\n"
+        "\nAn interrupt is the end of standard input, of which all is explained that came. While "
+        "a file is read it ends the run.\n"
+        "\nExit status: 0 nothing found, 1 something found (warnings too), 2 cannot be read; with "
         "--compare, of the capture that it names.\n"
         "\nExamples:\n\n"
         "  adb logcat -d | cameraframeboost explain -\n"
@@ -314,18 +330,20 @@ void AddExplain(CLI::App& app, Run& run) {
     command->add_option("CAPTURE", arguments->captures, "The captures; - for standard input")
         ->required()
         ->type_name("");
-    command->add_flag("--json", arguments->isJson,
-                      "One JSON object, times in milliseconds, instead of text");
+    CLI::Option* json = command->add_flag(
+        "--json", arguments->isJson, "One JSON object, times in milliseconds, instead of text");
     command->add_flag("--all", arguments->showsAllFrames, "Show all frames in the table");
     command
         ->add_option("--late", arguments->judging.latePeriods,
-                     "A frame is late when it comes out more than this many frame periods after\n"
-                     "the one before; 1.5 unless told")
+                     "A frame is late when it comes out more than this many frame periods after "
+                     "the one before; by default 1.5")
+        ->check(PeriodsError)
         ->type_name("PERIODS");
-    command
-        ->add_option("--compare", arguments->other,
-                     "Show what changed from the captures given to this one")
-        ->type_name("CAPTURE");
+    CLI::Option* compare = command
+                               ->add_option("--compare", arguments->other,
+                                            "Show what changed from the captures given to this one")
+                               ->excludes(json)
+                               ->type_name("CAPTURE");
     command
         ->add_option("--sched", arguments->trace,
                      "A scheduler trace of the same time: say what threads waited for")
@@ -333,25 +351,40 @@ void AddExplain(CLI::App& app, Run& run) {
     command
         ->add_option("--compare-sched", arguments->otherTrace,
                      "That of the capture that --compare names")
+        ->needs(compare)
         ->type_name("TRACE");
-    command->add_flag("--follow", arguments->isFollowing,
-                      "Read on as the log comes, show findings as they are found");
-    command->add_option("--to-csv", arguments->csv, "Write a row a frame here");
-    command->add_option("--to-html", arguments->page,
-                        "Write a page for a browser: findings, figures and frames, in one file");
-    command->add_option(
-        "--to-trace", arguments->tracks,
-        "Write a trace for ui.perfetto.dev, in Chrome's JSON form; as gzip where FILE "
-        "ends in .gz");
     command
         ->add_option("--frames", arguments->frames,
-                     "Show these frames in the trace, and in the table, whatever became of them;\n"
+                     "Show these frames in the trace, and in the table, whatever became of them; "
                      "one, or a range")
         ->type_name("A-B");
+    command->option_defaults()->group(OUTPUTS);
+    command->add_option("--to-csv", arguments->csv, "Write a row a frame here");
+    // A page and a trace show one capture, and a comparison has two.
+    command
+        ->add_option("--to-html", arguments->page,
+                     "Write a page for a browser: findings, figures and frames, in one file")
+        ->excludes(compare);
+    command
+        ->add_option("--to-trace", arguments->tracks,
+                     "Write a trace for ui.perfetto.dev, in Chrome's JSON form; as gzip where FILE "
+                     "ends in .gz")
+        ->excludes(compare);
     command->add_option("--to-session", arguments->session,
                         "Write the HAL's calls here, as a session for replay");
     command->add_option("--to-config", arguments->configuration,
                         "Write the configuration here, for replay --config");
+    command->option_defaults()->group("Options");
+    CLI::Option* follow =
+        command->add_flag("--follow", arguments->isFollowing,
+                          "Read on as the log comes, show findings as they are found; goes with "
+                          "--late alone");
+    for (CLI::Option* option : command->get_options()) {
+        if (!option->get_positional() && option->get_name() != "--late" && option != follow &&
+            option != command->get_help_ptr()) {
+            follow->excludes(option);
+        }
+    }
     command->callback([arguments, &run] { run = [arguments] { return RunExplain(*arguments); }; });
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <limits>
@@ -57,24 +58,22 @@ class Follower {
     }
 
     int Run() {
-        Input in("-");
+        const Input in("-");
         reader.Begin(inputs.front());
-        std::string bytes;
+        std::array<char, 1 << 16> bytes{};
         Clock::time_point judgedAt = Clock::now();
         Micros judgedTime = 0;
-        while (!IsInterrupted()) {
+        while (InterruptStatus() == 0) {
             pollfd input{STDIN_FILENO, POLLIN, 0};
             if (poll(&input, 1, 1000) == 0) {
                 // What might have had more behind it is not held back.
                 reader.Settle();
                 idle += SECOND;
-            } else if (in.peek() == std::char_traits<char>::eof()) {
-                break;
-            } else {
-                bytes.resize(static_cast<size_t>(in.rdbuf()->in_avail()));
-                in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-                reader.Read(bytes);
+            } else if (const size_t size = in.Read(bytes); size != 0) {
+                reader.Read({bytes.data(), size});
                 idle = 0;
+            } else {
+                break;
             }
             // What comes faster than it was logged is judged by its own time.
             if (Clock::now() - judgedAt >= std::chrono::seconds(1) || Now() - judgedTime >= STEP) {
@@ -233,7 +232,7 @@ class Follower {
 }  // namespace
 
 int Follow(const JudgeOptions& options) {
-    Output out("-");
+    Output out("-", StyleOf(STDOUT_FILENO));
     try {
         return Follower(out, options).Run();
     } catch (const LinesError& error) {

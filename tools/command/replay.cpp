@@ -5,9 +5,11 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "tools/command/command.h"
+#include "tools/log/capture.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -20,12 +22,34 @@ struct Arguments {
     std::string log;
 };
 
+// The text of a session; says how to come by one where it is none.
+std::string ReadSession(const Input& file) {
+    std::string text = file.ReadAll();
+    bool isLog = true;
+    try {
+        CaptureReader reader({});
+        reader.Begin(file.Name());
+        reader.Read(text);
+        reader.End();
+        reader.Finish();
+        isLog = reader.Summary().libraryLines != 0;
+    } catch (const LinesError&) {  // A log that is hard to explain is none to replay, either.
+    }
+    if (isLog || text.find_first_not_of(" \t\r\n") == std::string::npos) {
+        throw CommandError(file.Name() + ": error: " + (isLog ? "a log" : "an empty file") +
+                           " is not a session; one is made of a log by\n"
+                           "cameraframeboost explain LOG --to-session SESSION");
+    }
+    return text;
+}
+
 int RunReplay(Arguments& arguments) {
     ReplayOptions& options = arguments.options;
     Output out("-");
-    Input session(arguments.session);
+    const Input input(arguments.session);
+    std::istringstream session(ReadSession(input));
     if (!arguments.configuration.empty()) {
-        Input file(arguments.configuration);
+        const Input file(arguments.configuration);
         options.configuration = {file.Name(), file.ReadAll()};
     }
     // A capture on standard output takes the transcript's place.
@@ -38,14 +62,14 @@ int RunReplay(Arguments& arguments) {
     options.log = isLogShown ? &out : logFile ? &*logFile : nullptr;
 
     CatchInterrupts();
-    options.pace.isInterrupted = IsInterrupted;
+    options.pace.isInterrupted = [] { return InterruptStatus() != 0; };
     ProgressLine progress("frames", !options.isQuiet);
     options.pace.onProgress = [&progress](int64_t done, int64_t all) { progress.Show(done, all); };
     const bool isPlayed =
-        Replay(options, session, session.Name(), isLogShown ? nowhere : out, std::cerr);
+        Replay(options, session, input.Name(), isLogShown ? nowhere : out, std::cerr);
     progress.Clear();
     out.Close();
-    if (logFile) {
+    if (logFile && isPlayed) {
         logFile->Close();
     }
     return isPlayed ? NOTHING_FOUND : BAD_INPUT;
@@ -57,7 +81,7 @@ void AddReplay(CLI::App& app, Run& run) {
     CLI::App* command = app.add_subcommand(
         "replay", "Plays a camera session and shows what the boost service would be told");
     command->footer(
-        "\nUnder each HAL call stands what the boost service was told; !! marks a frame that was\n"
+        "\nUnder each HAL call stands what the boost service was told; !! marks a frame that was "
         "reported as bad, and a dash what was refused, and why. A summary ends it.\n\n" +
         DescribeFormat() +
         "\nFor example, two seconds of video in which the sensor drops two frames:\n\n"
@@ -76,10 +100,11 @@ void AddReplay(CLI::App& app, Run& run) {
         ->type_name("");
     command->add_option("--config", arguments->configuration,
                         "A TOML file for the configuration store instead of the built-in sample");
-    command->add_option(
-        "--log", arguments->log,
-        "Write what the library logs, as logcat would have captured it; - takes the\n"
-        "transcript's place");
+    command
+        ->add_option("--log", arguments->log,
+                     "Write what the library logs, as logcat would have captured it; - takes the "
+                     "transcript's place")
+        ->group(OUTPUTS);
     command->add_flag("--debug", options.withDebug,
                       "Debug property and trace tags on: show log lines and trace counters");
     command->add_flag("--real-time", options.pace.isRealTime,

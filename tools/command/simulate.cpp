@@ -44,7 +44,7 @@ CLI::Validator WholeNumber(int64_t lowest, int64_t highest) {
 }
 
 Camera ReadCamera(const std::string& path) {
-    Input input(path);
+    const Input input(path);
     return ParseCamera(input.ReadAll(), input.Name());
 }
 
@@ -108,7 +108,7 @@ int RunSimulate(const Arguments& arguments) {
     }
     std::optional<NamedText> configuration;
     if (!arguments.configuration.empty()) {
-        Input file(arguments.configuration);
+        const Input file(arguments.configuration);
         configuration = {file.Name(), file.ReadAll()};
     }
     const auto tell = [&configuration](const Finding& finding) {
@@ -135,7 +135,7 @@ int RunSimulate(const Arguments& arguments) {
     ProgressLine progress("frames", toStandardOutput > 0);
     options.onProgress = [&progress](int64_t done, int64_t all) {
         progress.Show(done, all);
-        return !IsInterrupted();
+        return InterruptStatus() == 0;
     };
     const Simulated simulated = Simulate(camera, capture, options);
     capture.Close();
@@ -156,22 +156,21 @@ void AddSimulate(CLI::App& app, Run& run) {
         "simulate", "Runs a virtual camera with faults of your choice and writes a device's log");
     command->footer(
         "\nA sensor hands frames to a chain of nodes, which report them to the library, in "
-        "virtual\n"
+        "virtual "
         "time. The camera file describes them, in TOML; the built-in camera, which fits the "
-        "sample\n"
-        "configuration, is installed as cameras/video-4k60.toml to copy from. Frames and stages\n"
-        "count from 0; frame 0 opens the pipeline, and faults are for those behind it. What can\n"
+        "sample "
+        "configuration, is installed as cameras/video-4k60.toml to copy from. Frames and stages "
+        "count from 0; frame 0 opens the pipeline, and faults are for those behind it. What can "
         "go wrong with a frame:\n\n" +
         DescribeFaults() +
         "\nExample: ten seconds of video in which frame 200 takes long and frame 400 is lost:\n\n"
-        "  cameraframeboost simulate --fault slow:200:2:40 --fault lost:400:3 -o capture.log\n");
+        "  cameraframeboost simulate -o capture.log \\\n"
+        "      --fault slow:200:2:40 --fault lost:400:3\n");
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<Arguments>();
     command
         ->add_option("CAMERA", arguments->camera, "The camera file; left out: the built-in camera")
         ->type_name("");
-    command->add_option("-o,--output", arguments->output,
-                        "Where the log goes; left out: standard output");
     command
         ->add_option("--frames", arguments->frames,
                      "How many frames the sensor delivers; the built-in camera's: 600")
@@ -193,17 +192,19 @@ void AddSimulate(CLI::App& app, Run& run) {
                         "A TOML file for the configuration store instead of the built-in sample");
     command
         ->add_option("--form", arguments->form,
-                     "The log's form, as logcat's -v has it: threadtime, which is the default, or\n"
-                     "time, with modifiers such as threadtime,year,usec: year, usec, nsec, zone,\n"
+                     "The log's form, as logcat's -v has it: threadtime, which is the default, or "
+                     "time, with modifiers such as threadtime,year,usec: year, usec, nsec, zone, "
                      "UTC, epoch, monotonic, uid")
         ->type_name("FORM");
+    command->option_defaults()->group(OUTPUTS);
+    command->add_option("-o,--output", arguments->output,
+                        "Where the log goes; left out: standard output");
     command->add_option(
         "--session", arguments->session,
         "Writes the calls here, as a session that replay plays with the same --config");
-    command->add_option(
-        "--truth", arguments->truth,
-        "Writes here, as JSON, what was injected and what came of it: when each frame\n"
-        "came out, what was late, what was boosted");
+    command->add_option("--truth", arguments->truth,
+                        "Writes here, as JSON, what was injected and what came of it: when each "
+                        "frame came out, what was late, what was boosted");
     command->callback([arguments, &run] { run = [arguments] { return RunSimulate(*arguments); }; });
 }
 

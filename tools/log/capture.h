@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <istream>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -148,10 +147,10 @@ class CaptureError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Reads a file from its beginning: text, what gzip made of text, or a zip with a bug report in it.
-// `onProgress` is told how many of how many bytes have been read (0: not known); reading ends when
-// it returns false. Throws a CaptureError, and what reading from `in` throws.
-void ReadText(TextSink& sink, std::istream& in,
+// Reads an open file: text, what gzip made of text, or a zip with a bug report in it. `onProgress`
+// is told how many of how many bytes have been read (0: not known); reading ends when it returns
+// false. Throws a CaptureError.
+void ReadText(TextSink& sink, int descriptor,
               const std::function<bool(int64_t done, int64_t all)>& onProgress = {});
 
 }  // namespace tools

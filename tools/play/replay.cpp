@@ -63,7 +63,8 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
     }
     if (errors > MOST_ERRORS) {
         const std::string message =
-            "as many as " + std::to_string(errors) + " lines cannot be read: is it a session?";
+            std::to_string(errors) +
+            " lines cannot be read: is it a session? explain --to-session makes one of a log";
         tell({"session-line", Severity::Error, message}, name);
     }
     if (!session.Errors().empty() ||

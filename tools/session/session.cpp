@@ -253,17 +253,17 @@ void Session::Parse(const std::function<bool(uint32_t, const Line&)>& use,
 
 std::string DescribeFormat() {
     std::ostringstream text;
-    text << "A session file holds one HAL call a line: the operation and its arguments, separated\n"
-            "by blanks. Numbers are decimal or 0x hexadecimal, flags true or false, names plain\n"
+    text << "A session file holds one HAL call a line: the operation and its arguments, separated "
+            "by blanks. Numbers are decimal or 0x hexadecimal, flags true or false, names plain "
             "words or text in double quotes. '#' starts a comment. The calls:\n\n";
     for (const OperationForm& form : Operations()) {
         text << "  " << UsageOf(form) << '\n';
     }
     text << "\nand, in between:\n\n  " << RECORDING_USAGE
          << "\n\n"
-            "plays that many frames of a normal recording: each node of the loaded stage table\n"
-            "reports each frame, one stage after another, with as many frames in flight as there\n"
-            "are stages. It starts at firstFrame, else where the last one left off, else at 1.\n"
+            "plays that many frames of a normal recording: each node of the loaded stage table "
+            "reports each frame, one stage after another, with as many frames in flight as there "
+            "are stages. It starts at firstFrame, else where the last one left off, else at 1. "
             "Each frame takes its time at the scene's frame rate.\n\n  "
          << WAIT_USAGE << "\n\nlets time pass, to three decimals.\n\n  " << STATUS_USAGE
          << "\n\nsets what the boost service answers from there on. Its functions:\n\n  "
