@@ -66,8 +66,6 @@ class Follower {
         while (InterruptStatus() == 0) {
             pollfd input{STDIN_FILENO, POLLIN, 0};
             if (poll(&input, 1, 1000) == 0) {
-                // What might have had more behind it is not held back.
-                reader.Settle();
                 idle += SECOND;
             } else if (const size_t size = in.Read(bytes); size != 0) {
                 reader.Read({bytes.data(), size});

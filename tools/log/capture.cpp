@@ -238,8 +238,7 @@ Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
     return moment;
 }
 
-// A record that is being held may still come, with an earlier time: it is only noted how far the
-// capture goes.
+// Records may still come with an earlier time: it is only noted how far the capture goes.
 void CaptureReader::OnTime(int64_t time) {
     const int64_t now = WithoutMadeUpDay(time);
     if (origin && now - latest <= LONGEST_SILENCE_IN_SCENE) {

@@ -83,7 +83,7 @@ class LinesError : public std::runtime_error {
 };
 
 // Pass the inputs one after the other: Begin, Read in pieces of any length, End for each, and
-// Finish once. Memory does not grow with the input. Read, End and Settle throw a LinesError.
+// Finish once. Memory does not grow with the input. Read and End throw a LinesError.
 class CaptureReader : public TextSink, private RecordSink {
   public:
     // The sinks are told of each message in their order. They belong to the caller.
@@ -94,8 +94,6 @@ class CaptureReader : public TextSink, private RecordSink {
     void Read(std::string_view bytes) override { records.Read(bytes); }
     void End() override;
     bool TakeDamage(const char* reason) override;
-    // Nothing comes for now, but more may: hands on what has come whole.
-    void Settle() { records.Settle(); }
     void Finish();
 
     // `lines` and `last` are kept up to date while reading.

@@ -28,17 +28,6 @@ bool Contains(std::string_view text, std::string_view part) {
     return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
 }
 
-// Takes a number of exactly `digits` digits.
-bool TakeDigits(std::string_view& text, size_t digits, int64_t& number) {
-    const auto read = ReadDigits<uint32_t>(text.substr(0, digits));
-    if (!read || text.size() < digits) {
-        return false;
-    }
-    number = *read;
-    text.remove_prefix(digits);
-    return true;
-}
-
 bool ToNumber(std::string_view text, int32_t& number) {
     const auto read = ReadDigits<int32_t>(text);
     number = read.value_or(-1);
@@ -62,8 +51,9 @@ bool TakePriority(std::string_view& text, char& priority) {
     return true;
 }
 
-// Takes one of the tags that matter and its padding.
-bool TakeTag(std::string_view& text, std::string_view& tag) {
+// Takes one of the tags that matter and its padding. `isOthers`: there is another tag, and not a
+// part of one of those.
+bool TakeTag(std::string_view& text, std::string_view& tag, bool& isOthers) {
     for (const std::string_view known : {FACADE_TAG, UTILS_TAG, CHATTY_TAG}) {
         if (!text.empty() && text[0] == known[0] && Skip(text, known)) {
             tag = known;
@@ -71,6 +61,8 @@ bool TakeTag(std::string_view& text, std::string_view& tag) {
             return true;
         }
     }
+    const size_t end = text.find(": ");
+    isOthers = end != std::string_view::npos && !Contains(text.substr(0, end), FACADE_TAG);
     return false;
 }
 
@@ -159,7 +151,6 @@ void RecordReader::Begin(uint32_t input) {
 
 void RecordReader::Read(std::string_view bytes) {
     ReadText(decoder.Decode(bytes));
-    KeepHeld();
     TellTime();
 }
 
@@ -173,10 +164,8 @@ void RecordReader::ReadText(std::string_view text) {
         } else {
             carry += text.substr(0, std::min(length, MAX_LINE - carry.size()));
             if (isWhole) {
-                // What is held must not point into the carried line when that goes.
                 ReadLine(carry);
-                KeepHeld();
-                TellTime();
+                TellTime();  // Before the line goes.
                 carry.clear();
             }
         }
@@ -205,43 +194,14 @@ void RecordReader::ReadLine(std::string_view line) {
         line.size() > lastHead.size() && line.substr(lastHead.size()).starts_with(FACADE_TAG);
     if (!isAsLast && !isTagWhereLast && !Contains(line, FACADE_TAG) &&
         !Contains(line, CHATTY_TAG)) {
-        Settle();
         return;
     }
-    Head head;
-    if (!(isAsLast ? ReadHeadAsLast(line, head) : ReadHead(line, head))) {
-        Settle();
-        if (isLog && !head.isOthers && Contains(line, LIBRARY_FILE)) {
-            sink.OnRecord({.message = line, .isWhole = false}, place);
-        }
-        return;
-    }
-    if (isHeld && !IsLibraryText(head.record.message) && head.text == held.text) {
-        Append(head.record.message);
-        return;
-    }
-    Settle();
-    held = head;
-    heldPlace = place;
-    isHeld = true;
-}
-
-void RecordReader::Append(std::string_view line) {
-    KeepHeld();
-    if (heldMessage.size() + line.size() < MAX_LINE) {
-        heldMessage += '\n';
-        heldMessage += line;
-    }
-    held.record.message = heldMessage;
-}
-
-// Makes what is held good beyond the bytes that it came in.
-void RecordReader::KeepHeld() {
-    if (isHeld && held.record.message.data() != heldMessage.data()) {
-        heldHead = held.text;
-        heldMessage = held.record.message;
-        held.text = heldHead;
-        held.record.message = heldMessage;
+    Record record;
+    bool isOthers = false;
+    if (isAsLast ? ReadHeadAsLast(line, record, isOthers) : ReadHead(line, record, isOthers)) {
+        sink.OnRecord(record, place);
+    } else if (isLog && !isOthers && Contains(line, LIBRARY_FILE)) {
+        sink.OnRecord({.message = line, .isWhole = false}, place);
     }
 }
 
@@ -250,12 +210,6 @@ void RecordReader::TellTime() {
     std::string_view line = std::exchange(timed, {});
     if (!line.empty() && isLog && ReadTime(line, time)) {
         sink.OnTime(time);
-    }
-}
-
-void RecordReader::Settle() {
-    if (std::exchange(isHeld, false)) {
-        sink.OnRecord(held.record, heldPlace);
     }
 }
 
@@ -269,34 +223,28 @@ void RecordReader::End() {
         ++lines;
         ++place.line;
         if (Contains(carry, FACADE_TAG)) {
-            Settle();
             sink.OnRecord({.message = carry, .isWhole = false}, place);
         }
         carry.clear();
     }
-    Settle();
 }
 
 // ---- Forms ----
 
 // "01-31 23:59:59.999 " and then, in threadtime, " 1047   321  4321 D tag     : ", the user where
 // the form has it; in time, "D/tag     ( 1047:  321): ".
-bool RecordReader::ReadHead(std::string_view line, Head& head) {
-    head = {};
-    Record& record = head.record;
+bool RecordReader::ReadHead(std::string_view line, Record& record, bool& isOthers) {
     std::string_view rest = line;
     if (!ReadTime(rest, record.time)) {
         return false;
     }
     SkipBlanks(rest);
     if (rest.size() > 1 && rest[1] == '/') {
-        if (!TakePriority(rest, record.priority) || !Skip(rest, "/") || !ReadTag(rest, head) ||
-            !TakeProcess(rest, record.process) || !SkipColon(rest)) {
-            return false;
-        }
+        const bool isRecord = TakePriority(rest, record.priority) && Skip(rest, "/") &&
+                              TakeTag(rest, record.tag, isOthers) &&
+                              TakeProcess(rest, record.process) && SkipColon(rest);
         record.message = rest;
-        head.text = line.substr(0, line.size() - rest.size());
-        return true;
+        return isRecord;
     }
     std::array<std::string_view, 4> words;
     size_t count = 0;
@@ -313,30 +261,14 @@ bool RecordReader::ReadHead(std::string_view line, Head& head) {
     }
     lastHead = line.substr(0, line.size() - rest.size());
     lastRecord = record;
-    return ReadHeadAsLast(line, head);
+    return ReadHeadAsLast(line, record, isOthers);
 }
 
 // A line of the default form that begins with `lastHead`.
-bool RecordReader::ReadHeadAsLast(std::string_view line, Head& head) {
-    std::string_view rest = line.substr(lastHead.size());
-    head.record = lastRecord;
-    head.isOthers = false;
-    if (!ReadTag(rest, head) || !SkipColon(rest)) {
-        return false;
-    }
-    head.record.message = rest;
-    head.text = line.substr(0, line.size() - rest.size());
-    return true;
-}
-
-// One of the tags that matter; else whether it is another one, and not a part of one of those.
-bool RecordReader::ReadTag(std::string_view& rest, Head& head) {
-    if (TakeTag(rest, head.record.tag)) {
-        return true;
-    }
-    const size_t end = rest.find(": ");
-    head.isOthers = end != std::string_view::npos && !Contains(rest.substr(0, end), FACADE_TAG);
-    return false;
+bool RecordReader::ReadHeadAsLast(std::string_view line, Record& record, bool& isOthers) const {
+    record = lastRecord;
+    record.message = line.substr(lastHead.size());
+    return TakeTag(record.message, record.tag, isOthers) && SkipColon(record.message);
 }
 
 // A date and a time of day, or seconds since 1970 or since boot; then the zone, where there is one.
@@ -351,27 +283,26 @@ bool RecordReader::ReadTime(std::string_view& rest, int64_t& time) {
     if (!Skip(rest, ".")) {
         return false;
     }
+    size_t digits = rest.size();
     int64_t fraction = 0;
-    size_t digits = 0;
-    for (; digits < rest.size() && IsDigit(rest[digits]); ++digits) {
-        if (digits < 6) {
-            fraction = 10 * fraction + (rest[digits] - '0');
-        }
-    }
-    if (digits < 3) {
+    if (rest.empty() || !IsDigit(rest[0]) || !TakeNumber(rest, fraction)) {
         return false;
     }
-    for (size_t i = digits; i < 6; ++i) {
+    digits -= rest.size();
+    if (digits < 3 || digits > 9) {
+        return false;
+    }
+    for (; digits < 6; ++digits) {
         fraction *= 10;
     }
-    rest.remove_prefix(digits);
+    for (; digits > 6; --digits) {
+        fraction /= 10;
+    }
+    // " +0530"
     std::string_view zone = rest;
-    int64_t hours = 0;
-    int64_t minutes = 0;
-    const bool isWest = zone.starts_with(" -");
-    if ((Skip(zone, " +") || Skip(zone, " -")) && TakeDigits(zone, 2, hours) &&
-        TakeDigits(zone, 2, minutes)) {
-        seconds += (isWest ? 60 : -60) * (60 * hours + minutes);
+    int64_t offset = 0;
+    if (Skip(zone, " ") && (Skip(zone, "+") || zone.starts_with('-')) && TakeNumber(zone, offset)) {
+        seconds -= 60 * (offset / 100 * 60 + offset % 100);
         rest = zone;
     }
     time = seconds * SECOND + fraction;
@@ -392,11 +323,10 @@ bool RecordReader::ReadDate(std::string_view& rest, int64_t& seconds) {
     int64_t minute = 0;
     int64_t second = 0;
     const bool hasYear = text.size() > 4 && text[4] == '-';
-    if ((hasYear && !(TakeDigits(text, 4, number) && Skip(text, "-"))) ||
-        !TakeDigits(text, 2, month) || !Skip(text, "-") || !TakeDigits(text, 2, day) ||
-        !Skip(text, " ") || !TakeDigits(text, 2, hour) || !Skip(text, ":") ||
-        !TakeDigits(text, 2, minute) || !Skip(text, ":") || !TakeDigits(text, 2, second) ||
-        month < 1 || month > 12) {
+    if ((hasYear && !(TakeNumber(text, number) && Skip(text, "-"))) || !TakeNumber(text, month) ||
+        !Skip(text, "-") || !TakeNumber(text, day) || !Skip(text, " ") || !TakeNumber(text, hour) ||
+        !Skip(text, ":") || !TakeNumber(text, minute) || !Skip(text, ":") ||
+        !TakeNumber(text, second) || month < 1 || month > 12 || day < 1 || day > 31) {
         return false;
     }
     if (!hasYear) {

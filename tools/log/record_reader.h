@@ -55,30 +55,20 @@ class RecordReader {
     // The next of the inputs begins.
     void Begin(uint32_t input);
     void Read(std::string_view bytes);
-    // Nothing more comes for now: hands on what might have had a next line.
-    void Settle();
     // The input has ended.
     void End();
 
     int64_t Lines() const { return lines; }
 
   private:
-    // What stands before a message, and the record as far as one line tells it.
-    struct Head {
-        Record record;
-        std::string_view text;  // As it stands.
-        bool isOthers = false;  // Whole, but has another tag.
-    };
-
     void ReadText(std::string_view text);
     void ReadLine(std::string_view line);
-    bool ReadHead(std::string_view line, Head& head);
-    bool ReadHeadAsLast(std::string_view line, Head& head);
-    static bool ReadTag(std::string_view& rest, Head& head);
+    // These return whether the line is a record of the library's or chatty's; `isOthers`: it is
+    // whole, but has another tag.
+    bool ReadHead(std::string_view line, Record& record, bool& isOthers);
+    bool ReadHeadAsLast(std::string_view line, Record& record, bool& isOthers) const;
     bool ReadTime(std::string_view& rest, int64_t& time);
     bool ReadDate(std::string_view& rest, int64_t& seconds);
-    void Append(std::string_view line);
-    void KeepHeld();
     void TellTime();
 
     RecordSink& sink;
@@ -88,12 +78,6 @@ class RecordReader {
     std::string carry;       // The beginning of a line whose end has not come.
     std::string_view timed;  // The last line that may begin with a time, until that is told.
     bool isLog = true;       // False in the parts of a bug report that are no log.
-
-    // The record that may go on in the next line: a message of several lines repeats its head.
-    Head held;
-    Place heldPlace;
-    bool isHeld = false;
-    std::string heldHead, heldMessage;  // Where it is kept beyond the bytes it came in.
 
     // Lines come by the thousand a second: the last date and time, less the second's fraction.
     std::string dateText;
