@@ -46,15 +46,6 @@ SceneFinding NotUnderstoodOf(const Account& account, const CaptureSummary& summa
     return finding;
 }
 
-// What the checker says of a configuration.
-std::vector<Finding> FindingsOf(const Configuration& configuration) {
-    std::vector<Finding> findings = CheckConfiguration(ToToml(configuration)).findings;
-    for (Finding& finding : findings) {
-        finding.place = {};  // Of a text that nobody has.
-    }
-    return findings;
-}
-
 }  // namespace
 
 Account MakeAccount(FactsMaker& facts, const CaptureSummary& summary,
@@ -75,7 +66,7 @@ Account MakeAccount(FactsMaker& facts, const CaptureSummary& summary,
         account.findings.push_back(NotUnderstoodOf(account, summary));
     }
     for (LoadedConfiguration& loaded : account.configurations) {
-        loaded.findings = FindingsOf(loaded.configuration);
+        loaded.findings = CheckConfiguration(loaded.configuration);
     }
     Judge(account, options);
     return account;

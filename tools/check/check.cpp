@@ -29,6 +29,12 @@ constexpr std::array KEYS = {WIDTH, SWITCH, MODES, STAGE};
 
 // The node that is named per camera: this and the camera's number.
 constexpr std::string_view CAMERA_NODE = "MCTFE0_cam";
+// No more stages are told of that are missing from a table.
+constexpr int32_t MOST_SKIPPED = 1000;
+constexpr const char* SWITCHED_OFF = "boosting is switched off, nothing is boosted";
+constexpr const char* NO_MODES = "no operation mode is supported, nothing is boosted";
+constexpr const char* NO_STAGES =
+    "no node ends a stage, so the boost service is never told of a frame";
 constexpr int32_t FRAMES_TRACKED = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
 
 // What kind of value it is, for people.
@@ -64,7 +70,45 @@ bool Fits(int64_t number) {
 
 class Checker {
   public:
-    explicit Checker(std::string_view text) : toml(text) {}
+    explicit Checker(std::string_view text = {}) : toml(text) {}
+
+    // What is wrong with a table that no file has.
+    std::vector<Finding> Check(const Configuration& known) {
+        table = known;
+        // A dump does not say how many stages there are.
+        const int64_t end = known.stages.empty() ? 0 : int64_t{known.stages.back().stage} + 1;
+        table.stageCount =
+            known.stageCount.value_or(static_cast<int32_t>(std::min<int64_t>(end, INT32_MAX)));
+        if (!table.isEnabled) {
+            AddSwitchedOff({});
+        }
+        if (table.modes.empty()) {
+            AddNoModes({});
+        }
+        if (table.stageCount == 0) {
+            AddNoStages({});
+        }
+        CheckStageCount({});
+        places.resize(table.stages.size());
+        int64_t next = 0;
+        const auto skipTo = [&](int32_t to) {
+            for (; next < to && next < MOST_SKIPPED; ++next) {
+                AddEmptyStage(next, {});
+            }
+        };
+        for (size_t i = 0; i < table.stages.size(); ++i) {
+            const ConfiguredStage& stage = table.stages[i];
+            skipTo(stage.stage);
+            next = int64_t{stage.stage} + 1;
+            CheckName(stage.stage, stage.node, {});
+            CheckPair(i);
+            if (stage.ports.size() > 1) {
+                AddSeveralPorts(stage.stage, stage.ports.size(), {});
+            }
+        }
+        skipTo(*table.stageCount);
+        return std::move(result.findings);
+    }
 
     CheckedConfiguration Check() {
         table.additionalWidth = 0;
@@ -138,7 +182,9 @@ class Checker {
         CheckWidth(section->get(WIDTH));
         CheckModes(*section);
         CheckStages(*section);
-        CheckPairs();
+        for (size_t i = 0; i < table.stages.size(); ++i) {
+            CheckPair(i);
+        }
     }
 
     void CheckNoSection(const toml::table& file, const toml::node* found) {
@@ -167,17 +213,19 @@ class Checker {
 
     void CheckSwitch(const toml::table& section) {
         const toml::node* node = section.get(SWITCH);
-        constexpr const char* consequence = "boosting is switched off, nothing is boosted";
         if (node == nullptr) {
             Add("switched-off", Severity::Error, section.source(), "there is no {}: {}", SWITCH,
-                consequence);
+                SWITCHED_OFF);
         } else if (!node->is_boolean()) {
             Add("wrong-type", Severity::Error, node->source(),
-                "{} is {}, where true or false is read: {}", SWITCH, ValueOf(*node), consequence);
+                "{} is {}, where true or false is read: {}", SWITCH, ValueOf(*node), SWITCHED_OFF);
         } else if (!(table.isEnabled = node->as_boolean()->get())) {
-            Add("switched-off", Severity::Error, node->source(), "{} is false: {}", SWITCH,
-                consequence);
+            AddSwitchedOff(node->source());
         }
+    }
+
+    void AddSwitchedOff(const toml::source_region& place) {
+        Add("switched-off", Severity::Error, place, "{} is false: {}", SWITCH, SWITCHED_OFF);
     }
 
     void CheckWidth(const toml::node* node) {
@@ -209,20 +257,19 @@ class Checker {
 
     void CheckModes(const toml::table& section) {
         const toml::node* node = section.get(MODES);
-        constexpr const char* consequence = "no operation mode is supported, nothing is boosted";
         if (node == nullptr) {
             Add("no-modes", Severity::Error, section.source(), "there is no {}: {}", MODES,
-                consequence);
+                NO_MODES);
             return;
         }
         const toml::array* list = node->as_array();
         if (list == nullptr) {
             Add("wrong-type", Severity::Error, node->source(), "{} is {}, where a list is read: {}",
-                MODES, ValueOf(*node), consequence);
+                MODES, ValueOf(*node), NO_MODES);
             return;
         }
         if (list->empty()) {
-            Add("no-modes", Severity::Error, node->source(), "{} is empty: {}", MODES, consequence);
+            AddNoModes(node->source());
         }
         bool isReadable = true;
         std::set<int32_t> modes;
@@ -242,6 +289,10 @@ class Checker {
         } else {
             table.isEnabled = false;
         }
+    }
+
+    void AddNoModes(const toml::source_region& place) {
+        Add("no-modes", Severity::Error, place, "{} is empty: {}", MODES, NO_MODES);
     }
 
     void CheckMode(const toml::node& node, int64_t number, std::set<int32_t>& modes) {
@@ -265,29 +316,26 @@ class Checker {
     void CheckStages(const toml::table& section) {
         const toml::node* node = section.get(STAGE);
         const toml::table* stages = node == nullptr ? nullptr : node->as_table();
-        constexpr const char* consequence =
-            "no node ends a stage, so the boost service is never told of a frame";
         table.stageCount = stages == nullptr ? 0 : static_cast<int32_t>(stages->size());
         if (node == nullptr) {
             Add("no-stages", Severity::Error, section.source(), "there is no table of stages: {}",
-                consequence);
+                NO_STAGES);
         } else if (stages == nullptr) {
             Add("wrong-type", Severity::Error, node->source(),
-                "stage is {}, where a table of lists is read: {}", ValueOf(*node), consequence);
+                "stage is {}, where a table of lists is read: {}", ValueOf(*node), NO_STAGES);
         } else if (stages->empty()) {
-            Add("no-stages", Severity::Error, node->source(), "the table of stages is empty: {}",
-                consequence);
+            AddNoStages(node->source());
         }
         if (stages == nullptr) {
             return;
         }
-        std::map<uint64_t, std::pair<const toml::key*, const toml::node*>> numbered;
+        std::map<int64_t, std::pair<const toml::key*, const toml::node*>> numbered;
         for (const auto& [key, value] : *stages) {
             if (const auto number = StageNumber(key)) {
                 numbered[*number] = {&key, &value};
             }
         }
-        uint64_t next = 0;
+        int64_t next = 0;
         for (const auto& [number, stage] : numbered) {
             if (number != next) {
                 const std::string missing =
@@ -299,15 +347,23 @@ class Checker {
             CheckStage(number, *stage.second);
             next = number + 1;
         }
+        CheckStageCount(node->source());
+    }
+
+    void AddNoStages(const toml::source_region& place) {
+        Add("no-stages", Severity::Error, place, "the table of stages is empty: {}", NO_STAGES);
+    }
+
+    void CheckStageCount(const toml::source_region& place) {
         if (table.stageCount == 1 && table.stages.size() == 1) {
-            Add("single-stage", Severity::Error, places[0],
+            Add("single-stage", Severity::Error, places.empty() ? place : places[0],
                 "it is the only stage: its node end starts frames, it never ends one. Each frame "
                 "is reported as an error for a stage 1 that does not exist, and again when {} fill "
                 "the table and the oldest has to make room",
                 Counted(FRAMES_TRACKED, "frame"));
         }
-        if (*table.stageCount >= FRAMES_TRACKED) {
-            Add("too-many-stages", Severity::Warning, node->source(),
+        if (table.stageCount >= FRAMES_TRACKED) {
+            Add("too-many-stages", Severity::Warning, place,
                 "{}, and no more than {} are tracked: with a frame in each stage the next one "
                 "pushes the oldest out, which is reported and never ends",
                 Counted(*table.stageCount, "stage"), Counted(FRAMES_TRACKED, "frame"));
@@ -324,11 +380,12 @@ class Checker {
     }
 
     // The stage's number; nothing for a key that the library never asks for.
-    std::optional<uint64_t> StageNumber(const toml::key& key) {
+    std::optional<int64_t> StageNumber(const toml::key& key) {
         constexpr size_t mostDigits = 18;
         const std::string_view text = key.str();
-        const auto number = ReadDigits<uint64_t>(text);
-        if (number && text.size() <= mostDigits && text == std::to_string(*number)) {
+        const auto number = ReadDigits<int64_t>(text);
+        if (number && *number >= 0 && text.size() <= mostDigits &&
+            text == std::to_string(*number)) {
             return number;
         }
         Add("unknown-key", Severity::Error, key.source(),
@@ -339,7 +396,7 @@ class Checker {
     }
 
     // Takes in the stage, unless loading has stopped.
-    void CheckStage(uint64_t number, const toml::node& node) {
+    void CheckStage(int64_t number, const toml::node& node) {
         const toml::array* list = node.as_array();
         if (list == nullptr) {
             Add("wrong-type", Severity::Error, node.source(),
@@ -348,11 +405,7 @@ class Checker {
             return;
         }
         if (list->empty()) {
-            Add("stage-empty", Severity::Error, node.source(),
-                "stage {} has neither node nor ports: it is skipped but still counts, so it never "
-                "ends, and no frame does",
-                number);
-            return;
+            return AddEmptyStage(number, node.source());
         }
         std::vector<std::string> texts;
         for (const toml::node& value : *list) {
@@ -384,11 +437,7 @@ class Checker {
             CheckPort(number, texts[i], (*list)[i].source(), ports);
         }
         if (ports.size() > 1) {
-            Add("several-ports", Severity::Note, (*list)[1].source(),
-                "stage {} ends on any one of its {}, which are alternatives. Where a frame comes "
-                "out on two of them, {}",
-                number, Counted(static_cast<int64_t>(ports.size()), "port"),
-                OfSecondEnd(table, static_cast<int32_t>(number)));
+            AddSeveralPorts(number, ports.size(), (*list)[1].source());
         }
         if (loads) {
             stage.stage = static_cast<int32_t>(number);
@@ -398,7 +447,22 @@ class Checker {
         }
     }
 
-    void CheckName(uint64_t number, const std::string& name, const toml::source_region& place) {
+    void AddEmptyStage(int64_t number, const toml::source_region& place) {
+        Add("stage-empty", Severity::Error, place,
+            "stage {} has neither node nor ports: it is skipped but still counts, so it never "
+            "ends, and no frame does",
+            number);
+    }
+
+    void AddSeveralPorts(int64_t number, size_t ports, const toml::source_region& place) {
+        Add("several-ports", Severity::Note, place,
+            "stage {} ends on any one of its {}, which are alternatives. Where a frame comes out "
+            "on two of them, {}",
+            number, Counted(static_cast<int64_t>(ports), "port"),
+            OfSecondEnd(table, static_cast<int32_t>(number)));
+    }
+
+    void CheckName(int64_t number, const std::string& name, const toml::source_region& place) {
         const std::string node = fmt::format("node {} of stage {}", Quoted(name), number);
         const auto isOdd = [](unsigned char letter) { return letter < ' ' || letter == 0x7F; };
         if (name.empty()) {
@@ -433,7 +497,7 @@ class Checker {
     }
 
     // Adds what the library reads of `text` to `ports`.
-    void CheckPort(uint64_t number, const std::string& text, const toml::source_region& place,
+    void CheckPort(int64_t number, const std::string& text, const toml::source_region& place,
                    std::set<int32_t>& ports) {
         const std::string port = fmt::format("port {} of stage {}", Quoted(text), number);
         char* end = nullptr;
@@ -461,16 +525,14 @@ class Checker {
         }
     }
 
-    // What stages do to one another.
-    void CheckPairs() {
-        for (size_t i = 0; i < table.stages.size(); ++i) {
-            const ConfiguredStage& stage = table.stages[i];
-            const int32_t winner = stage.node.empty() ? stage.stage : NamedStageOf(stage.node);
-            if (winner == stage.stage) {
-                CheckPorts(stage, places[i]);
-            } else {
-                AddShadowed(stage, winner, places[i]);
-            }
+    // What other stages do to a loaded one.
+    void CheckPair(size_t i) {
+        const ConfiguredStage& stage = table.stages[i];
+        const int32_t winner = stage.node.empty() ? stage.stage : NamedStageOf(stage.node);
+        if (winner == stage.stage) {
+            CheckPorts(stage, places[i]);
+        } else {
+            AddShadowed(stage, winner, places[i]);
         }
     }
 
@@ -540,6 +602,10 @@ class Checker {
 
 CheckedConfiguration CheckConfiguration(std::string_view toml) {
     return Checker(toml).Check();
+}
+
+std::vector<Finding> CheckConfiguration(const Configuration& configuration) {
+    return Checker().Check(configuration);
 }
 
 }  // namespace tools

@@ -60,6 +60,9 @@ struct CheckedConfiguration {
 
 // Checks TOML text.
 CheckedConfiguration CheckConfiguration(std::string_view toml);
+// Checks a table that no file has, as the dump in a log is one: of the width, which a dump lacks,
+// nothing is said. The findings have no places.
+std::vector<Finding> CheckConfiguration(const Configuration& configuration);
 
 // The configuration as a file that the store would serve, with what `Configuration` does not know
 // left out and marked in comments. What is read back from it is the same table.

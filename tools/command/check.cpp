@@ -18,7 +18,6 @@ namespace {
 struct Arguments {
     std::vector<std::string> configurations;
     std::string nodes;
-    bool isStrict = false;
     bool isJson = false;
 };
 
@@ -39,10 +38,8 @@ CheckedFile CheckFile(const std::string& path, bool isJson) {
     return file;
 }
 
-int StatusOf(const CheckedFile& file, bool isStrict) {
-    const auto isFault = [isStrict](const Finding& finding) {
-        return finding.severity >= (isStrict ? Severity::Warning : Severity::Error);
-    };
+int StatusOf(const CheckedFile& file) {
+    const auto isFault = [](const Finding& finding) { return finding.severity == Severity::Error; };
     const bool hasFault =
         std::any_of(file.checked.findings.begin(), file.checked.findings.end(), isFault) ||
         std::any_of(file.nodeFindings.begin(), file.nodeFindings.end(), isFault);
@@ -72,7 +69,7 @@ int RunCheck(const Arguments& arguments) {
                 file.nodeFindings = CheckNodes(file.checked.table, file.nodes);
             }
         }
-        status = std::max(status, StatusOf(file, arguments.isStrict));
+        status = std::max(status, StatusOf(file));
         if (!arguments.isJson) {
             out << (files.size() > 1 ? "\n" : "");
             WriteText(out, file);
@@ -97,8 +94,8 @@ void AddCheck(CLI::App& app, Run& run) {
         "what one would expect, or for some cameras only. Notes: good to know.\n"
         "\n" +
         DescribeNodesFormat() +
-        "\nExit status: 0 neither errors nor, with --strict, warnings; 1 some; 2 a file cannot be "
-        "read or parsed. The worst of several files counts.");
+        "\nExit status: 0 no errors; 1 some; 2 a file cannot be read or parsed. The worst of "
+        "several files counts.");
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<Arguments>();
     command
@@ -110,7 +107,6 @@ void AddCheck(CLI::App& app, Run& run) {
         "--nodes", arguments->nodes,
         "The nodes that the HAL reports, see below: which stages they end, and which "
         "not");
-    command->add_flag("--strict", arguments->isStrict, "Exit status 1 for warnings, too");
     command->add_flag("--json", arguments->isJson,
                       "One object with findings and table; tables for several files");
     command->callback([arguments, &run] { run = [arguments] { return RunCheck(*arguments); }; });
