@@ -116,27 +116,52 @@ Severity WorstOf(const Account& account) {
     return worst;
 }
 
-// What a viewer of the video would see comes first: frames that never came out, and late ones.
-std::string VerdictOf(const Account& account) {
-    int64_t frames = 0, mixed = 0, neverOut = 0, notBoosted = 0, untold = 0, late = 0, started = 0;
-    Micros threshold = 0;
-    for (const Scene& scene : account.scenes) {
-        frames += scene.frameCount;
-        mixed += scene.isMixed ? scene.frameCount : 0;
-        neverOut += static_cast<int64_t>(scene.neverOut.size());
-        notBoosted += scene.notBoosted;
-        untold += scene.untold;
-        late += scene.lateFrames;
-        threshold = scene.isStarted ? std::max(threshold, scene.lateThreshold) : threshold;
-        started += scene.isStarted ? 1 : 0;
+std::set<int32_t> CamerasOf(const Scene& scene) {
+    std::set<int32_t> cameras;
+    for (const Reporter& reporter : scene.reporters) {
+        cameras.insert(reporter.camera);
     }
-    if (started == 0) {
+    return cameras;
+}
+
+void Totals::Add(const Account& account, int64_t sign) {
+    worst = std::max(worst, WorstOf(account));
+    for (const Scene& scene : account.scenes) {
+        frames += sign * (scene.frameCount - scene.onlyOpened);
+        mixed += sign * (scene.isMixed ? scene.frameCount - scene.onlyOpened : 0);
+        neverOut += sign * std::ssize(scene.neverOut);
+        notBoosted += sign * scene.notBoosted;
+        untold += sign * scene.untold;
+        late += sign * scene.lateFrames;
+        if (scene.isStarted) {
+            lateThreshold = std::max(lateThreshold, scene.lateThreshold);
+            isStarted = true;
+        }
+    }
+}
+
+std::string LateText(Micros lateThreshold) {
+    return Fixed(static_cast<double>(lateThreshold) / 1000, 1);
+}
+
+std::string VerdictOf(const Account& account) {
+    Totals totals;
+    totals.Add(account);
+    return VerdictOf(totals);
+}
+
+// What a viewer of the video would see comes first: frames that never came out, and late ones.
+std::string VerdictOf(const Totals& totals) {
+    const auto& [frames, mixed, neverOut, notBoosted, untold, late, lateThreshold, isStarted,
+                 worst] = totals;
+    if (!isStarted) {
         return "Nothing was boosted: no scene was started.";
     }
-    const bool isWell = WorstOf(account) == Severity::Note;
-    if (frames == 0) {
+    const bool isWell = worst == Severity::Note;
+    if (frames <= 0) {
         return isWell ? "Nothing was boosted: no frame was reported."
-                      : "No frame is told of, but there is something to look at.";
+                      : "Nothing was boosted: no frame was reported, and there is something to "
+                        "look at.";
     }
     const std::string all = Counted(frames, "frame");
     std::vector<std::string> parts;
@@ -145,7 +170,7 @@ std::string VerdictOf(const Account& account) {
     }
     if (late > 0) {
         parts.push_back(fmt::format("{} came out late, more than {} ms after the frame before",
-                                    late, Fixed(static_cast<double>(threshold) / 1000, 1)));
+                                    late, LateText(lateThreshold)));
     }
     if (notBoosted > 0) {
         parts.push_back(fmt::format("{} {} not boosted from start to end", notBoosted,

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tools/base/finding.h"
+#include "tools/base/statistics.h"
 #include "tools/base/times.h"
 #include "tools/check/check.h"
 
@@ -190,12 +191,6 @@ struct Frame {
     Micros interval = NO_TIME;  // From the output before to its own.
 };
 
-// n, percentiles and the largest of some durations in microseconds.
-struct Statistics {
-    int64_t count = 0;
-    Micros p50 = 0, p90 = 0, p95 = 0, p99 = 0, max = 0;
-};
-
 // What reports ends: a node, on a port, for a camera.
 struct Reporter {
     std::string node;
@@ -270,6 +265,7 @@ struct Scene {
     std::vector<SceneFinding> findings;  // Worst first, causes before consequences.
     std::array<int64_t, FRAME_STATUSES> statusCounts{};
     int64_t frameCount = 0;         // All frames, those that left no line included.
+    int64_t onlyOpened = 0;         // Of these, frames that were opened and never came.
     std::vector<int64_t> neverOut;  // The numbers of those that never came out, ascending.
     int64_t notBoosted = 0;  // Frames that were not boosted from start to end and should have been.
     int64_t untold = 0;      // Frames whose fate is not known, as lines are missing.
@@ -277,6 +273,10 @@ struct Scene {
     Micros lateThreshold = 0;  // A longer interval is late.
     Statistics latency, interval;
     std::vector<Statistics> stages, waits, works;  // A stage each: whole, waiting, working.
+
+    // Frames per second as described; as the library boosts them where that is not known.
+    int32_t Rate() const { return fps > 0 ? fps : 60; }
+    Micros Period() const { return SECOND / Rate(); }
 
     StagePass& PassOf(size_t frame, int32_t stage) {
         return passes[frame * static_cast<size_t>(stageCount) + static_cast<size_t>(stage)];
@@ -311,8 +311,26 @@ struct Account {
 // The worst of all findings but the checker's; a note when there is none.
 Severity WorstOf(const Account& account);
 
+// The numbers of the cameras whose nodes were reported.
+std::set<int32_t> CamerasOf(const Scene& scene);
+
+// Counts over all scenes of an account.
+struct Totals {
+    int64_t frames = 0, mixed = 0, neverOut = 0, notBoosted = 0, untold = 0, late = 0;
+    Micros lateThreshold = 0;
+    bool isStarted = false;
+    Severity worst = Severity::Note;
+
+    // `sign`: -1 takes the counts away again.
+    void Add(const Account& account, int64_t sign = 1);
+};
+
 // What came of it all, in a sentence.
+std::string VerdictOf(const Totals& totals);
 std::string VerdictOf(const Account& account);
+
+// How late a frame has to be, in milliseconds: "25.0".
+std::string LateText(Micros lateThreshold);
 
 // "file:line: severity: message [check-name]", with the moment in the scene where it is known.
 // `scene`: null where the finding is about none.

@@ -415,14 +415,13 @@ void RaiseIfSlowForGood(Judging& judging, int32_t stage, size_t from, size_t to)
 
 void FindRates(Judging& judging) {
     for (const RateStretch& stretch : judging.schedule.Rates()) {
-        const int32_t fps = judging.scene.fps > 0 ? judging.scene.fps : 60;
         judging.Raise(
             Check::Rate, Severity::Warning, NO_INDEX, 0, stretch.place, stretch.begin,
             fmt::format(
                 wording::RATE,
                 fmt::arg("rate", Fixed(1e6 / static_cast<double>(stretch.period), 1)),
                 fmt::arg("time", Fixed(static_cast<double>(stretch.end - stretch.begin) / 1e6, 1)),
-                fmt::arg("fps", fps)));
+                fmt::arg("fps", judging.scene.Rate())));
     }
 }
 

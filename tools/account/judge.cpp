@@ -72,15 +72,15 @@ void CountFrames(Judging& judging) {
             continue;
         }
         Frame& row = scene.frames[frame];
+        const bool isOnlyOpened = judging.schedule.LastStage() >= 0 && !row.isUntold &&
+                                  !row.isNeverOut && judging.NextStage(frame) == 0;
+        scene.onlyOpened += isOnlyOpened ? 1 : 0;
         if (row.isUntold) {
             row.reason = row.status == FrameStatus::Complete ? row.reason : Reason::LinesMissing;
             ++scene.untold;
         } else if (judging.IsExplained(frame)) {
             row.hasFinding = true;
-            // One that was only opened, and never came.
-            const bool isOfSensor = judging.schedule.LastStage() >= 0 && !row.isNeverOut &&
-                                    judging.NextStage(frame) == 0;
-            scene.notBoosted += row.status != FrameStatus::Complete && !isOfSensor ? 1 : 0;
+            scene.notBoosted += row.status != FrameStatus::Complete && !isOnlyOpened ? 1 : 0;
         }
         if (row.status == FrameStatus::Open && row.isNeverOut) {
             row.reason = Reason::NeverLeft;
@@ -121,8 +121,7 @@ void Conclude(Judging& judging, size_t toldOneByOne) {
 
 void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolution,
                 const JudgeOptions& options) {
-    scene.lateThreshold =
-        std::llround(options.latePeriods * 1e6 / (scene.fps > 0 ? scene.fps : 60));
+    scene.lateThreshold = std::llround(options.latePeriods * 1e6 / scene.Rate());
     if (!scene.isStarted) {
         return;
     }
@@ -134,6 +133,7 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
         FindStandstills(judging);
         ClassifyFrames(judging);
         FindNeverHit(judging);
+        FindNoneHit(judging, configuration);
         FindMissingNumbers(judging);
         FindLost(judging);
         FindRestarts(judging);
@@ -180,33 +180,6 @@ std::pair<uint16_t, int64_t> KeyOf(const Frame& frame) {
 }
 
 }  // namespace
-
-Statistics StatisticsOf(std::vector<Micros>& values) {
-    Statistics statistics;
-    statistics.count = static_cast<int64_t>(values.size());
-    if (values.empty()) {
-        return statistics;
-    }
-    // The smallest value that as many per cent are not above. Each search has only to look above
-    // the one before.
-    auto from = values.begin();
-    const auto percentile = [&](double share) {
-        const auto rank = static_cast<size_t>(
-            std::max(std::ceil(share * static_cast<double>(values.size())) - 1, 0.0));
-        const auto nth = values.begin() + static_cast<std::ptrdiff_t>(rank);
-        if (nth >= from) {
-            std::nth_element(from, nth, values.end());
-            from = nth;
-        }
-        return *nth;
-    };
-    statistics.p50 = percentile(0.5);
-    statistics.p90 = percentile(0.9);
-    statistics.p95 = percentile(0.95);
-    statistics.p99 = percentile(0.99);
-    statistics.max = *std::max_element(from, values.end());
-    return statistics;
-}
 
 void JoinFindings(Scene& scene, size_t toldOneByOne) {
     std::map<std::pair<Check, int32_t>, std::vector<SceneFinding*>> kinds;

@@ -19,7 +19,4 @@ void Judge(Account& account, const JudgeOptions& options = {});
 // kind.
 void JoinFindings(Scene& scene, size_t toldOneByOne);
 
-// Changes the order of the values.
-Statistics StatisticsOf(std::vector<Micros>& values);
-
 }  // namespace tools

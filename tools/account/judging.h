@@ -98,6 +98,7 @@ void FindHoles(Judging& judging);
 void FindStandstills(Judging& judging);
 void ClassifyFrames(Judging& judging);
 void FindNeverHit(Judging& judging);
+void FindNoneHit(Judging& judging, const Configuration* configuration);
 void FindMissingNumbers(Judging& judging);
 void FindLost(Judging& judging);
 void FindRestarts(Judging& judging);

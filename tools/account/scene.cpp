@@ -13,6 +13,17 @@ namespace {
 // Without so many frames it cannot be said that a stage is never hit.
 constexpr size_t ENOUGH_FRAMES = 8;
 constexpr size_t PLACES = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
+// So many nodes are named in a sentence.
+constexpr size_t MOST_NODES = 12;
+
+// "port 3 and 5", "no port".
+std::string PortsText(const ConfiguredStage& stage) {
+    std::vector<std::string> ports;
+    for (const int32_t port : stage.ports) {
+        ports.push_back(fmt::to_string(port));
+    }
+    return ports.empty() ? "no port" : "port " + Join(ports);
+}
 
 }  // namespace
 
@@ -31,7 +42,8 @@ void FindNeverHit(Judging& judging) {
     for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
         const Frame& row = scene.frames[frame];
         const bool hasCome = stage == 0 || scene.PassOf(frame, stage - 1).HasLeft();
-        if (row.isStarted && !row.isEnded && hasCome) {
+        // Frames that nobody starts are opened by stage 0.
+        if ((row.isStarted || stage == 0) && !row.isEnded && hasCome) {
             frames.push_back(row.number);
             judging.Explain(frame, number);
         }
@@ -48,6 +60,45 @@ void FindNeverHit(Judging& judging) {
     trouble.finding.frame = frames.front();
     trouble.finding.frames = RangesOf(frames);
     trouble.finding.times = static_cast<int64_t>(frames.size());
+}
+
+// Of a scene without frames: its nodes are not those of the configuration.
+void FindNoneHit(Judging& judging, const Configuration* configuration) {
+    const Scene& scene = judging.scene;
+    std::vector<std::string> nodes, stages;
+    int64_t most = 0;  // How often a node was reported.
+    for (const Reporter& reporter : scene.reporters) {
+        if (reporter.counts == true) {
+            return;
+        }
+        most = std::max(most, reporter.times);
+        std::string node = fmt::format("{} (port {})", Quoted(reporter.node), reporter.port);
+        if (std::find(nodes.begin(), nodes.end(), node) == nodes.end()) {
+            nodes.push_back(std::move(node));
+        }
+    }
+    // In part of a scene the nodes of stages may be yet to come.
+    const bool isWhole = scene.hasEnd && !scene.isBeginningMissing;
+    if (nodes.empty() || !scene.frames.empty() ||
+        (!isWhole && most < static_cast<int64_t>(ENOUGH_FRAMES))) {
+        return;
+    }
+    if (nodes.size() > MOST_NODES) {
+        const size_t more = nodes.size() - MOST_NODES;
+        nodes.resize(MOST_NODES);
+        nodes.push_back(fmt::format("{} more", more));
+    }
+    for (const ConfiguredStage& stage :
+         configuration == nullptr ? std::vector<ConfiguredStage>() : configuration->stages) {
+        stages.push_back(fmt::format("stage {} waits for {} ({})", stage.stage, Quoted(stage.node),
+                                     PortsText(stage)));
+    }
+    judging.Raise(
+        Check::StageNeverHit, Severity::Error, NO_INDEX, -1, scene.reporters.front().place, NO_TIME,
+        fmt::format(wording::NONE_HIT, fmt::arg("nodes", Join(nodes)),
+                    fmt::arg("were", nodes.size() == 1 ? "was" : "were"),
+                    fmt::arg("stages", stages.empty() ? "the configured stages wait for others"
+                                                      : Join(stages))));
 }
 
 // Frames that were pushed out of the table suffer from what held up the pipeline.
@@ -194,12 +245,7 @@ void FindIgnored(Judging& judging, const Configuration* configuration) {
                                    !scene.order[static_cast<size_t>(stage.stage)].empty();
                 stageNumber = stage.stage;
                 if (isNamed) {
-                    std::vector<std::string> ports;
-                    for (const int32_t port : stage.ports) {
-                        ports.push_back(fmt::to_string(port));
-                    }
-                    text += fmt::format("; stage {} expects {}", stage.stage,
-                                        ports.empty() ? "no port" : "port " + Join(ports));
+                    text += fmt::format("; stage {} expects {}", stage.stage, PortsText(stage));
                 } else {
                     text += fmt::format("; stage {} expects {}, which differs in case or blanks",
                                         stage.stage, Quoted(stage.node));

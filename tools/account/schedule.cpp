@@ -4,15 +4,6 @@
 
 namespace tools {
 
-Micros MedianOf(std::vector<Micros>& values, Micros none) {
-    if (values.empty()) {
-        return none;
-    }
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>((values.size() - 1) / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 namespace {
 
 // A rate is told of where it lasts that long.
@@ -191,7 +182,7 @@ std::vector<Micros> InsideOf(const Scene& scene, int32_t stage) {
 Schedule::Schedule(Scene& measured)
     : scene(measured),
       stageCount(static_cast<size_t>(measured.stageCount)),
-      period(SECOND / (measured.fps > 0 ? measured.fps : 60)) {
+      period(measured.Period()) {
     const size_t frames = scene.frames.size();
     ahead.assign(frames * stageCount, NO_INDEX);
     usualWork.assign(stageCount, period);

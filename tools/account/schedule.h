@@ -77,7 +77,4 @@ class Schedule {
     int32_t lastStage = -1;
 };
 
-// The middle one; `none` when there is none. Changes the order of the values.
-Micros MedianOf(std::vector<Micros>& values, Micros none);
-
 }  // namespace tools

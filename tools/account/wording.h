@@ -42,6 +42,9 @@ inline constexpr char TWO_PROCESSES[] =
     "processes {} and {} ran scenes at the same time; they are told apart here";
 inline constexpr char SERVICE_REFUSED[] = "the boost service refused the scene: nothing is boosted";
 inline constexpr char NEVER_HIT[] = "no frame ever left {stage}; {frames} not boosted to the end";
+inline constexpr char NONE_HIT[] =
+    "no node that was reported ends a stage, so nothing is boosted: {nodes} {were} reported, and "
+    "{stages}";
 inline constexpr char SKIPPED[] =
     "{frames} {were} skipped by the HAL: {next} follows {before} without a gap in time, and the "
     "library takes it for out of sequence";

@@ -276,14 +276,14 @@ int RunExplain(const Arguments& arguments) {
         WriteText(out, account, shown, scheduling);
     }
     out.Close();
-    return StatusOf(after ? after->account : account);
+    const Account& last = after ? after->account : account;
+    return StatusOf(WorstOf(last), last.configurations);
 }
 
 }  // namespace
 
-int StatusOf(const Account& account) {
-    Severity worst = WorstOf(account);
-    for (const LoadedConfiguration& loaded : account.configurations) {
+int StatusOf(Severity worst, const std::vector<LoadedConfiguration>& configurations) {
+    for (const LoadedConfiguration& loaded : configurations) {
         for (const Finding& finding : loaded.findings) {
             worst = std::max(worst, finding.severity);
         }

@@ -12,8 +12,8 @@
 
 namespace tools {
 
-// The exit status for what was found.
-int StatusOf(const Account& account);
+// The exit status for what was found: the worst of it, and what the checker says of configurations.
+int StatusOf(Severity worst, const std::vector<LoadedConfiguration>& configurations);
 
 // Fails, with what may be the reason, where a capture has none of the library's lines. `names`:
 // what messages call its inputs.

@@ -31,25 +31,6 @@ constexpr Micros SETTLING = SECOND;
 // What is that near to where the window begins was told before, when more was known of it.
 constexpr Micros EDGE = 2 * SECOND;
 
-// Counts over all scenes, where some of what they are of is forgotten.
-struct Totals {
-    int64_t frames = 0, neverOut = 0, notBoosted = 0, untold = 0, late = 0;
-    Micros lateThreshold = 0;
-    bool isStarted = false;
-
-    void Add(const Account& account, int64_t sign) {
-        for (const Scene& scene : account.scenes) {
-            frames += sign * scene.frameCount;
-            neverOut += sign * static_cast<int64_t>(scene.neverOut.size());
-            notBoosted += sign * scene.notBoosted;
-            untold += sign * scene.untold;
-            late += sign * scene.lateFrames;
-            lateThreshold = std::max(lateThreshold, scene.lateThreshold);
-            isStarted = isStarted || scene.isStarted;
-        }
-    }
-};
-
 class Follower {
   public:
     Follower(Output& output, const JudgeOptions& judgeOptions)
@@ -101,12 +82,12 @@ class Follower {
         Account account = Judged();
         Tell(account, false);
         Totals all = forgotten;
-        all.Add(account, 1);
+        all.Add(account);
         status.Show(fmt::format("{} frames, {} never out, {} late; {} findings", all.frames,
                                 all.neverOut, all.late, findings));
         if (Now() - windowBegin > WINDOW + STEP) {
             // What the window now has less than before.
-            forgotten.Add(account, 1);
+            forgotten.Add(account);
             windowBegin = Now() - WINDOW;
             facts.Forget(windowBegin);
             forgotten.Add(Judged(), -1);
@@ -119,23 +100,11 @@ class Follower {
         RequireLibraryLines(summary, inputs);
         Account account = MakeAccount(facts, summary, inputs, options);
         Tell(account, true);
-        forgotten.Add(account, 1);
-
-        Account all;
-        all.configurations = account.configurations;
-        all.findings.push_back({});
-        all.findings.back().severity = worst;
-        Scene& scene = all.scenes.emplace_back();
-        scene.isStarted = forgotten.isStarted;
-        scene.frameCount = forgotten.frames;
-        scene.neverOut.resize(static_cast<size_t>(std::max<int64_t>(forgotten.neverOut, 0)));
-        scene.notBoosted = forgotten.notBoosted;
-        scene.untold = forgotten.untold;
-        scene.lateFrames = forgotten.late;
-        scene.lateThreshold = forgotten.lateThreshold;
-        out << VerdictOf(all) << '\n';
+        forgotten.Add(account);
+        forgotten.worst = worst;
+        out << VerdictOf(forgotten) << '\n';
         out.Close();
-        return StatusOf(all);
+        return StatusOf(worst, account.configurations);
     }
 
     // Tells what was not told before. `isAll`: also what more may still become known of.

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tools/base/words.h"
+#include "tools/check/nodes.h"
 #include "tools/command/command.h"
 #include "tools/play/replay.h"
 
@@ -116,6 +117,16 @@ int RunSimulate(const Arguments& arguments) {
     };
     if (!PreparePlatform(configuration, tell)) {
         return BAD_INPUT;
+    }
+    if (configuration) {
+        std::vector<ReportedNode> nodes;
+        for (const CameraNode& node : camera.nodes) {
+            nodes.push_back({.node = node.name, .port = node.ports.front()});
+        }
+        for (const Finding& finding :
+             CheckNodes(CheckConfiguration(configuration->text).table, nodes)) {
+            tell(finding);
+        }
     }
 
     const std::vector<std::string> outputs = {arguments.output, arguments.session, arguments.truth};

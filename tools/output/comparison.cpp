@@ -3,228 +3,129 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <map>
-#include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tools/base/table.h"
 #include "tools/base/text.h"
-#include "tools/check/report.h"
 #include "tools/output/text.h"
 
 namespace tools {
 namespace {
 
-// A scene, and what a trace holds of it; null without one.
-struct Compared {
-    const Scene* scene;
-    const SceneScheduling* scheduling;
-};
-
-std::vector<Compared> StartedScenes(const Account& account, const Scheduling* scheduling) {
-    std::vector<Compared> scenes;
-    for (size_t i = 0; i < account.scenes.size(); ++i) {
-        if (account.scenes[i].isStarted) {
-            scenes.push_back(
-                {&account.scenes[i], scheduling == nullptr ? nullptr : &scheduling->scenes[i]});
-        }
-    }
-    return scenes;
-}
-
-// What a stage is known again by: its node, and of several of one node how many come before it; its
-// number where the node is not known.
-using Node = std::pair<std::string, int64_t>;
-
-std::vector<Node> NodesOf(const Scene& scene) {
-    std::vector<Node> nodes;
-    for (size_t stage = 0; stage < static_cast<size_t>(scene.stageCount); ++stage) {
-        const std::string& name = scene.stageNames[stage];
-        const auto before = std::count_if(nodes.begin(), nodes.end(),
-                                          [&name](const Node& node) { return node.first == name; });
-        nodes.emplace_back(name, name.empty() ? static_cast<int64_t>(stage) : before);
-    }
-    return nodes;
-}
-
-// The rows of a comparison of two scenes.
+// Figures before and after, and their change.
 class Figures {
   public:
-    explicit Figures(Micros timesResolution) : resolution(timesResolution) {}
-
-    void AddCount(const std::string& name, int64_t before, int64_t after) {
-        rows.push_back({name, std::to_string(before), std::to_string(after),
-                        (after > before ? "+" : "") + std::to_string(after - before)});
+    void Add(const std::string& name, double before, double after, int digits = 0) {
+        rows.push_back({name, Fixed(before, digits), Fixed(after, digits),
+                        (after > before ? "+" : "") + Fixed(after - before, digits)});
     }
-    void AddRate(double before, double after) {
-        rows.push_back({"fps", Fixed(before, 1), Fixed(after, 1),
-                        (after > before ? "+" : "") + Fixed(after - before, 1)});
-    }
-    void Add(const std::string& name, const Statistics& before, const Statistics& after) {
+    // `resolution`: of the times.
+    void Add(const std::string& name, const Statistics& before, const Statistics& after,
+             Micros resolution) {
+        const auto add = [&](const std::string& row, Micros one, Micros other) {
+            Add(row, static_cast<double>(one) / 1e3, static_cast<double>(other) / 1e3,
+                resolution >= MILLISECOND ? 0 : 3);
+        };
         if (before.count != 0 && after.count != 0) {
-            AddTime(name + " p50", before.p50, after.p50);
-            AddTime("  p99", before.p99, after.p99);
-            AddTime("  max", before.max, after.max);
+            add(name + " p50", before.p50, after.p50);
+            add("  p99", before.p99, after.p99);
+            add("  max", before.max, after.max);
         }
-    }
-    void Add(const char* name, const Waiting& before, const Waiting& after) {
-        Add(fmt::format("waited for a CPU a period, {}", name), before.inside, after.inside);
     }
     void Write(std::ostream& out) const { WriteTable(out, rows, Columns::Figures); }
 
   private:
-    void AddTime(const std::string& name, Micros before, Micros after) {
-        rows.push_back({name, Milliseconds(before, resolution), Milliseconds(after, resolution),
-                        (after > before ? "+" : "") + Milliseconds(after - before, resolution)});
-    }
-
-    Micros resolution;
     Rows rows = {{"", "before", "after", "change"}};
 };
 
-void WriteScenes(std::ostream& out, const Compared& earlier, const Compared& later,
-                 Micros resolution) {
-    const Scene& before = *earlier.scene;
-    const Scene& after = *later.scene;
-    Figures figures(resolution);
-    for (size_t status = 0; status < FRAME_STATUSES; ++status) {
-        figures.AddCount(NameOf(static_cast<FrameStatus>(status)), before.statusCounts[status],
-                         after.statusCounts[status]);
-    }
-    figures.AddCount("never out", static_cast<int64_t>(before.neverOut.size()),
-                     static_cast<int64_t>(after.neverOut.size()));
-    figures.AddCount("not boosted", before.notBoosted, after.notBoosted);
-    figures.AddCount("not known", before.untold, after.untold);
-    figures.AddCount("late", before.lateFrames, after.lateFrames);
-    figures.AddRate(RateOf(before), RateOf(after));
-    figures.Add("latency", before.latency, after.latency);
-    figures.Add("interval", before.interval, after.interval);
-
-    const std::vector<Node> olds = NodesOf(before);
-    const std::vector<Node> news = NodesOf(after);
-    std::vector<std::string> alone;
-    for (size_t stage = 0; stage < news.size(); ++stage) {
-        const auto old = std::find(olds.begin(), olds.end(), news[stage]);
-        const auto oldStage = static_cast<size_t>(old - olds.begin());
+// Stages are known again by their nodes. Below the figures, `alone` says which are in one of the
+// scenes.
+void AddStages(Figures& figures, std::ostream& alone, const Scene& before, const Scene& after,
+               Micros resolution) {
+    std::vector<std::string> olds = before.stageNames;
+    for (size_t stage = 0; stage < after.stages.size(); ++stage) {
+        const auto old = std::find(olds.begin(), olds.end(), after.stageNames[stage]);
         if (old == olds.end()) {
-            alone.push_back("Only after: " + StageTitleOf(after, stage) + ".\n");
-        } else if (oldStage == stage) {
-            figures.Add(FigureTitleOf(after, stage), before.stages[stage], after.stages[stage]);
-        } else {
-            figures.Add(fmt::format("{} (before: stage {})", FigureTitleOf(after, stage), oldStage),
-                        before.stages[oldStage], after.stages[stage]);
+            alone << "Only after: " << StageTitleOf(after, stage) << ".\n";
+            continue;
         }
+        const auto oldStage = static_cast<size_t>(old - olds.begin());
+        figures.Add(FigureTitleOf(after, stage) +
+                        (oldStage == stage ? "" : fmt::format(" (before: stage {})", oldStage)),
+                    before.stages[oldStage], after.stages[stage], resolution);
+        *old = "\n";  // No node's name: of several stages of one node each is taken once.
     }
     for (size_t stage = 0; stage < olds.size(); ++stage) {
-        if (std::find(news.begin(), news.end(), olds[stage]) == news.end()) {
-            alone.push_back("Only before: " + StageTitleOf(before, stage) + ".\n");
+        if (olds[stage] != "\n") {
+            alone << "Only before: " << StageTitleOf(before, stage) << ".\n";
         }
-    }
-    if (earlier.scheduling != nullptr && later.scheduling != nullptr) {
-        figures.Add("threads handed to the service", earlier.scheduling->handed,
-                    later.scheduling->handed);
-        figures.Add("other threads of the pipeline", earlier.scheduling->others,
-                    later.scheduling->others);
-    }
-    figures.Write(out);
-    for (const std::string& line : alone) {
-        out << line;
     }
 }
 
-std::vector<std::string> LinesOf(const Configuration& configuration) {
-    std::vector<std::string> lines;
-    for (const auto& row : SummaryOf(configuration)) {
-        lines.push_back(row[0] + ": " + row[1]);
+// The lines of one text that the other does not have.
+void WriteOnly(std::ostream& out, char mark, const std::string& text, const std::string& other) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (('\n' + other).find('\n' + line + '\n') == std::string::npos) {
+            out << mark << ' ' << line << '\n';
+        }
     }
-    const Rows stages = StagesOf(configuration);
-    for (size_t i = 1; i < stages.size(); ++i) {
-        lines.push_back(
-            fmt::format("stage {}: {}, ports {}", stages[i][0], stages[i][1], stages[i][2]));
-    }
-    return lines;
 }
 
 void WriteConfigurations(std::ostream& out, const Account& before, const Account& after) {
-    const std::vector<SharedConfiguration> olds = ConfigurationsOf(before);
-    const std::vector<SharedConfiguration> news = ConfigurationsOf(after);
-    if (olds.empty() != news.empty()) {
-        out << "The configuration is known " << (olds.empty() ? "after" : "before") << " alone.\n";
-    } else if (olds.size() > 1 || news.size() > 1) {
-        out << fmt::format(
-            "Before there were {} configurations, after {}; the last are compared.\n", olds.size(),
-            news.size());
-    }
-    if (olds.empty() || news.empty()) {
+    if (before.configurations.empty() || after.configurations.empty()) {
         return;
     }
-    const auto& old = olds.back().configuration;
-    const auto& now = news.back().configuration;
-    const std::vector<std::string> oldLines = LinesOf(Completed(old, now));
-    const std::vector<std::string> newLines = LinesOf(Completed(now, old));
-    if (oldLines == newLines) {
-        return;
+    const Configuration& old = before.configurations.back().configuration;
+    const Configuration& now = after.configurations.back().configuration;
+    const std::string oldText = ToToml(Completed(old, now));
+    const std::string newText = ToToml(Completed(now, old));
+    if (oldText != newText) {
+        out << "The configurations differ, - before and + after:\n";
+        WriteOnly(out, '-', oldText, newText);
+        WriteOnly(out, '+', newText, oldText);
     }
-    out << "The configurations differ:\n";
-    const auto write = [&out](const char* when, const auto& lines, const auto& others) {
-        for (const std::string& line : lines) {
-            if (std::find(others.begin(), others.end(), line) == others.end()) {
-                out << "  " << when << line << '\n';
-            }
-        }
-    };
-    write("before: ", oldLines, newLines);
-    write("after:  ", newLines, oldLines);
 }
 
-// Findings are the same when they are of one kind and about one node.
 void WriteFindings(std::ostream& out, const Account& before, const Account& after) {
-    struct Change {
-        int64_t before = 0, after = 0;
-        std::string message;
-    };
-    std::map<std::pair<Check, std::optional<Node>>, Change> changes;
-    const auto collect = [&changes](const Account& account, int64_t Change::*times) {
-        const auto add = [&](const std::vector<SceneFinding>& findings,
-                             const std::vector<Node>& nodes) {
-            for (const SceneFinding& finding : findings) {
-                if (finding.severity == Severity::Note) {
-                    continue;
-                }
-                const auto stage = static_cast<size_t>(finding.stage);
-                const bool hasNode = finding.stage >= 0 && stage < nodes.size();
-                Change& change =
-                    changes[{finding.check, hasNode ? std::optional(nodes[stage]) : std::nullopt}];
-                change.*times += finding.times;
-                change.message = finding.message;
+    std::map<Check, std::array<double, 2>> counts;
+    const auto count = [&counts](const std::vector<SceneFinding>& findings, size_t when) {
+        for (const SceneFinding& finding : findings) {
+            if (finding.severity != Severity::Note) {
+                counts[finding.check][when] += static_cast<double>(finding.times);
             }
-        };
-        add(account.findings, {});
-        for (const Scene& scene : account.scenes) {
-            add(scene.findings, NodesOf(scene));
         }
     };
-    collect(before, &Change::before);
-    collect(after, &Change::after);
-    const bool hasChanged = std::any_of(changes.begin(), changes.end(), [](const auto& change) {
-        return change.second.before != change.second.after;
-    });
-    out << '\n';
-    if (!hasChanged) {
-        out << "No finding came or went"
-            << (changes.empty() ? ": there are none.\n" : ": both have the same.\n");
-    }
-    for (const auto& [key, change] : changes) {
-        if (change.before != change.after) {
-            out << fmt::format("{}: {} before, {} after: {} [{}]\n",
-                               change.after == 0    ? "gone"
-                               : change.before == 0 ? "new"
-                                                    : "changed",
-                               change.before, change.after, change.message, NameOf(key.first));
+    for (const size_t when : {0U, 1U}) {
+        const Account& account = when == 0 ? before : after;
+        count(account.findings, when);
+        for (const Scene& scene : account.scenes) {
+            count(scene.findings, when);
         }
     }
+    Figures figures;
+    for (const auto& [check, times] : counts) {
+        figures.Add(NameOf(check), times[0], times[1]);
+    }
+    out << (counts.empty() ? "\nNo findings before or after.\n" : "\nFindings\n");
+    if (!counts.empty()) {
+        figures.Write(out);
+    }
+}
+
+std::vector<size_t> StartedScenes(const Account& account) {
+    std::vector<size_t> scenes;
+    for (size_t i = 0; i < account.scenes.size(); ++i) {
+        if (account.scenes[i].isStarted) {
+            scenes.push_back(i);
+        }
+    }
+    return scenes;
 }
 
 }  // namespace
@@ -233,20 +134,48 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
                      const Scheduling* schedulingBefore, const Scheduling* schedulingAfter) {
     out << "Before: " << VerdictOf(before) << "\nAfter:  " << VerdictOf(after) << '\n';
     WriteConfigurations(out, before, after);
-    const std::vector<Compared> olds = StartedScenes(before, schedulingBefore);
-    const std::vector<Compared> news = StartedScenes(after, schedulingAfter);
+    const std::vector<size_t> olds = StartedScenes(before);
+    const std::vector<size_t> news = StartedScenes(after);
     if (olds.size() != news.size()) {
         out << fmt::format("Before there were {}, after {}; they are compared in order.\n",
-                           Counted(static_cast<int64_t>(olds.size()), "scene"), news.size());
+                           Counted(std::ssize(olds), "scene"), news.size());
     }
+    const Micros resolution = std::min(before.resolution, after.resolution);
     for (size_t i = 0; i < std::min(olds.size(), news.size()); ++i) {
-        const Scene& old = *olds[i].scene;
-        const Scene& now = *news[i].scene;
+        const Scene& old = before.scenes[olds[i]];
+        const Scene& now = after.scenes[news[i]];
         out << fmt::format(
-            "\nScene {}, times in milliseconds; late is more than {} ms before and {} ms after\n",
-            i + 1, Fixed(static_cast<double>(old.lateThreshold) / 1e3, 1),
-            Fixed(static_cast<double>(now.lateThreshold) / 1e3, 1));
-        WriteScenes(out, olds[i], news[i], std::min(before.resolution, after.resolution));
+            "\nBefore: {}; late is more than {} ms\nAfter:  {}; late is more than {} ms\n"
+            "Times in milliseconds\n",
+            TitleOf(before, olds[i]), LateText(old.lateThreshold), TitleOf(after, news[i]),
+            LateText(now.lateThreshold));
+        Figures figures;
+        const auto add = [&figures](const char* name, int64_t one, int64_t other) {
+            figures.Add(name, static_cast<double>(one), static_cast<double>(other));
+        };
+        for (size_t status = 0; status < FRAME_STATUSES; ++status) {
+            add(NameOf(static_cast<FrameStatus>(status)), old.statusCounts[status],
+                now.statusCounts[status]);
+        }
+        add("never out", std::ssize(old.neverOut), std::ssize(now.neverOut));
+        add("not boosted", old.notBoosted, now.notBoosted);
+        add("not known", old.untold, now.untold);
+        add("late", old.lateFrames, now.lateFrames);
+        figures.Add("fps", RateOf(old), RateOf(now), 1);
+        figures.Add("latency", old.latency, now.latency, resolution);
+        figures.Add("interval", old.interval, now.interval, resolution);
+        std::ostringstream alone;
+        AddStages(figures, alone, old, now, resolution);
+        if (schedulingBefore != nullptr && schedulingAfter != nullptr) {
+            const SceneScheduling& one = schedulingBefore->scenes[olds[i]];
+            const SceneScheduling& other = schedulingAfter->scenes[news[i]];
+            figures.Add("waited for a CPU a period, threads handed to the service",
+                        one.handed.inside, other.handed.inside, resolution);
+            figures.Add("waited for a CPU a period, other threads of the pipeline",
+                        one.others.inside, other.others.inside, resolution);
+        }
+        figures.Write(out);
+        out << alone.str();
     }
     WriteFindings(out, before, after);
 }

@@ -122,6 +122,7 @@ Json ToJson(const Account& account, const Scene& scene) {
     return {{"from", Milliseconds(scene.begin)},
             {"to", Milliseconds(scene.end)},
             {"process", scene.process},
+            {"cameras", CamerasOf(scene)},
             {"width", scene.isDescribed ? Json(scene.width) : Json()},
             {"fps", scene.isDescribed ? Json(scene.fps) : Json()},
             {"started", scene.isStarted},

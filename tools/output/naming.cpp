@@ -32,6 +32,14 @@ std::string TitleOf(const Account& account, size_t scene) {
         add(fmt::format("{} fps", shown.fps));
     }
     add(fmt::format("process {}", shown.process));
+    const std::set<int32_t> cameras = CamerasOf(shown);
+    if (!cameras.empty()) {
+        std::vector<std::string> numbers;
+        for (const int32_t camera : cameras) {
+            numbers.push_back(fmt::to_string(camera));
+        }
+        add((cameras.size() == 1 ? "camera " : "cameras ") + Join(numbers));
+    }
     return title;
 }
 

@@ -14,7 +14,7 @@
 
 namespace tools {
 
-// "scene 2: 3840 wide, 60 fps, process 1234". `scene`: from 0.
+// "scene 2: 3840 wide, 60 fps, process 1234, cameras 0 and 2". `scene`: from 0.
 std::string TitleOf(const Account& account, size_t scene);
 
 // "stage 1, MCTFE0_cam".

@@ -105,9 +105,8 @@ void WriteFigures(std::ostream& out, const Account& account, const Scene& scene)
     out << fmt::format(
         "Late: {} ({} %), that is more than {} ms after the frame before. Rate: {} fps{}.\n"
         "Milliseconds, as exact as the capture: {}.\n",
-        scene.lateFrames, Fixed(100 * late / all, 2),
-        Fixed(static_cast<double>(scene.lateThreshold) / 1e3, 1), Fixed(RateOf(scene), 1),
-        scene.fps > 0 ? fmt::format(" of {}", scene.fps) : "",
+        scene.lateFrames, Fixed(100 * late / all, 2), LateText(scene.lateThreshold),
+        Fixed(RateOf(scene), 1), scene.fps > 0 ? fmt::format(" of {}", scene.fps) : "",
         account.resolution >= MILLISECOND ? "1 ms" : "1 us");
     Rows table = {{"", "n", "p50", "p90", "p95", "p99", "max"},
                   RowOf("latency, start to end", scene.latency, account.resolution),

@@ -206,7 +206,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
                           {"stop", Seconds(std::max(scene.stop, scene.end) - scene.begin)},
                           {"clock", steps ? account.from : ""},
                           {"steps", steps.value_or(std::map<double, double>{})},
-                          {"period", 1.0 / (scene.fps > 0 ? scene.fps : 60)},
+                          {"period", 1.0 / scene.Rate()},
                           {"unit", Seconds(account.resolution)},
                           {"stages", names},
                           {"words", words},

@@ -117,14 +117,6 @@ void Include(Span& span, Micros time) {
     }
 }
 
-// Between two frames as they should come: of the frame rate described, else as they mostly came.
-Micros PeriodOf(const Scene& scene) {
-    if (scene.fps > 0) {
-        return std::max<Micros>((SECOND + scene.fps / 2) / scene.fps, 1);
-    }
-    return scene.interval.p50 > 0 ? scene.interval.p50 : SECOND / 60;
-}
-
 // A frame stays until it was ended or pushed out, or as long as the scene is known to have gone on.
 std::vector<Micros> GoneOf(const Scene& scene) {
     // Evictions count frames before those were taken out that are none: in the same order.
@@ -259,7 +251,7 @@ void WriteExpected(Events& events, const View& view) {
                                                : static_cast<uint64_t>(frame.number) -
                                                      static_cast<uint64_t>(before->number);
         if (gap > 0 && gap < FAR_APART) {
-            due[i] = before->output + PeriodOf(scene) * static_cast<Micros>(gap);
+            due[i] = before->output + scene.Period() * static_cast<Micros>(gap);
         }
         before = frame.output == NO_TIME ? before : &frame;
     }

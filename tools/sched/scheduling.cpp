@@ -136,7 +136,7 @@ class SceneMaker {
 
     // Of some threads, in each period.
     Statistics WaitingIn(const std::vector<Span>& spans, bool isHanded) {
-        const Micros period = SECOND / (scene.fps > 0 ? scene.fps : 60);
+        const Micros period = scene.Period();
         std::vector<Micros> all;
         for (const Span& span : spans) {
             std::vector<Micros> periods(

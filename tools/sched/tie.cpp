@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 
+#include "tools/base/statistics.h"
 #include "tools/base/text.h"
 
 namespace tools {
@@ -22,13 +23,6 @@ constexpr Micros TOGETHER = 5 * MILLISECOND;
 // same time twice.
 constexpr Micros AGREEING = 600;
 constexpr int64_t FEWEST = 8;
-
-Micros Middle(std::vector<Micros>& values, double share = 0.5) {
-    const auto at = values.begin() +
-                    static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), at, values.end());
-    return *at;
-}
 
 }  // namespace
 
@@ -181,7 +175,7 @@ void Tie::Try(const std::vector<CountedLines::Line>& lines, int64_t guess) {
             }
         }
     }
-    Match(lines, Middle(aheads));
+    Match(lines, MedianOf(aheads, 0));
 }
 
 // Each line with the counter that is nearest, and how far they are apart by stretches.
@@ -203,7 +197,7 @@ void Tie::Match(const std::vector<CountedLines::Line>& lines, Micros base) {
         for (const Pair& pair : pairs) {
             values.push_back(pair.Ahead());
         }
-        ahead = Middle(values);
+        ahead = MedianOf(values, 0);
         for (const Pair& pair : pairs) {
             if (std::abs(pair.Ahead() - ahead) <= TOGETHER) {
                 apart.push_back(std::abs(pair.Ahead() - ahead));
@@ -229,7 +223,7 @@ void Tie::Match(const std::vector<CountedLines::Line>& lines, Micros base) {
     }
     settle();
     counters = static_cast<int64_t>(apart.size());
-    within = apart.empty() ? 0 : Middle(apart, 0.9);
+    within = QuantileOf(apart, 0.9, 0);
     TieThreads(ofThreads);
 }
 
