@@ -29,7 +29,7 @@ constexpr std::array KEYS = {WIDTH, SWITCH, MODES, STAGE};
 
 // The node that is named per camera: this and the camera's number.
 constexpr std::string_view CAMERA_NODE = "MCTFE0_cam";
-// No more stages are told of that are missing from a table.
+// So many stages that a table lacks are reported.
 constexpr int32_t MOST_SKIPPED = 1000;
 constexpr const char* SWITCHED_OFF = "boosting is switched off, nothing is boosted";
 constexpr const char* NO_MODES = "no operation mode is supported, nothing is boosted";
