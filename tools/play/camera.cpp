@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cmath>
 #include <iterator>
 #include <limits>
 #include <set>
 #include <sstream>
 
+#include "tools/base/cursor.h"
 #include "tools/base/finding.h"
 #include "tools/play/builtin_camera.h"
 
@@ -178,15 +178,15 @@ Fault ParseFault(std::string_view text) {
     Fault fault;
     fault.kind = static_cast<FaultKind>(form - FAULT_FORMS.begin());
     const bool isSigned = fault.kind == FaultKind::Clock;
-    const char* next = text.data() + name.size();
-    const char* const end = text.data() + text.size();
-    const auto readNumber = [&next, end](auto& number) {
-        next = next == end ? end : std::from_chars(next + 1, end, number).ptr;
+    std::string_view rest = text.substr(name.size());
+    const auto readNumber = [&rest](auto& number) {
+        rest.remove_prefix(std::min<size_t>(rest.size(), 1));
+        TakeNumber(rest, number);
         return number;
     };
     readNumber(fault.frame);
     fault.last = fault.frame;
-    if (form->hasFrames && next != end && *next == '-') {
+    if (form->hasFrames && rest.starts_with('-')) {
         readNumber(fault.last);
     }
     const bool isInRange = fault.frame >= 1 && fault.last >= fault.frame &&

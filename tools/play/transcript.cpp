@@ -14,7 +14,6 @@
 #include "host/desktop.h"
 #include "tools/log/calls.h"
 #include "tools/log/message.h"
-#include "tools/play/log_writer.h"
 
 namespace tools {
 
