@@ -43,7 +43,7 @@ std::string Wrapped(std::string line, size_t width, size_t indent) {
             break;
         }
         wrapped += line.substr(0, line.find_last_not_of(' ', blank) + 1) + '\n';
-        line = margin + line.substr(next);
+        line.replace(0, next, margin);
     }
     return wrapped + line;
 }
