@@ -17,36 +17,33 @@
 namespace tools {
 namespace {
 
-// Figures before and after, and their change.
-class Figures {
-  public:
-    void Add(const std::string& name, double before, double after, int digits = 0) {
-        rows.push_back({name, Fixed(before, digits), Fixed(after, digits),
-                        (after > before ? "+" : "") + Fixed(after - before, digits)});
-    }
-    // `resolution`: of the times.
-    void Add(const std::string& name, const Statistics& before, const Statistics& after,
-             Micros resolution) {
-        const auto add = [&](const std::string& row, Micros one, Micros other) {
-            Add(row, static_cast<double>(one) / 1e3, static_cast<double>(other) / 1e3,
-                resolution >= MILLISECOND ? 0 : 3);
-        };
-        if (before.count != 0 && after.count != 0) {
-            add(name + " p50", before.p50, after.p50);
-            add("  p99", before.p99, after.p99);
-            add("  max", before.max, after.max);
-        }
-    }
-    void Write(std::ostream& out) const { WriteTable(out, rows, Columns::Figures); }
+Rows NewFigures() {
+    return {{"", "before", "after", "change"}};
+}
 
-  private:
-    Rows rows = {{"", "before", "after", "change"}};
-};
+void Add(Rows& rows, const std::string& name, double before, double after, int digits = 0) {
+    rows.push_back({name, Fixed(before, digits), Fixed(after, digits),
+                    (after > before ? "+" : "") + Fixed(after - before, digits)});
+}
+
+// `digits`: of the times, in milliseconds.
+void Add(Rows& rows, const std::string& name, const Statistics& before, const Statistics& after,
+         int digits) {
+    if (before.count != 0 && after.count != 0) {
+        const auto add = [&](const std::string& row, Micros one, Micros other) {
+            Add(rows, row, static_cast<double>(one) / 1e3, static_cast<double>(other) / 1e3,
+                digits);
+        };
+        add(name + " p50", before.p50, after.p50);
+        add("  p99", before.p99, after.p99);
+        add("  max", before.max, after.max);
+    }
+}
 
 // Stages are known again by their nodes. Below the figures, `alone` says which are in one of the
 // scenes.
-void AddStages(Figures& figures, std::ostream& alone, const Scene& before, const Scene& after,
-               Micros resolution) {
+void AddStages(Rows& figures, std::ostream& alone, const Scene& before, const Scene& after,
+               int digits) {
     std::vector<std::string> olds = before.stageNames;
     for (size_t stage = 0; stage < after.stages.size(); ++stage) {
         const auto old = std::find(olds.begin(), olds.end(), after.stageNames[stage]);
@@ -55,9 +52,10 @@ void AddStages(Figures& figures, std::ostream& alone, const Scene& before, const
             continue;
         }
         const auto oldStage = static_cast<size_t>(old - olds.begin());
-        figures.Add(FigureTitleOf(after, stage) +
-                        (oldStage == stage ? "" : fmt::format(" (before: stage {})", oldStage)),
-                    before.stages[oldStage], after.stages[stage], resolution);
+        Add(figures,
+            FigureTitleOf(after, stage) +
+                (oldStage == stage ? "" : fmt::format(" (before: stage {})", oldStage)),
+            before.stages[oldStage], after.stages[stage], digits);
         *old = "\n";  // No node's name: of several stages of one node each is taken once.
     }
     for (size_t stage = 0; stage < olds.size(); ++stage) {
@@ -93,29 +91,24 @@ void WriteConfigurations(std::ostream& out, const Account& before, const Account
 }
 
 void WriteFindings(std::ostream& out, const Account& before, const Account& after) {
-    std::map<Check, std::array<double, 2>> counts;
-    const auto count = [&counts](const std::vector<SceneFinding>& findings, size_t when) {
-        for (const SceneFinding& finding : findings) {
+    std::map<Check, std::array<int64_t, 2>> counts;
+    for (const size_t when : {0U, 1U}) {
+        for (const auto& [finding, scene] : FindingsOf(when == 0 ? before : after)) {
             if (finding.severity != Severity::Note) {
-                counts[finding.check][when] += static_cast<double>(finding.times);
+                counts[finding.check][when] += finding.times;
             }
         }
-    };
-    for (const size_t when : {0U, 1U}) {
-        const Account& account = when == 0 ? before : after;
-        count(account.findings, when);
-        for (const Scene& scene : account.scenes) {
-            count(scene.findings, when);
-        }
     }
-    Figures figures;
+    if (counts.empty()) {
+        out << "\nNo findings before or after.\n";
+        return;
+    }
+    Rows figures = NewFigures();
     for (const auto& [check, times] : counts) {
-        figures.Add(NameOf(check), times[0], times[1]);
+        Add(figures, NameOf(check), static_cast<double>(times[0]), static_cast<double>(times[1]));
     }
-    out << (counts.empty() ? "\nNo findings before or after.\n" : "\nFindings\n");
-    if (!counts.empty()) {
-        figures.Write(out);
-    }
+    out << "\nFindings\n";
+    WriteTable(out, figures, Columns::Figures);
 }
 
 std::vector<size_t> StartedScenes(const Account& account) {
@@ -140,7 +133,7 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
         out << fmt::format("Before there were {}, after {}; they are compared in order.\n",
                            Counted(std::ssize(olds), "scene"), news.size());
     }
-    const Micros resolution = std::min(before.resolution, after.resolution);
+    const int digits = std::min(before.resolution, after.resolution) >= MILLISECOND ? 0 : 3;
     for (size_t i = 0; i < std::min(olds.size(), news.size()); ++i) {
         const Scene& old = before.scenes[olds[i]];
         const Scene& now = after.scenes[news[i]];
@@ -149,9 +142,9 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
             "Times in milliseconds\n",
             TitleOf(before, olds[i]), LateText(old.lateThreshold), TitleOf(after, news[i]),
             LateText(now.lateThreshold));
-        Figures figures;
+        Rows figures = NewFigures();
         const auto add = [&figures](const char* name, int64_t one, int64_t other) {
-            figures.Add(name, static_cast<double>(one), static_cast<double>(other));
+            Add(figures, name, static_cast<double>(one), static_cast<double>(other));
         };
         for (size_t status = 0; status < FRAME_STATUSES; ++status) {
             add(NameOf(static_cast<FrameStatus>(status)), old.statusCounts[status],
@@ -161,20 +154,20 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
         add("not boosted", old.notBoosted, now.notBoosted);
         add("not known", old.untold, now.untold);
         add("late", old.lateFrames, now.lateFrames);
-        figures.Add("fps", RateOf(old), RateOf(now), 1);
-        figures.Add("latency", old.latency, now.latency, resolution);
-        figures.Add("interval", old.interval, now.interval, resolution);
+        Add(figures, "fps", RateOf(old), RateOf(now), 1);
+        Add(figures, "latency", old.latency, now.latency, digits);
+        Add(figures, "interval", old.interval, now.interval, digits);
         std::ostringstream alone;
-        AddStages(figures, alone, old, now, resolution);
+        AddStages(figures, alone, old, now, digits);
         if (schedulingBefore != nullptr && schedulingAfter != nullptr) {
             const SceneScheduling& one = schedulingBefore->scenes[olds[i]];
             const SceneScheduling& other = schedulingAfter->scenes[news[i]];
-            figures.Add("waited for a CPU a period, threads handed to the service",
-                        one.handed.inside, other.handed.inside, resolution);
-            figures.Add("waited for a CPU a period, other threads of the pipeline",
-                        one.others.inside, other.others.inside, resolution);
+            Add(figures, "waited for a CPU a period, threads handed to the service",
+                one.handed.inside, other.handed.inside, digits);
+            Add(figures, "waited for a CPU a period, other threads of the pipeline",
+                one.others.inside, other.others.inside, digits);
         }
-        figures.Write(out);
+        WriteTable(out, figures, Columns::Figures);
         out << alone.str();
     }
     WriteFindings(out, before, after);

@@ -10,37 +10,43 @@
 namespace tools {
 namespace {
 
-// It came out, and that its end is missing is what a finding says.
-bool HasNoEnd(const Frame& frame) {
-    return frame.isOut && frame.hasFinding;
+// "camera 0", "cameras 0 and 2".
+template <typename Numbers>
+std::string Numbered(std::string_view one, std::string_view several, const Numbers& numbers) {
+    std::vector<std::string> texts;
+    for (const int32_t number : numbers) {
+        texts.push_back(std::to_string(number));
+    }
+    return fmt::format("{} {}", texts.size() == 1 ? one : several, Join(texts));
 }
 
 }  // namespace
 
 std::string TitleOf(const Account& account, size_t scene) {
     const Scene& shown = account.scenes[scene];
-    std::string title = fmt::format("scene {}", scene + 1);
-    const char* separator = ": ";
-    const auto add = [&](const std::string& text) {
-        title += separator + text;
-        separator = ", ";
-    };
+    std::vector<std::string> parts;
     if (shown.width > 0) {
-        add(fmt::format("{} wide", shown.width));
+        parts.push_back(fmt::format("{} wide", shown.width));
     }
     if (shown.fps > 0) {
-        add(fmt::format("{} fps", shown.fps));
+        parts.push_back(fmt::format("{} fps", shown.fps));
     }
-    add(fmt::format("process {}", shown.process));
-    const std::set<int32_t> cameras = CamerasOf(shown);
-    if (!cameras.empty()) {
-        std::vector<std::string> numbers;
-        for (const int32_t camera : cameras) {
-            numbers.push_back(fmt::to_string(camera));
+    parts.push_back(fmt::format("process {}", shown.process));
+    if (const std::set<int32_t> cameras = CamerasOf(shown); !cameras.empty()) {
+        parts.push_back(Numbered("camera", "cameras", cameras));
+    }
+    return fmt::format("scene {}: {}", scene + 1, fmt::join(parts, ", "));
+}
+
+std::string FramesByStatus(const Scene& scene) {
+    std::vector<std::string> parts;
+    for (size_t i = 0; i < FRAME_STATUSES; ++i) {
+        if (scene.statusCounts[i] != 0) {
+            parts.push_back(
+                fmt::format("{} {}", scene.statusCounts[i], NameOf(static_cast<FrameStatus>(i))));
         }
-        add((cameras.size() == 1 ? "camera " : "cameras ") + Join(numbers));
     }
-    return title;
+    return fmt::format("{}{}", parts.empty() ? "" : ": ", fmt::join(parts, ", "));
 }
 
 std::string StageTitleOf(const Scene& scene, size_t stage) {
@@ -83,10 +89,12 @@ std::string DescriptionOf(const Frame& frame) {
         return fmt::format("{}: what became of it is not known", ReasonOf(frame.reason));
     }
     if (frame.status == FrameStatus::Open) {
-        return frame.isNeverOut && frame.stage >= 0
-                   ? fmt::format("not seen to leave stage {}", frame.stage)
-               : frame.isNeverOut || HasNoEnd(frame) ? "its end was never reported"
-                                                     : "in flight at the end";
+        if (frame.isNeverOut && frame.stage >= 0) {
+            return fmt::format("not seen to leave stage {}", frame.stage);
+        }
+        // Where a frame came out, a finding says that its end is missing.
+        const bool hasNoEnd = frame.isOut && frame.hasFinding;
+        return frame.isNeverOut || hasNoEnd ? "its end was never reported" : "in flight at the end";
     }
     return frame.status == FrameStatus::Error && frame.stage >= 0
                ? fmt::format("stage {}: {}", frame.stage, ReasonOf(frame.reason))
@@ -110,6 +118,19 @@ bool Shown::Has(const Frame& frame) const {
         return frame.number >= range->first && frame.number <= range->second;
     }
     return isAll || frame.isLate || frame.status != FrameStatus::Complete;
+}
+
+std::vector<PlacedFinding> FindingsOf(const Account& account) {
+    std::vector<PlacedFinding> all;
+    for (const SceneFinding& finding : account.findings) {
+        all.push_back({finding, {}});
+    }
+    for (size_t i = 0; i < account.scenes.size(); ++i) {
+        for (const SceneFinding& finding : account.scenes[i].findings) {
+            all.push_back({finding, i});
+        }
+    }
+    return all;
 }
 
 Configuration Completed(Configuration configuration, const Configuration& other) {
@@ -149,12 +170,7 @@ std::string TitleOf(const std::vector<SharedConfiguration>& all, const SharedCon
     if (all.size() == 1 || one.processes.front() < 0) {
         return "Configuration";
     }
-    std::vector<std::string> numbers;
-    for (const int32_t process : one.processes) {
-        numbers.push_back(std::to_string(process));
-    }
-    return fmt::format("Configuration of {} {}", numbers.size() == 1 ? "process" : "processes",
-                       Join(numbers));
+    return "Configuration of " + Numbered("process", "processes", one.processes);
 }
 
 std::string TitleOf(const Scheduling& scheduling) {
@@ -193,6 +209,23 @@ Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
         table.push_back(row);
     }
     return table;
+}
+
+std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {
+    const Tie& tie = *scheduling.tie;
+    std::vector<Awake> all;
+    const Span shown = {tie.ToTrace(span.begin), tie.ToTrace(span.end)};
+    const auto [first, last] = scheduling.states->Within(thread, shown);
+    for (auto it = first; it != last; ++it) {
+        if (it->state == ThreadState::Running || it->state == ThreadState::Runnable ||
+            it->state == ThreadState::Blocked) {
+            all.push_back({{tie.ToLog(std::max(it->begin, shown.begin)),
+                            tie.ToLog(std::min(it->end, shown.end))},
+                           it->state,
+                           it->cpu});
+        }
+    }
+    return all;
 }
 
 Rows WaitingOf(const SceneScheduling& scene) {

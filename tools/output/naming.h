@@ -17,6 +17,9 @@ namespace tools {
 // "scene 2: 3840 wide, 60 fps, process 1234, cameras 0 and 2". `scene`: from 0.
 std::string TitleOf(const Account& account, size_t scene);
 
+// ": 590 complete, 10 dropped"; empty where there are no frames.
+std::string FramesByStatus(const Scene& scene);
+
 // "stage 1, MCTFE0_cam".
 std::string StageTitleOf(const Scene& scene, size_t stage);
 
@@ -49,12 +52,27 @@ inline constexpr char WAITING_CAPTION[] =
 Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene);
 Rows WaitingOf(const SceneScheduling& scene);
 
+// A time in which a thread did not sleep, by the log's clock.
+struct Awake {
+    Span span;
+    ThreadState state = ThreadState::Running;  // Or runnable, or blocked.
+    int32_t cpu = -1;
+};
+std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span);
+
 // Which frames a table shows: those that are not complete, or late, unless others are asked for.
 struct Shown {
     bool isAll = false;
     std::optional<std::pair<int64_t, int64_t>> range;  // The first and the last number.
     bool Has(const Frame& frame) const;
 };
+
+// All findings: about no scene in particular, then each scene's, with its place in the account.
+struct PlacedFinding {
+    const SceneFinding& finding;
+    std::optional<size_t> scene;
+};
+std::vector<PlacedFinding> FindingsOf(const Account& account);
 
 // A configuration, and the processes that loaded it.
 struct SharedConfiguration {

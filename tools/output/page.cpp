@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <functional>
+#include <map>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -99,26 +100,15 @@ class Page {
     }
 
     void WriteFindings() {
-        struct Listed {
-            const SceneFinding* finding;
-            std::optional<size_t> scene;
-        };
-        std::vector<Listed> listed;
-        for (const SceneFinding& finding : account.findings) {
-            listed.push_back({&finding, {}});
+        std::multimap<Severity, PlacedFinding, std::greater<>> listed;  // The worst come first.
+        for (const PlacedFinding& placed : FindingsOf(account)) {
+            listed.emplace(placed.finding.severity, placed);
         }
-        for (size_t i = 0; i < account.scenes.size(); ++i) {
-            for (const SceneFinding& finding : account.scenes[i].findings) {
-                listed.push_back({&finding, i});
-            }
-        }
-        std::stable_sort(listed.begin(), listed.end(), [](const Listed& one, const Listed& other) {
-            return one.finding->severity > other.finding->severity;
-        });
         out << "<section aria-labelledby=findings><h2 id=findings>Findings</h2>\n"
             << (listed.empty() ? "<p>None.</p>\n" : "<ol class=findings>\n");
-        for (size_t i = 0; i < listed.size(); ++i) {
-            WriteFinding(i + 1, *listed[i].finding, listed[i].scene);
+        size_t number = 0;
+        for (const auto& [severity, placed] : listed) {
+            WriteFinding(++number, placed.finding, placed.scene);
         }
         out << (listed.empty() ? "</section>\n" : "</ol></section>\n");
     }
@@ -210,14 +200,7 @@ class Page {
             << (scene.isStarted ? "" : "<b>It was not started.</b> ")
             << (scene.isBeginningMissing ? "<b>The capture starts in its middle.</b> " : "")
             << (!scene.isStarted || scene.hasEnd ? "" : "Its end is not in the capture. ")
-            << Counted(scene.frameCount, "frame");
-        const char* separator = ": ";
-        for (size_t status = 0; status < FRAME_STATUSES; ++status) {
-            if (scene.statusCounts[status] > 0) {
-                out << std::exchange(separator, ", ") << scene.statusCounts[status] << ' '
-                    << NameOf(FrameStatus(status));
-            }
-        }
+            << Counted(scene.frameCount, "frame") << FramesByStatus(scene);
         if (!scene.neverOut.empty()) {
             out << "; " << scene.neverOut.size() << " never came out";
         }

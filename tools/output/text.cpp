@@ -24,18 +24,6 @@ std::string Capitalized(std::string text) {
     return text;
 }
 
-std::string FramesByStatus(const Scene& scene) {
-    std::vector<std::string> parts;
-    for (size_t i = 0; i < FRAME_STATUSES; ++i) {
-        if (scene.statusCounts[i] != 0) {
-            parts.push_back(
-                fmt::format("{} {}", scene.statusCounts[i], NameOf(static_cast<FrameStatus>(i))));
-        }
-    }
-    return fmt::format("{}{}{}", scene.frameCount, parts.empty() ? "" : ": ",
-                       fmt::join(parts, ", "));
-}
-
 void WriteCapture(std::ostream& out, const Account& account) {
     out << fmt::format("{}{}{}, {} of them the library's", fmt::join(account.inputs, ", "),
                        account.inputs.empty() ? "" : ": ", Counted(account.lines, "line"),
@@ -92,7 +80,7 @@ std::vector<std::string> RowOf(const std::string& name, const Statistics& statis
 }
 
 void WriteFigures(std::ostream& out, const Account& account, const Scene& scene) {
-    out << "\nFrames: " << FramesByStatus(scene) << ".\n";
+    out << "\nFrames: " << scene.frameCount << FramesByStatus(scene) << ".\n";
     if (scene.untold > 0) {
         out << "What became of " << scene.untold
             << " of them is not known: lines of the log are missing.\n";

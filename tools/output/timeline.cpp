@@ -100,71 +100,46 @@ using Json = nlohmann::ordered_json;
 
 // What a thread did when it did not sleep, in microseconds: for each time, how long after the one
 // before it began, how long it took, and the state with the CPU above that.
-class ThreadData {
-  public:
-    explicit ThreadData(Micros sceneBegin) : end(sceneBegin) {}
-    void Add(Span span, ThreadState state, int32_t cpu) {
-        if (state != ThreadState::Running && state != ThreadState::Runnable &&
-            state != ThreadState::Blocked) {
-            return;
-        }
-        ++count;
-        columns.Put(span.begin - end);
-        columns.Put(span.end - span.begin);
-        columns.Put(static_cast<int64_t>(state) + int64_t{8} * (cpu + 1));
-        end = span.end;
-    }
-    Json ToJson(int32_t stage, int32_t tid, const std::string& name) const {
-        return {{"stage", stage},
-                {"id", tid},
-                {"name", name},
-                {"count", count},
-                {"data", Base64(Gzip(columns.bytes))}};
-    }
-
-  private:
+Json ThreadOf(Micros begin, int32_t stage, int32_t tid, const std::string& name,
+              const std::vector<Awake>& awake) {
     Columns columns;
-    Micros end;
-    int64_t count = 0;
-};
+    for (const Awake& one : awake) {
+        columns.Put(one.span.begin - begin);
+        columns.Put(one.span.end - one.span.begin);
+        columns.Put(static_cast<int64_t>(one.state) + int64_t{8} * (one.cpu + 1));
+        begin = one.span.end;
+    }
+    return {{"stage", stage},
+            {"id", tid},
+            {"name", name},
+            {"count", awake.size()},
+            {"data", Base64(Gzip(columns.bytes))}};
+}
 
 // The threads of a scene: the pipeline's by their stages, then those that kept them.
 Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneScheduling& ofScene) {
-    Json threads = Json::array();
-    std::set<int32_t> known;
-    const Span span = {scheduling.tie->ToTrace(scene.begin), scheduling.tie->ToTrace(scene.end)};
-    for (const ThreadUse& use : ofScene.threads) {
-        if (use.stages.empty()) {
-            continue;
-        }
-        ThreadData data(scene.begin);
-        const auto [first, last] = scheduling.states->Within(use.thread, span);
-        for (auto it = first; it != last; ++it) {
-            data.Add({scheduling.tie->ToLog(std::max(it->begin, span.begin)),
-                      scheduling.tie->ToLog(std::min(it->end, span.end))},
-                     it->state, it->cpu);
-        }
-        const SchedThread& thread = scheduling.trace->threads[use.thread];
-        known.insert(thread.tid);
-        threads.push_back(data.ToJson(use.stages.front(), thread.tid, thread.name));
-    }
-    std::map<int32_t, std::vector<const CauseLink*>> others;
+    std::set<int32_t> others;
     for (const SceneFinding& finding : scene.findings) {
         for (const CauseLink& link : finding.chain) {
-            if (!known.contains(link.thread)) {
-                others[link.thread].push_back(&link);
-            }
+            others.insert(link.thread);
         }
     }
-    for (auto& [tid, links] : others) {
-        std::sort(links.begin(), links.end(), [](const CauseLink* one, const CauseLink* other) {
-            return one->begin < other->begin;
-        });
-        ThreadData data(scene.begin);
-        for (const CauseLink* link : links) {
-            data.Add({link->begin, link->begin + link->piece}, link->state, link->cpu);
+    Json threads = Json::array();
+    const std::vector<SchedThread>& known = scheduling.trace->threads;
+    const auto add = [&](uint32_t thread, int32_t stage) {
+        threads.push_back(ThreadOf(scene.begin, stage, known[thread].tid, known[thread].name,
+                                   AwakeOf(scheduling, thread, {scene.begin, scene.end})));
+        others.erase(known[thread].tid);
+    };
+    for (const ThreadUse& use : ofScene.threads) {
+        if (!use.stages.empty()) {
+            add(use.thread, use.stages.front());
         }
-        threads.push_back(data.ToJson(-1, tid, links.front()->name));
+    }
+    for (uint32_t thread = 0; thread < known.size(); ++thread) {
+        if (others.contains(known[thread].tid)) {
+            add(thread, -1);
+        }
     }
     return threads;
 }

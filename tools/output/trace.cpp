@@ -322,23 +322,13 @@ void WriteThread(Events& events, const View& view, const Scheduling& scheduling,
     const SchedThread& known = scheduling.trace->threads[thread];
     const size_t track =
         events.AddTrack(view.process, fmt::format("thread {} ({})", known.tid, known.name));
-    const Span span = {scheduling.tie->ToTrace(view.span.begin),
-                       scheduling.tie->ToTrace(view.span.end)};
-    const auto [first, last] = scheduling.states->Within(thread, span);
-    for (auto it = first; it != last; ++it) {
-        const bool isRunning = it->state == ThreadState::Running;
-        const char* const name = isRunning                            ? "running"
-                                 : it->state == ThreadState::Runnable ? "waiting for a CPU"
-                                 : it->state == ThreadState::Blocked  ? "blocked"
-                                                                      : nullptr;
-        if (name != nullptr) {
-            const Micros begin = scheduling.tie->ToLog(std::max(it->begin, span.begin));
-            const Micros end = scheduling.tie->ToLog(std::min(it->end, span.end));
-            events.Add('X', view.process, begin, name,
-                       fmt::format(R"(,"tid":{},"dur":{}{})", track, end - begin,
-                                   isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", it->cpu)
-                                             : std::string()));
-        }
+    for (const Awake& one : AwakeOf(scheduling, thread, view.span)) {
+        const bool isRunning = one.state == ThreadState::Running;
+        const bool isRunnable = one.state == ThreadState::Runnable;
+        events.Add('X', view.process, one.span.begin,
+                   isRunnable ? "waiting for a CPU" : NameOf(one.state),
+                   fmt::format(R"(,"tid":{},"dur":{}{})", track, one.span.end - one.span.begin,
+                               isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", one.cpu) : ""));
     }
 }
 
@@ -395,19 +385,12 @@ void WriteChains(Events& events, const View& view) {
     }
 }
 
-struct Change {
-    Micros time = 0;
-    double value = 0;
-};
-
-// `values`: in the order of time. Written is what is different, the last one of each moment.
+// The values by their times. Written is what is different.
 void WriteCounter(Events& events, const View& view, std::string_view name,
-                  const std::vector<Change>& values) {
+                  const std::map<Micros, double>& values) {
     double shown = NAN;
-    for (size_t i = 0; i < values.size(); ++i) {
-        const auto& [time, value] = values[i];
-        const bool isLast = i + 1 == values.size() || values[i + 1].time != time;
-        if (isLast && value != shown && view.Has(time)) {
+    for (const auto& [time, value] : values) {
+        if (value != shown && view.Has(time)) {
             events.Add('C', view.process, time, name,
                        fmt::format(R"(,"args":{{"value":{}}})", value));
             shown = value;
@@ -416,82 +399,49 @@ void WriteCounter(Events& events, const View& view, std::string_view name,
 }
 
 void WriteCounters(Events& events, const View& view) {
-    const Scene& scene = view.scene;
-    std::vector<Change> inFlight, intervals;
-    for (size_t i = 0; i < scene.frames.size(); ++i) {
-        const Frame& frame = scene.frames[i];
+    std::map<Micros, double> inFlight, intervals;
+    for (size_t i = 0; i < view.scene.frames.size(); ++i) {
+        const Frame& frame = view.scene.frames[i];
         if (frame.start != NO_TIME) {
             // What is still in the table keeps its place; of others it is not known when they went.
             const bool isKnown = frame.end != NO_TIME || frame.isEvicted || frame.isHeld;
-            inFlight.push_back({frame.start, 1});
-            inFlight.push_back(
-                {isKnown && view.gone[i] != NO_TIME ? view.gone[i] : SliceOf(view, i).span.end,
-                 -1});
+            ++inFlight[frame.start];
+            --inFlight[isKnown && view.gone[i] != NO_TIME ? view.gone[i]
+                                                          : SliceOf(view, i).span.end];
         }
-        if (frame.interval != NO_TIME && frame.output != NO_TIME) {
-            intervals.push_back({frame.output, static_cast<double>(frame.interval) / 1000});
+        if (frame.interval != NO_TIME) {
+            intervals[frame.output] = static_cast<double>(frame.interval) / 1000;
         }
     }
-    const auto isBefore = [](const Change& one, const Change& other) {
-        return one.time < other.time;
-    };
-    std::stable_sort(inFlight.begin(), inFlight.end(), isBefore);
-    std::stable_sort(intervals.begin(), intervals.end(), isBefore);
     double count = 0;
-    for (Change& change : inFlight) {
-        change.value = count += change.value;
+    for (auto& [time, change] : inFlight) {
+        change = count += change;
     }
     WriteCounter(events, view, "frames in flight", inFlight);
     WriteCounter(events, view, "output interval (ms)", intervals);
 }
 
-// Something that is said of a moment.
-struct Remark {
-    Micros time = 0;
-    std::string name;
-    Json arguments;
-};
-
-void AddFindings(std::vector<Remark>& remarks, const Account& account,
-                 const std::vector<SceneFinding>& findings, Micros otherwise) {
+// `otherwise`: where a finding stands whose time is not known.
+void WriteFindings(Events& events, size_t process, const Account& account,
+                   const std::vector<SceneFinding>& findings, Micros otherwise,
+                   const View* view = nullptr) {
+    std::multimap<Micros, const SceneFinding*> shown;
     for (const SceneFinding& finding : findings) {
-        remarks.push_back(
-            {finding.time == NO_TIME ? otherwise : finding.time,
-             NameOf(finding.check) + (finding.frame ? fmt::format(" {}", *finding.frame) : ""),
-             {{"severity", NameOf(finding.severity)},
-              {"message", finding.message},
-              {"line", ToString(account, finding.place)}}});
+        const Micros time = finding.time == NO_TIME ? otherwise : finding.time;
+        if (view == nullptr || view->Has(time)) {
+            shown.emplace(time, &finding);
+        }
     }
-}
-
-void WriteRemarks(Events& events, size_t process, std::vector<Remark> remarks) {
-    if (remarks.empty()) {
-        return;
+    const size_t track = shown.empty() ? 0 : events.AddTrack(process, "findings");
+    for (const auto& [time, finding] : shown) {
+        const Json arguments{{"severity", NameOf(finding->severity)},
+                             {"message", finding->message},
+                             {"line", ToString(account, finding->place)}};
+        events.Add(
+            'i', process, time,
+            NameOf(finding->check) + (finding->frame ? fmt::format(" {}", *finding->frame) : ""),
+            fmt::format(R"(,"tid":{},"s":"t","args":{})", track, Text(arguments)));
     }
-    std::stable_sort(remarks.begin(), remarks.end(),
-                     [](const Remark& one, const Remark& other) { return one.time < other.time; });
-    const size_t thread = events.AddTrack(process, "findings");
-    for (const Remark& remark : remarks) {
-        events.Add('i', process, remark.time, remark.name,
-                   fmt::format(R"(,"tid":{},"s":"t","args":{})", thread, Text(remark.arguments)));
-    }
-}
-
-std::vector<Remark> RemarksOn(const View& view) {
-    std::vector<Remark> remarks;
-    AddFindings(remarks, view.account, view.scene.findings, view.scene.begin);
-    const auto add = [&](const Scene::Disturbance& one, std::string name) {
-        remarks.push_back(
-            {one.time, std::move(name), {{"line", ToString(view.account, one.place)}}});
-    };
-    for (const Scene::Disturbance& one : view.scene.leftOut) {
-        add(one, one.amount > 0 ? fmt::format("{} lines lost", one.amount) : "lines lost");
-    }
-    for (const Scene::Disturbance& one : view.scene.clockSteps) {
-        add(one, fmt::format("the clock jumped by {} ms", one.amount / MILLISECOND));
-    }
-    std::erase_if(remarks, [&view](const Remark& remark) { return !view.Has(remark.time); });
-    return remarks;
 }
 
 // What the clock of the log showed at a time, in the form of `Account::from`: a date, which may
@@ -517,7 +467,7 @@ void WriteScene(Events& events, const View& view, const Scheduling* scheduling) 
     const std::string clock = ClockAt(view.account, view.scene.begin);
     events.NameProcess(view.process, TitleOf(view.account, view.process - 1) +
                                          (clock.empty() ? "" : ", begins at " + clock));
-    WriteRemarks(events, view.process, RemarksOn(view));
+    WriteFindings(events, view.process, view.account, view.scene.findings, view.scene.begin, &view);
     WriteExpected(events, view);
     for (const Slice& slice : view.frames) {
         WritePair(events, view, slice, "actual");
@@ -559,10 +509,8 @@ void WriteTrace(std::ostream& out, const Account& account,
     }
     if (!account.findings.empty()) {
         const size_t process = account.scenes.size() + 1;
-        std::vector<Remark> remarks;
-        AddFindings(remarks, account, account.findings, origin);
         events.NameProcess(process, "the capture as a whole");
-        WriteRemarks(events, process, std::move(remarks));
+        WriteFindings(events, process, account, account.findings, origin);
     }
     const Json about{{"inputs", account.inputs}, {"clock at 0", ClockAt(account, origin)}};
     out << "\n],\"otherData\":" << Text(about) << "}\n";
