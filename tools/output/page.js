@@ -91,10 +91,10 @@
         return new Uint8Array(await new Response(stream).arrayBuffer());
     }
 
-    // The numbers of a column, one after the other.
+    // Gives the numbers of a column, one after the other.
     function reader(bytes) {
         let at = 0;
-        const next = () => {
+        return () => {
             let value = 0;
             let scale = 1;
             for (; bytes[at] > 127; scale *= 128) {
@@ -103,21 +103,11 @@
             value += bytes[at++] * scale;
             return value % 2 === 1 ? -(value + 1) / 2 : value / 2;
         };
-        const big = () => {
-            let value = 0n;
-            let shift = 0n;
-            for (; bytes[at] > 127; shift += 7n) {
-                value |= BigInt(bytes[at++] & 127) << shift;
-            }
-            value |= BigInt(bytes[at++]) << shift;
-            return value & 1n ? -(value >> 1n) - 1n : value >> 1n;
-        };
-        return { next, big };
     }
 
     // What a thread did when it did not sleep: from when to when, and which state on which CPU.
     async function unpackThread(packed) {
-        const { next } = reader(await inflate(packed.data));
+        const next = reader(await inflate(packed.data));
         const begin = new Float64Array(packed.count);
         const end = new Float64Array(packed.count);
         const codes = new Uint32Array(packed.count);
@@ -130,13 +120,10 @@
     }
 
     async function unpack(packed) {
-        const { next, big } = reader(await inflate(packed.data));
-        const count = packed.frames;
-        const numbers = [];
-        for (let i = 0, number = 0n; i < count; ++i) {
-            number = BigInt.asIntN(64, number + big());
-            numbers.push(number);
-        }
+        const next = reader(await inflate(packed.data));
+        const numbers = packed.numbers.flatMap(([first, length]) =>
+            Array.from({ length }, (_, i) => BigInt(first) + BigInt(i)));
+        const count = numbers.length;
         const codes = Uint8Array.from({ length: count }, next);
         const known = new Float64Array(count);
         const column = (isFirst) => {
@@ -280,9 +267,7 @@
         time: Number(item.dataset.time),
         severity: item.classList[0],
         item,
-        // Between its severity and its check.
-        words: [...item.childNodes].slice(1, [...item.childNodes].findIndex(
-            (node) => node.nodeName === 'CODE')).map((node) => node.textContent).join('').trim(),
+        words: item.querySelector('bdi').textContent.trim(),
     }));
     const marks = () => findings.filter((finding) => finding.scene === scene.scene);
 

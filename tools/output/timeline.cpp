@@ -16,49 +16,36 @@
 namespace tools {
 namespace {
 
-// Numbers of any size, small ones in one byte: seven bits a byte, the lowest first, and the sign in
-// the lowest of all. 0 stands for what is not known.
-class Columns {
-  public:
-    void Put(int64_t value) {
-        auto rest = (static_cast<uint64_t>(value) << 1) ^ static_cast<uint64_t>(value >> 63);
-        for (; rest >= 128; rest >>= 7) {
-            bytes += static_cast<char>(rest | 128);
-        }
-        bytes += static_cast<char>(rest);
+// Appends a number of any size, a small one as one byte: seven bits a byte, the lowest first, and
+// the sign in the lowest of all.
+void Put(std::string& bytes, int64_t value) {
+    auto rest = (static_cast<uint64_t>(value) << 1) ^ static_cast<uint64_t>(value >> 63);
+    for (; rest >= 128; rest >>= 7) {
+        bytes += static_cast<char>(rest | 128);
     }
-    // As the difference to what the reader knows by then.
-    void PutTime(Micros time, Micros unit, int64_t& known) {
-        if (time == NO_TIME) {
-            Put(0);
-            return;
-        }
-        const int64_t units = time / unit;
-        const int64_t step = units - known;
-        Put(step >= 0 ? step + 1 : step);  // Never 0.
-        known = units;
-    }
+    bytes += static_cast<char>(rest);
+}
 
-    std::string bytes;
-};
-
-// A column a row of a frame: its number, what became of it, when it was started, when it left each
+// A column a row of a frame: what became of it, when it was started, when it left each
 // stage, and when the HAL ended it, in units of the resolution since the scene's begin.
 std::string DataOf(const Scene& scene, Micros unit) {
-    Columns columns;
-    int64_t number = 0;
+    std::string columns;
     for (const Frame& frame : scene.frames) {
-        columns.Put(static_cast<int64_t>(static_cast<uint64_t>(frame.number) -
-                                         static_cast<uint64_t>(number)));
-        number = frame.number;
-    }
-    for (const Frame& frame : scene.frames) {
-        columns.Put(static_cast<int>(frame.status) + 16 * (frame.isLate ? 1 : 0) +
-                    32 * (frame.isNeverOut ? 1 : 0) + 64 * (frame.isUntold ? 1 : 0));
+        Put(columns, static_cast<int>(frame.status) + 16 * (frame.isLate ? 1 : 0) +
+                         32 * (frame.isNeverOut ? 1 : 0) + 64 * (frame.isUntold ? 1 : 0));
     }
     std::vector<int64_t> known(scene.frames.size());
+    // As the difference to what the reader knows by then, but never 0, which is for what is not
+    // known.
     const auto put = [&](Micros time, size_t frame) {
-        columns.PutTime(time == NO_TIME ? NO_TIME : time - scene.begin, unit, known[frame]);
+        if (time == NO_TIME) {
+            Put(columns, 0);
+            return;
+        }
+        const int64_t units = (time - scene.begin) / unit;
+        const int64_t step = units - known[frame];
+        Put(columns, step >= 0 ? step + 1 : step);
+        known[frame] = units;
     };
     for (size_t i = 0; i < scene.frames.size(); ++i) {
         known[i] = i == 0 ? 0 : known[i - 1];
@@ -72,7 +59,23 @@ std::string DataOf(const Scene& scene, Micros unit) {
     for (size_t i = 0; i < scene.frames.size(); ++i) {
         put(scene.frames[i].end, i);
     }
-    return columns.bytes;
+    return columns;
+}
+
+// The numbers of frames, as the first of each run of consecutive ones, in text as they may be
+// larger than a script's numbers, and how many there are.
+std::vector<std::pair<std::string, int64_t>> NumbersOf(const Scene& scene) {
+    std::vector<std::pair<std::string, int64_t>> runs;
+    const Frame* before = nullptr;
+    for (const Frame& frame : scene.frames) {
+        if (before == nullptr || frame.number <= before->number ||
+            frame.number - 1 != before->number) {
+            runs.emplace_back(std::to_string(frame.number), 0);
+        }
+        ++runs.back().second;
+        before = &frame;
+    }
+    return runs;
 }
 
 double Seconds(Micros time) {
@@ -102,18 +105,18 @@ using Json = nlohmann::ordered_json;
 // before it began, how long it took, and the state with the CPU above that.
 Json ThreadOf(Micros begin, int32_t stage, int32_t tid, const std::string& name,
               const std::vector<Awake>& awake) {
-    Columns columns;
+    std::string columns;
     for (const Awake& one : awake) {
-        columns.Put(one.span.begin - begin);
-        columns.Put(one.span.end - one.span.begin);
-        columns.Put(static_cast<int64_t>(one.state) + int64_t{8} * (one.cpu + 1));
+        Put(columns, one.span.begin - begin);
+        Put(columns, one.span.end - one.span.begin);
+        Put(columns, static_cast<int64_t>(one.state) + int64_t{8} * (one.cpu + 1));
         begin = one.span.end;
     }
     return {{"stage", stage},
             {"id", tid},
             {"name", name},
             {"count", awake.size()},
-            {"data", Base64(Gzip(columns.bytes))}};
+            {"data", Base64(Gzip(columns))}};
 }
 
 // The threads of a scene: the pipeline's by their stages, then those that kept them.
@@ -161,7 +164,7 @@ Json WakesOf(const Scene& scene) {
 }  // namespace
 
 void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* scheduling) {
-    nlohmann::ordered_json scenes;
+    Json scenes;
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         const Scene& scene = account.scenes[i];
         if (scene.isMixed || scene.frames.empty()) {
@@ -171,7 +174,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
         std::vector<std::string> names = scene.stageNames;
         names.resize(static_cast<size_t>(scene.stageCount));
         const auto steps = ClockSteps(account, scene);
-        nlohmann::ordered_json words = nlohmann::json::array();
+        Json words = Json::array();
         for (size_t status = 0; status < FRAME_STATUSES; ++status) {
             words.push_back(NameOf(FrameStatus(status)));
         }
@@ -185,7 +188,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
                           {"unit", Seconds(account.resolution)},
                           {"stages", names},
                           {"words", words},
-                          {"frames", scene.frames.size()},
+                          {"numbers", NumbersOf(scene)},
                           {"data", Base64(Gzip(DataOf(scene, account.resolution)))}});
         if (scheduling != nullptr) {
             scenes.back()["threads"] = ThreadsOf(scene, *scheduling, scheduling->scenes[i]);
@@ -196,7 +199,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
         return;
     }
     // JSON in HTML: no end of the element may stand in it.
-    std::string text = scenes.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+    std::string text = scenes.dump(-1, ' ', true, Json::error_handler_t::replace);
     for (size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at)) {
         text.replace(at, 1, "\\u003c");
     }

@@ -48,6 +48,20 @@ class Events {
         Name("process", process, "", name, process);
     }
 
+    void AddSlice(size_t process, size_t track, Span span, std::string_view name,
+                  std::string_view arguments = "") {
+        Add('X', process, span.begin, name,
+            fmt::format(R"(,"tid":{},"dur":{}{})", track, span.end - span.begin, arguments));
+    }
+
+    // One end of an arrow, or a step of it, in the slice there: `phase` is s, t or f.
+    void AddFlow(char phase, size_t process, size_t track, Micros time, std::string_view name,
+                 size_t id) {
+        Add(phase, process, time, name,
+            fmt::format(R"(,"tid":{},"cat":"{}","id":{}{})", track, name, id,
+                        phase == 's' ? "" : R"(,"bp":"e")"));
+    }
+
     // The thread that it is.
     size_t AddTrack(size_t process, const std::string& name) {
         ++threads;
@@ -100,7 +114,7 @@ struct View {
     std::vector<Micros> gone;     // When each frame went that was not seen to leave; NO_TIME where
                                   // that is not known.
     std::vector<bool> hasFlow;    // Of each frame.
-    std::vector<Slice> frames;    // In the order of time.
+    std::vector<Slice> frames;    // In the order of the scene.
     Span span{NO_TIME, NO_TIME};  // In which things are shown that are no frame's.
 
     const Frame& FrameOf(const Slice& slice) const { return scene.frames[slice.frame]; }
@@ -195,7 +209,6 @@ View ViewOf(const Account& account, size_t number, size_t firstId,
             Include(view.span, row.isNeverOut ? NO_TIME : slice.span.end);
         }
     }
-    std::sort(view.frames.begin(), view.frames.end(), IsBefore);
     return view;
 }
 
@@ -243,23 +256,21 @@ void WritePair(Events& events, const View& view, const Slice& slice, std::string
 // A frame is due so many periods after the last one that came out as numbers are between the two.
 void WriteExpected(Events& events, const View& view) {
     const Scene& scene = view.scene;
-    std::vector<Micros> due(scene.frames.size(), NO_TIME);
     const Frame* before = nullptr;
+    auto shown = view.frames.begin();
     for (size_t i = 0; i < scene.frames.size(); ++i) {
         const Frame& frame = scene.frames[i];
         const uint64_t gap = before == nullptr ? 0
                                                : static_cast<uint64_t>(frame.number) -
                                                      static_cast<uint64_t>(before->number);
-        if (gap > 0 && gap < FAR_APART) {
-            due[i] = before->output + scene.Period() * static_cast<Micros>(gap);
+        if (shown != view.frames.end() && shown->frame == i) {
+            const Micros begin = (shown++)->span.begin;
+            if (gap > 0 && gap < FAR_APART) {
+                const Micros due = before->output + scene.Period() * static_cast<Micros>(gap);
+                WritePair(events, view, {{begin, std::max(begin, due)}, i}, "expected");
+            }
         }
         before = frame.output == NO_TIME ? before : &frame;
-    }
-    for (const Slice& slice : view.frames) {
-        if (const Micros end = due[slice.frame]; end != NO_TIME) {
-            const Micros begin = slice.span.begin;
-            WritePair(events, view, {{begin, std::max(begin, end)}, slice.frame}, "expected");
-        }
     }
 }
 
@@ -286,33 +297,28 @@ void WriteStage(Events& events, const View& view, int32_t stage) {
     }
     std::sort(slices.begin(), slices.end(), IsBefore);
     // Those that overlap are spread over as few tracks as it takes.
-    struct Lane {
-        Micros end;
-        size_t thread;
-    };
-    std::vector<Lane> lanes;
+    std::vector<std::pair<Micros, size_t>> lanes;  // When each is free again, and its track.
     for (const Slice& slice : slices) {
         const auto [begin, end] = slice.span;
-        auto lane = std::find_if(lanes.begin(), lanes.end(),
-                                 [&slice](const Lane& one) { return one.end <= slice.span.begin; });
-        if (lane == lanes.end()) {
-            const std::string which = lanes.empty() ? "" : fmt::format(" ({})", lanes.size() + 1);
-            const std::string title = StageTitleOf(view.scene, static_cast<size_t>(stage));
-            lane = lanes.insert(lane, {end, events.AddTrack(view.process, title + which)});
+        size_t lane = 0;
+        while (lane < lanes.size() && lanes[lane].first > begin) {
+            ++lane;
         }
-        lane->end = end;
-        const std::string where = fmt::format(R"(,"tid":{})", lane->thread);
-        events.Add('X', view.process, begin, NameOf(view.FrameOf(slice)),
-                   fmt::format(R"({},"dur":{}{})", where, end - begin, ArgumentsOf(view, slice)));
+        if (lane == lanes.size()) {
+            const std::string which = lane == 0 ? "" : fmt::format(" ({})", lane + 1);
+            const std::string title = StageTitleOf(view.scene, static_cast<size_t>(stage));
+            lanes.emplace_back(end, events.AddTrack(view.process, title + which));
+        }
+        lanes[lane].first = end;
+        const size_t track = lanes[lane].second;
+        events.AddSlice(view.process, track, slice.span, NameOf(view.FrameOf(slice)),
+                        ArgumentsOf(view, slice));
         if (const char phase = FlowOf(view, slice, stage); phase != '\0') {
-            events.Add(phase, view.process, begin, "frame",
-                       fmt::format(R"({},"cat":"frame","id":{}{})", where,
-                                   view.firstId + slice.frame, phase == 's' ? "" : R"(,"bp":"e")"));
+            events.AddFlow(phase, view.process, track, begin, "frame", view.firstId + slice.frame);
         }
         const Micros wait = view.scene.TimesOf(slice.frame, stage).wait;
         if (wait != NO_TIME && wait > 0) {
-            events.Add('X', view.process, begin, "waiting",
-                       fmt::format(R"({},"dur":{})", where, std::min(wait, end - begin)));
+            events.AddSlice(view.process, track, {begin, std::min(begin + wait, end)}, "waiting");
         }
     }
 }
@@ -325,10 +331,9 @@ void WriteThread(Events& events, const View& view, const Scheduling& scheduling,
     for (const Awake& one : AwakeOf(scheduling, thread, view.span)) {
         const bool isRunning = one.state == ThreadState::Running;
         const bool isRunnable = one.state == ThreadState::Runnable;
-        events.Add('X', view.process, one.span.begin,
-                   isRunnable ? "waiting for a CPU" : NameOf(one.state),
-                   fmt::format(R"(,"tid":{},"dur":{}{})", track, one.span.end - one.span.begin,
-                               isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", one.cpu) : ""));
+        events.AddSlice(view.process, track, one.span,
+                        isRunnable ? "waiting for a CPU" : NameOf(one.state),
+                        isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", one.cpu) : "");
     }
 }
 
@@ -374,13 +379,10 @@ void WriteChains(Events& events, const View& view) {
                std::pair(other.span.begin, one.span.end);
     });
     for (const Piece& piece : pieces) {
-        const std::string where = fmt::format(R"(,"tid":{})", piece.track);
-        events.Add('X', view.process, piece.span.begin, piece.name,
-                   fmt::format(R"({},"dur":{})", where, piece.span.end - piece.span.begin));
+        events.AddSlice(view.process, piece.track, piece.span, piece.name);
         if (piece.flow != '\0') {
-            events.Add(piece.flow, view.process, piece.span.begin, "cause",
-                       fmt::format(R"({},"cat":"cause","id":{}{})", where, piece.arrow,
-                                   piece.flow == 's' ? "" : R"(,"bp":"e")"));
+            events.AddFlow(piece.flow, view.process, piece.track, piece.span.begin, "cause",
+                           piece.arrow);
         }
     }
 }
@@ -464,20 +466,19 @@ std::string ClockAt(const Account& account, Micros time) {
 }
 
 void WriteScene(Events& events, const View& view, const Scheduling* scheduling) {
-    const std::string clock = ClockAt(view.account, view.scene.begin);
-    events.NameProcess(view.process, TitleOf(view.account, view.process - 1) +
-                                         (clock.empty() ? "" : ", begins at " + clock));
+    events.NameProcess(view.process, TitleOf(view.account, view.process - 1) + ", begins at " +
+                                         ClockAt(view.account, view.scene.begin));
     WriteFindings(events, view.process, view.account, view.scene.findings, view.scene.begin, &view);
     WriteExpected(events, view);
     for (const Slice& slice : view.frames) {
         WritePair(events, view, slice, "actual");
     }
-    const std::vector<ThreadUse> threads = scheduling == nullptr
-                                               ? std::vector<ThreadUse>()
-                                               : scheduling->scenes[view.process - 1].threads;
     for (int32_t stage = 0; stage < view.scene.stageCount; ++stage) {
         WriteStage(events, view, stage);
-        for (const ThreadUse& use : threads) {
+        if (scheduling == nullptr) {
+            continue;
+        }
+        for (const ThreadUse& use : scheduling->scenes[view.process - 1].threads) {
             if (!use.stages.empty() && use.stages.front() == stage) {
                 WriteThread(events, view, *scheduling, use.thread);
             }
