@@ -21,8 +21,8 @@ namespace tools {
 // one.
 //
 // `frames`: the first and the last number of a part, which has all of that for all of its frames,
-// and nothing from before or after it. Written track by track, each in the order of time. Whether
-// the stream took it all is for the caller to check.
+// and nothing from before or after it. Written track by track, those of threads in the order of
+// time. Whether the stream took it all is for the caller to check.
 void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
                 const Scheduling* scheduling = nullptr);
