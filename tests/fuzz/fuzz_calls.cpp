@@ -60,7 +60,7 @@ class Player : private Contract {
         isHalReporting = false;
         SettleSceneEnd();
         if (call.operation == tools::Operation::SetVersion) {
-            LetServiceAnswer(std::min(call.Get<int32_t>(tools::Parameter::Version), 0));
+            LetServiceAnswer(std::min(call.Get<int32_t>("version"), 0));
         }
         Require(violation.empty(), "after " + name + ": " + violation);
         if (isStageEvent || name == "TcfbtNotifyFrameStart" || name == "TcfbtNotifyFrameEnd") {

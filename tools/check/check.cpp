@@ -1,12 +1,14 @@
 #include "tools/check/check.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <toml++/toml.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <set>
@@ -51,7 +53,7 @@ std::string KindOf(const toml::node& node) {
            (node.is_floating_point() ? " number" : "");
 }
 
-// A value as the file has it, as far as that can be told.
+// A value as the file has it; its kind alone where it has no text.
 std::string ValueOf(const toml::node& node) {
     std::ostringstream text;
     node.visit([&text](const auto& value) {
@@ -89,22 +91,18 @@ class Checker {
             AddNoStages({});
         }
         CheckStageCount({});
-        places.resize(table.stages.size());
         int64_t next = 0;
         const auto skipTo = [&](int32_t to) {
             for (; next < to && next < MOST_SKIPPED; ++next) {
                 AddEmptyStage(next, {});
             }
         };
-        for (size_t i = 0; i < table.stages.size(); ++i) {
-            const ConfiguredStage& stage = table.stages[i];
+        for (const ConfiguredStage& stage : table.stages) {
             skipTo(stage.stage);
             next = int64_t{stage.stage} + 1;
             CheckName(stage.stage, stage.node, {});
-            CheckPair(i);
-            if (stage.ports.size() > 1) {
-                AddSeveralPorts(stage.stage, stage.ports.size(), {});
-            }
+            CheckPair(stage, {});
+            CheckPortCount(stage.stage, stage.ports.size(), {});
         }
         skipTo(*table.stageCount);
         return std::move(result.findings);
@@ -183,7 +181,7 @@ class Checker {
         CheckModes(*section);
         CheckStages(*section);
         for (size_t i = 0; i < table.stages.size(); ++i) {
-            CheckPair(i);
+            CheckPair(table.stages[i], places[i]);
         }
     }
 
@@ -191,7 +189,7 @@ class Checker {
         constexpr const char* consequence = "nothing is configured, so nothing is boosted";
         std::string instead;
         toml::source_region where{{1, 1}, {1, 1}, nullptr};
-        // What is there instead may tell why.
+        // What the file has instead may show why.
         const auto isKey = [](const toml::key& key) {
             return std::find(KEYS.begin(), KEYS.end(), key.str()) != KEYS.end();
         };
@@ -436,9 +434,7 @@ class Checker {
         for (size_t i = 1; i < texts.size(); ++i) {
             CheckPort(number, texts[i], (*list)[i].source(), ports);
         }
-        if (ports.size() > 1) {
-            AddSeveralPorts(number, ports.size(), (*list)[1].source());
-        }
+        CheckPortCount(number, ports.size(), (*list)[list->size() > 1 ? 1 : 0].source());
         if (loads) {
             stage.stage = static_cast<int32_t>(number);
             stage.ports.assign(ports.begin(), ports.end());
@@ -454,7 +450,10 @@ class Checker {
             number);
     }
 
-    void AddSeveralPorts(int64_t number, size_t ports, const toml::source_region& place) {
+    void CheckPortCount(int64_t number, size_t ports, const toml::source_region& place) {
+        if (ports < 2) {
+            return;
+        }
         Add("several-ports", Severity::Note, place,
             "stage {} ends on any one of its {}, which are alternatives. Where a frame comes out "
             "on two of them, {}",
@@ -526,34 +525,36 @@ class Checker {
     }
 
     // What other stages do to a loaded one.
-    void CheckPair(size_t i) {
-        const ConfiguredStage& stage = table.stages[i];
+    void CheckPair(const ConfiguredStage& stage, const toml::source_region& place) {
         const int32_t winner = stage.node.empty() ? stage.stage : NamedStageOf(stage.node);
         if (winner == stage.stage) {
-            CheckPorts(stage, places[i]);
-        } else {
-            AddShadowed(stage, winner, places[i]);
+            return CheckPorts(stage, place);
         }
-    }
-
-    static std::string NodeOf(const ConfiguredStage& stage) {
-        return fmt::format("node {} of stage {}", Quoted(stage.node), stage.stage);
-    }
-
-    void AddShadowed(const ConfiguredStage& stage, int32_t winner,
-                     const toml::source_region& place) {
         Add("shadowed", Severity::Error, place,
             "{0} is never stage {1}, as the name of stage {2} occurs in it and the highest stage "
             "wins: its node ends count for stage {2}, stage {1} never ends, and no frame does",
             NodeOf(stage), stage.stage, winner);
     }
 
+    static std::string NodeOf(const ConfiguredStage& stage) {
+        return fmt::format("node {} of stage {}", Quoted(stage.node), stage.stage);
+    }
+
     void CheckPorts(const ConfiguredStage& stage, const toml::source_region& place) {
         bool isHelped = false;
         for (const ConfiguredStage& other : table.stages) {
-            if (other.stage != stage.stage && stage.node.find(other.node) != std::string::npos) {
-                isHelped = isHelped || !other.ports.empty();
-                CheckPortsThrough(other, stage, place);
+            if (other.stage == stage.stage || stage.node.find(other.node) == std::string::npos) {
+                continue;
+            }
+            isHelped = isHelped || !other.ports.empty();
+            std::vector<int32_t> ports;
+            std::set_difference(other.ports.begin(), other.ports.end(), stage.ports.begin(),
+                                stage.ports.end(), std::back_inserter(ports));
+            if (!ports.empty() && !other.node.empty()) {
+                Add("port-through-other-stage", Severity::Warning, place,
+                    "{} ends its stage on port {} too: stage {} lists it, and its name, {}, occurs "
+                    "in this one",
+                    NodeOf(stage), fmt::join(ports, ", "), other.stage, Quoted(other.node));
             }
         }
         if (stage.ports.empty() && !result.endsProcess) {
@@ -562,22 +563,6 @@ class Checker {
                 isHelped
                     ? "it ends on those of other stages alone"
                     : "none of its node ends counts, so the stage never ends, and no frame does");
-        }
-    }
-
-    void CheckPortsThrough(const ConfiguredStage& other, const ConfiguredStage& stage,
-                           const toml::source_region& place) {
-        std::string ports;
-        for (const int32_t port : other.ports) {
-            if (!std::binary_search(stage.ports.begin(), stage.ports.end(), port)) {
-                ports += fmt::format("{}{}", ports.empty() ? "" : ", ", port);
-            }
-        }
-        if (!ports.empty() && !other.node.empty()) {
-            Add("port-through-other-stage", Severity::Warning, place,
-                "{} ends its stage on port {} too: stage {} lists it, and its name, {}, occurs in "
-                "this one",
-                NodeOf(stage), ports, other.stage, Quoted(other.node));
         }
     }
 

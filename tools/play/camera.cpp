@@ -24,29 +24,28 @@ struct FaultForm {
     std::string_view name;
     bool hasFrames;  // It may happen to several in a row.
     bool hasStage;
-    std::string_view amount;  // What it is called; empty where there is none.
-    std::string_view meaning;
+    std::string_view amount;   // What it is called; empty where there is none.
+    std::string_view meaning;  // A format, with stage and amount.
 };
 
 // In the order of FaultKind.
 constexpr std::array<FaultForm, FAULT_KINDS> FAULT_FORMS = {{
     {"drop", true, false, "", "the sensor drops it and says so"},
-    {"lost", true, true, "", "it never comes out of STAGE"},
-    {"unreported", true, true, "", "STAGE does its work, but does not report it"},
-    {"slow", true, true, "MILLISECONDS", "STAGE takes MILLISECONDS longer"},
+    {"lost", true, true, "", "it never comes out of {stage}"},
+    {"unreported", true, true, "", "{stage} does its work, but does not report it"},
+    {"slow", true, true, "MILLISECONDS", "{stage} takes {amount} longer"},
     {"stall", false, false, "MILLISECONDS",
-     "the sensor delivers it, and all that follow, MILLISECONDS late"},
-    {"swap", false, true, "", "it comes out of STAGE after the frame that follows it"},
-    {"second-port", true, true, "", "STAGE reports it on a second port as well"},
+     "the sensor delivers it, and all that follow, {amount} late"},
+    {"swap", false, true, "", "it comes out of {stage} after the frame that follows it"},
+    {"second-port", true, true, "", "{stage} reports it on a second port as well"},
     {"log-lost", false, false, "COUNT",
-     "from its first report on, COUNT lines of the log are missing"},
-    {"die", false, true, "", "STAGE does nothing more from then on"},
-    {"freeze", false, false, "MILLISECONDS", "nothing happens for MILLISECONDS before it comes"},
+     "from its first report on, {amount} lines of the log are missing"},
+    {"die", false, true, "", "{stage} does nothing more from then on"},
+    {"freeze", false, false, "MILLISECONDS", "nothing happens for {amount} before it comes"},
     {"restart", false, false, "", "the HAL gives it the number 1, and counts on from there"},
     {"recovered", true, false, "", "the sensor drops it, and the HAL does what is to be done then"},
-    {"clock", false, false, "MILLISECONDS",
-     "the log's clock is set by MILLISECONDS before it comes"},
-    {"rate", true, false, "FPS", "the sensor delivers FPS frames a second"},
+    {"clock", false, false, "MILLISECONDS", "the log's clock is set by {amount} before it comes"},
+    {"rate", true, false, "FPS", "the sensor delivers {amount} frames a second"},
 }};
 
 const FaultForm& FormOf(FaultKind kind) {
@@ -54,8 +53,13 @@ const FaultForm& FormOf(FaultKind kind) {
 }
 
 std::string UsageOf(const FaultForm& form) {
-    return std::string(form.name) + ":FRAME" + (form.hasStage ? ":STAGE" : "") +
-           (form.amount.empty() ? "" : ":") + std::string(form.amount);
+    return fmt::format("{}:FRAME{}{}{}", form.name, form.hasStage ? ":STAGE" : "",
+                       form.amount.empty() ? "" : ":", form.amount);
+}
+
+std::string MeaningOf(const FaultForm& form, std::string_view stage, std::string_view amount) {
+    return fmt::format(fmt::runtime(form.meaning), fmt::arg("stage", stage),
+                       fmt::arg("amount", amount));
 }
 
 // Reads a table of a camera file: every key once, each of its kind and in its range.
@@ -216,41 +220,30 @@ std::string_view NameOf(FaultKind kind) {
 }
 
 std::string FramesOf(const Fault& fault) {
-    return fault.last > fault.frame
-               ? "frames " + std::to_string(fault.frame) + " to " + std::to_string(fault.last)
-               : "frame " + std::to_string(fault.frame);
+    return fault.last > fault.frame ? fmt::format("frames {} to {}", fault.frame, fault.last)
+                                    : fmt::format("frame {}", fault.frame);
 }
 
 std::string Describe(const Fault& fault, const Camera& camera) {
     const FaultForm& form = FormOf(fault.kind);
-    std::string text(form.meaning);
-    const auto fillIn = [&text](std::string_view word, const std::string& value) {
-        const size_t at = word.empty() ? std::string::npos : text.find(word);
-        if (at != std::string::npos) {
-            text.replace(at, word.size(), value);
-        }
-    };
+    std::string stage;
     if (form.hasStage) {
-        fillIn("STAGE", camera.Stages().at(static_cast<size_t>(fault.stage)).name + " (stage " +
-                            std::to_string(fault.stage) + ")");
+        stage = fmt::format("{} (stage {})",
+                            camera.Stages().at(static_cast<size_t>(fault.stage)).name, fault.stage);
     }
-    const std::string unit = form.amount == "MILLISECONDS" ? " ms" : "";
-    fillIn(form.amount, std::to_string(fault.amount) + unit);
-    return text;
+    const char* const unit = form.amount == "MILLISECONDS" ? " ms" : "";
+    return MeaningOf(form, stage, std::to_string(fault.amount) + unit);
 }
 
 std::string DescribeFaults() {
     std::string text;
-    for (const FaultForm& form : FAULT_FORMS) {
-        text += fmt::format("  {:32}{}\n", UsageOf(form), form.meaning);
-    }
     std::string names;
     for (const FaultForm& form : FAULT_FORMS) {
+        text += fmt::format("  {:32}{}\n", UsageOf(form), MeaningOf(form, "STAGE", form.amount));
         names += form.hasFrames ? (names.empty() ? "" : ", ") + std::string(form.name) : "";
     }
-    text += "\nFRAME may be several in a row, as 100-104, for " + names +
-            ".\nFor clock, MILLISECONDS below 0 set it back.\n";
-    return text;
+    return text + "\nFRAME may be several in a row, as 100-104, for " + names +
+           ".\nFor clock, MILLISECONDS below 0 set it back.\n";
 }
 
 std::vector<CameraNode> Camera::Stages() const {

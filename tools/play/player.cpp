@@ -79,7 +79,7 @@ void Player::Play(const Line& line, uint32_t number) {
 
 void Player::PlayCall(const Call& call, uint32_t number) {
     if (call.operation == Operation::SetSceneInfo) {
-        sceneFps = call.Get<int32_t>(Parameter::Fps);
+        sceneFps = call.Get<int32_t>("fps");
     }
     effects.clear();
     const std::optional<int32_t> result = Make(call, boost);
@@ -94,7 +94,7 @@ void Player::PlayRecording(const Recording& recording, uint32_t number) {
         nodeEnds.push_back(NodeEndOf(configuration, stage).value());
     }
     const auto reportNodeEnd = [&](size_t stage, int64_t frame) {
-        nodeEnds[stage].Set(Parameter::HalFrameNumber, frame);
+        nodeEnds[stage].Set("halFrameNumber", frame);
         PlayCall(nodeEnds[stage], number);
     };
 
@@ -136,6 +136,16 @@ void Player::PassTime(Micros until) {
         std::this_thread::sleep_until(std::min(due, std::chrono::steady_clock::now() + slice));
     }
     time = until;
+}
+
+void WriteLogLine(std::ostream& out, const Format& format, int64_t time, int32_t thread,
+                  const desktop::LogLine& line) {
+    std::string text;
+    text.reserve(256);  // Few lines are longer.
+    AppendRecord(
+        text, format,
+        {time, CAPTURE_PROCESS, thread, desktop::LetterOf(line.priority), line.tag, line.text});
+    out << text;
 }
 
 }  // namespace tools

@@ -1,4 +1,4 @@
-// Plays a session's lines against the library and tells what comes of each call.
+// Plays a session's lines against the library and reports what comes of each call.
 
 #pragma once
 
@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <span>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "host/desktop.h"
 #include "tools/base/times.h"
 #include "tools/check/check.h"
+#include "tools/log/record.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -33,7 +35,7 @@ struct Played {
 // the frames of recordings move it on, calls take none.
 class Player : private desktop::Observer {
   public:
-    // Is told of the loading of the library, and of each call.
+    // Gets the loading of the library, and each call.
     using Watcher = std::function<void(const Played& played)>;
 
     struct Pace {
@@ -72,5 +74,14 @@ class Player : private desktop::Observer {
     int32_t sceneFps = 0;   // As last described.
     int64_t nextFrame = 0;  // The frame that the last recording left open; 0 for none.
 };
+
+// What a capture of something that never was on a device shows: noon of 1 January 2026 as its
+// beginning, in UTC, in microseconds since 1970, and a process of the camera.
+inline constexpr int64_t CAPTURE_BEGIN = 1'767'268'800'000'000;
+inline constexpr int32_t CAPTURE_PROCESS = 1000;
+
+// Writes a line that `thread` logged `time` microseconds after 1970.
+void WriteLogLine(std::ostream& out, const Format& format, int64_t time, int32_t thread,
+                  const desktop::LogLine& line);
 
 }  // namespace tools

@@ -29,16 +29,16 @@ struct ReplayOptions {
     std::ostream* log = nullptr;  // Where the capture of the library's log goes, if anywhere.
 };
 
-// Plays `session`, which messages call `name`, on a library that is freshly loaded as far as anyone
-// can tell. Writes the play to `out`, and to `err` what there is to say about the input. Returns
+// Plays `session`, which messages call `name`, on a library in the state in which it is after
+// loading. Writes the play to `out`, and to `err` what there is to say about the input. Returns
 // false, with nothing played, when the session has errors or the configuration cannot be used.
 bool Replay(const ReplayOptions& options, std::istream& session, const std::string& name,
             std::ostream& out, std::ostream& err);
 
 // Brings the desktop platform to the state in which tools use it: debug switch on, log lines for
-// observers alone; and serves the configuration. Tells what is wrong or surprising about it; false
-// when it cannot be used: it cannot be read, or would end the process.
+// observers alone; and serves the configuration. Reports what is wrong or surprising about it;
+// false when it cannot be used: it cannot be read, or would end the process.
 bool PreparePlatform(const std::optional<NamedText>& configuration,
-                     const std::function<void(const Finding&)>& tell);
+                     const std::function<void(const Finding&)>& report);
 
 }  // namespace tools

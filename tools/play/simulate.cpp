@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "host/desktop.h"
-#include "tools/play/log_writer.h"
 #include "tools/play/player.h"
 #include "tools/play/truth.h"
 #include "tools/session/session.h"
@@ -124,7 +123,7 @@ class Simulation {
         }
     }
 
-    // Tells a reader of the session what to expect of it.
+    // Says at the session's beginning what happens in it.
     void WriteBeginning() {
         if (options.session == nullptr) {
             return;
@@ -356,8 +355,8 @@ class Simulation {
         if (truth && station.stage >= 0) {
             truth->OnLeft(frame, station.stage, now);
         }
-        station.report.Set(Parameter::HalFrameNumber, NumberOf(frame));
-        station.report.Set(Parameter::PortId, station.node->ports[port]);
+        station.report.Set("halFrameNumber", NumberOf(frame));
+        station.report.Set("portId", station.node->ports[port]);
         Make(station.report, station.thread);
     }
 

@@ -18,7 +18,7 @@ struct SimulateOptions {
     // Where JSON says what was done, see Truth::Write, which takes memory for each frame; null:
     // nowhere.
     std::ostream* truth = nullptr;
-    // Is told how many frames of how many the sensor has delivered, with each. False ends the
+    // Gets how many frames of how many the sensor has delivered, with each. False ends the
     // recording there, as if it had been that long.
     std::function<bool(int64_t done, int64_t all)> onProgress = [](int64_t, int64_t) {
         return true;

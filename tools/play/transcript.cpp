@@ -1,9 +1,10 @@
 #include "tools/play/transcript.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <iomanip>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
@@ -62,8 +63,8 @@ Tally TallyOf(MessageKind event, bool isDone) {
 // The frame and stage events that a call is to lead to.
 std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configuration,
                                 bool isInScene) {
-    const auto frame = [&call] { return call.Get<int64_t>(Parameter::HalFrameNumber); };
-    const auto stage = [&call] { return call.Get<int32_t>(Parameter::Stage); };
+    const auto frame = [&call] { return call.Get<int64_t>("halFrameNumber"); };
+    const auto stage = [&call] { return call.Get<int32_t>("stage"); };
     switch (call.operation) {
         case Operation::FrameStart:
             return {{MessageKind::FrameStart, frame()}};
@@ -74,9 +75,9 @@ std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configura
         case Operation::StageEnd:
             return {{MessageKind::StageEnd, frame(), stage()}};
         case Operation::NodeEnd: {
-            std::vector<CallEvent> events = tools::EventsOf(
-                frame(), configuration.StageOf(call.Get<std::string>(Parameter::NodeName)),
-                configuration.stageCount.value_or(0));
+            std::vector<CallEvent> events =
+                tools::EventsOf(frame(), configuration.StageOf(call.Get<std::string>("nodeName")),
+                                configuration.stageCount.value_or(0));
             if (!isInScene) {
                 // Nobody meant to start a frame.
                 std::erase_if(events, [](const CallEvent& event) {
@@ -128,25 +129,6 @@ std::string ShownOf(const Value& value) {
     return Shown(json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
-int64_t TotalOf(Tally tally, const Counts& counts) {
-    int64_t total = 0;
-    for (const auto& [what, count] : counts) {
-        total += what.first == tally ? count : 0;
-    }
-    return total;
-}
-
-// Why how many of them were not done, in the order of the texts.
-std::map<std::string, int64_t> ReasonsOf(Tally tally, const Counts& counts) {
-    std::map<std::string, int64_t> reasons;
-    for (const auto& [what, count] : counts) {
-        if (what.first == tally && !what.second.empty()) {
-            reasons.emplace(what.second, count);
-        }
-    }
-    return reasons;
-}
-
 // What became of a call and of what it led to: from the library's log, the calls that the service
 // saw and, where both are silent, from its result. A running scene's event that left nothing at all
 // is of a frame in error. The library's debug switch must be on.
@@ -159,7 +141,7 @@ Counts CountsOf(const Played& played) {
     std::vector<Message> messages;
     for (const desktop::Effect& effect : played.effects) {
         if (const auto* service = std::get_if<desktop::ServiceCall>(&effect.event)) {
-            counts[{Tally::ErrorReports, ""}] +=
+            counts[Tally::ErrorReports][""] +=
                 service->function == desktop::ServiceFunction::NotifyErrOfUser ? 1 : 0;
         } else if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
             if (const auto message = ParseMessage(line->tag, line->text)) {
@@ -167,12 +149,10 @@ Counts CountsOf(const Played& played) {
             }
         }
     }
-    const auto count = [&counts](Tally tally, std::string_view reason) {
-        ++counts[{tally, reason}];
-    };
+    const auto count = [&counts](Tally tally, std::string_view reason) { ++counts[tally][reason]; };
     const bool isNodeEnd = call.operation == Operation::NodeEnd;
-    if (isNodeEnd && !played.configuration->IsStagePort(call.Get<std::string>(Parameter::NodeName),
-                                                        call.Get<int32_t>(Parameter::PortId))) {
+    if (isNodeEnd && !played.configuration->IsStagePort(call.Get<std::string>("nodeName"),
+                                                        call.Get<int32_t>("portId"))) {
         count(Tally::NodeEndsIgnored, "this node and port end no stage");
         return counts;
     }
@@ -214,8 +194,10 @@ void Transcript::Show(const Line& line) {
 
 void Transcript::Show(const Played& played) {
     const Counts counts = CountsOf(played);
-    for (const auto& [what, count] : counts) {
-        total[what] += count;
+    for (const auto& [tally, reasons] : counts) {
+        for (const auto& [reason, count] : reasons) {
+            total[tally][reason] += count;
+        }
     }
     if (isQuiet) {
         return;
@@ -236,9 +218,12 @@ void Transcript::Show(const Played& played) {
         }
     }
     // What was forwarded shows above; what was not has a reason.
-    for (size_t row = 0; row < ROWS.size(); ++row) {
-        for (const auto& [reason, count] : ReasonsOf(static_cast<Tally>(row), counts)) {
-            out << "    - " << ROWS[row] << ": " << count << " (" << reason << ")\n";
+    for (const auto& [tally, reasons] : counts) {
+        for (const auto& [reason, count] : reasons) {
+            if (!reason.empty()) {
+                out << "    - " << ROWS[static_cast<size_t>(tally)] << ": " << count << " ("
+                    << reason << ")\n";
+            }
         }
     }
 }
@@ -246,12 +231,13 @@ void Transcript::Show(const Played& played) {
 void Transcript::ShowSummary() {
     out << (isQuiet ? "" : "\n") << "Summary\n";
     for (size_t row = 0; row < ROWS.size(); ++row) {
-        const auto tally = static_cast<Tally>(row);
-        out << "  " << std::left << std::setw(24) << ROWS[row] << std::right << std::setw(8)
-            << TotalOf(tally, total) << '\n';
-        for (const auto& [reason, count] : ReasonsOf(tally, total)) {
-            out << std::setw(34) << count << "  " << reason << '\n';
+        std::string lines;
+        int64_t all = 0;
+        for (const auto& [reason, count] : total[static_cast<Tally>(row)]) {
+            all += count;
+            lines += reason.empty() ? "" : fmt::format("{:34}  {}\n", count, reason);
         }
+        out << fmt::format("  {:24}{:8}\n{}", ROWS[row], all, lines);
     }
 }
 
@@ -261,10 +247,9 @@ void Transcript::ShowCall(const Call& call, std::optional<int32_t> result) {
     const char* separator = "";
     for (size_t i = 0; i < call.arguments.size(); ++i) {
         const Value& value = call.arguments[i];
-        const Parameter parameter = form.parameters[i];
-        out << std::exchange(separator, ", ") << NameOf(parameter) << '='
-            << (parameter == Parameter::OperationMode ? ModeText(std::get<int32_t>(value))
-                                                      : ShownOf(value));
+        const std::string_view parameter = form.parameters[i];
+        out << std::exchange(separator, ", ") << parameter << '='
+            << (parameter == OPERATION_MODE ? ModeText(std::get<int32_t>(value)) : ShownOf(value));
     }
     out << ')';
     if (result) {

@@ -7,7 +7,6 @@
 #include <optional>
 #include <ostream>
 #include <string_view>
-#include <utility>
 
 #include "tools/play/player.h"
 #include "tools/session/session.h"
@@ -17,8 +16,8 @@ namespace tools {
 // What a transcript counts: a row of its summary each.
 enum class Tally : uint8_t;
 
-// How often what happened, and why it was not done; empty: it was.
-using Counts = std::map<std::pair<Tally, std::string_view>, int64_t>;
+// How often each happened, by the reason why it was not done; no reason: it was done.
+using Counts = std::map<Tally, std::map<std::string_view, int64_t>>;
 
 class Transcript {
   public:

@@ -47,24 +47,24 @@ void Truth::OnService(const desktop::ServiceCall& call) {
     const int32_t number = call.Argument("frame");
     switch (call.function) {
         case ServiceFunction::FrameStart:
-            told[number] = {};
+            known[number] = {};
             break;
         case ServiceFunction::StageStart:
         case ServiceFunction::StageEnd:
-            ++told[number].stageEvents;
+            ++known[number].stageEvents;
             break;
         case ServiceFunction::NotifyErrOfUser:
-            told[number].isError = true;
+            known[number].isError = true;
             break;
         case ServiceFunction::FrameEnd: {
-            const Told& all = told[number];
+            const Known& all = known[number];
             const auto frame = std::find_if(
                 frames.rbegin(), frames.rend(),
                 [number](const Frame& one) { return static_cast<int32_t>(one.number) == number; });
             if (frame != frames.rend()) {
                 frame->isBoosted = !all.isError && all.stageEvents == 2 * stageCount;
             }
-            told.erase(number);
+            known.erase(number);
             break;
         }
         default:

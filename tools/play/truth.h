@@ -1,4 +1,4 @@
-// What a simulation did, for whoever judges what is told of its log.
+// What a simulation did, to judge the account of its log by.
 
 #pragma once
 
@@ -38,7 +38,7 @@ class Truth {
     // A frame: `frame` as the sensor counts, `number` as the HAL does; `delivered`, null when the
     // sensor dropped it; `left`, for each stage when the HAL reported it, null when it did not;
     // `out`, the last of them; `late`: more than 1.5 periods behind the one that came out before;
-    // `boosted`: the service was told of all its stages and its end, and of no error.
+    // `boosted`: the service got all its stages and its end, and no error.
     //
     // A fault: `fault` as the camera has it, `kind`, `first`, `last`, `stage`, `amount`; `from` and
     // `to`, null when it never acted: from when it acted until no more than one frame waited for
@@ -54,8 +54,8 @@ class Truth {
         bool isLate = false;
         bool isBoosted = false;
     };
-    // What the service was told of a frame.
-    struct Told {
+    // What the service knows of a frame.
+    struct Known {
         int32_t stageEvents = 0;
         bool isError = false;
     };
@@ -69,8 +69,8 @@ class Truth {
     int32_t stageCount;
     Micros near;
     std::vector<Frame> frames;
-    std::unordered_map<int32_t, Told> told;  // By number.
-    std::vector<Acted> acted;                // By fault.
+    std::unordered_map<int32_t, Known> known;  // By number.
+    std::vector<Acted> acted;                  // By fault.
     Micros lastOut = NO_TIME;
 };
 

@@ -52,7 +52,7 @@ void SessionMaker::OnMessage(const Message& message, const Moment& moment) {
         return;
     }
     if (run == nullptr) {
-        run = lastRun = &runs[lastProcess = moment.process];
+        run = &runs[moment.process];
         run->session.text = "# Missing: what was before.\n";
     }
     run->dumping.Begins(message);  // It does not: a dump is over.
@@ -90,12 +90,8 @@ void SessionMaker::OnClockSet(Micros step, const Moment& moment, const Place& /*
 }
 
 SessionMaker::Run* SessionMaker::RunOf(int32_t process) {
-    if (lastRun == nullptr || process != lastProcess) {
-        const auto found = runs.find(process);
-        lastRun = found == runs.end() ? nullptr : &found->second;
-        lastProcess = process;
-    }
-    return lastRun;
+    const auto found = runs.find(process);
+    return found == runs.end() ? nullptr : &found->second;
 }
 
 // The configuration is written when the library is loaded.
@@ -104,7 +100,7 @@ void SessionMaker::ReadDump(Run*& run, const Message& message, const Moment& mom
         if (run != nullptr) {
             Close(*run);
         }
-        run = lastRun = &(runs[moment.process] = Run());
+        run = &(runs[moment.process] = Run());
         run->dumping.Begins(message);
         run->isSceneStarted = false;
         run->session.text = "# The library is loaded.\n";
@@ -231,74 +227,26 @@ bool SessionMaker::IsWhole(const Run& run, const Entry& entry) {
 // Makes the call that left the entry's messages.
 void SessionMaker::Complete(Run& run, Entry& entry) {
     const Message& first = entry.messages.front();
-    switch (first.kind) {
+    // The message that shows which call it was: not every message of a frame's start names the
+    // frame, and a description leads to a scene's end, or a scene's end to a description.
+    const bool isFirst =
+        first.kind == MessageKind::NoVideo || first.kind == MessageKind::FrameNotContinuous;
+    const Message& message = isFirst ? first : entry.messages.back();
+    const auto& configuration = run.session.configuration;
+    switch (message.kind) {
         case MessageKind::NodeEnd:
             Add(entry, Operation::NodeEnd,
-                {first.frame, std::string(first.name), first.port, first.camera, first.flag});
+                {message.frame, std::string(message.name), message.port, message.camera,
+                 message.flag});
             break;
         case MessageKind::NoVideo:
         case MessageKind::Video:
             Add(entry, Operation::SetSceneInfo,
-                {first.kind == MessageKind::Video, first.width, first.fps});
-            break;
-        case MessageKind::SetTid:
-        case MessageKind::SceneStart:
-        case MessageKind::SceneDisabled:
-        case MessageKind::RemoveTid:
-        case MessageKind::SceneEnd:
-            AddThreadCalls(run, entry);
+                {message.kind == MessageKind::Video, message.width, message.fps});
             break;
         case MessageKind::AddPersistTid:
-            Add(entry, Operation::AddPersistTids, {std::string(first.name), first.tid});
+            Add(entry, Operation::AddPersistTids, {std::string(message.name), message.tid});
             break;
-        case MessageKind::DumpInfo:
-            Add(entry, Operation::DumpInfo, {});
-            break;
-        case MessageKind::FrameEnd:
-        case MessageKind::EndedFrameNotExist:
-            Add(entry, Operation::FrameEnd, {first.frame});
-            break;
-        case MessageKind::FrameStart:
-        case MessageKind::FrameAlreadyExists:
-        case MessageKind::FrameNotContinuous:
-        case MessageKind::TableFull:
-        case MessageKind::FrameAdded: {
-            // Not every message of it names the frame.
-            const Message& named =
-                first.kind == MessageKind::FrameNotContinuous ? first : entry.messages.back();
-            if (named.kind == MessageKind::TableFull || named.kind == MessageKind::FrameAdded) {
-                entry.text += LinesMissing(1);
-            } else {
-                Add(entry, Operation::FrameStart, {named.frame});
-            }
-            break;
-        }
-        default: {
-            const bool isNamed =
-                first.kind == MessageKind::StageStart || first.kind == MessageKind::StageEnd;
-            const bool isEnd = first.kind == MessageKind::StageEnd ||
-                               (first.kind == MessageKind::StageOutOfTurn &&
-                                first.sourceLine == LINE_OF_END_OUT_OF_TURN);
-            const std::string name(first.name);
-            if (isEnd) {
-                Add(entry, Operation::StageEnd, {first.stage, first.frame, name},
-                    isNamed ? "" : GUESSED_CALL);
-            } else {
-                Add(entry, Operation::StageStart, {first.stage, first.frame, 0, STAGE_ARG2, name},
-                    GUESSED_ARGUMENTS);
-            }
-        }
-    }
-    entry.messages.clear();
-    run.threads[entry.thread].open = nullptr;
-}
-
-// Calls with lists of threads: their setting, maybe by a scene's start, and their removal, maybe by
-// its end, which a description may have led to.
-void SessionMaker::AddThreadCalls(const Run& run, Entry& entry) {
-    const Message& last = entry.messages.back();
-    const auto& configuration = run.session.configuration;
-    switch (last.kind) {
         case MessageKind::SetTid:
             Add(entry, Operation::SetTids, {});
             break;
@@ -309,7 +257,7 @@ void SessionMaker::AddThreadCalls(const Run& run, Entry& entry) {
             break;
         }
         case MessageKind::SceneDisabled: {
-            // Of those that are not supported, one.
+            // The lowest mode from 0 on that is not supported.
             int32_t mode = 0;
             if (configuration && configuration->isEnabled) {
                 for (const int32_t supported : configuration->modes) {
@@ -321,8 +269,8 @@ void SessionMaker::AddThreadCalls(const Run& run, Entry& entry) {
         }
         case MessageKind::RemoveTid: {
             std::vector<int32_t> tids;
-            for (const Message& message : entry.messages) {
-                tids.push_back(message.tid);
+            for (const Message& removed : entry.messages) {
+                tids.push_back(removed.tid);
             }
             Add(entry, Operation::RemoveTids, {tids}, GUESSED_CALL);
             break;
@@ -330,9 +278,40 @@ void SessionMaker::AddThreadCalls(const Run& run, Entry& entry) {
         case MessageKind::SceneEnd:
             Add(entry, Operation::SceneEnd, {});
             break;
-        default:
-            Add(entry, Operation::SetSceneInfo, {true, last.width, last.fps});
+        case MessageKind::DumpInfo:
+            Add(entry, Operation::DumpInfo, {});
+            break;
+        case MessageKind::FrameEnd:
+        case MessageKind::EndedFrameNotExist:
+            Add(entry, Operation::FrameEnd, {message.frame});
+            break;
+        case MessageKind::FrameStart:
+        case MessageKind::FrameAlreadyExists:
+        case MessageKind::FrameNotContinuous:
+            Add(entry, Operation::FrameStart, {message.frame});
+            break;
+        case MessageKind::TableFull:
+        case MessageKind::FrameAdded:
+            entry.text += LinesMissing(1);
+            break;
+        default: {
+            const bool isNamed =
+                message.kind == MessageKind::StageStart || message.kind == MessageKind::StageEnd;
+            const bool isEnd = message.kind == MessageKind::StageEnd ||
+                               (message.kind == MessageKind::StageOutOfTurn &&
+                                message.sourceLine == LINE_OF_END_OUT_OF_TURN);
+            const std::string name(message.name);
+            if (isEnd) {
+                Add(entry, Operation::StageEnd, {message.stage, message.frame, name},
+                    isNamed ? "" : GUESSED_CALL);
+            } else {
+                Add(entry, Operation::StageStart,
+                    {message.stage, message.frame, 0, STAGE_ARG2, name}, GUESSED_ARGUMENTS);
+            }
+        }
     }
+    entry.messages.clear();
+    run.threads[entry.thread].open = nullptr;
 }
 
 void SessionMaker::Add(Entry& entry, Operation operation, std::vector<Value> arguments,

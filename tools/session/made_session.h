@@ -32,7 +32,7 @@ struct MadeSession {
 // waits where the times are known.
 //
 // What one thread logs belongs together: a node end is followed by what it led to. Other events are
-// calls of their own. Arguments that no message tells are made up and marked as guessed: those of a
+// calls of their own. Arguments that no message has are made up and marked as guessed: those of a
 // stage start (0 and 20), an operation mode, thread ids that count for one scene. Calls that leave
 // no message do not come back, and nothing is made up for messages that are missing.
 class SessionMaker : public MessageSink {
@@ -63,8 +63,8 @@ class SessionMaker : public MessageSink {
         int64_t sceneEnds;  // How many there had been.
     };
     struct Thread {
-        // The last one. Where the form has no thread ids, whose messages are whose is told from
-        // frames and nodes: the last one of each node, that which logged last comes last.
+        // The last one. Where the form has no thread ids, frames and nodes show which node end a
+        // message is of: the last one of each node, the one that logged last at the end.
         std::deque<NodeEnd> nodeEnds;
         Entry* open = nullptr;  // The call that may have more messages.
     };
@@ -92,14 +92,11 @@ class SessionMaker : public MessageSink {
     static void Complete(Run& run, Entry& entry);
     static void Add(Entry& entry, Operation operation, std::vector<Value> arguments,
                     const char* guess = "");
-    static void AddThreadCalls(const Run& run, Entry& entry);
     void Comment(int32_t process, const std::string& text);
     void WriteEntries(Run& run, bool isAll = false) const;
     void Close(Run& run);
 
-    std::map<int32_t, Run> runs;  // By process: that which goes on.
-    Run* lastRun = nullptr;
-    int32_t lastProcess = -1;
+    std::map<int32_t, Run> runs;      // By process: that which goes on.
     int64_t number = 0;               // Of the message.
     std::optional<MadeSession> best;  // Of those that are over.
     int64_t otherCalls = 0;

@@ -22,11 +22,11 @@ std::optional<int32_t> Invoke(std::index_sequence<Index...>, Boost& boost,
     }
 }
 
-// The form of a member function; its type tells the types of the parameters.
+// The form of a member function; its type has the types of the parameters.
 template <typename Result, typename... Arguments>
 OperationForm Bind(Operation operation, std::string_view name,
                    Result (Boost::*function)(Arguments...),
-                   const std::array<Parameter, sizeof...(Arguments)>& parameters = {}) {
+                   const std::array<std::string_view, sizeof...(Arguments)>& parameters = {}) {
     return {operation,
             name,
             {parameters.begin(), parameters.end()},
@@ -38,41 +38,32 @@ OperationForm Bind(Operation operation, std::string_view name,
 
 }  // namespace
 
-std::string_view NameOf(Parameter parameter) {
-    // In the order of Parameter.
-    constexpr auto names = std::to_array<std::string_view>(
-        {"version", "isVideo", "resolution", "fps", "operationMode", "halFrameNumber",
-         "frameNumber", "stage", "stageArg1", "stageArg2", "nodeName", "portId", "currentCameraId",
-         "isMaterCamera", "name", "tid", "tids"});
-    return names[static_cast<size_t>(parameter)];
-}
-
 std::span<const OperationForm> Operations() {
     using enum Operation;
-    using enum Parameter;
     static const std::vector<OperationForm> operations = {
-        Bind(SetVersion, "TcfbtSetVersion", &Boost::TcfbtSetVersion, {Version}),
+        Bind(SetVersion, "TcfbtSetVersion", &Boost::TcfbtSetVersion, {"version"}),
         Bind(SetSceneInfo, "TcfbtSetSceneInfo", &Boost::TcfbtSetSceneInfo,
-             {IsVideo, Resolution, Fps}),
-        Bind(GetFpsScene, "GetTcfbtFpsScene", &Boost::GetTcfbtFpsScene, {Fps}),
-        Bind(SceneStart, "TcfbtNotifySceneStart", &Boost::TcfbtNotifySceneStart, {OperationMode}),
+             {"isVideo", "resolution", "fps"}),
+        Bind(GetFpsScene, "GetTcfbtFpsScene", &Boost::GetTcfbtFpsScene, {"fps"}),
+        Bind(SceneStart, "TcfbtNotifySceneStart", &Boost::TcfbtNotifySceneStart, {OPERATION_MODE}),
         Bind(SceneEnd, "TcfbtNotifySceneEnd", &Boost::TcfbtNotifySceneEnd),
-        Bind(FrameStart, "TcfbtNotifyFrameStart", &Boost::TcfbtNotifyFrameStart, {HalFrameNumber}),
+        Bind(FrameStart, "TcfbtNotifyFrameStart", &Boost::TcfbtNotifyFrameStart,
+             {"halFrameNumber"}),
         Bind(ErrorFrame, "TcfbtNotifyErrorFrame", &Boost::TcfbtNotifyErrorFrame,
-             {FrameNumber, Stage}),
-        Bind(FrameEnd, "TcfbtNotifyFrameEnd", &Boost::TcfbtNotifyFrameEnd, {HalFrameNumber}),
+             {"frameNumber", "stage"}),
+        Bind(FrameEnd, "TcfbtNotifyFrameEnd", &Boost::TcfbtNotifyFrameEnd, {"halFrameNumber"}),
         Bind(StageStart, "TcfbtNotifyStageStart", &Boost::TcfbtNotifyStageStart,
-             {Stage, HalFrameNumber, StageArg1, StageArg2, NodeName}),
+             {"stage", "halFrameNumber", "stageArg1", "stageArg2", "nodeName"}),
         Bind(StageEnd, "TcfbtNotifyStageEnd", &Boost::TcfbtNotifyStageEnd,
-             {Stage, HalFrameNumber, NodeName}),
+             {"stage", "halFrameNumber", "nodeName"}),
         Bind(NodeEnd, "TcfbtNotifyNodeEnd", &Boost::TcfbtNotifyNodeEnd,
-             {HalFrameNumber, NodeName, PortId, CurrentCameraId, IsMaterCamera}),
+             {"halFrameNumber", "nodeName", "portId", "currentCameraId", "isMaterCamera"}),
         Bind(RemapStage, "TcfbtRemapStage", &Boost::TcfbtRemapStage,
-             {IsMaterCamera, CurrentCameraId, NodeName}),
-        Bind(AddPersistTids, "TcfbtAddPersistTids", &Boost::TcfbtAddPersistTids, {Name, Tid}),
-        Bind(AddTempTids, "TcfbtAddTempTids", &Boost::TcfbtAddTempTids, {Tid}),
+             {"isMaterCamera", "currentCameraId", "nodeName"}),
+        Bind(AddPersistTids, "TcfbtAddPersistTids", &Boost::TcfbtAddPersistTids, {"name", "tid"}),
+        Bind(AddTempTids, "TcfbtAddTempTids", &Boost::TcfbtAddTempTids, {"tid"}),
         Bind(SetTids, "TcfbtSetTids", &Boost::TcfbtSetTids),
-        Bind(RemoveTids, "TcfbtRemoveTids", &Boost::TcfbtRemoveTids, {Tids}),
+        Bind(RemoveTids, "TcfbtRemoveTids", &Boost::TcfbtRemoveTids, {"tids"}),
         Bind(DumpInfo, "DumpInfo", &Boost::DumpInfo),
     };
     return operations;
@@ -82,7 +73,7 @@ const OperationForm& FormOf(Operation operation) {
     return Operations()[static_cast<size_t>(operation)];
 }
 
-size_t Call::IndexOf(Parameter parameter) const {
+size_t Call::IndexOf(std::string_view parameter) const {
     const auto& parameters = FormOf(operation).parameters;
     return static_cast<size_t>(std::find(parameters.begin(), parameters.end(), parameter) -
                                parameters.begin());

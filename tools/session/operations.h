@@ -36,40 +36,21 @@ enum class Operation : uint8_t {
     DumpInfo,
 };
 
-// The parameters of all operations.
-enum class Parameter : uint8_t {
-    Version,
-    IsVideo,
-    Resolution,
-    Fps,
-    OperationMode,
-    HalFrameNumber,
-    FrameNumber,
-    Stage,
-    StageArg1,
-    StageArg2,
-    NodeName,
-    PortId,
-    CurrentCameraId,
-    IsMaterCamera,
-    Name,
-    Tid,
-    Tids,
-};
-std::string_view NameOf(Parameter parameter);
-
 // An argument, of whatever type the operation takes.
 using Value = std::variant<bool, int32_t, int64_t, std::string, std::vector<int32_t>>;
 
 struct OperationForm {
     Operation operation;
     std::string_view name;
-    std::vector<Parameter> parameters;
+    std::vector<std::string_view> parameters;  // Their names.
     std::vector<Value> types;  // A value of each parameter's type; what value does not matter.
     // Calls the operation with a value for each parameter, of its type. Nothing comes back from an
     // operation without a result.
     std::function<std::optional<int32_t>(TarvoCameraFrameBoost&, const std::vector<Value>&)> call;
 };
+
+// The parameter that files and transcripts show in hexadecimal.
+inline constexpr std::string_view OPERATION_MODE = "operationMode";
 
 // All operations of the facade, in the order of Operation.
 std::span<const OperationForm> Operations();
@@ -82,18 +63,18 @@ struct Call {
 
     // The value of a parameter that the operation has, of type T.
     template <typename T>
-    const T& Get(Parameter parameter) const {
+    const T& Get(std::string_view parameter) const {
         return std::get<T>(arguments.at(IndexOf(parameter)));
     }
     template <typename T>
-    void Set(Parameter parameter, const T& value) {
+    void Set(std::string_view parameter, const T& value) {
         std::get<T>(arguments.at(IndexOf(parameter))) = value;
     }
 
     bool operator==(const Call&) const = default;
 
   private:
-    size_t IndexOf(Parameter parameter) const;
+    size_t IndexOf(std::string_view parameter) const;
 };
 
 // Makes the call. Returns its result; nothing for an operation without one.

@@ -34,19 +34,19 @@ std::string ServiceFunctionNames(std::string_view separator) {
     return names;
 }
 
-Value ParseValue(Parameter parameter, const Value& type, const Word& word) {
+Value ParseValue(std::string_view parameter, const Value& type, const Word& word) {
     if (std::holds_alternative<bool>(type)) {
         if (word.isQuoted || (word.text != "true" && word.text != "false")) {
-            throw LineError(fmt::format("{} is {}, expected true or false", NameOf(parameter),
-                                        Quoted(word.text)));
+            throw LineError(
+                fmt::format("{} is {}, expected true or false", parameter, Quoted(word.text)));
         }
         return word.text == "true";
     }
     if (std::holds_alternative<int32_t>(type)) {
-        return ReadInteger<int32_t>(word, NameOf(parameter));
+        return ReadInteger<int32_t>(word, parameter);
     }
     if (std::holds_alternative<int64_t>(type)) {
-        return ReadInteger<int64_t>(word, NameOf(parameter));
+        return ReadInteger<int64_t>(word, parameter);
     }
     return word.text;
 }
@@ -59,8 +59,7 @@ bool IsList(const Value& type) {
 std::string UsageOf(const OperationForm& form) {
     std::string usage(form.name);
     for (size_t i = 0; i < form.parameters.size(); ++i) {
-        usage +=
-            fmt::format(" {}{}", NameOf(form.parameters[i]), IsList(form.types[i]) ? "..." : "");
+        usage += fmt::format(" {}{}", form.parameters[i], IsList(form.types[i]) ? "..." : "");
     }
     return usage;
 }
@@ -69,19 +68,18 @@ Call ParseCall(const OperationForm& form, const std::vector<Word>& words) {
     Call call{form.operation, {}};
     size_t next = 1;
     for (size_t i = 0; i < form.parameters.size(); ++i) {
-        const Parameter parameter = form.parameters[i];
+        const std::string_view parameter = form.parameters[i];
         if (IsList(form.types[i])) {
             // A list takes all that is left.
             std::vector<int32_t> list;
             for (; next < words.size(); ++next) {
-                list.push_back(ReadInteger<int32_t>(words[next], NameOf(parameter)));
+                list.push_back(ReadInteger<int32_t>(words[next], parameter));
             }
             call.arguments.emplace_back(std::move(list));
         } else if (next < words.size()) {
             call.arguments.push_back(ParseValue(parameter, form.types[i], words[next++]));
         } else {
-            throw LineError(
-                fmt::format("{} is missing, expected {}", NameOf(parameter), UsageOf(form)));
+            throw LineError(fmt::format("{} is missing, expected {}", parameter, UsageOf(form)));
         }
     }
     if (next < words.size()) {
@@ -134,8 +132,8 @@ Line ParseServiceStatus(const std::vector<Word>& words) {
     return ServiceStatus{*function, ReadInteger<int32_t>(words[2], "status")};
 }
 
-std::string TextOf(Parameter parameter, const Value& value) {
-    if (parameter == Parameter::OperationMode) {
+std::string TextOf(std::string_view parameter, const Value& value) {
+    if (parameter == OPERATION_MODE) {
         return ModeText(std::get<int32_t>(value));
     }
     if (const auto* name = std::get_if<std::string>(&value)) {
@@ -217,22 +215,17 @@ std::string WriteLine(const Line& line) {
 }
 
 Session::Session(std::istream& in) : text(std::istreambuf_iterator<char>(in), {}) {
-    constexpr std::string_view mark = "\xEF\xBB\xBF";
-    if (text.compare(0, mark.size(), mark) == 0) {
-        text.erase(0, mark.size());
+    if (text.starts_with("\xEF\xBB\xBF")) {
+        text.erase(0, 3);
     }
-    Parse([](uint32_t, const Line&) { return true; },
-          [this](uint32_t number, const LineError& error) {
-              errors.push_back({"session-line", Severity::Error, error.what(), {0, number}});
-          });
+    ForEachLine([](uint32_t, const Line&) { return true; },
+                [this](uint32_t number, const LineError& error) {
+                    errors.push_back({"session-line", Severity::Error, error.what(), {0, number}});
+                });
 }
 
-void Session::ForEachLine(const std::function<bool(uint32_t, const Line&)>& use) const {
-    Parse(use, [](uint32_t, const LineError&) {});
-}
-
-void Session::Parse(const std::function<bool(uint32_t, const Line&)>& use,
-                    const std::function<void(uint32_t, const LineError&)>& complain) const {
+void Session::ForEachLine(const std::function<bool(uint32_t, const Line&)>& use,
+                          const std::function<void(uint32_t, const LineError&)>& complain) const {
     uint32_t number = 0;
     for (size_t at = 0; at < text.size();) {
         const size_t end = std::min(text.find('\n', at), text.size());

@@ -65,13 +65,13 @@ class Session {
     const std::vector<Finding>& Errors() const { return errors; }
 
     // Hands over one line after another, with their numbers from 1, until `use` returns false.
-    // Lines with errors are left out.
-    void ForEachLine(const std::function<bool(uint32_t number, const Line& line)>& use) const;
+    // Lines with errors go to `complain`.
+    void ForEachLine(
+        const std::function<bool(uint32_t number, const Line& line)>& use,
+        const std::function<void(uint32_t number, const LineError& error)>& complain =
+            [](uint32_t, const LineError&) {}) const;
 
   private:
-    void Parse(const std::function<bool(uint32_t, const Line&)>& use,
-               const std::function<void(uint32_t, const LineError&)>& complain) const;
-
     // As it was read: a session of an hour has millions of lines, which take ten times as much
     // memory in any other form.
     std::string text;
