@@ -40,14 +40,13 @@ std::string MatchesOf(const ConfiguredStage& stage, const Configuration& table) 
     constexpr size_t longest = 200;
     std::string text = Pattern(stage);
     for (const ConfiguredStage& other : table.stages) {
-        const bool isOther =
-            other.stage > stage.stage && other.node.find(stage.node) != std::string::npos;
-        if (isOther && text.size() > longest) {
+        if (other.stage <= stage.stage || other.node.find(stage.node) == std::string::npos) {
+            continue;
+        }
+        if (text.size() > longest) {
             return text + " ...";
         }
-        if (isOther) {
-            text += fmt::format(", but {} is stage {}'s", Pattern(other), other.stage);
-        }
+        text += fmt::format(", but {} is stage {}'s", Pattern(other), other.stage);
     }
     return text;
 }

@@ -78,12 +78,10 @@ std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configura
             std::vector<CallEvent> events =
                 tools::EventsOf(frame(), configuration.StageOf(call.Get<std::string>("nodeName")),
                                 configuration.stageCount.value_or(0));
-            if (!isInScene) {
-                // Nobody meant to start a frame.
-                std::erase_if(events, [](const CallEvent& event) {
-                    return event.kind == MessageKind::FrameStart;
-                });
-            }
+            // Without a scene no frame was meant to start.
+            std::erase_if(events, [isInScene](const CallEvent& event) {
+                return !isInScene && event.kind == MessageKind::FrameStart;
+            });
             return events;
         }
         default:
