@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -34,14 +35,16 @@ volatile std::sig_atomic_t nothing = -1;   // /dev/null, to be read.
                        std::strerror(errno));  // NOLINT(concurrency-mt-unsafe): one thread.
 }
 
+std::string_view Environment(const char* name) {
+    const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): one thread.
+    return value == nullptr ? "" : value;
+}
+
 // COLUMNS, or the width of a terminal; 0 where there is neither.
 size_t WidthOf(int descriptor) {
-    const char* const columns = std::getenv("COLUMNS");  // NOLINT(concurrency-mt-unsafe)
     winsize size{};
-    if (const auto width = ReadDigits<size_t>(columns == nullptr ? "" : columns)) {
-        return *width;
-    }
-    return ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+    const size_t width = ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+    return ReadDigits<size_t>(Environment("COLUMNS")).value_or(width);
 }
 
 // Where the second column of a line begins, which two blanks set off; npos where it has none.
@@ -62,18 +65,6 @@ std::string Colored(std::string line) {
     return line;
 }
 
-// Lets `change` have each line, without its line feed.
-std::string ByLines(std::string_view lines,
-                    const std::function<std::string(std::string_view)>& change) {
-    std::string changed;
-    while (!lines.empty()) {
-        const size_t end = lines.find('\n');
-        changed += change(lines.substr(0, end)) + '\n';
-        lines.remove_prefix(std::min(end, lines.size() - 1) + 1);
-    }
-    return changed;
-}
-
 }  // namespace
 
 std::string& ColorOption() {
@@ -82,36 +73,36 @@ std::string& ColorOption() {
 }
 
 Style StyleOf(int descriptor) {
-    const auto isSet = [](const char* name, const char* unset) {
-        const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
-        return value != nullptr && std::string_view(value) != unset;
-    };
     const bool isTerminal = isatty(descriptor) != 0;
-    const bool wantsColors = isTerminal && !isSet("NO_COLOR", "") && isSet("TERM", "dumb");
+    const bool wantsColors =
+        isTerminal && Environment("NO_COLOR").empty() && Environment("TERM") != "dumb";
     return {isTerminal ? WidthOf(descriptor) : 0,
             ColorOption() == "auto" ? wantsColors : ColorOption() == "always"};
 }
 
-std::string Styled(std::string_view lines, const Style& style) {
-    return ByLines(lines, [&style](std::string_view line) {
-        std::string text(line);
-        if (style.width != 0 && SecondColumnOf(line) == std::string_view::npos) {
-            text = Wrapped(text, style.width, line.find_first_not_of(' ') + 2);
+std::string Styled(const std::string& lines, const Style& style) {
+    std::istringstream in(lines);
+    std::string styled;
+    for (std::string line; std::getline(in, line);) {
+        if (style.width != 0 && SecondColumnOf(line) == std::string::npos) {
+            line = Wrapped(line, style.width, line.find_first_not_of(' ') + 2);
         }
-        return style.hasColors ? Colored(text) : text;
-    });
+        styled += (style.hasColors ? Colored(line) : line) + '\n';
+    }
+    return styled;
 }
 
-std::string StyledHelp(std::string help) {
-    for (size_t at = 0; (at = help.find("\n\n\n")) != std::string::npos;) {
-        help.erase(at, 1);
-    }
+std::string StyledHelp(const std::string& help) {
     const size_t width = WidthOf(STDOUT_FILENO);
-    return ByLines(help, [width](std::string_view line) {
+    std::istringstream in(help);
+    std::string styled;
+    for (std::string line; std::getline(in, line);) {
         const size_t column = SecondColumnOf(line);
-        return Wrapped(std::string(line), width == 0 ? 80 : width,
-                       column == std::string_view::npos ? line.find_first_not_of(' ') : column);
-    });
+        line = Wrapped(line, width == 0 ? 80 : width,
+                       column == std::string::npos ? line.find_first_not_of(' ') : column);
+        styled += line.empty() && styled.ends_with("\n\n") ? "" : line + '\n';
+    }
+    return styled;
 }
 
 void FailUsage(const std::string& message) {
@@ -231,7 +222,7 @@ int Output::sync() {
     if (style.width != 0 || style.hasColors) {
         const size_t whole = all.rfind('\n') + 1;
         bytes = all.substr(whole);
-        all = Styled(std::string_view(all).substr(0, whole), style);
+        all = Styled(all.substr(0, whole), style);
     }
     for (std::string_view rest = all; !rest.empty();) {
         const ssize_t size = ::write(descriptor, rest.data(), rest.size());

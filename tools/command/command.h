@@ -11,7 +11,6 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
-#include <string_view>
 
 namespace CLI {
 class App;
@@ -85,12 +84,12 @@ struct Style {
 // For a standard stream: on a terminal its width, and colours as --color has it.
 Style StyleOf(int descriptor);
 // `lines` are whole.
-std::string Styled(std::string_view lines, const Style& style);
+std::string Styled(const std::string& lines, const Style& style);
 // What --color says: auto, always or never.
 std::string& ColorOption();
 // Text of --help, wrapped to the terminal's width or that of COLUMNS, and to 80 where there is
 // none.
-std::string StyledHelp(std::string help);
+std::string StyledHelp(const std::string& help);
 
 // Output to a file, or standard output for "-". A file that is there stays as it is until `Close`:
 // the new one is written beside it, and then takes its place. Devices, pipes and standard output

@@ -166,10 +166,10 @@ Explained Explain(const Source& source, const JudgeOptions& options, ProgressLin
     }
     CaptureReader reader(sinks);
     std::vector<std::string> names;
-    for (size_t i = 0; i < source.captures.size(); ++i) {
-        reader.Begin(NameOfInput(source.captures[i]));
+    for (const std::string& capture : source.captures) {
+        reader.Begin(NameOfInput(capture));
         LogSink sink(reader);
-        names.push_back(ReadInput(sink, source.captures[i], progress));
+        names.push_back(ReadInput(sink, capture, progress));
     }
     reader.Finish();
     progress.Clear();

@@ -9,7 +9,6 @@
 #include <string>
 
 #include "tools/command/command.h"
-#include "tools/log/capture.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -22,32 +21,11 @@ struct Arguments {
     std::string log;
 };
 
-// The text of a session; says how to come by one where it is none.
-std::string ReadSession(const Input& file) {
-    std::string text = file.ReadAll();
-    bool isLog = true;
-    try {
-        CaptureReader reader({});
-        reader.Begin(file.Name());
-        reader.Read(text);
-        reader.End();
-        reader.Finish();
-        isLog = reader.Summary().libraryLines != 0;
-    } catch (const LinesError&) {  // A log that is hard to explain is none to replay, either.
-    }
-    if (isLog || text.find_first_not_of(" \t\r\n") == std::string::npos) {
-        throw CommandError(file.Name() + ": error: " + (isLog ? "a log" : "an empty file") +
-                           " is not a session; one is made of a log by\n"
-                           "cameraframeboost explain LOG --to-session SESSION");
-    }
-    return text;
-}
-
 int RunReplay(Arguments& arguments) {
     ReplayOptions& options = arguments.options;
     Output out("-");
     const Input input(arguments.session);
-    std::istringstream session(ReadSession(input));
+    std::istringstream session(input.ReadAll());
     if (!arguments.configuration.empty()) {
         const Input file(arguments.configuration);
         options.configuration = {file.Name(), file.ReadAll()};

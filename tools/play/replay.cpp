@@ -43,17 +43,27 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
     };
 
     const Session session(sessionFile);
-    // A file that is no session has as many errors as lines.
-    constexpr size_t MOST_ERRORS = 20;
+    bool isSession = false;
+    session.ForEachLine([&isSession](uint32_t, const Line&) {
+        isSession = true;
+        return false;
+    });
     const size_t errors = session.Errors().size();
-    for (size_t i = 0; i < std::min(errors, MOST_ERRORS); ++i) {
+    const size_t shown = std::min<size_t>(errors, isSession ? 20 : 1);
+    for (size_t i = 0; i < shown; ++i) {
         report(session.Errors()[i], name);
     }
-    if (errors > MOST_ERRORS) {
-        const std::string message =
-            std::to_string(errors) +
-            " lines cannot be read: is it a session? explain --to-session makes one of a log";
-        report({"session-line", Severity::Error, message}, name);
+    if (!isSession) {
+        report({"no-session", Severity::Error,
+                "no line of it is a call; a session is made of a log by\n"
+                "cameraframeboost explain LOG --to-session SESSION"},
+               name);
+        return false;
+    }
+    if (errors > shown) {
+        report({"session-line", Severity::Error,
+                "as many as " + std::to_string(errors) + " lines cannot be read"},
+               name);
     }
     if (!session.Errors().empty() ||
         !PreparePlatform(options.configuration, [&](const Finding& finding) {
