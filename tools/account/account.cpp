@@ -51,31 +51,18 @@ const char* NameOf(ThreadState state) {
 }
 
 const char* ReasonOf(Reason reason) {
-    switch (reason) {
-        case Reason::None:
-            return "";
-        case Reason::Gap:
-            return RefusalOf(MessageKind::FrameNotContinuous);
-        case Reason::AlreadyInFlight:
-            return RefusalOf(MessageKind::FrameAlreadyExists);
-        case Reason::NotInFlight:
-            return RefusalOf(MessageKind::EndedFrameNotExist);
-        case Reason::NoSuchStage:
-            return RefusalOf(MessageKind::StageNotInRange);
-        case Reason::OutOfOrder:
-            return RefusalOf(MessageKind::StageOutOfOrder);
-        case Reason::OutOfTurn:
-            return RefusalOf(MessageKind::StageOutOfTurn);
-        case Reason::Evicted:
-            return TABLE_FULL;
-        case Reason::EndedByHal:
-            return "ended before it had been through all stages";
-        case Reason::NeverLeft:
-            return "not seen to leave the stage";
-        case Reason::LinesMissing:
-            return "lines of the log are missing";
-    }
-    return "";
+    static const char* const TEXTS[] = {"",
+                                        RefusalOf(MessageKind::FrameNotContinuous),
+                                        RefusalOf(MessageKind::FrameAlreadyExists),
+                                        RefusalOf(MessageKind::EndedFrameNotExist),
+                                        RefusalOf(MessageKind::StageNotInRange),
+                                        RefusalOf(MessageKind::StageOutOfOrder),
+                                        RefusalOf(MessageKind::StageOutOfTurn),
+                                        TABLE_FULL,
+                                        "ended before it had been through all stages",
+                                        "not seen to leave the stage",
+                                        "lines of the log are missing"};
+    return TEXTS[static_cast<size_t>(reason)];
 }
 
 Micros Scene::ArrivalOf(size_t frame, int32_t stage) const {
@@ -88,17 +75,12 @@ Micros Scene::ArrivalOf(size_t frame, int32_t stage) const {
 }
 
 StageTimes Scene::TimesOf(size_t frame, int32_t stage) const {
-    StageTimes times;
     const StagePass& pass = PassOf(frame, stage);
-    const Micros arrival = ArrivalOf(frame, stage);
-    times.start = arrival;
-    if (pass.HasLeft() && pass.left != NO_TIME) {
-        times.end = pass.left;
-        if (arrival != NO_TIME && pass.begin != NO_TIME) {
-            const Micros length = std::max<Micros>(pass.left - arrival, 0);
-            times.work = std::min(pass.left - pass.begin, length);
-            times.wait = length - times.work;
-        }
+    StageTimes times{.start = ArrivalOf(frame, stage), .end = pass.left};
+    if (pass.HasLeft() && times.start != NO_TIME && pass.begin != NO_TIME) {
+        const Micros length = std::max<Micros>(pass.left - times.start, 0);
+        times.work = std::min(pass.left - pass.begin, length);
+        times.wait = length - times.work;
     }
     return times;
 }

@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -119,15 +120,15 @@ struct CauseLink {
 struct SceneFinding {
     Check check = Check::Late;
     Severity severity = Severity::Note;
-    std::string message;
-    Place place;
-    Micros time = NO_TIME;         // The moment to look at.
-    std::optional<int64_t> frame;  // The first that it is about, where there is one.
+    std::string message{};
+    Place place{};
+    Micros time = NO_TIME;           // The moment to look at.
+    std::optional<int64_t> frame{};  // The first that it is about, where there is one.
     int32_t stage = -1;
-    int64_t times = 1;               // How many of the kind it stands for.
-    std::vector<FrameRange> frames;  // All that it is about.
+    int64_t times = 1;                 // How many of the kind it stands for.
+    std::vector<FrameRange> frames{};  // All that it is about.
     size_t stem = SIZE_MAX;          // Of the message, how much is not about what followed from it.
-    std::vector<CauseLink> chain;    // From its stage's thread back to what kept that.
+    std::vector<CauseLink> chain{};  // From its stage's thread back to what kept that.
 };
 
 // When a frame was in a stage. NO_TIME where it is not known.
@@ -193,16 +194,23 @@ struct Frame {
 
 // What reports ends: a node, on a port, for a camera.
 struct Reporter {
-    std::string node;
+    std::string node{};
     int32_t port = 0, camera = 0, stage = -1;
-    std::optional<bool> counts;  // Whether its ends end the stage; nothing where not known.
+    std::optional<bool> counts{};  // Whether its ends end the stage; nothing where not known.
     int64_t times = 0;
-    Place place;  // The first of them.
+    Place place{};  // The first of them.
 };
 
 struct Span {
     Micros begin = 0, end = 0;
+
+    Micros Length() const { return std::max<Micros>(end - begin, 0); }
 };
+
+// What both have in common.
+inline Span Cut(Span one, Span other) {
+    return {std::max(one.begin, other.begin), std::min(one.end, other.end)};
+}
 
 struct Scene {
     // As lines say.
@@ -296,6 +304,12 @@ struct LoadedConfiguration {
     Configuration configuration;
     std::vector<Finding> findings;  // Of the checker.
 };
+
+// Of a number that counts from one, as Scene::configuration; null for 0.
+template <typename Loaded>
+auto* ConfigurationOf(Loaded& configurations, size_t number) {
+    return number == 0 ? nullptr : &configurations[number - 1].configuration;
+}
 
 struct Account {
     std::vector<std::string> inputs;  // What Place::input counts.

@@ -26,10 +26,16 @@ constexpr double SMALL_BESIDE_MISSING = 0.5;
 constexpr Micros FARTHEST_BACK = 2 * SECOND;
 constexpr uint64_t MOST_BETWEEN = 1000;  // More is another count.
 
-class DelayFinder {
-  public:
-    explicit DelayFinder(Judging& sceneJudging)
-        : judging(sceneJudging), scene(judging.scene), schedule(judging.schedule) {}
+struct DelayFinder {
+    using Numbers = std::vector<int64_t>;
+
+    Judging& judging;
+    Scene& scene = judging.scene;
+    const Schedule& schedule = judging.schedule;
+    // By stage, and by frame that it was slow with: what came late of that.
+    std::map<int32_t, std::map<uint32_t, Numbers>> blamedOf{};
+    Numbers nobodysFault{};
+    Micros longest = 0;
 
     void Find(Micros threshold) {
         const std::vector<uint32_t>& outputs = schedule.Outputs();
@@ -50,9 +56,6 @@ class DelayFinder {
             RaiseLate(outputs.size(), threshold);
         }
     }
-
-  private:
-    using Numbers = std::vector<int64_t>;
 
     // Between two outputs: how many frames never came out, the last of them that has lines, and the
     // first that came out later.
@@ -267,22 +270,18 @@ class DelayFinder {
         const Micros took = MedianOf(works, 0);
         const bool isStall =
             stage == 0 && !IsCaughtUp(left, last, took - schedule.PeriodAt(pass.left));
-        const std::string time = Ms(took);
-        const std::string usual = Ms(stage == 0                     ? schedule.PeriodAt(pass.left)
-                                     : schedule.KeptBack(stage) > 0 ? schedule.UsualStay(stage)
-                                                                    : schedule.UsualDelay(stage));
-        const auto name = judging.StageName(stage);
+        const Micros usual = stage == 0                     ? schedule.PeriodAt(pass.left)
+                             : schedule.KeptBack(stage) > 0 ? schedule.UsualStay(stage)
+                                                            : schedule.UsualDelay(stage);
         const size_t number = judging.troubles.size();
         Trouble& trouble = judging.Raise(
             isStall ? Check::SensorStall : Check::SlowStage, Severity::Warning, left[first], stage,
             pass.place, begin,
-            isStall ? fmt::format(wording::STALL, fmt::arg("frame", numbers.front()),
-                                  fmt::arg("stage", name), fmt::arg("time", time),
-                                  fmt::arg("usual", usual))
-                    : fmt::format(wording::SLOW, fmt::arg("frames", FramesText(numbers)),
-                                  fmt::arg("stage", name), fmt::arg("time", time),
-                                  fmt::arg("usual", usual),
-                                  fmt::arg("each", numbers.size() == 1 ? "" : " each")));
+            fmt::format(fmt::runtime(isStall ? wording::STALL : wording::SLOW),
+                        fmt::arg("frame", numbers.front()), fmt::arg("frames", FramesText(numbers)),
+                        fmt::arg("stage", judging.StageName(stage)), fmt::arg("time", Ms(took)),
+                        fmt::arg("usual", Ms(usual)),
+                        fmt::arg("each", numbers.size() == 1 ? "" : " each")));
         trouble.finding.frames = RangesOf(numbers);
         for (const int64_t late : blamed) {
             if (std::find(numbers.begin(), numbers.end(), late) == numbers.end()) {
@@ -346,18 +345,9 @@ class DelayFinder {
                 break;
             }
         }
-        trouble.finding.frame = nobodysFault.front();
-        trouble.finding.frames = RangesOf(nobodysFault);
+        trouble.About(nobodysFault);
         trouble.finding.times = static_cast<int64_t>(nobodysFault.size());
     }
-
-    Judging& judging;
-    Scene& scene;
-    const Schedule& schedule;
-    // By stage, and by frame that it was slow with: what came late of that.
-    std::map<int32_t, std::map<uint32_t, Numbers>> blamedOf;
-    Numbers nobodysFault;
-    Micros longest = 0;
 };
 
 // Raises that a stage is too slow for frames that waited for it in a row; from one position in the
@@ -449,7 +439,7 @@ void FindSlowForGood(Judging& judging) {
 }
 
 void FindLate(Judging& judging, Micros threshold) {
-    DelayFinder(judging).Find(threshold);
+    DelayFinder{judging}.Find(threshold);
 }
 
 // Before the first output there is no interval that would show it.

@@ -12,8 +12,8 @@
 namespace tools {
 namespace {
 
-constexpr int32_t MAX_STAGES = 64;  // More is nonsense.
-constexpr size_t MAX_REPORTERS = 1000;
+constexpr int32_t MAX_STAGES = 64;        // More is nonsense.
+constexpr uint16_t MAX_REPORTERS = 1000;  // As a number of one: none.
 constexpr size_t MAX_PROCESSES = 256;
 constexpr size_t PLACES = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
 // Less than a frame's time at 60 frames per second; several threads log within one.
@@ -29,12 +29,6 @@ Reason ReasonOfViolation(MessageKind kind) {
     return kind == MessageKind::StageNotInRange   ? Reason::NoSuchStage
            : kind == MessageKind::StageOutOfOrder ? Reason::OutOfOrder
                                                   : Reason::OutOfTurn;
-}
-
-// Of a number that counts from one; null for 0.
-template <typename Loaded>
-auto* ConfigurationOf(Loaded& configurations, size_t known) {
-    return known == 0 ? nullptr : &configurations[known - 1].configuration;
 }
 
 }  // namespace
@@ -154,13 +148,11 @@ struct FactsMaker::Running {
                        known.stage == message.stage && known.node == message.name;
             });
         if (found == reporters.end() && reporters.size() < MAX_REPORTERS) {
-            Reporter reporter;
-            reporter.node = message.name;
-            reporter.port = message.port;
-            reporter.camera = message.camera;
-            reporter.stage = message.stage;
-            reporter.place = message.place;
-            reporters.push_back(std::move(reporter));
+            reporters.push_back({.node = std::string(message.name),
+                                 .port = message.port,
+                                 .camera = message.camera,
+                                 .stage = message.stage,
+                                 .place = message.place});
             return static_cast<uint16_t>(reporters.size() - 1);
         }
         return static_cast<uint16_t>(
@@ -343,10 +335,7 @@ struct FactsMaker::Running {
     void OnStageEvent(const Message& message, const Thread& thread, Micros time) {
         GrowStages(std::min(message.stage, MAX_STAGES - 1) + 1);
         const uint32_t frame = FindOrOpen(message.frame, message.place, time);
-        NodeEnd by;
-        by.time = time;
-        by.place = message.place;
-        by.reporter = static_cast<uint16_t>(MAX_REPORTERS);  // None.
+        const NodeEnd by{.reporter = MAX_REPORTERS, .place = message.place, .time = time};
         if (message.kind == MessageKind::StageEnd) {
             Leave(frame, message.stage, STAGE_END, by, thread.index);
             return;
@@ -472,14 +461,14 @@ struct FactsMaker::Running {
 struct FactsMaker::Process {
     int32_t number = -1;
     size_t configuration = 0;  // Of `configurations`, plus one.
-    Dumping dumping;
+    Dumping dumping{};
     bool isDescribed = false, isVideo = false;
     int32_t width = 0, fps = 0;
     // A description as no video, until it shows whether anything comes of it.
-    std::optional<std::pair<Place, Micros>> pending;
-    std::set<int32_t> setThreads;
-    std::unique_ptr<Running> running;
-    std::optional<Micros> endedAt;  // When its last scene ended.
+    std::optional<std::pair<Place, Micros>> pending{};
+    std::set<int32_t> setThreads{};
+    std::unique_ptr<Running> running{};
+    std::optional<Micros> endedAt{};  // When its last scene ended.
 };
 
 FactsMaker::FactsMaker() = default;
@@ -546,13 +535,10 @@ void FactsMaker::OnMessage(const Message& message, const Moment& moment) {
 void FactsMaker::Load(Process& process, Micros time) {
     EndScene(process, false, {}, time);
     RefusePending(process);
-    const int32_t number = process.number;
-    const Dumping dumping = process.dumping;
-    process = Process();
-    process.number = number;
-    process.dumping = dumping;
-    configurations.push_back({number, {}, {}});
-    process.configuration = configurations.size();
+    configurations.push_back({process.number, {}, {}});
+    process = Process{.number = process.number,
+                      .configuration = configurations.size(),
+                      .dumping = process.dumping};
 }
 
 void FactsMaker::Describe(Process& process, const Message& message, Micros time) {
@@ -597,14 +583,8 @@ void FactsMaker::Refuse(Process& process, Check check, const Place& place, Micro
         ended.back().end = time;
         return;
     }
-    SceneFinding finding;
-    finding.check = check;
-    finding.severity = severity;
-    finding.message = std::move(message);
-    finding.place = place;
-    finding.time = time;
     Scene scene = Begin(process, place, time);
-    scene.findings.push_back(std::move(finding));
+    scene.findings.push_back({check, severity, std::move(message), place, time});
     ended.push_back(std::move(scene));
 }
 
@@ -726,14 +706,13 @@ void FactsMaker::OnEvent(Process& process, const Message& message, const Moment&
 }
 
 void FactsMaker::OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& place) {
-    bool isTold = false;
-    for (auto& [number, process] : processes) {
-        if (process.running != nullptr && moment.process == number) {
-            process.running->scene.leftOut.push_back({moment.time, lines, place});
-            isTold = true;
-        }
+    const auto found = processes.find(moment.process);
+    if (found == processes.end()) {
+        return;
     }
-    if (!isTold && processes.contains(moment.process)) {
+    if (found->second.running != nullptr) {
+        found->second.running->scene.leftOut.push_back({moment.time, lines, place});
+    } else {
         outside.push_back(OutsideFinding(Check::LinesLost, lines, place, moment.time));
     }
 }
@@ -778,10 +757,7 @@ Account FactsMaker::AccountOf(std::vector<Scene> scenes) const {
     account.configurations = configurations;
     account.scenes = std::move(scenes);
     std::stable_sort(account.scenes.begin(), account.scenes.end(),
-                     [](const Scene& one, const Scene& other) {
-                         return std::pair(one.from.input, one.from.line) <
-                                std::pair(other.from.input, other.from.line);
-                     });
+                     [](const Scene& one, const Scene& other) { return one.from < other.from; });
     for (const SceneFinding& finding : outside) {
         const auto known = std::find_if(
             account.findings.begin(), account.findings.end(),

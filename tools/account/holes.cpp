@@ -269,7 +269,7 @@ void FillHoles(const Judging& judging, std::vector<Hole>& holes) {
     for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
         const Frame& row = scene.frames[frame];
         const auto [place, last] = judging.LastOf(frame);
-        if (last == NO_TIME || !(row.isUntold || judging.IsDoubtful(frame))) {
+        if (!row.isUntold && !judging.IsDoubtful(frame)) {
             continue;
         }
         Hole& hole = NearestOf(holes, std::max(last, row.start));
@@ -345,7 +345,7 @@ bool Judging::IsDoubtful(uint32_t frame, Micros until) const {
 Micros Judging::Stood(Micros from, Micros to) const {
     Micros stood = 0;
     for (const Span& span : standstills) {
-        stood += std::max<Micros>(std::min(to, span.end) - std::max(from, span.begin), 0);
+        stood += Cut(span, {from, to}).Length();
     }
     return stood;
 }
@@ -392,7 +392,6 @@ void FindHoles(Judging& judging) {
         judging.holes.push_back(leftOut.time);
     }
     judging.holes.insert(judging.holes.end(), scene.impossible.begin(), scene.impossible.end());
-    std::erase(judging.holes, NO_TIME);
     std::sort(judging.holes.begin(), judging.holes.end());
 }
 

@@ -119,7 +119,7 @@ void Conclude(Judging& judging, size_t toldOneByOne) {
     JoinFindings(judging.scene, toldOneByOne);
 }
 
-void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolution,
+void JudgeScene(Scene& scene, const std::vector<ConfiguredStage>& stages, Micros resolution,
                 const JudgeOptions& options) {
     scene.lateThreshold = std::llround(options.latePeriods * 1e6 / scene.Rate());
     if (!scene.isStarted) {
@@ -133,7 +133,7 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
         FindStandstills(judging);
         ClassifyFrames(judging);
         FindNeverHit(judging);
-        FindNoneHit(judging, configuration);
+        FindNoneHit(judging, stages);
         FindMissingNumbers(judging);
         FindLost(judging);
         FindRestarts(judging);
@@ -144,7 +144,7 @@ void JudgeScene(Scene& scene, const Configuration* configuration, Micros resolut
         FindSlowFirst(judging);
         FindEvictions(judging);
         FindThreads(judging);
-        FindIgnored(judging, configuration);
+        FindIgnored(judging, stages);
         FindClockSteps(judging);
         FindLinesLost(judging);
         BlameForDrops(judging);
@@ -162,12 +162,10 @@ void FindSeveralProcesses(Account& account) {
             const Scene& other = account.scenes[j];
             if (scene.process != other.process && scene.isStarted && other.isStarted &&
                 scene.from.input == other.to.input && scene.from.line < other.to.line) {
-                SceneFinding finding;
-                finding.check = Check::TwoCameras;
-                finding.place = scene.from;
-                finding.time = scene.begin;
-                finding.message = fmt::format(wording::TWO_PROCESSES, other.process, scene.process);
-                account.findings.push_back(std::move(finding));
+                account.findings.push_back(
+                    {Check::TwoCameras, Severity::Note,
+                     fmt::format(wording::TWO_PROCESSES, other.process, scene.process), scene.from,
+                     scene.begin});
                 return;
             }
         }
@@ -215,8 +213,7 @@ void JoinFindings(Scene& scene, size_t toldOneByOne) {
         findings.begin(), findings.end(), [](const SceneFinding& one, const SceneFinding& other) {
             return one.severity != other.severity
                        ? one.severity > other.severity
-                       : std::pair(one.time, std::pair(one.place.input, one.place.line)) <
-                             std::pair(other.time, std::pair(other.place.input, other.place.line));
+                       : std::pair(one.time, one.place) < std::pair(other.time, other.place);
         });
     scene.findings = std::move(findings);
 }
@@ -245,19 +242,18 @@ uint32_t Judging::FrameOf(uint16_t epoch, int64_t number) const {
                : NO_INDEX;
 }
 
+void Trouble::About(const std::vector<int64_t>& numbers) {
+    finding.frame = numbers.front();
+    finding.frames = RangesOf(numbers);
+}
+
 Trouble& Judging::Raise(Check check, Severity severity, uint32_t frame, int32_t stage,
                         const Place& place, Micros time, std::string message) {
     Trouble& trouble = troubles.emplace_back();
-    SceneFinding& finding = trouble.finding;
-    finding.check = check;
-    finding.severity = severity;
-    finding.stage = stage;
-    finding.place = place;
-    finding.time = time;
-    finding.message = std::move(message);
+    trouble.finding = {check, severity, std::move(message), place, time};
+    trouble.finding.stage = stage;
     if (frame != NO_INDEX) {
-        finding.frame = scene.frames[frame].number;
-        finding.frames = {{*finding.frame, *finding.frame}};
+        trouble.About({scene.frames[frame].number});
     }
     return trouble;
 }
@@ -285,6 +281,16 @@ int32_t Judging::NextStage(uint32_t frame) const {
         }
     }
     return 0;
+}
+
+int32_t Judging::Unreported(uint32_t frame) const {
+    const int32_t next = NextStage(frame);
+    for (int32_t stage = 0; stage < next; ++stage) {
+        if (!scene.PassOf(frame, stage).HasLeft()) {
+            return stage;
+        }
+    }
+    return -1;
 }
 
 std::pair<Place, Micros> Judging::LastOf(uint32_t frame) const {
@@ -317,10 +323,8 @@ void ClassifyFrames(Judging& judging) {
     for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
         Frame& row = scene.frames[frame];
         row.isOut = judging.IsOut(frame);
-        bool isThrough = true;
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            isThrough = isThrough && scene.PassOf(frame, stage).HasLeft();
-        }
+        const bool isThrough =
+            judging.NextStage(frame) == scene.stageCount && judging.Unreported(frame) < 0;
         const bool hasStages = judging.schedule.LastStage() >= 0;
         const bool isEarly = judging.IsEarly(frame);
         const auto set = [&row](FrameStatus status, Reason reason) {
@@ -348,11 +352,9 @@ void ClassifyFrames(Judging& judging) {
 
 void Judge(Account& account, const JudgeOptions& options) {
     for (Scene& scene : account.scenes) {
-        const Configuration* configuration =
-            scene.configuration == 0
-                ? nullptr
-                : &account.configurations[scene.configuration - 1].configuration;
-        JudgeScene(scene, configuration, account.resolution, options);
+        const auto* known = ConfigurationOf(account.configurations, scene.configuration);
+        JudgeScene(scene, known == nullptr ? std::vector<ConfiguredStage>() : known->stages,
+                   account.resolution, options);
     }
     FindSeveralProcesses(account);
 }

@@ -23,6 +23,9 @@ struct Trouble {
     int64_t cost = 0;      // How many of its own frames were not boosted.
     std::vector<int64_t> unseen, refused, inError, evicted, waited, late;
     int64_t absent = 0;  // How many frames it hides of which no line is left.
+
+    // It is about the frames of these numbers, of which the first is the one to look at.
+    void About(const std::vector<int64_t>& numbers);
 };
 
 inline constexpr uint64_t MOST_MISSING = 100'000;  // Numbers in a row; more is another count.
@@ -85,6 +88,8 @@ struct Judging {
     // The first stage that the frame is not known to have left behind all that it has; stageCount
     // when there is none.
     int32_t NextStage(uint32_t frame) const;
+    // The first stage that the frame went past without being told to have left it; -1 for none.
+    int32_t Unreported(uint32_t frame) const;
     // The last line that tells of the frame, and its time.
     std::pair<Place, Micros> LastOf(uint32_t frame) const;
     std::string StageName(int32_t stage) const;
@@ -98,7 +103,7 @@ void FindHoles(Judging& judging);
 void FindStandstills(Judging& judging);
 void ClassifyFrames(Judging& judging);
 void FindNeverHit(Judging& judging);
-void FindNoneHit(Judging& judging, const Configuration* configuration);
+void FindNoneHit(Judging& judging, const std::vector<ConfiguredStage>& configured);
 void FindMissingNumbers(Judging& judging);
 void FindLost(Judging& judging);
 void FindRestarts(Judging& judging);
@@ -109,7 +114,7 @@ void FindLate(Judging& judging, Micros threshold);
 void FindSlowFirst(Judging& judging);
 void FindEvictions(Judging& judging);
 void FindThreads(Judging& judging);
-void FindIgnored(Judging& judging, const Configuration* configuration);
+void FindIgnored(Judging& judging, const std::vector<ConfiguredStage>& stages);
 void FindClockSteps(Judging& judging);
 void FindLinesLost(Judging& judging);
 

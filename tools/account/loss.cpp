@@ -28,13 +28,10 @@ const char* WhatEnded(const Scene& scene) {
 }
 
 std::string LostText(const std::vector<int64_t>& numbers, const std::string& stage, bool isEnded) {
-    std::string text = fmt::format(wording::LOST, fmt::arg("frames", FramesText(numbers)),
-                                   fmt::arg("stage", stage));
-    if (isEnded) {
-        text +=
-            fmt::format(wording::AND_ENDED, fmt::arg("it", numbers.size() == 1 ? "it" : "them"));
-    }
-    return text;
+    const char* const them = numbers.size() == 1 ? "it" : "them";
+    return fmt::format(wording::LOST, fmt::arg("frames", FramesText(numbers)),
+                       fmt::arg("stage", stage)) +
+           (isEnded ? fmt::format(wording::AND_ENDED, fmt::arg("it", them)) : "");
 }
 
 // What is between two frames that left stage 0 one after the other.
@@ -120,8 +117,7 @@ void RaiseDropped(Judging& judging, const Gap& gap) {
         judging.Raise(Check::FrameLost, isEnded ? Severity::Warning : Severity::Error, NO_INDEX, 0,
                       gap.rows.empty() ? gap.place : scene.frames[gap.rows.front()].place, gap.from,
                       LostText(gap.missing, judging.StageName(0), isEnded));
-    trouble.finding.frame = gap.missing.front();
-    trouble.finding.frames = RangesOf(gap.missing);
+    trouble.About(gap.missing);
     trouble.cost = static_cast<int64_t>(gap.missing.size());
     judging.droppedBefore[gap.next] = trouble.cost;
 }
@@ -137,7 +133,7 @@ void FindMissingNumbers(Judging& judging) {
         return;
     }
     // Calls that are played without their times tell nothing by them.
-    const bool hasPace = schedule.UsualWork(0) > schedule.Period() / 2;
+    const bool hasPace = schedule.UsualDelay(0) > schedule.Period() / 2;
     Micros lag = 0;  // By how much stage 0 is behind the sensor: drops meanwhile take no time here.
     for (size_t i = scene.opener ? 0 : 1; i < scene.order[0].size(); ++i) {
         const Gap gap = GapBefore(judging, i);

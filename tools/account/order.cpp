@@ -1,25 +1,26 @@
 // Frames whose events were out of order, missing or told twice, and what followed from that.
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "tools/account/wording.h"
 
 namespace tools {
 namespace {
 
-class OrderFinder {
-  public:
-    explicit OrderFinder(Judging& sceneJudging) : judging(sceneJudging), scene(judging.scene) {
-        FindOvertaken();
-        for (const Scene::Repeat& repeat : scene.repeats) {
-            repeats.resize(scene.frames.size(), nullptr);
-            if (repeats[repeat.frame] == nullptr) {
-                repeats[repeat.frame] = &repeat;
-            }
-        }
-    }
+struct OrderFinder {
+    Judging& judging;
+    Scene& scene = judging.scene;
+    // The first stage that others overtook the frame in, and by whom.
+    std::vector<std::pair<int32_t, uint32_t>> overtaken{};
+    std::unordered_map<uint32_t, const Scene::Repeat*> repeats{};  // Of each frame the first.
+    uint32_t cause = 0;  // As Judging::causes: of the frame before, if it opened none.
 
     void Find() {
+        FindOvertaken();
+        for (const Scene::Repeat& repeat : scene.repeats) {
+            repeats.try_emplace(repeat.frame, &repeat);
+        }
         bool hasStarted = false, isAfterUntold = false;
         for (const uint32_t frame : judging.byNumber) {
             Frame& row = scene.frames[frame];
@@ -49,7 +50,6 @@ class OrderFinder {
         }
     }
 
-  private:
     void FindOvertaken() {
         overtaken.assign(scene.frames.size(), {-1, NO_INDEX});
         for (int32_t stage = scene.stageCount - 1; stage >= 0; --stage) {
@@ -71,21 +71,7 @@ class OrderFinder {
         const Frame& row = scene.frames[frame];
         const bool hasLeft = scene.stageCount > 0 && scene.PassOf(frame, 0).HasLeft();
         return !hasLeft || overtaken[frame].first == 0 || !row.isStarted ||
-               (!repeats.empty() && repeats[frame] != nullptr && repeats[frame]->stage == 0);
-    }
-
-    // The first stage that the frame went past without being told to have left it; -1 for none.
-    int32_t Unreported(uint32_t frame) const {
-        int32_t top = scene.stageCount - 1;
-        while (top >= 0 && !scene.PassOf(frame, top).HasLeft()) {
-            --top;
-        }
-        for (int32_t stage = 0; stage < top; ++stage) {
-            if (!scene.PassOf(frame, stage).HasLeft()) {
-                return stage;
-            }
-        }
-        return -1;
+               (repeats.contains(frame) && repeats.at(frame)->stage == 0);
     }
 
     Trouble& Raise(Check check, Severity severity, uint32_t frame, int32_t stage,
@@ -117,9 +103,10 @@ class OrderFinder {
             judging.schedule.LastStage() >= 0) {
             return;
         }
-        const bool isRepeated = !repeats.empty() && repeats[frame] != nullptr;
-        const int32_t unreported = Unreported(frame);
-        if (unreported >= 0 && !(isRepeated && repeats[frame]->stage < unreported) &&
+        const auto repeat = repeats.find(frame);
+        const bool isRepeated = repeat != repeats.end();
+        const int32_t unreported = judging.Unreported(frame);
+        if (unreported >= 0 && !(isRepeated && repeat->second->stage < unreported) &&
             (row.isStarted || unreported > 0)) {
             Raise(Check::StageUnreported, Severity::Error, frame, unreported,
                   fmt::format(wording::UNREPORTED, fmt::arg("frame", row.number),
@@ -131,7 +118,7 @@ class OrderFinder {
             return;
         }
         if (isRepeated) {
-            return RaiseRepeat(frame, *repeats[frame]);
+            return RaiseRepeat(frame, *repeat->second);
         }
         if (isUnseen || row.isGap) {
             if (cause != 0) {
@@ -149,9 +136,9 @@ class OrderFinder {
             const bool isHarmless = row.isStarted && row.violation == Reason::None;
             Raise(Check::DuplicateFrame, isHarmless ? Severity::Warning : Severity::Error, frame,
                   -1,
-                  row.isStarted
-                      ? fmt::format(wording::DUPLICATE, fmt::arg("frame", row.number))
-                      : fmt::format(wording::DUPLICATE_REFUSED, fmt::arg("frame", row.number)),
+                  fmt::format(
+                      fmt::runtime(row.isStarted ? wording::DUPLICATE : wording::DUPLICATE_REFUSED),
+                      fmt::arg("frame", row.number)),
                   isHarmless);
             return;
         }
@@ -182,16 +169,14 @@ class OrderFinder {
         const int32_t first = portOf(scene.PassOf(frame, repeat.stage).reporter);
         const int32_t second = portOf(repeat.reporter);
         const bool isHarmless = row.status == FrameStatus::Complete;
-        const std::string stage = judging.StageName(repeat.stage);
         Trouble& trouble = judging.Raise(
             first != second ? Check::SecondPort : Check::StageOrder,
             isHarmless ? Severity::Warning : Severity::Error, frame, repeat.stage, repeat.place,
             repeat.time,
-            first != second ? fmt::format(wording::SECOND_PORT, fmt::arg("frame", row.number),
-                                          fmt::arg("stage", stage), fmt::arg("port", first),
-                                          fmt::arg("other", second))
-                            : fmt::format(wording::TWICE, fmt::arg("frame", row.number),
-                                          fmt::arg("stage", stage)));
+            fmt::format(fmt::runtime(first != second ? wording::SECOND_PORT : wording::TWICE),
+                        fmt::arg("frame", row.number),
+                        fmt::arg("stage", judging.StageName(repeat.stage)), fmt::arg("port", first),
+                        fmt::arg("other", second)));
         trouble.cost = isHarmless ? 0 : 1;
         judging.Explain(frame, judging.troubles.size() - 1);
     }
@@ -220,35 +205,24 @@ class OrderFinder {
         const std::string stage = judging.StageName(row.violationStage);
         const std::string other = judging.StageName(row.violationOther);
         const bool isBefore = row.violationOther < row.violationStage;
-        const std::string text =
-            row.violation == Reason::NoSuchStage
-                ? fmt::format(wording::NO_SUCH_STAGE, fmt::arg("frame", row.number),
-                              fmt::arg("stage", stage), fmt::arg("count", scene.stageCount))
-            : row.violation == Reason::OutOfTurn
-                ? fmt::format(wording::OUT_OF_TURN, fmt::arg("frame", row.number),
-                              fmt::arg("stage", stage))
-            : isBefore ? fmt::format(wording::BEFORE_ENDED, fmt::arg("frame", row.number),
-                                     fmt::arg("stage", stage), fmt::arg("other", other))
-                       : fmt::format(wording::AFTER_BEGUN, fmt::arg("frame", row.number),
-                                     fmt::arg("stage", stage), fmt::arg("other", other));
+        const char* const sentence = row.violation == Reason::NoSuchStage ? wording::NO_SUCH_STAGE
+                                     : row.violation == Reason::OutOfTurn ? wording::OUT_OF_TURN
+                                     : isBefore                           ? wording::BEFORE_ENDED
+                                                                          : wording::AFTER_BEGUN;
         // Two stages that changed places are told by the one that was to come first.
         Raise(Check::StageOrder, Severity::Error, frame,
               row.violation == Reason::OutOfOrder && isBefore ? row.violationOther
                                                               : row.violationStage,
-              text);
+              fmt::format(fmt::runtime(sentence), fmt::arg("frame", row.number),
+                          fmt::arg("stage", stage), fmt::arg("other", other),
+                          fmt::arg("count", scene.stageCount)));
     }
-
-    Judging& judging;
-    Scene& scene;
-    std::vector<std::pair<int32_t, uint32_t>> overtaken;  // The first such stage, and by whom.
-    std::vector<const Scene::Repeat*> repeats;            // The first; empty where there is none.
-    uint32_t cause = 0;  // As Judging::causes: of the frame before, if it opened none.
 };
 
 }  // namespace
 
 void FindOrder(Judging& judging) {
-    OrderFinder(judging).Find();
+    OrderFinder{judging}.Find();
 }
 
 }  // namespace tools

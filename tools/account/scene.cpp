@@ -57,13 +57,12 @@ void FindNeverHit(Judging& judging) {
         scene.begin,
         fmt::format(wording::NEVER_HIT, fmt::arg("stage", judging.StageName(stage)),
                     fmt::arg("frames", Counted(static_cast<int64_t>(frames.size()), "frame"))));
-    trouble.finding.frame = frames.front();
-    trouble.finding.frames = RangesOf(frames);
+    trouble.About(frames);
     trouble.finding.times = static_cast<int64_t>(frames.size());
 }
 
 // Of a scene without frames: its nodes are not those of the configuration.
-void FindNoneHit(Judging& judging, const Configuration* configuration) {
+void FindNoneHit(Judging& judging, const std::vector<ConfiguredStage>& configured) {
     const Scene& scene = judging.scene;
     std::vector<std::string> nodes, stages;
     int64_t most = 0;  // How often a node was reported.
@@ -88,8 +87,7 @@ void FindNoneHit(Judging& judging, const Configuration* configuration) {
         nodes.resize(MOST_NODES);
         nodes.push_back(fmt::format("{} more", more));
     }
-    for (const ConfiguredStage& stage :
-         configuration == nullptr ? std::vector<ConfiguredStage>() : configuration->stages) {
+    for (const ConfiguredStage& stage : configured) {
         stages.push_back(fmt::format("stage {} waits for {} ({})", stage.stage, Quoted(stage.node),
                                      PortsText(stage)));
     }
@@ -106,7 +104,6 @@ void FindEvictions(Judging& judging) {
     Scene& scene = judging.scene;
     std::vector<int64_t> unexplained;
     const Scene::Eviction* first = nullptr;
-    uint32_t firstFrame = NO_INDEX;
     for (const Scene::Eviction& eviction : scene.evictions) {
         if (!eviction.frame || judging.IsExplained(*eviction.frame) ||
             scene.frames[*eviction.frame].isUntold) {
@@ -135,31 +132,25 @@ void FindEvictions(Judging& judging) {
             continue;
         }
         unexplained.push_back(row.number);
-        if (first == nullptr) {
-            first = &eviction;
-            firstFrame = *eviction.frame;
-        }
+        first = first == nullptr ? &eviction : first;
         judging.Explain(*eviction.frame, judging.troubles.size());
     }
     if (first != nullptr) {
+        const int32_t stage = judging.NextStage(*first->frame);
         Trouble& trouble = judging.Raise(
-            Check::Evicted, Severity::Error, firstFrame, judging.NextStage(firstFrame),
+            Check::Evicted, Severity::Error, NO_INDEX, stage < scene.stageCount ? stage : -1,
             first->place, first->time,
             fmt::format(wording::PUSHED_OUT, fmt::arg("frames", FramesText(unexplained)),
                         fmt::arg("were", unexplained.size() == 1 ? "was" : "were")));
-        if (trouble.finding.stage >= scene.stageCount) {
-            trouble.finding.stage = -1;
-        }
         trouble.cost = static_cast<int64_t>(unexplained.size());
-        trouble.finding.frames = RangesOf(unexplained);
+        trouble.About(unexplained);
     }
     // Lost frames keep their places.
     std::vector<int64_t> held;
     for (uint32_t frame = 0; frame < scene.frames.size(); ++frame) {
-        const bool isLost =
-            judging.IsExplained(frame) &&
-            judging.troubles[judging.causes[frame] - 1].finding.check == Check::FrameLost;
-        if (isLost && scene.frames[frame].isHeld) {
+        const Trouble* cause = judging.TroubleOf(frame);
+        if (cause != nullptr && cause->finding.check == Check::FrameLost &&
+            scene.frames[frame].isHeld) {
             held.push_back(scene.frames[frame].number);
         }
     }
@@ -208,55 +199,46 @@ void FindThreads(Judging& judging) {
 }
 
 // Node ends that end no stage.
-void FindIgnored(Judging& judging, const Configuration* configuration) {
+void FindIgnored(Judging& judging, const std::vector<ConfiguredStage>& stages) {
     const Scene& scene = judging.scene;
-    struct Ignored {
-        const Reporter* reporter;
-        int64_t times = 0;
-    };
-    std::map<std::pair<std::string, int32_t>, Ignored> ignored;
-    std::vector<std::pair<std::string, int32_t>> order;
+    std::vector<Reporter> ignored;  // One for each node and port.
     for (const Reporter& reporter : scene.reporters) {
-        if (reporter.counts != true) {
-            const std::pair key(reporter.node, reporter.port);
-            const auto [it, isNew] = ignored.try_emplace(key, Ignored{&reporter, 0});
-            it->second.times += reporter.times;
-            if (isNew) {
-                order.push_back(key);
-            }
+        if (reporter.counts == true) {
+            continue;
+        }
+        const auto known =
+            std::find_if(ignored.begin(), ignored.end(), [&reporter](const Reporter& other) {
+                return other.node == reporter.node && other.port == reporter.port;
+            });
+        if (known == ignored.end()) {
+            ignored.push_back(reporter);
+        } else {
+            known->times += reporter.times;
         }
     }
-    for (const auto& key : order) {
-        const Ignored& node = ignored.at(key);
-        const Reporter& reporter = *node.reporter;
+    for (const Reporter& reporter : ignored) {
         std::string text =
             fmt::format("node {}, port {}, ends no stage; reported {}", Quoted(reporter.node),
-                        reporter.port, Counted(node.times, "time"));
+                        reporter.port, Counted(reporter.times, "time"));
         Severity severity = Severity::Note;
         int32_t stageNumber = -1;
-        if (configuration != nullptr) {
-            for (const ConfiguredStage& stage : configuration->stages) {
-                const bool isNamed = reporter.node.find(stage.node) != std::string::npos;
-                if (!isNamed &&
-                    Folded(reporter.node).find(Folded(stage.node)) == std::string::npos) {
-                    continue;
-                }
-                const bool isHit = stage.stage >= 0 && stage.stage < scene.stageCount &&
-                                   !scene.order[static_cast<size_t>(stage.stage)].empty();
-                stageNumber = stage.stage;
-                if (isNamed) {
-                    text += fmt::format("; stage {} expects {}", stage.stage, PortsText(stage));
-                } else {
-                    text += fmt::format("; stage {} expects {}, which differs in case or blanks",
-                                        stage.stage, Quoted(stage.node));
-                }
-                severity = !isHit || !isNamed ? Severity::Warning : Severity::Note;
-                break;
+        for (const ConfiguredStage& stage : stages) {
+            const bool isNamed = reporter.node.find(stage.node) != std::string::npos;
+            if (!isNamed && Folded(reporter.node).find(Folded(stage.node)) == std::string::npos) {
+                continue;
             }
+            const bool isHit = stage.stage >= 0 && stage.stage < scene.stageCount &&
+                               !scene.order[static_cast<size_t>(stage.stage)].empty();
+            stageNumber = stage.stage;
+            text += fmt::format("; stage {} expects {}", stage.stage,
+                                isNamed ? PortsText(stage)
+                                        : Quoted(stage.node) + ", which differs in case or blanks");
+            severity = !isHit || !isNamed ? Severity::Warning : Severity::Note;
+            break;
         }
         Trouble& trouble = judging.Raise(Check::NodeIgnored, severity, NO_INDEX, stageNumber,
                                          reporter.place, NO_TIME, std::move(text));
-        trouble.finding.times = node.times;
+        trouble.finding.times = reporter.times;
     }
 }
 

@@ -185,7 +185,6 @@ Schedule::Schedule(Scene& measured)
       period(measured.Period()) {
     const size_t frames = scene.frames.size();
     ahead.assign(frames * stageCount, NO_INDEX);
-    usualWork.assign(stageCount, period);
     usualStay.assign(stageCount, period);
     usualDelay.assign(stageCount, period);
     keptBack.assign(stageCount, 0);
@@ -211,7 +210,7 @@ Schedule::Schedule(Scene& measured)
             before = frame;
         }
         lastStage = before == NO_INDEX ? lastStage : stage;
-        usualDelay[Index(stage)] = usualWork[Index(stage)] = MedianOf(works, period);
+        usualDelay[Index(stage)] = MedianOf(works, period);
         usualStay[Index(stage)] = MedianOf(stays, period);
     }
     if (lastStage >= 0) {

@@ -31,8 +31,7 @@ class Schedule {
     Micros PeriodAt(Micros time) const;
     const std::vector<RateStretch>& Rates() const { return rates; }
 
-    // How long a stage usually works on a frame, and how long frames usually are in it.
-    Micros UsualWork(int32_t stage) const { return usualWork[Index(stage)]; }
+    // How long frames usually are in a stage.
     Micros UsualStay(int32_t stage) const { return usualStay[Index(stage)]; }
     // Who left the stage right before the frame; NO_INDEX for nobody.
     uint32_t Ahead(uint32_t frame, int32_t stage) const {
@@ -69,7 +68,7 @@ class Schedule {
     Micros period;
     std::vector<RateStretch> rates;
     std::vector<uint32_t> ahead;  // stageCount for each frame.
-    std::vector<Micros> usualWork, usualStay, usualDelay;
+    std::vector<Micros> usualStay, usualDelay;
     std::vector<int32_t> keptBack;
     // Of stages that keep frames back: what each frame waits for.
     std::vector<std::vector<uint32_t>> triggers;

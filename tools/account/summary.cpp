@@ -11,15 +11,6 @@
 namespace tools {
 namespace {
 
-SceneFinding DamageOf(const CaptureSummary& summary) {
-    SceneFinding finding;
-    finding.check = Check::LinesLost;
-    finding.severity = Severity::Warning;
-    finding.message =
-        "an input cannot be read to its end, what follows is missing: " + summary.damage;
-    return finding;
-}
-
 SceneFinding NotUnderstoodOf(const Account& account, const CaptureSummary& summary) {
     const std::vector<NotUnderstood>& shown = summary.firstNotUnderstood;
     // Where a capture begins and where it ends, a line may be only half there.
@@ -60,7 +51,9 @@ Account MakeAccount(FactsMaker& facts, const CaptureSummary& summary,
     account.notUnderstood = summary.notUnderstood;
     account.lost = summary.lost;
     if (!summary.damage.empty()) {
-        account.findings.push_back(DamageOf(summary));
+        account.findings.push_back(
+            {Check::LinesLost, Severity::Warning,
+             "an input cannot be read to its end, what follows is missing: " + summary.damage});
     }
     if (summary.notUnderstood > 0) {
         account.findings.push_back(NotUnderstoodOf(account, summary));

@@ -10,20 +10,13 @@ namespace {
 
 constexpr size_t NUMBERS_TOLD = 6;
 
-std::string RangeText(const FrameRange& range) {
-    return range.first == range.last ? fmt::to_string(range.first)
-                                     : fmt::format("{} to {}", range.first, range.last);
-}
-
 }  // namespace
 
 std::vector<FrameRange> RangesOf(std::vector<int64_t> numbers) {
     std::sort(numbers.begin(), numbers.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
     std::vector<FrameRange> ranges;
     for (const int64_t number : numbers) {
-        if (!ranges.empty() && number <= ranges.back().last) {
-            continue;
-        }
         if (!ranges.empty() && ranges.back().last + 1 == number) {
             ranges.back().last = number;
         } else {
@@ -44,11 +37,13 @@ std::string NumbersText(const std::vector<int64_t>& numbers) {
             continue;
         }
         told += count;
+        if (count > 2) {
+            parts.push_back(fmt::format("{} to {}", range.first, range.last));
+            continue;
+        }
+        parts.push_back(fmt::to_string(range.first));
         if (count == 2) {
-            parts.push_back(fmt::to_string(range.first));
             parts.push_back(fmt::to_string(range.last));
-        } else {
-            parts.push_back(RangeText(range));
         }
     }
     if (told < all) {
@@ -95,32 +90,27 @@ std::string DisabledText(const Configuration* configuration) {
 }
 
 SceneFinding OutsideFinding(Check check, int64_t amount, const Place& place, Micros time) {
-    SceneFinding finding;
-    finding.check = check;
-    finding.place = place;
-    finding.time = time;
-    finding.message =
-        check == Check::ClockJump ? "the clock was set where no scene runs"
-        : amount > 0 ? Counted(amount, "line") + " of the capture are missing where no scene runs"
-                     : "lines of the capture are missing where no scene runs";
-    return finding;
+    const std::string message = check == Check::ClockJump
+                                    ? "the clock was set where no scene runs"
+                                    : (amount > 0 ? Counted(amount, "line") : "lines") +
+                                          " of the capture are missing where no scene runs";
+    return {check, Severity::Note, message, place, time};
 }
 
 void TellConsequences(Trouble& trouble) {
     std::string& text = trouble.finding.message;
     trouble.finding.stem = text.size();
     std::vector<std::string> parts;
-    const auto tell = [&parts](const std::vector<int64_t>& frames, const char* one,
-                               const char* many) {
+    const auto tell = [&parts](const std::vector<int64_t>& frames, const char* what) {
         if (!frames.empty()) {
-            parts.push_back(NumbersText(frames) + (frames.size() == 1 ? one : many));
+            parts.push_back(fmt::format(fmt::runtime(what), fmt::arg("frames", NumbersText(frames)),
+                                        fmt::arg("were", frames.size() == 1 ? "was" : "were")));
         }
     };
-    tell(trouble.unseen, " was not in flight", " were not in flight");
-    tell(trouble.refused, " came after a gap and was refused",
-         " came after a gap and were refused");
-    tell(trouble.inError, " was in error", " were in error");
-    tell(trouble.evicted, " was pushed out of the table", " were pushed out of the table");
+    tell(trouble.unseen, "{frames} {were} not in flight");
+    tell(trouble.refused, "{frames} came after a gap and {were} refused");
+    tell(trouble.inError, "{frames} {were} in error");
+    tell(trouble.evicted, "{frames} {were} pushed out of the table");
     if (!parts.empty()) {
         text += "; therefore " + Join(parts);
     }
@@ -131,9 +121,9 @@ void TellConsequences(Trouble& trouble) {
         text += ": " + Counted(cost, "frame") + " not boosted";
     }
     parts.clear();
-    tell(trouble.waited, " waited behind it", " waited behind it");
+    tell(trouble.waited, "{frames} waited behind it");
     if (trouble.waited.empty()) {
-        tell(trouble.late, " came out late", " came out late");
+        tell(trouble.late, "{frames} came out late");
     }
     if (!parts.empty()) {
         text += "; " + Join(parts);

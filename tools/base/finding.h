@@ -19,6 +19,8 @@ enum class Severity : uint8_t { Note, Warning, Error };
 struct Place {
     uint32_t input = 0;
     uint32_t line = 0;
+
+    auto operator<=>(const Place&) const = default;
 };
 
 struct Finding {

@@ -215,14 +215,11 @@ std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span s
     const Tie& tie = *scheduling.tie;
     std::vector<Awake> all;
     const Span shown = {tie.ToTrace(span.begin), tie.ToTrace(span.end)};
-    const auto [first, last] = scheduling.states->Within(thread, shown);
-    for (auto it = first; it != last; ++it) {
-        if (it->state == ThreadState::Running || it->state == ThreadState::Runnable ||
-            it->state == ThreadState::Blocked) {
-            all.push_back({{tie.ToLog(std::max(it->begin, shown.begin)),
-                            tie.ToLog(std::min(it->end, shown.end))},
-                           it->state,
-                           it->cpu});
+    for (const StateSpan& one : scheduling.states->Within(thread, shown)) {
+        if (one.state == ThreadState::Running || one.state == ThreadState::Runnable ||
+            one.state == ThreadState::Blocked) {
+            const Span part = Cut(one, shown);
+            all.push_back({{tie.ToLog(part.begin), tie.ToLog(part.end)}, one.state, one.cpu});
         }
     }
     return all;

@@ -21,19 +21,12 @@ constexpr size_t LONGEST_CHAIN = 8;
 constexpr Micros SHARE = 10;
 constexpr size_t NAMED = 2;
 
-Span Cut(Span span, Span within) {
-    return {std::max(span.begin, within.begin), std::min(span.end, within.end)};
-}
-
-class CauseFinder {
-  public:
-    CauseFinder(Scene& judged, const SceneScheduling& sceneScheduling, States& threadStates,
-                const Tie& clocks)
-        : scene(judged),
-          scheduling(sceneScheduling),
-          states(threadStates),
-          tie(clocks),
-          trace(threadStates.Trace()) {}
+struct CauseFinder {
+    Scene& scene;
+    const SceneScheduling& scheduling;
+    States& states;
+    const Tie& tie;
+    const SchedTrace& trace = states.Trace();
 
     void Find(SceneFinding& finding) {
         if (finding.check == Check::Standstill) {
@@ -42,18 +35,13 @@ class CauseFinder {
         if (finding.stage < 0 || finding.stage >= scene.stageCount) {
             return;
         }
-        switch (finding.check) {
-            case Check::SlowStage:
-            case Check::SensorStall:
-                return FindOfFrames(finding);
-            case Check::Stuck:
-                return FindOfStanding(finding);
-            default:
-                return;
+        if (finding.check == Check::SlowStage || finding.check == Check::SensorStall) {
+            FindOfFrames(finding);
+        } else if (finding.check == Check::Stuck) {
+            FindOfStanding(finding);
         }
     }
 
-  private:
     // Why the stage took longer for these frames than it usually does.
     void FindOfFrames(SceneFinding& finding) {
         const std::optional<Shares>& usual = scheduling.usual[static_cast<size_t>(finding.stage)];
@@ -90,8 +78,6 @@ class CauseFinder {
             });
         const auto frame = static_cast<size_t>(shown - scheduling.uses.data()) /
                            static_cast<size_t>(scene.stageCount);
-        const Telling telling = {
-            uses.size() > 1 ? std::optional(scene.frames[frame].number) : std::nullopt, longer};
         // What it did besides, where that is much, too.
         const Micros others = longer - *worst;
         // Of the frame that is told of, as what it ran is.
@@ -103,7 +89,12 @@ class CauseFinder {
         } else if (state == ThreadState::Running && others * 10 < longer) {
             besides = ": the node itself";
         }
-        Tell(finding, shown->thread, shown->span, state, telling, besides);
+        std::string head;  // Which one it is told of, where the finding is about several.
+        if (uses.size() > 1) {
+            head = fmt::format("; of the {} ms of frame {} its thread ", Ms(shown->span.Length()),
+                               scene.frames[frame].number);
+        }
+        Tell(finding, shown->thread, shown->span, state, longer, head, besides);
     }
 
     // Nobody logged anything: whether the threads had no CPU.
@@ -126,7 +117,7 @@ class CauseFinder {
             }
         }
         if (worst != NO_THREAD) {
-            Tell(finding, worst, span, ThreadState::Runnable, {std::nullopt, most});
+            Tell(finding, worst, span, ThreadState::Runnable, most);
         }
     }
 
@@ -146,29 +137,19 @@ class CauseFinder {
         }
         const Shares shares = states.SharesOf(thread->first, span);
         const auto most = std::max_element(shares.begin(), shares.end());
-        Tell(finding, thread->first, span, static_cast<ThreadState>(most - shares.begin()),
-             {std::nullopt, *most});
+        Tell(finding, thread->first, span, static_cast<ThreadState>(most - shares.begin()), *most);
     }
 
-    struct Telling {
-        std::optional<int64_t>
-            frame;      // Which one it is told of, where the finding is about several.
-        Micros excess;  // What has to be explained.
-    };
-
-    void Tell(SceneFinding& finding, uint32_t thread, Span span, ThreadState state,
-              const Telling& telling, const std::string& besides = "") {
+    // `excess`: what has to be explained.
+    void Tell(SceneFinding& finding, uint32_t thread, Span span, ThreadState state, Micros excess,
+              const std::string& head = "", const std::string& besides = "") {
         std::set<uint32_t> seen;
-        Follow(finding.chain, thread, span, state, telling.excess, seen);
+        Follow(finding.chain, thread, span, state, excess, seen);
         if (finding.chain.empty()) {
             return;
         }
         const bool isSlow = finding.check == Check::SlowStage;
-        std::string text = isSlow ? ", of which its thread " : "; thread ";
-        if (telling.frame) {
-            text = fmt::format("; of the {} ms of frame {} its thread ", Ms(span.end - span.begin),
-                               *telling.frame);
-        }
+        std::string text = !head.empty() ? head : isSlow ? ", of which its thread " : "; thread ";
         text += NameOfThread(thread, !isSlow) + ' ';
         for (size_t i = 0; i < finding.chain.size(); ++i) {
             text += (i > 0 ? ", which " : "") + TextOf(finding.chain[i]);
@@ -204,17 +185,15 @@ class CauseFinder {
         // The longest time in that state, and where it waited, by CPU.
         const StateSpan* longest = nullptr;
         std::map<uint16_t, Micros> waited;
-        const auto [first, last] = states.Within(thread, span);
-        for (auto it = first; it != last; ++it) {
-            const Span part = Cut(*it, span);
-            if (it->state != state) {
+        for (const StateSpan& one : states.Within(thread, span)) {
+            if (one.state != state) {
                 continue;
             }
-            link.length += part.end - part.begin;
-            waited[WaitedFor(*it, span)] += part.end - part.begin;
-            if (longest == nullptr ||
-                part.end - part.begin > Cut(*longest, span).end - Cut(*longest, span).begin) {
-                longest = &*it;
+            const Micros length = Cut(one, span).Length();
+            link.length += length;
+            waited[WaitedFor(one, span)] += length;
+            if (longest == nullptr || length > Cut(*longest, span).Length()) {
+                longest = &one;
             }
         }
         if (longest == nullptr) {
@@ -228,7 +207,7 @@ class CauseFinder {
                    })->first;
         if (isSleep) {
             link.cpu = -1;
-            link.length = part.end - part.begin;
+            link.length = part.Length();
             link.isWoken = longest->isWoken && longest->end <= span.end;
         }
         if (state == ThreadState::Runnable) {
@@ -268,11 +247,10 @@ class CauseFinder {
     // Who had the CPU that a thread waited for.
     void AddRan(CauseLink& link, uint32_t thread, Span span) const {
         std::map<uint32_t, Micros> ran;
-        const auto [first, last] = states.Within(thread, span);
-        for (auto it = first; it != last; ++it) {
-            if (it->state == ThreadState::Runnable && WaitedFor(*it, span) == link.cpu) {
+        for (const StateSpan& wait : states.Within(thread, span)) {
+            if (wait.state == ThreadState::Runnable && WaitedFor(wait, span) == link.cpu) {
                 for (const auto& [other, time] :
-                     states.RanOn(static_cast<uint16_t>(link.cpu), Cut(*it, span))) {
+                     states.RanOn(static_cast<uint16_t>(link.cpu), Cut(wait, span))) {
                     ran[other] += time;
                 }
             }
@@ -345,12 +323,6 @@ class CauseFinder {
                             ? " until it was woken, while thread " + link.waker + " had the CPU"
                             : " until thread " + link.waker + " woke it");
     }
-
-    Scene& scene;
-    const SceneScheduling& scheduling;
-    States& states;
-    const Tie& tie;
-    const SchedTrace& trace;
 };
 
 }  // namespace
@@ -359,7 +331,7 @@ void TellCauses(Scene& scene, const SceneScheduling& scheduling, States& states,
     if (scheduling.uses.empty()) {
         return;
     }
-    CauseFinder finder(scene, scheduling, states, tie);
+    CauseFinder finder{scene, scheduling, states, tie};
     for (SceneFinding& finding : scene.findings) {
         if (finding.time != NO_TIME) {
             finder.Find(finding);

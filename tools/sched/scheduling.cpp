@@ -10,10 +10,11 @@
 namespace tools {
 namespace {
 
-class SceneMaker {
-  public:
-    SceneMaker(const Scene& measured, States& threadStates, const Tie& clocks)
-        : scene(measured), states(threadStates), tie(clocks) {}
+struct SceneMaker {
+    const Scene& scene;
+    States& states;
+    const Tie& tie;
+    SceneScheduling result{};
 
     SceneScheduling Make(const std::vector<Span>& outside) {
         if (scene.stageCount > 0 && !scene.isMixed) {
@@ -25,7 +26,6 @@ class SceneMaker {
         return std::move(result);
     }
 
-  private:
     // When frames left stages, by the counters where there are some, and what their threads did.
     void FindUses() {
         const auto stages = static_cast<size_t>(scene.stageCount);
@@ -54,10 +54,7 @@ class SceneMaker {
             for (size_t i = 0; i < left.size(); ++i) {
                 const size_t frame = left[i].second;
                 StageUse& use = result.uses[frame * stages + stage];
-                Micros begin = NO_TIME;
-                if (i > 0) {
-                    begin = left[i - 1].first;
-                }
+                Micros begin = i > 0 ? left[i - 1].first : NO_TIME;
                 if (stage > 0 && scene.passes[frame * stages + stage - 1].HasLeft()) {
                     begin = std::max(begin, result.uses[frame * stages + stage - 1].span.end);
                 }
@@ -100,12 +97,10 @@ class SceneMaker {
             stagesOf.try_emplace(thread);
         }
         for (const auto& [thread, stages] : stagesOf) {
-            ThreadUse use;
-            use.thread = thread;
-            use.stages.assign(stages.begin(), stages.end());
-            use.isHanded = handed.contains(thread);
-            use.shares = states.SharesOf(thread, span);
-            result.threads.push_back(use);
+            result.threads.push_back({thread,
+                                      {stages.begin(), stages.end()},
+                                      handed.contains(thread),
+                                      states.SharesOf(thread, span)});
         }
         std::sort(result.threads.begin(), result.threads.end(),
                   [&](const ThreadUse& one, const ThreadUse& other) {
@@ -139,26 +134,24 @@ class SceneMaker {
         const Micros period = scene.Period();
         std::vector<Micros> all;
         for (const Span& span : spans) {
-            std::vector<Micros> periods(
-                static_cast<size_t>(std::max<Micros>(span.end - span.begin, 0) / period));
+            std::vector<Micros> periods(static_cast<size_t>(span.Length() / period));
             std::vector<bool> isTold(periods.size(), true);
             for (const ThreadUse& use : result.threads) {
                 if (use.isHanded != isHanded || periods.empty()) {
                     continue;
                 }
-                const auto [first, last] = states.Within(use.thread, span);
-                for (auto it = first; it != last; ++it) {
-                    Micros from = std::max(it->begin, span.begin);
+                for (const StateSpan& one : states.Within(use.thread, span)) {
+                    Micros from = std::max(one.begin, span.begin);
                     const bool isUntold =
-                        it->state == ThreadState::Unknown || it->state == ThreadState::Gone;
-                    while ((isUntold || it->state == ThreadState::Runnable) &&
-                           from < std::min(it->end, span.end)) {
+                        one.state == ThreadState::Unknown || one.state == ThreadState::Gone;
+                    while ((isUntold || one.state == ThreadState::Runnable) &&
+                           from < std::min(one.end, span.end)) {
                         const auto index = static_cast<size_t>((from - span.begin) / period);
                         if (index >= periods.size()) {
                             break;
                         }
                         const Micros to = std::min(
-                            it->end, span.begin + (static_cast<Micros>(index) + 1) * period);
+                            one.end, span.begin + (static_cast<Micros>(index) + 1) * period);
                         periods[index] += to - from;
                         isTold[index] = isTold[index] && !isUntold;
                         from = to;
@@ -189,11 +182,6 @@ class SceneMaker {
             }
         }
     }
-
-    const Scene& scene;
-    States& states;
-    const Tie& tie;
-    SceneScheduling result;
 };
 
 // Where no scene runs, by the trace's clock.
@@ -229,7 +217,7 @@ Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
     const std::vector<Span> outside = OutsideOf(account, kept, *scheduling.tie);
     for (Scene& scene : account.scenes) {
         scheduling.scenes.push_back(
-            SceneMaker(scene, *scheduling.states, *scheduling.tie).Make(outside));
+            SceneMaker{scene, *scheduling.states, *scheduling.tie}.Make(outside));
         TellCauses(scene, scheduling.scenes.back(), *scheduling.states, *scheduling.tie);
         JoinFindings(scene, toldOneByOne);
     }

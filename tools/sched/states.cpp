@@ -6,10 +6,6 @@
 namespace tools {
 namespace {
 
-Micros Overlap(Span one, Span other) {
-    return std::max<Micros>(std::min(one.end, other.end) - std::max(one.begin, other.begin), 0);
-}
-
 // Where events were lost that may have changed it, the state is not known from there on.
 void PushSpan(std::vector<StateSpan>& spans, const SchedTrace& trace, StateSpan span) {
     if (span.end <= span.begin) {
@@ -115,16 +111,12 @@ std::vector<StateSpan> Walk(const SchedTrace& trace, uint32_t thread) {
 
 }  // namespace
 
-const std::vector<StateSpan>& States::Of(uint32_t thread) {
+std::span<const StateSpan> States::Within(uint32_t thread, Span span) {
     const auto [found, isNew] = known.try_emplace(thread);
+    std::vector<StateSpan>& all = found->second;
     if (isNew) {
-        found->second = Walk(trace, thread);
+        all = Walk(trace, thread);
     }
-    return found->second;
-}
-
-States::Some States::Within(uint32_t thread, Span span) {
-    const std::vector<StateSpan>& all = Of(thread);
     const auto first = std::partition_point(
         all.begin(), all.end(), [&](const StateSpan& one) { return one.end <= span.begin; });
     const auto last = std::partition_point(
@@ -135,10 +127,9 @@ States::Some States::Within(uint32_t thread, Span span) {
 Shares States::SharesOf(uint32_t thread, Span span) {
     Shares shares{};
     Micros told = 0;
-    const auto [first, last] = Within(thread, span);
-    for (auto it = first; it != last; ++it) {
-        const Micros length = Overlap(*it, span);
-        shares[static_cast<size_t>(it->state)] += length;
+    for (const StateSpan& one : Within(thread, span)) {
+        const Micros length = Cut(one, span).Length();
+        shares[static_cast<size_t>(one.state)] += length;
         told += length;
     }
     // What is outside of the trace.
@@ -162,9 +153,9 @@ std::vector<std::pair<uint32_t, Micros>> States::RanOn(uint16_t cpu, Span span) 
             const SchedEvent& event = trace.events[*next];
             Micros since = from;
             if (event.thread != came) {  // Since when it is known to have run.
-                const auto [first, last] = Within(event.thread, {event.time - 1, event.time});
-                const bool hasRun = first != last && first->state == ThreadState::Running;
-                since = hasRun ? std::max(from, first->begin) : event.time;
+                const auto then = Within(event.thread, {event.time - 1, event.time});
+                const bool hasRun = !then.empty() && then[0].state == ThreadState::Running;
+                since = hasRun ? std::max(from, then[0].begin) : event.time;
             }
             ran[event.thread] += std::max<Micros>(std::min(event.time, span.end) - since, 0);
             from = event.time;

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -31,12 +32,8 @@ class States {
     explicit States(const SchedTrace& schedTrace) : trace(schedTrace) {}
 
     const SchedTrace& Trace() const { return trace; }
-    // One after another, from the trace's beginning to its end.
-    const std::vector<StateSpan>& Of(uint32_t thread);
-    // Those that overlap a span, as the first and the one behind the last.
-    using Some =
-        std::pair<std::vector<StateSpan>::const_iterator, std::vector<StateSpan>::const_iterator>;
-    Some Within(uint32_t thread, Span span);
+    // Those that overlap a span.
+    std::span<const StateSpan> Within(uint32_t thread, Span span);
     Shares SharesOf(uint32_t thread, Span span);
     // Who ran on a CPU, and for how long, as far as that is told; longest first. Nobody is not told
     // of.
@@ -44,6 +41,7 @@ class States {
 
   private:
     const SchedTrace& trace;
+    // Of each thread: one after another, from the trace's beginning to its end.
     std::unordered_map<uint32_t, std::vector<StateSpan>> known;
 };
 

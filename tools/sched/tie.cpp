@@ -32,10 +32,8 @@ void CountedLines::OnMessage(const Message& message, const Moment& moment) {
         case MessageKind::FrameEnd:
         case MessageKind::StageStart:
         case MessageKind::StageEnd:
-            if (moment.time != NO_TIME) {
-                lines.push_back({moment.time, moment.process, moment.thread, message.stage,
-                                 static_cast<int32_t>(message.frame), message.kind});
-            }
+            lines.push_back({moment.time, moment.process, moment.thread, message.stage,
+                             static_cast<int32_t>(message.frame), message.kind});
             return;
         default:
             return;
@@ -48,15 +46,6 @@ size_t Tie::Hash::operator()(const Key& key) const {
                                  static_cast<uint64_t>(key.kind) << 58U ^
                                  static_cast<uint64_t>(static_cast<uint32_t>(key.stage + 1))
                                      << 32U);
-}
-
-void Tie::AddCounters(bool hasProcesses) {
-    isByProcess = hasProcesses;
-    for (uint32_t i = 0; i < trace.counters.size(); ++i) {
-        const SchedCounter& counter = trace.counters[i];
-        byKey[{counter.kind, counter.stage, counter.frame, isByProcess ? counter.process : -1}]
-            .push_back(i);
-    }
 }
 
 Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTrace,
@@ -76,25 +65,21 @@ Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTr
     for (const CountedLines::Line& line : lines) {
         ofLog.insert(line.process);
     }
-    for (const SchedCounter& counter : trace.counters) {
+    for (uint32_t i = 0; i < trace.counters.size(); ++i) {
+        const SchedCounter& counter = trace.counters[i];
         ofTrace.insert(counter.process);
+        byKey[{counter.kind, counter.stage, counter.frame, counter.process}].push_back(i);
     }
-    const bool isOneProcess =
-        ofLog.contains(-1) || std::any_of(ofLog.begin(), ofLog.end(), [&](int32_t process) {
-            return ofTrace.contains(process);
-        });
-    if (!isOneProcess) {
+    if (std::none_of(ofLog.begin(), ofLog.end(),
+                     [&](int32_t process) { return ofTrace.contains(process); })) {
         throw TieError(fmt::format(
             "its counters are of process {}, and the log is of process {}: they were not taken of\n"
             "the same run",
             *ofTrace.begin(), *ofLog.begin()));
     }
-    AddCounters(!ofLog.contains(-1));
     std::map<int64_t, int64_t> votes;
     for (const CountedLines::Line& line : lines) {
-        const auto found = byKey.find(KeyOf(line));
-        for (const uint32_t counter :
-             found == byKey.end() ? std::vector<uint32_t>() : found->second) {
+        for (const uint32_t counter : CountersOf(line)) {
             ++votes[(trace.counters[counter].time - line.time) / COARSE];
         }
     }
@@ -113,82 +98,69 @@ Tie::Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTr
     }
     // Scenes of the same frames look alike from afar: of all that it may be, the one that fits
     // best.
-    struct Fit {
-        std::vector<Knot> knots;
-        std::unordered_map<int32_t, uint32_t> threads;
-        int64_t counters = 0;
-        Micros within = 0;
-    } best;
     for (const auto& [guess, count] : votes) {
         if (bothOf(guess) * 2 < most) {
             continue;
         }
-        Try(lines, guess);
-        if (counters * 2 > best.counters &&
-            (best.counters == 0 ||
-             std::pair(within, -counters) < std::pair(best.within, -best.counters))) {
-            best = Fit{knots, threads, counters, within};
+        Fit other = Try(lines, guess);
+        if (other.counters * 2 > fit.counters &&
+            (fit.counters == 0 ||
+             std::pair(other.within, -other.counters) < std::pair(fit.within, -fit.counters))) {
+            fit = std::move(other);
         }
     }
-    knots = std::move(best.knots);
-    threads = std::move(best.threads);
-    counters = best.counters;
-    within = best.within;
-    const int64_t inLog =
-        knots.empty()
-            ? 0
-            : std::count_if(trace.counters.begin(), trace.counters.end(),
-                            [&](const SchedCounter& counter) {
-                                return (!isByProcess || ofLog.contains(counter.process)) &&
-                                       counter.time >= ToTrace(lines.front().time) &&
-                                       counter.time <= ToTrace(lines.back().time);
-                            });
-    if (counters < std::min<int64_t>(FEWEST, static_cast<int64_t>(trace.counters.size())) ||
-        counters * 2 < inLog || within > resolution / 2 + AGREEING) {
+    const auto isInLog = [&](const SchedCounter& counter) {
+        return ofLog.contains(counter.process) && counter.time >= ToTrace(lines.front().time) &&
+               counter.time <= ToTrace(lines.back().time);
+    };
+    const auto all = static_cast<int64_t>(trace.counters.size());
+    if (fit.counters < std::min(FEWEST, all) ||
+        fit.counters * 2 < std::count_if(trace.counters.begin(), trace.counters.end(), isInLog) ||
+        fit.within > resolution / 2 + AGREEING) {
         throw TieError(
             fmt::format("its counters and the log tell of different times (another run, or another "
                         "boot): {} of\n"
                         "{} agree, to within {} ms",
-                        counters, Counted(static_cast<int64_t>(trace.counters.size()), "counter"),
-                        Fixed(static_cast<double>(within) / 1000, 1)));
+                        fit.counters, Counted(all, "counter"),
+                        Fixed(static_cast<double>(fit.within) / 1000, 1)));
     }
-    isSameNumbering = std::all_of(threads.begin(), threads.end(), [this](const auto& pair) {
+    isSameNumbering = std::all_of(fit.threads.begin(), fit.threads.end(), [this](const auto& pair) {
         return trace.threads[pair.second].tid == pair.first;
     });
 }
 
-Tie::Key Tie::KeyOf(const CountedLines::Line& line) const {
-    return {line.kind, line.stage, line.frame, isByProcess ? line.process : -1};
+const std::vector<uint32_t>& Tie::CountersOf(const CountedLines::Line& line) const {
+    static const std::vector<uint32_t> NONE;
+    const auto found = byKey.find({line.kind, line.stage, line.frame, line.process});
+    return found == byKey.end() ? NONE : found->second;
 }
 
-void Tie::Try(const std::vector<CountedLines::Line>& lines, int64_t guess) {
-    knots.clear();
-    threads.clear();
+Tie::Fit Tie::Try(const std::vector<CountedLines::Line>& lines, int64_t guess) const {
     std::vector<Micros> aheads;
     for (const CountedLines::Line& line : lines) {
-        const auto found = byKey.find(KeyOf(line));
-        for (const uint32_t counter :
-             found == byKey.end() ? std::vector<uint32_t>() : found->second) {
+        for (const uint32_t counter : CountersOf(line)) {
             const Micros ahead = trace.counters[counter].time - line.time;
             if (ahead / COARSE == guess || ahead / COARSE == guess + 1) {
                 aheads.push_back(ahead);
             }
         }
     }
-    Match(lines, MedianOf(aheads, 0));
+    return Match(lines, MedianOf(aheads, 0));
 }
 
 // Each line with the counter that is nearest, and how far they are apart by stretches.
-void Tie::Match(const std::vector<CountedLines::Line>& lines, Micros base) {
+Tie::Fit Tie::Match(const std::vector<CountedLines::Line>& lines, Micros base) const {
     struct Pair {
         const CountedLines::Line* line;
         const SchedCounter* counter;
         Micros Ahead() const { return counter->time - line->time; }
     };
+    Fit found;
     Micros ahead = base;
     std::vector<Pair> pairs;
     std::vector<Micros> apart, values;
-    std::vector<std::pair<int32_t, uint32_t>> ofThreads;
+    // How often a thread of the log is one of the trace.
+    std::map<std::pair<int32_t, uint32_t>, int64_t> counts;
     const auto settle = [&] {
         if (pairs.empty()) {
             return;
@@ -201,19 +173,18 @@ void Tie::Match(const std::vector<CountedLines::Line>& lines, Micros base) {
         for (const Pair& pair : pairs) {
             if (std::abs(pair.Ahead() - ahead) <= TOGETHER) {
                 apart.push_back(std::abs(pair.Ahead() - ahead));
-                ofThreads.emplace_back(pair.line->thread, pair.counter->thread);
+                ++counts[{pair.line->thread, pair.counter->thread}];
             }
         }
-        knots.push_back({pairs[pairs.size() / 2].line->time, ahead});
+        found.knots.push_back({pairs[pairs.size() / 2].line->time, ahead});
         pairs.clear();
     };
     for (const CountedLines::Line& line : lines) {
-        const auto found = byKey.find(KeyOf(line));
-        if (found == byKey.end()) {
+        const std::vector<uint32_t>& positions = CountersOf(line);
+        if (positions.empty()) {
             continue;
         }
-        const uint32_t nearest = Nearest(found->second, line.time + ahead);
-        const Pair pair{&line, &trace.counters[nearest]};
+        const Pair pair{&line, &trace.counters[Nearest(positions, line.time + ahead)]};
         if (std::abs(pair.Ahead() - base) <= COARSE) {
             pairs.push_back(pair);
         }
@@ -222,28 +193,21 @@ void Tie::Match(const std::vector<CountedLines::Line>& lines, Micros base) {
         }
     }
     settle();
-    counters = static_cast<int64_t>(apart.size());
-    within = QuantileOf(apart, 0.9, 0);
-    TieThreads(ofThreads);
-}
-
-void Tie::TieThreads(const std::vector<std::pair<int32_t, uint32_t>>& pairs) {
-    std::map<std::pair<int32_t, uint32_t>, int64_t> counts;
-    for (const auto& pair : pairs) {
-        if (pair.first >= 0) {  // Else the log does not tell it.
-            ++counts[pair];
-        }
-    }
+    found.counters = static_cast<int64_t>(apart.size());
+    found.within = QuantileOf(apart, 0.9, 0);
     std::unordered_map<int32_t, int64_t> most;
     for (const auto& [pair, count] : counts) {
-        if (count > most[pair.first]) {
-            most[pair.first] = count;
-            threads[pair.first] = pair.second;
+        const auto& [ofLog, ofTrace] = pair;
+        if (ofLog >= 0 && count > most[ofLog]) {  // Below 0 the log does not tell it.
+            most[ofLog] = count;
+            found.threads[ofLog] = ofTrace;
         }
     }
+    return found;
 }
 
 Micros Tie::ToTrace(Micros time) const {
+    const std::vector<Knot>& knots = fit.knots;
     const auto next = std::partition_point(knots.begin(), knots.end(),
                                            [time](const Knot& knot) { return knot.time < time; });
     if (next == knots.begin() || next == knots.end()) {
@@ -256,13 +220,13 @@ Micros Tie::ToTrace(Micros time) const {
 
 Micros Tie::ToLog(Micros time) const {
     // The knots' own differences change by far less than what is asked for.
-    const Micros guess = time - knots.front().ahead;
+    const Micros guess = time - fit.knots.front().ahead;
     return time - (ToTrace(guess) - guess);
 }
 
 uint32_t Tie::ThreadOf(int32_t tid) const {
-    const auto found = threads.find(tid);
-    return found == threads.end() ? NO_THREAD : found->second;
+    const auto found = fit.threads.find(tid);
+    return found == fit.threads.end() ? NO_THREAD : found->second;
 }
 
 uint32_t Tie::Nearest(const std::vector<uint32_t>& positions, Micros time) const {
@@ -279,11 +243,11 @@ uint32_t Tie::Nearest(const std::vector<uint32_t>& positions, Micros time) const
 
 const SchedCounter* Tie::Find(MessageKind kind, int32_t stage, int32_t frame, Micros time,
                               int32_t process) const {
-    const auto found = byKey.find({kind, stage, frame, isByProcess ? process : -1});
-    if (found == byKey.end()) {
+    const std::vector<uint32_t>& positions = CountersOf({time, process, -1, stage, frame, kind});
+    if (positions.empty()) {
         return nullptr;
     }
-    const SchedCounter& counter = trace.counters[Nearest(found->second, time)];
+    const SchedCounter& counter = trace.counters[Nearest(positions, time)];
     return std::abs(counter.time - time) <= 2 * TOGETHER ? &counter : nullptr;
 }
 

@@ -41,9 +41,9 @@ class Tie {
     Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTrace,
         Micros resolution);
 
-    int64_t Counters() const { return counters; }  // How many tie the clocks.
+    int64_t Counters() const { return fit.counters; }  // How many tie the clocks.
     // Nine of ten of them agree to within this much.
-    Micros Within() const { return within; }
+    Micros Within() const { return fit.within; }
     Micros ToTrace(Micros time) const;
     Micros ToLog(Micros time) const;
     // The trace's thread of one that the log tells of; NO_THREAD where not known.
@@ -51,7 +51,6 @@ class Tie {
     // Whether threads have the same numbers in both.
     bool IsSameNumbering() const { return isSameNumbering; }
     // The counter of an event that was told of at about that time of the trace; null for none.
-    // `process`: -1 for any.
     const SchedCounter* Find(MessageKind kind, int32_t stage, int32_t frame, Micros time,
                              int32_t process) const;
 
@@ -64,26 +63,26 @@ class Tie {
     struct Hash {
         size_t operator()(const Key& key) const;
     };
-    // `hasProcesses`: the log tells them, too.
-    void AddCounters(bool hasProcesses);
-    Key KeyOf(const CountedLines::Line& line) const;
-    // What a guess of how much the trace's clock is ahead leads to.
-    void Try(const std::vector<CountedLines::Line>& lines, int64_t guess);
-    // Of some counters, which are by time, the one that is nearest.
-    uint32_t Nearest(const std::vector<uint32_t>& positions, Micros time) const;
-    void Match(const std::vector<CountedLines::Line>& lines, Micros base);
-    void TieThreads(const std::vector<std::pair<int32_t, uint32_t>>& pairs);
-
-    const SchedTrace& trace;
-    std::unordered_map<Key, std::vector<uint32_t>, Hash> byKey;  // By time.
     struct Knot {
         Micros time, ahead;  // The trace's clock is so much ahead of the log's.
     };
-    std::vector<Knot> knots;
-    std::unordered_map<int32_t, uint32_t> threads;
-    bool isByProcess = false;
-    int64_t counters = 0;
-    Micros within = 0;
+    // What a guess of how much the trace's clock is ahead leads to.
+    struct Fit {
+        std::vector<Knot> knots;
+        std::unordered_map<int32_t, uint32_t> threads;
+        int64_t counters = 0;
+        Micros within = 0;
+    };
+    Fit Try(const std::vector<CountedLines::Line>& lines, int64_t guess) const;
+    // The counters that a line may be beside, as positions.
+    const std::vector<uint32_t>& CountersOf(const CountedLines::Line& line) const;
+    // Of some counters, which are by time, the one that is nearest.
+    uint32_t Nearest(const std::vector<uint32_t>& positions, Micros time) const;
+    Fit Match(const std::vector<CountedLines::Line>& lines, Micros base) const;
+
+    const SchedTrace& trace;
+    std::unordered_map<Key, std::vector<uint32_t>, Hash> byKey;  // By time.
+    Fit fit;
     bool isSameNumbering = true;
 };
 

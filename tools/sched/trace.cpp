@@ -33,21 +33,18 @@ bool CutField(std::string_view& text, const char (&key)[SIZE], Number& number) {
 }
 
 ThreadState StateOf(std::string_view letters) {
-    switch (letters.empty() ? '?' : letters.front()) {
-        case 'R':
-            return ThreadState::Runnable;
-        case 'D':
-            return ThreadState::Blocked;
-        case 'X':
-        case 'x':
-        case 'Z':
-            return ThreadState::Gone;
-        case 'T':
-        case 't':
-            return ThreadState::Unknown;  // Stopped, by whomever.
-        default:
-            return ThreadState::Sleeping;
+    static constexpr std::pair<char, ThreadState> STATES[] = {
+        {'R', ThreadState::Runnable}, {'D', ThreadState::Blocked},
+        {'X', ThreadState::Gone},     {'x', ThreadState::Gone},
+        {'Z', ThreadState::Gone},     {'T', ThreadState::Unknown},  // Stopped, by whomever.
+        {'t', ThreadState::Unknown},
+    };
+    for (const auto& [letter, state] : STATES) {
+        if (letters.starts_with(letter)) {
+            return state;
+        }
     }
+    return ThreadState::Sleeping;
 }
 
 // "4827.601609", also with more digits or fewer.
@@ -156,11 +153,10 @@ bool IsTrace(std::string_view beginning) {
     }
     for (size_t at = 0; at < beginning.size();) {
         const size_t end = std::min(beginning.find('\n', at), beginning.size());
-        const auto line = TraceReader::Line::Parse(beginning.substr(at, end - at));
-        at = end + 1;
-        if (line) {
+        if (TraceReader::Line::Parse(beginning.substr(at, end - at))) {
             return true;
         }
+        at = end + 1;
     }
     return false;
 }
@@ -228,15 +224,10 @@ void TraceReader::TakeSwitch(const Line& line) {
         left < 0 || next < 0) {
         return;
     }
-    SchedEvent event;
-    event.time = line.time;
-    event.kind = SchedEvent::Kind::Switch;
-    event.cpu = static_cast<uint16_t>(line.cpu);
-    event.thread = ThreadOf(left, before, line.cpu);
-    event.other = ThreadOf(next, after, line.cpu);
-    event.left = left == 0 ? ThreadState::Runnable : StateOf(letters);
-    Add(event);
-    if (event.left == ThreadState::Gone) {
+    const ThreadState becomes = left == 0 ? ThreadState::Runnable : StateOf(letters);
+    Add({line.time, ThreadOf(left, before, line.cpu), ThreadOf(next, after, line.cpu),
+         static_cast<uint16_t>(line.cpu), SchedEvent::Kind::Switch, becomes});
+    if (becomes == ThreadState::Gone) {
         threads.erase(left);  // Its number may be used again.
     }
 }
@@ -256,16 +247,12 @@ void TraceReader::TakeWakeup(const Line& line) {
     if (line.what == "sched_wakeup_new") {
         threads.erase(tid);
     }
-    SchedEvent event;
-    event.time = line.time;
-    event.kind = line.what == "sched_waking"   ? SchedEvent::Kind::Waking
-                 : line.what == "sched_wakeup" ? SchedEvent::Kind::Wakeup
-                                               : SchedEvent::Kind::New;
-    event.cpu = static_cast<uint16_t>(cpu);
-    event.thread = ThreadOf(tid, text, cpu);
-    event.other = line.isInterrupt ? NO_THREAD : ThreadOf(line.tid, line.name, line.cpu);
-    event.left = ThreadState::Runnable;
-    Add(event);
+    const SchedEvent::Kind kind = line.what == "sched_waking"   ? SchedEvent::Kind::Waking
+                                  : line.what == "sched_wakeup" ? SchedEvent::Kind::Wakeup
+                                                                : SchedEvent::Kind::New;
+    Add({line.time, ThreadOf(tid, text, cpu),
+         line.isInterrupt ? NO_THREAD : ThreadOf(line.tid, line.name, line.cpu),
+         static_cast<uint16_t>(cpu), kind, ThreadState::Runnable});
 }
 
 // "C|process|name|value"
