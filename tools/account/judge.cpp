@@ -110,15 +110,6 @@ void CountFrames(Judging& judging) {
     }
 }
 
-// Tells what followed from each, and joins them.
-void Conclude(Judging& judging, size_t toldOneByOne) {
-    for (Trouble& trouble : judging.troubles) {
-        TellConsequences(trouble);
-        judging.scene.findings.push_back(std::move(trouble.finding));
-    }
-    JoinFindings(judging.scene, toldOneByOne);
-}
-
 void JudgeScene(Scene& scene, const std::vector<ConfiguredStage>& stages, Micros resolution,
                 const JudgeOptions& options) {
     scene.lateThreshold = std::llround(options.latePeriods * 1e6 / scene.Rate());
@@ -150,7 +141,11 @@ void JudgeScene(Scene& scene, const std::vector<ConfiguredStage>& stages, Micros
         BlameForDrops(judging);
     }
     CountFrames(judging);
-    Conclude(judging, options.toldOneByOne);
+    for (Trouble& trouble : judging.troubles) {
+        TellConsequences(trouble);
+        scene.findings.push_back(std::move(trouble.finding));
+    }
+    JoinFindings(scene, options.toldOneByOne);
     MakeStatistics(scene);
 }
 

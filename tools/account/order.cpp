@@ -88,9 +88,8 @@ struct OrderFinder {
 
     void Examine(uint32_t frame, bool hasStarted) {
         Frame& row = scene.frames[frame];
-        const bool isComplete = row.status == FrameStatus::Complete;
         if (judging.IsDoubtful(frame)) {
-            row.isUntold = !isComplete;
+            row.isUntold = row.status != FrameStatus::Complete;
             return;
         }
         // Nothing started a scene's first frame, and it is not missed.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "tools/base/cursor.h"
 
@@ -33,14 +34,13 @@ bool CutField(std::string_view& text, const char (&key)[SIZE], Number& number) {
 }
 
 ThreadState StateOf(std::string_view letters) {
-    static constexpr std::pair<char, ThreadState> STATES[] = {
-        {'R', ThreadState::Runnable}, {'D', ThreadState::Blocked},
-        {'X', ThreadState::Gone},     {'x', ThreadState::Gone},
-        {'Z', ThreadState::Gone},     {'T', ThreadState::Unknown},  // Stopped, by whomever.
-        {'t', ThreadState::Unknown},
-    };
-    for (const auto& [letter, state] : STATES) {
-        if (letters.starts_with(letter)) {
+    static constexpr std::pair<std::string_view, ThreadState> STATES[] = {
+        {"R", ThreadState::Runnable},
+        {"D", ThreadState::Blocked},
+        {"XxZ", ThreadState::Gone},
+        {"Tt", ThreadState::Unknown}};  // Stopped, by whomever.
+    for (const auto& [first, state] : STATES) {
+        if (!letters.empty() && first.find(letters.front()) != std::string_view::npos) {
             return state;
         }
     }
