@@ -2,24 +2,17 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "tools/check/report.h"
 #include "tools/command/command.h"
+#include "tools/command/subcommands.h"
 
 namespace tools {
 namespace {
-
-struct Arguments {
-    std::vector<std::string> configurations;
-    std::string nodes;
-    bool isJson = false;
-};
 
 CheckedFile CheckFile(const std::string& path, bool isJson) {
     CheckedFile file;
@@ -46,7 +39,9 @@ int StatusOf(const CheckedFile& file) {
     return !file.checked.isReadable ? BAD_INPUT : hasFault ? FAULTS_FOUND : NOTHING_FOUND;
 }
 
-int RunCheck(const Arguments& arguments) {
+}  // namespace
+
+int RunCheck(const CheckArguments& arguments) {
     std::vector<ReportedNode> nodes;
     std::vector<Finding> nodeErrors;
     std::string nodesName;
@@ -80,36 +75,6 @@ int RunCheck(const Arguments& arguments) {
     }
     out.Close();
     return status;
-}
-
-}  // namespace
-
-void AddCheck(CLI::App& app, Run& run) {
-    CLI::App* command = app.add_subcommand(
-        "check",
-        "Says what is wrong or surprising about configurations, with what comes of it, and shows "
-        "the table that the library reads");
-    command->footer(
-        "\nErrors: the process ends, nothing is boosted, or frames cannot complete. Warnings: not "
-        "what one would expect, or for some cameras only. Notes: good to know.\n"
-        "\n" +
-        DescribeNodesFormat() +
-        "\nExit status: 0 no errors; 1 some; 2 a file cannot be read or parsed. The worst of "
-        "several files counts.");
-    // Lives as long as the command that refers to it.
-    const auto arguments = std::make_shared<Arguments>();
-    command
-        ->add_option("CONFIG", arguments->configurations,
-                     "TOML files as the configuration store would serve them; - for standard input")
-        ->required()
-        ->type_name("");
-    command->add_option(
-        "--nodes", arguments->nodes,
-        "The nodes that the HAL reports, see below: which stages they end, and which "
-        "not");
-    command->add_flag("--json", arguments->isJson,
-                      "One object with findings and table; tables for several files");
-    command->callback([arguments, &run] { run = [arguments] { return RunCheck(*arguments); }; });
 }
 
 }  // namespace tools

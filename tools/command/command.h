@@ -12,10 +12,6 @@
 #include <streambuf>
 #include <string>
 
-namespace CLI {
-class App;
-}
-
 namespace tools {
 
 // Exit statuses.
@@ -38,17 +34,6 @@ class CommandError : public std::runtime_error {
 
 // Ends the command like that, for the way in which it was called.
 [[noreturn]] void FailUsage(const std::string& message);
-
-// The group of a subcommand's options that name files to write.
-inline constexpr const char* OUTPUTS = "Outputs";
-
-// Each adds its subcommand to `app`. When that is the one that was asked for, `run` is set to what
-// does the job and returns the exit status.
-using Run = std::function<int()>;
-void AddCheck(CLI::App& app, Run& run);
-void AddExplain(CLI::App& app, Run& run);
-void AddReplay(CLI::App& app, Run& run);
-void AddSimulate(CLI::App& app, Run& run);
 
 // What messages call an input.
 std::string NameOfInput(const std::string& path);

@@ -6,10 +6,9 @@
 #include <fmt/ranges.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
-#include <memory>
+#include <iostream>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -19,6 +18,7 @@
 #include "tools/account/summary.h"
 #include "tools/base/finding.h"
 #include "tools/base/words.h"
+#include "tools/command/subcommands.h"
 #include "tools/output/gzip.h"
 #include "tools/output/json.h"
 #include "tools/output/page.h"
@@ -30,22 +30,8 @@
 namespace tools {
 namespace {
 
-struct Arguments {
-    std::vector<std::string> captures;
-    std::string other;
-    std::string trace, otherTrace;
-    std::string page, tracks, csv, session, configuration;  // Files to write.
-    std::string frames;                                     // To show whatever became of them.
-    JudgeOptions judging;
-    bool isJson = false;
-    bool isFollowing = false;
-    bool showsAllFrames = false;
-
-    bool IsForDesk() const { return !session.empty() || !configuration.empty(); }
-};
-
 // What --frames asks for: the first and the last number.
-std::optional<std::pair<int64_t, int64_t>> FramesOf(const Arguments& arguments) {
+std::optional<std::pair<int64_t, int64_t>> FramesOf(const ExplainArguments& arguments) {
     const std::string_view frames = arguments.frames;
     if (frames.empty()) {
         return {};
@@ -193,15 +179,8 @@ Explained Explain(const Source& source, const JudgeOptions& options, ProgressLin
     return explained;
 }
 
-// What is wrong with the value of --late; CLI11's own check of a range takes nan.
-std::string PeriodsError(const std::string& text) {
-    double periods = 0;
-    const bool isGood = CLI::detail::lexical_cast(text, periods) && periods >= 1 && periods <= 1000;
-    return isGood ? "" : Quoted(text) + " is not a number from 1 to 1000";
-}
-
 // Writes the files for the desk.
-void BringToDesk(const Arguments& arguments, const Account& account, SessionMaker& maker) {
+void BringToDesk(const ExplainArguments& arguments, const Account& account, SessionMaker& maker) {
     const std::optional<MadeSession> session = maker.Finish();
     const std::string& input = account.inputs.front();
     if (!session) {
@@ -225,7 +204,9 @@ void BringToDesk(const Arguments& arguments, const Account& account, SessionMake
     WriteFile(arguments.configuration, [&loaded](std::ostream& file) { file << ToToml(loaded); });
 }
 
-int RunExplain(const Arguments& arguments) {
+}  // namespace
+
+int RunExplain(const ExplainArguments& arguments) {
     CatchInterrupts();
     if (arguments.isFollowing) {
         if (const std::string& file = arguments.captures.front(); file != "-") {
@@ -280,8 +261,6 @@ int RunExplain(const Arguments& arguments) {
     return StatusOf(WorstOf(last), last.configurations);
 }
 
-}  // namespace
-
 int StatusOf(Severity worst, const std::vector<LoadedConfiguration>& configurations) {
     for (const LoadedConfiguration& loaded : configurations) {
         for (const Finding& finding : loaded.findings) {
@@ -306,86 +285,6 @@ void RequireLibraryLines(const CaptureSummary& summary, const std::vector<std::s
         "tarvocameraframeboostutils at debug level? Was the log's buffer (adb logcat -G 16M)\n"
         "large enough to still hold them? [no-lines]",
         inputs, summary.lines));
-}
-
-void AddExplain(CLI::App& app, Run& run) {
-    CLI::App* command = app.add_subcommand(
-        "explain", "Says what went wrong with the frames of a device's log, and why");
-    command->footer(
-        "A capture is what logcat -v threadtime writes, or a bug report, zipped or not; several "
-        "are read one after the other. The library logs while the property "
-        "vendor.tarvo.camera.frameboost.debug.enable is true, which it reads when it is loaded.\n"
-        "\nAn interrupt is the end of standard input, of which all is explained that came. While "
-        "a file is read it ends the run.\n"
-        "\nExit status: 0 nothing found, 1 something found (warnings too), 2 cannot be read; with "
-        "--compare, of the capture that it names.\n"
-        "\nExamples:\n\n"
-        "  adb logcat -d | cameraframeboost explain -\n"
-        "  cameraframeboost explain capture.log --to-html capture.html\n"
-        "  cameraframeboost explain capture.log --sched trace.txt.gz\n"
-        "  cameraframeboost explain before.log --compare after.log\n"
-        "  adb logcat | cameraframeboost explain --follow -\n");
-    // Lives as long as the command that refers to it.
-    const auto arguments = std::make_shared<Arguments>();
-    command->add_option("CAPTURE", arguments->captures, "The captures; - for standard input")
-        ->required()
-        ->type_name("");
-    CLI::Option* json = command->add_flag(
-        "--json", arguments->isJson, "One JSON object, times in milliseconds, instead of text");
-    command->add_flag("--all", arguments->showsAllFrames, "Show all frames in the table");
-    command
-        ->add_option("--late", arguments->judging.latePeriods,
-                     "A frame is late when it comes out more than this many frame periods after "
-                     "the one before; by default 1.5")
-        ->check(PeriodsError)
-        ->type_name("PERIODS");
-    CLI::Option* compare = command
-                               ->add_option("--compare", arguments->other,
-                                            "Show what changed from the captures given to this one")
-                               ->excludes(json)
-                               ->type_name("CAPTURE");
-    command
-        ->add_option("--sched", arguments->trace,
-                     "A scheduler trace of the same time: say what threads waited for")
-        ->type_name("TRACE");
-    command
-        ->add_option("--compare-sched", arguments->otherTrace,
-                     "That of the capture that --compare names")
-        ->needs(compare)
-        ->type_name("TRACE");
-    command
-        ->add_option("--frames", arguments->frames,
-                     "Show these frames in the trace, and in the table, whatever became of them; "
-                     "one, or a range")
-        ->type_name("A-B");
-    command->option_defaults()->group(OUTPUTS);
-    command->add_option("--to-csv", arguments->csv, "Write a row a frame here");
-    // A page and a trace show one capture, and a comparison has two.
-    command
-        ->add_option("--to-html", arguments->page,
-                     "Write a page for a browser: findings, figures and frames, in one file")
-        ->excludes(compare);
-    command
-        ->add_option("--to-trace", arguments->tracks,
-                     "Write a trace for ui.perfetto.dev, in Chrome's JSON form; as gzip where FILE "
-                     "ends in .gz")
-        ->excludes(compare);
-    command->add_option("--to-session", arguments->session,
-                        "Write the HAL's calls here, as a session for replay");
-    command->add_option("--to-config", arguments->configuration,
-                        "Write the configuration here, for replay --config");
-    command->option_defaults()->group("Options");
-    CLI::Option* follow =
-        command->add_flag("--follow", arguments->isFollowing,
-                          "Read on as the log comes, show findings as they are found; goes with "
-                          "--late alone");
-    for (CLI::Option* option : command->get_options()) {
-        if (!option->get_positional() && option->get_name() != "--late" && option != follow &&
-            option != command->get_help_ptr()) {
-            follow->excludes(option);
-        }
-    }
-    command->callback([arguments, &run] { run = [arguments] { return RunExplain(*arguments); }; });
 }
 
 }  // namespace tools
