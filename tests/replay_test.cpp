@@ -15,7 +15,8 @@ class ReplayTest : public testing::Test {
     bool Play(std::istream& session, const std::string& name) {
         out.str("");
         err.str("");
-        return tools::Replay(options, session, name, out, err);
+        return tools::Replay(options, session, name, out,
+                             [this](const std::string& line) { err << line << '\n'; });
     }
 
     bool Play(const std::string& session) {

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <iostream>
 #include <string>
 #include <vector>
 
@@ -22,7 +21,7 @@ CheckedFile CheckFile(const std::string& path, bool isJson) {
         file.checked = CheckConfiguration(in.ReadAll());
     } catch (const CommandError& error) {
         // Standard output is for configurations; a program is told in the form that it reads.
-        std::cerr << Styled(error.what(), StyleOf(STDERR_FILENO));
+        Complain(error.what());
         if (isJson) {
             file.checked.findings.push_back({"unreadable", Severity::Error, error.what()});
         }

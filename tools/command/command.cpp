@@ -92,6 +92,10 @@ std::string Styled(const std::string& lines, const Style& style) {
     return styled;
 }
 
+void Complain(const std::string& lines) {
+    std::cerr << Styled(lines, StyleOf(STDERR_FILENO));
+}
+
 std::string StyledHelp(const std::string& help) {
     const size_t width = WidthOf(STDOUT_FILENO);
     std::istringstream in(help);

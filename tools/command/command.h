@@ -70,6 +70,8 @@ struct Style {
 Style StyleOf(int descriptor);
 // `lines` are whole.
 std::string Styled(const std::string& lines, const Style& style);
+// Shows lines on standard error.
+void Complain(const std::string& lines);
 // What --color says: auto, always or never.
 std::string& ColorOption();
 // Text of --help, wrapped to the terminal's width or that of COLUMNS, and to 80 where there is

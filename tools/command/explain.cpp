@@ -118,7 +118,7 @@ std::string ReadInput(TextSink& sink, const std::string& path, ProgressLine& pro
     }
     if (path == "-" && InterruptStatus() != 0) {
         progress.Clear();
-        std::cerr << file.Name() << ": note: interrupted: explained as a capture that ends here\n";
+        Complain(file.Name() + ": note: interrupted: explained as a capture that ends here");
         ForgetInterrupt();
     }
     EndIfInterrupted(fmt::format("{}: interrupted after {:.1f} of {:.1f} MB", file.Name(), doneMb,

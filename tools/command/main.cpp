@@ -5,7 +5,7 @@
 
 #include <csignal>
 #include <exception>
-#include <iostream>
+#include <string>
 
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
@@ -23,10 +23,10 @@ int main(int argc, char** argv) {
     try {
         return tools::RunCommand({argv + 1, argv + argc});
     } catch (const tools::CommandError& error) {
-        std::cerr << tools::Styled(error.what(), tools::StyleOf(STDERR_FILENO));
+        tools::Complain(error.what());
         return error.Status();
     } catch (const std::exception& error) {
-        std::cerr << "cameraframeboost: error: " << error.what() << '\n';
+        tools::Complain(std::string("cameraframeboost: error: ") + error.what());
     }
     return tools::BAD_INPUT;
 }

@@ -36,7 +36,7 @@ int RunReplay(ReplayArguments arguments) {
     ProgressLine progress("frames", !options.isQuiet);
     options.pace.onProgress = [&progress](int64_t done, int64_t all) { progress.Show(done, all); };
     const bool isPlayed =
-        Replay(options, session, input.Name(), isLogShown ? nowhere : out, std::cerr);
+        Replay(options, session, input.Name(), isLogShown ? nowhere : out, Complain);
     progress.Clear();
     out.Close();
     if (logFile && isPlayed) {

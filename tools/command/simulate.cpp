@@ -89,7 +89,7 @@ int RunSimulate(const SimulateArguments& arguments) {
         configuration = {file.Name(), file.ReadAll()};
     }
     const auto tell = [&configuration](const Finding& finding) {
-        std::cerr << ToString(finding, configuration->name) << '\n';
+        Complain(ToString(finding, configuration->name));
     };
     if (!PreparePlatform(configuration, tell)) {
         return BAD_INPUT;

@@ -33,13 +33,13 @@ bool PreparePlatform(const std::optional<NamedText>& configuration,
 }
 
 bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::string& name,
-            std::ostream& out, std::ostream& err) {
+            std::ostream& out, const std::function<void(const std::string&)>& complain) {
     if (options.pace.isRealTime) {
         out << std::unitbuf;
     }
     Transcript transcript(out, options.isQuiet, options.withDebug);
-    const auto report = [&err](const Finding& finding, const std::string& file) {
-        err << ToString(finding, file) << '\n';
+    const auto report = [&complain](const Finding& finding, const std::string& file) {
+        complain(ToString(finding, file));
     };
 
     const Session session(sessionFile);
@@ -55,7 +55,7 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
     }
     if (!isSession) {
         report({"no-session", Severity::Error,
-                "no line of it is a call; a session is made of a log by\n"
+                "no line of it is a call; a session is made of a log by "
                 "cameraframeboost explain LOG --to-session SESSION"},
                name);
         return false;

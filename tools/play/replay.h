@@ -30,10 +30,11 @@ struct ReplayOptions {
 };
 
 // Plays `session`, which messages call `name`, on a library in the state in which it is after
-// loading. Writes the play to `out`, and to `err` what there is to say about the input. Returns
-// false, with nothing played, when the session has errors or the configuration cannot be used.
+// loading. Writes the play to `out`; `complain` is told what there is to say about the input.
+// Returns false, with nothing played, when the session has errors or no call, or the configuration
+// cannot be used.
 bool Replay(const ReplayOptions& options, std::istream& session, const std::string& name,
-            std::ostream& out, std::ostream& err);
+            std::ostream& out, const std::function<void(const std::string& line)>& complain);
 
 // Brings the desktop platform to the state in which tools use it: debug switch on, log lines for
 // observers alone; and serves the configuration. Reports what is wrong or surprising about it;
