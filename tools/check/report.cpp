@@ -13,20 +13,21 @@
 namespace tools {
 namespace {
 
+using Json = nlohmann::ordered_json;
+
 // More stages than this are not made up to fill a gap.
 constexpr int32_t MOST_FILLED = 1000;
 
 // A text as TOML has it: as JSON has it, but for one character.
 std::string TomlText(const std::string& text) {
-    const auto replace = nlohmann::json::error_handler_t::replace;
-    std::string quoted = nlohmann::json(text).dump(-1, ' ', false, replace);
+    const auto replace = Json::error_handler_t::replace;
+    std::string quoted = Json(text).dump(-1, ' ', false, replace);
     for (size_t at = 0; (at = quoted.find('\x7F', at)) != std::string::npos;) {
         quoted.replace(at, 1, "\\u007F");
     }
     return quoted;
 }
 
-using Json = nlohmann::ordered_json;
 std::string Pattern(const ConfiguredStage& stage) {
     return stage.node.empty() ? "*" : "*" + Printable(stage.node) + "*";
 }
