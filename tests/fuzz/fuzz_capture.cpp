@@ -61,12 +61,13 @@ std::string LinesOf(const uint8_t* data, size_t size) {
     std::string text;
     size_t at = 0;
     const auto next = [&]() -> int { return at < size ? data[at++] : 0; };
-    for (int line = 0; at < size; ++line) {
+    int line = 0;
+    while (at < size) {
         const auto forms = tools::MessageForms();
         const tools::MessageForm& form = forms[static_cast<size_t>(next()) % forms.size()];
         const int where = next();
         // No two lines have the same time: the same lines are refused.
-        const std::string minute = std::to_string(line % 60 + 100).substr(1);
+        const std::string minute = std::to_string(line++ % 60 + 100).substr(1);
         text += "01-01 00:" + minute + ":0" + std::to_string(where % 10) + ".000     1     " +
                 std::to_string(where / 10 % 3) + " D " + std::string(form.tag) +
                 ": tarvocameraframeboost.cpp 1:" + std::string(form.function) + "() ";
