@@ -20,7 +20,7 @@ struct Place {
     uint32_t input = 0;
     uint32_t line = 0;
 
-    auto operator<=>(const Place&) const = default;
+    auto operator<=>(const Place&) const = default;  // NOLINT(modernize-use-nullptr): its 0.
 };
 
 struct Finding {
