@@ -14,6 +14,7 @@ namespace {
 template <typename Numbers>
 std::string Numbered(std::string_view one, std::string_view several, const Numbers& numbers) {
     std::vector<std::string> texts;
+    texts.reserve(numbers.size());
     for (const int32_t number : numbers) {
         texts.push_back(std::to_string(number));
     }
