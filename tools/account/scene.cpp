@@ -1,5 +1,7 @@
 // What is to be said of a scene as a whole: its stages, nodes, threads, table and clock.
 
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <map>
 
@@ -16,13 +18,9 @@ constexpr size_t PLACES = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
 // So many nodes are named in a sentence.
 constexpr size_t MOST_NODES = 12;
 
-// "port 3 and 5", "no port".
+// "port 3 or 5", "no port".
 std::string PortsText(const ConfiguredStage& stage) {
-    std::vector<std::string> ports;
-    for (const int32_t port : stage.ports) {
-        ports.push_back(fmt::to_string(port));
-    }
-    return ports.empty() ? "no port" : "port " + Join(ports);
+    return stage.ports.empty() ? "no port" : fmt::format("port {}", fmt::join(stage.ports, " or "));
 }
 
 }  // namespace
