@@ -30,6 +30,13 @@ namespace {
 volatile std::sig_atomic_t interrupt = 0;  // The signal that came.
 volatile std::sig_atomic_t nothing = -1;   // /dev/null, to be read.
 
+// The second interrupt ends the process, which leaves no part of a file behind.
+void EndProcess(int signal) {
+    Output::RemoveParts();
+    std::signal(signal, SIG_DFL);  // NOLINT(cert-err33-c): cannot fail for this signal.
+    raise(signal);
+}
+
 [[noreturn]] void Fail(const std::string& name, const char* what) {
     throw CommandError(name + ": error: cannot be " + what + ": " +
                        std::strerror(errno));  // NOLINT(concurrency-mt-unsafe): one thread.
@@ -168,6 +175,8 @@ Output::Output(const std::string& path, const Style& textStyle)
     if (descriptor < 0) {
         Fail(name, "written");
     }
+    older = newest;
+    newest = this;
 }
 
 void Output::OpenBeside(const std::string& path) {
@@ -184,7 +193,14 @@ void Output::OpenBeside(const std::string& path) {
     }
 }
 
+void Output::RemoveParts() {
+    for (const Output* output = newest; output != nullptr; output = output->older) {
+        unlink(output->beside.c_str());
+    }
+}
+
 Output::~Output() {
+    newest = older;
     if (descriptor > STDERR_FILENO) {
         close(descriptor);
     }
@@ -255,8 +271,8 @@ void CatchInterrupts() {
     action.sa_handler = [](int signal) {
         interrupt = signal;
         dup2(nothing, STDIN_FILENO);
+        std::signal(signal, EndProcess);  // NOLINT(cert-err33-c)
     };
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }

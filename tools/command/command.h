@@ -91,6 +91,8 @@ class Output : private std::streambuf, public std::ostream {
 
     // To be called when all is written.
     void Close();
+    // Removes what is not written to its end. A handler of signals may call it.
+    static void RemoveParts();
 
   protected:
     std::streamsize xsputn(const char* text, std::streamsize size) override;
@@ -106,6 +108,9 @@ class Output : private std::streambuf, public std::ostream {
     int descriptor;
     Style style;
     std::string bytes;
+    // All that there are: each ends before those that are older.
+    static inline const Output* volatile newest = nullptr;
+    const Output* older = nullptr;
 };
 
 // Lets `write` write the file of an option; nothing where that was not given, and `path` is empty.
@@ -113,7 +118,7 @@ void WriteFile(const std::string& path, const std::function<void(std::ostream& f
 
 // From the first call on an interrupt (SIGINT, SIGTERM) no longer ends the process, but standard
 // input: it has nothing more to read then. Long work asks now and then whether there was one, and
-// comes to an end. A second interrupt ends the process.
+// comes to an end. A second interrupt ends the process, and removes what it has half written.
 void CatchInterrupts();
 // What a shell shows for a process that the interrupt ended, 130 or 143; 0 where there was none.
 int InterruptStatus();
