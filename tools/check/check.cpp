@@ -6,16 +6,17 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdlib>
 #include <iterator>
 #include <limits>
 #include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <utility>
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
+#include "tools/base/cursor.h"
 #include "tools/base/text.h"
 #include "tools/base/words.h"
 
@@ -32,7 +33,7 @@ constexpr std::array KEYS = {WIDTH, SWITCH, MODES, STAGE};
 // The node that is named per camera: this and the camera's number.
 constexpr std::string_view CAMERA_NODE = "MCTFE0_cam";
 // So many stages that a table lacks are reported.
-constexpr int32_t MOST_SKIPPED = 1000;
+constexpr int32_t MOST_STAGES = 1000;
 constexpr const char* SWITCHED_OFF = "boosting is switched off, nothing is boosted";
 constexpr const char* NO_MODES = "no operation mode is supported, nothing is boosted";
 constexpr const char* NO_STAGES =
@@ -70,49 +71,47 @@ bool Fits(int64_t number) {
            number <= std::numeric_limits<Integer>::max();
 }
 
+// The table as a file would have it. Stages that count and are not known are empty lists.
+toml::table TableOf(const Configuration& known) {
+    toml::array modes;
+    for (const int32_t mode : known.modes) {
+        modes.push_back(int64_t{static_cast<uint32_t>(mode)});
+    }
+    toml::table stages;
+    for (const ConfiguredStage& stage : known.stages) {
+        toml::array list{stage.node};
+        for (const int32_t port : stage.ports) {
+            list.push_back(int64_t{port});
+        }
+        stages.insert(std::to_string(stage.stage), std::move(list));
+    }
+    const int32_t last = known.stages.empty() ? -1 : known.stages.back().stage;
+    const int32_t end = known.stageCount.value_or(std::min(last, MOST_STAGES) + 1);
+    for (int32_t stage = 0; stage < std::min(end, MOST_STAGES); ++stage) {
+        stages.insert(std::to_string(stage), toml::array());
+    }
+    return toml::table{
+        {SECTION, toml::table{{SWITCH, known.isEnabled}, {MODES, modes}, {STAGE, stages}}}};
+}
+
+// A stage whose list could be read.
+struct StageList {
+    int64_t number = 0;
+    toml::source_region place{};
+    bool isEmpty = true;
+    std::string name{};  // Whole: the library's ends at a zero.
+    toml::source_region portPlace{};
+    ConfiguredStage read{};
+    bool isLoaded = false;
+};
+
 class Checker {
   public:
-    explicit Checker(std::string_view text = {}) : toml(text) {}
-
-    // What is wrong with a table that no file has.
-    std::vector<Finding> Check(const Configuration& known) {
-        table = known;
-        // A dump does not say how many stages there are.
-        const int64_t end = known.stages.empty() ? 0 : int64_t{known.stages.back().stage} + 1;
-        table.stageCount =
-            known.stageCount.value_or(static_cast<int32_t>(std::min<int64_t>(end, INT32_MAX)));
-        if (!table.isEnabled) {
-            AddSwitchedOff({});
-        }
-        if (table.modes.empty()) {
-            AddNoModes({});
-        }
-        if (table.stageCount == 0) {
-            AddNoStages({});
-        }
-        CheckStageCount({});
-        int64_t next = 0;
-        const auto skipTo = [&](int32_t to) {
-            for (; next < to && next < MOST_SKIPPED; ++next) {
-                AddEmptyStage(next, {});
-            }
-        };
-        for (const ConfiguredStage& stage : table.stages) {
-            skipTo(stage.stage);
-            next = int64_t{stage.stage} + 1;
-            CheckName(stage.stage, stage.node, {});
-            CheckPair(stage, {});
-            CheckPortCount(stage.stage, stage.ports.size(), {});
-        }
-        skipTo(*table.stageCount);
-        return std::move(result.findings);
-    }
+    explicit Checker(std::string_view text) : toml(text) {}
 
     CheckedConfiguration Check() {
-        table.additionalWidth = 0;
-        table.stageCount = 0;
         try {
-            CheckFile(toml::parse(toml));
+            Check(toml::parse(toml));
         } catch (const toml::parse_error& error) {
             Add("unreadable", Severity::Error, error.source(),
                 "{}: the file cannot be parsed, so the store serves nothing and nothing is boosted",
@@ -125,6 +124,31 @@ class Checker {
                                     std::pair(other.place.line, other.column);
                          });
         return std::move(result);
+    }
+
+    // Of a table that no file has, the findings have no places.
+    const std::vector<Finding>& Check(const toml::table& file) {
+        table.additionalWidth = 0;
+        table.stageCount = 0;
+        const toml::node* found = file.get(SECTION);
+        const toml::table* section = found == nullptr ? nullptr : found->as_table();
+        if (section == nullptr) {
+            CheckNoSection(file, found);
+            return result.findings;
+        }
+        for (const auto& [key, value] : *section) {
+            if (std::find(KEYS.begin(), KEYS.end(), key.str()) == KEYS.end()) {
+                const auto meant = Meant(key.str(), KEYS);
+                Add("unknown-key", Severity::Warning, key.source(),
+                    "{} is not a key that the library reads: it has no effect{}", Quoted(key.str()),
+                    meant ? ". Was " + Quoted(*meant) + " meant?" : "");
+            }
+        }
+        CheckSwitch(*section);
+        CheckWidth(section->get(WIDTH));
+        CheckModes(*section);
+        CheckStages(*section);
+        return result.findings;
     }
 
   private:
@@ -161,30 +185,6 @@ class Checker {
         return static_cast<uint32_t>(at - start + 1);
     }
 
-    void CheckFile(const toml::table& file) {
-        const toml::node* found = file.get(SECTION);
-        const toml::table* section = found == nullptr ? nullptr : found->as_table();
-        if (section == nullptr) {
-            CheckNoSection(file, found);
-            return;
-        }
-        for (const auto& [key, value] : *section) {
-            if (std::find(KEYS.begin(), KEYS.end(), key.str()) == KEYS.end()) {
-                const auto meant = Meant(key.str(), KEYS);
-                Add("unknown-key", Severity::Warning, key.source(),
-                    "{} is not a key that the library reads: it has no effect{}", Quoted(key.str()),
-                    meant ? ". Was " + Quoted(*meant) + " meant?" : "");
-            }
-        }
-        CheckSwitch(*section);
-        CheckWidth(section->get(WIDTH));
-        CheckModes(*section);
-        CheckStages(*section);
-        for (size_t i = 0; i < table.stages.size(); ++i) {
-            CheckPair(table.stages[i], places[i]);
-        }
-    }
-
     void CheckNoSection(const toml::table& file, const toml::node* found) {
         constexpr const char* consequence = "nothing is configured, so nothing is boosted";
         std::string instead;
@@ -218,12 +218,9 @@ class Checker {
             Add("wrong-type", Severity::Error, node->source(),
                 "{} is {}, where true or false is read: {}", SWITCH, ValueOf(*node), SWITCHED_OFF);
         } else if (!(table.isEnabled = node->as_boolean()->get())) {
-            AddSwitchedOff(node->source());
+            Add("switched-off", Severity::Error, node->source(), "{} is false: {}", SWITCH,
+                SWITCHED_OFF);
         }
-    }
-
-    void AddSwitchedOff(const toml::source_region& place) {
-        Add("switched-off", Severity::Error, place, "{} is false: {}", SWITCH, SWITCHED_OFF);
     }
 
     void CheckWidth(const toml::node* node) {
@@ -267,7 +264,7 @@ class Checker {
             return;
         }
         if (list->empty()) {
-            AddNoModes(node->source());
+            Add("no-modes", Severity::Error, node->source(), "{} is empty: {}", MODES, NO_MODES);
         }
         bool isReadable = true;
         std::set<int32_t> modes;
@@ -287,10 +284,6 @@ class Checker {
         } else {
             table.isEnabled = false;
         }
-    }
-
-    void AddNoModes(const toml::source_region& place) {
-        Add("no-modes", Severity::Error, place, "{} is empty: {}", MODES, NO_MODES);
     }
 
     void CheckMode(const toml::node& node, int64_t number, std::set<int32_t>& modes) {
@@ -322,7 +315,8 @@ class Checker {
             Add("wrong-type", Severity::Error, node->source(),
                 "stage is {}, where a table of lists is read: {}", ValueOf(*node), NO_STAGES);
         } else if (stages->empty()) {
-            AddNoStages(node->source());
+            Add("no-stages", Severity::Error, node->source(), "the table of stages is empty: {}",
+                NO_STAGES);
         }
         if (stages == nullptr) {
             return;
@@ -342,29 +336,17 @@ class Checker {
                 Add("stage-gap", Severity::Error, stage.first->source(),
                     "{} missing before stage {}{}", missing, number, StopLoading());
             }
-            CheckStage(number, *stage.second);
             next = number + 1;
-        }
-        CheckStageCount(node->source());
-    }
-
-    void AddNoStages(const toml::source_region& place) {
-        Add("no-stages", Severity::Error, place, "the table of stages is empty: {}", NO_STAGES);
-    }
-
-    void CheckStageCount(const toml::source_region& place) {
-        if (table.stageCount == 1 && table.stages.size() == 1) {
-            Add("single-stage", Severity::Error, places.empty() ? place : places[0],
-                "it is the only stage: its node end starts frames, it never ends one. Each frame "
-                "is reported as an error for a stage 1 that does not exist, and again when {} fill "
-                "the table and the oldest has to make room",
-                Counted(FRAMES_TRACKED, "frame"));
+            ReadStage(number, *stage.second);
         }
         if (table.stageCount >= FRAMES_TRACKED) {
-            Add("too-many-stages", Severity::Warning, place,
+            Add("too-many-stages", Severity::Warning, node->source(),
                 "{}, and no more than {} are tracked: with a frame in each stage the next one "
                 "pushes the oldest out, which is reported and never ends",
                 Counted(*table.stageCount, "stage"), Counted(FRAMES_TRACKED, "frame"));
+        }
+        for (const StageList& list : lists) {
+            CheckStage(list);
         }
     }
 
@@ -394,7 +376,7 @@ class Checker {
     }
 
     // Takes in the stage, unless loading has stopped.
-    void CheckStage(int64_t number, const toml::node& node) {
+    void ReadStage(int64_t number, const toml::node& node) {
         const toml::array* list = node.as_array();
         if (list == nullptr) {
             Add("wrong-type", Severity::Error, node.source(),
@@ -403,7 +385,8 @@ class Checker {
             return;
         }
         if (list->empty()) {
-            return AddEmptyStage(number, node.source());
+            lists.push_back({number, node.source()});
+            return;
         }
         std::vector<std::string> texts;
         for (const toml::node& value : *list) {
@@ -420,77 +403,81 @@ class Checker {
         if (texts.size() != list->size()) {
             return;
         }
-        ConfiguredStage stage;
-        stage.node = texts[0].substr(0, texts[0].find('\0'));  // The store's texts end at a zero.
         const toml::node& name = (*list)[0];
         if (name.is_integer()) {
             Add("wrong-type", Severity::Warning, name.source(),
                 "the node of stage {} is the number {}: it is read as a name, where ports come "
                 "second",
-                number, stage.node);
+                number, texts[0]);
         }
-        CheckName(number, texts[0], name.source());
         std::set<int32_t> ports;
         for (size_t i = 1; i < texts.size(); ++i) {
             CheckPort(number, texts[i], (*list)[i].source(), ports);
         }
-        CheckPortCount(number, ports.size(), (*list)[list->size() > 1 ? 1 : 0].source());
+        ConfiguredStage stage{static_cast<int32_t>(number),
+                              texts[0].substr(0, texts[0].find('\0')),
+                              {ports.begin(), ports.end()}};
         if (loads) {
-            stage.stage = static_cast<int32_t>(number);
-            stage.ports.assign(ports.begin(), ports.end());
-            places.push_back(name.source());
-            table.stages.push_back(std::move(stage));
+            table.stages.push_back(stage);
         }
+        lists.push_back({number, name.source(), false, texts[0],
+                         (*list)[list->size() > 1 ? 1 : 0].source(), std::move(stage), loads});
     }
 
-    void AddEmptyStage(int64_t number, const toml::source_region& place) {
-        Add("stage-empty", Severity::Error, place,
-            "stage {} has neither node nor ports: it is skipped but still counts, so it never "
-            "ends, and no frame does",
-            number);
-    }
-
-    void CheckPortCount(int64_t number, size_t ports, const toml::source_region& place) {
-        if (ports < 2) {
+    void CheckStage(const StageList& list) {
+        if (list.isEmpty) {
+            Add("stage-empty", Severity::Error, list.place,
+                "stage {} has neither node nor ports: it is skipped but still counts, so it never "
+                "ends, and no frame does",
+                list.number);
             return;
         }
-        Add("several-ports", Severity::Note, place,
-            "stage {} ends on any one of its {}, which are alternatives. Where a frame comes out "
-            "on two of them, {}",
-            number, Counted(static_cast<int64_t>(ports), "port"),
-            OfSecondEnd(table, static_cast<int32_t>(number)));
+        CheckName(list);
+        if (list.isLoaded && table.stageCount == 1) {
+            Add("single-stage", Severity::Error, list.place,
+                "it is the only stage: its node end starts frames, it never ends one. Each frame "
+                "is reported as an error for a stage 1 that does not exist, and again when {} fill "
+                "the table and the oldest has to make room",
+                Counted(FRAMES_TRACKED, "frame"));
+        }
+        if (list.isLoaded) {
+            CheckPair(list.read, list.place);
+        }
+        if (list.read.ports.size() > 1) {
+            Add("several-ports", Severity::Note, list.portPlace,
+                "stage {} ends on any one of its {}, which are alternatives. Where a frame comes "
+                "out on two of them, {}",
+                list.number, Counted(static_cast<int64_t>(list.read.ports.size()), "port"),
+                OfSecondEnd(table, list.read.stage));
+        }
     }
 
-    void CheckName(int64_t number, const std::string& name, const toml::source_region& place) {
-        const std::string node = fmt::format("node {} of stage {}", Quoted(name), number);
+    void CheckName(const StageList& list) {
+        const std::string& name = list.name;
+        const std::string node = NodeOf(name, list.number);
         const auto isOdd = [](unsigned char letter) { return letter < ' ' || letter == 0x7F; };
         if (name.empty()) {
-            Add("empty-name", number == 0 ? Severity::Warning : Severity::Error, place,
+            Add("empty-name", list.number == 0 ? Severity::Warning : Severity::Error, list.place,
                 "{} matches every node that no higher stage matches, those of other parts of the "
                 "camera included: {}",
                 node,
-                number == 0 ? "each one that reports such a port ends stage 0"
-                            : "no node is left for the stages below, so no frame ever ends");
+                list.number == 0 ? "each one that reports such a port ends stage 0"
+                                 : "no node is left for the stages below, so no frame ever ends");
         } else if (name.front() == ' ' || name.back() == ' ' ||
                    std::any_of(name.begin(), name.end(), isOdd)) {
-            Add("blank-in-name", Severity::Warning, place,
+            Add("blank-in-name", Severity::Warning, list.place,
                 "{} has blanks at an end, or control characters: they are part of the name, and a "
                 "node without them is not matched{}",
                 node, name.find('\0') == std::string::npos ? "" : "; a zero ends it");
         }
-        const size_t at = name.find(CAMERA_NODE);
-        size_t digit = at == std::string::npos ? at : at + CAMERA_NODE.size();
-        if (digit < name.size() && name[digit] == '-') {
-            ++digit;
-        }
-        if (digit < name.size() && std::isdigit(static_cast<unsigned char>(name[digit])) != 0) {
-            Add("camera-specific", Severity::Warning, place,
+        static const std::regex ofOneCamera(std::string(CAMERA_NODE) + "-?[0-9]");
+        if (std::regex_search(name, ofOneCamera)) {
+            Add("camera-specific", Severity::Warning, list.place,
                 "{} matches that camera's alone{}: with another camera the stage never ends, and "
                 "no frame does. {} matches all",
                 node,
-                std::isdigit(static_cast<unsigned char>(name.back())) != 0
-                    ? ", and those with more digits, such as " + Quoted(name + "0")
-                    : "",
+                IsDigit(name.back()) ? ", and those with more digits, such as " + Quoted(name + "0")
+                                     : "",
                 Quoted(CAMERA_NODE));
         }
     }
@@ -524,23 +511,22 @@ class Checker {
         }
     }
 
+    static std::string NodeOf(const std::string& name, int64_t stage) {
+        return fmt::format("node {} of stage {}", Quoted(name), stage);
+    }
+
     // What other stages do to a loaded one.
     void CheckPair(const ConfiguredStage& stage, const toml::source_region& place) {
+        const std::string node = NodeOf(stage.node, stage.stage);
         const int32_t winner = stage.node.empty() ? stage.stage : NamedStageOf(stage.node);
-        if (winner == stage.stage) {
-            return CheckPorts(stage, place);
+        if (winner != stage.stage) {
+            Add("shadowed", Severity::Error, place,
+                "{0} is never stage {1}, as the name of stage {2} occurs in it and the highest "
+                "stage wins: its node ends count for stage {2}, stage {1} never ends, and no frame "
+                "does",
+                node, stage.stage, winner);
+            return;
         }
-        Add("shadowed", Severity::Error, place,
-            "{0} is never stage {1}, as the name of stage {2} occurs in it and the highest stage "
-            "wins: its node ends count for stage {2}, stage {1} never ends, and no frame does",
-            NodeOf(stage), stage.stage, winner);
-    }
-
-    static std::string NodeOf(const ConfiguredStage& stage) {
-        return fmt::format("node {} of stage {}", Quoted(stage.node), stage.stage);
-    }
-
-    void CheckPorts(const ConfiguredStage& stage, const toml::source_region& place) {
         bool isHelped = false;
         for (const ConfiguredStage& other : table.stages) {
             if (other.stage == stage.stage || stage.node.find(other.node) == std::string::npos) {
@@ -554,12 +540,12 @@ class Checker {
                 Add("port-through-other-stage", Severity::Warning, place,
                     "{} ends its stage on port {} too: stage {} lists it, and its name, {}, occurs "
                     "in this one",
-                    NodeOf(stage), fmt::join(ports, ", "), other.stage, Quoted(other.node));
+                    node, fmt::join(ports, ", "), other.stage, Quoted(other.node));
             }
         }
         if (stage.ports.empty() && !result.endsProcess) {
             Add("no-ports", isHelped ? Severity::Warning : Severity::Error, place,
-                "{} has no ports: {}", NodeOf(stage),
+                "{} has no ports: {}", node,
                 isHelped
                     ? "it ends on those of other stages alone"
                     : "none of its node ends counts, so the stage never ends, and no frame does");
@@ -579,8 +565,8 @@ class Checker {
     std::vector<size_t> lines;  // Where each line begins; made when first asked for.
     CheckedConfiguration result;
     Configuration& table = result.table;
-    std::vector<toml::source_region> places;  // Of the nodes of `table.stages`.
-    bool loads = true;                        // Whether the library still loads stages.
+    std::vector<StageList> lists;
+    bool loads = true;  // Whether the library still loads stages.
 };
 
 }  // namespace
@@ -590,7 +576,7 @@ CheckedConfiguration CheckConfiguration(std::string_view toml) {
 }
 
 std::vector<Finding> CheckConfiguration(const Configuration& configuration) {
-    return Checker().Check(configuration);
+    return Checker("").Check(TableOf(configuration));
 }
 
 }  // namespace tools
