@@ -12,16 +12,11 @@ namespace {
 
 class ReplayTest : public testing::Test {
   protected:
-    bool Play(std::istream& session, const std::string& name) {
+    bool Play(const std::string& session) {
         out.str("");
         err.str("");
-        return tools::Replay(options, session, name, out,
+        return tools::Replay(options, {"test.session", session}, out,
                              [this](const std::string& line) { err << line << '\n'; });
-    }
-
-    bool Play(const std::string& session) {
-        std::istringstream stream(session);
-        return Play(stream, "test.session");
     }
 
     void ExpectInOrder(std::initializer_list<const char*> texts) {

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <sstream>
 
 namespace {
 
@@ -154,8 +153,7 @@ TEST(SessionTest, ReportsAllErrors) {
     for (const auto& [line, message] : cases) {
         text += "\nDumpInfo\n" + line;
     }
-    std::istringstream in(text);
-    const tools::Session session(in);
+    const tools::Session session(text);
     ASSERT_EQ(session.Errors().size(), std::size(cases));
     for (size_t i = 0; i < std::size(cases); ++i) {
         const std::string error = ToString(session.Errors()[i], "name");

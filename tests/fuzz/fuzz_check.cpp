@@ -14,10 +14,11 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(data, data + size);
     LocalConfig::enable = false;
-    tools::CheckedFile file{"name", tools::CheckConfiguration(text), "nodes", {}, {}};
-    file.nodes = tools::ReadNodes(text, file.nodeFindings);
+    tools::CheckedFile file{"name", tools::CheckConfiguration(text), "nodes", {}};
+    auto& found = file.checked.findings;
+    file.nodes = tools::ReadNodes(text, found);
     const auto findings = CheckNodes(file.checked.table, file.nodes);
-    file.nodeFindings.insert(file.nodeFindings.end(), findings.begin(), findings.end());
+    found.insert(found.end(), findings.begin(), findings.end());
     std::ostringstream shown;
     tools::WriteText(shown, file);
     const std::string lines = shown.str();

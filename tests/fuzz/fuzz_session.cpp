@@ -32,10 +32,9 @@ struct Play {
 };
 
 Play PlayOnce(const std::string& text, const tools::ReplayOptions& options) {
-    std::istringstream session(text);
     std::ostringstream out;
     std::ostringstream err;
-    const bool isPlayed = tools::Replay(options, session, "name", out,
+    const bool isPlayed = tools::Replay(options, {"name", text}, out,
                                         [&err](const std::string& line) { err << line << '\n'; });
     return {isPlayed, out.str(), err.str()};
 }
@@ -44,8 +43,7 @@ Play PlayOnce(const std::string& text, const tools::ReplayOptions& options) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(data, data + size);
-    std::istringstream in(text);
-    const tools::Session session(in);
+    const tools::Session session(text);
     if (!IsShort(session)) {
         return -1;
     }

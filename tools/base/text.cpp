@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstddef>
 
 namespace tools {
 

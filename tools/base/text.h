@@ -12,6 +12,12 @@
 
 namespace tools {
 
+// A file that has been read.
+struct NamedText {
+    std::string name;  // What messages call it.
+    std::string text;
+};
+
 // "1 frame", "3 frames".
 std::string Counted(int64_t count, std::string_view what);
 

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <type_traits>
 
 #include "tools/base/finding.h"

@@ -4,7 +4,6 @@
 
 #include <charconv>
 #include <cstddef>
-#include <cstdint>
 #include <limits>
 #include <optional>
 #include <stdexcept>

@@ -65,6 +65,10 @@ std::string ValueOf(const toml::node& node) {
     return text.str().empty() ? KindOf(node) : KindOf(node) + " (" + Printable(text.str()) + ")";
 }
 
+bool IsKey(const toml::key& key) {
+    return std::find(KEYS.begin(), KEYS.end(), key.str()) != KEYS.end();
+}
+
 template <typename Integer>
 bool Fits(int64_t number) {
     return number >= std::numeric_limits<Integer>::min() &&
@@ -130,14 +134,13 @@ class Checker {
     const std::vector<Finding>& Check(const toml::table& file) {
         table.additionalWidth = 0;
         table.stageCount = 0;
-        const toml::node* found = file.get(SECTION);
-        const toml::table* section = found == nullptr ? nullptr : found->as_table();
+        const toml::table* section = file[SECTION].as_table();
         if (section == nullptr) {
-            CheckNoSection(file, found);
+            CheckNoSection(file);
             return result.findings;
         }
         for (const auto& [key, value] : *section) {
-            if (std::find(KEYS.begin(), KEYS.end(), key.str()) == KEYS.end()) {
+            if (!IsKey(key)) {
                 const auto meant = Meant(key.str(), KEYS);
                 Add("unknown-key", Severity::Warning, key.source(),
                     "{} is not a key that the library reads: it has no effect{}", Quoted(key.str()),
@@ -185,28 +188,25 @@ class Checker {
         return static_cast<uint32_t>(at - start + 1);
     }
 
-    void CheckNoSection(const toml::table& file, const toml::node* found) {
-        constexpr const char* consequence = "nothing is configured, so nothing is boosted";
+    void CheckNoSection(const toml::table& file) {
         std::string instead;
         toml::source_region where{{1, 1}, {1, 1}, nullptr};
         // What the file has instead may show why.
-        const auto isKey = [](const toml::key& key) {
-            return std::find(KEYS.begin(), KEYS.end(), key.str()) != KEYS.end();
-        };
-        const auto other = std::find_if(file.begin(), file.end(), [&isKey](const auto& entry) {
-            return isKey(entry.first) || Meant(entry.first.str(), {&SECTION, 1}).has_value();
+        const auto other = std::find_if(file.begin(), file.end(), [](const auto& entry) {
+            return IsKey(entry.first) || Meant(entry.first.str(), {&SECTION, 1}).has_value();
         });
-        if (found != nullptr) {
+        if (const toml::node* found = file.get(SECTION)) {
             where = found->source();
             instead = fmt::format(", {} is {}", Quoted(SECTION), KindOf(*found));
         } else if (other != file.end()) {
             where = other->first.source();
             const std::string name = Quoted(other->first.str());
-            instead = isKey(other->first) ? fmt::format(", and {} stands outside of it", name)
+            instead = IsKey(other->first) ? fmt::format(", and {} stands outside of it", name)
                                           : fmt::format(", only {}", name);
         }
-        Add("no-section", Severity::Error, where, "there is no table [{}]{}: {}", SECTION, instead,
-            consequence);
+        Add("no-section", Severity::Error, where,
+            "there is no table [{}]{}: nothing is configured, so nothing is boosted", SECTION,
+            instead);
     }
 
     void CheckSwitch(const toml::table& section) {

@@ -4,12 +4,14 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "tools/check/check.h"
 
 namespace tools {
+
+// The input of findings about a file of nodes; that of the configuration is 0.
+inline constexpr uint32_t NODES_INPUT = 1;
 
 // Node ends as a HAL reports them.
 struct ReportedNode {
@@ -24,10 +26,9 @@ struct ReportedNode {
 std::string DescribeNodesFormat();
 
 // Reads a file of nodes. Lines that are none are left out and added to `errors`.
-std::vector<ReportedNode> ReadNodes(std::string_view text, std::vector<Finding>& errors);
+std::vector<ReportedNode> ReadNodes(const std::string& text, std::vector<Finding>& errors);
 
-// Finds out which stages the nodes end. All findings are about the file of nodes; their places are
-// in input 0.
+// Finds out which stages the nodes end. All findings are about the file of nodes.
 std::vector<Finding> CheckNodes(const Configuration& table, std::vector<ReportedNode>& nodes);
 
 }  // namespace tools

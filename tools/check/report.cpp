@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <utility>
@@ -67,13 +66,21 @@ void WriteNodes(std::ostream& out, const Configuration& table,
     WriteTable(out, rows, Columns::Text);
 }
 
-Json JsonOf(const Finding& finding, const std::string& file) {
-    return {{"file", file},
-            {"line", finding.place.line},
-            {"column", finding.column},
-            {"severity", NameOf(finding.severity)},
-            {"check", finding.check},
-            {"message", finding.message}};
+const std::string& NameOfInput(const CheckedFile& file, const Finding& finding) {
+    return finding.place.input == NODES_INPUT ? file.nodesName : file.name;
+}
+
+Json JsonOf(const CheckedFile& file, const Finding& finding) {
+    Json json = {{"file", NameOfInput(file, finding)},
+                 {"line", finding.place.line},
+                 {"column", finding.column},
+                 {"severity", NameOf(finding.severity)},
+                 {"check", finding.check},
+                 {"message", finding.message}};
+    if (finding.place.input == NODES_INPUT) {
+        json["configuration"] = file.name;
+    }
+    return json;
 }
 
 Json TableOf(const CheckedFile& file) {
@@ -147,13 +154,12 @@ Json JsonOf(const Configuration& configuration) {
 }
 
 std::string ToToml(const Configuration& configuration) {
-    std::string text = "[TarvoCameraFrameBoostConfig]\ncameraFrameBoostEnable = ";
-    text += configuration.isEnabled ? "true\n" : "false\n";
+    std::string text = fmt::format("[TarvoCameraFrameBoostConfig]\ncameraFrameBoostEnable = {}\n",
+                                   configuration.isEnabled);
     if (!configuration.additionalWidth) {
         text += "# additionalSupportedWidth: not known\n";
     } else if (*configuration.additionalWidth != 0) {
-        text += "additionalSupportedWidth = " + std::to_string(*configuration.additionalWidth);
-        text += '\n';
+        text += fmt::format("additionalSupportedWidth = {}\n", *configuration.additionalWidth);
     }
     text += "SupportOperationModeList = [";
     for (const int32_t mode : configuration.modes) {
@@ -170,9 +176,9 @@ std::string ToToml(const Configuration& configuration) {
     };
     for (const ConfiguredStage& stage : configuration.stages) {
         fillTo(stage.stage);
-        text += std::to_string(stage.stage) + " = [" + TomlText(stage.node);
+        text += fmt::format("{} = [{}", stage.stage, TomlText(stage.node));
         for (const int32_t port : stage.ports) {
-            text += ", \"" + std::to_string(port) + '"';
+            text += fmt::format(", \"{}\"", port);
         }
         text += "]\n";
         next = int64_t{stage.stage} + 1;
@@ -187,16 +193,13 @@ std::string ToToml(const Configuration& configuration) {
 
 void WriteText(std::ostream& out, const CheckedFile& file) {
     for (const Finding& finding : file.checked.findings) {
-        out << ToString(finding, file.name) << '\n';
-    }
-    for (const Finding& finding : file.nodeFindings) {
-        out << ToString(finding, file.nodesName) << '\n';
+        out << ToString(finding, NameOfInput(file, finding)) << '\n';
     }
     if (!file.checked.isReadable) {
         return;
     }
     const Configuration& table = file.checked.table;
-    out << (file.checked.findings.empty() && file.nodeFindings.empty() ? "" : "\n") << file.name
+    out << (file.checked.findings.empty() ? "" : "\n") << file.name
         << ", as the library reads it:\n";
     if (file.checked.endsProcess) {
         out << "  It ends the process. Without that:\n";
@@ -219,11 +222,7 @@ void WriteJson(std::ostream& out, const std::vector<CheckedFile>& files) {
     Json tables = Json::array();
     for (const CheckedFile& file : files) {
         for (const Finding& finding : file.checked.findings) {
-            json["findings"].push_back(JsonOf(finding, file.name));
-        }
-        for (const Finding& finding : file.nodeFindings) {
-            json["findings"].push_back(JsonOf(finding, file.nodesName));
-            json["findings"].back()["configuration"] = file.name;
+            json["findings"].push_back(JsonOf(file, finding));
         }
         tables.push_back(file.checked.isReadable ? TableOf(file) : Json());
     }

@@ -25,11 +25,9 @@ nlohmann::ordered_json JsonOf(const Configuration& configuration);
 
 struct CheckedFile {
     std::string name;
-    CheckedConfiguration checked;
-    // What it was held against, where it was.
-    std::string nodesName;
+    CheckedConfiguration checked;  // With what was found about the nodes, last.
+    std::string nodesName;         // What it was held against; empty for nothing.
     std::vector<ReportedNode> nodes;
-    std::vector<Finding> nodeFindings;
 };
 
 // The findings, a line each, then the table in aligned text: for a person who knows the camera but

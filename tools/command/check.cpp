@@ -17,8 +17,7 @@ CheckedFile CheckFile(const std::string& path, bool isJson) {
     CheckedFile file;
     file.name = NameOfInput(path);
     try {
-        Input in(path);
-        file.checked = CheckConfiguration(in.ReadAll());
+        file.checked = CheckConfiguration(ReadFile(path).text);
     } catch (const CommandError& error) {
         // Standard output is for configurations; a program is told in the form that it reads.
         Complain(error.what());
@@ -30,12 +29,11 @@ CheckedFile CheckFile(const std::string& path, bool isJson) {
     return file;
 }
 
-int StatusOf(const CheckedFile& file) {
-    const auto isFault = [](const Finding& finding) { return finding.severity == Severity::Error; };
+int StatusOf(const CheckedConfiguration& checked) {
     const bool hasFault =
-        std::any_of(file.checked.findings.begin(), file.checked.findings.end(), isFault) ||
-        std::any_of(file.nodeFindings.begin(), file.nodeFindings.end(), isFault);
-    return !file.checked.isReadable ? BAD_INPUT : hasFault ? FAULTS_FOUND : NOTHING_FOUND;
+        std::any_of(checked.findings.begin(), checked.findings.end(),
+                    [](const Finding& finding) { return finding.severity == Severity::Error; });
+    return !checked.isReadable ? BAD_INPUT : hasFault ? FAULTS_FOUND : NOTHING_FOUND;
 }
 
 }  // namespace
@@ -43,11 +41,9 @@ int StatusOf(const CheckedFile& file) {
 int RunCheck(const CheckArguments& arguments) {
     std::vector<ReportedNode> nodes;
     std::vector<Finding> nodeErrors;
-    std::string nodesName;
-    if (!arguments.nodes.empty()) {
-        Input in(arguments.nodes);
-        nodesName = in.Name();
-        nodes = ReadNodes(in.ReadAll(), nodeErrors);
+    const std::optional<NamedText> nodesFile = ReadOption(arguments.nodes);
+    if (nodesFile) {
+        nodes = ReadNodes(nodesFile->text, nodeErrors);
     }
     int status = nodeErrors.empty() ? NOTHING_FOUND : BAD_INPUT;
     Output out("-", arguments.isJson ? Style() : StyleOf(STDOUT_FILENO));
@@ -55,15 +51,17 @@ int RunCheck(const CheckArguments& arguments) {
     for (const std::string& path : arguments.configurations) {
         files.push_back(CheckFile(path, arguments.isJson));
         CheckedFile& file = files.back();
-        if (!nodesName.empty() && file.checked.isReadable) {
-            file.nodesName = nodesName;
-            file.nodeFindings = nodeErrors;
+        if (nodesFile && file.checked.isReadable) {
+            file.nodesName = nodesFile->name;
+            std::vector<Finding> found = nodeErrors;
             if (nodeErrors.empty()) {  // Of half a list nobody can tell which stages are not hit.
                 file.nodes = nodes;
-                file.nodeFindings = CheckNodes(file.checked.table, file.nodes);
+                found = CheckNodes(file.checked.table, file.nodes);
             }
+            auto& findings = file.checked.findings;
+            findings.insert(findings.end(), found.begin(), found.end());
         }
-        status = std::max(status, StatusOf(file));
+        status = std::max(status, StatusOf(file.checked));
         if (!arguments.isJson) {
             out << (files.size() > 1 ? "\n" : "");
             WriteText(out, file);

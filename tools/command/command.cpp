@@ -20,7 +20,6 @@
 #include <system_error>
 #include <utility>
 
-#include "tools/base/text.h"
 #include "tools/base/words.h"
 
 namespace tools {
@@ -148,13 +147,18 @@ size_t Input::Read(std::span<char> bytes) const {
     return static_cast<size_t>(std::max<ssize_t>(size, 0));
 }
 
-std::string Input::ReadAll() const {
-    std::string text;
+NamedText ReadFile(const std::string& path) {
+    const Input input(path);
+    NamedText file{input.Name(), {}};
     std::array<char, 1 << 16> piece{};
-    while (const size_t size = Read(piece)) {
-        text.append(piece.data(), size);
+    while (const size_t size = input.Read(piece)) {
+        file.text.append(piece.data(), size);
     }
-    return text;
+    return file;
+}
+
+std::optional<NamedText> ReadOption(const std::string& path) {
+    return path.empty() ? std::nullopt : std::optional(ReadFile(path));
 }
 
 Output::Output(const std::string& path, const Style& textStyle)

@@ -6,11 +6,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <ostream>
 #include <span>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+
+#include "tools/base/text.h"
 
 namespace tools {
 
@@ -52,13 +55,16 @@ class Input {
     int Descriptor() const { return descriptor; }
     // The next bytes, at least one but at the end, and when an interrupt comes first.
     size_t Read(std::span<char> bytes) const;
-    // All that is left.
-    std::string ReadAll() const;
 
   private:
     std::string name;
     int descriptor;
 };
+
+// Reads a file whole, as Input does.
+NamedText ReadFile(const std::string& path);
+// The same for a file of an option; nothing where that was not given, and `path` is empty.
+std::optional<NamedText> ReadOption(const std::string& path);
 
 // How text for people is shown.
 struct Style {

@@ -8,12 +8,9 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <iostream>
 #include <optional>
 #include <sstream>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "tools/account/summary.h"
 #include "tools/base/finding.h"

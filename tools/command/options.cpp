@@ -12,7 +12,6 @@
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "tools/base/finding.h"
@@ -73,8 +72,7 @@ void AddExplain(CLI::App& app, Run& run) {
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<ExplainArguments>();
     command->add_option("CAPTURE", arguments->captures, "The captures; - for standard input")
-        ->required()
-        ->type_name("");
+        ->required();
     CLI::Option* json = command->add_flag(
         "--json", arguments->isJson, "One JSON object, times in milliseconds, instead of text");
     command->add_flag("--all", arguments->showsAllFrames, "Show all frames in the table");
@@ -151,9 +149,7 @@ void AddReplay(CLI::App& app, Run& run) {
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<ReplayArguments>();
     ReplayOptions& options = arguments->options;
-    command->add_option("SESSION", arguments->session, "The session file")
-        ->required()
-        ->type_name("");
+    command->add_option("SESSION", arguments->session, "The session file")->required();
     command->add_option("--config", arguments->configuration,
                         "A TOML file for the configuration store instead of the built-in sample");
     command
@@ -186,8 +182,7 @@ void AddCheck(CLI::App& app, Run& run) {
     command
         ->add_option("CONFIG", arguments->configurations,
                      "TOML files as the configuration store would serve them; - for standard input")
-        ->required()
-        ->type_name("");
+        ->required();
     command->add_option(
         "--nodes", arguments->nodes,
         "The nodes that the HAL reports, see below: which stages they end, and which "
@@ -214,22 +209,18 @@ void AddSimulate(CLI::App& app, Run& run) {
         "      --fault slow:200:2:40 --fault lost:400:3\n");
     // Lives as long as the command that refers to it.
     const auto arguments = std::make_shared<SimulateArguments>();
-    command
-        ->add_option("CAMERA", arguments->camera, "The camera file; left out: the built-in camera")
-        ->type_name("");
+    command->add_option("CAMERA", arguments->camera,
+                        "The camera file; left out: the built-in camera");
     command
         ->add_option("--frames", arguments->frames,
                      "How many frames the sensor delivers; the built-in camera's: 600")
-        ->check(WholeNumber(1, MAX_FRAMES))
-        ->type_name("N");
+        ->check(WholeNumber(1, MAX_FRAMES));
     command->add_option("--fps", arguments->fps, "Frames per second; the built-in camera's: 60")
-        ->check(WholeNumber(1, 1000))
-        ->type_name("N");
+        ->check(WholeNumber(1, 1000));
     command
         ->add_option("--seed", arguments->seed,
                      "Chooses the nodes' times; the same seed gives the same log; else 1")
-        ->check(WholeNumber(0, std::numeric_limits<int64_t>::max()))
-        ->type_name("N");
+        ->check(WholeNumber(0, std::numeric_limits<int64_t>::max()));
     command->add_option("--fault", arguments->faults, "What goes wrong, see below; may be repeated")
         ->type_name("KIND:FRAME[:MORE]")
         ->expected(1)
@@ -278,10 +269,15 @@ void RequireSubcommand(const CLI::App& app, const std::vector<std::string>& word
     }
 }
 
-// How help shows what follows an option's name; paths have no type name of their own.
+// How help shows what follows an option's name; paths and numbers have no type name of their own.
 std::string FormOf(const CLI::Option& option) {
+    const std::map<std::string, std::string> names = {
+        {"TEXT", "FILE"}, {"INT", "N"}, {"UINT", "N"}};
     const std::string type = option.get_type_name();
-    return (type.empty() ? "" : " " + (type == "TEXT" ? "FILE" : type)) +
+    const auto name = names.find(type);
+    return (type.empty() || option.get_positional()
+                ? ""
+                : " " + (name == names.end() ? type : name->second)) +
            (option.get_expected_max() > 1 ? " ..." : "") +
            (option.get_required() ? " (required)" : "");
 }

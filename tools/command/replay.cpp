@@ -2,26 +2,19 @@
 
 #include "tools/play/replay.h"
 
-#include <iostream>
 #include <optional>
-#include <sstream>
-#include <string>
+#include <utility>
 
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
-#include "tools/session/session.h"
 
 namespace tools {
 
 int RunReplay(ReplayArguments arguments) {
     ReplayOptions& options = arguments.options;
     Output out("-");
-    const Input input(arguments.session);
-    std::istringstream session(input.ReadAll());
-    if (!arguments.configuration.empty()) {
-        const Input file(arguments.configuration);
-        options.configuration = {file.Name(), file.ReadAll()};
-    }
+    NamedText session = ReadFile(arguments.session);
+    options.configuration = ReadOption(arguments.configuration);
     // A capture on standard output takes the transcript's place.
     const bool isLogShown = arguments.log == "-";
     std::ostream nowhere(nullptr);
@@ -35,8 +28,7 @@ int RunReplay(ReplayArguments arguments) {
     options.pace.isInterrupted = [] { return InterruptStatus() != 0; };
     ProgressLine progress("frames", !options.isQuiet);
     options.pace.onProgress = [&progress](int64_t done, int64_t all) { progress.Show(done, all); };
-    const bool isPlayed =
-        Replay(options, session, input.Name(), isLogShown ? nowhere : out, Complain);
+    const bool isPlayed = Replay(options, std::move(session), isLogShown ? nowhere : out, Complain);
     progress.Clear();
     out.Close();
     if (logFile && isPlayed) {

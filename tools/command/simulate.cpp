@@ -18,15 +18,11 @@
 namespace tools {
 namespace {
 
-Camera ReadCamera(const std::string& path) {
-    const Input input(path);
-    return ParseCamera(input.ReadAll(), input.Name());
-}
-
 Camera CameraOf(const SimulateArguments& arguments) {
+    const std::optional<NamedText> file = ReadOption(arguments.camera);
     Camera camera;
     try {
-        camera = arguments.camera.empty() ? BuiltinCamera() : ReadCamera(arguments.camera);
+        camera = file ? ParseCamera(file->text, file->name) : BuiltinCamera();
     } catch (const CameraError& error) {
         throw CommandError(error.what());
     }
@@ -83,11 +79,7 @@ int RunSimulate(const SimulateArguments& arguments) {
         FailUsage("--form is \"" + arguments.form +
                   "\", expected threadtime or time, and modifiers, such as threadtime,year,usec");
     }
-    std::optional<NamedText> configuration;
-    if (!arguments.configuration.empty()) {
-        const Input file(arguments.configuration);
-        configuration = {file.Name(), file.ReadAll()};
-    }
+    const std::optional<NamedText> configuration = ReadOption(arguments.configuration);
     const auto tell = [&configuration](const Finding& finding) {
         Complain(ToString(finding, configuration->name));
     };

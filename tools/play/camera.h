@@ -62,8 +62,6 @@ struct Fault {
     int64_t last = 0;    // The last one; the same for kinds that happen to one frame.
     int32_t stage = -1;  // -1 where the kind has none.
     int64_t amount = 0;  // 0 where the kind has none.
-
-    bool operator==(const Fault&) const = default;
 };
 
 // "slow:200:2:40", "lost:100-104:3": the kind's name, the frames, the stage and the amount as far

@@ -1,7 +1,6 @@
 #include "tools/play/player.h"
 
 #include <algorithm>
-#include <chrono>
 #include <thread>
 #include <utility>
 
@@ -27,10 +26,10 @@ std::optional<Call> NodeEndOf(const Configuration& configuration, int32_t stage)
 
 Player::Player(Watcher playWatcher, Pace playPace)
     : watcher(std::move(playWatcher)), pace(std::move(playPace)) {
-    desktop::SetObserver(this);
     TarvoCameraFrameBoost::localConfig = LocalConfig();
     TarvoCameraFrameBoost::persistTids.clear();
     TarvoCameraFrameBoost::tempTids.clear();
+    std::vector<desktop::Effect> effects = recorder.Take();
     for (const desktop::Effect& effect : effects) {
         if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
             if (const auto message = ParseMessage(line->tag, line->text)) {
@@ -40,15 +39,7 @@ Player::Player(Watcher playWatcher, Pace playPace)
     }
     // The dump does not have it where a stage could not be loaded.
     configuration.stageCount = TarvoCameraFrameBoost::localConfig.GetStageCount();
-    watcher({nullptr, 0, time, {}, effects, &configuration});
-}
-
-Player::~Player() {
-    desktop::SetObserver(nullptr);
-}
-
-void Player::OnEffect(const desktop::Effect& effect) {
-    effects.push_back(effect);
+    watcher({nullptr, 0, time, {}, std::move(effects), &configuration});
 }
 
 std::optional<std::string> Player::WhyNotRecordable() const {
@@ -81,9 +72,8 @@ void Player::PlayCall(const Call& call, uint32_t number) {
     if (call.operation == Operation::SetSceneInfo) {
         sceneFps = call.Get<int32_t>("fps");
     }
-    effects.clear();
     const std::optional<int32_t> result = Make(call, boost);
-    watcher({&call, number, time, result, effects, &configuration});
+    watcher({&call, number, time, result, recorder.Take(), &configuration});
 }
 
 void Player::PlayRecording(const Recording& recording, uint32_t number) {

@@ -7,7 +7,6 @@
 #include <functional>
 #include <optional>
 #include <ostream>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -26,14 +25,14 @@ struct Played {
     uint32_t line = 0;           // Of the session.
     Micros time = 0;             // Since the session's beginning.
     std::optional<int32_t> result;
-    std::span<const desktop::Effect> effects;      // What the platform saw of it.
+    std::vector<desktop::Effect> effects;          // What the platform saw of it.
     const Configuration* configuration = nullptr;  // As loaded.
 };
 
 // One player a play: it brings the library to the state in which it is after loading, and makes the
 // facade's object, as a HAL does when a camera is opened. It keeps the session's time: waits and
 // the frames of recordings move it on, calls take none.
-class Player : private desktop::Observer {
+class Player {
   public:
     // Gets the loading of the library, and each call.
     using Watcher = std::function<void(const Played& played)>;
@@ -47,9 +46,6 @@ class Player : private desktop::Observer {
     };
 
     Player(Watcher playWatcher, Pace playPace);
-    ~Player() override;
-    Player(const Player&) = delete;
-    Player& operator=(const Player&) = delete;
 
     // Why no recording can go through the loaded stage table; nothing when it can.
     std::optional<std::string> WhyNotRecordable() const;
@@ -59,16 +55,15 @@ class Player : private desktop::Observer {
     void Play(const Line& line, uint32_t number);
 
   private:
-    void OnEffect(const desktop::Effect& effect) override;
     void PlayCall(const Call& call, uint32_t number);
     void PlayRecording(const Recording& recording, uint32_t number);
     void PassTime(Micros until);
 
+    desktop::Recorder recorder;
     Watcher watcher;
     Pace pace;
     TarvoCameraFrameBoost boost;
-    std::vector<desktop::Effect> effects;  // Of the call that is being played.
-    Configuration configuration;           // As loaded.
+    Configuration configuration;  // As loaded.
     Micros time = 0;
     std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
     int32_t sceneFps = 0;   // As last described.

@@ -1,7 +1,6 @@
 #include "tools/play/replay.h"
 
 #include <algorithm>
-#include <optional>
 #include <variant>
 
 #include "tools/check/check.h"
@@ -32,17 +31,17 @@ bool PreparePlatform(const std::optional<NamedText>& configuration,
            !desktop::LoadConfiguration(configuration->text, configuration->name);
 }
 
-bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::string& name,
-            std::ostream& out, const std::function<void(const std::string&)>& complain) {
+bool Replay(const ReplayOptions& options, NamedText file, std::ostream& out,
+            const std::function<void(const std::string&)>& complain) {
     if (options.pace.isRealTime) {
         out << std::unitbuf;
     }
     Transcript transcript(out, options.isQuiet, options.withDebug);
-    const auto report = [&complain](const Finding& finding, const std::string& file) {
-        complain(ToString(finding, file));
+    const auto report = [&complain](const Finding& finding, const std::string& name) {
+        complain(ToString(finding, name));
     };
 
-    const Session session(sessionFile);
+    const Session session(std::move(file.text));
     bool isSession = false;
     session.ForEachLine([&isSession](uint32_t, const Line&) {
         isSession = true;
@@ -51,19 +50,19 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
     const size_t errors = session.Errors().size();
     const size_t shown = std::min<size_t>(errors, isSession ? 20 : 1);
     for (size_t i = 0; i < shown; ++i) {
-        report(session.Errors()[i], name);
+        report(session.Errors()[i], file.name);
     }
     if (!isSession) {
         report({"no-session", Severity::Error,
                 "no line of it is a call; a session is made of a log by "
                 "cameraframeboost explain LOG --to-session SESSION"},
-               name);
+               file.name);
         return false;
     }
     if (errors > shown) {
         report({"session-line", Severity::Error,
                 "as many as " + std::to_string(errors) + " lines cannot be read"},
-               name);
+               file.name);
     }
     if (!session.Errors().empty() ||
         !PreparePlatform(options.configuration, [&](const Finding& finding) {
@@ -90,7 +89,7 @@ bool Replay(const ReplayOptions& options, std::istream& sessionFile, const std::
             return recording == 0;
         });
         if (recording != 0) {
-            report({"not-recordable", Severity::Error, *reason, {0, recording}}, name);
+            report({"not-recordable", Severity::Error, *reason, {0, recording}}, file.name);
             return false;
         }
     }

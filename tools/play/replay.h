@@ -2,24 +2,15 @@
 
 #pragma once
 
-#include <cstdint>
 #include <functional>
-#include <istream>
 #include <optional>
 #include <ostream>
 #include <string>
-#include <string_view>
 
-#include "tools/base/finding.h"
+#include "tools/base/text.h"
 #include "tools/play/player.h"
 
 namespace tools {
-
-// A file that has been read.
-struct NamedText {
-    std::string name;  // What messages call it.
-    std::string text;
-};
 
 struct ReplayOptions {
     std::optional<NamedText> configuration;  // TOML; nothing for what the platform serves anyway.
@@ -29,12 +20,11 @@ struct ReplayOptions {
     std::ostream* log = nullptr;  // Where the capture of the library's log goes, if anywhere.
 };
 
-// Plays `session`, which messages call `name`, on a library in the state in which it is after
-// loading. Writes the play to `out`; `complain` is told what there is to say about the input.
-// Returns false, with nothing played, when the session has errors or no call, or the configuration
-// cannot be used.
-bool Replay(const ReplayOptions& options, std::istream& session, const std::string& name,
-            std::ostream& out, const std::function<void(const std::string& line)>& complain);
+// Plays `session` on a library in the state in which it is after loading. Writes the play to `out`;
+// `complain` is told what there is to say about the input. Returns false, with nothing played, when
+// the session has errors or no call, or the configuration cannot be used.
+bool Replay(const ReplayOptions& options, NamedText session, std::ostream& out,
+            const std::function<void(const std::string& line)>& complain);
 
 // Brings the desktop platform to the state in which tools use it: debug switch on, log lines for
 // observers alone; and serves the configuration. Reports what is wrong or surprising about it;

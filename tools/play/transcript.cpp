@@ -6,9 +6,6 @@
 #include <array>
 #include <cstddef>
 #include <nlohmann/json.hpp>
-#include <optional>
-#include <span>
-#include <string_view>
 #include <variant>
 #include <vector>
 

@@ -226,35 +226,35 @@ bool SessionMaker::IsWhole(const Run& run, const Entry& entry) {
 
 // Makes the call that left the entry's messages.
 void SessionMaker::Complete(Run& run, Entry& entry) {
+    AddCall(run.session.configuration, entry);
+    entry.messages.clear();
+    run.threads[entry.thread].open = nullptr;
+}
+
+void SessionMaker::AddCall(const std::optional<Configuration>& configuration, Entry& entry) {
     const Message& first = entry.messages.front();
     // The message that shows which call it was: not every message of a frame's start names the
     // frame, and a description leads to a scene's end, or a scene's end to a description.
     const bool isFirst =
         first.kind == MessageKind::NoVideo || first.kind == MessageKind::FrameNotContinuous;
     const Message& message = isFirst ? first : entry.messages.back();
-    const auto& configuration = run.session.configuration;
     switch (message.kind) {
         case MessageKind::NodeEnd:
-            Add(entry, Operation::NodeEnd,
-                {message.frame, std::string(message.name), message.port, message.camera,
-                 message.flag});
-            break;
+            return Add(entry, Operation::NodeEnd,
+                       {message.frame, std::string(message.name), message.port, message.camera,
+                        message.flag});
         case MessageKind::NoVideo:
         case MessageKind::Video:
-            Add(entry, Operation::SetSceneInfo,
-                {message.kind == MessageKind::Video, message.width, message.fps});
-            break;
+            return Add(entry, Operation::SetSceneInfo,
+                       {message.kind == MessageKind::Video, message.width, message.fps});
         case MessageKind::AddPersistTid:
-            Add(entry, Operation::AddPersistTids, {std::string(message.name), message.tid});
-            break;
+            return Add(entry, Operation::AddPersistTids, {std::string(message.name), message.tid});
         case MessageKind::SetTid:
-            Add(entry, Operation::SetTids, {});
-            break;
+            return Add(entry, Operation::SetTids, {});
         case MessageKind::SceneStart: {
             const bool hasModes = configuration && !configuration->modes.empty();
-            Add(entry, Operation::SceneStart, {hasModes ? configuration->modes.front() : 0},
-                GUESSED_MODE);
-            break;
+            return Add(entry, Operation::SceneStart, {hasModes ? configuration->modes.front() : 0},
+                       GUESSED_MODE);
         }
         case MessageKind::SceneDisabled: {
             // The lowest mode from 0 on that is not supported.
@@ -264,36 +264,30 @@ void SessionMaker::Complete(Run& run, Entry& entry) {
                     mode += supported == mode ? 1 : 0;
                 }
             }
-            Add(entry, Operation::SceneStart, {mode}, GUESSED_MODE);
-            break;
+            return Add(entry, Operation::SceneStart, {mode}, GUESSED_MODE);
         }
         case MessageKind::RemoveTid: {
             std::vector<int32_t> tids;
             for (const Message& removed : entry.messages) {
                 tids.push_back(removed.tid);
             }
-            Add(entry, Operation::RemoveTids, {tids}, GUESSED_CALL);
-            break;
+            return Add(entry, Operation::RemoveTids, {tids}, GUESSED_CALL);
         }
         case MessageKind::SceneEnd:
-            Add(entry, Operation::SceneEnd, {});
-            break;
+            return Add(entry, Operation::SceneEnd, {});
         case MessageKind::DumpInfo:
-            Add(entry, Operation::DumpInfo, {});
-            break;
+            return Add(entry, Operation::DumpInfo, {});
         case MessageKind::FrameEnd:
         case MessageKind::EndedFrameNotExist:
-            Add(entry, Operation::FrameEnd, {message.frame});
-            break;
+            return Add(entry, Operation::FrameEnd, {message.frame});
         case MessageKind::FrameStart:
         case MessageKind::FrameAlreadyExists:
         case MessageKind::FrameNotContinuous:
-            Add(entry, Operation::FrameStart, {message.frame});
-            break;
+            return Add(entry, Operation::FrameStart, {message.frame});
         case MessageKind::TableFull:
         case MessageKind::FrameAdded:
             entry.text += LinesMissing(1);
-            break;
+            return;
         default: {
             const bool isNamed =
                 message.kind == MessageKind::StageStart || message.kind == MessageKind::StageEnd;
@@ -310,8 +304,6 @@ void SessionMaker::Complete(Run& run, Entry& entry) {
             }
         }
     }
-    entry.messages.clear();
-    run.threads[entry.thread].open = nullptr;
 }
 
 void SessionMaker::Add(Entry& entry, Operation operation, std::vector<Value> arguments,

@@ -90,6 +90,7 @@ class SessionMaker : public MessageSink {
     static void Follow(Run& run, Entry& entry, const Message& message);
     static bool IsWhole(const Run& run, const Entry& entry);
     static void Complete(Run& run, Entry& entry);
+    static void AddCall(const std::optional<Configuration>& configuration, Entry& entry);
     static void Add(Entry& entry, Operation operation, std::vector<Value> arguments,
                     const char* guess = "");
     void Comment(int32_t process, const std::string& text);

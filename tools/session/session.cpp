@@ -4,12 +4,8 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cstddef>
-#include <iterator>
 #include <limits>
 #include <sstream>
-#include <type_traits>
 #include <utility>
 
 #include "tools/check/check.h"
@@ -214,7 +210,7 @@ std::string WriteLine(const Line& line) {
     return std::visit(Writer{}, line);
 }
 
-Session::Session(std::istream& in) : text(std::istreambuf_iterator<char>(in), {}) {
+Session::Session(std::string file) : text(std::move(file)) {
     if (text.starts_with("\xEF\xBB\xBF")) {
         text.erase(0, 3);
     }

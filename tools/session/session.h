@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <istream>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -59,7 +58,7 @@ std::string WriteLine(const Line& line);
 // A whole session: read, and each of its lines checked.
 class Session {
   public:
-    explicit Session(std::istream& in);
+    explicit Session(std::string file);
 
     // What is wrong with it. A session with errors is not to be played.
     const std::vector<Finding>& Errors() const { return errors; }
