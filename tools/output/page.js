@@ -85,66 +85,27 @@
 
     // ---- Data ----
 
-    async function inflate(data) {
-        const packed = Uint8Array.from(atob(data), (letter) => letter.charCodeAt(0));
-        const stream = new Blob([packed]).stream().pipeThrough(new DecompressionStream('gzip'));
-        return new Uint8Array(await new Response(stream).arrayBuffer());
+    // Steps from one known time to the next, of all columns of a row before those of the next row.
+    function columnsOf(steps, columns, unit) {
+        let known = 0;
+        const times = steps.map((step) => step === null ? NaN : (known += step) * unit);
+        return Array.from({ length: columns }, (_, column) =>
+            Float64Array.from({ length: times.length / columns }, (_, i) => times[i * columns + column]));
     }
 
-    // Gives the numbers of a column, one after the other.
-    function reader(bytes) {
-        let at = 0;
-        return () => {
-            let value = 0;
-            let scale = 1;
-            for (; bytes[at] > 127; scale *= 128) {
-                value += (bytes[at++] & 127) * scale;
-            }
-            value += bytes[at++] * scale;
-            return value % 2 === 1 ? -(value + 1) / 2 : value / 2;
-        };
-    }
-
-    // What a thread did when it did not sleep: from when to when, and which state on which CPU.
-    async function unpackThread(packed) {
-        const next = reader(await inflate(packed.data));
-        const begin = new Float64Array(packed.count);
-        const end = new Float64Array(packed.count);
-        const codes = new Uint32Array(packed.count);
-        for (let i = 0, time = 0; i < packed.count; ++i) {
-            begin[i] = (time += next()) / 1e6;
-            end[i] = (time += next()) / 1e6;
-            codes[i] = next();
-        }
-        return { ...packed, begin, end, codes, data: null };
-    }
-
-    async function unpack(packed) {
-        const next = reader(await inflate(packed.data));
-        const numbers = packed.numbers.flatMap(([first, length]) =>
+    async function unpack(scene) {
+        const bytes = Uint8Array.from(atob(scene.data), (letter) => letter.charCodeAt(0));
+        const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('gzip'));
+        const data = await new Response(stream).json();
+        const [start, ...left] = columnsOf(data.times, scene.stages.length + 2, scene.unit);
+        // What a thread did when it did not sleep: from when to when, and which state on which CPU.
+        const threads = data.threads.map(({ times, ...thread }) => {
+            const [begin, end] = columnsOf(times, 2, 1e-6);
+            return { ...thread, begin, end };
+        });
+        const numbers = scene.numbers.flatMap(([first, length]) =>
             Array.from({ length }, (_, i) => BigInt(first) + BigInt(i)));
-        const count = numbers.length;
-        const codes = Uint8Array.from({ length: count }, next);
-        const known = new Float64Array(count);
-        const column = (isFirst) => {
-            const times = new Float64Array(count).fill(NaN);
-            for (let i = 0; i < count; ++i) {
-                if (isFirst && i > 0) {
-                    known[i] = known[i - 1];
-                }
-                const step = next();
-                if (step !== 0) {
-                    known[i] += step > 0 ? step - 1 : step;
-                    times[i] = known[i] * packed.unit;
-                }
-            }
-            return times;
-        };
-        const start = column(true);
-        const left = packed.stages.map(() => column(false));
-        const end = column(false);
-        const threads = await Promise.all((packed.threads ?? []).map(unpackThread));
-        return derive({ ...packed, numbers, codes, start, left, end, threads, data: null });
+        return derive({ ...scene, numbers, codes: data.codes, start, end: left.pop(), left, threads });
     }
 
     const PARTS = 200;  // Of a scene, for each of which the overview shows how long stages took.
@@ -546,7 +507,7 @@
             const row = places.find((place) => place.thread?.id === id);
             return row && row.y + row.height / 2;
         };
-        for (const { time, from, to } of scene.wakes ?? []) {
+        for (const { time, from, to } of scene.wakes) {
             const [a, b] = [middleOf(from), middleOf(to)];
             if (a && b && time >= view.from && time <= view.to) {
                 arrow(pen, xOf(time), a, b);

@@ -16,50 +16,43 @@
 namespace tools {
 namespace {
 
-// Appends a number of any size, a small one as one byte: seven bits a byte, the lowest first, and
-// the sign in the lowest of all.
-void Put(std::string& bytes, int64_t value) {
-    auto rest = (static_cast<uint64_t>(value) << 1) ^ static_cast<uint64_t>(value >> 63);
-    for (; rest >= 128; rest >>= 7) {
-        bytes += static_cast<char>(rest | 128);
-    }
-    bytes += static_cast<char>(rest);
+using Json = nlohmann::ordered_json;
+
+// Names come from captures, which hold any bytes; JSON holds UTF-8.
+std::string Text(const Json& json) {
+    return json.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-// A column a row of a frame: what became of it, when it was started, when it left each
-// stage, and when the HAL ended it, in units of the resolution since the scene's begin.
-std::string DataOf(const Scene& scene, Micros unit) {
-    std::string columns;
-    for (const Frame& frame : scene.frames) {
-        Put(columns, static_cast<int>(frame.status) + 16 * (frame.isLate ? 1 : 0) +
-                         32 * (frame.isNeverOut ? 1 : 0) + 64 * (frame.isUntold ? 1 : 0));
+// Times in units since `origin`, each as the step from the last one that is known; null where a
+// time is not known.
+Json StepsOf(const std::vector<Micros>& times, Micros origin, Micros unit) {
+    Json steps = Json::array();
+    int64_t known = 0;
+    for (const Micros time : times) {
+        const int64_t units = time == NO_TIME ? known : (time - origin) / unit;
+        steps.push_back(time == NO_TIME ? Json() : Json(units - known));
+        known = units;
     }
-    std::vector<int64_t> known(scene.frames.size());
-    // As the difference to what the reader knows by then, but never 0, which is for what is not
-    // known.
-    const auto put = [&](Micros time, size_t frame) {
-        if (time == NO_TIME) {
-            Put(columns, 0);
-            return;
-        }
-        const int64_t units = (time - scene.begin) / unit;
-        const int64_t step = units - known[frame];
-        Put(columns, step >= 0 ? step + 1 : step);
-        known[frame] = units;
-    };
+    return steps;
+}
+
+// What became of each frame; and when it was started, when it left each stage, and when the HAL
+// ended it, a frame after the other.
+Json FramesOf(const Scene& scene, Micros unit) {
+    Json codes = Json::array();
+    std::vector<Micros> times;
     for (size_t i = 0; i < scene.frames.size(); ++i) {
-        known[i] = i == 0 ? 0 : known[i - 1];
-        put(scene.frames[i].start, i);
-    }
-    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-        for (size_t i = 0; i < scene.frames.size(); ++i) {
-            put(scene.PassOf(i, stage).left, i);
+        const Frame& frame = scene.frames[i];
+        codes.push_back(static_cast<int>(frame.status) + 16 * (frame.isLate ? 1 : 0) +
+                        32 * (frame.isNeverOut ? 1 : 0) + 64 * (frame.isUntold ? 1 : 0));
+        times.push_back(frame.start);
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            times.push_back(scene.PassOf(i, stage).left);
         }
+        times.push_back(frame.end);
     }
-    for (size_t i = 0; i < scene.frames.size(); ++i) {
-        put(scene.frames[i].end, i);
-    }
-    return columns;
+    return {
+        {"codes", codes}, {"times", StepsOf(times, scene.begin, unit)}, {"threads", Json::array()}};
 }
 
 // The numbers of frames, as the first of each run of consecutive ones, in text as they may be
@@ -99,24 +92,21 @@ std::optional<std::map<double, double>> ClockSteps(const Account& account, const
     return steps;
 }
 
-using Json = nlohmann::ordered_json;
-
-// What a thread did when it did not sleep, in microseconds: for each time, how long after the one
-// before it began, how long it took, and the state with the CPU above that.
-Json ThreadOf(Micros begin, int32_t stage, int32_t tid, const std::string& name,
+// What a thread did when it did not sleep, in microseconds: from when to when, one after the other,
+// and the state with the CPU above that.
+Json ThreadOf(Micros origin, int32_t stage, const SchedThread& thread,
               const std::vector<Awake>& awake) {
-    std::string columns;
+    Json codes = Json::array();
+    std::vector<Micros> times;
     for (const Awake& one : awake) {
-        Put(columns, one.span.begin - begin);
-        Put(columns, one.span.end - one.span.begin);
-        Put(columns, static_cast<int64_t>(one.state) + int64_t{8} * (one.cpu + 1));
-        begin = one.span.end;
+        codes.push_back(static_cast<int64_t>(one.state) + int64_t{8} * (one.cpu + 1));
+        times.insert(times.end(), {one.span.begin, one.span.end});
     }
     return {{"stage", stage},
-            {"id", tid},
-            {"name", name},
-            {"count", awake.size()},
-            {"data", Base64(Gzip(columns))}};
+            {"id", thread.tid},
+            {"name", thread.name},
+            {"codes", codes},
+            {"times", StepsOf(times, origin, 1)}};
 }
 
 // The threads of a scene: the pipeline's by their stages, then those that kept them.
@@ -130,7 +120,7 @@ Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneSche
     Json threads = Json::array();
     const std::vector<SchedThread>& known = scheduling.trace->threads;
     const auto add = [&](uint32_t thread, int32_t stage) {
-        threads.push_back(ThreadOf(scene.begin, stage, known[thread].tid, known[thread].name,
+        threads.push_back(ThreadOf(scene.begin, stage, known[thread],
                                    AwakeOf(scheduling, thread, {scene.begin, scene.end})));
         others.erase(known[thread].tid);
     };
@@ -189,17 +179,18 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
                           {"stages", names},
                           {"words", words},
                           {"numbers", NumbersOf(scene)},
-                          {"data", Base64(Gzip(DataOf(scene, account.resolution)))}});
+                          {"wakes", WakesOf(scene)}});
+        Json data = FramesOf(scene, account.resolution);
         if (scheduling != nullptr) {
-            scenes.back()["threads"] = ThreadsOf(scene, *scheduling, scheduling->scenes[i]);
-            scenes.back()["wakes"] = WakesOf(scene);
+            data["threads"] = ThreadsOf(scene, *scheduling, scheduling->scenes[i]);
         }
+        scenes.back()["data"] = Base64(Gzip(Text(data)));
     }
     if (scenes.empty()) {
         return;
     }
     // JSON in HTML: no end of the element may stand in it.
-    std::string text = scenes.dump(-1, ' ', true, Json::error_handler_t::replace);
+    std::string text = Text(scenes);
     for (size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at)) {
         text.replace(at, 1, "\\u003c");
     }
