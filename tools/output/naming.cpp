@@ -11,14 +11,54 @@ namespace tools {
 namespace {
 
 // "camera 0", "cameras 0 and 2".
-template <typename Numbers>
-std::string Numbered(std::string_view one, std::string_view several, const Numbers& numbers) {
+std::string Numbered(std::string_view one, std::string_view several,
+                     const std::set<int32_t>& numbers) {
     std::vector<std::string> texts;
     texts.reserve(numbers.size());
     for (const int32_t number : numbers) {
         texts.push_back(std::to_string(number));
     }
     return fmt::format("{} {}", texts.size() == 1 ? one : several, Join(texts));
+}
+
+Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
+    Rows table = {{"name", "thread", "stages", "handed", "ran", "waited for a CPU", "slept",
+                   "blocked", "not known"}};
+    for (const ThreadUse& use : scene.threads) {
+        const SchedThread& thread = scheduling.trace->threads[use.thread];
+        std::vector<std::string> row = {
+            Printable(thread.name), std::to_string(thread.tid),
+            use.stages.empty() ? "-" : fmt::format("{}", fmt::join(use.stages, " ")),
+            !scene.isHandedKnown ? "?"
+            : use.isHanded       ? "yes"
+                                 : "no"};
+        for (const ThreadState state :
+             {ThreadState::Running, ThreadState::Runnable, ThreadState::Sleeping,
+              ThreadState::Blocked, ThreadState::Unknown}) {
+            row.push_back(Milliseconds(use.shares[static_cast<size_t>(state)], MILLISECOND));
+        }
+        table.push_back(row);
+    }
+    return table;
+}
+
+Rows WaitingOf(const SceneScheduling& scene) {
+    Rows table = {{"threads", "how many", "p50 in the scene", "p99 in the scene", "p50 outside",
+                   "p99 outside"}};
+    const auto add = [&table](const char* name, const Waiting& waiting) {
+        if (waiting.threads == 0) {
+            return;
+        }
+        std::vector<std::string> row = {name, std::to_string(waiting.threads)};
+        for (const Statistics* figures : {&waiting.inside, &waiting.outside}) {
+            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p50, 1));
+            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p99, 1));
+        }
+        table.push_back(row);
+    };
+    add("handed to the service", scene.handed);
+    add(!scene.isHandedKnown ? "of the pipeline" : "of the pipeline, not handed", scene.others);
+    return table;
 }
 
 }  // namespace
@@ -158,17 +198,13 @@ std::vector<SharedConfiguration> ConfigurationsOf(const Account& account) {
             same->configuration = std::move(both);
             same->findings = loaded.findings;
         }
-        const auto place =
-            std::lower_bound(same->processes.begin(), same->processes.end(), loaded.process);
-        if (place == same->processes.end() || *place != loaded.process) {
-            same->processes.insert(place, loaded.process);
-        }
+        same->processes.insert(loaded.process);
     }
     return all;
 }
 
 std::string TitleOf(const std::vector<SharedConfiguration>& all, const SharedConfiguration& one) {
-    if (all.size() == 1 || one.processes.front() < 0) {
+    if (all.size() == 1 || *one.processes.begin() < 0) {
         return "Configuration";
     }
     return "Configuration of " + Numbered("process", "processes", one.processes);
@@ -191,27 +227,6 @@ std::string TitleOf(const Scheduling& scheduling) {
     return text;
 }
 
-Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
-    Rows table = {{"name", "thread", "stages", "handed", "ran", "waited for a CPU", "slept",
-                   "blocked", "not known"}};
-    for (const ThreadUse& use : scene.threads) {
-        const SchedThread& thread = scheduling.trace->threads[use.thread];
-        std::vector<std::string> row = {
-            Printable(thread.name), std::to_string(thread.tid),
-            use.stages.empty() ? "-" : fmt::format("{}", fmt::join(use.stages, " ")),
-            !scene.isHandedKnown ? "?"
-            : use.isHanded       ? "yes"
-                                 : "no"};
-        for (const ThreadState state :
-             {ThreadState::Running, ThreadState::Runnable, ThreadState::Sleeping,
-              ThreadState::Blocked, ThreadState::Unknown}) {
-            row.push_back(Milliseconds(use.shares[static_cast<size_t>(state)], MILLISECOND));
-        }
-        table.push_back(row);
-    }
-    return table;
-}
-
 std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {
     const Tie& tie = *scheduling.tie;
     std::vector<Awake> all;
@@ -226,23 +241,14 @@ std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span s
     return all;
 }
 
-Rows WaitingOf(const SceneScheduling& scene) {
-    Rows table = {{"threads", "how many", "p50 in the scene", "p99 in the scene", "p50 outside",
-                   "p99 outside"}};
-    const auto add = [&table](const char* name, const Waiting& waiting) {
-        if (waiting.threads == 0) {
-            return;
-        }
-        std::vector<std::string> row = {name, std::to_string(waiting.threads)};
-        for (const Statistics* figures : {&waiting.inside, &waiting.outside}) {
-            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p50, 1));
-            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p99, 1));
-        }
-        table.push_back(row);
-    };
-    add("handed to the service", scene.handed);
-    add(!scene.isHandedKnown ? "of the pipeline" : "of the pipeline, not handed", scene.others);
-    return table;
+std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t scene) {
+    if (scheduling == nullptr || scheduling->scenes[scene].threads.empty()) {
+        return {};
+    }
+    return {{"Threads", "Threads, in milliseconds from the scene's first line to its last",
+             ThreadsOf(*scheduling, scheduling->scenes[scene])},
+            {"Waiting", "Waited for a CPU in each frame period, all threads together, milliseconds",
+             WaitingOf(scheduling->scenes[scene])}};
 }
 
 }  // namespace tools

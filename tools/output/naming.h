@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -43,14 +44,14 @@ double RateOf(const Scene& scene);
 // "trace.txt: a scheduler trace of 1.559 s, 1082 counters of which tie it to the log, ...".
 std::string TitleOf(const Scheduling& scheduling);
 
-// What each thread of a scene did, in milliseconds, and for how long all of them waited for a CPU
-// in each period. Their captions say what the figures are.
-inline constexpr char THREADS_CAPTION[] =
-    "Threads, in milliseconds from the scene's first line to its last";
-inline constexpr char WAITING_CAPTION[] =
-    "Waited for a CPU in each frame period, all threads together, milliseconds";
-Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene);
-Rows WaitingOf(const SceneScheduling& scene);
+// What each thread of a scene did, and for how long all of them waited for a CPU in each period.
+// Nothing where the scene has no threads. `scheduling`: null where there is no scheduler trace.
+struct CaptionedTable {
+    const char* name;  // In a word.
+    const char* caption;
+    Rows rows;
+};
+std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t scene);
 
 // A time in which a thread did not sleep, by the log's clock.
 struct Awake {
@@ -77,8 +78,8 @@ std::vector<PlacedFinding> FindingsOf(const Account& account);
 // A configuration, and the processes that loaded it.
 struct SharedConfiguration {
     Configuration configuration;
-    std::vector<Finding> findings;   // Of the checker.
-    std::vector<int32_t> processes;  // Ascending, each once.
+    std::vector<Finding> findings;  // Of the checker.
+    std::set<int32_t> processes;
 };
 
 // Configurations that are the same, as far as is known, are one.

@@ -1,6 +1,7 @@
 #include "tools/output/page.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <array>
@@ -35,6 +36,22 @@ std::string FrameLink(size_t scene, int64_t frame) {
 std::string RangeLinks(size_t scene, const FrameRange& range) {
     return FrameLink(scene, range.first) +
            (range.first == range.last ? "" : "–" + FrameLink(scene, range.last));
+}
+
+// To the frames that the finding is about; of a long range, to both ends.
+std::vector<std::string> LinksOf(size_t scene, const SceneFinding& finding) {
+    constexpr uint64_t LISTED = 50;
+    std::vector<std::string> links;
+    for (FrameRange range : finding.frames) {
+        // Unsigned: numbers may be anything.
+        const bool isLong =
+            static_cast<uint64_t>(range.last) - static_cast<uint64_t>(range.first) >= LISTED;
+        for (; !isLong && range.first < range.last; ++range.first) {
+            links.push_back(FrameLink(scene, range.first));
+        }
+        links.push_back(RangeLinks(scene, range));
+    }
+    return links;
 }
 
 class Page {
@@ -138,28 +155,10 @@ class Page {
         out << "<details><summary>What <code>" << NameOf(finding.check)
             << "</code> means, and what to do</summary><dl><dt>What happened<dd>"
             << Markdown{meaning.what} << "<dt>What to do<dd>" << Markdown{meaning.remedy};
-        if (scene) {
-            WriteFrameLinks(*scene, finding.frames);
+        if (scene && !finding.frames.empty()) {
+            out << "<dt>Frames<dd>" << fmt::format("{}", fmt::join(LinksOf(*scene, finding), ", "));
         }
         out << "</dl></details></li>\n";
-    }
-
-    void WriteFrameLinks(size_t scene, const std::vector<FrameRange>& ranges) {
-        constexpr uint64_t LISTED = 50;  // Of a longer range only both ends.
-        const char* separator = "<dt>Frames<dd>";
-        for (const FrameRange& range : ranges) {
-            // Unsigned: numbers may be anything.
-            const uint64_t more =
-                static_cast<uint64_t>(range.last) - static_cast<uint64_t>(range.first);
-            if (more >= LISTED) {
-                out << std::exchange(separator, ", ") << RangeLinks(scene, range);
-                continue;
-            }
-            for (uint64_t i = 0; i <= more; ++i) {
-                out << std::exchange(separator, ", ")
-                    << FrameLink(scene, range.first + static_cast<int64_t>(i));
-            }
-        }
     }
 
     void WriteMessage(Severity severity, const std::string& message, const std::string& check) {
@@ -217,12 +216,9 @@ class Page {
         if (!scene.frames.empty()) {
             WriteFigures(index);
         }
-        if (scheduling != nullptr && !scheduling->scenes[index].threads.empty()) {
-            const SceneScheduling& threads = scheduling->scenes[index];
-            WriteRows(fmt::format("Threads of scene {}", index + 1), " class=figures",
-                      THREADS_CAPTION, ThreadsOf(*scheduling, threads));
-            WriteRows(fmt::format("Waiting of scene {}", index + 1), " class=figures",
-                      WAITING_CAPTION, WaitingOf(threads));
+        for (const CaptionedTable& table : ThreadTablesOf(scheduling, index)) {
+            WriteRows(fmt::format("{} of scene {}", table.name, index + 1), " class=figures",
+                      table.caption, table.rows);
         }
         out << "</section>\n";
     }

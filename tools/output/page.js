@@ -105,7 +105,8 @@
         });
         const numbers = scene.numbers.flatMap(([first, length]) =>
             Array.from({ length }, (_, i) => BigInt(first) + BigInt(i)));
-        return derive({ ...scene, numbers, codes: data.codes, start, end: left.pop(), left, threads });
+        const end = left.pop();
+        return derive({ ...scene, numbers, codes: data.codes, start, left, end, threads });
     }
 
     const PARTS = 200;  // Of a scene, for each of which the overview shows how long stages took.

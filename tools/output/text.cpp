@@ -17,13 +17,6 @@ namespace {
 
 constexpr size_t ROWS = 40;  // Of the table of frames, unless all are asked for.
 
-std::string Capitalized(std::string text) {
-    if (!text.empty() && text.front() >= 'a' && text.front() <= 'z') {
-        text.front() = static_cast<char>(text.front() - 'a' + 'A');
-    }
-    return text;
-}
-
 void WriteCapture(std::ostream& out, const Account& account) {
     out << fmt::format("{}{}{}, {} of them the library's", fmt::join(account.inputs, ", "),
                        account.inputs.empty() ? "" : ": ", Counted(account.lines, "line"),
@@ -193,19 +186,19 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
     }
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         const Scene& scene = account.scenes[i];
+        std::string title = TitleOf(account, i);
+        title[0] = 'S';
         out << '\n'
-            << Capitalized(TitleOf(account, i)) << DurationOf(scene)
+            << title << DurationOf(scene)
             << (scene.isBeginningMissing ? "; it had begun before the capture\n" : "\n");
         for (const SceneFinding& finding : scene.findings) {
             out << LineOf(account, &scene, finding) << '\n';
         }
         if (scene.isStarted) {
             WriteFigures(out, account, scene);
-            if (scheduling != nullptr && !scheduling->scenes[i].threads.empty()) {
-                out << '\n' << THREADS_CAPTION << ":\n";
-                WriteTable(out, ThreadsOf(*scheduling, scheduling->scenes[i]), Columns::Figures);
-                out << '\n' << WAITING_CAPTION << ":\n";
-                WriteTable(out, WaitingOf(scheduling->scenes[i]), Columns::Figures);
+            for (const CaptionedTable& table : ThreadTablesOf(scheduling, i)) {
+                out << '\n' << table.caption << ":\n";
+                WriteTable(out, table.rows, Columns::Figures);
             }
             WriteFrames(out, account, scene, shown);
         }
