@@ -10,10 +10,7 @@
 #include "tools/account/summary.h"
 #include "tools/log/capture.h"
 #include "tools/log/message.h"
-#include "tools/output/json.h"
-#include "tools/output/page.h"
-#include "tools/output/text.h"
-#include "tools/output/trace.h"
+#include "tools/output/outputs.h"
 #include "tools/session/made_session.h"
 #include "tools/session/session.h"
 

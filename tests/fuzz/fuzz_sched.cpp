@@ -10,9 +10,7 @@
 
 #include "tests/fuzz/require.h"
 #include "tools/account/facts.h"
-#include "tools/output/json.h"
-#include "tools/output/text.h"
-#include "tools/output/trace.h"
+#include "tools/output/outputs.h"
 #include "tools/sched/scheduling.h"
 
 namespace {

@@ -17,10 +17,7 @@
 #include "tools/base/words.h"
 #include "tools/command/subcommands.h"
 #include "tools/output/gzip.h"
-#include "tools/output/json.h"
-#include "tools/output/page.h"
-#include "tools/output/text.h"
-#include "tools/output/trace.h"
+#include "tools/output/outputs.h"
 #include "tools/sched/scheduling.h"
 #include "tools/session/made_session.h"
 

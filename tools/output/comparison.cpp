@@ -12,7 +12,7 @@
 
 #include "tools/base/table.h"
 #include "tools/base/text.h"
-#include "tools/output/text.h"
+#include "tools/output/outputs.h"
 
 namespace tools {
 namespace {

@@ -1,10 +1,12 @@
+// The account as a table, a row a frame.
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <iterator>
 #include <string>
 
-#include "tools/output/json.h"
+#include "tools/output/outputs.h"
 
 namespace tools {
 

@@ -1,9 +1,10 @@
-#include "tools/output/json.h"
+// The account for programs.
 
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "tools/check/report.h"
+#include "tools/output/outputs.h"
 
 namespace tools {
 namespace {

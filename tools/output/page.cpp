@@ -1,4 +1,4 @@
-#include "tools/output/page.h"
+// The account as a page to look at.
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -15,8 +15,7 @@
 #include "tools/base/text.h"
 #include "tools/check/report.h"
 #include "tools/output/html.h"
-#include "tools/output/meaning.h"
-#include "tools/output/naming.h"
+#include "tools/output/outputs.h"
 #include "tools/output/page_assets.h"
 #include "tools/output/timeline.h"
 
@@ -151,10 +150,15 @@ class Page {
             out << " <a href=\"#finding=" << number << "\">scene " << *scene + 1
                 << (moment == NO_TIME ? "" : ", " + Seconds(moment) + " s") << "</a>";
         }
-        const Meaning meaning = MeaningOf(finding.check);
+        // The guide to the field, docs/field.md, is built in and says what findings and words mean:
+        // there is no second text to keep in step.
+        std::string_view guide = FIELD_GUIDE;
+        Take(guide, "\n| finding |");  // Before it, a status may have the same name.
+        Take(guide, fmt::format("\n| `{}` | ", NameOf(finding.check)));
+        const std::string_view what = Take(guide, " | ");
         out << "<details><summary>What <code>" << NameOf(finding.check)
-            << "</code> means, and what to do</summary><dl><dt>What happened<dd>"
-            << Markdown{meaning.what} << "<dt>What to do<dd>" << Markdown{meaning.remedy};
+            << "</code> means, and what to do</summary><dl><dt>What happened<dd>" << Markdown{what}
+            << "<dt>What to do<dd>" << Markdown{Take(guide, " |\n")};
         if (scene && !finding.frames.empty()) {
             out << "<dt>Frames<dd>" << fmt::format("{}", fmt::join(LinksOf(*scene, finding), ", "));
         }
@@ -404,8 +408,24 @@ class Page {
 
     void WriteWords() {
         out << "<details id=words><summary>What the words mean</summary><dl id=words-list>\n";
-        for (const Explanation& word : Words()) {
-            out << "<dt>" << Markdown{word.term} << "<dd>" << Markdown{word.text} << '\n';
+        const auto add = [this](std::string_view term, std::string_view text) {
+            out << "<dt>" << Markdown{term} << "<dd>" << Markdown{text} << '\n';
+        };
+        std::string_view guide = FIELD_GUIDE;
+        Take(guide, "\n| status | meaning |\n|---|---|\n");
+        std::string_view statuses = Take(guide, "\n\n");
+        while (!statuses.empty()) {
+            std::string_view row = Take(statuses, "\n");
+            Take(row, "| ");
+            const std::string_view term = Take(row, " | ");
+            add(term, Take(row, " |"));
+        }
+        Take(guide, "\n## Words\n");
+        Take(guide, "\n- **");
+        while (!guide.empty()) {
+            std::string_view item = Take(guide, "\n- **");
+            const std::string_view term = Take(item, "**: ");
+            add(term, item);
         }
         out << "</dl></details>\n";
     }

@@ -1,4 +1,6 @@
-#include "tools/output/text.h"
+// The account as text for people.
+
+#include "tools/base/text.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -9,8 +11,8 @@
 #include <vector>
 
 #include "tools/base/table.h"
-#include "tools/base/text.h"
 #include "tools/check/report.h"
+#include "tools/output/outputs.h"
 
 namespace tools {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/output/trace.h"
+// The account as a trace, in Chrome's JSON form.
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -14,7 +14,7 @@
 #include <tuple>
 #include <vector>
 
-#include "tools/output/naming.h"
+#include "tools/output/outputs.h"
 
 namespace tools {
 namespace {
