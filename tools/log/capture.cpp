@@ -163,7 +163,6 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
     message->place = place;
     CheckOrder(record, *message);
     const Moment moment = MomentOf(record, place);
-    summary.hasThreads = summary.hasThreads || record.thread != -1;
     const MessageKind kind = message->kind;
     if (kind == MessageKind::NodeEnd || kind == MessageKind::FrameStart) {
         isInScene = true;
@@ -192,9 +191,8 @@ void CaptureReader::NoteNotUnderstood(std::string_view text, const Place& place)
     ++summary.notUnderstood;
     if (summary.firstNotUnderstood.size() < SHOWN_NOT_UNDERSTOOD) {
         std::string shown(text.substr(0, SHOWN_LENGTH));
-        for (char& character : shown) {
-            character = static_cast<unsigned char>(character) < ' ' ? '?' : character;
-        }
+        std::replace_if(
+            shown.begin(), shown.end(), [](unsigned char byte) { return byte < ' '; }, '?');
         summary.firstNotUnderstood.push_back({place, std::move(shown)});
     }
 }

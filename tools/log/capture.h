@@ -56,7 +56,6 @@ struct CaptureSummary {
     int64_t lost = 0;          // Lines that the log says it left out.
     std::string damage;        // Why an input could not be read to its end; empty if all could.
     std::string from, to;      // Of the library's lines, as the log's clock says.
-    bool hasThreads = false;   // Some lines of the library had a thread.
     Micros resolution = 1000;  // Of the times: 1000 where all are whole milliseconds, else 1.
     // The time of the last line of any tag, as far as it has been looked at.
     Micros last = NO_TIME;

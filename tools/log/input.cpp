@@ -22,25 +22,16 @@ bool IsReport(std::string_view name) {
     return name.starts_with("bugreport-") && name.ends_with(".txt");
 }
 
-// Which of the files in a zip are read.
-enum class Files : uint8_t { Reports, All };
-
-enum class Kind : uint8_t { Text, Gzip, Zip };
-
-Kind KindOf(archive* source) {
-    const bool isZip = (archive_format(source) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP;
-    const bool isGzip = archive_filter_code(source, 0) == ARCHIVE_FILTER_GZIP;
-    return isZip ? Kind::Zip : isGzip ? Kind::Gzip : Kind::Text;
-}
-
 struct Contents {
-    Kind kind = Kind::Text;
+    bool isZip = false, isGzip = false;
     int files = 0;  // How many were read.
 };
 
 using Progress = std::function<bool(int64_t, int64_t)>;
 
-Contents ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress, Files files) {
+// `isWanted`: by its name, of the files in a zip.
+Contents ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress,
+                   bool (*isWanted)(std::string_view name)) {
     const std::unique_ptr<archive, int (*)(archive*)> owner(archive_read_new(), archive_read_free);
     archive* const all = owner.get();
     archive_read_support_filter_gzip(all);
@@ -60,16 +51,19 @@ Contents ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress, F
     const auto isStopped = [&] {
         return onProgress && !onProgress(archive_filter_bytes(all, -1), size);
     };
+    const auto isZip = [all] {
+        return (archive_format(all) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP;
+    };
     check(archive_read_open_fd(all, descriptor, PIECE));
-    int count = 0;
+    Contents contents;
     archive_entry* entry = nullptr;
     while (check(archive_read_next_header(all, &entry)) != ARCHIVE_EOF) {
         const char* const path = archive_entry_pathname(entry);
         if (path == nullptr || archive_entry_filetype(entry) != AE_IFREG ||
-            (KindOf(all) == Kind::Zip && files == Files::Reports && !IsReport(path))) {
+            (isZip() && !isWanted(path))) {
             continue;
         }
-        ++count;
+        ++contents.files;
         const void* piece = nullptr;
         size_t length = 0;
         la_int64_t offset = 0;
@@ -88,23 +82,25 @@ Contents ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress, F
         }
         check(status);
     }
-    return {KindOf(all), count};
+    contents.isZip = isZip();
+    contents.isGzip = archive_filter_code(all, 0) == ARCHIVE_FILTER_GZIP;
+    return contents;
 }
 
 }  // namespace
 
 void ReadText(TextSink& sink, int descriptor, const Progress& onProgress) {
-    Contents contents = ReadFiles(sink, descriptor, onProgress, Files::Reports);
-    if (contents.kind == Kind::Zip && contents.files == 0 && lseek(descriptor, 0, SEEK_SET) == 0) {
-        contents = ReadFiles(sink, descriptor, onProgress, Files::All);
+    Contents contents = ReadFiles(sink, descriptor, onProgress, IsReport);
+    if (contents.isZip && contents.files == 0 && lseek(descriptor, 0, SEEK_SET) == 0) {
+        contents = ReadFiles(sink, descriptor, onProgress, [](std::string_view) { return true; });
     }
     if (contents.files != 0) {
         return;
     }
-    if (contents.kind == Kind::Zip) {
+    if (contents.isZip) {
         throw CaptureError("is a zip without a bug report in it");
     }
-    if (contents.kind == Kind::Gzip) {
+    if (contents.isGzip) {
         throw CaptureError("is a gzip file with nothing in it: empty, or cut off");
     }
     sink.End();

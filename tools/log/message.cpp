@@ -1,8 +1,8 @@
 #include "tools/log/message.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstring>
 #include <string_view>
 #include <utility>
 #include <variant>
@@ -12,60 +12,64 @@
 namespace tools {
 namespace {
 
+using enum MessageKind;
+
 // The forms, those that a frame leaves most often first: they are tried in this order.
 constexpr MessageForm FORMS[] = {
-    {MessageKind::StageStart, FACADE_TAG, "TcfbtNotifyStageStart",
-     "halFrameNumber = {frame}, stage = {stage}, nodeName = {name}"},
-    {MessageKind::StageEnd, FACADE_TAG, "TcfbtNotifyStageEnd",
-     "halFrameNumber = {frame}, stage = {stage}, nodeName = {name}"},
-    {MessageKind::NodeEnd, FACADE_TAG, "TcfbtNotifyNodeEnd",
+    {StageStart, FACADE_TAG, "TcfbtNotifyStageStart",
+     "halFrameNumber = {frame}, stage = {stage}, nodeName = {name}", ""},
+    {StageEnd, FACADE_TAG, "TcfbtNotifyStageEnd",
+     "halFrameNumber = {frame}, stage = {stage}, nodeName = {name}", ""},
+    {NodeEnd, FACADE_TAG, "TcfbtNotifyNodeEnd",
      "halFrameNumber = {frame}, nodeName = {name}, stage = {stage}, maxStageCnt = {count}, "
      "portId = {port}, currentCameraId = {camera}, isMaterCamera = {flag}"},
-    {MessageKind::FrameStart, FACADE_TAG, "TcfbtNotifyFrameStart", "halFrameNumber = {frame}"},
-    {MessageKind::FrameEnd, FACADE_TAG, "TcfbtNotifyFrameEnd", "halFrameNumber = {frame}"},
-    {MessageKind::FrameAdded, UTILS_TAG, "CheckIfCouldStartFrame",
-     "new frame added, is error = {flag}"},
-    {MessageKind::FrameAlreadyExists, UTILS_TAG, "CheckIfCouldStartFrame",
-     "frameNumber: {frame} already exists"},
-    {MessageKind::FrameNotContinuous, UTILS_TAG, "CheckIfCouldStartFrame",
+    {FrameStart, FACADE_TAG, "TcfbtNotifyFrameStart", "halFrameNumber = {frame}", ""},
+    {FrameEnd, FACADE_TAG, "TcfbtNotifyFrameEnd", "halFrameNumber = {frame}", ""},
+    {FrameAdded, UTILS_TAG, "CheckIfCouldStartFrame", "new frame added, is error = {flag}"},
+    {FrameAlreadyExists, UTILS_TAG, "CheckIfCouldStartFrame", "frameNumber: {frame} already exists",
+     "already in flight"},
+    {FrameNotContinuous, UTILS_TAG, "CheckIfCouldStartFrame",
      "frameNumber continuity check fail, lastFrameNumber: {lastFrame}, "
-     "current frameNumber: {frame}"},
-    {MessageKind::TableFull, UTILS_TAG, "CheckIfCouldStartFrame",
+     "current frameNumber: {frame}",
+     "does not follow the newest frame"},
+    {TableFull, UTILS_TAG, "CheckIfCouldStartFrame",
      "current frameData size({count}) > MAX_FRAME_TRACKED({limit}), mark and notify frame error"},
-    {MessageKind::EndedFrameNotExist, UTILS_TAG, "CheckIfCouldEndFrame",
-     "frameNumber: {frame} not exist"},
-    {MessageKind::FrameNotExist, UTILS_TAG, "CheckFrameStatus",
-     "frameNumber not exist, frameNumber = {frame}"},
-    {MessageKind::FrameInError, UTILS_TAG, "CheckFrameStatus",
-     "is error frame, notify frame error, frameNumber = {frame}"},
-    {MessageKind::FrameRemoved, UTILS_TAG, "CheckFrameStatus",
-     "remove frame, frameNumber = {frame}"},
-    {MessageKind::FrameNotExist, UTILS_TAG, "CheckStagesStatus",
-     "frameNumber not exist, frameNumber = {frame}"},
-    {MessageKind::StageNotInRange, UTILS_TAG, "CheckStagesStatus",
+    {EndedFrameNotExist, UTILS_TAG, "CheckIfCouldEndFrame", "frameNumber: {frame} not exist",
+     "not in flight"},
+    {FrameNotExist, UTILS_TAG, "CheckFrameStatus", "frameNumber not exist, frameNumber = {frame}",
+     "the frame is not in flight"},
+    {FrameInError, UTILS_TAG, "CheckFrameStatus",
+     "is error frame, notify frame error, frameNumber = {frame}", "the frame is in error"},
+    {FrameRemoved, UTILS_TAG, "CheckFrameStatus", "remove frame, frameNumber = {frame}",
+     "the frame is not in flight"},
+    {FrameNotExist, UTILS_TAG, "CheckStagesStatus", "frameNumber not exist, frameNumber = {frame}",
+     "the frame is not in flight"},
+    {StageNotInRange, UTILS_TAG, "CheckStagesStatus",
      "stage error, notify frame error, frameNumber = {frame}, stage = {stage}, "
-     "stageCount = {count}"},
-    {MessageKind::StageOutOfOrder, UTILS_TAG, "CheckStagesStatus",
+     "stageCount = {count}",
+     "no such stage"},
+    {StageOutOfOrder, UTILS_TAG, "CheckStagesStatus",
      "stage status check error, notify frame error, frameNumber = {frame}, stage = {stage}, "
-     "error stage = {otherStage}"},
-    {MessageKind::StageOutOfTurn, UTILS_TAG, "CheckStagesStatus",
-     "stage status check error, notify frame error, frameNumber = {frame}, stage = {stage}"},
-    {MessageKind::NoVideo, FACADE_TAG, "TcfbtSetSceneInfo",
+     "error stage = {otherStage}",
+     "out of order with another stage"},
+    {StageOutOfTurn, UTILS_TAG, "CheckStagesStatus",
+     "stage status check error, notify frame error, frameNumber = {frame}, stage = {stage}",
+     "the stage has run already, or has not started"},
+    {NoVideo, FACADE_TAG, "TcfbtSetSceneInfo",
      "isVideo ={flag}, resolution = {width}, fps = {fps}, mFps = {acceptedFps}, "
      "cfbtScene = {scene}"},
-    {MessageKind::Video, FACADE_TAG, "TcfbtSetSceneInfo",
+    {Video, FACADE_TAG, "TcfbtSetSceneInfo",
      "resolution = {width}, fps = {fps}, mFps = {acceptedFps}, cfbtScene = {scene}"},
-    {MessageKind::SceneDisabled, FACADE_TAG, "TcfbtNotifySceneStart", "cameraframeboost disabled"},
-    {MessageKind::SceneStart, FACADE_TAG, "TcfbtNotifySceneStart", "isSceneStarted = {truth}"},
-    {MessageKind::SceneEnd, FACADE_TAG, "TcfbtNotifySceneEnd", ""},
-    {MessageKind::SetTid, FACADE_TAG, "TcfbtSetTids", "tid = {tid} "},
-    {MessageKind::RemoveTid, FACADE_TAG, "TcfbtRemoveTids", "tid = {tid}"},
-    {MessageKind::AddPersistTid, FACADE_TAG, "TcfbtAddPersistTids", "name = {name}, tid = {tid} "},
-    {MessageKind::DumpInfo, FACADE_TAG, "DumpInfo", "DumpInfo PersistTids size = {count}"},
-    {MessageKind::DumpSwitch, UTILS_TAG, "DumpConfig", "frameboost enable = {flag}"},
-    {MessageKind::DumpModes, UTILS_TAG, "DumpConfig", "supportOperationModeList = {list}"},
-    {MessageKind::DumpStage, UTILS_TAG, "DumpConfig",
-     "stage = {stage}, nodename = {name}, nodeport = {list}"},
+    {SceneDisabled, FACADE_TAG, "TcfbtNotifySceneStart", "cameraframeboost disabled"},
+    {SceneStart, FACADE_TAG, "TcfbtNotifySceneStart", "isSceneStarted = {truth}"},
+    {SceneEnd, FACADE_TAG, "TcfbtNotifySceneEnd", ""},
+    {SetTid, FACADE_TAG, "TcfbtSetTids", "tid = {tid} "},
+    {RemoveTid, FACADE_TAG, "TcfbtRemoveTids", "tid = {tid}"},
+    {AddPersistTid, FACADE_TAG, "TcfbtAddPersistTids", "name = {name}, tid = {tid} "},
+    {DumpInfo, FACADE_TAG, "DumpInfo", "DumpInfo PersistTids size = {count}"},
+    {DumpSwitch, UTILS_TAG, "DumpConfig", "frameboost enable = {flag}"},
+    {DumpModes, UTILS_TAG, "DumpConfig", "supportOperationModeList = {list}"},
+    {DumpStage, UTILS_TAG, "DumpConfig", "stage = {stage}, nodename = {name}, nodeport = {list}"},
 };
 
 // Where the value of a field goes; the first is none.
@@ -131,15 +135,12 @@ bool TakeFlag(std::string_view& text, bool& flag) {
 
 // Takes what stands before the last `words` in the text: they may stand in a name as well.
 bool TakeText(std::string_view& text, std::string_view words, std::string_view& value) {
-    size_t end = text.size();
-    if (!words.empty()) {
-        end = text.find(words);
-        if (end == std::string_view::npos) {
-            return false;
-        }
-        for (size_t next = end; next != std::string_view::npos; next = text.find(words, end + 1)) {
-            end = next;
-        }
+    size_t end = words.empty() ? text.size() : text.find(words);
+    for (size_t next = end; next < text.size(); next = text.find(words, end + 1)) {
+        end = next;
+    }
+    if (end == std::string_view::npos) {
+        return false;
     }
     value = text.substr(0, end);
     text.remove_prefix(end);
@@ -164,37 +165,10 @@ std::string_view WithoutBlanksBehind(std::string_view text) {
     return text.substr(0, text.find_last_not_of(' ') + 1);
 }
 
-// Whether the text begins with the words. They are short, and there are several in each message:
-// calling memcmp for each took a tenth of all the time that reading a capture takes.
-bool BeginsWith(std::string_view text, std::string_view words) {
-    if (text.size() < words.size()) {
-        return false;
-    }
-    const char* one = text.data();
-    const char* other = words.data();
-    size_t left = words.size();
-    for (; left >= sizeof(uint64_t); left -= sizeof(uint64_t)) {
-        uint64_t ofOne = 0;
-        uint64_t ofOther = 0;
-        std::memcpy(&ofOne, one, sizeof(ofOne));
-        std::memcpy(&ofOther, other, sizeof(ofOther));
-        if (ofOne != ofOther) {
-            return false;
-        }
-        one += sizeof(uint64_t);
-        other += sizeof(uint64_t);
-    }
-    for (; left > 0 && *one == *other; --left) {
-        ++one;
-        ++other;
-    }
-    return left == 0;
-}
-
 bool Matches(const Parts& parts, std::string_view text, Message& message) {
     for (size_t i = 0;; ++i) {
         const auto& [words, target] = parts[i];
-        if (BeginsWith(text, words)) {
+        if (text.starts_with(words)) {
             text.remove_prefix(words.size());
         } else if (text == WithoutBlanksBehind(words)) {
             text = {};
@@ -217,42 +191,15 @@ std::span<const MessageForm> MessageForms() {
 }
 
 const char* RefusalOf(MessageKind kind) {
-    switch (kind) {
-        case MessageKind::FrameStart:
-        case MessageKind::FrameEnd:
-        case MessageKind::StageStart:
-        case MessageKind::StageEnd:
-            return "";
-        case MessageKind::FrameAlreadyExists:
-            return "already in flight";
-        case MessageKind::FrameNotContinuous:
-            return "does not follow the newest frame";
-        case MessageKind::EndedFrameNotExist:
-            return "not in flight";
-        case MessageKind::FrameNotExist:
-        case MessageKind::FrameRemoved:
-            return "the frame is not in flight";
-        case MessageKind::FrameInError:
-            return "the frame is in error";
-        case MessageKind::StageNotInRange:
-            return "no such stage";
-        case MessageKind::StageOutOfOrder:
-            return "out of order with another stage";
-        case MessageKind::StageOutOfTurn:
-            return "the stage has run already, or has not started";
-        default:
-            return nullptr;
-    }
-}
-
-bool IsLibraryText(std::string_view text) {
-    return BeginsWith(text, LIBRARY_FILE);
+    return std::find_if(std::begin(FORMS), std::end(FORMS),
+                        [kind](const MessageForm& form) { return form.kind == kind; })
+        ->refusal;
 }
 
 std::optional<Message> ParseMessage(std::string_view tag, std::string_view text) {
     // "file line:function() "
-    const size_t blank =
-        IsLibraryText(text) ? text.find(' ', LIBRARY_FILE.size()) : std::string_view::npos;
+    const size_t blank = text.starts_with(LIBRARY_FILE) ? text.find(' ', LIBRARY_FILE.size())
+                                                        : std::string_view::npos;
     if (blank == std::string_view::npos) {
         return {};
     }
@@ -272,7 +219,7 @@ std::optional<Message> ParseMessage(std::string_view tag, std::string_view text)
     }
     for (size_t i = 0; i < CUT_UP_FORMS.size(); ++i) {
         const MessageForm& form = FORMS[i];
-        if (form.function.size() == function.size() && BeginsWith(function, form.function) &&
+        if (form.function.size() == function.size() && function.starts_with(form.function) &&
             (form.tag.data() == tag.data() || form.tag == tag) &&
             Matches(CUT_UP_FORMS[i], text, message)) {
             message.kind = form.kind;

@@ -77,6 +77,7 @@ struct MessageForm {
     std::string_view tag;
     std::string_view function;
     std::string_view text;
+    const char* refusal = nullptr;  // As RefusalOf says.
 };
 
 // All of them. A kind may have several.
@@ -93,9 +94,6 @@ inline constexpr std::string_view FACADE_TAG = "cameraframeboost";
 inline constexpr std::string_view UTILS_TAG = "tarvocameraframeboostutils";
 // The stem of its files' names, with which every message begins.
 inline constexpr std::string_view LIBRARY_FILE = "tarvocameraframeboost";
-
-// Whether a message begins as all of the library's do, whatever its tag.
-bool IsLibraryText(std::string_view text);
 
 // Reads a message, which the result points into. Blanks at the end may be missing. Nothing for what
 // the library does not write.

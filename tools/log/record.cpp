@@ -56,40 +56,29 @@ void AppendHead(std::string& text, const Format& format, const Record& record) {
     }
 }
 
-// Whether `word` is a modifier; if so it is in `format`.
-bool SetModifier(Format& format, std::string_view word) {
-    const std::pair<std::string_view, bool*> flags[] = {
-        {"year", &format.hasYear},  {"zone", &format.hasZone},          {"UTC", &format.hasZone},
-        {"epoch", &format.isEpoch}, {"monotonic", &format.isMonotonic}, {"uid", &format.hasUid},
-    };
-    for (const auto& [name, flag] : flags) {
-        if (word == name) {
-            *flag = true;
-            return true;
-        }
-    }
-    if (word == "usec" || word == "nsec") {
-        format.digits = word == "usec" ? 6 : 9;
-        return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 std::optional<Format> FormatOf(std::string_view name) {
     Format format;
     bool hasForm = false;
+    const std::pair<std::string_view, bool*> flags[] = {
+        {"year", &format.hasYear},  {"zone", &format.hasZone},          {"UTC", &format.hasZone},
+        {"epoch", &format.isEpoch}, {"monotonic", &format.isMonotonic}, {"uid", &format.hasUid},
+    };
     for (size_t at = 0; at <= name.size();) {
         const size_t end = std::min(name.find(',', at), name.size());
         const std::string_view word = name.substr(at, end - at);
         at = end + 1;
-        if (word == "threadtime" || word == "time") {
+        const auto* const flag =
+            std::find_if(std::begin(flags), std::end(flags),
+                         [word](const auto& one) { return one.first == word; });
+        if (flag != std::end(flags)) {
+            *flag->second = true;
+        } else if (word == "usec" || word == "nsec") {
+            format.digits = word == "usec" ? 6 : 9;
+        } else if ((word == "threadtime" || word == "time") && !std::exchange(hasForm, true)) {
             format.hasThread = word == "threadtime";
-            if (std::exchange(hasForm, true)) {
-                return std::nullopt;
-            }
-        } else if (!SetModifier(format, word)) {
+        } else {
             return std::nullopt;
         }
     }

@@ -88,11 +88,6 @@ bool TakeProcess(std::string_view& text, int32_t& process) {
     return ToNumber(id, process);
 }
 
-// Whether a line may begin with a time, by its first letter.
-bool MayBeTimed(std::string_view line) {
-    return !line.empty() && (IsDigit(line[0]) || line[0] == ' ');
-}
-
 }  // namespace
 
 // ---- Encodings ----
@@ -181,8 +176,8 @@ void RecordReader::ReadLine(std::string_view line) {
         TellTime();
         isLog = Contains(line, "(logcat");
     }
-    if (MayBeTimed(line)) {
-        timed = line;
+    if (!line.empty() && (IsDigit(line[0]) || line[0] == ' ')) {
+        timed = line;  // Perhaps.
     }
     if (lines % LINES_BETWEEN_TIMES == 0) {
         TellTime();
@@ -284,7 +279,7 @@ bool RecordReader::ReadTime(std::string_view& rest, int64_t& time) {
         return false;
     }
     size_t digits = rest.size();
-    int64_t fraction = 0;
+    int64_t fraction = 0;  // In nanoseconds.
     if (rest.empty() || !IsDigit(rest[0]) || !TakeNumber(rest, fraction)) {
         return false;
     }
@@ -292,11 +287,8 @@ bool RecordReader::ReadTime(std::string_view& rest, int64_t& time) {
     if (digits < 3 || digits > 9) {
         return false;
     }
-    for (; digits < 6; ++digits) {
+    for (; digits < 9; ++digits) {
         fraction *= 10;
-    }
-    for (; digits > 6; --digits) {
-        fraction /= 10;
     }
     // " +0530"
     std::string_view zone = rest;
@@ -305,7 +297,7 @@ bool RecordReader::ReadTime(std::string_view& rest, int64_t& time) {
         seconds -= 60 * (offset / 100 * 60 + offset % 100);
         rest = zone;
     }
-    time = seconds * SECOND + fraction;
+    time = seconds * SECOND + fraction / 1000;
     return Skip(rest, " ");
 }
 
@@ -315,18 +307,18 @@ bool RecordReader::ReadDate(std::string_view& rest, int64_t& seconds) {
         seconds = dateSeconds;
         return true;
     }
+    constexpr std::string_view SEPARATORS[] = {"", "-", "-", " ", ":", ":"};
+    std::array<int64_t, std::size(SEPARATORS)> numbers{};
+    auto& [number, month, day, hour, minute, second] = numbers;
     std::string_view text = rest;
-    int64_t number = 0;
-    int64_t month = 0;
-    int64_t day = 0;
-    int64_t hour = 0;
-    int64_t minute = 0;
-    int64_t second = 0;
     const bool hasYear = text.size() > 4 && text[4] == '-';
-    if ((hasYear && !(TakeNumber(text, number) && Skip(text, "-"))) || !TakeNumber(text, month) ||
-        !Skip(text, "-") || !TakeNumber(text, day) || !Skip(text, " ") || !TakeNumber(text, hour) ||
-        !Skip(text, ":") || !TakeNumber(text, minute) || !Skip(text, ":") ||
-        !TakeNumber(text, second) || month < 1 || month > 12 || day < 1 || day > 31) {
+    const size_t first = hasYear ? 0 : 1;
+    for (size_t i = first; i < numbers.size(); ++i) {
+        if ((i > first && !Skip(text, SEPARATORS[i])) || !TakeNumber(text, numbers[i])) {
+            return false;
+        }
+    }
+    if (month < 1 || month > 12 || day < 1 || day > 31) {
         return false;
     }
     if (!hasYear) {

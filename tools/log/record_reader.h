@@ -38,11 +38,10 @@ class Utf8Decoder {
     std::string_view Rest();
 
   private:
-    struct Close {
-        void operator()(iconv_t converter) const { iconv_close(converter); }
-    };
-    bool isKnown = false;                                              // The encoding.
-    std::unique_ptr<std::remove_pointer_t<iconv_t>, Close> fromUtf16;  // Null for UTF-8.
+    bool isKnown = false;  // The encoding.
+    // Null for UTF-8.
+    std::unique_ptr<std::remove_pointer_t<iconv_t>, int (*)(iconv_t)> fromUtf16{nullptr,
+                                                                                iconv_close};
     std::string pending;  // Bytes too few to tell anything.
     std::string text;
 };
