@@ -127,6 +127,16 @@ class Checker {
                              return std::pair(one.place.line, one.column) <
                                     std::pair(other.place.line, other.column);
                          });
+        // The parser counts code points.
+        uint32_t line = 1;
+        for (Finding& finding : result.findings) {
+            for (; line < finding.place.line; ++line) {
+                toml.remove_prefix(toml.find('\n') + 1);
+            }
+            for (size_t at = 0; at < std::min<size_t>(finding.column, toml.size()); ++at) {
+                finding.column += (static_cast<unsigned char>(toml[at]) & 0xC0) == 0x80 ? 1U : 0U;
+            }
+        }
         return std::move(result);
     }
 
@@ -163,29 +173,23 @@ class Checker {
                                    .severity = severity,
                                    .message = fmt::format(form, std::forward<Values>(values)...),
                                    .place = {0, where.begin.line},
-                                   .column = ByteColumn(where.begin)});
+                                   .column = where.begin.column});
     }
 
-    // The parser counts code points.
-    uint32_t ByteColumn(const toml::source_position& position) {
-        if (lines.empty()) {
-            lines.push_back(0);
-            for (size_t end = 0; (end = toml.find('\n', end)) != std::string_view::npos;) {
-                lines.push_back(++end);
-            }
+    // The value of a key without which nothing is boosted; null where there is none of that type.
+    const toml::node* Require(const toml::table& section, std::string_view key,
+                              toml::node_type type, const char* expected, const char* check,
+                              const char* consequence) {
+        const toml::node* node = section.get(key);
+        if (node == nullptr) {
+            Add(check, Severity::Error, section.source(), "there is no {}: {}",
+                key == STAGE ? "table of stages" : key, consequence);
+        } else if (node->type() != type) {
+            Add("wrong-type", Severity::Error, node->source(), "{} is {}, where {} is read: {}",
+                key, ValueOf(*node), expected, consequence);
+            return nullptr;
         }
-        if (position.line == 0 || position.line > lines.size()) {
-            return position.column;
-        }
-        const size_t start = lines[position.line - 1];
-        size_t at = start;
-        for (uint32_t left = position.column; at < toml.size(); ++at) {
-            const bool isContinued = (static_cast<unsigned char>(toml[at]) & 0xC0) == 0x80;
-            if (!isContinued && --left == 0) {
-                break;
-            }
-        }
-        return static_cast<uint32_t>(at - start + 1);
+        return node;
     }
 
     void CheckNoSection(const toml::table& file) {
@@ -210,14 +214,10 @@ class Checker {
     }
 
     void CheckSwitch(const toml::table& section) {
-        const toml::node* node = section.get(SWITCH);
-        if (node == nullptr) {
-            Add("switched-off", Severity::Error, section.source(), "there is no {}: {}", SWITCH,
-                SWITCHED_OFF);
-        } else if (!node->is_boolean()) {
-            Add("wrong-type", Severity::Error, node->source(),
-                "{} is {}, where true or false is read: {}", SWITCH, ValueOf(*node), SWITCHED_OFF);
-        } else if (!(table.isEnabled = node->as_boolean()->get())) {
+        const toml::node* node = Require(section, SWITCH, toml::node_type::boolean, "true or false",
+                                         "switched-off", SWITCHED_OFF);
+        table.isEnabled = node != nullptr && node->as_boolean()->get();
+        if (node != nullptr && !table.isEnabled) {
             Add("switched-off", Severity::Error, node->source(), "{} is false: {}", SWITCH,
                 SWITCHED_OFF);
         }
@@ -251,18 +251,12 @@ class Checker {
     }
 
     void CheckModes(const toml::table& section) {
-        const toml::node* node = section.get(MODES);
+        const toml::node* node =
+            Require(section, MODES, toml::node_type::array, "a list", "no-modes", NO_MODES);
         if (node == nullptr) {
-            Add("no-modes", Severity::Error, section.source(), "there is no {}: {}", MODES,
-                NO_MODES);
             return;
         }
         const toml::array* list = node->as_array();
-        if (list == nullptr) {
-            Add("wrong-type", Severity::Error, node->source(), "{} is {}, where a list is read: {}",
-                MODES, ValueOf(*node), NO_MODES);
-            return;
-        }
         if (list->empty()) {
             Add("no-modes", Severity::Error, node->source(), "{} is empty: {}", MODES, NO_MODES);
         }
@@ -305,24 +299,19 @@ class Checker {
     }
 
     void CheckStages(const toml::table& section) {
-        const toml::node* node = section.get(STAGE);
-        const toml::table* stages = node == nullptr ? nullptr : node->as_table();
-        table.stageCount = stages == nullptr ? 0 : static_cast<int32_t>(stages->size());
+        const toml::node* node = Require(section, STAGE, toml::node_type::table, "a table of lists",
+                                         "no-stages", NO_STAGES);
         if (node == nullptr) {
-            Add("no-stages", Severity::Error, section.source(), "there is no table of stages: {}",
-                NO_STAGES);
-        } else if (stages == nullptr) {
-            Add("wrong-type", Severity::Error, node->source(),
-                "stage is {}, where a table of lists is read: {}", ValueOf(*node), NO_STAGES);
-        } else if (stages->empty()) {
+            return;
+        }
+        const toml::table& stages = *node->as_table();
+        table.stageCount = static_cast<int32_t>(stages.size());
+        if (stages.empty()) {
             Add("no-stages", Severity::Error, node->source(), "the table of stages is empty: {}",
                 NO_STAGES);
         }
-        if (stages == nullptr) {
-            return;
-        }
         std::map<int64_t, std::pair<const toml::key*, const toml::node*>> numbered;
-        for (const auto& [key, value] : *stages) {
+        for (const auto& [key, value] : stages) {
             if (const auto number = StageNumber(key)) {
                 numbered[*number] = {&key, &value};
             }
@@ -562,7 +551,6 @@ class Checker {
     }
 
     std::string_view toml;
-    std::vector<size_t> lines;  // Where each line begins; made when first asked for.
     CheckedConfiguration result;
     Configuration& table = result.table;
     std::vector<StageList> lists;

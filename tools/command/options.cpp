@@ -185,8 +185,7 @@ void AddCheck(CLI::App& app, Run& run) {
         ->required();
     command->add_option(
         "--nodes", arguments->nodes,
-        "The nodes that the HAL reports, see below: which stages they end, and which "
-        "not");
+        "The nodes that the HAL reports, see below: which stages they end, and which not");
     command->add_flag("--json", arguments->isJson,
                       "One object with findings and table; tables for several files");
     command->callback([arguments, &run] { run = [arguments] { return RunCheck(*arguments); }; });
@@ -197,12 +196,10 @@ void AddSimulate(CLI::App& app, Run& run) {
         "simulate", "Runs a virtual camera with faults of your choice and writes a device's log");
     command->footer(
         "\nA sensor hands frames to a chain of nodes, which report them to the library, in "
-        "virtual "
-        "time. The camera file describes them, in TOML; the built-in camera, which fits the "
-        "sample "
-        "configuration, is installed as cameras/video-4k60.toml to copy from. Frames and stages "
-        "count from 0; frame 0 opens the pipeline, and faults are for those behind it. What can "
-        "go wrong with a frame:\n\n" +
+        "virtual time. The camera file describes them, in TOML; the built-in camera, which fits "
+        "the sample configuration, is installed as cameras/video-4k60.toml to copy from. Frames "
+        "and stages count from 0; frame 0 opens the pipeline, and faults are for those behind it. "
+        "What can go wrong with a frame:\n\n" +
         DescribeFaults() +
         "\nExample: ten seconds of video in which frame 200 takes long and frame 400 is lost:\n\n"
         "  cameraframeboost simulate -o capture.log \\\n"
