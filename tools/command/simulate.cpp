@@ -2,6 +2,8 @@
 
 #include "tools/play/simulate.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <iostream>
 #include <memory>
@@ -41,16 +43,14 @@ Camera CameraOf(const SimulateArguments& arguments) {
 }
 
 void ShowSummary(const Camera& camera, const Simulated& simulated) {
-    std::cerr << simulated.frames;
-    if (simulated.frames < camera.frames) {
-        std::cerr << " of " << camera.frames;
-    }
-    std::cerr << " frames at " << camera.fps << " fps through " << camera.Stages().size()
-              << " stages (seed " << camera.seed << "): " << simulated.completed << " came out\n";
+    const bool isWhole = simulated.frames == camera.frames;
+    std::cerr << fmt::format("{}{} frames at {} fps through {} stages (seed {}): {} came out\n",
+                             simulated.frames, isWhole ? "" : fmt::format(" of {}", camera.frames),
+                             camera.fps, camera.Stages().size(), camera.seed, simulated.completed);
     for (const Fault& fault : camera.faults) {
         if (fault.frame < simulated.frames) {
-            std::cerr << "  " << FramesOf(fault) << ": " << Describe(fault, camera) << " ["
-                      << ToString(fault) << "]\n";
+            std::cerr << fmt::format("  {}: {} [{}]\n", FramesOf(fault), Describe(fault, camera),
+                                     ToString(fault));
         }
     }
     if (simulated.overruns != 0) {
@@ -61,11 +61,9 @@ void ShowSummary(const Camera& camera, const Simulated& simulated) {
         std::cerr << "  the library boosted nothing: it takes video at 60 fps, of a width and in a "
                      "mode that it is configured for\n";
     }
-    std::cerr << simulated.lines << " lines of log";
-    if (simulated.linesLost != 0) {
-        std::cerr << ", and " << simulated.linesLost << " missing";
-    }
-    std::cerr << '\n';
+    const auto lost = simulated.linesLost;
+    std::cerr << fmt::format("{} lines of log{}\n", simulated.lines,
+                             lost == 0 ? "" : fmt::format(", and {} missing", lost));
 }
 
 }  // namespace
@@ -97,7 +95,7 @@ int RunSimulate(const SimulateArguments& arguments) {
         }
     }
 
-    const std::vector<std::string> outputs = {arguments.output, arguments.session, arguments.truth};
+    const auto outputs = {arguments.output, arguments.session, arguments.truth};
     const auto toStandardOutput = std::count(outputs.begin(), outputs.end(), "-");
     if (toStandardOutput > 1) {
         FailUsage("of --output, --session and --truth only one can be standard output");
@@ -118,7 +116,7 @@ int RunSimulate(const SimulateArguments& arguments) {
     };
     const Simulated simulated = Simulate(camera, capture, options);
     capture.Close();
-    for (const auto& file : {session.get(), truth.get()}) {
+    for (Output* file : {session.get(), truth.get()}) {
         if (file != nullptr) {
             file->Close();
         }

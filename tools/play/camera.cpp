@@ -9,7 +9,6 @@
 #include <iterator>
 #include <limits>
 #include <set>
-#include <sstream>
 
 #include "tools/base/cursor.h"
 #include "tools/base/finding.h"
@@ -85,7 +84,7 @@ class TableReader {
     void Read(std::string_view key, Integer& value, int64_t lowest,
               int64_t highest = std::numeric_limits<Integer>::max()) {
         if (const toml::node* node = Find(key)) {
-            value = static_cast<Integer>(IntegerOf(*node, key, lowest, highest));
+            value = IntegerOf<Integer>(*node, key, lowest, highest);
         }
     }
 
@@ -104,12 +103,14 @@ class TableReader {
         return node;
     }
 
-    int64_t IntegerOf(const toml::node& node, std::string_view key, int64_t lowest,
-                      int64_t highest) const {
+    template <typename Integer>
+    Integer IntegerOf(const toml::node& node, std::string_view key,
+                      int64_t lowest = std::numeric_limits<Integer>::min(),
+                      int64_t highest = std::numeric_limits<Integer>::max()) const {
         const auto number = node.value_exact<int64_t>();
         Expect(number && *number >= lowest && *number <= highest, node, key,
-               "a whole number from " + std::to_string(lowest) + " to " + std::to_string(highest));
-        return *number;
+               fmt::format("a whole number from {} to {}", lowest, highest));
+        return static_cast<Integer>(*number);
     }
 
     void Expect(bool holds, const toml::node& node, std::string_view key,
@@ -120,9 +121,7 @@ class TableReader {
     }
 
     [[noreturn]] void Fail(const toml::source_position& at, const std::string& message) const {
-        std::ostringstream text;
-        text << name << ':' << at.line << ':' << at.column << ": error: " << message;
-        throw CameraError(text.str());
+        throw CameraError(fmt::format("{}:{}:{}: error: {}", name, at.line, at.column, message));
     }
 
     // To be called when all is read.
@@ -150,9 +149,7 @@ CameraNode ReadNode(const toml::table& table, std::string_view fileName) {
     reader.Expect(ports->is_array() && !ports->as_array()->empty(), *ports, "ports",
                   "a list of ports");
     for (const toml::node& port : *ports->as_array()) {
-        node.ports.push_back(static_cast<int32_t>(
-            reader.IntegerOf(port, "ports", std::numeric_limits<int32_t>::min(),
-                             std::numeric_limits<int32_t>::max())));
+        node.ports.push_back(reader.IntegerOf<int32_t>(port, "ports"));
     }
     reader.Read("branch", node.isBranch);
     reader.ReadMilliseconds("median", node.median, MAX_AMOUNT * 1000);
@@ -208,7 +205,7 @@ Fault ParseFault(std::string_view text) {
 
 std::string ToString(const Fault& fault) {
     const FaultForm& form = FormOf(fault.kind);
-    std::string text = std::string(form.name) + ":" + std::to_string(fault.frame);
+    std::string text = fmt::format("{}:{}", form.name, fault.frame);
     text += fault.last > fault.frame ? "-" + std::to_string(fault.last) : "";
     text += form.hasStage ? ":" + std::to_string(fault.stage) : "";
     text += form.amount.empty() ? "" : ":" + std::to_string(fault.amount);
@@ -274,9 +271,7 @@ Camera ParseCamera(std::string_view toml, std::string_view name) {
     }
     if (const toml::node* mode = reader.Find("mode")) {
         // As the configuration has it: 0xFFFF8001 and -32767 are the same.
-        camera.mode = static_cast<int32_t>(reader.IntegerOf(*mode, "mode",
-                                                            std::numeric_limits<int32_t>::min(),
-                                                            std::numeric_limits<uint32_t>::max()));
+        camera.mode = reader.IntegerOf<int32_t>(*mode, "mode", INT32_MIN, UINT32_MAX);
     }
     if (const toml::node* faults = reader.Find("faults")) {
         reader.Expect(faults->is_array(), *faults, "faults", "a list of faults");

@@ -65,7 +65,13 @@ void SessionMaker::OnMessage(const Message& message, const Moment& moment) {
         Complete(*run, *std::exchange(entry, nullptr));
     }
     if (entry == nullptr) {
-        entry = &BeginEntry(*run, thread, moment, number);
+        entry = &run->entries.emplace_back();
+        entry->time = moment.time;
+        entry->thread = moment.thread;
+        entry->begin = number;
+        if (moment.thread != -1) {
+            thread.nodeEnds.clear();
+        }
     }
     if (message.kind == MessageKind::NodeEnd) {
         BeginNodeEnd(*run, thread, message, moment);
@@ -120,18 +126,6 @@ bool SessionMaker::IsExplained(const Run& run, Thread& thread, const Message& me
         }
     }
     return false;
-}
-
-SessionMaker::Entry& SessionMaker::BeginEntry(Run& run, Thread& thread, const Moment& moment,
-                                              int64_t number) {
-    Entry& entry = run.entries.emplace_back();
-    entry.time = moment.time;
-    entry.thread = moment.thread;
-    entry.begin = number;
-    if (moment.thread != -1) {
-        thread.nodeEnds.clear();
-    }
-    return entry;
 }
 
 void SessionMaker::BeginNodeEnd(const Run& run, Thread& thread, const Message& message,

@@ -84,7 +84,6 @@ class SessionMaker : public MessageSink {
     Run* RunOf(int32_t process);
     void ReadDump(Run*& run, const Message& message, const Moment& moment);
     static bool IsExplained(const Run& run, Thread& thread, const Message& message);
-    static Entry& BeginEntry(Run& run, Thread& thread, const Moment& moment, int64_t number);
     static void BeginNodeEnd(const Run& run, Thread& thread, const Message& message,
                              const Moment& moment);
     static void Follow(Run& run, Entry& entry, const Message& message);
