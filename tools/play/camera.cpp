@@ -323,16 +323,4 @@ void CheckFaults(const Camera& camera) {
     }
 }
 
-uint64_t Hash(uint64_t seed, uint64_t place, uint64_t number) {
-    // The mixing steps of SplitMix64, once for each.
-    uint64_t hash = 0;
-    for (const uint64_t part : {seed, place, number}) {
-        hash = (hash ^ part) + 0x9E3779B97F4A7C15;
-        hash = (hash ^ (hash >> 30)) * 0xBF58476D1CE4E5B9;
-        hash = (hash ^ (hash >> 27)) * 0x94D049BB133111EB;
-        hash ^= hash >> 31;
-    }
-    return hash;
-}
-
 }  // namespace tools

@@ -104,7 +104,4 @@ Camera BuiltinCamera();
 // Throws a CameraError when a fault is about a frame, stage or port that the camera does not have.
 void CheckFaults(const Camera& camera);
 
-// A number as good as random, the same for the same seed, place and number on all machines.
-uint64_t Hash(uint64_t seed, uint64_t place, uint64_t number);
-
 }  // namespace tools

@@ -39,7 +39,7 @@ Player::Player(Watcher playWatcher, Pace playPace)
     }
     // The dump does not have it where a stage could not be loaded.
     configuration.stageCount = TarvoCameraFrameBoost::localConfig.GetStageCount();
-    watcher({nullptr, 0, time, {}, std::move(effects), &configuration});
+    watcher({nullptr, time, {}, std::move(effects), &configuration});
 }
 
 std::optional<std::string> Player::WhyNotRecordable() const {
@@ -56,11 +56,11 @@ std::optional<std::string> Player::WhyNotRecordable() const {
     return std::nullopt;
 }
 
-void Player::Play(const Line& line, uint32_t number) {
+void Player::Play(const Line& line) {
     if (const auto* call = std::get_if<Call>(&line)) {
-        PlayCall(*call, number);
+        PlayCall(*call);
     } else if (const auto* recording = std::get_if<Recording>(&line)) {
-        PlayRecording(*recording, number);
+        PlayRecording(*recording);
     } else if (const auto* wait = std::get_if<Wait>(&line)) {
         PassTime(time + wait->micros);
     } else if (const auto* status = std::get_if<ServiceStatus>(&line)) {
@@ -68,15 +68,15 @@ void Player::Play(const Line& line, uint32_t number) {
     }
 }
 
-void Player::PlayCall(const Call& call, uint32_t number) {
+void Player::PlayCall(const Call& call) {
     if (call.operation == Operation::SetSceneInfo) {
         sceneFps = call.Get<int32_t>("fps");
     }
     const std::optional<int32_t> result = Make(call, boost);
-    watcher({&call, number, time, result, recorder.Take(), &configuration});
+    watcher({&call, time, result, recorder.Take(), &configuration});
 }
 
-void Player::PlayRecording(const Recording& recording, uint32_t number) {
+void Player::PlayRecording(const Recording& recording) {
     const int32_t stageCount = *configuration.stageCount;
     std::vector<Call> nodeEnds;
     nodeEnds.reserve(static_cast<size_t>(stageCount));
@@ -85,7 +85,7 @@ void Player::PlayRecording(const Recording& recording, uint32_t number) {
     }
     const auto reportNodeEnd = [&](size_t stage, int64_t frame) {
         nodeEnds[stage].Set("halFrameNumber", frame);
-        PlayCall(nodeEnds[stage], number);
+        PlayCall(nodeEnds[stage]);
     };
 
     const int64_t first = recording.first.value_or(std::max<int64_t>(nextFrame, 1));

@@ -22,7 +22,6 @@ namespace tools {
 // A call that was played, or the loading of the library. Good for as long as its watcher looks.
 struct Played {
     const Call* call = nullptr;  // Null: the loading.
-    uint32_t line = 0;           // Of the session.
     Micros time = 0;             // Since the session's beginning.
     std::optional<int32_t> result;
     std::vector<desktop::Effect> effects;          // What the platform saw of it.
@@ -50,13 +49,13 @@ class Player {
     // Why no recording can go through the loaded stage table; nothing when it can.
     std::optional<std::string> WhyNotRecordable() const;
 
-    // Plays what stands in that line of the session. An interrupt ends recordings and waits before
+    // Plays a line of the session. An interrupt ends recordings and waits before
     // their time. Recordings take a stage table that can be recorded through.
-    void Play(const Line& line, uint32_t number);
+    void Play(const Line& line);
 
   private:
-    void PlayCall(const Call& call, uint32_t number);
-    void PlayRecording(const Recording& recording, uint32_t number);
+    void PlayCall(const Call& call);
+    void PlayRecording(const Recording& recording);
     void PassTime(Micros until);
 
     desktop::Recorder recorder;

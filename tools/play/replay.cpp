@@ -93,11 +93,11 @@ bool Replay(const ReplayOptions& options, NamedText file, std::ostream& out,
             return false;
         }
     }
-    session.ForEachLine([&](uint32_t number, const Line& line) {
+    session.ForEachLine([&](uint32_t, const Line& line) {
         if (!std::holds_alternative<Call>(line) && !std::holds_alternative<Recording>(line)) {
             transcript.Show(line);
         }
-        player.Play(line, number);
+        player.Play(line);
         return !options.pace.isInterrupted();
     });
     transcript.ShowSummary();

@@ -38,6 +38,19 @@ struct Station {
     bool isDead = false;
 };
 
+// A number as good as random, the same for the same seed, place and number on all machines.
+uint64_t Hash(uint64_t seed, uint64_t place, uint64_t number) {
+    // The mixing steps of SplitMix64, once for each.
+    uint64_t hash = 0;
+    for (const uint64_t part : {seed, place, number}) {
+        hash = (hash ^ part) + 0x9E3779B97F4A7C15;
+        hash = (hash ^ (hash >> 30)) * 0xBF58476D1CE4E5B9;
+        hash = (hash ^ (hash >> 27)) * 0x94D049BB133111EB;
+        hash ^= hash >> 31;
+    }
+    return hash;
+}
+
 class Simulation {
   public:
     Simulation(const Camera& simulated, std::ostream& theCapture, const SimulateOptions& theOptions)
@@ -140,7 +153,7 @@ class Simulation {
         if (options.session != nullptr) {
             *options.session << WriteLine(line) << '\n';
         }
-        player->Play(line, 0);
+        player->Play(line);
     }
 
     // Makes the call now.

@@ -352,10 +352,10 @@ std::optional<MadeSession> SessionMaker::Finish() {
     if (!best || best->calls == 0) {
         return std::nullopt;
     }
-    best->leftOut = otherCalls - best->calls;
+    const int64_t leftOut = otherCalls - best->calls;
     std::string beginning = BEGINNING;
-    if (best->leftOut != 0) {
-        beginning += "# Left out: " + std::to_string(best->leftOut) +
+    if (leftOut != 0) {
+        beginning += "# Left out: " + std::to_string(leftOut) +
                      " calls of other processes, or of other runs of the library.\n";
     }
     best->text.insert(0, beginning);

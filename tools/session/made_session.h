@@ -23,7 +23,6 @@ namespace tools {
 struct MadeSession {
     std::string text;
     int64_t calls = 0;
-    int64_t leftOut = 0;  // Calls of other processes and runs, which the session lacks.
     std::optional<Configuration> configuration;  // As loaded; nothing where that is not known.
 };
 
