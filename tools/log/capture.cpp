@@ -59,16 +59,6 @@ int64_t LinesLeftOut(std::string_view message) {
     return ReadDigits<int64_t>(digits).value_or(0);
 }
 
-uint64_t HashOf(const Record& record) {
-    constexpr uint64_t spread = 0x9E37'79B9'7F4A'7C15;
-    uint64_t hash = std::hash<std::string_view>()(record.message);
-    for (const int64_t number : {record.time, int64_t{record.process}, int64_t{record.thread}}) {
-        hash = (hash ^ static_cast<uint64_t>(number)) * spread;
-        hash ^= hash >> 32;
-    }
-    return hash;
-}
-
 }  // namespace
 
 CaptureReader::CaptureReader(std::vector<MessageSink*> messageSinks)
@@ -114,7 +104,8 @@ std::string CaptureReader::NameOf(const Place& place) const {
 // read before, the log is there twice: two objects of a process keep to both.
 void CaptureReader::CheckOrder(const Record& record, const Message& message) {
     Thread& thread = threads[int64_t{record.process} << 32 | static_cast<uint32_t>(record.thread)];
-    const uint64_t hash = HashOf(record);
+    const Known line{record.time, record.process, record.thread,
+                     std::hash<std::string_view>()(record.message), message.place};
     const auto fail = [&](const char* how, const Known& other) {
         throw LinesError(fmt::format(
             "{}: error: this line {} {}: {}give captures in order, without lines twice\n"
@@ -126,7 +117,8 @@ void CaptureReader::CheckOrder(const Record& record, const Message& message) {
     if (isBeginning || record.time < thread.time ||
         (thread.isAdding && message.kind != MessageKind::FrameStart)) {
         for (auto it = known.rbegin(); it != known.rend() && it->time >= earliest; ++it) {
-            if (it->hash == hash) {
+            if (it->hash == line.hash && it->time == line.time && it->process == line.process &&
+                it->thread == line.thread) {
                 fail("stands twice, also as", *it);
             }
         }
@@ -139,7 +131,7 @@ void CaptureReader::CheckOrder(const Record& record, const Message& message) {
     if (known.size() == MOST_KNOWN) {
         known.pop_front();
     }
-    known.push_back({record.time, hash, message.place});
+    known.push_back(line);
 }
 
 void CaptureReader::OnRecord(const Record& record, const Place& place) {

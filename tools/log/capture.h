@@ -102,7 +102,8 @@ class CaptureReader : public TextSink, private RecordSink {
     // A line that was read, to know it again.
     struct Known {
         int64_t time;
-        uint64_t hash;  // Of all that it has.
+        int32_t process, thread;
+        size_t hash;  // Of its message.
         Place place;
     };
     struct Thread {

@@ -21,22 +21,25 @@ Rows NewFigures() {
     return {{"", "before", "after", "change"}};
 }
 
-void Add(Rows& rows, const std::string& name, double before, double after, int digits = 0) {
-    rows.push_back({name, Fixed(before, digits), Fixed(after, digits),
-                    (after > before ? "+" : "") + Fixed(after - before, digits)});
+template <typename Number>
+void Add(Rows& rows, const std::string& name, Number before, Number after, int digits = 0) {
+    const auto change = static_cast<double>(after - before);
+    rows.push_back({name, Fixed(static_cast<double>(before), digits),
+                    Fixed(static_cast<double>(after), digits),
+                    (change > 0 ? "+" : "") + Fixed(change, digits)});
 }
 
 // `digits`: of the times, in milliseconds.
 void Add(Rows& rows, const std::string& name, const Statistics& before, const Statistics& after,
          int digits) {
     if (before.count != 0 && after.count != 0) {
-        const auto add = [&](const std::string& row, Micros one, Micros other) {
-            Add(rows, row, static_cast<double>(one) / 1e3, static_cast<double>(other) / 1e3,
-                digits);
+        const auto add = [&](const std::string& row, Micros Statistics::*value) {
+            Add(rows, row, static_cast<double>(before.*value) / 1e3,
+                static_cast<double>(after.*value) / 1e3, digits);
         };
-        add(name + " p50", before.p50, after.p50);
-        add("  p99", before.p99, after.p99);
-        add("  max", before.max, after.max);
+        add(name + " p50", &Statistics::p50);
+        add("  p99", &Statistics::p99);
+        add("  max", &Statistics::max);
     }
 }
 
@@ -105,7 +108,7 @@ void WriteFindings(std::ostream& out, const Account& before, const Account& afte
     }
     Rows figures = NewFigures();
     for (const auto& [check, times] : counts) {
-        Add(figures, NameOf(check), static_cast<double>(times[0]), static_cast<double>(times[1]));
+        Add(figures, NameOf(check), times[0], times[1]);
     }
     out << "\nFindings\n";
     WriteTable(out, figures, Columns::Figures);
@@ -143,17 +146,14 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
             TitleOf(before, olds[i]), LateText(old.lateThreshold), TitleOf(after, news[i]),
             LateText(now.lateThreshold));
         Rows figures = NewFigures();
-        const auto add = [&figures](const char* name, int64_t one, int64_t other) {
-            Add(figures, name, static_cast<double>(one), static_cast<double>(other));
-        };
         for (size_t status = 0; status < FRAME_STATUSES; ++status) {
-            add(NameOf(static_cast<FrameStatus>(status)), old.statusCounts[status],
+            Add(figures, NameOf(static_cast<FrameStatus>(status)), old.statusCounts[status],
                 now.statusCounts[status]);
         }
-        add("never out", std::ssize(old.neverOut), std::ssize(now.neverOut));
-        add("not boosted", old.notBoosted, now.notBoosted);
-        add("not known", old.untold, now.untold);
-        add("late", old.lateFrames, now.lateFrames);
+        Add(figures, "never out", std::ssize(old.neverOut), std::ssize(now.neverOut));
+        Add(figures, "not boosted", old.notBoosted, now.notBoosted);
+        Add(figures, "not known", old.untold, now.untold);
+        Add(figures, "late", old.lateFrames, now.lateFrames);
         Add(figures, "fps", RateOf(old), RateOf(now), 1);
         Add(figures, "latency", old.latency, now.latency, digits);
         Add(figures, "interval", old.interval, now.interval, digits);

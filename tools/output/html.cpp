@@ -3,44 +3,38 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
-#include <cstdint>
+#include <iterator>
+#include <utility>
 
 namespace tools {
 namespace {
 
-constexpr std::string_view MARKUP = "&<>\"";
-constexpr std::array ENTITIES{"&amp;", "&lt;", "&gt;", "&quot;"};
-
-// The character at the front, where it is one of U+202A to U+202E and U+2066 to U+2069; else 0.
-uint32_t DirectionOf(std::string_view text) {
-    const auto isWithin = [&text](std::string_view first, std::string_view last) {
-        return text.substr(0, 3) >= first && text.substr(0, 3) <= last;
-    };
-    return isWithin("\u202A", "\u202E") || isWithin("\u2066", "\u2069")
-               ? 0x2000U + (static_cast<uint32_t>(text[1]) & 0x3FU) * 0x40U +
-                     (static_cast<uint32_t>(text[2]) & 0x3FU)
-               : 0;
-}
+// Markup, and what turns the direction of text: U+202A to U+202E and U+2066 to U+2069.
+constexpr std::pair<std::string_view, std::string_view> REPLACED[] = {
+    {"&", "&amp;"},        {"<", "&lt;"},         {">", "&gt;"},         {"\"", "&quot;"},
+    {"\u202A", "\\u202a"}, {"\u202B", "\\u202b"}, {"\u202C", "\\u202c"}, {"\u202D", "\\u202d"},
+    {"\u202E", "\\u202e"}, {"\u2066", "\\u2066"}, {"\u2067", "\\u2067"}, {"\u2068", "\\u2068"},
+    {"\u2069", "\\u2069"},
+};
 
 }  // namespace
 
 std::ostream& operator<<(std::ostream& out, const Escaped& escaped) {
-    for (size_t i = 0; i < escaped.text.size(); ++i) {
-        if (const uint32_t direction = DirectionOf(escaped.text.substr(i)); direction != 0) {
-            out << fmt::format("\\u{:x}", direction);
-            i += 2;
+    std::string_view rest = escaped.text;
+    while (!rest.empty()) {
+        const auto* const found =
+            std::find_if(std::begin(REPLACED), std::end(REPLACED),
+                         [rest](const auto& one) { return rest.starts_with(one.first); });
+        if (found != std::end(REPLACED)) {
+            out << found->second;
+            rest.remove_prefix(found->first.size());
             continue;
         }
-        const char character = escaped.text[i];
-        if (const size_t place = MARKUP.find(character); place != std::string_view::npos) {
-            out << ENTITIES[place];
-        } else {
-            // Control characters but for line ends have no place in HTML.
-            out << (static_cast<unsigned char>(character) < ' ' && character != '\n' ? ' '
-                                                                                     : character);
-        }
+        // Control characters but for line ends have no place in HTML.
+        const auto byte = static_cast<unsigned char>(rest[0]);
+        out << (byte < ' ' && byte != '\n' ? ' ' : rest[0]);
+        rest.remove_prefix(1);
     }
     return out;
 }

@@ -65,29 +65,27 @@ Rows WaitingOf(const SceneScheduling& scene) {
 
 std::string TitleOf(const Account& account, size_t scene) {
     const Scene& shown = account.scenes[scene];
-    std::vector<std::string> parts;
+    std::string title = fmt::format("scene {}: ", scene + 1);
     if (shown.width > 0) {
-        parts.push_back(fmt::format("{} wide", shown.width));
+        title += fmt::format("{} wide, ", shown.width);
     }
     if (shown.fps > 0) {
-        parts.push_back(fmt::format("{} fps", shown.fps));
+        title += fmt::format("{} fps, ", shown.fps);
     }
-    parts.push_back(fmt::format("process {}", shown.process));
-    if (const std::set<int32_t> cameras = CamerasOf(shown); !cameras.empty()) {
-        parts.push_back(Numbered("camera", "cameras", cameras));
-    }
-    return fmt::format("scene {}: {}", scene + 1, fmt::join(parts, ", "));
+    title += fmt::format("process {}", shown.process);
+    const std::set<int32_t> cameras = CamerasOf(shown);
+    return cameras.empty() ? title : title + ", " + Numbered("camera", "cameras", cameras);
 }
 
 std::string FramesByStatus(const Scene& scene) {
-    std::vector<std::string> parts;
+    std::string text;
     for (size_t i = 0; i < FRAME_STATUSES; ++i) {
         if (scene.statusCounts[i] != 0) {
-            parts.push_back(
-                fmt::format("{} {}", scene.statusCounts[i], NameOf(static_cast<FrameStatus>(i))));
+            text += fmt::format("{}{} {}", text.empty() ? ": " : ", ", scene.statusCounts[i],
+                                NameOf(static_cast<FrameStatus>(i)));
         }
     }
-    return fmt::format("{}{}", parts.empty() ? "" : ": ", fmt::join(parts, ", "));
+    return text;
 }
 
 std::string StageTitleOf(const Scene& scene, size_t stage) {

@@ -325,11 +325,10 @@ class Page {
             if (runs.empty() || runs.back().fate != fate ||
                 frame.number <= runs.back().numbers.last ||
                 frame.number - 1 != runs.back().numbers.last) {
-                Run& run = runs.emplace_back();
-                run.numbers.first = frame.number;
-                run.fate = fate;
-                run.first = moment;
-                run.place = frame.place;
+                runs.push_back({.numbers = {.first = frame.number},
+                                .fate = fate,
+                                .first = moment,
+                                .place = frame.place});
             }
             Run& run = runs.back();
             run.numbers.last = frame.number;
