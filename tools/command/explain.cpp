@@ -16,7 +16,6 @@
 #include "tools/base/finding.h"
 #include "tools/base/words.h"
 #include "tools/command/subcommands.h"
-#include "tools/output/gzip.h"
 #include "tools/output/outputs.h"
 #include "tools/sched/scheduling.h"
 #include "tools/session/made_session.h"

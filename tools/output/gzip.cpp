@@ -1,10 +1,12 @@
-#include "tools/output/gzip.h"
+// Compression.
 
 #include <zlib.h>
 
 #include <cstdint>
 #include <new>
 #include <stdexcept>
+
+#include "tools/output/outputs.h"
 
 namespace tools {
 

@@ -130,10 +130,13 @@ std::vector<std::string> RowOf(const Account& account, const Scene& scene, size_
 
 void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
                  const Shown& shown) {
-    const auto count = static_cast<size_t>(
-        std::count_if(scene.frames.begin(), scene.frames.end(),
-                      [&shown](const Frame& frame) { return shown.Has(frame); }));
-    if (count == 0) {
+    std::vector<size_t> frames;
+    for (size_t i = 0; i < scene.frames.size(); ++i) {
+        if (shown.Has(scene.frames[i])) {
+            frames.push_back(i);
+        }
+    }
+    if (frames.empty()) {
         if (shown.range) {
             out << fmt::format("\nNo frame from {} to {}.\n", shown.range->first,
                                shown.range->second);
@@ -141,10 +144,10 @@ void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
         return;
     }
     const bool isChosen = shown.isAll || shown.range;
-    const bool isLimited = !isChosen && count > ROWS;
     out << "\nFrames" << (isChosen ? "" : " that were not complete, or late");
-    if (isLimited) {
-        out << ", the first " << ROWS << " of " << count << " (--all shows every frame)";
+    if (!isChosen && frames.size() > ROWS) {
+        out << ", the first " << ROWS << " of " << frames.size() << " (--all shows every frame)";
+        frames.resize(ROWS);
     }
     out << "; milliseconds from the scene's start:\n";
     Rows table = {{"frame", "line", "status", "start", "end", "latency", "interval"}};
@@ -152,10 +155,8 @@ void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
         table[0].push_back(fmt::format("stage{}", stage));
     }
     table[0].emplace_back("");
-    for (size_t i = 0; i < scene.frames.size() && (!isLimited || table.size() <= ROWS); ++i) {
-        if (shown.Has(scene.frames[i])) {
-            table.push_back(RowOf(account, scene, i));
-        }
+    for (const size_t frame : frames) {
+        table.push_back(RowOf(account, scene, frame));
     }
     WriteTable(out, table, Columns::Figures);
 }

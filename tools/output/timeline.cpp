@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "tools/base/text.h"
-#include "tools/output/gzip.h"
-#include "tools/output/naming.h"
+#include "tools/output/outputs.h"
 
 namespace tools {
 namespace {
