@@ -61,9 +61,6 @@ int64_t LinesLeftOut(std::string_view message) {
 
 }  // namespace
 
-CaptureReader::CaptureReader(std::vector<MessageSink*> messageSinks)
-    : sinks(std::move(messageSinks)) {}
-
 void CaptureReader::Begin(const std::string& name) {
     records.Begin(static_cast<uint32_t>(names.size()));
     names.push_back(name);

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "tools/base/finding.h"
@@ -86,7 +87,8 @@ class LinesError : public std::runtime_error {
 class CaptureReader : public TextSink, private RecordSink {
   public:
     // The sinks are told of each message in their order. They belong to the caller.
-    explicit CaptureReader(std::vector<MessageSink*> messageSinks);
+    explicit CaptureReader(std::vector<MessageSink*> messageSinks)
+        : sinks(std::move(messageSinks)) {}
 
     // `name`: what messages call the input.
     void Begin(const std::string& name);

@@ -161,16 +161,12 @@ bool TakeField(std::string_view& text, const Target& target, std::string_view wo
     return TakeFlag(text, message.*std::get<bool Message::*>(target));
 }
 
-std::string_view WithoutBlanksBehind(std::string_view text) {
-    return text.substr(0, text.find_last_not_of(' ') + 1);
-}
-
 bool Matches(const Parts& parts, std::string_view text, Message& message) {
     for (size_t i = 0;; ++i) {
         const auto& [words, target] = parts[i];
         if (text.starts_with(words)) {
             text.remove_prefix(words.size());
-        } else if (text == WithoutBlanksBehind(words)) {
+        } else if (text == words.substr(0, words.find_last_not_of(' ') + 1)) {
             text = {};
         } else {
             return false;

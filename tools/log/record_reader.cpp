@@ -34,14 +34,6 @@ bool ToNumber(std::string_view text, int32_t& number) {
     return number >= 0;
 }
 
-// Takes the text up to the next blank, with the blanks before it.
-std::string_view TakeWord(std::string_view& text) {
-    SkipBlanks(text);
-    const std::string_view word = text.substr(0, text.find(' '));
-    text.remove_prefix(word.size());
-    return word;
-}
-
 bool TakePriority(std::string_view& text, char& priority) {
     if (text.empty() || PRIORITIES.find(text[0]) == std::string_view::npos) {
         return false;
@@ -247,7 +239,9 @@ bool RecordReader::ReadHead(std::string_view line, Record& record, bool& isOther
         if (count == words.size()) {
             return false;
         }
-        words[count] = TakeWord(rest);
+        SkipBlanks(rest);
+        words[count] = rest.substr(0, rest.find(' '));
+        rest.remove_prefix(words[count].size());
     } while (++count < 3 || words[count - 1].size() != 1 || IsDigit(words[count - 1][0]));
     if (!TakePriority(words[count - 1], record.priority) ||
         !ToNumber(words[count - 2], record.thread) || !ToNumber(words[count - 3], record.process) ||

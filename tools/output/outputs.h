@@ -39,6 +39,9 @@ void WriteCsv(std::ostream& out, const Account& account, const Scheduling* sched
 void WritePage(std::ostream& out, const Account& account, const std::string& title,
                const Scheduling* scheduling = nullptr);
 
+// Its section with the data that page.js draws; nothing where no scene has times.
+void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* scheduling);
+
 // A trace for ui.perfetto.dev and other viewers of Chrome's JSON trace format.
 //
 // A scene is a process: a track for findings, one for its frames as expected and one as they were,

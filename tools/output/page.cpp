@@ -17,7 +17,6 @@
 #include "tools/check/report.h"
 #include "tools/output/outputs.h"
 #include "tools/output/page_assets.h"
-#include "tools/output/timeline.h"
 
 namespace tools {
 namespace {

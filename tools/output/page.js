@@ -1,16 +1,25 @@
 'use strict';
 
-(() => {
+(async () => {
+    const make = (name, properties = {}, ...children) => {
+        const element = document.createElement(name);
+        for (const [key, value] of Object.entries(properties)) {
+            if (key in element) {
+                element[key] = value;
+            } else {
+                element.setAttribute(key, value);
+            }
+        }
+        element.append(...children);
+        return element;
+    };
+
     // The table of frames: sorted by a click on a column's head, filtered by what is typed.
     const table = document.getElementById('list');
     const body = table.tBodies[0];
     const heads = [...table.tHead.rows[0].cells];
     heads.forEach((head, column) => {
-        const button = document.createElement('button');
-        button.type = 'button';
-        button.textContent = head.textContent;
-        head.replaceChildren(button);
-        button.addEventListener('click', () => {
+        const sort = () => {
             const isDown = head.getAttribute('aria-sort') === 'ascending';
             heads.forEach((other) => other.removeAttribute('aria-sort'));
             head.setAttribute('aria-sort', isDown ? 'descending' : 'ascending');
@@ -23,16 +32,13 @@
                 return Number.isNaN(difference) ? compare(text(a), text(b)) : difference;
             });
             body.append(...(isDown ? rows.reverse() : rows));
-        });
+        };
+        head.replaceChildren(make('button', {
+            type: 'button', textContent: head.textContent, onclick: sort }));
     });
     if (body.rows.length > 1) {
-        const label = document.createElement('label');
-        const input = document.createElement('input');
-        const shown = document.createElement('span');
-        label.className = 'filter';
-        label.append('Only rows with ', input, ' ', shown);
-        shown.setAttribute('role', 'status');
-        input.type = 'search';
+        const input = make('input', { type: 'search' });
+        const shown = make('span', { role: 'status' });
         input.addEventListener('input', () => {
             const wanted = input.value.trim().toLowerCase();
             let count = 0;
@@ -48,22 +54,16 @@
             }
             shown.textContent = `${count} of ${body.rows.length}`;
         });
-        table.parentNode.before(label);
+        table.parentNode.before(
+            make('label', { className: 'filter' }, 'Only rows with ', input, ' ', shown));
     }
-})();
 
-// The timeline: the frames of a scene, drawn on canvases when they are looked at.
-(async () => {
+    // The timeline: the frames of a scene, drawn on canvases when they are looked at.
     const section = document.getElementById('timeline');
     if (!section) {
         return;
     }
     const scenes = JSON.parse(document.getElementById('data').textContent);
-    const make = (name, properties = {}, ...children) => {
-        const element = Object.assign(document.createElement(name), properties);
-        element.append(...children);
-        return element;
-    };
     const seconds = (time, digits = 3) => `${time.toFixed(digits)} s`;
     const ms = (time) => `${(time * 1000).toFixed(3).replace(/\.?0+$/, '')} ms`;
     const clamp = (value, low, high) => Math.min(Math.max(value, low), high);
@@ -177,9 +177,9 @@
         const high = Float64Array.from(scene.drift.flat(), ([, high]) => high).filter(isKnown).sort();
         scene.top = high[Math.floor(high.length * 0.98)] || 1;
         await pause();
-        scene.lastStage = scene.order.findLastIndex((order) => order.length > 0);
-        scene.out = scene.lastStage < 0 ? end : left[scene.lastStage];
-        scene.outputs = scene.lastStage < 0 ? sorted(end) : scene.order[scene.lastStage];
+        const last = scene.order.findLastIndex((order) => order.length > 0);
+        scene.out = left[last] ?? end;
+        scene.outputs = scene.order[last] ?? sorted(end);
         scene.late = range(scene.outputs.length).filter((k) => k > 0 && codes[scene.outputs[k]] & 16);
         const starts = start.filter(isKnown).sort();
         const overs = start.map((from, i) => {
@@ -233,19 +233,18 @@
     }));
     const marks = () => findings.filter((finding) => finding.scene === scene.scene);
 
+    const keys = {};  // What they do.
     const button = (text, key, title, act) => {
-        const made = make('button', { type: 'button', textContent: text, title: `${title} (${key})` });
-        made.setAttribute('aria-keyshortcuts', key);
-        made.addEventListener('click', act);
-        return made;
+        keys[key] = act;
+        return make('button', { type: 'button', textContent: text, title: `${title} (${key})`,
+            'aria-keyshortcuts': key, onclick: act });
     };
-    const picker = make('select', { id: 'scene' });
-    picker.append(...scenes.map(({ title }, i) => make('option', { value: i, textContent: title })));
+    const picker = make('select', { id: 'scene' }, ...scenes.map(
+        ({ title }, i) => make('option', { value: i, textContent: title })));
     const finder = make('input', { type: 'search', id: 'frame', inputMode: 'numeric', size: 8 });
     const measurer = button('Measure', 'm', 'Measure between two points: drag', () => measure());
-    const status = make('p', { className: 'status' });
-    status.setAttribute('role', 'status');
-    const controls = make('div', { className: 'controls' },
+    const status = make('p', { className: 'status', role: 'status' });
+    const controls = make('div', { className: 'controls', role: 'toolbar', 'aria-label': 'Timeline' },
         ...(scenes.length > 1 ? [make('label', {}, 'Scene ', picker)] : []),
         make('label', {}, 'Find frame ', finder),
         button('◀', 'ArrowLeft', 'Earlier', () => pan(-0.5)),
@@ -256,28 +255,22 @@
         button('Previous finding', 'p', 'Previous finding', () => jump(-1)),
         button('Next finding', 'n', 'Next finding', () => jump(1)),
         measurer);
-    controls.setAttribute('role', 'toolbar');
-    controls.setAttribute('aria-label', 'Timeline');
-    const overview = make('canvas', { className: 'overview', tabIndex: 0 });
-    const canvas = make('canvas', { className: 'frames', tabIndex: 0 });
-    for (const [element, label] of [
-        [overview, 'Overview of the scene; the arrow keys move what is shown below'],
-        [canvas, 'Frames in stages over time; arrow keys move, plus and minus zoom, n and p go to ' +
-            'findings, comma and full stop to frames; the table of frames has the same in words']]) {
-        element.setAttribute('role', 'application');
-        element.setAttribute('aria-label', label);
-    }
-    const tip = make('div', { className: 'tip', hidden: true });
-    tip.setAttribute('aria-hidden', 'true');  // The status says the same.
+    const overview = make('canvas', { className: 'overview', tabIndex: 0, role: 'application',
+        'aria-label': 'Overview of the scene; the arrow keys move what is shown below' });
+    const canvas = make('canvas', { className: 'frames', tabIndex: 0, role: 'application',
+        'aria-label': 'Frames in stages over time; arrow keys move, plus and minus zoom, n and p go ' +
+            'to findings, comma and full stop to frames; the table of frames has the same in words' });
+    // The status says the same.
+    const tip = make('div', { className: 'tip', hidden: true, 'aria-hidden': 'true' });
     const board = make('div', { className: 'board' }, overview, canvas, tip);
     const legend = make('ul', { className: 'legend' });
-    const help = [
+    section.append(
         make('p', {}, 'A frame passes the stages from top to bottom; a bar is the time that it took ' +
             'in one. A bar longer than its neighbours, or a gap, is where to look. ',
             make('a', { href: '#words-list', textContent: 'What the words mean' })),
         make('p', { className: 'use' }, 'Point at anything to read what it is; click on a frame to ' +
-            'follow it; drag to move; Ctrl and the wheel zoom.')];
-    section.append(...help, controls, board, status, legend);
+            'follow it; drag to move; Ctrl and the wheel zoom.'),
+        controls, board, status, legend);
 
     // ---- Drawing ----
 
@@ -736,9 +729,7 @@
 
     // ---- Moving ----
 
-    function say(text) {
-        status.textContent = text;
-    }
+    const say = (text) => { status.textContent = text; };
 
     function look(from, to) {
         const length = clamp(to - from, 1e-4, scene.stop);
@@ -911,13 +902,11 @@
         remember(true);
     });
 
-    const keys = {
-        ArrowLeft: () => pan(-0.2), ArrowRight: () => pan(0.2), '+': () => zoom(0.5),
-        '=': () => zoom(0.5), '-': () => zoom(2), Home: () => look(0, scene.stop),
-        n: () => jump(1), p: () => jump(-1), m: measure,
+    Object.assign(keys, {
+        ArrowLeft: () => pan(-0.2), ArrowRight: () => pan(0.2), '=': () => zoom(0.5),
         '.': () => choose(Math.min(chosen + 1, scene.numbers.length - 1)),
         ',': () => choose(Math.max(chosen - 1, 0)),
-    };
+    });
     section.addEventListener('keydown', (event) => {
         if (event.target.matches('input, select') || event.ctrlKey || event.altKey || event.metaKey) {
             return;
@@ -1017,8 +1006,7 @@
             high: 'overview: 95th percentile, which 1 frame in 20 exceeds',
         };
         legend.replaceChildren(...Object.entries(words).map(([shape, text]) => {
-            const swatch = make('canvas', { width: 128, height: 64 });
-            swatch.setAttribute('aria-hidden', 'true');
+            const swatch = make('canvas', { width: 128, height: 64, 'aria-hidden': 'true' });
             const pen = swatch.getContext('2d');
             pen.scale(4, 4);
             if (shape === 'output' || shape === 'due') {

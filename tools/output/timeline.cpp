@@ -1,4 +1,4 @@
-#include "tools/output/timeline.h"
+// The part of the page that a script draws: the frames of all scenes, and their threads, as data.
 
 #include <algorithm>
 #include <map>

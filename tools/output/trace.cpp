@@ -95,15 +95,6 @@ struct Slice {
     bool hasLeft = true;  // Else it stood there to the end.
 };
 
-// Frames that are still there come last, so that they leave the first track to those that move.
-// What encloses goes before what it encloses.
-bool IsBefore(const Slice& one, const Slice& other) {
-    const auto key = [](const Slice& slice) {
-        return std::tuple(!slice.hasLeft, slice.span.begin, -slice.span.end, slice.frame);
-    };
-    return key(one) < key(other);
-}
-
 // What is shown of a scene.
 struct View {
     const Account& account;
@@ -295,7 +286,13 @@ void WriteStage(Events& events, const View& view, int32_t stage) {
             slices.push_back(slice);
         }
     }
-    std::sort(slices.begin(), slices.end(), IsBefore);
+    // Frames that are still there come last, so that they leave the first track to those that move.
+    // What encloses goes before what it encloses.
+    const auto key = [](const Slice& slice) {
+        return std::tuple(!slice.hasLeft, slice.span.begin, -slice.span.end, slice.frame);
+    };
+    std::sort(slices.begin(), slices.end(),
+              [&key](const Slice& one, const Slice& other) { return key(one) < key(other); });
     // Those that overlap are spread over as few tracks as it takes.
     std::vector<std::pair<Micros, size_t>> lanes;  // When each is free again, and its track.
     for (const Slice& slice : slices) {
