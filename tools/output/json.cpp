@@ -81,12 +81,6 @@ Json ToJson(const LoadedConfiguration& loaded) {
     return json;
 }
 
-void Add(Json& json, const Shares& shares) {
-    for (size_t state = 0; state < THREAD_STATES; ++state) {
-        json[NameOf(static_cast<ThreadState>(state))] = Milliseconds(shares[state]);
-    }
-}
-
 Json ToJson(const Waiting& waiting) {
     return {{"threads", waiting.threads},
             {"inside", ToJson(waiting.inside)},
@@ -100,7 +94,9 @@ Json ToJson(const SceneScheduling& scene, const SchedTrace& trace) {
                        {"name", trace.threads[use.thread].name},
                        {"stages", use.stages},
                        {"handed", scene.isHandedKnown ? Json(use.isHanded) : Json()}};
-        Add(thread, use.shares);
+        for (size_t state = 0; state < THREAD_STATES; ++state) {
+            thread[NameOf(static_cast<ThreadState>(state))] = Milliseconds(use.shares[state]);
+        }
         threads.push_back(std::move(thread));
     }
     return {{"threads", std::move(threads)},

@@ -414,8 +414,9 @@
 
     function drawMarks(pen, placeOf, y) {
         for (const { time, severity } of marks()) {
-            if (placeOf(time) >= gutter && placeOf(time) <= breadth) {
-                shapes[severity](pen, placeOf(time) - 6, y, 12, 12);
+            const x = placeOf(time);
+            if (x >= gutter && x <= breadth) {
+                shapes[severity](pen, x - 6, y, 12, 12);
             }
         }
     }
@@ -715,14 +716,10 @@
         if (!hit) {
             return;
         }
-        tip.replaceChildren();
-        const add = (text) => tip.append(make('div', {}, make('bdi', { textContent: text })));
-        add(hit.text);
-        if (hit.frame !== undefined) {
-            add(wordsOf(hit.frame));
-        }
         const clock = logged(hit.time);
-        add(`${seconds(hit.time)} into the scene${clock && `, ${clock} in the log`}`);
+        const lines = [hit.text, ...(hit.frame === undefined ? [] : [wordsOf(hit.frame)]),
+            `${seconds(hit.time)} into the scene${clock && `, ${clock} in the log`}`];
+        tip.replaceChildren(...lines.map((text) => make('div', {}, make('bdi', {}, text))));
         tip.style.left = `${clamp(x + 12, 0, Math.max(breadth - tip.offsetWidth, 0))}px`;
         tip.style.top = `${canvas.offsetTop + y + 16}px`;
     }
@@ -1020,9 +1017,6 @@
 
     await open(0);
     await go();
-    if (!scene) {
-        return;
-    }
     drawLegend();
     draw();
     addEventListener('hashchange', go);

@@ -35,9 +35,9 @@ Json StepsOf(const std::vector<Micros>& times, Micros origin, Micros unit) {
     return steps;
 }
 
-// What became of each frame; and when it was started, when it left each stage, and when the HAL
-// ended it, a frame after the other.
-Json FramesOf(const Scene& scene, Micros unit) {
+// What became of each frame; when it was started, when it left each stage, and when the HAL ended
+// it, a frame after the other; and what its threads did.
+Json DataOf(const Scene& scene, Micros unit, const Json& threads) {
     Json codes = Json::array();
     std::vector<Micros> times;
     for (size_t i = 0; i < scene.frames.size(); ++i) {
@@ -50,8 +50,7 @@ Json FramesOf(const Scene& scene, Micros unit) {
         }
         times.push_back(frame.end);
     }
-    return {
-        {"codes", codes}, {"times", StepsOf(times, scene.begin, unit)}, {"threads", Json::array()}};
+    return {{"codes", codes}, {"times", StepsOf(times, scene.begin, unit)}, {"threads", threads}};
 }
 
 // The numbers of frames, as the first of each run of consecutive ones, in text as they may be
@@ -163,27 +162,27 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
         std::vector<std::string> names = scene.stageNames;
         names.resize(static_cast<size_t>(scene.stageCount));
         const auto steps = ClockSteps(account, scene);
+        const Json threads = scheduling == nullptr
+                                 ? Json::array()
+                                 : ThreadsOf(scene, *scheduling, scheduling->scenes[i]);
         Json words = Json::array();
         for (size_t status = 0; status < FRAME_STATUSES; ++status) {
             words.push_back(NameOf(FrameStatus(status)));
         }
-        scenes.push_back({{"scene", i + 1},
-                          {"title", TitleOf(account, i)},
-                          {"begin", Seconds(scene.begin)},
-                          {"stop", Seconds(std::max(scene.stop, scene.end) - scene.begin)},
-                          {"clock", steps ? account.from : ""},
-                          {"steps", steps.value_or(std::map<double, double>{})},
-                          {"period", 1.0 / scene.Rate()},
-                          {"unit", Seconds(account.resolution)},
-                          {"stages", names},
-                          {"words", words},
-                          {"numbers", NumbersOf(scene)},
-                          {"wakes", WakesOf(scene)}});
-        Json data = FramesOf(scene, account.resolution);
-        if (scheduling != nullptr) {
-            data["threads"] = ThreadsOf(scene, *scheduling, scheduling->scenes[i]);
-        }
-        scenes.back()["data"] = Base64(Gzip(Text(data)));
+        scenes.push_back(
+            {{"scene", i + 1},
+             {"title", TitleOf(account, i)},
+             {"begin", Seconds(scene.begin)},
+             {"stop", Seconds(std::max(scene.stop, scene.end) - scene.begin)},
+             {"clock", steps ? account.from : ""},
+             {"steps", steps.value_or(std::map<double, double>{})},
+             {"period", 1.0 / scene.Rate()},
+             {"unit", Seconds(account.resolution)},
+             {"stages", names},
+             {"words", words},
+             {"numbers", NumbersOf(scene)},
+             {"wakes", WakesOf(scene)},
+             {"data", Base64(Gzip(Text(DataOf(scene, account.resolution, threads))))}});
     }
     if (scenes.empty()) {
         return;
