@@ -17,8 +17,8 @@ namespace tools {
 
 // A frame or stage event, as one HAL call or as one of those that a node end leads to.
 struct CallEvent {
-    // The message that it leaves when the service is told of it: FrameStart, FrameEnd, StageStart
-    // or StageEnd.
+    // The message that it leaves when it is forwarded to the service: FrameStart, FrameEnd,
+    // StageStart or StageEnd.
     MessageKind kind;
     int64_t frame;
     int32_t stage = -1;

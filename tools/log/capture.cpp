@@ -186,7 +186,8 @@ void CaptureReader::NoteNotUnderstood(std::string_view text, const Place& place)
     }
 }
 
-// Where no year is told, the 28th of February is followed by the 1st of March until a 29th is seen.
+// Where the form has no year, the 28th of February is followed by the 1st of March until a 29th is
+// seen.
 int64_t CaptureReader::WithoutMadeUpDay(int64_t clock) {
     if (clock < LEAP_DAY || !IsMadeUp(clock)) {
         return clock;
@@ -207,13 +208,17 @@ Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
         summary.resolution = 1;
     }
     const Micros passed = now - latest;
-    const bool isSet = passed < -LARGEST_STEP_BACK ||
-                       passed > (isInScene ? LONGEST_SILENCE_IN_SCENE : LONGEST_SILENCE);
+    const Micros longest = isInScene ? LONGEST_SILENCE_IN_SCENE : LONGEST_SILENCE;
+    // Where other programs go on, only the camera's stood still.
+    const bool isSilent = !hasOthers || now - latestOther > longest;
+    const bool isSet = passed < -LARGEST_STEP_BACK || (passed > longest && isSilent);
     if (isSet) {
         *origin += passed;
         latest = now;
     }
     latest = std::max(latest, now);
+    latestOther = now;
+    hasOthers = false;
     lastClock = isSet ? clock : std::max(lastClock, clock);
     const Moment moment{now - *origin, record.process, record.thread};
     summary.last = isSet ? moment.time : std::max(summary.last, moment.time);
@@ -228,7 +233,9 @@ Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
 // Records may still come with an earlier time: it is only noted how far the capture goes.
 void CaptureReader::OnTime(int64_t time) {
     const int64_t now = WithoutMadeUpDay(time);
-    if (origin && now - latest <= LONGEST_SILENCE_IN_SCENE) {
+    if (origin && now - latestOther <= LONGEST_SILENCE_IN_SCENE) {
+        latestOther = std::max(latestOther, now);
+        hasOthers = true;
         summary.last = std::max(summary.last, now - *origin);
     }
 }

@@ -26,10 +26,10 @@ struct Moment {
     Micros time = NO_TIME;  // Since the capture's first line of the library. Steps of the clock are
                             // taken out: the time goes on from where it was.
     int32_t process = -1;
-    int32_t thread = -1;  // -1 where the form does not tell it.
+    int32_t thread = -1;  // -1 where the form lacks it.
 };
 
-// Is told what a capture holds, in its order.
+// Gets what a capture holds, in its order.
 class MessageSink {
   public:
     virtual ~MessageSink() = default;
@@ -86,7 +86,7 @@ class LinesError : public std::runtime_error {
 // Finish once. Memory does not grow with the input. Read and End throw a LinesError.
 class CaptureReader : public TextSink, private RecordSink {
   public:
-    // The sinks are told of each message in their order. They belong to the caller.
+    // Each sink gets each message, one sink after the other. They belong to the caller.
     explicit CaptureReader(std::vector<MessageSink*> messageSinks)
         : sinks(std::move(messageSinks)) {}
 
@@ -130,6 +130,8 @@ class CaptureReader : public TextSink, private RecordSink {
     std::set<int32_t> processes;            // Those with messages.
     std::optional<int64_t> origin;          // What the clock showed when the time was 0.
     int64_t latest = 0;                     // What it showed at most since it was last set.
+    int64_t latestOther = 0;                // The same, with lines of other programs.
+    bool hasOthers = false;                 // Some stand behind the library's last line.
     int64_t firstClock = 0, lastClock = 0;  // Of the library's lines, as the log has it.
     bool hasLeapDay = false;                // A 29th of February was seen.
     bool isInScene = false;                 // Of some process.
@@ -148,7 +150,7 @@ class CaptureError : public std::runtime_error {
 };
 
 // Reads an open file: text, what gzip made of text, or a zip with a bug report in it. `onProgress`
-// is told how many of how many bytes have been read (0: not known); reading ends when it returns
+// gets how many of how many bytes have been read (0: not known); reading ends when it returns
 // false. Throws a CaptureError.
 void ReadText(TextSink& sink, int descriptor,
               const std::function<bool(int64_t done, int64_t all)>& onProgress = {});

@@ -7,7 +7,7 @@
 
 namespace tools {
 
-// Adds what a message of the dump tells to `configuration`. False for any other message. The dump
+// Adds what a message of the dump says to `configuration`. False for any other message. The dump
 // lacks the additional width, and the count of stages where some are not loaded.
 bool AddDumped(const Message& message, Configuration& configuration);
 

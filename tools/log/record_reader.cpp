@@ -20,8 +20,6 @@ namespace {
 constexpr size_t MAX_LINE = 65'536;
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 constexpr std::string_view PRIORITIES = "VDIWEFS?";
-// How often the times of lines with other tags are told of.
-constexpr int64_t LINES_BETWEEN_TIMES = 16;
 constexpr int64_t MAX_SECONDS = 1'000'000'000'000;
 
 bool Contains(std::string_view text, std::string_view part) {
@@ -138,7 +136,6 @@ void RecordReader::Begin(uint32_t input) {
 
 void RecordReader::Read(std::string_view bytes) {
     ReadText(decoder.Decode(bytes));
-    TellTime();
 }
 
 void RecordReader::ReadText(std::string_view text) {
@@ -152,7 +149,6 @@ void RecordReader::ReadText(std::string_view text) {
             carry += text.substr(0, std::min(length, MAX_LINE - carry.size()));
             if (isWhole) {
                 ReadLine(carry);
-                TellTime();  // Before the line goes.
                 carry.clear();
             }
         }
@@ -165,14 +161,7 @@ void RecordReader::ReadLine(std::string_view line) {
     ++place.line;
     line = line.substr(0, line.find_last_not_of('\r') + 1);
     if (line.starts_with("------ ")) {
-        TellTime();
         isLog = Contains(line, "(logcat");
-    }
-    if (!line.empty() && (IsDigit(line[0]) || line[0] == ' ')) {
-        timed = line;  // Perhaps.
-    }
-    if (lines % LINES_BETWEEN_TIMES == 0) {
-        TellTime();
     }
     Skip(line, BYTE_ORDER_MARK);
     // Most lines of a device are not the library's.
@@ -181,7 +170,7 @@ void RecordReader::ReadLine(std::string_view line) {
         line.size() > lastHead.size() && line.substr(lastHead.size()).starts_with(FACADE_TAG);
     if (!isAsLast && !isTagWhereLast && !Contains(line, FACADE_TAG) &&
         !Contains(line, CHATTY_TAG)) {
-        return;
+        return ReadOther(line);
     }
     Record record;
     bool isOthers = false;
@@ -189,13 +178,16 @@ void RecordReader::ReadLine(std::string_view line) {
         sink.OnRecord(record, place);
     } else if (isLog && !isOthers && Contains(line, LIBRARY_FILE)) {
         sink.OnRecord({.message = line, .isWhole = false}, place);
+    } else {
+        ReadOther(line);
     }
 }
 
-void RecordReader::TellTime() {
+// "01-01 12:00:02.000   100   101 I ActivityManager: ..."
+void RecordReader::ReadOther(std::string_view line) {
     int64_t time = 0;
-    std::string_view line = std::exchange(timed, {});
-    if (!line.empty() && isLog && ReadTime(line, time)) {
+    const bool isTimed = !line.empty() && (IsDigit(line[0]) || line[0] == ' ');
+    if (isTimed && isLog && ReadTime(line, time)) {
         sink.OnTime(time);
     }
 }
@@ -204,7 +196,6 @@ void RecordReader::End() {
     const std::string rest(decoder.Rest());
     decoder = {};  // Of the files in a zip, each has an encoding of its own.
     ReadText(rest);
-    TellTime();
     // Without a line end, the last line may be a part of one: a number would be another number.
     if (!carry.empty()) {
         ++lines;

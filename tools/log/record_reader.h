@@ -18,14 +18,14 @@ namespace tools {
 // The tag under which Android's log says that it has left lines out.
 inline constexpr std::string_view CHATTY_TAG = "chatty";
 
-// Is told of what a capture holds, in its order.
+// Gets what a capture holds, in its order.
 class RecordSink {
   public:
     virtual ~RecordSink() = default;
     // A record of the library's, whole or not, or a whole one of CHATTY_TAG's. Its message is gone
     // after the call.
     virtual void OnRecord(const Record& record, const Place& place) = 0;
-    // What the log's clock showed on a line of any tag: now and then, and on the last one.
+    // What the log's clock showed on a line of another program.
     virtual void OnTime(int64_t /*time*/) {}
 };
 
@@ -34,7 +34,7 @@ class Utf8Decoder {
   public:
     // The next bytes. The result is good until the next call; bytes that are half a character wait.
     std::string_view Decode(std::string_view bytes);
-    // What is left of an input too short to tell its encoding.
+    // What is left of an input too short to show its encoding.
     std::string_view Rest();
 
   private:
@@ -42,7 +42,7 @@ class Utf8Decoder {
     // Null for UTF-8.
     std::unique_ptr<std::remove_pointer_t<iconv_t>, int (*)(iconv_t)> fromUtf16{nullptr,
                                                                                 iconv_close};
-    std::string pending;  // Bytes too few to tell anything.
+    std::string pending;  // Bytes too few to show the encoding.
     std::string text;
 };
 
@@ -68,15 +68,14 @@ class RecordReader {
     bool ReadHeadAsLast(std::string_view line, Record& record, bool& isOthers) const;
     bool ReadTime(std::string_view& rest, int64_t& time);
     bool ReadDate(std::string_view& rest, int64_t& seconds);
-    void TellTime();
+    void ReadOther(std::string_view line);
 
     RecordSink& sink;
     Utf8Decoder decoder;
     Place place;
     int64_t lines = 0;
-    std::string carry;       // The beginning of a line whose end has not come.
-    std::string_view timed;  // The last line that may begin with a time, until that is told.
-    bool isLog = true;       // False in the parts of a bug report that are no log.
+    std::string carry;  // The beginning of a line whose end has not come.
+    bool isLog = true;  // False in the parts of a bug report that are no log.
 
     // Lines come by the thousand a second: the last date and time, less the second's fraction.
     std::string dateText;
