@@ -13,8 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/account/facts.h"
-#include "tools/account/judge.h"
+#include "tools/account/account.h"
 #include "tools/log/capture.h"
 #include "tools/play/replay.h"
 #include "tools/play/simulate.h"
@@ -91,10 +90,10 @@ BENCHMARK(ReadMessages)->Unit(benchmark::kMillisecond);
 
 void Explain(benchmark::State& state) {
     Compare(state, [] {
-        tools::FactsMaker facts;
-        Read({&facts});
-        tools::Account account = facts.Finish(tools::NO_TIME);
-        tools::Judge(account);
+        tools::SceneReader scenes;
+        Read({&scenes});
+        tools::Account account = tools::Judge(scenes.Finish(tools::NO_TIME), {}, {"capture"}, {});
+        tools::MakeFindings(account, {});
         benchmark::DoNotOptimize(account);
     });
 }

@@ -22,7 +22,7 @@ try:
 except ImportError:
     sys.exit('fleet.py: error: Dask is missing: install the Debian package python3-distributed')
 
-COLUMNS = 'capture device build scene check severity stage node frames never_out late not_boosted message'
+COLUMNS = 'capture device build scene check severity stage node frames harmed never_out late not_boosted message'
 REPORT = re.compile(r'(^|/)bugreport-[^/]*\.txt$')
 # Each begins with a text and no choice, which makes them ten times as fast.
 PHONE = [re.compile(rb'\[ro\.product\.model\]: \[(?P<device>[^]\r\n]+)\]'), re.compile(
@@ -60,20 +60,21 @@ def not_read(reason):
 def rows_of(command, path, timeout):
     done = subprocess.run([command, 'explain', '--json', path], capture_output=True, timeout=timeout)
     phone, account, rows = phone_of(path), json.loads(done.stdout or '{}'), []
-    if account.get('version') != 1:
-        return [phone | not_read(done.stderr.decode(errors='replace') or 'no account of version 1')]
+    if account.get('version') != 2:
+        return [phone | not_read(done.stderr.decode(errors='replace') or 'no account of version 2')]
     for number, scene in enumerate([account, *account['scenes']]):  # Some findings are about no scene.
         nodes = {stage['stage']: stage['node'] for stage in scene.get('stages', ())}
-        left = set(scene.get('neverOut', ()))
         if number > 0:
             rows.append({'scene': number, 'frames': scene['frames']['all'], 'late': scene['late'],
                          'never_out': len(scene['neverOut']), 'not_boosted': scene['notBoosted']})
         for finding in scene['findings']:
-            # Each frame is counted once: for the worst finding that is about it.
-            left -= (mine := {n for n in left if any(a <= n <= b for a, b in finding['frames'])})
+            # Each frame is counted once: for the finding that harmed it.
             rows.append(finding | {
                 'scene': number or '', 'node': nodes.get(finding['stage'], ''),
-                'frames': sum(b - a + 1 for a, b in finding['frames']), 'never_out': len(mine)})
+                'frames': sum(b - a + 1 for a, b in finding['frames']),
+                'harmed': sum(b - a + 1 for a, b in finding['harmed']),
+                'never_out': sum(any(a <= n <= b for a, b in finding['harmed'])
+                                 for n in scene.get('neverOut', ()))})
     return [phone | row for row in rows or [{}]]
 
 

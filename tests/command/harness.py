@@ -66,7 +66,7 @@ class CommandTest(unittest.TestCase):
             time.sleep(0.02)
 
     def explain(self, *arguments, status=(0, 1), **options):
-        """What explain tells as JSON."""
+        """The account that explain writes as JSON."""
         return json.loads(self.run_command('explain', '--json', *arguments, status=status,
                                            **options))
 
@@ -110,9 +110,9 @@ class CommandTest(unittest.TestCase):
         return log
 
 
-def findings_of(told):
+def findings_of(account):
     """All findings, those about no scene first."""
-    return told['findings'] + [one for scene in told['scenes'] for one in scene['findings']]
+    return account['findings'] + [one for scene in account['scenes'] for one in scene['findings']]
 
 
 def ranges(frames):

@@ -10,7 +10,7 @@ import sys
 
 LINE = re.compile(r'^ *.+-\d+ +(?:\([ \d-]+\) +)?\[(\d+)\] \S+ +(\d+\.\d+): (\w+): (.*)$')
 SWITCH = re.compile(r' prev_pid=(\d+) .* prev_state=(\S+) ==> next_comm=(.*) next_pid=(\d+) ')
-LEFT = {'R': 'waiting', 'S': 'asleep', 'I': 'asleep', 'D': 'blocked'}
+LEFT = {'R': 'runnable', 'S': 'sleeping', 'I': 'sleeping', 'D': 'blocked', 'T': 'stopped', 't': 'stopped'}
 
 
 def read(path):
@@ -21,7 +21,7 @@ def read(path):
 
 
 def sums(events, thread, begin, end):
-    """How long a thread was running, waiting (for a CPU), asleep, blocked or unknown."""
+    """How long a thread was in each state."""
     spent = collections.Counter()
     state, since = 'unknown', begin
     for time, _, event, text in [*events, (end, 0, 'end', '')]:
@@ -35,7 +35,7 @@ def sums(events, thread, begin, end):
             if str(thread) in (left, came):
                 state = 'running' if came == str(thread) else LEFT.get(why[0], 'unknown')
         elif event.startswith('sched_wak') and f' pid={thread} ' in text and state != 'running':
-            state = 'waiting'
+            state = 'runnable'
 
 
 def ran_on(events, cpu, begin, end):

@@ -1,5 +1,6 @@
 // Any bytes as a capture, and any messages in any order: it is explained in all outputs, in
-// pieces as at once, and the session that is made from it can be read.
+// pieces as at once, each bad frame is counted to one cause, and the session that is made from it
+// can be read.
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -7,7 +8,8 @@
 #include <string>
 
 #include "tests/fuzz/require.h"
-#include "tools/account/summary.h"
+#include "tests/support/harmed.h"
+#include "tools/account/account.h"
 #include "tools/log/capture.h"
 #include "tools/log/message.h"
 #include "tools/output/outputs.h"
@@ -16,11 +18,11 @@
 
 namespace {
 
-// Reads the text in pieces of that length and returns all that is told of it.
+// Reads the text in pieces of that length and returns all outputs of it.
 std::string Explain(const std::string& text, size_t piece) {
-    tools::FactsMaker facts;
+    tools::SceneReader scenes;
     tools::SessionMaker maker;
-    tools::CaptureReader reader({&facts, &maker});
+    tools::CaptureReader reader({&scenes, &maker});
     reader.Begin("name");
     try {
         for (size_t at = 0; at < text.size(); at += piece) {
@@ -39,18 +41,23 @@ std::string Explain(const std::string& text, size_t piece) {
     for (std::string line; std::getline(lines, line);) {
         tools::ParseLine(line);
     }
-    const tools::Account account = MakeAccount(facts, summary, {"name"}, {});
-    std::ostringstream told, json;
-    WriteText(told, account, {true, {}});
-    WriteCsv(told, account);
-    WritePage(told, account, "name");
+    tools::Account account = tools::Judge(scenes.Finish(summary.last), summary, {"name"}, {});
+    for (const tools::JudgedScene& scene : account.scenes) {
+        const std::string wrong = MiscountedFrames(scene, scene.columns, scene.causes);
+        Require(wrong.empty(), "frames that are not in one cause: " + wrong);
+    }
+    tools::MakeFindings(account, {});
+    std::ostringstream written, json;
+    WriteText(written, account, {true, {}});
+    WriteCsv(written, account);
+    WritePage(written, account, "name");
     WriteTrace(json, account, {});
     Require(nlohmann::json::accept(json.str()), json.str());
     json.str("");
     WriteJson(json, account);
     Require(nlohmann::json::accept(json.str()), json.str());
-    WriteComparison(told, account, account);
-    return told.str() + json.str();
+    WriteComparison(written, account, account);
+    return written.str() + json.str();
 }
 
 // Makes lines of the library from the bytes, mostly with small values.

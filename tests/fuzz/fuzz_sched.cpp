@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tests/fuzz/require.h"
-#include "tools/account/facts.h"
+#include "tools/account/account.h"
 #include "tools/output/outputs.h"
 #include "tools/sched/scheduling.h"
 
@@ -41,7 +41,7 @@ std::string Explain(const std::string& text, size_t piece) {
         return "";
     }
     // A log that says what the counters say, a little earlier.
-    tools::FactsMaker facts;
+    tools::SceneReader scenes;
     tools::CountedLines lines;
     for (const tools::SchedCounter& counter : trace.counters) {
         tools::Message message;
@@ -50,28 +50,28 @@ std::string Explain(const std::string& text, size_t piece) {
         message.frame = counter.frame;
         const tools::Moment moment = {counter.time - 5, counter.process,
                                       trace.threads[counter.thread].tid};
-        facts.OnMessage(message, moment);
+        scenes.OnMessage(message, moment);
         lines.OnMessage(message, moment);
     }
-    tools::Account account = facts.Finish(trace.to);
-    Judge(account);
+    tools::Account account = tools::Judge(scenes.Finish(trace.to), {}, {"name"}, {});
     std::optional<tools::Scheduling> made;
     try {
-        made = MakeScheduling(account, "name", std::move(trace), lines.All(), 5);
+        made = MakeScheduling(account, "name", std::move(trace), lines);
     } catch (const tools::TieError&) {
         return "";
     }
+    tools::MakeFindings(account, {});
     const tools::Scheduling& scheduling = *made;
-    std::ostringstream told, json;
-    WriteText(told, account, {true, {}}, &scheduling);
-    WriteCsv(told, account, &scheduling);
-    WriteComparison(told, account, account, &scheduling, &scheduling);
+    std::ostringstream written, json;
+    WriteText(written, account, {true, {}}, &scheduling);
+    WriteCsv(written, account, &scheduling);
+    WriteComparison(written, account, account, &scheduling, &scheduling);
     WriteTrace(json, account, {}, &scheduling);
     Require(nlohmann::json::accept(json.str()), json.str());
     json.str("");
     WriteJson(json, account, &scheduling);
     Require(nlohmann::json::accept(json.str()), json.str());
-    return told.str() + json.str();
+    return written.str() + json.str();
 }
 
 // Makes lines of a trace from the bytes, mostly of a few threads on two CPUs.

@@ -5,7 +5,7 @@
 
 namespace tools {
 
-void WriteTable(std::ostream& out, const Rows& rows, Columns columns) {
+void WriteTable(std::ostream& out, const Rows& rows, Cells cells) {
     std::vector<size_t> widths;
     for (const auto& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
@@ -16,7 +16,7 @@ void WriteTable(std::ostream& out, const Rows& rows, Columns columns) {
     for (const auto& row : rows) {
         std::string line;
         for (size_t i = 0; i < row.size(); ++i) {
-            const bool isText = columns == Columns::Text || i == 0 ||
+            const bool isText = cells == Cells::Text || i == 0 ||
                                 (i + 1 == row.size() && rows.front().back().empty());
             const std::string fill(widths[i] - row[i].size(), ' ');
             line += "  " + (isText ? row[i] + fill : fill + row[i]);

@@ -14,7 +14,9 @@ std::string Counted(int64_t count, std::string_view what) {
 std::string Join(std::span<const std::string> parts) {
     std::string text;
     for (size_t i = 0; i < parts.size(); ++i) {
-        text += i == 0 ? "" : i + 1 == parts.size() ? " and " : ", ";
+        if (i > 0) {
+            text += i + 1 == parts.size() ? " and " : ", ";
+        }
         text += parts[i];
     }
     return text;

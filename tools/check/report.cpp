@@ -56,14 +56,16 @@ void WriteNodes(std::ostream& out, const Configuration& table,
     Rows rows = {{"reported node", "port", "a frame", "ends"}};
     for (const ReportedNode& node : nodes) {
         const int32_t stage = table.StageOf(node.node);
+        std::string ends = fmt::format("stage {}", node.stage);
+        if (node.stage == -1) {
+            ends = stage == -1 ? "nothing: no stage's name occurs in it"
+                               : fmt::format("nothing: stage {} does not list the port", stage);
+        }
         rows.push_back(
-            {Quoted(node.node), std::to_string(node.port), std::to_string(node.timesAFrame),
-             node.stage != -1 ? fmt::format("stage {}", node.stage)
-             : stage == -1    ? "nothing: no stage's name occurs in it"
-                              : fmt::format("nothing: stage {} does not list the port", stage)});
+            {Quoted(node.node), std::to_string(node.port), std::to_string(node.timesAFrame), ends});
     }
     out << '\n';
-    WriteTable(out, rows, Columns::Text);
+    WriteTable(out, rows, Cells::Text);
 }
 
 const std::string& NameOfInput(const CheckedFile& file, const Finding& finding) {
@@ -108,12 +110,14 @@ Rows SummaryOf(const Configuration& configuration) {
     for (const int32_t mode : configuration.modes) {
         modes += fmt::format("{}{} ({})", modes.empty() ? "" : ", ", ModeText(mode), mode);
     }
+    std::string widths = std::to_string(BOOST_WIDTH);
+    if (!width) {
+        widths += ", and another if one is configured";
+    } else if (*width != BOOST_WIDTH) {
+        widths += fmt::format(", {}{}", *width, *width == 0 ? " (none is configured)" : "");
+    }
     return {{"boosting", configuration.isEnabled ? "on" : "off"},
-            {"accepted widths",
-             std::to_string(BOOST_WIDTH) + (!width        ? ", and another if one is configured"
-                                            : *width == 0 ? ", 0 (none is configured)"
-                                            : *width == BOOST_WIDTH ? ""
-                                                                    : fmt::format(", {}", *width))},
+            {"accepted widths", widths},
             {"operation modes", modes.empty() ? "none" : modes},
             {"stages", std::to_string(count) + (count == static_cast<int64_t>(loaded)
                                                     ? ""
@@ -204,10 +208,10 @@ void WriteText(std::ostream& out, const CheckedFile& file) {
     if (file.checked.endsProcess) {
         out << "  It ends the process. Without that:\n";
     }
-    WriteTable(out, SummaryOf(table), Columns::Text);
+    WriteTable(out, SummaryOf(table), Cells::Text);
     if (!table.stages.empty()) {
         out << '\n';
-        WriteTable(out, StagesOf(table), Columns::Text);
+        WriteTable(out, StagesOf(table), Cells::Text);
         out << "  A * stands for any text. Where several names match, the highest stage's "
                "counts.\n";
     }

@@ -19,7 +19,8 @@ CheckedFile CheckFile(const std::string& path, bool isJson) {
     try {
         file.checked = CheckConfiguration(ReadFile(path).text);
     } catch (const CommandError& error) {
-        // Standard output is for configurations; a program is told in the form that it reads.
+        // Standard output is for configurations; a program gets the error in the form that it
+        // reads.
         Complain(error.what());
         if (isJson) {
             file.checked.findings.push_back({"unreadable", Severity::Error, error.what()});
@@ -30,10 +31,13 @@ CheckedFile CheckFile(const std::string& path, bool isJson) {
 }
 
 int StatusOf(const CheckedConfiguration& checked) {
+    if (!checked.isReadable) {
+        return BAD_INPUT;
+    }
     const bool hasFault =
         std::any_of(checked.findings.begin(), checked.findings.end(),
                     [](const Finding& finding) { return finding.severity == Severity::Error; });
-    return !checked.isReadable ? BAD_INPUT : hasFault ? FAULTS_FOUND : NOTHING_FOUND;
+    return hasFault ? FAULTS_FOUND : NOTHING_FOUND;
 }
 
 }  // namespace
@@ -54,7 +58,7 @@ int RunCheck(const CheckArguments& arguments) {
         if (nodesFile && file.checked.isReadable) {
             file.nodesName = nodesFile->name;
             std::vector<Finding> found = nodeErrors;
-            if (nodeErrors.empty()) {  // Of half a list nobody can tell which stages are not hit.
+            if (nodeErrors.empty()) {  // Half a list does not show which stages are not hit.
                 file.nodes = nodes;
                 found = CheckNodes(file.checked.table, file.nodes);
             }

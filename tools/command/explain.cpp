@@ -12,7 +12,7 @@
 #include <sstream>
 #include <utility>
 
-#include "tools/account/summary.h"
+#include "tools/account/account.h"
 #include "tools/base/finding.h"
 #include "tools/base/words.h"
 #include "tools/command/subcommands.h"
@@ -85,7 +85,7 @@ class LogSink : public TextSink {
     bool isText = true;
 };
 
-// Ends an interrupted run: of a capture that was not read whole nothing is known to be true.
+// Ends an interrupted run: what a part of a capture shows may be wrong of the whole.
 void EndIfInterrupted(const std::string& howFar) {
     if (InterruptStatus() != 0) {
         throw CommandError(howFar + ": no verdict, and no file is written", InterruptStatus());
@@ -128,15 +128,16 @@ SchedTrace ReadTrace(const std::string& path, ProgressLine& progress) {
     }
     if (trace.events.empty()) {
         throw CommandError(
-            name + ": error: it tells of no thread: was the event sched_switch on? [no-lines]");
+            name +
+            ": error: it has no switch of threads: was the event sched_switch on? [no-lines]");
     }
     return trace;
 }
 
 Explained Explain(const Source& source, const JudgeOptions& options, ProgressLine& progress) {
-    FactsMaker facts;
+    SceneReader scenes;
     CountedLines counted;
-    std::vector<MessageSink*> sinks = {&facts};
+    std::vector<MessageSink*> sinks = {&scenes};
     if (source.maker != nullptr) {
         sinks.push_back(source.maker);
     }
@@ -153,22 +154,21 @@ Explained Explain(const Source& source, const JudgeOptions& options, ProgressLin
     reader.Finish();
     progress.Clear();
     RequireLibraryLines(reader.Summary(), names);
-    if (source.trace.empty()) {
-        return {MakeAccount(facts, reader.Summary(), names, options), std::nullopt};
+    Explained explained{
+        Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options),
+        std::nullopt};
+    if (!source.trace.empty()) {
+        SchedTrace trace = ReadTrace(source.trace, progress);
+        progress.Clear();
+        const std::string name = NameOfInput(source.trace);
+        try {
+            explained.scheduling =
+                MakeScheduling(explained.account, name, std::move(trace), counted);
+        } catch (const TieError& error) {
+            throw CommandError(name + ": error: " + error.what());
+        }
     }
-    SchedTrace trace = ReadTrace(source.trace, progress);
-    progress.Clear();
-    // Findings of a kind are joined when the trace has told their causes.
-    JudgeOptions apart = options;
-    apart.toldOneByOne = SIZE_MAX;
-    Explained explained{MakeAccount(facts, reader.Summary(), names, apart), std::nullopt};
-    const std::string name = NameOfInput(source.trace);
-    try {
-        explained.scheduling = MakeScheduling(explained.account, name, std::move(trace),
-                                              counted.All(), options.toldOneByOne);
-    } catch (const TieError& error) {
-        throw CommandError(name + ": error: " + error.what());
-    }
+    MakeFindings(explained.account, options);
     return explained;
 }
 
@@ -177,7 +177,7 @@ void BringToDesk(const ExplainArguments& arguments, const Account& account, Sess
     const std::optional<MadeSession> session = maker.Finish();
     const std::string& input = account.inputs.front();
     if (!session) {
-        throw CommandError(input + ": error: none of the lines tells of a call");
+        throw CommandError(input + ": error: none of the lines comes of a call");
     }
     WriteFile(arguments.session, [&session](std::ostream& file) { file << session->text; });
     if (arguments.configuration.empty()) {
@@ -188,7 +188,7 @@ void BringToDesk(const ExplainArguments& arguments, const Account& account, Sess
                            ": error: the log lacks the configuration, which the library writes to\n"
                            "it when the camera's process starts");
     }
-    // What the dump does not tell, and other lines do.
+    // What the dump lacks, and other lines show.
     Configuration loaded = *session->configuration;
     for (const LoadedConfiguration& other : account.configurations) {
         const Configuration completed = Completed(loaded, other.configuration);

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "tools/account/account.h"
-#include "tools/account/judge.h"
 #include "tools/command/command.h"
 #include "tools/log/capture.h"
 

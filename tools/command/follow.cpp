@@ -15,7 +15,7 @@
 #include <tuple>
 #include <vector>
 
-#include "tools/account/summary.h"
+#include "tools/account/account.h"
 #include "tools/command/explain.h"
 
 namespace tools {
@@ -26,16 +26,17 @@ using Clock = std::chrono::steady_clock;
 // What is judged again each second, and how much more it may be before some is forgotten.
 constexpr Micros WINDOW = 30 * SECOND;
 constexpr Micros STEP = 10 * SECOND;
-// So much is to be known of what came after a moment before it is spoken of.
+// A finding is printed when the log goes on for so long behind its moment.
 constexpr Micros SETTLING = SECOND;
-// What is that near to where the window begins was told before, when more was known of it.
+// Findings that near to where the window begins were printed before, with more of the log behind
+// them.
 constexpr Micros EDGE = 2 * SECOND;
 
 class Follower {
   public:
     Follower(Output& output, const JudgeOptions& judgeOptions)
         : out(output), options(judgeOptions) {
-        options.toldOneByOne = std::numeric_limits<size_t>::max();
+        options.namedOneByOne = std::numeric_limits<size_t>::max();
     }
 
     int Run() {
@@ -67,20 +68,21 @@ class Follower {
     }
 
   private:
-    // The time of the last line, as facts have it.
+    // The time of the last line, as scenes have it.
     Micros Now() const { return std::max<Micros>(reader.Summary().last, 0); }
 
     Account Judged() const {
-        Account account = facts.Look(reader.Summary().last);
-        account.inputs = inputs;
-        account.resolution = reader.Summary().resolution;
-        Judge(account, options);
+        // Findings about the capture as a whole are printed at its end.
+        CaptureSummary summary;
+        summary.resolution = reader.Summary().resolution;
+        Account account = Judge(scenes.Look(reader.Summary().last), summary, inputs, options);
+        MakeFindings(account, options);
         return account;
     }
 
     void JudgeWindow() {
         Account account = Judged();
-        Tell(account, false);
+        Print(account, false);
         Totals all = forgotten;
         all.Add(account);
         status.Show(fmt::format("{} frames, {} never out, {} late; {} findings", all.frames,
@@ -89,7 +91,7 @@ class Follower {
             // What the window now has less than before.
             forgotten.Add(account);
             windowBegin = Now() - WINDOW;
-            facts.Forget(windowBegin);
+            scenes.Forget(windowBegin);
             forgotten.Add(Judged(), -1);
         }
     }
@@ -98,8 +100,9 @@ class Follower {
         const CaptureSummary& summary = reader.Summary();
         status.Clear();
         RequireLibraryLines(summary, inputs);
-        Account account = MakeAccount(facts, summary, inputs, options);
-        Tell(account, true);
+        Account account = Judge(scenes.Finish(summary.last), summary, inputs, options);
+        MakeFindings(account, options);
+        Print(account, true);
         forgotten.Add(account);
         forgotten.worst = worst;
         out << VerdictOf(forgotten) << '\n';
@@ -107,23 +110,24 @@ class Follower {
         return StatusOf(worst, account.configurations);
     }
 
-    // Tells what was not told before. `isAll`: also what more may still become known of.
-    void Tell(Account& account, bool isAll) {
-        for (Scene& scene : account.scenes) {
+    // Prints findings that were not printed before. `isAll`: those too that more lines may change.
+    void Print(Account& account, bool isAll) {
+        for (JudgedScene& scene : account.scenes) {
             // A scene begins where it did, whatever has been forgotten.
             scene.begin =
                 begins.try_emplace({scene.process, scene.from.line}, scene.begin).first->second;
             for (const SceneFinding& finding : scene.findings) {
-                Tell(account, &scene, finding, isAll);
+                Print(account, &scene, finding, isAll);
             }
         }
         for (const SceneFinding& finding : account.findings) {
-            Tell(account, nullptr, finding, isAll);
+            Print(account, nullptr, finding, isAll);
         }
         out.flush();
     }
 
-    void Tell(const Account& account, const Scene* scene, const SceneFinding& finding, bool isAll) {
+    void Print(const Account& account, const JudgedScene* scene, const SceneFinding& finding,
+               bool isAll) {
         if ((isAll || IsDue(scene, finding)) && !IsAtEdge(finding) && IsNew(scene, finding)) {
             status.Clear();
             out << LineOf(account, scene, finding) << '\n';
@@ -136,30 +140,31 @@ class Follower {
         return windowBegin > 0 && finding.time != NO_TIME && finding.time < windowBegin + EDGE;
     }
 
-    bool IsDue(const Scene* scene, const SceneFinding& finding) {
+    bool IsDue(const JudgedScene* scene, const SceneFinding& finding) {
         if (!finding.frame && scene != nullptr && finding.severity == Severity::Note) {
-            return scene->hasEnd;  // They count what there is in the scene.
+            return scene->HasEnd();  // They count what there is in the scene.
         }
         if (finding.time == NO_TIME) {
             // Those that were there a second ago.
             return !waiting.insert(KeyOf(scene, finding, finding.frame.value_or(0))).second;
         }
-        const bool isOver = scene != nullptr && scene->hasEnd && idle >= SETTLING;
+        const bool isOver = scene != nullptr && scene->HasEnd() && idle >= SETTLING;
         return isOver || finding.time + SETTLING <= Now();
     }
 
-    // Known by process, scene, check and stage, and by the line where it is about no frame.
-    using Key = std::tuple<int32_t, uint32_t, Check, int32_t, int64_t>;
-    static Key KeyOf(const Scene* scene, const SceneFinding& finding, int64_t frame) {
+    // Findings are the same by process, scene, kind and stage, and by the line where they are about
+    // no frame.
+    using Key = std::tuple<int32_t, uint32_t, Kind, int32_t, int64_t>;
+    static Key KeyOf(const JudgedScene* scene, const SceneFinding& finding, int64_t frame) {
         return {scene == nullptr ? -1 : scene->process, scene == nullptr ? 0 : scene->from.line,
-                finding.check, finding.stage,
+                finding.kind, finding.stage,
                 finding.frame ? frame : -static_cast<int64_t>(finding.place.line)};
     }
 
-    // By its first frame: what goes on has another one when that is forgotten, among those that it
-    // was told of.
-    bool IsNew(const Scene* scene, const SceneFinding& finding) {
-        std::vector<FrameRange>& ranges = told[KeyOf(scene, finding, 0)];
+    // By the finding's first frame. When that is forgotten, a finding that goes on begins with a
+    // later frame, which is among those that were printed with it.
+    bool IsNew(const JudgedScene* scene, const SceneFinding& finding) {
+        std::vector<FrameRange>& ranges = printed[KeyOf(scene, finding, 0)];
         const auto find = [&ranges](int64_t frame) {
             return std::find_if(ranges.begin(), ranges.end(), [frame](const FrameRange& range) {
                 return range.first <= frame && frame <= range.last;
@@ -182,8 +187,8 @@ class Follower {
 
     Output& out;
     JudgeOptions options;
-    FactsMaker facts;
-    CaptureReader reader{{&facts}};
+    SceneReader scenes;
+    CaptureReader reader{{&scenes}};
     ProgressLine status{"", false};
     std::vector<std::string> inputs = {NameOfInput("-")};
     Micros idle = 0;  // How long nothing has come.
@@ -193,7 +198,7 @@ class Follower {
     Severity worst = Severity::Note;
     std::map<std::pair<int32_t, uint32_t>, Micros> begins;
     std::set<Key> waiting;
-    std::map<Key, std::vector<FrameRange>> told;
+    std::map<Key, std::vector<FrameRange>> printed;
 };
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "tools/check/nodes.h"
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
+#include "tools/output/outputs.h"
 #include "tools/play/camera.h"
 #include "tools/session/session.h"
 
@@ -128,14 +129,25 @@ void AddExplain(CLI::App& app, Run& run) {
             follow->excludes(option);
         }
     }
+    // As --help does, it ends the run before anything is required.
+    const auto showKinds = [] {
+        Output out("-");
+        WriteKinds(out);
+        out.Close();
+        throw CLI::Success();
+    };
+    command->add_flag_callback("--kinds", showKinds,
+                               "Show what each kind of finding means and what to do about it, as a "
+                               "table in Markdown, and exit");
     command->callback([arguments, &run] { run = [arguments] { return RunExplain(*arguments); }; });
 }
 
 void AddReplay(CLI::App& app, Run& run) {
     CLI::App* command = app.add_subcommand(
-        "replay", "Plays a camera session and shows what the boost service would be told");
+        "replay", "Plays a camera session and shows the calls that the boost service would get");
     command->footer(
-        "\nUnder each HAL call stands what the boost service was told; !! marks a frame that was "
+        "\nUnder each HAL call stand the calls that the boost service got; !! marks a frame that "
+        "was "
         "reported as bad, and a dash what was refused, and why. A summary ends it.\n\n" +
         DescribeFormat() +
         "\nFor example, two seconds of video in which the sensor drops two frames:\n\n"
@@ -272,10 +284,11 @@ std::string FormOf(const CLI::Option& option) {
         {"TEXT", "FILE"}, {"INT", "N"}, {"UINT", "N"}};
     const std::string type = option.get_type_name();
     const auto name = names.find(type);
-    return (type.empty() || option.get_positional()
-                ? ""
-                : " " + (name == names.end() ? type : name->second)) +
-           (option.get_expected_max() > 1 ? " ..." : "") +
+    std::string form;
+    if (!type.empty() && !option.get_positional()) {
+        form = " " + (name == names.end() ? type : name->second);
+    }
+    return form + (option.get_expected_max() > 1 ? " ..." : "") +
            (option.get_required() ? " (required)" : "");
 }
 

@@ -1,4 +1,4 @@
-// cameraframeboost replay: shows what the boost service would be told of a camera session.
+// cameraframeboost replay: shows the calls that the boost service would get in a camera session.
 
 #include "tools/play/replay.h"
 
@@ -22,7 +22,11 @@ int RunReplay(ReplayArguments arguments) {
     if (!arguments.log.empty() && !isLogShown) {
         logFile.emplace(arguments.log);
     }
-    options.log = isLogShown ? &out : logFile ? &*logFile : nullptr;
+    if (isLogShown) {
+        options.log = &out;
+    } else if (logFile) {
+        options.log = &*logFile;
+    }
 
     CatchInterrupts();
     options.pace.isInterrupted = [] { return InterruptStatus() != 0; };

@@ -78,10 +78,10 @@ int RunSimulate(const SimulateArguments& arguments) {
                   "\", expected threadtime or time, and modifiers, such as threadtime,year,usec");
     }
     const std::optional<NamedText> configuration = ReadOption(arguments.configuration);
-    const auto tell = [&configuration](const Finding& finding) {
+    const auto complain = [&configuration](const Finding& finding) {
         Complain(ToString(finding, configuration->name));
     };
-    if (!PreparePlatform(configuration, tell)) {
+    if (!PreparePlatform(configuration, complain)) {
         return BAD_INPUT;
     }
     if (configuration) {
@@ -91,7 +91,7 @@ int RunSimulate(const SimulateArguments& arguments) {
         }
         for (const Finding& finding :
              CheckNodes(CheckConfiguration(configuration->text).table, nodes)) {
-            tell(finding);
+            complain(finding);
         }
     }
 

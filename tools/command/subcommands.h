@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/account/judge.h"
+#include "tools/account/account.h"
 #include "tools/play/replay.h"
 
 namespace tools {

@@ -45,10 +45,10 @@ void Add(Rows& rows, const std::string& name, const Statistics& before, const St
 
 // Stages are known again by their nodes. Below the figures, `alone` says which are in one of the
 // scenes.
-void AddStages(Rows& figures, std::ostream& alone, const Scene& before, const Scene& after,
-               int digits) {
+void AddStages(Rows& figures, std::ostream& alone, const JudgedScene& before,
+               const JudgedScene& after, int digits) {
     std::vector<std::string> olds = before.stageNames;
-    for (size_t stage = 0; stage < after.stages.size(); ++stage) {
+    for (size_t stage = 0; stage < after.figures.stages.size(); ++stage) {
         const auto old = std::find(olds.begin(), olds.end(), after.stageNames[stage]);
         if (old == olds.end()) {
             alone << "Only after: " << StageTitleOf(after, stage) << ".\n";
@@ -58,7 +58,7 @@ void AddStages(Rows& figures, std::ostream& alone, const Scene& before, const Sc
         Add(figures,
             FigureTitleOf(after, stage) +
                 (oldStage == stage ? "" : fmt::format(" (before: stage {})", oldStage)),
-            before.stages[oldStage], after.stages[stage], digits);
+            before.figures.stages[oldStage], after.figures.stages[stage], digits);
         *old = "\n";  // No node's name: of several stages of one node each is taken once.
     }
     for (size_t stage = 0; stage < olds.size(); ++stage) {
@@ -94,11 +94,11 @@ void WriteConfigurations(std::ostream& out, const Account& before, const Account
 }
 
 void WriteFindings(std::ostream& out, const Account& before, const Account& after) {
-    std::map<Check, std::array<int64_t, 2>> counts;
+    std::map<Kind, std::array<int64_t, 2>> counts;
     for (const size_t when : {0U, 1U}) {
         for (const auto& [finding, scene] : FindingsOf(when == 0 ? before : after)) {
             if (finding.severity != Severity::Note) {
-                counts[finding.check][when] += finding.times;
+                counts[finding.kind][when] += finding.times;
             }
         }
     }
@@ -111,7 +111,7 @@ void WriteFindings(std::ostream& out, const Account& before, const Account& afte
         Add(figures, NameOf(check), times[0], times[1]);
     }
     out << "\nFindings\n";
-    WriteTable(out, figures, Columns::Figures);
+    WriteTable(out, figures, Cells::Figures);
 }
 
 std::vector<size_t> StartedScenes(const Account& account) {
@@ -138,25 +138,26 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
     }
     const int digits = std::min(before.resolution, after.resolution) >= MILLISECOND ? 0 : 3;
     for (size_t i = 0; i < std::min(olds.size(), news.size()); ++i) {
-        const Scene& old = before.scenes[olds[i]];
-        const Scene& now = after.scenes[news[i]];
+        const JudgedScene& old = before.scenes[olds[i]];
+        const JudgedScene& now = after.scenes[news[i]];
         out << fmt::format(
             "\nBefore: {}; late is more than {} ms\nAfter:  {}; late is more than {} ms\n"
             "Times in milliseconds\n",
-            TitleOf(before, olds[i]), LateText(old.lateThreshold), TitleOf(after, news[i]),
-            LateText(now.lateThreshold));
+            TitleOf(before, olds[i]), LateText(old.columns.lateThreshold), TitleOf(after, news[i]),
+            LateText(now.columns.lateThreshold));
         Rows figures = NewFigures();
         for (size_t status = 0; status < FRAME_STATUSES; ++status) {
-            Add(figures, NameOf(static_cast<FrameStatus>(status)), old.statusCounts[status],
-                now.statusCounts[status]);
+            Add(figures, NameOf(static_cast<FrameStatus>(status)), old.figures.statusCounts[status],
+                now.figures.statusCounts[status]);
         }
-        Add(figures, "never out", std::ssize(old.neverOut), std::ssize(now.neverOut));
-        Add(figures, "not boosted", old.notBoosted, now.notBoosted);
-        Add(figures, "not known", old.untold, now.untold);
-        Add(figures, "late", old.lateFrames, now.lateFrames);
+        Add(figures, "never out", std::ssize(old.figures.neverOut),
+            std::ssize(now.figures.neverOut));
+        Add(figures, "not boosted", old.figures.notBoosted, now.figures.notBoosted);
+        Add(figures, "not known", old.figures.unknown, now.figures.unknown);
+        Add(figures, "late", old.figures.late, now.figures.late);
         Add(figures, "fps", RateOf(old), RateOf(now), 1);
-        Add(figures, "latency", old.latency, now.latency, digits);
-        Add(figures, "interval", old.interval, now.interval, digits);
+        Add(figures, "latency", old.figures.latency, now.figures.latency, digits);
+        Add(figures, "interval", old.figures.interval, now.figures.interval, digits);
         std::ostringstream alone;
         AddStages(figures, alone, old, now, digits);
         if (schedulingBefore != nullptr && schedulingAfter != nullptr) {
@@ -167,7 +168,7 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
             Add(figures, "waited for a CPU a period, other threads of the pipeline",
                 one.others.inside, other.others.inside, digits);
         }
-        WriteTable(out, figures, Columns::Figures);
+        WriteTable(out, figures, Cells::Figures);
         out << alone.str();
     }
     WriteFindings(out, before, after);

@@ -12,7 +12,7 @@ namespace tools {
 
 void WriteCsv(std::ostream& out, const Account& account, const Scheduling* scheduling) {
     int32_t stages = 0;
-    for (const Scene& scene : account.scenes) {
+    for (const JudgedScene& scene : account.scenes) {
         stages = std::max(stages, scene.stageCount);
     }
     out << "scene,frame,status,reason,line,start_ms,end_ms,out_ms,latency_ms,interval_ms,late";
@@ -36,30 +36,34 @@ void WriteCsv(std::ostream& out, const Account& account, const Scheduling* sched
                            static_cast<double>(moment - since) / 1000);
         }
     };
-    const auto addUse = [&](const SceneScheduling& uses, const Scene& scene, size_t frame,
-                            int32_t stage) {
-        const StageUse* const use = uses.uses.empty() ? nullptr : &uses.UseOf(scene, frame, stage);
-        const bool isKnown = use != nullptr && use->thread != NO_THREAD;
+    const auto addUse = [&](const StageUse* use) {
         row += ',';
-        row += isKnown ? std::to_string(scheduling->trace->threads[use->thread].tid) : "";
+        row += use != nullptr ? std::to_string(scheduling->trace->threads[use->thread].tid) : "";
         for (const ThreadState state : {ThreadState::Running, ThreadState::Runnable,
                                         ThreadState::Sleeping, ThreadState::Blocked}) {
-            addTime(isKnown ? use->shares[static_cast<size_t>(state)] : NO_TIME, 0);
+            addTime(use != nullptr ? use->shares[static_cast<size_t>(state)] : NO_TIME, 0);
         }
     };
     for (size_t s = 0; s < account.scenes.size(); ++s) {
-        const Scene& scene = account.scenes[s];
+        const JudgedScene& scene = account.scenes[s];
         for (size_t i = 0; i < scene.frames.size(); ++i) {
             const Frame& frame = scene.frames[i];
+            const Fate& fate = scene.FateOf(i);
+            if (fate.isSkipped) {
+                continue;
+            }
             // None of the reasons has a comma but is in quotes all the same: they are sentences.
-            row = fmt::format("{},{},{},\"{}\",{}", s + 1, frame.number, NameOf(frame.status),
-                              ReasonOf(frame.reason), frame.place.line);
+            row = fmt::format("{},{},{},\"{}\",{}", s + 1, frame.number, NameOf(fate.status),
+                              ReasonOf(fate.reason), frame.place.line);
             addTime(frame.start, scene.begin);
             addTime(frame.end, scene.begin);
-            addTime(frame.isOut ? frame.output : NO_TIME, scene.begin);
+            addTime(fate.isOut ? fate.output : NO_TIME, scene.begin);
             addTime(frame.end, frame.start);
-            addTime(frame.interval, 0);
-            row += frame.interval == NO_TIME ? "," : frame.isLate ? ",1" : ",0";
+            addTime(fate.interval, 0);
+            row += ',';
+            if (fate.interval != NO_TIME) {
+                row += fate.isLate ? '1' : '0';
+            }
             for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
                 const StageTimes times = scene.TimesOf(i, stage);
                 addTime(times.start, scene.begin);
@@ -67,7 +71,7 @@ void WriteCsv(std::ostream& out, const Account& account, const Scheduling* sched
                 addTime(times.wait, 0);
                 addTime(times.work, 0);
                 if (scheduling != nullptr) {
-                    addUse(scheduling->scenes[s], scene, i, stage);
+                    addUse(scheduling->scenes[s].UseOf(i, stage));
                 }
             }
             row.append(

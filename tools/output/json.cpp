@@ -12,7 +12,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // docs/account.schema.json says what is in it, and which changes raise this.
-constexpr int VERSION = 1;
+constexpr int VERSION = 2;
 
 Json Milliseconds(Micros time) {
     return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000.0);
@@ -24,32 +24,52 @@ Json ToJson(const Statistics& statistics) {
             {"p99", Milliseconds(statistics.p99)}, {"max", Milliseconds(statistics.max)}};
 }
 
+Json ToJson(const std::vector<FrameRange>& ranges) {
+    Json json = Json::array();
+    for (const FrameRange& range : ranges) {
+        json.push_back({range.first, range.last});
+    }
+    return json;
+}
+
+Json ToJson(const Shares& shares) {
+    Json json;
+    for (size_t state = 0; state < THREAD_STATES; ++state) {
+        json[NameOf(static_cast<ThreadState>(state))] = Milliseconds(shares[state]);
+    }
+    return json;
+}
+
 Json ToJson(const Account& account, const SceneFinding& finding) {
     const bool isPlaced = finding.place.line != 0;
-    Json frames = Json::array();
-    for (const FrameRange& range : finding.frames) {
-        frames.push_back({range.first, range.last});
-    }
-    Json json = {{"check", NameOf(finding.check)},
+    Json json = {{"check", NameOf(finding.kind)},
                  {"severity", NameOf(finding.severity)},
                  {"frame", finding.frame ? Json(*finding.frame) : Json()},
-                 {"frames", std::move(frames)},
+                 {"frames", ToJson(finding.frames)},
+                 {"harmed", ToJson(finding.harmed)},
                  {"stage", finding.stage >= 0 ? Json(finding.stage) : Json()},
                  {"time", Milliseconds(finding.time)},
                  {"times", finding.times},
                  {"line", isPlaced ? Json(finding.place.line) : Json()},
                  {"message", finding.message}};
+    if (finding.states) {
+        json["states"] = ToJson(*finding.states);
+    }
     for (const CauseLink& link : finding.chain) {
         Json ran = Json::array();
         for (const CauseLink::Ran& one : link.ran) {
-            ran.push_back(
-                {{"thread", one.thread}, {"name", one.name}, {"time", Milliseconds(one.length)}});
+            ran.push_back({{"thread", one.thread},
+                           {"name", one.name},
+                           {"priority", one.priority},
+                           {"time", Milliseconds(one.length)}});
         }
         json["chain"].push_back({{"thread", link.thread},
                                  {"name", link.name},
                                  {"state", NameOf(link.state)},
                                  {"from", Milliseconds(link.begin)},
                                  {"time", Milliseconds(link.length)},
+                                 {"pieces", link.pieces},
+                                 {"priority", link.priority},
                                  {"cpu", link.cpu >= 0 ? Json(link.cpu) : Json()},
                                  {"ran", std::move(ran)},
                                  {"waker", link.waker.empty() ? Json() : Json(link.waker)},
@@ -94,26 +114,24 @@ Json ToJson(const SceneScheduling& scene, const SchedTrace& trace) {
                        {"name", trace.threads[use.thread].name},
                        {"stages", use.stages},
                        {"handed", scene.isHandedKnown ? Json(use.isHanded) : Json()}};
-        for (size_t state = 0; state < THREAD_STATES; ++state) {
-            thread[NameOf(static_cast<ThreadState>(state))] = Milliseconds(use.shares[state]);
-        }
+        thread.update(ToJson(use.shares));
         threads.push_back(std::move(thread));
     }
     return {{"threads", std::move(threads)},
             {"waiting", {{"handed", ToJson(scene.handed)}, {"others", ToJson(scene.others)}}}};
 }
 
-Json ToJson(const Account& account, const Scene& scene) {
-    Json frames = {{"all", scene.frameCount}};
+Json ToJson(const Account& account, const JudgedScene& scene) {
+    Json frames = {{"all", scene.figures.frameCount}};
     for (size_t i = 0; i < FRAME_STATUSES; ++i) {
-        frames[NameOf(static_cast<FrameStatus>(i))] = scene.statusCounts[i];
+        frames[NameOf(static_cast<FrameStatus>(i))] = scene.figures.statusCounts[i];
     }
     Json stages = Json::array();
-    for (size_t i = 0; i < scene.stages.size(); ++i) {
+    for (size_t i = 0; i < scene.figures.stages.size(); ++i) {
         Json stage = {{"stage", i}, {"node", scene.stageNames[i]}};
-        stage.update(ToJson(scene.stages[i]));
-        stage["wait"] = ToJson(scene.waits[i]);
-        stage["work"] = ToJson(scene.works[i]);
+        stage.update(ToJson(scene.figures.stages[i]));
+        stage["wait"] = ToJson(scene.figures.waits[i]);
+        stage["work"] = ToJson(scene.figures.works[i]);
         stages.push_back(std::move(stage));
     }
     return {{"from", Milliseconds(scene.begin)},
@@ -123,15 +141,16 @@ Json ToJson(const Account& account, const Scene& scene) {
             {"width", scene.isDescribed ? Json(scene.width) : Json()},
             {"fps", scene.isDescribed ? Json(scene.fps) : Json()},
             {"started", scene.isStarted},
-            {"ended", scene.hasEnd},
+            {"ended", scene.HasEnd()},
+            {"restartedAfter", scene.restartedAfter ? Json(*scene.restartedAfter) : Json()},
             {"frames", std::move(frames)},
-            {"neverOut", scene.neverOut},
-            {"notBoosted", scene.notBoosted},
-            {"notKnown", scene.untold},
-            {"late", scene.lateFrames},
-            {"lateThreshold", Milliseconds(scene.lateThreshold)},
-            {"latency", ToJson(scene.latency)},
-            {"interval", ToJson(scene.interval)},
+            {"neverOut", scene.figures.neverOut},
+            {"notBoosted", scene.figures.notBoosted},
+            {"notKnown", scene.figures.unknown},
+            {"late", scene.figures.late},
+            {"lateThreshold", Milliseconds(scene.columns.lateThreshold)},
+            {"latency", ToJson(scene.figures.latency)},
+            {"interval", ToJson(scene.figures.interval)},
             {"stages", std::move(stages)},
             {"findings", ListOf(account, scene.findings)}};
 }
@@ -157,9 +176,10 @@ void WriteJson(std::ostream& out, const Account& account, const Scheduling* sche
     }
     if (scheduling != nullptr) {
         json["trace"] = {{"file", scheduling->name},
-                         {"counters", scheduling->tie->Counters()},
-                         {"within", Milliseconds(scheduling->tie->Within())},
-                         {"lost", scheduling->trace->lost}};
+                         {"counters", scheduling->tie.counters},
+                         {"within", Milliseconds(scheduling->tie.within)},
+                         {"lost", scheduling->trace->lost},
+                         {"notes", scheduling->notes}};
     }
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         json["scenes"].push_back(ToJson(account, account.scenes[i]));

@@ -23,18 +23,17 @@ std::string Numbered(std::string_view one, std::string_view several,
 
 Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
     Rows table = {{"name", "thread", "stages", "handed", "ran", "waited for a CPU", "slept",
-                   "blocked", "not known"}};
+                   "blocked", "stopped", "not known"}};
     for (const ThreadUse& use : scene.threads) {
         const SchedThread& thread = scheduling.trace->threads[use.thread];
+        const char* const handed = use.isHanded ? "yes" : "no";
         std::vector<std::string> row = {
             Printable(thread.name), std::to_string(thread.tid),
             use.stages.empty() ? "-" : fmt::format("{}", fmt::join(use.stages, " ")),
-            !scene.isHandedKnown ? "?"
-            : use.isHanded       ? "yes"
-                                 : "no"};
+            scene.isHandedKnown ? handed : "?"};
         for (const ThreadState state :
              {ThreadState::Running, ThreadState::Runnable, ThreadState::Sleeping,
-              ThreadState::Blocked, ThreadState::Unknown}) {
+              ThreadState::Blocked, ThreadState::Stopped, ThreadState::Unknown}) {
             row.push_back(Milliseconds(use.shares[static_cast<size_t>(state)], MILLISECOND));
         }
         table.push_back(row);
@@ -74,15 +73,29 @@ std::string TitleOf(const Account& account, size_t scene) {
     }
     title += fmt::format("process {}", shown.process);
     const std::set<int32_t> cameras = CamerasOf(shown);
-    return cameras.empty() ? title : title + ", " + Numbered("camera", "cameras", cameras);
+    title += cameras.empty() ? "" : ", " + Numbered("camera", "cameras", cameras);
+    return title + (shown.restartedAfter ? ", frame numbers started again" : "");
 }
 
-std::string FramesByStatus(const Scene& scene) {
+const char* WhyNoEnd(const Scene& scene) {
+    switch (scene.stopped) {
+        case Stop::SceneEnd:
+            return "";
+        case Stop::ProcessGone:
+            return "another process took over";
+        case Stop::NumbersRestart:
+            return "frame numbers started again after that";
+        default:
+            return "its end is not in the capture";
+    }
+}
+
+std::string FramesByStatus(const JudgedScene& scene) {
     std::string text;
     for (size_t i = 0; i < FRAME_STATUSES; ++i) {
-        if (scene.statusCounts[i] != 0) {
-            text += fmt::format("{}{} {}", text.empty() ? ": " : ", ", scene.statusCounts[i],
-                                NameOf(static_cast<FrameStatus>(i)));
+        if (scene.figures.statusCounts[i] != 0) {
+            text += fmt::format("{}{} {}", text.empty() ? ": " : ", ",
+                                scene.figures.statusCounts[i], NameOf(static_cast<FrameStatus>(i)));
         }
     }
     return text;
@@ -107,56 +120,62 @@ std::string ToString(const Account& account, const Place& place) {
                : fmt::format("line {}", place.line);
 }
 
-const char* WordOf(const Frame& frame) {
-    switch (frame.status) {
+const char* WordOf(const Fate& fate) {
+    switch (fate.status) {
         case FrameStatus::Complete:
-            return frame.isLate ? "late" : "";
+            return fate.isLate ? "late" : "";
         case FrameStatus::Open:
-            return frame.isUntold     ? "unknown"
-                   : frame.isNeverOut ? "never out"
-                                      : NameOf(frame.status);
+            if (fate.isUnknown) {
+                return "unknown";
+            }
+            return fate.isNeverOut ? "never out" : NameOf(fate.status);
         default:
-            return NameOf(frame.status);
+            return NameOf(fate.status);
     }
 }
 
-std::string DescriptionOf(const Frame& frame) {
-    if (frame.status == FrameStatus::Complete) {
+std::string DescriptionOf(const Fate& fate) {
+    if (fate.status == FrameStatus::Complete) {
         return "";
     }
-    if (frame.reason == Reason::LinesMissing) {
-        return fmt::format("{}: what became of it is not known", ReasonOf(frame.reason));
+    if (fate.reason == Reason::LinesMissing) {
+        return fmt::format("{}: what became of it is not known", ReasonOf(fate.reason));
     }
-    if (frame.status == FrameStatus::Open) {
-        if (frame.isNeverOut && frame.stage >= 0) {
-            return fmt::format("not seen to leave stage {}", frame.stage);
+    if (fate.status == FrameStatus::Open) {
+        if (fate.isNeverOut && fate.stage >= 0) {
+            return fmt::format("not seen to leave stage {}", fate.stage);
         }
         // Where a frame came out, a finding says that its end is missing.
-        const bool hasNoEnd = frame.isOut && frame.hasFinding;
-        return frame.isNeverOut || hasNoEnd ? "its end was never reported" : "in flight at the end";
+        const bool hasNoEnd = fate.isOut && !fate.isEarly;
+        return fate.isNeverOut || hasNoEnd ? "its end was never reported" : "in flight at the end";
     }
-    return frame.status == FrameStatus::Error && frame.stage >= 0
-               ? fmt::format("stage {}: {}", frame.stage, ReasonOf(frame.reason))
-               : ReasonOf(frame.reason);
+    return fate.status == FrameStatus::Error && fate.stage >= 0
+               ? fmt::format("stage {}: {}", fate.stage, ReasonOf(fate.reason))
+               : ReasonOf(fate.reason);
 }
 
-double RateOf(const Scene& scene) {
+double RateOf(const JudgedScene& scene) {
     Micros passed = 0;
     int64_t count = 0;
-    for (const Frame& frame : scene.frames) {
-        if (frame.interval != NO_TIME) {
-            passed += frame.interval;
+    for (const Fate& fate : scene.columns.fates) {
+        if (fate.interval != NO_TIME) {
+            passed += fate.interval;
             ++count;
         }
     }
     return passed == 0 ? 0 : static_cast<double>(count) * 1e6 / static_cast<double>(passed);
 }
 
-bool Shown::Has(const Frame& frame) const {
-    if (range) {
-        return frame.number >= range->first && frame.number <= range->second;
+bool Shown::Has(const JudgedScene& scene, size_t row) const {
+    const int64_t number = scene.frames[row].number;
+    const Fate& fate = scene.FateOf(row);
+    if (fate.isSkipped) {
+        return false;
     }
-    return isAll || frame.isLate || frame.status != FrameStatus::Complete;
+    if (range) {
+        return number >= range->first && number <= range->second;
+    }
+    return isAll || fate.isLate || fate.status != FrameStatus::Complete;
 }
 
 std::vector<PlacedFinding> FindingsOf(const Account& account) {
@@ -214,26 +233,26 @@ std::string TitleOf(const Scheduling& scheduling) {
         "{}: a scheduler trace of {} s, {} of which tie it to the log, nine of ten "
         "to within {} ms",
         scheduling.name, Fixed(static_cast<double>(trace.to - trace.from) / 1e6, 3),
-        Counted(scheduling.tie->Counters(), "counter"),
-        Fixed(static_cast<double>(scheduling.tie->Within()) / 1000, 2));
+        Counted(scheduling.tie.counters, "counter"),
+        Fixed(static_cast<double>(scheduling.tie.within) / 1000, 2));
     if (trace.lost > 0) {
         text += fmt::format("; it lacks {} that the tracer lost", Counted(trace.lost, "event"));
     }
     if (!trace.damage.empty()) {
         text += "; it cannot be read to its end: " + trace.damage;
     }
+    for (const std::string& note : scheduling.notes) {
+        text += "; " + note;
+    }
     return text;
 }
 
 std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {
-    const Tie& tie = *scheduling.tie;
     std::vector<Awake> all;
-    const Span shown = {tie.ToTrace(span.begin), tie.ToTrace(span.end)};
-    for (const StateSpan& one : scheduling.states->Within(thread, shown)) {
+    for (const StateSpan& one : scheduling.states->Within(thread, span)) {
         if (one.state == ThreadState::Running || one.state == ThreadState::Runnable ||
-            one.state == ThreadState::Blocked) {
-            const Span part = Cut(one, shown);
-            all.push_back({{tie.ToLog(part.begin), tie.ToLog(part.end)}, one.state, one.cpu});
+            one.state == ThreadState::Blocked || one.state == ThreadState::Stopped) {
+            all.push_back({Cut(one, span), one.state, one.cpu});
         }
     }
     return all;

@@ -18,8 +18,11 @@ namespace tools {
 // "scene 2: 3840 wide, 60 fps, process 1234, cameras 0 and 2". `scene`: from 0.
 std::string TitleOf(const Account& account, size_t scene);
 
+// "its end is not in the capture" and other reasons; empty where the scene was ended.
+const char* WhyNoEnd(const Scene& scene);
+
 // ": 590 complete, 10 dropped"; empty where there are no frames.
-std::string FramesByStatus(const Scene& scene);
+std::string FramesByStatus(const JudgedScene& scene);
 
 // "stage 1, MCTFE0_cam".
 std::string StageTitleOf(const Scene& scene, size_t stage);
@@ -33,13 +36,13 @@ std::string ToString(const Account& account, const Place& place);
 
 // What became of a frame, in a word or two: its status, but "late", "never out" and "unknown" where
 // that says more. Empty for a good frame.
-const char* WordOf(const Frame& frame);
+const char* WordOf(const Fate& fate);
 
 // Why a frame is not complete; empty for a complete one.
-std::string DescriptionOf(const Frame& frame);
+std::string DescriptionOf(const Fate& fate);
 
 // How many frames came out a second, on average; 0 where that is not known.
-double RateOf(const Scene& scene);
+double RateOf(const JudgedScene& scene);
 
 // "trace.txt: a scheduler trace of 1.559 s, 1082 counters of which tie it to the log, ...".
 std::string TitleOf(const Scheduling& scheduling);
@@ -56,7 +59,7 @@ std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t 
 // A time in which a thread did not sleep, by the log's clock.
 struct Awake {
     Span span;
-    ThreadState state = ThreadState::Running;  // Or runnable, or blocked.
+    ThreadState state = ThreadState::Running;  // Or runnable, blocked, stopped.
     int32_t cpu = -1;
 };
 std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span);
@@ -65,7 +68,7 @@ std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span s
 struct Shown {
     bool isAll = false;
     std::optional<std::pair<int64_t, int64_t>> range;  // The first and the last number.
-    bool Has(const Frame& frame) const;
+    bool Has(const JudgedScene& scene, size_t row) const;
 };
 
 // All findings: about no scene in particular, then each scene's, with its place in the account.

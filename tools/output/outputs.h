@@ -20,6 +20,9 @@ namespace tools {
 void WriteText(std::ostream& out, const Account& account, const Shown& shown,
                const Scheduling* scheduling = nullptr);
 
+// The kinds of findings: what each means, and what to do, as a table in Markdown.
+void WriteKinds(std::ostream& out);
+
 // Figures of both side by side, what differs in their configurations, and the findings that came
 // and went. Stages and findings are matched by their nodes.
 void WriteComparison(std::ostream& out, const Account& before, const Account& after,

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cmath>
 #include <functional>
 #include <iterator>
@@ -126,11 +127,11 @@ std::string RangeLinks(size_t scene, const FrameRange& range) {
            (range.first == range.last ? "" : "–" + FrameLink(scene, range.last));
 }
 
-// To the frames that the finding is about; of a long range, to both ends.
-std::vector<std::string> LinksOf(size_t scene, const SceneFinding& finding) {
+// To the frames of a finding; of a long range, to both ends.
+std::vector<std::string> LinksOf(size_t scene, const std::vector<FrameRange>& ranges) {
     constexpr uint64_t LISTED = 50;
     std::vector<std::string> links;
-    for (FrameRange range : finding.frames) {
+    for (FrameRange range : ranges) {
         // Unsigned: numbers may be anything.
         const bool isLong =
             static_cast<uint64_t>(range.last) - static_cast<uint64_t>(range.first) >= LISTED;
@@ -233,24 +234,24 @@ class Page {
         add(" data-stage=", finding.stage >= 0, finding.stage);
         add(" data-frame=", finding.frame.has_value(), finding.frame.value_or(0));
         out << '>';
-        WriteMessage(finding.severity, finding.message, NameOf(finding.check));
+        WriteMessage(finding.severity, finding.message, NameOf(finding.kind));
         out << " <span class=place>" << Name{ToString(account, finding.place)} << "</span>";
         if (scene) {
             out << " <a href=\"#finding=" << number << "\">scene " << *scene + 1
                 << (moment == NO_TIME ? "" : ", " + Seconds(moment) + " s") << "</a>";
         }
-        // The guide to the field, docs/field.md, is built in and says what findings and words mean:
-        // there is no second text to keep in step.
-        std::string_view guide = FIELD_GUIDE;
-        Take(guide, "\n| finding |");  // Before it, a status may have the same name.
-        Take(guide, fmt::format("\n| `{}` | ", NameOf(finding.check)));
-        const std::string_view what = Take(guide, " | ");
-        out << "<details><summary>What <code>" << NameOf(finding.check)
-            << "</code> means, and what to do</summary><dl><dt>What happened<dd>" << Markdown{what}
-            << "<dt>What to do<dd>" << Markdown{Take(guide, " |\n")};
-        if (scene && !finding.frames.empty()) {
-            out << "<dt>Frames<dd>" << fmt::format("{}", fmt::join(LinksOf(*scene, finding), ", "));
-        }
+        out << "<details><summary>What <code>" << NameOf(finding.kind)
+            << "</code> means, and what to do</summary><dl><dt>What happened<dd>"
+            << Markdown{WhatHappened(finding.kind)} << "<dt>What to do<dd>"
+            << Markdown{WhatToDo(finding.kind)};
+        const auto addFrames = [&](const char* title, const std::vector<FrameRange>& ranges) {
+            if (scene && !ranges.empty()) {
+                out << "<dt>" << title << "<dd>"
+                    << fmt::format("{}", fmt::join(LinksOf(*scene, ranges), ", "));
+            }
+        };
+        addFrames("Frames", finding.frames);
+        addFrames("Harmed", finding.harmed);
         out << "</dl></details></li>\n";
     }
 
@@ -273,10 +274,9 @@ class Page {
         for (size_t row = 0; row < rows.size(); ++row) {
             out << "<tr>";
             for (size_t column = 0; column < rows[row].size(); ++column) {
-                out << (row == 0      ? "<th scope=col>"
-                        : column == 0 ? "<th scope=row class=name>"
-                                      : "<td class=name>")
-                    << Name{rows[row][column]};
+                const char* const cell =
+                    column == 0 ? "<th scope=row class=name>" : "<td class=name>";
+                out << (row == 0 ? "<th scope=col>" : cell) << Name{rows[row][column]};
             }
             out << "</tr>\n";
         }
@@ -284,25 +284,29 @@ class Page {
     }
 
     void WriteScene(size_t index) {
-        const Scene& scene = account.scenes[index];
+        const JudgedScene& scene = account.scenes[index];
         std::string title = TitleOf(account, index);
         title[0] = 'S';
+        std::string missingEnd = scene.isStarted ? WhyNoEnd(scene) : "";
+        if (!missingEnd.empty()) {
+            missingEnd[0] = static_cast<char>(std::toupper(missingEnd[0]));
+            missingEnd += ". ";
+        }
         out << "<section aria-labelledby=s" << index << ">\n<h2 id=s" << index << '>'
             << Escaped{title} << "</h2>\n<p>"
             << (scene.isStarted ? "" : "<b>It was not started.</b> ")
             << (scene.isBeginningMissing ? "<b>The capture starts in its middle.</b> " : "")
-            << (!scene.isStarted || scene.hasEnd ? "" : "Its end is not in the capture. ")
-            << Counted(scene.frameCount, "frame") << FramesByStatus(scene);
-        if (!scene.neverOut.empty()) {
-            out << "; " << scene.neverOut.size() << " never came out";
+            << missingEnd << Counted(scene.figures.frameCount, "frame") << FramesByStatus(scene);
+        if (!scene.figures.neverOut.empty()) {
+            out << "; " << scene.figures.neverOut.size() << " never came out";
         }
-        if (scene.lateThreshold > 0) {
-            out << "; " << scene.lateFrames << " late, that is more than "
-                << ShortMilliseconds(scene.lateThreshold) << " ms after the frame before";
+        if (scene.columns.lateThreshold > 0) {
+            out << "; " << scene.figures.late << " late, that is more than "
+                << ShortMilliseconds(scene.columns.lateThreshold) << " ms after the frame before";
         }
         out << ".";
-        if (scene.untold > 0) {
-            out << " What became of " << scene.untold
+        if (scene.figures.unknown > 0) {
+            out << " What became of " << scene.figures.unknown
                 << " is not known, as lines of the log are missing.";
         }
         out << "</p>\n";
@@ -317,35 +321,35 @@ class Page {
     }
 
     void WriteFigures(size_t index) {
-        const Scene& scene = account.scenes[index];
+        const JudgedScene& scene = account.scenes[index];
         BeginTable(fmt::format("Figures of scene {}", index + 1), " class=figures",
                    "Times in milliseconds, as exact as the capture: to " +
                        ShortMilliseconds(account.resolution) + " ms");
         out << "<thead><tr><th scope=col>times of<th scope=col>n<th scope=col>p50"
                "<th scope=col>p90<th scope=col>p95<th scope=col>p99<th scope=col>max"
                "<th scope=col>distribution</tr></thead>\n<tbody>";
-        WriteFigure(scene, "latency", scene.latency, [&scene](size_t i) {
+        WriteFigure(scene, "latency", scene.figures.latency, [&scene](size_t i) {
             return Between(scene.frames[i].start, scene.frames[i].end);
         });
-        WriteFigure(scene, "output interval", scene.interval,
-                    [&scene](size_t i) { return scene.frames[i].interval; });
-        for (size_t stage = 0; stage < scene.stages.size(); ++stage) {
+        WriteFigure(scene, "output interval", scene.figures.interval,
+                    [&scene](size_t i) { return scene.FateOf(i).interval; });
+        for (size_t stage = 0; stage < scene.figures.stages.size(); ++stage) {
             const std::string title = FigureTitleOf(scene, stage);
             const auto timesOf = [&scene, stage](size_t i) {
                 return scene.TimesOf(i, static_cast<int32_t>(stage));
             };
             if (stage ==
                 0) {  // How long it takes is not known: no line says when the sensor began.
-                WriteFigure(scene, title, scene.works[stage],
+                WriteFigure(scene, title, scene.figures.works[stage],
                             [&timesOf](size_t i) { return timesOf(i).work; });
                 continue;
             }
-            WriteFigure(scene, title, scene.stages[stage],
+            WriteFigure(scene, title, scene.figures.stages[stage],
                         [&timesOf](size_t i) { return Between(timesOf(i).start, timesOf(i).end); });
-            if (scene.waits[stage].max > 0) {  // Else all is work.
-                WriteFigure(scene, title + ": waiting", scene.waits[stage],
+            if (scene.figures.waits[stage].max > 0) {  // Else all is work.
+                WriteFigure(scene, title + ": waiting", scene.figures.waits[stage],
                             [&timesOf](size_t i) { return timesOf(i).wait; });
-                WriteFigure(scene, title + ": at work", scene.works[stage],
+                WriteFigure(scene, title + ": at work", scene.figures.works[stage],
                             [&timesOf](size_t i) { return timesOf(i).work; });
             }
         }
@@ -353,7 +357,7 @@ class Page {
     }
 
     // A row: the figures, and how the values that they are of are distributed.
-    void WriteFigure(const Scene& scene, const std::string& title, const Statistics& figures,
+    void WriteFigure(const JudgedScene& scene, const std::string& title, const Statistics& figures,
                      const std::function<Micros(size_t frame)>& valueOf) {
         constexpr Micros BINS = 40;
         constexpr int HEIGHT = 22;
@@ -394,28 +398,30 @@ class Page {
     // Frames of consecutive numbers to which the same happened are a row.
     struct Run {
         FrameRange numbers;
-        std::string fate;  // The cells that say what became of them.
+        std::string cells;  // The cells that say what became of them.
         Micros first = NO_TIME, last = NO_TIME;
         Micros latency = NO_TIME, interval = NO_TIME;  // The longest.
         Place place;                                   // Of the first.
     };
 
     // Of those that are not complete, or late.
-    static std::vector<Run> RunsOf(const Scene& scene) {
+    static std::vector<Run> RunsOf(const JudgedScene& scene) {
         std::vector<Run> runs;
-        for (const Frame& frame : scene.frames) {
-            if (!Shown{}.Has(frame)) {
+        for (size_t row = 0; row < scene.frames.size(); ++row) {
+            const Frame& frame = scene.frames[row];
+            const Fate& fate = scene.FateOf(row);
+            if (!Shown{}.Has(scene, row)) {
                 continue;
             }
-            const std::string fate = FateOf(frame);
+            const std::string cells = CellsOf(fate);
             // When it came out, else when it was last heard of.
             const Micros moment =
-                Between(scene.begin, std::max({frame.told, frame.start, frame.end, frame.output}));
-            if (runs.empty() || runs.back().fate != fate ||
+                Between(scene.begin, std::max({frame.seen, frame.start, frame.end, fate.output}));
+            if (runs.empty() || runs.back().cells != cells ||
                 frame.number <= runs.back().numbers.last ||
                 frame.number - 1 != runs.back().numbers.last) {
                 runs.push_back({.numbers = {.first = frame.number},
-                                .fate = fate,
+                                .cells = cells,
                                 .first = moment,
                                 .place = frame.place});
             }
@@ -423,19 +429,18 @@ class Page {
             run.numbers.last = frame.number;
             run.last = moment;
             run.latency = std::max(run.latency, Between(frame.start, frame.end));
-            run.interval = std::max(run.interval, frame.interval);
+            run.interval = std::max(run.interval, fate.interval);
         }
         return runs;
     }
 
-    static std::string FateOf(const Frame& frame) {
-        const std::string word = WordOf(frame);
+    static std::string CellsOf(const Fate& fate) {
+        const std::string word = WordOf(fate);
         std::string style = word;
         std::replace(style.begin(), style.end(), ' ', '-');
         return fmt::format("<td class={}>{}{}<td>{}<td>{}", style, word,
-                           frame.isLate && word != "late" ? ", late" : "",
-                           frame.stage >= 0 ? std::to_string(frame.stage) : "",
-                           DescriptionOf(frame));
+                           fate.isLate && word != "late" ? ", late" : "",
+                           fate.stage >= 0 ? std::to_string(fate.stage) : "", DescriptionOf(fate));
     }
 
     void WriteFrames() {
@@ -455,7 +460,7 @@ class Page {
             for (const Run& run : RunsOf(account.scenes[i])) {
                 hasRows = true;
                 out << "<tr><td>" << i + 1 << "<td>" << RangeLinks(i, run.numbers) << "<td>"
-                    << run.numbers.last - run.numbers.first + 1 << run.fate << "<td>"
+                    << run.numbers.last - run.numbers.first + 1 << run.cells << "<td>"
                     << secondsOf(run.first) << "<td>" << secondsOf(run.last) << "<td>"
                     << ShortMilliseconds(run.latency) << "<td>" << ShortMilliseconds(run.interval)
                     << "<td class=name>" << Name{ToString(account, run.place)} << "</tr>\n";
@@ -496,24 +501,12 @@ class Page {
 
     void WriteWords() {
         out << "<details id=words><summary>What the words mean</summary><dl id=words-list>\n";
-        const auto add = [this](std::string_view term, std::string_view text) {
-            out << "<dt>" << Markdown{term} << "<dd>" << Markdown{text} << '\n';
-        };
+        // "- **Late**: came out more than ...", up to the next item or an empty line.
         std::string_view guide = FIELD_GUIDE;
-        Take(guide, "\n| status | meaning |\n|---|---|\n");
-        std::string_view statuses = Take(guide, "\n\n");
-        while (!statuses.empty()) {
-            std::string_view row = Take(statuses, "\n");
-            Take(row, "| ");
-            const std::string_view term = Take(row, " | ");
-            add(term, Take(row, " |"));
-        }
-        Take(guide, "\n## Words\n");
-        Take(guide, "\n- **");
-        while (!guide.empty()) {
-            std::string_view item = Take(guide, "\n- **");
-            const std::string_view term = Take(item, "**: ");
-            add(term, item);
+        while (Take(guide, "\n- **"), !guide.empty()) {
+            const std::string_view term = Take(guide, "**: ");
+            const size_t end = std::min(guide.find("\n- "), guide.find("\n\n"));
+            out << "<dt>" << Markdown{term} << "<dd>" << Markdown{guide.substr(0, end)} << '\n';
         }
         out << "</dl></details>\n";
     }

@@ -97,7 +97,10 @@
         const bytes = Uint8Array.from(atob(scene.data), (letter) => letter.charCodeAt(0));
         const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('gzip'));
         const data = await new Response(stream).json();
-        const [start, ...left] = columnsOf(data.times, scene.stages.length + 2, scene.unit);
+        const stages = scene.stages.length;
+        const columns = columnsOf(data.times, 2 * stages + 2, scene.unit);
+        const begun = columns.slice(1, stages + 1);
+        const left = columns.slice(stages + 1, 2 * stages + 1);
         // What a thread did when it did not sleep: from when to when, and which state on which CPU.
         const threads = data.threads.map(({ times, ...thread }) => {
             const [begin, end] = columnsOf(times, 2, 1e-6);
@@ -105,14 +108,15 @@
         });
         const numbers = scene.numbers.flatMap(([first, length]) =>
             Array.from({ length }, (_, i) => BigInt(first) + BigInt(i)));
-        const end = left.pop();
-        return derive({ ...scene, numbers, codes: data.codes, start, left, end, threads });
+        return derive({
+            ...scene, numbers, codes: data.codes, start: columns[0], begun, left, end: columns.at(-1), threads,
+        });
     }
 
     const PARTS = 200;  // Of a scene, for each of which the overview shows how long stages took.
 
-    // What follows from the times: when frames came to stages and those began with them, who came
-    // out when, how many were in flight.
+    // What follows from the times: when frames came to stages, which came out when, how many were in
+    // flight.
     async function derive(scene) {
         const { left, start, end, codes } = scene;
         scene.stop = Math.max(scene.stop, scene.period);  // A replay may take no time.
@@ -128,7 +132,6 @@
         const unknown = () => left.map(() => new Float64Array(count).fill(NaN));
         scene.order = left.map(sorted);
         scene.came = unknown();
-        scene.begun = unknown();
         scene.until = unknown();
         scene.stands = left.map(() => []);  // Frames that are not known to have left.
         await pause();
@@ -136,7 +139,10 @@
             let last = start[i];
             let through = -1;
             for (let stage = 0; stage < stages; ++stage) {
-                scene.came[stage][i] = last;
+                // The sensor has no queue: it delivers one frame after the other.
+                const begun = scene.begun[stage];
+                begun[i] = isNaN(begun[i]) ? last : begun[i];
+                scene.came[stage][i] = stage === 0 ? begun[i] : last;
                 if (!isNaN(left[stage][i])) {
                     last = left[stage][i];
                     through = stage;
@@ -150,17 +156,6 @@
         scene.drift = [];
         for (let stage = 0; stage < stages; ++stage) {
             await pause();
-            let free = NaN;
-            for (const i of scene.order[stage]) {
-                const came = scene.came[stage][i];
-                // The sensor has no queue: it delivers one frame after the other.
-                scene.begun[stage][i] = stage === 0 ? (isNaN(free) ? came : free)
-                    : isNaN(free) || came > free ? came : Math.min(free, left[stage][i]);
-                if (stage === 0) {
-                    scene.came[0][i] = scene.begun[0][i];
-                }
-                free = left[stage][i];
-            }
             const order = scene.order[stage];
             for (const i of scene.stands[stage]) {
                 const came = scene.came[stage][i];
@@ -169,8 +164,8 @@
                 while (passed < order.length && order[passed] < i) {
                     ++passed;
                 }
-                scene.until[stage][i] = passed < order.length ? left[stage][order[passed]]
-                    : isNaN(end[i]) ? scene.stop : Math.max(end[i], came);
+                const over = isNaN(end[i]) ? scene.stop : Math.max(end[i], came);
+                scene.until[stage][i] = passed < order.length ? left[stage][order[passed]] : over;
             }
             scene.drift.push(driftOf(scene, stage));
         }
@@ -182,10 +177,10 @@
         scene.outputs = scene.order[last] ?? sorted(end);
         scene.late = range(scene.outputs.length).filter((k) => k > 0 && codes[scene.outputs[k]] & 16);
         const starts = start.filter(isKnown).sort();
-        const overs = start.map((from, i) => {
+        const overs = Float64Array.from(range(count).filter((i) => isKnown(start[i])), (i) => {
             const over = Math.max(...[scene.out[i], end[i]].filter(isKnown));
-            return isNaN(from) ? NaN : over < 0 ? scene.stop : Math.max(over, from);
-        }).filter(isKnown).sort();
+            return over < 0 ? scene.stop : Math.max(over, start[i]);
+        }).sort();
         const times = new Float64Array(starts.length * 2);
         const counts = new Int32Array(times.length);
         for (let k = 0, begun = 0, over = 0; k < times.length; ++k) {
@@ -352,6 +347,7 @@
         running: (pen, x, y, w, h) => fill(pen, 'fine', [x, y, w, h]),
         runnable: (pen, x, y, w, h) => fill(pen, 'bad', [x, y, w, h]),
         blocked: (pen, x, y, w, h) => fill(pen, 'doubtful', [x, y, w, h]),
+        stopped: (pen, x, y, w, h) => fill(pen, 'quiet', [x, y, w, h]),
         // From the one that wakes to the one that is woken.
         wake: (pen, x, y, w, h) => arrow(pen, x + w / 2, y, y + h),
         median: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h / 2, w, 2]),
@@ -467,7 +463,7 @@
         }
     }
 
-    const STATES = ['running', 'runnable', null, 'blocked'];
+    const STATES = ['running', 'runnable', null, 'blocked', 'stopped'];
 
     // What is shorter than a pixel shares it with what else is there, by how long each takes.
     function drawThread(pen, { begin, end, codes }, y, height) {
@@ -489,7 +485,7 @@
         }
         for (const [x, share] of shares) {
             let top = y + height;
-            for (const state of ['running', 'blocked', 'runnable']) {
+            for (const state of ['running', 'stopped', 'blocked', 'runnable']) {
                 const high = share[state] ? Math.max(share[state] * height, 2) : 0;
                 top = Math.max(top - high, y);
                 shapes[state](pen, x, top, 1, high);
@@ -684,7 +680,7 @@
             const length = isThere ? ` for ${ms(end[k] - begin[k])}` : '';
             const what = { running: `ran${length} on CPU ${cpu}`,
                 runnable: `waited${length} for a CPU${cpu < 0 ? '' : `, CPU ${cpu}`}`,
-                blocked: `blocked in the kernel${length}` }[state] ?? state;
+                blocked: `blocked in the kernel${length}`, stopped: `stopped${length}` }[state] ?? state;
             return { kind: 'thread', thread: id, state, time, text: `thread ${id} (${name}): ${what}` };
         }
         const { stage } = row;
@@ -779,8 +775,8 @@
         const all = marks().sort((a, b) => a.time - b.time);
         const after = (time) => search(0, all.length, (k) => all[k].time > time);
         const last = all.indexOf(visited);  // Several may be at one time, or near the scene's end.
-        const next = all[last >= 0 ? last + direction : direction > 0 ? after(view.from)
-            : after(view.to) - 1];
+        const first = direction > 0 ? after(view.from) : after(view.to) - 1;
+        const next = all[last >= 0 ? last + direction : first];
         if (!next) {
             say(`There is no ${direction > 0 ? 'later' : 'earlier'} finding in this scene.`);
             return;
@@ -879,9 +875,16 @@
         const time = overAt(event);
         const near = (6 / (breadth - gutter)) * scene.stop;
         const isNear = (edge) => Math.abs(time - edge) < near;
-        brush = isNear(view.from) ? { fixed: view.to } : isNear(view.to) ? { fixed: view.from }
-            : time > view.from && time < view.to && view.to - view.from < scene.stop * 0.99
-                ? { grip: time - view.from, length: view.to - view.from } : { fixed: time };
+        const length = view.to - view.from;
+        if (isNear(view.from)) {
+            brush = { fixed: view.to };
+        } else if (isNear(view.to)) {
+            brush = { fixed: view.from };
+        } else if (time > view.from && time < view.to && length < scene.stop * 0.99) {
+            brush = { grip: time - view.from, length };
+        } else {
+            brush = { fixed: time };
+        }
     });
     overview.addEventListener('pointermove', (event) => {
         if (!brush) {
@@ -997,6 +1000,7 @@
             ...(scene.threads.length === 0 ? {} : {
                 running: 'a thread runs', runnable: 'a thread waits for a CPU',
                 blocked: 'a thread is blocked in the kernel',
+                stopped: 'a thread is stopped by a signal or a debugger',
                 wake: 'who woke whom, where a frame was late' }),
             chosen: 'the frame that was clicked on', span: 'measured',
             shade: 'overview: what is shown below', median: 'overview: median time of a stage',

@@ -43,10 +43,10 @@ void WriteConfigurations(std::ostream& out, const Account& account) {
     }
     for (const SharedConfiguration& one : all) {
         out << '\n' << TitleOf(all, one) << ":\n";
-        WriteTable(out, SummaryOf(one.configuration), Columns::Text);
+        WriteTable(out, SummaryOf(one.configuration), Cells::Text);
         if (!one.configuration.stages.empty()) {
             out << '\n';
-            WriteTable(out, StagesOf(one.configuration), Columns::Text);
+            WriteTable(out, StagesOf(one.configuration), Cells::Text);
         }
         int64_t notes = 0;
         for (const Finding& finding : one.findings) {
@@ -74,41 +74,42 @@ std::vector<std::string> RowOf(const std::string& name, const Statistics& statis
     return row;
 }
 
-void WriteFigures(std::ostream& out, const Account& account, const Scene& scene) {
-    out << "\nFrames: " << scene.frameCount << FramesByStatus(scene) << ".\n";
-    if (scene.untold > 0) {
-        out << "What became of " << scene.untold
+void WriteFigures(std::ostream& out, const Account& account, const JudgedScene& scene) {
+    out << "\nFrames: " << scene.figures.frameCount << FramesByStatus(scene) << ".\n";
+    if (scene.figures.unknown > 0) {
+        out << "What became of " << scene.figures.unknown
             << " of them is not known: lines of the log are missing.\n";
     }
-    if (scene.interval.count == 0) {
+    if (scene.figures.interval.count == 0) {
         return;
     }
-    const double late = static_cast<double>(scene.lateFrames);
-    const double all = static_cast<double>(std::max<int64_t>(scene.frameCount, 1));
+    const double late = static_cast<double>(scene.figures.late);
+    const double all = static_cast<double>(std::max<int64_t>(scene.figures.frameCount, 1));
     out << fmt::format(
         "Late: {} ({} %), that is more than {} ms after the frame before. Rate: {} fps{}.\n"
         "Milliseconds, as exact as the capture: {}.\n",
-        scene.lateFrames, Fixed(100 * late / all, 2), LateText(scene.lateThreshold),
+        scene.figures.late, Fixed(100 * late / all, 2), LateText(scene.columns.lateThreshold),
         Fixed(RateOf(scene), 1), scene.fps > 0 ? fmt::format(" of {}", scene.fps) : "",
         account.resolution >= MILLISECOND ? "1 ms" : "1 us");
     Rows table = {{"", "n", "p50", "p90", "p95", "p99", "max"},
-                  RowOf("latency, start to end", scene.latency, account.resolution),
-                  RowOf("interval between outputs", scene.interval, account.resolution)};
-    for (size_t stage = 0; stage < scene.stages.size(); ++stage) {
+                  RowOf("latency, start to end", scene.figures.latency, account.resolution),
+                  RowOf("interval between outputs", scene.figures.interval, account.resolution)};
+    for (size_t stage = 0; stage < scene.figures.stages.size(); ++stage) {
         table.push_back(
-            RowOf(FigureTitleOf(scene, stage), scene.stages[stage], account.resolution));
-        if (scene.waits[stage].max > 0) {  // Else all is work.
-            table.push_back(RowOf("  waiting", scene.waits[stage], account.resolution));
-            table.push_back(RowOf("  working", scene.works[stage], account.resolution));
+            RowOf(FigureTitleOf(scene, stage), scene.figures.stages[stage], account.resolution));
+        if (scene.figures.waits[stage].max > 0) {  // Else all is work.
+            table.push_back(RowOf("  waiting", scene.figures.waits[stage], account.resolution));
+            table.push_back(RowOf("  working", scene.figures.works[stage], account.resolution));
         }
     }
-    WriteTable(out, table, Columns::Figures);
+    WriteTable(out, table, Cells::Figures);
 }
 
-std::vector<std::string> RowOf(const Account& account, const Scene& scene, size_t index) {
+std::vector<std::string> RowOf(const Account& account, const JudgedScene& scene, size_t index) {
     const Frame& frame = scene.frames[index];
+    const Fate& fate = scene.FateOf(index);
     std::vector<std::string> row = {std::to_string(frame.number), std::to_string(frame.place.line),
-                                    NameOf(frame.status)};
+                                    NameOf(fate.status)};
     const auto add = [&](Micros moment, Micros since) {
         row.push_back(moment == NO_TIME || since == NO_TIME
                           ? "-"
@@ -117,22 +118,22 @@ std::vector<std::string> RowOf(const Account& account, const Scene& scene, size_
     add(frame.start, scene.begin);
     add(frame.end, scene.begin);
     add(frame.end, frame.start);
-    add(frame.interval, 0);
+    add(fate.interval, 0);
     for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
         const StageTimes times = scene.TimesOf(index, stage);
         add(times.end, times.start);
     }
-    const std::string description = DescriptionOf(frame);
-    row.push_back(fmt::format("{}{}{}", frame.isLate ? "late" : "",
-                              frame.isLate && !description.empty() ? "; " : "", description));
+    const std::string description = DescriptionOf(fate);
+    row.push_back(fmt::format("{}{}{}", fate.isLate ? "late" : "",
+                              fate.isLate && !description.empty() ? "; " : "", description));
     return row;
 }
 
-void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
+void WriteFrames(std::ostream& out, const Account& account, const JudgedScene& scene,
                  const Shown& shown) {
     std::vector<size_t> frames;
     for (size_t i = 0; i < scene.frames.size(); ++i) {
-        if (shown.Has(scene.frames[i])) {
+        if (shown.Has(scene, i)) {
             frames.push_back(i);
         }
     }
@@ -158,17 +159,16 @@ void WriteFrames(std::ostream& out, const Account& account, const Scene& scene,
     for (const size_t frame : frames) {
         table.push_back(RowOf(account, scene, frame));
     }
-    WriteTable(out, table, Columns::Figures);
+    WriteTable(out, table, Cells::Figures);
 }
 
-std::string DurationOf(const Scene& scene) {
+std::string DurationOf(const JudgedScene& scene) {
     if (!scene.isStarted) {
         return ", not started";
     }
     const std::string length = Fixed(static_cast<double>(scene.end - scene.begin) / 1e6, 3);
-    return scene.hasEnd
-               ? fmt::format(", lasted {} s", length)
-               : fmt::format(", {} s to its last line; its end is not in the capture", length);
+    return scene.HasEnd() ? fmt::format(", lasted {} s", length)
+                          : fmt::format(", {} s to its last line; {}", length, WhyNoEnd(scene));
 }
 
 }  // namespace
@@ -188,7 +188,7 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
         out << LineOf(account, nullptr, finding) << '\n';
     }
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        const Scene& scene = account.scenes[i];
+        const JudgedScene& scene = account.scenes[i];
         std::string title = TitleOf(account, i);
         title[0] = 'S';
         out << '\n'
@@ -201,10 +201,19 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
             WriteFigures(out, account, scene);
             for (const CaptionedTable& table : ThreadTablesOf(scheduling, i)) {
                 out << '\n' << table.caption << ":\n";
-                WriteTable(out, table.rows, Columns::Figures);
+                WriteTable(out, table.rows, Cells::Figures);
             }
             WriteFrames(out, account, scene, shown);
         }
+    }
+}
+
+void WriteKinds(std::ostream& out) {
+    out << "| finding | what happened | what to do |\n|---|---|---|\n";
+    for (size_t i = 0; i < KINDS; ++i) {
+        const auto kind = static_cast<Kind>(i);
+        out << fmt::format("| `{}` | {} | {} |\n", NameOf(kind), WhatHappened(kind),
+                           WhatToDo(kind));
     }
 }
 

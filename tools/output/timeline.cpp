@@ -35,16 +35,24 @@ Json StepsOf(const std::vector<Micros>& times, Micros origin, Micros unit) {
     return steps;
 }
 
-// What became of each frame; when it was started, when it left each stage, and when the HAL ended
-// it, a frame after the other; and what its threads did.
-Json DataOf(const Scene& scene, Micros unit, const Json& threads) {
+// What became of each frame; when it was started, when each stage began with it, when it left each,
+// and when the HAL ended it, a frame after the other; and what its threads did.
+Json DataOf(const JudgedScene& scene, Micros unit, const Json& threads) {
     Json codes = Json::array();
     std::vector<Micros> times;
     for (size_t i = 0; i < scene.frames.size(); ++i) {
         const Frame& frame = scene.frames[i];
-        codes.push_back(static_cast<int>(frame.status) + 16 * (frame.isLate ? 1 : 0) +
-                        32 * (frame.isNeverOut ? 1 : 0) + 64 * (frame.isUntold ? 1 : 0));
+        const Fate& fate = scene.FateOf(i);
+        codes.push_back(static_cast<int>(fate.status) + 16 * (fate.isLate ? 1 : 0) +
+                        32 * (fate.isNeverOut ? 1 : 0) + 64 * (fate.isUnknown ? 1 : 0));
         times.push_back(frame.start);
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            const bool isQueue = stage < scene.columns.stages && !scene.isAlone;
+            const size_t pass = scene.columns.PassOf(static_cast<uint32_t>(i), stage);
+            const Micros begin = isQueue ? scene.columns.begin[pass] : NO_TIME;
+            const bool isBehindAnother = begin != NO_TIME && stage > 0;
+            times.push_back(isBehindAnother ? std::max(begin, scene.ArrivalOf(i, stage)) : begin);
+        }
         for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
             times.push_back(scene.PassOf(i, stage).left);
         }
@@ -55,7 +63,7 @@ Json DataOf(const Scene& scene, Micros unit, const Json& threads) {
 
 // The numbers of frames, as the first of each run of consecutive ones, in text as they may be
 // larger than a script's numbers, and how many there are.
-std::vector<std::pair<std::string, int64_t>> NumbersOf(const Scene& scene) {
+std::vector<std::pair<std::string, int64_t>> NumbersOf(const JudgedScene& scene) {
     std::vector<std::pair<std::string, int64_t>> runs;
     const Frame* before = nullptr;
     for (const Frame& frame : scene.frames) {
@@ -75,14 +83,15 @@ double Seconds(Micros time) {
 
 // When the log's clock was set, since the scene's begin, and by how much; each step once, whichever
 // scenes it fell into. Nothing where it was set between scenes, of which the size is not kept.
-std::optional<std::map<double, double>> ClockSteps(const Account& account, const Scene& scene) {
+std::optional<std::map<double, double>> ClockSteps(const Account& account,
+                                                   const JudgedScene& scene) {
     for (const SceneFinding& finding : account.findings) {
-        if (finding.check == Check::ClockJump && finding.time <= scene.begin) {
+        if (finding.kind == Kind::ClockJump && finding.time <= scene.begin) {
             return {};
         }
     }
     std::map<double, double> steps;
-    for (const Scene& any : account.scenes) {
+    for (const JudgedScene& any : account.scenes) {
         for (const Scene::Disturbance& step : any.clockSteps) {
             steps[Seconds(step.time - scene.begin)] = Seconds(step.amount);
         }
@@ -108,7 +117,8 @@ Json ThreadOf(Micros origin, int32_t stage, const SchedThread& thread,
 }
 
 // The threads of a scene: the pipeline's by their stages, then those that kept them.
-Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneScheduling& ofScene) {
+Json ThreadsOf(const JudgedScene& scene, const Scheduling& scheduling,
+               const SceneScheduling& ofScene) {
     std::set<int32_t> others;
     for (const SceneFinding& finding : scene.findings) {
         for (const CauseLink& link : finding.chain) {
@@ -136,7 +146,7 @@ Json ThreadsOf(const Scene& scene, const Scheduling& scheduling, const SceneSche
 }
 
 // Who woke whom, where that made a frame late: when, and the threads.
-Json WakesOf(const Scene& scene) {
+Json WakesOf(const JudgedScene& scene) {
     Json wakes = Json::array();
     for (const SceneFinding& finding : scene.findings) {
         for (size_t i = 0; i + 1 < finding.chain.size(); ++i) {
@@ -154,8 +164,8 @@ Json WakesOf(const Scene& scene) {
 void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* scheduling) {
     Json scenes;
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        const Scene& scene = account.scenes[i];
-        if (scene.isMixed || scene.frames.empty()) {
+        const JudgedScene& scene = account.scenes[i];
+        if (scene.columns.isMixed || scene.frames.empty()) {
             continue;
         }
         // One for each column of data, whatever the configuration says.

@@ -98,7 +98,7 @@ struct Slice {
 // What is shown of a scene.
 struct View {
     const Account& account;
-    const Scene& scene;
+    const JudgedScene& scene;
     size_t process = 0;
     size_t firstId = 0;   // Of its frames, which count from here.
     bool isPart = false;  // Only the frames asked for are shown, with all that is known of them.
@@ -109,6 +109,7 @@ struct View {
     Span span{NO_TIME, NO_TIME};  // In which things are shown that are no frame's.
 
     const Frame& FrameOf(const Slice& slice) const { return scene.frames[slice.frame]; }
+    const Fate& FateOf(const Slice& slice) const { return scene.FateOf(slice.frame); }
     bool Has(Micros time) const {
         return time != NO_TIME && (!isPart || (time >= span.begin && time <= span.end));
     }
@@ -123,31 +124,23 @@ void Include(Span& span, Micros time) {
 }
 
 // A frame stays until it was ended or pushed out, or as long as the scene is known to have gone on.
-std::vector<Micros> GoneOf(const Scene& scene) {
-    // Evictions count frames before those were taken out that are none: in the same order.
-    std::vector<std::pair<uint32_t, Micros>> evicted;
-    for (const Scene::Eviction& eviction : scene.evictions) {
-        if (eviction.frame) {
-            evicted.emplace_back(*eviction.frame, eviction.time);
-        }
-    }
-    std::sort(evicted.begin(), evicted.end());
-    auto next = evicted.begin();
+std::vector<Micros> GoneOf(const JudgedScene& scene) {
     std::vector<Micros> gone;
-    for (const Frame& frame : scene.frames) {
-        const bool isPushedOut = frame.isEvicted && next != evicted.end();
-        const Micros time = isPushedOut ? (next++)->second : scene.stop;
-        gone.push_back(frame.end != NO_TIME || frame.isUntold ? frame.end : time);
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        const Frame& frame = scene.frames[row];
+        const Micros until = frame.evicted != NO_TIME ? frame.evicted : scene.stop;
+        const bool isKnown = frame.end != NO_TIME || scene.FateOf(row).isUnknown;
+        gone.push_back(isKnown ? frame.end : until);
     }
     return gone;
 }
 
 // When the frame is shown in the stage; a span that begins with NO_TIME where it is not.
 Slice SliceOf(const View& view, size_t frame, int32_t stage) {
-    const Scene& scene = view.scene;
+    const JudgedScene& scene = view.scene;
     const StageTimes times = scene.TimesOf(frame, stage);
     Slice slice{{NO_TIME, NO_TIME}, frame, scene.PassOf(frame, stage).HasLeft()};
-    bool isThere = !scene.frames[frame].isOut && times.start != NO_TIME &&
+    bool isThere = !scene.FateOf(frame).isOut && times.start != NO_TIME &&
                    view.gone[frame] != NO_TIME &&
                    (stage == 0 || scene.PassOf(frame, stage - 1).HasLeft());
     for (int32_t later = stage; later < scene.stageCount; ++later) {
@@ -166,7 +159,7 @@ Slice SliceOf(const View& view, size_t frame) {
     Slice slice{{NO_TIME, NO_TIME}, frame};
     Include(slice.span, row.start);
     Include(slice.span, row.end);
-    Include(slice.span, row.output);
+    Include(slice.span, view.scene.FateOf(frame).isOut ? view.scene.FateOf(frame).output : NO_TIME);
     for (int32_t stage = 0; stage < view.scene.stageCount; ++stage) {
         const Span part = SliceOf(view, frame, stage).span;
         Include(slice.span, part.begin);
@@ -175,54 +168,57 @@ Slice SliceOf(const View& view, size_t frame) {
     return slice;
 }
 
-bool IsRemarkable(const Frame& frame) {
-    return frame.hasFinding || frame.isLate || frame.isNeverOut;
+bool IsRemarkable(const JudgedScene& scene, size_t row) {
+    return HarmOf(scene.FateOf(row)) != Harm::None || scene.frames[row].trouble.line != 0;
 }
 
 View ViewOf(const Account& account, size_t number, size_t firstId,
             const std::optional<std::pair<int64_t, int64_t>>& range) {
-    const Scene& scene = account.scenes[number];
+    const JudgedScene& scene = account.scenes[number];
     View view{account, scene, number + 1, firstId, range.has_value(), GoneOf(scene), {}, {}};
     view.hasFlow.assign(scene.frames.size(), view.isPart);
     for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
-        const Frame& row = scene.frames[frame];
-        if (IsRemarkable(row)) {
+        if (IsRemarkable(scene, frame)) {
             const size_t last = std::min(frame + NEAR, scene.frames.size() - 1);
             for (size_t near = frame - std::min(frame, NEAR); near <= last; ++near) {
                 view.hasFlow[near] = true;
             }
         }
         const Slice slice = SliceOf(view, frame);
-        if (slice.span.begin != NO_TIME && Shown{true, range}.Has(row)) {
+        if (slice.span.begin != NO_TIME && Shown{true, range}.Has(scene, frame)) {
             view.frames.push_back(slice);
             Include(view.span, slice.span.begin);
             // One that never came out may stand there for long.
-            Include(view.span, row.isNeverOut ? NO_TIME : slice.span.end);
+            Include(view.span, scene.FateOf(frame).isNeverOut ? NO_TIME : slice.span.end);
         }
     }
     return view;
 }
 
 // Good frames stay quiet: the viewer gives equal words equal colours.
-std::string NameOf(const Frame& frame) {
-    const std::string_view word = WordOf(frame);
-    return fmt::format("{}{}{}", frame.number, word.empty() ? "" : " ", word);
+std::string NameOf(const View& view, const Slice& slice) {
+    const std::string_view word = WordOf(view.FateOf(slice));
+    return fmt::format("{}{}{}", view.FrameOf(slice).number, word.empty() ? "" : " ", word);
 }
 
 // Empty where nothing is to be said of the frame.
 std::string ArgumentsOf(const View& view, const Slice& slice) {
     const Frame& frame = view.FrameOf(slice);
-    if (!view.isPart && !IsRemarkable(frame) && *WordOf(frame) == '\0') {
+    const Fate& fate = view.FateOf(slice);
+    if (!view.isPart && !IsRemarkable(view.scene, slice.frame) && *WordOf(fate) == '\0') {
         return "";
     }
-    Json arguments{{"status", NameOf(frame.status)}, {"late", frame.isLate}};
-    if (const std::string reason = DescriptionOf(frame); !reason.empty()) {
+    Json arguments{{"status", NameOf(fate.status)}, {"late", fate.isLate}};
+    if (const std::string reason = DescriptionOf(fate); !reason.empty()) {
         arguments["reason"] = reason;
     }
     if (!slice.hasLeft) {
-        arguments["left"] = frame.end != NO_TIME ? "never; until it was ended"
-                            : frame.isEvicted    ? "never; until it was pushed out"
-                                                 : "never";
+        arguments["left"] = "never";
+        if (frame.end != NO_TIME) {
+            arguments["left"] = "never; until it was ended";
+        } else if (frame.evicted != NO_TIME) {
+            arguments["left"] = "never; until it was pushed out";
+        }
     }
     arguments["line"] = ToString(view.account, frame.place);
     return ",\"args\":" + Text(arguments);
@@ -238,16 +234,17 @@ void WritePair(Events& events, const View& view, const Slice& slice, std::string
     events.Add('b', view.process, slice.span.begin, name,
                fmt::format(R"({},"args":{{"frame":{}}})", which, frame.number));
     if (!arguments.empty()) {
-        events.Add('b', view.process, slice.span.begin, NameOf(frame), which + arguments);
-        events.Add('e', view.process, slice.span.end, NameOf(frame), which);
+        events.Add('b', view.process, slice.span.begin, NameOf(view, slice), which + arguments);
+        events.Add('e', view.process, slice.span.end, NameOf(view, slice), which);
     }
     events.Add('e', view.process, slice.span.end, name, which);
 }
 
 // A frame is due so many periods after the last one that came out as numbers are between the two.
 void WriteExpected(Events& events, const View& view) {
-    const Scene& scene = view.scene;
+    const JudgedScene& scene = view.scene;
     const Frame* before = nullptr;
+    Micros dueFrom = 0;
     auto shown = view.frames.begin();
     for (size_t i = 0; i < scene.frames.size(); ++i) {
         const Frame& frame = scene.frames[i];
@@ -257,11 +254,14 @@ void WriteExpected(Events& events, const View& view) {
         if (shown != view.frames.end() && shown->frame == i) {
             const Micros begin = (shown++)->span.begin;
             if (gap > 0 && gap < FAR_APART) {
-                const Micros due = before->output + scene.Period() * static_cast<Micros>(gap);
+                const Micros due = dueFrom + scene.Period() * static_cast<Micros>(gap);
                 WritePair(events, view, {{begin, std::max(begin, due)}, i}, "expected");
             }
         }
-        before = frame.output == NO_TIME ? before : &frame;
+        if (scene.FateOf(i).isOut) {
+            before = &frame;
+            dueFrom = scene.FateOf(i).output;
+        }
     }
 }
 
@@ -275,7 +275,10 @@ char FlowOf(const View& view, const Slice& slice, int32_t stage) {
             (isBefore ? isFirst : isLast) = false;
         }
     }
-    return isFirst ? (isLast ? '\0' : 's') : isLast ? 'f' : 't';
+    if (isFirst) {
+        return isLast ? '\0' : 's';
+    }
+    return isLast ? 'f' : 't';
 }
 
 void WriteStage(Events& events, const View& view, int32_t stage) {
@@ -308,7 +311,7 @@ void WriteStage(Events& events, const View& view, int32_t stage) {
         }
         lanes[lane].first = end;
         const size_t track = lanes[lane].second;
-        events.AddSlice(view.process, track, slice.span, NameOf(view.FrameOf(slice)),
+        events.AddSlice(view.process, track, slice.span, NameOf(view, slice),
                         ArgumentsOf(view, slice));
         if (const char phase = FlowOf(view, slice, stage); phase != '\0') {
             events.AddFlow(phase, view.process, track, begin, "frame", view.firstId + slice.frame);
@@ -403,13 +406,14 @@ void WriteCounters(Events& events, const View& view) {
         const Frame& frame = view.scene.frames[i];
         if (frame.start != NO_TIME) {
             // What is still in the table keeps its place; of others it is not known when they went.
-            const bool isKnown = frame.end != NO_TIME || frame.isEvicted || frame.isHeld;
+            const bool isKnown = frame.end != NO_TIME || frame.evicted != NO_TIME || frame.isHeld;
             ++inFlight[frame.start];
             --inFlight[isKnown && view.gone[i] != NO_TIME ? view.gone[i]
                                                           : SliceOf(view, i).span.end];
         }
-        if (frame.interval != NO_TIME) {
-            intervals[frame.output] = static_cast<double>(frame.interval) / 1000;
+        const Fate& fate = view.scene.FateOf(i);
+        if (fate.interval != NO_TIME) {
+            intervals[fate.output] = static_cast<double>(fate.interval) / 1000;
         }
     }
     double count = 0;
@@ -438,7 +442,7 @@ void WriteFindings(Events& events, size_t process, const Account& account,
                              {"line", ToString(account, finding->place)}};
         events.Add(
             'i', process, time,
-            NameOf(finding->check) + (finding->frame ? fmt::format(" {}", *finding->frame) : ""),
+            NameOf(finding->kind) + (finding->frame ? fmt::format(" {}", *finding->frame) : ""),
             fmt::format(R"(,"tid":{},"s":"t","args":{})", track, Text(arguments)));
     }
 }
@@ -491,7 +495,7 @@ void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
                 const Scheduling* scheduling) {
     Span scenes{NO_TIME, NO_TIME};
-    for (const Scene& scene : account.scenes) {
+    for (const JudgedScene& scene : account.scenes) {
         Include(scenes, scene.begin);
     }
     const Micros origin = scenes.begin == NO_TIME ? 0 : scenes.begin;

@@ -237,7 +237,9 @@ std::string DescribeFaults() {
     std::string names;
     for (const FaultForm& form : FAULT_FORMS) {
         text += fmt::format("  {:32}{}\n", UsageOf(form), MeaningOf(form, "STAGE", form.amount));
-        names += form.hasFrames ? (names.empty() ? "" : ", ") + std::string(form.name) : "";
+        if (form.hasFrames) {
+            names += (names.empty() ? "" : ", ") + std::string(form.name);
+        }
     }
     return text + "\nFRAME may be several in a row, as 100-104, for " + names +
            ".\nFor clock, MILLISECONDS below 0 set it back.\n";

@@ -20,10 +20,10 @@ struct ReplayOptions {
     std::ostream* log = nullptr;  // Where the capture of the library's log goes, if anywhere.
 };
 
-// Plays `session` on a library in the state in which it is after loading. Writes the play to `out`;
-// `complain` is told what there is to say about the input. Returns false, with nothing played, when
+// Plays `file` on a library in the state in which it is after loading. Writes the play to `out`;
+// `complain` gets complaints about the input, a line each. Returns false, with nothing played, when
 // the session has errors or no call, or the configuration cannot be used.
-bool Replay(const ReplayOptions& options, NamedText session, std::ostream& out,
+bool Replay(const ReplayOptions& options, NamedText file, std::ostream& out,
             const std::function<void(const std::string& line)>& complain);
 
 // Brings the desktop platform to the state in which tools use it: debug switch on, log lines for

@@ -387,10 +387,8 @@ class Simulation {
                 if (truth) {
                     const bool isDelay = kind == FaultKind::Slow || kind == FaultKind::Stall ||
                                          kind == FaultKind::Freeze;
-                    truth->OnFault(i, now,
-                                   isForever ? Truth::FOREVER
-                                   : isDelay ? now + fault.amount * MILLISECOND
-                                             : now);
+                    const Micros over = now + (isDelay ? fault.amount * MILLISECOND : 0);
+                    truth->OnFault(i, now, isForever ? Truth::FOREVER : over);
                 }
                 return fault.amount;
             }

@@ -94,9 +94,14 @@ size_t PrintableLength(std::string_view text) {
         const bool isControl = (first < 0x20 && first != '\t') || first == 0x7F;
         return isControl ? 0 : 1;
     }
-    const size_t length = first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    if (first < 0xC2 || first > 0xF4) {
+        return 0;
+    }
+    size_t length = 2;
+    length += first >= 0xE0 ? 1 : 0;
+    length += first >= 0xF0 ? 1 : 0;
     const bool isWhole =
-        length != 0 && first <= 0xF4 && length <= text.size() &&
+        length <= text.size() &&
         std::all_of(text.begin() + 1, text.begin() + static_cast<std::ptrdiff_t>(length),
                     [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U; });
     // Controls again, from U+0080 to U+009F.

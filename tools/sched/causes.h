@@ -1,4 +1,4 @@
-// From a late frame to what it waited for.
+// From a cause to what threads did: from a late frame to what it waited for.
 
 #pragma once
 
@@ -6,8 +6,10 @@
 
 namespace tools {
 
-// Adds to each finding about a stage that took long, or stands, what its thread did meanwhile: it
-// ran, waited for a CPU that others had, or slept until somebody woke it, who is looked at in turn.
-void TellCauses(Scene& scene, const SceneScheduling& scheduling, States& states, const Tie& tie);
+// Adds to each cause about a stage that took long, or in which frames stand, what its threads did
+// meanwhile: they ran, waited for a CPU that others had, or slept until a thread woke them, which
+// is looked at in turn. Frames that no cause explains are explained by that where it can be.
+void AddScheduling(JudgedScene& judged, const SceneScheduling& scheduling, States& states,
+                   const Tie& tie);
 
 }  // namespace tools

@@ -1,23 +1,31 @@
 #include "tools/sched/scheduling.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <array>
 #include <map>
 #include <set>
 #include <utility>
 
+#include "tools/base/text.h"
 #include "tools/sched/causes.h"
 
 namespace tools {
 namespace {
 
 struct SceneMaker {
-    const Scene& scene;
+    const JudgedScene& judged;
     States& states;
     const Tie& tie;
+    const CounterTable& counters;
+    const Scene& scene = judged;
+    const Columns& columns = judged.columns;
     SceneScheduling result{};
 
     SceneScheduling Make(const std::vector<Span>& outside) {
-        if (scene.stageCount > 0 && !scene.isMixed) {
+        if (scene.isStarted && !columns.isMixed) {
+            result.stages = columns.stages;
             FindUses();
             FindThreads();
             FindUsual();
@@ -26,73 +34,92 @@ struct SceneMaker {
         return std::move(result);
     }
 
-    // When frames left stages, by the counters where there are some, and what their threads did.
+    // When frames were in stages, by the counters where there are some, and what their threads did.
     void FindUses() {
-        const auto stages = static_cast<size_t>(scene.stageCount);
-        result.uses.resize(scene.passes.size());
-        std::vector<std::pair<Micros, size_t>> left;
-        for (size_t stage = 0; stage < stages; ++stage) {
-            left.clear();
-            for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
-                const StagePass& pass = scene.passes[frame * stages + stage];
-                if (!pass.HasLeft()) {
-                    continue;
-                }
-                StageUse& use = result.uses[frame * stages + stage];
-                const auto number = static_cast<int32_t>(scene.frames[frame].number);
-                const SchedCounter* const counter =
-                    tie.Find(MessageKind::StageEnd, static_cast<int32_t>(stage), number,
-                             tie.ToTrace(pass.left), scene.process);
-                use.span.end = counter != nullptr ? counter->time : tie.ToTrace(pass.left);
-                use.thread = counter != nullptr ? counter->thread
-                             : pass.thread < scene.threads.size()
-                                 ? tie.ThreadOf(scene.threads[pass.thread])
-                                 : NO_THREAD;
-                left.emplace_back(use.span.end, frame);
+        result.uses.resize(scene.frames.size() * static_cast<size_t>(result.stages));
+        for (uint32_t row = 0; row < scene.frames.size(); ++row) {
+            for (int32_t stage = 0; stage < result.stages; ++stage) {
+                FindEnd(row, stage);
             }
-            std::sort(left.begin(), left.end());
-            for (size_t i = 0; i < left.size(); ++i) {
-                const size_t frame = left[i].second;
-                StageUse& use = result.uses[frame * stages + stage];
-                Micros begin = i > 0 ? left[i - 1].first : NO_TIME;
-                if (stage > 0 && scene.passes[frame * stages + stage - 1].HasLeft()) {
-                    begin = std::max(begin, result.uses[frame * stages + stage - 1].span.end);
-                }
-                use.span.begin = begin == NO_TIME ? use.span.end : std::min(begin, use.span.end);
-                if (begin == NO_TIME) {
-                    use.thread = NO_THREAD;
-                }
-                if (use.thread != NO_THREAD) {
-                    use.shares = states.SharesOf(use.thread, use.span);
-                }
+        }
+        for (uint32_t row = 0; row < scene.frames.size(); ++row) {
+            for (int32_t stage = 0; stage < result.stages; ++stage) {
+                FindBegin(row, stage);
             }
         }
     }
 
+    void FindEnd(uint32_t row, int32_t stage) {
+        const Micros left = scene.LeftOf(row, stage);
+        if (left == NO_TIME) {
+            return;
+        }
+        StageUse& use = result.uses[columns.PassOf(row, stage)];
+        const SchedCounter* const counter =
+            counters.Beside({left, scene.process, -1, scene.isAlone ? -1 : stage,
+                             static_cast<int32_t>(scene.frames[row].number),
+                             scene.isAlone ? MessageKind::FrameEnd : MessageKind::StageEnd});
+        use.span.end = counter != nullptr ? counter->time : left;
+        if (counter != nullptr) {
+            use.thread = counter->thread;
+        } else if (!scene.isAlone && scene.PassOf(row, stage).thread < scene.threads.size()) {
+            use.thread = ThreadOf(scene.threads[scene.PassOf(row, stage).thread]);
+        }
+    }
+
+    void FindBegin(uint32_t row, int32_t stage) {
+        const size_t pass = columns.PassOf(row, stage);
+        StageUse& use = result.uses[pass];
+        const uint32_t behind = columns.behind[pass];
+        Micros begin = columns.begin[pass];
+        if (behind != NO_INDEX) {
+            begin = result.uses[behind].span.end;
+        } else if (begin == NO_TIME && stage == 0) {
+            begin = scene.frames[row].start;
+        }
+        if (begin == NO_TIME || use.thread == NO_THREAD) {
+            use.thread = NO_THREAD;
+            return;
+        }
+        use.span.begin = std::min(begin, use.span.end);
+        use.shares = states.SharesOf(use.thread, use.span);
+    }
+
+    uint32_t ThreadOf(int32_t tid) const {
+        const auto found = tie.threads.find(tid);
+        return found == tie.threads.end() ? NO_THREAD : found->second;
+    }
+
     void FindThreads() {
-        const Span span = {tie.ToTrace(scene.begin), tie.ToTrace(scene.end)};
+        const Span span = {scene.begin, scene.end};
         std::map<uint32_t, std::set<int32_t>> stagesOf;
+        std::vector<std::map<uint32_t, Micros>> last(static_cast<size_t>(result.stages));
         for (size_t i = 0; i < result.uses.size(); ++i) {
-            if (result.uses[i].thread != NO_THREAD) {
-                stagesOf[result.uses[i].thread].insert(
-                    static_cast<int32_t>(i % static_cast<size_t>(scene.stageCount)));
+            if (const uint32_t thread = result.uses[i].thread; thread != NO_THREAD) {
+                stagesOf[thread].insert(static_cast<int32_t>(i % last.size()));
+                Micros& time = last[i % last.size()].try_emplace(thread, NO_TIME).first->second;
+                time = std::max(time, result.uses[i].span.end);
             }
+        }
+        for (const auto& ofStage : last) {
+            const auto standing = std::min_element(
+                ofStage.begin(), ofStage.end(),
+                [](const auto& one, const auto& other) { return one.second < other.second; });
+            result.standing.push_back(standing == ofStage.end() ? NO_THREAD : standing->first);
         }
         result.isHandedKnown = scene.hasThreads && !scene.isBeginningMissing;
+        const std::vector<SchedThread>& all = states.Trace().threads;
         std::set<uint32_t> handed;
         for (const int32_t tid : scene.setThreads) {
-            if (tie.ThreadOf(tid) != NO_THREAD) {
-                handed.insert(tie.ThreadOf(tid));
-            }
-        }
-        if (tie.IsSameNumbering()) {
-            const std::vector<SchedThread>& all = states.Trace().threads;
-            for (uint32_t thread = 0; thread < all.size(); ++thread) {
-                if (scene.setThreads.contains(all[thread].tid)) {
+            handed.insert(ThreadOf(tid));
+            // Threads that report no stage are known by their ids alone.
+            for (uint32_t thread = 0; tie.isSameNumbering && thread < all.size(); ++thread) {
+                if (all[thread].tid == tid) {
                     handed.insert(thread);
                 }
             }
         }
+        handed.erase(NO_THREAD);
         for (const uint32_t thread : handed) {
             stagesOf.try_emplace(thread);
         }
@@ -110,57 +137,41 @@ struct SceneMaker {
     }
 
     void FindUsual() {
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            Shares usual{};
-            int64_t count = 0;
-            for (size_t state = 0; state < THREAD_STATES; ++state) {
-                std::vector<Micros> values;
-                for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
-                    const StageUse& use = result.UseOf(scene, frame, stage);
-                    if (use.thread != NO_THREAD &&
-                        use.shares[static_cast<size_t>(ThreadState::Unknown)] == 0) {
-                        values.push_back(use.shares[state]);
-                    }
+        for (int32_t stage = 0; stage < result.stages; ++stage) {
+            std::array<std::vector<Micros>, THREAD_STATES> values;
+            for (size_t row = 0; row < scene.frames.size(); ++row) {
+                const StageUse* const use = result.UseOf(row, stage);
+                const bool isKnown =
+                    use != nullptr && use->shares[static_cast<size_t>(ThreadState::Unknown)] == 0;
+                for (size_t state = 0; isKnown && state < THREAD_STATES; ++state) {
+                    values[state].push_back(use->shares[state]);
                 }
-                count = static_cast<int64_t>(values.size());
-                usual[state] = StatisticsOf(values).p50;
             }
-            result.usual.push_back(count > 0 ? std::optional(usual) : std::nullopt);
+            result.usual.emplace_back();
+            for (size_t state = 0; state < THREAD_STATES; ++state) {
+                result.usual.back()[state] = MedianOf(values[state], 0);
+            }
         }
     }
 
-    // Of some threads, in each period.
+    // How long threads waited in each period. Periods in which a thread's states are not known are
+    // left out.
     Statistics WaitingIn(const std::vector<Span>& spans, bool isHanded) {
-        const Micros period = scene.Period();
         std::vector<Micros> all;
         for (const Span& span : spans) {
-            std::vector<Micros> periods(static_cast<size_t>(span.Length() / period));
-            std::vector<bool> isTold(periods.size(), true);
-            for (const ThreadUse& use : result.threads) {
-                if (use.isHanded != isHanded || periods.empty()) {
-                    continue;
-                }
-                for (const StateSpan& one : states.Within(use.thread, span)) {
-                    Micros from = std::max(one.begin, span.begin);
-                    const bool isUntold =
-                        one.state == ThreadState::Unknown || one.state == ThreadState::Gone;
-                    while ((isUntold || one.state == ThreadState::Runnable) &&
-                           from < std::min(one.end, span.end)) {
-                        const auto index = static_cast<size_t>((from - span.begin) / period);
-                        if (index >= periods.size()) {
-                            break;
-                        }
-                        const Micros to = std::min(
-                            one.end, span.begin + (static_cast<Micros>(index) + 1) * period);
-                        periods[index] += to - from;
-                        isTold[index] = isTold[index] && !isUntold;
-                        from = to;
+            for (Span period = {span.begin, span.begin + scene.Period()}; period.end <= span.end;
+                 period = {period.end, period.end + scene.Period()}) {
+                Micros waited = 0, unknown = 0;
+                for (const ThreadUse& use : result.threads) {
+                    if (use.isHanded == isHanded) {
+                        const Shares shares = states.SharesOf(use.thread, period);
+                        waited += shares[static_cast<size_t>(ThreadState::Runnable)];
+                        unknown += shares[static_cast<size_t>(ThreadState::Unknown)] +
+                                   shares[static_cast<size_t>(ThreadState::Gone)];
                     }
                 }
-            }
-            for (size_t i = 0; i < periods.size(); ++i) {
-                if (isTold[i]) {
-                    all.push_back(periods[i]);
+                if (unknown == 0) {
+                    all.push_back(waited);
                 }
             }
         }
@@ -168,34 +179,33 @@ struct SceneMaker {
     }
 
     void MakeWaiting(const std::vector<Span>& outside) {
-        const SchedTrace& trace = states.Trace();
-        const std::vector<Span> inside = {{std::max(tie.ToTrace(scene.begin), trace.from),
-                                           std::min(tie.ToTrace(scene.end), trace.to)}};
+        const Span inside = Cut({scene.begin, scene.end}, {states.Trace().from, states.Trace().to});
         for (const bool isHanded : {true, false}) {
             Waiting& waiting = isHanded ? result.handed : result.others;
             waiting.threads = std::count_if(
                 result.threads.begin(), result.threads.end(),
                 [isHanded](const ThreadUse& use) { return use.isHanded == isHanded; });
             if (waiting.threads > 0) {
-                waiting.inside = WaitingIn(inside, isHanded);
+                waiting.inside = WaitingIn({inside}, isHanded);
                 waiting.outside = WaitingIn(outside, isHanded);
             }
         }
     }
 };
 
-// Where no scene runs, by the trace's clock.
-std::vector<Span> OutsideOf(const Account& account, const SchedTrace& trace, const Tie& tie) {
+// Where no scene runs.
+std::vector<Span> OutsideOf(const Account& account, const SchedTrace& trace) {
     std::vector<Span> spans;
     Micros from = trace.from;
     bool isKnown = true;  // That none was running from there on.
-    for (const Scene& scene : account.scenes) {
+    for (const JudgedScene& judged : account.scenes) {
+        const Scene& scene = judged;
         if (scene.isStarted) {
             if (isKnown && !scene.isBeginningMissing) {
-                spans.push_back({from, tie.ToTrace(scene.begin)});
+                spans.push_back({from, scene.begin});
             }
-            from = std::max(from, tie.ToTrace(scene.end));
-            isKnown = scene.hasEnd;
+            from = std::max(from, scene.end);
+            isKnown = scene.HasEnd();
         }
     }
     if (isKnown) {
@@ -204,22 +214,52 @@ std::vector<Span> OutsideOf(const Account& account, const SchedTrace& trace, con
     return spans;
 }
 
+std::string SecondsText(Micros time) {
+    return Fixed(static_cast<double>(time) / SECOND, 3) + " s";
+}
+
+// What the trace does not cover of the account's scenes.
+std::vector<std::string> NotesOf(const Account& account, const SchedTrace& trace, const Tie& tie) {
+    constexpr Micros LEAST = SECOND / 10;
+    std::vector<std::string> notes;
+    for (size_t i = 0; i < account.scenes.size(); ++i) {
+        const Scene& scene = account.scenes[i];
+        const Span covered = Cut({scene.begin, scene.end}, {trace.from, trace.to});
+        const Micros all = scene.end - scene.begin;
+        if (!scene.isStarted || all - covered.Length() < LEAST) {
+            continue;
+        }
+        notes.push_back(covered.Length() == 0
+                            ? fmt::format("it covers nothing of scene {}", i + 1)
+                            : fmt::format("it covers {} of the {} of scene {}",
+                                          SecondsText(covered.Length()), SecondsText(all), i + 1));
+    }
+    for (const Span part : tie.untied) {
+        notes.push_back(fmt::format(
+            "from {} to {} of the log nothing is tied: the log's clock was set there, and counters "
+            "and lines do not agree; what threads did then is not known",
+            SecondsText(part.begin), SecondsText(part.end)));
+    }
+    return notes;
+}
+
 }  // namespace
 
 Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
-                          const std::vector<CountedLines::Line>& lines, size_t toldOneByOne) {
+                          const CountedLines& lines) {
     Scheduling scheduling;
     scheduling.name = std::move(name);
     scheduling.trace = std::make_unique<SchedTrace>(std::move(trace));
     const SchedTrace& kept = *scheduling.trace;
-    scheduling.tie = std::make_unique<Tie>(lines, kept, account.resolution);
+    const CounterTable counters(kept);
+    scheduling.tie = TieClocks(*scheduling.trace, counters, lines, account.resolution);
     scheduling.states = std::make_unique<States>(kept);
-    const std::vector<Span> outside = OutsideOf(account, kept, *scheduling.tie);
-    for (Scene& scene : account.scenes) {
+    scheduling.notes = NotesOf(account, kept, scheduling.tie);
+    const std::vector<Span> outside = OutsideOf(account, kept);
+    for (JudgedScene& judged : account.scenes) {
         scheduling.scenes.push_back(
-            SceneMaker{scene, *scheduling.states, *scheduling.tie}.Make(outside));
-        TellCauses(scene, scheduling.scenes.back(), *scheduling.states, *scheduling.tie);
-        JoinFindings(scene, toldOneByOne);
+            SceneMaker{judged, *scheduling.states, scheduling.tie, counters}.Make(outside));
+        AddScheduling(judged, scheduling.scenes.back(), *scheduling.states, scheduling.tie);
     }
     return scheduling;
 }

@@ -1,25 +1,22 @@
 // What a scheduler trace adds to an account: for each frame in a stage whether its thread ran,
-// waited for a CPU or slept, who had the CPU, and whether boosting helps.
+// waited for a CPU or slept, which threads had the CPU, and whether boosting helps.
 
 #pragma once
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/account/account.h"
-#include "tools/account/judge.h"
 #include "tools/sched/states.h"
 #include "tools/sched/tie.h"
 
 namespace tools {
 
-// A frame in a stage, from when the stage could begin with it to when it left, by the trace's
-// clock.
+// A frame in a stage, from when the stage began with it to when it left.
 struct StageUse {
-    uint32_t thread = NO_THREAD;  // That told of its end; NO_THREAD where that is not known.
+    uint32_t thread = NO_THREAD;  // That reported its end; NO_THREAD where that is not known.
     Span span;
     Shares shares{};
 };
@@ -27,7 +24,7 @@ struct StageUse {
 // A thread of the pipeline, over a whole scene.
 struct ThreadUse {
     uint32_t thread = NO_THREAD;
-    std::vector<int32_t> stages;  // Whose ends it told of.
+    std::vector<int32_t> stages;  // Whose ends it reported.
     bool isHanded = false;        // To the boost service.
     Shares shares{};
 };
@@ -40,30 +37,36 @@ struct Waiting {
 };
 
 struct SceneScheduling {
-    std::vector<StageUse> uses;      // stageCount for each frame.
+    int32_t stages = 0;              // 0 where nothing is known of any.
+    std::vector<StageUse> uses;      // `stages` for each row.
     std::vector<ThreadUse> threads;  // By id.
     Waiting handed, others;          // Those handed to the service, and those that were not.
-    std::vector<std::optional<Shares>> usual;  // Of each stage; nothing where that is not known.
-    bool isHandedKnown = false;                // Which threads were handed to the service.
+    // Of each stage the thread that has given no frame on for longest; NO_THREAD for none.
+    std::vector<uint32_t> standing;
+    std::vector<Shares> usual;   // Of each stage.
+    bool isHandedKnown = false;  // Which threads were handed to the service.
 
-    const StageUse& UseOf(const Scene& scene, size_t frame, int32_t stage) const {
-        return uses[frame * static_cast<size_t>(scene.stageCount) + static_cast<size_t>(stage)];
+    // Null where it is not known which thread it was.
+    const StageUse* UseOf(size_t row, int32_t stage) const {
+        const size_t index = row * static_cast<size_t>(stages) + static_cast<size_t>(stage);
+        const bool isKnown = stage < stages && uses[index].thread != NO_THREAD;
+        return isKnown ? &uses[index] : nullptr;
     }
 };
 
-// An account's scheduling. Everything in it refers to the trace.
+// An account's scheduling. Everything in it refers to the trace, and all times are the log's.
 struct Scheduling {
     std::string name;  // Of the trace's file.
     std::unique_ptr<SchedTrace> trace;
-    std::unique_ptr<Tie> tie;
+    Tie tie;
     std::unique_ptr<States> states;
     std::vector<SceneScheduling> scenes;  // One for each of the account's.
+    std::vector<std::string> notes;       // What the trace does not cover.
 };
 
-// Works the scheduling out, adds to the account's findings what they come of, and joins them as
-// `toldOneByOne` of JudgeOptions says: the account is to be judged without that. `lines`: of the
-// log. Throws a TieError where the two do not belong together.
+// Works the scheduling out and adds what threads did to the causes of an account that was judged,
+// before findings are made of them. Throws a TieError where trace and log do not belong together.
 Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
-                          const std::vector<CountedLines::Line>& lines, size_t toldOneByOne);
+                          const CountedLines& lines);
 
 }  // namespace tools

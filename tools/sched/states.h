@@ -2,14 +2,13 @@
 
 #pragma once
 
-#include <array>
-#include <cstdint>
+#include <map>
 #include <span>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "tools/account/account.h"
+#include "tools/account/cause.h"
 #include "tools/sched/trace.h"
 
 namespace tools {
@@ -17,14 +16,14 @@ namespace tools {
 // A thread in one state.
 struct StateSpan : Span {
     ThreadState state = ThreadState::Unknown;
-    uint16_t cpu = 0;            // Where it ran, or waited to run;
-    uint16_t next = 0;           // of a wait, where it ran then.
-    bool isWoken = false;        // Of a sleep: its end is told,
-    uint32_t waker = NO_THREAD;  // and by whom; NO_THREAD for an interrupt.
+    Priority priority = USUAL_PRIORITY;
+    uint16_t cpu = 0;            // Where the thread ran, or waited to run.
+    bool isWoken = false;        // Of a sleep: the trace has the waking that ended it,
+    uint32_t waker = NO_THREAD;  // and its thread; NO_THREAD for an interrupt.
 };
 
-// How long each state took.
-using Shares = std::array<Micros, THREAD_STATES>;
+// The states of a thread, one after another, from the trace's beginning to its end.
+std::vector<StateSpan> StatesOf(const SchedTrace& trace, uint32_t thread);
 
 // The states of threads, each worked out when first asked for. The trace has to stay.
 class States {
@@ -34,15 +33,16 @@ class States {
     const SchedTrace& Trace() const { return trace; }
     // Those that overlap a span.
     std::span<const StateSpan> Within(uint32_t thread, Span span);
+    // How long the thread was in each state.
     Shares SharesOf(uint32_t thread, Span span);
-    // Who ran on a CPU, and for how long, as far as that is told; longest first. Nobody is not told
-    // of.
-    std::vector<std::pair<uint32_t, Micros>> RanOn(uint16_t cpu, Span span);
+    // Threads that ran on a CPU, and for how long. Idle time is left out, and times of which the
+    // trace lacks events.
+    std::map<uint32_t, Micros> RanOn(uint16_t cpu, Span span);
 
   private:
     const SchedTrace& trace;
-    // Of each thread: one after another, from the trace's beginning to its end.
     std::unordered_map<uint32_t, std::vector<StateSpan>> known;
+    std::vector<std::vector<std::pair<Span, uint32_t>>> cpus;  // Threads that ran on each, by time.
 };
 
 }  // namespace tools

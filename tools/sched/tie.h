@@ -4,17 +4,20 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <span>
 #include <stdexcept>
+#include <tuple>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
+#include "tools/account/cause.h"
 #include "tools/log/capture.h"
 #include "tools/sched/trace.h"
 
 namespace tools {
 
-// Keeps the lines that have a counter beside them.
+// Keeps the lines that have a counter beside them, and where the log's clock was set.
 class CountedLines : public MessageSink {
   public:
     struct Line {
@@ -23,10 +26,15 @@ class CountedLines : public MessageSink {
         MessageKind kind;
     };
     void OnMessage(const Message& message, const Moment& moment) override;
+    void OnClockSet(Micros step, const Moment& moment, const Place& place) override;
+
     const std::vector<Line>& All() const { return lines; }
+    // Positions of lines before which the clock was set.
+    const std::vector<size_t>& Steps() const { return steps; }
 
   private:
     std::vector<Line> lines;
+    std::vector<size_t> steps;
 };
 
 // Why a trace and a log do not belong together.
@@ -35,55 +43,43 @@ class TieError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-class Tie {
+// The library's counters in a trace, by the event that they are of. The trace has to stay.
+class CounterTable {
   public:
-    // Throws a TieError. `resolution`: of the log's times. The trace has to stay.
-    Tie(const std::vector<CountedLines::Line>& lines, const SchedTrace& schedTrace,
-        Micros resolution);
+    explicit CounterTable(const SchedTrace& schedTrace);
 
-    int64_t Counters() const { return fit.counters; }  // How many tie the clocks.
-    // Nine of ten of them agree to within this much.
-    Micros Within() const { return fit.within; }
-    Micros ToTrace(Micros time) const;
-    Micros ToLog(Micros time) const;
-    // The trace's thread of one that the log tells of; NO_THREAD where not known.
-    uint32_t ThreadOf(int32_t tid) const;
-    // Whether threads have the same numbers in both.
-    bool IsSameNumbering() const { return isSameNumbering; }
-    // The counter of an event that was told of at about that time of the trace; null for none.
-    const SchedCounter* Find(MessageKind kind, int32_t stage, int32_t frame, Micros time,
-                             int32_t process) const;
+    // Those of the line's event, by time.
+    std::span<const uint32_t> Of(const CountedLines::Line& line) const;
+    // The one that is nearest to a time of the trace's clock; null for none.
+    const SchedCounter* Nearest(const CountedLines::Line& line, Micros time) const;
+    // The one that was written with the line, once the clocks are one; null for none.
+    const SchedCounter* Beside(const CountedLines::Line& line) const;
 
   private:
-    struct Key {
-        MessageKind kind;
-        int32_t stage, frame, process;
-        bool operator==(const Key&) const = default;
-    };
-    struct Hash {
-        size_t operator()(const Key& key) const;
-    };
-    struct Knot {
-        Micros time, ahead;  // The trace's clock is so much ahead of the log's.
-    };
-    // What a guess of how much the trace's clock is ahead leads to.
-    struct Fit {
-        std::vector<Knot> knots;
-        std::unordered_map<int32_t, uint32_t> threads;
-        int64_t counters = 0;
-        Micros within = 0;
-    };
-    Fit Try(const std::vector<CountedLines::Line>& lines, int64_t guess) const;
-    // The counters that a line may be beside, as positions.
-    const std::vector<uint32_t>& CountersOf(const CountedLines::Line& line) const;
-    // Of some counters, which are by time, the one that is nearest.
-    uint32_t Nearest(const std::vector<uint32_t>& positions, Micros time) const;
-    Fit Match(const std::vector<CountedLines::Line>& lines, Micros base) const;
-
     const SchedTrace& trace;
-    std::unordered_map<Key, std::vector<uint32_t>, Hash> byKey;  // By time.
-    Fit fit;
-    bool isSameNumbering = true;
+    // By kind, stage, frame and process: positions in SchedTrace::counters.
+    std::map<std::tuple<MessageKind, int32_t, int32_t, int32_t>, std::vector<uint32_t>> byEvent;
 };
+
+// What tying the clocks showed.
+struct Tie {
+    int64_t counters = 0;  // That many tie them,
+    Micros within = 0;     // and nine of ten of these agree to within this much.
+    std::unordered_map<int32_t, uint32_t> threads;  // The trace's thread of each of the log's.
+    bool isSameNumbering = true;                    // Threads have the same ids in both.
+    // Where the log's times and the trace's move apart: its clock was set, or seemed so after a
+    // long silence.
+    struct Break : Span {   // From the last line before to the first one behind, by the log.
+        Micros passed = 0;  // How much time went by as the trace has it,
+        std::map<uint32_t, Shares> threads;  // and what the log's threads did then.
+    };
+    std::vector<Break> breaks;
+    std::vector<Span> untied;  // Of the log: parts to which none of the trace's counters fits.
+};
+
+// Finds out how far the clocks are apart and turns all times of the trace into the log's. Throws a
+// TieError. `resolution`: of the log's times.
+Tie TieClocks(SchedTrace& trace, const CounterTable& counters, const CountedLines& counted,
+              Micros resolution);
 
 }  // namespace tools

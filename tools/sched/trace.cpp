@@ -38,7 +38,7 @@ ThreadState StateOf(std::string_view letters) {
         {"R", ThreadState::Runnable},
         {"D", ThreadState::Blocked},
         {"XxZ", ThreadState::Gone},
-        {"Tt", ThreadState::Unknown}};  // Stopped, by whomever.
+        {"Tt", ThreadState::Stopped}};
     for (const auto& [first, state] : STATES) {
         if (!letters.empty() && first.find(letters.front()) != std::string_view::npos) {
             return state;
@@ -70,13 +70,16 @@ bool TakeTime(std::string_view& text, Micros& time) {
 struct TraceReader::Line {
     std::string_view name;  // Of the thread.
     int32_t tid = 0;
+    int32_t group = -1;  // The process.
     uint32_t cpu = 0;
     bool isInterrupt = false;
     Micros time = 0;
     std::string_view what, text;
 
-    // "name-tid ( tgid) [cpu] flags time: what: text". The name may hold anything, so it is the
-    // rest that is looked for: the last place where it fits a name of the kernel's length.
+    //              hal-3636    (   3635) [000] d..2.  4827.601609: sched_switch: prev_comm=...
+    //           <idle>-0       (-------) [001] d.h2.  4827.601701: sched_waking: comm=...
+    // The name may hold anything, so the rest is looked for: at the last place behind a name that
+    // is no longer than the kernel's.
     static std::optional<Line> Parse(std::string_view line) {
         Line parsed;
         if (line.size() > NAME_COLUMNS && line[NAME_COLUMNS] == '-' &&
@@ -108,7 +111,10 @@ struct TraceReader::Line {
             return false;
         }
         SkipBlanks(rest);
+        group = -1;
         if (Skip(rest, "(")) {
+            SkipBlanks(rest);
+            TakeNumber(rest, group);  // "-------" where it is not known.
             const size_t end = rest.find(')');
             if (end == std::string_view::npos) {
                 return false;
@@ -165,7 +171,7 @@ void TraceReader::Read(std::string_view bytes) {
     while (!bytes.empty()) {
         const size_t end = bytes.find('\n');
         if (end == std::string_view::npos) {
-            // What is longer than any line of a trace is none.
+            // Longer text is no line of a trace.
             unfinished.append(
                 bytes.substr(0, LONGEST_LINE - std::min(unfinished.size(), LONGEST_LINE)));
             return;
@@ -204,7 +210,7 @@ void TraceReader::TakeLine(std::string_view text) {
     }
 }
 
-// "prev_comm=a prev_pid=1 prev_prio=120 prev_state=S ==> next_comm=b next_pid=2 next_prio=120"
+// "prev_comm=hal prev_pid=1 prev_prio=120 prev_state=S ==> next_comm=b next_pid=2 next_prio=0"
 void TraceReader::TakeSwitch(const Line& line) {
     constexpr std::string_view ARROW = " ==> next_comm=";
     std::string_view text = line.text;
@@ -218,15 +224,16 @@ void TraceReader::TakeSwitch(const Line& line) {
     const size_t state = before.rfind('=') + 1;
     const std::string_view letters = before.substr(state);
     before = before.substr(0, state - std::strlen(" prev_state="));
-    int32_t left = 0, next = 0, priority = 0;
+    int32_t left = 0, next = 0;
+    Priority priority = 0, nextPriority = 0;
     if (!CutField(before, " prev_prio=", priority) || !CutField(before, " prev_pid=", left) ||
-        !CutField(after, " next_prio=", priority) || !CutField(after, " next_pid=", next) ||
+        !CutField(after, " next_prio=", nextPriority) || !CutField(after, " next_pid=", next) ||
         left < 0 || next < 0) {
         return;
     }
     const ThreadState becomes = left == 0 ? ThreadState::Runnable : StateOf(letters);
-    Add({line.time, ThreadOf(left, before, line.cpu), ThreadOf(next, after, line.cpu),
-         static_cast<uint16_t>(line.cpu), SchedEvent::Kind::Switch, becomes});
+    Add({line.time, ThreadOf(left, before, line.cpu), ThreadOf(next, after, line.cpu), priority,
+         nextPriority, static_cast<uint16_t>(line.cpu), SchedEvent::Kind::Switch, becomes});
     if (becomes == ThreadState::Gone) {
         threads.erase(left);  // Its number may be used again.
     }
@@ -235,12 +242,12 @@ void TraceReader::TakeSwitch(const Line& line) {
 // "comm=a pid=1 prio=120 target_cpu=001", with "success=1" in old kernels.
 void TraceReader::TakeWakeup(const Line& line) {
     std::string_view text = line.text;
-    int32_t tid = 0;
+    int32_t tid = 0, success = 0;
     uint32_t cpu = line.cpu;
-    int32_t other = 0;
+    Priority priority = USUAL_PRIORITY;
     CutField(text, " target_cpu=", cpu);
-    CutField(text, " success=", other);
-    CutField(text, " prio=", other);
+    CutField(text, " success=", success);
+    CutField(text, " prio=", priority);
     if (!Skip(text, "comm=") || !CutField(text, " pid=", tid) || tid <= 0 || cpu >= MOST_CPUS) {
         return;
     }
@@ -251,11 +258,11 @@ void TraceReader::TakeWakeup(const Line& line) {
                                   : line.what == "sched_wakeup" ? SchedEvent::Kind::Wakeup
                                                                 : SchedEvent::Kind::New;
     Add({line.time, ThreadOf(tid, text, cpu),
-         line.isInterrupt ? NO_THREAD : ThreadOf(line.tid, line.name, line.cpu),
-         static_cast<uint16_t>(cpu), kind, ThreadState::Runnable});
+         line.isInterrupt ? NO_THREAD : ThreadOf(line.tid, line.name, line.cpu), priority,
+         USUAL_PRIORITY, static_cast<uint16_t>(cpu), kind, ThreadState::Runnable});
 }
 
-// "C|process|name|value"
+// "C|3635|TcfbtNotifyStageEnd1|121": process, name with the stage, and the frame.
 void TraceReader::TakeMark(const Line& line) {
     struct Name {
         std::string_view text;
@@ -268,7 +275,7 @@ void TraceReader::TakeMark(const Line& line) {
                                      {"TcfbtNotifyStageEnd", MessageKind::StageEnd, true}};
     const size_t begin = line.text.find("C|");
     std::string_view text = line.text.substr(std::min(begin, line.text.size()));
-    SchedCounter counter{line.time, NO_THREAD, 0, -1, 0, MessageKind::FrameStart};
+    SchedCounter counter{line.time, NO_THREAD, line.group, 0, -1, 0, MessageKind::FrameStart};
     if (!Skip(text, "C|") || !TakeNumber(text, counter.process) || !Skip(text, "|")) {
         return;
     }

@@ -1,6 +1,6 @@
-// Reads the kernel's scheduler traces: who ran on which CPU when, who woke whom, and the library's
-// counters among that. The text is ftrace's, as a kernel, atrace, systrace (in HTML) and Perfetto's
-// converter write it.
+// Reads the kernel's scheduler traces: which thread ran on which CPU when, which thread woke which,
+// and the library's counters among that. The text is ftrace's, as a kernel, atrace, systrace (in
+// HTML) and Perfetto's converter write it.
 
 #pragma once
 
@@ -13,7 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "tools/account/account.h"
+#include "tools/account/cause.h"
 #include "tools/base/times.h"
 #include "tools/log/capture.h"
 
@@ -21,26 +21,34 @@ namespace tools {
 
 inline constexpr uint32_t NO_THREAD = std::numeric_limits<uint32_t>::max();
 
+// As the kernel counts: below 100 of real time, the lower the sooner; from 100 on of nice values.
+using Priority = int16_t;
+inline constexpr Priority USUAL_PRIORITY = 120;  // Nice 0.
+inline constexpr Priority REAL_TIME = 100;       // Priorities below are.
+
 struct SchedEvent {
     enum class Kind : uint8_t {
         Switch,
-        Waking,  // Somebody wakes a thread,
+        Waking,  // A thread is being woken,
         Wakeup,  // and this is the CPU where it is to run.
         New,     // The thread begins.
     };
-    Micros time;      // By the trace's clock.
-    uint32_t thread;  // Who leaves the CPU, or is woken.
-    uint32_t other;   // Who comes, or wakes it; NO_THREAD for an interrupt.
-    uint16_t cpu;     // Where it happened; of a wakeup, where the thread is to run.
+    Micros time;             // By the trace's clock, until TieClocks has turned it into the log's.
+    uint32_t thread;         // The thread that leaves the CPU, or is woken.
+    uint32_t other;          // The thread that comes, or wakes it; NO_THREAD for an interrupt.
+    Priority priority;       // Of `thread`,
+    Priority otherPriority;  // and of a thread that comes.
+    uint16_t cpu;            // Where it happened; of a wakeup, where the thread is to run.
     Kind kind;
-    ThreadState left;  // Of a switch: what the one that leaves is from there on.
+    ThreadState left;  // Of a switch: the state of `thread` from there on.
 };
 
 // A counter of the library that rose to a frame's number.
 struct SchedCounter {
     Micros time;
     uint32_t thread;
-    int32_t process;  // As the process itself knows its number.
+    int32_t group;    // The process's id in the trace; -1 where that is not known.
+    int32_t process;  // As the process itself knows its id.
     int32_t stage;    // -1 where it is of a frame.
     int32_t frame;
     MessageKind kind;  // FrameStart, FrameEnd, StageStart, StageEnd.
@@ -67,7 +75,7 @@ struct SchedTrace {
     int64_t lost = 0;         // Events that the tracer says it lost.
     int64_t disordered = 0;   // Events whose time is before that of the line above.
     Micros from = NO_TIME, to = NO_TIME;
-    bool hasFlags = false;  // It tells of interrupts.
+    bool hasFlags = false;  // It has marks of interrupts.
     std::string damage;     // Why the file could not be read to its end.
 };
 

@@ -20,7 +20,7 @@ constexpr int32_t STAGE_ARG2 = 20;
 constexpr int32_t LINE_OF_END_OUT_OF_TURN = 401;
 
 constexpr const char* BEGINNING =
-    "# From the log of a device. A log does not tell everything: TcfbtSetVersion, error frames "
+    "# From the log of a device. A log does not hold everything: TcfbtSetVersion, error frames "
     "that\n"
     "# the HAL reported, what the service answered and calls without effect are not here.\n";
 constexpr const char* SCENE_MISSING =
@@ -30,7 +30,7 @@ constexpr const char* SCENE_MISSING =
 // Why a call is marked as guessed.
 constexpr const char* GUESSED_MODE = "  # guessed: the mode";
 constexpr const char* GUESSED_THREAD = "  # guessed: from the threads that were set";
-constexpr const char* GUESSED_ARGUMENTS = "  # guessed: what no line tells of it";
+constexpr const char* GUESSED_ARGUMENTS = "  # guessed: what no line says of it";
 constexpr const char* GUESSED_CALL = "  # guessed: maybe several calls, or another one";
 
 Micros Passed(Micros from, Micros to) {

@@ -1,0 +1,115 @@
+// Causes: what happened, as values. Finders make them of a scene and its columns alone; none reads
+// what another one found, so they may be called in any order. Attribute brings them together with
+// the frames that came late, never, or were not boosted.
+
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tools/account/columns.h"
+#include "tools/account/kinds.h"
+#include "tools/account/scene.h"
+
+namespace tools {
+
+// What a thread does.
+enum class ThreadState : uint8_t {
+    Running,
+    Runnable,  // It waits for a CPU.
+    Sleeping,
+    Blocked,  // It sleeps and cannot be interrupted: it waits for a device or for a lock.
+    Stopped,  // By a signal, or by a debugger.
+    Gone,     // It has ended.
+    Unknown,
+};
+inline constexpr size_t THREAD_STATES = static_cast<size_t>(ThreadState::Unknown) + 1;
+const char* NameOf(ThreadState state);  // "running" and so on.
+
+// How long each state took.
+using Shares = std::array<Micros, THREAD_STATES>;
+
+// What a thread did meanwhile, by a scheduler trace.
+struct CauseLink {
+    int32_t thread = 0;  // Its id in the trace.
+    std::string name;
+    ThreadState state = ThreadState::Unknown;
+    Micros length = 0;                  // In that state, all in all,
+    int32_t pieces = 1;                 // in so many pieces,
+    Micros begin = NO_TIME, piece = 0;  // and the longest of them.
+    int32_t cpu = -1;                   // That it ran on, or waited for.
+    int32_t priority =
+        120;  // As the kernel counts: below 100 of real time, from there nice values.
+    bool isWoken = false, isByInterrupt = false;
+    std::string waker;  // "18890 (sensor)": the thread that woke it, which the next link is about.
+    struct Ran {
+        int32_t thread;
+        std::string name;
+        Micros length;
+        int32_t priority;
+    };
+    std::vector<Ran> ran;  // Threads that had that CPU while it waited; longest first.
+};
+
+struct Cause {
+    Case what;
+    Span span{};  // From when to when it had effects.
+    int32_t stage = -1;
+    std::vector<int64_t> own{};      // The frames that it is about, ascending.
+    std::optional<int64_t> frame{};  // The frame to look at, where that is not the first of them.
+    Place place{};                   // The line to look at,
+    Micros time = NO_TIME;           // and the moment; NO_TIME where it is about no moment.
+    std::vector<Micros> took{};      // Of each own frame, or of all in one.
+    Micros usual = 0;
+    int64_t other = 0;  // Another frame, port, stage or process that the sentence names.
+    int64_t count = 0;  // What it counts, where that is not frames; lines or reports.
+    std::vector<int64_t> beside{};  // Frames beside its own, as the sentence says.
+    std::string why{};              // Names and numbers that only the sentence needs.
+    Severity severity = SeverityOf(what);
+    // Written by Attribute alone: bad frames that are counted to it. None is in two causes.
+    std::vector<int64_t> harmed{};
+    // Written by a scheduler trace alone: how long the stage's threads were in each state while
+    // they were at the frames concerned, and the way back from there to what kept them.
+    std::optional<Shares> states{};
+    std::vector<CauseLink> chain{};
+    std::string scheduling{};  // What the sentence says of that.
+};
+
+using Finder = void (*)(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+
+void FindMissingLines(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+void FindMisreports(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+void FindLosses(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+void FindSlow(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+void FindPauses(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+void FindSetUp(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+void FindDepth(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+std::span<const Finder> Finders();
+// Why a scene was refused. `configuration`: null where it is not known.
+Cause RefusalOf(const Scene& scene, const Configuration* configuration);
+
+// Frames that were pushed out of the table for one reason, one soon after the other.
+struct Evictions {
+    Micros begin = 0;
+    std::vector<uint32_t> rows;
+    // For each: the stage that held more frames than usual then, and so filled the table.
+    std::vector<std::optional<int32_t>> holders;
+};
+std::vector<Evictions> EvictionsOf(const Scene& scene, const Columns& columns);
+
+// What is bad about a frame.
+enum class Harm : uint8_t { None, Late, NotBoosted, NeverOut };
+// Of each row. Of frames near missing lines nothing is said but that they never came out.
+Harm HarmOf(const Fate& fate);
+// Whether the service should have been told of the frame from start to end, and was not.
+bool IsNotBoosted(const Fate& fate);
+
+// Counts each bad frame to one cause: by mechanism first, by the precedence of kinds second. What
+// no cause explains becomes a cause of its own. The result does not depend on the causes' order.
+void Attribute(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+
+}  // namespace tools

@@ -1,0 +1,208 @@
+// The table of what a log says: a row a frame, a column a stage. SceneReader writes it, and nobody
+// changes it afterwards. It holds facts and no opinion: what follows from them is in Columns.
+
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/base/finding.h"
+#include "tools/base/times.h"
+#include "tools/check/check.h"
+
+namespace tools {
+
+inline constexpr uint32_t NO_INDEX = UINT32_MAX;
+
+struct Span {
+    Micros begin = 0, end = 0;
+
+    Micros Length() const { return std::max<Micros>(end - begin, 0); }
+};
+
+// What both have in common.
+inline Span Cut(Span one, Span other) {
+    return {std::max(one.begin, other.begin), std::min(one.end, other.end)};
+}
+
+// Numbers of frames may be anything. The number so many places further, which goes round at the
+// ends of 64 bits.
+inline int64_t Plus(int64_t number, int64_t places) {
+    return static_cast<int64_t>(static_cast<uint64_t>(number) + static_cast<uint64_t>(places));
+}
+// How many places further the second number is: 0 where it is not, and at most a million.
+inline int64_t StepOf(int64_t from, int64_t to) {
+    constexpr uint64_t most = 1'000'000;
+    const uint64_t step = static_cast<uint64_t>(to) - static_cast<uint64_t>(from);
+    return to > from ? static_cast<int64_t>(std::min(step, most)) : 0;
+}
+
+// How a frame broke the order of its stages.
+enum class Violation : uint8_t {
+    None,
+    NoSuchStage,  // An event of a stage that does not exist.
+    OutOfOrder,   // A stage before another one had ended, or after another one had begun.
+    OutOfTurn,    // A stage that had run already, or had not started.
+};
+
+// Which lines of a frame's stage there are.
+inline constexpr uint8_t NODE_END = 1;
+inline constexpr uint8_t STAGE_START = 2;
+inline constexpr uint8_t STAGE_END = 4;
+
+// A frame in a stage.
+struct Pass {
+    // When the frame left the stage: the first of its node end, its stage end and the next stage's
+    // start. Line 0: it was not seen to leave.
+    Micros left = NO_TIME;
+    Place place;
+    uint16_t reporter = 0;  // Of Scene::reporters, for a node end;
+    uint16_t thread = 0;    // of Scene::threads.
+    uint8_t seen = 0;       // Which of its lines there are.
+
+    bool HasLeft() const { return place.line != 0; }
+};
+
+struct Frame {
+    int64_t number = 0;
+    Micros seen = NO_TIME;  // The time of the first line that names it.
+    Micros start = NO_TIME, end = NO_TIME;
+    Micros evicted = NO_TIME;     // When newer frames pushed it out of the table.
+    Micros refused = NO_TIME;     // When an event of it was first refused as not in flight,
+    Micros refusedEnd = NO_TIME;  // and its end.
+    Place place;                  // The line that starts it, or the first that names it.
+    Place trouble;  // The line of the first thing that went wrong with it; line 0 for none.
+    Micros troubleTime = NO_TIME;
+    int64_t newestBefore = 0;  // Of a gap: the newest frame then.
+    int32_t violationStage = -1, violationOther = -1;
+    Violation violation = Violation::None;  // The first one.
+    bool isStarted = false;                 // Its start was forwarded.
+    bool isGap = false;                     // Its start was refused: not the newest frame's next.
+    bool isDuplicate = false;               // It was started again while in flight.
+    bool isEnded = false;                   // Its end was forwarded.
+    bool isHeld = false;                    // In the table when the scene ended.
+};
+
+// A node that reports ends, on a port, for a camera.
+struct Reporter {
+    std::string node{};
+    int32_t port = 0, camera = 0, stage = -1;
+    std::optional<bool> counts{};  // Whether its ends end the stage; nothing where not known.
+    int64_t times = 0;
+    Place place{};  // Of its first end.
+};
+
+// What ended a scene, or the reading of it.
+enum class Stop : uint8_t { SceneEnd, CaptureEnd, ProcessGone, NumbersRestart, Looked };
+
+// Why a scene was not boosted at all.
+enum class Refusal : uint8_t { None, Description, NoVideo, Disabled, Service };
+
+struct Scene {
+    Place from, to;
+    Micros begin = NO_TIME, end = NO_TIME;  // Of its first and last line.
+    Micros stop = NO_TIME;  // Until when its frames may have gone on: its end, else the last line
+                            // of its process where another one took over, else of the capture.
+    Stop stopped = Stop::CaptureEnd;
+    int32_t process = -1;
+    int32_t width = 0, fps = 0;  // As described; 0 where not known.
+    bool isDescribed = false, isVideo = false;
+    bool isStarted = false;
+    bool isBeginningMissing = false;  // The capture starts in its middle.
+    bool isAfterEnd = false;          // Its process had just ended another one.
+    bool isAlone = false;             // The HAL reports frames and no stages.
+    bool hasNodes = false;            // The HAL reports ends of nodes behind the first stage.
+    bool hasThreads = false;
+    Refusal refusal = Refusal::None;
+    int64_t refusals = 0;                   // How often that was tried in a row.
+    std::optional<int64_t> restartedAfter;  // Numbers started again: the newest frame before.
+    int32_t stagesBefore = 0;               // How many stages its frames left before that.
+    size_t configuration = 0;  // Of Account::configurations, plus one; 0 where not known.
+    std::vector<ConfiguredStage> configured;  // As its process loaded them; empty where not known.
+    int32_t stageCount = 0;
+    std::vector<std::string> stageNames;  // The nodes, as configured; else as reported.
+    std::vector<Frame> frames;            // By number, each number once.
+    std::vector<Pass> passes;             // stageCount for each frame.
+    // The number that first left stage 0, which is no frame to the library.
+    std::optional<int64_t> opener;
+    Micros opened = NO_TIME;
+    std::vector<Reporter> reporters;
+    std::vector<int32_t> threads;
+    std::set<int32_t> setThreads;  // Handed to the service.
+    struct Repeat {
+        uint32_t frame;
+        int32_t stage;
+        uint16_t reporter;
+        Place place;
+        Micros time;
+    };
+    std::vector<Repeat> repeats;    // Node ends of stages that the frame had left.
+    std::vector<Micros> evictions;  // When the library made room in the table.
+    struct Disturbance {
+        Micros time;
+        int64_t amount;  // Lines; microseconds.
+        Place place;
+    };
+    std::vector<Disturbance> leftOut, clockSteps;
+    struct Silence : Span {
+        Place place;  // The line that ends it.
+    };
+    std::vector<Silence> silences;  // No thread logged anything for most of a period.
+    // How often stage 0 ended a lower number than before, how often by far, how often the same one
+    // again, and how often a frame was started twice: one object does none of that for long.
+    int32_t descents = 0, falls = 0, endedAgain = 0, startedAgain = 0;
+
+    bool HasEnd() const { return stopped == Stop::SceneEnd; }
+    // Frames per second as described; as the library boosts them where that is not known.
+    int32_t Rate() const { return fps > 0 ? fps : 60; }
+    Micros Period() const { return SECOND / Rate(); }
+
+    Pass& PassOf(size_t frame, int32_t stage) {
+        return passes[frame * static_cast<size_t>(stageCount) + static_cast<size_t>(stage)];
+    }
+    const Pass& PassOf(size_t frame, int32_t stage) const {
+        return passes[frame * static_cast<size_t>(stageCount) + static_cast<size_t>(stage)];
+    }
+    // When the frame left the stage, NO_TIME where that is not known. A scene without stages has
+    // one: from a frame's start to its end.
+    Micros LeftOf(size_t frame, int32_t stage) const {
+        if (!isAlone) {
+            return PassOf(frame, stage).left;
+        }
+        return frames[frame].end != NO_TIME ? frames[frame].end : frames[frame].refusedEnd;
+    }
+    // When the frame came to the stage: when it left the one before, or the last one that it is
+    // known to have left; in stage 0, when it was started. NO_TIME where that is not known.
+    Micros ArrivalOf(size_t frame, int32_t stage) const;
+    // The first stage behind all those that the frame is known to have left.
+    int32_t NextStage(size_t frame) const;
+    // The first stage that the frame went past without being seen to leave it; -1 for none.
+    int32_t Unreported(size_t frame) const;
+    // The last line that says where the frame was, and its time.
+    std::pair<Place, Micros> LastOf(size_t frame) const;
+    // The row of a number; NO_INDEX for none.
+    uint32_t RowOf(int64_t number) const;
+};
+
+// A configuration that a process dumped when it loaded the library.
+struct LoadedConfiguration {
+    int32_t process = -1;
+    Configuration configuration;
+    std::vector<Finding> findings;  // Of the checker.
+};
+
+// Of a number that counts from one, as Scene::configuration; null for 0.
+template <typename Loaded>
+auto* ConfigurationOf(Loaded& configurations, size_t number) {
+    return number == 0 ? nullptr : &configurations[number - 1].configuration;
+}
+
+// The numbers of the cameras whose nodes were reported.
+std::set<int32_t> CamerasOf(const Scene& scene);
+
+}  // namespace tools
