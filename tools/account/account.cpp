@@ -223,33 +223,28 @@ std::optional<Cause> SeveralProcesses(const std::vector<JudgedScene>& scenes) {
 
 std::vector<SceneFinding> FindingsOutside(const Account& account, const Readings& readings,
                                           const CaptureSummary& summary) {
-    std::vector<Cause> causes;
+    std::vector<SceneFinding> findings;
+    const auto add = [&findings](const Cause& cause, int64_t times) {
+        findings.push_back(FindingOf({}, {}, cause));
+        findings.back().times = times;
+    };
     if (!summary.damage.empty()) {
-        causes.push_back({.what = Case::InputDamaged, .why = summary.damage});
+        add({.what = Case::InputDamaged, .why = summary.damage}, 1);
     }
     if (summary.notUnderstood > 0) {
-        causes.push_back(NotUnderstoodOf(summary, account.inputs.size()));
+        add(NotUnderstoodOf(summary, account.inputs.size()), summary.notUnderstood);
     }
-    const auto addFirst = [&causes](Case what, const std::vector<Scene::Disturbance>& all) {
+    const auto addFirst = [&add](Case what, const std::vector<Scene::Disturbance>& all) {
         if (!all.empty()) {
-            causes.push_back({.what = what, .place = all.front().place, .time = all.front().time});
-            causes.back().count = what == Case::LinesOutside ? all.front().amount : 0;
+            Cause cause{.what = what, .place = all.front().place, .time = all.front().time};
+            cause.count = all.front().amount;
+            add(cause, std::ssize(all));
         }
     };
     addFirst(Case::LinesOutside, readings.leftOut);
     addFirst(Case::ClockSetOutside, readings.clockSteps);
-    if (auto cause = SeveralProcesses(account.scenes)) {
-        causes.push_back(std::move(*cause));
-    }
-    std::vector<SceneFinding> findings;
-    for (const Cause& cause : causes) {
-        findings.push_back(FindingOf({}, {}, cause));
-        SceneFinding& finding = findings.back();
-        finding.times = cause.what == Case::LinesOutside      ? std::ssize(readings.leftOut)
-                        : cause.what == Case::ClockSetOutside ? std::ssize(readings.clockSteps)
-                        : summary.notUnderstood > 0 && cause.count == summary.notUnderstood
-                            ? summary.notUnderstood
-                            : 1;
+    if (const auto cause = SeveralProcesses(account.scenes)) {
+        add(*cause, 1);
     }
     return findings;
 }

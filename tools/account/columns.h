@@ -132,6 +132,8 @@ struct Columns {
     PerStage<std::vector<uint32_t>> came;  // Of such a stage: rows in the order in which they came,
     PerStage<std::vector<uint32_t>> place;  // and the position therein of each row.
     PerStage<Micros> usual, usualStay;      // Medians of work, and of work and waiting together.
+    PerStage<char>
+        isByNodes;  // Whether nodes report the ends of the stage, and not the HAL itself.
     // A pass each, `stages` for each row.
     std::vector<Micros> begin;     // When the stage began; NO_TIME where that is not known.
     std::vector<uint32_t> behind;  // The pass whose end that was; NO_INDEX where there is none.

@@ -28,9 +28,7 @@ struct Fates : Step {
             gap.to = comings[i].time;
             gap.before = i == 0 ? *scene.opener : scene.frames[comings[i - 1].row].number;
             gap.from = i == 0 ? scene.opened : comings[i - 1].time;
-            gap.place = i == 0          ? scene.from
-                        : scene.isAlone ? scene.frames[comings[i - 1].row].place
-                                        : scene.PassOf(comings[i - 1].row, 0).place;
+            gap.place = i == 0 ? scene.from : scene.LeftAt(comings[i - 1].row, 0);
             const int64_t number = scene.frames[gap.next].number;
             const int64_t step = std::max<int64_t>(StepOf(gap.before, number), 1);
             const Micros passed = lag + gap.to - gap.from - columns.StoodIn(gap.from, gap.to);
@@ -235,10 +233,9 @@ struct Fates : Step {
             } else if (frame.isEnded) {
                 set(FrameStatus::Dropped, Reason::EndedByHal);
             } else if (frame.violation != Violation::None) {
-                set(FrameStatus::Error,
-                    frame.violation == Violation::NoSuchStage  ? Reason::NoSuchStage
-                    : frame.violation == Violation::OutOfOrder ? Reason::OutOfOrder
-                                                               : Reason::OutOfTurn);
+                constexpr Reason reasons[] = {Reason::None, Reason::NoSuchStage, Reason::OutOfOrder,
+                                              Reason::OutOfTurn};
+                set(FrameStatus::Error, reasons[static_cast<size_t>(frame.violation)]);
                 fate.stage = frame.violationStage;
             } else if (frame.evicted != NO_TIME) {
                 set(FrameStatus::Evicted, Reason::Evicted);

@@ -17,11 +17,10 @@ struct Holes : Step {
     void FindHoles() {
         std::vector<Span> holes;
         if (!scene.isAlone) {
-            const std::vector<bool> isByNodes = ReportedByNodes();
             for (uint32_t row = 0; row < RowCount(); ++row) {
                 const Frame& frame = scene.frames[row];
                 if (!columns.fates[row].isEarly && !frame.isDuplicate && !frame.isGap) {
-                    FindHolesOf(row, isByNodes, holes);
+                    FindHolesOf(row, holes);
                 }
             }
         }
@@ -43,21 +42,7 @@ struct Holes : Step {
         }
     }
 
-    std::vector<bool> ReportedByNodes() const {
-        std::vector<bool> isByNodes;
-        for (int32_t stage = 0; stage < columns.stages; ++stage) {
-            size_t nodes = 0, stages = 0;
-            for (const uint32_t row : columns.order[stage]) {
-                const uint8_t seen = scene.PassOf(row, stage).seen;
-                nodes += (seen & NODE_END) != 0 ? 1 : 0;
-                stages += (seen & STAGE_END) != 0 ? 1 : 0;
-            }
-            isByNodes.push_back(2 * nodes > stages);
-        }
-        return isByNodes;
-    }
-
-    void FindHolesOf(uint32_t row, const std::vector<bool>& isByNodes, std::vector<Span>& holes) {
+    void FindHolesOf(uint32_t row, std::vector<Span>& holes) {
         const Frame& frame = scene.frames[row];
         const int32_t last = columns.LastStage();
         // The frame's lines in their order: its start, then start and end of each stage.
@@ -86,7 +71,7 @@ struct Holes : Step {
             const bool isFollowed =
                 stage < last ? (scene.PassOf(row, stage + 1).seen & STAGE_START) != 0
                              : frame.isEnded || stage + 1 < scene.stageCount || stage == 0;
-            if ((isEnd && !hasNode && isByNodes[static_cast<size_t>(stage)]) ||
+            if ((isEnd && !hasNode && columns.isByNodes[stage] != 0) ||
                 (hasNode && isInOrder && !(isEnd && isFollowed))) {
                 absent.push_back(pass.left);
             }

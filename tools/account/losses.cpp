@@ -17,9 +17,11 @@ Cause CauseOf(const Scene& scene, const Gap& gap) {
     cause.other = gap.before;
     const Frame& next = scene.frames[gap.next];
     if (gap.isDropped) {
-        cause.what = scene.isAlone ? Case::DroppedBeforeStart
-                     : isEnded     ? Case::DroppedAndEnded
-                                   : Case::Dropped;
+        if (scene.isAlone) {
+            cause.what = Case::DroppedBeforeStart;
+        } else if (isEnded) {
+            cause.what = Case::DroppedAndEnded;
+        }
         cause.severity = SeverityOf(cause.what);
         cause.own = gap.missing;
         cause.count = next.number;
@@ -31,7 +33,7 @@ Cause CauseOf(const Scene& scene, const Gap& gap) {
     cause.what = scene.isAlone ? Case::Gap : Case::Skipped;
     cause.severity = SeverityOf(cause.what);
     cause.beside = gap.missing;
-    cause.place = scene.isAlone ? next.place : scene.PassOf(gap.next, 0).place;
+    cause.place = scene.LeftAt(gap.next, 0);
     cause.time = gap.to;
     cause.own = {next.number};
     return cause;

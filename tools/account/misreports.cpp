@@ -54,7 +54,7 @@ struct Misreports {
         const int32_t unreported = scene.isAlone ? -1 : scene.Unreported(row);
         if (unreported >= 0 && unreported != columns.neverHit &&
             !(repeat != repeats.end() && repeat->second->stage < unreported) &&
-            (frame.isStarted || (unreported > 0 && scene.hasNodes))) {
+            (frame.isStarted || (unreported > 0 && scene.hasNodes)) && !IsSilent(row, unreported)) {
             Add(Case::Unreported, row, unreported);
         } else if (repeat != repeats.end()) {
             AddRepeat(row, *repeat->second);
@@ -74,6 +74,13 @@ struct Misreports {
     bool IsOpenedTwice(uint32_t row) const {
         const auto before = row == 0 ? repeats.end() : repeats.find(row - 1);
         return before != repeats.end() && before->second->stage == 0;
+    }
+
+    // Whether the HAL reports the stage itself and the library refused that: then no line says so.
+    bool IsSilent(uint32_t row, int32_t stage) const {
+        const Frame& frame = scene.frames[row];
+        return columns.isByNodes[stage] == 0 &&
+               (!frame.isStarted || frame.refused != NO_TIME || frame.violation != Violation::None);
     }
 
     void AddRepeat(uint32_t row, const Scene::Repeat& repeat) {

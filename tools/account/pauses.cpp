@@ -92,7 +92,7 @@ void FindRates(const Scene& scene, const Columns& columns, std::vector<Cause>& c
         cause.took = {sum / count};
         cause.count = sum;
         const uint32_t row = comings[first].row;
-        cause.place = scene.isAlone ? scene.frames[row].place : scene.PassOf(row, 0).place;
+        cause.place = scene.LeftAt(row, 0);
         cause.time = from;
         causes.push_back(std::move(cause));
     }

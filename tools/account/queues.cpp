@@ -130,8 +130,19 @@ struct Stages : Step {
                 }
             }
             columns.usualStay.push_back(MedianOf(stays, 0));
+            columns.isByNodes.push_back(IsByNodes(stage) ? 1 : 0);
             FindKept(stage);
         }
+    }
+
+    bool IsByNodes(int32_t stage) const {
+        size_t nodes = 0, ends = 0;
+        for (const uint32_t row : columns.order[stage]) {
+            const uint8_t seen = scene.isAlone ? 0 : scene.PassOf(row, stage).seen;
+            nodes += (seen & NODE_END) != 0 ? 1 : 0;
+            ends += (seen & STAGE_END) != 0 ? 1 : 0;
+        }
+        return 2 * nodes > ends;
     }
 
     void FindKept(int32_t stage) {

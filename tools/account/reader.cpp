@@ -400,14 +400,12 @@ class SceneReader::Running {
         inFlight.erase(static_cast<int32_t>(message.frame));
     }
 
-    void OnViolation(const Message& message, Micros time) {
+    void OnViolation(const Message& message, Violation violation, Micros time) {
         const uint32_t frame = FindOrOpen(message.frame, message.place, time);
         Frame& row = scene.frames[frame];
         NoteTrouble(frame, message.place, time);
         if (row.violation == Violation::None || row.violation == Violation::NoSuchStage) {
-            row.violation = message.kind == MessageKind::StageNotInRange   ? Violation::NoSuchStage
-                            : message.kind == MessageKind::StageOutOfOrder ? Violation::OutOfOrder
-                                                                           : Violation::OutOfTurn;
+            row.violation = violation;
             row.violationStage = message.stage;
             row.violationOther = message.otherStage;
         }
@@ -442,13 +440,20 @@ class SceneReader::Running {
                     if (!scene.frames[*frame].isEnded) {
                         NoteRefused(*frame, time);
                     }
-                    refused.push_back({*frame, message.place, time});
+                    // What a node's end led to says no more than that.
+                    const bool isOfNode = thread.last.frame == message.frame &&
+                                          time - thread.last.time <= limits::TOGETHER;
+                    if (!isOfNode) {
+                        refused.push_back({*frame, message.place, time});
+                    }
                 }
                 return;
             case MessageKind::StageNotInRange:
+                return OnViolation(message, Violation::NoSuchStage, time);
             case MessageKind::StageOutOfOrder:
+                return OnViolation(message, Violation::OutOfOrder, time);
             case MessageKind::StageOutOfTurn:
-                return OnViolation(message, time);
+                return OnViolation(message, Violation::OutOfTurn, time);
             default:
                 return;
         }
@@ -458,8 +463,13 @@ class SceneReader::Running {
     // through stages in order, so each moment with such lines is the end of the next one.
     void PlaceRefused() {
         for (const Refused& event : refused) {
-            const int32_t next = scene.NextStage(event.row);
-            if (!scene.hasNodes && event.time > scene.LastOf(event.row).second) {
+            int32_t next = 0;
+            while (next < scene.stageCount && scene.PassOf(event.row, next).HasLeft()) {
+                ++next;
+            }
+            const Micros came =
+                next < scene.stageCount ? scene.ArrivalOf(event.row, next) : NO_TIME;
+            if (event.time > std::max(came, scene.frames[event.row].seen)) {
                 const NodeEnd by{
                     .reporter = MAX_REPORTERS, .place = event.place, .time = event.time};
                 Leave(event.row, next, 0, by, 0);
@@ -877,6 +887,7 @@ Readings SceneReader::Look(Micros last) const {
 }
 
 Readings SceneReader::Finish(Micros last) {
+    last = last == NO_TIME ? latest : last;
     for (auto& [number, process] : processes) {
         // A process that logs nothing from when another one loads the library is gone.
         const bool isReplaced = std::any_of(
@@ -884,7 +895,7 @@ Readings SceneReader::Finish(Micros last) {
                 return load.second != other && load.first >= since;
             });
         EndScene(process, isReplaced ? Stop::ProcessGone : Stop::CaptureEnd, {},
-                 isReplaced ? process.last : (last == NO_TIME ? latest : last));
+                 isReplaced ? process.last : last);
         RefusePending(process);
     }
     return ReadingsOf(std::move(ended));

@@ -176,6 +176,10 @@ struct Scene {
         }
         return frames[frame].end != NO_TIME ? frames[frame].end : frames[frame].refusedEnd;
     }
+    // The line that says so; of a scene without stages, the frame's.
+    Place LeftAt(size_t frame, int32_t stage) const {
+        return isAlone ? frames[frame].place : PassOf(frame, stage).place;
+    }
     // When the frame came to the stage: when it left the one before, or the last one that it is
     // known to have left; in stage 0, when it was started. NO_TIME where that is not known.
     Micros ArrivalOf(size_t frame, int32_t stage) const;

@@ -135,13 +135,9 @@ struct Speaker {
 
     void AddFigures(const auto& add) const {
         const Micros took = cause.took.empty() ? 0 : cause.took.front();
-        const bool isOfOwn = cause.what == Case::NeverHit || cause.what == Case::LateFew ||
-                             cause.what == Case::LateMany || cause.what == Case::Reorders ||
-                             cause.what == Case::SeveralAtOnce;
-        const auto own = static_cast<int64_t>(cause.own.size());
-        add("count", cause.what == Case::NeverHit ? Counted(own, "frame")
-                     : isOfOwn                    ? fmt::to_string(own)
-                                                  : fmt::to_string(cause.count));
+        add("count", cause.count);
+        add("size", cause.own.size());
+        add("counted", Counted(static_cast<int64_t>(cause.own.size()), "frame"));
         add("all", cause.other);
         add("port", cause.count);
         add("usual", Ms(cause.usual));
@@ -166,10 +162,9 @@ struct Speaker {
         add("why", cause.why);
         const bool isLast = cause.stage > 0 && cause.stage + 1 == scene.stageCount;
         add("unreported", isLast ? ", or the end there was not reported" : "");
-        const bool isWere = cause.what == Case::Skipped ? cause.beside.size() != 1
-                            : cause.own.empty()         ? cause.count != 1
-                                                        : cause.own.size() != 1;
-        add("were", isWere ? "were" : "was");
+        const auto size = static_cast<int64_t>(cause.what == Case::Skipped ? cause.beside.size()
+                                                                           : cause.own.size());
+        add("were", (size == 0 ? cause.count : size) == 1 ? "was" : "were");
         const bool isCounted = cause.what == Case::NotUnderstoodLines ||
                                cause.what == Case::NotUnderstoodAtEdge || cause.count > 1;
         add("lines", isCounted ? Counted(cause.count, "line") : "lines");

@@ -69,10 +69,10 @@ constexpr size_t MOST_NODES = 12;  // So many are named in a sentence.
 std::string PortsText(const ConfiguredStage& stage) {
     std::string text;
     for (size_t i = 0; i < stage.ports.size(); ++i) {
-        const bool isLast = i + 1 == stage.ports.size();
-        text += (i == 0 ? "port " : isLast ? " or " : ", ") + fmt::to_string(stage.ports[i]);
+        const char* const comma = i + 1 == stage.ports.size() ? " or " : ", ";
+        text += (i == 0 ? "" : comma) + fmt::to_string(stage.ports[i]);
     }
-    return text.empty() ? "no port" : text;
+    return text.empty() ? "no port" : "port " + text;
 }
 
 // A scene without frames: its nodes are not those of the configuration.

@@ -74,13 +74,12 @@ struct SlowStages {
 
     // A cause about rows from one to another, of which the stage began with the first then.
     Cause& Add(Case what, uint32_t first, uint32_t last, int32_t stage, Micros begin) {
-        Cause cause{
-            .what = what,
-            .span = {begin, scene.isAlone || stage == 0 ? scene.LeftOf(last, stage)
-                                                        : Drained(last, stage)},
-            .stage = scene.isAlone ? -1 : stage,
-            .place = scene.isAlone ? scene.frames[first].place : scene.PassOf(first, stage).place,
-            .time = begin};
+        Cause cause{.what = what,
+                    .span = {begin, scene.isAlone || stage == 0 ? scene.LeftOf(last, stage)
+                                                                : Drained(last, stage)},
+                    .stage = scene.isAlone ? -1 : stage,
+                    .place = scene.LeftAt(first, stage),
+                    .time = begin};
         for (uint32_t row = first; row <= last; ++row) {
             if (scene.LeftOf(row, stage) != NO_TIME) {
                 cause.own.push_back(scene.frames[row].number);
@@ -140,9 +139,10 @@ struct SlowStages {
                     cause.took.push_back(left - from - columns.StoodIn(from, left));
                 }
             }
-            cause.usual = stage == 0 && !scene.isAlone ? columns.PeriodOf(scene, first)
-                          : isKept                     ? columns.usualStay[stage]
-                                                       : columns.usual[stage];
+            cause.usual = isKept ? columns.usualStay[stage] : columns.usual[stage];
+            if (stage == 0 && !scene.isAlone) {
+                cause.usual = columns.PeriodOf(scene, first);
+            }
             if (!isStall) {
                 cause.beside = WaitingBehind(last, stage);
             }

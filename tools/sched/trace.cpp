@@ -254,9 +254,10 @@ void TraceReader::TakeWakeup(const Line& line) {
     if (line.what == "sched_wakeup_new") {
         threads.erase(tid);
     }
-    const SchedEvent::Kind kind = line.what == "sched_waking"   ? SchedEvent::Kind::Waking
-                                  : line.what == "sched_wakeup" ? SchedEvent::Kind::Wakeup
-                                                                : SchedEvent::Kind::New;
+    SchedEvent::Kind kind = SchedEvent::Kind::New;
+    if (line.what != "sched_wakeup_new") {
+        kind = line.what == "sched_waking" ? SchedEvent::Kind::Waking : SchedEvent::Kind::Wakeup;
+    }
     Add({line.time, ThreadOf(tid, text, cpu),
          line.isInterrupt ? NO_THREAD : ThreadOf(line.tid, line.name, line.cpu), priority,
          USUAL_PRIORITY, static_cast<uint16_t>(cpu), kind, ThreadState::Runnable});
