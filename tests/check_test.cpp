@@ -30,7 +30,7 @@ class CheckTest : public LibraryTest {
         }
         toml += toml.back() == '\n' ? "" : "]\n";
         if (Once(20)) {
-            return toml + AnyOf({"", "stage = 1\n", "stage = {}\n", "[[x]]\n"});
+            return toml + AnyOf({"", "stage = 1\n", "stage = {}\n", "[[x]]\n", "stage =\n"});
         }
         toml += toml[0] == '[' ? "[TarvoCameraFrameBoostConfig.stage]\n" : "";
         for (const char* stage : {"0", "1", "2", "3", "04", "foo", "-1", "99999999999999999999"}) {

@@ -111,7 +111,11 @@ struct StageList {
 
 class Checker {
   public:
-    explicit Checker(std::string_view text) : toml(text) {}
+    explicit Checker(std::string_view text) : toml(text) {
+        // What a file does not set, the library takes as 0.
+        table.additionalWidth = 0;
+        table.stageCount = 0;
+    }
 
     CheckedConfiguration Check() {
         try {
@@ -142,8 +146,6 @@ class Checker {
 
     // Of a table that no file has, the findings have no places.
     const std::vector<Finding>& Check(const toml::table& file) {
-        table.additionalWidth = 0;
-        table.stageCount = 0;
         const toml::table* section = file[SECTION].as_table();
         if (section == nullptr) {
             CheckNoSection(file);
