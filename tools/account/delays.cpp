@@ -92,7 +92,7 @@ struct Delays : Step {
                 break;
             }
             uint32_t from = columns.behind[pass];
-            const Micros excess = ExcessOf(row, stage, from);
+            const Micros excess = ExcessOf(row, stage, from, late.lost);
             const auto least =
                 std::max({limits::EXCESS, Times(limits::EXCESS_SHARE, ExpectedOf(row, stage)),
                           Times(limits::EXCESS_SHARE, delay)});
@@ -139,8 +139,9 @@ struct Delays : Step {
         return period * (step == columns.steps.end() ? 1 : step->second);
     }
 
-    // How much longer it took. `from`: the pass to follow the delay to.
-    Micros ExcessOf(uint32_t row, int32_t stage, uint32_t& from) const {
+    // How much longer it took. `from`: the pass to follow the delay to. Adds the frames that it
+    // waited for and that were lost.
+    Micros ExcessOf(uint32_t row, int32_t stage, uint32_t& from, std::vector<int64_t>& lost) const {
         const Micros excess = columns.WorkOf(scene, row, stage) - ExpectedOf(row, stage);
         const uint32_t kept = columns.kept[stage];
         if (kept == 0 || excess <= limits::EXCESS || columns.place[stage][row] == NO_INDEX) {
@@ -150,12 +151,21 @@ struct Delays : Step {
         const std::vector<uint32_t>& came = columns.came[stage];
         const size_t at = columns.place[stage][row] + kept;
         if (at >= came.size()) {
-            return excess;
+            // It waited for frames that did not come.
+            from = CameFrom(came.back(), stage);
+            return 0;
         }
         const Micros left = scene.LeftOf(row, stage), since = CameAt(scene, came[at], stage);
         if (left - since - columns.StoodIn(since, left) <=
             UsualBehind(stage) + Times(limits::TRIFLE_PERIODS, period)) {
             from = CameFrom(came[at], stage);
+            const int64_t high = scene.frames[came[at]].number;
+            for (int64_t number = Plus(scene.frames[came[at - 1]].number, 1); number < high;
+                 ++number) {
+                if (columns.LostOf(number) != nullptr) {
+                    lost.push_back(number);
+                }
+            }
             return 0;
         }
         return excess;
@@ -169,6 +179,9 @@ struct Delays : Step {
             const std::vector<uint32_t>& came = columns.came[stage];
             std::vector<Micros> times;
             for (size_t i = 0; i + kept < came.size(); ++i) {
+                if (scene.LeftOf(came[i], stage) == NO_TIME) {
+                    continue;
+                }
                 times.push_back(scene.LeftOf(came[i], stage) -
                                 CameAt(scene, came[i + kept], stage));
             }

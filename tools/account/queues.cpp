@@ -158,8 +158,14 @@ struct Stages : Step {
     }
 
     std::vector<uint32_t> AsTheyCame(int32_t stage) const {
-        std::vector<uint32_t> came = columns.order[stage];
-        std::erase_if(came, [&](uint32_t row) { return CameAt(scene, row, stage) == NO_TIME; });
+        // Frames that never left it are among them: they let go of others.
+        std::vector<uint32_t> came;
+        for (uint32_t row = 0; row < RowCount(); ++row) {
+            if (CameAt(scene, row, stage) != NO_TIME &&
+                (scene.LeftOf(row, stage) != NO_TIME || scene.NextStage(row) == stage)) {
+                came.push_back(row);
+            }
+        }
         const auto key = [&](uint32_t row) {
             const uint32_t from = CameFrom(row, stage);
             const Place place =
@@ -184,7 +190,10 @@ struct Stages : Step {
         for (const uint32_t row : came) {
             times.push_back(CameAt(scene, row, stage));
         }
-        for (const uint32_t row : came) {
+        for (const uint32_t row : columns.order[stage]) {
+            if (CameAt(scene, row, stage) == NO_TIME) {
+                continue;
+            }
             inside.push_back(
                 std::lower_bound(times.begin(), times.end(), scene.LeftOf(row, stage)) -
                 std::upper_bound(times.begin(), times.end(), CameAt(scene, row, stage)));
@@ -195,7 +204,7 @@ struct Stages : Step {
         const bool isMostlyOther =
             2 * std::count_if(came.begin(), came.end(), isOther) > std::ssize(came);
         for (size_t i = 0; i + kept < came.size(); ++i) {
-            if (isOther(came[i]) == isMostlyOther) {
+            if (isOther(came[i]) == isMostlyOther && scene.LeftOf(came[i], stage) != NO_TIME) {
                 behind.push_back(scene.LeftOf(came[i], stage) - times[i + kept]);
             }
         }
@@ -278,13 +287,19 @@ struct Queues : Step {
             // It was at work on another count.
             return scene.stopped == Stop::NumbersRestart;
         }
-        // Without numbers between that the sensor dropped in silence.
-        bool isNext = next != columns.order[0].begin();
-        for (uint32_t row = isNext ? *std::prev(next) : 0; isNext && row < *next; ++row) {
-            const Frame& frame = scene.frames[row];
-            isNext = StepOf(frame.number, scene.frames[row + 1].number) == 1 &&
-                     (scene.NextStage(row) > 0 || (frame.isEnded && frame.end <= silence.begin));
+        // Numbers between that the sensor dropped in silence account for as many periods of it.
+        const bool isFirst = next == columns.order[0].begin();
+        int64_t missing = 0;
+        if (!isFirst) {
+            const uint32_t before = *std::prev(next);
+            missing = StepOf(scene.frames[before].number, scene.frames[*next].number) - 1;
+            for (uint32_t row = before + 1; row < *next; ++row) {
+                const Frame& frame = scene.frames[row];
+                missing -=
+                    scene.NextStage(row) > 0 || (frame.isEnded && frame.end <= silence.begin);
+            }
         }
+        const bool isNext = !isFirst && 2 * missing * period <= silence.Length();
         const Micros start = scene.frames[*next].start;
         const bool isAtOnce = scene.LeftOf(*next, 0) <= silence.end + period;
         return isNext && (isAtOnce || silence.Length() > 4 * period) &&
