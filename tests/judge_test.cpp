@@ -160,8 +160,8 @@ std::string TextOf(const tools::Scene& scene, const tools::Columns& columns,
     for (const tools::Cause& cause : causes) {
         text += fmt::format(
             "{} {} {} {}-{} {}:{} {}: {}: {}\n", tools::NameOf(tools::KindOf(cause.what)),
-            static_cast<int>(cause.severity), cause.stage, cause.span.begin, cause.span.end,
-            cause.place.input, cause.place.line, cause.time,
+            static_cast<int>(tools::SeverityOf(cause)), cause.stage, cause.span.begin,
+            cause.span.end, cause.place.input, cause.place.line, cause.time,
             tools::SentenceOf(scene, columns, cause), tools::NumbersText(cause.harmed));
     }
     return text;
@@ -210,10 +210,10 @@ TEST(Attribution, DependsOnNoOrderAndCountsEachBadFrameOnce) {
             std::string first;
             for (int i = 0; i < 4 && scene.isStarted && !columns.isMixed; ++i) {
                 std::vector<tools::Cause> causes;
-                std::vector<tools::Finder> finders(tools::Finders().begin(),
-                                                   tools::Finders().end());
+                std::vector<tools::Finder*> finders(std::begin(tools::FINDERS),
+                                                    std::end(tools::FINDERS));
                 std::shuffle(finders.begin(), finders.end(), draw);
-                for (const tools::Finder find : finders) {
+                for (tools::Finder* const find : finders) {
                     find(scene, columns, causes);
                 }
                 std::shuffle(causes.begin(), causes.end(), draw);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <span>
 #include <tuple>
 #include <utility>
 
@@ -76,7 +77,10 @@ JudgedScene JudgedOf(Scene scene, const Configuration* configuration, double lat
         judged.causes = {RefusalOf(judged, configuration)};
         return judged;
     }
-    for (const Finder find : judged.columns.isMixed ? Finders().first(1) : Finders()) {
+    // Of two objects at once only that is said.
+    const std::span<Finder*const> all(FINDERS),
+        finders = all.first(judged.columns.isMixed ? 1 : all.size());
+    for (Finder* const find : finders) {
         find(judged, judged.columns, judged.causes);
     }
     Attribute(judged, judged.columns, judged.causes);
@@ -86,7 +90,7 @@ JudgedScene JudgedOf(Scene scene, const Configuration* configuration, double lat
 
 SceneFinding FindingOf(const Scene& scene, const Columns& columns, const Cause& cause) {
     SceneFinding finding{.kind = KindOf(cause.what),
-                         .severity = cause.severity,
+                         .severity = SeverityOf(cause),
                          .message = SentenceOf(scene, columns, cause),
                          .place = cause.place,
                          .time = cause.time,
@@ -103,16 +107,11 @@ SceneFinding FindingOf(const Scene& scene, const Columns& columns, const Cause& 
     switch (cause.what) {
         case Case::Restarted:
         case Case::NeverHit:
-        case Case::LateFew:
-        case Case::LateMany:
+        case Case::Late:
             finding.times = std::max<int64_t>(own, 1);
             break;
         case Case::Ignored:
-        case Case::NearMiss:
         case Case::NotBoosted:
-        case Case::NoVideo:
-        case Case::Disabled:
-        case Case::ServiceRefused:
             finding.times = cause.count;
             break;
         case Case::LinesMissing:
@@ -150,7 +149,7 @@ std::vector<SceneFinding> Joined(const JudgedScene& judged, size_t namedOneByOne
         std::vector<int64_t> own, harmed, frames;
         all.states.reset();
         for (const Cause* cause : same) {
-            all.severity = std::max(all.severity, cause->severity);
+            all.severity = std::max(all.severity, SeverityOf(*cause));
             for (size_t state = 0; cause->states && state < THREAD_STATES; ++state) {
                 all.states = all.states.value_or(Shares());
                 (*all.states)[state] += (*cause->states)[state];
@@ -192,8 +191,9 @@ Cause NotUnderstoodOf(const CaptureSummary& summary, size_t inputs) {
         std::all_of(shown.begin(), shown.end(), [&](const NotUnderstood& line) {
             return line.place.line == 1 || (inputs == 1 && line.place.line == summary.lines);
         });
-    Cause cause{.what = isAtEdge ? Case::NotUnderstoodAtEdge : Case::NotUnderstoodLines};
-    cause.count = summary.notUnderstood;
+    Cause cause{.what = Case::NotUnderstoodLines,
+                .count = summary.notUnderstood,
+                .atLeast = isAtEdge ? Severity::Note : Severity::Warning};
     for (const NotUnderstood& line : shown) {
         cause.why += fmt::format("\n    line {}: {}", line.place.line, line.text);
     }

@@ -17,12 +17,6 @@ const char* NameOf(ThreadState state) {
     return NAMES[static_cast<size_t>(state)];
 }
 
-std::span<const Finder> Finders() {
-    static constexpr Finder FINDERS[] = {FindMissingLines, FindMisreports, FindLosses, FindSlow,
-                                         FindPauses,       FindSetUp,      FindDepth};
-    return FINDERS;
-}
-
 bool IsNotBoosted(const Fate& fate) {
     return fate.status != FrameStatus::Complete && !fate.isUnknown && !fate.isEarly &&
            !fate.isOnlyOpened && !fate.isSkipped &&
@@ -252,7 +246,7 @@ struct Attribution {
         if (rows.empty()) {
             return;
         }
-        Cause cause{.what = Case::LateFew, .span = {scene.begin, scene.stop}};
+        Cause cause{.what = Case::Late, .span = {scene.begin, scene.stop}};
         Micros longest = 0;
         for (const uint32_t row : rows) {
             cause.own.push_back(scene.frames[row].number);
@@ -262,8 +256,7 @@ struct Attribution {
         const bool isMany =
             static_cast<double>(rows.size()) > limits::FEW * static_cast<double>(all) ||
             longest > 2 * columns.lateThreshold;
-        cause.what = isMany ? Case::LateMany : Case::LateFew;
-        cause.severity = SeverityOf(cause.what);
+        cause.atLeast = isMany ? Severity::Warning : Severity::Note;
         cause.other = static_cast<int64_t>(all);
         cause.took = {longest};
         cause.usual = columns.lateThreshold;
@@ -286,7 +279,6 @@ struct Attribution {
                 cause.what = Case::NeverStarted;
             }
             const bool isFollowed = cause.what != Case::BadFrames;
-            cause.severity = SeverityOf(cause.what);
             cause.why = ReasonOf(columns.fates[first].reason);
             cause.other = frame.newestBefore;
             const int64_t step = isGap ? StepOf(frame.newestBefore, frame.number) : 0;
@@ -337,7 +329,7 @@ void Attribute(const Scene& scene, const Columns& columns, std::vector<Cause>& c
                 const uint32_t row = scene.RowOf(number);
                 return row != NO_INDEX && columns.fates[row].status == FrameStatus::Evicted;
             });
-        cause.severity = hasEvicted ? Severity::Error : cause.severity;
+        cause.atLeast = hasEvicted ? Severity::Error : cause.atLeast;
     }
 }
 

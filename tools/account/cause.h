@@ -4,10 +4,10 @@
 
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -67,9 +67,9 @@ struct Cause {
     Micros usual = 0;
     int64_t other = 0;  // Another frame, port, stage or process that the sentence names.
     int64_t count = 0;  // What it counts, where that is not frames; lines or reports.
-    std::vector<int64_t> beside{};  // Frames beside its own, as the sentence says.
-    std::string why{};              // Names and numbers that only the sentence needs.
-    Severity severity = SeverityOf(what);
+    std::vector<int64_t> beside{};      // Frames beside its own, as the sentence says.
+    std::string why{};                  // Names and numbers that only the sentence needs.
+    Severity atLeast = Severity::Note;  // Where what came of it is worse than its case.
     // Written by Attribute alone: bad frames that are counted to it. None is in two causes.
     std::vector<int64_t> harmed{};
     // Written by a scheduler trace alone: how long the stage's threads were in each state while
@@ -79,16 +79,14 @@ struct Cause {
     std::string scheduling{};  // What the sentence says of that.
 };
 
-using Finder = void (*)(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+inline Severity SeverityOf(const Cause& cause) {
+    return std::max(RowOf(cause.what).severity, cause.atLeast);
+}
 
-void FindMissingLines(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
-void FindMisreports(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
-void FindLosses(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
-void FindSlow(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
-void FindPauses(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
-void FindSetUp(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
-void FindDepth(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
-std::span<const Finder> Finders();
+using Finder = void(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
+Finder FindMissingLines, FindMisreports, FindLosses, FindSlow, FindPauses, FindSetUp, FindDepth;
+inline constexpr Finder* FINDERS[] = {FindMissingLines, FindMisreports, FindLosses, FindSlow,
+                                      FindPauses,       FindSetUp,      FindDepth};
 // Why a scene was refused. `configuration`: null where it is not known.
 Cause RefusalOf(const Scene& scene, const Configuration* configuration);
 

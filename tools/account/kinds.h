@@ -1,4 +1,4 @@
-// The kinds of findings, and the sentences that say them. kinds.def is their table.
+// The kinds of findings, and the sentences that say them: kinds.def as enumerations and tables.
 
 #pragma once
 
@@ -21,15 +21,36 @@ enum class Case : uint8_t {
 #include "tools/account/kinds.def"
 };
 
-inline constexpr size_t KINDS = static_cast<size_t>(Kind::Unexplained) + 1;
+struct KindRow {
+    const char* name;           // "frame-lost" and so on.
+    const char *what, *remedy;  // What happened and what to do, in Markdown.
+};
+inline constexpr KindRow KINDS[] = {
+#define KIND(kind, name, what, remedy) {name, what, remedy},
+#include "tools/account/kinds.def"
+};
 
-const char* NameOf(Kind kind);  // "frame-lost" and so on.
-// Of a finding of the kind, in Markdown.
-const char* WhatHappened(Kind kind);
-const char* WhatToDo(Kind kind);
+struct CaseRow {
+    Kind kind;
+    Severity severity;
+    const char* sentence;  // With values in braces, for fmt.
+};
+inline constexpr CaseRow CASES[] = {
+#define CASE(enumerator, kind, severity, sentence) {Kind::kind, Severity::severity, sentence},
+#include "tools/account/kinds.def"
+};
 
-Kind KindOf(Case what);
-Severity SeverityOf(Case what);
-const char* SentenceOf(Case what);  // With values in braces, for fmt.
+inline const KindRow& RowOf(Kind kind) {
+    return KINDS[static_cast<size_t>(kind)];
+}
+inline const CaseRow& RowOf(Case what) {
+    return CASES[static_cast<size_t>(what)];
+}
+inline const char* NameOf(Kind kind) {
+    return RowOf(kind).name;
+}
+inline Kind KindOf(Case what) {
+    return RowOf(what).kind;
+}
 
 }  // namespace tools

@@ -13,7 +13,7 @@ Cause CauseOf(const Scene& scene, const Gap& gap) {
         const uint32_t row = scene.RowOf(number);
         return row != NO_INDEX && scene.frames[row].isEnded;
     });
-    Cause cause{.what = Case::Dropped, .span = {gap.from, gap.to}, .stage = stage};
+    Cause cause{.what = Case::NeverLeft, .span = {gap.from, gap.to}, .stage = stage};
     cause.other = gap.before;
     const Frame& next = scene.frames[gap.next];
     if (gap.isDropped) {
@@ -22,7 +22,6 @@ Cause CauseOf(const Scene& scene, const Gap& gap) {
         } else if (isEnded) {
             cause.what = Case::DroppedAndEnded;
         }
-        cause.severity = SeverityOf(cause.what);
         cause.own = gap.missing;
         cause.count = next.number;
         const uint32_t row = scene.RowOf(gap.missing.front());
@@ -31,7 +30,6 @@ Cause CauseOf(const Scene& scene, const Gap& gap) {
         return cause;
     }
     cause.what = scene.isAlone ? Case::Gap : Case::Skipped;
-    cause.severity = SeverityOf(cause.what);
     cause.beside = gap.missing;
     cause.place = scene.LeftAt(gap.next, 0);
     cause.time = gap.to;
@@ -78,7 +76,7 @@ void FindLosses(const Scene& scene, const Columns& columns, std::vector<Cause>& 
             causes.back().own.push_back(lost.number);
         } else {
             const bool isEnded = lost.how == Lost::How::Ended;
-            causes.push_back({.what = isEnded ? Case::DroppedAndEnded : Case::Passed,
+            causes.push_back({.what = isEnded ? Case::DroppedAndEnded : Case::NeverLeft,
                               .span = {lost.since, scene.stop},
                               .stage = scene.isAlone ? -1 : lost.stage,
                               .own = {lost.number}});

@@ -60,8 +60,8 @@ struct Misreports {
             AddRepeat(row, *repeat->second);
         } else if (frame.isDuplicate && !IsOpenedTwice(row)) {
             const bool isHarmless = frame.isStarted && frame.violation == Violation::None;
-            Cause& cause = Add(frame.isStarted ? Case::StartedAgain : Case::StartRefused, row, -1);
-            cause.severity = isHarmless ? Severity::Warning : Severity::Error;
+            Add(Case::StartedAgain, row, -1).atLeast =
+                isHarmless ? Severity::Note : Severity::Error;
         } else if (frame.violation != Violation::None && !IsOpenedTwice(row)) {
             AddViolation(row);
         } else if (fate.status == FrameStatus::Dropped && fate.isOut && frame.end < fate.output) {
@@ -90,8 +90,8 @@ struct Misreports {
         const int32_t first = portOf(scene.PassOf(row, repeat.stage).reporter);
         const int32_t second = portOf(repeat.reporter);
         Cause& cause = Add(first != second ? Case::SecondPort : Case::Twice, row, repeat.stage);
-        cause.severity = columns.fates[row].status == FrameStatus::Complete ? Severity::Warning
-                                                                            : Severity::Error;
+        cause.atLeast =
+            columns.fates[row].status == FrameStatus::Complete ? Severity::Note : Severity::Error;
         cause.place = repeat.place;
         cause.time = repeat.time;
         cause.count = first;
@@ -100,7 +100,6 @@ struct Misreports {
 
     void AddViolation(uint32_t row) {
         const Frame& frame = scene.frames[row];
-        const bool isBefore = frame.violationOther < frame.violationStage;
         if (columns.neverHit && frame.violation != Violation::NoSuchStage &&
             std::max(frame.violationStage, frame.violationOther) >= *columns.neverHit) {
             return;
@@ -114,9 +113,9 @@ struct Misreports {
                 return;
             default: {
                 // Two stages that changed places: the one that was to come first is to blame.
-                Cause& cause = Add(isBefore ? Case::BeforeEnded : Case::AfterBegun, row,
-                                   isBefore ? frame.violationOther : frame.violationStage);
-                cause.other = isBefore ? frame.violationStage : frame.violationOther;
+                const auto [first, second] =
+                    std::minmax(frame.violationStage, frame.violationOther);
+                Add(Case::OutOfOrder, row, first).other = second;
                 return;
             }
         }
@@ -155,8 +154,8 @@ struct Misreports {
                 if (!fate.isUnknown && !fate.isEarly &&
                     !columns.IsNearHole(frame.seen, scene.LastOf(row).second) &&
                     frame.violation == Violation::None) {
-                    Cause& cause =
-                        Add(stage == 0 ? Case::OvertakenAtFirst : Case::Overtaken, row, stage);
+                    Cause& cause = Add(Case::Overtaken, row, stage);
+                    cause.atLeast = stage == 0 ? Severity::Error : Severity::Note;
                     cause.place = scene.PassOf(row, stage).place;
                     cause.time = scene.LeftOf(row, stage);
                     cause.other = scene.frames[by].number;

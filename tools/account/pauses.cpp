@@ -40,14 +40,15 @@ void FindStoppedSensor(const Scene& scene, const Columns& columns, std::vector<C
     const Micros idle = columns.outputs.empty()
                             ? length
                             : scene.stop - columns.fates[columns.outputs.back()].output;
-    causes.push_back({.what = std::min(idle, length) < limits::SENSOR_DEAD ? Case::SensorOwes
-                                                                           : Case::SensorStopped,
+    causes.push_back({.what = Case::SensorStopped,
                       .span = {since, scene.stop},
                       .stage = 0,
                       .own = {frame.number},
                       .place = frame.place,
                       .time = since,
-                      .took = {length}});
+                      .took = {length},
+                      .atLeast = std::min(idle, length) < limits::SENSOR_DEAD ? Severity::Note
+                                                                              : Severity::Warning});
 }
 
 // Stretches in which frames came at another rate than the scene's.

@@ -77,7 +77,7 @@ struct Speaker {
 
     // The sentence, without its guess where a scheduler trace knows better.
     std::string Template() const {
-        std::string text = SentenceOf(cause.what);
+        std::string text = RowOf(cause.what).sentence;
         const size_t from = text.find('|');
         if (from == std::string::npos) {
             return text;
@@ -105,9 +105,9 @@ struct Speaker {
         add("next", cause.count);
         add("refused",
             Counted(static_cast<int64_t>(cause.own.size()), "frame") + (isOne ? " was" : " were"));
-        const bool isOrder = cause.what == Case::BeforeEnded || cause.what == Case::AfterBegun;
-        add("other", isOrder ? StageName(scene, static_cast<int32_t>(cause.other))
-                             : fmt::to_string(cause.other));
+        add("other", cause.what == Case::OutOfOrder
+                         ? StageName(scene, static_cast<int32_t>(cause.other))
+                         : fmt::to_string(cause.other));
         add("behind", isOne ? ""
                             : fmt::format(", and {} more stood there or behind it",
                                           cause.own.size() - (cause.own.empty() ? 0 : 1)));
@@ -165,8 +165,7 @@ struct Speaker {
         const auto size = static_cast<int64_t>(cause.what == Case::Skipped ? cause.beside.size()
                                                                            : cause.own.size());
         add("were", (size == 0 ? cause.count : size) == 1 ? "was" : "were");
-        const bool isCounted = cause.what == Case::NotUnderstoodLines ||
-                               cause.what == Case::NotUnderstoodAtEdge || cause.count > 1;
+        const bool isCounted = cause.what == Case::NotUnderstoodLines || cause.count > 1;
         add("lines", isCounted ? Counted(cause.count, "line") : "lines");
         add("around", cause.frame ? fmt::format(" around frame {}", *cause.frame) : "");
         std::string unknown;
@@ -195,7 +194,7 @@ struct Speaker {
 
     // Lost frames keep their places.
     std::string HeldText() const {
-        if (cause.what != Case::Dropped && cause.what != Case::Passed) {
+        if (cause.what != Case::NeverLeft) {
             return "";
         }
         Numbers held;

@@ -146,8 +146,7 @@ void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>&
                 fmt::format("; stage {} expects {}", stage.stage,
                             isNamed ? PortsText(stage)
                                     : Quoted(stage.node) + ", which differs in case or blanks");
-            cause.what = isHit && isNamed ? Case::Ignored : Case::NearMiss;
-            cause.severity = SeverityOf(cause.what);
+            cause.atLeast = isHit && isNamed ? Severity::Note : Severity::Warning;
             break;
         }
         causes.push_back(std::move(cause));
@@ -164,7 +163,7 @@ void FindSetUp(const Scene& scene, const Columns& columns, std::vector<Cause>& c
 }
 
 Cause RefusalOf(const Scene& scene, const Configuration* configuration) {
-    Cause cause{.what = Case::ServiceRefused,
+    Cause cause{.what = Case::NotBoosted,
                 .place = scene.from,
                 .time = scene.begin,
                 .count = scene.refusals};
@@ -172,11 +171,10 @@ Cause RefusalOf(const Scene& scene, const Configuration* configuration) {
     const int32_t extra = isKnown ? *configuration->additionalWidth : 0;
     switch (scene.refusal) {
         case Refusal::NoVideo:
-            cause.what = Case::NoVideo;
             cause.why = "the scene was described as no video; only video is boosted";
             break;
         case Refusal::Description:
-            cause.what = Case::NotBoosted;
+            cause.atLeast = Severity::Warning;
             cause.why = fmt::format("the scene was described as video of width {} at {} fps; only ",
                                     scene.width, scene.fps);
             if (scene.fps != 60) {
@@ -191,7 +189,7 @@ Cause RefusalOf(const Scene& scene, const Configuration* configuration) {
             }
             break;
         case Refusal::Disabled:
-            cause.what = Case::Disabled;
+            cause.atLeast = Severity::Error;
             if (configuration == nullptr) {
                 cause.why =
                     "boosting is switched off, or the operation mode is not supported; the "
@@ -203,9 +201,9 @@ Cause RefusalOf(const Scene& scene, const Configuration* configuration) {
             }
             break;
         default:
-            break;
+            cause.atLeast = Severity::Error;
+            cause.why = "the boost service refused the scene";
     }
-    cause.severity = SeverityOf(cause.what);
     return cause;
 }
 

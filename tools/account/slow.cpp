@@ -91,7 +91,7 @@ struct SlowStages {
                 return gap.isDropped && gap.from >= begin &&
                        gap.from <= cause.span.end + 2 * period;
             });
-        cause.severity = hasDropped ? Severity::Error : cause.severity;
+        cause.atLeast = hasDropped ? Severity::Error : Severity::Note;
         causes.push_back(std::move(cause));
         return causes.back();
     }

@@ -242,8 +242,8 @@ class Page {
         }
         out << "<details><summary>What <code>" << NameOf(finding.kind)
             << "</code> means, and what to do</summary><dl><dt>What happened<dd>"
-            << Markdown{WhatHappened(finding.kind)} << "<dt>What to do<dd>"
-            << Markdown{WhatToDo(finding.kind)};
+            << Markdown{RowOf(finding.kind).what} << "<dt>What to do<dd>"
+            << Markdown{RowOf(finding.kind).remedy};
         const auto addFrames = [&](const char* title, const std::vector<FrameRange>& ranges) {
             if (scene && !ranges.empty()) {
                 out << "<dt>" << title << "<dd>"

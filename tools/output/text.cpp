@@ -210,10 +210,8 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
 
 void WriteKinds(std::ostream& out) {
     out << "| finding | what happened | what to do |\n|---|---|---|\n";
-    for (size_t i = 0; i < KINDS; ++i) {
-        const auto kind = static_cast<Kind>(i);
-        out << fmt::format("| `{}` | {} | {} |\n", NameOf(kind), WhatHappened(kind),
-                           WhatToDo(kind));
+    for (const KindRow& kind : KINDS) {
+        out << fmt::format("| `{}` | {} | {} |\n", kind.name, kind.what, kind.remedy);
     }
 }
 
