@@ -52,6 +52,7 @@ struct Pipeline {
         scene.stageNames = {"Sensor", "Filter", "Mapper", "Encoder"};
         scene.reporters = {{}};
         scene.opener = 0;
+        scene.opened = 0;
         scene.frames.resize(frames + 1);  // The last one is only opened.
         scene.passes.resize(size_t{4} * (frames + 1));
         std::vector<Micros> free(4);

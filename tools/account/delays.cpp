@@ -128,7 +128,10 @@ struct Delays : Step {
     // How long the stage should have worked on the frame. The sensor works by the clock.
     Micros ExpectedOf(uint32_t row, int32_t stage) const {
         if (stage > 0 || scene.isAlone) {
-            Micros expected = columns.usual[stage];
+            // Of several servers one that is free begins at once.
+            Micros expected = columns.kept[stage] == 0
+                                  ? columns.usual[stage]
+                                  : std::max(columns.usual[stage], columns.usualStay[stage]);
             for (int32_t before = stage - 1; before > 0 && !scene.PassOf(row, before).HasLeft();
                  --before) {
                 expected += columns.usualStay[before];  // It was there, too.

@@ -240,9 +240,9 @@ struct CauseFinder {
                 std::map<int32_t, Shares>& excess) const {
         const Frame& frame = scene.frames[row];
         const Fate& fate = columns.fates[row];
-        Span window = {fate.output - fate.interval, fate.output};
-        if (!fate.isLate) {
-            window = {frame.seen, frame.evicted == NO_TIME ? scene.stop : frame.evicted};
+        Span window = {frame.seen, frame.evicted == NO_TIME ? scene.stop : frame.evicted};
+        if (fate.isLate) {
+            window = {fate.output - fate.interval, fate.output};
         }
         const auto add = [&](uint32_t thread, int32_t stage, Span span) {
             const Span part = Cut(span, window);
