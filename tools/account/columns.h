@@ -127,7 +127,8 @@ struct Columns {
     std::vector<Standstill> stood;
     // A stage each.
     PerStage<std::vector<uint32_t>> order;  // Rows in the order in which they left.
-    PerStage<size_t> together;              // How many left together with another one.
+    // Rows that left together with another one, where most do.
+    PerStage<std::vector<uint32_t>> together;
     PerStage<uint32_t> kept;  // Frames that the stage keeps back, or works on beside another.
     PerStage<std::vector<uint32_t>> came;  // Of such a stage: rows in the order in which they came,
     PerStage<std::vector<uint32_t>> place;  // and the position therein of each row.

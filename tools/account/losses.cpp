@@ -9,47 +9,33 @@ namespace {
 
 Cause CauseOf(const Scene& scene, const Gap& gap) {
     const int32_t stage = scene.isAlone ? -1 : 0;
-    const bool isEnded = std::all_of(gap.missing.begin(), gap.missing.end(), [&](int64_t number) {
+    const int64_t next = scene.frames[gap.next].number;
+    if (!gap.isDropped) {
+        return {.what = scene.isAlone ? Case::Gap : Case::Skipped,
+                .span = {gap.from, gap.to},
+                .stage = stage,
+                .own = {next},
+                .place = scene.LeftAt(gap.next, 0),
+                .time = gap.to,
+                .other = gap.before,
+                .beside = gap.missing};
+    }
+    const uint32_t first = scene.RowOf(gap.missing.front());
+    Cause cause{.what = scene.isAlone ? Case::DroppedBeforeStart : Case::NeverLeft,
+                .span = {gap.from, gap.to},
+                .stage = stage,
+                .own = gap.missing,
+                .place = first == NO_INDEX ? gap.place : scene.frames[first].place,
+                .time = gap.from,
+                .other = gap.before,
+                .count = next};
+    const auto isEnded = [&scene](int64_t number) {
         const uint32_t row = scene.RowOf(number);
         return row != NO_INDEX && scene.frames[row].isEnded;
-    });
-    Cause cause{.what = Case::NeverLeft, .span = {gap.from, gap.to}, .stage = stage};
-    cause.other = gap.before;
-    const Frame& next = scene.frames[gap.next];
-    if (gap.isDropped) {
-        if (scene.isAlone) {
-            cause.what = Case::DroppedBeforeStart;
-        } else if (isEnded) {
-            cause.what = Case::DroppedAndEnded;
-        }
-        cause.own = gap.missing;
-        cause.count = next.number;
-        const uint32_t row = scene.RowOf(gap.missing.front());
-        cause.place = row == NO_INDEX ? gap.place : scene.frames[row].place;
-        cause.time = gap.from;
-        return cause;
+    };
+    if (!scene.isAlone && std::all_of(cause.own.begin(), cause.own.end(), isEnded)) {
+        cause.what = Case::DroppedAndEnded;
     }
-    cause.what = scene.isAlone ? Case::Gap : Case::Skipped;
-    cause.beside = gap.missing;
-    cause.place = scene.LeftAt(gap.next, 0);
-    cause.time = gap.to;
-    cause.own = {next.number};
-    return cause;
-}
-
-// Frames that stand when all ends, in one cause: those behind the first stand behind it.
-Cause StandingOf(const Scene& scene, const std::vector<const Lost*>& lost) {
-    Cause cause{.what = Case::Stands};
-    const Lost* first = lost.front();
-    for (const Lost* one : lost) {
-        cause.own.push_back(one->number);
-        first = one->stage > first->stage ? one : first;
-    }
-    cause.stage = scene.isAlone ? -1 : first->stage;
-    cause.frame = first->number;
-    cause.span = {first->since, scene.stop};
-    cause.took = {scene.stop - first->since};
-    std::tie(cause.place, cause.time) = scene.LastOf(scene.RowOf(first->number));
     return cause;
 }
 
@@ -59,33 +45,37 @@ void FindLosses(const Scene& scene, const Columns& columns, std::vector<Cause>& 
     for (const Gap& gap : columns.gaps) {
         causes.push_back(CauseOf(scene, gap));
     }
-    std::vector<const Lost*> standing;
-    const Lost* before = nullptr;
+    // Frames that stand when all ends, in one cause: they stand behind the one that got farthest.
+    Cause standing{.what = Case::Stands};
+    const Lost* first = nullptr;
+    Cause* before = nullptr;
     for (const Lost& lost : columns.lost) {
-        const uint32_t row = scene.RowOf(lost.number);
+        const int32_t stage = scene.isAlone ? -1 : lost.stage;
+        const Case what = lost.how == Lost::How::Ended ? Case::DroppedAndEnded : Case::NeverLeft;
         if (lost.how == Lost::How::Stands) {
-            standing.push_back(&lost);
-        }
-        if (lost.how == Lost::How::Stands || lost.how == Lost::How::Dropped || row == NO_INDEX ||
-            (lost.stage == 0 && !scene.isAlone)) {
-            continue;
-        }
-        // Frames in a row are one finding.
-        if (before != nullptr && before->stage == lost.stage && before->how == lost.how &&
-            StepOf(before->number, lost.number) == 1) {
-            causes.back().own.push_back(lost.number);
+            standing.own.push_back(lost.number);
+            first = first == nullptr || lost.stage > first->stage ? &lost : first;
+        } else if (lost.how == Lost::How::Dropped || stage == 0) {
+            continue;  // Of a gap.
+        } else if (before != nullptr && before->stage == stage && before->what == what &&
+                   StepOf(before->own.back(), lost.number) == 1) {
+            before->own.push_back(lost.number);
         } else {
-            const bool isEnded = lost.how == Lost::How::Ended;
-            causes.push_back({.what = isEnded ? Case::DroppedAndEnded : Case::NeverLeft,
+            causes.push_back({.what = what,
                               .span = {lost.since, scene.stop},
-                              .stage = scene.isAlone ? -1 : lost.stage,
+                              .stage = stage,
                               .own = {lost.number}});
-            std::tie(causes.back().place, causes.back().time) = scene.LastOf(row);
+            before = &causes.back();
+            std::tie(before->place, before->time) = scene.LastOf(scene.RowOf(lost.number));
         }
-        before = &lost;
     }
-    if (!standing.empty()) {
-        causes.push_back(StandingOf(scene, standing));
+    if (first != nullptr) {
+        standing.stage = scene.isAlone ? -1 : first->stage;
+        standing.frame = first->number;
+        standing.span = {first->since, scene.stop};
+        standing.took = {scene.stop - first->since};
+        std::tie(standing.place, standing.time) = scene.LastOf(scene.RowOf(first->number));
+        causes.push_back(std::move(standing));
     }
 }
 

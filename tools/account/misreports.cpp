@@ -21,11 +21,10 @@ struct Misreports {
         }
         for (uint32_t row = 0; row < scene.frames.size(); ++row) {
             const Frame& frame = scene.frames[row];
-            const Fate& fate = columns.fates[row];
             const bool isOfRestart = scene.restartedAfter && !frame.isStarted &&
                                      StepOf(*scene.restartedAfter, frame.number) <= 2;
-            if (!fate.isUnknown && !fate.isEarly && !fate.isNeverOut && !fate.isSkipped &&
-                !isOfRestart && !columns.IsNearHole(frame.seen, scene.LastOf(row).second)) {
+            const Fate& fate = columns.fates[row];
+            if (IsSure(row) && !fate.isNeverOut && !fate.isSkipped && !isOfRestart) {
                 Examine(row);
             }
         }
@@ -34,16 +33,23 @@ struct Misreports {
         }
     }
 
-    Cause& Add(Case what, uint32_t row, int32_t stage) {
+    // Whether all lines of the frame are there.
+    bool IsSure(uint32_t row) const {
+        const Fate& fate = columns.fates[row];
+        return !fate.isUnknown && !fate.isEarly &&
+               !columns.IsNearHole(scene.frames[row].seen, scene.LastOf(row).second);
+    }
+
+    Cause& Add(Case what, uint32_t row, int32_t stage, bool isError = false) {
         const Frame& frame = scene.frames[row];
-        const auto [place, last] = scene.LastOf(row);
-        const bool hasTrouble = frame.trouble.line != 0;
+        const auto [place, time] = scene.TroubleOf(row);
         causes.push_back({.what = what,
-                          .span = {frame.seen, std::max(last, frame.end)},
+                          .span = {frame.seen, std::max(scene.LastOf(row).second, frame.end)},
                           .stage = stage,
                           .own = {frame.number},
-                          .place = hasTrouble ? frame.trouble : place,
-                          .time = hasTrouble ? frame.troubleTime : last});
+                          .place = place,
+                          .time = time,
+                          .atLeast = isError ? Severity::Error : Severity::Note});
         return causes.back();
     }
 
@@ -52,35 +58,26 @@ struct Misreports {
         const Fate& fate = columns.fates[row];
         const auto repeat = repeats.find(row);
         const int32_t unreported = scene.isAlone ? -1 : scene.Unreported(row);
-        if (unreported >= 0 && unreported != columns.neverHit &&
+        const bool isInOrder = frame.violation == Violation::None;
+        // The end of stage 0 of the frame before was reported twice, which starts this one twice.
+        const auto before = repeats.find(row - 1);
+        const bool isOpenedTwice = before != repeats.end() && before->second->stage == 0;
+        // No line names a stage that the HAL reports itself and the library refused.
+        const bool isSilent = unreported >= 0 && columns.isByNodes[unreported] == 0 &&
+                              (!frame.isStarted || frame.refused != NO_TIME || !isInOrder);
+        if (unreported >= 0 && unreported != columns.neverHit && !isSilent &&
             !(repeat != repeats.end() && repeat->second->stage < unreported) &&
-            (frame.isStarted || (unreported > 0 && scene.hasNodes)) && !IsSilent(row, unreported)) {
+            (frame.isStarted || (unreported > 0 && scene.hasNodes))) {
             Add(Case::Unreported, row, unreported);
         } else if (repeat != repeats.end()) {
             AddRepeat(row, *repeat->second);
-        } else if (frame.isDuplicate && !IsOpenedTwice(row)) {
-            const bool isHarmless = frame.isStarted && frame.violation == Violation::None;
-            Add(Case::StartedAgain, row, -1).atLeast =
-                isHarmless ? Severity::Note : Severity::Error;
-        } else if (frame.violation != Violation::None && !IsOpenedTwice(row)) {
+        } else if (frame.isDuplicate && !isOpenedTwice) {
+            Add(Case::StartedAgain, row, -1, !frame.isStarted || !isInOrder);
+        } else if (!isInOrder && !isOpenedTwice) {
             AddViolation(row);
         } else if (fate.status == FrameStatus::Dropped && fate.isOut && frame.end < fate.output) {
             Add(Case::EndedEarly, row, -1);
         }
-    }
-
-    // Whether the end of stage 0 of the frame before was reported twice, which starts this one
-    // twice.
-    bool IsOpenedTwice(uint32_t row) const {
-        const auto before = row == 0 ? repeats.end() : repeats.find(row - 1);
-        return before != repeats.end() && before->second->stage == 0;
-    }
-
-    // Whether the HAL reports the stage itself and the library refused that: then no line says so.
-    bool IsSilent(uint32_t row, int32_t stage) const {
-        const Frame& frame = scene.frames[row];
-        return columns.isByNodes[stage] == 0 &&
-               (!frame.isStarted || frame.refused != NO_TIME || frame.violation != Violation::None);
     }
 
     void AddRepeat(uint32_t row, const Scene::Repeat& repeat) {
@@ -89,9 +86,8 @@ struct Misreports {
         };
         const int32_t first = portOf(scene.PassOf(row, repeat.stage).reporter);
         const int32_t second = portOf(repeat.reporter);
-        Cause& cause = Add(first != second ? Case::SecondPort : Case::Twice, row, repeat.stage);
-        cause.atLeast =
-            columns.fates[row].status == FrameStatus::Complete ? Severity::Note : Severity::Error;
+        Cause& cause = Add(first != second ? Case::SecondPort : Case::Twice, row, repeat.stage,
+                           columns.fates[row].status != FrameStatus::Complete);
         cause.place = repeat.place;
         cause.time = repeat.time;
         cause.count = first;
@@ -100,66 +96,46 @@ struct Misreports {
 
     void AddViolation(uint32_t row) {
         const Frame& frame = scene.frames[row];
-        if (columns.neverHit && frame.violation != Violation::NoSuchStage &&
-            std::max(frame.violationStage, frame.violationOther) >= *columns.neverHit) {
-            return;
-        }
-        switch (frame.violation) {
-            case Violation::NoSuchStage:
-                Add(Case::NoSuchStage, row, frame.violationStage).count = scene.stageCount;
-                return;
-            case Violation::OutOfTurn:
-                Add(Case::OutOfTurn, row, frame.violationStage);
-                return;
-            default: {
-                // Two stages that changed places: the one that was to come first is to blame.
-                const auto [first, second] =
-                    std::minmax(frame.violationStage, frame.violationOther);
-                Add(Case::OutOfOrder, row, first).other = second;
-                return;
-            }
+        const auto [first, second] = std::minmax(frame.violationStage, frame.violationOther);
+        if (frame.violation == Violation::NoSuchStage) {
+            Add(Case::NoSuchStage, row, frame.violationStage).count = scene.stageCount;
+        } else if (columns.neverHit && second >= *columns.neverHit) {
+            return;  // That explains it.
+        } else if (frame.violation == Violation::OutOfTurn) {
+            Add(Case::OutOfTurn, row, frame.violationStage);
+        } else {
+            // Of two stages that changed places the one that was to come first is to blame.
+            Add(Case::OutOfOrder, row, first).other = second;
         }
     }
 
     // Frames that others overtake in a stage. Where many are, that is how the stage works.
     void FindOvertaken(int32_t stage) {
         const std::vector<uint32_t>& order = columns.order[stage];
-        std::vector<std::pair<uint32_t, uint32_t>> overtaken;  // Rows, and by which one.
-        uint32_t newest = NO_INDEX;
-        for (const uint32_t row : order) {
-            const bool isBehind =
-                newest != NO_INDEX && newest > row && CameBefore(row, newest, stage);
-            if (isBehind) {
-                overtaken.emplace_back(row, newest);
-            } else {
-                newest = newest == NO_INDEX ? row : std::max(newest, row);
-            }
-        }
         const auto all = static_cast<double>(order.size());
-        const size_t together = columns.together[stage];
+        std::vector<uint32_t> overtaken, by;
+        uint32_t newest = 0;
+        for (const uint32_t row : order) {
+            if (newest > row && CameBefore(row, newest, stage)) {
+                overtaken.push_back(row);
+                by.push_back(newest);
+            }
+            newest = std::max(newest, row);
+        }
         if (static_cast<double>(overtaken.size()) > std::max(limits::HABIT * all, 2.0) &&
             columns.holes.empty()) {
-            std::vector<int64_t> numbers;
-            numbers.reserve(overtaken.size());
-            for (const auto& [row, by] : overtaken) {
-                numbers.push_back(scene.frames[row].number);
-            }
-            AddHabit(Case::Reorders, stage, std::move(numbers));
-        } else if (stage > 0 && static_cast<double>(together) > limits::GROUPED * all) {
-            AddHabit(Case::SeveralAtOnce, stage, TogetherIn(stage));
-        } else {
-            for (const auto& [row, by] : overtaken) {
-                const Fate& fate = columns.fates[row];
-                const Frame& frame = scene.frames[row];
-                if (!fate.isUnknown && !fate.isEarly &&
-                    !columns.IsNearHole(frame.seen, scene.LastOf(row).second) &&
-                    frame.violation == Violation::None) {
-                    Cause& cause = Add(Case::Overtaken, row, stage);
-                    cause.atLeast = stage == 0 ? Severity::Error : Severity::Note;
-                    cause.place = scene.PassOf(row, stage).place;
-                    cause.time = scene.LeftOf(row, stage);
-                    cause.other = scene.frames[by].number;
-                }
+            return AddHabit(Case::Reorders, stage, std::move(overtaken));
+        }
+        if (!columns.together[stage].empty()) {
+            return AddHabit(Case::SeveralAtOnce, stage, columns.together[stage]);
+        }
+        for (size_t i = 0; i < overtaken.size(); ++i) {
+            const uint32_t row = overtaken[i];
+            if (IsSure(row) && scene.frames[row].violation == Violation::None) {
+                Cause& cause = Add(Case::Overtaken, row, stage, stage == 0);
+                cause.place = scene.PassOf(row, stage).place;
+                cause.time = scene.LeftOf(row, stage);
+                cause.other = scene.frames[by[i]].number;
             }
         }
     }
@@ -177,31 +153,17 @@ struct Misreports {
         return true;
     }
 
-    std::vector<int64_t> TogetherIn(int32_t stage) const {
-        const std::vector<uint32_t>& order = columns.order[stage];
-        std::vector<int64_t> numbers;
-        Micros before = NO_TIME;
-        for (size_t i = 0; i < order.size(); ++i) {
-            const Micros left = scene.LeftOf(order[i], stage);
-            const Micros next = i + 1 < order.size() ? scene.LeftOf(order[i + 1], stage) : NO_TIME;
-            if ((before != NO_TIME && left - before <= limits::TOGETHER) ||
-                (next != NO_TIME && next - left <= limits::TOGETHER)) {
-                numbers.push_back(scene.frames[order[i]].number);
-            }
-            before = left;
+    void AddHabit(Case what, int32_t stage, std::vector<uint32_t> rows) {
+        std::sort(rows.begin(), rows.end());
+        Cause cause{.what = what,
+                    .span = {scene.begin, scene.stop},
+                    .stage = stage,
+                    .place = scene.PassOf(rows.front(), stage).place,
+                    .time = scene.LeftOf(rows.front(), stage),
+                    .other = std::ssize(columns.order[stage])};
+        for (const uint32_t row : rows) {
+            cause.own.push_back(scene.frames[row].number);
         }
-        return numbers;
-    }
-
-    void AddHabit(Case what, int32_t stage, std::vector<int64_t> numbers) {
-        const std::vector<uint32_t>& order = columns.order[stage];
-        std::sort(numbers.begin(), numbers.end());
-        Cause cause{.what = what, .span = {scene.begin, scene.stop}, .stage = stage};
-        const uint32_t row = scene.RowOf(numbers.front());
-        cause.own = std::move(numbers);
-        cause.other = static_cast<int64_t>(order.size());
-        cause.place = scene.PassOf(row, stage).place;
-        cause.time = scene.LeftOf(row, stage);
         causes.push_back(std::move(cause));
     }
 };

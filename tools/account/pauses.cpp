@@ -3,11 +3,9 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <numeric>
 
 #include "tools/account/cause.h"
 #include "tools/account/limits.h"
-#include "tools/base/statistics.h"
 
 namespace tools {
 namespace {
@@ -15,87 +13,77 @@ namespace {
 void FindStoppedSensor(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     const bool stands = std::any_of(columns.lost.begin(), columns.lost.end(),
                                     [](const Lost& one) { return one.how == Lost::How::Stands; });
-    if (scene.frames.empty() || scene.stopped == Stop::NumbersRestart || scene.isAlone || stands ||
-        columns.stages == 0 || columns.neverHit == 0) {
-        return;
-    }
     // The frame that the sensor owes has been started by the one before it.
-    uint32_t row = static_cast<uint32_t>(scene.frames.size()) - 1;
-    while (row > 0 && !scene.frames[row].isStarted) {
-        --row;
-    }
-    const Frame& frame = scene.frames[row];
-    const Micros since = frame.start;
-    if (!frame.isStarted || frame.isEnded || scene.NextStage(row) > 0 ||
-        columns.fates[row].isUnknown) {
+    const auto frame = std::find_if(scene.frames.rbegin(), scene.frames.rend(),
+                                    [](const Frame& one) { return one.isStarted; });
+    if (frame == scene.frames.rend() || frame->isEnded || stands || scene.isAlone ||
+        scene.stopped == Stop::NumbersRestart || columns.stages == 0 || columns.neverHit == 0) {
         return;
     }
+    const uint32_t row = scene.RowOf(frame->number);
     const std::vector<uint32_t>& order = columns.order[0];
-    const bool isLast = order.empty() || scene.LeftOf(order.back(), 0) <= since;
-    const Micros length = scene.stop - since;
-    if (!isLast || length - columns.StoodIn(since, scene.stop) <= limits::SENSOR_OWES) {
+    const Span span = {frame->start, scene.stop};
+    if (scene.NextStage(row) > 0 || columns.fates[row].isUnknown ||
+        (!order.empty() && scene.LeftOf(order.back(), 0) > span.begin) ||
+        span.Length() - columns.StoodIn(span.begin, span.end) <= limits::SENSOR_OWES) {
         return;
     }
     // A HAL lets its pipeline run empty before it ends a scene.
     const Micros idle = columns.outputs.empty()
-                            ? length
-                            : scene.stop - columns.fates[columns.outputs.back()].output;
+                            ? span.Length()
+                            : span.end - columns.fates[columns.outputs.back()].output;
+    const bool isDead = std::min(idle, span.Length()) >= limits::SENSOR_DEAD;
     causes.push_back({.what = Case::SensorStopped,
-                      .span = {since, scene.stop},
+                      .span = span,
                       .stage = 0,
-                      .own = {frame.number},
-                      .place = frame.place,
-                      .time = since,
-                      .took = {length},
-                      .atLeast = std::min(idle, length) < limits::SENSOR_DEAD ? Severity::Note
-                                                                              : Severity::Warning});
+                      .own = {frame->number},
+                      .place = frame->place,
+                      .time = span.begin,
+                      .took = {span.Length()},
+                      .atLeast = isDead ? Severity::Warning : Severity::Note});
 }
 
 // Stretches in which frames came at another rate than the scene's.
 void FindRates(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    if (columns.period.empty()) {
-        return;
-    }
     const std::vector<Coming> comings = ComingsOf(scene, columns);
-    for (size_t i = 0; i < comings.size();) {
-        const auto isOther = [&](size_t at) {
-            return columns.period[comings[at].row] != scene.Period();
-        };
-        const size_t first = i++;
-        if (!isOther(first)) {
-            continue;
+    const auto isOther = [&](const Coming& one) {
+        return columns.PeriodOf(scene, one.row) != scene.Period();
+    };
+    for (auto next = comings.begin();;) {
+        const auto first = std::find_if(next, comings.end(), isOther);
+        if (first == comings.end()) {
+            return;
         }
-        Cause cause{.what = Case::OtherRate, .stage = 0};
-        std::vector<Micros> intervals;  // Without what stands out: a stall is reported by itself.
-        size_t last = first;
-        for (; i < comings.size() && i - last <= limits::RATE_FRAMES; ++i) {
-            last = isOther(i) ? i : last;
+        auto last = first;
+        for (next = first;
+             next != comings.end() && next - last <= std::ptrdiff_t{limits::RATE_FRAMES}; ++next) {
+            last = isOther(*next) ? next : last;
         }
-        i = last + 1;
-        for (size_t at = first; at <= last; ++at) {
-            const Micros usual = columns.period[comings[at].row];
-            const Micros interval = at == 0 ? 0 : comings[at].time - comings[at - 1].time;
-            if (isOther(at)) {
-                cause.own.push_back(scene.frames[comings[at].row].number);
+        next = last + 1;
+        // The first frame of all has no interval, and so no rate.
+        Cause cause{.what = Case::OtherRate,
+                    .span = {std::prev(first)->time, last->time},
+                    .stage = 0,
+                    .place = scene.LeftAt(first->row, 0),
+                    .time = std::prev(first)->time};
+        Micros count = 0;
+        for (auto one = first; one != next; ++one) {
+            const Micros usual = columns.PeriodOf(scene, one->row);
+            const Micros interval = one->time - std::prev(one)->time;
+            if (isOther(*one)) {
+                cause.own.push_back(scene.frames[one->row].number);
+                // Without what stands out: a stall is found by itself.
+                if (std::abs(interval - usual) <= usual / 10 + MILLISECOND) {
+                    cause.count += interval;
+                    ++count;
+                }
             }
-            if (isOther(at) && std::abs(interval - usual) <= usual / 10 + MILLISECOND) {
-                intervals.push_back(interval);
-            }
         }
-        const auto count = static_cast<Micros>(intervals.size());
-        const Micros sum = std::accumulate(intervals.begin(), intervals.end(), Micros{0});
-        if (sum < limits::RATE_LENGTH) {
-            continue;
+        if (cause.count >= limits::RATE_LENGTH) {
+            cause.took = {cause.count / count};
+            std::sort(cause.own.begin(), cause.own.end());
+            causes.push_back(std::move(cause));
         }
-        std::sort(cause.own.begin(), cause.own.end());
-        const Micros from = first == 0 ? comings[0].time : comings[first - 1].time;
-        cause.span = {from, comings[last].time};
-        cause.took = {sum / count};
-        cause.count = sum;
-        const uint32_t row = comings[first].row;
-        cause.place = scene.LeftAt(row, 0);
-        cause.time = from;
-        causes.push_back(std::move(cause));
     }
 }
 

@@ -310,7 +310,7 @@ struct Queues : Step {
         const auto stages = static_cast<size_t>(columns.stages);
         columns.begin.assign(RowCount() * stages, NO_TIME);
         columns.behind.assign(RowCount() * stages, NO_INDEX);
-        columns.together.assign(stages, 0);
+        columns.together.resize(stages);
         columns.usual.assign(stages, period);
         for (int32_t stage = 0; stage < columns.stages; ++stage) {
             FindQueue(stage);
@@ -322,7 +322,8 @@ struct Queues : Step {
         const uint32_t kept = columns.kept[stage];
         const std::vector<uint32_t>& came = columns.came[stage];
         const std::vector<uint32_t>& place = columns.place[stage];
-        const bool isGrouped = CountTogether(stage) && kept == 0;
+        FindTogether(stage);
+        const bool isGrouped = !columns.together[stage].empty() && kept == 0;
         uint32_t ahead = NO_INDEX;
         for (size_t first = 0; first < order.size();) {
             size_t last = first;
@@ -379,15 +380,20 @@ struct Queues : Step {
                limits::TOGETHER;
     }
 
-    // Counts the frames that leave together with another; whether most do.
-    bool CountTogether(int32_t stage) {
-        const size_t size = columns.order[stage].size();
-        size_t& count = columns.together[stage];
-        for (size_t i = 0; i < size; ++i) {
-            count += (i > 0 && IsTogether(stage, i)) || (i + 1 < size && IsTogether(stage, i + 1));
+    // The frames that leave together with another, where most do.
+    void FindTogether(int32_t stage) {
+        const std::vector<uint32_t>& order = columns.order[stage];
+        std::vector<uint32_t> rows;
+        for (size_t i = 0; i < order.size() && stage > 0; ++i) {
+            if ((i > 0 && IsTogether(stage, i)) ||
+                (i + 1 < order.size() && IsTogether(stage, i + 1))) {
+                rows.push_back(order[i]);
+            }
         }
-        return stage > 0 &&
-               static_cast<double>(count) > limits::GROUPED * static_cast<double>(size);
+        if (static_cast<double>(rows.size()) >
+            limits::GROUPED * static_cast<double>(order.size())) {
+            columns.together[stage] = std::move(rows);
+        }
     }
 };
 

@@ -42,6 +42,11 @@ std::pair<Place, Micros> Scene::LastOf(size_t frame) const {
     return last;
 }
 
+std::pair<Place, Micros> Scene::TroubleOf(size_t frame) const {
+    const Frame& row = frames[frame];
+    return row.trouble.line != 0 ? std::pair(row.trouble, row.troubleTime) : LastOf(frame);
+}
+
 uint32_t Scene::RowOf(int64_t number) const {
     const auto found = std::partition_point(
         frames.begin(), frames.end(), [number](const Frame& row) { return row.number < number; });

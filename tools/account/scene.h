@@ -189,6 +189,8 @@ struct Scene {
     int32_t Unreported(size_t frame) const;
     // The last line that says where the frame was, and its time.
     std::pair<Place, Micros> LastOf(size_t frame) const;
+    // The line to look at, and its time: that of the first trouble with the frame, else the last.
+    std::pair<Place, Micros> TroubleOf(size_t frame) const;
     // The row of a number; NO_INDEX for none.
     uint32_t RowOf(int64_t number) const;
 };

@@ -2,47 +2,53 @@
 // up.
 
 #include <algorithm>
-#include <map>
-#include <numeric>
+#include <set>
 #include <span>
 
 #include "tools/account/cause.h"
 #include "tools/account/limits.h"
-#include "tools/base/statistics.h"
 
 namespace tools {
 namespace {
+
+using RowsOf = std::span<const uint32_t>;
 
 struct SlowStages {
     const Scene& scene;
     const Columns& columns;
     std::vector<Cause>& causes;
     const Micros period = scene.Period();
-    std::vector<std::vector<bool>> isBusy{};  // By stage and row: of one that cannot keep up.
+    std::vector<bool> isBusy = std::vector<bool>(columns.begin.size());  // Of each pass.
 
     void Find() {
-        isBusy.resize(static_cast<size_t>(columns.stages));
         for (int32_t stage = 1; stage < columns.stages; ++stage) {
             FindBusy(stage);
         }
-        std::map<int32_t, std::map<uint32_t, Micros>> blamed;  // By stage and row: the excess.
+        std::set<std::pair<int32_t, uint32_t>> blamed;  // Stages and rows.
         for (const LateFrame& late : columns.late) {
-            if (late.isFirst) {
-                AddFirst(late);
-                continue;
-            }
-            for (const Blame& blame : late.blame) {
-                const bool isOfRate = blame.stage == 0 && !scene.isAlone && IsOfRate(blame.row);
-                const std::vector<bool>& busy = isBusy[static_cast<size_t>(blame.stage)];
-                if (!isOfRate && (busy.empty() || !busy[blame.row])) {
-                    blamed[blame.stage][blame.row] = blame.excess;
+            for (const auto& [row, stage, excess] : late.blame) {
+                if (late.isFirst) {
+                    AddRun(stage, row, row, true);
+                } else if (!isBusy[columns.PassOf(row, stage)] &&
+                           !(IsSensor(stage) && IsOfRate(row))) {
+                    blamed.emplace(stage, row);
                 }
             }
         }
-        for (const auto& [stage, rows] : blamed) {
-            AddRuns(stage, rows);
+        // Blamed passes of frames in a row, together.
+        for (auto next = blamed.begin(); next != blamed.end();) {
+            const auto [stage, first] = *next;
+            uint32_t last = first;
+            while (++next != blamed.end() && *next == std::pair(stage, last + 1) &&
+                   StepOf(scene.frames[last].number, scene.frames[last + 1].number) == 1) {
+                ++last;
+            }
+            AddRun(stage, first, last, false);
         }
     }
+
+    // Whether the stage works by the clock, and not when frames come.
+    bool IsSensor(int32_t stage) const { return stage == 0 && !scene.isAlone; }
 
     // Whether the sensor took as long for the frame as for the frames around it.
     bool IsOfRate(uint32_t row) const {
@@ -58,46 +64,60 @@ struct SlowStages {
         return begin == NO_TIME ? scene.frames[row].start : begin;
     }
 
-    void AddFirst(const LateFrame& late) {
-        for (const Blame& blame : late.blame) {
-            const Micros begin =
-                blame.stage == 0 ? scene.frames[blame.row].start : BeginOf(blame.row, blame.stage);
-            const bool isSensor = blame.stage == 0 && !scene.isAlone;
-            Cause& cause = Add(isSensor ? Case::FirstStall : Case::SlowFirst, blame.row, blame.row,
-                               blame.stage, begin);
-            cause.took = {scene.LeftOf(blame.row, blame.stage) - begin};
-            cause.usual =
-                isSensor ? period
-                         : std::max(columns.usual[blame.stage], columns.usualStay[blame.stage]);
-        }
-    }
-
     // A cause about rows from one to another, of which the stage began with the first then.
-    Cause& Add(Case what, uint32_t first, uint32_t last, int32_t stage, Micros begin) {
+    Cause& Add(Case what, int32_t stage, uint32_t first, uint32_t last, Micros begin) {
         Cause cause{.what = what,
                     .span = {begin, scene.isAlone || stage == 0 ? scene.LeftOf(last, stage)
-                                                                : Drained(last, stage)},
+                                                                : Drained(stage, last)},
                     .stage = scene.isAlone ? -1 : stage,
                     .place = scene.LeftAt(first, stage),
                     .time = begin};
-        for (uint32_t row = first; row <= last; ++row) {
-            if (scene.LeftOf(row, stage) != NO_TIME) {
-                cause.own.push_back(scene.frames[row].number);
+        // Frames that the sensor had to drop meanwhile make it as bad as a loss.
+        for (const Gap& gap : columns.gaps) {
+            if (stage > 0 && gap.isDropped && gap.from >= begin &&
+                gap.from <= cause.span.end + 2 * period) {
+                cause.atLeast = Severity::Error;
             }
         }
-        // Frames that the sensor had to drop meanwhile make it as bad as a loss.
-        const bool hasDropped =
-            stage > 0 && std::any_of(columns.gaps.begin(), columns.gaps.end(), [&](const Gap& gap) {
-                return gap.isDropped && gap.from >= begin &&
-                       gap.from <= cause.span.end + 2 * period;
-            });
-        cause.atLeast = hasDropped ? Severity::Error : Severity::Note;
         causes.push_back(std::move(cause));
         return causes.back();
     }
 
+    void AddRun(int32_t stage, uint32_t first, uint32_t last, bool isFirst) {
+        const Micros begin = BeginOf(first, stage);
+        const bool isKept = columns.kept[stage] > 0;
+        Case what = isFirst ? Case::SlowFirst : Case::Slow;
+        if (IsSensor(stage) && (isFirst || !IsCaughtUp(first, last, begin))) {
+            what = isFirst ? Case::FirstStall : Case::Stall;
+        }
+        Cause& cause = Add(what, stage, first, last, begin);
+        for (uint32_t row = first; row <= last; ++row) {
+            const Micros left = scene.LeftOf(row, stage);
+            // Where frames are kept back, people know how long they are in the stage.
+            const Micros came = isKept ? CameAt(scene, row, stage) : NO_TIME;
+            const Micros from = came == NO_TIME ? BeginOf(row, stage) : came;
+            if (left != NO_TIME) {
+                cause.own.push_back(scene.frames[row].number);
+                cause.took.push_back(left - from - columns.StoodIn(from, left));
+            }
+        }
+        cause.usual = isKept ? columns.usualStay[stage] : columns.usual[stage];
+        if (IsSensor(stage)) {
+            cause.usual = columns.PeriodOf(scene, first);
+        } else if (what == Case::Slow && stage > 0) {
+            const Micros least = limits::WAITED + (isKept ? columns.usualStay[stage] : 0);
+            for (const uint32_t row : Behind(stage, last)) {
+                if (columns.WaitOf(scene, row, stage) < least) {
+                    break;
+                }
+                cause.beside.push_back(scene.frames[row].number);
+            }
+            std::sort(cause.beside.begin(), cause.beside.end());
+        }
+    }
+
     // The rows that left the stage behind another one, from the next.
-    std::span<const uint32_t> Behind(uint32_t row, int32_t stage) const {
+    RowsOf Behind(int32_t stage, uint32_t row) const {
         const std::vector<uint32_t>& order = columns.order[stage];
         const Micros left = scene.LeftOf(row, stage);
         const auto next = std::partition_point(order.begin(), order.end(), [&](uint32_t one) {
@@ -107,8 +127,8 @@ struct SlowStages {
     }
 
     // When the queue behind a frame had gone.
-    Micros Drained(uint32_t row, int32_t stage) const {
-        for (const uint32_t next : Behind(row, stage)) {
+    Micros Drained(int32_t stage, uint32_t row) const {
+        for (const uint32_t next : Behind(stage, row)) {
             if (columns.WaitOf(scene, next, stage) <= columns.usual[stage]) {
                 return scene.LeftOf(next, stage);
             }
@@ -116,170 +136,98 @@ struct SlowStages {
         return scene.stop;
     }
 
-    // Blamed passes of frames in a row, together.
-    void AddRuns(int32_t stage, const std::map<uint32_t, Micros>& rows) {
-        for (auto next = rows.begin(); next != rows.end();) {
-            const uint32_t first = next->first;
-            uint32_t last = first;
-            for (++next; next != rows.end() && next->first == last + 1 &&
-                         StepOf(scene.frames[last].number, scene.frames[next->first].number) == 1;
-                 ++next) {
-                last = next->first;
-            }
-            const Micros begin = BeginOf(first, stage);
-            const bool isStall = stage == 0 && !scene.isAlone && !IsCaughtUp(first, last, begin);
-            Cause& cause = Add(isStall ? Case::Stall : Case::Slow, first, last, stage, begin);
-            const bool isKept = columns.kept[stage] > 0;
-            for (uint32_t row = first; row <= last; ++row) {
-                const Micros came = isKept ? CameAt(scene, row, stage) : NO_TIME;
-                if (scene.LeftOf(row, stage) != NO_TIME) {
-                    // Where frames are kept back, people know how long they are in the stage.
-                    const Micros from = came == NO_TIME ? BeginOf(row, stage) : came;
-                    const Micros left = scene.LeftOf(row, stage);
-                    cause.took.push_back(left - from - columns.StoodIn(from, left));
-                }
-            }
-            cause.usual = isKept ? columns.usualStay[stage] : columns.usual[stage];
-            if (stage == 0 && !scene.isAlone) {
-                cause.usual = columns.PeriodOf(scene, first);
-            }
-            if (!isStall) {
-                cause.beside = WaitingBehind(last, stage);
-            }
-        }
-    }
-
-    // By how much a frame was behind the sensor, where `first` began then.
-    Micros LagOf(uint32_t row, uint32_t first, Micros begin) const {
-        const int64_t count = StepOf(scene.frames[first].number, scene.frames[row].number) + 1;
-        const Micros left = scene.LeftOf(row, 0);
-        return left == NO_TIME ? 0 : left - begin - columns.StoodIn(begin, left) - period * count;
-    }
-
     // Whether stage 0 caught up with the sensor some frames behind a run: it was slow, and the
     // sensor went on.
     bool IsCaughtUp(uint32_t first, uint32_t last, Micros begin) const {
+        // By how much a frame was behind the sensor.
+        const auto lagOf = [&](uint32_t row) {
+            const int64_t count = StepOf(scene.frames[first].number, scene.frames[row].number) + 1;
+            const Micros left = scene.LeftOf(row, 0);
+            return left == NO_TIME ? 0
+                                   : left - begin - columns.StoodIn(begin, left) - period * count;
+        };
         Micros most = 0;
         for (uint32_t row = first; row <= last; ++row) {
-            most = std::max(most, LagOf(row, first, begin));
+            most = std::max(most, lagOf(row));
         }
-        const auto behind =
-            Behind(last, 0).first(std::min(Behind(last, 0).size(), limits::CATCH_UP_FRAMES));
+        const RowsOf all = Behind(0, last);
+        const RowsOf behind = all.first(std::min(all.size(), limits::CATCH_UP_FRAMES));
         return std::any_of(behind.begin(), behind.end(), [&](uint32_t row) {
-            return LagOf(row, first, begin) < Times(limits::CAUGHT_UP, most);
+            return lagOf(row) < Times(limits::CAUGHT_UP, most);
         });
-    }
-
-    // Frames that had to wait at the stage behind a slow one.
-    std::vector<int64_t> WaitingBehind(uint32_t last, int32_t stage) const {
-        std::vector<int64_t> waiting;
-        if (stage == 0) {
-            return waiting;
-        }
-        const Micros least =
-            limits::WAITED + (columns.kept[stage] > 0 ? columns.usualStay[stage] : 0);
-        for (const uint32_t next : Behind(last, stage)) {
-            if (columns.WaitOf(scene, next, stage) < least) {
-                break;
-            }
-            waiting.push_back(scene.frames[next].number);
-        }
-        std::sort(waiting.begin(), waiting.end());
-        return waiting;
     }
 
     // Stages whose queue never gets empty and grows, by many frames that each take too long. A
     // median cannot tell 16.8 ms from 16.7: the queue can.
     void FindBusy(int32_t stage) {
         const std::vector<uint32_t>& order = columns.order[stage];
-        if (columns.kept[stage] > 0) {
-            return;
-        }
-        size_t first = 0;
-        for (size_t i = 1; i <= order.size(); ++i) {
-            if (i < order.size() && IsQueued(order[i], stage)) {
-                continue;
-            }
-            if (i - first >= limits::BUSY_FRAMES) {
-                AddIfBusy(stage, first, i - 1);
-            }
-            first = i;
+        // Whether the stage began with the frame when the one ahead had left, for which it waited.
+        const auto isQueued = [&](uint32_t row) {
+            const uint32_t behind = columns.behind[columns.PassOf(row, stage)];
+            return behind != NO_INDEX &&
+                   behind % static_cast<uint32_t>(columns.stages) == static_cast<uint32_t>(stage) &&
+                   columns.WaitOf(scene, row, stage) != NO_TIME;
+        };
+        for (auto next = order.begin(); columns.kept[stage] == 0 && next != order.end();) {
+            const auto first = next;
+            next = std::find_if_not(first + 1, order.end(), isQueued);
+            AddIfBusy(stage, {first, next});
         }
     }
 
-    // Whether the stage began with the frame when the one ahead had left, for which it had waited.
-    bool IsQueued(uint32_t row, int32_t stage) const {
-        const uint32_t behind = columns.behind[columns.PassOf(row, stage)];
-        return behind != NO_INDEX &&
-               behind % static_cast<size_t>(columns.stages) == static_cast<size_t>(stage) &&
-               columns.WaitOf(scene, row, stage) != NO_TIME;
-    }
-
-    // Positions in the stage's order.
-    void AddIfBusy(int32_t stage, size_t first, size_t last) {
-        const std::vector<uint32_t>& order = columns.order[stage];
-        const auto waitOf = [&](size_t i) { return columns.WaitOf(scene, order[i], stage); };
-        const auto workOf = [&](size_t i) { return columns.WorkOf(scene, order[i], stage); };
+    // `rows`: as they left the stage, each behind the one before.
+    void AddIfBusy(int32_t stage, RowsOf rows) {
+        const auto waitOf = [&](uint32_t row) { return columns.WaitOf(scene, row, stage); };
+        const auto workOf = [&](uint32_t row) { return columns.WorkOf(scene, row, stage); };
         // Behind the longest wait it catches up.
-        Micros longest = 0;
-        for (size_t i = first; i <= last; ++i) {
-            longest = std::max(longest, waitOf(i));
+        const auto isLess = [&](uint32_t one, uint32_t other) {
+            return waitOf(one) < waitOf(other);
+        };
+        const Micros longest = waitOf(*std::max_element(rows.begin(), rows.end(), isLess));
+        while (rows.size() > 1 && waitOf(rows.back()) < longest * 4 / 5) {
+            rows = rows.first(rows.size() - 1);
         }
-        while (last > first && waitOf(last) < longest * 4 / 5) {
-            --last;
-        }
-        const Micros each = std::max(period, columns.PeriodOf(scene, order[first]));
+        const Micros each = std::max(period, columns.PeriodOf(scene, rows.front()));
         const Micros most = 2 * std::max(columns.usual[stage], each);
         // Frames that hung are found by themselves.
-        const auto meanOf = [&](size_t from, size_t to) {
+        const auto meanOf = [&] {
             Micros sum = 0, count = 0;
-            for (size_t i = from; i <= to; ++i) {
-                const Micros work = workOf(i);
+            for (const uint32_t row : rows) {
+                const Micros work = workOf(row);
                 if (work != NO_TIME && work <= most) {
                     sum += work;
                     ++count;
                 }
             }
-            return count == 0 ? 0 : sum / count;
+            return sum / std::max<Micros>(count, 1);
         };
         const Micros over = each + each / 50 + MILLISECOND / 2;
-        const Micros limit = meanOf(first, last) > over ? over : each;
-        while (first < last && workOf(first) <= limit) {
-            ++first;
+        const Micros limit = meanOf() > over ? over : each;
+        while (rows.size() > 1 && workOf(rows.front()) <= limit) {
+            rows = rows.subspan(1);
         }
-        while (last > first && workOf(last) <= limit) {
-            --last;
+        while (rows.size() > 1 && workOf(rows.back()) <= limit) {
+            rows = rows.first(rows.size() - 1);
         }
-        const size_t count = last - first + 1;
-        if (count < limits::BUSY_FRAMES) {
-            return;
-        }
-        const Micros mean = meanOf(first, last);
-        const Micros length =
-            scene.LeftOf(order[last], stage) - columns.begin[columns.PassOf(order[first], stage)];
-        const Micros growth = waitOf(last) - std::max<Micros>(waitOf(first), 0);
         // Of a stage that is a few percent too slow the growth of the queue is the proof; where the
         // sensor has no room, the queue grows no more.
-        const Micros explained = (mean - each) * static_cast<Micros>(count);
-        const bool isTooSlow = mean > over && length >= SECOND;
-        if (!isTooSlow &&
-            !(growth >= limits::BUSY_GROWTH_PERIODS * period && explained >= growth / 2)) {
+        const Micros mean = meanOf();
+        const Micros begin = BeginOf(rows.front(), stage);
+        const Micros growth = waitOf(rows.back()) - std::max<Micros>(waitOf(rows.front()), 0);
+        const bool isTooSlow = mean > over && scene.LeftOf(rows.back(), stage) - begin >= SECOND;
+        const bool isGrowing = growth >= limits::BUSY_GROWTH_PERIODS * period &&
+                               (mean - each) * std::ssize(rows) >= growth / 2;
+        if (rows.size() < limits::BUSY_FRAMES || !(isTooSlow || isGrowing)) {
             return;
         }
-        const auto begin = order.begin() + static_cast<std::ptrdiff_t>(first);
-        const auto end = order.begin() + static_cast<std::ptrdiff_t>(last) + 1;
-        const auto [low, high] = std::minmax_element(begin, end);
-        Cause& cause = Add(Case::CannotKeepUp, *low, *high, stage, BeginOf(order[first], stage));
-        std::vector<bool>& busy = isBusy[static_cast<size_t>(stage)];
-        busy.resize(scene.frames.size());
-        for (size_t i = first; i <= last; ++i) {
-            busy[order[i]] = workOf(i) <= most;
+        const auto [low, high] = std::minmax_element(rows.begin(), rows.end());
+        Cause& cause = Add(Case::CannotKeepUp, stage, *low, *high, begin);
+        for (const uint32_t row : rows) {
+            isBusy[columns.PassOf(row, stage)] = workOf(row) <= most;
         }
         // All of the stretch, frames that never came to the stage included.
-        const int64_t step = StepOf(cause.own.front(), cause.own.back());
-        if (step <= limits::MOST_MISSING) {
-            cause.own.resize(static_cast<size_t>(step) + 1);
-            std::iota(cause.own.begin(), cause.own.end(), scene.frames[*low].number);
+        for (uint32_t row = *low; row <= *high; ++row) {
+            cause.own.push_back(scene.frames[row].number);
         }
         cause.took = {mean};
         cause.usual = each;
