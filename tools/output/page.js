@@ -1,15 +1,8 @@
 'use strict';
 
 (async () => {
-    const make = (name, properties = {}, ...children) => {
-        const element = document.createElement(name);
-        for (const [key, value] of Object.entries(properties)) {
-            if (key in element) {
-                element[key] = value;
-            } else {
-                element.setAttribute(key, value);
-            }
-        }
+    const make = (name, properties, ...children) => {
+        const element = Object.assign(document.createElement(name), properties);
         element.append(...children);
         return element;
     };
@@ -18,19 +11,16 @@
     const table = document.getElementById('list');
     const body = table.tBodies[0];
     const heads = [...table.tHead.rows[0].cells];
+    const { compare } = new Intl.Collator(undefined, { numeric: true });
     heads.forEach((head, column) => {
         const sort = () => {
-            const isDown = head.getAttribute('aria-sort') === 'ascending';
-            heads.forEach((other) => other.removeAttribute('aria-sort'));
-            head.setAttribute('aria-sort', isDown ? 'descending' : 'ascending');
+            const isDown = head.ariaSort === 'ascending';
+            heads.forEach((other) => { other.ariaSort = null; });
+            head.ariaSort = isDown ? 'descending' : 'ascending';
             const text = (row) => row.cells[column].textContent;
-            const compare = new Intl.Collator(undefined, { numeric: true }).compare;
             // "12.345 s" and "150–181" go by their first number, "a.log:17" as text.
-            const number = (row) => (/^-?\d/.test(text(row)) ? parseFloat(text(row)) : NaN);
-            const rows = [...body.rows].sort((a, b) => {
-                const difference = number(a) - number(b);
-                return Number.isNaN(difference) ? compare(text(a), text(b)) : difference;
-            });
+            const rows = [...body.rows].sort((a, b) =>
+                parseFloat(text(a)) - parseFloat(text(b)) || compare(text(a), text(b)));
             body.append(...(isDown ? rows.reverse() : rows));
         };
         head.replaceChildren(make('button', {
@@ -39,21 +29,17 @@
     if (body.rows.length > 1) {
         const input = make('input', { type: 'search' });
         const shown = make('span', { role: 'status' });
-        input.addEventListener('input', () => {
+        input.oninput = () => {
             const wanted = input.value.trim().toLowerCase();
-            let count = 0;
-            for (const row of body.rows) {
-                // Cell by cell: "150" is not found in a row of 1 and 50, but in one of 100–200.
-                row.hidden = ![...row.cells].some((cell) => {
-                    const [first, last] = cell.textContent.split('–').map(Number);
-                    return /^\d+$/.test(wanted) && last !== undefined
-                        ? first <= Number(wanted) && Number(wanted) <= last
-                        : cell.textContent.toLowerCase().includes(wanted);
-                });
-                count += row.hidden ? 0 : 1;
-            }
-            shown.textContent = `${count} of ${body.rows.length}`;
-        });
+            // Cell by cell: "150" is not found in a row of 1 and 50, but in one of 100–200.
+            const isIn = ({ textContent: text }) => {
+                const [first, last] = text.split('–').map(Number);
+                return text.toLowerCase().includes(wanted) || (first <= wanted && wanted <= last);
+            };
+            const rows = [...body.rows];
+            rows.forEach((row) => { row.hidden = ![...row.cells].some(isIn); });
+            shown.textContent = `${rows.filter((row) => !row.hidden).length} of ${rows.length}`;
+        };
         table.parentNode.before(
             make('label', { className: 'filter' }, 'Only rows with ', input, ' ', shown));
     }
@@ -67,148 +53,54 @@
     const seconds = (time, digits = 3) => `${time.toFixed(digits)} s`;
     const ms = (time) => `${(time * 1000).toFixed(3).replace(/\.?0+$/, '')} ms`;
     const clamp = (value, low, high) => Math.min(Math.max(value, low), high);
-    // The first place in [low, high) from which on it is true.
-    const search = (low, high, isTrue) => {
+    // The first of ascending times, from a place on, that is not earlier than `time`.
+    const firstAt = (times, time, from = 0) => {
+        let low = from;
+        let high = times.length;
         while (low < high) {
             const middle = (low + high) >> 1;
-            if (isTrue(middle)) {
-                high = middle;
-            } else {
+            if (times[middle] < time) {
                 low = middle + 1;
+            } else {
+                high = middle;
             }
         }
         return low;
     };
-    const range = (count) => Uint32Array.from({ length: count }, (_, i) => i);
-    // Lets the browser answer between parts of what takes long.
-    const pause = () => new Promise((resolve) => setTimeout(resolve));
 
     // ---- Data ----
 
-    // Steps from one known time to the next, of all columns of a row before those of the next row.
-    function columnsOf(steps, columns, unit) {
-        let known = 0;
-        const times = steps.map((step) => step === null ? NaN : (known += step) * unit);
-        return Array.from({ length: columns }, (_, column) =>
-            Float64Array.from({ length: times.length / columns }, (_, i) => times[i * columns + column]));
-    }
+    // A column of numbers is packed as the steps from one that is known to the next.
+    const sumsOf = (steps, unit = 1) => {
+        let sum = 0;
+        return Float64Array.from(steps, (step) => step === null ? NaN : (sum += step) * unit);
+    };
+    const timesOf = (steps) => sumsOf(steps, 1e-6);
 
-    async function unpack(scene) {
-        const bytes = Uint8Array.from(atob(scene.data), (letter) => letter.charCodeAt(0));
+    async function unpack({ scene, data }) {
+        const bytes = Uint8Array.from(atob(data), (letter) => letter.charCodeAt(0));
         const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('gzip'));
-        const data = await new Response(stream).json();
-        const stages = scene.stages.length;
-        const columns = columnsOf(data.times, 2 * stages + 2, scene.unit);
-        const begun = columns.slice(1, stages + 1);
-        const left = columns.slice(stages + 1, 2 * stages + 1);
-        // What a thread did when it did not sleep: from when to when, and which state on which CPU.
-        const threads = data.threads.map(({ times, ...thread }) => {
-            const [begin, end] = columnsOf(times, 2, 1e-6);
-            return { ...thread, begin, end };
-        });
-        const numbers = scene.numbers.flatMap(([first, length]) =>
-            Array.from({ length }, (_, i) => BigInt(first) + BigInt(i)));
-        return derive({
-            ...scene, numbers, codes: data.codes, start: columns[0], begun, left, end: columns.at(-1), threads,
-        });
-    }
-
-    const PARTS = 200;  // Of a scene, for each of which the overview shows how long stages took.
-
-    // What follows from the times: when frames came to stages, which came out when, how many were in
-    // flight.
-    async function derive(scene) {
-        const { left, start, end, codes } = scene;
-        scene.stop = Math.max(scene.stop, scene.period);  // A replay may take no time.
-        const count = codes.length;
-        const stages = left.length;
-        const isKnown = (time) => !isNaN(time);
-        // Most are in order, and to sort an hour's takes long.
-        const sorted = (times) => {
-            const all = range(count).filter((i) => isKnown(times[i]));
-            return all.every((i, k) => k === 0 || times[all[k - 1]] <= times[i]) ? all
-                : all.sort((a, b) => times[a] - times[b]);
-        };
-        const unknown = () => left.map(() => new Float64Array(count).fill(NaN));
-        scene.order = left.map(sorted);
-        scene.came = unknown();
-        scene.until = unknown();
-        scene.stands = left.map(() => []);  // Frames that are not known to have left.
-        await pause();
-        for (let i = 0; i < count; ++i) {
-            let last = start[i];
-            let through = -1;
-            for (let stage = 0; stage < stages; ++stage) {
-                // The sensor has no queue: it delivers one frame after the other.
-                const begun = scene.begun[stage];
-                begun[i] = isNaN(begun[i]) ? last : begun[i];
-                scene.came[stage][i] = stage === 0 ? begun[i] : last;
-                if (!isNaN(left[stage][i])) {
-                    last = left[stage][i];
-                    through = stage;
-                }
-            }
-            const next = through + 1;
-            if (next < stages && !isNaN(last) && (codes[i] & 32)) {
-                scene.stands[next].push(i);
-            }
+        const shown = { ...await new Response(stream).json(), scene };
+        const { outputs, flight } = shown;
+        shown.numbers = shown.numbers.flatMap(([first, length]) =>
+            Array.from({ length }, (_, i) => String(BigInt(first) + BigInt(i))));
+        for (const stage of shown.stages) {
+            const [left, waits, works] = [stage.left, stage.waits, stage.works].map(timesOf);
+            const begun = left.map((time, k) => time - works[k]);
+            const came = begun.map((time, k) => time - waits[k]);
+            Object.assign(stage, { frames: sumsOf(stage.frames), came, begun, left });
         }
-        scene.drift = [];
-        for (let stage = 0; stage < stages; ++stage) {
-            await pause();
-            const order = scene.order[stage];
-            for (const i of scene.stands[stage]) {
-                const came = scene.came[stage][i];
-                const place = search(0, order.length, (k) => left[stage][order[k]] > came);
-                let passed = place;
-                while (passed < order.length && order[passed] < i) {
-                    ++passed;
-                }
-                const over = isNaN(end[i]) ? scene.stop : Math.max(end[i], came);
-                scene.until[stage][i] = passed < order.length ? left[stage][order[passed]] : over;
-            }
-            scene.drift.push(driftOf(scene, stage));
+        shown.moments = timesOf(outputs.moments);
+        outputs.frames = sumsOf(outputs.frames);
+        outputs.times = outputs.frames.map((i) => shown.moments[i]);
+        outputs.late = new Set(outputs.late);
+        flight.times = timesOf(flight.times);
+        flight.most = flight.counts.reduce((most, count) => Math.max(most, count), 1);
+        for (const thread of shown.threads) {
+            thread.begin = timesOf(thread.begin);
+            thread.end = timesOf(thread.end);
         }
-        const high = Float64Array.from(scene.drift.flat(), ([, high]) => high).filter(isKnown).sort();
-        scene.top = high[Math.floor(high.length * 0.98)] || 1;
-        await pause();
-        const last = scene.order.findLastIndex((order) => order.length > 0);
-        scene.out = left[last] ?? end;
-        scene.outputs = scene.order[last] ?? sorted(end);
-        scene.late = range(scene.outputs.length).filter((k) => k > 0 && codes[scene.outputs[k]] & 16);
-        const starts = start.filter(isKnown).sort();
-        const overs = Float64Array.from(range(count).filter((i) => isKnown(start[i])), (i) => {
-            const over = Math.max(...[scene.out[i], end[i]].filter(isKnown));
-            return over < 0 ? scene.stop : Math.max(over, start[i]);
-        }).sort();
-        const times = new Float64Array(starts.length * 2);
-        const counts = new Int32Array(times.length);
-        for (let k = 0, begun = 0, over = 0; k < times.length; ++k) {
-            const isOver = begun === starts.length || overs[over] <= starts[begun];
-            times[k] = isOver ? overs[over++] : starts[begun++];
-            counts[k] = begun - over;
-        }
-        scene.flight = { times, counts, most: counts.reduce((a, b) => Math.max(a, b), 1) };
-        return scene;
-    }
-
-    // The median and the 95th percentile of how long frames were in a stage, in each part of the
-    // scene; NaN where none left it.
-    function driftOf(scene, stage) {
-        const order = scene.order[stage];
-        const left = scene.left[stage];
-        const came = scene.came[stage];
-        let first = 0;
-        return Array.from({ length: PARTS }, (_, part) => {
-            const to = (scene.stop * (part + 1)) / PARTS;
-            const next = part + 1 === PARTS ? order.length
-                : search(first, order.length, (k) => left[order[k]] >= to);
-            const stays = Float64Array.from(order.subarray(first, next), (i) => left[i] - came[i])
-                .filter((stay) => !isNaN(stay)).sort();
-            first = next;
-            return [0.5, 0.95].map((share) =>
-                stays[Math.max(Math.ceil(share * stays.length) - 1, 0)] ?? NaN);
-        });
+        return shown;
     }
 
     // ---- What is looked at ----
@@ -232,14 +124,14 @@
     const button = (text, key, title, act) => {
         keys[key] = act;
         return make('button', { type: 'button', textContent: text, title: `${title} (${key})`,
-            'aria-keyshortcuts': key, onclick: act });
+            ariaKeyShortcuts: key, onclick: act });
     };
     const picker = make('select', { id: 'scene' }, ...scenes.map(
         ({ title }, i) => make('option', { value: i, textContent: title })));
     const finder = make('input', { type: 'search', id: 'frame', inputMode: 'numeric', size: 8 });
     const measurer = button('Measure', 'm', 'Measure between two points: drag', () => measure());
     const status = make('p', { className: 'status', role: 'status' });
-    const controls = make('div', { className: 'controls', role: 'toolbar', 'aria-label': 'Timeline' },
+    const controls = make('div', { className: 'controls', role: 'toolbar', ariaLabel: 'Timeline' },
         ...(scenes.length > 1 ? [make('label', {}, 'Scene ', picker)] : []),
         make('label', {}, 'Find frame ', finder),
         button('◀', 'ArrowLeft', 'Earlier', () => pan(-0.5)),
@@ -250,13 +142,15 @@
         button('Previous finding', 'p', 'Previous finding', () => jump(-1)),
         button('Next finding', 'n', 'Next finding', () => jump(1)),
         measurer);
-    const overview = make('canvas', { className: 'overview', tabIndex: 0, role: 'application',
-        'aria-label': 'Overview of the scene; the arrow keys move what is shown below' });
-    const canvas = make('canvas', { className: 'frames', tabIndex: 0, role: 'application',
-        'aria-label': 'Frames in stages over time; arrow keys move, plus and minus zoom, n and p go ' +
-            'to findings, comma and full stop to frames; the table of frames has the same in words' });
+    const drawing = (className, ariaLabel) =>
+        make('canvas', { className, tabIndex: 0, role: 'application', ariaLabel });
+    const overview = drawing('overview',
+        'Overview of the scene; the arrow keys move what is shown below');
+    const canvas = drawing('frames', 'Frames in stages over time; arrow keys move, plus and minus ' +
+        'zoom, n and p go to findings, comma and full stop to frames; the table of frames has the ' +
+        'same in words');
     // The status says the same.
-    const tip = make('div', { className: 'tip', hidden: true, 'aria-hidden': 'true' });
+    const tip = make('div', { className: 'tip', hidden: true, ariaHidden: 'true' });
     const board = make('div', { className: 'board' }, overview, canvas, tip);
     const legend = make('ul', { className: 'legend' });
     section.append(
@@ -267,58 +161,33 @@
             'follow it; drag to move; Ctrl and the wheel zoom.'),
         controls, board, status, legend);
 
-    // ---- Drawing ----
+    // ---- Shapes ----
 
-    // Asked of the browser once a drawing, as asking for each frame would take seconds.
-    let gutter = 0;  // For the names of rows.
-    let breadth = 0;
-    let palette = {};
-    let isPaper = false;
-    const AXIS = 20;
-    const ROW = 34;
     const styles = getComputedStyle(document.documentElement);
+    // Asked of the browser once a drawing, as asking for each frame would take seconds.
+    let palette = {};
     const color = (name) => (palette[name] ??= styles.getPropertyValue(`--${name}`).trim());
-    const rowsOf = () => [
-        { name: 'findings', kind: 'findings', height: 24, draw: (pen, y) => drawMarks(pen, xOf, y + 1) },
-        { name: 'output', kind: 'output', height: ROW, draw: drawOutput },
-        { name: 'in flight', kind: 'flight', height: ROW, draw: drawFlight },
-        ...scene.stages.flatMap((name, stage) => [
-            { name: `${stage} ${name}`, kind: 'stage', stage, height: ROW,
-                draw: (pen, y, height) => drawStage(pen, stage, y, height) },
-            ...threadRows(stage),
-        ]),
-        ...threadRows(-1),
-    ];
-    const THREAD = 20;
-    const threadRows = (stage) => scene.threads.filter((thread) => thread.stage === stage).map(
-        (thread) => ({ name: `${thread.id} ${thread.name}`, kind: 'thread', thread, height: THREAD,
-            draw: (pen, y, height) => drawThread(pen, thread, y, height) }));
-    let places = [];  // Rows with their tops.
-
-    function prepare(element, height) {
-        const ratio = isPaper ? 4 : window.devicePixelRatio || 1;
-        element.style.height = `${height}px`;
-        element.width = Math.round(breadth * ratio);
-        element.height = Math.round(height * ratio);
-        const pen = element.getContext('2d');
-        pen.setTransform(ratio, 0, 0, ratio, 0, 0);
-        pen.rect(0, 0, breadth, height);
-        pen.clip();  // Paper does not end where the canvas does.
-        pen.font = '12px system-ui, sans-serif';
-        pen.textBaseline = 'middle';
-        return pen;
-    }
-
     const fill = (pen, name, ...boxes) => {
         pen.fillStyle = color(name);
         boxes.forEach((box) => pen.fillRect(...box));
     };
-    const outline = (pen, name, thick, ...box) => {
+    const stroke = (pen, name, thick, path) => {
         pen.strokeStyle = color(name);
         pen.lineWidth = thick;
-        pen.strokeRect(...box);
+        pen.stroke(new Path2D(path));
     };
-    // A shape of the drawing, from one place to another: also drawn in the legend.
+    const outline = (pen, name, thick, x, y, w, h) =>
+        stroke(pen, name, thick, `M${x} ${y}h${w}v${h}h${-w}z`);
+    const solid = (name) => (pen, ...box) => fill(pen, name, box);
+    const line = (name) => (pen, x, y, w, h) => fill(pen, name, [x, y + h / 2, w, 2]);
+    // A polygon of so many corners: errors, warnings and notes differ in shape, too.
+    const mark = (name, corners) => (pen, x, y, w, h) => {
+        const points = Array.from({ length: corners }, (_, i) => (i / corners - 0.25) * 2 * Math.PI)
+            .map((angle) => [x + w / 2 + 6 * Math.cos(angle), y + h / 2 + 6 * Math.sin(angle)]);
+        pen.fillStyle = color(name);
+        pen.fill(new Path2D(`M${points.join('L')}z`));
+    };
+    // All that is drawn, in a box: in the legend as well.
     const shapes = {
         work: (pen, x, y, w, h) => fill(pen, 'work', [x, y, w, h - 6]),
         // Below those at work meanwhile.
@@ -326,32 +195,30 @@
         since: (pen, x, y, w, h) => w > 3 ? outline(pen, 'bars', 1, x + 0.5, y + 0.5, w - 1, h - 7)
             : fill(pen, 'bars', [x, y, w, h - 6]),
         // With a cross where it ends.
-        stands: (pen, x, y, w, h, isOver = true) => {
+        stands: (pen, x, y, w, h) => {
             for (let dash = x; dash < x + w; dash += 6) {
                 fill(pen, 'bad', [dash, y + h / 2 - 2, Math.min(4, x + w - dash), 4]);
             }
-            if (!isOver) {
-                return;
-            }
-            pen.lineWidth = 2;
-            pen.strokeStyle = color('bad');
-            pen.stroke(new Path2D(`M${x + w - 4} ${y + h / 2 - 5}l8 10m-8 0l8 -10`));
+            stroke(pen, 'bad', 2, `M${x + w - 9} ${y + h / 2 - 5}l8 10m-8 0l8 -10`);
         },
         output: (pen, x, y, w, h) => fill(pen, 'work', [x + w - 2, y + h / 2, 2, h / 2]),
         late: (pen, x, y, w, h) => fill(pen, 'bad', [x, y + h / 2, w, 3], [x + w - 3, y, 3, h]),
         due: (pen, x, y, w, h) => fill(pen, 'quiet', [x + w - 1, y, 1, h / 2 - 2]),
-        flight: (pen, x, y, w, h) => fill(pen, 'quiet', [x, y, w, h]),
-        error: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'bad', 3),
-        warning: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'doubtful', 4),
-        note: (pen, x, y, w, h) => mark(pen, x + w / 2, y + h / 2, 'quiet', 24),
-        running: (pen, x, y, w, h) => fill(pen, 'fine', [x, y, w, h]),
-        runnable: (pen, x, y, w, h) => fill(pen, 'bad', [x, y, w, h]),
-        blocked: (pen, x, y, w, h) => fill(pen, 'doubtful', [x, y, w, h]),
-        stopped: (pen, x, y, w, h) => fill(pen, 'quiet', [x, y, w, h]),
-        // From the one that wakes to the one that is woken.
-        wake: (pen, x, y, w, h) => arrow(pen, x + w / 2, y, y + h),
-        median: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h / 2, w, 2]),
-        high: (pen, x, y, w, h) => fill(pen, 'doubtful', [x, y + h / 2, w, 2]),
+        flight: solid('quiet'),
+        error: mark('bad', 3),
+        warning: mark('doubtful', 4),
+        note: mark('quiet', 24),
+        running: solid('fine'),
+        runnable: solid('bad'),
+        blocked: solid('doubtful'),
+        stopped: solid('quiet'),
+        // From the one that wakes to the one that is woken, which may be above it.
+        wake: (pen, x, y, w, h) => {
+            const back = h > 0 ? -5 : 5;
+            stroke(pen, 'ink', 1.5, `M${x + w / 2} ${y}v${h}m-3 ${back}l3 ${-back}l3 ${back}`);
+        },
+        median: line('work'),
+        high: line('doubtful'),
         chosen: (pen, x, y, w, h) => outline(pen, 'ink', 2, x - 1, y - 1, Math.max(w, 2) + 2, h + 2),
         shade: (pen, x, y, w, h) => {
             fill(pen, 'shade', [x, y, w, h]);
@@ -360,250 +227,303 @@
         span: (pen, x, y, w, h) =>
             fill(pen, 'ink', [x, y, 1, h], [x + w, y, 1, h], [x, y + h / 2, w, 1]),
     };
-    function arrow(pen, x, from, to) {
-        pen.strokeStyle = color('ink');
-        pen.lineWidth = 1.5;
-        const back = to > from ? -5 : 5;
-        pen.stroke(new Path2D(`M${x} ${from}V${to}m-3 ${back}l3 ${-back}l3 ${back}`));
-    }
-    // A polygon of so many corners: errors, warnings and notes differ in shape, too.
-    function mark(pen, x, y, name, corners) {
+    const write = (pen, name, align, text, x, y) => {
         pen.fillStyle = color(name);
-        pen.beginPath();
-        for (let i = 0; i < corners; ++i) {
-            const angle = (i / corners) * 2 * Math.PI - Math.PI / 2;
-            pen.lineTo(x + 6 * Math.cos(angle), y + 6 * Math.sin(angle));
-        }
-        pen.fill();
-    }
+        pen.textAlign = align;
+        pen.fillText(text, x, y);
+    };
 
-    function axis(pen, from, to, height) {
+    // ---- Charts: rows over time ----
+
+    const AXIS = 20;
+    const EDGE = 12;  // Drawn there is what is farther out of sight.
+    let breadth = 0;
+    let gutter = 0;  // For the names of rows.
+    let isPaper = false;
+
+    const scaleOf = (from, to) => ({
+        from,
+        to,
+        time: (x) => from + ((x - gutter) / (breadth - gutter)) * (to - from),
+        x: (time) => clamp(gutter + ((time - from) / (to - from)) * (breadth - gutter),
+            gutter - EDGE, breadth + EDGE),
+    });
+    const viewed = () => scaleOf(view.from, view.to);
+    const whole = () => scaleOf(0, scene.stop);
+
+    function drawAxis(pen, { from, to, x }, height) {
         const least = ((to - from) * 90) / (breadth - gutter);
         const power = 10 ** Math.floor(Math.log10(least));
         const step = [1, 2, 5, 10].map((times) => times * power).find((one) => one >= least);
         const digits = Math.max(3, Math.ceil(-Math.log10(step)));
-        pen.textAlign = 'center';
         for (let tick = Math.ceil(from / step) * step; tick <= to; tick += step) {
-            const x = gutter + ((tick - from) / (to - from)) * (breadth - gutter);
-            fill(pen, 'rule', [x, AXIS - 5, 1, height - AXIS + 5]);
-            if (x < breadth - 30) {
-                pen.fillStyle = color('ink');
-                pen.fillText(seconds(Math.max(tick, 0), digits), Math.max(x, gutter + 28), AXIS / 2 - 2);
+            fill(pen, 'rule', [x(tick), AXIS - 5, 1, height - AXIS + 5]);
+            if (x(tick) < breadth - 30) {
+                write(pen, 'ink', 'center', seconds(Math.max(tick, 0), digits),
+                    Math.max(x(tick), gutter + 28), AXIS / 2 - 2);
             }
         }
     }
 
-    const timeAt = (x) => view.from + ((x - gutter) / (breadth - gutter)) *
-        (view.to - view.from);
-    const xOf = (time) => gutter + ((time - view.from) / (view.to - view.from)) *
-        (breadth - gutter);
-
-    function label(pen, text, y) {
-        pen.textAlign = 'left';
-        pen.fillStyle = color('ink');
-        let shown = text;
+    function drawName(pen, name, y) {
+        let shown = name;
         while (shown.length > 1 && pen.measureText(shown).width > gutter - 8) {
             shown = `${shown.slice(0, -2)}…`;
         }
-        pen.fillText(shown, 0, y);
+        write(pen, 'ink', 'left', shown, 0, y);
     }
 
-    function drawMarks(pen, placeOf, y) {
-        for (const { time, severity } of marks()) {
-            const x = placeOf(time);
-            if (x >= gutter && x <= breadth) {
-                shapes[severity](pen, x - 6, y, 12, 12);
-            }
+    // Draws rows, one below the other, and returns the pen and the rows with their tops.
+    function drawChart(element, scale, rows) {
+        const height = rows.reduce((sum, row) => sum + row.height, AXIS);
+        const ratio = isPaper ? 4 : window.devicePixelRatio || 1;
+        element.style.height = `${height}px`;
+        element.width = Math.round(breadth * ratio);
+        element.height = Math.round(height * ratio);
+        const pen = element.getContext('2d');
+        pen.setTransform(ratio, 0, 0, ratio, 0, 0);
+        pen.font = '12px system-ui, sans-serif';
+        pen.textBaseline = 'middle';
+        drawAxis(pen, scale, height);
+        let top = AXIS;
+        const placed = rows.map((row) => {
+            const y = top;
+            top += row.height;
+            fill(pen, 'rule', [0, top - 1, breadth, row.isRuled ? 1 : 0]);
+            drawName(pen, row.name, y + row.height / 2);
+            return { ...row, y };
+        });
+        pen.rect(gutter, 0, breadth - gutter, height);
+        pen.clip();
+        for (const { draw, y, height, pad } of placed) {
+            draw(pen, scale, y + pad, height - 2 * pad);
         }
+        return { pen, height, placed };
     }
 
-    function drawStage(pen, stage, y, height) {
-        const order = scene.order[stage];
-        const left = scene.left[stage];
-        const came = scene.came[stage];
-        const begun = scene.begun[stage];
-        const work = stage === 0 ? 'since' : 'work';
-        for (let k = search(0, order.length, (i) => left[order[i]] >= view.from);
-            k < order.length; ++k) {
-            const i = order[k];
-            const x = xOf(isNaN(came[i]) ? left[i] : came[i]);
-            // Frames come one after another: what comes later than this begins later still.
-            if (x > breadth && left[i] > view.to + 60) {
-                break;
-            }
-            const to = xOf(left[i]);
-            if (x > breadth) {
-                continue;
-            }
-            const middle = isNaN(begun[i]) ? to : xOf(begun[i]);
-            const from = Math.max(x, gutter);
-            if (middle - from > 0.5) {
-                shapes.wait(pen, from, y, middle - from, height);
-            }
-            const at = Math.max(middle, gutter);
-            shapes[work](pen, at, y, Math.max(to - at - (to - at > 3 ? 1 : 0), 1), height);
-            if (to - at > 34) {
-                pen.textAlign = 'center';
-                pen.fillStyle = color(work === 'work' ? 'paper' : 'ink');
-                pen.fillText(String(scene.numbers[i]), (at + to) / 2, y + height / 2 - 2);
-            }
-            // Of those that leave within a pixel one is drawn: the others take less than that.
-            const next = timeAt(to + 1);
-            k = search(k + 1, order.length, (other) => left[order[other]] >= next) - 1;
-        }
-        for (const i of scene.stands[stage]) {
-            const from = xOf(came[i]);
-            const to = xOf(scene.until[stage][i]);
-            if (to > gutter && from < breadth) {
-                const at = Math.max(from, gutter);
-                const isOver = to < breadth + 5;
-                shapes.stands(pen, at, y, (isOver ? Math.min(to, breadth - 5) : breadth) - at, height,
-                    isOver);
-            }
+    // The places of ascending times in sight, and so far beyond; of those within a pixel one.
+    function* inSight(times, { from, to, time, x }, beyond = 0) {
+        for (let k = firstAt(times, from); times[k] <= to + beyond;
+            k = firstAt(times, time(x(times[k]) + 1), k + 1)) {
+            yield k;
         }
     }
 
-    const STATES = ['running', 'runnable', null, 'blocked', 'stopped'];
+    // ---- Rows. Of each is known how it is drawn, and what there is at a time, to be said in words:
+    // `near`: so far off is near enough; `y`: in pixels from the row's top. ----
 
-    // What is shorter than a pixel shares it with what else is there, by how long each takes.
-    function drawThread(pen, { begin, end, codes }, y, height) {
-        const pixel = timeAt(1) - timeAt(0);
-        const shares = new Map();
-        for (let k = search(0, end.length, (i) => end[i] >= view.from);
-            k < end.length && begin[k] <= view.to; ++k) {
-            const state = STATES[codes[k] & 7];
-            const x = Math.max(xOf(begin[k]), gutter);
-            const width = Math.min(xOf(end[k]), breadth) - x;
-            if (width >= 1) {
-                shapes[state](pen, x, y, width, height);
-                continue;
-            }
-            const at = Math.floor(x);
-            const share = shares.get(at) ?? {};
-            share[state] = (share[state] ?? 0) + (end[k] - begin[k]) / pixel;
-            shares.set(at, share);
-        }
-        for (const [x, share] of shares) {
-            let top = y + height;
-            for (const state of ['running', 'stopped', 'blocked', 'runnable']) {
-                const high = share[state] ? Math.max(share[state] * height, 2) : 0;
-                top = Math.max(top - high, y);
-                shapes[state](pen, x, top, 1, high);
-            }
-        }
-    }
+    const ROW = { height: 34, pad: 5, isRuled: true };
 
-    function drawWakes(pen) {
-        const middleOf = (id) => {
-            const row = places.find((place) => place.thread?.id === id);
-            return row && row.y + row.height / 2;
-        };
-        for (const { time, from, to } of scene.wakes) {
-            const [a, b] = [middleOf(from), middleOf(to)];
-            if (a && b && time >= view.from && time <= view.to) {
-                arrow(pen, xOf(time), a, b);
-            }
-        }
-    }
+    const findingsRow = (height) => ({
+        id: 'findings', name: 'findings', height, pad: (height - 12) / 2,
+        draw: (pen, { x }, y, h) => marks().forEach(({ time, severity }) =>
+            shapes[severity](pen, x(time) - 6, y, 12, h)),
+        at(time, near) {
+            const distance = (finding) => Math.abs(finding.time - time);
+            const [finding] = marks().sort((a, b) => distance(a) - distance(b));
+            return finding && distance(finding) <= near * 1.6
+                ? { time: finding.time, finding, text: finding.words } : null;
+        },
+    });
 
-    function drawOutput(pen, y, height) {
-        const { outputs, out, late, period } = scene;
-        const timeOf = (k) => out[outputs[k]];
-        const showsDue = xOf(period) - xOf(0) > 4;
-        for (let k = search(0, outputs.length, (i) => timeOf(i) >= view.from);
-            k < outputs.length && timeOf(k) <= view.to; ++k) {
-            const x = xOf(timeOf(k));
-            if (!(scene.codes[outputs[k]] & 16)) {
-                shapes.output(pen, x - 2, y, 2, height);
+    const outputRow = ({ period, numbers, outputs: { frames, times, late } }) => ({
+        ...ROW, id: 'output', name: 'output',
+        draw(pen, scale, y, h) {
+            const { from, to, x } = scale;
+            const showsDue = x(from + period) - x(from) > 4;
+            for (const k of inSight(times, scale)) {
+                if (!late.has(k)) {
+                    shapes.output(pen, x(times[k]) - 2, y, 2, h);
+                }
+                if (showsDue && k > 0) {
+                    shapes.due(pen, x(times[k - 1] + period) - 1, y, 1, h);
+                }
             }
-            const due = k > 0 ? xOf(timeOf(k - 1) + period) : -1;
-            if (showsDue && due > gutter && due < breadth) {
-                shapes.due(pen, due - 1, y, 1, height);
+            for (const k of late) {
+                if (times[k] >= from && times[k - 1] <= to) {
+                    const before = x(times[k - 1]);
+                    shapes.late(pen, before, y, x(times[k]) - before, h);
+                }
             }
-            const next = timeAt(x + 1);
-            k = search(k + 1, outputs.length, (i) => timeOf(i) >= next) - 1;
-        }
-        for (let l = search(0, late.length, (i) => timeOf(late[i]) >= view.from);
-            l < late.length && timeOf(late[l] - 1) <= view.to; ++l) {
-            const x = xOf(timeOf(late[l]));
-            const from = Math.max(xOf(timeOf(late[l] - 1)), gutter);
-            shapes.late(pen, from, y, Math.min(x, breadth + 3) - from, height);
-        }
-    }
+        },
+        at(time, near) {
+            const next = firstAt(times, time);
+            const isNext = next === 0 || late.has(next) ||
+                times[next] - time <= time - times[next - 1];
+            const k = isNext ? next : next - 1;
+            if (k === times.length || (!late.has(k) && Math.abs(times[k] - time) > near)) {
+                return null;
+            }
+            const interval = k > 0 ? `, ${ms(times[k] - times[k - 1])} after the one before` : '';
+            return { frame: frames[k], time: times[k],
+                text: `frame ${numbers[frames[k]]} came out${interval}` };
+        },
+    });
 
-    function drawFlight(pen, y, height) {
-        const { times, counts, most } = scene.flight;
-        let k = search(0, times.length, (i) => times[i] > view.from) - 1;
-        for (let x = gutter; x < breadth; ++x) {
-            let peak = counts[k] ?? 0;
-            for (const to = timeAt(x + 1); times[k + 1] < to; ++k) {
-                peak = Math.max(peak, counts[k + 1]);
+    const flightRow = ({ flight: { times, counts, most } }) => ({
+        ...ROW, id: 'flight', name: 'in flight',
+        draw(pen, scale, y, h) {
+            let k = firstAt(times, scale.from) - 1;
+            for (let x = gutter; x < breadth; ++x) {
+                let peak = counts[k] ?? 0;
+                for (const to = scale.time(x + 1); times[k + 1] < to; ++k) {
+                    peak = Math.max(peak, counts[k + 1]);
+                }
+                shapes.flight(pen, x, y + h - (peak / most) * h, 1, (peak / most) * h);
             }
-            const h = (peak / most) * height;
-            shapes.flight(pen, x, y + height - h, 1, h);
-        }
-    }
+        },
+        at: (time) => ({ time, text: `${counts[firstAt(times, time) - 1] ?? 0} frames in flight` }),
+    });
+
+    const stageRow = ({ name, frames, came, begun, left, stands }, stage) => ({
+        ...ROW, id: stage, name: `${stage} ${name}`,
+        draw(pen, scale, y, h) {
+            const { to, x } = scale;
+            // Frames that have come by the view's end leave within a minute.
+            for (const k of inSight(left, scale, 60)) {
+                if (came[k] > to) {
+                    continue;
+                }
+                const end = x(left[k]);
+                const [begin, from] = isNaN(came[k]) ? [end, end] : [x(begun[k]), x(came[k])];
+                if (begin - from > 0.5) {
+                    shapes.wait(pen, from, y, begin - from, h);
+                }
+                const width = end - begin;
+                shapes[stage === 0 ? 'since' : 'work'](
+                    pen, begin, y, Math.max(width > 3 ? width - 1 : width, 1), h);
+                if (width > 34) {
+                    write(pen, stage === 0 ? 'ink' : 'paper', 'center', scene.numbers[frames[k]],
+                        (begin + end) / 2, y + h / 2 - 2);
+                }
+            }
+            for (const { since, until } of stands) {
+                shapes.stands(pen, x(since), y, x(until) - x(since), h);
+            }
+        },
+        at(time, near, y) {
+            const told = (frame, what) => ({ frame, time,
+                text: `frame ${scene.numbers[frame]}, stage ${stage} (${name}): ${what}` });
+            // Of those that came a while later none is there yet.
+            const first = firstAt(left, time);
+            const there = Array.from({ length: 100 }, (_, i) => first + i)
+                .filter((k) => came[k] <= time);
+            const waits = there.find((k) => begun[k] > time);
+            const works = there.find((k) => begun[k] <= time);
+            // Those that wait are drawn below the one at work.
+            if (waits !== undefined && (works === undefined || y >= ROW.height - 9)) {
+                return told(frames[waits], `waiting for ${ms(begun[waits] - came[waits])}`);
+            }
+            if (works !== undefined) {
+                const took = ms(left[works] - begun[works]);
+                return told(frames[works],
+                    stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
+            }
+            const one = stands.find(({ since, until }) => since <= time && time <= until + near);
+            return one && told(one.frame, 'never seen to leave');
+        },
+        // From when to when the frame was in the stage; nothing where it never was.
+        stayOf(frame) {
+            const k = frames.indexOf(frame);
+            return k < 0 ? stands.find((one) => one.frame === frame)
+                : { since: came[k], until: left[k], hasLeft: true };
+        },
+    });
+
+    const threadRow = ({ id, name, begin, end, states, cpus }) => ({
+        id, thread: id, name: `${id} ${name}`, height: 20, pad: 4, isRuled: true,
+        // What is shorter than a pixel shares it with what else is there, by how long each takes.
+        draw(pen, { from, to, time, x }, y, h) {
+            const pixel = time(1) - time(0);
+            const shares = new Map();
+            for (let k = firstAt(end, from); begin[k] <= to; ++k) {
+                const state = states[k];
+                const width = x(end[k]) - x(begin[k]);
+                if (width >= 1) {
+                    shapes[state](pen, x(begin[k]), y, width, h);
+                    continue;
+                }
+                const at = Math.floor(x(begin[k]));
+                const share = shares.get(at) ?? {};
+                share[state] = (share[state] ?? 0) + (end[k] - begin[k]) / pixel;
+                shares.set(at, share);
+            }
+            for (const [at, share] of shares) {
+                let top = y + h;
+                for (const state of ['running', 'stopped', 'blocked', 'runnable']) {
+                    const high = share[state] ? Math.max(share[state] * h, 2) : 0;
+                    top = Math.max(top - high, y);
+                    shapes[state](pen, at, top, 1, high);
+                }
+            }
+        },
+        at(time, near) {
+            const k = firstAt(end, time);
+            const isThere = begin[k] <= time + near / 5;
+            const state = isThere ? states[k] : 'asleep, or not known';
+            const length = isThere ? ` for ${ms(end[k] - begin[k])}` : '';
+            const what = { running: `ran${length} on CPU ${cpus[k]}`,
+                runnable: `waited${length} for a CPU${cpus[k] < 0 ? '' : `, CPU ${cpus[k]}`}`,
+                blocked: `blocked in the kernel${length}`, stopped: `stopped${length}` }[state];
+            return { state, time, text: `thread ${id} (${name}): ${what ?? state}` };
+        },
+    });
+
+    const rowsOf = (shown) => {
+        const threadRows = (stage) =>
+            shown.threads.filter((thread) => thread.stage === stage).map(threadRow);
+        return [{ ...findingsRow(24), isRuled: true }, outputRow(shown), flightRow(shown),
+            ...shown.stages.flatMap((one, stage) => [stageRow(one, stage), ...threadRows(stage)]),
+            ...threadRows(-1)];
+    };
+
+    // Of the overview.
+    const shadeRow = {
+        name: '', height: 0, pad: 0,
+        draw: (pen, { x }, y) => shapes.shade(pen, x(view.from), y,
+            Math.max(x(view.to) - x(view.from), 2), pen.canvas.height),
+    };
+    const partsRow = ({ name, parts }, stage) => ({
+        name: `${stage} ${name}`, height: 16, pad: 0,
+        draw(pen, scale, y, h) {
+            const step = (breadth - gutter) / parts.length;
+            const level = (value) => y + Math.round((1 - Math.min(value / scene.top, 1)) * (h - 4));
+            parts.forEach((figures, part) => ['high', 'median'].forEach((figure) => {
+                if (figures) {
+                    shapes[figure](pen, gutter + part * step, level(figures[figure]), step, 2);
+                }
+            }));
+        },
+    });
+
+    let places = [];  // Rows with their tops.
 
     function draw() {
         palette = {};
         breadth = board.clientWidth;
         gutter = Math.round(Math.min(150, breadth * 0.3));
-        const rows = rowsOf();
-        const height = rows.reduce((sum, row) => sum + row.height, AXIS);
-        const pen = prepare(canvas, height);
-        axis(pen, view.from, view.to, height);
-        places = [];
-        let y = AXIS;
-        for (const row of rows) {
-            places.push({ ...row, y });
-            fill(pen, 'rule', [0, y + row.height - 1, breadth, 1]);
-            label(pen, row.name, y + row.height / 2);
-            row.draw(pen, y + 5, row.height - (row.kind === 'thread' ? 8 : 10));
-            y += row.height;
+        const scale = viewed();
+        const { pen, height, placed } = drawChart(canvas, scale, scene.rows);
+        places = placed;
+        for (const { time, from, to } of scene.wakes) {
+            const [a, b] = [from, to].map((id) => places.find(({ thread }) => thread === id)?.y + 10);
+            shapes.wake(pen, scale.x(time), a, 0, b - a);
         }
-        drawWakes(pen);
-        for (const { stage, y: top } of chosen < 0 ? [] : places.filter((row) => row.kind === 'stage')) {
-            const left = scene.left[stage][chosen];
-            const came = scene.came[stage][chosen];
-            const to = isNaN(left) ? scene.until[stage][chosen] : left;
-            const from = isNaN(came) ? left : came;
-            if (!isNaN(to) && xOf(to) >= gutter && xOf(from) <= breadth) {
-                const at = Math.max(xOf(from), gutter);
-                shapes.chosen(pen, at, top + 5, xOf(to) - at, ROW - 10);
+        for (const { y, stayOf } of places) {
+            const stay = stayOf?.(chosen);
+            if (stay) {
+                const to = scale.x(stay.until);
+                const from = isNaN(stay.since) ? to : scale.x(stay.since);
+                shapes.chosen(pen, from, y + ROW.pad, to - from, ROW.height - 2 * ROW.pad);
             }
         }
         if (span) {
-            const [a, b] = span.map(xOf).sort((one, other) => one - other);
+            const [a, b] = span.map(scale.x).sort((one, other) => one - other);
             shapes.span(pen, a, AXIS, b - a, height - AXIS);
-            pen.textAlign = 'center';
-            pen.fillText(ms(Math.abs(span[1] - span[0])), (a + b) / 2, AXIS + (height - AXIS) / 2 - 9);
+            write(pen, 'ink', 'center', ms(Math.abs(span[1] - span[0])), (a + b) / 2,
+                (AXIS + height) / 2 - 9);
         }
-        drawOverview();
-    }
-
-    function drawOverview() {
-        const band = 16;
-        const height = AXIS + 18 + scene.stages.length * band;
-        const pen = prepare(overview, height);
-        const scale = (breadth - gutter) / scene.stop;
-        const x = (time) => gutter + time * scale;
-        axis(pen, 0, scene.stop, height);
-        shapes.shade(pen, x(view.from), AXIS, Math.max((view.to - view.from) * scale, 2), height);
-        label(pen, 'findings', AXIS + 9);
-        drawMarks(pen, x, AXIS + 3);
-        const step = (breadth - gutter) / PARTS;
-        scene.drift.forEach((parts, stage) => {
-            const y = AXIS + 18 + stage * band;
-            label(pen, `${stage} ${scene.stages[stage]}`, y + band / 2);
-            const level = (value) =>
-                y + Math.round((1 - Math.min(value / scene.top, 1)) * (band - 4));
-            parts.forEach(([median, high], part) => {
-                if (!isNaN(median)) {
-                    shapes.high(pen, gutter + part * step, level(high), step, 2);
-                    shapes.median(pen, gutter + part * step, level(median), step, 2);
-                }
-            });
-        });
+        drawChart(overview, whole(), [shadeRow, findingsRow(18), ...scene.stages.map(partsRow)]);
     }
 
     let isDue = false;
@@ -622,89 +542,22 @@
     // What the log's clock showed: a date, which may lack its year, with a time; or seconds. Scene
     // time goes on where the clock was set.
     function logged(time) {
-        const passed = scene.steps.reduce((sum, [at, step]) => sum + (at <= time ? step : 0),
+        const { from, steps } = scene.clock;
+        const passed = steps.reduce((sum, [at, step]) => sum + (at <= time ? step : 0),
             scene.begin + time);
-        const [, year, day] = /^(\d{4}-)?(\d\d-\d\d .*)$/.exec(scene.clock) ?? [];
+        const [, year, day] = /^(\d{4}-)?(\d\d-\d\d .*)$/.exec(from) ?? [];
         if (day === undefined) {
-            return scene.clock && seconds(Number(scene.clock) + passed);
+            return from && seconds(Number(from) + passed);
         }
         const made = year ?? (day.startsWith('02-29') ? '2000-' : '2001-');
         const date = new Date(Date.parse(`${made}${day.replace(' ', 'T')}Z`) + passed * 1000);
         return date.toISOString().slice(year ? 0 : 5, -1).replace('T', ' ');
     }
-    const wordsOf = (i) => {
-        const code = scene.codes[i];
-        return [scene.words[code & 15], ...(code & 16 ? ['late'] : []),
-            ...(code & 32 ? ['never out'] : []), ...(code & 64 ? ['lines missing'] : [])].join(', ');
-    };
 
     function at(x, y) {
         const row = places.find((place) => y >= place.y && y < place.y + place.height);
-        if (!row || x < gutter) {
-            return null;
-        }
-        const time = timeAt(x);
-        const near = (5 / (breadth - gutter)) * (view.to - view.from);
-        if (row.kind === 'findings') {
-            const close = marks().filter((one) => Math.abs(one.time - time) <= near * 1.6)
-                .sort((a, b) => Math.abs(a.time - time) - Math.abs(b.time - time))[0];
-            return close && { kind: 'finding', time: close.time, finding: close, text: close.words };
-        }
-        if (row.kind === 'flight') {
-            const { times, counts } = scene.flight;
-            const count = counts[search(0, times.length, (i) => times[i] > time) - 1] ?? 0;
-            return { kind: 'flight', time, count, text: `${count} frames in flight` };
-        }
-        if (row.kind === 'output') {
-            const { outputs, out, codes } = scene;
-            let k = search(0, outputs.length, (i) => out[outputs[i]] >= time);
-            const isLate = k < outputs.length && codes[outputs[k]] & 16;
-            if (!isLate && k > 0 && (k === outputs.length ||
-                time - out[outputs[k - 1]] < out[outputs[k]] - time)) {
-                --k;
-            }
-            const i = outputs[k];
-            if (i === undefined || (!isLate && Math.abs(out[i] - time) > near)) {
-                return null;
-            }
-            const interval = k > 0 ? `, ${ms(out[i] - out[outputs[k - 1]])} after the one before` : '';
-            return { kind: 'output', frame: i, time: out[i],
-                text: `frame ${scene.numbers[i]} came out${interval}` };
-        }
-        if (row.kind === 'thread') {
-            const { id, name, begin, end, codes } = row.thread;
-            const k = search(0, end.length, (i) => end[i] >= time);
-            const isThere = k < end.length && begin[k] <= time + near / 5;
-            const state = isThere ? STATES[codes[k] & 7] : 'asleep, or not known';
-            const cpu = isThere ? (codes[k] >> 3) - 1 : -1;
-            const length = isThere ? ` for ${ms(end[k] - begin[k])}` : '';
-            const what = { running: `ran${length} on CPU ${cpu}`,
-                runnable: `waited${length} for a CPU${cpu < 0 ? '' : `, CPU ${cpu}`}`,
-                blocked: `blocked in the kernel${length}`, stopped: `stopped${length}` }[state] ?? state;
-            return { kind: 'thread', thread: id, state, time, text: `thread ${id} (${name}): ${what}` };
-        }
-        const { stage } = row;
-        const order = scene.order[stage];
-        const left = scene.left[stage];
-        const begun = scene.begun[stage];
-        const describe = (i, what) => ({ kind: 'stage', stage, frame: i, what, time,
-            text: `frame ${scene.numbers[i]}, stage ${stage} (${scene.stages[stage]}): ${what}` });
-        // Those that wait are drawn below the one at work, of those that came a while later none.
-        const first = search(0, order.length, (k) => left[order[k]] >= time);
-        const there = [...order.subarray(first, first + 100)].filter(
-            (i) => scene.came[stage][i] <= time);
-        const waits = there.find((i) => begun[i] > time);
-        const works = there.find((i) => begun[i] <= time);
-        if (waits !== undefined && (works === undefined || y >= row.y + row.height - 9)) {
-            return describe(waits, `waiting for ${ms(begun[waits] - scene.came[stage][waits])}`);
-        }
-        if (works !== undefined) {
-            const took = ms(left[works] - begun[works]);
-            return describe(works, stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
-        }
-        const standing = scene.stands[stage].find(
-            (i) => scene.came[stage][i] <= time && time <= scene.until[stage][i] + near);
-        return standing === undefined ? null : describe(standing, 'never seen to leave');
+        const { time } = viewed();
+        return row && x >= gutter ? row.at(time(x), time(5) - time(0), y - row.y) : null;
     }
 
     function show(hit, x, y) {
@@ -713,7 +566,7 @@
             return;
         }
         const clock = logged(hit.time);
-        const lines = [hit.text, ...(hit.frame === undefined ? [] : [wordsOf(hit.frame)]),
+        const lines = [hit.text, ...(hit.frame === undefined ? [] : [scene.words[hit.frame]]),
             `${seconds(hit.time)} into the scene${clock && `, ${clock} in the log`}`];
         tip.replaceChildren(...lines.map((text) => make('div', {}, make('bdi', {}, text))));
         tip.style.left = `${clamp(x + 12, 0, Math.max(breadth - tip.offsetWidth, 0))}px`;
@@ -732,6 +585,7 @@
         redraw();
         remember();
     }
+    const lookAround = (time, half) => look(time - half, time + half);
     const pan = (share) => look(view.from + share * (view.to - view.from),
         view.to + share * (view.to - view.from));
     const zoom = (factor, around = (view.from + view.to) / 2) =>
@@ -749,40 +603,40 @@
         }
     }
 
-    const momentOf = (i) => [scene.out[i], ...scene.left.map((left) => left[i]), scene.start[i],
-        scene.end[i]].find((time) => !isNaN(time)) ?? 0;
-    // `moves`: what is shown goes to the frame if it is elsewhere.
-    function choose(i, isStep = true, moves = true) {
+    function choose(i) {
         chosen = i;
-        if (i >= 0) {
-            const time = momentOf(i);
-            const stays = scene.left.map((left, stage) => isNaN(left[i]) ? `stage ${stage}: -`
-                : `stage ${stage}: ${ms(left[i] - scene.came[stage][i])}`);
-            say(`Frame ${scene.numbers[i]}: ${wordsOf(i)}, ${seconds(time)} into the scene; ` +
-                stays.join(', '));
-            if (moves && (time < view.from || time > view.to)) {
-                const half = (view.to - view.from) / 2;
-                look(time - half, time + half);
-            }
-        }
-        if (isStep) {
-            remember(true);
-        }
         redraw();
+        if (i >= 0) {
+            const stays = scene.rows.filter((row) => row.stayOf).map(({ id, stayOf }) => {
+                const { since, until, hasLeft } = stayOf(i) ?? {};
+                return `stage ${id}: ${hasLeft && !isNaN(since) ? ms(until - since) : '-'}`;
+            });
+            say(`Frame ${scene.numbers[i]}: ${scene.words[i]}, ${seconds(scene.moments[i])} into ` +
+                `the scene; ${stays.join(', ')}`);
+        }
+    }
+
+    function step(by) {
+        const i = clamp(chosen + by, 0, scene.numbers.length - 1);
+        const time = scene.moments[i];
+        if (time < view.from || time > view.to) {
+            lookAround(time, (view.to - view.from) / 2);
+        }
+        choose(i);
+        remember(true);
     }
 
     function jump(direction) {
         const all = marks().sort((a, b) => a.time - b.time);
-        const after = (time) => search(0, all.length, (k) => all[k].time > time);
         const last = all.indexOf(visited);  // Several may be at one time, or near the scene's end.
-        const first = direction > 0 ? after(view.from) : after(view.to) - 1;
+        const first = direction > 0 ? all.findIndex(({ time }) => time > view.from)
+            : all.findLastIndex(({ time }) => time <= view.to);
         const next = all[last >= 0 ? last + direction : first];
         if (!next) {
             say(`There is no ${direction > 0 ? 'later' : 'earlier'} finding in this scene.`);
             return;
         }
-        const half = Math.min((view.to - view.from) / 2, 1);
-        look(next.time - half, next.time + half);
+        lookAround(next.time, Math.min((view.to - view.from) / 2, 1));
         visited = next;
         say(next.words);
         remember(true);
@@ -790,75 +644,67 @@
 
     function measure() {
         isMeasuring = !isMeasuring;
-        measurer.setAttribute('aria-pressed', isMeasuring);
+        measurer.ariaPressed = isMeasuring;
         span = null;
         redraw();
     }
 
-    function find(text) {
-        let number;
-        try {
-            number = BigInt(text.trim());
-        } catch {
-            say(`"${text}" is no frame number.`);
-            return;
-        }
-        // A number that is used again is found again.
-        let found = scene.numbers.indexOf(number, chosen + 1);
-        found = found < 0 ? scene.numbers.indexOf(number) : found;
+    function find(number) {
+        const found = scene.numbers.indexOf(number);
         if (found < 0) {
             say(`There is no frame ${number} in this scene.`);
             return;
         }
-        const time = momentOf(found);
-        look(time - 0.15, time + 0.15);
+        lookAround(scene.moments[found], 0.15);
         choose(found);
+        remember(true);
     }
 
     // ---- Mouse, keys and the address ----
 
     let held = null;
-    canvas.addEventListener('pointerdown', (event) => {
+    canvas.onpointerdown = (event) => {
         canvas.setPointerCapture(event.pointerId);
-        held = { x: event.offsetX, y: event.offsetY, from: view.from, to: view.to, isMoved: false };
+        held = { x: event.offsetX, scale: viewed(), isMoved: false };
         if (isMeasuring) {
-            span = [timeAt(event.offsetX), timeAt(event.offsetX)];
+            span = [held.scale.time(held.x), held.scale.time(held.x)];
         }
-    });
-    canvas.addEventListener('pointermove', (event) => {
+    };
+    canvas.onpointermove = ({ offsetX, offsetY }) => {
         if (held) {
-            const moved = event.offsetX - held.x;
-            held.isMoved ||= Math.abs(moved) > 3;
+            const { from, to, time } = held.scale;
+            held.isMoved ||= Math.abs(offsetX - held.x) > 3;
             if (isMeasuring) {
-                span[1] = timeAt(event.offsetX);
+                span[1] = time(offsetX);
                 redraw();
             } else if (held.isMoved) {
-                const by = (moved / (breadth - gutter)) * (held.to - held.from);
-                look(held.from - by, held.to - by);
+                const by = time(offsetX) - time(held.x);
+                look(from - by, to - by);
             }
         }
-        show(held?.isMoved ? null : at(event.offsetX, event.offsetY), event.offsetX, event.offsetY);
-    });
-    canvas.addEventListener('pointerup', (event) => {
+        show(held?.isMoved ? null : at(offsetX, offsetY), offsetX, offsetY);
+    };
+    canvas.onpointerup = ({ offsetX, offsetY }) => {
         const isClick = held && !held.isMoved && !isMeasuring;
+        held = null;
         if (isMeasuring && span) {
             say(`${ms(Math.abs(span[1] - span[0]))}, from ${seconds(Math.min(...span))} to ` +
                 `${seconds(Math.max(...span))} into the scene.`);
         }
-        held = null;
-        const hit = isClick && at(event.offsetX, event.offsetY);
-        if (hit?.kind === 'finding') {
+        const hit = isClick && at(offsetX, offsetY);
+        if (hit?.finding) {
             say(hit.text);
-            hit.finding.item.querySelector('details')?.setAttribute('open', '');
+            hit.finding.item.querySelector('details').open = true;
         } else if (isClick) {
-            choose(hit?.frame ?? -1, true, false);
+            choose(hit?.frame ?? -1);
+            remember(true);
         }
-    });
-    canvas.addEventListener('pointerleave', () => show(null));
+    };
+    canvas.onpointerleave = () => show(null);
     canvas.addEventListener('wheel', (event) => {
         const sideways = event.deltaX || (event.shiftKey ? event.deltaY : 0);
         if (event.ctrlKey) {
-            zoom(Math.exp(event.deltaY / 300), timeAt(Math.max(event.offsetX, gutter)));
+            zoom(Math.exp(event.deltaY / 300), viewed().time(Math.max(event.offsetX, gutter)));
         } else if (sideways !== 0) {
             pan(sideways / breadth);
         } else {
@@ -867,75 +713,65 @@
         event.preventDefault();
     }, { passive: false });
 
+    // An end of the shade is drawn, or all of it; else another shade.
     let brush = null;
-    const overAt = (event) => clamp(((event.offsetX - gutter) /
-        (breadth - gutter)) * scene.stop, 0, scene.stop);
-    overview.addEventListener('pointerdown', (event) => {
-        overview.setPointerCapture(event.pointerId);
-        const time = overAt(event);
-        const near = (6 / (breadth - gutter)) * scene.stop;
-        const isNear = (edge) => Math.abs(time - edge) < near;
-        const length = view.to - view.from;
+    overview.onpointerdown = ({ pointerId, offsetX }) => {
+        overview.setPointerCapture(pointerId);
+        const { time, x } = whole();
+        const isNear = (edge) => Math.abs(offsetX - x(edge)) < 6;
+        const now = clamp(time(offsetX), 0, scene.stop);
+        brush = { fixed: now };
         if (isNear(view.from)) {
             brush = { fixed: view.to };
         } else if (isNear(view.to)) {
             brush = { fixed: view.from };
-        } else if (time > view.from && time < view.to && length < scene.stop * 0.99) {
-            brush = { grip: time - view.from, length };
-        } else {
-            brush = { fixed: time };
+        } else if (now > view.from && now < view.to && view.to - view.from < scene.stop * 0.99) {
+            brush = { grip: now - view.from, length: view.to - view.from };
         }
-    });
-    overview.addEventListener('pointermove', (event) => {
-        if (!brush) {
-            return;
+    };
+    overview.onpointermove = ({ offsetX }) => {
+        const now = clamp(whole().time(offsetX), 0, scene.stop);
+        if (brush?.fixed === undefined) {
+            brush && look(now - brush.grip, now - brush.grip + brush.length);
+        } else if (now !== brush.fixed) {
+            look(Math.min(now, brush.fixed), Math.max(now, brush.fixed));
         }
-        const time = overAt(event);
-        if (brush.fixed === undefined) {
-            look(time - brush.grip, time - brush.grip + brush.length);
-        } else if (time !== brush.fixed) {
-            look(Math.min(time, brush.fixed), Math.max(time, brush.fixed));
-        }
-    });
-    overview.addEventListener('pointerup', () => {
+    };
+    overview.onpointerup = () => {
         brush = null;
         remember(true);
-    });
+    };
 
     Object.assign(keys, {
         ArrowLeft: () => pan(-0.2), ArrowRight: () => pan(0.2), '=': () => zoom(0.5),
-        '.': () => choose(Math.min(chosen + 1, scene.numbers.length - 1)),
-        ',': () => choose(Math.max(chosen - 1, 0)),
+        '.': () => step(1), ',': () => step(-1),
     });
-    section.addEventListener('keydown', (event) => {
-        if (event.target.matches('input, select') || event.ctrlKey || event.altKey || event.metaKey) {
-            return;
-        }
-        if (keys[event.key]) {
+    section.onkeydown = (event) => {
+        const isElsewhere = event.target.matches('input, select') || event.ctrlKey || event.altKey ||
+            event.metaKey;
+        if (keys[event.key] && !isElsewhere) {
             keys[event.key]();
             event.preventDefault();
         }
-    });
+    };
     document.addEventListener('keydown', (event) => {
         if (event.key === 'Escape') {
             show(null);
-            span = null;
             if (isMeasuring) {
                 measure();
             }
-            redraw();
         }
     });
     finder.addEventListener('keydown', (event) => {
         if (event.key === 'Enter') {
-            find(finder.value);
+            find(finder.value.trim());
         }
     });
-    picker.addEventListener('change', async () => {
+    picker.onchange = async () => {
         await open(Number(picker.value));
         look(0, scene.stop);
         remember(true);
-    });
+    };
 
     const opened = new Map();
     async function open(index) {
@@ -945,6 +781,7 @@
         const next = await waits;
         if (next !== scene) {
             scene = next;
+            scene.rows = rowsOf(scene);
             chosen = -1;
             span = null;
             view = { from: 0, to: Math.min(scene.stop, 5) };
@@ -966,24 +803,16 @@
             return;  // A link to something else on the page.
         }
         await open(Math.max(wanted, 0));
-        if (wanted < 0) {
-            view = { from: 0, to: Math.min(scene.stop, 5) };
-        }
-        const isRange = Number(asked.to) > Number(asked.from);
-        if (isRange) {
+        const found = scene.numbers.indexOf(asked.frame);
+        if (Number(asked.to) > Number(asked.from)) {
             look(clamp(Number(asked.from), 0, scene.stop), clamp(Number(asked.to), 0, scene.stop));
             visited = findings.find((one) => one.item === item) ?? null;
+        } else if (found >= 0) {
+            lookAround(scene.moments[found], 0.15);
+        } else if (wanted < 0) {
+            view = { from: 0, to: Math.min(scene.stop, 5) };
         }
-        chosen = -1;
-        if (asked.frame) {
-            const found = scene.numbers.indexOf(BigInt(asked.frame.replace(/[^-\d]/g, '') || 0));
-            if (found >= 0 && !isRange) {
-                const time = momentOf(found);
-                look(time - 0.15, time + 0.15);
-            }
-            choose(found, false, !isRange);
-        }
-        redraw();
+        choose(found);
         if (wanted >= 0 && document.activeElement?.matches('a')) {
             section.scrollIntoView({ block: 'nearest' });
         }
@@ -1007,7 +836,7 @@
             high: 'overview: 95th percentile, which 1 frame in 20 exceeds',
         };
         legend.replaceChildren(...Object.entries(words).map(([shape, text]) => {
-            const swatch = make('canvas', { width: 128, height: 64, 'aria-hidden': 'true' });
+            const swatch = make('canvas', { width: 128, height: 64, ariaHidden: 'true' });
             const pen = swatch.getContext('2d');
             pen.scale(4, 4);
             if (shape === 'output' || shape === 'due') {
@@ -1023,7 +852,6 @@
     await go();
     drawLegend();
     draw();
-    addEventListener('hashchange', go);
     addEventListener('popstate', go);
     new ResizeObserver(redraw).observe(board);
     matchMedia('(prefers-color-scheme: dark)').addEventListener('change', () => {
@@ -1043,11 +871,11 @@
     window.timeline = {
         // What a person reads of a place: a time in a row, "output" or a stage's number for example,
         // so many pixels below the row's top. With the place on the canvas.
-        at: (row, time, below) => {
-            const place = places.find((one) => (one.thread?.id ?? one.stage ?? one.kind) === row);
-            const hit = at(xOf(time), place.y + below);
-            return { ...hit, finding: undefined, x: xOf(time), y: place.y + below,
-                number: hit?.frame === undefined ? null : String(scene.numbers[hit.frame]) };
+        at: (id, time, below) => {
+            const row = places.find((place) => place.id === id);
+            const [x, y] = [viewed().x(time), row.y + below];
+            const hit = at(x, y);
+            return { ...hit, finding: undefined, x, y, number: scene.numbers[hit?.frame] ?? null };
         },
     };
 })();

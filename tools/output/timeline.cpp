@@ -1,11 +1,12 @@
 // The part of the page that a script draws: the frames of all scenes, and their threads, as data.
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,103 +18,195 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Names come from captures, which hold any bytes; JSON holds UTF-8.
-std::string Text(const Json& json) {
-    return json.dump(-1, ' ', true, Json::error_handler_t::replace);
-}
-
-// Times in units since `origin`, each as the step from the last one that is known; null where a
-// time is not known.
-Json StepsOf(const std::vector<Micros>& times, Micros origin, Micros unit) {
+// A column of numbers, times in microseconds for example, each as the step from the last one that
+// is known, at first from `origin`; null where it is not known. So they take little room.
+template <typename All, typename ValueOf>
+Json StepsOf(int64_t origin, const All& all, ValueOf valueOf) {
     Json steps = Json::array();
-    int64_t known = 0;
-    for (const Micros time : times) {
-        const int64_t units = time == NO_TIME ? known : (time - origin) / unit;
-        steps.push_back(time == NO_TIME ? Json() : Json(units - known));
-        known = units;
+    for (const auto& one : all) {
+        const int64_t value = valueOf(one);
+        steps.push_back(value == NO_TIME ? Json() : Json(value - origin));
+        origin = value == NO_TIME ? origin : value;
     }
     return steps;
-}
-
-// What became of each frame; when it was started, when each stage began with it, when it left each,
-// and when the HAL ended it, a frame after the other; and what its threads did.
-Json DataOf(const JudgedScene& scene, Micros unit, const Json& threads) {
-    Json codes = Json::array();
-    std::vector<Micros> times;
-    for (size_t i = 0; i < scene.frames.size(); ++i) {
-        const Frame& frame = scene.frames[i];
-        const Fate& fate = scene.FateOf(i);
-        codes.push_back(static_cast<int>(fate.status) + 16 * (fate.isLate ? 1 : 0) +
-                        32 * (fate.isNeverOut ? 1 : 0) + 64 * (fate.isUnknown ? 1 : 0));
-        times.push_back(frame.start);
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            const bool isQueue = stage < scene.columns.stages && !scene.isAlone;
-            const size_t pass = scene.columns.PassOf(static_cast<uint32_t>(i), stage);
-            const Micros begin = isQueue ? scene.columns.begin[pass] : NO_TIME;
-            const bool isBehindAnother = begin != NO_TIME && stage > 0;
-            times.push_back(isBehindAnother ? std::max(begin, scene.ArrivalOf(i, stage)) : begin);
-        }
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            times.push_back(scene.PassOf(i, stage).left);
-        }
-        times.push_back(frame.end);
-    }
-    return {{"codes", codes}, {"times", StepsOf(times, scene.begin, unit)}, {"threads", threads}};
-}
-
-// The numbers of frames, as the first of each run of consecutive ones, in text as they may be
-// larger than a script's numbers, and how many there are.
-std::vector<std::pair<std::string, int64_t>> NumbersOf(const JudgedScene& scene) {
-    std::vector<std::pair<std::string, int64_t>> runs;
-    const Frame* before = nullptr;
-    for (const Frame& frame : scene.frames) {
-        if (before == nullptr || frame.number <= before->number ||
-            frame.number - 1 != before->number) {
-            runs.emplace_back(std::to_string(frame.number), 0);
-        }
-        ++runs.back().second;
-        before = &frame;
-    }
-    return runs;
 }
 
 double Seconds(Micros time) {
     return static_cast<double>(time) / 1e6;
 }
 
-// When the log's clock was set, since the scene's begin, and by how much; each step once, whichever
-// scenes it fell into. Nothing where it was set between scenes, of which the size is not kept.
-std::optional<std::map<double, double>> ClockSteps(const Account& account,
-                                                   const JudgedScene& scene) {
-    for (const SceneFinding& finding : account.findings) {
-        if (finding.kind == Kind::ClockJump && finding.time <= scene.begin) {
-            return {};
+// A replay may take no time.
+Micros LengthOf(const JudgedScene& scene) {
+    return std::max(scene.stop - scene.begin, scene.Period());
+}
+
+// The numbers of frames, as the first of each run of consecutive ones, in text as they may be
+// larger than a script's numbers, and how many there are.
+Json NumbersOf(const JudgedScene& scene) {
+    std::vector<std::pair<std::string, int64_t>> runs;
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        const int64_t number = scene.frames[row].number;
+        if (row == 0 || StepOf(scene.frames[row - 1].number, number) != 1) {
+            runs.emplace_back(std::to_string(number), 0);
+        }
+        ++runs.back().second;
+    }
+    return runs;
+}
+
+// What became of a frame.
+std::string WordsOf(const Fate& fate) {
+    return fmt::format("{}{}{}{}", NameOf(fate.status), fate.isLate ? ", late" : "",
+                       fate.isNeverOut ? ", never out" : "",
+                       fate.isUnknown ? ", lines missing" : "");
+}
+
+// A frame that never came out, in the stage in which it was last: until a later one passed it,
+// until it was ended, or as long as the scene went on.
+Json StandOf(const JudgedScene& scene, const Lost& lost, uint32_t row,
+             const std::vector<uint32_t>& order) {
+    const auto leftOf = [&](uint32_t other) { return scene.LeftOf(other, lost.stage); };
+    const auto later = std::partition_point(
+        order.begin(), order.end(), [&](uint32_t other) { return leftOf(other) <= lost.since; });
+    const auto passed =
+        std::find_if(later, order.end(), [row](uint32_t other) { return other > row; });
+    const Micros end = scene.frames[row].end;
+    const Micros over = end == NO_TIME ? scene.stop : std::max(end, lost.since);
+    const Micros until = passed == order.end() ? over : leftOf(*passed);
+    return {{"frame", row},
+            {"since", Seconds(lost.since - scene.begin)},
+            {"until", Seconds(until - scene.begin)}};
+}
+
+// The frames of a stage in the order in which they left it: when each left, how long it had waited,
+// and how long the stage had worked on it; those that never left; and for an overview, of each part
+// of the scene, the median and the 95th percentile of how long frames were in the stage, null where
+// none left. Adds the percentiles to `highs`.
+Json StageOf(const JudgedScene& scene, int32_t stage, std::vector<Micros>& highs) {
+    const Columns& columns = scene.columns;
+    const bool isLeft = stage < columns.stages && !scene.isAlone;
+    const auto order = isLeft ? columns.order[stage] : std::vector<uint32_t>();
+    const auto beginOf = [&](uint32_t row) { return columns.begin[columns.PassOf(row, stage)]; };
+    // The sensor has no queue: it delivers one frame after the other.
+    const auto cameOf = [&](uint32_t row) {
+        const Micros came = stage == 0 ? beginOf(row) : scene.ArrivalOf(row, stage);
+        return came == NO_TIME ? scene.frames[row].start : came;
+    };
+    const auto begunOf = [&](uint32_t row) { return std::max(beginOf(row), cameOf(row)); };
+    const auto waitOf = [&](uint32_t row) { return begunOf(row) - cameOf(row); };
+    const auto leftOf = [&](uint32_t row) { return scene.LeftOf(row, stage); };
+    const auto workOf = [&](uint32_t row) {
+        return begunOf(row) == NO_TIME ? NO_TIME : leftOf(row) - begunOf(row);
+    };
+    Json stands = Json::array(), parts = Json::array();
+    for (const Lost& lost : columns.lost) {
+        if (const uint32_t row = scene.RowOf(lost.number); row != NO_INDEX && lost.stage == stage) {
+            stands.push_back(StandOf(scene, lost, row, order));
         }
     }
+    constexpr Micros PARTS = 200;
+    std::vector<std::vector<Micros>> stays(PARTS);
+    for (const uint32_t row : order) {
+        if (const Micros came = cameOf(row), left = leftOf(row); came != NO_TIME) {
+            const Micros part = (left - scene.begin) * PARTS / LengthOf(scene);
+            stays[static_cast<size_t>(std::clamp<Micros>(part, 0, PARTS - 1))].push_back(left -
+                                                                                         came);
+        }
+    }
+    for (std::vector<Micros>& part : stays) {
+        parts.push_back(nullptr);
+        if (!part.empty()) {
+            highs.push_back(QuantileOf(part, 0.95, 0));
+            parts.back() = {{"median", MedianOf(part, 0)}, {"high", highs.back()}};
+        }
+    }
+    return {{"name", scene.stageNames[static_cast<size_t>(stage)]},
+            {"frames", StepsOf(0, order, std::identity())},
+            {"left", StepsOf(scene.begin, order, leftOf)},
+            {"waits", StepsOf(0, order, waitOf)},
+            {"works", StepsOf(0, order, workOf)},
+            {"stands", stands},
+            {"parts", parts}};
+}
+
+// When each frame came out, else when it was last heard of; frames in the order in which they came
+// out; and the places therein of those that came late.
+Json OutputsOf(const JudgedScene& scene) {
+    std::vector<Micros> moments;
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        const Fate& fate = scene.FateOf(row);
+        moments.push_back(fate.isOut ? fate.output : scene.LastOf(row).second);
+    }
+    std::vector<uint32_t> frames, late;
+    for (const uint32_t row : scene.columns.outputs) {
+        const Fate& fate = scene.FateOf(row);
+        if (fate.isOut && fate.isLate && !frames.empty()) {
+            late.push_back(static_cast<uint32_t>(frames.size()));
+        }
+        if (fate.isOut) {
+            frames.push_back(row);
+        }
+    }
+    return {{"moments", StepsOf(scene.begin, moments, std::identity())},
+            {"frames", StepsOf(0, frames, std::identity())},
+            {"late", late}};
+}
+
+// How many frames were in flight, from each time on.
+Json FlightOf(const JudgedScene& scene) {
+    std::map<Micros, int64_t> counts;
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        const Frame& frame = scene.frames[row];
+        const Fate& fate = scene.FateOf(row);
+        const Micros over = std::max(fate.isOut ? fate.output : NO_TIME, frame.end);
+        if (frame.start != NO_TIME) {
+            ++counts[frame.start];
+            --counts[std::max(over == NO_TIME ? scene.stop : over, frame.start)];
+        }
+    }
+    Json sums = Json::array();
+    int64_t sum = 0;
+    for (const auto& [time, change] : counts) {
+        sums.push_back(sum += change);
+    }
+    const auto timeOf = [](const auto& one) { return one.first; };
+    return {{"times", StepsOf(scene.begin, counts, timeOf)}, {"counts", sums}};
+}
+
+// What the log's clock showed at the capture's begin, and when it was set, since the scene's begin,
+// and by how much; each step once, whichever scenes it fell into.
+Json ClockOf(const Account& account, const JudgedScene& scene) {
     std::map<double, double> steps;
     for (const JudgedScene& any : account.scenes) {
         for (const Scene::Disturbance& step : any.clockSteps) {
             steps[Seconds(step.time - scene.begin)] = Seconds(step.amount);
         }
     }
-    return steps;
+    // Where it was set between scenes, by how much is not kept.
+    const bool isKnown = std::none_of(
+        account.findings.begin(), account.findings.end(), [&](const SceneFinding& finding) {
+            return finding.kind == Kind::ClockJump && finding.time <= scene.begin;
+        });
+    return {{"from", isKnown ? account.from : ""}, {"steps", steps}};
 }
 
-// What a thread did when it did not sleep, in microseconds: from when to when, one after the other,
-// and the state with the CPU above that.
-Json ThreadOf(Micros origin, int32_t stage, const SchedThread& thread,
-              const std::vector<Awake>& awake) {
-    Json codes = Json::array();
-    std::vector<Micros> times;
-    for (const Awake& one : awake) {
-        codes.push_back(static_cast<int64_t>(one.state) + int64_t{8} * (one.cpu + 1));
-        times.insert(times.end(), {one.span.begin, one.span.end});
+// What a thread did when it did not sleep: from when to when, in which state, and on which CPU.
+Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t thread,
+              int32_t stage) {
+    const std::vector<Awake> all = AwakeOf(scheduling, thread, {scene.begin, scene.end});
+    Json states = Json::array(), cpus = Json::array();
+    for (const Awake& one : all) {
+        states.push_back(NameOf(one.state));
+        cpus.push_back(one.cpu);
     }
+    const SchedThread& known = scheduling.trace->threads[thread];
     return {{"stage", stage},
-            {"id", thread.tid},
-            {"name", thread.name},
-            {"codes", codes},
-            {"times", StepsOf(times, origin, 1)}};
+            {"id", known.tid},
+            {"name", known.name},
+            {"begin", StepsOf(scene.begin, all, [](const Awake& one) { return one.span.begin; })},
+            {"end", StepsOf(scene.begin, all, [](const Awake& one) { return one.span.end; })},
+            {"states", states},
+            {"cpus", cpus}};
 }
 
 // The threads of a scene: the pipeline's by their stages, then those that kept them.
@@ -127,19 +220,15 @@ Json ThreadsOf(const JudgedScene& scene, const Scheduling& scheduling,
     }
     Json threads = Json::array();
     const std::vector<SchedThread>& known = scheduling.trace->threads;
-    const auto add = [&](uint32_t thread, int32_t stage) {
-        threads.push_back(ThreadOf(scene.begin, stage, known[thread],
-                                   AwakeOf(scheduling, thread, {scene.begin, scene.end})));
-        others.erase(known[thread].tid);
-    };
     for (const ThreadUse& use : ofScene.threads) {
         if (!use.stages.empty()) {
-            add(use.thread, use.stages.front());
+            threads.push_back(ThreadOf(scene, scheduling, use.thread, use.stages.front()));
+            others.erase(known[use.thread].tid);
         }
     }
     for (uint32_t thread = 0; thread < known.size(); ++thread) {
         if (others.contains(known[thread].tid)) {
-            add(thread, -1);
+            threads.push_back(ThreadOf(scene, scheduling, thread, -1));
         }
     }
     return threads;
@@ -168,43 +257,39 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
         if (scene.columns.isMixed || scene.frames.empty()) {
             continue;
         }
-        // One for each column of data, whatever the configuration says.
-        std::vector<std::string> names = scene.stageNames;
-        names.resize(static_cast<size_t>(scene.stageCount));
-        const auto steps = ClockSteps(account, scene);
-        const Json threads = scheduling == nullptr
-                                 ? Json::array()
-                                 : ThreadsOf(scene, *scheduling, scheduling->scenes[i]);
-        Json words = Json::array();
-        for (size_t status = 0; status < FRAME_STATUSES; ++status) {
-            words.push_back(NameOf(FrameStatus(status)));
+        Json words = Json::array(), stages = Json::array();
+        for (const Fate& fate : scene.columns.fates) {
+            words.push_back(WordsOf(fate));
         }
+        std::vector<Micros> highs;
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            stages.push_back(StageOf(scene, stage, highs));
+        }
+        const Json data = {{"begin", Seconds(scene.begin)},
+                           {"stop", Seconds(LengthOf(scene))},
+                           {"clock", ClockOf(account, scene)},
+                           {"period", 1.0 / scene.Rate()},
+                           {"numbers", NumbersOf(scene)},
+                           {"words", words},
+                           {"stages", stages},
+                           {"top", QuantileOf(highs, 0.98, 1)},  // Stays seldom exceed it.
+                           {"outputs", OutputsOf(scene)},
+                           {"flight", FlightOf(scene)},
+                           {"threads", scheduling == nullptr
+                                           ? Json::array()
+                                           : ThreadsOf(scene, *scheduling, scheduling->scenes[i])},
+                           {"wakes", WakesOf(scene)}};
+        // Names come from captures, which hold any bytes; JSON holds UTF-8.
+        const std::string text = data.dump(-1, ' ', true, Json::error_handler_t::replace);
         scenes.push_back(
-            {{"scene", i + 1},
-             {"title", TitleOf(account, i)},
-             {"begin", Seconds(scene.begin)},
-             {"stop", Seconds(std::max(scene.stop, scene.end) - scene.begin)},
-             {"clock", steps ? account.from : ""},
-             {"steps", steps.value_or(std::map<double, double>{})},
-             {"period", 1.0 / scene.Rate()},
-             {"unit", Seconds(account.resolution)},
-             {"stages", names},
-             {"words", words},
-             {"numbers", NumbersOf(scene)},
-             {"wakes", WakesOf(scene)},
-             {"data", Base64(Gzip(Text(DataOf(scene, account.resolution, threads))))}});
+            {{"scene", i + 1}, {"title", TitleOf(account, i)}, {"data", Base64(Gzip(text))}});
     }
-    if (scenes.empty()) {
-        return;
+    if (!scenes.empty()) {
+        // Nothing that a capture names stands there as it is, so there is no markup in it.
+        out << "<section id=timeline aria-labelledby=timeline-head><h2 id=timeline-head>Timeline"
+               "</h2>\n<script type=\"application/json\" id=data>"
+            << scenes << "</script>\n</section>\n";
     }
-    // JSON in HTML: no end of the element may stand in it.
-    std::string text = Text(scenes);
-    for (size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at)) {
-        text.replace(at, 1, "\\u003c");
-    }
-    out << "<section id=timeline aria-labelledby=timeline-head><h2 id=timeline-head>Timeline</h2>\n"
-           "<script type=\"application/json\" id=data>"
-        << text << "</script>\n</section>\n";
 }
 
 }  // namespace tools
