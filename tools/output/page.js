@@ -187,19 +187,21 @@
         pen.fillStyle = color(name);
         pen.fill(new Path2D(`M${points.join('L')}z`));
     };
+    const bar = (width) => Math.max(width > 3 ? width - 1 : width, 1);  // Apart from the next one.
     // All that is drawn, in a box: in the legend as well.
     const shapes = {
-        work: (pen, x, y, w, h) => fill(pen, 'work', [x, y, w, h - 6]),
+        work: (pen, x, y, w, h) => fill(pen, 'work', [x, y, bar(w), h - 6]),
         // Below those at work meanwhile.
         wait: (pen, x, y, w, h) => fill(pen, 'work', [x, y + h - 4, w, 4]),
-        since: (pen, x, y, w, h) => w > 3 ? outline(pen, 'bars', 1, x + 0.5, y + 0.5, w - 1, h - 7)
-            : fill(pen, 'bars', [x, y, w, h - 6]),
+        since: (pen, x, y, w, h) => bar(w) > 3
+            ? outline(pen, 'bars', 1, x + 0.5, y + 0.5, bar(w) - 1, h - 7)
+            : fill(pen, 'bars', [x, y, bar(w), h - 6]),
         // With a cross where it ends.
         stands: (pen, x, y, w, h) => {
             for (let dash = x; dash < x + w; dash += 6) {
                 fill(pen, 'bad', [dash, y + h / 2 - 2, Math.min(4, x + w - dash), 4]);
             }
-            stroke(pen, 'bad', 2, `M${x + w - 9} ${y + h / 2 - 5}l8 10m-8 0l8 -10`);
+            stroke(pen, 'bad', 2, `M${x + w - 4} ${y + h / 2 - 5}l8 10m-8 0l8 -10`);
         },
         output: (pen, x, y, w, h) => fill(pen, 'work', [x + w - 2, y + h / 2, 2, h / 2]),
         late: (pen, x, y, w, h) => fill(pen, 'bad', [x, y + h / 2, w, 3], [x + w - 3, y, 3, h]),
@@ -273,8 +275,8 @@
         write(pen, 'ink', 'left', shown, 0, y);
     }
 
-    // Draws rows, one below the other, and returns the pen and the rows with their tops.
-    function drawChart(element, scale, rows) {
+    // Draws rows, one below the other, before a background, and returns the pen and the rows with their tops.
+    function drawChart(element, scale, rows, background = () => {}) {
         const height = rows.reduce((sum, row) => sum + row.height, AXIS);
         const ratio = isPaper ? 4 : window.devicePixelRatio || 1;
         element.style.height = `${height}px`;
@@ -295,8 +297,17 @@
         });
         pen.rect(gutter, 0, breadth - gutter, height);
         pen.clip();
-        for (const { draw, y, height, pad } of placed) {
-            draw(pen, scale, y + pad, height - 2 * pad);
+        background(pen, height);
+        for (const { things, y, height: high, pad } of placed) {
+            const level = (share) => y + pad + Math.round(share * (high - 2 * pad));
+            for (const { shape, from, to, top: upper = 0, bottom = 1, name } of things(scale)) {
+                const [left, width] = [scale.x(from), scale.x(to) - scale.x(from)];
+                shapes[shape](pen, left, level(upper), width, level(bottom) - level(upper));
+                if (name && width > 34) {
+                    write(pen, shape === 'work' ? 'paper' : 'ink', 'center', name,
+                        left + width / 2, y + high / 2 - 2);
+                }
+            }
         }
         return { pen, height, placed };
     }
@@ -309,163 +320,136 @@
         }
     }
 
-    // ---- Rows. Of each is known how it is drawn, and what there is at a time, to be said in words:
-    // `near`: so far off is near enough; `y`: in pixels from the row's top. ----
+    // ---- Rows. Each has things: the shape of a thing, from when to when it is, from which part of
+    // the row's height to which, and what is read there. ----
 
-    const ROW = { height: 34, pad: 5, isRuled: true };
+    const ROW = { height: 34, pad: 5, reach: 0, isRuled: true };  // Things are read so far away.
 
     const findingsRow = (height) => ({
-        id: 'findings', name: 'findings', height, pad: (height - 12) / 2,
-        draw: (pen, { x }, y, h) => marks().forEach(({ time, severity }) =>
-            shapes[severity](pen, x(time) - 6, y, 12, h)),
-        at(time, near) {
-            const distance = (finding) => Math.abs(finding.time - time);
-            const [finding] = marks().sort((a, b) => distance(a) - distance(b));
-            return finding && distance(finding) <= near * 1.6
-                ? { time: finding.time, finding, text: finding.words } : null;
-        },
+        id: 'findings', name: 'findings', height, pad: (height - 12) / 2, reach: 8,
+        things: () => marks().map((finding) => ({
+            shape: finding.severity, from: finding.time, to: finding.time, isMoment: true, finding,
+            text: () => finding.words })),
     });
 
     const outputRow = ({ period, numbers, outputs: { frames, times, late } }) => ({
-        ...ROW, id: 'output', name: 'output',
-        draw(pen, scale, y, h) {
+        ...ROW, id: 'output', name: 'output', reach: 5,
+        *things(scale) {
             const { from, to, x } = scale;
+            const output = (k) => ({ to: times[k], isMoment: true, frame: frames[k],
+                text: () => `frame ${numbers[frames[k]]} came out` +
+                    (k > 0 ? `, ${ms(times[k] - times[k - 1])} after the one before` : '') });
             const showsDue = x(from + period) - x(from) > 4;
             for (const k of inSight(times, scale)) {
                 if (!late.has(k)) {
-                    shapes.output(pen, x(times[k]) - 2, y, 2, h);
+                    yield { ...output(k), shape: 'output', from: times[k] };
                 }
                 if (showsDue && k > 0) {
-                    shapes.due(pen, x(times[k - 1] + period) - 1, y, 1, h);
+                    const due = times[k - 1] + period;
+                    yield { shape: 'due', from: due, to: due };
                 }
             }
             for (const k of late) {
                 if (times[k] >= from && times[k - 1] <= to) {
-                    const before = x(times[k - 1]);
-                    shapes.late(pen, before, y, x(times[k]) - before, h);
+                    yield { ...output(k), shape: 'late', from: times[k - 1] };
                 }
             }
-        },
-        at(time, near) {
-            const next = firstAt(times, time);
-            const isNext = next === 0 || late.has(next) ||
-                times[next] - time <= time - times[next - 1];
-            const k = isNext ? next : next - 1;
-            if (k === times.length || (!late.has(k) && Math.abs(times[k] - time) > near)) {
-                return null;
-            }
-            const interval = k > 0 ? `, ${ms(times[k] - times[k - 1])} after the one before` : '';
-            return { frame: frames[k], time: times[k],
-                text: `frame ${numbers[frames[k]]} came out${interval}` };
         },
     });
 
     const flightRow = ({ flight: { times, counts, most } }) => ({
         ...ROW, id: 'flight', name: 'in flight',
-        draw(pen, scale, y, h) {
-            let k = firstAt(times, scale.from) - 1;
+        *things({ from, time }) {
+            let k = firstAt(times, from) - 1;
             for (let x = gutter; x < breadth; ++x) {
                 let peak = counts[k] ?? 0;
-                for (const to = scale.time(x + 1); times[k + 1] < to; ++k) {
+                const to = time(x + 1);
+                for (; times[k + 1] < to; ++k) {
                     peak = Math.max(peak, counts[k + 1]);
                 }
-                shapes.flight(pen, x, y + h - (peak / most) * h, 1, (peak / most) * h);
+                yield { shape: 'flight', from: time(x), to, top: 1 - peak / most,
+                    text: () => `${peak} frames in flight` };
             }
         },
-        at: (time) => ({ time, text: `${counts[firstAt(times, time) - 1] ?? 0} frames in flight` }),
     });
 
-    const stageRow = ({ name, frames, came, begun, left, stands }, stage) => ({
-        ...ROW, id: stage, name: `${stage} ${name}`,
-        draw(pen, scale, y, h) {
-            const { to, x } = scale;
-            // Frames that have come by the view's end leave within a minute.
-            for (const k of inSight(left, scale, 60)) {
-                if (came[k] > to) {
-                    continue;
+    const stageRow = ({ name, frames, came, begun, left, stands }, stage) => {
+        const thing = (shape, frame, from, to, what) => ({ shape, frame, from, to,
+            text: () => `frame ${scene.numbers[frame]}, stage ${stage} (${name}): ${what()}` });
+        return {
+            ...ROW, id: stage, name: `${stage} ${name}`,
+            *things(scale) {
+                // Frames that have come by the view's end leave within a minute.
+                for (const k of inSight(left, scale, 60)) {
+                    const [from, begin, to] = [came[k], begun[k], left[k]];
+                    if (begin > from) {
+                        yield { ...thing('wait', frames[k], from, begin,
+                            () => `waiting for ${ms(begin - from)}`), isLow: true };
+                    }
+                    const work = () => stage === 0 ? `${ms(to - begin)} since the frame before`
+                        : `at work for ${ms(to - begin)}`;
+                    yield { ...thing(stage === 0 ? 'since' : 'work', frames[k],
+                        isNaN(begin) ? to : begin, to, work), name: scene.numbers[frames[k]] };
                 }
-                const end = x(left[k]);
-                const [begin, from] = isNaN(came[k]) ? [end, end] : [x(begun[k]), x(came[k])];
-                if (begin - from > 0.5) {
-                    shapes.wait(pen, from, y, begin - from, h);
+                for (const { frame, since, until } of stands) {
+                    yield thing('stands', frame, since, until, () => 'never seen to leave');
                 }
-                const width = end - begin;
-                shapes[stage === 0 ? 'since' : 'work'](
-                    pen, begin, y, Math.max(width > 3 ? width - 1 : width, 1), h);
-                if (width > 34) {
-                    write(pen, stage === 0 ? 'ink' : 'paper', 'center', scene.numbers[frames[k]],
-                        (begin + end) / 2, y + h / 2 - 2);
-                }
-            }
-            for (const { since, until } of stands) {
-                shapes.stands(pen, x(since), y, x(until) - x(since), h);
-            }
-        },
-        at(time, near, y) {
-            const told = (frame, what) => ({ frame, time,
-                text: `frame ${scene.numbers[frame]}, stage ${stage} (${name}): ${what}` });
-            // Of those that came a while later none is there yet.
-            const first = firstAt(left, time);
-            const there = Array.from({ length: 100 }, (_, i) => first + i)
-                .filter((k) => came[k] <= time);
-            const waits = there.find((k) => begun[k] > time);
-            const works = there.find((k) => begun[k] <= time);
-            // Those that wait are drawn below the one at work.
-            if (waits !== undefined && (works === undefined || y >= ROW.height - 9)) {
-                return told(frames[waits], `waiting for ${ms(begun[waits] - came[waits])}`);
-            }
-            if (works !== undefined) {
-                const took = ms(left[works] - begun[works]);
-                return told(frames[works],
-                    stage === 0 ? `${took} since the frame before` : `at work for ${took}`);
-            }
-            const one = stands.find(({ since, until }) => since <= time && time <= until + near);
-            return one && told(one.frame, 'never seen to leave');
-        },
-        // From when to when the frame was in the stage; nothing where it never was.
-        stayOf(frame) {
-            const k = frames.indexOf(frame);
-            return k < 0 ? stands.find((one) => one.frame === frame)
-                : { since: came[k], until: left[k], hasLeft: true };
-        },
-    });
+            },
+            // From when to when the frame was in the stage; nothing where it never was.
+            stayOf(frame) {
+                const k = frames.indexOf(frame);
+                return k < 0 ? stands.find((one) => one.frame === frame)
+                    : { since: came[k], until: left[k], hasLeft: true };
+            },
+        };
+    };
 
     const threadRow = ({ id, name, begin, end, states, cpus }) => ({
-        id, thread: id, name: `${id} ${name}`, height: 20, pad: 4, isRuled: true,
-        // What is shorter than a pixel shares it with what else is there, by how long each takes.
-        draw(pen, { from, to, time, x }, y, h) {
-            const pixel = time(1) - time(0);
-            const shares = new Map();
+        ...ROW, id, thread: id, name: `${id} ${name}`, height: 20, pad: 4, reach: 1,
+        *things({ from, to, time, x }) {
+            const shares = new Map();  // Of what is shorter than a pixel, in each pixel.
             for (let k = firstAt(end, from); begin[k] <= to; ++k) {
-                const state = states[k];
-                const width = x(end[k]) - x(begin[k]);
-                if (width >= 1) {
-                    shapes[state](pen, x(begin[k]), y, width, h);
+                const [state, cpu, length] = [states[k], cpus[k], end[k] - begin[k]];
+                if (x(end[k]) - x(begin[k]) < 1) {
+                    const at = Math.floor(x(begin[k]));
+                    const share = shares.get(at) ?? {};
+                    share[state] = (share[state] ?? 0) + length / (time(1) - time(0));
+                    shares.set(at, share);
                     continue;
                 }
-                const at = Math.floor(x(begin[k]));
-                const share = shares.get(at) ?? {};
-                share[state] = (share[state] ?? 0) + (end[k] - begin[k]) / pixel;
-                shares.set(at, share);
+                const words = { running: `ran for ${ms(length)} on CPU ${cpu}`,
+                    runnable: `waited for ${ms(length)} for a CPU${cpu < 0 ? '' : `, CPU ${cpu}`}`,
+                    blocked: `blocked in the kernel for ${ms(length)}`,
+                    stopped: `stopped for ${ms(length)}` };
+                yield { shape: state, state, from: begin[k], to: end[k],
+                    text: () => `thread ${id} (${name}): ${words[state]}` };
             }
             for (const [at, share] of shares) {
-                let top = y + h;
+                let bottom = 1;
                 for (const state of ['running', 'stopped', 'blocked', 'runnable']) {
-                    const high = share[state] ? Math.max(share[state] * h, 2) : 0;
-                    top = Math.max(top - high, y);
-                    shapes[state](pen, at, top, 1, high);
+                    if (share[state]) {
+                        const top = Math.max(bottom - Math.max(share[state], 1 / 6), 0);
+                        yield { shape: state, from: time(at), to: time(at + 1), top, bottom };
+                        bottom = top;
+                    }
                 }
             }
         },
-        at(time, near) {
-            const k = firstAt(end, time);
-            const isThere = begin[k] <= time + near / 5;
-            const state = isThere ? states[k] : 'asleep, or not known';
-            const length = isThere ? ` for ${ms(end[k] - begin[k])}` : '';
-            const what = { running: `ran${length} on CPU ${cpus[k]}`,
-                runnable: `waited${length} for a CPU${cpus[k] < 0 ? '' : `, CPU ${cpus[k]}`}`,
-                blocked: `blocked in the kernel${length}`, stopped: `stopped${length}` }[state];
-            return { state, time, text: `thread ${id} (${name}): ${what ?? state}` };
+        otherwise: { state: 'asleep, or not known',
+            text: () => `thread ${id} (${name}): asleep, or not known` },
+    });
+
+    // In the overview.
+    const partsRow = ({ name, parts }, stage) => ({
+        name: `${stage} ${name}`, height: 16, pad: 2,
+        *things() {
+            const length = scene.stop / parts.length;
+            for (const [part, figures] of parts.entries()) {
+                for (const shape of figures ? ['high', 'median'] : []) {
+                    const top = 1 - Math.min(figures[shape] / scene.top, 1);
+                    yield { shape, from: part * length, to: (part + 1) * length, top, bottom: top };
+                }
+            }
         },
     });
 
@@ -477,29 +461,9 @@
             ...threadRows(-1)];
     };
 
-    // Of the overview.
-    const shadeRow = {
-        name: '', height: 0, pad: 0,
-        draw: (pen, { x }, y) => shapes.shade(pen, x(view.from), y,
-            Math.max(x(view.to) - x(view.from), 2), pen.canvas.height),
-    };
-    const partsRow = ({ name, parts }, stage) => ({
-        name: `${stage} ${name}`, height: 16, pad: 0,
-        draw(pen, scale, y, h) {
-            const step = (breadth - gutter) / parts.length;
-            const level = (value) => y + Math.round((1 - Math.min(value / scene.top, 1)) * (h - 4));
-            parts.forEach((figures, part) => ['high', 'median'].forEach((figure) => {
-                if (figures) {
-                    shapes[figure](pen, gutter + part * step, level(figures[figure]), step, 2);
-                }
-            }));
-        },
-    });
-
     let places = [];  // Rows with their tops.
 
     function draw() {
-        palette = {};
         breadth = board.clientWidth;
         gutter = Math.round(Math.min(150, breadth * 0.3));
         const scale = viewed();
@@ -523,7 +487,10 @@
             write(pen, 'ink', 'center', ms(Math.abs(span[1] - span[0])), (a + b) / 2,
                 (AXIS + height) / 2 - 9);
         }
-        drawChart(overview, whole(), [shadeRow, findingsRow(18), ...scene.stages.map(partsRow)]);
+        const { x } = whole();
+        drawChart(overview, whole(), [findingsRow(18), ...scene.stages.map(partsRow)],
+            (sheet, high) => shapes.shade(sheet, x(view.from), AXIS,
+                Math.max(x(view.to) - x(view.from), 2), high));
     }
 
     let isDue = false;
@@ -556,8 +523,19 @@
 
     function at(x, y) {
         const row = places.find((place) => y >= place.y && y < place.y + place.height);
+        if (!row || x < gutter) {
+            return null;
+        }
         const { time } = viewed();
-        return row && x >= gutter ? row.at(time(x), time(5) - time(0), y - row.y) : null;
+        const now = time(x);
+        const distance = ({ from, to }) => Math.max(from - now, now - to, 0);
+        const hits = [...row.things(scaleOf(time(x - 8), time(x + 8)))]
+            .filter((one) => one.text && distance(one) <= row.reach * (time(1) - time(0)))
+            .sort((a, b) => distance(a) - distance(b));
+        // Frames that wait are drawn below the one at work.
+        const isLow = y - row.y >= row.height - 9;
+        const hit = hits.find((one) => Boolean(one.isLow) === isLow) ?? hits[0] ?? row.otherwise;
+        return hit && { ...hit, time: hit.isMoment ? hit.to : now, text: hit.text() };
     }
 
     function show(hit, x, y) {
@@ -662,32 +640,32 @@
 
     // ---- Mouse, keys and the address ----
 
-    let held = null;
-    canvas.onpointerdown = (event) => {
-        canvas.setPointerCapture(event.pointerId);
-        held = { x: event.offsetX, scale: viewed(), isMoved: false };
-        if (isMeasuring) {
-            span = [held.scale.time(held.x), held.scale.time(held.x)];
-        }
-    };
-    canvas.onpointermove = ({ offsetX, offsetY }) => {
-        if (held) {
-            const { from, to, time } = held.scale;
-            held.isMoved ||= Math.abs(offsetX - held.x) > 3;
+    let drag = null;  // What a move does while the mouse is pressed.
+    let isMoved = false;
+    canvas.onpointerdown = ({ pointerId, offsetX: begin }) => {
+        canvas.setPointerCapture(pointerId);
+        const { from, to, time } = viewed();
+        isMoved = false;
+        drag = (x) => {
+            const by = time(x) - time(begin);
+            isMoved ||= Math.abs(x - begin) > 3;
             if (isMeasuring) {
-                span[1] = time(offsetX);
+                span = [time(begin), time(x)];
                 redraw();
-            } else if (held.isMoved) {
-                const by = time(offsetX) - time(held.x);
+            } else if (isMoved) {
                 look(from - by, to - by);
             }
-        }
-        show(held?.isMoved ? null : at(offsetX, offsetY), offsetX, offsetY);
+        };
+        drag(begin);
+    };
+    canvas.onpointermove = ({ offsetX, offsetY }) => {
+        drag?.(offsetX);
+        show(drag && isMoved ? null : at(offsetX, offsetY), offsetX, offsetY);
     };
     canvas.onpointerup = ({ offsetX, offsetY }) => {
-        const isClick = held && !held.isMoved && !isMeasuring;
-        held = null;
-        if (isMeasuring && span) {
+        const isClick = drag && !isMoved && !isMeasuring;
+        drag = null;
+        if (span) {
             say(`${ms(Math.abs(span[1] - span[0]))}, from ${seconds(Math.min(...span))} to ` +
                 `${seconds(Math.max(...span))} into the scene.`);
         }
@@ -713,30 +691,21 @@
         event.preventDefault();
     }, { passive: false });
 
-    // An end of the shade is drawn, or all of it; else another shade.
+    // An end of the shade is moved, or all of it; else another one is begun.
     let brush = null;
+    const overAt = (x) => clamp(whole().time(x), 0, scene.stop);
     overview.onpointerdown = ({ pointerId, offsetX }) => {
         overview.setPointerCapture(pointerId);
-        const { time, x } = whole();
-        const isNear = (edge) => Math.abs(offsetX - x(edge)) < 6;
-        const now = clamp(time(offsetX), 0, scene.stop);
-        brush = { fixed: now };
-        if (isNear(view.from)) {
-            brush = { fixed: view.to };
-        } else if (isNear(view.to)) {
-            brush = { fixed: view.from };
-        } else if (now > view.from && now < view.to && view.to - view.from < scene.stop * 0.99) {
-            brush = { grip: now - view.from, length: view.to - view.from };
-        }
+        const { from, to } = view;
+        const now = overAt(offsetX);
+        const isNear = (edge) => Math.abs(offsetX - whole().x(edge)) < 6;
+        let fixed = isNear(to) ? from : now;
+        fixed = isNear(from) ? to : fixed;
+        const isInside = now > from && now < to && to - from < scene.stop * 0.99;
+        brush = fixed === now && isInside ? (time) => look(time - now + from, time - now + to)
+            : (time) => time !== fixed && look(Math.min(time, fixed), Math.max(time, fixed));
     };
-    overview.onpointermove = ({ offsetX }) => {
-        const now = clamp(whole().time(offsetX), 0, scene.stop);
-        if (brush?.fixed === undefined) {
-            brush && look(now - brush.grip, now - brush.grip + brush.length);
-        } else if (now !== brush.fixed) {
-            look(Math.min(now, brush.fixed), Math.max(now, brush.fixed));
-        }
-    };
+    overview.onpointermove = ({ offsetX }) => brush?.(overAt(offsetX));
     overview.onpointerup = () => {
         brush = null;
         remember(true);
