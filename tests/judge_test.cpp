@@ -45,7 +45,7 @@ struct Pipeline {
     template <typename Work>
     Pipeline(uint32_t frames, Work workOf) {
         scene.fps = 60;
-        scene.isDescribed = scene.isVideo = scene.isStarted = scene.hasNodes = true;
+        scene.isDescribed = scene.isStarted = scene.hasNodes = true;
         scene.begin = 0;
         scene.stopped = tools::Stop::SceneEnd;
         scene.stageCount = 4;
@@ -71,7 +71,7 @@ struct Pipeline {
                     time += workOf(row, stage);
                     free[static_cast<size_t>(stage)] = time;
                 }
-                tools::Pass& pass = scene.PassOf(row, stage);
+                tools::Pass& pass = scene.passes[4 * row + static_cast<uint32_t>(stage)];
                 pass.left = time;
                 pass.place = {0, 10 * row + 2 + static_cast<uint32_t>(stage)};
                 pass.seen = tools::NODE_END | tools::STAGE_START | tools::STAGE_END;

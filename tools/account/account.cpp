@@ -276,12 +276,15 @@ Account Judge(Readings readings, const CaptureSummary& summary, std::vector<std:
     account.libraryLines = summary.libraryLines;
     account.notUnderstood = summary.notUnderstood;
     account.lost = summary.lost;
-    account.configurations = std::move(readings.configurations);
-    for (LoadedConfiguration& loaded : account.configurations) {
-        loaded.findings = CheckConfiguration(loaded.configuration);
+    for (const auto& loaded : readings.configurations) {
+        account.configurations.push_back(*loaded);
+        account.configurations.back().findings = CheckConfiguration(loaded->configuration);
     }
     for (Scene& scene : readings.scenes) {
-        const auto* known = ConfigurationOf(account.configurations, scene.configuration);
+        const Configuration* const known =
+            scene.configuration == 0
+                ? nullptr
+                : &account.configurations[scene.configuration - 1].configuration;
         account.scenes.push_back(JudgedOf(std::move(scene), known, options.latePeriods));
     }
     account.findings = FindingsOutside(account, readings, summary);

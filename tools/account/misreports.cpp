@@ -1,7 +1,6 @@
 // Frames whose events were reported in another order than the frames went, twice, or not at all.
 
 #include <algorithm>
-#include <unordered_map>
 
 #include "tools/account/cause.h"
 #include "tools/account/limits.h"
@@ -13,12 +12,8 @@ struct Misreports {
     const Scene& scene;
     const Columns& columns;
     std::vector<Cause>& causes;
-    std::unordered_map<uint32_t, const Scene::Repeat*> repeats{};  // Of each row the first.
 
     void Find() {
-        for (const Scene::Repeat& repeat : scene.repeats) {
-            repeats.try_emplace(repeat.frame, &repeat);
-        }
         for (uint32_t row = 0; row < scene.frames.size(); ++row) {
             const Frame& frame = scene.frames[row];
             const bool isOfRestart = scene.restartedAfter && !frame.isStarted &&
@@ -56,21 +51,22 @@ struct Misreports {
     void Examine(uint32_t row) {
         const Frame& frame = scene.frames[row];
         const Fate& fate = columns.fates[row];
-        const auto repeat = repeats.find(row);
+        const auto& repeats = scene.repeats;
+        const auto repeat = repeats.find(frame.number);
         const int32_t unreported = scene.isAlone ? -1 : scene.Unreported(row);
         const bool isInOrder = frame.violation == Violation::None;
         // The end of stage 0 of the frame before was reported twice, which starts this one twice.
-        const auto before = repeats.find(row - 1);
-        const bool isOpenedTwice = before != repeats.end() && before->second->stage == 0;
+        const auto before = row == 0 ? repeats.end() : repeats.find(scene.frames[row - 1].number);
+        const bool isOpenedTwice = before != repeats.end() && before->second.stage == 0;
         // No line names a stage that the HAL reports itself and the library refused.
         const bool isSilent = unreported >= 0 && columns.isByNodes[unreported] == 0 &&
                               (!frame.isStarted || frame.refused != NO_TIME || !isInOrder);
         if (unreported >= 0 && unreported != columns.neverHit && !isSilent &&
-            !(repeat != repeats.end() && repeat->second->stage < unreported) &&
+            !(repeat != repeats.end() && repeat->second.stage < unreported) &&
             (frame.isStarted || (unreported > 0 && scene.hasNodes))) {
             Add(Case::Unreported, row, unreported);
         } else if (repeat != repeats.end()) {
-            AddRepeat(row, *repeat->second);
+            AddRepeat(row, repeat->second);
         } else if (frame.isDuplicate && !isOpenedTwice) {
             Add(Case::StartedAgain, row, -1, !frame.isStarted || !isInOrder);
         } else if (!isInOrder && !isOpenedTwice) {
@@ -85,11 +81,11 @@ struct Misreports {
             return reporter < scene.reporters.size() ? scene.reporters[reporter].port : -1;
         };
         const int32_t first = portOf(scene.PassOf(row, repeat.stage).reporter);
-        const int32_t second = portOf(repeat.reporter);
+        const int32_t second = portOf(repeat.pass.reporter);
         Cause& cause = Add(first != second ? Case::SecondPort : Case::Twice, row, repeat.stage,
                            columns.fates[row].status != FrameStatus::Complete);
-        cause.place = repeat.place;
-        cause.time = repeat.time;
+        cause.place = repeat.pass.place;
+        cause.time = repeat.pass.left;
         cause.count = first;
         cause.other = second;
     }

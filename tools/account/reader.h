@@ -3,20 +3,26 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "tools/account/running.h"
 #include "tools/account/scene.h"
 #include "tools/log/capture.h"
+#include "tools/log/dump.h"
 
 namespace tools {
 
 // What was read of a capture.
 struct Readings {
-    std::vector<LoadedConfiguration> configurations;
+    std::vector<std::shared_ptr<LoadedConfiguration>> configurations;
     std::vector<Scene> scenes;  // In the order of their first lines.
     // Lines left out, and steps of the clock, where no scene ran.
     std::vector<Scene::Disturbance> leftOut, clockSteps;
@@ -27,9 +33,6 @@ struct Readings {
 // numbers start again, another scene begins.
 class SceneReader : public MessageSink {
   public:
-    SceneReader();
-    ~SceneReader() override;
-
     void OnMessage(const Message& message, const Moment& moment) override;
     void OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& place) override;
     void OnClockSet(Micros step, const Moment& moment, const Place& place) override;
@@ -43,34 +46,38 @@ class SceneReader : public MessageSink {
     void Forget(Micros before);
 
   private:
-    struct Process;
-    class Running;
+    struct Process {
+        Scene next;  // What is known of a scene that begins.
+        std::shared_ptr<LoadedConfiguration> configuration;
+        Dumping dumping;
+        // A description as no video, until it shows whether anything comes of it.
+        std::optional<std::pair<Place, Micros>> pending;
+        std::optional<RunningScene> running;
+        // The scene before numbers started again, whose frames may still come out.
+        std::optional<RunningScene> before;
+        // Events since numbers fell, until enough have come to say whether they started again.
+        std::deque<Event> held;
+        std::optional<Micros> endedAt;  // When its last scene ended.
+        Micros last = NO_TIME;          // The time of its last line.
+    };
 
-    Process& ProcessOf(int32_t number);
     void Load(Process& process, Micros time);
     void Describe(Process& process, const Message& message, Micros time);
     void RefusePending(Process& process);
-    void Refuse(Process& process, Refusal why, const Place& place, Micros time);
-    Scene Begin(const Process& process, const Place& place, Micros time) const;
-    void Start(Process& process, const Place& place, Micros time);
+    void Refuse(const Process& process, Refusal why, const Place& place, Micros time);
+    RunningScene& Start(Process& process, const Place& place, Micros time);
     void OnEvent(Process& process, const Message& message, const Moment& moment);
     void TakeHeld(Process& process, bool isAll);
-    static const Message* NextStart(const Process& process);
     void Cut(Process& process);
     void Restart(Process& process);
-    void Take(Process& process, const Message& message, const Moment& moment);
-    void EndScene(Process& process, Stop stopped, const Place& place, Micros time);
-    // Adds the process's scenes, closed. `before`: its scene before numbers started again.
-    void Close(const Process& process, std::optional<Running> before, Running running, Stop stopped,
-               Micros stop, std::vector<Scene>& closed) const;
-    Readings ReadingsOf(std::vector<Scene> scenes) const;
+    void EndScene(Process& process, Stop stopped, Micros stop, const Place& place = {});
+    void Close(const Process& process, RunningScene& running, Stop stopped, Micros stop);
+    Readings Sorted();
 
     std::map<int32_t, Process> processes;
-    std::vector<Scene> ended;
-    std::vector<LoadedConfiguration> configurations;
-    std::vector<std::pair<Micros, int32_t>> loads;  // When which process loaded the library.
-    std::vector<Scene::Disturbance> leftOutside, clockOutside;  // Outside of scenes.
-    bool hasThreads = false;
+    Readings read;
+    std::pair<Micros, int32_t> lastLoad = {NO_TIME, -1};  // When which process loaded the library.
+    std::set<std::string, std::less<>> names;             // Of the events that are held.
     Micros latest = 0;
 };
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -61,8 +62,8 @@ struct Pass {
     // start. Line 0: it was not seen to leave.
     Micros left = NO_TIME;
     Place place;
-    uint16_t reporter = 0;  // Of Scene::reporters, for a node end;
-    uint16_t thread = 0;    // of Scene::threads.
+    int32_t thread = -1;    // That logged this; -1 where it is not known.
+    uint16_t reporter = 0;  // Of Scene::reporters, for a node end.
     uint8_t seen = 0;       // Which of its lines there are.
 
     bool HasLeft() const { return place.line != 0; }
@@ -111,13 +112,13 @@ struct Scene {
     Stop stopped = Stop::CaptureEnd;
     int32_t process = -1;
     int32_t width = 0, fps = 0;  // As described; 0 where not known.
-    bool isDescribed = false, isVideo = false;
+    bool isDescribed = false;
     bool isStarted = false;
     bool isBeginningMissing = false;  // The capture starts in its middle.
     bool isAfterEnd = false;          // Its process had just ended another one.
     bool isAlone = false;             // The HAL reports frames and no stages.
     bool hasNodes = false;            // The HAL reports ends of nodes behind the first stage.
-    bool hasThreads = false;
+    bool hasThreads = false;          // Its lines name their threads.
     Refusal refusal = Refusal::None;
     int64_t refusals = 0;                   // How often that was tried in a row.
     std::optional<int64_t> restartedAfter;  // Numbers started again: the newest frame before.
@@ -132,17 +133,14 @@ struct Scene {
     std::optional<int64_t> opener;
     Micros opened = NO_TIME;
     std::vector<Reporter> reporters;
-    std::vector<int32_t> threads;
     std::set<int32_t> setThreads;  // Handed to the service.
     struct Repeat {
-        uint32_t frame;
         int32_t stage;
-        uint16_t reporter;
-        Place place;
-        Micros time;
+        Pass pass;
     };
-    std::vector<Repeat> repeats;    // Node ends of stages that the frame had left.
-    std::vector<Micros> evictions;  // When the library made room in the table.
+    std::map<int64_t, Repeat> repeats;  // By number, the first node end of a stage that the frame
+                                        // had left.
+    std::vector<Micros> evictions;      // When the library made room in the table.
     struct Disturbance {
         Micros time;
         int64_t amount;  // Lines; microseconds.
@@ -162,9 +160,6 @@ struct Scene {
     int32_t Rate() const { return fps > 0 ? fps : 60; }
     Micros Period() const { return SECOND / Rate(); }
 
-    Pass& PassOf(size_t frame, int32_t stage) {
-        return passes[frame * static_cast<size_t>(stageCount) + static_cast<size_t>(stage)];
-    }
     const Pass& PassOf(size_t frame, int32_t stage) const {
         return passes[frame * static_cast<size_t>(stageCount) + static_cast<size_t>(stage)];
     }
@@ -201,12 +196,6 @@ struct LoadedConfiguration {
     Configuration configuration;
     std::vector<Finding> findings;  // Of the checker.
 };
-
-// Of a number that counts from one, as Scene::configuration; null for 0.
-template <typename Loaded>
-auto* ConfigurationOf(Loaded& configurations, size_t number) {
-    return number == 0 ? nullptr : &configurations[number - 1].configuration;
-}
 
 // The numbers of the cameras whose nodes were reported.
 std::set<int32_t> CamerasOf(const Scene& scene);

@@ -39,9 +39,9 @@ void FindThreads(const Scene& scene, std::vector<Cause>& causes) {
     if (!scene.hasThreads || scene.isBeginningMissing) {
         return;
     }
-    std::map<uint16_t, const Pass*> firstOf;  // By thread.
+    std::map<int32_t, const Pass*> firstOf;  // By thread.
     for (const Pass& pass : scene.passes) {
-        if (pass.HasLeft() && (pass.seen & NODE_END) != 0 && pass.thread < scene.threads.size()) {
+        if (pass.HasLeft() && (pass.seen & NODE_END) != 0) {
             firstOf.try_emplace(pass.thread, &pass);
         }
     }
@@ -49,8 +49,7 @@ void FindThreads(const Scene& scene, std::vector<Cause>& causes) {
     if (firstOf.size() < 2) {
         return;
     }
-    for (const auto& [thread, pass] : firstOf) {
-        const int32_t tid = scene.threads[thread];
+    for (const auto& [tid, pass] : firstOf) {
         if (tid != -1 && !scene.setThreads.contains(tid) &&
             pass->reporter < scene.reporters.size()) {
             const Reporter& reporter = scene.reporters[pass->reporter];

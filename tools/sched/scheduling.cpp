@@ -62,8 +62,8 @@ struct SceneMaker {
         use.span.end = counter != nullptr ? counter->time : left;
         if (counter != nullptr) {
             use.thread = counter->thread;
-        } else if (!scene.isAlone && scene.PassOf(row, stage).thread < scene.threads.size()) {
-            use.thread = ThreadOf(scene.threads[scene.PassOf(row, stage).thread]);
+        } else if (!scene.isAlone) {
+            use.thread = ThreadOf(scene.PassOf(row, stage).thread);
         }
     }
 

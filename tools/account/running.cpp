@@ -1,0 +1,411 @@
+#include "tools/account/running.h"
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "cameraframeboost/tarvocameraframeboostutils.h"
+#include "tools/account/limits.h"
+#include "tools/log/calls.h"
+
+namespace tools {
+namespace {
+
+constexpr int32_t MAX_STAGES = 64;        // More is nonsense.
+constexpr uint16_t MAX_REPORTERS = 1000;  // As the index of a reporter: none.
+constexpr size_t PLACES = FrameTracker::DEFAULT_MAX_FRAME_TRACKED;
+
+// Of several times the first one is kept.
+void KeepFirst(Micros& first, Micros time) {
+    first = first == NO_TIME ? time : first;
+}
+
+void NoteTrouble(Frame& frame, const Place& place, Micros time) {
+    if (frame.trouble.line == 0) {
+        frame.trouble = place;
+        frame.troubleTime = time;
+    }
+}
+
+// A frame in error leaves the table without a word.
+bool IsSound(const Frame& frame) {
+    return frame.isStarted && frame.violation == Violation::None;
+}
+
+}  // namespace
+
+RunningScene::RunningScene(Scene begun, std::shared_ptr<LoadedConfiguration> loaded)
+    : scene(std::move(begun)), last(scene.begin), known(std::move(loaded)) {
+    if (known) {
+        GrowStages(known->configuration.stageCount.value_or(0));
+        for (const ConfiguredStage& stage : known->configuration.stages) {
+            GrowStages(std::min(stage.stage, MAX_STAGES - 1) + 1);
+        }
+    }
+}
+
+void RunningScene::GrowStages(int32_t count) {
+    scene.stageCount = std::max(scene.stageCount, std::min(count, MAX_STAGES));
+}
+
+std::optional<int64_t> RunningScene::Opened(const Message& message) const {
+    switch (message.kind) {
+        case MessageKind::NodeEnd:
+            if (message.stage != 0 ||
+                (known && known->configuration.stageCount &&
+                 !known->configuration.IsStagePort(message.name, message.port))) {
+                return {};
+            }
+            [[fallthrough]];
+        case MessageKind::FrameStart:
+        case MessageKind::FrameNotContinuous:
+        case MessageKind::FrameAlreadyExists:
+            return message.frame;
+        default:
+            return {};
+    }
+}
+
+bool RunningScene::IsFarBelow(int64_t number) const {
+    return lastOpened &&
+           number<*lastOpened&& static_cast<uint64_t>(*lastOpened) - static_cast<uint64_t>(number)>
+               PLACES;
+}
+
+bool RunningScene::IsAgain(int64_t number) const {
+    // A HAL may start a frame itself while stage 0 is still behind: that goes on with its count.
+    if (!lastOpened || number >= *lastOpened ||
+        (lastLeft && number >= *lastLeft && StepOf(*lastLeft, number) <= 1)) {
+        return false;
+    }
+    const auto row = rows.find(static_cast<int32_t>(number));
+    return IsFarBelow(number) || (row != rows.end() && number >= 1 && IsThrough(row->second));
+}
+
+RunningScene::Row* RunningScene::Find(int64_t number) {
+    const auto found = rows.find(static_cast<int32_t>(number));
+    return found == rows.end() ? nullptr : &found->second;
+}
+
+RunningScene::Row& RunningScene::FindOrOpen(int64_t number, const Place& place, Micros time) {
+    const auto [found, isNew] = rows.try_emplace(static_cast<int32_t>(number));
+    Row& row = found->second;
+    if (isNew) {
+        row.number = number;
+        row.place = place;
+        row.seen = time;
+    }
+    row.last = std::max(row.last, time);
+    return row;
+}
+
+bool RunningScene::IsThrough(const Row& row) const {
+    const auto stages = static_cast<size_t>(scene.stageCount);
+    return row.isEnded || row.evicted != NO_TIME ||
+           (stages > 0 && row.passes.size() == stages && row.passes.back().HasLeft());
+}
+
+uint16_t RunningScene::ReporterOf(const Message& message) {
+    std::vector<Reporter>& reporters = scene.reporters;
+    const auto found =
+        std::find_if(reporters.begin(), reporters.end(), [&message](const Reporter& reporter) {
+            return reporter.port == message.port && reporter.camera == message.camera &&
+                   reporter.stage == message.stage && reporter.node == message.name;
+        });
+    const auto index =
+        static_cast<uint16_t>(std::min<ptrdiff_t>(found - reporters.begin(), MAX_REPORTERS - 1));
+    if (index == reporters.size()) {
+        reporters.push_back({.node = std::string(message.name),
+                             .port = message.port,
+                             .camera = message.camera,
+                             .stage = message.stage,
+                             .place = message.place});
+    }
+    return index;
+}
+
+void RunningScene::Take(const Event& event) {
+    const Message& message = event.message;
+    const Micros time = event.moment.time;
+    isBehindGap = isBehindStep = false;
+    scene.to = message.place;
+    scene.end = std::max(scene.end, time);
+    scene.hasThreads = scene.hasThreads || event.moment.thread != -1;
+    const Pass by{time, message.place, event.moment.thread, MAX_REPORTERS};
+    NodeEnd& before = nodeEnds[event.moment.thread];
+    if (message.kind == MessageKind::NodeEnd) {
+        return OnNodeEnd(message, by, before);
+    }
+    if (before.isOpen &&
+        EventLines(EventsOf(before.frame, before.stage, before.stageCount)).Take(message)) {
+        TakeEnd(before);
+    }
+    OnEvent(message, by, before);
+}
+
+void RunningScene::OnNodeEnd(const Message& message, Pass by, NodeEnd& end) {
+    GrowStages(message.count);
+    by.reporter = ReporterOf(message);
+    by.seen = NODE_END;
+    Reporter& reporter = scene.reporters[by.reporter];
+    ++reporter.times;
+    if (known) {
+        known->configuration.stageCount = message.count;
+    }
+    if (!reporter.counts && (known || message.stage < 0)) {
+        reporter.counts =
+            message.stage >= 0 && known->configuration.IsStagePort(message.name, message.port);
+    }
+    end = {message.frame, message.stage, message.count, by, !reporter.counts};
+    if (reporter.counts == true) {
+        TakeEnd(end);
+    }
+}
+
+// Takes a node end that counts.
+void RunningScene::TakeEnd(NodeEnd& end) {
+    end.isOpen = false;
+    hasStages = true;
+    scene.hasNodes = scene.hasNodes || end.stage > 0;
+    scene.reporters[end.pass.reporter].counts = true;
+    if (end.stage == 0) {
+        scene.descents += lastLeft && end.frame < *lastLeft ? 1 : 0;
+        lastLeft = end.frame;
+        if (!scene.opener) {
+            scene.opener = end.frame;
+            scene.opened = end.pass.left;
+        }
+    }
+    if (end.frame >= 1) {
+        Leave(FindOrOpen(end.frame, end.pass.place, end.pass.left), end.stage, end.pass);
+        if (end.stage == scene.stageCount - 1 && end.stage > 0) {
+            inFlight.erase(static_cast<int32_t>(end.frame));
+        }
+    }
+}
+
+// The frame leaves the stage, or some more of the lines that say so comes.
+void RunningScene::Leave(Row& row, int32_t stage, const Pass& by) {
+    if (stage < 0 || stage >= scene.stageCount) {
+        return;
+    }
+    row.passes.resize(static_cast<size_t>(scene.stageCount));
+    Pass& pass = row.passes[static_cast<size_t>(stage)];
+    const bool isNodeEnd = (by.seen & NODE_END) != 0;
+    if (isNodeEnd && (pass.seen & NODE_END) != 0) {
+        scene.repeats.try_emplace(row.number, Scene::Repeat{stage, by});
+        scene.endedAgain += stage == 0 ? 1 : 0;
+        return NoteTrouble(row, by.place, by.left);
+    }
+    if (isNodeEnd && row.isEnded) {
+        KeepFirst(row.refused, by.left);  // What follows from it is.
+    }
+    const Pass before = pass;
+    if (!before.HasLeft() || isNodeEnd) {
+        pass = by;
+    }
+    if (before.HasLeft()) {
+        pass.left = before.left;
+        pass.place = before.place;
+    }
+    pass.seen = before.seen | by.seen;
+    stagesLeft = std::max(stagesLeft, stage + 1);
+}
+
+void RunningScene::OnEvent(const Message& message, const Pass& by, const NodeEnd& before) {
+    const Micros time = by.left;
+    const auto row = [&]() -> Row& { return FindOrOpen(message.frame, message.place, time); };
+    const auto violate = [&](Violation violation) {
+        Row& violated = row();
+        NoteTrouble(violated, message.place, time);
+        if (violated.violation == Violation::None || violated.violation == Violation::NoSuchStage) {
+            violated.violation = violation;
+            violated.violationStage = message.stage;
+            violated.violationOther = message.otherStage;
+        }
+    };
+    switch (message.kind) {
+        case MessageKind::StageStart:
+        case MessageKind::StageEnd: {
+            GrowStages(std::min(message.stage, MAX_STAGES - 1) + 1);
+            hasStages = true;
+            Pass pass = by;
+            if (message.kind == MessageKind::StageEnd) {
+                pass.seen = STAGE_END;
+                return Leave(row(), message.stage, pass);
+            }
+            Leave(row(), message.stage - 1, pass);
+            if (message.stage >= 0 && message.stage < scene.stageCount) {
+                row().passes.resize(static_cast<size_t>(scene.stageCount));
+                row().passes[static_cast<size_t>(message.stage)].seen |= STAGE_START;
+            }
+            return;
+        }
+        case MessageKind::FrameAlreadyExists:
+            row().isDuplicate = true;
+            return NoteTrouble(row(), message.place, time);
+        case MessageKind::FrameStart:
+        case MessageKind::FrameNotContinuous:
+            return OnStart(message, time);
+        case MessageKind::TableFull:
+            return OnEviction(message.place, time);
+        case MessageKind::FrameEnd:
+            row().isEnded = true;
+            KeepFirst(row().end, time);
+            inFlight.erase(static_cast<int32_t>(message.frame));
+            return;
+        case MessageKind::EndedFrameNotExist:
+            if (Row* const ended = Find(message.frame)) {
+                KeepFirst(ended->refusedEnd, time);
+            }
+            return;
+        case MessageKind::FrameNotExist:
+            // Of a number that nobody knows there is no frame.
+            if (Row* const gone = Find(message.frame)) {
+                if (!gone->isEnded) {
+                    KeepFirst(gone->refused, time);
+                }
+                // What a node's end led to says no more than that.
+                if (before.frame != message.frame || time - before.pass.left > limits::TOGETHER) {
+                    refused.emplace_back(message.frame, by);
+                }
+            }
+            return;
+        case MessageKind::StageNotInRange:
+            return violate(Violation::NoSuchStage);
+        case MessageKind::StageOutOfOrder:
+            return violate(Violation::OutOfOrder);
+        case MessageKind::StageOutOfTurn:
+            return violate(Violation::OutOfTurn);
+        default:
+            return;
+    }
+}
+
+void RunningScene::OnStart(const Message& message, Micros time) {
+    const auto key = static_cast<int32_t>(message.frame);
+    const bool isForwarded = message.kind == MessageKind::FrameStart;
+    Row& row = FindOrOpen(message.frame, message.place, time);
+    const auto isSound = [this](int32_t one) { return IsSound(rows.at(one)); };
+    const bool isNext = inFlight.empty() || !isSound(*inFlight.rbegin()) ||
+                        int64_t{*inFlight.rbegin()} + 1 == message.frame;
+    if (isForwarded && (!isNext || (inFlight.contains(key) && IsSound(row)))) {
+        inFlight.clear();  // What it was taken to hold has left by lines that are missing.
+    }
+    if (isForwarded && row.isStarted) {
+        ++scene.startedAgain;
+    } else if (isForwarded) {
+        row.start = time;
+        row.place = message.place;
+        row.isStarted = true;
+    } else if (!row.isStarted) {
+        KeepFirst(row.start, time);
+        row.isGap = true;
+        row.newestBefore = message.lastFrame;
+        NoteTrouble(row, message.place, time);
+    }
+    // Where a frame is refused, the line that it pushes another one out comes behind this one.
+    while (inFlight.size() > (isForwarded ? PLACES - 1 : PLACES)) {
+        const auto inError = std::find_if_not(inFlight.begin(), inFlight.end(), isSound);
+        inFlight.erase(inError == inFlight.end() ? inFlight.begin() : inError);
+    }
+    inFlight.insert(key);
+}
+
+// The library says only that it made room: the lowest number leaves.
+void RunningScene::OnEviction(const Place& place, Micros time) {
+    const auto oldest = std::find_if(inFlight.begin(), inFlight.end(), [this](int32_t one) {
+        return rows.at(one).isStarted && !IsThrough(rows.at(one));
+    });
+    if (oldest != inFlight.end()) {
+        rows.at(*oldest).evicted = time;
+        NoteTrouble(rows.at(*oldest), place, time);
+        inFlight.erase(oldest);
+    }
+    scene.evictions.push_back(time);
+}
+
+// Where a HAL reports stages itself, the line of a refused event names no stage. Frames go through
+// stages in order, so each moment with such lines is the end of the next one.
+void RunningScene::PlaceRefused() {
+    for (const auto& [number, by] : refused) {
+        Row* const row = Find(number);
+        if (row == nullptr) {
+            continue;  // Forgotten.
+        }
+        const auto next =
+            std::find_if_not(row->passes.begin(), row->passes.end(), std::mem_fn(&Pass::HasLeft));
+        const Micros came = next == row->passes.begin() ? row->start : std::prev(next)->left;
+        if (by.left > std::max(came, row->seen)) {
+            Leave(*row, static_cast<int32_t>(next - row->passes.begin()), by);
+        }
+    }
+}
+
+void RunningScene::Forget(Micros before) {
+    const auto isOld = [before](const auto& one) { return one.time < before; };
+    // Frames that came behind one that stays are told of with it.
+    Micros since = before;
+    for (const auto& [key, row] : rows) {
+        since = row.last < before ? since : std::min(since, row.seen);
+    }
+    if (std::erase_if(rows, [since](const auto& one) { return one.second.seen < since; }) == 0) {
+        return;
+    }
+    std::erase_if(inFlight, [this](int32_t one) { return !rows.contains(one); });
+    std::erase_if(refused, [before](const auto& one) { return one.second.left < before; });
+    std::erase_if(scene.repeats, [before](auto& one) { return one.second.pass.left < before; });
+    std::erase_if(scene.evictions, [before](Micros time) { return time < before; });
+    std::erase_if(scene.leftOut, isOld);
+    std::erase_if(scene.clockSteps, isOld);
+    std::erase_if(scene.silences, [before](const auto& one) { return one.end < before; });
+    scene.isBeginningMissing = true;
+    scene.begin = before;
+}
+
+Scene RunningScene::Closed(Stop stopped, Micros stop) {
+    if (isBehindStep && stopped != Stop::SceneEnd) {
+        scene.clockSteps.pop_back();  // Nothing of the scene came behind it.
+        stop = scene.end;
+    }
+    scene.stopped = stopped;
+    scene.stop = std::max(stop, scene.end);
+    scene.stageNames.resize(static_cast<size_t>(scene.stageCount));
+    const auto name = [this](int32_t stage, const std::string& node) {
+        if (stage >= 0 && stage < scene.stageCount) {
+            std::string& first = scene.stageNames[static_cast<size_t>(stage)];
+            first = first.empty() ? node : first;
+        }
+    };
+    if (known) {
+        scene.configured = known->configuration.stages;
+    }
+    for (const ConfiguredStage& stage : scene.configured) {
+        name(stage.stage, stage.node);
+    }
+    for (const Reporter& reporter : scene.reporters) {
+        name(reporter.counts == true ? reporter.stage : -1, reporter.node);
+    }
+    for (const int32_t one : inFlight) {
+        rows.at(one).isHeld = true;
+    }
+    PlaceRefused();
+    scene.isAlone = !rows.empty() && !hasStages && !scene.opener;
+    std::vector<Row*> order;
+    for (auto& [key, row] : rows) {
+        order.push_back(&row);
+    }
+    std::sort(order.begin(), order.end(),
+              [](const Row* one, const Row* other) { return one->number < other->number; });
+    scene.frames.reserve(order.size());
+    scene.passes.reserve(order.size() * scene.stageNames.size());
+    for (Row* const row : order) {
+        scene.frames.push_back(*row);
+        row->passes.resize(scene.stageNames.size());
+        scene.passes.insert(scene.passes.end(), row->passes.begin(), row->passes.end());
+        row->passes = {};
+    }
+    return std::move(scene);
+}
+
+}  // namespace tools
