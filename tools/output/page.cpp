@@ -10,7 +10,6 @@
 #include <cmath>
 #include <functional>
 #include <map>
-#include <optional>
 #include <regex>
 #include <span>
 #include <utility>
@@ -331,48 +330,44 @@ void WriteScene(std::ostream& out, const Account& account, const Scheduling* sch
     out << "</section>\n";
 }
 
+// What became of a frame: the cells of status, stage and reason.
+std::vector<std::string> CellsOf(const Fate& fate) {
+    const std::string word = WordOf(fate);
+    return {fate.isLate && word != "late" ? word + ", late" : word,
+            fate.stage >= 0 ? std::to_string(fate.stage) : "", DescriptionOf(fate)};
+}
+
 // Frames that are not complete, or late: those of consecutive numbers to which the same happened
 // are a row.
 void AddFrames(Rows& rows, const Account& account, size_t index) {
-    struct Run {
-        FrameRange numbers;
-        std::vector<std::string> fate;  // In the cells.
-        Micros first = NO_TIME, last = NO_TIME;
-        Micros latency = NO_TIME, interval = NO_TIME;  // The longest.
-        Place place;                                   // Of the first.
-    };
     const JudgedScene& scene = account.scenes[index];
-    std::vector<Run> runs;
-    for (size_t row = 0; row < scene.frames.size(); ++row) {
+    // When the frame came out, else when it was last heard of.
+    const auto secondsOf = [&](size_t row) {
+        const Frame& frame = scene.frames[row];
+        const Micros moment =
+            std::max({frame.seen, frame.start, frame.end, scene.FateOf(row).output});
+        return moment == NO_TIME ? "" : Seconds(moment - scene.begin) + " s";
+    };
+    for (size_t row = 0, next = 1; row < scene.frames.size(); row = next++) {
         if (!Shown{}.Has(scene, row)) {
             continue;
         }
-        const Frame& frame = scene.frames[row];
-        const Fate& fate = scene.FateOf(row);
-        const std::string_view word = WordOf(fate);
-        const std::vector<std::string> cells = {
-            fmt::format("{}{}", word, fate.isLate && word != "late" ? ", late" : ""),
-            fate.stage >= 0 ? std::to_string(fate.stage) : "", DescriptionOf(fate)};
-        // When it came out, else when it was last heard of.
-        const Micros moment =
-            Between(scene.begin, std::max({frame.seen, frame.start, frame.end, fate.output}));
-        if (runs.empty() || runs.back().fate != cells ||
-            StepOf(runs.back().numbers.last, frame.number) != 1) {
-            runs.push_back({{frame.number}, cells, moment, NO_TIME, NO_TIME, NO_TIME, frame.place});
+        const std::vector<std::string> cells = CellsOf(scene.FateOf(row));
+        const Frame& first = scene.frames[row];
+        Micros latency = Between(first.start, first.end), interval = scene.FateOf(row).interval;
+        for (; next < scene.frames.size() && Shown{}.Has(scene, next) &&
+               StepOf(scene.frames[next - 1].number, scene.frames[next].number) == 1 &&
+               CellsOf(scene.FateOf(next)) == cells;
+             ++next) {
+            const Frame& frame = scene.frames[next];
+            latency = std::max(latency, Between(frame.start, frame.end));
+            interval = std::max(interval, scene.FateOf(next).interval);
         }
-        Run& run = runs.back();
-        run.numbers.last = frame.number;
-        run.last = moment;
-        run.latency = std::max(run.latency, Between(frame.start, frame.end));
-        run.interval = std::max(run.interval, fate.interval);
-    }
-    const auto secondsOf = [](Micros time) { return time == NO_TIME ? "" : Seconds(time) + " s"; };
-    for (const Run& run : runs) {
-        rows.push_back({std::to_string(index + 1), RangeLinks(index, run.numbers),
-                        std::to_string(run.numbers.last - run.numbers.first + 1), run.fate[0],
-                        run.fate[1], run.fate[2], secondsOf(run.first), secondsOf(run.last),
-                        ShortMilliseconds(run.latency), ShortMilliseconds(run.interval),
-                        Named(ToString(account, run.place))});
+        rows.push_back({std::to_string(index + 1),
+                        RangeLinks(index, {first.number, scene.frames[next - 1].number}),
+                        std::to_string(next - row), cells[0], cells[1], cells[2], secondsOf(row),
+                        secondsOf(next - 1), ShortMilliseconds(latency),
+                        ShortMilliseconds(interval), Named(ToString(account, first.place))});
     }
 }
 

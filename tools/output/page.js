@@ -229,10 +229,11 @@
         span: (pen, x, y, w, h) =>
             fill(pen, 'ink', [x, y, 1, h], [x + w, y, 1, h], [x, y + h / 2, w, 1]),
     };
-    const write = (pen, name, align, text, x, y) => {
+    // `room`: a longer text is written narrower.
+    const write = (pen, name, align, text, x, y, room) => {
         pen.fillStyle = color(name);
         pen.textAlign = align;
-        pen.fillText(text, x, y);
+        pen.fillText(text, x, y, room);
     };
 
     // ---- Charts: rows over time ----
@@ -241,7 +242,6 @@
     const EDGE = 12;  // Drawn there is what is farther out of sight.
     let breadth = 0;
     let gutter = 0;  // For the names of rows.
-    let isPaper = false;
 
     const scaleOf = (from, to) => ({
         from,
@@ -267,18 +267,12 @@
         }
     }
 
-    function drawName(pen, name, y) {
-        let shown = name;
-        while (shown.length > 1 && pen.measureText(shown).width > gutter - 8) {
-            shown = `${shown.slice(0, -2)}…`;
-        }
-        write(pen, 'ink', 'left', shown, 0, y);
-    }
-
-    // Draws rows, one below the other, before a background, and returns the pen and the rows with their tops.
+    // Draws rows, one below the other, before a background. Returns the pen, and the rows with their
+    // tops.
     function drawChart(element, scale, rows, background = () => {}) {
         const height = rows.reduce((sum, row) => sum + row.height, AXIS);
-        const ratio = isPaper ? 4 : window.devicePixelRatio || 1;
+        const isPaper = document.documentElement.classList.contains('paper');
+        const ratio = isPaper ? 4 : window.devicePixelRatio;
         element.style.height = `${height}px`;
         element.width = Math.round(breadth * ratio);
         element.height = Math.round(height * ratio);
@@ -292,7 +286,7 @@
             const y = top;
             top += row.height;
             fill(pen, 'rule', [0, top - 1, breadth, row.isRuled ? 1 : 0]);
-            drawName(pen, row.name, y + row.height / 2);
+            write(pen, 'ink', 'left', row.name, 0, y + row.height / 2, gutter - 8);
             return { ...row, y };
         });
         pen.rect(gutter, 0, breadth - gutter, height);
@@ -376,8 +370,14 @@
     const stageRow = ({ name, frames, came, begun, left, stands }, stage) => {
         const thing = (shape, frame, from, to, what) => ({ shape, frame, from, to,
             text: () => `frame ${scene.numbers[frame]}, stage ${stage} (${name}): ${what()}` });
+        // From when to when the frame was in the stage; nothing where it never was.
+        const stayOf = (frame) => {
+            const k = frames.indexOf(frame);
+            return k < 0 ? stands.find((one) => one.frame === frame)
+                : { since: came[k], until: left[k], hasLeft: true };
+        };
         return {
-            ...ROW, id: stage, name: `${stage} ${name}`,
+            ...ROW, id: stage, name: `${stage} ${name}`, stayOf,
             *things(scale) {
                 // Frames that have come by the view's end leave within a minute.
                 for (const k of inSight(left, scale, 60)) {
@@ -394,12 +394,11 @@
                 for (const { frame, since, until } of stands) {
                     yield thing('stands', frame, since, until, () => 'never seen to leave');
                 }
-            },
-            // From when to when the frame was in the stage; nothing where it never was.
-            stayOf(frame) {
-                const k = frames.indexOf(frame);
-                return k < 0 ? stands.find((one) => one.frame === frame)
-                    : { since: came[k], until: left[k], hasLeft: true };
+                const stay = stayOf(chosen);
+                if (stay) {
+                    yield { shape: 'chosen', to: stay.until,
+                        from: isNaN(stay.since) ? stay.until : stay.since };
+                }
             },
         };
     };
@@ -443,9 +442,9 @@
     const partsRow = ({ name, parts }, stage) => ({
         name: `${stage} ${name}`, height: 16, pad: 2,
         *things() {
-            const length = scene.stop / parts.length;
-            for (const [part, figures] of parts.entries()) {
-                for (const shape of figures ? ['high', 'median'] : []) {
+            const length = scene.stop / scene.parts;
+            for (const { part, ...figures } of parts) {
+                for (const shape of ['high', 'median']) {
                     const top = 1 - Math.min(figures[shape] / scene.top, 1);
                     yield { shape, from: part * length, to: (part + 1) * length, top, bottom: top };
                 }
@@ -473,14 +472,6 @@
             const [a, b] = [from, to].map((id) => places.find(({ thread }) => thread === id)?.y + 10);
             shapes.wake(pen, scale.x(time), a, 0, b - a);
         }
-        for (const { y, stayOf } of places) {
-            const stay = stayOf?.(chosen);
-            if (stay) {
-                const to = scale.x(stay.until);
-                const from = isNaN(stay.since) ? to : scale.x(stay.since);
-                shapes.chosen(pen, from, y + ROW.pad, to - from, ROW.height - 2 * ROW.pad);
-            }
-        }
         if (span) {
             const [a, b] = span.map(scale.x).sort((one, other) => one - other);
             shapes.span(pen, a, AXIS, b - a, height - AXIS);
@@ -493,15 +484,14 @@
                 Math.max(x(view.to) - x(view.from), 2), high));
     }
 
-    let isDue = false;
+    let due = 0;
     function redraw() {
-        if (!isDue) {
-            isDue = true;
-            requestAnimationFrame(() => {
-                isDue = false;
-                draw();
-            });
-        }
+        cancelAnimationFrame(due);
+        due = requestAnimationFrame(draw);
+    }
+    function repaint() {
+        drawLegend();
+        draw();
     }
 
     // ---- What is where ----
@@ -731,11 +721,11 @@
             }
         }
     });
-    finder.addEventListener('keydown', (event) => {
-        if (event.key === 'Enter') {
+    finder.onkeydown = ({ key }) => {
+        if (key === 'Enter') {
             find(finder.value.trim());
         }
-    });
+    };
     picker.onchange = async () => {
         await open(Number(picker.value));
         look(0, scene.stop);
@@ -760,15 +750,16 @@
     // From the address: "#scene=1&from=1.5&to=2&frame=100"; or "#finding=3", by the numbers of the
     // page's list.
     async function go() {
-        const asked = Object.fromEntries(new URLSearchParams(location.hash.slice(1)));
+        const asked = location.hash ? Object.fromEntries(new URLSearchParams(location.hash.slice(1)))
+            : { scene: scenes[0].scene, from: 0, to: 5 };
         const item = document.getElementById(`f${asked.finding}`);
         if (item) {
-            const { scene, time, frame } = item.dataset;
-            Object.assign(asked, { scene: Number(scene) + 1, frame },
+            const { scene: index, time, frame } = item.dataset;
+            Object.assign(asked, { scene: Number(index) + 1, frame },
                 time && { from: Number(time) - 0.5, to: Number(time) + 1 });
         }
         const wanted = scenes.findIndex((one) => one.scene === Number(asked.scene));
-        if (location.hash && wanted < 0) {
+        if (scene && wanted < 0) {
             return;  // A link to something else on the page.
         }
         await open(Math.max(wanted, 0));
@@ -778,8 +769,6 @@
             visited = findings.find((one) => one.item === item) ?? null;
         } else if (found >= 0) {
             lookAround(scene.moments[found], 0.15);
-        } else if (wanted < 0) {
-            view = { from: 0, to: Math.min(scene.stop, 5) };
         }
         choose(found);
         if (wanted >= 0 && document.activeElement?.matches('a')) {
@@ -817,23 +806,16 @@
         }));
     }
 
-    await open(0);
     await go();
-    drawLegend();
-    draw();
+    repaint();
     addEventListener('popstate', go);
     new ResizeObserver(redraw).observe(board);
-    matchMedia('(prefers-color-scheme: dark)').addEventListener('change', () => {
-        drawLegend();
-        redraw();
-    });
+    matchMedia('(prefers-color-scheme: dark)').addEventListener('change', repaint);
     // What is printed has the paper's colours and width.
     for (const name of ['beforeprint', 'afterprint']) {
         addEventListener(name, () => {
-            isPaper = name === 'beforeprint';
-            document.documentElement.classList.toggle('paper', isPaper);
-            drawLegend();
-            draw();
+            document.documentElement.classList.toggle('paper', name === 'beforeprint');
+            repaint();
         });
     }
     // For programs that look at the page.

@@ -6,7 +6,6 @@
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -18,10 +17,12 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+constexpr Micros PARTS = 200;  // Of a scene, in the overview.
+
 // A column of numbers, times in microseconds for example, each as the step from the last one that
 // is known, at first from `origin`; null where it is not known. So they take little room.
-template <typename All, typename ValueOf>
-Json StepsOf(int64_t origin, const All& all, ValueOf valueOf) {
+template <typename All, typename ValueOf = std::identity>
+Json StepsOf(int64_t origin, const All& all, ValueOf valueOf = {}) {
     Json steps = Json::array();
     for (const auto& one : all) {
         const int64_t value = valueOf(one);
@@ -43,13 +44,13 @@ Micros LengthOf(const JudgedScene& scene) {
 // The numbers of frames, as the first of each run of consecutive ones, in text as they may be
 // larger than a script's numbers, and how many there are.
 Json NumbersOf(const JudgedScene& scene) {
-    std::vector<std::pair<std::string, int64_t>> runs;
-    for (size_t row = 0; row < scene.frames.size(); ++row) {
-        const int64_t number = scene.frames[row].number;
-        if (row == 0 || StepOf(scene.frames[row - 1].number, number) != 1) {
-            runs.emplace_back(std::to_string(number), 0);
-        }
-        ++runs.back().second;
+    std::vector<int64_t> numbers;
+    for (const Frame& frame : scene.frames) {
+        numbers.push_back(frame.number);
+    }
+    Json runs = Json::array();
+    for (const FrameRange& run : RangesOf(numbers)) {
+        runs.push_back({std::to_string(run.first), run.last - run.first + 1});
     }
     return runs;
 }
@@ -80,8 +81,8 @@ Json StandOf(const JudgedScene& scene, const Lost& lost, uint32_t row,
 
 // The frames of a stage in the order in which they left it: when each left, how long it had waited,
 // and how long the stage had worked on it; those that never left; and for an overview, of each part
-// of the scene, the median and the 95th percentile of how long frames were in the stage, null where
-// none left. Adds the percentiles to `highs`.
+// of the scene in which frames left, the median and the 95th percentile of how long they had been
+// in the stage. Adds the percentiles to `highs`.
 Json StageOf(const JudgedScene& scene, int32_t stage, std::vector<Micros>& highs) {
     const Columns& columns = scene.columns;
     const bool isLeft = stage < columns.stages && !scene.isAlone;
@@ -104,24 +105,19 @@ Json StageOf(const JudgedScene& scene, int32_t stage, std::vector<Micros>& highs
             stands.push_back(StandOf(scene, lost, row, order));
         }
     }
-    constexpr Micros PARTS = 200;
-    std::vector<std::vector<Micros>> stays(PARTS);
+    std::map<Micros, std::vector<Micros>> stays;
     for (const uint32_t row : order) {
-        if (const Micros came = cameOf(row), left = leftOf(row); came != NO_TIME) {
-            const Micros part = (left - scene.begin) * PARTS / LengthOf(scene);
-            stays[static_cast<size_t>(std::clamp<Micros>(part, 0, PARTS - 1))].push_back(left -
-                                                                                         came);
+        if (cameOf(row) != NO_TIME) {
+            const Micros part = (leftOf(row) - scene.begin) * PARTS / LengthOf(scene);
+            stays[std::min(part, PARTS - 1)].push_back(leftOf(row) - cameOf(row));
         }
     }
-    for (std::vector<Micros>& part : stays) {
-        parts.push_back(nullptr);
-        if (!part.empty()) {
-            highs.push_back(QuantileOf(part, 0.95, 0));
-            parts.back() = {{"median", MedianOf(part, 0)}, {"high", highs.back()}};
-        }
+    for (auto& [part, times] : stays) {
+        highs.push_back(QuantileOf(times, 0.95, 0));
+        parts.push_back({{"part", part}, {"median", MedianOf(times, 0)}, {"high", highs.back()}});
     }
     return {{"name", scene.stageNames[static_cast<size_t>(stage)]},
-            {"frames", StepsOf(0, order, std::identity())},
+            {"frames", StepsOf(0, order)},
             {"left", StepsOf(scene.begin, order, leftOf)},
             {"waits", StepsOf(0, order, waitOf)},
             {"works", StepsOf(0, order, workOf)},
@@ -147,9 +143,8 @@ Json OutputsOf(const JudgedScene& scene) {
             frames.push_back(row);
         }
     }
-    return {{"moments", StepsOf(scene.begin, moments, std::identity())},
-            {"frames", StepsOf(0, frames, std::identity())},
-            {"late", late}};
+    return {
+        {"moments", StepsOf(scene.begin, moments)}, {"frames", StepsOf(0, frames)}, {"late", late}};
 }
 
 // How many frames were in flight, from each time on.
@@ -209,26 +204,25 @@ Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t t
             {"cpus", cpus}};
 }
 
-// The threads of a scene: the pipeline's by their stages, then those that kept them.
+// The threads of a scene: the pipeline's with the first of their stages, and those that kept them.
 Json ThreadsOf(const JudgedScene& scene, const Scheduling& scheduling,
                const SceneScheduling& ofScene) {
-    std::set<int32_t> others;
+    const std::vector<SchedThread>& known = scheduling.trace->threads;
+    std::map<int32_t, int32_t> stages;  // By the ids of threads.
     for (const SceneFinding& finding : scene.findings) {
         for (const CauseLink& link : finding.chain) {
-            others.insert(link.thread);
+            stages[link.thread] = -1;
+        }
+    }
+    for (const ThreadUse& use : ofScene.threads) {
+        if (!use.stages.empty()) {
+            stages[known[use.thread].tid] = use.stages.front();
         }
     }
     Json threads = Json::array();
-    const std::vector<SchedThread>& known = scheduling.trace->threads;
-    for (const ThreadUse& use : ofScene.threads) {
-        if (!use.stages.empty()) {
-            threads.push_back(ThreadOf(scene, scheduling, use.thread, use.stages.front()));
-            others.erase(known[use.thread].tid);
-        }
-    }
     for (uint32_t thread = 0; thread < known.size(); ++thread) {
-        if (others.contains(known[thread].tid)) {
-            threads.push_back(ThreadOf(scene, scheduling, thread, -1));
+        if (const auto stage = stages.find(known[thread].tid); stage != stages.end()) {
+            threads.push_back(ThreadOf(scene, scheduling, thread, stage->second));
         }
     }
     return threads;
@@ -268,6 +262,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
         const Json data = {{"begin", Seconds(scene.begin)},
                            {"stop", Seconds(LengthOf(scene))},
                            {"clock", ClockOf(account, scene)},
+                           {"parts", PARTS},
                            {"period", 1.0 / scene.Rate()},
                            {"numbers", NumbersOf(scene)},
                            {"words", words},
