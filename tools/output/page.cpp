@@ -5,7 +5,6 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <cmath>
 #include <functional>
@@ -218,73 +217,46 @@ void WriteFindings(std::ostream& out, const Account& account) {
 }
 
 // A row: the figures, and how the values that they are of are distributed.
-template <typename ValueOf>
-std::vector<std::string> FigureOf(const JudgedScene& scene, const std::string& title,
-                                  const Statistics& figures, ValueOf valueOf) {
-    constexpr Micros BINS = 40;
+std::vector<std::string> FigureOf(const std::string& title, const Statistics& figures) {
     constexpr int HEIGHT = 22;
     std::vector<std::string> row = {Named(title), std::to_string(figures.count)};
-    if (figures.count == 0) {
-        row.resize(8);
-        return row;
-    }
     for (const Micros value : {figures.p50, figures.p90, figures.p95, figures.p99, figures.max}) {
-        row.push_back(ShortMilliseconds(value));
+        row.push_back(figures.count == 0 ? "" : ShortMilliseconds(value));
     }
-    // Up to a little more than almost all values; the last bin has the rest. The times of most
-    // captures are whole milliseconds: bins of less would leave holes.
-    const Micros top = std::clamp<Micros>(figures.p99 * 5 / 4, 0, figures.max);
-    const Micros bin = (top / (BINS - 1) / MILLISECOND + 1) * MILLISECOND;
-    std::array<double, BINS> counts{};
-    for (size_t i = 0; i < scene.frames.size(); ++i) {
-        if (const Micros value = valueOf(i); value != NO_TIME) {
-            ++counts[static_cast<size_t>(std::clamp<Micros>(value / bin, 0, BINS - 1))];
-        }
-    }
-    const double most = std::max(1.0, *std::max_element(counts.begin(), counts.end()));
+    const auto& bins = figures.bins;
+    const auto most = static_cast<double>(*std::max_element(bins.begin(), bins.end()));
     std::string bars;
-    for (size_t i = 0; i < counts.size(); ++i) {
-        if (counts[i] > 0) {
+    for (size_t i = 0; i < bins.size(); ++i) {
+        if (bins[i] > 0) {
             // Square roots, so that a single one shows among thousands.
-            const int height = static_cast<int>(std::sqrt(counts[i] / most) * HEIGHT);
-            bars += fmt::format("M{} {}v{}h3V{}z", i * 4, HEIGHT, -std::max(2, height), HEIGHT);
+            const double share = std::sqrt(static_cast<double>(bins[i]) / most);
+            bars += fmt::format("M{} {}v{}h3V{}z", i * 4, HEIGHT,
+                                -std::max(2, static_cast<int>(share * HEIGHT)), HEIGHT);
         }
     }
-    row.push_back(
-        fmt::format("<svg class=histogram role=img width={} height={}><title>{}: 0 to {} "
-                    "ms; the last bar is all beyond</title><path d=\"{}\"/></svg>",
-                    BINS * 4, HEIGHT, Escaped(title), ShortMilliseconds(bin * BINS), bars));
+    const Micros end = figures.bin * std::ssize(bins);
+    row.push_back(figures.count == 0
+                      ? ""
+                      : fmt::format("<svg class=histogram role=img width={} height={}><title>{}: 0 "
+                                    "to {} ms; the last bar is "
+                                    "all beyond</title><path d=\"{}\"/></svg>",
+                                    bins.size() * 4, HEIGHT, Escaped(title), ShortMilliseconds(end),
+                                    bars));
     return row;
 }
 
 Rows FiguresOf(const JudgedScene& scene) {
     const Figures& figures = scene.figures;
-    Rows rows = {{"times of", "n", "p50", "p90", "p95", "p99", "max", "distribution"}};
-    const auto add = [&](const std::string& title, const Statistics& ofAll, const auto& valueOf) {
-        rows.push_back(FigureOf(scene, title, ofAll, valueOf));
-    };
-    add("latency", figures.latency,
-        [&](size_t row) { return Between(scene.frames[row].start, scene.frames[row].end); });
-    add("output interval", figures.interval,
-        [&](size_t row) { return scene.FateOf(row).interval; });
+    Rows rows = {{"times of", "n", "p50", "p90", "p95", "p99", "max", "distribution"},
+                 FigureOf("latency", figures.latency),
+                 FigureOf("output interval", figures.interval)};
     for (size_t i = 0; i < figures.stages.size(); ++i) {
-        const auto timesOf = [&](size_t row) {
-            return scene.TimesOf(row, static_cast<int32_t>(i));
-        };
-        const auto stayOf = [&](size_t row) {
-            return Between(timesOf(row).start, timesOf(row).end);
-        };
-        const auto waitOf = [&](size_t row) { return timesOf(row).wait; };
-        const auto workOf = [&](size_t row) { return timesOf(row).work; };
         const std::string title = FigureTitleOf(scene, i);
-        if (i == 0) {  // How long it takes is not known: no line says when the sensor began.
-            add(title, figures.works[i], workOf);
-            continue;
-        }
-        add(title, figures.stages[i], stayOf);
-        if (figures.waits[i].max > 0) {  // Else all is work.
-            add(title + ": waiting", figures.waits[i], waitOf);
-            add(title + ": at work", figures.works[i], workOf);
+        // How long stage 0 takes is not known: no line says when the sensor began.
+        rows.push_back(FigureOf(title, i == 0 ? figures.works[i] : figures.stages[i]));
+        if (i > 0 && figures.waits[i].max > 0) {  // Else all is work.
+            rows.push_back(FigureOf(title + ": waiting", figures.waits[i]));
+            rows.push_back(FigureOf(title + ": at work", figures.works[i]));
         }
     }
     return rows;

@@ -80,9 +80,10 @@
     async function unpack({ scene, data }) {
         const bytes = Uint8Array.from(atob(data), (letter) => letter.charCodeAt(0));
         const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('gzip'));
-        const shown = { ...await new Response(stream).json(), scene };
+        const { frames, ...more } = await new Response(stream).json();
+        const shown = { ...more, ...frames, scene };
         const { outputs, flight } = shown;
-        shown.numbers = shown.numbers.flatMap(([first, length]) =>
+        shown.numbers = frames.numbers.flatMap(([first, length]) =>
             Array.from({ length }, (_, i) => String(BigInt(first) + BigInt(i))));
         for (const stage of shown.stages) {
             const [left, waits, works] = [stage.left, stage.waits, stage.works].map(timesOf);
@@ -90,7 +91,7 @@
             const came = begun.map((time, k) => time - waits[k]);
             Object.assign(stage, { frames: sumsOf(stage.frames), came, begun, left });
         }
-        shown.moments = timesOf(outputs.moments);
+        shown.moments = timesOf(frames.moments);
         outputs.frames = sumsOf(outputs.frames);
         outputs.times = outputs.frames.map((i) => shown.moments[i]);
         outputs.late = new Set(outputs.late);

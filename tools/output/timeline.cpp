@@ -42,24 +42,24 @@ Micros LengthOf(const JudgedScene& scene) {
 }
 
 // The numbers of frames, as the first of each run of consecutive ones, in text as they may be
-// larger than a script's numbers, and how many there are.
-Json NumbersOf(const JudgedScene& scene) {
+// larger than a script's numbers, and how many there are; what became of each frame; and when it
+// came out, else when it was last heard of.
+Json FramesOf(const JudgedScene& scene) {
     std::vector<int64_t> numbers;
-    for (const Frame& frame : scene.frames) {
-        numbers.push_back(frame.number);
+    std::vector<Micros> moments;
+    Json runs = Json::array(), words = Json::array();
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        const Fate& fate = scene.FateOf(row);
+        numbers.push_back(scene.frames[row].number);
+        moments.push_back(fate.isOut ? fate.output : scene.LastOf(row).second);
+        words.push_back(fmt::format("{}{}{}{}", NameOf(fate.status), fate.isLate ? ", late" : "",
+                                    fate.isNeverOut ? ", never out" : "",
+                                    fate.isUnknown ? ", lines missing" : ""));
     }
-    Json runs = Json::array();
     for (const FrameRange& run : RangesOf(numbers)) {
         runs.push_back({std::to_string(run.first), run.last - run.first + 1});
     }
-    return runs;
-}
-
-// What became of a frame.
-std::string WordsOf(const Fate& fate) {
-    return fmt::format("{}{}{}{}", NameOf(fate.status), fate.isLate ? ", late" : "",
-                       fate.isNeverOut ? ", never out" : "",
-                       fate.isUnknown ? ", lines missing" : "");
+    return {{"numbers", runs}, {"words", words}, {"moments", StepsOf(scene.begin, moments)}};
 }
 
 // A frame that never came out, in the stage in which it was last: until a later one passed it,
@@ -125,26 +125,20 @@ Json StageOf(const JudgedScene& scene, int32_t stage, std::vector<Micros>& highs
             {"parts", parts}};
 }
 
-// When each frame came out, else when it was last heard of; frames in the order in which they came
-// out; and the places therein of those that came late.
+// Frames in the order in which they came out, and the places therein of those that came late.
 Json OutputsOf(const JudgedScene& scene) {
-    std::vector<Micros> moments;
-    for (size_t row = 0; row < scene.frames.size(); ++row) {
-        const Fate& fate = scene.FateOf(row);
-        moments.push_back(fate.isOut ? fate.output : scene.LastOf(row).second);
-    }
-    std::vector<uint32_t> frames, late;
+    std::vector<uint32_t> frames;
+    Json late = Json::array();
     for (const uint32_t row : scene.columns.outputs) {
         const Fate& fate = scene.FateOf(row);
         if (fate.isOut && fate.isLate && !frames.empty()) {
-            late.push_back(static_cast<uint32_t>(frames.size()));
+            late.push_back(frames.size());
         }
         if (fate.isOut) {
             frames.push_back(row);
         }
     }
-    return {
-        {"moments", StepsOf(scene.begin, moments)}, {"frames", StepsOf(0, frames)}, {"late", late}};
+    return {{"frames", StepsOf(0, frames)}, {"late", late}};
 }
 
 // How many frames were in flight, from each time on.
@@ -251,10 +245,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
         if (scene.columns.isMixed || scene.frames.empty()) {
             continue;
         }
-        Json words = Json::array(), stages = Json::array();
-        for (const Fate& fate : scene.columns.fates) {
-            words.push_back(WordsOf(fate));
-        }
+        Json stages = Json::array();
         std::vector<Micros> highs;
         for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
             stages.push_back(StageOf(scene, stage, highs));
@@ -264,8 +255,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
                            {"clock", ClockOf(account, scene)},
                            {"parts", PARTS},
                            {"period", 1.0 / scene.Rate()},
-                           {"numbers", NumbersOf(scene)},
-                           {"words", words},
+                           {"frames", FramesOf(scene)},
                            {"stages", stages},
                            {"top", QuantileOf(highs, 0.98, 1)},  // Stays seldom exceed it.
                            {"outputs", OutputsOf(scene)},
