@@ -1,6 +1,7 @@
 #include "tools/play/camera.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <toml++/toml.h>
 
 #include <algorithm>
@@ -17,7 +18,8 @@
 namespace tools {
 namespace {
 
-constexpr int64_t MAX_AMOUNT = 60'000;  // A minute, and what a fault is about at most.
+constexpr Micros LONGEST = 60 * SECOND;
+constexpr int64_t MAX_AMOUNT = LONGEST / MILLISECOND;  // Of whatever a fault is about.
 
 struct FaultForm {
     std::string_view name;
@@ -28,7 +30,7 @@ struct FaultForm {
 };
 
 // In the order of FaultKind.
-constexpr std::array<FaultForm, FAULT_KINDS> FAULT_FORMS = {{
+constexpr auto FAULT_FORMS = std::to_array<FaultForm>({
     {"drop", true, false, "", "the sensor drops it and says so"},
     {"lost", true, true, "", "it never comes out of {stage}"},
     {"unreported", true, true, "", "{stage} does its work, but does not report it"},
@@ -45,7 +47,7 @@ constexpr std::array<FaultForm, FAULT_KINDS> FAULT_FORMS = {{
     {"recovered", true, false, "", "the sensor drops it, and the HAL does what is to be done then"},
     {"clock", false, false, "MILLISECONDS", "the log's clock is set by {amount} before it comes"},
     {"rate", true, false, "FPS", "the sensor delivers {amount} frames a second"},
-}};
+});
 
 const FaultForm& FormOf(FaultKind kind) {
     return FAULT_FORMS[static_cast<size_t>(kind)];
@@ -73,10 +75,32 @@ class TableReader {
         return table.get(key);
     }
 
+    const toml::node& Require(std::string_view key, std::string_view expected) {
+        const toml::node* node = Find(key);
+        Expect(node != nullptr, table, key, expected);
+        return *node;
+    }
+
+    // The value of a node, as the type that it has to have.
+    template <typename T>
+    T ValueOf(const toml::node& node, std::string_view key, std::string_view expected) const {
+        const std::optional<T> value = node.value_exact<T>();
+        Expect(value.has_value(), node, key, expected);
+        return *value;
+    }
+
+    int64_t IntegerOf(const toml::node& node, std::string_view key, int64_t lowest,
+                      int64_t highest) const {
+        const auto number = node.value_exact<int64_t>();
+        Expect(number && *number >= lowest && *number <= highest, node, key,
+               fmt::format("a whole number from {} to {}", lowest, highest));
+        return *number;
+    }
+
+    // These leave the value as it is when there is no such key.
     void Read(std::string_view key, bool& value) {
         if (const toml::node* node = Find(key)) {
-            Expect(node->is_boolean(), *node, key, "true or false");
-            value = node->as_boolean()->get();
+            value = ValueOf<bool>(*node, key, "true or false");
         }
     }
 
@@ -84,43 +108,26 @@ class TableReader {
     void Read(std::string_view key, Integer& value, int64_t lowest,
               int64_t highest = std::numeric_limits<Integer>::max()) {
         if (const toml::node* node = Find(key)) {
-            value = IntegerOf<Integer>(*node, key, lowest, highest);
+            value = static_cast<Integer>(IntegerOf(*node, key, lowest, highest));
         }
     }
 
-    void ReadMilliseconds(std::string_view key, Micros& value, Micros highest) {
-        const toml::node* node = Require(key, "milliseconds");
-        const std::optional<double> number = node->value<double>();
-        const double limit = static_cast<double>(highest) / 1000;
-        Expect(node->is_number() && *number >= 0 && *number <= limit, *node, key,
-               "milliseconds from 0 to " + std::to_string(highest / 1000));
-        value = std::llround(*number * 1000);
-    }
-
-    const toml::node* Require(std::string_view key, std::string_view expected) {
-        const toml::node* node = Find(key);
-        Expect(node != nullptr, table, key, expected);
-        return node;
-    }
-
-    template <typename Integer>
-    Integer IntegerOf(const toml::node& node, std::string_view key,
-                      int64_t lowest = std::numeric_limits<Integer>::min(),
-                      int64_t highest = std::numeric_limits<Integer>::max()) const {
-        const auto number = node.value_exact<int64_t>();
-        Expect(number && *number >= lowest && *number <= highest, node, key,
-               fmt::format("a whole number from {} to {}", lowest, highest));
-        return static_cast<Integer>(*number);
+    Micros ReadMilliseconds(std::string_view key, Micros highest) {
+        const toml::node& node = Require(key, "milliseconds");
+        const double number = node.is_number() ? *node.value<double>() : -1;
+        Expect(number >= 0 && number <= static_cast<double>(highest) / MILLISECOND, node, key,
+               fmt::format("milliseconds from 0 to {}", highest / MILLISECOND));
+        return std::llround(number * MILLISECOND);
     }
 
     void Expect(bool holds, const toml::node& node, std::string_view key,
                 std::string_view expected) const {
         if (!holds) {
-            Fail(node.source().begin, std::string(key) + ": expected " + std::string(expected));
+            Fail(node.source().begin, fmt::format("{}: expected {}", key, expected));
         }
     }
 
-    [[noreturn]] void Fail(const toml::source_position& at, const std::string& message) const {
+    [[noreturn]] void Fail(const toml::source_position& at, std::string_view message) const {
         throw CameraError(fmt::format("{}:{}:{}: error: {}", name, at.line, at.column, message));
     }
 
@@ -142,18 +149,19 @@ class TableReader {
 CameraNode ReadNode(const toml::table& table, std::string_view fileName) {
     TableReader reader(table, fileName);
     CameraNode node;
-    const toml::node* name = reader.Require("name", "the node's name");
-    reader.Expect(name->is_string(), *name, "name", "the node's name");
-    node.name = name->as_string()->get();
-    const toml::node* ports = reader.Require("ports", "a list of ports");
-    reader.Expect(ports->is_array() && !ports->as_array()->empty(), *ports, "ports",
-                  "a list of ports");
-    for (const toml::node& port : *ports->as_array()) {
-        node.ports.push_back(reader.IntegerOf<int32_t>(port, "ports"));
+    constexpr std::string_view expectedName = "the node's name";
+    node.name =
+        reader.ValueOf<std::string>(reader.Require("name", expectedName), "name", expectedName);
+    constexpr std::string_view expectedPorts = "a list of ports";
+    const toml::node& ports = reader.Require("ports", expectedPorts);
+    reader.Expect(ports.is_array() && !ports.as_array()->empty(), ports, "ports", expectedPorts);
+    for (const toml::node& port : *ports.as_array()) {
+        node.ports.push_back(
+            static_cast<int32_t>(reader.IntegerOf(port, "ports", INT32_MIN, INT32_MAX)));
     }
     reader.Read("branch", node.isBranch);
-    reader.ReadMilliseconds("median", node.median, MAX_AMOUNT * 1000);
-    reader.ReadMilliseconds("spread", node.spread, node.median);
+    node.median = reader.ReadMilliseconds("median", LONGEST);
+    node.spread = reader.ReadMilliseconds("spread", node.median);
     reader.Read("ahead", node.ahead, 0, 1000);
     reader.Read("workers", node.workers, 1, 1000);
     reader.ExpectNoMore();
@@ -170,33 +178,28 @@ Fault ParseFault(std::string_view text) {
     const auto* const form = std::find_if(FAULT_FORMS.begin(), FAULT_FORMS.end(),
                                           [name](const auto& it) { return it.name == name; });
     if (form == FAULT_FORMS.end()) {
-        std::string names;
-        for (const FaultForm& known : FAULT_FORMS) {
-            names += (names.empty() ? "" : ", ") + UsageOf(known);
-        }
-        fail(names);
+        std::vector<std::string> usages(FAULT_FORMS.size());
+        std::transform(FAULT_FORMS.begin(), FAULT_FORMS.end(), usages.begin(), UsageOf);
+        fail(fmt::format("{}", fmt::join(usages, ", ")));
     }
-    Fault fault;
-    fault.kind = static_cast<FaultKind>(form - FAULT_FORMS.begin());
-    const bool isSigned = fault.kind == FaultKind::Clock;
+    Fault fault{.kind = static_cast<FaultKind>(form - FAULT_FORMS.begin())};
     std::string_view rest = text.substr(name.size());
-    const auto readNumber = [&rest](auto& number) {
+    // Whether there is a number in the range behind the character that separates it.
+    const auto read = [&rest](auto& number, int64_t lowest, int64_t highest) {
         rest.remove_prefix(std::min<size_t>(rest.size(), 1));
-        TakeNumber(rest, number);
-        return number;
+        return TakeNumber(rest, number) && number >= lowest && number <= highest;
     };
-    readNumber(fault.frame);
+    const bool isSigned = fault.kind == FaultKind::Clock;
+    bool isGood = read(fault.frame, 1, MAX_FRAMES);
     fault.last = fault.frame;
     if (form->hasFrames && rest.starts_with('-')) {
-        readNumber(fault.last);
+        isGood = isGood && read(fault.last, fault.frame, MAX_FRAMES);
     }
-    const bool isInRange = fault.frame >= 1 && fault.last >= fault.frame &&
-                           fault.last <= MAX_FRAMES &&
-                           (!form->hasStage || readNumber(fault.stage) >= 0) &&
-                           (form->amount.empty() || (readNumber(fault.amount) != 0 &&
-                                                     fault.amount >= (isSigned ? -MAX_AMOUNT : 1) &&
-                                                     fault.amount <= MAX_AMOUNT));
-    if (!isInRange || ToString(fault) != text) {
+    isGood = isGood && (!form->hasStage || read(fault.stage, 0, INT32_MAX)) &&
+             (form->amount.empty() ||
+              (read(fault.amount, isSigned ? -MAX_AMOUNT : 1, MAX_AMOUNT) && fault.amount != 0));
+    // Written as it is read: nothing is left over, and nothing else separates the numbers.
+    if (!isGood || ToString(fault) != text) {
         fail(UsageOf(*form) + " in whole numbers, frames and amounts from 1, stages from 0" +
              (isSigned ? ", milliseconds below 0 to set the clock back" : ""));
     }
@@ -234,15 +237,17 @@ std::string Describe(const Fault& fault, const Camera& camera) {
 
 std::string DescribeFaults() {
     std::string text;
-    std::string names;
+    std::vector<std::string_view> names;
     for (const FaultForm& form : FAULT_FORMS) {
         text += fmt::format("  {:32}{}\n", UsageOf(form), MeaningOf(form, "STAGE", form.amount));
         if (form.hasFrames) {
-            names += (names.empty() ? "" : ", ") + std::string(form.name);
+            names.push_back(form.name);
         }
     }
-    return text + "\nFRAME may be several in a row, as 100-104, for " + names +
-           ".\nFor clock, MILLISECONDS below 0 set it back.\n";
+    return fmt::format(
+        "{}\nFRAME may be several in a row, as 100-104, for {}.\n"
+        "For clock, MILLISECONDS below 0 set it back.\n",
+        text, fmt::join(names, ", "));
 }
 
 std::vector<CameraNode> Camera::Stages() const {
@@ -269,11 +274,11 @@ Camera ParseCamera(std::string_view toml, std::string_view name) {
     reader.Read("camera", camera.id, std::numeric_limits<int32_t>::min());
     reader.Read("master", camera.isMaster);
     if (reader.Find("wait") != nullptr) {
-        reader.ReadMilliseconds("wait", camera.wait, MAX_AMOUNT * 1000);
+        camera.wait = reader.ReadMilliseconds("wait", LONGEST);
     }
     if (const toml::node* mode = reader.Find("mode")) {
         // As the configuration has it: 0xFFFF8001 and -32767 are the same.
-        camera.mode = reader.IntegerOf<int32_t>(*mode, "mode", INT32_MIN, UINT32_MAX);
+        camera.mode = static_cast<int32_t>(reader.IntegerOf(*mode, "mode", INT32_MIN, UINT32_MAX));
     }
     if (const toml::node* faults = reader.Find("faults")) {
         reader.Expect(faults->is_array(), *faults, "faults", "a list of faults");
@@ -287,12 +292,12 @@ Camera ParseCamera(std::string_view toml, std::string_view name) {
     }
     const std::string_view expected =
         "a table [[node]] for each of the camera's nodes, the first one no branch";
-    const toml::node* nodes = reader.Require("node", expected);
-    reader.Expect(nodes->is_array_of_tables(), *nodes, "node", expected);
-    for (const toml::node& node : *nodes->as_array()) {
+    const toml::node& nodes = reader.Require("node", expected);
+    reader.Expect(nodes.is_array_of_tables(), nodes, "node", expected);
+    for (const toml::node& node : *nodes.as_array()) {
         camera.nodes.push_back(ReadNode(*node.as_table(), name));
     }
-    reader.Expect(!camera.nodes.front().isBranch, *nodes, "node", expected);
+    reader.Expect(!camera.nodes.front().isBranch, nodes, "node", expected);
     reader.ExpectNoMore();
     return camera;
 }
@@ -304,23 +309,20 @@ Camera BuiltinCamera() {
 void CheckFaults(const Camera& camera) {
     const std::vector<CameraNode> stages = camera.Stages();
     for (const Fault& fault : camera.faults) {
-        const auto fail = [&fault](const std::string& reason) {
-            throw CameraError("fault \"" + ToString(fault) + "\" cannot happen: " + reason);
+        const auto require = [&fault](bool holds, const std::string& reason) {
+            if (!holds) {
+                throw CameraError("fault \"" + ToString(fault) + "\" cannot happen: " + reason);
+            }
         };
         // A frame that is swapped takes one that follows it.
         const int64_t last = camera.frames - (fault.kind == FaultKind::Swap ? 2 : 1);
-        if (std::max(fault.frame, fault.last) > last) {
-            fail("expected a frame up to " + std::to_string(last));
-        }
-        if (!FormOf(fault.kind).hasStage) {
-            continue;
-        }
-        if (static_cast<size_t>(fault.stage) >= stages.size()) {
-            fail("expected a stage from 0 to " + std::to_string(stages.size() - 1));
-        }
-        const CameraNode& node = stages[static_cast<size_t>(fault.stage)];
-        if (fault.kind == FaultKind::SecondPort && node.ports.size() < 2) {
-            fail("the camera's node " + node.name + " has one port alone");
+        require(fault.last <= last, fmt::format("expected a frame up to {}", last));
+        require(fault.stage < std::ssize(stages),
+                fmt::format("expected a stage from 0 to {}", stages.size() - 1));
+        if (fault.kind == FaultKind::SecondPort) {
+            const CameraNode& node = stages[static_cast<size_t>(fault.stage)];
+            require(node.ports.size() > 1,
+                    "the camera's node " + node.name + " has one port alone");
         }
     }
 }

@@ -52,7 +52,6 @@ enum class FaultKind : uint8_t {
     Clock,       // When it is due, the log's clock is set by `amount` milliseconds.
     Rate,        // The sensor delivers `amount` frames a second from it to the one after it.
 };
-inline constexpr size_t FAULT_KINDS = 14;
 
 struct Camera;
 

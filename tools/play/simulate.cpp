@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <deque>
+#include <functional>
+#include <map>
 #include <optional>
-#include <queue>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,14 +28,15 @@ struct Work {
 
 // A node at work.
 struct Station {
-    Call report;  // Its node end, for frame and port to be filled in.
-    const CameraNode* node = nullptr;
-    int32_t stage = -1;  // -1: a branch.
-    int32_t thread = 0;
-    std::vector<size_t> receivers;  // Stations that frames are handed on to.
-    std::deque<int64_t> waiting;
-    std::deque<Work> works;  // In the order of the frames. Those that are done wait for others.
-    std::optional<int64_t> held;  // Is done, but comes out after the next.
+    const CameraNode& node;
+    uint64_t index;  // Among the camera's nodes.
+    int32_t stage;   // -1: a branch.
+    int32_t thread;
+    Call report;                        // Its node end, for frame and port to be filled in.
+    std::vector<Station*> receivers{};  // Frames are handed on to them.
+    std::deque<int64_t> waiting{};
+    std::deque<Work> works{};  // In the order of the frames. Those that are done wait for others.
+    std::optional<int64_t> held{};  // Is done, but comes out after the next.
     bool isDead = false;
 };
 
@@ -54,28 +56,18 @@ uint64_t Hash(uint64_t seed, uint64_t place, uint64_t number) {
 class Simulation {
   public:
     Simulation(const Camera& simulated, std::ostream& theCapture, const SimulateOptions& theOptions)
-        : camera(simulated),
-          capture(theCapture),
-          options(theOptions),
-          isOver(camera.faults.size()) {}
+        : camera(simulated), capture(theCapture), options(theOptions) {}
 
     Simulated Run() {
-        // The library is loaded.
-        player.emplace([this](const Played& call) { OnPlayed(call); }, Player::Pace());
         MakeStations();
         WriteBeginning();
         StartScene();
         const Micros sceneBegin = now;
-        events.push({now + 50 * MILLISECOND, 0, SENSOR, 0});
-        while (!events.empty()) {
-            const Event event = events.top();
-            events.pop();
-            now = event.time;
-            if (event.station == SENSOR) {
-                Deliver();
-            } else {
-                Finish(event.station, event.frame);
-            }
+        After(50 * MILLISECOND, [this] { Deliver(); });
+        while (!planned.empty()) {
+            const auto next = planned.extract(planned.begin());
+            now = next.key();
+            next.mapped()();
             if (truth && HasBacklog()) {
                 truth->OnBacklog(now);
             }
@@ -89,19 +81,6 @@ class Simulation {
     }
 
   private:
-    static constexpr size_t SENSOR = SIZE_MAX;
-
-    struct Event {
-        Micros time;
-        uint64_t order;  // Of two at the same time, that which was planned first happens first.
-        size_t station;  // Whose work is done; SENSOR: a frame is due.
-        int64_t frame;   // That it is done with.
-
-        bool operator>(const Event& other) const {
-            return std::pair(time, order) > std::pair(other.time, other.order);
-        }
-    };
-
     void OnPlayed(const Played& call) {
         if (call.call == nullptr) {
             const Configuration& loaded = *call.configuration;
@@ -153,7 +132,7 @@ class Simulation {
         if (options.session != nullptr) {
             *options.session << WriteLine(line) << '\n';
         }
-        player->Play(line);
+        player.Play(line);
     }
 
     // Makes the call now.
@@ -170,23 +149,19 @@ class Simulation {
     }
 
     void MakeStations() {
-        size_t last = 0;  // The last station that is no branch.
-        int32_t stage = 0;
+        Station* last = nullptr;  // The last one that is no branch.
         for (const CameraNode& node : camera.nodes) {
             const size_t index = stations.size();
-            if (index != 0) {
-                stations[last].receivers.push_back(index);
-            }
-            last = node.isBranch ? last : index;
-            Station& station = stations.emplace_back();
-            station.report =
+            Station& station = stations.emplace_back(Station{
+                node, index, node.isBranch ? -1 : stageCount++,
+                CAPTURE_PROCESS + 100 + static_cast<int32_t>(index),
                 Call{Operation::NodeEnd,
-                     {int64_t{0}, node.name, node.ports.front(), camera.id, camera.isMaster}};
-            station.node = &node;
-            station.stage = node.isBranch ? -1 : stage++;
-            station.thread = CAPTURE_PROCESS + 100 + static_cast<int32_t>(index);
+                     {int64_t{0}, node.name, node.ports.front(), camera.id, camera.isMaster}}});
+            if (last != nullptr) {
+                last->receivers.push_back(&station);
+            }
+            last = node.isBranch ? last : &station;
         }
-        stageCount = stage;
     }
 
     void StartScene() {
@@ -210,13 +185,11 @@ class Simulation {
         const int64_t frame = result.frames;
         clockStep += Take(FaultKind::Clock, frame).value_or(0) * MILLISECOND;
         if (const auto milliseconds = Take(FaultKind::Freeze, frame)) {
-            Freeze(*milliseconds * MILLISECOND);
-            return;
+            return Freeze(*milliseconds * MILLISECOND);
         }
         if (const auto milliseconds = Take(FaultKind::Stall, frame)) {
             // It comes later, as a frame without the fault.
-            events.push({now + *milliseconds * MILLISECOND, ++planned, SENSOR, 0});
-            return;
+            return After(*milliseconds * MILLISECOND, [this] { Deliver(); });
         }
         ++result.frames;
         if (Take(FaultKind::Restart, frame)) {
@@ -236,33 +209,29 @@ class Simulation {
             }
         } else {
             ++inPipeline;
-            HandTo(0, frame);
+            HandTo(stations.front(), frame);
         }
         if (options.onProgress(result.frames, camera.frames) && result.frames < camera.frames) {
             // Periods that are no whole microseconds add up right all the same.
             const int64_t fps = Take(FaultKind::Rate, frame).value_or(camera.fps);
             const auto periodEnd = [fps](int64_t number) { return number * SECOND / fps; };
-            events.push({now + periodEnd(frame + 1) - periodEnd(frame), ++planned, SENSOR, 0});
+            After(periodEnd(frame + 1) - periodEnd(frame), [this] { Deliver(); });
         }
     }
 
     // What the HAL does about a frame that never leaves stage 0.
     void Recover(int64_t number) {
         Make(Operation::FrameStart, {number + 1});
-        Make(Operation::StageStart, {0, number + 1, 0, 20, stations.front().node->name});
+        Make(Operation::StageStart, {0, number + 1, 0, 20, stations.front().node.name});
         Make(Operation::FrameEnd, {number});
     }
 
     // The frame that was due, and all else that was to happen, comes later.
     void Freeze(Micros duration) {
-        std::vector<Event> later = {{now, ++planned, SENSOR, 0}};
-        for (; !events.empty(); events.pop()) {
-            later.push_back(events.top());
+        for (auto& [time, task] : std::exchange(planned, {})) {
+            planned.emplace(time + duration, task);
         }
-        for (Event& event : later) {
-            event.time += duration;
-            events.push(event);
-        }
+        After(duration, [this] { Deliver(); });
     }
 
     // The HAL's number of a frame.
@@ -272,58 +241,53 @@ class Simulation {
         return before == numberedFrom.rend() ? frame : frame - *before;
     }
 
-    void HandTo(size_t index, int64_t frame) {
-        Station& station = stations[index];
+    void HandTo(Station& station, int64_t frame) {
         // A branch that does not keep up skips frames. The others cannot have more than there are.
         const size_t frames = station.waiting.size() + station.works.size();
-        if (station.stage < 0 && static_cast<int64_t>(frames) >= camera.buffers) {
-            return;
+        if (station.stage >= 0 || static_cast<int64_t>(frames) < camera.buffers) {
+            station.waiting.push_back(frame);
+            BeginNext(station);
         }
-        station.waiting.push_back(frame);
-        BeginNext(index);
     }
 
     // Begins with the next frame, if there is one, somebody to work on it and, for a node that
     // looks ahead, enough behind it.
-    void BeginNext(size_t index) {
-        Station& station = stations[index];
+    void BeginNext(Station& station) {
         const auto busy = std::count_if(station.works.begin(), station.works.end(),
                                         [](const Work& work) { return !work.isDone; });
-        if (busy >= station.node->workers || station.isDead ||
-            station.waiting.size() <= static_cast<size_t>(station.node->ahead)) {
+        if (busy >= station.node.workers || station.isDead ||
+            station.waiting.size() <= static_cast<size_t>(station.node.ahead)) {
             return;
         }
         const int64_t frame = station.waiting.front();
-        if (Take(FaultKind::Die, frame, station.stage)) {
-            station.isDead = true;
+        station.isDead = Take(FaultKind::Die, frame, station.stage).has_value();
+        if (station.isDead) {
             return;
         }
         station.waiting.pop_front();
-        station.works.push_back({frame});
+        Work& work = station.works.emplace_back(Work{frame});
         const Micros extra = Take(FaultKind::Slow, frame, station.stage).value_or(0) * MILLISECOND;
-        events.push({now + WorkOf(index, frame) + extra, ++planned, index, frame});
+        After(TimeOf(station, frame) + extra, [this, &station, &work] {
+            work.isDone = true;
+            Finish(station);
+        });
     }
 
     // How long a node takes for a frame: like a logarithmic normal distribution, with a longer tail
     // above the median than below, but within bounds. In whole numbers, and from nothing but the
     // frame: a fault changes no other frame's.
-    Micros WorkOf(size_t index, int64_t frame) const {
+    Micros TimeOf(const Station& station, int64_t frame) const {
         constexpr int64_t half = 3 * 0xFFFF / 2;
-        const uint64_t random = Hash(camera.seed, index, static_cast<uint64_t>(frame));
+        const uint64_t random = Hash(camera.seed, station.index, static_cast<uint64_t>(frame));
         const auto sum = static_cast<int64_t>((random & 0xFFFF) + (random >> 16 & 0xFFFF) +
                                               (random >> 32 & 0xFFFF));
-        const CameraNode& node = *stations[index].node;
-        const int64_t offset = std::min(sum - half, half) * node.spread;
-        return node.median + offset / (offset > 0 ? half : 2 * half);
+        const int64_t offset = std::min(sum - half, half) * station.node.spread;
+        return station.node.median + offset / (offset > 0 ? half : 2 * half);
     }
 
-    // The station is done with a frame, which comes out when those before it have.
-    void Finish(size_t index, int64_t frame) {
-        Station& station = stations[index];
-        std::find_if(station.works.begin(), station.works.end(), [frame](const Work& work) {
-            return work.frame == frame;
-        })->isDone = true;
-        BeginNext(index);
+    // The station is done with a frame. Frames come out when those before them have.
+    void Finish(Station& station) {
+        BeginNext(station);
         while (!station.works.empty() && station.works.front().isDone) {
             const int64_t done = station.works.front().frame;
             station.works.pop_front();
@@ -334,15 +298,13 @@ class Simulation {
     void ComeOut(Station& station, int64_t frame) {
         if (Take(FaultKind::Lost, frame, station.stage)) {
             --inPipeline;
-            return;
-        }
-        if (Take(FaultKind::Swap, frame, station.stage)) {
+        } else if (Take(FaultKind::Swap, frame, station.stage)) {
             station.held = frame;
-            return;
-        }
-        HandOn(station, frame);
-        if (station.held) {
-            HandOn(station, *std::exchange(station.held, std::nullopt));
+        } else {
+            HandOn(station, frame);
+            if (station.held) {
+                HandOn(station, *std::exchange(station.held, std::nullopt));
+            }
         }
     }
 
@@ -353,8 +315,8 @@ class Simulation {
         if (Take(FaultKind::SecondPort, frame, station.stage)) {
             Report(station, frame, 1);
         }
-        for (const size_t receiver : station.receivers) {
-            HandTo(receiver, frame);
+        for (Station* const receiver : station.receivers) {
+            HandTo(*receiver, frame);
         }
         if (station.stage == stageCount - 1) {
             --inPipeline;
@@ -368,7 +330,7 @@ class Simulation {
             truth->OnLeft(frame, station.stage, now);
         }
         station.report.Set("halFrameNumber", NumberOf(frame));
-        station.report.Set("portId", station.node->ports[port]);
+        station.report.Set("portId", station.node.ports[port]);
         Make(station.report, station.thread);
     }
 
@@ -400,31 +362,35 @@ class Simulation {
     bool HasBacklog() const {
         return std::any_of(stations.begin(), stations.end(), [](const Station& station) {
             return station.stage >= 0 &&
-                   station.waiting.size() > static_cast<size_t>(station.node->ahead) + 1;
+                   station.waiting.size() > static_cast<size_t>(station.node.ahead) + 1;
         });
+    }
+
+    void After(Micros duration, std::function<void()> task) {
+        planned.emplace(now + duration, std::move(task));
     }
 
     const Camera& camera;
     std::ostream& capture;
     const SimulateOptions& options;
     std::optional<Truth> truth;
-    std::optional<Player> player;
-    std::vector<Station> stations;
-    std::priority_queue<Event, std::vector<Event>, std::greater<>> events;
-    std::vector<bool> isOver;  // The camera's faults that have happened.
+    std::deque<Station> stations;
+    // What happens when. Of two at the same time, the task that was planned first comes first.
+    std::multimap<Micros, std::function<void()>> planned;
+    std::vector<bool> isOver = std::vector<bool>(camera.faults.size());  // The faults that acted.
     Micros now = 0;
     Micros played = 0;                 // The moment that the player has come to.
     int32_t thread = CAPTURE_PROCESS;  // That calls now.
     int32_t firstMode = 0;             // Of the configuration.
-    uint64_t planned = 0;
     int32_t stageCount = 0;
     int64_t inPipeline = 0;
     int64_t linesToLose = 0;
-    size_t losing = 0;     // The fault that they are of.
-    Micros clockStep = 0;  // By which the log's clock is ahead.
-    // The frames after which the HAL numbers from 1.
-    std::vector<int64_t> numberedFrom;
+    size_t losing = 0;                  // The fault that they are of.
+    Micros clockStep = 0;               // By which the log's clock is ahead.
+    std::vector<int64_t> numberedFrom;  // The frames after which the HAL numbers from 1.
     Simulated result;
+    // Last, as it tells of the library's loading at once.
+    Player player{[this](const Played& call) { OnPlayed(call); }, {}};
 };
 
 }  // namespace

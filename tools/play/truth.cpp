@@ -1,7 +1,6 @@
 #include "tools/play/truth.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
 
@@ -23,52 +22,47 @@ Truth::Truth(const Camera& simulated, int32_t stages)
       acted(camera.faults.size()) {}
 
 void Truth::OnDelivered(int64_t number, Micros time, bool isDropped) {
-    Frame& frame = frames.emplace_back();
-    frame.number = number;
-    frame.delivered = isDropped ? NO_TIME : time;
-    frame.left.assign(camera.Stages().size(), NO_TIME);
+    frames.push_back({{"frame", frames.size()},
+                      {"number", number},
+                      {"delivered", MillisOf(isDropped ? NO_TIME : time)},
+                      {"left", std::vector<Json>(camera.Stages().size())},
+                      {"out", nullptr},
+                      {"late", false},
+                      {"boosted", false}});
 }
 
 void Truth::OnLeft(int64_t frame, int32_t stage, Micros time) {
-    Frame& one = frames.at(static_cast<size_t>(frame));
-    Micros& left = one.left.at(static_cast<size_t>(stage));
-    if (left != NO_TIME) {
+    Json& one = frames.at(static_cast<size_t>(frame));
+    Json& left = one["left"].at(static_cast<size_t>(stage));
+    if (!left.is_null()) {
         return;  // Reported on a second port.
     }
-    left = time;
-    if (&left == &one.left.back()) {
-        one.isLate = lastOut != NO_TIME && time - lastOut > 3 * SECOND / 2 / camera.fps;
+    left = MillisOf(time);
+    if (&left == &one["left"].back()) {
+        one["out"] = left;
+        one["late"] = lastOut != NO_TIME && time - lastOut > 3 * SECOND / 2 / camera.fps;
         lastOut = time;
     }
 }
 
 void Truth::OnService(const desktop::ServiceCall& call) {
-    using desktop::ServiceFunction;
+    using enum desktop::ServiceFunction;
     const int32_t number = call.Argument("frame");
-    switch (call.function) {
-        case ServiceFunction::FrameStart:
-            known[number] = {};
-            break;
-        case ServiceFunction::StageStart:
-        case ServiceFunction::StageEnd:
-            ++known[number].stageEvents;
-            break;
-        case ServiceFunction::NotifyErrOfUser:
-            known[number].isError = true;
-            break;
-        case ServiceFunction::FrameEnd: {
-            const Known& all = known[number];
-            const auto frame = std::find_if(
-                frames.rbegin(), frames.rend(),
-                [number](const Frame& one) { return static_cast<int32_t>(one.number) == number; });
-            if (frame != frames.rend()) {
-                frame->isBoosted = !all.isError && all.stageEvents == 2 * stageCount;
-            }
-            known.erase(number);
-            break;
+    std::optional<int32_t>& events = stageEvents[number];
+    if (call.function == FrameStart) {
+        events = 0;
+    } else if (call.function == NotifyErrOfUser) {
+        events.reset();
+    } else if (events && (call.function == StageStart || call.function == StageEnd)) {
+        ++*events;
+    } else if (call.function == FrameEnd) {
+        const auto frame = std::find_if(frames.rbegin(), frames.rend(), [number](const Json& one) {
+            return static_cast<int32_t>(one["number"].get<int64_t>()) == number;
+        });
+        if (frame != frames.rend()) {
+            (*frame)["boosted"] = events == 2 * stageCount;
         }
-        default:
-            break;
+        stageEvents.erase(number);
     }
 }
 
@@ -96,27 +90,13 @@ bool Truth::IsHidden(size_t fault) const {
     return isHidden;
 }
 
-void Truth::Write(std::ostream& out, Micros sceneBegin, Micros sceneEnd) const {
+void Truth::Write(std::ostream& out, Micros sceneBegin, Micros sceneEnd) {
     Json json = {{"fps", camera.fps}, {"stages", Json::array()}};
     for (const CameraNode& node : camera.Stages()) {
         json["stages"].push_back(node.name);
     }
     json["scene"] = {{"begin", MillisOf(sceneBegin)}, {"end", MillisOf(sceneEnd)}};
-    auto& list = json["frames"] = Json::array();
-    for (size_t i = 0; i < frames.size(); ++i) {
-        const Frame& frame = frames[i];
-        auto left = Json::array();
-        for (const Micros time : frame.left) {
-            left.push_back(MillisOf(time));
-        }
-        list.push_back({{"frame", i},
-                        {"number", frame.number},
-                        {"delivered", MillisOf(frame.delivered)},
-                        {"left", left},
-                        {"out", left.back()},
-                        {"late", frame.isLate},
-                        {"boosted", frame.isBoosted}});
-    }
+    json["frames"] = std::move(frames);
     auto& faults = json["faults"] = Json::array();
     for (size_t i = 0; i < acted.size(); ++i) {
         const Fault& fault = camera.faults[i];

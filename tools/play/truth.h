@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <limits>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <ostream>
 #include <unordered_map>
 #include <vector>
@@ -32,8 +34,8 @@ class Truth {
     // Several frames wait for a stage: what faults did is not over yet.
     void OnBacklog(Micros time);
 
-    // JSON: `fps`, `stages` (names), `scene` (begin, end), `frames` and `faults`. Times are in
-    // milliseconds.
+    // To be called once, last. JSON: `fps`, `stages` (names), `scene` (begin, end), `frames` and
+    // `faults`. Times are in milliseconds.
     //
     // A frame: `frame` as the sensor counts, `number` as the HAL does; `delivered`, null when the
     // sensor dropped it; `left`, for each stage when the HAL reported it, null when it did not;
@@ -44,21 +46,9 @@ class Truth {
     // `to`, null when it never acted: from when it acted until no more than one frame waited for
     // any stage; `hidden`: it never acted, or began less than 16 periods, which is what the library
     // keeps of frames, from what another one did.
-    void Write(std::ostream& out, Micros sceneBegin, Micros sceneEnd) const;
+    void Write(std::ostream& out, Micros sceneBegin, Micros sceneEnd);
 
   private:
-    struct Frame {
-        int64_t number = 0;
-        Micros delivered = NO_TIME;
-        std::vector<Micros> left;
-        bool isLate = false;
-        bool isBoosted = false;
-    };
-    // What the service knows of a frame.
-    struct Known {
-        int32_t stageEvents = 0;
-        bool isError = false;
-    };
     struct Acted {
         Micros from = NO_TIME;
         Micros to = NO_TIME;
@@ -68,9 +58,11 @@ class Truth {
     const Camera& camera;
     int32_t stageCount;
     Micros near;
-    std::vector<Frame> frames;
-    std::unordered_map<int32_t, Known> known;  // By number.
-    std::vector<Acted> acted;                  // By fault.
+    nlohmann::ordered_json frames = nlohmann::ordered_json::array();
+    // Of the frames that the service knows, by their numbers: how many stage events it got; nothing
+    // for a frame in error.
+    std::unordered_map<int32_t, std::optional<int32_t>> stageEvents;
+    std::vector<Acted> acted;  // By fault.
     Micros lastOut = NO_TIME;
 };
 
