@@ -153,14 +153,20 @@ TEST(SessionTest, ReportsAllErrors) {
     for (const auto& [line, message] : cases) {
         text += "\nDumpInfo\n" + line;
     }
-    const tools::Session session(text);
-    ASSERT_EQ(session.Errors().size(), std::size(cases));
-    for (size_t i = 0; i < std::size(cases); ++i) {
-        const std::string error = ToString(session.Errors()[i], "name");
-        EXPECT_EQ(error.rfind("name:" + std::to_string(2 * i + 3) + ": error: ", 0), 0U) << error;
-        EXPECT_NE(error.find(cases[i].message), std::string::npos) << error;
-        EXPECT_LT(error.size(), 250U);
-    }
+    size_t errors = 0;
+    size_t lines = 0;
+    tools::ForEachLine(
+        text, [&lines](uint32_t, const Line&) { return ++lines != 0; },
+        [&](uint32_t number, const tools::LineError& error) {
+            ASSERT_LT(errors, std::size(cases));
+            EXPECT_EQ(number, 2 * errors + 3) << error.what();
+            EXPECT_NE(std::string(error.what()).find(cases[errors].message), std::string::npos)
+                << error.what();
+            EXPECT_LT(std::string(error.what()).size(), 250U);
+            ++errors;
+        });
+    EXPECT_EQ(errors, std::size(cases));
+    EXPECT_EQ(lines, std::size(cases) + 1);
 }
 
 }  // namespace

@@ -11,18 +11,25 @@
 
 namespace {
 
-// Whether it is short enough to play. Also checks that each line is read back the same as it was
-// written.
-bool IsShort(const tools::Session& session) {
-    bool isShort = true;
-    session.ForEachLine([&isShort](uint32_t, const tools::Line& line) {
-        const std::string written = tools::WriteLine(line);
-        Require(tools::ParseLine(written) == line, written);
-        const auto* recording = std::get_if<tools::Recording>(&line);
-        isShort = isShort && (recording == nullptr || recording->frames <= 20);
-        return true;
-    });
-    return isShort;
+struct Content {
+    bool isShort = true;  // Enough to be played.
+    bool hasLine = false, hasError = false;
+};
+
+// Checks, too, that each line is read back the same as it was written.
+Content ContentOf(const std::string& session) {
+    Content content;
+    tools::ForEachLine(
+        session,
+        [&content](uint32_t, const tools::Line& line) {
+            const std::string written = tools::WriteLine(line);
+            Require(tools::ParseLine(written) == line, written);
+            const auto* recording = std::get_if<tools::Recording>(&line);
+            content.isShort = content.isShort && (recording == nullptr || recording->frames <= 20);
+            return content.hasLine = true;
+        },
+        [&content](uint32_t, const tools::LineError&) { content.hasError = true; });
+    return content;
 }
 
 struct Play {
@@ -43,8 +50,8 @@ Play PlayOnce(const std::string& text, const tools::ReplayOptions& options) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(data, data + size);
-    const tools::Session session(text);
-    if (!IsShort(session)) {
+    const Content content = ContentOf(text);
+    if (!content.isShort) {
         return -1;
     }
     tools::ReplayOptions options;
@@ -52,9 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     options.withDebug = true;
     const Play debugged = PlayOnce(text, options);
     Require(play.isPlayed == debugged.isPlayed && play.err == debugged.err, "not the same twice");
-    bool hasLine = false;
-    session.ForEachLine([&hasLine](uint32_t, const tools::Line&) { return hasLine = true; });
-    Require(play.isPlayed == (session.Errors().empty() && hasLine), play.err);
+    Require(play.isPlayed == (content.hasLine && !content.hasError), play.err);
     Require(play.isPlayed == play.err.empty() && play.isPlayed != play.out.empty(), play.err);
     std::istringstream errors(play.err);
     for (std::string line; std::getline(errors, line);) {

@@ -13,7 +13,7 @@ namespace tools {
 int RunReplay(ReplayArguments arguments) {
     ReplayOptions& options = arguments.options;
     Output out("-");
-    NamedText session = ReadFile(arguments.session);
+    const NamedText session = ReadFile(arguments.session);
     options.configuration = ReadOption(arguments.configuration);
     // A capture on standard output takes the transcript's place.
     const bool isLogShown = arguments.log == "-";
@@ -32,7 +32,7 @@ int RunReplay(ReplayArguments arguments) {
     options.pace.isInterrupted = [] { return InterruptStatus() != 0; };
     ProgressLine progress("frames", !options.isQuiet);
     options.pace.onProgress = [&progress](int64_t done, int64_t all) { progress.Show(done, all); };
-    const bool isPlayed = Replay(options, std::move(session), isLogShown ? nowhere : out, Complain);
+    const bool isPlayed = Replay(options, session, isLogShown ? nowhere : out, Complain);
     progress.Clear();
     out.Close();
     if (logFile && isPlayed) {

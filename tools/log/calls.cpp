@@ -5,25 +5,24 @@
 namespace tools {
 namespace {
 
-// A scene's end and a description that led to it stand no further apart.
-constexpr Micros AT_ONCE = 10 * MILLISECOND;
+using enum MessageKind;
 
 // The number after `frame`: after the highest one comes the lowest one, as in the library.
 int64_t After(int64_t frame) {
     return static_cast<int64_t>(static_cast<uint64_t>(frame) + 1);
 }
 
-// The place of a message among those of a frame's start, from 1; 0 for others.
+// The messages of a frame's start, in their order.
 int PlaceInFrameStart(MessageKind kind) {
     switch (kind) {
-        case MessageKind::FrameNotContinuous:
+        case FrameNotContinuous:
             return 1;
-        case MessageKind::TableFull:
+        case TableFull:
             return 2;
-        case MessageKind::FrameAdded:
+        case FrameAdded:
             return 3;
-        case MessageKind::FrameStart:
-        case MessageKind::FrameAlreadyExists:
+        case FrameStart:
+        case FrameAlreadyExists:
             return 4;
         default:
             return 0;
@@ -31,33 +30,29 @@ int PlaceInFrameStart(MessageKind kind) {
 }
 
 bool MayLeave(const CallEvent& event, const Message& message) {
-    const bool isStageEvent =
-        event.kind == MessageKind::StageStart || event.kind == MessageKind::StageEnd;
+    if (message.kind == TableFull || message.kind == FrameAdded) {
+        return event.kind == FrameStart;  // They name no frame.
+    }
+    if (message.frame != event.frame) {
+        return false;
+    }
+    const bool isStageEvent = event.kind == StageStart || event.kind == StageEnd;
     switch (message.kind) {
-        case MessageKind::TableFull:
-        case MessageKind::FrameAdded:
-            return event.kind == MessageKind::FrameStart;
-        case MessageKind::FrameStart:
-        case MessageKind::FrameAlreadyExists:
-        case MessageKind::FrameNotContinuous:
-            return event.kind == MessageKind::FrameStart && message.frame == event.frame;
-        case MessageKind::FrameEnd:
-        case MessageKind::EndedFrameNotExist:
-            return event.kind == MessageKind::FrameEnd && message.frame == event.frame;
-        case MessageKind::StageStart:
-        case MessageKind::StageEnd:
-            return event.kind == message.kind && message.frame == event.frame &&
-                   message.stage == event.stage;
-        case MessageKind::FrameNotExist:
-        case MessageKind::FrameRemoved:
-        case MessageKind::FrameInError:
-            return isStageEvent && message.frame == event.frame;
-        case MessageKind::StageNotInRange:
-        case MessageKind::StageOutOfOrder:
-        case MessageKind::StageOutOfTurn:
-            return isStageEvent && message.frame == event.frame && message.stage == event.stage;
+        case FrameAlreadyExists:
+        case FrameNotContinuous:
+            return event.kind == FrameStart;
+        case EndedFrameNotExist:
+            return event.kind == FrameEnd;
+        case FrameNotExist:
+        case FrameRemoved:
+        case FrameInError:
+            return isStageEvent;
+        case StageNotInRange:
+        case StageOutOfOrder:
+        case StageOutOfTurn:
+            return isStageEvent && message.stage == event.stage;
         default:
-            return false;
+            return message.kind == event.kind && message.stage == event.stage;
     }
 }
 
@@ -66,21 +61,20 @@ bool MayLeave(const CallEvent& event, const Message& message) {
 std::vector<CallEvent> EventsOf(int64_t frame, int32_t stage, int32_t stageCount) {
     std::vector<CallEvent> events;
     if (frame >= 1 && stage >= 0) {
-        events.push_back({MessageKind::StageEnd, frame, stage});
+        events.push_back({StageEnd, frame, stage});
         events.push_back(stage == 0 || stage < int64_t{stageCount} - 1
-                             ? CallEvent{MessageKind::StageStart, frame, stage + 1}
-                             : CallEvent{MessageKind::FrameEnd, frame});
+                             ? CallEvent{StageStart, frame, stage + 1}
+                             : CallEvent{FrameEnd, frame});
     }
     if (stage == 0) {
-        events.push_back({MessageKind::FrameStart, After(frame)});
-        events.push_back({MessageKind::StageStart, After(frame), 0});
+        events.push_back({FrameStart, After(frame)});
+        events.push_back({StageStart, After(frame), 0});
     }
     return events;
 }
 
 std::optional<size_t> EventLines::Take(const Message& message) {
-    const bool isNamed =
-        message.kind == MessageKind::StageStart || message.kind == MessageKind::StageEnd;
+    const bool isNamed = message.kind == StageStart || message.kind == StageEnd;
     if (isNamed && name && message.name != *name) {
         return std::nullopt;
     }
@@ -94,34 +88,6 @@ std::optional<size_t> EventLines::Take(const Message& message) {
         }
     }
     return std::nullopt;
-}
-
-bool GoesOn(std::span<const Message> messages, const Message& message, Micros passed) {
-    const MessageKind first = messages.front().kind;
-    const MessageKind last = messages.back().kind;
-    const MessageKind kind = message.kind;
-    if (PlaceInFrameStart(first) != 0) {
-        return last == MessageKind::FrameAdded
-                   ? kind == MessageKind::FrameStart
-                   : PlaceInFrameStart(kind) > PlaceInFrameStart(last) &&
-                         (kind == MessageKind::TableFull || kind == MessageKind::FrameAdded);
-    }
-    switch (first) {
-        case MessageKind::SetTid:
-            // The library sets them in ascending order.
-            return kind == MessageKind::SceneStart ||
-                   (kind == MessageKind::SetTid && message.tid > messages.back().tid);
-        case MessageKind::RemoveTid:
-        case MessageKind::SceneEnd:
-            if (last == MessageKind::SceneEnd) {
-                return kind == MessageKind::Video && message.acceptedFps == 0 && passed <= AT_ONCE;
-            }
-            [[fallthrough]];
-        case MessageKind::NoVideo:
-            return kind == MessageKind::RemoveTid || kind == MessageKind::SceneEnd;
-        default:
-            return false;
-    }
 }
 
 }  // namespace tools

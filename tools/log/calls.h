@@ -5,12 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tools/base/times.h"
 #include "tools/log/message.h"
 
 namespace tools {
@@ -48,9 +46,5 @@ class EventLines {
     size_t next = 0;       // The first event that may have left a message that comes.
     int inFrameStart = 0;  // Where that is a frame's start: the place of its last message.
 };
-
-// Whether a message goes on with the call that the thread's messages before it are of. `passed`:
-// since the last one of them. For calls other than node ends.
-bool GoesOn(std::span<const Message> messages, const Message& message, Micros passed);
 
 }  // namespace tools

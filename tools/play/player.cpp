@@ -1,5 +1,7 @@
 #include "tools/play/player.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <thread>
 #include <utility>
@@ -8,22 +10,6 @@
 #include "tools/log/message.h"
 
 namespace tools {
-namespace {
-
-// The node end that ends `stage`, for a frame to be filled in; nothing when there is none.
-std::optional<Call> NodeEndOf(const Configuration& configuration, int32_t stage) {
-    for (const ConfiguredStage& configured : configuration.stages) {
-        if (configured.stage == stage && !configured.ports.empty() &&
-            configuration.StageOf(configured.node) == stage) {
-            return Call{Operation::NodeEnd,
-                        {int64_t{0}, configured.node, configured.ports.front(), 0, true}};
-        }
-    }
-    return std::nullopt;
-}
-
-}  // namespace
-
 Player::Player(Watcher playWatcher, Pace playPace)
     : watcher(std::move(playWatcher)), pace(std::move(playPace)) {
     TarvoCameraFrameBoost::localConfig = LocalConfig();
@@ -39,6 +25,13 @@ Player::Player(Watcher playWatcher, Pace playPace)
     }
     // The dump does not have it where a stage could not be loaded.
     configuration.stageCount = TarvoCameraFrameBoost::localConfig.GetStageCount();
+    for (const auto& [stage, node, ports] : configuration.stages) {
+        if (stage != std::ssize(nodeEnds) || ports.empty() ||
+            configuration.StageOf(node) != stage) {
+            break;
+        }
+        nodeEnds.push_back(Call{Operation::NodeEnd, {int64_t{0}, node, ports.front(), 0, true}});
+    }
     watcher({nullptr, time, {}, std::move(effects), &configuration});
 }
 
@@ -46,12 +39,11 @@ std::optional<std::string> Player::WhyNotRecordable() const {
     if (*configuration.stageCount < 1) {
         return "the configuration has no stages, expected one that has";
     }
-    for (int32_t stage = 0; stage < *configuration.stageCount; ++stage) {
-        if (!NodeEndOf(configuration, stage)) {
-            return "stage " + std::to_string(stage) +
-                   " of the configuration cannot be recorded through, expected a node of its own "
-                   "with a port";
-        }
+    if (std::ssize(nodeEnds) < *configuration.stageCount) {
+        return fmt::format(
+            "stage {} of the configuration cannot be recorded through, expected a node of its own "
+            "with a port",
+            nodeEnds.size());
     }
     return std::nullopt;
 }
@@ -78,14 +70,10 @@ void Player::PlayCall(const Call& call) {
 
 void Player::PlayRecording(const Recording& recording) {
     const int32_t stageCount = *configuration.stageCount;
-    std::vector<Call> nodeEnds;
-    nodeEnds.reserve(static_cast<size_t>(stageCount));
-    for (int32_t stage = 0; stage < stageCount; ++stage) {
-        nodeEnds.push_back(NodeEndOf(configuration, stage).value());
-    }
-    const auto reportNodeEnd = [&](size_t stage, int64_t frame) {
-        nodeEnds[stage].Set("halFrameNumber", frame);
-        PlayCall(nodeEnds[stage]);
+    const auto reportNodeEnd = [this](int32_t stage, int64_t frame) {
+        Call& call = nodeEnds[static_cast<size_t>(stage)];
+        call.Set("halFrameNumber", frame);
+        PlayCall(call);
     };
 
     const int64_t first = recording.first.value_or(std::max<int64_t>(nextFrame, 1));
@@ -103,7 +91,7 @@ void Player::PlayRecording(const Recording& recording) {
         for (int32_t stage = stageCount - 1; stage >= 0; --stage) {
             const int64_t frame = newest - stage;
             if (frame >= first && frame <= last) {
-                reportNodeEnd(static_cast<size_t>(stage), frame);
+                reportNodeEnd(stage, frame);
             }
         }
         if (newest <= last) {

@@ -1,7 +1,10 @@
 #include "tools/play/replay.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <variant>
+#include <vector>
 
 #include "tools/check/check.h"
 #include "tools/play/transcript.h"
@@ -31,7 +34,7 @@ bool PreparePlatform(const std::optional<NamedText>& configuration,
            !desktop::LoadConfiguration(configuration->text, configuration->name);
 }
 
-bool Replay(const ReplayOptions& options, NamedText file, std::ostream& out,
+bool Replay(const ReplayOptions& options, const NamedText& file, std::ostream& out,
             const std::function<void(const std::string&)>& complain) {
     if (options.pace.isRealTime) {
         out << std::unitbuf;
@@ -41,30 +44,35 @@ bool Replay(const ReplayOptions& options, NamedText file, std::ostream& out,
         complain(ToString(finding, name));
     };
 
-    const Session session(std::move(file.text));
-    bool isSession = false;
-    session.ForEachLine([&isSession](uint32_t, const Line&) {
-        isSession = true;
-        return false;
-    });
-    const size_t errors = session.Errors().size();
-    const size_t shown = std::min<size_t>(errors, isSession ? 20 : 1);
+    uint32_t lines = 0;
+    uint32_t recording = 0;  // The line of the first one.
+    std::vector<Finding> errors;
+    ForEachLine(
+        file.text,
+        [&](uint32_t number, const Line& line) {
+            ++lines;
+            recording =
+                recording == 0 && std::holds_alternative<Recording>(line) ? number : recording;
+            return true;
+        },
+        [&errors](uint32_t number, const LineError& error) {
+            errors.push_back({"session-line", Severity::Error, error.what(), {0, number}});
+        });
+    const size_t shown = std::min<size_t>(errors.size(), lines == 0 ? 1 : 20);
     for (size_t i = 0; i < shown; ++i) {
-        report(session.Errors()[i], file.name);
+        report(errors[i], file.name);
     }
-    if (!isSession) {
+    if (lines == 0) {
         report({"no-session", Severity::Error,
                 "no line of it is a call; a session is made of a log by "
                 "cameraframeboost explain LOG --to-session SESSION"},
                file.name);
-        return false;
-    }
-    if (errors > shown) {
+    } else if (errors.size() > shown) {
         report({"session-line", Severity::Error,
-                "as many as " + std::to_string(errors) + " lines cannot be read"},
+                fmt::format("as many as {} lines cannot be read", errors.size())},
                file.name);
     }
-    if (!session.Errors().empty() ||
+    if (lines == 0 || !errors.empty() ||
         !PreparePlatform(options.configuration, [&](const Finding& finding) {
             report(finding, options.configuration->name);
         })) {
@@ -82,18 +90,11 @@ bool Replay(const ReplayOptions& options, NamedText file, std::ostream& out,
         }
     };
     Player player(watch, options.pace);
-    if (const auto reason = player.WhyNotRecordable()) {
-        uint32_t recording = 0;
-        session.ForEachLine([&recording](uint32_t number, const Line& line) {
-            recording = std::holds_alternative<Recording>(line) ? number : 0;
-            return recording == 0;
-        });
-        if (recording != 0) {
-            report({"not-recordable", Severity::Error, *reason, {0, recording}}, file.name);
-            return false;
-        }
+    if (const auto reason = player.WhyNotRecordable(); reason && recording != 0) {
+        report({"not-recordable", Severity::Error, *reason, {0, recording}}, file.name);
+        return false;
     }
-    session.ForEachLine([&](uint32_t, const Line& line) {
+    ForEachLine(file.text, [&](uint32_t, const Line& line) {
         if (!std::holds_alternative<Call>(line) && !std::holds_alternative<Recording>(line)) {
             transcript.Show(line);
         }

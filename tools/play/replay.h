@@ -23,7 +23,7 @@ struct ReplayOptions {
 // Plays `file` on a library in the state in which it is after loading. Writes the play to `out`;
 // `complain` gets complaints about the input, a line each. Returns false, with nothing played, when
 // the session has errors or no call, or the configuration cannot be used.
-bool Replay(const ReplayOptions& options, NamedText file, std::ostream& out,
+bool Replay(const ReplayOptions& options, const NamedText& file, std::ostream& out,
             const std::function<void(const std::string& line)>& complain);
 
 // Brings the desktop platform to the state in which tools use it: debug switch on, log lines for

@@ -1,9 +1,8 @@
 #include "tools/play/transcript.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
-#include <algorithm>
-#include <array>
 #include <cstddef>
 #include <nlohmann/json.hpp>
 #include <variant>
@@ -15,47 +14,16 @@
 
 namespace tools {
 
-enum class Tally : uint8_t {
-    ScenesStarted,
-    ScenesRefused,
-    FramesStarted,
-    FramesEnded,
-    FramesEvicted,
-    FrameStartsRefused,
-    FrameEndsRefused,
-    StageEventsForwarded,
-    StageEventsRefused,
-    NodeEndsIgnored,
-    ErrorReports,
-};
-
 namespace {
 
-// The rows of a summary, in the order of Tally.
-constexpr auto ROWS = std::to_array<const char*>({
-    "scenes started",
-    "scenes refused",
-    "frames started",
-    "frames ended",
-    "frames evicted",
-    "frame starts refused",
-    "frame ends refused",
-    "stage events forwarded",
-    "stage events refused",
-    "node ends ignored",
-    "error reports",
-});
+using enum Tally;
 
-Tally TallyOf(MessageKind event, bool isDone) {
-    switch (event) {
-        case MessageKind::FrameStart:
-            return isDone ? Tally::FramesStarted : Tally::FrameStartsRefused;
-        case MessageKind::FrameEnd:
-            return isDone ? Tally::FramesEnded : Tally::FrameEndsRefused;
-        default:
-            return isDone ? Tally::StageEventsForwarded : Tally::StageEventsRefused;
-    }
-}
+// The rows of a summary, in the order of Tally.
+constexpr std::string_view ROWS[] = {
+    "scenes started",       "scenes refused",       "frames started",     "frames ended",
+    "frames evicted",       "frame starts refused", "frame ends refused", "stage events forwarded",
+    "stage events refused", "node ends ignored",    "error reports",
+};
 
 // The frame and stage events that a call is to lead to.
 std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configuration,
@@ -86,47 +54,26 @@ std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configura
     }
 }
 
-// The bytes of the UTF-8 character that `text` begins with; 0 when it begins with none, or with
-// one that a terminal would take for a command.
-size_t PrintableLength(std::string_view text) {
-    const auto first = static_cast<unsigned char>(text.front());
-    if (first < 0x80) {
-        const bool isControl = (first < 0x20 && first != '\t') || first == 0x7F;
-        return isControl ? 0 : 1;
-    }
-    if (first < 0xC2 || first > 0xF4) {
-        return 0;
-    }
-    size_t length = 2;
-    length += first >= 0xE0 ? 1 : 0;
-    length += first >= 0xF0 ? 1 : 0;
-    const bool isWhole =
-        length <= text.size() &&
-        std::all_of(text.begin() + 1, text.begin() + static_cast<std::ptrdiff_t>(length),
-                    [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U; });
-    // Controls again, from U+0080 to U+009F.
-    const bool isControl = first == 0xC2 && isWhole && static_cast<unsigned char>(text[1]) < 0xA0;
-    return isWhole && !isControl ? length : 0;
+using Json = nlohmann::json;
+
+// A text as JSON has it. Session files may hold any bytes; what is no UTF-8 is replaced.
+std::string JsonOf(const Json& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// Text of the session's, in whatever language, with question marks for what is not to reach a
-// terminal.
+// Text of the session's, in whatever language, with question marks for characters that a terminal
+// would take for commands: those below a blank, and U+007F to U+009F.
 std::string Shown(std::string_view text) {
-    std::string shown;
-    while (!text.empty()) {
-        const size_t length = PrintableLength(text);
-        shown += length == 0 ? "?" : text.substr(0, length);
-        text.remove_prefix(std::max<size_t>(length, 1));
+    std::string shown = Json::parse(JsonOf(text));
+    for (size_t at = 0; at < shown.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(shown[at]);
+        if ((byte < ' ' && byte != '\t') || byte == 0x7F) {
+            shown[at] = '?';
+        } else if (byte == 0xC2 && static_cast<unsigned char>(shown[at + 1]) < 0xA0) {
+            shown.replace(at, 2, "?");
+        }
     }
     return shown;
-}
-
-// A value as a call shows it: a text in quotes, a list in brackets. Session files may hold any
-// bytes; what is no UTF-8 is replaced.
-std::string ShownOf(const Value& value) {
-    using Json = nlohmann::json;
-    const Json json = std::visit([](const auto& held) { return Json(held); }, value);
-    return Shown(json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 // What became of a call and of what it led to: from the library's log, the calls that the service
@@ -140,24 +87,23 @@ Counts CountsOf(const Played& played) {
     const Call& call = *played.call;
     std::vector<Message> messages;
     for (const desktop::Effect& effect : played.effects) {
-        if (const auto* service = std::get_if<desktop::ServiceCall>(&effect.event)) {
-            counts[Tally::ErrorReports][""] +=
-                service->function == desktop::ServiceFunction::NotifyErrOfUser ? 1 : 0;
-        } else if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
-            if (const auto message = ParseMessage(line->tag, line->text)) {
-                messages.push_back(*message);
-            }
+        const auto* service = std::get_if<desktop::ServiceCall>(&effect.event);
+        const auto* line = std::get_if<desktop::LogLine>(&effect.event);
+        const auto message = line ? ParseMessage(line->tag, line->text) : std::nullopt;
+        if (message) {
+            messages.push_back(*message);
+        } else if (service && service->function == desktop::ServiceFunction::NotifyErrOfUser) {
+            ++counts[{ErrorReports, ""}];
         }
     }
-    const auto count = [&counts](Tally tally, std::string_view reason) { ++counts[tally][reason]; };
     const bool isNodeEnd = call.operation == Operation::NodeEnd;
     if (isNodeEnd && !played.configuration->IsStagePort(call.Get<std::string>("nodeName"),
                                                         call.Get<int32_t>("portId"))) {
-        count(Tally::NodeEndsIgnored, "this node and port end no stage");
+        ++counts[{NodeEndsIgnored, "this node and port end no stage"}];
         return counts;
     }
     if (call.operation == Operation::SceneStart && played.result == -1 && messages.empty()) {
-        count(Tally::ScenesRefused, "not described as a scene to boost");
+        ++counts[{ScenesRefused, "not described as a scene to boost"}];
     }
     const bool isInScene = isNodeEnd ? !messages.empty() : played.result != -1;
     EventLines events(EventsOf(call, *played.configuration, isInScene));
@@ -166,12 +112,13 @@ Counts CountsOf(const Played& played) {
         isInScene ? RefusalOf(MessageKind::FrameInError) : "no scene is running");
     for (const Message& message : messages) {
         if (message.kind == MessageKind::SceneDisabled) {
-            count(Tally::ScenesRefused, "switched off, or the operation mode is not supported");
+            ++counts[{ScenesRefused, "switched off, or the operation mode is not supported"}];
+        } else if (message.kind == MessageKind::SceneStart && message.flag) {
+            ++counts[{ScenesStarted, ""}];
         } else if (message.kind == MessageKind::SceneStart) {
-            count(message.flag ? Tally::ScenesStarted : Tally::ScenesRefused,
-                  message.flag ? "" : "by the service");
+            ++counts[{ScenesRefused, "by the service"}];
         } else if (message.kind == MessageKind::TableFull) {
-            count(Tally::FramesEvicted, TABLE_FULL);
+            ++counts[{FramesEvicted, TABLE_FULL}];
         }
         const std::optional<size_t> event = events.Take(message);
         if (const char* const reason = RefusalOf(message.kind); event && reason != nullptr) {
@@ -179,7 +126,15 @@ Counts CountsOf(const Played& played) {
         }
     }
     for (size_t i = 0; i < reasons.size(); ++i) {
-        count(TallyOf(events.Events()[i].kind, reasons[i].empty()), reasons[i]);
+        const bool isDone = reasons[i].empty();
+        const MessageKind kind = events.Events()[i].kind;
+        Tally tally = isDone ? StageEventsForwarded : StageEventsRefused;
+        if (kind == MessageKind::FrameStart) {
+            tally = isDone ? FramesStarted : FrameStartsRefused;
+        } else if (kind == MessageKind::FrameEnd) {
+            tally = isDone ? FramesEnded : FrameEndsRefused;
+        }
+        ++counts[{tally, reasons[i]}];
     }
     return counts;
 }
@@ -194,10 +149,8 @@ void Transcript::Show(const Line& line) {
 
 void Transcript::Show(const Played& played) {
     const Counts counts = CountsOf(played);
-    for (const auto& [tally, reasons] : counts) {
-        for (const auto& [reason, count] : reasons) {
-            total[tally][reason] += count;
-        }
+    for (const auto& [what, count] : counts) {
+        total[what] += count;
     }
     if (isQuiet) {
         return;
@@ -218,24 +171,25 @@ void Transcript::Show(const Played& played) {
         }
     }
     // What was forwarded shows above; what was not has a reason.
-    for (const auto& [tally, reasons] : counts) {
-        for (const auto& [reason, count] : reasons) {
-            if (!reason.empty()) {
-                out << "    - " << ROWS[static_cast<size_t>(tally)] << ": " << count << " ("
-                    << reason << ")\n";
-            }
+    for (const auto& [what, count] : counts) {
+        const auto& [tally, reason] = what;
+        if (!reason.empty()) {
+            out << fmt::format("    - {}: {} ({})\n", ROWS[static_cast<size_t>(tally)], count,
+                               reason);
         }
     }
 }
 
 void Transcript::ShowSummary() {
     out << (isQuiet ? "" : "\n") << "Summary\n";
-    for (size_t row = 0; row < ROWS.size(); ++row) {
+    for (size_t row = 0; row < std::size(ROWS); ++row) {
         std::string lines;
         int64_t all = 0;
-        for (const auto& [reason, count] : total[static_cast<Tally>(row)]) {
-            all += count;
-            lines += reason.empty() ? "" : fmt::format("{:34}  {}\n", count, reason);
+        for (const auto& [what, count] : total) {
+            if (what.first == static_cast<Tally>(row)) {
+                all += count;
+                lines += what.second.empty() ? "" : fmt::format("{:34}  {}\n", count, what.second);
+            }
         }
         out << fmt::format("  {:24}{:8}\n{}", ROWS[row], all, lines);
     }
@@ -243,19 +197,17 @@ void Transcript::ShowSummary() {
 
 void Transcript::ShowCall(const Call& call, std::optional<int32_t> result) {
     const OperationForm& form = FormOf(call.operation);
-    out << form.name << '(';
-    const char* separator = "";
+    std::vector<std::string> arguments;
     for (size_t i = 0; i < call.arguments.size(); ++i) {
         const Value& value = call.arguments[i];
-        const std::string_view parameter = form.parameters[i];
-        out << std::exchange(separator, ", ") << parameter << '='
-            << (parameter == OPERATION_MODE ? ModeText(std::get<int32_t>(value)) : ShownOf(value));
+        const auto toJson = [](const auto& held) { return Shown(JsonOf(held)); };
+        arguments.push_back(fmt::format("{}={}", form.parameters[i],
+                                        form.parameters[i] == OPERATION_MODE
+                                            ? ModeText(std::get<int32_t>(value))
+                                            : std::visit(toJson, value)));
     }
-    out << ')';
-    if (result) {
-        out << " = " << *result;
-    }
-    out << '\n';
+    out << fmt::format("{}({}){}\n", form.name, fmt::join(arguments, ", "),
+                       result ? fmt::format(" = {}", *result) : "");
 }
 
 }  // namespace tools

@@ -7,6 +7,7 @@
 #include <optional>
 #include <ostream>
 #include <string_view>
+#include <utility>
 
 #include "tools/play/player.h"
 #include "tools/session/session.h"
@@ -14,10 +15,22 @@
 namespace tools {
 
 // What a transcript counts: a row of its summary each.
-enum class Tally : uint8_t;
+enum class Tally : uint8_t {
+    ScenesStarted,
+    ScenesRefused,
+    FramesStarted,
+    FramesEnded,
+    FramesEvicted,
+    FrameStartsRefused,
+    FrameEndsRefused,
+    StageEventsForwarded,
+    StageEventsRefused,
+    NodeEndsIgnored,
+    ErrorReports,
+};
 
-// How often each happened, by the reason why it was not done; no reason: it was done.
-using Counts = std::map<Tally, std::map<std::string_view, int64_t>>;
+// How often each happened, and why it was not done; no reason: it was done.
+using Counts = std::map<std::pair<Tally, std::string_view>, int64_t>;
 
 class Transcript {
   public:

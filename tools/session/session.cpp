@@ -4,30 +4,29 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <sstream>
 #include <utility>
 
+#include "tools/base/cursor.h"
+#include "tools/base/finding.h"
 #include "tools/check/check.h"
 
 namespace tools {
 namespace {
 
-constexpr std::string_view RECORDING = "PlayRecording";
-constexpr std::string_view WAIT = "Wait";
-constexpr std::string_view STATUS = "ServiceStatus";
 // Two days of video; more than that is taken for a slip.
 constexpr int64_t MAX_RECORDING_FRAMES = 10'000'000;
 constexpr int64_t MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
 
 // The functions of the boost service by their names.
 std::string ServiceFunctionNames(std::string_view separator) {
-    std::string names;
-    for (size_t i = 0; i < desktop::SERVICE_FUNCTION_COUNT; ++i) {
-        names += names.empty() ? "" : separator;
-        names += NameOf(static_cast<desktop::ServiceFunction>(i));
+    std::array<std::string_view, desktop::SERVICE_FUNCTION_COUNT> names;
+    for (size_t i = 0; i < names.size(); ++i) {
+        names[i] = NameOf(static_cast<desktop::ServiceFunction>(i));
     }
-    return names;
+    return fmt::format("{}", fmt::join(names, separator));
 }
 
 Value ParseValue(std::string_view parameter, const Value& type, const Word& word) {
@@ -84,13 +83,7 @@ Call ParseCall(const OperationForm& form, const std::vector<Word>& words) {
     return call;
 }
 
-// Of the lines that are no calls of the library.
-constexpr std::string_view RECORDING_USAGE = "PlayRecording frames [firstFrame]";
-constexpr std::string_view WAIT_USAGE = "Wait milliseconds";
-constexpr std::string_view STATUS_USAGE = "ServiceStatus function status";
-
 Line ParseRecording(const std::vector<Word>& words) {
-    RequireWords(words, 2, 3, RECORDING_USAGE);
     Recording recording{ReadInteger<int64_t>(words[1], "frames", 1, MAX_RECORDING_FRAMES), {}};
     if (words.size() == 3) {
         recording.first =
@@ -101,15 +94,12 @@ Line ParseRecording(const std::vector<Word>& words) {
 }
 
 Line ParseWait(const std::vector<Word>& words) {
-    RequireWords(words, 2, 2, WAIT_USAGE);
-    const std::string_view text = words[1].text;
-    const size_t point = std::min(text.find('.'), text.size());
-    std::string decimals(text.substr(std::min(point + 1, text.size())));
-    const bool hasDecimals = !decimals.empty() && decimals.size() <= 3;
-    decimals.resize(3, '0');
+    const std::string& text = words[1].text;
+    const size_t point = text.find('.');
+    const std::string decimals = point == std::string::npos ? "0" : text.substr(point + 1);
     const auto millis = ReadDigits<uint32_t>(text.substr(0, point));
-    const auto micros = ReadDigits<uint32_t>(decimals);
-    if (words[1].isQuoted || !millis || !micros || (point < text.size() && !hasDecimals) ||
+    const auto micros = ReadDigits<uint32_t>(fmt::format("{:0<3}", decimals));
+    if (words[1].isQuoted || !millis || !micros || decimals.empty() || decimals.size() > 3 ||
         *millis > MAX_WAIT_MILLIS) {
         throw LineError(fmt::format(
             "milliseconds is {}, expected a number from 0 to {} with up to three decimals",
@@ -119,7 +109,6 @@ Line ParseWait(const std::vector<Word>& words) {
 }
 
 Line ParseServiceStatus(const std::vector<Word>& words) {
-    RequireWords(words, 3, 3, STATUS_USAGE);
     const auto function = desktop::ServiceFunctionOf(words[1].text);
     if (!function || words[1].isQuoted) {
         throw LineError("function is " + Quoted(words[1].text) + ", expected one of " +
@@ -127,6 +116,23 @@ Line ParseServiceStatus(const std::vector<Word>& words) {
     }
     return ServiceStatus{*function, ReadInteger<int32_t>(words[2], "status")};
 }
+
+// The lines that are no calls of the library.
+constexpr struct {
+    std::string_view name, parameters;
+    size_t fewest, most;  // How many words there are.
+    Line (*parse)(const std::vector<Word>& words);
+    std::string_view meaning;
+} OTHER_LINES[] = {
+    {"PlayRecording", "frames [firstFrame]", 2, 3, ParseRecording,
+     "plays that many frames of a normal recording: each node of the loaded stage table reports "
+     "each frame, one stage after another, with as many frames in flight as there are stages. It "
+     "starts at firstFrame, else where the last one left off, else at 1. Each frame takes its time "
+     "at the scene's frame rate."},
+    {"Wait", "milliseconds", 2, 2, ParseWait, "lets time pass, to three decimals."},
+    {"ServiceStatus", "function status", 3, 3, ParseServiceStatus,
+     "sets what the boost service answers from there on. Its functions:"},
+};
 
 std::string TextOf(std::string_view parameter, const Value& value) {
     if (parameter == OPERATION_MODE) {
@@ -141,33 +147,6 @@ std::string TextOf(std::string_view parameter, const Value& value) {
     return std::visit([](const auto& held) { return fmt::format("{}", held); }, value);
 }
 
-struct Writer {
-    std::string operator()(const Comment& comment) const { return comment.text; }
-
-    std::string operator()(const Call& call) const {
-        const OperationForm& form = FormOf(call.operation);
-        std::string text(form.name);
-        for (size_t i = 0; i < call.arguments.size(); ++i) {
-            const std::string word = TextOf(form.parameters[i], call.arguments[i]);
-            text += (word.empty() ? "" : " ") + word;
-        }
-        return text;
-    }
-
-    std::string operator()(const Recording& recording) const {
-        const std::string text = fmt::format("{} {}", RECORDING, recording.frames);
-        return recording.first ? fmt::format("{} {}", text, *recording.first) : text;
-    }
-
-    std::string operator()(const Wait& wait) const {
-        return fmt::format("{} {}", WAIT, static_cast<double>(wait.micros) / MILLISECOND);
-    }
-
-    std::string operator()(const ServiceStatus& status) const {
-        return fmt::format("{} {} {}", STATUS, NameOf(status.function), status.status);
-    }
-};
-
 }  // namespace
 
 Line ParseLine(std::string_view line) {
@@ -178,56 +157,58 @@ Line ParseLine(std::string_view line) {
         return Comment{std::string(line.substr(start, std::max(start, end) - start))};
     }
     const Word& name = words.front();
-    if (!name.isQuoted) {
-        if (name.text == RECORDING) {
-            return ParseRecording(words);
+    std::vector<std::string_view> names;
+    for (const auto& other : OTHER_LINES) {
+        if (other.name == name.text && !name.isQuoted) {
+            RequireWords(words, other.fewest, other.most,
+                         fmt::format("{} {}", other.name, other.parameters));
+            return other.parse(words);
         }
-        if (name.text == WAIT) {
-            return ParseWait(words);
-        }
-        if (name.text == STATUS) {
-            return ParseServiceStatus(words);
-        }
-        for (const OperationForm& form : Operations()) {
-            if (form.name == name.text) {
-                return ParseCall(form, words);
-            }
-        }
+        names.push_back(other.name);
     }
-    std::vector<std::string_view> names = {RECORDING, WAIT, STATUS};
     for (const OperationForm& form : Operations()) {
+        if (form.name == name.text && !name.isQuoted) {
+            return ParseCall(form, words);
+        }
         names.push_back(form.name);
     }
     const auto meant = Meant(name.text, names);
-    throw LineError(
-        fmt::format("{} is not known, expected {}", Quoted(name.text),
-                    meant ? fmt::format("{}, if that was meant", *meant)
-                          : fmt::format("an operation of TarvoCameraFrameBoost, {}, {} or {}",
-                                        RECORDING, WAIT, STATUS)));
+    throw LineError(fmt::format("{} is not known, expected {}", Quoted(name.text),
+                                meant ? fmt::format("{}, if that was meant", *meant)
+                                      : "an operation of TarvoCameraFrameBoost, PlayRecording, "
+                                        "Wait or ServiceStatus"));
 }
 
 std::string WriteLine(const Line& line) {
-    return std::visit(Writer{}, line);
-}
-
-Session::Session(std::string file) : text(std::move(file)) {
-    if (text.starts_with("\xEF\xBB\xBF")) {
-        text.erase(0, 3);
+    if (const auto* comment = std::get_if<Comment>(&line)) {
+        return comment->text;
     }
-    ForEachLine([](uint32_t, const Line&) { return true; },
-                [this](uint32_t number, const LineError& error) {
-                    errors.push_back({"session-line", Severity::Error, error.what(), {0, number}});
-                });
+    if (const auto* recording = std::get_if<Recording>(&line)) {
+        return fmt::format("PlayRecording {}{}", recording->frames,
+                           recording->first ? fmt::format(" {}", *recording->first) : "");
+    }
+    if (const auto* wait = std::get_if<Wait>(&line)) {
+        return fmt::format("Wait {}", static_cast<double>(wait->micros) / MILLISECOND);
+    }
+    if (const auto* status = std::get_if<ServiceStatus>(&line)) {
+        return fmt::format("ServiceStatus {} {}", NameOf(status->function), status->status);
+    }
+    const Call& call = std::get<Call>(line);
+    const OperationForm& form = FormOf(call.operation);
+    std::string text(form.name);
+    for (size_t i = 0; i < call.arguments.size(); ++i) {
+        const std::string word = TextOf(form.parameters[i], call.arguments[i]);
+        text += (word.empty() ? "" : " ") + word;
+    }
+    return text;
 }
 
-void Session::ForEachLine(const std::function<bool(uint32_t, const Line&)>& use,
-                          const std::function<void(uint32_t, const LineError&)>& complain) const {
-    uint32_t number = 0;
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = std::min(text.find('\n', at), text.size());
-        const std::string_view line = std::string_view(text).substr(at, end - at);
-        at = end + 1;
-        ++number;
+void ForEachLine(std::string_view file, const std::function<bool(uint32_t, const Line&)>& use,
+                 const std::function<void(uint32_t, const LineError&)>& complain) {
+    Skip(file, "\xEF\xBB\xBF");
+    for (uint32_t number = 1; !file.empty(); ++number) {
+        const std::string_view line = file.substr(0, file.find('\n'));
+        file.remove_prefix(std::min(line.size() + 1, file.size()));
         std::optional<Line> parsed;
         try {
             parsed = ParseLine(line);
@@ -248,15 +229,11 @@ std::string DescribeFormat() {
     for (const OperationForm& form : Operations()) {
         text << "  " << UsageOf(form) << '\n';
     }
-    text << "\nand, in between:\n\n  " << RECORDING_USAGE
-         << "\n\n"
-            "plays that many frames of a normal recording: each node of the loaded stage table "
-            "reports each frame, one stage after another, with as many frames in flight as there "
-            "are stages. It starts at firstFrame, else where the last one left off, else at 1. "
-            "Each frame takes its time at the scene's frame rate.\n\n  "
-         << WAIT_USAGE << "\n\nlets time pass, to three decimals.\n\n  " << STATUS_USAGE
-         << "\n\nsets what the boost service answers from there on. Its functions:\n\n  "
-         << ServiceFunctionNames("\n  ") << '\n';
+    text << "\nand, in between:\n";
+    for (const auto& other : OTHER_LINES) {
+        text << "\n  " << other.name << ' ' << other.parameters << "\n\n" << other.meaning << '\n';
+    }
+    text << "\n  " << ServiceFunctionNames("\n  ") << '\n';
     return text.str();
 }
 

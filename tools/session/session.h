@@ -8,10 +8,8 @@
 #include <string>
 #include <string_view>
 #include <variant>
-#include <vector>
 
 #include "host/desktop.h"
-#include "tools/base/finding.h"
 #include "tools/base/times.h"
 #include "tools/base/words.h"
 #include "tools/session/operations.h"
@@ -55,27 +53,13 @@ Line ParseLine(std::string_view line);
 // has no form, shows as a blank.
 std::string WriteLine(const Line& line);
 
-// A whole session: read, and each of its lines checked.
-class Session {
-  public:
-    explicit Session(std::string file);
-
-    // What is wrong with it. A session with errors is not to be played.
-    const std::vector<Finding>& Errors() const { return errors; }
-
-    // Hands over one line after another, with their numbers from 1, until `use` returns false.
-    // Lines with errors go to `complain`.
-    void ForEachLine(
-        const std::function<bool(uint32_t number, const Line& line)>& use,
-        const std::function<void(uint32_t number, const LineError& error)>& complain =
-            [](uint32_t, const LineError&) {}) const;
-
-  private:
-    // As it was read: a session of an hour has millions of lines, which take ten times as much
-    // memory in any other form.
-    std::string text;
-    std::vector<Finding> errors;
-};
+// Hands over the lines of a session file one after another, with their numbers from 1, until `use`
+// returns false. Lines that cannot be read go to `complain`. Nothing is kept: a session of an hour
+// has millions of lines, which take ten times as much memory in any form but text.
+void ForEachLine(
+    std::string_view file, const std::function<bool(uint32_t number, const Line& line)>& use,
+    const std::function<void(uint32_t number, const LineError& error)>& complain =
+        [](uint32_t, const LineError&) {});
 
 // What a session file may hold, for people.
 std::string DescribeFormat();
