@@ -207,8 +207,8 @@ std::string Replaced(std::string text, const std::string& what, const std::strin
 }
 
 // Knows ASCII and the two characters that the records below have.
-std::string Utf16(const std::string& text, bool isLittle, bool hasMark) {
-    std::u16string units = hasMark ? u"\xFEFF" : u"";
+std::string Utf16(const std::string& text, bool isLittle) {
+    std::u16string units = u"\xFEFF";
     for (size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
         units += byte < 0x80 ? std::u16string(1, byte) : byte == 0xC3 ? u"\xE9" : u"\xD83D\xDE00";
@@ -225,7 +225,7 @@ std::string Utf16(const std::string& text, bool isLittle, bool hasMark) {
 
 // Not in the C library's files for cross compilers, which lack the modules of iconv.
 bool HasUtf16() {
-    const iconv_t converter = iconv_open("UTF-8", "UTF-16LE");
+    const iconv_t converter = iconv_open("UTF-8", "UTF-16");
     const bool hasIt = reinterpret_cast<intptr_t>(converter) != -1;
     if (hasIt) {
         iconv_close(converter);
@@ -271,9 +271,7 @@ TEST(RecordTest, IsReadBackWhateverItsForm) {
             const std::string crlf = Replaced(text, "\n", "\r\r\n");
             std::vector<std::string> encoded = {text, "\xEF\xBB\xBF" + crlf};
             if (HasUtf16()) {
-                encoded.insert(encoded.end(),
-                               {Utf16(crlf, true, true), Utf16(text, true, false),
-                                Utf16(text, false, true), Utf16(text, false, false)});
+                encoded.insert(encoded.end(), {Utf16(crlf, true), Utf16(text, false)});
             }
             for (const std::string& bytes : encoded) {
                 for (const size_t piece : {size_t{1}, size_t{7}, size_t{100'000}}) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <variant>
 
@@ -122,43 +123,27 @@ constexpr auto CUT_UP_FORMS = [] {
     return parts;
 }();
 
-// Of the statements some write 1 and 0, some true and false.
-bool TakeFlag(std::string_view& text, bool& flag) {
-    for (const std::string_view word : {"1", "0", "true", "false"}) {
-        if (Skip(text, word)) {
-            flag = word == "1" || word == "true";
-            return true;
-        }
-    }
-    return false;
+// These take the value of a field, by its type. Of flags, some statements write 1 and 0, some true
+// and false.
+bool Take(std::string_view& text, std::string_view /*wordsBehind*/, bool& flag) {
+    flag = Skip(text, "1") || Skip(text, "true");
+    return flag || Skip(text, "0") || Skip(text, "false");
 }
 
-// Takes what stands before the last `words` in the text: they may stand in a name as well.
-bool TakeText(std::string_view& text, std::string_view words, std::string_view& value) {
-    size_t end = words.empty() ? text.size() : text.find(words);
-    for (size_t next = end; next < text.size(); next = text.find(words, end + 1)) {
+template <typename Number>
+bool Take(std::string_view& text, std::string_view /*wordsBehind*/, Number& number) {
+    return TakeNumber(text, number);
+}
+
+// A name goes to the last `wordsBehind` in the text: they may stand in the name as well.
+bool Take(std::string_view& text, std::string_view wordsBehind, std::string_view& name) {
+    size_t end = wordsBehind.empty() ? text.size() : text.find(wordsBehind);
+    for (size_t next = end; next < text.size(); next = text.find(wordsBehind, end + 1)) {
         end = next;
     }
-    if (end == std::string_view::npos) {
-        return false;
-    }
-    value = text.substr(0, end);
-    text.remove_prefix(end);
-    return true;
-}
-
-bool TakeField(std::string_view& text, const Target& target, std::string_view wordsBehind,
-               Message& message) {
-    if (const auto* number = std::get_if<int32_t Message::*>(&target)) {
-        return TakeNumber(text, message.**number);
-    }
-    if (const auto* number = std::get_if<int64_t Message::*>(&target)) {
-        return TakeNumber(text, message.**number);
-    }
-    if (const auto* part = std::get_if<std::string_view Message::*>(&target)) {
-        return TakeText(text, wordsBehind, message.**part);
-    }
-    return TakeFlag(text, message.*std::get<bool Message::*>(target));
+    name = text.substr(0, end);
+    text.remove_prefix(name.size());
+    return end != std::string_view::npos;
 }
 
 bool Matches(const Parts& parts, std::string_view text, Message& message) {
@@ -171,11 +156,15 @@ bool Matches(const Parts& parts, std::string_view text, Message& message) {
         } else {
             return false;
         }
-        if (target.index() == 0) {
-            return text.empty();
-        }
-        if (!TakeField(text, target, parts[i + 1].words, message)) {
-            return false;
+        const auto take = [&, behind = target.index() == 0 ? "" : parts[i + 1].words](auto field) {
+            if constexpr (std::is_same_v<decltype(field), std::monostate>) {
+                return false;
+            } else {
+                return Take(text, behind, message.*field);
+            }
+        };
+        if (target.index() == 0 || !std::visit(take, target)) {
+            return target.index() == 0 && text.empty();
         }
     }
 }
@@ -194,30 +183,22 @@ const char* RefusalOf(MessageKind kind) {
 
 std::optional<Message> ParseMessage(std::string_view tag, std::string_view text) {
     // "file line:function() "
-    const size_t blank = text.starts_with(LIBRARY_FILE) ? text.find(' ', LIBRARY_FILE.size())
-                                                        : std::string_view::npos;
-    if (blank == std::string_view::npos) {
-        return {};
-    }
-    text.remove_prefix(blank + 1);
     Message message;
-    if (!TakeNumber(text, message.sourceLine) || !text.starts_with(':')) {
+    std::string_view rest = text.substr(std::min(text.find(' '), text.size()));
+    if (!text.starts_with(LIBRARY_FILE) || !Skip(rest, " ") ||
+        !TakeNumber(rest, message.sourceLine) || !Skip(rest, ":")) {
         return {};
     }
-    const size_t end = text.find('(');
-    if (end == std::string_view::npos || !text.substr(end).starts_with("()")) {
-        return {};
-    }
-    const std::string_view function = text.substr(1, end - 1);
-    text.remove_prefix(end + 2);
-    if (!Skip(text, " ") && !text.empty()) {
+    const std::string_view function = rest.substr(0, rest.find('('));
+    rest.remove_prefix(function.size());
+    if (!Skip(rest, "()") || (!Skip(rest, " ") && !rest.empty())) {
         return {};
     }
     for (size_t i = 0; i < CUT_UP_FORMS.size(); ++i) {
         const MessageForm& form = FORMS[i];
         if (form.function.size() == function.size() && function.starts_with(form.function) &&
             (form.tag.data() == tag.data() || form.tag == tag) &&
-            Matches(CUT_UP_FORMS[i], text, message)) {
+            Matches(CUT_UP_FORMS[i], rest, message)) {
             message.kind = form.kind;
             return message;
         }

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <cstring>
 #include <utility>
 
 #include "tools/base/cursor.h"
@@ -23,46 +22,37 @@ constexpr std::string_view PRIORITIES = "VDIWEFS?";
 constexpr int64_t MAX_SECONDS = 1'000'000'000'000;
 
 bool Contains(std::string_view text, std::string_view part) {
-    return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
+    return text.find(part) != std::string_view::npos;
 }
 
-bool ToNumber(std::string_view text, int32_t& number) {
-    const auto read = ReadDigits<int32_t>(text);
-    number = read.value_or(-1);
-    return number >= 0;
+// A process or thread id; -1 for what is none.
+int32_t IdOf(std::string_view text) {
+    return std::max(ReadDigits<int32_t>(text).value_or(-1), -1);
 }
 
-bool TakePriority(std::string_view& text, char& priority) {
-    if (text.empty() || PRIORITIES.find(text[0]) == std::string_view::npos) {
-        return false;
-    }
-    priority = text[0];
-    text.remove_prefix(1);
-    return true;
+bool SkipPriority(std::string_view& text) {
+    const bool isThere = !text.empty() && PRIORITIES.find(text[0]) != std::string_view::npos;
+    text.remove_prefix(isThere ? 1 : 0);
+    return isThere;
 }
 
-// Takes one of the tags that matter and its padding. `isOthers`: there is another tag, and not a
-// part of one of those.
-bool TakeTag(std::string_view& text, std::string_view& tag, bool& isOthers) {
+// Takes one of the tags that matter and its padding; leaves `tag` empty for another program's.
+// False where there is no tag, or only a part of one that matters.
+bool TakeTag(std::string_view& text, std::string_view& tag) {
     for (const std::string_view known : {FACADE_TAG, UTILS_TAG, CHATTY_TAG}) {
-        if (!text.empty() && text[0] == known[0] && Skip(text, known)) {
+        if (Skip(text, known)) {
             tag = known;
             SkipBlanks(text);
             return true;
         }
     }
     const size_t end = text.find(": ");
-    isOthers = end != std::string_view::npos && !Contains(text.substr(0, end), FACADE_TAG);
-    return false;
+    return end != std::string_view::npos && !Contains(text.substr(0, end), FACADE_TAG);
 }
 
 // What separates a head from its message, whose blank may have gone with an empty message.
 bool SkipColon(std::string_view& text) {
-    if (text.empty() || text[0] != ':' || (text.size() > 1 && text[1] != ' ')) {
-        return false;
-    }
-    text.remove_prefix(std::min<size_t>(text.size(), 2));
-    return true;
+    return Skip(text, ": ") || (text == ":" && Skip(text, ":"));
 }
 
 // Takes "(user:process)", the user where the form has it.
@@ -75,7 +65,8 @@ bool TakeProcess(std::string_view& text, int32_t& process) {
     text.remove_prefix(close);
     id.remove_prefix(id.rfind(':') + 1);
     SkipBlanks(id);
-    return ToNumber(id, process);
+    process = IdOf(id);
+    return process >= 0;
 }
 
 }  // namespace
@@ -88,20 +79,15 @@ std::string_view Utf8Decoder::Decode(std::string_view bytes) {
     }
     pending += bytes;
     if (!isKnown) {
-        // The first two characters: a mark and one of logcat's, or two of logcat's.
-        if (pending.size() < 4) {
+        if (pending.size() < 2) {
             return {};
         }
         isKnown = true;
-        const auto isZero = [this](size_t at) { return pending[at] == '\0'; };
-        if (pending.starts_with("\xFF\xFE") || (isZero(1) && isZero(3) && !isZero(0))) {
-            fromUtf16.reset(iconv_open("UTF-8", "UTF-16LE"));
-        } else if (pending.starts_with("\xFE\xFF") || (isZero(0) && isZero(2) && !isZero(1))) {
-            fromUtf16.reset(iconv_open("UTF-8", "UTF-16BE"));
-        } else {
+        if (!pending.starts_with("\xFF\xFE") && !pending.starts_with("\xFE\xFF")) {
             text = std::exchange(pending, {});
             return text;
         }
+        fromUtf16.reset(iconv_open("UTF-8", "UTF-16"));  // In the order that the mark shows.
     }
     text.resize(2 * pending.size());  // Two bytes become three at most.
     char* next = pending.data();
@@ -131,7 +117,6 @@ void RecordReader::Begin(uint32_t input) {
     place = {input, 0};
     isLog = true;
     dateText.clear();
-    lastHead.clear();
 }
 
 void RecordReader::Read(std::string_view bytes) {
@@ -165,30 +150,20 @@ void RecordReader::ReadLine(std::string_view line) {
     }
     Skip(line, BYTE_ORDER_MARK);
     // Most lines of a device are not the library's.
-    const bool isAsLast = !lastHead.empty() && line.starts_with(lastHead);
-    const bool isTagWhereLast =
-        line.size() > lastHead.size() && line.substr(lastHead.size()).starts_with(FACADE_TAG);
-    if (!isAsLast && !isTagWhereLast && !Contains(line, FACADE_TAG) &&
-        !Contains(line, CHATTY_TAG)) {
-        return ReadOther(line);
-    }
     Record record;
-    bool isOthers = false;
-    if (isAsLast ? ReadHeadAsLast(line, record, isOthers) : ReadHead(line, record, isOthers)) {
-        sink.OnRecord(record, place);
-    } else if (isLog && !isOthers && Contains(line, LIBRARY_FILE)) {
-        sink.OnRecord({.message = line, .isWhole = false}, place);
-    } else {
-        ReadOther(line);
+    if (Contains(line, FACADE_TAG) || Contains(line, CHATTY_TAG)) {
+        const bool isWhole = ReadHead(line, record);
+        if (isWhole && !record.tag.empty()) {
+            return sink.OnRecord(record, place);
+        }
+        if (isLog && !isWhole && Contains(line, LIBRARY_FILE)) {
+            return sink.OnRecord({.message = line, .isWhole = false}, place);
+        }
     }
-}
-
-// "01-01 12:00:02.000   100   101 I ActivityManager: ..."
-void RecordReader::ReadOther(std::string_view line) {
-    int64_t time = 0;
+    // "01-01 12:00:02.000   100   101 I ActivityManager: ..."
     const bool isTimed = !line.empty() && (IsDigit(line[0]) || line[0] == ' ');
-    if (isTimed && isLog && ReadTime(line, time)) {
-        sink.OnTime(time);
+    if (isTimed && isLog && ReadTime(line, record.time)) {
+        sink.OnTime(record.time);
     }
 }
 
@@ -210,45 +185,31 @@ void RecordReader::End() {
 // ---- Forms ----
 
 // "01-31 23:59:59.999 " and then, in threadtime, " 1047   321  4321 D tag     : ", the user where
-// the form has it; in time, "D/tag     ( 1047:  321): ".
-bool RecordReader::ReadHead(std::string_view line, Record& record, bool& isOthers) {
-    std::string_view rest = line;
+// the form has it; in time, "D/tag     ( 1047:  321): ". Whether the line is a record; the tag of
+// another program's stays empty.
+bool RecordReader::ReadHead(std::string_view line, Record& record) {
+    std::string_view& rest = record.message = line;
     if (!ReadTime(rest, record.time)) {
         return false;
     }
     SkipBlanks(rest);
     if (rest.size() > 1 && rest[1] == '/') {
-        const bool isRecord = TakePriority(rest, record.priority) && Skip(rest, "/") &&
-                              TakeTag(rest, record.tag, isOthers) &&
-                              TakeProcess(rest, record.process) && SkipColon(rest);
-        record.message = rest;
-        return isRecord;
+        return SkipPriority(rest) && Skip(rest, "/") && TakeTag(rest, record.tag) &&
+               (record.tag.empty() || (TakeProcess(rest, record.process) && SkipColon(rest)));
     }
-    std::array<std::string_view, 4> words;
-    size_t count = 0;
-    do {
-        if (count == words.size()) {
+    // The last two words before the priority, which is no number.
+    for (int words = 0; words < 2 || rest.size() < 2 || rest[1] != ' ' || IsDigit(rest[0]);
+         ++words) {
+        const std::string_view word = rest.substr(0, rest.find(' '));
+        if (words == 3 || word.empty()) {
             return false;
         }
+        record.process = std::exchange(record.thread, IdOf(word));
+        rest.remove_prefix(word.size());
         SkipBlanks(rest);
-        words[count] = rest.substr(0, rest.find(' '));
-        rest.remove_prefix(words[count].size());
-    } while (++count < 3 || words[count - 1].size() != 1 || IsDigit(words[count - 1][0]));
-    if (!TakePriority(words[count - 1], record.priority) ||
-        !ToNumber(words[count - 2], record.thread) || !ToNumber(words[count - 3], record.process) ||
-        !Skip(rest, " ")) {
-        return false;
     }
-    lastHead = line.substr(0, line.size() - rest.size());
-    lastRecord = record;
-    return ReadHeadAsLast(line, record, isOthers);
-}
-
-// A line of the default form that begins with `lastHead`.
-bool RecordReader::ReadHeadAsLast(std::string_view line, Record& record, bool& isOthers) const {
-    record = lastRecord;
-    record.message = line.substr(lastHead.size());
-    return TakeTag(record.message, record.tag, isOthers) && SkipColon(record.message);
+    return record.process >= 0 && record.thread >= 0 && SkipPriority(rest) && Skip(rest, " ") &&
+           TakeTag(rest, record.tag) && (record.tag.empty() || SkipColon(rest));
 }
 
 // A date and a time of day, or seconds since 1970 or since boot; then the zone, where there is one.

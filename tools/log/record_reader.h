@@ -29,7 +29,8 @@ class RecordSink {
     virtual void OnTime(int64_t /*time*/) {}
 };
 
-// Text of any encoding as UTF-8: what is UTF-16, with a mark or without, is converted.
+// Text of any encoding as UTF-8: what is UTF-16, which a mark in front shows, is
+// converted.
 class Utf8Decoder {
   public:
     // The next bytes. The result is good until the next call; bytes that are half a character wait.
@@ -42,7 +43,7 @@ class Utf8Decoder {
     // Null for UTF-8.
     std::unique_ptr<std::remove_pointer_t<iconv_t>, int (*)(iconv_t)> fromUtf16{nullptr,
                                                                                 iconv_close};
-    std::string pending;  // Bytes too few to show the encoding.
+    std::string pending;  // Bytes too few to show the encoding, or half a character.
     std::string text;
 };
 
@@ -62,13 +63,9 @@ class RecordReader {
   private:
     void ReadText(std::string_view text);
     void ReadLine(std::string_view line);
-    // These return whether the line is a record of the library's or chatty's; `isOthers`: it is
-    // whole, but has another tag.
-    bool ReadHead(std::string_view line, Record& record, bool& isOthers);
-    bool ReadHeadAsLast(std::string_view line, Record& record, bool& isOthers) const;
+    bool ReadHead(std::string_view line, Record& record);
     bool ReadTime(std::string_view& rest, int64_t& time);
     bool ReadDate(std::string_view& rest, int64_t& seconds);
-    void ReadOther(std::string_view line);
 
     RecordSink& sink;
     Utf8Decoder decoder;
@@ -80,10 +77,6 @@ class RecordReader {
     // Lines come by the thousand a second: the last date and time, less the second's fraction.
     std::string dateText;
     int64_t dateSeconds = 0;
-    // And what stood before the last tag, in the form that is the default; what a thread logs at
-    // once begins alike.
-    std::string lastHead;
-    Record lastRecord;
     // Where the form has no year: any leap year, as the day may be a 29th of February.
     static constexpr int64_t MADE_UP_YEAR = 2000;
     int64_t year = MADE_UP_YEAR;
