@@ -117,7 +117,7 @@ TEST_F(ReplayTest, ShowsLogLinesAndCounters) {
          "      D cameraframeboost: tarvocameraframeboost.cpp "
          "132:TcfbtNotifyFrameStart() halFrameNumber = 1\n",
          "    cfbtFrameStart(frame=1) = 7\n", "ServiceStatus cfbtFrameStart 0\n",
-         "# \xc3\xa4?[2J???\n", "TcfbtNotifyFrameStart(halFrameNumber=2) = 0\n"});
+         "# \xc3\xa4?[2J?\xef\xbf\xbd\n", "TcfbtNotifyFrameStart(halFrameNumber=2) = 0\n"});
     EXPECT_TRUE(Play("TcfbtAddPersistTids \"a \\\"b\\\\ \xff\" -0x10\n"));
     ExpectInOrder({"TcfbtAddPersistTids(name=\"a \\\"b\\\\ \xef\xbf\xbd\", tid=-16)\n"});
 }
