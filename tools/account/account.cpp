@@ -3,7 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <functional>
+#include <iterator>
 #include <map>
+#include <set>
 #include <span>
 #include <tuple>
 #include <utility>
@@ -89,33 +92,24 @@ JudgedScene JudgedOf(Scene scene, const Configuration* configuration, double lat
 }
 
 SceneFinding FindingOf(const Scene& scene, const Columns& columns, const Cause& cause) {
-    SceneFinding finding{.kind = KindOf(cause.what),
-                         .severity = SeverityOf(cause),
-                         .message = SentenceOf(scene, columns, cause),
-                         .place = cause.place,
-                         .time = cause.time,
-                         .frame = cause.frame,
-                         .stage = cause.stage,
-                         .frames = RangesOf(cause.own),
-                         .harmed = RangesOf(cause.harmed),
-                         .states = cause.states,
-                         .chain = cause.chain};
+    SceneFinding finding{cause, KindOf(cause.what), SeverityOf(cause),
+                         SentenceOf(scene, columns, cause)};
     if (!finding.frame && !cause.own.empty()) {
         finding.frame = cause.own.front();
     }
-    const auto own = static_cast<int64_t>(cause.own.size());
     switch (cause.what) {
         case Case::Restarted:
         case Case::NeverHit:
         case Case::Late:
-            finding.times = std::max<int64_t>(own, 1);
+            finding.times = std::max<int64_t>(std::ssize(cause.own), 1);
             break;
         case Case::Ignored:
         case Case::NotBoosted:
+        case Case::NotUnderstoodLines:
             finding.times = cause.count;
             break;
         case Case::LinesMissing:
-            finding.frames.clear();
+            finding.own.clear();
             break;
         default:
             break;
@@ -123,82 +117,81 @@ SceneFinding FindingOf(const Scene& scene, const Columns& columns, const Cause& 
     return finding;
 }
 
+bool IsEarlier(const Cause& one, const Cause& other) {
+    return std::tie(one.time, one.place) < std::tie(other.time, other.place);
+}
+
+// One of several of a kind and a stage; the first comes first.
+SceneFinding Merged(std::vector<SceneFinding> same) {
+    SceneFinding& all = same.front();
+    std::set<int64_t> own, harmed, frames;
+    for (const SceneFinding& one : same) {
+        all.severity = std::max(all.severity, one.severity);
+        own.insert(one.own.begin(), one.own.end());
+        harmed.insert(one.harmed.begin(), one.harmed.end());
+        if (one.frame) {
+            frames.insert(*one.frame);
+        }
+        if (one.states && &one != &all) {
+            all.states = all.states.value_or(Shares());
+            std::transform(one.states->begin(), one.states->end(), all.states->begin(),
+                           all.states->begin(), std::plus());
+        }
+    }
+    all.own.assign(own.begin(), own.end());
+    all.harmed.assign(harmed.begin(), harmed.end());
+    all.times = std::ssize(same);
+    all.message = fmt::format(
+        "{} times{}; the first: {}", all.times,
+        frames.empty() ? "" : ", at " + NumbersText({frames.begin(), frames.end()}), all.message);
+    return std::move(all);
+}
+
 // Puts findings in their order, and makes one of more than so many of a kind and stage.
 std::vector<SceneFinding> Joined(const JudgedScene& judged, size_t namedOneByOne) {
-    std::map<std::tuple<Kind, int32_t, bool>, std::vector<const Cause*>> groups;
+    std::map<std::tuple<Kind, int32_t, bool>, std::vector<SceneFinding>> groups;
     for (const Cause& cause : judged.causes) {
         const bool isOfAll = cause.what == Case::CannotKeepUp || cause.what == Case::Reorders ||
                              cause.what == Case::SeveralAtOnce;
-        groups[{KindOf(cause.what), cause.stage, isOfAll}].push_back(&cause);
+        groups[{KindOf(cause.what), cause.stage, isOfAll}].push_back(
+            FindingOf(judged, judged.columns, cause));
     }
     std::vector<SceneFinding> findings;
     for (auto& [key, same] : groups) {
-        std::stable_sort(same.begin(), same.end(), [](const Cause* one, const Cause* other) {
-            return std::pair(one->time, one->place) < std::pair(other->time, other->place);
-        });
         const Kind kind = std::get<0>(key);
-        const bool isOneByOne =
-            same.size() <= namedOneByOne || kind == Kind::NodeIgnored || kind == Kind::ThreadNotSet;
-        if (isOneByOne) {
-            for (const Cause* cause : same) {
-                findings.push_back(FindingOf(judged, judged.columns, *cause));
-            }
-            continue;
+        std::stable_sort(same.begin(), same.end(), IsEarlier);
+        if (same.size() > namedOneByOne && kind != Kind::NodeIgnored &&
+            kind != Kind::ThreadNotSet) {
+            findings.push_back(Merged(std::move(same)));
+        } else {
+            std::move(same.begin(), same.end(), std::back_inserter(findings));
         }
-        SceneFinding all = FindingOf(judged, judged.columns, *same.front());
-        std::vector<int64_t> own, harmed, frames;
-        all.states.reset();
-        for (const Cause* cause : same) {
-            all.severity = std::max(all.severity, SeverityOf(*cause));
-            for (size_t state = 0; cause->states && state < THREAD_STATES; ++state) {
-                all.states = all.states.value_or(Shares());
-                (*all.states)[state] += (*cause->states)[state];
-            }
-            own.insert(own.end(), cause->own.begin(), cause->own.end());
-            harmed.insert(harmed.end(), cause->harmed.begin(), cause->harmed.end());
-            if (cause->frame || !cause->own.empty()) {
-                frames.push_back(cause->frame ? *cause->frame : cause->own.front());
-            }
-        }
-        for (std::vector<int64_t>* numbers : {&own, &harmed, &frames}) {
-            std::sort(numbers->begin(), numbers->end());
-            numbers->erase(std::unique(numbers->begin(), numbers->end()), numbers->end());
-        }
-        all.frames = RangesOf(kind == Kind::LinesLost ? std::vector<int64_t>() : own);
-        all.harmed = RangesOf(harmed);
-        all.times = static_cast<int64_t>(same.size());
-        all.message = fmt::format("{} times{}; the first: {}", all.times,
-                                  frames.empty() ? "" : ", at " + NumbersText(frames), all.message);
-        findings.push_back(std::move(all));
     }
-    std::stable_sort(
-        findings.begin(), findings.end(), [](const SceneFinding& one, const SceneFinding& other) {
-            return one.severity != other.severity
-                       ? one.severity > other.severity
-                       : std::pair(one.time, one.place) < std::pair(other.time, other.place);
-        });
+    std::stable_sort(findings.begin(), findings.end(),
+                     [](const SceneFinding& one, const SceneFinding& other) {
+                         return one.severity != other.severity ? one.severity > other.severity
+                                                               : IsEarlier(one, other);
+                     });
     return findings;
 }
 
 // --- About no scene in particular.
 
 // Lines of the library's that were not understood.
-Cause NotUnderstoodOf(const CaptureSummary& summary, size_t inputs) {
-    const std::vector<NotUnderstood>& shown = summary.firstNotUnderstood;
+Cause NotUnderstoodOf(const Account& account) {
+    const std::vector<NotUnderstood>& shown = account.firstNotUnderstood;
     // Where a capture begins and where it ends, a line may be only half there.
-    const bool isAtEdge =
-        static_cast<size_t>(summary.notUnderstood) == shown.size() &&
-        std::all_of(shown.begin(), shown.end(), [&](const NotUnderstood& line) {
-            return line.place.line == 1 || (inputs == 1 && line.place.line == summary.lines);
-        });
+    const bool isAtEdge = account.notUnderstood == std::ssize(shown) &&
+                          std::all_of(shown.begin(), shown.end(), [&](const NotUnderstood& line) {
+                              return line.place.line == 1 || (account.inputs.size() == 1 &&
+                                                              line.place.line == account.lines);
+                          });
     Cause cause{.what = Case::NotUnderstoodLines,
-                .count = summary.notUnderstood,
+                .place = shown.empty() ? Place() : shown.front().place,
+                .count = account.notUnderstood,
                 .atLeast = isAtEdge ? Severity::Note : Severity::Warning};
     for (const NotUnderstood& line : shown) {
         cause.why += fmt::format("\n    line {}: {}", line.place.line, line.text);
-    }
-    if (!shown.empty()) {
-        cause.place = shown.front().place;
     }
     return cause;
 }
@@ -211,40 +204,39 @@ std::optional<Cause> SeveralProcesses(const std::vector<JudgedScene>& scenes) {
             const Scene& other = scenes[j];
             if (scene.process != other.process && scene.isStarted && other.isStarted &&
                 scene.from.input == other.to.input && scene.from.line < other.to.line) {
-                Cause cause{.what = Case::TwoProcesses, .place = scene.from, .time = scene.begin};
-                cause.other = other.process;
-                cause.why = fmt::to_string(scene.process);
-                return cause;
+                return Cause{.what = Case::TwoProcesses,
+                             .place = scene.from,
+                             .time = scene.begin,
+                             .other = other.process,
+                             .why = fmt::to_string(scene.process)};
             }
         }
     }
     return {};
 }
 
-std::vector<SceneFinding> FindingsOutside(const Account& account, const Readings& readings,
-                                          const CaptureSummary& summary) {
+std::vector<SceneFinding> FindingsOutside(const Account& account, const Readings& readings) {
     std::vector<SceneFinding> findings;
-    const auto add = [&findings](const Cause& cause, int64_t times) {
+    const auto add = [&findings](const Cause& cause) {
         findings.push_back(FindingOf({}, {}, cause));
-        findings.back().times = times;
     };
-    if (!summary.damage.empty()) {
-        add({.what = Case::InputDamaged, .why = summary.damage}, 1);
+    if (!account.damage.empty()) {
+        add({.what = Case::InputDamaged, .why = account.damage});
     }
-    if (summary.notUnderstood > 0) {
-        add(NotUnderstoodOf(summary, account.inputs.size()), summary.notUnderstood);
+    if (account.notUnderstood > 0) {
+        add(NotUnderstoodOf(account));
     }
-    const auto addFirst = [&add](Case what, const std::vector<Scene::Disturbance>& all) {
+    const auto addFirst = [&](Case what, const std::vector<Scene::Disturbance>& all) {
         if (!all.empty()) {
-            Cause cause{.what = what, .place = all.front().place, .time = all.front().time};
-            cause.count = all.front().amount;
-            add(cause, std::ssize(all));
+            const Scene::Disturbance& first = all.front();
+            add({.what = what, .place = first.place, .time = first.time, .count = first.amount});
+            findings.back().times = std::ssize(all);
         }
     };
     addFirst(Case::LinesOutside, readings.leftOut);
     addFirst(Case::ClockSetOutside, readings.clockSteps);
     if (const auto cause = SeveralProcesses(account.scenes)) {
-        add(*cause, 1);
+        add(*cause);
     }
     return findings;
 }
@@ -264,18 +256,9 @@ StageTimes JudgedScene::TimesOf(size_t row, int32_t stage) const {
     return times;
 }
 
-Account Judge(Readings readings, const CaptureSummary& summary, std::vector<std::string> inputs,
+Account Judge(Readings readings, CaptureSummary summary, std::vector<std::string> inputs,
               const JudgeOptions& options) {
-    Account account;
-    account.inputs = std::move(inputs);
-    account.from = summary.from;
-    account.to = summary.to;
-    account.hasThreads = readings.hasThreads;
-    account.resolution = summary.resolution;
-    account.lines = summary.lines;
-    account.libraryLines = summary.libraryLines;
-    account.notUnderstood = summary.notUnderstood;
-    account.lost = summary.lost;
+    Account account{std::move(summary), std::move(inputs), readings.hasThreads, {}, {}, {}};
     for (const auto& loaded : readings.configurations) {
         account.configurations.push_back(*loaded);
         account.configurations.back().findings = CheckConfiguration(loaded->configuration);
@@ -287,7 +270,7 @@ Account Judge(Readings readings, const CaptureSummary& summary, std::vector<std:
                 : &account.configurations[scene.configuration - 1].configuration;
         account.scenes.push_back(JudgedOf(std::move(scene), known, options.latePeriods));
     }
-    account.findings = FindingsOutside(account, readings, summary);
+    account.findings = FindingsOutside(account, readings);
     return account;
 }
 

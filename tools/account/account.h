@@ -16,20 +16,12 @@
 
 namespace tools {
 
-// A cause in words, or several of a kind.
-struct SceneFinding {
+// A cause in words, or several of a kind: with the frames of all, and the place of the first.
+struct SceneFinding : Cause {
     Kind kind = Kind::Unexplained;
     Severity severity = Severity::Note;
     std::string message{};
-    Place place{};
-    Micros time = NO_TIME;           // The moment to look at.
-    std::optional<int64_t> frame{};  // The first that it is about, where there is one.
-    int32_t stage = -1;
-    int64_t times = 1;                 // How many of the kind it stands for.
-    std::vector<FrameRange> frames{};  // All that it is about,
-    std::vector<FrameRange> harmed{};  // and those counted to it, each to one finding.
-    std::optional<Shares> states{};
-    std::vector<CauseLink> chain{};
+    int64_t times = 1;  // How many of the kind it stands for.
 };
 
 // When a frame was in a stage. NO_TIME where it is not known.
@@ -64,12 +56,9 @@ struct JudgedScene : Scene {
     const Fate& FateOf(size_t row) const { return columns.fates[row]; }
 };
 
-struct Account {
+struct Account : CaptureSummary {
     std::vector<std::string> inputs;  // What Place::input counts.
-    std::string from, to;  // As the clock of the capture says; empty where no line was understood.
     bool hasThreads = false;
-    Micros resolution = 1000;  // Of all times: 1000 where they are whole milliseconds, else 1.
-    int64_t lines = 0, libraryLines = 0, notUnderstood = 0, lost = 0;
     std::vector<LoadedConfiguration> configurations;
     std::vector<JudgedScene> scenes;
     std::vector<SceneFinding> findings;  // About no scene in particular.
@@ -82,7 +71,7 @@ struct JudgeOptions {
 
 // Judges what was read: columns, causes, and the frames that each harmed. `inputs`: what messages
 // call them.
-Account Judge(Readings readings, const CaptureSummary& summary, std::vector<std::string> inputs,
+Account Judge(Readings readings, CaptureSummary summary, std::vector<std::string> inputs,
               const JudgeOptions& options);
 // Makes the findings of the causes. Apart from Judge, as a scheduler trace adds to causes before.
 void MakeFindings(Account& account, const JudgeOptions& options);

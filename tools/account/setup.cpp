@@ -74,46 +74,9 @@ std::string PortsText(const ConfiguredStage& stage) {
     return text.empty() ? "no port" : "port " + text;
 }
 
-// A scene without frames: its nodes are not those of the configuration.
-void FindNoneHit(const Scene& scene, std::vector<Cause>& causes) {
-    std::vector<std::string> nodes, stages;
-    int64_t most = 0;  // How often a node was reported.
-    for (const Reporter& reporter : scene.reporters) {
-        if (reporter.counts == true) {
-            return;
-        }
-        most = std::max(most, reporter.times);
-        std::string node = fmt::format("{} (port {})", Quoted(reporter.node), reporter.port);
-        if (std::find(nodes.begin(), nodes.end(), node) == nodes.end()) {
-            nodes.push_back(std::move(node));
-        }
-    }
-    // In part of a scene the nodes of stages may be yet to come.
-    const bool isWhole = scene.HasEnd() && !scene.isBeginningMissing;
-    if (nodes.empty() || !scene.frames.empty() ||
-        (!isWhole && most < static_cast<int64_t>(limits::ENOUGH_FRAMES))) {
-        return;
-    }
-    const char* const were = nodes.size() == 1 ? "was" : "were";
-    if (nodes.size() > MOST_NODES) {
-        const size_t more = nodes.size() - MOST_NODES;
-        nodes.resize(MOST_NODES);
-        nodes.push_back(fmt::format("{} more", more));
-    }
-    for (const ConfiguredStage& stage : scene.configured) {
-        stages.push_back(fmt::format("stage {} waits for {} ({})", stage.stage, Quoted(stage.node),
-                                     PortsText(stage)));
-    }
-    causes.push_back({.what = Case::NoneHit,
-                      .place = scene.reporters.front().place,
-                      .why = fmt::format("{} {} reported, and {}", Join(nodes), were,
-                                         stages.empty() ? "the configured stages wait for others"
-                                                        : Join(stages))});
-}
-
-// Node ends that end no stage.
-void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    std::vector<Reporter> ignored;  // One for each node and port.
+// Nodes that end no stage, once for each port.
+std::vector<Reporter> IgnoredOf(const Scene& scene) {
+    std::vector<Reporter> ignored;
     for (const Reporter& reporter : scene.reporters) {
         const auto known =
             std::find_if(ignored.begin(), ignored.end(), [&reporter](const Reporter& other) {
@@ -128,6 +91,46 @@ void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>&
             known->times += reporter.times;
         }
     }
+    return ignored;
+}
+
+// A scene without frames: its nodes are not those of the configuration.
+void FindNoneHit(const Scene& scene, const std::vector<Reporter>& ignored,
+                 std::vector<Cause>& causes) {
+    // In part of a scene the nodes of stages may be yet to come.
+    const bool isWhole = scene.HasEnd() && !scene.isBeginningMissing;
+    const bool isEnough =
+        isWhole || std::any_of(ignored.begin(), ignored.end(), [](const Reporter& one) {
+            return one.times >= static_cast<int64_t>(limits::ENOUGH_FRAMES);
+        });
+    const bool hasOthers =
+        std::any_of(scene.reporters.begin(), scene.reporters.end(),
+                    [](const Reporter& reporter) { return reporter.counts == true; });
+    if (ignored.empty() || hasOthers || !scene.frames.empty() || !isEnough) {
+        return;
+    }
+    std::vector<std::string> nodes, stages;
+    for (size_t i = 0; i < std::min(ignored.size(), MOST_NODES); ++i) {
+        nodes.push_back(fmt::format("{} (port {})", Quoted(ignored[i].node), ignored[i].port));
+    }
+    if (ignored.size() > MOST_NODES) {
+        nodes.push_back(fmt::format("{} more", ignored.size() - MOST_NODES));
+    }
+    for (const ConfiguredStage& stage : scene.configured) {
+        stages.push_back(fmt::format("stage {} waits for {} ({})", stage.stage, Quoted(stage.node),
+                                     PortsText(stage)));
+    }
+    causes.push_back(
+        {.what = Case::NoneHit,
+         .place = ignored.front().place,
+         .why =
+             fmt::format("{} {} reported, and {}", Join(nodes), nodes.size() == 1 ? "was" : "were",
+                         stages.empty() ? "the configured stages wait for others" : Join(stages))});
+}
+
+// Node ends that end no stage.
+void FindIgnored(const Scene& scene, const Columns& columns, const std::vector<Reporter>& ignored,
+                 std::vector<Cause>& causes) {
     for (const Reporter& reporter : ignored) {
         Cause cause{.what = Case::Ignored, .place = reporter.place, .count = reporter.times};
         cause.why =
@@ -156,9 +159,10 @@ void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>&
 
 void FindSetUp(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     FindNeverHit(scene, columns, causes);
-    FindNoneHit(scene, causes);
     FindThreads(scene, causes);
-    FindIgnored(scene, columns, causes);
+    const std::vector<Reporter> ignored = IgnoredOf(scene);
+    FindNoneHit(scene, ignored, causes);
+    FindIgnored(scene, columns, ignored, causes);
 }
 
 Cause RefusalOf(const Scene& scene, const Configuration* configuration) {

@@ -45,49 +45,33 @@ std::string VerdictOf(const Totals& totals) {
     }
     const bool isWell = worst == Severity::Note;
     if (frames <= 0) {
-        return isWell ? "Nothing was boosted: no frame was reported."
-                      : "Nothing was boosted: no frame was reported, and there is something to "
-                        "look at.";
+        return fmt::format("Nothing was boosted: no frame was reported{}.",
+                           isWell ? "" : ", and there is something to look at");
     }
     const std::string all = Counted(frames, "frame");
     std::vector<std::string> parts;
-    if (neverOut > 0) {
-        parts.push_back(fmt::format("{} never came out", neverOut));
+    const auto add = [&parts](int64_t count, const std::string& text) {
+        if (count > 0) {
+            parts.push_back(fmt::format(fmt::runtime(text), count));
+        }
+    };
+    add(neverOut, "{} never came out");
+    add(late,
+        "{} came out late, more than " + LateText(lateThreshold) + " ms after the frame before");
+    add(notBoosted, notBoosted == 1 ? "{} was not boosted from start to end"
+                                    : "{} were not boosted from start to end");
+    add(unknown, "what became of {} is not known, as lines of the log are missing");
+    add(mixed, "what became of {} is not known, as two objects record at once");
+    if (!parts.empty()) {
+        return fmt::format("Of {} {}.", all, fmt::join(parts, "; "));
     }
-    if (late > 0) {
-        parts.push_back(fmt::format("{} came out late, more than {} ms after the frame before",
-                                    late, LateText(lateThreshold)));
-    }
-    if (notBoosted > 0) {
-        parts.push_back(fmt::format("{} {} not boosted from start to end", notBoosted,
-                                    notBoosted == 1 ? "was" : "were"));
-    }
-    if (unknown > 0) {
-        parts.push_back(fmt::format(
-            "what became of {} is not known, as lines of the log are missing", unknown));
-    }
-    if (mixed > 0) {
-        parts.push_back(
-            fmt::format("what became of {} is not known, as two objects record at once", mixed));
-    }
-    if (parts.empty()) {
-        return isWell ? fmt::format("All is well: {}, all boosted, none late.", all)
-                      : fmt::format(
-                            "{}, all boosted, none late, but there is something to look at.", all);
-    }
-    std::string verdict = "Of " + all + " ";
-    for (size_t i = 0; i < parts.size(); ++i) {
-        verdict += (i > 0 ? "; " : "") + parts[i];
-    }
-    return verdict + ".";
+    return isWell
+               ? fmt::format("All is well: {}, all boosted, none late.", all)
+               : fmt::format("{}, all boosted, none late, but there is something to look at.", all);
 }
 
 std::string LineOf(const Account& account, const JudgedScene* scene, const SceneFinding& finding) {
-    Finding shown;
-    shown.check = NameOf(finding.kind);
-    shown.severity = finding.severity;
-    shown.message = finding.message;
-    shown.place = finding.place;
+    Finding shown{NameOf(finding.kind), finding.severity, finding.message, finding.place};
     if (scene != nullptr && finding.time > scene->begin) {
         shown.message += fmt::format(" ({:.3f} s into the scene)",
                                      static_cast<double>(finding.time - scene->begin) / 1e6);

@@ -175,7 +175,7 @@ class Follower {
         if (!isKnown) {
             ranges.push_back({first, first});
         }
-        for (const FrameRange& range : finding.frames) {
+        for (const FrameRange& range : RangesOf(finding.own)) {
             if (const auto known = find(range.first); known != ranges.end()) {
                 known->last = std::max(known->last, range.last);
             } else {

@@ -193,10 +193,10 @@ void WriteFinding(std::ostream& out, const Account& account, size_t number,
                "<dt>What happened<dd>{}<dt>What to do<dd>{}",
                kind, FromMarkdown(RowOf(finding.kind).what),
                FromMarkdown(RowOf(finding.kind).remedy));
-    for (const auto& [title, ranges] :
-         {std::pair("Frames", &finding.frames), std::pair("Harmed", &finding.harmed)}) {
-        if (scene && !ranges->empty()) {
-            fmt::print(out, "<dt>{}<dd>{}", title, LinksOf(*scene, *ranges));
+    for (const auto& [title, numbers] :
+         {std::pair("Frames", &finding.own), std::pair("Harmed", &finding.harmed)}) {
+        if (scene && !numbers->empty()) {
+            fmt::print(out, "<dt>{}<dd>{}", title, LinksOf(*scene, RangesOf(*numbers)));
         }
     }
     out << "</dl></details></li>\n";
