@@ -32,9 +32,10 @@ void Take(std::optional<RunningScene>& before, RunningScene& running, const Even
     }
     running.last = std::max(running.last, time);
     // A frame of the count before may still be on its way.
-    const bool isOld = before && before->Has(message.frame) && !running.Has(message.frame) &&
-                       message.kind != MessageKind::TableFull &&
-                       message.frame > *running.lastOpened;
+    const bool isOld = before && (message.kind == MessageKind::TableFull
+                                      ? !running.Oldest()
+                                      : before->Has(message.frame) && !running.Has(message.frame) &&
+                                            message.frame > *running.lastOpened);
     (isOld ? *before : running).Take(event);
 }
 

@@ -312,15 +312,19 @@ void RunningScene::OnStart(const Message& message, Micros time) {
     inFlight.insert(key);
 }
 
-// The library says only that it made room: the lowest number leaves.
-void RunningScene::OnEviction(const Place& place, Micros time) {
+std::optional<int32_t> RunningScene::Oldest() const {
     const auto oldest = std::find_if(inFlight.begin(), inFlight.end(), [this](int32_t one) {
         return rows.at(one).isStarted && !IsThrough(rows.at(one));
     });
-    if (oldest != inFlight.end()) {
+    return oldest == inFlight.end() ? std::nullopt : std::optional(*oldest);
+}
+
+// The library says only that it made room: the lowest number leaves.
+void RunningScene::OnEviction(const Place& place, Micros time) {
+    if (const auto oldest = Oldest()) {
         rows.at(*oldest).evicted = time;
         NoteTrouble(rows.at(*oldest), place, time);
-        inFlight.erase(oldest);
+        inFlight.erase(*oldest);
     }
     scene.evictions.push_back(time);
 }

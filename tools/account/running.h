@@ -42,6 +42,9 @@ class RunningScene {
     // Whether numbers fell to this one: that far, or to a frame that is through.
     bool IsAgain(int64_t number) const;
 
+    // The key of the frame that leaves when the library makes room.
+    std::optional<int32_t> Oldest() const;
+
     void Take(const Event& event);
     // Drops frames whose last line is before that time.
     void Forget(Micros before);
