@@ -393,7 +393,8 @@
                         isNaN(begin) ? to : begin, to, work), name: scene.numbers[frames[k]] };
                 }
                 for (const { frame, since, until } of stands) {
-                    yield thing('stands', frame, since, until, () => 'never seen to leave');
+                    yield { ...thing('stands', frame, since, until,
+                        () => 'never seen to leave'), reach: 5 };
                 }
                 const stay = stayOf(chosen);
                 if (stay) {
@@ -520,8 +521,9 @@
         const { time } = viewed();
         const now = time(x);
         const distance = ({ from, to }) => Math.max(from - now, now - to, 0);
-        const hits = [...row.things(scaleOf(time(x - 8), time(x + 8)))]
-            .filter((one) => one.text && distance(one) <= row.reach * (time(1) - time(0)))
+        const pixel = time(1) - time(0);
+        const hits = [...row.things(scaleOf(now - 8 * pixel, now + 8 * pixel))]
+            .filter((one) => one.text && distance(one) <= (one.reach ?? row.reach) * pixel)
             .sort((a, b) => distance(a) - distance(b));
         // Frames that wait are drawn below the one at work.
         const isLow = y - row.y >= row.height - 9;
