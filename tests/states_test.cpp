@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/sched/ftrace.h"
 #include "tools/sched/tie.h"
 
 namespace {
@@ -28,7 +29,7 @@ std::string LineOf(int thread, int cpu, Micros time, const std::string& what, ch
 }
 
 tools::SchedTrace TraceOf(std::string_view text) {
-    tools::TraceReader reader;
+    tools::FtraceReader reader;
     reader.Read(text);
     reader.End();
     return reader.Finish();
@@ -72,12 +73,13 @@ std::string TextOf(std::string_view events) {
 // interrupt.
 std::string StatesText(const std::string& text, int tid) {
     const tools::SchedTrace trace = TraceOf(text);
+    const tools::States all = StatesOf(trace);
     std::string states;
     for (uint32_t thread = 0; thread < trace.threads.size(); ++thread) {
         if (trace.threads[thread].tid != tid) {
             continue;
         }
-        for (const tools::StateSpan& span : tools::StatesOf(trace, thread)) {
+        for (const tools::StateSpan& span : all.threads[thread]) {
             states += fmt::format("{}{}-{} {}", states.empty() ? "" : "; ", span.begin, span.end,
                                   tools::NameOf(span.state));
             if (span.state == tools::ThreadState::Running ||
@@ -216,8 +218,7 @@ TEST(Clocks, TimesOfATraceBecomeTheLogs) {
             recording.AddFrame(frame, log, trace);
         }
         tools::SchedTrace trace = TraceOf(recording.text);
-        const tools::CounterTable counters(trace);
-        const tools::Tie tie = tools::TieClocks(trace, counters, recording.lines, unit);
+        const tools::Tie tie = tools::TieClocks(trace, recording.lines, unit);
         EXPECT_EQ(tie.counters, 300) << what;
         EXPECT_TRUE(tie.untied.empty()) << what;
         EXPECT_EQ(tie.breaks.size(), step + pause > 0 ? 1 : 0) << what;
@@ -226,8 +227,8 @@ TEST(Clocks, TimesOfATraceBecomeTheLogs) {
                 << what << ": " << i;
         }
         // Each line finds its counter by the log's clock.
-        for (const tools::CountedLines::Line& line : recording.lines.All()) {
-            EXPECT_NE(counters.Beside(line), nullptr) << what;
+        for (const tools::CountedLine& line : recording.lines.All()) {
+            EXPECT_NE(tools::CounterBeside(trace, line, line.time), nullptr) << what;
         }
     }
 }
@@ -243,7 +244,7 @@ TEST(Clocks, WhatDoesNotBelongTogetherIsRefused) {
         }
         tools::SchedTrace trace = TraceOf(recording.text);
         try {
-            tools::TieClocks(trace, tools::CounterTable(trace), recording.lines, 1);
+            tools::TieClocks(trace, recording.lines, 1);
         } catch (const tools::TieError& error) {
             return error.what();
         }

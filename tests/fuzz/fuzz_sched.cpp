@@ -1,22 +1,25 @@
 // Any bytes as a scheduler trace, and any events in any order: what threads did adds up, it is read
 // in pieces as at once, and all outputs can be written.
 
+#include <algorithm>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "tests/fuzz/require.h"
 #include "tools/account/account.h"
 #include "tools/output/outputs.h"
+#include "tools/sched/ftrace.h"
 #include "tools/sched/scheduling.h"
 
 namespace {
 
 tools::SchedTrace Read(const std::string& text, size_t piece) {
-    tools::TraceReader reader;
+    tools::FtraceReader reader;
     for (size_t at = 0; at < text.size(); at += piece) {
         reader.Read(std::string_view(text).substr(at, piece));
     }
@@ -26,16 +29,18 @@ tools::SchedTrace Read(const std::string& text, size_t piece) {
 
 std::string Explain(const std::string& text, size_t piece) {
     tools::SchedTrace trace = Read(text, piece);
-    tools::States states(trace);
+    const tools::States states = StatesOf(trace);
     for (uint32_t thread = 0; thread < trace.threads.size(); ++thread) {
         const tools::Span all = {trace.from, trace.to};
         const tools::Shares shares = states.SharesOf(thread, all);
         Require(
             std::accumulate(shares.begin(), shares.end(), tools::Micros{0}) == all.end - all.begin,
             "what a thread did does not add up");
-        for (const auto& [other, time] : states.RanOn(0, all)) {
-            Require(time >= 0 && other < trace.threads.size(), "nobody ran");
-        }
+    }
+    tools::Micros ran = trace.from;
+    for (const tools::StateSpan& one : states.RanOn(0, {trace.from, trace.to})) {
+        Require(one.begin >= ran && one.end > one.begin, "two threads ran on a CPU at once");
+        ran = one.end;
     }
     if (trace.counters.empty()) {
         return "";
@@ -43,7 +48,10 @@ std::string Explain(const std::string& text, size_t piece) {
     // A log that says what the counters say, a little earlier.
     tools::SceneReader scenes;
     tools::CountedLines lines;
-    for (const tools::SchedCounter& counter : trace.counters) {
+    std::vector<tools::SchedCounter> counters = trace.counters;
+    std::stable_sort(counters.begin(), counters.end(),
+                     [](const auto& one, const auto& other) { return one.time < other.time; });
+    for (const tools::SchedCounter& counter : counters) {
         tools::Message message;
         message.kind = counter.kind;
         message.stage = counter.stage;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,7 +32,17 @@ inline constexpr size_t THREAD_STATES = static_cast<size_t>(ThreadState::Unknown
 const char* NameOf(ThreadState state);  // "running" and so on.
 
 // How long each state took.
-using Shares = std::array<Micros, THREAD_STATES>;
+struct Shares : std::array<Micros, THREAD_STATES> {
+    using array::operator[];
+    Micros& operator[](ThreadState state) { return array::operator[](static_cast<size_t>(state)); }
+    Micros operator[](ThreadState state) const {
+        return array::operator[](static_cast<size_t>(state));
+    }
+    Shares& operator+=(const Shares& more) {
+        std::transform(begin(), end(), more.begin(), begin(), std::plus());
+        return *this;
+    }
+};
 
 // What a thread did meanwhile, by a scheduler trace.
 struct CauseLink {
@@ -47,10 +58,10 @@ struct CauseLink {
     bool isWoken = false, isByInterrupt = false;
     std::string waker;  // "18890 (sensor)": the thread that woke it, which the next link is about.
     struct Ran {
-        int32_t thread;
+        int32_t thread = 0;
         std::string name;
-        Micros length;
-        int32_t priority;
+        Micros length = 0;
+        int32_t priority = 0;
     };
     std::vector<Ran> ran;  // Threads that had that CPU while it waited; longest first.
 };

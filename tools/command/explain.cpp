@@ -17,6 +17,7 @@
 #include "tools/base/words.h"
 #include "tools/command/subcommands.h"
 #include "tools/output/outputs.h"
+#include "tools/sched/ftrace.h"
 #include "tools/sched/scheduling.h"
 #include "tools/session/made_session.h"
 
@@ -57,7 +58,7 @@ class LogSink : public TextSink {
   public:
     explicit LogSink(CaptureReader& captureReader) : reader(captureReader) {}
     void Read(std::string_view bytes) override {
-        if (isBeginning && IsTrace(bytes)) {
+        if (isBeginning && IsFtrace(bytes)) {
             throw CaptureError(
                 "is a scheduler trace, which is explained with the log of the same time:\n"
                 "cameraframeboost explain LOG --sched TRACE");
@@ -120,7 +121,7 @@ std::string ReadInput(TextSink& sink, const std::string& path, ProgressLine& pro
 }
 
 SchedTrace ReadTrace(const std::string& path, ProgressLine& progress) {
-    TraceReader reader;
+    FtraceReader reader;
     const std::string name = ReadInput(reader, path, progress);
     SchedTrace trace = reader.Finish();
     if (trace.traceLines == 0) {

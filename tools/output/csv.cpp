@@ -38,7 +38,7 @@ void WriteCsv(std::ostream& out, const Account& account, const Scheduling* sched
     };
     const auto addUse = [&](const StageUse* use) {
         row += ',';
-        row += use != nullptr ? std::to_string(scheduling->trace->threads[use->thread].tid) : "";
+        row += use != nullptr ? std::to_string(scheduling->trace.threads[use->thread].tid) : "";
         for (const ThreadState state : {ThreadState::Running, ThreadState::Runnable,
                                         ThreadState::Sleeping, ThreadState::Blocked}) {
             addTime(use != nullptr ? use->shares[static_cast<size_t>(state)] : NO_TIME, 0);

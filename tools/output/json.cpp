@@ -178,13 +178,13 @@ void WriteJson(std::ostream& out, const Account& account, const Scheduling* sche
         json["trace"] = {{"file", scheduling->name},
                          {"counters", scheduling->tie.counters},
                          {"within", Milliseconds(scheduling->tie.within)},
-                         {"lost", scheduling->trace->lost},
+                         {"lost", scheduling->trace.lost},
                          {"notes", scheduling->notes}};
     }
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         json["scenes"].push_back(ToJson(account, account.scenes[i]));
         if (scheduling != nullptr) {
-            json["scenes"].back()["scheduling"] = ToJson(scheduling->scenes[i], *scheduling->trace);
+            json["scenes"].back()["scheduling"] = ToJson(scheduling->scenes[i], scheduling->trace);
         }
     }
     // Names from a log may hold any bytes.

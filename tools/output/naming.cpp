@@ -25,7 +25,7 @@ Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
     Rows table = {{"name", "thread", "stages", "handed", "ran", "waited for a CPU", "slept",
                    "blocked", "stopped", "not known"}};
     for (const ThreadUse& use : scene.threads) {
-        const SchedThread& thread = scheduling.trace->threads[use.thread];
+        const SchedThread& thread = scheduling.trace.threads[use.thread];
         const char* const handed = use.isHanded ? "yes" : "no";
         std::vector<std::string> row = {
             Printable(thread.name), std::to_string(thread.tid),
@@ -228,7 +228,7 @@ std::string TitleOf(const std::vector<SharedConfiguration>& all, const SharedCon
 }
 
 std::string TitleOf(const Scheduling& scheduling) {
-    const SchedTrace& trace = *scheduling.trace;
+    const SchedTrace& trace = scheduling.trace;
     std::string text = fmt::format(
         "{}: a scheduler trace of {} s, {} of which tie it to the log, nine of ten "
         "to within {} ms",
@@ -249,7 +249,7 @@ std::string TitleOf(const Scheduling& scheduling) {
 
 std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {
     std::vector<Awake> all;
-    for (const StateSpan& one : scheduling.states->Within(thread, span)) {
+    for (const StateSpan& one : Within(scheduling.states.threads[thread], span)) {
         if (one.state == ThreadState::Running || one.state == ThreadState::Runnable ||
             one.state == ThreadState::Blocked || one.state == ThreadState::Stopped) {
             all.push_back({Cut(one, span), one.state, one.cpu});

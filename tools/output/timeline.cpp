@@ -188,7 +188,7 @@ Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t t
         states.push_back(NameOf(one.state));
         cpus.push_back(one.cpu);
     }
-    const SchedThread& known = scheduling.trace->threads[thread];
+    const SchedThread& known = scheduling.trace.threads[thread];
     return {{"stage", stage},
             {"id", known.tid},
             {"name", known.name},
@@ -201,7 +201,7 @@ Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t t
 // The threads of a scene: the pipeline's with the first of their stages, and those that kept them.
 Json ThreadsOf(const JudgedScene& scene, const Scheduling& scheduling,
                const SceneScheduling& ofScene) {
-    const std::vector<SchedThread>& known = scheduling.trace->threads;
+    const std::vector<SchedThread>& known = scheduling.trace.threads;
     std::map<int32_t, int32_t> stages;  // By the ids of threads.
     for (const SceneFinding& finding : scene.findings) {
         for (const CauseLink& link : finding.chain) {

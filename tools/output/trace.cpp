@@ -325,7 +325,7 @@ void WriteStage(Events& events, const View& view, int32_t stage) {
 
 // What a thread did when it did not sleep.
 void WriteThread(Events& events, const View& view, const Scheduling& scheduling, uint32_t thread) {
-    const SchedThread& known = scheduling.trace->threads[thread];
+    const SchedThread& known = scheduling.trace.threads[thread];
     const size_t track =
         events.AddTrack(view.process, fmt::format("thread {} ({})", known.tid, known.name));
     for (const Awake& one : AwakeOf(scheduling, thread, view.span)) {

@@ -3,9 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <map>
-#include <set>
 #include <utility>
 
 #include "tools/base/text.h"
@@ -16,11 +14,10 @@ namespace {
 
 struct SceneMaker {
     const JudgedScene& judged;
-    States& states;
-    const Tie& tie;
-    const CounterTable& counters;
+    const Scheduling& all;
     const Scene& scene = judged;
     const Columns& columns = judged.columns;
+    const SchedTrace& trace = all.trace;
     SceneScheduling result{};
 
     SceneScheduling Make(const std::vector<Span>& outside) {
@@ -30,7 +27,8 @@ struct SceneMaker {
             FindThreads();
             FindUsual();
         }
-        MakeWaiting(outside);
+        result.handed = WaitingOf(true, outside);
+        result.others = WaitingOf(false, outside);
         return std::move(result);
     }
 
@@ -39,26 +37,24 @@ struct SceneMaker {
         result.uses.resize(scene.frames.size() * static_cast<size_t>(result.stages));
         for (uint32_t row = 0; row < scene.frames.size(); ++row) {
             for (int32_t stage = 0; stage < result.stages; ++stage) {
-                FindEnd(row, stage);
+                FindEnd(row, stage, result.uses[columns.PassOf(row, stage)]);
             }
         }
-        for (uint32_t row = 0; row < scene.frames.size(); ++row) {
-            for (int32_t stage = 0; stage < result.stages; ++stage) {
-                FindBegin(row, stage);
-            }
+        for (size_t pass = 0; pass < result.uses.size(); ++pass) {
+            FindBegin(pass, result.uses[pass]);
         }
     }
 
-    void FindEnd(uint32_t row, int32_t stage) {
+    void FindEnd(uint32_t row, int32_t stage, StageUse& use) const {
         const Micros left = scene.LeftOf(row, stage);
         if (left == NO_TIME) {
             return;
         }
-        StageUse& use = result.uses[columns.PassOf(row, stage)];
-        const SchedCounter* const counter =
-            counters.Beside({left, scene.process, -1, scene.isAlone ? -1 : stage,
-                             static_cast<int32_t>(scene.frames[row].number),
-                             scene.isAlone ? MessageKind::FrameEnd : MessageKind::StageEnd});
+        const auto number = static_cast<int32_t>(scene.frames[row].number);
+        const CountedEvent event =
+            scene.isAlone ? CountedEvent{MessageKind::FrameEnd, -1, number, scene.process}
+                          : CountedEvent{MessageKind::StageEnd, stage, number, scene.process};
+        const SchedCounter* const counter = CounterBeside(trace, event, left);
         use.span.end = counter != nullptr ? counter->time : left;
         if (counter != nullptr) {
             use.thread = counter->thread;
@@ -67,129 +63,114 @@ struct SceneMaker {
         }
     }
 
-    void FindBegin(uint32_t row, int32_t stage) {
-        const size_t pass = columns.PassOf(row, stage);
-        StageUse& use = result.uses[pass];
-        const uint32_t behind = columns.behind[pass];
+    void FindBegin(size_t pass, StageUse& use) const {
+        const auto stages = static_cast<size_t>(result.stages);
         Micros begin = columns.begin[pass];
-        if (behind != NO_INDEX) {
-            begin = result.uses[behind].span.end;
-        } else if (begin == NO_TIME && stage == 0) {
-            begin = scene.frames[row].start;
+        if (columns.behind[pass] != NO_INDEX) {
+            begin = result.uses[columns.behind[pass]].span.end;
+        } else if (begin == NO_TIME && pass % stages == 0) {
+            begin = scene.frames[pass / stages].start;
         }
         if (begin == NO_TIME || use.thread == NO_THREAD) {
             use.thread = NO_THREAD;
             return;
         }
         use.span.begin = std::min(begin, use.span.end);
-        use.shares = states.SharesOf(use.thread, use.span);
+        use.shares = all.states.SharesOf(use.thread, use.span);
     }
 
     uint32_t ThreadOf(int32_t tid) const {
-        const auto found = tie.threads.find(tid);
-        return found == tie.threads.end() ? NO_THREAD : found->second;
+        const auto found = all.tie.threads.find(tid);
+        return found == all.tie.threads.end() ? NO_THREAD : found->second;
     }
 
     void FindThreads() {
-        const Span span = {scene.begin, scene.end};
-        std::map<uint32_t, std::set<int32_t>> stagesOf;
-        std::vector<std::map<uint32_t, Micros>> last(static_cast<size_t>(result.stages));
-        for (size_t i = 0; i < result.uses.size(); ++i) {
-            if (const uint32_t thread = result.uses[i].thread; thread != NO_THREAD) {
-                stagesOf[thread].insert(static_cast<int32_t>(i % last.size()));
-                Micros& time = last[i % last.size()].try_emplace(thread, NO_TIME).first->second;
-                time = std::max(time, result.uses[i].span.end);
-            }
-        }
-        for (const auto& ofStage : last) {
-            const auto standing = std::min_element(
-                ofStage.begin(), ofStage.end(),
-                [](const auto& one, const auto& other) { return one.second < other.second; });
-            result.standing.push_back(standing == ofStage.end() ? NO_THREAD : standing->first);
-        }
-        result.isHandedKnown = scene.hasThreads && !scene.isBeginningMissing;
-        const std::vector<SchedThread>& all = states.Trace().threads;
-        std::set<uint32_t> handed;
-        for (const int32_t tid : scene.setThreads) {
-            handed.insert(ThreadOf(tid));
-            // Threads that report no stage are known by their ids alone.
-            for (uint32_t thread = 0; tie.isSameNumbering && thread < all.size(); ++thread) {
-                if (all[thread].tid == tid) {
-                    handed.insert(thread);
+        std::map<uint32_t, ThreadUse> threads;
+        for (int32_t stage = 0; stage < result.stages; ++stage) {
+            std::map<uint32_t, Micros> last;  // That each thread gave a frame on.
+            for (size_t row = 0; row < scene.frames.size(); ++row) {
+                if (const StageUse* const use = result.UseOf(row, stage)) {
+                    Micros& time = last.try_emplace(use->thread, use->span.end).first->second;
+                    time = std::max(time, use->span.end);
                 }
             }
+            for (const auto& [thread, time] : last) {
+                threads[thread].stages.push_back(stage);
+            }
+            const auto standing = std::min_element(
+                last.begin(), last.end(),
+                [](const auto& one, const auto& other) { return one.second < other.second; });
+            result.standing.push_back(standing == last.end() ? NO_THREAD : standing->first);
         }
-        handed.erase(NO_THREAD);
-        for (const uint32_t thread : handed) {
-            stagesOf.try_emplace(thread);
+        result.isHandedKnown = scene.hasThreads && !scene.isBeginningMissing;
+        for (const int32_t tid : scene.setThreads) {
+            threads[ThreadOf(tid)].isHanded = true;
         }
-        for (const auto& [thread, stages] : stagesOf) {
-            result.threads.push_back({thread,
-                                      {stages.begin(), stages.end()},
-                                      handed.contains(thread),
-                                      states.SharesOf(thread, span)});
+        // Threads that report no stage are known by their ids alone.
+        for (uint32_t i = 0; all.tie.isSameNumbering && i < trace.threads.size(); ++i) {
+            if (scene.setThreads.contains(trace.threads[i].tid)) {
+                threads[i].isHanded = true;
+            }
         }
-        std::sort(result.threads.begin(), result.threads.end(),
-                  [&](const ThreadUse& one, const ThreadUse& other) {
-                      return states.Trace().threads[one.thread].tid <
-                             states.Trace().threads[other.thread].tid;
-                  });
+        threads.erase(NO_THREAD);
+        for (auto& [thread, use] : threads) {
+            use.thread = thread;
+            use.shares = all.states.SharesOf(thread, {scene.begin, scene.end});
+            result.threads.push_back(std::move(use));
+        }
+        std::stable_sort(result.threads.begin(), result.threads.end(),
+                         [this](const ThreadUse& one, const ThreadUse& other) {
+                             return trace.threads[one.thread].tid < trace.threads[other.thread].tid;
+                         });
     }
 
     void FindUsual() {
+        result.usual.resize(static_cast<size_t>(result.stages));
         for (int32_t stage = 0; stage < result.stages; ++stage) {
-            std::array<std::vector<Micros>, THREAD_STATES> values;
-            for (size_t row = 0; row < scene.frames.size(); ++row) {
-                const StageUse* const use = result.UseOf(row, stage);
-                const bool isKnown =
-                    use != nullptr && use->shares[static_cast<size_t>(ThreadState::Unknown)] == 0;
-                for (size_t state = 0; isKnown && state < THREAD_STATES; ++state) {
-                    values[state].push_back(use->shares[state]);
-                }
-            }
-            result.usual.emplace_back();
             for (size_t state = 0; state < THREAD_STATES; ++state) {
-                result.usual.back()[state] = MedianOf(values[state], 0);
+                std::vector<Micros> values;
+                for (size_t row = 0; row < scene.frames.size(); ++row) {
+                    const StageUse* const use = result.UseOf(row, stage);
+                    if (use != nullptr && use->shares[ThreadState::Unknown] == 0) {
+                        values.push_back(use->shares[state]);
+                    }
+                }
+                result.usual[stage][state] = MedianOf(values, 0);
             }
         }
     }
 
-    // How long threads waited in each period. Periods in which a thread's states are not known are
-    // left out.
-    Statistics WaitingIn(const std::vector<Span>& spans, bool isHanded) {
-        std::vector<Micros> all;
+    Waiting WaitingOf(bool isHanded, const std::vector<Span>& outside) const {
+        std::vector<uint32_t> threads;
+        for (const ThreadUse& use : result.threads) {
+            if (use.isHanded == isHanded) {
+                threads.push_back(use.thread);
+            }
+        }
+        if (threads.empty()) {
+            return {};
+        }
+        const Span inside = Cut({scene.begin, scene.end}, {trace.from, trace.to});
+        return {std::ssize(threads), WaitingIn({inside}, threads), WaitingIn(outside, threads)};
+    }
+
+    // Periods in which a thread's states are not known are left out.
+    Statistics WaitingIn(const std::vector<Span>& spans,
+                         const std::vector<uint32_t>& threads) const {
+        std::vector<Micros> waits;
         for (const Span& span : spans) {
             for (Span period = {span.begin, span.begin + scene.Period()}; period.end <= span.end;
                  period = {period.end, period.end + scene.Period()}) {
-                Micros waited = 0, unknown = 0;
-                for (const ThreadUse& use : result.threads) {
-                    if (use.isHanded == isHanded) {
-                        const Shares shares = states.SharesOf(use.thread, period);
-                        waited += shares[static_cast<size_t>(ThreadState::Runnable)];
-                        unknown += shares[static_cast<size_t>(ThreadState::Unknown)] +
-                                   shares[static_cast<size_t>(ThreadState::Gone)];
-                    }
+                Shares sums{};
+                for (const uint32_t thread : threads) {
+                    sums += all.states.SharesOf(thread, period);
                 }
-                if (unknown == 0) {
-                    all.push_back(waited);
+                if (sums[ThreadState::Unknown] + sums[ThreadState::Gone] == 0) {
+                    waits.push_back(sums[ThreadState::Runnable]);
                 }
             }
         }
-        return StatisticsOf(all);
-    }
-
-    void MakeWaiting(const std::vector<Span>& outside) {
-        const Span inside = Cut({scene.begin, scene.end}, {states.Trace().from, states.Trace().to});
-        for (const bool isHanded : {true, false}) {
-            Waiting& waiting = isHanded ? result.handed : result.others;
-            waiting.threads = std::count_if(
-                result.threads.begin(), result.threads.end(),
-                [isHanded](const ThreadUse& use) { return use.isHanded == isHanded; });
-            if (waiting.threads > 0) {
-                waiting.inside = WaitingIn({inside}, isHanded);
-                waiting.outside = WaitingIn(outside, isHanded);
-            }
-        }
+        return StatisticsOf(waits);
     }
 };
 
@@ -224,15 +205,12 @@ std::vector<std::string> NotesOf(const Account& account, const SchedTrace& trace
     std::vector<std::string> notes;
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         const Scene& scene = account.scenes[i];
-        const Span covered = Cut({scene.begin, scene.end}, {trace.from, trace.to});
         const Micros all = scene.end - scene.begin;
-        if (!scene.isStarted || all - covered.Length() < LEAST) {
-            continue;
+        const Micros covered = Cut({scene.begin, scene.end}, {trace.from, trace.to}).Length();
+        if (scene.isStarted && all - covered >= LEAST) {
+            notes.push_back(fmt::format("it covers {} of the {} of scene {}", SecondsText(covered),
+                                        SecondsText(all), i + 1));
         }
-        notes.push_back(covered.Length() == 0
-                            ? fmt::format("it covers nothing of scene {}", i + 1)
-                            : fmt::format("it covers {} of the {} of scene {}",
-                                          SecondsText(covered.Length()), SecondsText(all), i + 1));
     }
     for (const Span part : tie.untied) {
         notes.push_back(fmt::format(
@@ -247,21 +225,19 @@ std::vector<std::string> NotesOf(const Account& account, const SchedTrace& trace
 
 Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
                           const CountedLines& lines) {
-    Scheduling scheduling;
-    scheduling.name = std::move(name);
-    scheduling.trace = std::make_unique<SchedTrace>(std::move(trace));
-    const SchedTrace& kept = *scheduling.trace;
-    const CounterTable counters(kept);
-    scheduling.tie = TieClocks(*scheduling.trace, counters, lines, account.resolution);
-    scheduling.states = std::make_unique<States>(kept);
-    scheduling.notes = NotesOf(account, kept, scheduling.tie);
-    const std::vector<Span> outside = OutsideOf(account, kept);
+    Scheduling all;
+    all.name = std::move(name);
+    all.tie = TieClocks(trace, lines, account.resolution);
+    all.states = StatesOf(trace);
+    trace.events = {};  // They take much memory.
+    all.trace = std::move(trace);
+    all.notes = NotesOf(account, all.trace, all.tie);
+    const std::vector<Span> outside = OutsideOf(account, all.trace);
     for (JudgedScene& judged : account.scenes) {
-        scheduling.scenes.push_back(
-            SceneMaker{judged, *scheduling.states, scheduling.tie, counters}.Make(outside));
-        AddScheduling(judged, scheduling.scenes.back(), *scheduling.states, scheduling.tie);
+        all.scenes.push_back(SceneMaker{judged, all}.Make(outside));
+        AddScheduling(judged, all.scenes.back(), all);
     }
-    return scheduling;
+    return all;
 }
 
 }  // namespace tools

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -24,16 +23,16 @@ struct StageUse {
 // A thread of the pipeline, over a whole scene.
 struct ThreadUse {
     uint32_t thread = NO_THREAD;
-    std::vector<int32_t> stages;  // Whose ends it reported.
-    bool isHanded = false;        // To the boost service.
+    std::vector<int32_t> stages{};  // Whose ends it reported.
+    bool isHanded = false;          // To the boost service.
     Shares shares{};
 };
 
 // How long threads waited for a CPU in each period of a frame, all together.
 struct Waiting {
     int64_t threads = 0;
-    Statistics inside;   // Of the scene,
-    Statistics outside;  // and before and after all scenes.
+    Statistics inside{};   // Of the scene,
+    Statistics outside{};  // and before and after all scenes.
 };
 
 struct SceneScheduling {
@@ -42,24 +41,24 @@ struct SceneScheduling {
     std::vector<ThreadUse> threads;  // By id.
     Waiting handed, others;          // Those handed to the service, and those that were not.
     // Of each stage the thread that has given no frame on for longest; NO_THREAD for none.
-    std::vector<uint32_t> standing;
-    std::vector<Shares> usual;   // Of each stage.
+    PerStage<uint32_t> standing;
+    PerStage<Shares> usual;
     bool isHandedKnown = false;  // Which threads were handed to the service.
 
-    // Null where it is not known which thread it was.
+    // Null where there is no such row, or it is not known which thread it was.
     const StageUse* UseOf(size_t row, int32_t stage) const {
-        const size_t index = row * static_cast<size_t>(stages) + static_cast<size_t>(stage);
-        const bool isKnown = stage < stages && uses[index].thread != NO_THREAD;
-        return isKnown ? &uses[index] : nullptr;
+        const size_t pass = row * static_cast<size_t>(stages) + static_cast<size_t>(stage);
+        const bool isKnown = stage < stages && pass < uses.size() && uses[pass].thread != NO_THREAD;
+        return isKnown ? &uses[pass] : nullptr;
     }
 };
 
-// An account's scheduling. Everything in it refers to the trace, and all times are the log's.
+// An account's scheduling. Threads are positions in the trace's, and all times are the log's.
 struct Scheduling {
     std::string name;  // Of the trace's file.
-    std::unique_ptr<SchedTrace> trace;
+    SchedTrace trace;  // Without its events, which are in `states`.
     Tie tie;
-    std::unique_ptr<States> states;
+    States states;
     std::vector<SceneScheduling> scenes;  // One for each of the account's.
     std::vector<std::string> notes;       // What the trace does not cover.
 };

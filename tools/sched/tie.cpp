@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <iterator>
-#include <map>
 #include <set>
 #include <span>
 #include <utility>
@@ -17,8 +15,7 @@
 namespace tools {
 namespace {
 
-using Line = CountedLines::Line;
-using Lines = std::span<const Line>;
+using Lines = std::span<const CountedLine>;
 
 // Numbers of frames show which recording it is, so a coarse guess comes first.
 constexpr Micros COARSE = SECOND;
@@ -33,15 +30,16 @@ constexpr int64_t FEWEST = 8;
 // Where the log has no line for that long, its clock may have been set; steps of more are breaks.
 constexpr Micros SILENCE = SECOND / 10;
 
-// The same moment by both clocks.
+// A moment of the log, and how far the trace's clock is ahead then.
 struct Knot {
-    Micros log, trace;
+    Micros log, ahead;
+    Micros Trace() const { return log + ahead; }
 };
 
-// Knots rise by both clocks.
-void AddKnot(std::vector<Knot>& knots, Micros log, Micros ahead) {
-    if (knots.empty() || (log > knots.back().log && log + ahead > knots.back().trace)) {
-        knots.push_back({log, log + ahead});
+// Knots rise by both clocks: one that does not is left out.
+void AddKnot(std::vector<Knot>& knots, Knot knot) {
+    if (knots.empty() || (knot.log > knots.back().log && knot.Trace() > knots.back().Trace())) {
+        knots.push_back(knot);
     }
 }
 
@@ -58,61 +56,67 @@ struct Fit {
         return QuantileOf(values, 0.9, 0);
     }
     int64_t Agreeing() const { return std::ssize(apart); }
+
+    void Add(const Fit& behind) {
+        for (const Knot& knot : behind.knots) {
+            AddKnot(knots, knot);
+        }
+        apart.insert(apart.end(), behind.apart.begin(), behind.apart.end());
+        for (const auto& [pair, count] : behind.threads) {
+            threads[pair] += count;
+        }
+    }
 };
+
+// The counter of an event that is nearest to a time; null for none.
+const SchedCounter* NearestCounter(const SchedTrace& trace, const CountedEvent& event,
+                                   Micros time) {
+    const std::span<const SchedCounter> all = trace.CountersOf(event);
+    const auto nearest =
+        std::min_element(all.begin(), all.end(), [time](const auto& one, const auto& other) {
+            return std::abs(one.time - time) < std::abs(other.time - time);
+        });
+    return nearest == all.end() ? nullptr : &*nearest;
+}
 
 struct Tying {
     const SchedTrace& trace;
-    const CounterTable& counters;
     const Micros resolution;
+    const int64_t fewest = std::min<int64_t>(FEWEST, std::ssize(trace.counters));
 
     // Each line with the counter that is nearest, and how far they are apart by stretches.
     Fit Match(Lines lines, Micros base) const {
-        struct Pair {
-            const Line* line;
-            const SchedCounter* counter;
-            Micros Ahead() const { return counter->time - line->time; }
-        };
         Fit fit;
         Micros ahead = base;
-        std::vector<Pair> pairs;
-        std::vector<Micros> values;
-        const auto settle = [&] {
-            values.clear();
-            for (const Pair& pair : pairs) {
-                values.push_back(pair.Ahead());
+        for (size_t at = 0; at < lines.size(); at += AT_A_TIME) {
+            std::vector<std::pair<const CountedLine*, const SchedCounter*>> pairs;
+            std::vector<Micros> values;
+            for (const CountedLine& line :
+                 lines.subspan(at, std::min(AT_A_TIME, lines.size() - at))) {
+                const SchedCounter* const counter = NearestCounter(trace, line, line.time + ahead);
+                fit.pairs += counter != nullptr ? 1 : 0;
+                if (counter != nullptr && std::abs(counter->time - line.time - base) <= COARSE) {
+                    pairs.emplace_back(&line, counter);
+                    values.push_back(counter->time - line.time);
+                }
             }
             ahead = MedianOf(values, ahead);
             const size_t before = fit.apart.size();
-            for (const Pair& pair : pairs) {
-                if (std::abs(pair.Ahead() - ahead) <= TOGETHER) {
-                    fit.apart.push_back(std::abs(pair.Ahead() - ahead));
-                    ++fit.threads[{pair.line->thread, pair.counter->thread}];
+            for (const auto& [line, counter] : pairs) {
+                const Micros apart = std::abs(counter->time - line->time - ahead);
+                if (apart <= TOGETHER) {
+                    fit.apart.push_back(apart);
+                    ++fit.threads[{line->thread, counter->thread}];
                 }
             }
             if (fit.apart.size() > before) {
                 // What holds in the middle of the first stretch holds at its beginning, too.
-                AddKnot(fit.knots,
-                        fit.knots.empty() ? lines.front().time : pairs[pairs.size() / 2].line->time,
-                        ahead);
-            }
-            pairs.clear();
-        };
-        for (const Line& line : lines) {
-            const SchedCounter* const counter = counters.Nearest(line, line.time + ahead);
-            if (counter == nullptr) {
-                continue;
-            }
-            ++fit.pairs;
-            if (std::abs(counter->time - line.time - base) <= COARSE) {
-                pairs.push_back({&line, counter});
-            }
-            if (pairs.size() == AT_A_TIME) {
-                settle();
+                const CountedLine& middle = *pairs[pairs.size() / 2].first;
+                AddKnot(fit.knots, {fit.knots.empty() ? lines.front().time : middle.time, ahead});
             }
         }
-        settle();
         if (!fit.knots.empty()) {
-            AddKnot(fit.knots, lines.back().time, fit.knots.back().trace - fit.knots.back().log);
+            AddKnot(fit.knots, {lines.back().time, fit.knots.back().ahead});
         }
         return fit;
     }
@@ -121,9 +125,9 @@ struct Tying {
         // By the second. Guesses overlap, as the true one may be where two seconds meet.
         std::map<int64_t, std::vector<Micros>> guesses;
         size_t most = 0;
-        for (const Line& line : lines) {
-            for (const uint32_t counter : counters.Of(line)) {
-                const Micros ahead = trace.counters[counter].time - line.time;
+        for (const CountedLine& line : lines) {
+            for (const SchedCounter& counter : trace.CountersOf(line)) {
+                const Micros ahead = counter.time - line.time;
                 for (const int64_t second : {ahead / COARSE, ahead / COARSE - 1}) {
                     guesses[second].push_back(ahead);
                     most = std::max(most, guesses[second].size());
@@ -148,49 +152,47 @@ struct Tying {
     }
 
     bool IsGood(const Fit& fit) const {
-        const auto all = std::ssize(trace.counters);
-        return fit.Agreeing() >= std::min<int64_t>(FEWEST, all) &&
-               fit.Agreeing() * 2 >= fit.pairs && fit.Within() <= resolution / 2 + AGREEING;
+        return fit.Agreeing() >= fewest && fit.Agreeing() * 2 >= fit.pairs &&
+               fit.Within() <= resolution / 2 + AGREEING;
     }
 };
 
 // A time of the trace by the log's clock. The knots rise by both clocks.
 Micros ToLog(const std::vector<Knot>& knots, Micros time) {
-    const auto next = std::partition_point(knots.begin(), knots.end(),
-                                           [time](const Knot& knot) { return knot.trace < time; });
+    const auto next = std::partition_point(
+        knots.begin(), knots.end(), [time](const Knot& knot) { return knot.Trace() < time; });
     if (next == knots.begin() || next == knots.end()) {
-        const Knot& nearest = next == knots.end() ? knots.back() : *next;
-        return time - nearest.trace + nearest.log;
+        return time - (next == knots.end() ? knots.back() : *next).ahead;
     }
     const Knot& before = *std::prev(next);
     return before.log +
-           (next->log - before.log) * (time - before.trace) / (next->trace - before.trace);
+           (next->log - before.log) * (time - before.Trace()) / (next->Trace() - before.Trace());
 }
 
 void TurnIntoLog(SchedTrace& trace, const std::vector<Knot>& knots) {
+    const auto turn = [&knots](Micros& time) { time = ToLog(knots, time); };
     for (SchedEvent& event : trace.events) {
-        event.time = ToLog(knots, event.time);
+        turn(event.time);
     }
     for (SchedCounter& counter : trace.counters) {
-        counter.time = ToLog(knots, counter.time);
+        turn(counter.time);
     }
     for (SchedTrace::Hole& hole : trace.holes) {
-        hole.begin = ToLog(knots, hole.begin);
-        hole.end = ToLog(knots, hole.end);
+        turn(hole.begin);
+        turn(hole.end);
     }
-    trace.from = ToLog(knots, trace.from);
-    trace.to = ToLog(knots, trace.to);
+    turn(trace.from);
+    turn(trace.to);
 }
 
 // Where the clock was set, or nothing was logged for long, the clocks may have moved apart: from
 // one such place to the next the lines are one part.
-std::vector<Lines> PartsOf(const CountedLines& counted) {
-    const Lines lines = counted.All();
+std::vector<Lines> PartsOf(Lines lines) {
     std::vector<Lines> parts;
     size_t first = 0;
     for (size_t i = 1; i <= lines.size(); ++i) {
-        if (i == lines.size() || std::abs(lines[i].time - lines[i - 1].time) > SILENCE ||
-            std::binary_search(counted.Steps().begin(), counted.Steps().end(), i)) {
+        if (i == lines.size() || lines[i].isBehindStep ||
+            std::abs(lines[i].time - lines[i - 1].time) > SILENCE) {
             parts.push_back(lines.subspan(first, i - first));
             first = i;
         }
@@ -198,17 +200,16 @@ std::vector<Lines> PartsOf(const CountedLines& counted) {
     return parts;
 }
 
-void RequireSameProcess(const SchedTrace& trace, Lines lines) {
-    std::set<int32_t> processes;
-    for (const SchedCounter& counter : trace.counters) {
-        processes.insert(counter.process);
-    }
-    if (std::none_of(lines.begin(), lines.end(),
-                     [&](const Line& line) { return processes.contains(line.process); })) {
-        throw TieError(fmt::format(
-            "its counters are of process {}, and the log is of process {}: they were not taken of\n"
-            "the same run",
-            *processes.begin(), lines.front().process));
+// Ties the clocks across the place where one part ends and the next begins.
+void Bridge(std::vector<Knot>& knots, const Knot& to, Tie& tie) {
+    const Knot from = knots.back();
+    const Span log = {from.log, to.log}, byTrace = {from.Trace(), to.Trace()};
+    // The clocks move apart in the middle between the two lines.
+    const Micros near = std::max<Micros>(std::min(byTrace.Length(), to.log - from.log) / 2 - 1, 0);
+    AddKnot(knots, {from.log + near, from.ahead});
+    AddKnot(knots, {to.log - near, to.ahead});
+    if (std::abs(to.ahead - from.ahead) > SILENCE) {
+        tie.breaks.push_back({log, byTrace});
     }
 }
 
@@ -218,27 +219,26 @@ void FindThreads(const SchedTrace& trace, const Fit& fit, Tie& tie) {
     std::map<int32_t, int64_t> most;
     for (const auto& [pair, count] : fit.threads) {
         const auto& [ofLog, ofTrace] = pair;
-        if (ofLog >= 0 && count > most[ofLog]) {  // Below 0 the log does not have it.
+        if (ofLog > 0 && count > most[ofLog]) {  // Else the log does not have it.
             most[ofLog] = count;
             tie.threads[ofLog] = ofTrace;
         }
     }
-    const auto isSame = [&trace](const auto& pair) {
-        return trace.threads[pair.second].tid == pair.first;
-    };
-    tie.isSameNumbering = std::all_of(tie.threads.begin(), tie.threads.end(), isSame);
     const bool isSameProcess =
         std::any_of(trace.counters.begin(), trace.counters.end(),
                     [](const SchedCounter& one) { return one.group == one.process; }) ||
-        std::any_of(tie.threads.begin(), tie.threads.end(), isSame);
-    for (const auto& [thread, count] : most) {
-        if (isSameProcess && trace.threads[tie.threads[thread]].tid != thread) {
+        std::any_of(tie.threads.begin(), tie.threads.end(), [&trace](const auto& pair) {
+            return trace.threads[pair.second].tid == pair.first;
+        });
+    for (const auto& [ofLog, ofTrace] : tie.threads) {
+        if (isSameProcess && trace.threads[ofTrace].tid != ofLog) {
             throw TieError(fmt::format(
                 "its counters and the log are of the same process, but the log's lines of thread "
                 "{} are\nthread {}'s in the trace: it is of another recording",
-                thread, trace.threads[tie.threads[thread]].tid));
+                ofLog, trace.threads[ofTrace].tid));
         }
     }
+    tie.isSameNumbering = isSameProcess || tie.threads.empty();
 }
 
 }  // namespace
@@ -249,8 +249,12 @@ void CountedLines::OnMessage(const Message& message, const Moment& moment) {
         case MessageKind::FrameEnd:
         case MessageKind::StageStart:
         case MessageKind::StageEnd:
-            lines.push_back({moment.time, moment.process, moment.thread, message.stage,
-                             static_cast<int32_t>(message.frame), message.kind});
+            lines.push_back(
+                {{message.kind, message.stage, static_cast<int32_t>(message.frame), moment.process},
+                 moment.time,
+                 moment.thread,
+                 isBehindStep});
+            isBehindStep = false;
             return;
         default:
             return;
@@ -258,39 +262,16 @@ void CountedLines::OnMessage(const Message& message, const Moment& moment) {
 }
 
 void CountedLines::OnClockSet(Micros /*step*/, const Moment& /*moment*/, const Place& /*place*/) {
-    steps.push_back(lines.size());
+    isBehindStep = true;
 }
 
-CounterTable::CounterTable(const SchedTrace& schedTrace) : trace(schedTrace) {
-    for (uint32_t i = 0; i < trace.counters.size(); ++i) {
-        const SchedCounter& counter = trace.counters[i];
-        byEvent[{counter.kind, counter.stage, counter.frame, counter.process}].push_back(i);
-    }
-}
-
-std::span<const uint32_t> CounterTable::Of(const Line& line) const {
-    const auto found = byEvent.find({line.kind, line.stage, line.frame, line.process});
-    return found == byEvent.end() ? std::span<const uint32_t>() : found->second;
-}
-
-const SchedCounter* CounterTable::Nearest(const Line& line, Micros time) const {
-    const std::span<const uint32_t> positions = Of(line);
-    const auto nearest =
-        std::min_element(positions.begin(), positions.end(), [&](uint32_t one, uint32_t other) {
-            return std::abs(trace.counters[one].time - time) <
-                   std::abs(trace.counters[other].time - time);
-        });
-    return nearest == positions.end() ? nullptr : &trace.counters[*nearest];
-}
-
-const SchedCounter* CounterTable::Beside(const Line& line) const {
-    const SchedCounter* const counter = Nearest(line, line.time);
-    const bool isNear = counter != nullptr && std::abs(counter->time - line.time) <= 2 * TOGETHER;
+const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& event, Micros time) {
+    const SchedCounter* const counter = NearestCounter(trace, event, time);
+    const bool isNear = counter != nullptr && std::abs(counter->time - time) <= 2 * TOGETHER;
     return isNear ? counter : nullptr;
 }
 
-Tie TieClocks(SchedTrace& trace, const CounterTable& counters, const CountedLines& counted,
-              Micros resolution) {
+Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution) {
     const Lines lines = counted.All();
     if (trace.counters.empty()) {
         throw TieError(
@@ -302,76 +283,58 @@ Tie TieClocks(SchedTrace& trace, const CounterTable& counters, const CountedLine
             "the log has no times, or has no frame that the service was told of:\n"
             "nothing ties the two together");
     }
-    RequireSameProcess(trace, lines);
-    const Tying tying{trace, counters, resolution};
-    const Fit whole = tying.Best(lines);
-    if (whole.pairs == 0) {
-        throw TieError(
-            "none of its counters is of a frame of the log: the one ends before the other\n"
-            "begins, or they are of two runs");
-    }
-    const Micros base = whole.knots.empty() ? 0 : whole.knots[0].trace - whole.knots[0].log;
+    const Tying tying{trace, resolution};
     Tie tie;
-    Fit all;
-    States states(trace);  // By the trace's clock.
-    for (const Lines& part : PartsOf(counted)) {
-        Fit fit = tying.Match(part, base);
-        if (!tying.IsGood(fit)) {
-            fit = tying.Best(part);
+    Fit all, last;
+    for (const Lines& part : PartsOf(lines)) {
+        const bool isFirst = all.knots.empty();
+        last = isFirst ? tying.Best(part) : tying.Match(part, all.knots.back().ahead);
+        if (!isFirst && !tying.IsGood(last)) {
+            last = tying.Best(part);
         }
-        if (fit.pairs < std::min<int64_t>(FEWEST, std::ssize(trace.counters))) {
+        if (last.pairs < tying.fewest) {
             continue;  // Too few to show anything; no such part has a knot of its own.
         }
-        const bool isBehind =
-            all.knots.empty() || fit.knots.empty() || fit.knots[0].trace > all.knots.back().trace;
-        if (!tying.IsGood(fit) || !isBehind) {
+        if (!tying.IsGood(last) ||
+            (!isFirst && last.knots.front().Trace() <= all.knots.back().Trace())) {
             tie.untied.push_back({part.front().time, part.back().time});
             continue;
         }
-        if (!all.knots.empty()) {
-            const Knot from = all.knots.back(), to = fit.knots.front();
-            const Micros passed = to.trace - from.trace;
-            // The clocks move apart in the middle between the two lines.
-            const Micros near = std::max<Micros>(std::min(passed, to.log - from.log) / 2 - 1, 0);
-            AddKnot(all.knots, from.log + near, from.trace - from.log);
-            AddKnot(all.knots, to.log - near, to.trace - to.log);
-            if (std::abs(passed - (to.log - from.log)) > SILENCE) {
-                tie.breaks.push_back({{from.log, to.log}, passed, {}});
-                for (const auto& [pair, count] : whole.threads) {
-                    const Shares shares = states.SharesOf(pair.second, {from.trace, to.trace});
-                    tie.breaks.back().threads[pair.second] = shares;
-                }
-            }
+        if (!isFirst) {
+            Bridge(all.knots, last.knots.front(), tie);
         }
-        for (const Knot& knot : fit.knots) {
-            AddKnot(all.knots, knot.log, knot.trace - knot.log);
-        }
-        all.apart.insert(all.apart.end(), fit.apart.begin(), fit.apart.end());
-        for (const auto& [pair, count] : fit.threads) {
-            all.threads[pair] += count;
-        }
+        all.Add(last);
     }
     if (all.knots.empty()) {
+        const Fit whole = tying.Best(lines);
         throw TieError(
-            fmt::format("its counters and the log are of different times (another run, or another "
-                        "boot): {} of\n"
-                        "{} agree, to within {} ms",
-                        whole.Agreeing(), Counted(std::ssize(trace.counters), "counter"),
-                        Fixed(static_cast<double>(whole.Within()) / 1000, 1)));
+            whole.pairs == 0
+                ? fmt::format("none of its counters (of process {}) is of a frame of the log (of "
+                              "process {}):\nthe one ends before the other begins, or they are of "
+                              "two runs",
+                              trace.counters.front().process, lines.front().process)
+                : fmt::format("its counters and the log are of different times (another run, or "
+                              "another boot): {} of\n{} agree, to within {} ms",
+                              whole.Agreeing(), Counted(std::ssize(trace.counters), "counter"),
+                              Fixed(static_cast<double>(whole.Within()) / 1000, 1)));
     }
     FindThreads(trace, all, tie);
     tie.counters = all.Agreeing();
     tie.within = all.Within();
+    if (!tie.breaks.empty()) {
+        const States states = StatesOf(trace);  // By the trace's clock.
+        for (Tie::Break& one : tie.breaks) {
+            for (const auto& [ofLog, ofTrace] : tie.threads) {
+                one.threads[ofTrace] = states.SharesOf(ofTrace, one.byTrace);
+            }
+        }
+    }
     TurnIntoLog(trace, all.knots);
     std::vector<Span> unknown = tie.untied;
     unknown.insert(unknown.end(), tie.breaks.begin(), tie.breaks.end());
     for (const Span part : unknown) {
-        for (size_t cpu = 0; cpu < trace.switches.size(); ++cpu) {
-            trace.holes.push_back({part.begin, part.end, static_cast<uint16_t>(cpu)});
-        }
+        trace.holes.push_back({part, SchedTrace::ALL_CPUS});
     }
-    std::stable_sort(trace.holes.begin(), trace.holes.end(),
-                     [](const auto& one, const auto& other) { return one.end < other.end; });
     return tie;
 }
 

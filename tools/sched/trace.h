@@ -1,13 +1,12 @@
-// Reads the kernel's scheduler traces: which thread ran on which CPU when, which thread woke which,
-// and the library's counters among that. The text is ftrace's, as a kernel, atrace, systrace (in
-// HTML) and Perfetto's converter write it.
+// What a scheduler trace holds: which thread ran on which CPU when, which thread woke which, and
+// the library's counters among that. Readers of a trace's forms fill it; nothing behind them knows
+// which form it was.
 
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -15,7 +14,7 @@
 
 #include "tools/account/cause.h"
 #include "tools/base/times.h"
-#include "tools/log/capture.h"
+#include "tools/log/message.h"
 
 namespace tools {
 
@@ -43,75 +42,81 @@ struct SchedEvent {
     ThreadState left;  // Of a switch: the state of `thread` from there on.
 };
 
+// An event of a frame, or of a stage, that the library both logs and shows as a counter.
+struct CountedEvent {
+    MessageKind kind;  // FrameStart, FrameEnd, StageStart, StageEnd.
+    int32_t stage;     // -1 where it is of a frame.
+    int32_t frame;
+    int32_t process;  // As the process itself knows its id.
+
+    auto operator<=>(const CountedEvent&) const = default;
+};
+
 // A counter of the library that rose to a frame's number.
-struct SchedCounter {
+struct SchedCounter : CountedEvent {
     Micros time;
     uint32_t thread;
-    int32_t group;    // The process's id in the trace; -1 where that is not known.
-    int32_t process;  // As the process itself knows its id.
-    int32_t stage;    // -1 where it is of a frame.
-    int32_t frame;
-    MessageKind kind;  // FrameStart, FrameEnd, StageStart, StageEnd.
+    int32_t group;  // The process's id in the trace; -1 where that is not known.
 };
 
 struct SchedThread {
     int32_t tid = 0;
     std::string name;  // The last one that it had.
-    // Its events, as positions in SchedTrace::events.
-    std::vector<uint32_t> events;
 };
 
 struct SchedTrace {
-    std::vector<SchedThread> threads;  // Number 0 of each CPU is one: the idle task.
-    std::vector<SchedEvent> events;    // By time.
-    std::vector<SchedCounter> counters;
-    std::vector<std::vector<uint32_t>> switches;  // Of each CPU, as positions in `events`.
-    struct Hole {
-        Micros begin, end;
+    std::vector<SchedThread> threads;    // Number 0 of each CPU is one: the idle task.
+    std::vector<SchedEvent> events;      // By time.
+    std::vector<SchedCounter> counters;  // By event, those of one by time.
+    static constexpr uint16_t ALL_CPUS = UINT16_MAX;
+    struct Hole : Span {
         uint16_t cpu;
     };
     std::vector<Hole> holes;  // Where events were lost: between the CPU's last one and its next.
     int64_t traceLines = 0;   // Those that are a trace's.
     int64_t lost = 0;         // Events that the tracer says it lost.
-    int64_t disordered = 0;   // Events whose time is before that of the line above.
     Micros from = NO_TIME, to = NO_TIME;
     bool hasFlags = false;  // It has marks of interrupts.
     std::string damage;     // Why the file could not be read to its end.
+
+    // The event's counters, by time.
+    std::span<const SchedCounter> CountersOf(const CountedEvent& event) const;
 };
 
-// Whether a file that begins like that is a trace.
-bool IsTrace(std::string_view beginning);
-
-// Takes a trace. Lines that are none of a trace's are left alone, so that HTML needs nothing else.
-class TraceReader : public TextSink {
+// Puts a trace together, for readers of all forms. CPUs are below MOST_CPUS, and times the trace's.
+class SchedTraceMaker {
   public:
-    void Read(std::string_view bytes) override;
-    void End() override;
-    bool TakeDamage(const char* reason) override;
+    static constexpr uint32_t MOST_CPUS = 4096;
+    struct Task {
+        std::string_view name;
+        int32_t tid = 0;
+        Priority priority = USUAL_PRIORITY;
+    };
+
+    // The thread of a task that is on the CPU. Id 0 is each CPU's idle task.
+    uint32_t ThreadOf(const Task& task, uint32_t cpu);
+    // Something was noted on the CPU.
+    void OnTime(uint32_t cpu, Micros time);
+    // What the CPU did between the last such time and the next is lost.
+    void OnLost(uint32_t cpu) { CpuOf(cpu).hasLost = true; }
+    // `left` gives the CPU to `comes`, and is in `state` from there on.
+    void OnSwitch(Micros time, uint32_t cpu, const Task& left, ThreadState state,
+                  const Task& comes);
+    // `woken` is to run on `cpu`. `waker`: NO_THREAD for an interrupt.
+    void OnWaking(SchedEvent::Kind kind, Micros time, uint32_t cpu, const Task& woken,
+                  uint32_t waker);
     // What was read, given away. To be called once, last.
     SchedTrace Finish();
 
+    SchedTrace trace;  // Counters, and what is no event, readers set themselves.
+
   private:
-    struct Line;
     struct Cpu {
         Micros last = NO_TIME;
         bool hasLost = false;
     };
-
-    void TakeLine(std::string_view text);
-    void TakeSwitch(const Line& line);
-    void TakeWakeup(const Line& line);
-    void TakeMark(const Line& line);
-    void TakeLost(std::string_view text);
-    void TakeComment(std::string_view text);
     Cpu& CpuOf(uint32_t cpu);
-    void NoteCpu(uint32_t cpu, Micros time);
-    uint32_t ThreadOf(int32_t tid, std::string_view name, uint32_t cpu);
-    void Add(const SchedEvent& event);
-    friend bool IsTrace(std::string_view beginning);
 
-    SchedTrace trace;
-    std::string unfinished;                         // A line that is not whole yet.
     std::unordered_map<int64_t, uint32_t> threads;  // By id; the idle tasks by -1 - CPU.
     std::vector<Cpu> cpus;
 };
