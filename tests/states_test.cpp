@@ -227,7 +227,7 @@ TEST(Clocks, TimesOfATraceBecomeTheLogs) {
                 << what << ": " << i;
         }
         // Each line finds its counter by the log's clock.
-        for (const tools::CountedLine& line : recording.lines.All()) {
+        for (const tools::CountedLine& line : recording.lines.all) {
             EXPECT_NE(tools::CounterBeside(trace, line, line.time), nullptr) << what;
         }
     }

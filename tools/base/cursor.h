@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstddef>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -40,6 +41,26 @@ bool TakeNumber(std::string_view& text, Number& number) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     text.remove_prefix(static_cast<size_t>(end - text.data()));
     return error == std::errc();
+}
+
+// Calls `take` for each line of text that comes in pieces of any length. `carry` keeps the
+// beginning of a line whose end has not come; what a line has beyond `longest` is dropped.
+template <typename Take>
+void SplitLines(std::string_view text, std::string& carry, size_t longest, const Take& take) {
+    while (!text.empty()) {
+        const size_t length = std::min(text.find('\n'), text.size());
+        const bool isWhole = length < text.size();
+        if (isWhole && carry.empty()) {
+            take(text.substr(0, length));
+        } else {
+            carry += text.substr(0, std::min(length, longest - carry.size()));
+            if (isWhole) {
+                take(std::string_view(carry));
+                carry.clear();
+            }
+        }
+        text.remove_prefix(length + (isWhole ? 1 : 0));
+    }
 }
 
 }  // namespace tools

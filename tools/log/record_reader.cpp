@@ -124,21 +124,7 @@ void RecordReader::Read(std::string_view bytes) {
 }
 
 void RecordReader::ReadText(std::string_view text) {
-    while (!text.empty()) {
-        const size_t end = text.find('\n');
-        const bool isWhole = end != std::string_view::npos;
-        const size_t length = std::min(end, text.size());
-        if (isWhole && carry.empty()) {
-            ReadLine(text.substr(0, length));
-        } else {
-            carry += text.substr(0, std::min(length, MAX_LINE - carry.size()));
-            if (isWhole) {
-                ReadLine(carry);
-                carry.clear();
-            }
-        }
-        text.remove_prefix(isWhole ? length + 1 : length);
-    }
+    SplitLines(text, carry, MAX_LINE, [this](std::string_view line) { ReadLine(line); });
 }
 
 void RecordReader::ReadLine(std::string_view line) {

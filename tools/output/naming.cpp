@@ -247,12 +247,13 @@ std::string TitleOf(const Scheduling& scheduling) {
     return text;
 }
 
-std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {
-    std::vector<Awake> all;
-    for (const StateSpan& one : Within(scheduling.states.threads[thread], span)) {
+StateSpans AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {
+    StateSpans all;
+    for (StateSpan one : Within(scheduling.states.threads[thread], span)) {
         if (one.state == ThreadState::Running || one.state == ThreadState::Runnable ||
             one.state == ThreadState::Blocked || one.state == ThreadState::Stopped) {
-            all.push_back({Cut(one, span), one.state, one.cpu});
+            static_cast<Span&>(one) = Cut(one, span);
+            all.push_back(one);
         }
     }
     return all;

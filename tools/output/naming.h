@@ -56,13 +56,8 @@ struct CaptionedTable {
 };
 std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t scene);
 
-// A time in which a thread did not sleep, by the log's clock.
-struct Awake {
-    Span span;
-    ThreadState state = ThreadState::Running;  // Or runnable, blocked, stopped.
-    int32_t cpu = -1;
-};
-std::vector<Awake> AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span);
+// When a thread did not sleep: it ran, waited, was blocked or stopped.
+StateSpans AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span);
 
 // Which frames a table shows: those that are not complete, or late, unless others are asked for.
 struct Shown {

@@ -182,9 +182,9 @@ Json ClockOf(const Account& account, const JudgedScene& scene) {
 // What a thread did when it did not sleep: from when to when, in which state, and on which CPU.
 Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t thread,
               int32_t stage) {
-    const std::vector<Awake> all = AwakeOf(scheduling, thread, {scene.begin, scene.end});
+    const StateSpans all = AwakeOf(scheduling, thread, {scene.begin, scene.end});
     Json states = Json::array(), cpus = Json::array();
-    for (const Awake& one : all) {
+    for (const StateSpan& one : all) {
         states.push_back(NameOf(one.state));
         cpus.push_back(one.cpu);
     }
@@ -192,8 +192,8 @@ Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t t
     return {{"stage", stage},
             {"id", known.tid},
             {"name", known.name},
-            {"begin", StepsOf(scene.begin, all, [](const Awake& one) { return one.span.begin; })},
-            {"end", StepsOf(scene.begin, all, [](const Awake& one) { return one.span.end; })},
+            {"begin", StepsOf(scene.begin, all, [](const StateSpan& one) { return one.begin; })},
+            {"end", StepsOf(scene.begin, all, [](const StateSpan& one) { return one.end; })},
             {"states", states},
             {"cpus", cpus}};
 }

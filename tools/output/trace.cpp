@@ -328,10 +328,10 @@ void WriteThread(Events& events, const View& view, const Scheduling& scheduling,
     const SchedThread& known = scheduling.trace.threads[thread];
     const size_t track =
         events.AddTrack(view.process, fmt::format("thread {} ({})", known.tid, known.name));
-    for (const Awake& one : AwakeOf(scheduling, thread, view.span)) {
+    for (const StateSpan& one : AwakeOf(scheduling, thread, view.span)) {
         const bool isRunning = one.state == ThreadState::Running;
         const bool isRunnable = one.state == ThreadState::Runnable;
-        events.AddSlice(view.process, track, one.span,
+        events.AddSlice(view.process, track, one,
                         isRunnable ? "waiting for a CPU" : NameOf(one.state),
                         isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", one.cpu) : "");
     }

@@ -171,11 +171,8 @@ std::string TextOf(const CauseLink& link, bool hasFlags) {
     if (!link.isWoken) {
         return text;
     }
-    if (link.isByInterrupt) {
-        return text + " until an interrupt woke it";
-    }
     if (link.waker.empty()) {
-        return text + " until it was woken";
+        return text + (link.isByInterrupt ? " until an interrupt woke it" : " until it was woken");
     }
     return hasFlags ? text + " until thread " + link.waker + " woke it"
                     : text + " until it was woken, while thread " + link.waker + " had the CPU";
@@ -196,16 +193,18 @@ struct CauseExplainer {
         if (AddBreak(cause)) {
             return;
         }
-        const Kind kind = KindOf(cause.what);
-        if (kind == Kind::SlowStage || cause.what == Case::Stall ||
-            cause.what == Case::FirstStall) {
-            AddToFrames(cause);
-        } else if (cause.what == Case::Stands || cause.what == Case::SensorStopped) {
-            AddToStanding(cause);
-        } else if (kind == Kind::Standstill) {
-            AddToStandstill(cause);
-        } else if (kind == Kind::Evicted || kind == Kind::Unexplained) {
-            AddToOthers(cause);
+        switch (KindOf(cause.what)) {
+            case Kind::SlowStage:
+            case Kind::SensorStall:
+            case Kind::FrameLost:
+                return AddToStage(cause);
+            case Kind::Standstill:
+                return AddToStandstill(cause);
+            case Kind::Evicted:
+            case Kind::Unexplained:
+                return AddToOthers(cause);
+            default:
+                return;
         }
     }
 
@@ -251,34 +250,31 @@ struct CauseExplainer {
         return excess;
     }
 
-    // Why the stage took longer for these frames than it usually does.
-    void AddToFrames(Cause& cause) const {
+    // Why the stage took longer for these frames than it usually does, or what its thread did until
+    // the end where they stood in it.
+    void AddToStage(Cause& cause) const {
         const int32_t stage = std::max(cause.stage, 0);
+        const bool isSlow = KindOf(cause.what) == Kind::SlowStage;
         Stays stays;
-        for (const int64_t number : cause.own) {
-            if (const StageUse* const use = uses.UseOf(scene.RowOf(number), stage)) {
-                // Of a stage that cannot keep up it is the usual that is to be explained.
-                const bool isUsual = cause.what == Case::CannotKeepUp;
-                stays.Add(use->thread, use->span,
-                          isUsual ? use->shares : ExcessOf(use->shares, stage));
+        if (cause.what == Case::Stands || cause.what == Case::SensorStopped) {
+            const Span span = Cut(cause.span, {trace.from, trace.to});
+            const uint32_t thread = StandingThread(stage);
+            if (thread != NO_THREAD && span.Length() >= LEAST) {
+                stays.Add(thread, span, states.SharesOf(thread, span));
+            }
+        } else if (isSlow || cause.what == Case::Stall || cause.what == Case::FirstStall) {
+            for (const int64_t number : cause.own) {
+                if (const StageUse* const use = uses.UseOf(scene.RowOf(number), stage)) {
+                    // Of a stage that cannot keep up it is the usual that is to be explained.
+                    const bool isUsual = cause.what == Case::CannotKeepUp;
+                    stays.Add(use->thread, use->span,
+                              isUsual ? use->shares : ExcessOf(use->shares, stage));
+                }
             }
         }
-        if (KindOf(cause.what) != Kind::SlowStage) {
-            Explain(cause, stays, "; ");
-        } else if (cause.own.size() == 1) {
-            Explain(cause, stays, ", of which its ");
-        } else {
-            Explain(cause, stays, "; of these {} ms its ");
-        }
-    }
-
-    // What the thread of a stage in which frames stood did until the end.
-    void AddToStanding(Cause& cause) const {
-        const Span span = Cut(cause.span, {trace.from, trace.to});
-        const uint32_t thread = StandingThread(std::max(cause.stage, 0));
-        if (thread != NO_THREAD && span.Length() >= LEAST) {
-            Explain(cause, {{{thread, {span}}}, states.SharesOf(thread, span)}, "; ");
-        }
+        const char* const head =
+            cause.own.size() == 1 ? ", of which its " : "; of these {} ms its ";
+        Explain(cause, stays, isSlow ? head : "; ");
     }
 
     uint32_t StandingThread(int32_t stage) const {

@@ -9,8 +9,8 @@
 namespace tools {
 namespace {
 
-constexpr size_t LONGEST_NAME = 15;  // Of a thread, to the kernel.
-constexpr size_t LONGEST_LINE = 65'536;
+constexpr size_t LONGEST_NAME = 15;      // Of a thread, to the kernel.
+constexpr size_t LONGEST_LINE = 65'536;  // Longer text is no line of a trace.
 // The name and the id of a thread are within that many columns, whoever wrote them.
 constexpr size_t TASK_COLUMNS = 64;
 // The third of a line's flags in an interrupt.
@@ -233,17 +233,8 @@ bool IsFtrace(std::string_view beginning) {
 }
 
 void FtraceReader::Read(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const size_t end = bytes.find('\n');
-        const size_t length = std::min(end, bytes.size());
-        // Longer text is no line of a trace.
-        unfinished += bytes.substr(0, std::min(length, LONGEST_LINE - unfinished.size()));
-        bytes.remove_prefix(length);
-        if (Skip(bytes, "\n")) {
-            TakeLine(maker, unfinished);
-            unfinished.clear();
-        }
-    }
+    SplitLines(bytes, unfinished, LONGEST_LINE,
+               [this](std::string_view line) { TakeLine(maker, line); });
 }
 
 void FtraceReader::End() {

@@ -48,7 +48,7 @@ struct Fit {
     std::vector<Knot> knots;
     std::vector<Micros> apart;  // Of each pair of a line and a counter that agree.
     // How often a thread of the log is one of the trace.
-    std::map<std::pair<int32_t, uint32_t>, int64_t> threads;
+    std::map<int32_t, std::map<uint32_t, int64_t>> threads;
     int64_t pairs = 0;  // Lines of frames that the trace has counters of.
 
     Micros Within() const {
@@ -62,8 +62,10 @@ struct Fit {
             AddKnot(knots, knot);
         }
         apart.insert(apart.end(), behind.apart.begin(), behind.apart.end());
-        for (const auto& [pair, count] : behind.threads) {
-            threads[pair] += count;
+        for (const auto& [ofLog, counts] : behind.threads) {
+            for (const auto& [ofTrace, count] : counts) {
+                threads[ofLog][ofTrace] += count;
+            }
         }
     }
 };
@@ -106,7 +108,7 @@ struct Tying {
                 const Micros apart = std::abs(counter->time - line->time - ahead);
                 if (apart <= TOGETHER) {
                     fit.apart.push_back(apart);
-                    ++fit.threads[{line->thread, counter->thread}];
+                    ++fit.threads[line->thread][counter->thread];
                 }
             }
             if (fit.apart.size() > before) {
@@ -216,12 +218,12 @@ void Bridge(std::vector<Knot>& knots, const Knot& to, Tie& tie) {
 // Finds the trace's thread of each of the log's. Where processes have the same ids in both, threads
 // have, too; a trace from outside of a container has other ids of both.
 void FindThreads(const SchedTrace& trace, const Fit& fit, Tie& tie) {
-    std::map<int32_t, int64_t> most;
-    for (const auto& [pair, count] : fit.threads) {
-        const auto& [ofLog, ofTrace] = pair;
-        if (ofLog > 0 && count > most[ofLog]) {  // Else the log does not have it.
-            most[ofLog] = count;
-            tie.threads[ofLog] = ofTrace;
+    for (const auto& [ofLog, counts] : fit.threads) {
+        const auto most = std::max_element(
+            counts.begin(), counts.end(),
+            [](const auto& one, const auto& other) { return one.second < other.second; });
+        if (ofLog > 0) {  // Else the log does not have it.
+            tie.threads[ofLog] = most->first;
         }
     }
     const bool isSameProcess =
@@ -249,7 +251,7 @@ void CountedLines::OnMessage(const Message& message, const Moment& moment) {
         case MessageKind::FrameEnd:
         case MessageKind::StageStart:
         case MessageKind::StageEnd:
-            lines.push_back(
+            all.push_back(
                 {{message.kind, message.stage, static_cast<int32_t>(message.frame), moment.process},
                  moment.time,
                  moment.thread,
@@ -272,7 +274,7 @@ const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& e
 }
 
 Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution) {
-    const Lines lines = counted.All();
+    const Lines lines = counted.all;
     if (trace.counters.empty()) {
         throw TieError(
             "it has none of the library's counters: were the trace tags camera or hal on, and the\n"
@@ -330,9 +332,10 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
         }
     }
     TurnIntoLog(trace, all.knots);
-    std::vector<Span> unknown = tie.untied;
-    unknown.insert(unknown.end(), tie.breaks.begin(), tie.breaks.end());
-    for (const Span part : unknown) {
+    for (const Span part : tie.untied) {
+        trace.holes.push_back({part, SchedTrace::ALL_CPUS});
+    }
+    for (const Span part : tie.breaks) {
         trace.holes.push_back({part, SchedTrace::ALL_CPUS});
     }
     return tie;

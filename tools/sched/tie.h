@@ -22,16 +22,12 @@ struct CountedLine : CountedEvent {
 };
 
 // Keeps such lines.
-class CountedLines : public MessageSink {
-  public:
+struct CountedLines : MessageSink {
     void OnMessage(const Message& message, const Moment& moment) override;
     void OnClockSet(Micros step, const Moment& moment, const Place& place) override;
 
-    const std::vector<CountedLine>& All() const { return lines; }
-
-  private:
-    std::vector<CountedLine> lines;
-    bool isBehindStep = false;
+    std::vector<CountedLine> all;
+    bool isBehindStep = false;  // The clock was set behind the last line.
 };
 
 // Why a trace and a log do not belong together.

@@ -5,14 +5,6 @@
 #include <utility>
 
 namespace tools {
-namespace {
-
-bool IsBefore(const SchedEvent& one, const SchedEvent& other) {
-    return one.time < other.time;
-}
-
-}  // namespace
-
 std::span<const SchedCounter> SchedTrace::CountersOf(const CountedEvent& event) const {
     const auto [first, last] = std::equal_range(
         counters.begin(), counters.end(), event,
@@ -73,10 +65,9 @@ SchedTrace SchedTraceMaker::Finish() {
                   const CountedEvent &event = one, &otherEvent = other;
                   return std::tie(event, one.time) < std::tie(otherEvent, other.time);
               });
-    // Sorting takes memory, and most traces are in order.
-    if (!std::is_sorted(trace.events.begin(), trace.events.end(), IsBefore)) {
-        std::stable_sort(trace.events.begin(), trace.events.end(), IsBefore);
-    }
+    std::stable_sort(
+        trace.events.begin(), trace.events.end(),
+        [](const SchedEvent& one, const SchedEvent& other) { return one.time < other.time; });
     return std::move(trace);
 }
 
