@@ -1,7 +1,6 @@
 #include "tools/sched/ftrace.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "tools/base/cursor.h"
@@ -26,8 +25,8 @@ struct Line {
     std::string_view what, text;
 };
 
-// Cuts the text at the last " prio=120" and what follows that: names, which come first, may hold
-// anything.
+// Takes the number behind the last `key`, such as " prio=", and cuts the text there. The last,
+// since names, which come first, may hold anything.
 template <typename Number>
 bool CutField(std::string_view& text, std::string_view key, Number& number) {
     const size_t at = text.rfind(key);

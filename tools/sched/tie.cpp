@@ -286,39 +286,43 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
             "nothing ties the two together");
     }
     const Tying tying{trace, resolution};
+    // All lines together show best which of several recordings of the same frames it is.
+    const Fit whole = tying.Best(lines);
+    if (whole.pairs == 0) {
+        throw TieError(fmt::format(
+            "none of its counters (of process {}) is of a frame of the log (of process {}):\n"
+            "the one ends before the other begins, or they are of two runs",
+            trace.counters.front().process, lines.front().process));
+    }
+    const Micros base = whole.knots.empty() ? 0 : whole.knots.front().ahead;
     Tie tie;
-    Fit all, last;
+    Fit all;
     for (const Lines& part : PartsOf(lines)) {
-        const bool isFirst = all.knots.empty();
-        last = isFirst ? tying.Best(part) : tying.Match(part, all.knots.back().ahead);
-        if (!isFirst && !tying.IsGood(last)) {
-            last = tying.Best(part);
+        Fit fit = tying.Match(part, base);
+        if (!tying.IsGood(fit)) {
+            fit = tying.Best(part);
         }
-        if (last.pairs < tying.fewest) {
+        if (fit.pairs < tying.fewest) {
             continue;  // Too few to show anything; no such part has a knot of its own.
         }
-        if (!tying.IsGood(last) ||
-            (!isFirst && last.knots.front().Trace() <= all.knots.back().Trace())) {
+        const bool isFirst = all.knots.empty();
+        if (!tying.IsGood(fit) ||
+            (!isFirst && fit.knots.front().Trace() <= all.knots.back().Trace())) {
             tie.untied.push_back({part.front().time, part.back().time});
             continue;
         }
         if (!isFirst) {
-            Bridge(all.knots, last.knots.front(), tie);
+            Bridge(all.knots, fit.knots.front(), tie);
         }
-        all.Add(last);
+        all.Add(fit);
     }
     if (all.knots.empty()) {
-        const Fit whole = tying.Best(lines);
         throw TieError(
-            whole.pairs == 0
-                ? fmt::format("none of its counters (of process {}) is of a frame of the log (of "
-                              "process {}):\nthe one ends before the other begins, or they are of "
-                              "two runs",
-                              trace.counters.front().process, lines.front().process)
-                : fmt::format("its counters and the log are of different times (another run, or "
-                              "another boot): {} of\n{} agree, to within {} ms",
-                              whole.Agreeing(), Counted(std::ssize(trace.counters), "counter"),
-                              Fixed(static_cast<double>(whole.Within()) / 1000, 1)));
+            fmt::format("its counters and the log are of different times (another run, or another "
+                        "boot): {} of\n"
+                        "{} agree, to within {} ms",
+                        whole.Agreeing(), Counted(std::ssize(trace.counters), "counter"),
+                        Fixed(static_cast<double>(whole.Within()) / 1000, 1)));
     }
     FindThreads(trace, all, tie);
     tie.counters = all.Agreeing();
