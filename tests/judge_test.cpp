@@ -142,7 +142,8 @@ TEST(Columns, DelaysAreFollowedBackToAllPassesThatGaveSomething) {
         // The sensor, and the sensor together with a stage.
         {{{{100, 0}, 180}}, "100: 100@0+180"},
         {{{{100, 0}, 30}, {{100, 2}, 30}}, "100: 100@2+30 100@0+30"},
-        {{{{1, 2}, 400}}, "1: 1@2+400"},
+        // Nothing came before the first frame that it could be late to.
+        {{{{1, 2}, 400}}, ""},
     };
     static constexpr Micros WORK[] = {0, 9, 6, 11};
     for (const auto& [extra, expected] : cases) {
@@ -152,6 +153,19 @@ TEST(Columns, DelaysAreFollowedBackToAllPassesThatGaveSomething) {
         });
         EXPECT_EQ(BlameOf(made, tools::ColumnsOf(made.scene, 1.5)), expected);
     }
+}
+
+TEST(Finders, TheFirstFrameIsSlowByItself) {
+    const Pipeline made(300, [](uint32_t row, int32_t stage) {
+        return (stage == 0 ? 0 : row == 0 && stage == 2 ? 406 : 6) * MILLISECOND;
+    });
+    std::vector<tools::Cause> causes;
+    tools::FindSlow(made.scene, tools::ColumnsOf(made.scene, 1.5), causes);
+    ASSERT_EQ(causes.size(), 1);
+    EXPECT_EQ(causes[0].what, tools::Case::SlowFirst);
+    EXPECT_EQ(causes[0].stage, 2);
+    EXPECT_EQ(causes[0].own, std::vector<int64_t>{1});
+    EXPECT_EQ(causes[0].took, std::vector<Micros>{406 * MILLISECOND});
 }
 
 // What all causes are, and whom they harmed.

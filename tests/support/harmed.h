@@ -17,8 +17,8 @@ inline std::string MiscountedFrames(const tools::Scene& scene, const tools::Colu
         counts[scene.frames[row].number] -=
             tools::HarmOf(columns.fates[row]) != tools::Harm::None ? 1 : 0;
     }
-    for (const tools::Lost& lost : columns.lost) {
-        counts[lost.number] -= scene.RowOf(lost.number) == tools::NO_INDEX ? 1 : 0;
+    for (const auto& [number, lost] : columns.lost) {
+        counts[number] -= scene.RowOf(number) == tools::NO_INDEX ? 1 : 0;
     }
     for (const tools::Cause& cause : causes) {
         for (const int64_t number : cause.harmed) {

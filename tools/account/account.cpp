@@ -41,9 +41,9 @@ Figures FiguresOf(const JudgedScene& judged) {
             intervals.push_back(fate.interval);
         }
     }
-    for (const Lost& lost : columns.lost) {
-        figures.neverOut.push_back(lost.number);
-        if (scene.RowOf(lost.number) == NO_INDEX) {
+    for (const auto& [number, lost] : columns.lost) {
+        figures.neverOut.push_back(number);
+        if (scene.RowOf(number) == NO_INDEX) {
             ++figures.frameCount;
             ++figures.notBoosted;
         }

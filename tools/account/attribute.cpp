@@ -66,16 +66,17 @@ struct Attribution {
                 about.emplace(number, &cause);
             }
         }
-        for (const Evictions& run : EvictionsOf(scene, columns)) {
+        for (const Evictions& run : columns.evictions) {
             for (size_t i = 0; i < run.rows.size(); ++i) {
                 Cause* const filler = FillerAt(scene.frames[run.rows[i]].evicted, run.holders[i]);
+                const Micros begin = scene.frames[run.rows.front()].evicted;
                 fillers[run.rows[i]] =
-                    filler != nullptr ? filler : FillerAt(run.begin, run.holders.front());
+                    filler != nullptr ? filler : FillerAt(begin, run.holders.front());
             }
         }
-        for (const Lost& lost : columns.lost) {
-            if (scene.RowOf(lost.number) == NO_INDEX) {
-                Count(lost.number, First({lost.number}, CostsFrames));
+        for (const auto& [number, lost] : columns.lost) {
+            if (scene.RowOf(number) == NO_INDEX) {
+                Count(number, First({number}, CostsFrames));
             }
         }
         std::vector<uint32_t> others, late;  // Rows that no cause explains.
@@ -227,7 +228,7 @@ struct Attribution {
             const Frame& frame = scene.frames[first];
             Cause cause{.what = Case::BadFrames,
                         .other = frame.newestBefore,
-                        .why = ReasonOf(columns.fates[first].reason)};
+                        .why = columns.fates[first].reason};
             do {
                 cause.harmed.push_back(scene.frames[*next].number);
                 ++next;

@@ -101,15 +101,6 @@ inline constexpr Finder* FINDERS[] = {FindMissingLines, FindMisreports, FindLoss
 // Why a scene was refused. `configuration`: null where it is not known.
 Cause RefusalOf(const Scene& scene, const Configuration* configuration);
 
-// Frames that were pushed out of the table for one reason, one soon after the other.
-struct Evictions {
-    Micros begin = 0;
-    std::vector<uint32_t> rows;
-    // For each: the stage that held more frames than usual then, and so filled the table.
-    std::vector<std::optional<int32_t>> holders;
-};
-std::vector<Evictions> EvictionsOf(const Scene& scene, const Columns& columns);
-
 // What is bad about a frame.
 enum class Harm : uint8_t { None, Late, NotBoosted, NeverOut };
 // Of each row. Of frames near missing lines nothing is said but that they never came out.

@@ -5,7 +5,6 @@
 
 #include "tools/account/limits.h"
 #include "tools/account/steps.h"
-#include "tools/log/message.h"
 
 namespace tools {
 
@@ -13,21 +12,6 @@ const char* NameOf(FrameStatus status) {
     static constexpr const char* NAMES[FRAME_STATUSES] = {"complete", "dropped", "error", "evicted",
                                                           "refused",  "unseen",  "open"};
     return NAMES[static_cast<size_t>(status)];
-}
-
-const char* ReasonOf(Reason reason) {
-    static const char* const TEXTS[] = {"",
-                                        RefusalOf(MessageKind::FrameNotContinuous),
-                                        RefusalOf(MessageKind::FrameAlreadyExists),
-                                        RefusalOf(MessageKind::EndedFrameNotExist),
-                                        RefusalOf(MessageKind::StageNotInRange),
-                                        RefusalOf(MessageKind::StageOutOfOrder),
-                                        RefusalOf(MessageKind::StageOutOfTurn),
-                                        TABLE_FULL,
-                                        "ended before it had been through all stages",
-                                        "not seen to leave the stage",
-                                        "lines of the log are missing"};
-    return TEXTS[static_cast<size_t>(reason)];
 }
 
 Micros Columns::StoodIn(Micros from, Micros to) const {
@@ -53,60 +37,19 @@ Micros Columns::WorkOf(const Scene& scene, uint32_t row, int32_t stage) const {
 }
 
 Micros Columns::WaitOf(const Scene& scene, uint32_t row, int32_t stage) const {
-    const Micros arrival = CameAt(scene, row, stage), from = begin[PassOf(row, stage)];
-    return from == NO_TIME || arrival == NO_TIME ? NO_TIME : from - arrival;
+    return Between(CameAt(scene, row, stage), begin[PassOf(row, stage)]);
 }
 
-const Lost* Columns::LostOf(int64_t number) const {
-    const auto found = std::partition_point(
-        lost.begin(), lost.end(), [number](const Lost& one) { return one.number < number; });
-    return found != lost.end() && found->number == number ? &*found : nullptr;
+uint32_t Columns::CameBehind(uint32_t row, int32_t stage, int64_t places) const {
+    const std::vector<uint32_t>& rows = came[stage];
+    const int64_t at = int64_t{place[stage][row]} + places;
+    return place[stage][row] != NO_INDEX && at >= 0 && at < std::ssize(rows)
+               ? rows[static_cast<size_t>(at)]
+               : NO_INDEX;
 }
 
 Micros CameAt(const Scene& scene, uint32_t row, int32_t stage) {
     return stage > 0 || scene.isAlone ? scene.ArrivalOf(row, stage) : NO_TIME;
-}
-
-std::vector<Coming> ComingsOf(const Scene& scene, const Columns& columns) {
-    std::vector<Coming> comings;
-    if (!scene.isAlone) {
-        if (columns.stages > 0) {
-            for (const uint32_t row : columns.order[0]) {
-                comings.push_back({scene.LeftOf(row, 0), row});
-            }
-        }
-        return comings;
-    }
-    for (uint32_t row = 0; row < scene.frames.size(); ++row) {
-        if (scene.frames[row].start != NO_TIME) {
-            comings.push_back({scene.frames[row].start, row});
-        }
-    }
-    std::stable_sort(comings.begin(), comings.end(),
-                     [](const Coming& one, const Coming& other) { return one.time < other.time; });
-    return comings;
-}
-
-Micros Step::RestOf(int32_t stage) const {
-    Micros rest = 0;
-    for (int32_t next = stage; next < columns.stages; ++next) {
-        rest += columns.usualStay[next];
-    }
-    return rest;
-}
-
-bool Step::IsTimed(Micros from, Micros to) const {
-    return std::none_of(scene.clockSteps.begin(), scene.clockSteps.end(),
-                        [&](const auto& step) { return step.time >= from && step.time <= to; });
-}
-
-uint32_t Step::CameFrom(uint32_t row, int32_t stage) const {
-    for (int32_t before = stage - 1; before >= 0; --before) {
-        if (scene.PassOf(row, before).HasLeft()) {
-            return static_cast<uint32_t>(columns.PassOf(row, before));
-        }
-    }
-    return NO_INDEX;
 }
 
 namespace {
@@ -132,6 +75,7 @@ Columns ColumnsOf(const Scene& scene, double latePeriods) {
     FindFates(scene, columns);
     if (!columns.isMixed) {
         FindDelays(scene, columns);
+        FindEvictions(scene, columns);
     }
     return columns;
 }

@@ -6,8 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
-#include <unordered_map>
 #include <vector>
 
 #include "tools/account/scene.h"
@@ -27,27 +27,12 @@ enum class FrameStatus : uint8_t {
 inline constexpr size_t FRAME_STATUSES = 7;
 const char* NameOf(FrameStatus status);  // "complete" and so on.
 
-// Why a frame is not complete.
-enum class Reason : uint8_t {
-    None,
-    Gap,              // Its number did not follow the newest one.
-    AlreadyInFlight,  // A frame of that number was in flight.
-    NotInFlight,      // The library did not have it.
-    NoSuchStage,
-    OutOfOrder,
-    OutOfTurn,
-    Evicted,
-    EndedByHal,
-    NeverLeft,     // It was not seen to leave a stage.
-    LinesMissing,  // Lines of the log are missing: what became of it is not known.
-};
-const char* ReasonOf(Reason reason);  // In words; empty for None.
-
 // What became of a frame, in a row of its own beside the scene's.
 struct Fate {
     FrameStatus status = FrameStatus::Open;
-    Reason reason = Reason::None;
+    const char* reason = "";  // Why it is not complete, in words.
     int32_t stage = -1;       // That the reason is about, or that the frame got to last.
+    int64_t periods = 1;      // Of the sensor since the frame before: more behind dropped ones.
     bool isOut = false;       // It left the last stage that any frame of the scene left.
     bool isNeverOut = false;  // It did not, and will not.
     bool isLate = false;
@@ -75,11 +60,11 @@ struct Lost {
 
 // Numbers that are missing between two frames that left stage 0 one after the other.
 struct Gap {
-    std::vector<int64_t> missing;
+    std::vector<int64_t> missing{};
     int64_t before = 0;        // The number of the first of the two,
     uint32_t next = NO_INDEX;  // and the row of the second.
     Micros from = 0, to = 0;   // When they left.
-    Place place;               // Where the first left.
+    Place place{};             // Where the first left.
     bool isDropped = false;    // By the sensor; else the HAL skipped them.
 };
 
@@ -90,12 +75,18 @@ struct Blame {
     Micros excess = 0;
 };
 
-// A frame that came out late, or as the scene's first one with nothing before it to be late to.
+// A frame that came out late.
 struct LateFrame {
-    uint32_t row = NO_INDEX, before = NO_INDEX;  // Its row, and that of the output before.
-    std::vector<int64_t> lost{};                 // Numbers between the two that never came out.
-    std::vector<Blame> blame{};                  // The passes that its delay is followed back to.
-    bool isFirst = false;
+    uint32_t row = NO_INDEX;
+    std::vector<int64_t> lost{};  // Numbers since the output before that never came out.
+    std::vector<Blame> blame{};   // The passes that its delay is followed back to.
+};
+
+// Frames that were pushed out of the table for one reason, one soon after the other.
+struct Evictions {
+    std::vector<uint32_t> rows;
+    // For each: the stage that held more frames than usual then, and so filled the table.
+    std::vector<std::optional<int32_t>> holders;
 };
 
 // All threads were silent, while frames were in several stages.
@@ -120,34 +111,40 @@ inline Micros Times(double factor, Micros time) {
     return static_cast<Micros>(factor * static_cast<double>(time));
 }
 
+// NO_TIME where either is not known.
+inline Micros Between(Micros from, Micros to) {
+    return from == NO_TIME || to == NO_TIME ? NO_TIME : to - from;
+}
+
 struct Columns {
     bool isMixed = false;             // Of two objects at once: nothing else is worked out.
     int32_t stages = 0;               // That some frame left; 1 where the HAL reports frames alone.
     std::optional<int32_t> neverHit;  // A configured stage that no frame left.
+    Micros lateThreshold = 0;         // A longer interval between outputs is late.
     std::vector<Standstill> stood;
     // A stage each.
-    PerStage<std::vector<uint32_t>> order;  // Rows in the order in which they left.
-    // Rows that left together with another one, where most do.
-    PerStage<std::vector<uint32_t>> together;
-    PerStage<uint32_t> kept;  // Frames that the stage keeps back, or works on beside another.
-    PerStage<std::vector<uint32_t>> came;  // Of such a stage: rows in the order in which they came,
+    PerStage<std::vector<uint32_t>> order;  // Rows in the order in which they left,
+    PerStage<std::vector<uint32_t>>
+        together;  // and those that left together with another one, where most do.
+    PerStage<std::vector<uint32_t>> came;   // Rows in the order in which they came,
     PerStage<std::vector<uint32_t>> place;  // and the position therein of each row.
-    PerStage<Micros> usual, usualStay;      // Medians of work, and of work and waiting together.
-    PerStage<char>
-        isByNodes;  // Whether nodes report the ends of the stage, and not the HAL itself.
+    PerStage<uint32_t> kept;  // Frames that the stage keeps back, or works on beside another.
+    // Medians of work, of work and waiting together, and of the time from when frames may leave.
+    PerStage<Micros> usual, usualStay, usualHold;
+    PerStage<char> isByNodes;  // Whether nodes report its ends, and not the HAL itself.
     // A pass each, `stages` for each row.
-    std::vector<Micros> begin;     // When the stage began; NO_TIME where that is not known.
-    std::vector<uint32_t> behind;  // The pass whose end that was; NO_INDEX where there is none.
+    std::vector<Micros> begin;        // When the stage began; NO_TIME where that is not known.
+    std::vector<uint32_t> behind;     // The pass whose end that was; NO_INDEX where there is none.
+    std::vector<uint32_t> delivered;  // Rows in the order in which the sensor delivered them.
     // A row each.
-    std::vector<Micros> period;  // Of the sensor around the frame; empty: the scene's throughout.
+    std::vector<Micros> period;  // Of the sensor around the frame.
     std::vector<Fate> fates;
     std::vector<Span> holes;  // Where lines are missing.
     std::vector<Gap> gaps;
-    std::unordered_map<uint32_t, int64_t> steps;  // Rows that left stage 0 behind a gap in numbers.
-    std::vector<Lost> lost;                       // By number.
-    std::vector<uint32_t> outputs;                // Rows in the order in which they came out.
-    std::vector<LateFrame> late;
-    Micros lateThreshold = 0;  // A longer interval is late.
+    std::map<int64_t, Lost> lost;   // By number.
+    std::vector<uint32_t> outputs;  // Rows in the order in which they came out.
+    std::vector<LateFrame> late;    // In the order in which they came out.
+    std::vector<Evictions> evictions;
 
     size_t PassOf(uint32_t row, int32_t stage) const {
         return row * static_cast<size_t>(stages) + static_cast<size_t>(stage);
@@ -157,14 +154,12 @@ struct Columns {
     Micros StoodIn(Micros from, Micros to) const;
     // Whether lines that are missing may have been about that time.
     bool IsNearHole(Micros from, Micros to) const;
-    Micros PeriodOf(const Scene& scene, uint32_t row) const {
-        return period.empty() ? scene.Period() : period[row];
-    }
     // How long the stage worked on the frame, while not everything stood; how long the frame waited
     // for that; NO_TIME where that is not known.
     Micros WorkOf(const Scene& scene, uint32_t row, int32_t stage) const;
     Micros WaitOf(const Scene& scene, uint32_t row, int32_t stage) const;
-    const Lost* LostOf(int64_t number) const;  // Null for none.
+    // The row that came to the stage so many places behind another one; NO_INDEX for none.
+    uint32_t CameBehind(uint32_t row, int32_t stage, int64_t places) const;
 };
 
 // `latePeriods`: an interval between outputs of more frame periods than that is late.
@@ -173,11 +168,5 @@ Columns ColumnsOf(const Scene& scene, double latePeriods);
 // When the frame came to the stage, as far as queues go: stage 0 has none, unless the HAL reports
 // frames alone. NO_TIME where that is not known.
 Micros CameAt(const Scene& scene, uint32_t row, int32_t stage);
-// Frames as the sensor delivered them, and when.
-struct Coming {
-    Micros time;
-    uint32_t row;
-};
-std::vector<Coming> ComingsOf(const Scene& scene, const Columns& columns);
 
 }  // namespace tools

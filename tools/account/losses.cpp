@@ -49,24 +49,22 @@ void FindLosses(const Scene& scene, const Columns& columns, std::vector<Cause>& 
     Cause standing{.what = Case::Stands};
     const Lost* first = nullptr;
     Cause* before = nullptr;
-    for (const Lost& lost : columns.lost) {
+    for (const auto& [number, lost] : columns.lost) {
         const int32_t stage = scene.isAlone ? -1 : lost.stage;
         const Case what = lost.how == Lost::How::Ended ? Case::DroppedAndEnded : Case::NeverLeft;
         if (lost.how == Lost::How::Stands) {
-            standing.own.push_back(lost.number);
+            standing.own.push_back(number);
             first = first == nullptr || lost.stage > first->stage ? &lost : first;
         } else if (lost.how == Lost::How::Dropped || stage == 0) {
             continue;  // Of a gap.
         } else if (before != nullptr && before->stage == stage && before->what == what &&
-                   StepOf(before->own.back(), lost.number) == 1) {
-            before->own.push_back(lost.number);
+                   StepOf(before->own.back(), number) == 1) {
+            before->own.push_back(number);
         } else {
-            causes.push_back({.what = what,
-                              .span = {lost.since, scene.stop},
-                              .stage = stage,
-                              .own = {lost.number}});
+            causes.push_back(
+                {.what = what, .span = {lost.since, scene.stop}, .stage = stage, .own = {number}});
             before = &causes.back();
-            std::tie(before->place, before->time) = scene.LastOf(scene.RowOf(lost.number));
+            std::tie(before->place, before->time) = scene.LastOf(scene.RowOf(number));
         }
     }
     if (first != nullptr) {

@@ -10,23 +10,25 @@ namespace {
 
 // The hole that is nearest to a time, of one at least.
 size_t NearestOf(const std::vector<Span>& holes, Micros time) {
-    const auto next = std::partition_point(holes.begin(), holes.end(),
-                                           [time](const Span& hole) { return hole.end < time; });
-    const bool isBefore = next == holes.end() || (next != holes.begin() &&
-                                                  time - std::prev(next)->end < next->begin - time);
-    return static_cast<size_t>(next - holes.begin()) - (isBefore ? 1 : 0);
+    auto next = std::partition_point(holes.begin(), holes.end(),
+                                     [time](const Span& hole) { return hole.end < time; });
+    if (next == holes.end() ||
+        (next != holes.begin() && time - std::prev(next)->end < next->begin - time)) {
+        --next;
+    }
+    return static_cast<size_t>(next - holes.begin());
 }
 
 void FindHoles(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     if (columns.holes.empty()) {
         return;
     }
-    const size_t first = causes.size();
+    std::vector<Cause> found;
     for (const Span& hole : columns.holes) {
-        causes.push_back({.what = Case::LinesMissing, .span = hole, .time = hole.begin});
+        found.push_back({.what = Case::LinesMissing, .span = hole, .time = hole.begin});
     }
     for (const Scene::Disturbance& one : scene.leftOut) {
-        Cause& cause = causes[first + NearestOf(columns.holes, one.time)];
+        Cause& cause = found[NearestOf(columns.holes, one.time)];
         cause.count += std::max<int64_t>(one.amount, 1);
         cause.place = cause.place.line == 0 ? one.place : cause.place;
     }
@@ -36,37 +38,45 @@ void FindHoles(const Scene& scene, const Columns& columns, std::vector<Cause>& c
         if (!columns.IsNearHole(frame.seen, std::max(last, frame.end))) {
             continue;
         }
-        Cause& cause = causes[first + NearestOf(columns.holes, last)];
+        Cause& cause = found[NearestOf(columns.holes, last)];
         if (columns.fates[row].isUnknown) {
             cause.own.push_back(frame.number);
         }
-        if (!cause.frame || columns.fates[row].isUnknown) {
+        if (!cause.frame || cause.own.size() == 1) {
             cause.frame = cause.own.empty() ? frame.number : cause.own.front();
         }
         if (cause.place.line == 0 && last >= cause.span.begin) {
             cause.place = place;
         }
         // Of numbers in between no line is left.
-        const Frame* const next = row + 1 < scene.frames.size() ? &scene.frames[row + 1] : nullptr;
-        const int64_t step = next == nullptr ? 0 : StepOf(frame.number, next->number);
-        for (int64_t i = 1;
-             i < step && step <= limits::MOST_MISSING && columns.IsNearHole(frame.seen, next->seen);
-             ++i) {
-            if (columns.LostOf(frame.number + i) == nullptr) {
+        if (row + 1 == scene.frames.size() ||
+            !columns.IsNearHole(frame.seen, scene.frames[row + 1].seen)) {
+            continue;
+        }
+        const int64_t step = StepOf(frame.number, scene.frames[row + 1].number);
+        for (int64_t i = 1; i < step && step <= limits::MOST_MISSING; ++i) {
+            if (!columns.lost.contains(frame.number + i)) {
                 cause.beside.push_back(frame.number + i);
             }
         }
     }
-    for (size_t i = first; i < causes.size(); ++i) {
-        causes[i].place = causes[i].place.line == 0 ? scene.from : causes[i].place;
+    for (Cause& cause : found) {
+        cause.place = cause.place.line == 0 ? scene.from : cause.place;
+        causes.push_back(std::move(cause));
     }
 }
 
 void FindRestart(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    if (!scene.restartedAfter) {
+    if (!scene.restartedAfter || scene.frames.empty()) {
         return;
     }
-    Cause cause{.what = Case::Restarted, .span = {scene.begin, scene.stop}};
+    const Frame& first = scene.frames.front();
+    Cause cause{.what = Case::Restarted,
+                .span = {scene.begin, scene.stop},
+                .frame = first.number,
+                .place = first.trouble.line != 0 ? first.trouble : first.place,
+                .time = first.seen,
+                .other = *scene.restartedAfter};
     for (uint32_t row = 0; row < scene.frames.size(); ++row) {
         const Frame& frame = scene.frames[row];
         const Fate& fate = columns.fates[row];
@@ -75,14 +85,6 @@ void FindRestart(const Scene& scene, const Columns& columns, std::vector<Cause>&
             cause.own.push_back(frame.number);
         }
     }
-    if (scene.frames.empty()) {
-        return;
-    }
-    const Frame& first = scene.frames.front();
-    cause.frame = first.number;
-    cause.other = *scene.restartedAfter;
-    cause.place = first.trouble.line != 0 ? first.trouble : first.place;
-    cause.time = first.seen;
     causes.push_back(std::move(cause));
 }
 

@@ -11,8 +11,9 @@ namespace tools {
 namespace {
 
 void FindStoppedSensor(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    const bool stands = std::any_of(columns.lost.begin(), columns.lost.end(),
-                                    [](const Lost& one) { return one.how == Lost::How::Stands; });
+    const bool stands = std::any_of(columns.lost.begin(), columns.lost.end(), [](const auto& lost) {
+        return lost.second.how == Lost::How::Stands;
+    });
     // The frame that the sensor owes has been started by the one before it.
     const auto frame = std::find_if(scene.frames.rbegin(), scene.frames.rend(),
                                     [](const Frame& one) { return one.isStarted; });
@@ -45,33 +46,32 @@ void FindStoppedSensor(const Scene& scene, const Columns& columns, std::vector<C
 
 // Stretches in which frames came at another rate than the scene's.
 void FindRates(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    const std::vector<Coming> comings = ComingsOf(scene, columns);
-    const auto isOther = [&](const Coming& one) {
-        return columns.PeriodOf(scene, one.row) != scene.Period();
-    };
-    for (auto next = comings.begin();;) {
-        const auto first = std::find_if(next, comings.end(), isOther);
-        if (first == comings.end()) {
+    const std::vector<uint32_t>& rows = columns.delivered;
+    const auto isOther = [&](uint32_t row) { return columns.period[row] != scene.Period(); };
+    for (auto next = rows.begin();;) {
+        const auto first = std::find_if(next, rows.end(), isOther);
+        if (first == rows.end()) {
             return;
         }
         auto last = first;
-        for (next = first;
-             next != comings.end() && next - last <= std::ptrdiff_t{limits::RATE_FRAMES}; ++next) {
+        for (next = first; next != rows.end() && next - last <= std::ptrdiff_t{limits::RATE_FRAMES};
+             ++next) {
             last = isOther(*next) ? next : last;
         }
         next = last + 1;
         // The first frame of all has no interval, and so no rate.
+        const Micros begin = scene.DeliveredAt(*std::prev(first));
         Cause cause{.what = Case::OtherRate,
-                    .span = {std::prev(first)->time, last->time},
+                    .span = {begin, scene.DeliveredAt(*last)},
                     .stage = 0,
-                    .place = scene.LeftAt(first->row, 0),
-                    .time = std::prev(first)->time};
+                    .place = scene.LeftAt(*first, 0),
+                    .time = begin};
         Micros count = 0;
         for (auto one = first; one != next; ++one) {
-            const Micros usual = columns.PeriodOf(scene, one->row);
-            const Micros interval = one->time - std::prev(one)->time;
+            const Micros usual = columns.period[*one];
+            const Micros interval = scene.DeliveredAt(*one) - scene.DeliveredAt(*std::prev(one));
             if (isOther(*one)) {
-                cause.own.push_back(scene.frames[one->row].number);
+                cause.own.push_back(scene.frames[*one].number);
                 // Without what stands out: a stall is found by itself.
                 if (std::abs(interval - usual) <= usual / 10 + MILLISECOND) {
                     cause.count += interval;

@@ -2,22 +2,19 @@
 
 namespace tools {
 
-Micros Scene::ArrivalOf(size_t frame, int32_t stage) const {
-    for (int32_t before = stage - 1; before >= 0; --before) {
-        if (PassOf(frame, before).HasLeft()) {
-            return PassOf(frame, before).left;
-        }
-    }
-    return stage == 0 ? frames[frame].start : NO_TIME;
+int32_t Scene::StageBefore(size_t frame, int32_t stage) const {
+    do {
+        --stage;
+    } while (stage >= 0 && !PassOf(frame, stage).HasLeft());
+    return stage;
 }
 
-int32_t Scene::NextStage(size_t frame) const {
-    for (int32_t stage = stageCount; stage > 0; --stage) {
-        if (PassOf(frame, stage - 1).HasLeft()) {
-            return stage;
-        }
+Micros Scene::ArrivalOf(size_t frame, int32_t stage) const {
+    const int32_t before = StageBefore(frame, stage);
+    if (before < 0) {
+        return stage == 0 ? frames[frame].start : NO_TIME;
     }
-    return 0;
+    return PassOf(frame, before).left;
 }
 
 int32_t Scene::Unreported(size_t frame) const {

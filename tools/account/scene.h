@@ -171,15 +171,24 @@ struct Scene {
         }
         return frames[frame].end != NO_TIME ? frames[frame].end : frames[frame].refusedEnd;
     }
+    // When the sensor delivered it: it left stage 0, or was started where there are no stages.
+    Micros DeliveredAt(size_t frame) const {
+        if (isAlone) {
+            return frames[frame].start;
+        }
+        return stageCount > 0 ? PassOf(frame, 0).left : NO_TIME;
+    }
     // The line that says so; of a scene without stages, the frame's.
     Place LeftAt(size_t frame, int32_t stage) const {
         return isAlone ? frames[frame].place : PassOf(frame, stage).place;
     }
+    // The last stage before that one that the frame is known to have left; -1 for none.
+    int32_t StageBefore(size_t frame, int32_t stage) const;
     // When the frame came to the stage: when it left the one before, or the last one that it is
     // known to have left; in stage 0, when it was started. NO_TIME where that is not known.
     Micros ArrivalOf(size_t frame, int32_t stage) const;
     // The first stage behind all those that the frame is known to have left.
-    int32_t NextStage(size_t frame) const;
+    int32_t NextStage(size_t frame) const { return StageBefore(frame, stageCount) + 1; }
     // The first stage that the frame went past without being seen to leave it; -1 for none.
     int32_t Unreported(size_t frame) const;
     // The last line that says where the frame was, and its time.

@@ -24,13 +24,11 @@ struct SlowStages {
         for (int32_t stage = 1; stage < columns.stages; ++stage) {
             FindBusy(stage);
         }
+        FindSlowFirst();
         std::set<std::pair<int32_t, uint32_t>> blamed;  // Stages and rows.
         for (const LateFrame& late : columns.late) {
             for (const auto& [row, stage, excess] : late.blame) {
-                if (late.isFirst) {
-                    AddRun(stage, row, row, true);
-                } else if (!isBusy[columns.PassOf(row, stage)] &&
-                           !(IsSensor(stage) && IsOfRate(row))) {
+                if (!isBusy[columns.PassOf(row, stage)] && !(IsSensor(stage) && IsOfRate(row))) {
                     blamed.emplace(stage, row);
                 }
             }
@@ -47,14 +45,36 @@ struct SlowStages {
         }
     }
 
+    // Before the first output there is no interval that would show that it is late.
+    void FindSlowFirst() {
+        if (scene.isBeginningMissing || scene.restartedAfter || columns.outputs.empty()) {
+            return;
+        }
+        const uint32_t row = columns.outputs.front();
+        const Frame& frame = scene.frames[row];
+        if (!frame.isStarted || !columns.fates[row].isOut ||
+            columns.IsNearHole(frame.seen, std::max(scene.LastOf(row).second, frame.end))) {
+            return;
+        }
+        for (int32_t stage = 0; stage < columns.stages; ++stage) {
+            const Micros begin =
+                stage == 0 ? frame.start : columns.begin[columns.PassOf(row, stage)];
+            const Micros left = scene.LeftOf(row, stage);
+            const Micros usual = std::max(columns.usual[stage], columns.usualStay[stage]);
+            if (begin != NO_TIME && left != NO_TIME &&
+                left - begin - columns.StoodIn(begin, left) - usual >
+                    limits::HANGS_PERIODS * period) {
+                AddRun(stage, row, row, true);
+            }
+        }
+    }
+
     // Whether the stage works by the clock, and not when frames come.
     bool IsSensor(int32_t stage) const { return stage == 0 && !scene.isAlone; }
 
     // Whether the sensor took as long for the frame as for the frames around it.
     bool IsOfRate(uint32_t row) const {
-        const auto steps = columns.steps.find(row);
-        const Micros usual =
-            columns.PeriodOf(scene, row) * (steps == columns.steps.end() ? 1 : steps->second);
+        const Micros usual = columns.period[row] * columns.fates[row].periods;
         return columns.WorkOf(scene, row, 0) <= usual + Times(limits::TRIFLE_PERIODS, period);
     }
 
@@ -103,7 +123,7 @@ struct SlowStages {
         }
         cause.usual = isKept ? columns.usualStay[stage] : columns.usual[stage];
         if (IsSensor(stage)) {
-            cause.usual = columns.PeriodOf(scene, first);
+            cause.usual = columns.period[first];
         } else if (what == Case::Slow && stage > 0) {
             const Micros least = limits::WAITED + (isKept ? columns.usualStay[stage] : 0);
             for (const uint32_t row : Behind(stage, last)) {
@@ -187,7 +207,7 @@ struct SlowStages {
         while (rows.size() > 1 && waitOf(rows.back()) < longest * 4 / 5) {
             rows = rows.first(rows.size() - 1);
         }
-        const Micros each = std::max(period, columns.PeriodOf(scene, rows.front()));
+        const Micros each = std::max(period, columns.period[rows.front()]);
         const Micros most = 2 * std::max(columns.usual[stage], each);
         // Frames that hung are found by themselves.
         const auto meanOf = [&] {

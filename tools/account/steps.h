@@ -5,6 +5,8 @@
 
 #pragma once
 
+#include <algorithm>
+
 #include "tools/account/columns.h"
 
 namespace tools {
@@ -21,13 +23,38 @@ struct Step {
     bool IsDoubtful(uint32_t row) const {
         return columns.IsNearHole(scene.frames[row].seen, LastOf(row));
     }
-    // How long the stages from that one on usually take.
-    Micros RestOf(int32_t stage) const;
+    // The stage that the frame is in; a scene without stages has one.
+    int32_t NextStage(uint32_t row) const { return scene.isAlone ? 0 : scene.NextStage(row); }
     // Whether the clock was not set meanwhile.
-    bool IsTimed(Micros from, Micros to) const;
-    // The pass whose end is when the frame came to the stage.
-    uint32_t CameFrom(uint32_t row, int32_t stage) const;
+    bool IsTimed(Micros from, Micros to) const {
+        return std::none_of(scene.clockSteps.begin(), scene.clockSteps.end(),
+                            [&](const auto& step) { return step.time >= from && step.time <= to; });
+    }
+    // The pass whose end is when the frame came to the stage; NO_INDEX for none.
+    uint32_t CameFrom(uint32_t row, int32_t stage) const {
+        const int32_t before = scene.StageBefore(row, stage);
+        return before < 0 ? NO_INDEX : static_cast<uint32_t>(columns.PassOf(row, before));
+    }
+    // From when on the stage may let go of the frame: one that keeps frames back waits until others
+    // have come. NO_TIME where that is not known.
+    Micros MayLeaveFrom(uint32_t row, int32_t stage) const {
+        const uint32_t last = columns.CameBehind(row, stage, columns.kept[stage]);
+        return last == NO_INDEX ? NO_TIME : CameAt(scene, last, stage);
+    }
+    // The first frame, in the stage's order, that left it at that time or later.
+    auto FirstLeftAt(int32_t stage, Micros time) const {
+        const std::vector<uint32_t>& order = columns.order[stage];
+        return std::partition_point(order.begin(), order.end(),
+                                    [&](uint32_t row) { return scene.LeftOf(row, stage) < time; });
+    }
 };
+
+// Rows by when something happened to them, and by the line that says so. `keyOf`: from a row.
+template <typename KeyOf>
+void SortBy(std::vector<uint32_t>& rows, const KeyOf& keyOf) {
+    std::stable_sort(rows.begin(), rows.end(),
+                     [&](uint32_t one, uint32_t other) { return keyOf(one) < keyOf(other); });
+}
 
 // Which stages there are, in which order frames left them, the sensor's rates, how long frames stay
 // in stages and how many are kept there.
@@ -39,5 +66,7 @@ void FindQueues(const Scene& scene, Columns& columns);
 void FindFates(const Scene& scene, Columns& columns);
 // Late frames, and what their delays are followed back to.
 void FindDelays(const Scene& scene, Columns& columns);
+// Frames that were pushed out of the table, and what filled it.
+void FindEvictions(const Scene& scene, Columns& columns);
 
 }  // namespace tools

@@ -54,7 +54,7 @@ void WriteCsv(std::ostream& out, const Account& account, const Scheduling* sched
             }
             // None of the reasons has a comma but is in quotes all the same: they are sentences.
             row = fmt::format("{},{},{},\"{}\",{}", s + 1, frame.number, NameOf(fate.status),
-                              ReasonOf(fate.reason), frame.place.line);
+                              fate.reason, frame.place.line);
             addTime(frame.start, scene.begin);
             addTime(frame.end, scene.begin);
             addTime(fate.isOut ? fate.output : NO_TIME, scene.begin);

@@ -138,8 +138,8 @@ std::string DescriptionOf(const Fate& fate) {
     if (fate.status == FrameStatus::Complete) {
         return "";
     }
-    if (fate.reason == Reason::LinesMissing) {
-        return fmt::format("{}: what became of it is not known", ReasonOf(fate.reason));
+    if (fate.isUnknown) {
+        return fmt::format("{}: what became of it is not known", fate.reason);
     }
     if (fate.status == FrameStatus::Open) {
         if (fate.isNeverOut && fate.stage >= 0) {
@@ -150,8 +150,8 @@ std::string DescriptionOf(const Fate& fate) {
         return fate.isNeverOut || hasNoEnd ? "its end was never reported" : "in flight at the end";
     }
     return fate.status == FrameStatus::Error && fate.stage >= 0
-               ? fmt::format("stage {}: {}", fate.stage, ReasonOf(fate.reason))
-               : ReasonOf(fate.reason);
+               ? fmt::format("stage {}: {}", fate.stage, fate.reason)
+               : fate.reason;
 }
 
 double RateOf(const JudgedScene& scene) {

@@ -100,8 +100,8 @@ Json StageOf(const JudgedScene& scene, int32_t stage, std::vector<Micros>& highs
         return begunOf(row) == NO_TIME ? NO_TIME : leftOf(row) - begunOf(row);
     };
     Json stands = Json::array(), parts = Json::array();
-    for (const Lost& lost : columns.lost) {
-        if (const uint32_t row = scene.RowOf(lost.number); row != NO_INDEX && lost.stage == stage) {
+    for (const auto& [number, lost] : columns.lost) {
+        if (const uint32_t row = scene.RowOf(number); row != NO_INDEX && lost.stage == stage) {
             stands.push_back(StandOf(scene, lost, row, order));
         }
     }
