@@ -42,6 +42,15 @@ bool IsMadeUp(int64_t clock) {
     return clock >= FIRST_MADE_UP && clock < LAST_MADE_UP;
 }
 
+// "12 lines" and so on at the end of a chatty record.
+int64_t LinesLeftOut(std::string_view message) {
+    const std::string_view before = message.substr(0, message.rfind(" line"));
+    const std::string_view digits = before.substr(before.find_last_not_of("0123456789") + 1);
+    return ReadDigits<int64_t>(digits).value_or(0);
+}
+
+}  // namespace
+
 std::string ClockText(int64_t clock) {
     const auto second = static_cast<time_t>(clock / SECOND);
     if (second < ONE_YEAR) {
@@ -51,15 +60,6 @@ std::string ClockText(int64_t clock) {
     constexpr size_t year = sizeof("2000");
     return fmt::format("{}.{:03}", date.substr(IsMadeUp(clock) ? year : 0), clock % SECOND / 1000);
 }
-
-// "12 lines" and so on at the end of a chatty record.
-int64_t LinesLeftOut(std::string_view message) {
-    const std::string_view before = message.substr(0, message.rfind(" line"));
-    const std::string_view digits = before.substr(before.find_last_not_of("0123456789") + 1);
-    return ReadDigits<int64_t>(digits).value_or(0);
-}
-
-}  // namespace
 
 void CaptureReader::Begin(const std::string& name) {
     records.Begin(static_cast<uint32_t>(names.size()));
@@ -202,7 +202,7 @@ Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
     const int64_t now = WithoutMadeUpDay(clock);
     if (!origin) {
         origin = latest = now;
-        firstClock = lastClock = clock;
+        summary.clock = lastClock = clock;
     }
     if (clock % MILLISECOND != 0) {
         summary.resolution = 1;
@@ -243,7 +243,7 @@ void CaptureReader::OnTime(int64_t time) {
 void CaptureReader::Finish() {
     summary.lines = records.Lines();
     if (origin) {
-        summary.from = ClockText(firstClock);
+        summary.from = ClockText(summary.clock);
         summary.to = ClockText(lastClock);
     }
 }

@@ -56,11 +56,17 @@ struct CaptureSummary {
     std::vector<NotUnderstood> firstNotUnderstood;
     int64_t lost = 0;          // Lines that the log says it left out.
     std::string damage;        // Why an input could not be read to its end; empty if all could.
-    std::string from, to;      // Of the library's lines, as the log's clock says.
+    std::string from, to;      // Of the library's lines, as the log's clock says; empty where no
+                               // line was understood.
+    int64_t clock = 0;         // What that clock showed when the time was 0, as Record::time.
     Micros resolution = 1000;  // Of the times: 1000 where all are whole milliseconds, else 1.
     // The time of the last line of any tag, as far as it has been looked at.
     Micros last = NO_TIME;
 };
+
+// A time of the log's clock as people read it: "11-23 00:03:00.123", with the year where the log
+// has it; seconds of a clock that counts from the boot.
+std::string ClockText(int64_t clock);
 
 // Takes the text of files.
 class TextSink {
@@ -127,15 +133,15 @@ class CaptureReader : public TextSink, private RecordSink {
     std::vector<std::string> names;  // Of the inputs.
     RecordReader records{*this};
     CaptureSummary summary;
-    std::set<int32_t> processes;            // Those with messages.
-    std::optional<int64_t> origin;          // What the clock showed when the time was 0.
-    int64_t latest = 0;                     // What it showed at most since it was last set.
-    int64_t latestOther = 0;                // The same, with lines of other programs.
-    bool hasOthers = false;                 // Some stand behind the library's last line.
-    int64_t firstClock = 0, lastClock = 0;  // Of the library's lines, as the log has it.
-    bool hasLeapDay = false;                // A 29th of February was seen.
-    bool isInScene = false;                 // Of some process.
-    std::deque<Known> known;                // The lines that were understood last.
+    std::set<int32_t> processes;    // Those with messages.
+    std::optional<int64_t> origin;  // What the clock showed when the time was 0.
+    int64_t latest = 0;             // What it showed at most since it was last set.
+    int64_t latestOther = 0;        // The same, with lines of other programs.
+    bool hasOthers = false;         // Some stand behind the library's last line.
+    int64_t lastClock = 0;          // Of the library's lines, as the log has it.
+    bool hasLeapDay = false;        // A 29th of February was seen.
+    bool isInScene = false;         // Of some process.
+    std::deque<Known> known;        // The lines that were understood last.
     std::unordered_map<int64_t, Thread> threads;
     // Of the input:
     bool isBeginning = true;                 // No line has been understood.

@@ -1,17 +1,16 @@
 // The account as a trace, in Chrome's JSON form.
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
-#include <cstdlib>
-#include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tools/output/outputs.h"
@@ -22,96 +21,130 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // Numbers of frames may be anything: those farther apart have nothing to do with one another.
-constexpr uint64_t FAR_APART = 1000;
-// So many frames before and after one that is remarkable have flows as well.
+constexpr int64_t FAR_APART = 1000;
+// So many frames before and after one that is remarkable have arrows as well.
 constexpr size_t NEAR = 5;
 
-// Names come from captures, which hold any bytes; JSON holds UTF-8.
-std::string Text(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
+// An arrow begins (s), goes on (t) or ends (f) in a slice.
+struct Arrow {
+    char phase = '\0';  // '\0': there is none.
+    std::string_view name{};
+    size_t id = 0;
+};
 
+// What stands on a track for some time.
+struct Slice {
+    size_t track = 0;
+    Span span;
+    std::string name{};
+    Json arguments{};
+    Arrow arrow{};
+};
+
+// The one place that knows the form: an event a line.
 class Events {
   public:
     Events(std::ostream& stream, Micros zero) : out(stream), origin(zero) {}
 
+    // All that is added from here on belongs to it.
+    void BeginProcess(size_t number, const std::string& name) {
+        process = number;
+        Name("process", "", name, number);
+    }
+
+    size_t AddTrack(const std::string& name) {
+        ++tracks;
+        Name("thread", fmt::format(R"(,"tid":{})", tracks), name, tracks);
+        return tracks;
+    }
+
+    size_t AddArrow() { return ++arrows; }
+
+    void Add(const Slice& slice) {
+        const auto& [track, span, name, arguments, arrow] = slice;
+        Add('X', span.begin, name, fmt::format(R"(,"tid":{},"dur":{})", track, span.Length()),
+            arguments);
+        if (arrow.phase != '\0') {
+            Add(arrow.phase, span.begin, arrow.name,
+                fmt::format(R"(,"tid":{},"cat":"{}","id":{}{})", track, arrow.name, arrow.id,
+                            arrow.phase == 's' ? "" : R"(,"bp":"e")"));
+        }
+    }
+
+    // Frames overlap: viewers put all events of a name on one track, however many it takes. So the
+    // name is the same for all frames, and what is to be said of a frame is an event within its
+    // own. `remark`: where it has no arguments there is none.
+    void AddFrame(std::string_view name, size_t id, int64_t number, const Slice& remark) {
+        const std::string which = fmt::format(R"(,"cat":"{}","id":{})", name, id);
+        const Span span = remark.span;
+        Add('b', span.begin, name, which, {{"frame", number}});
+        if (!remark.arguments.is_null()) {
+            Add('b', span.begin, remark.name, which, remark.arguments);
+            Add('e', span.end, remark.name, which);
+        }
+        Add('e', span.end, name, which);
+    }
+
+    void AddMoment(size_t track, Micros time, std::string_view name, const Json& arguments) {
+        Add('i', time, name, fmt::format(R"(,"tid":{},"s":"t")", track), arguments);
+    }
+
+    void AddValue(std::string_view counter, Micros time, double value) {
+        Add('C', time, counter, "", {{"value", value}});
+    }
+
+    // Names come from captures, which hold any bytes; JSON holds UTF-8.
+    static std::string Text(const Json& json) {
+        return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    }
+
+  private:
     // `more`: further members, with a comma before each.
-    void Add(char phase, size_t process, Micros time, std::string_view name,
-             std::string_view more) {
+    void Add(char phase, Micros time, std::string_view name, std::string_view more,
+             const Json& arguments = {}) {
         // What was before the first scene is shown at its beginning.
-        out << fmt::format(R"({}{{"ph":"{}","pid":{},"ts":{},"name":{}{}}})", separator, phase,
-                           process, std::max<Micros>(time - origin, 0), Text(name), more);
+        out << fmt::format(R"({}{{"ph":"{}","pid":{},"ts":{},"name":{}{})", separator, phase,
+                           process, std::max<Micros>(time - origin, 0), Text(name), more)
+            << (arguments.is_null() ? "" : ",\"args\":" + Text(arguments)) << '}';
         separator = ",\n";
     }
 
-    void NameProcess(size_t process, const std::string& name) {
-        Name("process", process, "", name, process);
-    }
-
-    void AddSlice(size_t process, size_t track, Span span, std::string_view name,
-                  std::string_view arguments = "") {
-        Add('X', process, span.begin, name,
-            fmt::format(R"(,"tid":{},"dur":{}{})", track, span.end - span.begin, arguments));
-    }
-
-    // One end of an arrow, or a step of it, in the slice there: `phase` is s, t or f.
-    void AddFlow(char phase, size_t process, size_t track, Micros time, std::string_view name,
-                 size_t id) {
-        Add(phase, process, time, name,
-            fmt::format(R"(,"tid":{},"cat":"{}","id":{}{})", track, name, id,
-                        phase == 's' ? "" : R"(,"bp":"e")"));
-    }
-
-    // The thread that it is.
-    size_t AddTrack(size_t process, const std::string& name) {
-        ++threads;
-        Name("thread", process, fmt::format(R"(,"tid":{})", threads), name, threads);
-        return threads;
-    }
-
-    // The id of an arrow from a thread to another.
-    size_t AddArrow() { return ++arrows; }
-
-  private:
-    void Name(std::string_view kind, size_t process, const std::string& thread,
-              const std::string& name, size_t order) {
-        Add('M', process, origin, fmt::format("{}_name", kind),
-            fmt::format(R"({},"args":{{"name":{}}})", thread, Text(name)));
-        Add('M', process, origin, fmt::format("{}_sort_index", kind),
-            fmt::format(R"({},"args":{{"sort_index":{}}})", thread, order));
+    void Name(const std::string& kind, std::string_view which, const std::string& name,
+              size_t order) {
+        Add('M', origin, kind + "_name", which, {{"name", name}});
+        Add('M', origin, kind + "_sort_index", which, {{"sort_index", order}});
     }
 
     std::ostream& out;
     Micros origin;
     std::string_view separator;
-    size_t threads = 0;
-    size_t arrows = 0;
-};
-
-// A frame in a stage, or all in all.
-struct Slice {
-    Span span;
-    size_t frame = 0;
-    bool hasLeft = true;  // Else it stood there to the end.
+    size_t process = 0, tracks = 0, arrows = 0;
 };
 
 // What is shown of a scene.
 struct View {
     const Account& account;
     const JudgedScene& scene;
-    size_t process = 0;
-    size_t firstId = 0;   // Of its frames, which count from here.
-    bool isPart = false;  // Only the frames asked for are shown, with all that is known of them.
-    std::vector<Micros> gone;     // When each frame went that was not seen to leave; NO_TIME where
-                                  // that is not known.
-    std::vector<bool> hasFlow;    // Of each frame.
-    std::vector<Slice> frames;    // In the order of the scene.
-    Span span{NO_TIME, NO_TIME};  // In which things are shown that are no frame's.
+    // Only these frames are shown, with all that is known of them; without it, all frames.
+    const std::optional<std::pair<int64_t, int64_t>>& range;
+    size_t firstId = 0;             // Of its frames, which count from here.
+    std::vector<Span> stays{};      // Of each pass when the frame was in the stage, and
+    std::vector<Span> lives{};      // of each row from the first to the last that is known of the
+                                    // frame. These begin with NO_TIME where there is none.
+    std::vector<bool> hasArrows{};  // Of each row.
+    Span span{NO_TIME, NO_TIME};    // In which things are shown that are no frame's.
 
-    const Frame& FrameOf(const Slice& slice) const { return scene.frames[slice.frame]; }
-    const Fate& FateOf(const Slice& slice) const { return scene.FateOf(slice.frame); }
-    bool Has(Micros time) const {
-        return time != NO_TIME && (!isPart || (time >= span.begin && time <= span.end));
+    const Span& StayOf(size_t row, int32_t stage) const {
+        return stays[row * static_cast<size_t>(scene.stageCount) + static_cast<size_t>(stage)];
+    }
+    bool Has(size_t row) const {
+        return lives[row].begin != NO_TIME && Shown{true, range}.Has(scene, row);
+    }
+    bool HasTime(Micros time) const {
+        return time != NO_TIME && (!range || (time >= span.begin && time <= span.end));
+    }
+    bool IsRemarkable(size_t row) const {
+        return HarmOf(scene.FateOf(row)) != Harm::None || scene.frames[row].trouble.line != 0;
     }
 };
 
@@ -123,202 +156,156 @@ void Include(Span& span, Micros time) {
     }
 }
 
-// A frame stays until it was ended or pushed out, or as long as the scene is known to have gone on.
-std::vector<Micros> GoneOf(const JudgedScene& scene) {
-    std::vector<Micros> gone;
+// When a frame went. It stays until it was ended or pushed out, or as long as the scene is known to
+// have gone on. NO_TIME where that is not known.
+Micros GoneOf(const JudgedScene& scene, size_t row) {
+    const Frame& frame = scene.frames[row];
+    if (frame.end != NO_TIME || scene.FateOf(row).isUnknown) {
+        return frame.end;
+    }
+    return frame.evicted != NO_TIME ? frame.evicted : scene.stop;
+}
+
+Span StayOf(const JudgedScene& scene, size_t row, int32_t stage) {
+    const StageTimes times = scene.TimesOf(row, stage);
+    const Micros gone = GoneOf(scene, row);
+    const bool stands = !scene.FateOf(row).isOut && times.start != NO_TIME && gone != NO_TIME &&
+                        stage == scene.NextStage(row);
+    Span stay{NO_TIME, NO_TIME};
+    if (stands || scene.PassOf(row, stage).HasLeft()) {
+        Include(stay, times.start);
+        Include(stay, stands ? gone : times.end);
+    }
+    return stay;
+}
+
+View ViewOf(const Account& account, const JudgedScene& scene,
+            const std::optional<std::pair<int64_t, int64_t>>& range, size_t firstId) {
+    View view{account, scene, range, firstId};
+    view.hasArrows.assign(scene.frames.size(), range.has_value());
     for (size_t row = 0; row < scene.frames.size(); ++row) {
-        const Frame& frame = scene.frames[row];
-        const Micros until = frame.evicted != NO_TIME ? frame.evicted : scene.stop;
-        const bool isKnown = frame.end != NO_TIME || scene.FateOf(row).isUnknown;
-        gone.push_back(isKnown ? frame.end : until);
-    }
-    return gone;
-}
-
-// When the frame is shown in the stage; a span that begins with NO_TIME where it is not.
-Slice SliceOf(const View& view, size_t frame, int32_t stage) {
-    const JudgedScene& scene = view.scene;
-    const StageTimes times = scene.TimesOf(frame, stage);
-    Slice slice{{NO_TIME, NO_TIME}, frame, scene.PassOf(frame, stage).HasLeft()};
-    bool isThere = !scene.FateOf(frame).isOut && times.start != NO_TIME &&
-                   view.gone[frame] != NO_TIME &&
-                   (stage == 0 || scene.PassOf(frame, stage - 1).HasLeft());
-    for (int32_t later = stage; later < scene.stageCount; ++later) {
-        isThere = isThere && !scene.PassOf(frame, later).HasLeft();
-    }
-    if (slice.hasLeft || isThere) {
-        Include(slice.span, times.start);
-        Include(slice.span, isThere ? view.gone[frame] : times.end);
-    }
-    return slice;
-}
-
-// From the first to the last that is known of a frame.
-Slice SliceOf(const View& view, size_t frame) {
-    const Frame& row = view.scene.frames[frame];
-    Slice slice{{NO_TIME, NO_TIME}, frame};
-    Include(slice.span, row.start);
-    Include(slice.span, row.end);
-    Include(slice.span, view.scene.FateOf(frame).isOut ? view.scene.FateOf(frame).output : NO_TIME);
-    for (int32_t stage = 0; stage < view.scene.stageCount; ++stage) {
-        const Span part = SliceOf(view, frame, stage).span;
-        Include(slice.span, part.begin);
-        Include(slice.span, part.end);
-    }
-    return slice;
-}
-
-bool IsRemarkable(const JudgedScene& scene, size_t row) {
-    return HarmOf(scene.FateOf(row)) != Harm::None || scene.frames[row].trouble.line != 0;
-}
-
-View ViewOf(const Account& account, size_t number, size_t firstId,
-            const std::optional<std::pair<int64_t, int64_t>>& range) {
-    const JudgedScene& scene = account.scenes[number];
-    View view{account, scene, number + 1, firstId, range.has_value(), GoneOf(scene), {}, {}};
-    view.hasFlow.assign(scene.frames.size(), view.isPart);
-    for (size_t frame = 0; frame < scene.frames.size(); ++frame) {
-        if (IsRemarkable(scene, frame)) {
-            const size_t last = std::min(frame + NEAR, scene.frames.size() - 1);
-            for (size_t near = frame - std::min(frame, NEAR); near <= last; ++near) {
-                view.hasFlow[near] = true;
-            }
+        const Fate& fate = scene.FateOf(row);
+        for (size_t near = row - std::min(row, NEAR);
+             view.IsRemarkable(row) && near < std::min(row + NEAR + 1, scene.frames.size());
+             ++near) {
+            view.hasArrows[near] = true;
         }
-        const Slice slice = SliceOf(view, frame);
-        if (slice.span.begin != NO_TIME && Shown{true, range}.Has(scene, frame)) {
-            view.frames.push_back(slice);
-            Include(view.span, slice.span.begin);
-            // One that never came out may stand there for long.
-            Include(view.span, scene.FateOf(frame).isNeverOut ? NO_TIME : slice.span.end);
+        Span life{NO_TIME, NO_TIME};
+        Include(life, scene.frames[row].start);
+        Include(life, scene.frames[row].end);
+        Include(life, fate.isOut ? fate.output : NO_TIME);
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            view.stays.push_back(StayOf(scene, row, stage));
+            Include(life, view.stays.back().begin);
+            Include(life, view.stays.back().end);
+        }
+        view.lives.push_back(life);
+        if (view.Has(row)) {
+            Include(view.span, life.begin);
+            // A frame that never came out may stand there for long.
+            Include(view.span, fate.isNeverOut ? NO_TIME : life.end);
         }
     }
     return view;
 }
 
-// Good frames stay quiet: the viewer gives equal words equal colours.
-std::string NameOf(const View& view, const Slice& slice) {
-    const std::string_view word = WordOf(view.FateOf(slice));
-    return fmt::format("{}{}{}", view.FrameOf(slice).number, word.empty() ? "" : " ", word);
-}
-
-// Empty where nothing is to be said of the frame.
-std::string ArgumentsOf(const View& view, const Slice& slice) {
-    const Frame& frame = view.FrameOf(slice);
-    const Fate& fate = view.FateOf(slice);
-    if (!view.isPart && !IsRemarkable(view.scene, slice.frame) && *WordOf(fate) == '\0') {
-        return "";
+// The frame's slice. Good frames stay quiet: the viewer gives equal words equal colours.
+Slice SliceOf(const View& view, size_t row, Span span, bool hasLeft) {
+    const Frame& frame = view.scene.frames[row];
+    const Fate& fate = view.scene.FateOf(row);
+    const std::string_view word = WordOf(fate);
+    Slice slice{.span = span,
+                .name = fmt::format("{}{}{}", frame.number, word.empty() ? "" : " ", word)};
+    if (!view.range && !view.IsRemarkable(row) && word.empty()) {
+        return slice;
     }
-    Json arguments{{"status", NameOf(fate.status)}, {"late", fate.isLate}};
+    slice.arguments = {{"status", NameOf(fate.status)}, {"late", fate.isLate}};
     if (const std::string reason = DescriptionOf(fate); !reason.empty()) {
-        arguments["reason"] = reason;
+        slice.arguments["reason"] = reason;
     }
-    if (!slice.hasLeft) {
-        arguments["left"] = "never";
+    if (!hasLeft) {
+        slice.arguments["left"] = "never";
         if (frame.end != NO_TIME) {
-            arguments["left"] = "never; until it was ended";
+            slice.arguments["left"] = "never; until it was ended";
         } else if (frame.evicted != NO_TIME) {
-            arguments["left"] = "never; until it was pushed out";
+            slice.arguments["left"] = "never; until it was pushed out";
         }
     }
-    arguments["line"] = ToString(view.account, frame.place);
-    return ",\"args\":" + Text(arguments);
-}
-
-// Frames overlap: viewers put all events of a name on one track, however many it takes. So it is
-// the same for all frames, and what is to be said of one is an event within its own.
-void WritePair(Events& events, const View& view, const Slice& slice, std::string_view name) {
-    const std::string which =
-        fmt::format(R"(,"cat":"{}","id":{})", name, view.firstId + slice.frame);
-    const Frame& frame = view.FrameOf(slice);
-    const std::string arguments = name == "actual" ? ArgumentsOf(view, slice) : "";
-    events.Add('b', view.process, slice.span.begin, name,
-               fmt::format(R"({},"args":{{"frame":{}}})", which, frame.number));
-    if (!arguments.empty()) {
-        events.Add('b', view.process, slice.span.begin, NameOf(view, slice), which + arguments);
-        events.Add('e', view.process, slice.span.end, NameOf(view, slice), which);
-    }
-    events.Add('e', view.process, slice.span.end, name, which);
+    slice.arguments["line"] = ToString(view.account, frame.place);
+    return slice;
 }
 
 // A frame is due so many periods after the last one that came out as numbers are between the two.
-void WriteExpected(Events& events, const View& view) {
+void WriteFrames(Events& events, const View& view) {
     const JudgedScene& scene = view.scene;
-    const Frame* before = nullptr;
-    Micros dueFrom = 0;
-    auto shown = view.frames.begin();
-    for (size_t i = 0; i < scene.frames.size(); ++i) {
-        const Frame& frame = scene.frames[i];
-        const uint64_t gap = before == nullptr ? 0
-                                               : static_cast<uint64_t>(frame.number) -
-                                                     static_cast<uint64_t>(before->number);
-        if (shown != view.frames.end() && shown->frame == i) {
-            const Micros begin = (shown++)->span.begin;
-            if (gap > 0 && gap < FAR_APART) {
-                const Micros due = dueFrom + scene.Period() * static_cast<Micros>(gap);
-                WritePair(events, view, {{begin, std::max(begin, due)}, i}, "expected");
+    std::optional<size_t> before;  // The last one that came out.
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        const int64_t number = scene.frames[row].number;
+        const int64_t steps = before ? StepOf(scene.frames[*before].number, number) : 0;
+        if (view.Has(row)) {
+            const Span life = view.lives[row];
+            if (steps > 0 && steps < FAR_APART) {
+                const Micros due = scene.FateOf(*before).output + scene.Period() * steps;
+                events.AddFrame("expected", view.firstId + row, number,
+                                {.span = {life.begin, std::max(life.begin, due)}});
             }
+            events.AddFrame("actual", view.firstId + row, number, SliceOf(view, row, life, true));
         }
-        if (scene.FateOf(i).isOut) {
-            before = &frame;
-            dueFrom = scene.FateOf(i).output;
-        }
+        before = scene.FateOf(row).isOut ? row : before;
     }
 }
 
-// The phase of the frame's flow in the stage: it begins, goes on or ends there; 0 for none.
-char FlowOf(const View& view, const Slice& slice, int32_t stage) {
+// What the slice of a frame in a stage has of the arrow that goes through all slices of the frame.
+Arrow ArrowOf(const View& view, size_t row, int32_t stage) {
     bool isFirst = true, isLast = true;
-    for (int32_t other = 0; view.hasFlow[slice.frame] && other < view.scene.stageCount; ++other) {
-        const Micros begin = SliceOf(view, slice.frame, other).span.begin;
+    for (int32_t other = 0; other < view.scene.stageCount; ++other) {
+        const Micros begin = view.StayOf(row, other).begin;
         if (begin != NO_TIME && other != stage) {
-            const bool isBefore = std::pair(begin, other) < std::pair(slice.span.begin, stage);
+            const bool isBefore =
+                std::pair(begin, other) < std::pair(view.StayOf(row, stage).begin, stage);
             (isBefore ? isFirst : isLast) = false;
         }
     }
-    if (isFirst) {
-        return isLast ? '\0' : 's';
+    if (!view.hasArrows[row] || (isFirst && isLast)) {
+        return {};
     }
-    return isLast ? 'f' : 't';
+    const char behind = isLast ? 'f' : 't';
+    return {isFirst ? 's' : behind, "frame", view.firstId + row};
 }
 
 void WriteStage(Events& events, const View& view, int32_t stage) {
-    std::vector<Slice> slices;
-    for (const Slice& frame : view.frames) {
-        const Slice slice = SliceOf(view, frame.frame, stage);
-        if (slice.span.begin != NO_TIME) {
-            slices.push_back(slice);
+    const JudgedScene& scene = view.scene;
+    std::vector<size_t> rows;
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        if (view.Has(row) && view.StayOf(row, stage).begin != NO_TIME) {
+            rows.push_back(row);
         }
     }
     // Frames that are still there come last, so that they leave the first track to those that move.
     // What encloses goes before what it encloses.
-    const auto key = [](const Slice& slice) {
-        return std::tuple(!slice.hasLeft, slice.span.begin, -slice.span.end, slice.frame);
-    };
-    std::sort(slices.begin(), slices.end(),
-              [&key](const Slice& one, const Slice& other) { return key(one) < key(other); });
-    // Those that overlap are spread over as few tracks as it takes.
+    std::ranges::sort(rows, {}, [&](size_t row) {
+        const Span stay = view.StayOf(row, stage);
+        return std::tuple(!scene.PassOf(row, stage).HasLeft(), stay.begin, -stay.end, row);
+    });
+    // Frames that overlap are spread over as few tracks as it takes.
     std::vector<std::pair<Micros, size_t>> lanes;  // When each is free again, and its track.
-    for (const Slice& slice : slices) {
-        const auto [begin, end] = slice.span;
-        size_t lane = 0;
-        while (lane < lanes.size() && lanes[lane].first > begin) {
-            ++lane;
+    for (const size_t row : rows) {
+        const Span stay = view.StayOf(row, stage);
+        auto lane = std::ranges::find_if(
+            lanes, [&stay](const auto& one) { return one.first <= stay.begin; });
+        if (lane == lanes.end()) {
+            const std::string which = lanes.empty() ? "" : fmt::format(" ({})", lanes.size() + 1);
+            const std::string title = StageTitleOf(scene, static_cast<size_t>(stage));
+            lane = lanes.insert(lane, {0, events.AddTrack(title + which)});
         }
-        if (lane == lanes.size()) {
-            const std::string which = lane == 0 ? "" : fmt::format(" ({})", lane + 1);
-            const std::string title = StageTitleOf(view.scene, static_cast<size_t>(stage));
-            lanes.emplace_back(end, events.AddTrack(view.process, title + which));
-        }
-        lanes[lane].first = end;
-        const size_t track = lanes[lane].second;
-        events.AddSlice(view.process, track, slice.span, NameOf(view, slice),
-                        ArgumentsOf(view, slice));
-        if (const char phase = FlowOf(view, slice, stage); phase != '\0') {
-            events.AddFlow(phase, view.process, track, begin, "frame", view.firstId + slice.frame);
-        }
-        const Micros wait = view.scene.TimesOf(slice.frame, stage).wait;
-        if (wait != NO_TIME && wait > 0) {
-            events.AddSlice(view.process, track, {begin, std::min(begin + wait, end)}, "waiting");
+        lane->first = stay.end;
+        Slice slice = SliceOf(view, row, stay, scene.PassOf(row, stage).HasLeft());
+        slice.track = lane->second;
+        slice.arrow = ArrowOf(view, row, stage);
+        events.Add(slice);
+        if (const Micros wait = scene.TimesOf(row, stage).wait; wait > 0) {
+            events.Add(
+                {slice.track, {stay.begin, std::min(stay.begin + wait, stay.end)}, "waiting"});
         }
     }
 }
@@ -326,31 +313,21 @@ void WriteStage(Events& events, const View& view, int32_t stage) {
 // What a thread did when it did not sleep.
 void WriteThread(Events& events, const View& view, const Scheduling& scheduling, uint32_t thread) {
     const SchedThread& known = scheduling.trace.threads[thread];
-    const size_t track =
-        events.AddTrack(view.process, fmt::format("thread {} ({})", known.tid, known.name));
+    const size_t track = events.AddTrack(fmt::format("thread {} ({})", known.tid, known.name));
     for (const StateSpan& one : AwakeOf(scheduling, thread, view.span)) {
-        const bool isRunning = one.state == ThreadState::Running;
         const bool isRunnable = one.state == ThreadState::Runnable;
-        events.AddSlice(view.process, track, one,
-                        isRunnable ? "waiting for a CPU" : NameOf(one.state),
-                        isRunning ? fmt::format(R"(,"args":{{"CPU":{}}})", one.cpu) : "");
+        events.Add({track, one, isRunnable ? "waiting for a CPU" : NameOf(one.state),
+                    one.state == ThreadState::Running ? Json{{"CPU", one.cpu}} : Json()});
     }
 }
 
 // From what kept each late frame to the thread of its stage: who was late made the next one late.
 // On tracks of their own, as viewers want the slices of a track in order.
 void WriteChains(Events& events, const View& view) {
-    struct Piece {
-        size_t track = 0;
-        Span span;
-        std::string name;
-        char flow = '\0';  // The phase of an arrow that begins or ends in the piece.
-        size_t arrow = 0;
-    };
-    std::vector<Piece> pieces;
+    std::vector<Slice> slices;
     std::map<int32_t, size_t> tracks;  // By the ids of threads.
     for (const SceneFinding& finding : view.scene.findings) {
-        if (finding.chain.size() < 2 || !view.Has(finding.time)) {
+        if (finding.chain.size() < 2 || !view.HasTime(finding.time)) {
             continue;
         }
         const CauseLink* woken = nullptr;
@@ -358,43 +335,38 @@ void WriteChains(Events& events, const View& view) {
             const auto [track, isNew] = tracks.try_emplace(link.thread);
             if (isNew) {
                 track->second = events.AddTrack(
-                    view.process,
                     fmt::format("thread {} ({}), late frames", link.thread, link.name));
             }
-            pieces.push_back(
+            slices.push_back(
                 {track->second,
                  {link.begin, link.begin + link.piece},
                  fmt::format("{} for frame {}", NameOf(link.state), finding.frame.value_or(0))});
             if (woken != nullptr) {
                 const Micros end = woken->begin + woken->piece;
                 const size_t arrow = events.AddArrow();
-                pieces.push_back({track->second, {end - 1, end}, "wakes", 's', arrow});
-                pieces.push_back({tracks[woken->thread], {end - 1, end}, "is woken", 'f', arrow});
+                slices.push_back(
+                    {track->second, {end - 1, end}, "wakes", {}, {'s', "cause", arrow}});
+                slices.push_back(
+                    {tracks[woken->thread], {end - 1, end}, "is woken", {}, {'f', "cause", arrow}});
             }
             woken = &link;
         }
     }
-    std::stable_sort(pieces.begin(), pieces.end(), [](const Piece& one, const Piece& other) {
-        return std::pair(one.span.begin, other.span.end) <
-               std::pair(other.span.begin, one.span.end);
+    std::ranges::stable_sort(slices, {}, [](const Slice& slice) {
+        return std::pair(slice.span.begin, -slice.span.end);
     });
-    for (const Piece& piece : pieces) {
-        events.AddSlice(view.process, piece.track, piece.span, piece.name);
-        if (piece.flow != '\0') {
-            events.AddFlow(piece.flow, view.process, piece.track, piece.span.begin, "cause",
-                           piece.arrow);
-        }
+    for (const Slice& slice : slices) {
+        events.Add(slice);
     }
 }
 
-// The values by their times. Written is what is different.
+// Writes values by their times, where they differ from the one before.
 void WriteCounter(Events& events, const View& view, std::string_view name,
                   const std::map<Micros, double>& values) {
-    double shown = NAN;
+    std::optional<double> shown;
     for (const auto& [time, value] : values) {
-        if (value != shown && view.Has(time)) {
-            events.Add('C', view.process, time, name,
-                       fmt::format(R"(,"args":{{"value":{}}})", value));
+        if (value != shown && view.HasTime(time)) {
+            events.AddValue(name, time, value);
             shown = value;
         }
     }
@@ -402,16 +374,16 @@ void WriteCounter(Events& events, const View& view, std::string_view name,
 
 void WriteCounters(Events& events, const View& view) {
     std::map<Micros, double> inFlight, intervals;
-    for (size_t i = 0; i < view.scene.frames.size(); ++i) {
-        const Frame& frame = view.scene.frames[i];
+    for (size_t row = 0; row < view.scene.frames.size(); ++row) {
+        const Frame& frame = view.scene.frames[row];
         if (frame.start != NO_TIME) {
             // What is still in the table keeps its place; of others it is not known when they went.
             const bool isKnown = frame.end != NO_TIME || frame.evicted != NO_TIME || frame.isHeld;
+            const Micros gone = isKnown ? GoneOf(view.scene, row) : NO_TIME;
             ++inFlight[frame.start];
-            --inFlight[isKnown && view.gone[i] != NO_TIME ? view.gone[i]
-                                                          : SliceOf(view, i).span.end];
+            --inFlight[gone != NO_TIME ? gone : view.lives[row].end];
         }
-        const Fate& fate = view.scene.FateOf(i);
+        const Fate& fate = view.scene.FateOf(row);
         if (fate.interval != NO_TIME) {
             intervals[fate.output] = static_cast<double>(fate.interval) / 1000;
         }
@@ -424,69 +396,30 @@ void WriteCounters(Events& events, const View& view) {
     WriteCounter(events, view, "output interval (ms)", intervals);
 }
 
-// `otherwise`: where a finding stands whose time is not known.
-void WriteFindings(Events& events, size_t process, const Account& account,
-                   const std::vector<SceneFinding>& findings, Micros otherwise,
-                   const View* view = nullptr) {
+// `otherwise`: where a finding stands whose time is not known. `view`: null for all.
+void WriteFindings(Events& events, const Account& account,
+                   const std::vector<SceneFinding>& findings, Micros otherwise, const View* view) {
     std::multimap<Micros, const SceneFinding*> shown;
     for (const SceneFinding& finding : findings) {
         const Micros time = finding.time == NO_TIME ? otherwise : finding.time;
-        if (view == nullptr || view->Has(time)) {
+        if (view == nullptr || view->HasTime(time)) {
             shown.emplace(time, &finding);
         }
     }
-    const size_t track = shown.empty() ? 0 : events.AddTrack(process, "findings");
+    const size_t track = shown.empty() ? 0 : events.AddTrack("findings");
     for (const auto& [time, finding] : shown) {
-        const Json arguments{{"severity", NameOf(finding->severity)},
-                             {"message", finding->message},
-                             {"line", ToString(account, finding->place)}};
-        events.Add(
-            'i', process, time,
+        events.AddMoment(
+            track, time,
             NameOf(finding->kind) + (finding->frame ? fmt::format(" {}", *finding->frame) : ""),
-            fmt::format(R"(,"tid":{},"s":"t","args":{})", track, Text(arguments)));
+            {{"severity", NameOf(finding->severity)},
+             {"message", finding->message},
+             {"line", ToString(account, finding->place)}});
     }
 }
 
-// What the clock of the log showed at a time, in the form of `Account::from`: a date, which may
-// lack its year, and a time of day; or seconds.
+// What the clock of the log showed at a time; empty where that is not known.
 std::string ClockAt(const Account& account, Micros time) {
-    const std::string& from = account.from;
-    for (const std::string form : {"%Y-%m-%d %T", "%m-%d %T"}) {
-        std::tm date{};
-        date.tm_year = 100;  // A leap year.
-        const char* const rest = strptime(from.c_str(), form.c_str(), &date);
-        if (rest != nullptr && *rest == '.') {
-            const int64_t passed = time / MILLISECOND + std::strtol(rest + 1, nullptr, 10);
-            return fmt::format(fmt::runtime("{:" + form + "}.{:03}"),
-                               fmt::gmtime(timegm(&date) + passed / 1000), passed % 1000);
-        }
-    }
-    return from.empty() ? ""
-                        : fmt::format("{:.3f}", std::strtod(from.c_str(), nullptr) +
-                                                    static_cast<double>(time) / SECOND);
-}
-
-void WriteScene(Events& events, const View& view, const Scheduling* scheduling) {
-    events.NameProcess(view.process, TitleOf(view.account, view.process - 1) + ", begins at " +
-                                         ClockAt(view.account, view.scene.begin));
-    WriteFindings(events, view.process, view.account, view.scene.findings, view.scene.begin, &view);
-    WriteExpected(events, view);
-    for (const Slice& slice : view.frames) {
-        WritePair(events, view, slice, "actual");
-    }
-    for (int32_t stage = 0; stage < view.scene.stageCount; ++stage) {
-        WriteStage(events, view, stage);
-        if (scheduling == nullptr) {
-            continue;
-        }
-        for (const ThreadUse& use : scheduling->scenes[view.process - 1].threads) {
-            if (!use.stages.empty() && use.stages.front() == stage) {
-                WriteThread(events, view, *scheduling, use.thread);
-            }
-        }
-    }
-    WriteChains(events, view);
-    WriteCounters(events, view);
+    return account.from.empty() ? "" : ClockText(account.clock + time);
 }
 
 }  // namespace
@@ -502,20 +435,38 @@ void WriteTrace(std::ostream& out, const Account& account,
     Events events(out, origin);
     out << "{\"traceEvents\":[\n";
     size_t firstId = 1;
-    for (size_t s = 0; s < account.scenes.size(); ++s) {
-        const View view = ViewOf(account, s, firstId, frames);
-        firstId += view.scene.frames.size();
-        if (view.scene.begin != NO_TIME && (!view.isPart || !view.frames.empty())) {
-            WriteScene(events, view, scheduling);
+    for (size_t i = 0; i < account.scenes.size(); ++i) {
+        const JudgedScene& scene = account.scenes[i];
+        const View view = ViewOf(account, scene, frames, firstId);
+        firstId += scene.frames.size();
+        if (scene.begin == NO_TIME || (frames && view.span.begin == NO_TIME)) {
+            continue;
         }
+        events.BeginProcess(i + 1,
+                            TitleOf(account, i) + ", begins at " + ClockAt(account, scene.begin));
+        WriteFindings(events, account, scene.findings, scene.begin, &view);
+        WriteFrames(events, view);
+        std::span<const ThreadUse> threads;
+        if (scheduling != nullptr) {
+            threads = scheduling->scenes[i].threads;
+        }
+        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+            WriteStage(events, view, stage);
+            for (const ThreadUse& use : threads) {
+                if (!use.stages.empty() && use.stages.front() == stage) {
+                    WriteThread(events, view, *scheduling, use.thread);
+                }
+            }
+        }
+        WriteChains(events, view);
+        WriteCounters(events, view);
     }
     if (!account.findings.empty()) {
-        const size_t process = account.scenes.size() + 1;
-        events.NameProcess(process, "the capture as a whole");
-        WriteFindings(events, process, account, account.findings, origin);
+        events.BeginProcess(account.scenes.size() + 1, "the capture as a whole");
+        WriteFindings(events, account, account.findings, origin, nullptr);
     }
     const Json about{{"inputs", account.inputs}, {"clock at 0", ClockAt(account, origin)}};
-    out << "\n],\"otherData\":" << Text(about) << "}\n";
+    out << "\n],\"otherData\":" << Events::Text(about) << "}\n";
 }
 
 }  // namespace tools
