@@ -1,5 +1,7 @@
 #include "tools/base/finding.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -33,27 +35,19 @@ const char* NameOf(Severity severity) {
 }
 
 std::string ToString(const Finding& finding, const std::string& file) {
-    std::string text = file;
-    if (finding.place.line != 0) {
-        text += ":" + std::to_string(finding.place.line);
-    }
-    if (finding.column != 0) {
-        text += ":" + std::to_string(finding.column);
-    }
-    return text + ": " + NameOf(finding.severity) + ": " + finding.message + " [" + finding.check +
-           "]";
+    const auto part = [](uint32_t number) { return number == 0 ? "" : fmt::format(":{}", number); };
+    return fmt::format("{}{}{}: {}: {} [{}]", file, part(finding.place.line), part(finding.column),
+                       NameOf(finding.severity), finding.message, finding.check);
 }
 
 std::string Printable(std::string_view text, size_t longest) {
-    constexpr std::string_view digits = "0123456789ABCDEF";
     const bool isLong = text.size() > longest;
     std::string printable;
     for (const char character : text.substr(0, isLong ? longest - 3 : text.size())) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= ' ' && byte <= '~') {
+        if (character >= ' ' && character <= '~') {
             printable += character;
         } else {
-            printable += {'\\', 'x', digits[byte / 16], digits[byte % 16]};
+            printable += fmt::format("\\x{:02X}", static_cast<unsigned char>(character));
         }
     }
     return printable + (isLong ? "..." : "");

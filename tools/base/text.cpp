@@ -11,17 +11,6 @@ std::string Counted(int64_t count, std::string_view what) {
     return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
 
-std::string Join(std::span<const std::string> parts) {
-    std::string text;
-    for (size_t i = 0; i < parts.size(); ++i) {
-        if (i > 0) {
-            text += i + 1 == parts.size() ? " and " : ", ";
-        }
-        text += parts[i];
-    }
-    return text;
-}
-
 std::string Fixed(double value, int digits) {
     return fmt::format("{:.{}f}", value, digits);
 }

@@ -2,9 +2,12 @@
 
 #pragma once
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <cstddef>
 #include <cstdint>
-#include <span>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -22,7 +25,14 @@ struct NamedText {
 std::string Counted(int64_t count, std::string_view what);
 
 // "a, b and c".
-std::string Join(std::span<const std::string> parts);
+template <typename Parts>
+std::string Join(const Parts& parts) {
+    if (parts.size() < 2) {
+        return fmt::format("{}", fmt::join(parts, ""));
+    }
+    const auto last = std::prev(parts.end());
+    return fmt::format("{} and {}", fmt::join(parts.begin(), last, ", "), *last);
+}
 
 // With so many digits behind the point: "8.3".
 std::string Fixed(double value, int digits);

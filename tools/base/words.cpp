@@ -3,8 +3,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iomanip>
+#include <sstream>
 #include <type_traits>
 
+#include "tools/base/cursor.h"
 #include "tools/base/finding.h"
 
 namespace tools {
@@ -13,66 +16,54 @@ namespace {
 constexpr std::string_view WORD_ENDS = " \t\r\v\f\"#";
 
 template <typename Integer>
-std::optional<Integer> IntegerOf(const Word& word) {
-    std::string digits = word.text;
-    const bool isNegative = digits.starts_with('-');
-    digits.erase(0, isNegative ? 1 : 0);
-    const bool isHex = digits.starts_with("0x") || digits.starts_with("0X");
-    digits.erase(0, isHex ? 2 : 0);
-    if (word.isQuoted || digits.empty() || digits[0] == '-') {
-        return std::nullopt;
-    }
-    if (isHex && !isNegative && std::is_same_v<Integer, int32_t>) {
-        const auto bits = ReadDigits<uint32_t>(digits, 16);
+std::optional<Integer> IntegerOf(std::string_view digits) {
+    const bool isNegative = Skip(digits, "-");
+    const int base = Skip(digits, "0x") || Skip(digits, "0X") ? 16 : 10;
+    if (base == 16 && !isNegative && std::is_same_v<Integer, int32_t>) {
+        const auto bits = ReadDigits<uint32_t>(digits, base);
         return bits ? std::optional(static_cast<Integer>(*bits)) : std::nullopt;
     }
-    return ReadDigits<Integer>((isNegative ? "-" : "") + digits, isHex ? 16 : 10);
+    if (digits.starts_with('-')) {
+        return std::nullopt;
+    }
+    return ReadDigits<Integer>((isNegative ? "-" : "") + std::string(digits), base);
 }
 
 }  // namespace
 
 std::vector<Word> SplitWords(std::string_view line) {
     std::vector<Word> words;
-    for (size_t at = 0; at < line.size();) {
-        if (BLANKS.find(line[at]) != std::string_view::npos) {
-            ++at;
-        } else if (line[at] == '#') {
-            break;
-        } else if (line[at] == '"') {
-            Word word{"", true};
-            for (++at; at < line.size() && line[at] != '"'; ++at) {
-                if (line[at] == '\\' && at + 1 < line.size()) {
-                    ++at;
-                }
-                word.text += line[at];
-            }
-            if (at == line.size()) {
+    while (true) {
+        line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+        if (line.empty() || line[0] == '#') {
+            return words;
+        }
+        Word word{"", Skip(line, "\"")};
+        if (!word.isQuoted) {
+            word.text = line.substr(0, line.find_first_of(WORD_ENDS));
+            line.remove_prefix(word.text.size());
+        }
+        while (word.isQuoted && !Skip(line, "\"")) {
+            line.remove_prefix(line.size() > 1 && line[0] == '\\' ? 1 : 0);
+            if (line.empty()) {
                 throw LineError("a text without an end, expected a closing double quote");
             }
-            ++at;
-            words.push_back(std::move(word));
-        } else {
-            const size_t end = std::min(line.find_first_of(WORD_ENDS, at), line.size());
-            words.push_back({std::string(line.substr(at, end - at))});
-            at = end;
+            word.text += line[0];
+            line.remove_prefix(1);
         }
+        words.push_back(std::move(word));
     }
-    return words;
 }
 
 std::string WordOf(std::string_view name) {
-    if (!name.empty() && name.find('\n') == std::string_view::npos &&
-        name.find_first_of(WORD_ENDS) == std::string_view::npos) {
-        return std::string(name);
+    std::string word(name);
+    std::replace(word.begin(), word.end(), '\n', ' ');
+    if (!word.empty() && word.find_first_of(WORD_ENDS) == std::string::npos) {
+        return word;
     }
-    std::string word = "\"";
-    for (const char character : name) {
-        if (character == '"' || character == '\\') {
-            word += '\\';
-        }
-        word += character == '\n' ? ' ' : character;
-    }
-    return word + '"';
+    std::ostringstream quoted;
+    quoted << std::quoted(word);
+    return quoted.str();
 }
 
 void RequireWords(const std::vector<Word>& words, size_t fewest, size_t most,
@@ -84,7 +75,7 @@ void RequireWords(const std::vector<Word>& words, size_t fewest, size_t most,
 
 template <typename Integer>
 Integer ReadInteger(const Word& word, std::string_view what, Integer lowest, Integer highest) {
-    const std::optional<Integer> value = IntegerOf<Integer>(word);
+    const auto value = word.isQuoted ? std::nullopt : IntegerOf<Integer>(word.text);
     if (!value || *value < lowest || *value > highest) {
         throw LineError(
             fmt::format("{} is {}, expected a decimal or 0x hexadecimal number from {} to {}", what,

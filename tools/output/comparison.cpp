@@ -68,16 +68,6 @@ void AddStages(Rows& figures, std::ostream& alone, const JudgedScene& before,
     }
 }
 
-// The lines of one text that the other does not have.
-void WriteOnly(std::ostream& out, char mark, const std::string& text, const std::string& other) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        if (('\n' + other).find('\n' + line + '\n') == std::string::npos) {
-            out << mark << ' ' << line << '\n';
-        }
-    }
-}
-
 void WriteConfigurations(std::ostream& out, const Account& before, const Account& after) {
     if (before.configurations.empty() || after.configurations.empty()) {
         return;
@@ -86,10 +76,19 @@ void WriteConfigurations(std::ostream& out, const Account& before, const Account
     const Configuration& now = after.configurations.back().configuration;
     const std::string oldText = ToToml(Completed(old, now));
     const std::string newText = ToToml(Completed(now, old));
+    // The lines of a text that the other does not have.
+    const auto writeOnly = [&out](char mark, const std::string& text, const std::string& other) {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            if (('\n' + other).find('\n' + line + '\n') == std::string::npos) {
+                out << mark << ' ' << line << '\n';
+            }
+        }
+    };
     if (oldText != newText) {
         out << "The configurations differ, - before and + after:\n";
-        WriteOnly(out, '-', oldText, newText);
-        WriteOnly(out, '+', newText, oldText);
+        writeOnly('-', oldText, newText);
+        writeOnly('+', newText, oldText);
     }
 }
 

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <iterator>
 #include <string>
 
 #include "tools/output/outputs.h"
@@ -29,21 +28,7 @@ void WriteCsv(std::ostream& out, const Account& account, const Scheduling* sched
     out << '\n';
 
     std::string row;
-    const auto addTime = [&row](Micros moment, Micros since) {
-        row += ',';
-        if (moment != NO_TIME && since != NO_TIME) {
-            fmt::format_to(std::back_inserter(row), "{}",
-                           static_cast<double>(moment - since) / 1000);
-        }
-    };
-    const auto addUse = [&](const StageUse* use) {
-        row += ',';
-        row += use != nullptr ? std::to_string(scheduling->trace.threads[use->thread].tid) : "";
-        for (const ThreadState state : {ThreadState::Running, ThreadState::Runnable,
-                                        ThreadState::Sleeping, ThreadState::Blocked}) {
-            addTime(use != nullptr ? use->shares[static_cast<size_t>(state)] : NO_TIME, 0);
-        }
-    };
+    const auto add = [&row](Micros time) { row += ',' + ShortMilliseconds(time); };
     for (size_t s = 0; s < account.scenes.size(); ++s) {
         const JudgedScene& scene = account.scenes[s];
         for (size_t i = 0; i < scene.frames.size(); ++i) {
@@ -55,28 +40,32 @@ void WriteCsv(std::ostream& out, const Account& account, const Scheduling* sched
             // None of the reasons has a comma but is in quotes all the same: they are sentences.
             row = fmt::format("{},{},{},\"{}\",{}", s + 1, frame.number, NameOf(fate.status),
                               fate.reason, frame.place.line);
-            addTime(frame.start, scene.begin);
-            addTime(frame.end, scene.begin);
-            addTime(fate.isOut ? fate.output : NO_TIME, scene.begin);
-            addTime(frame.end, frame.start);
-            addTime(fate.interval, 0);
-            row += ',';
-            if (fate.interval != NO_TIME) {
-                row += fate.isLate ? '1' : '0';
-            }
+            add(Between(scene.begin, frame.start));
+            add(Between(scene.begin, frame.end));
+            add(Between(scene.begin, fate.isOut ? fate.output : NO_TIME));
+            add(Between(frame.start, frame.end));
+            add(fate.interval);
+            row += fate.interval == NO_TIME ? "," : fmt::format(",{:d}", fate.isLate);
             for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
                 const StageTimes times = scene.TimesOf(i, stage);
-                addTime(times.start, scene.begin);
-                addTime(times.end, scene.begin);
-                addTime(times.wait, 0);
-                addTime(times.work, 0);
-                if (scheduling != nullptr) {
-                    addUse(scheduling->scenes[s].UseOf(i, stage));
+                add(Between(scene.begin, times.start));
+                add(Between(scene.begin, times.end));
+                add(times.wait);
+                add(times.work);
+                if (scheduling == nullptr) {
+                    continue;
+                }
+                const StageUse* const use = scheduling->scenes[s].UseOf(i, stage);
+                row += ',';
+                row += use == nullptr ? ""
+                                      : std::to_string(scheduling->trace.threads[use->thread].tid);
+                for (const ThreadState state : {ThreadState::Running, ThreadState::Runnable,
+                                                ThreadState::Sleeping, ThreadState::Blocked}) {
+                    add(use == nullptr ? NO_TIME : use->shares[static_cast<size_t>(state)]);
                 }
             }
-            row.append(
-                static_cast<size_t>(stages - scene.stageCount) * (scheduling == nullptr ? 4 : 9),
-                ',');
+            const size_t columns = scheduling == nullptr ? 4 : 9;  // Of a stage.
+            row.append(static_cast<size_t>(stages - scene.stageCount) * columns, ',');
             out << row << '\n';
         }
     }

@@ -24,12 +24,17 @@ Json ToJson(const Statistics& statistics) {
             {"p99", Milliseconds(statistics.p99)}, {"max", Milliseconds(statistics.max)}};
 }
 
-Json ToJson(const std::vector<FrameRange>& ranges) {
-    Json json = Json::array();
-    for (const FrameRange& range : ranges) {
-        json.push_back({range.first, range.last});
+template <typename Values>
+Json ListOf(const Values& values, const auto& toJson) {
+    Json list = Json::array();
+    for (const auto& value : values) {
+        list.push_back(toJson(value));
     }
-    return json;
+    return list;
+}
+
+Json ToJson(const std::vector<FrameRange>& ranges) {
+    return ListOf(ranges, [](const FrameRange& range) { return Json{range.first, range.last}; });
 }
 
 Json ToJson(const Shares& shares) {
@@ -38,6 +43,26 @@ Json ToJson(const Shares& shares) {
         json[NameOf(static_cast<ThreadState>(state))] = Milliseconds(shares[state]);
     }
     return json;
+}
+
+Json ToJson(const CauseLink& link) {
+    return {{"thread", link.thread},
+            {"name", link.name},
+            {"state", NameOf(link.state)},
+            {"from", Milliseconds(link.begin)},
+            {"time", Milliseconds(link.length)},
+            {"pieces", link.pieces},
+            {"priority", link.priority},
+            {"cpu", link.cpu >= 0 ? Json(link.cpu) : Json()},
+            {"ran", ListOf(link.ran,
+                           [](const CauseLink::Ran& one) {
+                               return Json{{"thread", one.thread},
+                                           {"name", one.name},
+                                           {"priority", one.priority},
+                                           {"time", Milliseconds(one.length)}};
+                           })},
+            {"waker", link.waker.empty() ? Json() : Json(link.waker)},
+            {"interrupt", link.isByInterrupt}};
 }
 
 Json ToJson(const Account& account, const SceneFinding& finding) {
@@ -55,25 +80,8 @@ Json ToJson(const Account& account, const SceneFinding& finding) {
     if (finding.states) {
         json["states"] = ToJson(*finding.states);
     }
-    for (const CauseLink& link : finding.chain) {
-        Json ran = Json::array();
-        for (const CauseLink::Ran& one : link.ran) {
-            ran.push_back({{"thread", one.thread},
-                           {"name", one.name},
-                           {"priority", one.priority},
-                           {"time", Milliseconds(one.length)}});
-        }
-        json["chain"].push_back({{"thread", link.thread},
-                                 {"name", link.name},
-                                 {"state", NameOf(link.state)},
-                                 {"from", Milliseconds(link.begin)},
-                                 {"time", Milliseconds(link.length)},
-                                 {"pieces", link.pieces},
-                                 {"priority", link.priority},
-                                 {"cpu", link.cpu >= 0 ? Json(link.cpu) : Json()},
-                                 {"ran", std::move(ran)},
-                                 {"waker", link.waker.empty() ? Json() : Json(link.waker)},
-                                 {"interrupt", link.isByInterrupt}});
+    if (!finding.chain.empty()) {
+        json["chain"] = ListOf(finding.chain, [](const CauseLink& link) { return ToJson(link); });
     }
     if (isPlaced && account.inputs.size() > 1 && finding.place.input < account.inputs.size()) {
         json["file"] = account.inputs[finding.place.input];
@@ -81,23 +89,18 @@ Json ToJson(const Account& account, const SceneFinding& finding) {
     return json;
 }
 
-Json ListOf(const Account& account, const std::vector<SceneFinding>& findings) {
-    Json list = Json::array();
-    for (const SceneFinding& finding : findings) {
-        list.push_back(ToJson(account, finding));
-    }
-    return list;
+Json ToJson(const Account& account, const std::vector<SceneFinding>& findings) {
+    return ListOf(findings, [&account](const auto& finding) { return ToJson(account, finding); });
 }
 
 Json ToJson(const LoadedConfiguration& loaded) {
     Json json = {{"process", loaded.process}};
     json.update(JsonOf(loaded.configuration));
-    json["findings"] = Json::array();
-    for (const Finding& finding : loaded.findings) {
-        json["findings"].push_back({{"check", finding.check},
-                                    {"severity", NameOf(finding.severity)},
-                                    {"message", finding.message}});
-    }
+    json["findings"] = ListOf(loaded.findings, [](const Finding& finding) {
+        return Json{{"check", finding.check},
+                    {"severity", NameOf(finding.severity)},
+                    {"message", finding.message}};
+    });
     return json;
 }
 
@@ -152,7 +155,7 @@ Json ToJson(const Account& account, const JudgedScene& scene) {
             {"latency", ToJson(scene.figures.latency)},
             {"interval", ToJson(scene.figures.interval)},
             {"stages", std::move(stages)},
-            {"findings", ListOf(account, scene.findings)}};
+            {"findings", ToJson(account, scene.findings)}};
 }
 
 }  // namespace
@@ -168,12 +171,10 @@ void WriteJson(std::ostream& out, const Account& account, const Scheduling* sche
                    {"lost", account.lost},
                    {"from", account.from.empty() ? Json() : Json(account.from)},
                    {"to", account.to.empty() ? Json() : Json(account.to)}}},
-                 {"configurations", Json::array()},
-                 {"findings", ListOf(account, account.findings)},
+                 {"configurations", ListOf(account.configurations,
+                                           [](const auto& loaded) { return ToJson(loaded); })},
+                 {"findings", ToJson(account, account.findings)},
                  {"scenes", Json::array()}};
-    for (const LoadedConfiguration& loaded : account.configurations) {
-        json["configurations"].push_back(ToJson(loaded));
-    }
     if (scheduling != nullptr) {
         json["trace"] = {{"file", scheduling->name},
                          {"counters", scheduling->tie.counters},

@@ -10,17 +10,6 @@
 namespace tools {
 namespace {
 
-// "camera 0", "cameras 0 and 2".
-std::string Numbered(std::string_view one, std::string_view several,
-                     const std::set<int32_t>& numbers) {
-    std::vector<std::string> texts;
-    texts.reserve(numbers.size());
-    for (const int32_t number : numbers) {
-        texts.push_back(std::to_string(number));
-    }
-    return fmt::format("{} {}", texts.size() == 1 ? one : several, Join(texts));
-}
-
 Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
     Rows table = {{"name", "thread", "stages", "handed", "ran", "waited for a CPU", "slept",
                    "blocked", "stopped", "not known"}};
@@ -31,10 +20,10 @@ Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
             Printable(thread.name), std::to_string(thread.tid),
             use.stages.empty() ? "-" : fmt::format("{}", fmt::join(use.stages, " ")),
             scene.isHandedKnown ? handed : "?"};
-        for (const ThreadState state :
-             {ThreadState::Running, ThreadState::Runnable, ThreadState::Sleeping,
-              ThreadState::Blocked, ThreadState::Stopped, ThreadState::Unknown}) {
-            row.push_back(Milliseconds(use.shares[static_cast<size_t>(state)], MILLISECOND));
+        for (size_t state = 0; state < THREAD_STATES; ++state) {
+            if (ThreadState(state) != ThreadState::Gone) {
+                row.push_back(Milliseconds(use.shares[state], MILLISECOND));
+            }
         }
         table.push_back(row);
     }
@@ -64,16 +53,13 @@ Rows WaitingOf(const SceneScheduling& scene) {
 
 std::string TitleOf(const Account& account, size_t scene) {
     const Scene& shown = account.scenes[scene];
-    std::string title = fmt::format("scene {}: ", scene + 1);
-    if (shown.width > 0) {
-        title += fmt::format("{} wide, ", shown.width);
+    std::string title =
+        fmt::format("scene {}: {}{}process {}", scene + 1,
+                    shown.width > 0 ? fmt::format("{} wide, ", shown.width) : "",
+                    shown.fps > 0 ? fmt::format("{} fps, ", shown.fps) : "", shown.process);
+    if (const std::set<int32_t> cameras = CamerasOf(shown); !cameras.empty()) {
+        title += fmt::format(", camera{} {}", cameras.size() == 1 ? "" : "s", Join(cameras));
     }
-    if (shown.fps > 0) {
-        title += fmt::format("{} fps, ", shown.fps);
-    }
-    title += fmt::format("process {}", shown.process);
-    const std::set<int32_t> cameras = CamerasOf(shown);
-    title += cameras.empty() ? "" : ", " + Numbered("camera", "cameras", cameras);
     return title + (shown.restartedAfter ? ", frame numbers started again" : "");
 }
 
@@ -120,18 +106,22 @@ std::string ToString(const Account& account, const Place& place) {
                : fmt::format("line {}", place.line);
 }
 
+Micros Between(Micros start, Micros end) {
+    return start == NO_TIME || end == NO_TIME ? NO_TIME : end - start;
+}
+
+std::string ShortMilliseconds(Micros time) {
+    return time == NO_TIME ? "" : fmt::format("{}", static_cast<double>(time) / 1000);
+}
+
 const char* WordOf(const Fate& fate) {
-    switch (fate.status) {
-        case FrameStatus::Complete:
-            return fate.isLate ? "late" : "";
-        case FrameStatus::Open:
-            if (fate.isUnknown) {
-                return "unknown";
-            }
-            return fate.isNeverOut ? "never out" : NameOf(fate.status);
-        default:
-            return NameOf(fate.status);
+    if (fate.status == FrameStatus::Complete) {
+        return fate.isLate ? "late" : "";
     }
+    if (fate.status == FrameStatus::Open && fate.isUnknown) {
+        return "unknown";
+    }
+    return fate.status == FrameStatus::Open && fate.isNeverOut ? "never out" : NameOf(fate.status);
 }
 
 std::string DescriptionOf(const Fate& fate) {
@@ -156,14 +146,11 @@ std::string DescriptionOf(const Fate& fate) {
 
 double RateOf(const JudgedScene& scene) {
     Micros passed = 0;
-    int64_t count = 0;
     for (const Fate& fate : scene.columns.fates) {
-        if (fate.interval != NO_TIME) {
-            passed += fate.interval;
-            ++count;
-        }
+        passed += fate.interval == NO_TIME ? 0 : fate.interval;
     }
-    return passed == 0 ? 0 : static_cast<double>(count) * 1e6 / static_cast<double>(passed);
+    const auto count = static_cast<double>(scene.figures.interval.count);
+    return passed == 0 ? 0 : count * 1e6 / static_cast<double>(passed);
 }
 
 bool Shown::Has(const JudgedScene& scene, size_t row) const {
@@ -204,47 +191,45 @@ Configuration Completed(Configuration configuration, const Configuration& other)
 std::vector<SharedConfiguration> ConfigurationsOf(const Account& account) {
     std::vector<SharedConfiguration> all;
     for (const LoadedConfiguration& loaded : account.configurations) {
-        auto same = std::find_if(all.begin(), all.end(), [&loaded](const auto& other) {
-            return Completed(loaded.configuration, other.configuration) ==
-                   Completed(other.configuration, loaded.configuration);
+        const Configuration& now = loaded.configuration;
+        auto same = std::ranges::find_if(all, [&now](const SharedConfiguration& other) {
+            return Completed(now, other.configuration) == Completed(other.configuration, now);
         });
         if (same == all.end()) {
-            same = all.insert(all.end(), {loaded.configuration, loaded.findings, {}});
-        } else if (Configuration both = Completed(same->configuration, loaded.configuration);
-                   both != same->configuration) {
-            same->configuration = std::move(both);
+            same = all.insert(same, {loaded, {}, {}});
+        } else if (Completed(same->configuration, now) != same->configuration) {
+            same->configuration = Completed(same->configuration, now);
             same->findings = loaded.findings;
         }
         same->processes.insert(loaded.process);
     }
-    return all;
-}
-
-std::string TitleOf(const std::vector<SharedConfiguration>& all, const SharedConfiguration& one) {
-    if (all.size() == 1 || *one.processes.begin() < 0) {
-        return "Configuration";
+    for (SharedConfiguration& one : all) {
+        one.title = "Configuration";
+        if (all.size() > 1 && *one.processes.begin() >= 0) {
+            one.title += fmt::format(" of process{} {}", one.processes.size() == 1 ? "" : "es",
+                                     Join(one.processes));
+        }
     }
-    return "Configuration of " + Numbered("process", "processes", one.processes);
+    return all;
 }
 
 std::string TitleOf(const Scheduling& scheduling) {
     const SchedTrace& trace = scheduling.trace;
-    std::string text = fmt::format(
-        "{}: a scheduler trace of {} s, {} of which tie it to the log, nine of ten "
-        "to within {} ms",
-        scheduling.name, Fixed(static_cast<double>(trace.to - trace.from) / 1e6, 3),
+    std::vector<std::string> parts = {fmt::format(
+        "{}: a scheduler trace of {:.3f} s, {} of which tie it to the log, nine of ten to within "
+        "{:.2f} ms",
+        scheduling.name, static_cast<double>(trace.to - trace.from) / 1e6,
         Counted(scheduling.tie.counters, "counter"),
-        Fixed(static_cast<double>(scheduling.tie.within) / 1000, 2));
+        static_cast<double>(scheduling.tie.within) / 1000)};
     if (trace.lost > 0) {
-        text += fmt::format("; it lacks {} that the tracer lost", Counted(trace.lost, "event"));
+        parts.push_back(
+            fmt::format("it lacks {} that the tracer lost", Counted(trace.lost, "event")));
     }
     if (!trace.damage.empty()) {
-        text += "; it cannot be read to its end: " + trace.damage;
+        parts.push_back("it cannot be read to its end: " + trace.damage);
     }
-    for (const std::string& note : scheduling.notes) {
-        text += "; " + note;
-    }
-    return text;
+    parts.insert(parts.end(), scheduling.notes.begin(), scheduling.notes.end());
+    return fmt::format("{}", fmt::join(parts, "; "));
 }
 
 StateSpans AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {

@@ -34,6 +34,12 @@ std::string FigureTitleOf(const Scene& scene, size_t stage);
 // "capture.log:17", or "line 17" of the only input; empty for nowhere.
 std::string ToString(const Account& account, const Place& place);
 
+// NO_TIME where one of the two is not known.
+Micros Between(Micros start, Micros end);
+
+// Milliseconds such as "16.667" or "17"; empty where the time is not known.
+std::string ShortMilliseconds(Micros time);
+
 // What became of a frame, in a word or two: its status, but "late", "never out" and "unknown" where
 // that says more. Empty for a good frame.
 const char* WordOf(const Fate& fate);
@@ -56,7 +62,7 @@ struct CaptionedTable {
 };
 std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t scene);
 
-// When a thread did not sleep: it ran, waited, was blocked or stopped.
+// When a thread did not sleep within a span: it ran, was runnable, blocked or stopped.
 StateSpans AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span);
 
 // Which frames a table shows: those that are not complete, or late, unless others are asked for.
@@ -73,18 +79,14 @@ struct PlacedFinding {
 };
 std::vector<PlacedFinding> FindingsOf(const Account& account);
 
-// A configuration, and the processes that loaded it.
-struct SharedConfiguration {
-    Configuration configuration;
-    std::vector<Finding> findings;  // Of the checker.
+// A configuration, and all processes that loaded it.
+struct SharedConfiguration : LoadedConfiguration {
     std::set<int32_t> processes;
+    std::string title;  // "Configuration of processes 1000 and 1010", where there are several.
 };
 
 // Configurations that are the same, as far as is known, are one.
 std::vector<SharedConfiguration> ConfigurationsOf(const Account& account);
-
-// "Configuration of processes 1000 and 1010", where there are several.
-std::string TitleOf(const std::vector<SharedConfiguration>& all, const SharedConfiguration& one);
 
 // `configuration` with what is known of `other` alone, as a log does not hold everything.
 Configuration Completed(Configuration configuration, const Configuration& other);

@@ -69,18 +69,9 @@ std::string FromMarkdown(const std::string& text) {
     return html;
 }
 
-// Milliseconds such as "16.667" or "17"; empty where the time is not known.
-std::string ShortMilliseconds(Micros time) {
-    return time == NO_TIME ? "" : fmt::format("{}", static_cast<double>(time) / 1000);
-}
-
 // Seconds such as "12.345".
 std::string Seconds(Micros time) {
     return fmt::format("{:.3f}", static_cast<double>(time) / 1e6);
-}
-
-Micros Between(Micros start, Micros end) {
-    return start == NO_TIME || end == NO_TIME ? NO_TIME : end - start;
 }
 
 // To the frame in the timeline.
@@ -366,8 +357,7 @@ void WriteConfigurations(std::ostream& out, const Account& account) {
     for (size_t i = 0; i < all.size(); ++i) {
         const SharedConfiguration& one = all[i];
         const std::string number = all.size() == 1 ? "" : fmt::format(" {}", i + 1);
-        fmt::print(out, "<section aria-labelledby=c{0}><h2 id=c{0}>{1}</h2>\n", i,
-                   TitleOf(all, one));
+        fmt::print(out, "<section aria-labelledby=c{0}><h2 id=c{0}>{1}</h2>\n", i, one.title);
         Rows settings = SummaryOf(one.configuration);
         settings.insert(settings.begin(), {"setting", "value"});
         WriteTable(out, "Settings of configuration" + number, "", "Settings", Named(settings));

@@ -42,21 +42,19 @@ void WriteConfigurations(std::ostream& out, const Account& account) {
         out << "\nConfiguration: not in the capture, which begins after the library was loaded.\n";
     }
     for (const SharedConfiguration& one : all) {
-        out << '\n' << TitleOf(all, one) << ":\n";
+        out << '\n' << one.title << ":\n";
         WriteTable(out, SummaryOf(one.configuration), Cells::Text);
         if (!one.configuration.stages.empty()) {
             out << '\n';
             WriteTable(out, StagesOf(one.configuration), Cells::Text);
         }
-        int64_t notes = 0;
         for (const Finding& finding : one.findings) {
-            if (finding.severity == Severity::Note) {
-                ++notes;
-            } else {
+            if (finding.severity != Severity::Note) {
                 out << fmt::format("  {}: {} [{}]\n", NameOf(finding.severity), finding.message,
                                    finding.check);
             }
         }
+        const auto notes = std::ranges::count(one.findings, Severity::Note, &Finding::severity);
         if (notes > 0) {
             out << fmt::format("  {} more: cameraframeboost check shows {}\n",
                                Counted(notes, "note"), notes == 1 ? "it" : "them");
@@ -83,12 +81,12 @@ void WriteFigures(std::ostream& out, const Account& account, const JudgedScene& 
     if (scene.figures.interval.count == 0) {
         return;
     }
-    const double late = static_cast<double>(scene.figures.late);
-    const double all = static_cast<double>(std::max<int64_t>(scene.figures.frameCount, 1));
+    const double share = static_cast<double>(scene.figures.late) /
+                         static_cast<double>(std::max<int64_t>(scene.figures.frameCount, 1));
     out << fmt::format(
         "Late: {} ({} %), that is more than {} ms after the frame before. Rate: {} fps{}.\n"
         "Milliseconds, as exact as the capture: {}.\n",
-        scene.figures.late, Fixed(100 * late / all, 2), LateText(scene.columns.lateThreshold),
+        scene.figures.late, Fixed(100 * share, 2), LateText(scene.columns.lateThreshold),
         Fixed(RateOf(scene), 1), scene.fps > 0 ? fmt::format(" of {}", scene.fps) : "",
         account.resolution >= MILLISECOND ? "1 ms" : "1 us");
     Rows table = {{"", "n", "p50", "p90", "p95", "p99", "max"},
@@ -110,18 +108,16 @@ std::vector<std::string> RowOf(const Account& account, const JudgedScene& scene,
     const Fate& fate = scene.FateOf(index);
     std::vector<std::string> row = {std::to_string(frame.number), std::to_string(frame.place.line),
                                     NameOf(fate.status)};
-    const auto add = [&](Micros moment, Micros since) {
-        row.push_back(moment == NO_TIME || since == NO_TIME
-                          ? "-"
-                          : Milliseconds(moment - since, account.resolution));
+    const auto add = [&](Micros time) {
+        row.push_back(time == NO_TIME ? "-" : Milliseconds(time, account.resolution));
     };
-    add(frame.start, scene.begin);
-    add(frame.end, scene.begin);
-    add(frame.end, frame.start);
-    add(fate.interval, 0);
+    add(Between(scene.begin, frame.start));
+    add(Between(scene.begin, frame.end));
+    add(Between(frame.start, frame.end));
+    add(fate.interval);
     for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
         const StageTimes times = scene.TimesOf(index, stage);
-        add(times.end, times.start);
+        add(Between(times.start, times.end));
     }
     const std::string description = DescriptionOf(fate);
     row.push_back(fmt::format("{}{}{}", fate.isLate ? "late" : "",
@@ -184,9 +180,12 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
     if (!account.findings.empty()) {
         out << '\n';
     }
-    for (const SceneFinding& finding : account.findings) {
-        out << LineOf(account, nullptr, finding) << '\n';
-    }
+    const auto writeFindings = [&](const JudgedScene* scene, const auto& findings) {
+        for (const SceneFinding& finding : findings) {
+            out << LineOf(account, scene, finding) << '\n';
+        }
+    };
+    writeFindings(nullptr, account.findings);
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         const JudgedScene& scene = account.scenes[i];
         std::string title = TitleOf(account, i);
@@ -194,9 +193,7 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
         out << '\n'
             << title << DurationOf(scene)
             << (scene.isBeginningMissing ? "; it had begun before the capture\n" : "\n");
-        for (const SceneFinding& finding : scene.findings) {
-            out << LineOf(account, &scene, finding) << '\n';
-        }
+        writeFindings(&scene, scene.findings);
         if (scene.isStarted) {
             WriteFigures(out, account, scene);
             for (const CaptionedTable& table : ThreadTablesOf(scheduling, i)) {
