@@ -106,10 +106,6 @@ std::string ToString(const Account& account, const Place& place) {
                : fmt::format("line {}", place.line);
 }
 
-Micros Between(Micros start, Micros end) {
-    return start == NO_TIME || end == NO_TIME ? NO_TIME : end - start;
-}
-
 std::string ShortMilliseconds(Micros time) {
     return time == NO_TIME ? "" : fmt::format("{}", static_cast<double>(time) / 1000);
 }

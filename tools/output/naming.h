@@ -34,9 +34,6 @@ std::string FigureTitleOf(const Scene& scene, size_t stage);
 // "capture.log:17", or "line 17" of the only input; empty for nowhere.
 std::string ToString(const Account& account, const Place& place);
 
-// NO_TIME where one of the two is not known.
-Micros Between(Micros start, Micros end);
-
 // Milliseconds such as "16.667" or "17"; empty where the time is not known.
 std::string ShortMilliseconds(Micros time);
 
