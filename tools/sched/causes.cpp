@@ -498,6 +498,7 @@ struct CauseExplainer {
             }
         }
         std::vector<CauseLink::Ran> longest;
+        longest.reserve(byThread.size());
         for (const auto& [thread, ran] : byThread) {
             longest.push_back(ran);
         }

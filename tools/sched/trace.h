@@ -49,7 +49,7 @@ struct CountedEvent {
     int32_t frame;
     int32_t process;  // As the process itself knows its id.
 
-    auto operator<=>(const CountedEvent&) const = default;
+    auto operator<=>(const CountedEvent&) const = default;  // NOLINT(modernize-use-nullptr): its 0.
 };
 
 // A counter of the library that rose to a frame's number.
