@@ -266,7 +266,9 @@ void RunningScene::OnEvent(const Message& message, const Pass& by, const NodeEnd
                     KeepFirst(gone->refused, time);
                 }
                 // What a node's end led to says no more than that.
-                if (before.frame != message.frame || time - before.pass.left > limits::TOGETHER) {
+                const bool isOfEnd = before.pass.HasLeft() && before.frame == message.frame &&
+                                     time - before.pass.left <= limits::TOGETHER;
+                if (!isOfEnd) {
                     refused.emplace_back(message.frame, by);
                 }
             }

@@ -23,7 +23,7 @@ Statistics StatisticsOf(std::vector<Micros>& values) {
     // Up to a little more than almost all values. The times of most captures are whole
     // milliseconds: bins of less would leave holes.
     const auto last = static_cast<Micros>(all.bins.size()) - 1;
-    const Micros top = std::clamp<Micros>(all.p99 * 5 / 4, 0, all.max);
+    const Micros top = std::clamp<Micros>(all.p99 / 4 * 5, 0, std::max<Micros>(all.max, 0));
     all.bin = (top / last / MILLISECOND + 1) * MILLISECOND;
     for (const Micros value : values) {
         ++all.bins[static_cast<size_t>(std::clamp<Micros>(value / all.bin, 0, last))];
