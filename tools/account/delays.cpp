@@ -33,11 +33,13 @@ struct Delays : Step {
         }
     }
 
-    // Frames between two numbers that never came out.
+    // Frames between two numbers that never came out, each once.
     void AddLost(int64_t from, int64_t to, LateFrame& late) const {
         for (auto lost = columns.lost.upper_bound(from);
              lost != columns.lost.end() && lost->first < to; ++lost) {
-            late.lost.push_back(lost->first);
+            if (std::find(late.lost.begin(), late.lost.end(), lost->first) == late.lost.end()) {
+                late.lost.push_back(lost->first);
+            }
         }
     }
 

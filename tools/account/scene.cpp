@@ -2,13 +2,6 @@
 
 namespace tools {
 
-int32_t Scene::StageBefore(size_t frame, int32_t stage) const {
-    do {
-        --stage;
-    } while (stage >= 0 && !PassOf(frame, stage).HasLeft());
-    return stage;
-}
-
 Micros Scene::ArrivalOf(size_t frame, int32_t stage) const {
     const int32_t before = StageBefore(frame, stage);
     if (before < 0) {

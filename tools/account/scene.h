@@ -183,7 +183,12 @@ struct Scene {
         return isAlone ? frames[frame].place : PassOf(frame, stage).place;
     }
     // The last stage before that one that the frame is known to have left; -1 for none.
-    int32_t StageBefore(size_t frame, int32_t stage) const;
+    int32_t StageBefore(size_t frame, int32_t stage) const {
+        do {
+            --stage;
+        } while (stage >= 0 && !PassOf(frame, stage).HasLeft());
+        return stage;
+    }
     // When the frame came to the stage: when it left the one before, or the last one that it is
     // known to have left; in stage 0, when it was started. NO_TIME where that is not known.
     Micros ArrivalOf(size_t frame, int32_t stage) const;
