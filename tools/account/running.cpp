@@ -137,7 +137,7 @@ void RunningScene::Take(const Event& event) {
         return OnNodeEnd(message, by, before);
     }
     if (before.isOpen &&
-        EventLines(EventsOf(before.frame, before.stage, before.stageCount)).Take(message)) {
+        EventLines{EventsOf(before.frame, before.stage, before.stageCount)}.Take(message)) {
         TakeEnd(before);
     }
     OnEvent(message, by, before);

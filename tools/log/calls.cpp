@@ -1,7 +1,5 @@
 #include "tools/log/calls.h"
 
-#include <utility>
-
 namespace tools {
 namespace {
 
@@ -12,47 +10,23 @@ int64_t After(int64_t frame) {
     return static_cast<int64_t>(static_cast<uint64_t>(frame) + 1);
 }
 
-// The messages of a frame's start, in their order.
-int PlaceInFrameStart(MessageKind kind) {
-    switch (kind) {
-        case FrameNotContinuous:
-            return 1;
-        case TableFull:
-            return 2;
-        case FrameAdded:
-            return 3;
-        case FrameStart:
-        case FrameAlreadyExists:
-            return 4;
-        default:
-            return 0;
-    }
-}
-
-bool MayLeave(const CallEvent& event, const Message& message) {
-    if (message.kind == TableFull || message.kind == FrameAdded) {
-        return event.kind == FrameStart;  // They name no frame.
-    }
-    if (message.frame != event.frame) {
+// Whether the message says what became of the event.
+bool IsOf(const Message& message, const CallEvent& event) {
+    if (message.frame != event.frame || (message.stage != -1 && message.stage != event.stage)) {
         return false;
     }
-    const bool isStageEvent = event.kind == StageStart || event.kind == StageEnd;
     switch (message.kind) {
+        case FrameAdded:
+        case TableFull:
+            return false;  // Another line of the same frame start does.
         case FrameAlreadyExists:
         case FrameNotContinuous:
             return event.kind == FrameStart;
         case EndedFrameNotExist:
             return event.kind == FrameEnd;
-        case FrameNotExist:
-        case FrameRemoved:
-        case FrameInError:
-            return isStageEvent;
-        case StageNotInRange:
-        case StageOutOfOrder:
-        case StageOutOfTurn:
-            return isStageEvent && message.stage == event.stage;
         default:
-            return message.kind == event.kind && message.stage == event.stage;
+            return message.kind <= FrameEnd ? message.kind == event.kind
+                                            : event.kind == StageStart || event.kind == StageEnd;
     }
 }
 
@@ -74,16 +48,9 @@ std::vector<CallEvent> EventsOf(int64_t frame, int32_t stage, int32_t stageCount
 }
 
 std::optional<size_t> EventLines::Take(const Message& message) {
-    const bool isNamed = message.kind == StageStart || message.kind == StageEnd;
-    if (isNamed && name && message.name != *name) {
-        return std::nullopt;
-    }
-    const int place = PlaceInFrameStart(message.kind);
     for (size_t i = next; i < events.size(); ++i) {
-        if (MayLeave(events[i], message) && (place == 0 || place > inFrameStart)) {
-            inFrameStart = place;
-            // Of a frame's start more may come.
-            next = place == 0 ? i + 1 : i;
+        if (IsOf(message, events[i])) {
+            next = i + 1;
             return i;
         }
     }

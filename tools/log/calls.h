@@ -5,8 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "tools/log/message.h"
@@ -26,25 +24,15 @@ struct CallEvent {
 // stages that the library has loaded.
 std::vector<CallEvent> EventsOf(int64_t frame, int32_t stage, int32_t stageCount);
 
-// Gives the messages of one thread to the events of a call. Each message is of the first event that
-// may have left it, behind the message before it: messages come in the order of the events, each
-// once, and an event of a frame in error leaves none.
-class EventLines {
-  public:
-    // `nodeName`: which messages that have one must have; nothing for any.
-    explicit EventLines(std::vector<CallEvent> callEvents, std::optional<std::string> nodeName = {})
-        : events(std::move(callEvents)), name(std::move(nodeName)) {}
+// Gives the messages of one thread to the events of a call. Of an event, one message says whether
+// it was forwarded or why not; an event of a frame in error leaves none. Messages come in the order
+// of the events.
+struct EventLines {
+    std::vector<CallEvent> events;
+    size_t next = 0;  // The first event whose message may still come.
 
     // The index of the event that left the message; nothing when none did.
     std::optional<size_t> Take(const Message& message);
-
-    const std::vector<CallEvent>& Events() const { return events; }
-
-  private:
-    std::vector<CallEvent> events;
-    std::optional<std::string> name;
-    size_t next = 0;       // The first event that may have left a message that comes.
-    int inFrameStart = 0;  // Where that is a frame's start: the place of its last message.
 };
 
 }  // namespace tools

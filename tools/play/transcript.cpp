@@ -106,9 +106,9 @@ Counts CountsOf(const Played& played) {
         ++counts[{ScenesRefused, "not described as a scene to boost"}];
     }
     const bool isInScene = isNodeEnd ? !messages.empty() : played.result != -1;
-    EventLines events(EventsOf(call, *played.configuration, isInScene));
+    EventLines events{EventsOf(call, *played.configuration, isInScene)};
     std::vector<std::string_view> reasons(
-        events.Events().size(),
+        events.events.size(),
         isInScene ? RefusalOf(MessageKind::FrameInError) : "no scene is running");
     for (const Message& message : messages) {
         if (message.kind == MessageKind::SceneDisabled) {
@@ -127,7 +127,7 @@ Counts CountsOf(const Played& played) {
     }
     for (size_t i = 0; i < reasons.size(); ++i) {
         const bool isDone = reasons[i].empty();
-        const MessageKind kind = events.Events()[i].kind;
+        const MessageKind kind = events.events[i].kind;
         Tally tally = isDone ? StageEventsForwarded : StageEventsRefused;
         if (kind == MessageKind::FrameStart) {
             tally = isDone ? FramesStarted : FrameStartsRefused;

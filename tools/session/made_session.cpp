@@ -1,18 +1,19 @@
 #include "tools/session/made_session.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <deque>
+#include <limits>
 #include <set>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "tools/base/text.h"
+#include "tools/base/words.h"
 #include "tools/log/calls.h"
-#include "tools/session/operations.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -20,14 +21,10 @@ namespace {
 
 using enum MessageKind;
 
-// A call that has had no message for that many of others has had its last one.
-constexpr int64_t OLD_MESSAGES = 4096;
-// Nodes of a log without thread ids whose last node ends are kept.
-constexpr size_t MOST_NODES = 64;
-// A scene's end and a description that led to it stand no further apart.
-constexpr Micros AT_ONCE = 10 * MILLISECOND;
-// What a derived stage start passes, which is what a HAL passes as a rule.
-constexpr int32_t STAGE_ARG2 = 20;
+// No call takes longer.
+constexpr Micros LONGEST_CALL = 10 * SECOND;
+// As many node ends are kept of a log without thread ids.
+constexpr size_t MOST_NODE_ENDS = 64;
 // The statement that refuses the end of a stage that is not running; another one does the start.
 constexpr int32_t LINE_OF_END_OUT_OF_TURN = 401;
 
@@ -38,59 +35,68 @@ constexpr const char* BEGINNING =
 constexpr const char* SCENE_MISSING =
     "# Missing: the beginning of the scene. To play the rest, take off the # of these:\n"
     "# TcfbtSetSceneInfo true 3840 60\n# TcfbtNotifySceneStart 0x0\n";
+constexpr const char* GUESSED_CALL = "# guessed: maybe several calls, or another one\n";
 
-// Why a call is marked as guessed.
-constexpr const char* GUESSED_MODE = "  # guessed: the mode";
-constexpr const char* GUESSED_THREAD = "  # guessed: from the threads that were set";
-constexpr const char* GUESSED_ARGUMENTS = "  # guessed: what no line says of it";
-constexpr const char* GUESSED_CALL = "  # guessed: maybe several calls, or another one";
-
-// Calls that leave several messages: which of them may follow which. All others leave one.
-constexpr std::pair<MessageKind, MessageKind> SUCCESSIONS[] = {
-    {FrameNotContinuous, TableFull},
-    {FrameNotContinuous, FrameAdded},
-    {TableFull, FrameAdded},
-    {FrameAdded, FrameStart},
-    {SetTid, SetTid},
-    {SetTid, SceneStart},
-    {NoVideo, RemoveTid},
-    {NoVideo, SceneEnd},
-    {RemoveTid, RemoveTid},
-    {RemoveTid, SceneEnd},
-    {SceneEnd, Video},
+// The message that each call leaves, and the call as lines of a session. The arguments of a stage
+// start that no message has are those of a derived one, which HALs pass as a rule.
+constexpr std::pair<MessageKind, const char*> CALLS[] = {
+    {NoVideo, "TcfbtSetSceneInfo false {width} {fps}\n"},
+    {Video, "TcfbtSetSceneInfo true {width} {fps}\n"},
+    {SceneDisabled, "TcfbtNotifySceneStart 0xFFFFFFFF  # guessed: a mode that is not supported\n"},
+    {SceneStart, "TcfbtNotifySceneStart {mode}  # guessed: the mode\n"},
+    {SceneEnd, "TcfbtNotifySceneEnd\n"},
+    // A thread that was not added before was added for this scene, which leaves no message.
+    {SetTid, "TcfbtAddTempTids {tid}  # guessed: from the threads that were set\n"},
+    {AddPersistTid, "TcfbtAddPersistTids {name} {tid}\n"},
+    {DumpInfo, "DumpInfo\n"},
+    {NodeEnd, "TcfbtNotifyNodeEnd {frame} {name} {port} {camera} {flag}\n"},
+    {FrameStart, "TcfbtNotifyFrameStart {frame}\n"},
+    {FrameAlreadyExists, "TcfbtNotifyFrameStart {frame}\n"},
+    {FrameNotContinuous, "TcfbtNotifyFrameStart {frame}\n"},
+    {FrameEnd, "TcfbtNotifyFrameEnd {frame}\n"},
+    {EndedFrameNotExist, "TcfbtNotifyFrameEnd {frame}\n"},
+    {StageEnd, "TcfbtNotifyStageEnd {stage} {frame} {name}\n"},
 };
+// The call of any other message, which refuses a stage event.
+constexpr const char* STAGE_START =
+    "TcfbtNotifyStageStart {stage} {frame} 0 20 {name}  # guessed: what no line says of it\n";
+constexpr const char* STAGE_END = "TcfbtNotifyStageEnd {stage} {frame} {name}  {guessed}";
+constexpr const char* REFUSED_SCENE_START =
+    "ServiceStatus cfbtSceneStart 1  # guessed: its value\n"
+    "TcfbtNotifySceneStart {mode}  # guessed: the mode\n"
+    "ServiceStatus cfbtSceneStart 0\n";
 
-Micros Passed(Micros from, Micros to) {
-    return from == NO_TIME || to == NO_TIME ? 0 : to - from;
+const char* CallOf(const Message& message) {
+    if (message.kind == SceneStart && !message.flag) {
+        return REFUSED_SCENE_START;
+    }
+    if (message.kind == StageOutOfTurn && message.sourceLine == LINE_OF_END_OUT_OF_TURN) {
+        return STAGE_END;
+    }
+    const auto* const call =
+        std::find_if(std::begin(CALLS), std::end(CALLS),
+                     [&message](const auto& one) { return one.first == message.kind; });
+    return call == std::end(CALLS) ? STAGE_START : call->second;
 }
 
-std::string LinesMissing(int64_t lines) {
-    return lines > 0 ? "# Missing: " + Counted(lines, "line") + " of the log.\n"
-                     : "# Missing: some lines of the log.\n";
-}
-
-// Lines of the session that belong together, in the order of the messages that they are from.
+// Lines of the session that belong together.
 struct Entry {
-    std::string text{};
-    Micros time = NO_TIME;
+    Micros time;
     int32_t thread = -1;
-    int64_t begin = 0;  // The number of its first message.
-    Micros last = NO_TIME;
-    std::vector<Message> messages{};  // Of a call that may have more; else empty.
+    std::string text{};
+    // The threads that are set or removed by a call that may have more messages.
+    MessageKind kind = SetTid;
+    std::vector<int32_t> tids{};
 };
 
-// Whether the message is one of the entry's call.
-bool GoesOn(const Entry& entry, const Message& message, Micros time) {
-    const Message& last = entry.messages.back();
-    if (std::find(std::begin(SUCCESSIONS), std::end(SUCCESSIONS),
-                  std::pair(last.kind, message.kind)) == std::end(SUCCESSIONS)) {
-        return false;
+// Whether the message may be of the call that the entry's threads are of.
+bool GoesOn(const Entry& entry, const Message& message) {
+    if (entry.kind == RemoveTid) {
+        return message.kind == RemoveTid || message.kind == SceneEnd;
     }
-    if (message.kind == SetTid) {
-        return message.tid > last.tid;  // The library sets them in ascending order.
-    }
-    return message.kind != Video ||
-           (message.acceptedFps == 0 && Passed(entry.last, time) <= AT_ONCE);
+    // The library sets them in ascending order.
+    return message.kind == SceneStart ||
+           (message.kind == SetTid && message.tid > entry.tids.back());
 }
 
 }  // namespace
@@ -98,296 +104,171 @@ bool GoesOn(const Entry& entry, const Message& message, Micros time) {
 // The library in one process, from its loading or the beginning of the capture on.
 class SessionMaker::Run {
   public:
-    Run() { session.text = "# Missing: what was before.\n"; }
-    explicit Run(Micros loaded) : isSceneStarted(false), written(loaded) {
-        session.text = "# The library is loaded.\n";
-        session.configuration.emplace().isEnabled = true;  // Unless the line says otherwise.
+    Run(bool isLoaded, Micros begin) : written(begin) {
+        session.text = isLoaded ? "# The library is loaded.\n" : "# Missing: what was before.\n";
+        if (isLoaded) {
+            session.configuration.emplace().isEnabled = true;  // Unless the line says otherwise.
+        }
     }
 
     MadeSession session;
 
     void Take(const Message& message, const Moment& moment) {
-        ++number;
         Thread& thread = threads[moment.thread];
-        if (IsExplained(thread, message)) {
-            return;
+        const auto hasLedTo = [&message](EventLines& lines) { return lines.Take(message); };
+        if (message.kind == FrameAdded || message.kind == TableFull ||
+            std::any_of(thread.nodeEnds.rbegin(), thread.nodeEnds.rend(), hasLedTo)) {
+            return;  // Another message shows the call.
         }
-        Entry* entry = thread.open;
-        if (entry != nullptr && !GoesOn(*entry, message, moment.time)) {
-            Complete(*std::exchange(entry, nullptr));
+        if (thread.open != nullptr && !GoesOn(*thread.open, message)) {
+            Close(*thread.open);
         }
-        if (entry == nullptr) {
-            entry = &entries.emplace_back(
-                Entry{.time = moment.time, .thread = moment.thread, .begin = number});
-            if (moment.thread != -1) {
-                thread.nodeEnds.clear();
-            }
+        Entry& entry = thread.open != nullptr
+                           ? *thread.open
+                           : entries.emplace_back(Entry{moment.time, moment.thread});
+        if (moment.thread != -1) {
+            thread.nodeEnds.clear();
         }
-        if (message.kind == NodeEnd) {
-            BeginNodeEnd(thread, message, moment);
+        Follow(thread, entry, message);
+        if (entry.tids.empty()) {
+            AddCall(entry, message);
         }
-        entry->last = moment.time;
-        Follow(*entry, message);
-        if (IsWhole(*entry)) {
-            Complete(*entry);
-        } else {
-            entry->messages.back().name = {};  // Gone after this call.
-            thread.open = entry;
-        }
-        WriteEntries();
+        Write(moment.time);
     }
 
-    void Comment(const std::string& text) {
-        entries.push_back({text});
-        WriteEntries();
+    void Comment(const std::string& text, Micros time) {
+        entries.push_back({.time = time, .text = text});
+        Write(time);
     }
 
-    // Writes what is whole, as far as nothing before it may have more messages.
-    void WriteEntries(bool isAll = false) {
-        while (!entries.empty()) {
+    // Writes what is whole, as far as nothing before it may have more messages at that time.
+    void Write(Micros now) {
+        for (; !entries.empty(); entries.pop_front()) {
             Entry& entry = entries.front();
-            if (!entry.messages.empty()) {
-                if (!isAll && entry.begin + OLD_MESSAGES > number) {
-                    return;
-                }
-                Complete(entry);
+            if (!entry.tids.empty() && entry.time + LONGEST_CALL >= now) {
+                return;
             }
-            if (entry.time != NO_TIME) {
-                for (Micros wait = Passed(written, entry.time); wait > 0; wait -= MAX_WAIT) {
-                    session.text += WriteLine(Wait{std::min(wait, MAX_WAIT)}) + '\n';
-                }
-                written = std::max(written, entry.time);
+            Close(entry);
+            if (entry.time > written) {
+                const Micros wait = entry.time - std::exchange(written, entry.time);
+                session.text += WriteLine(Wait{std::min(wait, MAX_WAIT)}) + '\n';
             }
             session.text += entry.text;
-            entries.pop_front();
         }
     }
 
   private:
-    // A node end whose messages may still come.
-    struct EndedNode {
-        std::string node;
-        EventLines lines;
-        int64_t sceneEnds;  // How many there had been.
-    };
     struct Thread {
-        // The last one. Where the form has no thread ids, frames and nodes show which node end a
-        // message is of: the last one of each node, the one that logged last at the end.
-        std::deque<EndedNode> nodeEnds;
+        // The last node end, whose messages may still come. Where the form has no thread ids,
+        // several: frames and stages show which one a message is of.
+        std::deque<EventLines> nodeEnds;
         Entry* open = nullptr;  // The call that may have more messages.
     };
 
-    // Whether the message is one that a node end before it led to.
-    bool IsExplained(Thread& thread, const Message& message) const {
-        std::deque<EndedNode>& nodeEnds = thread.nodeEnds;
-        for (auto nodeEnd = nodeEnds.rbegin(); nodeEnd != nodeEnds.rend(); ++nodeEnd) {
-            if (nodeEnd->sceneEnds == sceneEnds && nodeEnd->lines.Take(message)) {
-                std::rotate(std::prev(nodeEnd.base()), nodeEnd.base(), nodeEnds.end());
-                return true;
-            }
-        }
-        return false;
-    }
-
-    void BeginNodeEnd(Thread& thread, const Message& message, const Moment& moment) const {
-        std::deque<EndedNode>& nodeEnds = thread.nodeEnds;
-        const std::string node(message.name);
-        if (moment.thread == -1) {
-            std::erase_if(nodeEnds, [&node](const EndedNode& one) { return one.node == node; });
-            if (nodeEnds.size() == MOST_NODES) {
-                nodeEnds.pop_front();
-            }
-        }
-        if (!session.configuration || session.configuration->IsStagePort(node, message.port)) {
-            nodeEnds.push_back(
-                {node, EventLines(EventsOf(message.frame, message.stage, message.count), node),
-                 sceneEnds});
-        }
-    }
-
-    // Adds the message to the call, and keeps track of scenes and threads.
-    void Follow(Entry& entry, const Message& message) {
-        if (message.kind >= NodeEnd && !isSceneStarted.value_or(false)) {
+    // Keeps track of scenes and threads.
+    void Follow(Thread& thread, Entry& entry, const Message& message) {
+        if (message.kind >= NodeEnd && !isSceneStarted) {
             isSceneStarted = true;
             entry.text += SCENE_MISSING;
         }
         if (message.kind == AddPersistTid) {
             persistTids.insert(message.tid);
-        } else if (message.kind == SetTid) {
-            // What was not added before was added for this scene, which leaves no message.
-            if (sceneTids.insert(message.tid).second && !persistTids.contains(message.tid)) {
-                Add(entry, Operation::AddTempTids, {message.tid}, GUESSED_THREAD);
+        } else if (message.kind == SetTid || message.kind == RemoveTid) {
+            if (message.kind == SetTid && sceneTids.insert(message.tid).second &&
+                !persistTids.contains(message.tid)) {
+                AddCall(entry, message);
             }
-        } else if (message.kind == SceneStart) {
-            isSceneStarted = isSceneStarted.value_or(false) || message.flag;
-            if (isServiceRefusing == message.flag) {
-                isServiceRefusing = !message.flag;
-                entry.text += WriteLine(ServiceStatus{desktop::ServiceFunction::SceneStart,
-                                                      message.flag ? 0 : 1}) +
-                              "  # guessed: its value\n";
+            entry.kind = message.kind;
+            entry.tids.push_back(message.tid);
+            thread.open = &entry;
+        } else if (message.kind == SceneStart || message.kind == SceneEnd) {
+            // It sets or removes all threads, once; those before are of another call.
+            entry.tids.resize(entry.tids.size() - std::min(entry.tids.size(), sceneTids.size()));
+            Close(entry);
+            isSceneStarted = message.kind == SceneStart && (isSceneStarted || message.flag);
+            if (message.kind == SceneEnd) {
+                sceneTids.clear();
             }
-        } else if (message.kind == SceneEnd) {
-            SplitRemoved(entry);
-            sceneTids.clear();
-            isSceneStarted = false;
-            ++sceneEnds;
-        }
-        entry.messages.push_back(message);
-    }
-
-    // A scene's end removes all threads that were set, once; those before are of another call.
-    void SplitRemoved(Entry& entry) {
-        std::vector<Message>& removed = entry.messages;
-        if (!removed.empty() && removed.front().kind == RemoveTid && !sceneTids.empty() &&
-            removed.size() > sceneTids.size()) {
-            const auto own = removed.end() - std::ssize(sceneTids);
-            std::vector<Message> ofEnd(own, removed.end());
-            removed.erase(own, removed.end());
-            Complete(entry);
-            removed = std::move(ofEnd);
+        } else if (message.kind == NodeEnd &&
+                   (!session.configuration ||
+                    session.configuration->IsStagePort(message.name, message.port))) {
+            thread.nodeEnds.push_back({EventsOf(message.frame, message.stage, message.count)});
+            if (thread.nodeEnds.size() > MOST_NODE_ENDS) {
+                thread.nodeEnds.pop_front();
+            }
         }
     }
 
-    bool IsWhole(const Entry& entry) const {
-        const Message& first = entry.messages.front();
-        const Message& last = entry.messages.back();
-        if (first.kind == NoVideo) {
-            // It logs the scene as it was: only one to boost may be running.
-            return last.kind == SceneEnd || first.scene != 0 || !isSceneStarted.value_or(true);
+    // Nothing more comes of the entry's call.
+    void Close(Entry& entry) {
+        Thread& thread = threads[entry.thread];
+        thread.open = thread.open == &entry ? nullptr : thread.open;
+        if (!entry.tids.empty()) {
+            entry.text += entry.kind == SetTid
+                              ? "TcfbtSetTids\n"
+                              : fmt::format("TcfbtRemoveTids {}  {}", fmt::join(entry.tids, " "),
+                                            GUESSED_CALL);
+            ++session.calls;
+            entry.tids.clear();
         }
-        return (last.kind == FrameAdded && last.flag) ||
-               std::none_of(std::begin(SUCCESSIONS), std::end(SUCCESSIONS),
-                            [&last](const auto& pair) { return pair.first == last.kind; });
-    }
-
-    // Makes the call that left the entry's messages.
-    void Complete(Entry& entry) {
-        // The message that shows which call it was: not every message of a frame's start names the
-        // frame, and a description leads to a scene's end, or a scene's end to a description.
-        const Message& first = entry.messages.front();
-        const bool isFirst = first.kind == NoVideo || first.kind == FrameNotContinuous;
-        AddCall(entry, isFirst ? first : entry.messages.back());
-        entry.messages.clear();
-        threads[entry.thread].open = nullptr;
     }
 
     void AddCall(Entry& entry, const Message& message) {
-        const std::string name(message.name);
-        switch (message.kind) {
-            case NodeEnd:
-                return Add(entry, Operation::NodeEnd,
-                           {message.frame, name, message.port, message.camera, message.flag});
-            case NoVideo:
-            case Video:
-                return Add(entry, Operation::SetSceneInfo,
-                           {message.kind == Video, message.width, message.fps});
-            case AddPersistTid:
-                return Add(entry, Operation::AddPersistTids, {name, message.tid});
-            case SetTid:
-                return Add(entry, Operation::SetTids, {});
-            case SceneStart:
-            case SceneDisabled:
-                return Add(entry, Operation::SceneStart, {ModeOf(message.kind)}, GUESSED_MODE);
-            case RemoveTid: {
-                std::vector<int32_t> tids;
-                for (const Message& removed : entry.messages) {
-                    tids.push_back(removed.tid);
-                }
-                return Add(entry, Operation::RemoveTids, {tids}, GUESSED_CALL);
-            }
-            case SceneEnd:
-                return Add(entry, Operation::SceneEnd, {});
-            case DumpInfo:
-                return Add(entry, Operation::DumpInfo, {});
-            case FrameEnd:
-            case EndedFrameNotExist:
-                return Add(entry, Operation::FrameEnd, {message.frame});
-            case FrameStart:
-            case FrameAlreadyExists:
-            case FrameNotContinuous:
-                return Add(entry, Operation::FrameStart, {message.frame});
-            case TableFull:
-            case FrameAdded:
-                entry.text += LinesMissing(1);
-                return;
-            case StageEnd:
-                return Add(entry, Operation::StageEnd, {message.stage, message.frame, name});
-            default:
-                break;
-        }
-        if (message.kind == StageOutOfTurn && message.sourceLine == LINE_OF_END_OUT_OF_TURN) {
-            Add(entry, Operation::StageEnd, {message.stage, message.frame, name}, GUESSED_CALL);
-        } else {
-            Add(entry, Operation::StageStart, {message.stage, message.frame, 0, STAGE_ARG2, name},
-                GUESSED_ARGUMENTS);
-        }
-    }
-
-    // The first mode that is supported; of a scene that was refused, the lowest from 0 on that is
-    // not.
-    int32_t ModeOf(MessageKind kind) const {
-        int32_t mode = 0;
-        if (!session.configuration || session.configuration->modes.empty()) {
-            return mode;
-        }
-        const Configuration& loaded = *session.configuration;
-        if (kind == SceneStart) {
-            return loaded.modes.front();
-        }
-        for (const int32_t supported : loaded.modes) {
-            mode += loaded.isEnabled && supported == mode ? 1 : 0;
-        }
-        return mode;
-    }
-
-    void Add(Entry& entry, Operation operation, std::vector<Value> arguments,
-             const char* guess = "") {
-        entry.text += WriteLine(Call{operation, std::move(arguments)}) + guess + '\n';
+        // The first one that is supported.
+        const bool hasModes = session.configuration && !session.configuration->modes.empty();
+        const int32_t mode = hasModes ? session.configuration->modes.front() : 0;
+        entry.text +=
+            fmt::format(fmt::runtime(CallOf(message)), fmt::arg("frame", message.frame),
+                        fmt::arg("stage", message.stage), fmt::arg("name", WordOf(message.name)),
+                        fmt::arg("port", message.port), fmt::arg("camera", message.camera),
+                        fmt::arg("flag", message.flag), fmt::arg("width", message.width),
+                        fmt::arg("fps", message.fps), fmt::arg("mode", ModeText(mode)),
+                        fmt::arg("tid", message.tid), fmt::arg("guessed", GUESSED_CALL));
         ++session.calls;
     }
 
-    int64_t number = 0;  // Of the message.
-    std::optional<bool> isSceneStarted;
-    bool isServiceRefusing = false;
-    int64_t sceneEnds = 0;
+    bool isSceneStarted = false;
     std::set<int32_t> persistTids;
     std::set<int32_t> sceneTids;  // Those set since the last scene ended.
     std::unordered_map<int32_t, Thread> threads;
     std::deque<Entry> entries;  // Those that wait for one before them to be whole.
-    Micros written = NO_TIME;   // The time of the session's last line.
+    Micros written;             // The time of the session's last line.
 };
 
 SessionMaker::SessionMaker() = default;
 SessionMaker::~SessionMaker() = default;
 
 void SessionMaker::OnMessage(const Message& message, const Moment& moment) {
-    if (dumps[moment.process].Begins(message)) {
-        Close(runs[moment.process]);
-        runs.insert_or_assign(moment.process, Run(moment.time));
+    const bool isLoaded = dumps[moment.process].Begins(message);
+    const auto [found, isNew] = runs.try_emplace(moment.process, isLoaded, moment.time);
+    Run& run = found->second;
+    if (isLoaded && !isNew) {
+        Close(run);
+        run = Run(true, moment.time);
     }
-    Run& run = runs[moment.process];
     if (!run.session.configuration || !AddDumped(message, *run.session.configuration)) {
         run.Take(message, moment);
     }
 }
 
 void SessionMaker::OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& /*place*/) {
-    Comment(moment.process, LinesMissing(lines));
+    Comment(moment,
+            "# Missing: " + (lines > 0 ? Counted(lines, "line") : "some lines") + " of the log.\n");
 }
 
 void SessionMaker::OnClockSet(Micros step, const Moment& moment, const Place& /*place*/) {
-    Comment(moment.process, fmt::format("# The clock was set by {} us.\n", step));
+    Comment(moment, fmt::format("# The clock was set by {} us.\n", step));
 }
 
-void SessionMaker::Comment(int32_t process, const std::string& text) {
-    if (const auto run = runs.find(process); run != runs.end()) {
-        run->second.Comment(text);
+void SessionMaker::Comment(const Moment& moment, const std::string& text) {
+    if (const auto run = runs.find(moment.process); run != runs.end()) {
+        run->second.Comment(text, moment.time);
     }
 }
 
 // The run is over.
 void SessionMaker::Close(Run& run) {
-    run.WriteEntries(true);
+    run.Write(std::numeric_limits<Micros>::max());
     calls += run.session.calls;
     if (run.session.calls > best.calls) {
         best = std::move(run.session);

@@ -25,9 +25,10 @@ struct MadeSession {
 // waits where the times are known.
 //
 // What one thread logs belongs together: a node end is followed by what it led to. Other events are
-// calls of their own. Arguments that no message has are made up and marked as guessed: those of a
-// stage start (0 and 20), an operation mode, thread ids that count for one scene. Calls that leave
-// no message do not come back, and nothing is made up for messages that are missing.
+// calls of their own, and so is the end of a scene that a description ended: to play it changes
+// nothing. Arguments that no message has are made up and marked as guessed: those of a stage start
+// (0 and 20), an operation mode, thread ids that count for one scene. Calls that leave no message
+// do not come back, and nothing is made up for messages that are missing.
 class SessionMaker : public MessageSink {
   public:
     SessionMaker();
@@ -44,7 +45,7 @@ class SessionMaker : public MessageSink {
   private:
     class Run;
 
-    void Comment(int32_t process, const std::string& text);
+    void Comment(const Moment& moment, const std::string& text);
     void Close(Run& run);
 
     // By process: the run that goes on, and whether it is being loaded.
