@@ -140,6 +140,31 @@ std::string DescriptionOf(const Fate& fate) {
                : fate.reason;
 }
 
+Micros GoneOf(const JudgedScene& scene, size_t row) {
+    const Frame& frame = scene.frames[row];
+    if (frame.end != NO_TIME || frame.evicted != NO_TIME) {
+        return frame.end != NO_TIME ? frame.end : frame.evicted;
+    }
+    const Fate& fate = scene.FateOf(row);
+    const bool isGone = fate.isUnknown || (fate.isOut && !frame.isHeld);
+    return isGone ? scene.LastOf(row).second : scene.stop;
+}
+
+std::map<Micros, int64_t> InFlightOf(const JudgedScene& scene) {
+    std::map<Micros, int64_t> counts;
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        if (const Micros start = scene.frames[row].start; start != NO_TIME) {
+            ++counts[start];
+            --counts[std::max(GoneOf(scene, row), start)];
+        }
+    }
+    int64_t count = 0;
+    for (auto& [time, change] : counts) {
+        change = count += change;
+    }
+    return counts;
+}
+
 double RateOf(const JudgedScene& scene) {
     Micros passed = 0;
     for (const Fate& fate : scene.columns.fates) {
@@ -226,6 +251,32 @@ std::string TitleOf(const Scheduling& scheduling) {
     }
     parts.insert(parts.end(), scheduling.notes.begin(), scheduling.notes.end());
     return fmt::format("{}", fmt::join(parts, "; "));
+}
+
+std::vector<DrawnThread> DrawnThreadsOf(const Account& account, const Scheduling* scheduling,
+                                        size_t scene) {
+    std::vector<DrawnThread> drawn;
+    if (scheduling == nullptr) {
+        return drawn;
+    }
+    const std::vector<SchedThread>& known = scheduling->trace.threads;
+    std::map<int32_t, int32_t> stages;  // By the ids of threads.
+    for (const SceneFinding& finding : account.scenes[scene].findings) {
+        for (const CauseLink& link : finding.chain) {
+            stages[link.thread] = -1;
+        }
+    }
+    for (const ThreadUse& use : scheduling->scenes[scene].threads) {
+        if (!use.stages.empty()) {
+            stages[known[use.thread].tid] = use.stages.front();
+        }
+    }
+    for (uint32_t thread = 0; thread < known.size(); ++thread) {
+        if (const auto stage = stages.find(known[thread].tid); stage != stages.end()) {
+            drawn.push_back({thread, stage->second});
+        }
+    }
+    return drawn;
 }
 
 StateSpans AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {

@@ -1,9 +1,11 @@
-// What all outputs share: how scenes, stages, frames and places are called.
+// What all outputs share: how scenes, stages, frames and places are called, and what of them is
+// shown.
 
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -44,6 +46,13 @@ const char* WordOf(const Fate& fate);
 // Why a frame is not complete; empty for a complete one.
 std::string DescriptionOf(const Fate& fate);
 
+// When a frame went: when it was ended or pushed out, when it came out where the library did not
+// have it, else as long as the scene is known to have gone on.
+Micros GoneOf(const JudgedScene& scene, size_t row);
+
+// How many frames were in flight from each time on.
+std::map<Micros, int64_t> InFlightOf(const JudgedScene& scene);
+
 // How many frames came out a second, on average; 0 where that is not known.
 double RateOf(const JudgedScene& scene);
 
@@ -58,6 +67,15 @@ struct CaptionedTable {
     Rows rows;
 };
 std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t scene);
+
+// The threads to draw for a scene: those of the pipeline, each below the first of its stages, and
+// those that kept a late frame waiting, below stage -1.
+struct DrawnThread {
+    uint32_t thread;
+    int32_t stage;
+};
+std::vector<DrawnThread> DrawnThreadsOf(const Account& account, const Scheduling* scheduling,
+                                        size_t scene);
 
 // When a thread did not sleep within a span: it ran, was runnable, blocked or stopped.
 StateSpans AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span);

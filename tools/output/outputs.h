@@ -47,17 +47,15 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
 
 // A trace for ui.perfetto.dev and other viewers of Chrome's JSON trace format.
 //
-// A scene is a process: a track for findings, one for its frames as expected and one as they were,
-// a track a stage, more where frames overlap in it, and counters. Time 0 is the beginning of the
-// first scene. What is said of all frames is short; those that a finding is about or that were late
-// have arguments, and they and their neighbours have flows from stage to stage.
+// A scene is a process: a track for findings, one for its frames and one a stage, more where
+// frames overlap, and counters. Time 0 is the beginning of the first scene. What is said of all
+// frames is short; those that something happened to have arguments, and flows from stage to stage.
 //
-// With a scheduler trace each stage has tracks of its threads, too, which say when they ran and
-// when they waited, and arrows from what kept a late frame to its stage.
+// With a scheduler trace the threads of each stage, and those that kept a late frame waiting, have
+// tracks, too, which say when they ran and when they waited.
 //
 // `frames`: the first and the last number of a part, which has all of that for all of its frames,
-// and nothing from before or after it. Written track by track, those of threads in the order of
-// time.
+// and nothing from before or after it. Written track by track.
 void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
                 const Scheduling* scheduling = nullptr);

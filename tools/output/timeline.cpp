@@ -143,23 +143,13 @@ Json OutputsOf(const JudgedScene& scene) {
 
 // How many frames were in flight, from each time on.
 Json FlightOf(const JudgedScene& scene) {
-    std::map<Micros, int64_t> counts;
-    for (size_t row = 0; row < scene.frames.size(); ++row) {
-        const Frame& frame = scene.frames[row];
-        const Fate& fate = scene.FateOf(row);
-        const Micros over = std::max(fate.isOut ? fate.output : NO_TIME, frame.end);
-        if (frame.start != NO_TIME) {
-            ++counts[frame.start];
-            --counts[std::max(over == NO_TIME ? scene.stop : over, frame.start)];
-        }
-    }
-    Json sums = Json::array();
-    int64_t sum = 0;
-    for (const auto& [time, change] : counts) {
-        sums.push_back(sum += change);
+    const std::map<Micros, int64_t> all = InFlightOf(scene);
+    Json counts = Json::array();
+    for (const auto& [time, count] : all) {
+        counts.push_back(count);
     }
     const auto timeOf = [](const auto& one) { return one.first; };
-    return {{"times", StepsOf(scene.begin, counts, timeOf)}, {"counts", sums}};
+    return {{"times", StepsOf(scene.begin, all, timeOf)}, {"counts", counts}};
 }
 
 // What the log's clock showed at the capture's begin, and when it was set, since the scene's begin,
@@ -199,25 +189,10 @@ Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t t
 }
 
 // The threads of a scene: the pipeline's with the first of their stages, and those that kept them.
-Json ThreadsOf(const JudgedScene& scene, const Scheduling& scheduling,
-               const SceneScheduling& ofScene) {
-    const std::vector<SchedThread>& known = scheduling.trace.threads;
-    std::map<int32_t, int32_t> stages;  // By the ids of threads.
-    for (const SceneFinding& finding : scene.findings) {
-        for (const CauseLink& link : finding.chain) {
-            stages[link.thread] = -1;
-        }
-    }
-    for (const ThreadUse& use : ofScene.threads) {
-        if (!use.stages.empty()) {
-            stages[known[use.thread].tid] = use.stages.front();
-        }
-    }
+Json ThreadsOf(const Account& account, const Scheduling* scheduling, size_t scene) {
     Json threads = Json::array();
-    for (uint32_t thread = 0; thread < known.size(); ++thread) {
-        if (const auto stage = stages.find(known[thread].tid); stage != stages.end()) {
-            threads.push_back(ThreadOf(scene, scheduling, thread, stage->second));
-        }
+    for (const DrawnThread& one : DrawnThreadsOf(account, scheduling, scene)) {
+        threads.push_back(ThreadOf(account.scenes[scene], *scheduling, one.thread, one.stage));
     }
     return threads;
 }
@@ -260,9 +235,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
                            {"top", QuantileOf(highs, 0.98, 1)},  // Stays seldom exceed it.
                            {"outputs", OutputsOf(scene)},
                            {"flight", FlightOf(scene)},
-                           {"threads", scheduling == nullptr
-                                           ? Json::array()
-                                           : ThreadsOf(scene, *scheduling, scheduling->scenes[i])},
+                           {"threads", ThreadsOf(account, scheduling, i)},
                            {"wakes", WakesOf(scene)}};
         // Names come from captures, which hold any bytes; JSON holds UTF-8.
         const std::string text = data.dump(-1, ' ', true, Json::error_handler_t::replace);
