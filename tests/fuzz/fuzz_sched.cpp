@@ -38,7 +38,7 @@ std::string Explain(const std::string& text, size_t piece) {
             "what a thread did does not add up");
     }
     tools::Micros ran = trace.from;
-    for (const tools::StateSpan& one : states.RanOn(0, {trace.from, trace.to})) {
+    for (const tools::StateSpan& one : Within(states.cpus[0], {trace.from, trace.to})) {
         Require(one.begin >= ran && one.end > one.begin, "two threads ran on a CPU at once");
         ran = one.end;
     }

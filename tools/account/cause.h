@@ -50,12 +50,12 @@ struct CauseLink {
     std::string name;
     ThreadState state = ThreadState::Unknown;
     Micros length = 0;                  // In that state, all in all,
-    int32_t pieces = 1;                 // in so many pieces,
+    int32_t pieces = 0;                 // in so many pieces,
     Micros begin = NO_TIME, piece = 0;  // and the longest of them.
     int32_t cpu = -1;                   // That it ran on, or waited for.
     int32_t priority =
         120;  // As the kernel counts: below 100 of real time, from there nice values.
-    bool isWoken = false, isByInterrupt = false;
+    bool isByInterrupt = false;  // An interrupt woke it.
     std::string waker;  // "18890 (sensor)": the thread that woke it, which the next link is about.
     struct Ran {
         int32_t thread = 0;

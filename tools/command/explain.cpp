@@ -124,7 +124,7 @@ SchedTrace ReadTrace(const std::string& path, ProgressLine& progress) {
     FtraceReader reader;
     const std::string name = ReadInput(reader, path, progress);
     SchedTrace trace = reader.Finish();
-    if (trace.traceLines == 0) {
+    if (trace.IsEmpty()) {
         throw CommandError(name + ": error: none of its lines is a scheduler trace's [no-lines]");
     }
     if (trace.events.empty()) {

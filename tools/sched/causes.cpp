@@ -1,13 +1,13 @@
-#include "tools/sched/causes.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <numeric>
 
 #include "tools/account/limits.h"
 #include "tools/base/text.h"
+#include "tools/sched/scheduling.h"
 
 namespace tools {
 namespace {
@@ -16,43 +16,23 @@ namespace {
 constexpr Micros LEAST = MILLISECOND;
 // Wakers of wakers are followed that far.
 constexpr size_t LONGEST_CHAIN = 8;
-// Threads and states are named that had that share of the time, and no more than so many.
+// Threads and states are named that had a tenth of the time.
 constexpr Micros SHARE = 10;
-constexpr size_t NAMED = 2;
+
+using Ran = CauseLink::Ran;
 
 ThreadState LongestOf(const Shares& shares) {
-    return static_cast<ThreadState>(std::max_element(shares.begin(), shares.end()) -
-                                    shares.begin());
+    return static_cast<ThreadState>(std::ranges::max_element(shares) - shares.begin());
 }
 
 Micros TotalOf(const Shares& shares) {
     return std::accumulate(shares.begin(), shares.end(), Micros{0});
 }
 
-// What some threads did.
-using Doings = std::map<uint32_t, Shares>;
-
-Shares SumsOf(const Doings& doings) {
-    Shares sums{};
-    for (const auto& [thread, shares] : doings) {
-        sums += shares;
-    }
-    return sums;
-}
-
-// The thread that was in the state for longest; NO_THREAD for none.
-uint32_t MostOf(const Doings& doings, ThreadState state) {
-    const auto most =
-        std::max_element(doings.begin(), doings.end(), [state](const auto& one, const auto& other) {
-            return one.second[state] < other.second[state];
-        });
-    return most == doings.end() || most->second[state] == 0 ? NO_THREAD : most->first;
-}
-
 // When threads of a stage were at the frames concerned, and what they did then that has to be
 // explained.
 struct Stays {
-    std::map<uint32_t, std::vector<Span>> spans;
+    std::map<uint32_t, std::vector<Span>> spans{};
     Shares excess{};
 
     void Add(uint32_t thread, Span span, const Shares& more) {
@@ -63,8 +43,7 @@ struct Stays {
 
 // Makes one of those that overlap, or follow one another.
 std::vector<Span> Joined(std::vector<Span> spans) {
-    std::sort(spans.begin(), spans.end(),
-              [](Span one, Span other) { return one.begin < other.begin; });
+    std::ranges::sort(spans, {}, &Span::begin);
     std::vector<Span> joined;
     for (const Span span : spans) {
         if (!joined.empty() && span.begin <= joined.back().end) {
@@ -81,9 +60,15 @@ Micros LengthOf(const std::vector<Span>& spans) {
                            [](Micros sum, Span span) { return sum + span.Length(); });
 }
 
-void SortLongestFirst(std::vector<CauseLink::Ran>& ran) {
-    std::stable_sort(ran.begin(), ran.end(),
-                     [](const auto& one, const auto& other) { return one.length > other.length; });
+template <typename Key>
+std::vector<Ran> LongestFirst(const std::map<Key, Ran>& all) {
+    std::vector<Ran> longest;
+    longest.reserve(all.size());
+    for (const auto& [key, ran] : all) {
+        longest.push_back(ran);
+    }
+    std::ranges::stable_sort(longest, std::greater(), &Ran::length);
+    return longest;
 }
 
 // ---- Words ----
@@ -91,9 +76,6 @@ void SortLongestFirst(std::vector<CauseLink::Ran>& ran) {
 // "realtime priority 99", "nice 19". A trace has no scheduling classes: FIFO and round robin have
 // the same priorities, and a class for idle times shows as any other.
 std::string PriorityText(int32_t priority) {
-    if (priority < 0) {
-        return "a deadline";
-    }
     return priority < REAL_TIME ? fmt::format("realtime priority {}", REAL_TIME - 1 - priority)
                                 : fmt::format("nice {}", priority - USUAL_PRIORITY);
 }
@@ -110,46 +92,37 @@ std::string StateText(ThreadState state, Micros time) {
     return fmt::format(fmt::runtime(TEXTS[static_cast<size_t>(state)]), Ms(time));
 }
 
-// "ran 22 ms, slept 20 ms and waited 20 ms for a CPU": all states that had a share, as long as
-// they took.
+// "ran 22 ms, waited 20 ms for a CPU and slept 20 ms": all states that had a share.
 std::string SumsText(const Shares& sums) {
     const Micros all = TotalOf(sums);
     std::vector<std::string> parts;
-    Shares left = sums;
-    for (ThreadState state = LongestOf(left); left[state] > 0 && left[state] * SHARE >= all;
-         state = LongestOf(left)) {
-        parts.push_back(StateText(state, left[state]));
-        left[state] = 0;
+    for (size_t i = 0; i < THREAD_STATES; ++i) {
+        if (sums[i] > 0 && sums[i] * SHARE >= all) {
+            parts.push_back(StateText(ThreadState(i), sums[i]));
+        }
     }
     return Join(parts);
 }
 
 // ": CPU 1 ran kswapd0 40 ms and others 5 ms". Threads of one name are one.
 std::string RanText(const CauseLink& link) {
-    std::vector<CauseLink::Ran> names;
-    for (const CauseLink::Ran& one : link.ran) {
-        const auto known = std::find_if(names.begin(), names.end(), [&one](const auto& other) {
-            return other.name == one.name;
-        });
-        if (known == names.end()) {
-            names.push_back(one);
-        } else {
-            known->length += one.length;
-        }
-    }
-    SortLongestFirst(names);
-    std::vector<std::string> parts;
+    std::map<std::string, Ran> names;
     Micros rest = 0;
-    for (const CauseLink::Ran& one : names) {
-        if (parts.size() >= NAMED || one.length * SHARE < link.length) {
-            rest += one.length;
-            continue;
+    for (const Ran& one : link.ran) {
+        const auto [same, isNew] = names.try_emplace(one.name, one);
+        same->second.length += isNew ? 0 : one.length;
+        rest += one.length;
+    }
+    std::vector<std::string> parts;
+    for (const Ran& one : LongestFirst(names)) {
+        if (one.length * SHARE >= link.length) {
+            // A priority that explains why it came first.
+            const bool isAbove = one.priority < link.priority && one.priority != USUAL_PRIORITY;
+            parts.push_back(
+                fmt::format("{} {} ms{}", Printable(one.name), Ms(one.length),
+                            isAbove ? fmt::format(" ({})", PriorityText(one.priority)) : ""));
+            rest -= one.length;
         }
-        // A priority that explains why it came first.
-        const bool isAbove = one.priority < link.priority && one.priority != USUAL_PRIORITY;
-        parts.push_back(
-            fmt::format("{} {} ms{}", Printable(one.name), Ms(one.length),
-                        isAbove ? fmt::format(" ({})", PriorityText(one.priority)) : ""));
     }
     if (rest * SHARE >= link.length) {
         parts.push_back(fmt::format("others {} ms", Ms(rest)));
@@ -164,15 +137,11 @@ std::string TextOf(const CauseLink& link, bool hasFlags) {
         text += fmt::format(" in {} pieces", link.pieces);
     }
     if (link.state == ThreadState::Runnable) {
-        const bool isBelow = link.priority > USUAL_PRIORITY && !link.ran.empty() &&
-                             link.ran.front().priority < link.priority;
+        const bool isBelow = link.priority > USUAL_PRIORITY;
         return text + (isBelow ? " with " + PriorityText(link.priority) : "") + RanText(link);
     }
-    if (!link.isWoken) {
-        return text;
-    }
     if (link.waker.empty()) {
-        return text + (link.isByInterrupt ? " until an interrupt woke it" : " until it was woken");
+        return text + (link.isByInterrupt ? " until an interrupt woke it" : "");
     }
     return hasFlags ? text + " until thread " + link.waker + " woke it"
                     : text + " until it was woken, while thread " + link.waker + " had the CPU";
@@ -212,27 +181,18 @@ struct CauseExplainer {
     // long. Says so where the trace shows which it was.
     bool AddBreak(Cause& cause) const {
         for (const Tie::Break& one : all.tie.breaks) {
-            const Micros passed = one.byTrace.Length();
-            const bool isSilence = passed > one.Length();
+            const bool isSilence = one.passed > one.Length();
             if (isSilence && KindOf(cause.what) == Kind::ClockJump &&
-                passed * 2 > cause.took.front() && cause.time >= one.begin - LEAST &&
-                cause.time <= one.end + LEAST) {
+                cause.time >= one.begin - LEAST && cause.time <= one.end + LEAST) {
                 cause.what = Case::Silent;
-                cause.took = {passed};
-                cause.states = SumsOf(one.threads);
-                const ThreadState state = LongestOf(*cause.states);
-                const uint32_t thread = MostOf(one.threads, state);
-                if (thread != NO_THREAD && one.threads.at(thread)[state] * 2 > passed) {
-                    cause.scheduling = fmt::format("; thread {} {}", NameOfThread(thread),
-                                                   StateText(state, one.threads.at(thread)[state]));
-                }
+                cause.took = {one.passed};
                 return true;
             }
             if (!isSilence && cause.span.begin <= one.begin && one.end <= cause.span.end &&
                 KindOf(cause.what) != Kind::Unexplained && one.Length() * 2 > cause.span.Length()) {
                 cause.scheduling = fmt::format(
                     "; in the scheduler trace {} ms went by there, so the clock was set",
-                    Ms(passed));
+                    Ms(one.passed));
                 return true;
             }
         }
@@ -281,22 +241,25 @@ struct CauseExplainer {
         return stage < uses.stages ? uses.standing[stage] : NO_THREAD;
     }
 
-    // No thread logged anything: whether they were stopped, had no CPU, or computed.
+    // No thread logged anything: whether one was stopped, had no CPU, or computed.
     void AddToStandstill(Cause& cause) const {
-        Doings doings;
+        Shares sums{};
+        Stays worst;
+        Micros most = cause.span.Length() / 2;
         for (const ThreadUse& use : uses.threads) {
-            if (!use.stages.empty()) {
-                doings[use.thread] = states.SharesOf(use.thread, cause.span);
+            if (use.stages.empty()) {
+                continue;
+            }
+            Shares shares = states.SharesOf(use.thread, cause.span);
+            sums += shares;
+            shares[ThreadState::Sleeping] = 0;
+            if (const Micros longest = shares[LongestOf(shares)]; longest > most) {
+                most = longest;
+                worst = {{{use.thread, {cause.span}}}, shares};
             }
         }
-        Shares excess = SumsOf(doings);
-        excess[ThreadState::Sleeping] = 0;
-        const ThreadState state = LongestOf(excess);
-        const uint32_t thread = MostOf(doings, state);
-        if (thread != NO_THREAD && doings[thread][state] * 2 > cause.span.Length()) {
-            Explain(cause, {{{thread, {cause.span}}}, excess}, "; ");
-        }
-        cause.states = SumsOf(doings);
+        Explain(cause, std::move(worst), "; ");
+        cause.states = sums;
     }
 
     // Frames that are late or lost without a cause that a log could show: whether a stage's thread
@@ -378,37 +341,42 @@ struct CauseExplainer {
 
     // Sets the states, the chain and the words. `head`: begins the words; in braces the whole time.
     void Explain(Cause& cause, Stays stays, std::string_view head) const {
-        Doings doings;
-        for (auto& [thread, spans] : stays.spans) {
-            spans = Joined(std::move(spans));
-            doings[thread] = SharesOf(thread, spans);
-        }
-        if (doings.empty()) {
+        if (stays.spans.empty()) {
             return;
         }
-        const Shares sums = SumsOf(doings);
-        cause.states = sums;
         const Shares& excess = stays.excess;
+        const Micros longer = TotalOf(excess);
         const ThreadState state = LongestOf(excess);
-        const uint32_t thread = MostOf(doings, state);
+        Shares sums{};
+        uint32_t thread = NO_THREAD;  // That was in that state for longest.
+        Micros longest = 0;
+        for (auto& [one, spans] : stays.spans) {
+            spans = Joined(std::move(spans));
+            const Shares shares = SharesOf(one, spans);
+            sums += shares;
+            if (shares[state] > longest) {
+                thread = one;
+                longest = shares[state];
+            }
+        }
+        cause.states = sums;
         if (excess[state] < LEAST || state == ThreadState::Unknown || thread == NO_THREAD) {
             return;
         }
-        const Micros longer = TotalOf(excess);
-        cause.chain = Follow(thread, std::move(stays.spans[thread]), state, longer);
-        const bool isOne = doings.size() == 1;
+        cause.chain = Follow(thread, stays.spans[thread], state, longer);
         const bool isNamed = KindOf(cause.what) != Kind::SlowStage;
         const std::string one =
             isNamed ? NameOfThread(thread) : fmt::to_string(trace.threads[thread].tid);
+        const size_t threads = stays.spans.size();
         std::string& words = cause.scheduling;
         words =
             fmt::format(fmt::runtime(head), Ms(TotalOf(sums))) +
-            (isOne ? fmt::format("thread {} ", one) : fmt::format("{} threads ", doings.size()));
+            (threads == 1 ? fmt::format("thread {} ", one) : fmt::format("{} threads ", threads));
         if (excess[state] * 2 < longer) {
             words += SumsText(sums);
             return;
         }
-        if (!isOne) {
+        if (threads > 1) {
             words +=
                 fmt::format("{}; thread {} ", StateText(state, sums[state]), NameOfThread(thread));
         }
@@ -428,12 +396,11 @@ struct CauseExplainer {
                                   Micros excess) const {
         std::vector<CauseLink> chain;
         while (state != ThreadState::Unknown && chain.size() < LONGEST_CHAIN) {
-            CauseLink link;
+            const bool hasCpu = state == ThreadState::Running || state == ThreadState::Runnable;
+            CauseLink& link = chain.emplace_back();
             link.thread = trace.threads[thread].tid;
             link.name = trace.threads[thread].name;
             link.state = state;
-            link.pieces = 0;
-            const bool hasCpu = state == ThreadState::Running || state == ThreadState::Runnable;
             // By the CPU; those of a sleep by the thread that ended them.
             std::map<uint32_t, std::vector<Span>> pieces;
             for (const Span span : spans) {
@@ -454,28 +421,26 @@ struct CauseExplainer {
                     }
                 }
             }
-            const auto most = std::max_element(
-                pieces.begin(), pieces.end(), [](const auto& one, const auto& other) {
-                    return LengthOf(one.second) < LengthOf(other.second);
-                });
+            const auto most = std::ranges::max_element(
+                pieces, {}, [](const auto& one) { return LengthOf(one.second); });
             if (hasCpu) {
                 link.cpu = static_cast<int32_t>(most->first);
+                if (state == ThreadState::Runnable) {
+                    link.ran = RanOf(most->first, most->second);
+                }
+                break;
             }
-            if (state == ThreadState::Runnable) {
-                link.ran = RanOf(most->first, most->second);
-            }
-            link.isWoken =
-                !hasCpu && most != pieces.end() && LengthOf(most->second) * 2 >= link.length;
-            const bool isByThread =
-                link.isWoken && most->first != NO_THREAD && trace.threads[most->first].tid != 0;
-            // Without flags an interrupt looks like a waking by the thread that it hit.
-            link.isByInterrupt = link.isWoken && !isByThread && trace.hasFlags;
-            link.waker = isByThread ? NameOfThread(most->first) : "";
-            chain.push_back(std::move(link));
-            if (!isByThread || !trace.hasFlags) {
+            if (most == pieces.end() || LengthOf(most->second) * 2 < link.length) {
                 break;
             }
             thread = most->first;
+            const bool isByThread = thread != NO_THREAD && trace.threads[thread].tid != 0;
+            link.waker = isByThread ? NameOfThread(thread) : "";
+            // Without flags an interrupt looks like a waking by the thread that it hit.
+            link.isByInterrupt = !isByThread && trace.hasFlags;
+            if (!isByThread || !trace.hasFlags) {
+                break;
+            }
             spans = std::move(most->second);
             const Shares shares = SharesOf(thread, spans);
             // Having had no CPU is a cause by itself.
@@ -486,24 +451,18 @@ struct CauseExplainer {
     }
 
     // Which threads had the CPU meanwhile.
-    std::vector<CauseLink::Ran> RanOf(uint32_t cpu, const std::vector<Span>& spans) const {
-        std::map<uint32_t, CauseLink::Ran> byThread;
+    std::vector<Ran> RanOf(uint32_t cpu, const std::vector<Span>& spans) const {
+        std::map<uint32_t, Ran> byThread;
         for (const Span span : spans) {
-            for (const StateSpan& one : states.RanOn(cpu, span)) {
-                CauseLink::Ran& ran = byThread[one.thread];
+            for (const StateSpan& one : Within(states.cpus[cpu], span)) {
+                Ran& ran = byThread[one.thread];
                 ran.thread = trace.threads[one.thread].tid;
                 ran.name = trace.threads[one.thread].name;
                 ran.length += Cut(one, span).Length();
                 ran.priority = one.priority;
             }
         }
-        std::vector<CauseLink::Ran> longest;
-        longest.reserve(byThread.size());
-        for (const auto& [thread, ran] : byThread) {
-            longest.push_back(ran);
-        }
-        SortLongestFirst(longest);
-        return longest;
+        return LongestFirst(byThread);
     }
 
     // "18890 (sensor)".

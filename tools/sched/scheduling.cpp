@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "tools/base/text.h"
-#include "tools/sched/causes.h"
 
 namespace tools {
 namespace {
@@ -34,49 +33,46 @@ struct SceneMaker {
 
     // When frames were in stages, by the counters where there are some, and what their threads did.
     void FindUses() {
-        result.uses.resize(scene.frames.size() * static_cast<size_t>(result.stages));
+        const auto stages = static_cast<size_t>(result.stages);
+        result.uses.resize(scene.frames.size() * stages);
         for (uint32_t row = 0; row < scene.frames.size(); ++row) {
             for (int32_t stage = 0; stage < result.stages; ++stage) {
                 FindEnd(row, stage, result.uses[columns.PassOf(row, stage)]);
             }
         }
         for (size_t pass = 0; pass < result.uses.size(); ++pass) {
-            FindBegin(pass, result.uses[pass]);
+            StageUse& use = result.uses[pass];
+            Micros begin = columns.begin[pass];
+            if (columns.behind[pass] != NO_INDEX) {
+                begin = result.uses[columns.behind[pass]].span.end;
+            } else if (begin == NO_TIME && pass % stages == 0) {
+                begin = scene.frames[pass / stages].start;
+            }
+            if (begin == NO_TIME) {
+                use.thread = NO_THREAD;
+            }
+            if (use.thread != NO_THREAD) {
+                use.span.begin = std::min(begin, use.span.end);
+                use.shares = all.states.SharesOf(use.thread, use.span);
+            }
         }
     }
 
     void FindEnd(uint32_t row, int32_t stage, StageUse& use) const {
-        const Micros left = scene.LeftOf(row, stage);
-        if (left == NO_TIME) {
+        use.span.end = scene.LeftOf(row, stage);
+        if (use.span.end == NO_TIME) {
             return;
         }
         const auto number = static_cast<int32_t>(scene.frames[row].number);
         const CountedEvent event =
             scene.isAlone ? CountedEvent{MessageKind::FrameEnd, -1, number, scene.process}
                           : CountedEvent{MessageKind::StageEnd, stage, number, scene.process};
-        const SchedCounter* const counter = CounterBeside(trace, event, left);
-        use.span.end = counter != nullptr ? counter->time : left;
-        if (counter != nullptr) {
+        if (const SchedCounter* const counter = CounterBeside(trace, event, use.span.end)) {
+            use.span.end = counter->time;
             use.thread = counter->thread;
         } else if (!scene.isAlone) {
             use.thread = ThreadOf(scene.PassOf(row, stage).thread);
         }
-    }
-
-    void FindBegin(size_t pass, StageUse& use) const {
-        const auto stages = static_cast<size_t>(result.stages);
-        Micros begin = columns.begin[pass];
-        if (columns.behind[pass] != NO_INDEX) {
-            begin = result.uses[columns.behind[pass]].span.end;
-        } else if (begin == NO_TIME && pass % stages == 0) {
-            begin = scene.frames[pass / stages].start;
-        }
-        if (begin == NO_TIME || use.thread == NO_THREAD) {
-            use.thread = NO_THREAD;
-            return;
-        }
-        use.span.begin = std::min(begin, use.span.end);
-        use.shares = all.states.SharesOf(use.thread, use.span);
     }
 
     uint32_t ThreadOf(int32_t tid) const {
@@ -97,20 +93,13 @@ struct SceneMaker {
             for (const auto& [thread, time] : last) {
                 threads[thread].stages.push_back(stage);
             }
-            const auto standing = std::min_element(
-                last.begin(), last.end(),
-                [](const auto& one, const auto& other) { return one.second < other.second; });
+            const auto standing =
+                std::ranges::min_element(last, {}, [](auto& one) { return one.second; });
             result.standing.push_back(standing == last.end() ? NO_THREAD : standing->first);
         }
         result.isHandedKnown = scene.hasThreads && !scene.isBeginningMissing;
         for (const int32_t tid : scene.setThreads) {
             threads[ThreadOf(tid)].isHanded = true;
-        }
-        // Threads that report no stage are known by their ids alone.
-        for (uint32_t i = 0; all.tie.isSameNumbering && i < trace.threads.size(); ++i) {
-            if (scene.setThreads.contains(trace.threads[i].tid)) {
-                threads[i].isHanded = true;
-            }
         }
         threads.erase(NO_THREAD);
         for (auto& [thread, use] : threads) {
@@ -118,10 +107,9 @@ struct SceneMaker {
             use.shares = all.states.SharesOf(thread, {scene.begin, scene.end});
             result.threads.push_back(std::move(use));
         }
-        std::stable_sort(result.threads.begin(), result.threads.end(),
-                         [this](const ThreadUse& one, const ThreadUse& other) {
-                             return trace.threads[one.thread].tid < trace.threads[other.thread].tid;
-                         });
+        std::ranges::stable_sort(result.threads, {}, [this](const ThreadUse& use) {
+            return trace.threads[use.thread].tid;
+        });
     }
 
     void FindUsual() {

@@ -63,6 +63,11 @@ struct Scheduling {
     std::vector<std::string> notes;       // What the trace does not cover.
 };
 
+// Adds to each cause about a stage that took long, or in which frames stand, what its threads did
+// meanwhile: they ran, waited for a CPU that others had, or slept until a thread woke them, which
+// is looked at in turn. Frames that no cause explains are explained by that where it can be.
+void AddScheduling(JudgedScene& judged, const SceneScheduling& uses, const Scheduling& all);
+
 // Works the scheduling out and adds what threads did to the causes of an account that was judged,
 // before findings are made of them. Throws a TieError where trace and log do not belong together.
 Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,

@@ -12,8 +12,7 @@ class Tracker {
   public:
     explicit Tracker(const SchedTrace& schedTrace)
         : trace(schedTrace), holes(trace.holes), threads(trace.threads.size()) {
-        std::sort(holes.begin(), holes.end(),
-                  [](const auto& one, const auto& other) { return one.end < other.end; });
+        std::ranges::sort(holes, {}, &SchedTrace::Hole::end);
         states.threads.resize(threads.size());
         for (uint32_t i = 0; i < threads.size(); ++i) {
             threads[i].now.begin = trace.from;
@@ -23,19 +22,10 @@ class Tracker {
 
     States Follow() {
         for (const SchedEvent& event : trace.events) {
-            switch (event.kind) {
-                case SchedEvent::Kind::Switch:
-                    OnSwitch(event);
-                    break;
-                case SchedEvent::Kind::New:
-                    threads[event.thread].now.state = ThreadState::Gone;
-                    [[fallthrough]];
-                case SchedEvent::Kind::Waking:
-                    OnWaking(event);
-                    break;
-                case SchedEvent::Kind::Wakeup:
-                    OnWakeup(event);
-                    break;
+            if (event.kind == SchedEvent::Kind::Switch) {
+                OnSwitch(event);
+            } else {
+                OnWaking(event, threads[event.thread]);
             }
             threads[event.thread].isFirst = false;
         }
@@ -59,21 +49,20 @@ class Tracker {
     };
 
     void OnSwitch(const SchedEvent& event) {
-        if (event.cpu >= cpus.size()) {
-            cpus.resize(event.cpu + size_t{1});
-            states.cpus.resize(cpus.size());
-        }
         Cpu& cpu = cpus[event.cpu];
-        if (cpu.thread != NO_THREAD && cpu.thread != event.thread) {
-            Thread& before = threads[cpu.thread];
-            // A thread whose CPU another one leaves had left, too: that was left out. `none` at
-            // 29138.196436, thread 70.
-            if (IsOn(before, event.cpu)) {
-                before.now.state = ThreadState::Unknown;
-            }
+        // A thread whose CPU another one leaves had left, too: that was left out. `none` at
+        // 29138.196436, thread 70.
+        if (cpu.thread != NO_THREAD && cpu.thread != event.thread &&
+            IsOn(threads[cpu.thread], event.cpu)) {
+            threads[cpu.thread].now.state = ThreadState::Unknown;
         }
         if (event.thread != event.other) {
-            OnSwitchOut(threads[event.thread], event, cpu);
+            Thread& leaving = threads[event.thread];
+            if (!IsOn(leaving, event.cpu)) {
+                AddComing(leaving, event, cpu);
+            }
+            Open(leaving, event.time, event.left, event.cpu, event.priority);
+            leaving.hasCpu = true;
             OnSwitchIn(threads[event.other], event);
         }
         cpu = {event.other, event.time};
@@ -81,14 +70,6 @@ class Tracker {
 
     static bool IsOn(const Thread& thread, uint16_t cpu) {
         return thread.now.state == ThreadState::Running && thread.now.cpu == cpu;
-    }
-
-    void OnSwitchOut(Thread& thread, const SchedEvent& event, const Cpu& cpu) {
-        if (!IsOn(thread, event.cpu)) {
-            AddComing(thread, event, cpu);
-        }
-        Open(thread, event.time, event.left, event.cpu, event.priority);
-        thread.hasCpu = true;
     }
 
     void OnSwitchIn(Thread& thread, const SchedEvent& event) {
@@ -102,39 +83,35 @@ class Tracker {
         thread.isFirst = false;
     }
 
-    void OnWaking(const SchedEvent& event) {
-        Thread& thread = threads[event.thread];
+    void OnWaking(const SchedEvent& event, Thread& thread) {
+        const bool isWakeup = event.kind == SchedEvent::Kind::Wakeup;
+        const bool isNew = event.kind == SchedEvent::Kind::New;
         StateSpan& now = thread.now;
+        if (isNew) {
+            now.state = ThreadState::Gone;
+        }
         if (now.state == ThreadState::Running) {
-            thread.isWokenEarly = true;
+            // With a wakeup it was woken before it left the CPU and went on: `none` at
+            // 29138.200141, thread 70.
+            thread.isWokenEarly = !isWakeup;
             return;
         }
-        if (now.state == ThreadState::Runnable) {
-            return;
+        if (isWakeup) {
+            TakeEarlyWaking(thread);
         }
-        if (thread.isFirst && event.kind != SchedEvent::Kind::New) {
-            now.state = ThreadState::Sleeping;
-        }
-        now.isWoken = true;
-        now.waker = event.other;
-        Open(thread, event.time, ThreadState::Runnable, event.cpu, event.priority);
-        thread.hasCpu = event.kind != SchedEvent::Kind::Waking;
-        thread.isWokenEarly = false;
-    }
-
-    void OnWakeup(const SchedEvent& event) {
-        Thread& thread = threads[event.thread];
-        if (thread.now.state == ThreadState::Running) {
-            // It was woken before it left the CPU and went on: `none` at 29138.200141, thread 70.
+        if (now.state != ThreadState::Runnable) {
+            if (thread.isFirst && !isNew) {
+                now.state = ThreadState::Sleeping;
+            }
+            now.isWoken = true;
+            now.waker = event.other;
+            Open(thread, event.time, ThreadState::Runnable, event.cpu, event.priority);
+            thread.hasCpu = isWakeup || isNew;
             thread.isWokenEarly = false;
-            return;
+        } else if (isWakeup) {
+            now.cpu = event.cpu;
+            thread.hasCpu = true;
         }
-        TakeEarlyWaking(thread);
-        if (thread.now.state != ThreadState::Runnable) {
-            return OnWaking(event);  // Traces may lack sched_waking.
-        }
-        thread.now.cpu = event.cpu;
-        thread.hasCpu = true;
     }
 
     // A waking that the kernel noted just before the thread's leaving ended that sleep before it
@@ -176,11 +153,8 @@ class Tracker {
 
     // Where events were lost that may have changed it, the state is not known from there on.
     void Push(StateSpan span) {
-        auto hole = std::partition_point(
-            holes.begin(), holes.end(),
-            [&](const SchedTrace::Hole& one) { return one.end <= span.begin; });
-        while (span.state != ThreadState::Unknown && hole != holes.end() &&
-               hole->begin < span.end) {
+        auto hole = std::ranges::upper_bound(holes, span.begin, {}, &SchedTrace::Hole::end);
+        for (; hole != holes.end() && hole->begin < span.end; ++hole) {
             if (span.state != ThreadState::Running || hole->cpu == span.cpu ||
                 hole->cpu == SchedTrace::ALL_CPUS) {
                 StateSpan known = span;
@@ -188,8 +162,8 @@ class Tracker {
                 known.isWoken = false;
                 Keep(known);
                 span = {{known.end, span.end}, span.thread};
+                break;
             }
-            ++hole;
         }
         Keep(span);
     }
@@ -208,7 +182,7 @@ class Tracker {
     std::vector<SchedTrace::Hole> holes;  // By their ends.
     States states;
     std::vector<Thread> threads;
-    std::vector<Cpu> cpus;
+    std::vector<Cpu> cpus = std::vector<Cpu>(MOST_CPUS);
 };
 
 }  // namespace
@@ -218,11 +192,8 @@ States StatesOf(const SchedTrace& trace) {
 }
 
 std::span<const StateSpan> Within(const StateSpans& spans, Span span) {
-    const auto first = std::partition_point(
-        spans.begin(), spans.end(), [&](const StateSpan& one) { return one.end <= span.begin; });
-    const auto last = std::partition_point(
-        first, spans.end(), [&](const StateSpan& one) { return one.begin < span.end; });
-    return {first, last};
+    const auto first = std::ranges::upper_bound(spans, span.begin, {}, &StateSpan::end);
+    return {first, std::ranges::lower_bound(first, spans.end(), span.end, {}, &StateSpan::begin)};
 }
 
 Shares States::SharesOf(uint32_t thread, Span span) const {
@@ -234,10 +205,6 @@ Shares States::SharesOf(uint32_t thread, Span span) const {
         shares[one.state] += length;
     }
     return shares;
-}
-
-std::span<const StateSpan> States::RanOn(size_t cpu, Span span) const {
-    return cpu < cpus.size() ? Within(cpus[cpu], span) : std::span<const StateSpan>();
 }
 
 }  // namespace tools

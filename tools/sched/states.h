@@ -27,14 +27,13 @@ struct StateSpan : Span {
 using StateSpans = std::vector<StateSpan>;
 
 struct States {
-    std::vector<StateSpans>
-        threads;                   // Of each, one after another from the trace's begin to its end.
-    std::vector<StateSpans> cpus;  // On each, the times for which a thread ran; idle ones are not.
+    // Of each thread, one after another from the trace's begin to its end.
+    std::vector<StateSpans> threads;
+    // On each CPU, when threads ran; idle ones are left out.
+    std::vector<StateSpans> cpus = std::vector<StateSpans>(MOST_CPUS);
 
     // How long the thread was in each state.
     Shares SharesOf(uint32_t thread, Span span) const;
-    // When threads ran on the CPU.
-    std::span<const StateSpan> RanOn(size_t cpu, Span span) const;
 };
 
 States StatesOf(const SchedTrace& trace);

@@ -4,13 +4,10 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <set>
 #include <span>
 #include <utility>
 
 #include "tools/base/statistics.h"
-#include "tools/base/text.h"
-#include "tools/sched/states.h"
 
 namespace tools {
 namespace {
@@ -22,7 +19,7 @@ constexpr Micros COARSE = SECOND;
 // Clocks drift: what ties them is looked at so many lines at a time.
 constexpr size_t AT_A_TIME = 64;
 // A line and its counter are no further apart, unless a thread is stopped between them.
-constexpr Micros TOGETHER = 5 * MILLISECOND;
+constexpr Micros TOGETHER = 10 * MILLISECOND;
 // What nine of ten keep to. Two recordings of the same frames differ by more: nodes never take the
 // same time twice.
 constexpr Micros AGREEING = 600;
@@ -36,48 +33,28 @@ struct Knot {
     Micros Trace() const { return log + ahead; }
 };
 
-// Knots rise by both clocks: one that does not is left out.
+// Knots rise by the trace's clock and do not fall by the log's: one that does not do so is left
+// out.
 void AddKnot(std::vector<Knot>& knots, Knot knot) {
-    if (knots.empty() || (knot.log > knots.back().log && knot.Trace() > knots.back().Trace())) {
+    if (knots.empty() || (knot.log >= knots.back().log && knot.Trace() > knots.back().Trace())) {
         knots.push_back(knot);
     }
 }
 
 // What a guess of how much the trace's clock is ahead leads to.
 struct Fit {
-    std::vector<Knot> knots;
-    std::vector<Micros> apart;  // Of each pair of a line and a counter that agree.
-    // How often a thread of the log is one of the trace.
-    std::map<int32_t, std::map<uint32_t, int64_t>> threads;
-    int64_t pairs = 0;  // Lines of frames that the trace has counters of.
-
-    Micros Within() const {
-        std::vector<Micros> values = apart;
-        return QuantileOf(values, 0.9, 0);
-    }
-    int64_t Agreeing() const { return std::ssize(apart); }
-
-    void Add(const Fit& behind) {
-        for (const Knot& knot : behind.knots) {
-            AddKnot(knots, knot);
-        }
-        apart.insert(apart.end(), behind.apart.begin(), behind.apart.end());
-        for (const auto& [ofLog, counts] : behind.threads) {
-            for (const auto& [ofTrace, count] : counts) {
-                threads[ofLog][ofTrace] += count;
-            }
-        }
-    }
+    std::vector<Knot> knots{};
+    int64_t pairs = 0;     // Lines of events that the trace has counters of.
+    int64_t agreeing = 0;  // Of these, lines that agree with their counters,
+    Micros within = 0;     // nine of ten to within this much.
 };
 
 // The counter of an event that is nearest to a time; null for none.
 const SchedCounter* NearestCounter(const SchedTrace& trace, const CountedEvent& event,
                                    Micros time) {
     const std::span<const SchedCounter> all = trace.CountersOf(event);
-    const auto nearest =
-        std::min_element(all.begin(), all.end(), [time](const auto& one, const auto& other) {
-            return std::abs(one.time - time) < std::abs(other.time - time);
-        });
+    const auto nearest = std::ranges::min_element(
+        all, {}, [time](const SchedCounter& one) { return std::abs(one.time - time); });
     return nearest == all.end() ? nullptr : &*nearest;
 }
 
@@ -87,39 +64,32 @@ struct Tying {
     const int64_t fewest = std::min<int64_t>(FEWEST, std::ssize(trace.counters));
 
     // Each line with the counter that is nearest, and how far they are apart by stretches.
-    Fit Match(Lines lines, Micros base) const {
+    Fit Match(Lines lines, Micros ahead) const {
         Fit fit;
-        Micros ahead = base;
+        std::vector<Micros> apart;
         for (size_t at = 0; at < lines.size(); at += AT_A_TIME) {
-            std::vector<std::pair<const CountedLine*, const SchedCounter*>> pairs;
+            const Lines stretch = lines.subspan(at, std::min(AT_A_TIME, lines.size() - at));
             std::vector<Micros> values;
-            for (const CountedLine& line :
-                 lines.subspan(at, std::min(AT_A_TIME, lines.size() - at))) {
+            for (const CountedLine& line : stretch) {
                 const SchedCounter* const counter = NearestCounter(trace, line, line.time + ahead);
                 fit.pairs += counter != nullptr ? 1 : 0;
-                if (counter != nullptr && std::abs(counter->time - line.time - base) <= COARSE) {
-                    pairs.emplace_back(&line, counter);
+                if (counter != nullptr && std::abs(counter->time - line.time - ahead) <= COARSE) {
                     values.push_back(counter->time - line.time);
                 }
             }
+            if (values.empty()) {
+                continue;
+            }
             ahead = MedianOf(values, ahead);
-            const size_t before = fit.apart.size();
-            for (const auto& [line, counter] : pairs) {
-                const Micros apart = std::abs(counter->time - line->time - ahead);
-                if (apart <= TOGETHER) {
-                    fit.apart.push_back(apart);
-                    ++fit.threads[line->thread][counter->thread];
+            AddKnot(fit.knots, {stretch[stretch.size() / 2].time, ahead});
+            for (const Micros value : values) {
+                if (std::abs(value - ahead) <= TOGETHER) {
+                    apart.push_back(std::abs(value - ahead));
                 }
             }
-            if (fit.apart.size() > before) {
-                // What holds in the middle of the first stretch holds at its beginning, too.
-                const CountedLine& middle = *pairs[pairs.size() / 2].first;
-                AddKnot(fit.knots, {fit.knots.empty() ? lines.front().time : middle.time, ahead});
-            }
         }
-        if (!fit.knots.empty()) {
-            AddKnot(fit.knots, {lines.back().time, fit.knots.back().ahead});
-        }
+        fit.agreeing = std::ssize(apart);
+        fit.within = QuantileOf(apart, 0.9, 0);
         return fit;
     }
 
@@ -144,9 +114,8 @@ struct Tying {
                 continue;
             }
             Fit other = Match(lines, MedianOf(aheads, 0));
-            if (other.Agreeing() * 2 > best.Agreeing() &&
-                (best.apart.empty() || std::pair(other.Within(), -other.Agreeing()) <
-                                           std::pair(best.Within(), -best.Agreeing()))) {
+            if (other.agreeing * 2 > best.agreeing &&
+                (best.agreeing == 0 || other.within < best.within)) {
                 best = std::move(other);
             }
         }
@@ -154,15 +123,14 @@ struct Tying {
     }
 
     bool IsGood(const Fit& fit) const {
-        return fit.Agreeing() >= fewest && fit.Agreeing() * 2 >= fit.pairs &&
-               fit.Within() <= resolution / 2 + AGREEING;
+        return fit.agreeing >= fewest && fit.agreeing * 2 >= fit.pairs &&
+               fit.within <= resolution / 2 + AGREEING;
     }
 };
 
-// A time of the trace by the log's clock. The knots rise by both clocks.
+// A time of the trace by the log's clock.
 Micros ToLog(const std::vector<Knot>& knots, Micros time) {
-    const auto next = std::partition_point(
-        knots.begin(), knots.end(), [time](const Knot& knot) { return knot.Trace() < time; });
+    const auto next = std::ranges::lower_bound(knots, time, {}, &Knot::Trace);
     if (next == knots.begin() || next == knots.end()) {
         return time - (next == knots.end() ? knots.back() : *next).ahead;
     }
@@ -187,89 +155,29 @@ void TurnIntoLog(SchedTrace& trace, const std::vector<Knot>& knots) {
     turn(trace.to);
 }
 
-// Where the clock was set, or nothing was logged for long, the clocks may have moved apart: from
-// one such place to the next the lines are one part.
-std::vector<Lines> PartsOf(Lines lines) {
-    std::vector<Lines> parts;
-    size_t first = 0;
-    for (size_t i = 1; i <= lines.size(); ++i) {
-        if (i == lines.size() || lines[i].isBehindStep ||
-            std::abs(lines[i].time - lines[i - 1].time) > SILENCE) {
-            parts.push_back(lines.subspan(first, i - first));
-            first = i;
-        }
-    }
-    return parts;
-}
-
-// Ties the clocks across the place where one part ends and the next begins.
-void Bridge(std::vector<Knot>& knots, const Knot& to, Tie& tie) {
-    const Knot from = knots.back();
-    const Span log = {from.log, to.log}, byTrace = {from.Trace(), to.Trace()};
-    // The clocks move apart in the middle between the two lines.
-    const Micros near = std::max<Micros>(std::min(byTrace.Length(), to.log - from.log) / 2 - 1, 0);
-    AddKnot(knots, {from.log + near, from.ahead});
-    AddKnot(knots, {to.log - near, to.ahead});
-    if (std::abs(to.ahead - from.ahead) > SILENCE) {
-        tie.breaks.push_back({log, byTrace});
-    }
-}
-
-// Finds the trace's thread of each of the log's. Where processes have the same ids in both, threads
-// have, too; a trace from outside of a container has other ids of both.
-void FindThreads(const SchedTrace& trace, const Fit& fit, Tie& tie) {
-    for (const auto& [ofLog, counts] : fit.threads) {
-        const auto most = std::max_element(
-            counts.begin(), counts.end(),
-            [](const auto& one, const auto& other) { return one.second < other.second; });
-        if (ofLog > 0) {  // Else the log does not have it.
-            tie.threads[ofLog] = most->first;
-        }
-    }
-    const bool isSameProcess =
-        std::any_of(trace.counters.begin(), trace.counters.end(),
-                    [](const SchedCounter& one) { return one.group == one.process; }) ||
-        std::any_of(tie.threads.begin(), tie.threads.end(), [&trace](const auto& pair) {
-            return trace.threads[pair.second].tid == pair.first;
-        });
-    for (const auto& [ofLog, ofTrace] : tie.threads) {
-        if (isSameProcess && trace.threads[ofTrace].tid != ofLog) {
-            throw TieError(fmt::format(
-                "its counters and the log are of the same process, but the log's lines of thread "
-                "{} are\nthread {}'s in the trace: it is of another recording",
-                ofLog, trace.threads[ofTrace].tid));
-        }
-    }
-    tie.isSameNumbering = isSameProcess || tie.threads.empty();
+// Where the clock was set, or nothing was logged for long, the clocks may have moved apart.
+bool IsBreak(const CountedLine& line, const CountedLine& next) {
+    return next.isBehindStep || std::abs(next.time - line.time) > SILENCE;
 }
 
 }  // namespace
 
 void CountedLines::OnMessage(const Message& message, const Moment& moment) {
-    switch (message.kind) {
-        case MessageKind::FrameStart:
-        case MessageKind::FrameEnd:
-        case MessageKind::StageStart:
-        case MessageKind::StageEnd:
+    for (const auto& [kind, name] : COUNTER_NAMES) {
+        if (message.kind == kind) {
             all.push_back(
-                {{message.kind, message.stage, static_cast<int32_t>(message.frame), moment.process},
+                {{kind, message.stage, static_cast<int32_t>(message.frame), moment.process},
                  moment.time,
                  moment.thread,
                  isBehindStep});
             isBehindStep = false;
-            return;
-        default:
-            return;
+        }
     }
-}
-
-void CountedLines::OnClockSet(Micros /*step*/, const Moment& /*moment*/, const Place& /*place*/) {
-    isBehindStep = true;
 }
 
 const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& event, Micros time) {
     const SchedCounter* const counter = NearestCounter(trace, event, time);
-    const bool isNear = counter != nullptr && std::abs(counter->time - time) <= 2 * TOGETHER;
+    const bool isNear = counter != nullptr && std::abs(counter->time - time) <= TOGETHER;
     return isNear ? counter : nullptr;
 }
 
@@ -288,60 +196,69 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
     const Tying tying{trace, resolution};
     // All lines together show best which of several recordings of the same frames it is.
     const Fit whole = tying.Best(lines);
-    if (whole.pairs == 0) {
-        throw TieError(fmt::format(
-            "none of its counters (of process {}) is of a frame of the log (of process {}):\n"
-            "the one ends before the other begins, or they are of two runs",
-            trace.counters.front().process, lines.front().process));
-    }
     const Micros base = whole.knots.empty() ? 0 : whole.knots.front().ahead;
     Tie tie;
-    Fit all;
-    for (const Lines& part : PartsOf(lines)) {
+    std::vector<Knot> knots;
+    for (Lines rest = lines, part; !rest.empty(); rest = rest.subspan(part.size())) {
+        const auto last = std::ranges::adjacent_find(rest, IsBreak);
+        part = {rest.begin(), last == rest.end() ? last : last + 1};
         Fit fit = tying.Match(part, base);
         if (!tying.IsGood(fit)) {
             fit = tying.Best(part);
         }
         if (fit.pairs < tying.fewest) {
-            continue;  // Too few to show anything; no such part has a knot of its own.
+            continue;  // Too few to show anything.
         }
-        const bool isFirst = all.knots.empty();
-        if (!tying.IsGood(fit) ||
-            (!isFirst && fit.knots.front().Trace() <= all.knots.back().Trace())) {
+        const Knot from = knots.empty() ? Knot() : knots.back();
+        const Knot to = {part.front().time, fit.knots.front().ahead};
+        if (!tying.IsGood(fit) || (!knots.empty() && to.Trace() <= from.Trace())) {
             tie.untied.push_back({part.front().time, part.back().time});
             continue;
         }
-        if (!isFirst) {
-            Bridge(all.knots, fit.knots.front(), tie);
+        if (!knots.empty() && std::abs(to.ahead - from.ahead) > SILENCE) {
+            const Tie::Break apart = {{from.log, to.log}, to.Trace() - from.Trace()};
+            tie.breaks.push_back(apart);
+            // The clocks move apart in the middle between the two lines.
+            const Micros near = (std::min(apart.Length(), apart.passed) - 1) / 2;
+            AddKnot(knots, {from.log + near, from.ahead});
+            AddKnot(knots, {to.log - near, to.ahead});
         }
-        all.Add(fit);
+        AddKnot(knots, to);
+        for (const Knot& knot : fit.knots) {
+            AddKnot(knots, knot);
+        }
+        AddKnot(knots, {part.back().time, fit.knots.back().ahead});
     }
-    if (all.knots.empty()) {
+    if (knots.empty()) {
         throw TieError(
-            fmt::format("its counters and the log are of different times (another run, or another "
-                        "boot): {} of\n"
-                        "{} agree, to within {} ms",
-                        whole.Agreeing(), Counted(std::ssize(trace.counters), "counter"),
-                        Fixed(static_cast<double>(whole.Within()) / 1000, 1)));
+            fmt::format("its counters (of process {}) and the log (of process {}) are of different "
+                        "times:\n"
+                        "the one ends before the other begins, or they are of two runs or boots",
+                        trace.counters.front().process, lines.front().process));
     }
-    FindThreads(trace, all, tie);
-    tie.counters = all.Agreeing();
-    tie.within = all.Within();
-    if (!tie.breaks.empty()) {
-        const States states = StatesOf(trace);  // By the trace's clock.
-        for (Tie::Break& one : tie.breaks) {
-            for (const auto& [ofLog, ofTrace] : tie.threads) {
-                one.threads[ofTrace] = states.SharesOf(ofTrace, one.byTrace);
-            }
-        }
-    }
-    TurnIntoLog(trace, all.knots);
+    TurnIntoLog(trace, knots);
     for (const Span part : tie.untied) {
         trace.holes.push_back({part, SchedTrace::ALL_CPUS});
     }
     for (const Span part : tie.breaks) {
         trace.holes.push_back({part, SchedTrace::ALL_CPUS});
     }
+    std::vector<Micros> apart;
+    for (const CountedLine& line : lines) {
+        if (const SchedCounter* const counter = CounterBeside(trace, line, line.time)) {
+            apart.push_back(std::abs(counter->time - line.time));
+            tie.threads.try_emplace(line.thread, counter->thread);
+        }
+    }
+    tie.threads.erase(-1);  // A log may lack them.
+    const bool isSameNumbering = std::ranges::all_of(tie.threads, [&trace](const auto& one) {
+        return one.first == trace.threads[one.second].tid;
+    });
+    for (uint32_t i = 0; isSameNumbering && i < trace.threads.size(); ++i) {
+        tie.threads.try_emplace(trace.threads[i].tid, i);
+    }
+    tie.counters = std::ssize(apart);
+    tie.within = QuantileOf(apart, 0.9, 0);
     return tie;
 }
 

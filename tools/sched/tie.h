@@ -24,7 +24,9 @@ struct CountedLine : CountedEvent {
 // Keeps such lines.
 struct CountedLines : MessageSink {
     void OnMessage(const Message& message, const Moment& moment) override;
-    void OnClockSet(Micros step, const Moment& moment, const Place& place) override;
+    void OnClockSet(Micros /*step*/, const Moment& /*moment*/, const Place& /*place*/) override {
+        isBehindStep = true;
+    }
 
     std::vector<CountedLine> all;
     bool isBehindStep = false;  // The clock was set behind the last line.
@@ -38,15 +40,15 @@ class TieError : public std::runtime_error {
 
 // What tying the clocks showed.
 struct Tie {
-    int64_t counters = 0;                 // That many tie them,
-    Micros within = 0;                    // and nine of ten of these agree to within this much.
-    std::map<int32_t, uint32_t> threads;  // The trace's thread of each of the log's.
-    bool isSameNumbering = true;          // Threads have the same ids in both.
+    int64_t counters = 0;  // That many tie them,
+    Micros within = 0;     // and nine of ten of these agree to within this much.
+    // The trace's thread of each of the log's, by the counters that it wrote; where both number
+    // threads alike, of any thread of the trace.
+    std::map<int32_t, uint32_t> threads;
     // Where the log's times and the trace's move apart: its clock was set, or seemed so after a
     // long silence.
     struct Break : Span {  // From the last line before to the first one behind, by the log.
-        Span byTrace;      // The same by the trace's clock,
-        std::map<uint32_t, Shares> threads{};  // and what the log's threads did then.
+        Micros passed;     // By the trace's clock.
     };
     std::vector<Break> breaks;
     std::vector<Span> untied;  // Of the log: parts to which none of the trace's counters fits.

@@ -1,15 +1,13 @@
 #include "tools/sched/trace.h"
 
 #include <algorithm>
-#include <tuple>
 #include <utility>
 
 namespace tools {
+
 std::span<const SchedCounter> SchedTrace::CountersOf(const CountedEvent& event) const {
-    const auto [first, last] = std::equal_range(
-        counters.begin(), counters.end(), event,
-        [](const CountedEvent& one, const CountedEvent& other) { return one < other; });
-    return {first, last};
+    return std::ranges::equal_range(
+        counters, event, {}, [](const SchedCounter& one) -> const CountedEvent& { return one; });
 }
 
 uint32_t SchedTraceMaker::ThreadOf(const Task& task, uint32_t cpu) {
@@ -46,7 +44,7 @@ void SchedTraceMaker::OnWaking(SchedEvent::Kind kind, Micros time, uint32_t cpu,
 void SchedTraceMaker::OnTime(uint32_t cpu, Micros time) {
     trace.from = trace.from == NO_TIME ? time : std::min(trace.from, time);
     trace.to = std::max(trace.to, time);
-    Cpu& known = CpuOf(cpu);
+    Cpu& known = cpus[cpu];
     if (known.hasLost) {
         const Micros since = known.last == NO_TIME ? trace.from : known.last;
         trace.holes.push_back({{since, time}, static_cast<uint16_t>(cpu)});
@@ -54,20 +52,16 @@ void SchedTraceMaker::OnTime(uint32_t cpu, Micros time) {
     known = {time, false};
 }
 
-SchedTraceMaker::Cpu& SchedTraceMaker::CpuOf(uint32_t cpu) {
-    cpus.resize(std::max<size_t>(cpus.size(), cpu + size_t{1}));
-    return cpus[cpu];
+void SchedTraceMaker::OnLost(uint32_t cpu, int64_t count) {
+    trace.lost += count;
+    cpus[cpu].hasLost = true;
 }
 
 SchedTrace SchedTraceMaker::Finish() {
-    std::sort(trace.counters.begin(), trace.counters.end(),
-              [](const SchedCounter& one, const SchedCounter& other) {
-                  const CountedEvent &event = one, &otherEvent = other;
-                  return std::tie(event, one.time) < std::tie(otherEvent, other.time);
-              });
-    std::stable_sort(
-        trace.events.begin(), trace.events.end(),
-        [](const SchedEvent& one, const SchedEvent& other) { return one.time < other.time; });
+    std::ranges::sort(trace.counters, {}, [](const SchedCounter& counter) {
+        return std::pair<CountedEvent, Micros>(counter, counter.time);
+    });
+    std::ranges::stable_sort(trace.events, {}, &SchedEvent::time);
     return std::move(trace);
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "tools/account/cause.h"
@@ -52,11 +53,17 @@ struct CountedEvent {
     auto operator<=>(const CountedEvent&) const = default;  // NOLINT(modernize-use-nullptr): its 0.
 };
 
+// The counters' names, behind "TcfbtNotify". Those of stages have the stage's number behind that.
+inline constexpr std::pair<MessageKind, std::string_view> COUNTER_NAMES[] = {
+    {MessageKind::FrameStart, "FrameStart"},
+    {MessageKind::FrameEnd, "FrameEnd"},
+    {MessageKind::StageStart, "StageStart"},
+    {MessageKind::StageEnd, "StageEnd"}};
+
 // A counter of the library that rose to a frame's number.
 struct SchedCounter : CountedEvent {
     Micros time;
     uint32_t thread;
-    int32_t group;  // The process's id in the trace; -1 where that is not known.
 };
 
 struct SchedThread {
@@ -73,20 +80,22 @@ struct SchedTrace {
         uint16_t cpu;
     };
     std::vector<Hole> holes;  // Where events were lost: between the CPU's last one and its next.
-    int64_t traceLines = 0;   // Those that are a trace's.
     int64_t lost = 0;         // Events that the tracer says it lost.
     Micros from = NO_TIME, to = NO_TIME;
     bool hasFlags = false;  // It has marks of interrupts.
     std::string damage;     // Why the file could not be read to its end.
 
+    // Whether no line was a trace's.
+    bool IsEmpty() const { return from == NO_TIME; }
     // The event's counters, by time.
     std::span<const SchedCounter> CountersOf(const CountedEvent& event) const;
 };
 
+inline constexpr uint32_t MOST_CPUS = 4096;
+
 // Puts a trace together, for readers of all forms. CPUs are below MOST_CPUS, and times the trace's.
 class SchedTraceMaker {
   public:
-    static constexpr uint32_t MOST_CPUS = 4096;
     struct Task {
         std::string_view name;
         int32_t tid = 0;
@@ -97,8 +106,8 @@ class SchedTraceMaker {
     uint32_t ThreadOf(const Task& task, uint32_t cpu);
     // Something was noted on the CPU.
     void OnTime(uint32_t cpu, Micros time);
-    // What the CPU did between the last such time and the next is lost.
-    void OnLost(uint32_t cpu) { CpuOf(cpu).hasLost = true; }
+    // So many events of the CPU between the last such time and the next are lost.
+    void OnLost(uint32_t cpu, int64_t count);
     // `left` gives the CPU to `comes`, and is in `state` from there on.
     void OnSwitch(Micros time, uint32_t cpu, const Task& left, ThreadState state,
                   const Task& comes);
@@ -115,10 +124,8 @@ class SchedTraceMaker {
         Micros last = NO_TIME;
         bool hasLost = false;
     };
-    Cpu& CpuOf(uint32_t cpu);
-
     std::unordered_map<int64_t, uint32_t> threads;  // By id; the idle tasks by -1 - CPU.
-    std::vector<Cpu> cpus;
+    std::vector<Cpu> cpus = std::vector<Cpu>(MOST_CPUS);
 };
 
 }  // namespace tools
