@@ -97,22 +97,8 @@ SceneFinding FindingOf(const Scene& scene, const Columns& columns, const Cause& 
     if (!finding.frame && !cause.own.empty()) {
         finding.frame = cause.own.front();
     }
-    switch (cause.what) {
-        case Case::Restarted:
-        case Case::NeverHit:
-        case Case::Late:
-            finding.times = std::max<int64_t>(std::ssize(cause.own), 1);
-            break;
-        case Case::Ignored:
-        case Case::NotBoosted:
-        case Case::NotUnderstoodLines:
-            finding.times = cause.count;
-            break;
-        case Case::LinesMissing:
-            finding.own.clear();
-            break;
-        default:
-            break;
+    if (cause.what == Case::LinesMissing) {
+        finding.own.clear();  // It is about lines.
     }
     return finding;
 }
@@ -121,9 +107,10 @@ bool IsEarlier(const Cause& one, const Cause& other) {
     return std::tie(one.time, one.place) < std::tie(other.time, other.place);
 }
 
-// One of several of a kind and a stage; the first comes first.
-SceneFinding Merged(std::vector<SceneFinding> same) {
-    SceneFinding& all = same.front();
+// One of several of a kind and a stage, in the order of their times.
+SceneFinding Merged(const std::vector<SceneFinding>& same) {
+    SceneFinding all = same.front();
+    all.states.reset();
     std::set<int64_t> own, harmed, frames;
     for (const SceneFinding& one : same) {
         all.severity = std::max(all.severity, one.severity);
@@ -132,10 +119,8 @@ SceneFinding Merged(std::vector<SceneFinding> same) {
         if (one.frame) {
             frames.insert(*one.frame);
         }
-        if (one.states && &one != &all) {
-            all.states = all.states.value_or(Shares());
-            std::transform(one.states->begin(), one.states->end(), all.states->begin(),
-                           all.states->begin(), std::plus());
+        if (one.states) {
+            (all.states ? *all.states : all.states.emplace()) += *one.states;
         }
     }
     all.own.assign(own.begin(), own.end());
@@ -144,10 +129,10 @@ SceneFinding Merged(std::vector<SceneFinding> same) {
     all.message = fmt::format(
         "{} times{}; the first: {}", all.times,
         frames.empty() ? "" : ", at " + NumbersText({frames.begin(), frames.end()}), all.message);
-    return std::move(all);
+    return all;
 }
 
-// Puts findings in their order, and makes one of more than so many of a kind and stage.
+// Findings in their order; more than so many of a kind and stage are one.
 std::vector<SceneFinding> Joined(const JudgedScene& judged, size_t namedOneByOne) {
     std::map<std::tuple<Kind, int32_t, bool>, std::vector<SceneFinding>> groups;
     for (const Cause& cause : judged.causes) {
@@ -162,15 +147,15 @@ std::vector<SceneFinding> Joined(const JudgedScene& judged, size_t namedOneByOne
         std::stable_sort(same.begin(), same.end(), IsEarlier);
         if (same.size() > namedOneByOne && kind != Kind::NodeIgnored &&
             kind != Kind::ThreadNotSet) {
-            findings.push_back(Merged(std::move(same)));
-        } else {
-            std::move(same.begin(), same.end(), std::back_inserter(findings));
+            same = {Merged(same)};
         }
+        std::move(same.begin(), same.end(), std::back_inserter(findings));
     }
+    // Worst first. Of the same severity they stay in the order of their times.
+    std::stable_sort(findings.begin(), findings.end(), IsEarlier);
     std::stable_sort(findings.begin(), findings.end(),
                      [](const SceneFinding& one, const SceneFinding& other) {
-                         return one.severity != other.severity ? one.severity > other.severity
-                                                               : IsEarlier(one, other);
+                         return one.severity > other.severity;
                      });
     return findings;
 }
@@ -189,30 +174,12 @@ Cause NotUnderstoodOf(const Account& account) {
     Cause cause{.what = Case::NotUnderstoodLines,
                 .place = shown.empty() ? Place() : shown.front().place,
                 .count = account.notUnderstood,
+                .times = account.notUnderstood,
                 .atLeast = isAtEdge ? Severity::Note : Severity::Warning};
     for (const NotUnderstood& line : shown) {
         cause.why += fmt::format("\n    line {}: {}", line.place.line, line.text);
     }
     return cause;
-}
-
-// Scenes of two processes at the same time are two cameras at work.
-std::optional<Cause> SeveralProcesses(const std::vector<JudgedScene>& scenes) {
-    for (size_t i = 1; i < scenes.size(); ++i) {
-        const Scene& scene = scenes[i];
-        for (size_t j = 0; j < i; ++j) {
-            const Scene& other = scenes[j];
-            if (scene.process != other.process && scene.isStarted && other.isStarted &&
-                scene.from.input == other.to.input && scene.from.line < other.to.line) {
-                return Cause{.what = Case::TwoProcesses,
-                             .place = scene.from,
-                             .time = scene.begin,
-                             .other = other.process,
-                             .why = fmt::to_string(scene.process)};
-            }
-        }
-    }
-    return {};
 }
 
 std::vector<SceneFinding> FindingsOutside(const Account& account, const Readings& readings) {
@@ -229,15 +196,15 @@ std::vector<SceneFinding> FindingsOutside(const Account& account, const Readings
     const auto addFirst = [&](Case what, const std::vector<Scene::Disturbance>& all) {
         if (!all.empty()) {
             const Scene::Disturbance& first = all.front();
-            add({.what = what, .place = first.place, .time = first.time, .count = first.amount});
-            findings.back().times = std::ssize(all);
+            add({.what = what,
+                 .place = first.place,
+                 .time = first.time,
+                 .count = first.amount,
+                 .times = std::ssize(all)});
         }
     };
     addFirst(Case::LinesOutside, readings.leftOut);
     addFirst(Case::ClockSetOutside, readings.clockSteps);
-    if (const auto cause = SeveralProcesses(account.scenes)) {
-        add(*cause);
-    }
     return findings;
 }
 

@@ -16,12 +16,12 @@
 
 namespace tools {
 
-// A cause in words, or several of a kind: with the frames of all, and the place of the first.
+// A cause in words, or several of a kind: with the frames and times of all, and the place of the
+// first.
 struct SceneFinding : Cause {
     Kind kind = Kind::Unexplained;
     Severity severity = Severity::Note;
     std::string message{};
-    int64_t times = 1;  // How many of the kind it stands for.
 };
 
 // When a frame was in a stage. NO_TIME where it is not known.

@@ -201,7 +201,8 @@ struct Attribution {
         Cause cause{.what = Case::Late,
                     .span = {scene.begin, scene.stop},
                     .usual = columns.lateThreshold,
-                    .other = std::ssize(columns.outputs)};
+                    .other = std::ssize(columns.outputs),
+                    .times = std::ssize(rows)};
         Micros longest = 0;
         for (const uint32_t row : rows) {
             cause.own.push_back(scene.frames[row].number);

@@ -77,7 +77,8 @@ struct Cause {
     std::vector<Micros> took{};      // Of each own frame, or of all in one.
     Micros usual = 0;
     int64_t other = 0;  // Another frame, port, stage or process that the sentence names.
-    int64_t count = 0;  // What it counts, where that is not frames; lines or reports.
+    int64_t count = 0;  // What it counts, where that is not frames; lines.
+    int64_t times = 1;  // How often that happened.
     std::vector<int64_t> beside{};      // Frames beside its own, as the sentence says.
     std::string why{};                  // Names and numbers that only the sentence needs.
     Severity atLeast = Severity::Note;  // Where what came of it is worse than its case.

@@ -85,6 +85,7 @@ void FindRestart(const Scene& scene, const Columns& columns, std::vector<Cause>&
             cause.own.push_back(frame.number);
         }
     }
+    cause.times = std::max<int64_t>(std::ssize(cause.own), 1);
     causes.push_back(std::move(cause));
 }
 

@@ -134,7 +134,6 @@ struct Speaker {
                            ? ""
                            : fmt::format(", and {} more stood there or behind it", own.size() - 1)},
             {"skipped", FramesText(cause.beside)},
-            {"missing", MissingText()},
             {"around", cause.frame ? fmt::format(" around frame {}", *cause.frame) : ""},
             {"unknown", UnknownText()},
             {"took", TookText(took)},
@@ -159,18 +158,6 @@ struct Speaker {
             {"process", fmt::to_string(scene.process)},
             {"why", cause.why},
         };
-    }
-
-    // Numbers that were never started, before a frame that does not follow another.
-    std::string MissingText() const {
-        if (cause.what != Case::Gap) {
-            return "";
-        }
-        const int64_t step = StepOf(cause.other, cause.own.front());
-        Numbers missing(
-            static_cast<size_t>(step > limits::MOST_MISSING ? 0 : std::max(step, int64_t{1}) - 1));
-        std::iota(missing.begin(), missing.end(), Plus(cause.other, 1));
-        return missing.empty() ? "" : fmt::format("; {} never started", NumbersText(missing));
     }
 
     // Of which frames not all lines are there.

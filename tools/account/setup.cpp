@@ -30,6 +30,7 @@ void FindNeverHit(const Scene& scene, const Columns& columns, std::vector<Cause>
     if (!cause.own.empty()) {
         cause.place = scene.frames.front().place;
         cause.time = scene.begin;
+        cause.times = std::ssize(cause.own);
         causes.push_back(std::move(cause));
     }
 }
@@ -39,9 +40,9 @@ void FindThreads(const Scene& scene, std::vector<Cause>& causes) {
     if (!scene.hasThreads || scene.isBeginningMissing) {
         return;
     }
-    std::map<int32_t, const Pass*> firstOf;  // By thread.
+    std::map<int32_t, const Pass*> firstOf;  // By thread, its first node end.
     for (const Pass& pass : scene.passes) {
-        if (pass.HasLeft() && (pass.seen & NODE_END) != 0) {
+        if (pass.HasLeft() && pass.thread != -1 && pass.reporter < scene.reporters.size()) {
             firstOf.try_emplace(pass.thread, &pass);
         }
     }
@@ -50,8 +51,7 @@ void FindThreads(const Scene& scene, std::vector<Cause>& causes) {
         return;
     }
     for (const auto& [tid, pass] : firstOf) {
-        if (tid != -1 && !scene.setThreads.contains(tid) &&
-            pass->reporter < scene.reporters.size()) {
+        if (!scene.setThreads.contains(tid)) {
             const Reporter& reporter = scene.reporters[pass->reporter];
             causes.push_back({.what = Case::NotSet,
                               .stage = reporter.stage,
@@ -62,96 +62,57 @@ void FindThreads(const Scene& scene, std::vector<Cause>& causes) {
     }
 }
 
-constexpr size_t MOST_NODES = 12;  // So many are named in a sentence.
-
 // "port 3 or 5", "no port".
 std::string PortsText(const ConfiguredStage& stage) {
-    std::string text;
-    for (size_t i = 0; i < stage.ports.size(); ++i) {
-        const char* const comma = i + 1 == stage.ports.size() ? " or " : ", ";
-        text += (i == 0 ? "" : comma) + fmt::to_string(stage.ports[i]);
-    }
-    return text.empty() ? "no port" : "port " + text;
+    return stage.ports.empty() ? "no port" : "port " + Join(stage.ports, " or ");
 }
 
-// Nodes that end no stage, once for each port.
-std::vector<Reporter> IgnoredOf(const Scene& scene) {
-    std::vector<Reporter> ignored;
+// Node ends that end no stage, once for each node and port.
+void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
+    std::map<std::pair<std::string, int32_t>, Cause> ignored;
     for (const Reporter& reporter : scene.reporters) {
-        const auto known =
-            std::find_if(ignored.begin(), ignored.end(), [&reporter](const Reporter& other) {
-                return other.node == reporter.node && other.port == reporter.port;
-            });
-        if (reporter.counts == true) {
-            continue;
-        }
-        if (known == ignored.end()) {
-            ignored.push_back(reporter);
-        } else {
-            known->times += reporter.times;
+        if (reporter.counts != true) {
+            const Cause first{.what = Case::Ignored, .place = reporter.place, .times = 0};
+            ignored.try_emplace({reporter.node, reporter.port}, first).first->second.times +=
+                reporter.times;
         }
     }
-    return ignored;
-}
-
-// A scene without frames: its nodes are not those of the configuration.
-void FindNoneHit(const Scene& scene, const std::vector<Reporter>& ignored,
-                 std::vector<Cause>& causes) {
+    Configuration known;
+    known.stages = scene.configured;
+    std::vector<std::string> waiting;
+    for (const ConfiguredStage& stage : known.stages) {
+        waiting.push_back(fmt::format("stage {} waits for {} ({})", stage.stage, Quoted(stage.node),
+                                      PortsText(stage)));
+    }
     // In part of a scene the nodes of stages may be yet to come.
-    const bool isWhole = scene.HasEnd() && !scene.isBeginningMissing;
-    const bool isEnough =
-        isWhole || std::any_of(ignored.begin(), ignored.end(), [](const Reporter& one) {
-            return one.times >= static_cast<int64_t>(limits::ENOUGH_FRAMES);
-        });
-    const bool hasOthers =
-        std::any_of(scene.reporters.begin(), scene.reporters.end(),
-                    [](const Reporter& reporter) { return reporter.counts == true; });
-    if (ignored.empty() || hasOthers || !scene.frames.empty() || !isEnough) {
-        return;
-    }
-    std::vector<std::string> nodes, stages;
-    for (size_t i = 0; i < std::min(ignored.size(), MOST_NODES); ++i) {
-        nodes.push_back(fmt::format("{} (port {})", Quoted(ignored[i].node), ignored[i].port));
-    }
-    if (ignored.size() > MOST_NODES) {
-        nodes.push_back(fmt::format("{} more", ignored.size() - MOST_NODES));
-    }
-    for (const ConfiguredStage& stage : scene.configured) {
-        stages.push_back(fmt::format("stage {} waits for {} ({})", stage.stage, Quoted(stage.node),
-                                     PortsText(stage)));
-    }
-    causes.push_back(
-        {.what = Case::NoneHit,
-         .place = ignored.front().place,
-         .why =
-             fmt::format("{} {} reported, and {}", Join(nodes), nodes.size() == 1 ? "was" : "were",
-                         stages.empty() ? "the configured stages wait for others" : Join(stages))});
-}
-
-// Node ends that end no stage.
-void FindIgnored(const Scene& scene, const Columns& columns, const std::vector<Reporter>& ignored,
-                 std::vector<Cause>& causes) {
-    for (const Reporter& reporter : ignored) {
-        Cause cause{.what = Case::Ignored, .place = reporter.place, .count = reporter.times};
-        cause.why =
-            fmt::format("node {}, port {}, ends no stage; reported {}", Quoted(reporter.node),
-                        reporter.port, Counted(reporter.times, "time"));
-        for (const ConfiguredStage& stage : scene.configured) {
-            const bool isNamed = reporter.node.find(stage.node) != std::string::npos;
-            if (!isNamed && Folded(reporter.node).find(Folded(stage.node)) == std::string::npos) {
-                continue;
-            }
-            const bool isHit = stage.stage >= 0 && stage.stage < columns.stages &&
-                               !columns.order[stage.stage].empty();
-            cause.stage = stage.stage;
-            cause.why +=
-                fmt::format("; stage {} expects {}", stage.stage,
-                            isNamed ? PortsText(stage)
-                                    : Quoted(stage.node) + ", which differs in case or blanks");
-            cause.atLeast = isHit && isNamed ? Severity::Note : Severity::Warning;
-            break;
+    bool isEnough = scene.HasEnd() && !scene.isBeginningMissing;
+    for (auto& [reporter, cause] : ignored) {
+        const auto& [node, port] = reporter;
+        isEnough = isEnough || cause.times >= static_cast<int64_t>(limits::ENOUGH_FRAMES);
+        cause.why = fmt::format("node {}, port {}, ends no stage; reported {}", Quoted(node), port,
+                                Counted(cause.times, "time"));
+        const auto own = std::find_if(
+            known.stages.begin(), known.stages.end(),
+            [&](const ConfiguredStage& stage) { return stage.stage == known.StageOf(node); });
+        if (own != known.stages.end()) {
+            cause.stage = own->stage;
+            cause.why += fmt::format("; stage {} expects {}", own->stage, PortsText(*own));
+            const bool isHit = own->stage >= 0 && own->stage < columns.stages &&
+                               !columns.order[own->stage].empty();
+            cause.atLeast = isHit ? Severity::Note : Severity::Warning;
+        } else if (const auto near = NearMiss(known, node)) {
+            cause.stage = near->stage;
+            cause.why += fmt::format("; stage {} expects {}, which differs in case or blanks",
+                                     near->stage, Quoted(near->node));
+            cause.atLeast = Severity::Warning;
         }
-        causes.push_back(std::move(cause));
+        causes.push_back(cause);
+    }
+    if (!ignored.empty() && isEnough && !scene.opener && scene.frames.empty()) {
+        causes.push_back(
+            {.what = Case::NoneHit,
+             .place = scene.reporters.front().place,
+             .why = waiting.empty() ? "the configured stages wait for others" : Join(waiting)});
     }
 }
 
@@ -160,52 +121,37 @@ void FindIgnored(const Scene& scene, const Columns& columns, const std::vector<R
 void FindSetUp(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     FindNeverHit(scene, columns, causes);
     FindThreads(scene, causes);
-    const std::vector<Reporter> ignored = IgnoredOf(scene);
-    FindNoneHit(scene, ignored, causes);
-    FindIgnored(scene, columns, ignored, causes);
+    FindIgnored(scene, columns, causes);
 }
 
 Cause RefusalOf(const Scene& scene, const Configuration* configuration) {
-    Cause cause{.what = Case::NotBoosted,
+    Cause cause{.what = Case::ServiceRefused,
                 .place = scene.from,
                 .time = scene.begin,
-                .count = scene.refusals};
-    const bool isKnown = configuration != nullptr && configuration->additionalWidth.has_value();
-    const int32_t extra = isKnown ? *configuration->additionalWidth : 0;
-    switch (scene.refusal) {
-        case Refusal::NoVideo:
-            cause.why = "the scene was described as no video; only video is boosted";
-            break;
-        case Refusal::Description:
-            cause.atLeast = Severity::Warning;
-            cause.why = fmt::format("the scene was described as video of width {} at {} fps; only ",
-                                    scene.width, scene.fps);
-            if (scene.fps != 60) {
-                cause.why += "60 fps are boosted";
-            } else if (extra != 0) {
-                cause.why += fmt::format("width {} or {} is boosted", BOOST_WIDTH, extra);
-            } else {
-                cause.why += fmt::format("width {} is boosted", BOOST_WIDTH);
-                cause.why += isKnown ? ""
-                                     : ", and that of additionalSupportedWidth, which the log does "
-                                       "not tell";
-            }
-            break;
-        case Refusal::Disabled:
-            cause.atLeast = Severity::Error;
-            if (configuration == nullptr) {
-                cause.why =
-                    "boosting is switched off, or the operation mode is not supported; the "
-                    "capture lacks the configuration that would tell which";
-            } else {
-                cause.why = configuration->isEnabled
-                                ? "its operation mode is not in SupportOperationModeList"
-                                : "boosting is switched off (cameraFrameBoostEnable)";
-            }
-            break;
-        default:
-            cause.atLeast = Severity::Error;
-            cause.why = "the boost service refused the scene";
+                .times = scene.refusals};
+    if (scene.refusal == Refusal::NoVideo) {
+        cause.what = Case::NoVideo;
+    } else if (scene.refusal == Refusal::Disabled) {
+        cause.what = Case::Disabled;
+        if (configuration != nullptr) {
+            cause.what = configuration->isEnabled ? Case::OtherMode : Case::SwitchedOff;
+        }
+    } else if (scene.refusal == Refusal::Description) {
+        cause.what = Case::OtherVideo;
+        cause.why = fmt::format("width {} at {} fps; only ", scene.width, scene.fps);
+        if (scene.fps != 60) {
+            cause.why += "60 fps are boosted";
+        } else if (configuration == nullptr || !configuration->additionalWidth) {
+            cause.why += fmt::format(
+                "width {} is boosted, and that of additionalSupportedWidth, which the log does not "
+                "tell",
+                BOOST_WIDTH);
+        } else if (*configuration->additionalWidth != 0) {
+            cause.why += fmt::format("width {} or {} is boosted", BOOST_WIDTH,
+                                     *configuration->additionalWidth);
+        } else {
+            cause.why += fmt::format("width {} is boosted", BOOST_WIDTH);
+        }
     }
     return cause;
 }

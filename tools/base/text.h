@@ -26,12 +26,12 @@ std::string Counted(int64_t count, std::string_view what);
 
 // "a, b and c".
 template <typename Parts>
-std::string Join(const Parts& parts) {
+std::string Join(const Parts& parts, std::string_view conjunction = " and ") {
     if (parts.size() < 2) {
         return fmt::format("{}", fmt::join(parts, ""));
     }
     const auto last = std::prev(parts.end());
-    return fmt::format("{} and {}", fmt::join(parts.begin(), last, ", "), *last);
+    return fmt::format("{}{}{}", fmt::join(parts.begin(), last, ", "), conjunction, *last);
 }
 
 // With so many digits behind the point: "8.3".
