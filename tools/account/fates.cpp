@@ -97,8 +97,7 @@ struct Fates : Step {
             fate.isOut = fate.output != NO_TIME;
             // A frame in error leaves no lines where no nodes do: then it is out when frames
             // usually are.
-            if (!fate.isOut && !scene.hasNodes && last >= 0 &&
-                (frame.isGap || frame.violation != Violation::None)) {
+            if (!fate.isOut && !scene.hasNodes && last >= 0 && (frame.isGap || frame.violation)) {
                 const auto rest = columns.usualStay.begin() + NextStage(row);
                 const Micros output = std::accumulate(rest, columns.usualStay.end(), LastOf(row));
                 fate.output = output <= scene.stop ? output : NO_TIME;
@@ -187,12 +186,8 @@ struct Fates : Step {
             }
             return {FrameStatus::Dropped, "ended before it had been through all stages"};
         }
-        if (frame.violation != Violation::None) {
-            constexpr MessageKind errors[] = {MessageKind::StageNotInRange,
-                                              MessageKind::StageOutOfOrder,
-                                              MessageKind::StageOutOfTurn};
-            return {FrameStatus::Error,
-                    RefusalOf(errors[static_cast<size_t>(frame.violation) - 1])};
+        if (frame.violation) {
+            return {FrameStatus::Error, RefusalOf(*frame.violation)};
         }
         if (frame.evicted != NO_TIME) {
             return {FrameStatus::Evicted, TABLE_FULL};

@@ -65,8 +65,7 @@ struct Holes : Step {
             }
             next = lines[i] == NO_TIME ? next : lines[i];
         }
-        const bool isInOrder =
-            next != NO_TIME && frame.refused == NO_TIME && frame.violation == Violation::None;
+        const bool isInOrder = next != NO_TIME && frame.refused == NO_TIME && !frame.violation;
         for (int32_t stage = 0; stage <= last; ++stage) {
             const Pass& pass = scene.PassOf(row, stage);
             const bool hasNode = (pass.seen & NODE_END) != 0;

@@ -54,7 +54,7 @@ struct Misreports {
         const auto& repeats = scene.repeats;
         const auto repeat = repeats.find(frame.number);
         const int32_t unreported = scene.isAlone ? -1 : scene.Unreported(row);
-        const bool isInOrder = frame.violation == Violation::None;
+        const bool isInOrder = !frame.violation;
         // The end of stage 0 of the frame before was reported twice, which starts this one twice.
         const auto before = row == 0 ? repeats.end() : repeats.find(scene.frames[row - 1].number);
         const bool isOpenedTwice = before != repeats.end() && before->second.stage == 0;
@@ -93,11 +93,11 @@ struct Misreports {
     void AddViolation(uint32_t row) {
         const Frame& frame = scene.frames[row];
         const auto [first, second] = std::minmax(frame.violationStage, frame.violationOther);
-        if (frame.violation == Violation::NoSuchStage) {
+        if (frame.violation == MessageKind::StageNotInRange) {
             Add(Case::NoSuchStage, row, frame.violationStage).count = scene.stageCount;
         } else if (columns.neverHit && second >= *columns.neverHit) {
             return;  // That explains it.
-        } else if (frame.violation == Violation::OutOfTurn) {
+        } else if (frame.violation == MessageKind::StageOutOfTurn) {
             Add(Case::OutOfTurn, row, frame.violationStage);
         } else {
             // Of two stages that changed places the one that was to come first is to blame.
@@ -127,7 +127,7 @@ struct Misreports {
         }
         for (size_t i = 0; i < overtaken.size(); ++i) {
             const uint32_t row = overtaken[i];
-            if (IsSure(row) && scene.frames[row].violation == Violation::None) {
+            if (IsSure(row) && !scene.frames[row].violation) {
                 Cause& cause = Add(Case::Overtaken, row, stage, stage == 0);
                 cause.place = scene.PassOf(row, stage).place;
                 cause.time = scene.LeftOf(row, stage);

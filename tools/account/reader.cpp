@@ -1,6 +1,7 @@
 #include "tools/account/reader.h"
 
 #include <algorithm>
+#include <tuple>
 
 #include "tools/account/limits.h"
 
@@ -18,25 +19,28 @@ bool IsStart(const Event& event) {
            event.message.kind == MessageKind::FrameNotContinuous;
 }
 
-void Take(std::optional<RunningScene>& before, RunningScene& running, const Event& event) {
+// Gives an event to the scene that goes on, or to the one before it.
+void Take(std::deque<RunningScene>& scenes, const Event& event) {
     const Message& message = event.message;
     const Micros time = event.moment.time;
-    running.lastOpened = event.opened ? event.opened : running.lastOpened;
+    RunningScene& running = scenes.back();
+    RunningScene& before = scenes.front();
     // No thread of the process logged anything.
     if (time - running.last > limits::SILENCE) {
-        const Scene::Silence silence{{running.last, time}, message.place};
-        running.scene.silences.push_back(silence);
-        if (before) {
-            before->scene.silences.push_back(silence);
+        for (RunningScene& one : scenes) {
+            one.scene.silences.push_back({{running.last, time}, message.place});
         }
     }
     running.last = std::max(running.last, time);
     // A frame of the count before may still be on its way.
-    const bool isOld = before && (message.kind == MessageKind::TableFull
-                                      ? !running.Oldest()
-                                      : before->Has(message.frame) && !running.Has(message.frame) &&
-                                            message.frame > *running.lastOpened);
-    (isOld ? *before : running).Take(event);
+    bool isOld = scenes.size() > 1 && !event.opened;
+    if (isOld) {
+        isOld = message.kind == MessageKind::TableFull
+                    ? !running.Oldest()
+                    : before.Has(message.frame) && !running.Has(message.frame) &&
+                          message.frame > *running.lastOpened;
+    }
+    (isOld ? before : running).Take(event);
 }
 
 }  // namespace
@@ -60,22 +64,29 @@ void SceneReader::OnMessage(const Message& message, const Moment& moment) {
         case MessageKind::Video:
             return Describe(process, message, time);
         case MessageKind::SceneDisabled:
-            process.pending.reset();
             return Refuse(process, Refusal::Disabled, message.place, time);
         case MessageKind::SceneStart:
-            process.pending.reset();
             if (!message.flag) {
                 Refuse(process, Refusal::Service, message.place, time);
-            } else if (!process.running) {  // Else the library goes on with the scene that runs.
+            } else if (process.running.empty()) {  // Else the library goes on with what runs.
                 Start(process, message.place, time);
             }
             return;
         case MessageKind::SceneEnd:
-            EndScene(process, Stop::SceneEnd, time, message.place);
+            TakeHeld(process, true);
+            if (!process.running.empty()) {
+                Scene& scene = process.running.back().scene;
+                scene.to = message.place;
+                scene.end = std::max(scene.end, time);
+            }
+            Close(process, Stop::SceneEnd, time);
             process.endedAt = time;
             return;
         case MessageKind::SetTid:
             process.next.setThreads.insert(message.tid);
+            for (RunningScene& running : process.running) {
+                running.scene.setThreads.insert(message.tid);
+            }
             return;
         case MessageKind::AddPersistTid:
         case MessageKind::RemoveTid:
@@ -88,8 +99,8 @@ void SceneReader::OnMessage(const Message& message, const Moment& moment) {
 
 // A process loads the library once: it is a new one.
 void SceneReader::Load(Process& process, Micros time) {
-    EndScene(process, Stop::ProcessGone, process.last);
-    RefusePending(process);
+    TakeHeld(process, true);
+    Close(process, Stop::ProcessGone, process.last);
     lastLoad = {time, process.next.process};
     Process loaded;
     loaded.dumping = process.dumping;
@@ -101,14 +112,12 @@ void SceneReader::Load(Process& process, Micros time) {
 }
 
 void SceneReader::Describe(Process& process, const Message& message, Micros time) {
-    RefusePending(process);
     process.next.isDescribed = true;
     process.next.width = message.width;
     process.next.fps = message.fps;
     if (message.kind == MessageKind::NoVideo) {
-        // Precedes the end of a scene that runs.
-        if (!process.running) {
-            process.pending = {message.place, time};
+        if (process.running.empty()) {  // Else it is the end of the scene that runs.
+            Refuse(process, Refusal::NoVideo, message.place, time);
         }
     } else if (message.acceptedFps == 0) {
         Refuse(process, Refusal::Description, message.place, time);
@@ -118,112 +127,100 @@ void SceneReader::Describe(Process& process, const Message& message, Micros time
     }
 }
 
-void SceneReader::RefusePending(Process& process) {
-    if (const auto pending = std::exchange(process.pending, std::nullopt)) {
-        Refuse(process, Refusal::NoVideo, pending->first, pending->second);
-    }
-}
-
 void SceneReader::Refuse(const Process& process, Refusal why, const Place& place, Micros time) {
-    std::vector<Scene>& scenes = read.scenes;
+    Scene refused = BegunAt(process.next, place, time);
+    refused.refusal = why;
     // A HAL that tries the same again and again has one such scene.
-    const auto isSame = [&](const Scene& other) {
-        return other.process == process.next.process && other.refusal == why &&
-               other.width == process.next.width && other.fps == process.next.fps;
+    const auto keyOf = [](const Scene& scene) {
+        return std::tie(scene.process, scene.refusal, scene.width, scene.fps);
     };
-    if (scenes.empty() || !isSame(scenes.back())) {
-        scenes.push_back(BegunAt(process.next, place, time));
+    if (read.scenes.empty() || keyOf(read.scenes.back()) != keyOf(refused)) {
+        read.scenes.push_back(std::move(refused));
     }
-    Scene& scene = scenes.back();
-    scene.refusal = why;
+    Scene& scene = read.scenes.back();
     ++scene.refusals;
     scene.to = place;
     scene.end = time;
 }
 
 RunningScene& SceneReader::Start(Process& process, const Place& place, Micros time) {
-    process.running.emplace(BegunAt(process.next, place, time), process.configuration);
-    process.running->scene.isStarted = true;
-    return *process.running;
+    RunningScene& running =
+        process.running.emplace_back(BegunAt(process.next, place, time), process.configuration);
+    running.scene.isStarted = true;
+    return running;
 }
 
 void SceneReader::OnEvent(Process& process, const Message& message, const Moment& moment) {
-    if (!process.running) {
-        process.pending.reset();
+    if (process.running.empty()) {
         Scene& scene = Start(process, message.place, moment.time).scene;
         scene.isBeginningMissing = true;
         scene.isAfterEnd = process.endedAt && moment.time - *process.endedAt < limits::STRAGGLING;
         lastLoad = {moment.time, scene.process};  // It had, before the capture.
     }
-    RunningScene& running = *process.running;
+    const RunningScene& running = process.running.back();
     Event event{message, moment, running.Opened(message)};
-    running.isBehindGap = running.isBehindGap || moment.time - running.last > limits::CUT;
-    if (process.held.empty() && !running.isBehindGap &&
+    if (process.held.empty() && !running.IsBehindGap(moment.time) &&
         !(event.opened && running.IsAgain(*event.opened))) {
-        return Take(process.before, running, event);
+        return Take(process.running, event);
     }
     event.message.name = *names.emplace(message.name).first;
     process.held.push_back(event);
     TakeHeld(process, false);
 }
 
-// Numbers have fallen. They started again if they stay low; two objects, or a line that is late,
-// alternate with the numbers before. `isAll`: nothing more comes to tell.
+// `isAll`: nothing more comes to tell what the held events are.
 void SceneReader::TakeHeld(Process& process, bool isAll) {
     std::deque<Event>& held = process.held;
     while (!held.empty()) {
-        RunningScene& running = *process.running;
-        if (running.isBehindGap) {
-            const auto next = std::find_if(held.begin(), held.end(), IsStart);
-            if (next == held.end() && !isAll) {
+        const Event& first = held.front();
+        RunningScene& running = process.running.back();
+        if (running.IsBehindGap(first.moment.time)) {
+            const auto start = std::find_if(held.begin(), held.end(), IsStart);
+            if (start == held.end() && !isAll) {
                 return;
             }
-            // The library would not take a frame of another count.
-            if (next != held.end() && next->message.kind == MessageKind::FrameStart &&
-                running.IsFarBelow(next->message.frame)) {
-                Cut(process);
-                continue;
+            // The library would not take a frame of another count: these are of another capture,
+            // in the middle of a scene.
+            if (start != held.end() && start->message.kind == MessageKind::FrameStart &&
+                running.IsFarBelow(start->message.frame)) {
+                Close(process, Stop::CaptureEnd, running.scene.end);
+                Start(process, first.message.place, first.moment.time).scene.isBeginningMissing =
+                    true;
             }
         }
-        if (held.front().opened && running.IsAgain(*held.front().opened)) {
-            size_t opens = 0;
-            bool isRestart = true;
-            for (auto next = held.begin();
-                 next != held.end() && opens < limits::RESTART_OPENS && isRestart; ++next) {
-                opens += next->opened ? 1U : 0U;
-                isRestart = !next->opened || *next->opened < *running.lastOpened;
-            }
-            if (isRestart && opens < limits::RESTART_OPENS && !isAll) {
+        const RunningScene& now = process.running.back();
+        if (first.opened && now.IsAgain(*first.opened)) {
+            // Numbers have fallen. They started again if they stay low; two objects, or a line that
+            // is late, alternate with the numbers before.
+            const auto isOpen = [](const Event& event) { return event.opened.has_value(); };
+            const auto high = std::find_if(held.begin(), held.end(), [&now](const Event& event) {
+                return event.opened && *event.opened >= *now.lastOpened;
+            });
+            const auto opens = static_cast<size_t>(std::count_if(held.begin(), high, isOpen));
+            const bool isLow = opens >= limits::RESTART_OPENS;
+            if (!isLow && high == held.end() && !isAll) {
                 return;
             }
-            if (isRestart && opens > 1) {
+            if (isLow || (high == held.end() && opens > 1)) {
                 Restart(process);
             } else {
-                ++running.scene.falls;
+                ++process.running.back().scene.falls;
             }
         }
-        Take(process.before, running, held.front());
+        Take(process.running, first);
         held.pop_front();
     }
 }
 
-// The held events are of another capture, in the middle of a scene.
-void SceneReader::Cut(Process& process) {
-    std::deque<Event> held = std::exchange(process.held, {});
-    EndScene(process, Stop::CaptureEnd, process.running->scene.end);
-    Start(process, held.front().message.place, held.front().moment.time).scene.isBeginningMissing =
-        true;
-    process.held = std::move(held);
-}
-
 // Another scene begins with the first of the held events.
 void SceneReader::Restart(Process& process) {
-    const Event& first = process.held.front();
-    if (process.before) {
-        Close(process, *process.before, Stop::NumbersRestart, process.before->scene.stop);
+    if (process.running.size() > 1) {
+        read.scenes.push_back(process.running.front().Closed());
+        process.running.pop_front();
     }
-    process.before = std::move(process.running);
-    RunningScene& before = *process.before;
+    const Event& first = process.held.front();
+    RunningScene& before = process.running.back();
+    before.scene.stopped = Stop::NumbersRestart;
     before.scene.stop = first.moment.time;
     RunningScene& running = Start(process, first.message.place, first.moment.time);
     running.scene.restartedAfter = before.lastOpened;
@@ -232,48 +229,40 @@ void SceneReader::Restart(Process& process) {
     running.scene.stageCount = std::max(running.scene.stageCount, before.scene.stageCount);
 }
 
-void SceneReader::EndScene(Process& process, Stop stopped, Micros stop, const Place& place) {
-    if (!process.running) {
+void SceneReader::Close(Process& process, Stop stopped, Micros stop) {
+    if (process.running.empty()) {
         return;
     }
-    TakeHeld(process, true);
-    Scene& scene = process.running->scene;
-    if (stopped == Stop::SceneEnd) {
-        scene.to = place;
-        scene.end = std::max(scene.end, stop);
-    }
-    if (process.before) {
-        Close(process, *process.before, Stop::NumbersRestart, process.before->scene.stop);
-    }
+    const RunningScene& running = process.running.back();
+    process.running.back().scene.stopped = stopped;
+    process.running.back().scene.stop = stop;
     // Node ends that race with the end of a scene are no scene.
-    if (!scene.isAfterEnd || process.running->last - scene.begin >= limits::STRAGGLING) {
-        Close(process, *process.running, stopped, stop);
+    if (running.scene.isAfterEnd && running.last - running.scene.begin < limits::STRAGGLING) {
+        process.running.pop_back();
     }
+    for (RunningScene& one : process.running) {
+        read.scenes.push_back(one.Closed());
+    }
+    process.running.clear();
     process.next.setThreads.clear();
-    process.running.reset();
-    process.before.reset();
-}
-
-void SceneReader::Close(const Process& process, RunningScene& running, Stop stopped, Micros stop) {
-    read.scenes.push_back(running.Closed(stopped, stop));
-    read.scenes.back().setThreads = process.next.setThreads;
 }
 
 void SceneReader::OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& place) {
     const auto found = processes.find(moment.process);
     if (found != processes.end()) {
         auto& running = found->second.running;
-        (running ? running->scene.leftOut : read.leftOut).push_back({moment.time, lines, place});
+        (running.empty() ? read.leftOut : running.back().scene.leftOut)
+            .push_back({moment.time, lines, place});
     }
 }
 
 void SceneReader::OnClockSet(Micros step, const Moment& moment, const Place& place) {
     bool isInScene = false;
     for (auto& [number, process] : processes) {
-        if (process.running) {
-            process.running->scene.clockSteps.push_back({moment.time, step, place});
-            process.running->last = moment.time;
-            process.running->isBehindGap = process.running->isBehindStep = step > 0;
+        if (!process.running.empty()) {
+            RunningScene& running = process.running.back();
+            running.scene.clockSteps.push_back({moment.time, step, place});
+            running.last = moment.time;
             isInScene = true;
         }
     }
@@ -286,20 +275,18 @@ Readings SceneReader::Look(Micros last) const {
     SceneReader copy(*this);
     for (auto& [number, process] : copy.processes) {
         process.held.clear();
-        copy.EndScene(process, Stop::Looked, std::max(last, latest));
+        copy.Close(process, Stop::Looked, std::max(last, latest));
     }
     return copy.Sorted();
 }
 
 Readings SceneReader::Finish(Micros last) {
     for (auto& [number, process] : processes) {
+        TakeHeld(process, true);
         // A process that logs nothing from when another one loads the library is gone.
-        if (lastLoad.second != number && lastLoad.first >= process.last) {
-            EndScene(process, Stop::ProcessGone, process.last);
-        } else {
-            EndScene(process, Stop::CaptureEnd, std::max(last, latest));
-        }
-        RefusePending(process);
+        const bool isGone = lastLoad.second != number && lastLoad.first >= process.last;
+        Close(process, isGone ? Stop::ProcessGone : Stop::CaptureEnd,
+              isGone ? process.last : std::max(last, latest));
     }
     return Sorted();
 }
@@ -313,11 +300,11 @@ Readings SceneReader::Sorted() {
 void SceneReader::Forget(Micros before) {
     std::erase_if(read.scenes, [before](const Scene& scene) { return scene.end < before; });
     for (auto& [number, process] : processes) {
-        if (process.running) {
-            process.running->Forget(before);
+        if (process.running.size() > 1 && process.running.front().scene.end < before) {
+            process.running.pop_front();
         }
-        if (process.before && process.before->scene.end < before) {
-            process.before.reset();
+        if (!process.running.empty()) {
+            process.running.back().Forget(before);
         }
     }
 }

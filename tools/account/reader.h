@@ -50,11 +50,9 @@ class SceneReader : public MessageSink {
         Scene next;  // What is known of a scene that begins.
         std::shared_ptr<LoadedConfiguration> configuration;
         Dumping dumping;
-        // A description as no video, until it shows whether anything comes of it.
-        std::optional<std::pair<Place, Micros>> pending;
-        std::optional<RunningScene> running;
-        // The scene before numbers started again, whose frames may still come out.
-        std::optional<RunningScene> before;
+        // The scene that goes on comes last. Where numbers started again, it has the scene before
+        // it, whose frames may still come out.
+        std::deque<RunningScene> running;
         // Events since numbers fell, until enough have come to say whether they started again.
         std::deque<Event> held;
         std::optional<Micros> endedAt;  // When its last scene ended.
@@ -63,15 +61,12 @@ class SceneReader : public MessageSink {
 
     void Load(Process& process, Micros time);
     void Describe(Process& process, const Message& message, Micros time);
-    void RefusePending(Process& process);
     void Refuse(const Process& process, Refusal why, const Place& place, Micros time);
-    RunningScene& Start(Process& process, const Place& place, Micros time);
+    static RunningScene& Start(Process& process, const Place& place, Micros time);
     void OnEvent(Process& process, const Message& message, const Moment& moment);
     void TakeHeld(Process& process, bool isAll);
-    void Cut(Process& process);
     void Restart(Process& process);
-    void EndScene(Process& process, Stop stopped, Micros stop, const Place& place = {});
-    void Close(const Process& process, RunningScene& running, Stop stopped, Micros stop);
+    void Close(Process& process, Stop stopped, Micros stop);
     Readings Sorted();
 
     std::map<int32_t, Process> processes;

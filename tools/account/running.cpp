@@ -29,7 +29,7 @@ void NoteTrouble(Frame& frame, const Place& place, Micros time) {
 
 // A frame in error leaves the table without a word.
 bool IsSound(const Frame& frame) {
-    return frame.isStarted && frame.violation == Violation::None;
+    return frame.isStarted && !frame.violation;
 }
 
 }  // namespace
@@ -39,31 +39,24 @@ RunningScene::RunningScene(Scene begun, std::shared_ptr<LoadedConfiguration> loa
     if (known) {
         GrowStages(known->configuration.stageCount.value_or(0));
         for (const ConfiguredStage& stage : known->configuration.stages) {
-            GrowStages(std::min(stage.stage, MAX_STAGES - 1) + 1);
+            GrowStages(int64_t{stage.stage} + 1);
         }
     }
 }
 
-void RunningScene::GrowStages(int32_t count) {
-    scene.stageCount = std::max(scene.stageCount, std::min(count, MAX_STAGES));
+void RunningScene::GrowStages(int64_t count) {
+    scene.stageCount =
+        std::max(scene.stageCount, static_cast<int32_t>(std::min<int64_t>(count, MAX_STAGES)));
 }
 
 std::optional<int64_t> RunningScene::Opened(const Message& message) const {
-    switch (message.kind) {
-        case MessageKind::NodeEnd:
-            if (message.stage != 0 ||
-                (known && known->configuration.stageCount &&
-                 !known->configuration.IsStagePort(message.name, message.port))) {
-                return {};
-            }
-            [[fallthrough]];
-        case MessageKind::FrameStart:
-        case MessageKind::FrameNotContinuous:
-        case MessageKind::FrameAlreadyExists:
-            return message.frame;
-        default:
-            return {};
-    }
+    const bool isStart = message.kind == MessageKind::FrameStart ||
+                         message.kind == MessageKind::FrameNotContinuous ||
+                         message.kind == MessageKind::FrameAlreadyExists;
+    const bool isFirstEnd = message.kind == MessageKind::NodeEnd && message.stage == 0 &&
+                            (!known || !known->configuration.stageCount ||
+                             known->configuration.IsStagePort(message.name, message.port));
+    return isStart || isFirstEnd ? std::optional(message.frame) : std::nullopt;
 }
 
 bool RunningScene::IsFarBelow(int64_t number) const {
@@ -82,9 +75,13 @@ bool RunningScene::IsAgain(int64_t number) const {
     return IsFarBelow(number) || (row != rows.end() && number >= 1 && IsThrough(row->second));
 }
 
-RunningScene::Row* RunningScene::Find(int64_t number) {
-    const auto found = rows.find(static_cast<int32_t>(number));
-    return found == rows.end() ? nullptr : &found->second;
+bool RunningScene::IsBehindGap(Micros time) const {
+    return time - last > limits::CUT || IsBehindStep();
+}
+
+bool RunningScene::IsBehindStep() const {
+    return !scene.clockSteps.empty() && scene.clockSteps.back().amount > 0 &&
+           scene.to < scene.clockSteps.back().place;
 }
 
 RunningScene::Row& RunningScene::FindOrOpen(int64_t number, const Place& place, Micros time) {
@@ -127,7 +124,7 @@ uint16_t RunningScene::ReporterOf(const Message& message) {
 void RunningScene::Take(const Event& event) {
     const Message& message = event.message;
     const Micros time = event.moment.time;
-    isBehindGap = isBehindStep = false;
+    lastOpened = event.opened ? event.opened : lastOpened;
     scene.to = message.place;
     scene.end = std::max(scene.end, time);
     scene.hasThreads = scene.hasThreads || event.moment.thread != -1;
@@ -140,7 +137,19 @@ void RunningScene::Take(const Event& event) {
         EventLines{EventsOf(before.frame, before.stage, before.stageCount)}.Take(message)) {
         TakeEnd(before);
     }
-    OnEvent(message, by, before);
+    switch (message.kind) {
+        case MessageKind::FrameAdded:
+        case MessageKind::FrameRemoved:
+        case MessageKind::FrameInError:
+            return;
+        case MessageKind::TableFull:
+            return OnEviction(message.place, time);
+        case MessageKind::EndedFrameNotExist:
+        case MessageKind::FrameNotExist:
+            return OnNotInFlight(message, by, before);
+        default:
+            return OnEvent(message, by);
+    }
 }
 
 void RunningScene::OnNodeEnd(const Message& message, Pass by, NodeEnd& end) {
@@ -200,94 +209,80 @@ void RunningScene::Leave(Row& row, int32_t stage, const Pass& by) {
     if (isNodeEnd && row.isEnded) {
         KeepFirst(row.refused, by.left);  // What follows from it is.
     }
-    const Pass before = pass;
-    if (!before.HasLeft() || isNodeEnd) {
+    const auto seen = static_cast<uint8_t>(pass.seen | by.seen);
+    if (!pass.HasLeft()) {
         pass = by;
+    } else if (isNodeEnd) {
+        pass.thread = by.thread;
+        pass.reporter = by.reporter;
     }
-    if (before.HasLeft()) {
-        pass.left = before.left;
-        pass.place = before.place;
-    }
-    pass.seen = before.seen | by.seen;
+    pass.seen = seen;
     stagesLeft = std::max(stagesLeft, stage + 1);
 }
 
-void RunningScene::OnEvent(const Message& message, const Pass& by, const NodeEnd& before) {
+void RunningScene::OnEvent(const Message& message, Pass by) {
     const Micros time = by.left;
-    const auto row = [&]() -> Row& { return FindOrOpen(message.frame, message.place, time); };
-    const auto violate = [&](Violation violation) {
-        Row& violated = row();
-        NoteTrouble(violated, message.place, time);
-        if (violated.violation == Violation::None || violated.violation == Violation::NoSuchStage) {
-            violated.violation = violation;
-            violated.violationStage = message.stage;
-            violated.violationOther = message.otherStage;
-        }
-    };
+    Row& row = FindOrOpen(message.frame, message.place, time);
     switch (message.kind) {
         case MessageKind::StageStart:
-        case MessageKind::StageEnd: {
-            GrowStages(std::min(message.stage, MAX_STAGES - 1) + 1);
+            GrowStages(int64_t{message.stage} + 1);
             hasStages = true;
-            Pass pass = by;
-            if (message.kind == MessageKind::StageEnd) {
-                pass.seen = STAGE_END;
-                return Leave(row(), message.stage, pass);
-            }
-            Leave(row(), message.stage - 1, pass);
-            if (message.stage >= 0 && message.stage < scene.stageCount) {
-                row().passes.resize(static_cast<size_t>(scene.stageCount));
-                row().passes[static_cast<size_t>(message.stage)].seen |= STAGE_START;
+            Leave(row, message.stage - 1, by);
+            if (message.stage >= 0 && message.stage < MAX_STAGES) {
+                row.passes.resize(static_cast<size_t>(scene.stageCount));
+                row.passes[static_cast<size_t>(message.stage)].seen |= STAGE_START;
             }
             return;
-        }
-        case MessageKind::FrameAlreadyExists:
-            row().isDuplicate = true;
-            return NoteTrouble(row(), message.place, time);
-        case MessageKind::FrameStart:
-        case MessageKind::FrameNotContinuous:
-            return OnStart(message, time);
-        case MessageKind::TableFull:
-            return OnEviction(message.place, time);
+        case MessageKind::StageEnd:
+            GrowStages(int64_t{message.stage} + 1);
+            hasStages = true;
+            by.seen = STAGE_END;
+            return Leave(row, message.stage, by);
         case MessageKind::FrameEnd:
-            row().isEnded = true;
-            KeepFirst(row().end, time);
+            row.isEnded = true;
+            KeepFirst(row.end, time);
             inFlight.erase(static_cast<int32_t>(message.frame));
             return;
-        case MessageKind::EndedFrameNotExist:
-            if (Row* const ended = Find(message.frame)) {
-                KeepFirst(ended->refusedEnd, time);
+        case MessageKind::FrameAlreadyExists:
+            row.isDuplicate = true;
+            return NoteTrouble(row, message.place, time);
+        case MessageKind::FrameStart:
+        case MessageKind::FrameNotContinuous:
+            return OnStart(row, message, time);
+        default:  // The stage is wrong.
+            NoteTrouble(row, message.place, time);
+            if (!row.violation || row.violation == MessageKind::StageNotInRange) {
+                row.violation = message.kind;
+                row.violationStage = message.stage;
+                row.violationOther = message.otherStage;
             }
-            return;
-        case MessageKind::FrameNotExist:
-            // Of a number that nobody knows there is no frame.
-            if (Row* const gone = Find(message.frame)) {
-                if (!gone->isEnded) {
-                    KeepFirst(gone->refused, time);
-                }
-                // What a node's end led to says no more than that.
-                const bool isOfEnd = before.pass.HasLeft() && before.frame == message.frame &&
-                                     time - before.pass.left <= limits::TOGETHER;
-                if (!isOfEnd) {
-                    refused.emplace_back(message.frame, by);
-                }
-            }
-            return;
-        case MessageKind::StageNotInRange:
-            return violate(Violation::NoSuchStage);
-        case MessageKind::StageOutOfOrder:
-            return violate(Violation::OutOfOrder);
-        case MessageKind::StageOutOfTurn:
-            return violate(Violation::OutOfTurn);
-        default:
-            return;
     }
 }
 
-void RunningScene::OnStart(const Message& message, Micros time) {
+// Of a number that nobody knows there is no frame.
+void RunningScene::OnNotInFlight(const Message& message, const Pass& by, const NodeEnd& before) {
+    const auto found = rows.find(static_cast<int32_t>(message.frame));
+    if (found == rows.end()) {
+        return;
+    }
+    Row& row = found->second;
+    if (message.kind == MessageKind::EndedFrameNotExist) {
+        return KeepFirst(row.refusedEnd, by.left);
+    }
+    if (!row.isEnded) {
+        KeepFirst(row.refused, by.left);
+    }
+    // What a node's end led to says no more than that.
+    const bool isOfEnd = before.pass.HasLeft() && before.frame == message.frame &&
+                         by.left - before.pass.left <= limits::TOGETHER;
+    if (!isOfEnd) {
+        row.nameless.push_back(by);
+    }
+}
+
+void RunningScene::OnStart(Row& row, const Message& message, Micros time) {
     const auto key = static_cast<int32_t>(message.frame);
     const bool isForwarded = message.kind == MessageKind::FrameStart;
-    Row& row = FindOrOpen(message.frame, message.place, time);
     const auto isSound = [this](int32_t one) { return IsSound(rows.at(one)); };
     const bool isNext = inFlight.empty() || !isSound(*inFlight.rbegin()) ||
                         int64_t{*inFlight.rbegin()} + 1 == message.frame;
@@ -333,17 +328,13 @@ void RunningScene::OnEviction(const Place& place, Micros time) {
 
 // Where a HAL reports stages itself, the line of a refused event names no stage. Frames go through
 // stages in order, so each moment with such lines is the end of the next one.
-void RunningScene::PlaceRefused() {
-    for (const auto& [number, by] : refused) {
-        Row* const row = Find(number);
-        if (row == nullptr) {
-            continue;  // Forgotten.
-        }
+void RunningScene::PlaceNameless(Row& row) {
+    for (const Pass& by : row.nameless) {
         const auto next =
-            std::find_if_not(row->passes.begin(), row->passes.end(), std::mem_fn(&Pass::HasLeft));
-        const Micros came = next == row->passes.begin() ? row->start : std::prev(next)->left;
-        if (by.left > std::max(came, row->seen)) {
-            Leave(*row, static_cast<int32_t>(next - row->passes.begin()), by);
+            std::find_if_not(row.passes.begin(), row.passes.end(), std::mem_fn(&Pass::HasLeft));
+        const Micros came = next == row.passes.begin() ? row.start : std::prev(next)->left;
+        if (by.left > std::max(came, row.seen)) {
+            Leave(row, static_cast<int32_t>(next - row.passes.begin()), by);
         }
     }
 }
@@ -359,7 +350,6 @@ void RunningScene::Forget(Micros before) {
         return;
     }
     std::erase_if(inFlight, [this](int32_t one) { return !rows.contains(one); });
-    std::erase_if(refused, [before](const auto& one) { return one.second.left < before; });
     std::erase_if(scene.repeats, [before](auto& one) { return one.second.pass.left < before; });
     std::erase_if(scene.evictions, [before](Micros time) { return time < before; });
     std::erase_if(scene.leftOut, isOld);
@@ -369,13 +359,12 @@ void RunningScene::Forget(Micros before) {
     scene.begin = before;
 }
 
-Scene RunningScene::Closed(Stop stopped, Micros stop) {
-    if (isBehindStep && stopped != Stop::SceneEnd) {
+Scene RunningScene::Closed() {
+    if (IsBehindStep()) {
         scene.clockSteps.pop_back();  // Nothing of the scene came behind it.
-        stop = scene.end;
+        scene.stop = scene.end;
     }
-    scene.stopped = stopped;
-    scene.stop = std::max(stop, scene.end);
+    scene.stop = std::max(scene.stop, scene.end);
     scene.stageNames.resize(static_cast<size_t>(scene.stageCount));
     const auto name = [this](int32_t stage, const std::string& node) {
         if (stage >= 0 && stage < scene.stageCount) {
@@ -395,17 +384,14 @@ Scene RunningScene::Closed(Stop stopped, Micros stop) {
     for (const int32_t one : inFlight) {
         rows.at(one).isHeld = true;
     }
-    PlaceRefused();
     scene.isAlone = !rows.empty() && !hasStages && !scene.opener;
-    std::vector<Row*> order;
+    std::map<int64_t, Row*> order;
     for (auto& [key, row] : rows) {
-        order.push_back(&row);
+        order[row.number] = &row;
     }
-    std::sort(order.begin(), order.end(),
-              [](const Row* one, const Row* other) { return one->number < other->number; });
-    scene.frames.reserve(order.size());
     scene.passes.reserve(order.size() * scene.stageNames.size());
-    for (Row* const row : order) {
+    for (const auto& [number, row] : order) {
+        PlaceNameless(*row);
         scene.frames.push_back(*row);
         row->passes.resize(scene.stageNames.size());
         scene.passes.insert(scene.passes.end(), row->passes.begin(), row->passes.end());

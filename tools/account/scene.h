@@ -15,6 +15,7 @@
 #include "tools/base/finding.h"
 #include "tools/base/times.h"
 #include "tools/check/check.h"
+#include "tools/log/message.h"
 
 namespace tools {
 
@@ -42,14 +43,6 @@ inline int64_t StepOf(int64_t from, int64_t to) {
     const uint64_t step = static_cast<uint64_t>(to) - static_cast<uint64_t>(from);
     return to > from ? static_cast<int64_t>(std::min(step, most)) : 0;
 }
-
-// How a frame broke the order of its stages.
-enum class Violation : uint8_t {
-    None,
-    NoSuchStage,  // An event of a stage that does not exist.
-    OutOfOrder,   // A stage before another one had ended, or after another one had begun.
-    OutOfTurn,    // A stage that had run already, or had not started.
-};
 
 // Which lines of a frame's stage there are.
 inline constexpr uint8_t NODE_END = 1;
@@ -81,12 +74,13 @@ struct Frame {
     Micros troubleTime = NO_TIME;
     int64_t newestBefore = 0;  // Of a gap: the newest frame then.
     int32_t violationStage = -1, violationOther = -1;
-    Violation violation = Violation::None;  // The first one.
-    bool isStarted = false;                 // Its start was forwarded.
-    bool isGap = false;                     // Its start was refused: not the newest frame's next.
-    bool isDuplicate = false;               // It was started again while in flight.
-    bool isEnded = false;                   // Its end was forwarded.
-    bool isHeld = false;                    // In the table when the scene ended.
+    // How it first broke the order of its stages: StageNotInRange, StageOutOfOrder, StageOutOfTurn.
+    std::optional<MessageKind> violation;
+    bool isStarted = false;    // Its start was forwarded.
+    bool isGap = false;        // Its start was refused: not the newest frame's next.
+    bool isDuplicate = false;  // It was started again while in flight.
+    bool isEnded = false;      // Its end was forwarded.
+    bool isHeld = false;       // In the table when the scene ended.
 };
 
 // A node that reports ends, on a port, for a camera.
