@@ -16,39 +16,42 @@ namespace tools {
 
 namespace {
 
-using enum Tally;
-
-// The rows of a summary, in the order of Tally.
+// The rows of a summary, as counts name them.
 constexpr std::string_view ROWS[] = {
     "scenes started",       "scenes refused",       "frames started",     "frames ended",
     "frames evicted",       "frame starts refused", "frame ends refused", "stage events forwarded",
     "stage events refused", "node ends ignored",    "error reports",
 };
 
-// The frame and stage events that a call is to lead to.
-std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configuration,
-                                bool isInScene) {
-    const auto frame = [&call] { return call.Get<int64_t>("halFrameNumber"); };
-    const auto stage = [&call] { return call.Get<int32_t>("stage"); };
+// Where the event that left such a message counts.
+std::string_view RowOf(MessageKind kind, bool isDone) {
+    switch (kind) {
+        case MessageKind::FrameStart:
+        case MessageKind::FrameAlreadyExists:
+        case MessageKind::FrameNotContinuous:
+            return isDone ? "frames started" : "frame starts refused";
+        case MessageKind::FrameEnd:
+        case MessageKind::EndedFrameNotExist:
+            return isDone ? "frames ended" : "frame ends refused";
+        default:
+            return isDone ? "stage events forwarded" : "stage events refused";
+    }
+}
+
+// The frame and stage events that a call leads to while a scene runs, without their frames.
+std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configuration) {
     switch (call.operation) {
         case Operation::FrameStart:
-            return {{MessageKind::FrameStart, frame()}};
+            return {{MessageKind::FrameStart, 0}};
         case Operation::FrameEnd:
-            return {{MessageKind::FrameEnd, frame()}};
+            return {{MessageKind::FrameEnd, 0}};
         case Operation::StageStart:
-            return {{MessageKind::StageStart, frame(), stage()}};
         case Operation::StageEnd:
-            return {{MessageKind::StageEnd, frame(), stage()}};
-        case Operation::NodeEnd: {
-            std::vector<CallEvent> events =
-                tools::EventsOf(frame(), configuration.StageOf(call.Get<std::string>("nodeName")),
-                                configuration.stageCount.value_or(0));
-            // Without a scene no frame was meant to start.
-            std::erase_if(events, [isInScene](const CallEvent& event) {
-                return !isInScene && event.kind == MessageKind::FrameStart;
-            });
-            return events;
-        }
+            return {{MessageKind::StageEnd, 0}};
+        case Operation::NodeEnd:
+            return tools::EventsOf(call.Get<int64_t>("halFrameNumber"),
+                                   configuration.StageOf(call.Get<std::string>("nodeName")),
+                                   configuration.stageCount.value_or(0));
         default:
             return {};
     }
@@ -79,62 +82,55 @@ std::string Shown(std::string_view text) {
 // What became of a call and of what it led to: from the library's log, the calls that the service
 // saw and, where both are silent, from its result. A running scene's event that left nothing at all
 // is of a frame in error. The library's debug switch must be on.
-Counts CountsOf(const Played& played) {
+Counts CountsOf(const Call& call, const Played& played) {
     Counts counts;
-    if (played.call == nullptr) {
-        return counts;
+    bool isSilent = true;
+    std::map<std::string_view, int64_t> silent;  // Events that left nothing, by their rows.
+    for (const CallEvent& event : EventsOf(call, *played.configuration)) {
+        ++silent[RowOf(event.kind, false)];
     }
-    const Call& call = *played.call;
-    std::vector<Message> messages;
     for (const desktop::Effect& effect : played.effects) {
         const auto* service = std::get_if<desktop::ServiceCall>(&effect.event);
+        if (service && service->function == desktop::ServiceFunction::NotifyErrOfUser) {
+            ++counts[{"error reports", ""}];
+        }
         const auto* line = std::get_if<desktop::LogLine>(&effect.event);
         const auto message = line ? ParseMessage(line->tag, line->text) : std::nullopt;
-        if (message) {
-            messages.push_back(*message);
-        } else if (service && service->function == desktop::ServiceFunction::NotifyErrOfUser) {
-            ++counts[{ErrorReports, ""}];
+        if (!message) {
+            continue;
+        }
+        isSilent = false;
+        if (message->kind == MessageKind::SceneDisabled) {
+            ++counts[{"scenes refused", "switched off, or the operation mode is not supported"}];
+        } else if (message->kind == MessageKind::SceneStart && message->flag) {
+            ++counts[{"scenes started", ""}];
+        } else if (message->kind == MessageKind::SceneStart) {
+            ++counts[{"scenes refused", "by the service"}];
+        } else if (message->kind == MessageKind::TableFull) {
+            ++counts[{"frames evicted", TABLE_FULL}];
+        } else if (const char* const reason = RefusalOf(message->kind)) {
+            ++counts[{RowOf(message->kind, *reason == '\0'), reason}];
+            --silent[RowOf(message->kind, false)];
         }
     }
-    const bool isNodeEnd = call.operation == Operation::NodeEnd;
-    if (isNodeEnd && !played.configuration->IsStagePort(call.Get<std::string>("nodeName"),
-                                                        call.Get<int32_t>("portId"))) {
-        ++counts[{NodeEndsIgnored, "this node and port end no stage"}];
-        return counts;
-    }
-    if (call.operation == Operation::SceneStart && played.result == -1 && messages.empty()) {
-        ++counts[{ScenesRefused, "not described as a scene to boost"}];
-    }
-    const bool isInScene = isNodeEnd ? !messages.empty() : played.result != -1;
-    EventLines events{EventsOf(call, *played.configuration, isInScene)};
-    std::vector<std::string_view> reasons(
-        events.events.size(),
-        isInScene ? RefusalOf(MessageKind::FrameInError) : "no scene is running");
-    for (const Message& message : messages) {
-        if (message.kind == MessageKind::SceneDisabled) {
-            ++counts[{ScenesRefused, "switched off, or the operation mode is not supported"}];
-        } else if (message.kind == MessageKind::SceneStart && message.flag) {
-            ++counts[{ScenesStarted, ""}];
-        } else if (message.kind == MessageKind::SceneStart) {
-            ++counts[{ScenesRefused, "by the service"}];
-        } else if (message.kind == MessageKind::TableFull) {
-            ++counts[{FramesEvicted, TABLE_FULL}];
-        }
-        const std::optional<size_t> event = events.Take(message);
-        if (const char* const reason = RefusalOf(message.kind); event && reason != nullptr) {
-            reasons[*event] = reason;
+    if (call.operation == Operation::NodeEnd) {
+        const bool isStagePort = played.configuration->IsStagePort(
+            call.Get<std::string>("nodeName"), call.Get<int32_t>("portId"));
+        if (!isStagePort || isSilent) {
+            return {{{"node ends ignored",
+                      isStagePort ? "no scene is running" : "this node and port end no stage"},
+                     1}};
         }
     }
-    for (size_t i = 0; i < reasons.size(); ++i) {
-        const bool isDone = reasons[i].empty();
-        const MessageKind kind = events.events[i].kind;
-        Tally tally = isDone ? StageEventsForwarded : StageEventsRefused;
-        if (kind == MessageKind::FrameStart) {
-            tally = isDone ? FramesStarted : FrameStartsRefused;
-        } else if (kind == MessageKind::FrameEnd) {
-            tally = isDone ? FramesEnded : FrameEndsRefused;
+    const bool isInScene = played.result != -1;
+    if (call.operation == Operation::SceneStart && isSilent && !isInScene) {
+        ++counts[{"scenes refused", "not described as a scene to boost"}];
+    }
+    for (const auto& [row, count] : silent) {
+        if (count > 0) {
+            counts[{row, isInScene ? RefusalOf(MessageKind::FrameInError)
+                                   : "no scene is running"}] += count;
         }
-        ++counts[{tally, reasons[i]}];
     }
     return counts;
 }
@@ -148,7 +144,7 @@ void Transcript::Show(const Line& line) {
 }
 
 void Transcript::Show(const Played& played) {
-    const Counts counts = CountsOf(played);
+    const Counts counts = played.call != nullptr ? CountsOf(*played.call, played) : Counts();
     for (const auto& [what, count] : counts) {
         total[what] += count;
     }
@@ -172,26 +168,26 @@ void Transcript::Show(const Played& played) {
     }
     // What was forwarded shows above; what was not has a reason.
     for (const auto& [what, count] : counts) {
-        const auto& [tally, reason] = what;
+        const auto& [row, reason] = what;
         if (!reason.empty()) {
-            out << fmt::format("    - {}: {} ({})\n", ROWS[static_cast<size_t>(tally)], count,
-                               reason);
+            out << fmt::format("    - {}: {} ({})\n", row, count, reason);
         }
     }
 }
 
 void Transcript::ShowSummary() {
     out << (isQuiet ? "" : "\n") << "Summary\n";
-    for (size_t row = 0; row < std::size(ROWS); ++row) {
-        std::string lines;
+    for (const std::string_view row : ROWS) {
+        std::string reasons;
         int64_t all = 0;
         for (const auto& [what, count] : total) {
-            if (what.first == static_cast<Tally>(row)) {
+            if (what.first == row) {
                 all += count;
-                lines += what.second.empty() ? "" : fmt::format("{:34}  {}\n", count, what.second);
+                reasons +=
+                    what.second.empty() ? "" : fmt::format("{:34}  {}\n", count, what.second);
             }
         }
-        out << fmt::format("  {:24}{:8}\n{}", ROWS[row], all, lines);
+        out << fmt::format("  {:24}{:8}\n{}", row, all, reasons);
     }
 }
 

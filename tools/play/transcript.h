@@ -14,23 +14,9 @@
 
 namespace tools {
 
-// What a transcript counts: a row of its summary each.
-enum class Tally : uint8_t {
-    ScenesStarted,
-    ScenesRefused,
-    FramesStarted,
-    FramesEnded,
-    FramesEvicted,
-    FrameStartsRefused,
-    FrameEndsRefused,
-    StageEventsForwarded,
-    StageEventsRefused,
-    NodeEndsIgnored,
-    ErrorReports,
-};
-
-// How often each happened, and why it was not done; no reason: it was done.
-using Counts = std::map<std::pair<Tally, std::string_view>, int64_t>;
+// How often each row of the summary, such as "frames started", and why it was not done; no reason:
+// it was done.
+using Counts = std::map<std::pair<std::string_view, std::string_view>, int64_t>;
 
 class Transcript {
   public:
