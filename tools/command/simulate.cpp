@@ -49,8 +49,7 @@ void ShowSummary(const Camera& camera, const Simulated& simulated) {
                              camera.fps, camera.Stages().size(), camera.seed, simulated.completed);
     for (const Fault& fault : camera.faults) {
         if (fault.frame < simulated.frames) {
-            std::cerr << fmt::format("  {}: {} [{}]\n", FramesOf(fault), Describe(fault, camera),
-                                     ToString(fault));
+            std::cerr << fmt::format("  {} [{}]\n", Describe(fault, camera), ToString(fault));
         }
     }
     if (simulated.overruns != 0) {

@@ -29,8 +29,7 @@ struct FaultForm {
     std::string_view meaning;  // A format, with stage and amount.
 };
 
-// In the order of FaultKind.
-constexpr auto FAULT_FORMS = std::to_array<FaultForm>({
+constexpr FaultForm FAULT_FORMS[] = {
     {"drop", true, false, "", "the sensor drops it and says so"},
     {"lost", true, true, "", "it never comes out of {stage}"},
     {"unreported", true, true, "", "{stage} does its work, but does not report it"},
@@ -42,15 +41,21 @@ constexpr auto FAULT_FORMS = std::to_array<FaultForm>({
     {"log-lost", false, false, "COUNT",
      "from its first report on, {amount} lines of the log are missing"},
     {"die", false, true, "", "{stage} does nothing more from then on"},
+    // All threads stand, the sensor as well.
     {"freeze", false, false, "MILLISECONDS", "nothing happens for {amount} before it comes"},
     {"restart", false, false, "", "the HAL gives it the number 1, and counts on from there"},
+    // As the guide to integration says.
     {"recovered", true, false, "", "the sensor drops it, and the HAL does what is to be done then"},
     {"clock", false, false, "MILLISECONDS", "the log's clock is set by {amount} before it comes"},
+    // From the first frame to the one after the last.
     {"rate", true, false, "FPS", "the sensor delivers {amount} frames a second"},
-});
+};
 
-const FaultForm& FormOf(FaultKind kind) {
-    return FAULT_FORMS[static_cast<size_t>(kind)];
+// Null where there is no such kind.
+const FaultForm* FormOf(std::string_view kind) {
+    const auto* const form = std::find_if(std::begin(FAULT_FORMS), std::end(FAULT_FORMS),
+                                          [kind](const auto& it) { return it.name == kind; });
+    return form == std::end(FAULT_FORMS) ? nullptr : form;
 }
 
 std::string UsageOf(const FaultForm& form) {
@@ -63,81 +68,74 @@ std::string MeaningOf(const FaultForm& form, std::string_view stage, std::string
                        fmt::arg("amount", amount));
 }
 
-// Reads a table of a camera file: every key once, each of its kind and in its range.
+// Reads a table of a camera file: every key once, each of its kind and in its range. Where a key is
+// missing, the value stays as it is.
 class TableReader {
   public:
     TableReader(const toml::table& readTable, std::string_view fileName)
         : table(readTable), name(fileName) {}
 
-    // Null when there is no such key.
-    const toml::node* Find(std::string_view key) {
+    // `take` takes the value, and returns whether it is as expected.
+    template <typename Take>
+    void Read(std::string_view key, std::string_view expected, bool isRequired, const Take& take) {
         known.insert(key);
-        return table.get(key);
+        const toml::node* node = table.get(key);
+        if (node == nullptr ? isRequired : !take(*node)) {
+            Fail((node == nullptr ? table : *node).source(),
+                 fmt::format("{}: expected {}", key, expected));
+        }
     }
 
-    const toml::node& Require(std::string_view key, std::string_view expected) {
-        const toml::node* node = Find(key);
-        Expect(node != nullptr, table, key, expected);
-        return *node;
+    // `take` takes each value of a list. One that is required is not empty.
+    template <typename Take>
+    void ReadList(std::string_view key, std::string_view expected, bool isRequired,
+                  const Take& take) {
+        Read(key, expected, isRequired, [&take, isRequired](const toml::node& node) {
+            const toml::array* list = node.as_array();
+            return list != nullptr && !(isRequired && list->empty()) &&
+                   std::all_of(list->begin(), list->end(), take);
+        });
     }
 
-    // The value of a node, as the type that it has to have.
-    template <typename T>
-    T ValueOf(const toml::node& node, std::string_view key, std::string_view expected) const {
-        const std::optional<T> value = node.value_exact<T>();
-        Expect(value.has_value(), node, key, expected);
-        return *value;
-    }
-
-    int64_t IntegerOf(const toml::node& node, std::string_view key, int64_t lowest,
-                      int64_t highest) const {
-        const auto number = node.value_exact<int64_t>();
-        Expect(number && *number >= lowest && *number <= highest, node, key,
-               fmt::format("a whole number from {} to {}", lowest, highest));
-        return *number;
-    }
-
-    // These leave the value as it is when there is no such key.
     void Read(std::string_view key, bool& value) {
-        if (const toml::node* node = Find(key)) {
-            value = ValueOf<bool>(*node, key, "true or false");
-        }
+        Read(key, "true or false", false, [&value](const toml::node& node) {
+            value = node.value_or(value);
+            return node.is_boolean();
+        });
     }
 
-    template <typename Integer>
-    void Read(std::string_view key, Integer& value, int64_t lowest,
-              int64_t highest = std::numeric_limits<Integer>::max()) {
-        if (const toml::node* node = Find(key)) {
-            value = static_cast<Integer>(IntegerOf(*node, key, lowest, highest));
-        }
+    template <typename Number>
+    void Read(std::string_view key, Number& value, int64_t lowest, int64_t highest) {
+        Read(key, fmt::format("a whole number from {} to {}", lowest, highest), false,
+             [&value, lowest, highest](const toml::node& node) {
+                 const int64_t number = node.value_exact<int64_t>().value_or(lowest - 1);
+                 value = static_cast<Number>(number);
+                 return number >= lowest && number <= highest;
+             });
     }
 
-    Micros ReadMilliseconds(std::string_view key, Micros highest) {
-        const toml::node& node = Require(key, "milliseconds");
-        const double number = node.is_number() ? *node.value<double>() : -1;
-        Expect(number >= 0 && number <= static_cast<double>(highest) / MILLISECOND, node, key,
-               fmt::format("milliseconds from 0 to {}", highest / MILLISECOND));
-        return std::llround(number * MILLISECOND);
-    }
-
-    void Expect(bool holds, const toml::node& node, std::string_view key,
-                std::string_view expected) const {
-        if (!holds) {
-            Fail(node.source().begin, fmt::format("{}: expected {}", key, expected));
-        }
-    }
-
-    [[noreturn]] void Fail(const toml::source_position& at, std::string_view message) const {
-        throw CameraError(fmt::format("{}:{}:{}: error: {}", name, at.line, at.column, message));
+    void ReadMilliseconds(std::string_view key, Micros& value, Micros highest, bool isRequired) {
+        Read(key, fmt::format("milliseconds from 0 to {}", highest / MILLISECOND), isRequired,
+             [&value, highest](const toml::node& node) {
+                 const double number = node.is_number() ? *node.value<double>() * MILLISECOND : -1;
+                 const bool isGood = number >= 0 && number <= static_cast<double>(highest);
+                 value = isGood ? std::llround(number) : value;
+                 return isGood;
+             });
     }
 
     // To be called when all is read.
     void ExpectNoMore() const {
         for (const auto& [key, value] : table) {
             if (!known.contains(key.str())) {
-                Fail(key.source().begin, Quoted(key.str()) + " is not a key here");
+                Fail(key.source(), Quoted(key.str()) + " is not a key here");
             }
         }
+    }
+
+    [[noreturn]] void Fail(const toml::source_region& at, std::string_view message) const {
+        throw CameraError(
+            fmt::format("{}:{}:{}: error: {}", name, at.begin.line, at.begin.column, message));
     }
 
   private:
@@ -149,19 +147,17 @@ class TableReader {
 CameraNode ReadNode(const toml::table& table, std::string_view fileName) {
     TableReader reader(table, fileName);
     CameraNode node;
-    constexpr std::string_view expectedName = "the node's name";
-    node.name =
-        reader.ValueOf<std::string>(reader.Require("name", expectedName), "name", expectedName);
-    constexpr std::string_view expectedPorts = "a list of ports";
-    const toml::node& ports = reader.Require("ports", expectedPorts);
-    reader.Expect(ports.is_array() && !ports.as_array()->empty(), ports, "ports", expectedPorts);
-    for (const toml::node& port : *ports.as_array()) {
-        node.ports.push_back(
-            static_cast<int32_t>(reader.IntegerOf(port, "ports", INT32_MIN, INT32_MAX)));
-    }
+    reader.Read("name", "the node's name", true, [&node](const toml::node& name) {
+        node.name = name.value_or("");
+        return name.is_string();
+    });
+    reader.ReadList("ports", "a list of port numbers", true, [&node](const toml::node& port) {
+        node.ports.push_back(port.value<int32_t>().value_or(0));
+        return port.is_integer() && port.value<int32_t>();
+    });
     reader.Read("branch", node.isBranch);
-    node.median = reader.ReadMilliseconds("median", LONGEST);
-    node.spread = reader.ReadMilliseconds("spread", node.median);
+    reader.ReadMilliseconds("median", node.median, LONGEST, true);
+    reader.ReadMilliseconds("spread", node.spread, node.median, true);
     reader.Read("ahead", node.ahead, 0, 1000);
     reader.Read("workers", node.workers, 1, 1000);
     reader.ExpectNoMore();
@@ -174,22 +170,20 @@ Fault ParseFault(std::string_view text) {
     const auto fail = [text](const std::string& expected) {
         throw CameraError(Quoted(text) + " is not a fault, expected " + expected);
     };
-    const std::string_view name = text.substr(0, text.find(':'));
-    const auto* const form = std::find_if(FAULT_FORMS.begin(), FAULT_FORMS.end(),
-                                          [name](const auto& it) { return it.name == name; });
-    if (form == FAULT_FORMS.end()) {
-        std::vector<std::string> usages(FAULT_FORMS.size());
-        std::transform(FAULT_FORMS.begin(), FAULT_FORMS.end(), usages.begin(), UsageOf);
+    const FaultForm* const form = FormOf(text.substr(0, text.find(':')));
+    if (form == nullptr) {
+        std::vector<std::string> usages(std::size(FAULT_FORMS));
+        std::transform(std::begin(FAULT_FORMS), std::end(FAULT_FORMS), usages.begin(), UsageOf);
         fail(fmt::format("{}", fmt::join(usages, ", ")));
     }
-    Fault fault{.kind = static_cast<FaultKind>(form - FAULT_FORMS.begin())};
-    std::string_view rest = text.substr(name.size());
+    std::string_view rest = text.substr(form->name.size());
     // Whether there is a number in the range behind the character that separates it.
     const auto read = [&rest](auto& number, int64_t lowest, int64_t highest) {
         rest.remove_prefix(std::min<size_t>(rest.size(), 1));
         return TakeNumber(rest, number) && number >= lowest && number <= highest;
     };
-    const bool isSigned = fault.kind == FaultKind::Clock;
+    Fault fault{form->name};
+    const bool isSigned = fault.kind == "clock";
     bool isGood = read(fault.frame, 1, MAX_FRAMES);
     fault.last = fault.frame;
     if (form->hasFrames && rest.starts_with('-')) {
@@ -207,32 +201,26 @@ Fault ParseFault(std::string_view text) {
 }
 
 std::string ToString(const Fault& fault) {
-    const FaultForm& form = FormOf(fault.kind);
-    std::string text = fmt::format("{}:{}", form.name, fault.frame);
+    std::string text = fmt::format("{}:{}", fault.kind, fault.frame);
     text += fault.last > fault.frame ? "-" + std::to_string(fault.last) : "";
-    text += form.hasStage ? ":" + std::to_string(fault.stage) : "";
-    text += form.amount.empty() ? "" : ":" + std::to_string(fault.amount);
+    text += fault.stage >= 0 ? ":" + std::to_string(fault.stage) : "";
+    text += fault.amount != 0 ? ":" + std::to_string(fault.amount) : "";
     return text;
 }
 
-std::string_view NameOf(FaultKind kind) {
-    return FormOf(kind).name;
-}
-
-std::string FramesOf(const Fault& fault) {
-    return fault.last > fault.frame ? fmt::format("frames {} to {}", fault.frame, fault.last)
-                                    : fmt::format("frame {}", fault.frame);
-}
-
 std::string Describe(const Fault& fault, const Camera& camera) {
-    const FaultForm& form = FormOf(fault.kind);
+    const FaultForm& form = *FormOf(fault.kind);
+    std::string frames = fmt::format("frame {}", fault.frame);
+    if (fault.last > fault.frame) {
+        frames = fmt::format("frames {} to {}", fault.frame, fault.last);
+    }
     std::string stage;
     if (form.hasStage) {
-        stage = fmt::format("{} (stage {})",
-                            camera.Stages().at(static_cast<size_t>(fault.stage)).name, fault.stage);
+        const CameraNode node = camera.Stages().at(static_cast<size_t>(fault.stage));
+        stage = fmt::format("{} (stage {})", node.name, fault.stage);
     }
     const char* const unit = form.amount == "MILLISECONDS" ? " ms" : "";
-    return MeaningOf(form, stage, std::to_string(fault.amount) + unit);
+    return frames + ": " + MeaningOf(form, stage, std::to_string(fault.amount) + unit);
 }
 
 std::string DescribeFaults() {
@@ -259,45 +247,40 @@ std::vector<CameraNode> Camera::Stages() const {
 
 Camera ParseCamera(std::string_view toml, std::string_view name) {
     toml::table table;
-    try {
-        table = toml::parse(toml, name);
-    } catch (const toml::parse_error& error) {
-        TableReader(table, name).Fail(error.source().begin, std::string(error.description()));
-    }
     TableReader reader(table, name);
+    try {
+        table = toml::parse(toml);
+    } catch (const toml::parse_error& error) {
+        reader.Fail(error.source(), error.description());
+    }
     Camera camera;
-    reader.Read("width", camera.width, 1);
+    reader.Read("width", camera.width, 1, INT32_MAX);
     reader.Read("fps", camera.fps, 1, 1000);
     reader.Read("frames", camera.frames, 1, MAX_FRAMES);
-    reader.Read("seed", camera.seed, 0, std::numeric_limits<int64_t>::max());
+    reader.Read("seed", camera.seed, 0, INT64_MAX);
     reader.Read("buffers", camera.buffers, 1, 1000);
-    reader.Read("camera", camera.id, std::numeric_limits<int32_t>::min());
+    reader.Read("camera", camera.id, INT32_MIN, INT32_MAX);
     reader.Read("master", camera.isMaster);
-    if (reader.Find("wait") != nullptr) {
-        camera.wait = reader.ReadMilliseconds("wait", LONGEST);
-    }
-    if (const toml::node* mode = reader.Find("mode")) {
-        // As the configuration has it: 0xFFFF8001 and -32767 are the same.
-        camera.mode = static_cast<int32_t>(reader.IntegerOf(*mode, "mode", INT32_MIN, UINT32_MAX));
-    }
-    if (const toml::node* faults = reader.Find("faults")) {
-        reader.Expect(faults->is_array(), *faults, "faults", "a list of faults");
-        for (const toml::node& fault : *faults->as_array()) {
-            try {
-                camera.faults.push_back(ParseFault(fault.value_or(std::string_view())));
-            } catch (const CameraError& error) {
-                reader.Fail(fault.source().begin, error.what());
-            }
+    reader.ReadMilliseconds("wait", camera.wait, LONGEST, false);
+    // As the configuration has it: 0xFFFF8001 and -32767 are the same.
+    reader.Read("mode", camera.mode, INT32_MIN, UINT32_MAX);
+    reader.ReadList("faults", "a list of faults", false, [&](const toml::node& fault) {
+        try {
+            camera.faults.push_back(ParseFault(fault.value_or(std::string_view())));
+        } catch (const CameraError& error) {
+            reader.Fail(fault.source(), error.what());
         }
-    }
-    const std::string_view expected =
-        "a table [[node]] for each of the camera's nodes, the first one no branch";
-    const toml::node& nodes = reader.Require("node", expected);
-    reader.Expect(nodes.is_array_of_tables(), nodes, "node", expected);
-    for (const toml::node& node : *nodes.as_array()) {
-        camera.nodes.push_back(ReadNode(*node.as_table(), name));
-    }
-    reader.Expect(!camera.nodes.front().isBranch, nodes, "node", expected);
+        return true;
+    });
+    reader.ReadList("node",
+                    "a table [[node]] for each of the camera's nodes, the first one no branch",
+                    true, [&](const toml::node& node) {
+                        const toml::table* nodeTable = node.as_table();
+                        if (nodeTable != nullptr) {
+                            camera.nodes.push_back(ReadNode(*nodeTable, name));
+                        }
+                        return nodeTable != nullptr && !camera.nodes.front().isBranch;
+                    });
     reader.ExpectNoMore();
     return camera;
 }
@@ -315,11 +298,11 @@ void CheckFaults(const Camera& camera) {
             }
         };
         // A frame that is swapped takes one that follows it.
-        const int64_t last = camera.frames - (fault.kind == FaultKind::Swap ? 2 : 1);
+        const int64_t last = camera.frames - (fault.kind == "swap" ? 2 : 1);
         require(fault.last <= last, fmt::format("expected a frame up to {}", last));
         require(fault.stage < std::ssize(stages),
                 fmt::format("expected a stage from 0 to {}", stages.size() - 1));
-        if (fault.kind == FaultKind::SecondPort) {
+        if (fault.kind == "second-port") {
             const CameraNode& node = stages[static_cast<size_t>(fault.stage)];
             require(node.ports.size() > 1,
                     "the camera's node " + node.name + " has one port alone");

@@ -36,41 +36,22 @@ struct CameraNode {
 
 // A fault happens to a frame, or to some in a row. Stages are the nodes that are no branches, from
 // 0.
-enum class FaultKind : uint8_t {
-    Drop,        // The sensor drops the frame, and the HAL reports that.
-    Lost,        // It never comes out of the stage.
-    Unreported,  // It does, but the node end is not reported.
-    Slow,        // The stage takes `amount` milliseconds longer.
-    Stall,       // The sensor delivers it, and all that follow, `amount` milliseconds later.
-    Swap,        // It comes out of the stage after the frame that follows it.
-    SecondPort,  // The node reports the frame on its second port as well.
-    LogLost,     // `amount` lines are missing from the capture, from its first node end on.
-    Die,         // The stage does nothing more from the frame on.
-    Freeze,      // When it is due, all threads stand for `amount` milliseconds, the sensor as well.
-    Restart,     // The HAL numbers frames from 1 again, this one first.
-    Recovered,   // As Drop, and the HAL recovers from it as the guide to integration says.
-    Clock,       // When it is due, the log's clock is set by `amount` milliseconds.
-    Rate,        // The sensor delivers `amount` frames a second from it to the one after it.
+struct Fault {
+    std::string_view kind;  // Its name: "drop" and so on, as DescribeFaults has them.
+    int64_t frame = 0;      // As the sensor counts, whatever number the HAL gives it.
+    int64_t last = 0;       // The last one; the same for kinds that happen to one frame.
+    int32_t stage = -1;     // -1 where the kind has none.
+    int64_t amount = 0;     // 0 where the kind has none.
 };
 
 struct Camera;
-
-struct Fault {
-    FaultKind kind = FaultKind::Drop;
-    int64_t frame = 0;   // As the sensor counts, whatever number the HAL gives it.
-    int64_t last = 0;    // The last one; the same for kinds that happen to one frame.
-    int32_t stage = -1;  // -1 where the kind has none.
-    int64_t amount = 0;  // 0 where the kind has none.
-};
 
 // "slow:200:2:40", "lost:100-104:3": the kind's name, the frames, the stage and the amount as far
 // as the kind has them, and the way back. Throws a CameraError for what is not a fault.
 Fault ParseFault(std::string_view text);
 std::string ToString(const Fault& fault);
-std::string_view NameOf(FaultKind kind);
-// "frame 200", "frames 100 to 104".
-std::string FramesOf(const Fault& fault);
-// What happens in words, such as "ToneMapper0 (stage 2) takes 40 ms longer". The camera has it.
+// What happens to which frames in words, such as "frame 200: ToneMapper0 (stage 2) takes 40 ms
+// longer". The camera has it.
 std::string Describe(const Fault& fault, const Camera& camera);
 // "drop:FRAME" and so on with what it means, for people, a line a kind.
 std::string DescribeFaults();

@@ -46,6 +46,9 @@ class Player {
 
     Player(Watcher playWatcher, Pace playPace);
 
+    // The configuration as loaded, with its count of stages.
+    const Configuration& Loaded() const { return configuration; }
+
     // Why no recording can go through the loaded stage table; nothing when it can.
     std::optional<std::string> WhyNotRecordable() const;
 

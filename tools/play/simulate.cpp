@@ -59,6 +59,9 @@ class Simulation {
         : camera(simulated), capture(theCapture), options(theOptions) {}
 
     Simulated Run() {
+        if (options.truth != nullptr) {
+            truth.emplace(camera, *player.Loaded().stageCount);
+        }
         MakeStations();
         WriteBeginning();
         StartScene();
@@ -82,13 +85,7 @@ class Simulation {
 
   private:
     void OnPlayed(const Played& call) {
-        if (call.call == nullptr) {
-            const Configuration& loaded = *call.configuration;
-            firstMode = loaded.modes.empty() ? 0 : loaded.modes.front();
-            if (options.truth != nullptr) {
-                truth.emplace(camera, loaded.stageCount.value_or(0));
-            }
-        } else if (call.call->operation == Operation::SceneStart) {
+        if (call.call != nullptr && call.call->operation == Operation::SceneStart) {
             result.isBoosted = call.result == 0;
         }
         const int64_t begin = options.format.isMonotonic ? SINCE_BOOT : CAPTURE_BEGIN;
@@ -122,9 +119,7 @@ class Simulation {
         *options.session << "# A simulated camera: " << camera.frames << " frames at " << camera.fps
                          << " fps, seed " << camera.seed << ".\n";
         for (const Fault& fault : camera.faults) {
-            std::string frames = FramesOf(fault);
-            frames.front() = 'F';
-            *options.session << "# " << frames << ": " << Describe(fault, camera) << ".\n";
+            *options.session << "# " << Describe(fault, camera) << ".\n";
         }
     }
 
@@ -177,26 +172,27 @@ class Simulation {
         }
         now += 20 * MILLISECOND;
         Make(Operation::SetSceneInfo, {true, camera.width, camera.fps});
-        Make(Operation::SceneStart, {camera.mode.value_or(firstMode)});
+        const std::vector<int32_t>& modes = player.Loaded().modes;
+        Make(Operation::SceneStart, {camera.mode.value_or(modes.empty() ? 0 : modes.front())});
     }
 
     // The sensor's next frame is due.
     void Deliver() {
         const int64_t frame = result.frames;
-        clockStep += Take(FaultKind::Clock, frame).value_or(0) * MILLISECOND;
-        if (const auto milliseconds = Take(FaultKind::Freeze, frame)) {
+        clockStep += Take("clock", frame).value_or(0) * MILLISECOND;
+        if (const auto milliseconds = Take("freeze", frame)) {
             return Freeze(*milliseconds * MILLISECOND);
         }
-        if (const auto milliseconds = Take(FaultKind::Stall, frame)) {
+        if (const auto milliseconds = Take("stall", frame)) {
             // It comes later, as a frame without the fault.
             return After(*milliseconds * MILLISECOND, [this] { Deliver(); });
         }
         ++result.frames;
-        if (Take(FaultKind::Restart, frame)) {
+        if (Take("restart", frame)) {
             numberedFrom.push_back(frame - 1);
         }
-        const bool isRecovered = Take(FaultKind::Recovered, frame).has_value();
-        const bool isDropped = Take(FaultKind::Drop, frame).has_value() || isRecovered;
+        const bool isRecovered = Take("recovered", frame).has_value();
+        const bool isDropped = Take("drop", frame).has_value() || isRecovered;
         const bool isOverrun = !isDropped && inPipeline >= camera.buffers;
         if (truth) {
             truth->OnDelivered(NumberOf(frame), now, isDropped || isOverrun);
@@ -213,7 +209,7 @@ class Simulation {
         }
         if (options.onProgress(result.frames, camera.frames) && result.frames < camera.frames) {
             // Periods that are no whole microseconds add up right all the same.
-            const int64_t fps = Take(FaultKind::Rate, frame).value_or(camera.fps);
+            const int64_t fps = Take("rate", frame).value_or(camera.fps);
             const auto periodEnd = [fps](int64_t number) { return number * SECOND / fps; };
             After(periodEnd(frame + 1) - periodEnd(frame), [this] { Deliver(); });
         }
@@ -260,13 +256,13 @@ class Simulation {
             return;
         }
         const int64_t frame = station.waiting.front();
-        station.isDead = Take(FaultKind::Die, frame, station.stage).has_value();
+        station.isDead = Take("die", frame, station.stage).has_value();
         if (station.isDead) {
             return;
         }
         station.waiting.pop_front();
         Work& work = station.works.emplace_back(Work{frame});
-        const Micros extra = Take(FaultKind::Slow, frame, station.stage).value_or(0) * MILLISECOND;
+        const Micros extra = Take("slow", frame, station.stage).value_or(0) * MILLISECOND;
         After(TimeOf(station, frame) + extra, [this, &station, &work] {
             work.isDone = true;
             Finish(station);
@@ -296,9 +292,9 @@ class Simulation {
     }
 
     void ComeOut(Station& station, int64_t frame) {
-        if (Take(FaultKind::Lost, frame, station.stage)) {
+        if (Take("lost", frame, station.stage)) {
             --inPipeline;
-        } else if (Take(FaultKind::Swap, frame, station.stage)) {
+        } else if (Take("swap", frame, station.stage)) {
             station.held = frame;
         } else {
             HandOn(station, frame);
@@ -309,10 +305,10 @@ class Simulation {
     }
 
     void HandOn(Station& station, int64_t frame) {
-        if (!Take(FaultKind::Unreported, frame, station.stage)) {
+        if (!Take("unreported", frame, station.stage)) {
             Report(station, frame, 0);
         }
-        if (Take(FaultKind::SecondPort, frame, station.stage)) {
+        if (Take("second-port", frame, station.stage)) {
             Report(station, frame, 1);
         }
         for (Station* const receiver : station.receivers) {
@@ -325,7 +321,7 @@ class Simulation {
     }
 
     void Report(Station& station, int64_t frame, size_t port) {
-        linesToLose += Take(FaultKind::LogLost, frame).value_or(0);
+        linesToLose += Take("log-lost", frame).value_or(0);
         if (truth && station.stage >= 0) {
             truth->OnLeft(frame, station.stage, now);
         }
@@ -336,19 +332,17 @@ class Simulation {
 
     // The amount of a fault that is due for the frame. One that cannot happen to several in a row
     // is due once.
-    std::optional<int64_t> Take(FaultKind kind, int64_t frame, int32_t stage = -1) {
+    std::optional<int64_t> Take(std::string_view kind, int64_t frame, int32_t stage = -1) {
         for (size_t i = 0; i < camera.faults.size(); ++i) {
             const Fault& fault = camera.faults[i];
-            const bool isForever = kind == FaultKind::Die || kind == FaultKind::Restart;
-            const int64_t last =
-                kind == FaultKind::Die ? MAX_FRAMES : std::max(fault.frame, fault.last);
+            const int64_t last = kind == "die" ? MAX_FRAMES : fault.last;
             if (fault.kind == kind && fault.stage == stage && frame >= fault.frame &&
                 frame <= last && !isOver[i]) {
                 isOver[i] = frame == last;
-                losing = kind == FaultKind::LogLost ? i : losing;
+                losing = kind == "log-lost" ? i : losing;
                 if (truth) {
-                    const bool isDelay = kind == FaultKind::Slow || kind == FaultKind::Stall ||
-                                         kind == FaultKind::Freeze;
+                    const bool isForever = kind == "die" || kind == "restart";
+                    const bool isDelay = kind == "slow" || kind == "stall" || kind == "freeze";
                     const Micros over = now + (isDelay ? fault.amount * MILLISECOND : 0);
                     truth->OnFault(i, now, isForever ? Truth::FOREVER : over);
                 }
@@ -381,7 +375,6 @@ class Simulation {
     Micros now = 0;
     Micros played = 0;                 // The moment that the player has come to.
     int32_t thread = CAPTURE_PROCESS;  // That calls now.
-    int32_t firstMode = 0;             // Of the configuration.
     int32_t stageCount = 0;
     int64_t inPipeline = 0;
     int64_t linesToLose = 0;

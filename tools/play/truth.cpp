@@ -101,7 +101,7 @@ void Truth::Write(std::ostream& out, Micros sceneBegin, Micros sceneEnd) {
     for (size_t i = 0; i < acted.size(); ++i) {
         const Fault& fault = camera.faults[i];
         faults.push_back({{"fault", ToString(fault)},
-                          {"kind", NameOf(fault.kind)},
+                          {"kind", fault.kind},
                           {"first", fault.frame},
                           {"last", fault.last},
                           {"stage", fault.stage < 0 ? Json() : Json(fault.stage)},
