@@ -28,7 +28,7 @@ struct Finding {
     Severity severity = Severity::Note;
     std::string message{};
     Place place{};
-    uint32_t column = 0;  // In bytes, from 1; 0 where no column is known.
+    uint32_t column = 0;  // In characters, from 1; 0 where no column is known.
 };
 
 // "error", "warning" or "note".

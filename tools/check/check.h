@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,6 +36,9 @@ struct Configuration {
 
     // The highest stage whose node name occurs within `node`; -1 when there is none.
     int32_t StageOf(std::string_view node) const;
+    // The stages by their numbers, and null for those that count and could not be loaded: no more
+    // than 1,000 of these.
+    std::map<int32_t, const ConfiguredStage*> StagesByNumber() const;
     // Whether any stage whose node name occurs within `node` lists `port`.
     bool IsStagePort(std::string_view node, int32_t port) const;
 

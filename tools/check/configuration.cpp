@@ -30,6 +30,19 @@ bool Configuration::IsStagePort(std::string_view node, int32_t port) const {
     });
 }
 
+std::map<int32_t, const ConfiguredStage*> Configuration::StagesByNumber() const {
+    constexpr int32_t most = 1000;
+    std::map<int32_t, const ConfiguredStage*> numbered;
+    for (const ConfiguredStage& stage : stages) {
+        numbered[stage.stage] = &stage;
+    }
+    const int32_t last = stages.empty() ? -1 : stages.back().stage;
+    for (int32_t number = 0; number < std::min(stageCount.value_or(last), most); ++number) {
+        numbered.try_emplace(number, nullptr);
+    }
+    return numbered;
+}
+
 std::optional<ConfiguredStage> NearMiss(const Configuration& configuration, std::string_view node) {
     const std::string folded = Folded(node);
     const auto& stages = configuration.stages;

@@ -14,9 +14,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// More stages than this are not made up to fill a gap.
-constexpr int32_t MOST_FILLED = 1000;
-
 // A text as TOML has it: as JSON has it, but for one character.
 std::string TomlText(const std::string& text) {
     const auto replace = Json::error_handler_t::replace;
@@ -171,25 +168,17 @@ std::string ToToml(const Configuration& configuration) {
     }
     text += "]\n\n[TarvoCameraFrameBoostConfig.stage]\n";
 
-    // An empty list is what counts as a stage and is not loaded.
-    int64_t next = 0;
-    const auto fillTo = [&text, &next](int64_t end) {
-        for (int32_t filled = 0; next < end && filled < MOST_FILLED; ++filled) {
-            text += std::to_string(next++) + " = []\n";
-        }
-    };
-    for (const ConfiguredStage& stage : configuration.stages) {
-        fillTo(stage.stage);
-        text += fmt::format("{} = [{}", stage.stage, TomlText(stage.node));
-        for (const int32_t port : stage.ports) {
-            text += fmt::format(", \"{}\"", port);
+    for (const auto& [number, stage] : configuration.StagesByNumber()) {
+        text += fmt::format("{} = [", number);
+        if (stage != nullptr) {
+            text += TomlText(stage->node);
+            for (const int32_t port : stage->ports) {
+                text += fmt::format(", \"{}\"", port);
+            }
         }
         text += "]\n";
-        next = int64_t{stage.stage} + 1;
     }
-    if (configuration.stageCount) {
-        fillTo(*configuration.stageCount);
-    } else {
+    if (!configuration.stageCount) {
         text += "# How many stages there are in all: not known\n";
     }
     return text;
