@@ -87,10 +87,6 @@ struct Delays : Step {
             return period * columns.fates[row].periods;
         }
         Micros expected = columns.usual[stage];
-        if (columns.kept[stage] > 0) {
-            // Of several servers one that is free begins at once.
-            expected = std::max(expected, columns.usualStay[stage]);
-        }
         for (int32_t before = std::max(scene.StageBefore(row, stage), 0) + 1; before < stage;
              ++before) {
             expected += columns.usualStay[before];  // It was there, too.

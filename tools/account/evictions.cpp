@@ -52,14 +52,12 @@ std::optional<int32_t> HolderOf(const Scene& scene, const Columns& columns, Micr
 }  // namespace
 
 void FindEvictions(const Scene& scene, Columns& columns) {
-    std::vector<uint32_t> evicted;
-    for (uint32_t row = 0; row < scene.frames.size(); ++row) {
-        // Lost frames only keep their places: they suffer nothing when they leave these.
-        if (scene.frames[row].evicted != NO_TIME && !columns.fates[row].isNeverOut) {
-            evicted.push_back(row);
-        }
-    }
-    SortBy(evicted, [&](uint32_t row) { return scene.frames[row].evicted; });
+    // Lost frames only keep their places: they suffer nothing when they leave these.
+    const auto timeOf = [&](uint32_t row) {
+        return columns.fates[row].isNeverOut ? NO_TIME : scene.frames[row].evicted;
+    };
+    const std::vector<uint32_t> evicted =
+        Step{scene, columns}.RowsBy(timeOf, [&](uint32_t row) { return scene.frames[row].number; });
     Micros last = NO_TIME;
     for (const uint32_t row : evicted) {
         const Micros time = scene.frames[row].evicted;

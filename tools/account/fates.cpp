@@ -50,18 +50,14 @@ struct Fates : Step {
             const uint32_t other = scene.RowOf(missing);
             // Without nodes a frame that was refused leaves no more lines.
             if (other == NO_INDEX ||
-                (scene.NextStage(other) == 0 && (scene.hasNodes || !scene.frames[other].isGap) &&
-                 !(scene.isAlone && scene.frames[other].start != NO_TIME))) {
+                (scene.NextStage(other) == 0 && (scene.hasNodes || !scene.frames[other].isGap))) {
                 gap.missing.push_back(missing);
             }
         }
         // Calls that are played without their times tell nothing by these.
         const bool hasPace = columns.usual[0] > period / 2 && IsTimed(gap.from, gap.to);
-        // Where stage 0 catches up, the sensor drops frames one gap after the other.
-        const bool goesOn = !columns.gaps.empty() && columns.gaps.back().isDropped &&
-                            scene.frames[columns.gaps.back().next].number == gap.before;
-        gap.isDropped = !hasPace || goesOn ||
-                        passed >= Times(limits::SKIPPED, (std::ssize(gap.missing) + 1) * each);
+        gap.isDropped =
+            !hasPace || passed >= Times(limits::SKIPPED, (std::ssize(gap.missing) + 1) * each);
         if (gap.isDropped || gap.missing.empty()) {
             columns.fates[gap.next].periods = step;
         }
@@ -102,14 +98,10 @@ struct Fates : Step {
                 const Micros output = std::accumulate(rest, columns.usualStay.end(), LastOf(row));
                 fate.output = output <= scene.stop ? output : NO_TIME;
             }
-            if (fate.output != NO_TIME) {
-                columns.outputs.push_back(row);
-            }
         }
-        SortBy(columns.outputs, [&](uint32_t row) {
-            return std::pair(columns.fates[row].output,
-                             last >= 0 ? scene.LeftAt(row, last) : Place());
-        });
+        columns.outputs =
+            RowsBy([this](uint32_t row) { return columns.fates[row].output; },
+                   [&](uint32_t row) { return last >= 0 ? scene.LeftAt(row, last) : Place(); });
     }
 
     void FindLost() {

@@ -56,10 +56,7 @@ struct Holes : Step {
         }
         std::vector<Micros> absent;  // Times of lines that prove others, which are not there.
         Micros next = NO_TIME;
-        // Where numbers started again, the library may have started that number before, and stage
-        // 0.
-        const size_t first = scene.restartedAfter && frame.number <= *scene.restartedAfter ? 2 : 0;
-        for (size_t i = lines.size(); i-- > first;) {
+        for (size_t i = lines.size(); i-- > 0;) {
             if (lines[i] == NO_TIME && next != NO_TIME) {
                 absent.push_back(next);
             }
@@ -77,11 +74,6 @@ struct Holes : Step {
                 (hasNode && isInOrder && !(isEnd && isFollowed))) {
                 absent.push_back(pass.left);
             }
-        }
-        const bool opensNext = last >= 0 && (scene.PassOf(row, 0).seen & NODE_END) != 0;
-        if (opensNext && frame.number < INT32_MAX &&
-            (row + 1 == RowCount() || StepOf(frame.number, scene.frames[row + 1].number) != 1)) {
-            absent.push_back(scene.LeftOf(row, 0));
         }
         for (const Micros time : absent) {
             if (time < scene.end - (scene.HasEnd() ? MILLISECOND : limits::ONE_EVENT)) {

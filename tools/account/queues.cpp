@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 
 #include "tools/account/limits.h"
 #include "tools/account/steps.h"
@@ -30,39 +31,26 @@ Micros UsualOf(const std::vector<uint32_t>& rows, Micros none, const TimeOf& tim
 
 struct Stages : Step {
     void FindOrders() {
-        columns.order.resize(static_cast<size_t>(scene.isAlone ? 1 : scene.stageCount));
-        for (int32_t stage = 0; stage < std::ssize(columns.order); ++stage) {
-            std::vector<uint32_t>& order = columns.order[stage];
-            for (uint32_t row = 0; row < RowCount(); ++row) {
-                if (scene.LeftOf(row, stage) != NO_TIME) {
-                    order.push_back(row);
-                }
-            }
-            SortBy(order, [&](uint32_t row) {
-                return std::pair(scene.LeftOf(row, stage), scene.LeftAt(row, stage));
-            });
-        }
         // Frames may have left stages before numbers started again.
-        const auto begin = columns.order.begin(), end = columns.order.end();
-        const auto before = begin + (scene.isAlone ? 1 : scene.stagesBefore);
-        const auto isHit = [](const std::vector<uint32_t>& rows) { return !rows.empty(); };
-        const auto never = std::find_if_not(before, end, isHit);
-        const auto last =
-            std::find_if(columns.order.rbegin(), std::reverse_iterator(before), isHit);
-        columns.stages = static_cast<int32_t>(last.base() - begin);
-        // Where no stage is reported at all, frames are all that the HAL reports.
-        if (columns.stages > 0 && never != end && RowCount() >= limits::ENOUGH_FRAMES) {
-            columns.neverHit = static_cast<int32_t>(never - begin);
-        }
-        columns.order.erase(last.base(), end);
-        for (uint32_t row = 0; row < RowCount(); ++row) {
-            if (scene.DeliveredAt(row) != NO_TIME) {
-                columns.delivered.push_back(row);
+        const int32_t before = scene.isAlone ? 1 : scene.stagesBefore;
+        std::optional<int32_t> never;
+        columns.stages = before;
+        for (int32_t stage = 0; stage < (scene.isAlone ? 1 : scene.stageCount); ++stage) {
+            columns.order.push_back(RowsBy([&](uint32_t row) { return scene.LeftOf(row, stage); },
+                                           [&](uint32_t row) { return scene.LeftAt(row, stage); }));
+            if (!columns.order.back().empty()) {
+                columns.stages = std::max(columns.stages, stage + 1);
+            } else if (stage >= before && !never) {
+                never = stage;
             }
         }
-        SortBy(columns.delivered, [this](uint32_t row) {
-            return std::pair(scene.DeliveredAt(row), scene.LeftAt(row, 0));
-        });
+        // Where no stage is reported at all, frames are all that the HAL reports.
+        if (columns.stages > 0 && RowCount() >= limits::ENOUGH_FRAMES) {
+            columns.neverHit = never;
+        }
+        columns.order.resize(static_cast<size_t>(columns.stages));
+        columns.delivered = RowsBy([this](uint32_t row) { return scene.DeliveredAt(row); },
+                                   [this](uint32_t row) { return scene.LeftAt(row, 0); });
     }
 
     // Frames that were in the pipeline before the scene, or before the capture.
@@ -121,19 +109,17 @@ struct Stages : Step {
         columns.place.assign(columns.order.size(), std::vector<uint32_t>(RowCount(), NO_INDEX));
         for (int32_t stage = 0; stage < columns.stages; ++stage) {
             const auto cameAt = [&](uint32_t row) { return CameAt(scene, row, stage); };
-            std::vector<uint32_t>& came = columns.came.emplace_back();
-            for (uint32_t row = 0; row < RowCount(); ++row) {
-                // Frames that never left it are among them: they let go of others.
-                if (cameAt(row) != NO_TIME &&
-                    (scene.LeftOf(row, stage) != NO_TIME || scene.NextStage(row) == stage)) {
-                    came.push_back(row);
-                }
-            }
-            SortBy(came, [&](uint32_t row) {
+            // Frames that never left it are among them: they let go of others.
+            const auto knownAt = [&](uint32_t row) {
+                const bool isKnown =
+                    scene.LeftOf(row, stage) != NO_TIME || scene.NextStage(row) == stage;
+                return isKnown ? cameAt(row) : NO_TIME;
+            };
+            columns.came.push_back(RowsBy(knownAt, [&](uint32_t row) {
                 const int32_t before = scene.StageBefore(row, stage);
-                return std::pair(cameAt(row),
-                                 before < 0 ? scene.frames[row].place : scene.LeftAt(row, before));
-            });
+                return before < 0 ? scene.frames[row].place : scene.LeftAt(row, before);
+            }));
+            const std::vector<uint32_t>& came = columns.came.back();
             for (size_t i = 0; i < came.size(); ++i) {
                 columns.place[stage][came[i]] = static_cast<uint32_t>(i);
             }
@@ -272,54 +258,39 @@ struct Queues : Step {
     void FindQueue(int32_t stage) {
         const std::vector<uint32_t>& order = columns.order[stage];
         std::vector<uint32_t>& together = columns.together[stage];
-        // Frames that leave within the log's resolution, from the first to before `next`.
-        const auto isNext = [&](uint32_t one, uint32_t other) {
-            return scene.LeftOf(other, stage) - scene.LeftOf(one, stage) > limits::TOGETHER;
+        const auto isTogether = [&](size_t i) {
+            return i > 0 && i < order.size() &&
+                   scene.LeftOf(order[i], stage) - scene.LeftOf(order[i - 1], stage) <=
+                       limits::TOGETHER;
         };
-        const auto nextOf = [&](auto first) {
-            const auto last = std::adjacent_find(first, order.end(), isNext);
-            return last == order.end() ? last : last + 1;
-        };
-        for (auto first = order.begin(), next = first; first != order.end(); first = next) {
-            next = nextOf(first);
-            if (next - first > 1) {
-                together.insert(together.end(), first, next);
+        for (size_t i = 0; i < order.size(); ++i) {
+            SetBegin(order[i], stage, i == 0 ? NO_INDEX : order[i - 1]);
+            if (isTogether(i) || isTogether(i + 1)) {
+                together.push_back(order[i]);
             }
         }
         if (stage == 0 || static_cast<double>(together.size()) <=
                               limits::GROUPED * static_cast<double>(order.size())) {
             together.clear();
         }
-        const bool isGrouped = !together.empty() && columns.kept[stage] == 0;
-        uint32_t ahead = NO_INDEX;
-        for (auto first = order.begin(), next = first; first != order.end(); first = next) {
-            next = isGrouped ? nextOf(first) : first + 1;
-            // Frames that leave together begin together, when the last of them has come.
-            const uint32_t latest = *std::max_element(first, next, [&](uint32_t a, uint32_t b) {
-                return CameAt(scene, a, stage) < CameAt(scene, b, stage);
-            });
-            std::for_each(first, next, [&](uint32_t row) { SetBegin(row, stage, latest, ahead); });
-            ahead = *std::prev(next);
-        }
     }
 
-    // `latest`: the last to come of those that begin with it. `free`: the frame behind whose
-    // leaving the stage is free for this one.
-    void SetBegin(uint32_t row, int32_t stage, uint32_t latest, uint32_t free) {
+    // `free`: the frame behind whose leaving the stage is free for this one.
+    void SetBegin(uint32_t row, int32_t stage, uint32_t free) {
         if (columns.kept[stage] > 0) {
             free = columns.CameBehind(row, stage, -1 - int64_t{columns.kept[stage]});
         }
         const size_t pass = columns.PassOf(row, stage);
         const Micros left = scene.LeftOf(row, stage);
-        const Micros came = CameAt(scene, latest, stage);
+        const Micros came = CameAt(scene, row, stage);
         const Micros freeAt = free == NO_INDEX ? NO_TIME : scene.LeftOf(free, stage);
         const bool isKnown = came != NO_TIME || (stage == 0 && !scene.isAlone);
-        if (isKnown && freeAt > came && freeAt <= left) {
+        if (isKnown && freeAt > came) {
             columns.begin[pass] = freeAt;
             columns.behind[pass] = static_cast<uint32_t>(columns.PassOf(free, stage));
         } else if (came != NO_TIME) {
             columns.begin[pass] = std::min(came, left);
-            columns.behind[pass] = CameFrom(latest, stage);
+            columns.behind[pass] = CameFrom(row, stage);
         }
     }
 };

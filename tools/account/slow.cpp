@@ -199,14 +199,6 @@ struct SlowStages {
     void AddIfBusy(int32_t stage, RowsOf rows) {
         const auto waitOf = [&](uint32_t row) { return columns.WaitOf(scene, row, stage); };
         const auto workOf = [&](uint32_t row) { return columns.WorkOf(scene, row, stage); };
-        // Behind the longest wait it catches up.
-        const auto isLess = [&](uint32_t one, uint32_t other) {
-            return waitOf(one) < waitOf(other);
-        };
-        const Micros longest = waitOf(*std::max_element(rows.begin(), rows.end(), isLess));
-        while (rows.size() > 1 && waitOf(rows.back()) < longest * 4 / 5) {
-            rows = rows.first(rows.size() - 1);
-        }
         const Micros each = std::max(period, columns.period[rows.front()]);
         const Micros most = 2 * std::max(columns.usual[stage], each);
         // Frames that hung are found by themselves.
@@ -229,21 +221,18 @@ struct SlowStages {
         while (rows.size() > 1 && workOf(rows.back()) <= limit) {
             rows = rows.first(rows.size() - 1);
         }
-        // Of a stage that is a few percent too slow the growth of the queue is the proof; where the
-        // sensor has no room, the queue grows no more.
+        // Of a stage that is a few percent too slow the growth of the queue is the proof.
         const Micros mean = meanOf();
         const Micros begin = BeginOf(rows.front(), stage);
         const Micros growth = waitOf(rows.back()) - std::max<Micros>(waitOf(rows.front()), 0);
-        const bool isTooSlow = mean > over && scene.LeftOf(rows.back(), stage) - begin >= SECOND;
-        const bool isGrowing = growth >= limits::BUSY_GROWTH_PERIODS * period &&
-                               (mean - each) * std::ssize(rows) >= growth / 2;
-        if (rows.size() < limits::BUSY_FRAMES || !(isTooSlow || isGrowing)) {
+        if (rows.size() < limits::BUSY_FRAMES || growth < limits::BUSY_GROWTH_PERIODS * period ||
+            (mean - each) * std::ssize(rows) < growth / 2) {
             return;
         }
         const auto [low, high] = std::minmax_element(rows.begin(), rows.end());
         Cause& cause = Add(Case::CannotKeepUp, stage, *low, *high, begin);
         for (const uint32_t row : rows) {
-            isBusy[columns.PassOf(row, stage)] = workOf(row) <= most;
+            isBusy[columns.PassOf(row, stage)] = true;
         }
         // All of the stretch, frames that never came to the stage included.
         for (uint32_t row = *low; row <= *high; ++row) {

@@ -47,17 +47,26 @@ struct Step {
         return std::partition_point(order.begin(), order.end(),
                                     [&](uint32_t row) { return scene.LeftOf(row, stage) < time; });
     }
-};
-
-// Rows by when something happened to them, and by the line that says so. `keyOf`: from a row.
-template <typename KeyOf>
-void SortBy(std::vector<uint32_t>& rows, const KeyOf& keyOf) {
-    const auto isBefore = [&](uint32_t one, uint32_t other) { return keyOf(one) < keyOf(other); };
-    // As most frames stay in order.
-    if (!std::is_sorted(rows.begin(), rows.end(), isBefore)) {
-        std::stable_sort(rows.begin(), rows.end(), isBefore);
+    // Rows by when something happened to them, and by the line that says so. `timeOf`: NO_TIME
+    // where it never did.
+    template <typename TimeOf, typename PlaceOf>
+    std::vector<uint32_t> RowsBy(const TimeOf& timeOf, const PlaceOf& placeOf) const {
+        std::vector<uint32_t> rows;
+        for (uint32_t row = 0; row < RowCount(); ++row) {
+            if (timeOf(row) != NO_TIME) {
+                rows.push_back(row);
+            }
+        }
+        const auto isBefore = [&](uint32_t one, uint32_t other) {
+            return std::pair(timeOf(one), placeOf(one)) < std::pair(timeOf(other), placeOf(other));
+        };
+        // As most frames stay in order.
+        if (!std::is_sorted(rows.begin(), rows.end(), isBefore)) {
+            std::stable_sort(rows.begin(), rows.end(), isBefore);
+        }
+        return rows;
     }
-}
+};
 
 // Which stages there are, in which order frames left them, the sensor's rates, how long frames stay
 // in stages and how many are kept there.
