@@ -146,8 +146,7 @@ struct Attribution {
         }
         // What comes behind a frame that opened none suffers from the same.
         const auto known = causeOf.find(before);
-        const bool isBehind = !frame.isStarted && known != causeOf.end() &&
-                              KindOf(known->second->what) != Kind::SlowStage;
+        const bool isBehind = !frame.isStarted && known != causeOf.end();
         return found == nullptr && isBehind ? known->second : found;
     }
 
@@ -220,10 +219,7 @@ struct Attribution {
 
     // Frames in a row of which the same became.
     void AddOthers(const std::vector<uint32_t>& rows) {
-        const auto statusOf = [this](uint32_t row) {
-            const FrameStatus status = columns.fates[row].status;
-            return status == FrameStatus::Unseen ? FrameStatus::Refused : status;
-        };
+        const auto statusOf = [this](uint32_t row) { return columns.fates[row].status; };
         for (auto next = rows.begin(); next != rows.end();) {
             const uint32_t first = *next;
             const Frame& frame = scene.frames[first];

@@ -1,4 +1,4 @@
-// What became of each frame.
+// What became of each frame, and what filled the table when frames were pushed out of it.
 
 #include <algorithm>
 #include <numeric>
@@ -225,6 +225,46 @@ struct Fates : Step {
     }
 };
 
+// The stage with the most frames beyond those it usually has, of the frames in flight then; nothing
+// where none has many more.
+std::optional<int32_t> HolderOf(const Scene& scene, const Columns& columns, Micros time) {
+    constexpr std::ptrdiff_t reach = 200;  // Many times the table's frames.
+    if (scene.isAlone && columns.outputs.empty()) {
+        return {};  // Nothing shows what is usual.
+    }
+    PerStage<int64_t> surplus;
+    for (const uint32_t kept : columns.kept) {
+        surplus.push_back(-1 - int64_t{kept});
+    }
+    // The rows that had been started by then, from the newest down.
+    const auto begin = scene.frames.begin();
+    const auto end = std::partition_point(
+        begin, scene.frames.end(), [time](const Frame& frame) { return frame.seen <= time; });
+    for (auto frame = end - std::min(end - begin, reach); frame != end; ++frame) {
+        const auto row = static_cast<uint32_t>(frame - begin);
+        const auto isBy = [time](Micros moment) { return moment != NO_TIME && moment <= time; };
+        // A frame that was lost is in no queue.
+        const auto lost = columns.lost.find(frame->number);
+        if (!frame->isStarted || frame->start > time ||
+            isBy(frame->isEnded ? frame->end : columns.fates[row].output) ||
+            (lost != columns.lost.end() && lost->second.how != Lost::How::Stands)) {
+            continue;
+        }
+        int32_t stage = 0;
+        for (int32_t left = 0; left < columns.stages; ++left) {
+            stage += isBy(scene.LeftOf(row, left)) ? 1 : 0;
+        }
+        if (stage < columns.stages) {
+            ++surplus[stage];
+        }
+    }
+    const auto most = std::max_element(surplus.begin(), surplus.end());
+    if (most == surplus.end() || *most < limits::SURPLUS) {
+        return {};
+    }
+    return static_cast<int32_t>(most - surplus.begin());
+}
+
 }  // namespace
 
 void FindFates(const Scene& scene, Columns& columns) {
@@ -241,6 +281,25 @@ void FindFates(const Scene& scene, Columns& columns) {
     fates.FindLost();
     for (uint32_t row = 0; row < fates.RowCount(); ++row) {
         fates.FindStatus(row);
+    }
+}
+
+void FindEvictions(const Scene& scene, Columns& columns) {
+    // Lost frames only keep their places: they suffer nothing when they leave these.
+    const auto timeOf = [&](uint32_t row) {
+        return columns.fates[row].isNeverOut ? NO_TIME : scene.frames[row].evicted;
+    };
+    const std::vector<uint32_t> evicted =
+        Step{scene, columns}.RowsBy(timeOf, [&](uint32_t row) { return scene.frames[row].number; });
+    Micros last = NO_TIME;
+    for (const uint32_t row : evicted) {
+        const Micros time = scene.frames[row].evicted;
+        if (last == NO_TIME || time - last > limits::EVICTIONS_APART) {
+            columns.evictions.emplace_back();
+        }
+        columns.evictions.back().rows.push_back(row);
+        columns.evictions.back().holders.push_back(HolderOf(scene, columns, time));
+        last = time;
     }
 }
 
