@@ -56,8 +56,11 @@ struct Fates : Step {
         }
         // Calls that are played without their times tell nothing by these.
         const bool hasPace = columns.usual[0] > period / 2 && IsTimed(gap.from, gap.to);
-        gap.isDropped =
-            !hasPace || passed >= Times(limits::SKIPPED, (std::ssize(gap.missing) + 1) * each);
+        // Where stage 0 catches up, the sensor drops frames one gap after the other.
+        const bool goesOn = !columns.gaps.empty() && columns.gaps.back().isDropped &&
+                            scene.frames[columns.gaps.back().next].number == gap.before;
+        gap.isDropped = !hasPace || goesOn ||
+                        passed >= Times(limits::SKIPPED, (std::ssize(gap.missing) + 1) * each);
         if (gap.isDropped || gap.missing.empty()) {
             columns.fates[gap.next].periods = step;
         }

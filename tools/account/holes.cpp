@@ -56,7 +56,10 @@ struct Holes : Step {
         }
         std::vector<Micros> absent;  // Times of lines that prove others, which are not there.
         Micros next = NO_TIME;
-        for (size_t i = lines.size(); i-- > 0;) {
+        // Where numbers started again, the library may have started that number before, and stage
+        // 0.
+        const size_t first = scene.restartedAfter && frame.number <= *scene.restartedAfter ? 2 : 0;
+        for (size_t i = lines.size(); i-- > first;) {
             if (lines[i] == NO_TIME && next != NO_TIME) {
                 absent.push_back(next);
             }
