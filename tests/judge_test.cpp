@@ -14,7 +14,6 @@
 #include "tests/support/harmed.h"
 #include "tools/account/account.h"
 #include "tools/account/reader.h"
-#include "tools/account/sentences.h"
 #include "tools/log/capture.h"
 #include "tools/play/replay.h"
 #include "tools/play/simulate.h"

@@ -160,8 +160,6 @@ std::vector<SceneFinding> Joined(const JudgedScene& judged, size_t namedOneByOne
     return findings;
 }
 
-// --- About no scene in particular.
-
 // Lines of the library's that were not understood.
 Cause NotUnderstoodOf(const Account& account) {
     const std::vector<NotUnderstood>& shown = account.firstNotUnderstood;
@@ -180,32 +178,6 @@ Cause NotUnderstoodOf(const Account& account) {
         cause.why += fmt::format("\n    line {}: {}", line.place.line, line.text);
     }
     return cause;
-}
-
-std::vector<SceneFinding> FindingsOutside(const Account& account, const Readings& readings) {
-    std::vector<SceneFinding> findings;
-    const auto add = [&findings](const Cause& cause) {
-        findings.push_back(FindingOf({}, {}, cause));
-    };
-    if (!account.damage.empty()) {
-        add({.what = Case::InputDamaged, .why = account.damage});
-    }
-    if (account.notUnderstood > 0) {
-        add(NotUnderstoodOf(account));
-    }
-    const auto addFirst = [&](Case what, const std::vector<Scene::Disturbance>& all) {
-        if (!all.empty()) {
-            const Scene::Disturbance& first = all.front();
-            add({.what = what,
-                 .place = first.place,
-                 .time = first.time,
-                 .count = first.amount,
-                 .times = std::ssize(all)});
-        }
-    };
-    addFirst(Case::LinesOutside, readings.leftOut);
-    addFirst(Case::ClockSetOutside, readings.clockSteps);
-    return findings;
 }
 
 }  // namespace
@@ -237,7 +209,13 @@ Account Judge(Readings readings, CaptureSummary summary, std::vector<std::string
                 : &account.configurations[scene.configuration - 1].configuration;
         account.scenes.push_back(JudgedOf(std::move(scene), known, options.latePeriods));
     }
-    account.findings = FindingsOutside(account, readings);
+    if (!account.damage.empty()) {
+        account.findings.push_back(
+            FindingOf({}, {}, {.what = Case::InputDamaged, .why = account.damage}));
+    }
+    if (account.notUnderstood > 0) {
+        account.findings.push_back(FindingOf({}, {}, NotUnderstoodOf(account)));
+    }
     return account;
 }
 
@@ -249,13 +227,14 @@ void MakeFindings(Account& account, const JudgeOptions& options) {
 
 Severity WorstOf(const Account& account) {
     Severity worst = Severity::Note;
-    for (const SceneFinding& finding : account.findings) {
-        worst = std::max(worst, finding.severity);
-    }
-    for (const JudgedScene& judged : account.scenes) {
-        for (const SceneFinding& finding : judged.findings) {
+    const auto add = [&worst](const std::vector<SceneFinding>& findings) {
+        for (const SceneFinding& finding : findings) {
             worst = std::max(worst, finding.severity);
         }
+    };
+    add(account.findings);
+    for (const JudgedScene& judged : account.scenes) {
+        add(judged.findings);
     }
     return worst;
 }

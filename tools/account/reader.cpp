@@ -249,25 +249,18 @@ void SceneReader::Close(Process& process, Stop stopped, Micros stop) {
 
 void SceneReader::OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& place) {
     const auto found = processes.find(moment.process);
-    if (found != processes.end()) {
-        auto& running = found->second.running;
-        (running.empty() ? read.leftOut : running.back().scene.leftOut)
-            .push_back({moment.time, lines, place});
+    if (found != processes.end() && !found->second.running.empty()) {
+        found->second.running.back().scene.leftOut.push_back({moment.time, lines, place});
     }
 }
 
 void SceneReader::OnClockSet(Micros step, const Moment& moment, const Place& place) {
-    bool isInScene = false;
     for (auto& [number, process] : processes) {
         if (!process.running.empty()) {
             RunningScene& running = process.running.back();
             running.scene.clockSteps.push_back({moment.time, step, place});
             running.last = moment.time;
-            isInScene = true;
         }
-    }
-    if (!isInScene) {
-        read.clockSteps.push_back({moment.time, step, place});
     }
 }
 

@@ -24,8 +24,6 @@ namespace tools {
 struct Readings {
     std::vector<std::shared_ptr<LoadedConfiguration>> configurations;
     std::vector<Scene> scenes;  // In the order of their first lines.
-    // Lines left out, and steps of the clock, where no scene ran.
-    std::vector<Scene::Disturbance> leftOut, clockSteps;
     bool hasThreads = false;
 };
 

@@ -1,4 +1,4 @@
-#include "tools/account/sentences.h"
+// What is said: of a cause, of frames and stages in it, and of all that came of a capture.
 
 #include <fmt/args.h>
 #include <fmt/format.h>
@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
-#include "tools/account/limits.h"
+#include "tools/account/account.h"
 #include "tools/base/text.h"
 
 namespace tools {
@@ -37,14 +37,11 @@ std::string TookText(const std::vector<Micros>& took) {
         return "";
     }
     const auto [least, most] = std::minmax_element(took.begin(), took.end());
-    if (took.size() == 1) {
-        return Ms(*least) + " ms";
+    if (*most - *least > std::max(2 * MILLISECOND, *most / 10)) {
+        return Ms(*least) + " to " + Ms(*most) + " ms";
     }
-    if (*most - *least <= std::max(2 * MILLISECOND, *most / 10)) {
-        const Micros sum = std::accumulate(took.begin(), took.end(), Micros{0});
-        return Ms(sum / std::ssize(took)) + " ms each";
-    }
-    return Ms(*least) + " to " + Ms(*most) + " ms";
+    const Micros sum = std::accumulate(took.begin(), took.end(), Micros{0});
+    return Ms(sum / std::ssize(took)) + (took.size() == 1 ? " ms" : " ms each");
 }
 
 std::string OneDigit(Micros time, Micros unit) {
@@ -194,21 +191,37 @@ struct Speaker {
         if (kind == Kind::Unexplained) {
             return "";
         }
-        std::vector<std::string> parts;
-        const auto say = [&parts](const Numbers& frames, const char* what) {
+        const auto say = [](std::vector<std::string>& parts, const Numbers& frames,
+                            const char* what) {
             if (!frames.empty()) {
                 parts.push_back(
                     fmt::format(fmt::runtime(what), NumbersText(frames), WasOrWere(frames.size())));
             }
         };
+        std::vector<std::string> bad, late;
         // Frames that were slow may have been pushed out themselves.
         const Numbers others = Without(Without(cause.harmed, cause.own), cause.beside);
         for (const auto& [status, what] : FATES) {
-            say(Those(kind == Kind::SlowStage ? cause.harmed : others,
+            say(bad,
+                Those(kind == Kind::SlowStage ? cause.harmed : others,
                       [&, is = status](uint32_t row) { return columns.fates[row].status == is; }),
                 what);
         }
-        std::string text = parts.empty() ? "" : "; therefore " + Join(parts);
+        if (cause.what == Case::Slow) {
+            say(late, cause.beside, "{} waited behind it");
+        }
+        // A frame behind one that was lost comes late for that, even if it is refused as well.
+        const bool isLoss = kind == Kind::FrameLost || kind == Kind::FrameGap;
+        const auto isLate = [&](uint32_t row) {
+            const Fate& fate = columns.fates[row];
+            const bool isRefused =
+                fate.status == FrameStatus::Unseen || fate.status == FrameStatus::Refused;
+            return fate.isLate && (HarmOf(fate) == Harm::Late || (isLoss && isRefused));
+        };
+        if (cause.what != Case::OtherRate) {
+            say(late, Those(others, isLate), "{} came out late");
+        }
+        std::string text = bad.empty() ? "" : "; therefore " + Join(bad);
         const Numbers boosted =
             Those(cause.harmed, [&](uint32_t row) { return !IsNotBoosted(columns.fates[row]); });
         const int64_t notBoosted = std::ssize(cause.harmed) - std::ssize(boosted);
@@ -216,24 +229,7 @@ struct Speaker {
         if (notBoosted > 0 && kind != Kind::StageNeverHit && kind != Kind::NumbersRestart) {
             text += ": " + Counted(notBoosted, "frame") + " not boosted";
         }
-        parts.clear();
-        if (cause.what == Case::Slow) {
-            say(cause.beside, "{} waited behind it");
-        }
-        // A frame behind one that was lost comes late for that, even if it is refused as well.
-        const bool isLoss = kind == Kind::FrameLost || kind == Kind::FrameGap;
-        if (cause.what != Case::OtherRate) {
-            say(Those(others,
-                      [&](uint32_t row) {
-                          const Fate& fate = columns.fates[row];
-                          const bool isRefused = fate.status == FrameStatus::Unseen ||
-                                                 fate.status == FrameStatus::Refused;
-                          return fate.isLate &&
-                                 (HarmOf(fate) == Harm::Late || (isLoss && isRefused));
-                      }),
-                "{} came out late");
-        }
-        return parts.empty() ? text : text + "; " + Join(parts);
+        return late.empty() ? text : text + "; " + Join(late);
     }
 };
 
@@ -288,6 +284,79 @@ std::string StageName(const Scene& scene, int32_t stage) {
 
 std::string Ms(Micros time) {
     return fmt::to_string(std::llround(static_cast<double>(time) / 1000));
+}
+
+void Totals::Add(const Account& account, int64_t sign) {
+    worst = std::max(worst, WorstOf(account));
+    for (const JudgedScene& judged : account.scenes) {
+        const Figures& figures = judged.figures;
+        frames += sign * (figures.frameCount - figures.onlyOpened);
+        mixed += sign * (judged.columns.isMixed ? figures.frameCount - figures.onlyOpened : 0);
+        neverOut += sign * std::ssize(figures.neverOut);
+        notBoosted += sign * figures.notBoosted;
+        unknown += sign * figures.unknown;
+        late += sign * figures.late;
+        if (judged.isStarted) {
+            lateThreshold = std::max(lateThreshold, judged.columns.lateThreshold);
+            isStarted = true;
+        }
+    }
+}
+
+std::string LateText(Micros lateThreshold) {
+    return OneDigit(lateThreshold, MILLISECOND);
+}
+
+std::string VerdictOf(const Account& account) {
+    Totals totals;
+    totals.Add(account);
+    return VerdictOf(totals);
+}
+
+// What a viewer of the video would see comes first: frames that never came out, and late ones.
+std::string VerdictOf(const Totals& totals) {
+    if (!totals.isStarted) {
+        return "Nothing was boosted: no scene was started.";
+    }
+    const bool isWell = totals.worst == Severity::Note;
+    if (totals.frames <= 0) {
+        return fmt::format("Nothing was boosted: no frame was reported{}.",
+                           isWell ? "" : ", and there is something to look at");
+    }
+    const std::string all = Counted(totals.frames, "frame");
+    std::vector<std::string> parts;
+    const auto add = [&parts](int64_t count, const std::string& text) {
+        if (count > 0) {
+            parts.push_back(fmt::format(fmt::runtime(text), count));
+        }
+    };
+    add(totals.neverOut, "{} never came out");
+    add(totals.late, "{} came out late, more than " + LateText(totals.lateThreshold) +
+                         " ms after the frame before");
+    add(totals.notBoosted, std::string("{} ") + WasOrWere(static_cast<size_t>(totals.notBoosted)) +
+                               " not boosted from start to end");
+    add(totals.unknown, "what became of {} is not known, as lines of the log are missing");
+    add(totals.mixed, "what became of {} is not known, as two objects record at once");
+    if (!parts.empty()) {
+        return fmt::format("Of {} {}.", all, fmt::join(parts, "; "));
+    }
+    return isWell
+               ? fmt::format("All is well: {}, all boosted, none late.", all)
+               : fmt::format("{}, all boosted, none late, but there is something to look at.", all);
+}
+
+std::string LineOf(const Account& account, const JudgedScene* scene, const SceneFinding& finding) {
+    Finding shown{NameOf(finding.kind), finding.severity, finding.message, finding.place};
+    if (scene != nullptr && finding.time > scene->begin) {
+        shown.message += fmt::format(" ({:.3f} s into the scene)",
+                                     static_cast<double>(finding.time - scene->begin) / 1e6);
+    }
+    if (finding.place.line == 0) {
+        return fmt::format("{}: {} [{}]", NameOf(shown.severity), shown.message, shown.check);
+    }
+    return ToString(shown, finding.place.input < account.inputs.size()
+                               ? account.inputs[finding.place.input]
+                               : "line");
 }
 
 std::string SentenceOf(const Scene& scene, const Columns& columns, const Cause& cause) {

@@ -37,7 +37,7 @@ void FindNeverHit(const Scene& scene, const Columns& columns, std::vector<Cause>
 
 // Threads that report stages' ends and are not among those that the service was handed.
 void FindThreads(const Scene& scene, std::vector<Cause>& causes) {
-    if (!scene.hasThreads || scene.isBeginningMissing) {
+    if (scene.isBeginningMissing) {
         return;
     }
     std::map<int32_t, const Pass*> firstOf;  // By thread, its first node end.
@@ -138,20 +138,17 @@ Cause RefusalOf(const Scene& scene, const Configuration* configuration) {
         }
     } else if (scene.refusal == Refusal::Description) {
         cause.what = Case::OtherVideo;
-        cause.why = fmt::format("width {} at {} fps; only ", scene.width, scene.fps);
-        if (scene.fps != 60) {
-            cause.why += "60 fps are boosted";
-        } else if (configuration == nullptr || !configuration->additionalWidth) {
-            cause.why += fmt::format(
-                "width {} is boosted, and that of additionalSupportedWidth, which the log does not "
-                "tell",
-                BOOST_WIDTH);
-        } else if (*configuration->additionalWidth != 0) {
-            cause.why += fmt::format("width {} or {} is boosted", BOOST_WIDTH,
-                                     *configuration->additionalWidth);
-        } else {
-            cause.why += fmt::format("width {} is boosted", BOOST_WIDTH);
+        std::string allowed = "60 fps are";
+        if (scene.fps == 60) {
+            allowed = fmt::format("width {}", BOOST_WIDTH);
+            if (configuration == nullptr || !configuration->additionalWidth) {
+                allowed += ", and that of additionalSupportedWidth, which the log does not tell,";
+            } else if (*configuration->additionalWidth != 0) {
+                allowed += fmt::format(" or {}", *configuration->additionalWidth);
+            }
+            allowed += " is";
         }
+        cause.why = fmt::format("width {} at {} fps; only {}", scene.width, scene.fps, allowed);
     }
     return cause;
 }
