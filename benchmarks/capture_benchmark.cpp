@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tools/account/account.h"
+#include "tools/account/reader.h"
 #include "tools/log/capture.h"
 #include "tools/play/replay.h"
 #include "tools/play/simulate.h"

@@ -10,6 +10,7 @@
 #include "tests/fuzz/require.h"
 #include "tests/support/harmed.h"
 #include "tools/account/account.h"
+#include "tools/account/reader.h"
 #include "tools/log/capture.h"
 #include "tools/log/message.h"
 #include "tools/output/outputs.h"

@@ -12,6 +12,7 @@
 
 #include "tests/fuzz/require.h"
 #include "tools/account/account.h"
+#include "tools/account/reader.h"
 #include "tools/output/outputs.h"
 #include "tools/sched/ftrace.h"
 #include "tools/sched/scheduling.h"

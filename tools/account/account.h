@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "tools/account/cause.h"
-#include "tools/account/reader.h"
 #include "tools/base/statistics.h"
+#include "tools/log/capture.h"
 
 namespace tools {
 

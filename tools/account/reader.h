@@ -11,7 +11,6 @@
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "tools/account/running.h"
 #include "tools/account/scene.h"
@@ -19,13 +18,6 @@
 #include "tools/log/dump.h"
 
 namespace tools {
-
-// What was read of a capture.
-struct Readings {
-    std::vector<std::shared_ptr<LoadedConfiguration>> configurations;
-    std::vector<Scene> scenes;  // In the order of their first lines.
-    bool hasThreads = false;
-};
 
 // Takes messages in the order of the log. A scene that was refused is a scene, too. Where frame
 // numbers start again, another scene begins.

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -185,17 +186,51 @@ struct Scene {
     }
     // When the frame came to the stage: when it left the one before, or the last one that it is
     // known to have left; in stage 0, when it was started. NO_TIME where that is not known.
-    Micros ArrivalOf(size_t frame, int32_t stage) const;
+    Micros ArrivalOf(size_t frame, int32_t stage) const {
+        const int32_t before = StageBefore(frame, stage);
+        if (before < 0) {
+            return stage == 0 ? frames[frame].start : NO_TIME;
+        }
+        return PassOf(frame, before).left;
+    }
     // The first stage behind all those that the frame is known to have left.
     int32_t NextStage(size_t frame) const { return StageBefore(frame, stageCount) + 1; }
     // The first stage that the frame went past without being seen to leave it; -1 for none.
-    int32_t Unreported(size_t frame) const;
+    int32_t Unreported(size_t frame) const {
+        const int32_t next = NextStage(frame);
+        for (int32_t stage = 0; stage < next; ++stage) {
+            if (!PassOf(frame, stage).HasLeft()) {
+                return stage;
+            }
+        }
+        return -1;
+    }
     // The last line that says where the frame was, and its time.
-    std::pair<Place, Micros> LastOf(size_t frame) const;
+    std::pair<Place, Micros> LastOf(size_t frame) const {
+        const Frame& row = frames[frame];
+        std::pair<Place, Micros> last(row.place, std::max(row.seen, row.start));
+        for (int32_t stage = 0; stage < stageCount; ++stage) {
+            const Pass& pass = PassOf(frame, stage);
+            if (pass.HasLeft() && pass.left >= last.second) {
+                last = {pass.place, pass.left};
+            }
+        }
+        return last;
+    }
     // The line to look at, and its time: that of the first trouble with the frame, else the last.
-    std::pair<Place, Micros> TroubleOf(size_t frame) const;
+    std::pair<Place, Micros> TroubleOf(size_t frame) const {
+        const Frame& row = frames[frame];
+        return row.trouble.line != 0 ? std::pair(row.trouble, row.troubleTime) : LastOf(frame);
+    }
     // The row of a number; NO_INDEX for none.
-    uint32_t RowOf(int64_t number) const;
+    uint32_t RowOf(int64_t number) const {
+        const auto found =
+            std::partition_point(frames.begin(), frames.end(),
+                                 [number](const Frame& row) { return row.number < number; });
+        return found != frames.end() && found->number == number
+                   ? static_cast<uint32_t>(found - frames.begin())
+                   : NO_INDEX;
+    }
 };
 
 // A configuration that a process dumped when it loaded the library.
@@ -205,7 +240,20 @@ struct LoadedConfiguration {
     std::vector<Finding> findings;  // Of the checker.
 };
 
+// What was read of a capture.
+struct Readings {
+    std::vector<std::shared_ptr<LoadedConfiguration>> configurations;
+    std::vector<Scene> scenes;  // In the order of their first lines.
+    bool hasThreads = false;
+};
+
 // The numbers of the cameras whose nodes were reported.
-std::set<int32_t> CamerasOf(const Scene& scene);
+inline std::set<int32_t> CamerasOf(const Scene& scene) {
+    std::set<int32_t> cameras;
+    for (const Reporter& reporter : scene.reporters) {
+        cameras.insert(reporter.camera);
+    }
+    return cameras;
+}
 
 }  // namespace tools

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <numeric>
+#include <regex>
 #include <utility>
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
@@ -84,18 +85,14 @@ struct Speaker {
 
     // The sentence, without its guess where a scheduler trace knows better.
     std::string Template() const {
-        std::string text = RowOf(cause.what).sentence;
         bool isKnown = !cause.scheduling.empty();
         if (!cause.chain.empty()) {
             const ThreadState last = cause.chain.back().state;
             isKnown = last == ThreadState::Running || last == ThreadState::Runnable ||
                       last == ThreadState::Stopped || kind == Kind::Unexplained;
         }
-        if (const size_t from = text.find('|'); from != std::string::npos) {
-            const size_t to = text.find('|', from + 1);
-            text.erase(to, 1).erase(from, isKnown ? to - from : 1);
-        }
-        return text;
+        return std::regex_replace(RowOf(cause.what).sentence, std::regex("\\|(.*)\\|"),
+                                  isKnown ? "" : "$1");
     }
 
     // What stands in the braces of sentences.
@@ -273,13 +270,13 @@ std::string FramesText(const std::vector<int64_t>& numbers) {
 }
 
 std::string StageName(const Scene& scene, int32_t stage) {
-    const auto index = static_cast<size_t>(stage);
     if (stage < 0) {
         return "the pipeline";
     }
+    const auto index = static_cast<size_t>(stage);
     const bool isNamed = index < scene.stageNames.size() && !scene.stageNames[index].empty();
-    return isNamed ? fmt::format("stage {} ({})", stage, scene.stageNames[index])
-                   : fmt::format("stage {}", stage);
+    return fmt::format("stage {}", stage) +
+           (isNamed ? fmt::format(" ({})", scene.stageNames[index]) : "");
 }
 
 std::string Ms(Micros time) {

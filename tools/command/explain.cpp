@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "tools/account/account.h"
+#include "tools/account/reader.h"
 #include "tools/base/finding.h"
 #include "tools/base/words.h"
 #include "tools/command/subcommands.h"

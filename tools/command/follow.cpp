@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tools/account/account.h"
+#include "tools/account/reader.h"
 #include "tools/command/explain.h"
 
 namespace tools {
