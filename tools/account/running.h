@@ -170,10 +170,11 @@ class RunningScene {
             rows.at(one).isHeld = true;
         }
         scene.isAlone = !rows.empty() && !hasStages && !scene.opener;
-        std::map<int64_t, Row*> order;
+        std::vector<std::pair<int64_t, Row*>> order;
         for (auto& [key, row] : rows) {
-            order[row.number] = &row;
+            order.emplace_back(row.number, &row);
         }
+        std::sort(order.begin(), order.end());
         scene.passes.reserve(order.size() * scene.stageNames.size());
         for (const auto& [number, row] : order) {
             PlaceNameless(*row);
