@@ -175,6 +175,7 @@ class RunningScene {
             order.emplace_back(row.number, &row);
         }
         std::sort(order.begin(), order.end());
+        scene.frames.reserve(order.size());
         scene.passes.reserve(order.size() * scene.stageNames.size());
         for (const auto& [number, row] : order) {
             PlaceNameless(*row);
