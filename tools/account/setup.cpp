@@ -91,9 +91,10 @@ void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>&
         isEnough = isEnough || cause.times >= static_cast<int64_t>(limits::ENOUGH_FRAMES);
         cause.why = fmt::format("node {}, port {}, ends no stage; reported {}", Quoted(node), port,
                                 Counted(cause.times, "time"));
-        const auto own = std::find_if(
-            known.stages.begin(), known.stages.end(),
-            [&](const ConfiguredStage& stage) { return stage.stage == known.StageOf(node); });
+        const auto own = std::find_if(known.stages.begin(), known.stages.end(),
+                                      [number = known.StageOf(node)](const ConfiguredStage& stage) {
+                                          return stage.stage == number;
+                                      });
         if (own != known.stages.end()) {
             cause.stage = own->stage;
             cause.why += fmt::format("; stage {} expects {}", own->stage, PortsText(*own));
