@@ -3,8 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
-#include <map>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -17,53 +16,83 @@
 namespace tools {
 namespace {
 
-Rows NewFigures() {
-    return {{"", "before", "after", "change"}};
-}
+struct Figure {
+    std::string name;
+    double value = 0;
+    int digits = 0;
+};
 
-template <typename Number>
-void Add(Rows& rows, const std::string& name, Number before, Number after, int digits = 0) {
-    const auto change = static_cast<double>(after - before);
-    rows.push_back({name, Fixed(static_cast<double>(before), digits),
-                    Fixed(static_cast<double>(after), digits),
-                    (change > 0 ? "+" : "") + Fixed(change, digits)});
-}
-
-// `digits`: of the times, in milliseconds.
-void Add(Rows& rows, const std::string& name, const Statistics& before, const Statistics& after,
-         int digits) {
-    if (before.count != 0 && after.count != 0) {
-        const auto add = [&](const std::string& row, Micros Statistics::*value) {
-            Add(rows, row, static_cast<double>(before.*value) / 1e3,
-                static_cast<double>(after.*value) / 1e3, digits);
-        };
-        add(name + " p50", &Statistics::p50);
-        add("  p99", &Statistics::p99);
-        add("  max", &Statistics::max);
-    }
-}
-
-// Stages are known again by their nodes. Below the figures, `alone` says which are in one of the
-// scenes.
-void AddStages(Rows& figures, std::ostream& alone, const JudgedScene& before,
-               const JudgedScene& after, int digits) {
-    std::vector<std::string> olds = before.stageNames;
-    for (size_t stage = 0; stage < after.figures.stages.size(); ++stage) {
-        const auto old = std::find(olds.begin(), olds.end(), after.stageNames[stage]);
-        if (old == olds.end()) {
-            alone << "Only after: " << StageTitleOf(after, stage) << ".\n";
+// A row for each name; of several of one name each is taken once. What one of the lists alone has
+// comes without a change, and last where it is no more; what is 0 in both is left out.
+void WriteFigures(std::ostream& out, const char* title, std::vector<Figure> before,
+                  const std::vector<Figure>& after) {
+    Rows rows = {{"", "before", "after", "change"}};
+    for (const auto& [name, value, digits] : after) {
+        const auto old = std::ranges::find(before, name, &Figure::name);
+        if (old == before.end()) {
+            rows.push_back({name, "-", Fixed(value, digits), "-"});
             continue;
         }
-        const auto oldStage = static_cast<size_t>(old - olds.begin());
-        Add(figures,
-            FigureTitleOf(after, stage) +
-                (oldStage == stage ? "" : fmt::format(" (before: stage {})", oldStage)),
-            before.figures.stages[oldStage], after.figures.stages[stage], digits);
-        *old = "\n";  // No node's name: of several stages of one node each is taken once.
+        if (const double change = value - old->value; value != 0 || change != 0) {
+            rows.push_back({name, Fixed(old->value, digits), Fixed(value, digits),
+                            (change > 0 ? "+" : "") + Fixed(change, digits)});
+        }
+        before.erase(old);
     }
-    for (size_t stage = 0; stage < olds.size(); ++stage) {
-        if (olds[stage] != "\n") {
-            alone << "Only before: " << StageTitleOf(before, stage) << ".\n";
+    for (const auto& [name, value, digits] : before) {
+        rows.push_back({name, Fixed(value, digits), "-", "-"});
+    }
+    if (rows.size() > 1) {
+        out << title;
+        WriteTable(out, rows, Cells::Figures);
+    }
+}
+
+// Stages are known again by their nodes. `threads`: null where there is no scheduler trace.
+// `digits`: of times.
+std::vector<Figure> FiguresOf(const JudgedScene& scene, const SceneScheduling* threads,
+                              int digits) {
+    const Figures& all = scene.figures;
+    std::vector<Figure> figures;
+    for (size_t i = 0; i < FRAME_STATUSES; ++i) {
+        const auto count = static_cast<double>(all.statusCounts[i]);
+        figures.push_back({NameOf(static_cast<FrameStatus>(i)), count});
+    }
+    figures.push_back({"never out", static_cast<double>(all.neverOut.size())});
+    figures.push_back({"not boosted", static_cast<double>(all.notBoosted)});
+    figures.push_back({"not known", static_cast<double>(all.unknown)});
+    figures.push_back({"late", static_cast<double>(all.late)});
+    figures.push_back(
+        {"late threshold", static_cast<double>(scene.columns.lateThreshold) / 1e3, 1});
+    figures.push_back({"fps", RateOf(scene), 1});
+    const auto add = [&](const std::string& name, const Statistics& times) {
+        const std::pair<const char*, Micros> shown[] = {
+            {" p50", times.p50}, {" p99", times.p99}, {" max", times.max}};
+        for (const auto& [which, time] : shown) {
+            if (times.count > 0) {
+                figures.push_back({name + which, static_cast<double>(time) / 1e3, digits});
+            }
+        }
+    };
+    add("latency", all.latency);
+    add("output interval", all.interval);
+    for (size_t stage = 0; stage < all.stages.size(); ++stage) {
+        const std::string& node = scene.stageNames[stage];
+        add(node.empty() ? StageTitleOf(scene, stage) : Printable(node), all.stages[stage]);
+    }
+    if (threads != nullptr) {
+        add("waited for a CPU a period, threads handed to the service", threads->handed.inside);
+        add("waited for a CPU a period, other threads of the pipeline", threads->others.inside);
+    }
+    return figures;
+}
+
+// The lines of a text that the other does not have.
+void WriteOnly(std::ostream& out, char mark, const std::string& text, const std::string& other) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (('\n' + other).find('\n' + line + '\n') == std::string::npos) {
+            out << mark << ' ' << line << '\n';
         }
     }
 }
@@ -76,48 +105,38 @@ void WriteConfigurations(std::ostream& out, const Account& before, const Account
     const Configuration& now = after.configurations.back().configuration;
     const std::string oldText = ToToml(Completed(old, now));
     const std::string newText = ToToml(Completed(now, old));
-    // The lines of a text that the other does not have.
-    const auto writeOnly = [&out](char mark, const std::string& text, const std::string& other) {
-        std::istringstream lines(text);
-        for (std::string line; std::getline(lines, line);) {
-            if (('\n' + other).find('\n' + line + '\n') == std::string::npos) {
-                out << mark << ' ' << line << '\n';
-            }
-        }
-    };
     if (oldText != newText) {
         out << "The configurations differ, - before and + after:\n";
-        writeOnly('-', oldText, newText);
-        writeOnly('+', newText, oldText);
+        WriteOnly(out, '-', oldText, newText);
+        WriteOnly(out, '+', newText, oldText);
     }
 }
 
-void WriteFindings(std::ostream& out, const Account& before, const Account& after) {
-    std::map<Kind, std::array<int64_t, 2>> counts;
-    for (const size_t when : {0U, 1U}) {
-        for (const auto& [finding, scene] : FindingsOf(when == 0 ? before : after)) {
-            if (finding.severity != Severity::Note) {
-                counts[finding.kind][when] += finding.times;
-            }
-        }
+// How many findings there are of each kind.
+std::vector<Figure> CountsOf(const Account& account) {
+    std::vector<Figure> counts;
+    for (const KindRow& kind : KINDS) {
+        counts.push_back({kind.name});
     }
-    if (counts.empty()) {
-        out << "\nNo findings before or after.\n";
-        return;
+    for (const auto& [finding, scene] : FindingsOf(account)) {
+        const bool isCounted = finding.severity != Severity::Note;
+        counts[static_cast<size_t>(finding.kind)].value +=
+            isCounted ? static_cast<double>(finding.times) : 0;
     }
-    Rows figures = NewFigures();
-    for (const auto& [check, times] : counts) {
-        Add(figures, NameOf(check), times[0], times[1]);
-    }
-    out << "\nFindings\n";
-    WriteTable(out, figures, Cells::Figures);
+    return counts;
 }
 
-std::vector<size_t> StartedScenes(const Account& account) {
-    std::vector<size_t> scenes;
+// Of a scene that was started: its title, and its figures.
+using ComparedScene = std::pair<std::string, std::vector<Figure>>;
+
+std::vector<ComparedScene> ScenesOf(const Account& account, const Scheduling* scheduling,
+                                    int digits) {
+    std::vector<ComparedScene> scenes;
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        if (account.scenes[i].isStarted) {
-            scenes.push_back(i);
+        const JudgedScene& scene = account.scenes[i];
+        if (scene.isStarted) {
+            const auto* threads = scheduling == nullptr ? nullptr : &scheduling->scenes[i];
+            scenes.emplace_back(TitleOf(account, i), FiguresOf(scene, threads, digits));
         }
     }
     return scenes;
@@ -129,48 +148,18 @@ void WriteComparison(std::ostream& out, const Account& before, const Account& af
                      const Scheduling* schedulingBefore, const Scheduling* schedulingAfter) {
     out << "Before: " << VerdictOf(before) << "\nAfter:  " << VerdictOf(after) << '\n';
     WriteConfigurations(out, before, after);
-    const std::vector<size_t> olds = StartedScenes(before);
-    const std::vector<size_t> news = StartedScenes(after);
+    const int digits = std::min(before.resolution, after.resolution) >= MILLISECOND ? 0 : 3;
+    const std::vector<ComparedScene> olds = ScenesOf(before, schedulingBefore, digits);
+    const std::vector<ComparedScene> news = ScenesOf(after, schedulingAfter, digits);
     if (olds.size() != news.size()) {
         out << fmt::format("Before there were {}, after {}; they are compared in order.\n",
                            Counted(std::ssize(olds), "scene"), news.size());
     }
-    const int digits = std::min(before.resolution, after.resolution) >= MILLISECOND ? 0 : 3;
     for (size_t i = 0; i < std::min(olds.size(), news.size()); ++i) {
-        const JudgedScene& old = before.scenes[olds[i]];
-        const JudgedScene& now = after.scenes[news[i]];
-        out << fmt::format(
-            "\nBefore: {}; late is more than {} ms\nAfter:  {}; late is more than {} ms\n"
-            "Times in milliseconds\n",
-            TitleOf(before, olds[i]), LateText(old.columns.lateThreshold), TitleOf(after, news[i]),
-            LateText(now.columns.lateThreshold));
-        Rows figures = NewFigures();
-        for (size_t status = 0; status < FRAME_STATUSES; ++status) {
-            Add(figures, NameOf(static_cast<FrameStatus>(status)), old.figures.statusCounts[status],
-                now.figures.statusCounts[status]);
-        }
-        Add(figures, "never out", std::ssize(old.figures.neverOut),
-            std::ssize(now.figures.neverOut));
-        Add(figures, "not boosted", old.figures.notBoosted, now.figures.notBoosted);
-        Add(figures, "not known", old.figures.unknown, now.figures.unknown);
-        Add(figures, "late", old.figures.late, now.figures.late);
-        Add(figures, "fps", RateOf(old), RateOf(now), 1);
-        Add(figures, "latency", old.figures.latency, now.figures.latency, digits);
-        Add(figures, "interval", old.figures.interval, now.figures.interval, digits);
-        std::ostringstream alone;
-        AddStages(figures, alone, old, now, digits);
-        if (schedulingBefore != nullptr && schedulingAfter != nullptr) {
-            const SceneScheduling& one = schedulingBefore->scenes[olds[i]];
-            const SceneScheduling& other = schedulingAfter->scenes[news[i]];
-            Add(figures, "waited for a CPU a period, threads handed to the service",
-                one.handed.inside, other.handed.inside, digits);
-            Add(figures, "waited for a CPU a period, other threads of the pipeline",
-                one.others.inside, other.others.inside, digits);
-        }
-        WriteTable(out, figures, Cells::Figures);
-        out << alone.str();
+        out << "\nBefore: " << olds[i].first << "\nAfter:  " << news[i].first << '\n';
+        WriteFigures(out, "Times in milliseconds\n", olds[i].second, news[i].second);
     }
-    WriteFindings(out, before, after);
+    WriteFigures(out, "\nFindings\n", CountsOf(before), CountsOf(after));
 }
 
 }  // namespace tools

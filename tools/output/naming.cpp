@@ -93,8 +93,24 @@ std::string StageTitleOf(const Scene& scene, size_t stage) {
                        isNamed ? ", " + Printable(scene.stageNames[stage]) : "");
 }
 
-std::string FigureTitleOf(const Scene& scene, size_t stage) {
-    return StageTitleOf(scene, stage) + (stage == 0 ? ": since the frame before" : "");
+std::vector<NamedTimes> TimesOf(const JudgedScene& scene) {
+    const Figures& figures = scene.figures;
+    std::vector<NamedTimes> all = {{"latency", figures.latency},
+                                   {"output interval", figures.interval}};
+    for (size_t i = 0; i < figures.stages.size(); ++i) {
+        const std::string title = StageTitleOf(scene, i);
+        if (i == 0) {
+            // How long stage 0 takes is not known: no line says when the sensor began.
+            all.push_back({title + ": since the frame before", figures.works[i]});
+            continue;
+        }
+        all.push_back({title, figures.stages[i]});
+        if (figures.waits[i].max > 0) {  // Else all is work.
+            all.push_back({title + ": waiting", figures.waits[i]});
+            all.push_back({title + ": at work", figures.works[i]});
+        }
+    }
+    return all;
 }
 
 std::string ToString(const Account& account, const Place& place) {

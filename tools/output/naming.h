@@ -29,9 +29,13 @@ std::string FramesByStatus(const JudgedScene& scene);
 // "stage 1, MCTFE0_cam".
 std::string StageTitleOf(const Scene& scene, size_t stage);
 
-// What the times of a stage are called among the figures: the title. Those of stage 0 say how often
-// frames come, as the next one begins there when the one before has left.
-std::string FigureTitleOf(const Scene& scene, size_t stage);
+// The times that frames of a scene took, and what of: latency, output interval, and for each stage
+// all of its time, and waiting and work apart where frames waited.
+struct NamedTimes {
+    std::string name;
+    const Statistics& times;
+};
+std::vector<NamedTimes> TimesOf(const JudgedScene& scene);
 
 // "capture.log:17", or "line 17" of the only input; empty for nowhere.
 std::string ToString(const Account& account, const Place& place);

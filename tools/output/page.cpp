@@ -237,18 +237,9 @@ std::vector<std::string> FigureOf(const std::string& title, const Statistics& fi
 }
 
 Rows FiguresOf(const JudgedScene& scene) {
-    const Figures& figures = scene.figures;
-    Rows rows = {{"times of", "n", "p50", "p90", "p95", "p99", "max", "distribution"},
-                 FigureOf("latency", figures.latency),
-                 FigureOf("output interval", figures.interval)};
-    for (size_t i = 0; i < figures.stages.size(); ++i) {
-        const std::string title = FigureTitleOf(scene, i);
-        // How long stage 0 takes is not known: no line says when the sensor began.
-        rows.push_back(FigureOf(title, i == 0 ? figures.works[i] : figures.stages[i]));
-        if (i > 0 && figures.waits[i].max > 0) {  // Else all is work.
-            rows.push_back(FigureOf(title + ": waiting", figures.waits[i]));
-            rows.push_back(FigureOf(title + ": at work", figures.works[i]));
-        }
+    Rows rows = {{"times of", "n", "p50", "p90", "p95", "p99", "max", "distribution"}};
+    for (const auto& [name, times] : TimesOf(scene)) {
+        rows.push_back(FigureOf(name, times));
     }
     return rows;
 }

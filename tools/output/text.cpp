@@ -62,16 +62,6 @@ void WriteConfigurations(std::ostream& out, const Account& account) {
     }
 }
 
-std::vector<std::string> RowOf(const std::string& name, const Statistics& statistics,
-                               Micros resolution) {
-    std::vector<std::string> row = {name, std::to_string(statistics.count)};
-    for (const Micros value :
-         {statistics.p50, statistics.p90, statistics.p95, statistics.p99, statistics.max}) {
-        row.push_back(statistics.count == 0 ? "-" : Milliseconds(value, resolution));
-    }
-    return row;
-}
-
 void WriteFigures(std::ostream& out, const Account& account, const JudgedScene& scene) {
     out << "\nFrames: " << scene.figures.frameCount << FramesByStatus(scene) << ".\n";
     if (scene.figures.unknown > 0) {
@@ -89,15 +79,11 @@ void WriteFigures(std::ostream& out, const Account& account, const JudgedScene& 
         scene.figures.late, Fixed(100 * share, 2), LateText(scene.columns.lateThreshold),
         Fixed(RateOf(scene), 1), scene.fps > 0 ? fmt::format(" of {}", scene.fps) : "",
         account.resolution >= MILLISECOND ? "1 ms" : "1 us");
-    Rows table = {{"", "n", "p50", "p90", "p95", "p99", "max"},
-                  RowOf("latency, start to end", scene.figures.latency, account.resolution),
-                  RowOf("interval between outputs", scene.figures.interval, account.resolution)};
-    for (size_t stage = 0; stage < scene.figures.stages.size(); ++stage) {
-        table.push_back(
-            RowOf(FigureTitleOf(scene, stage), scene.figures.stages[stage], account.resolution));
-        if (scene.figures.waits[stage].max > 0) {  // Else all is work.
-            table.push_back(RowOf("  waiting", scene.figures.waits[stage], account.resolution));
-            table.push_back(RowOf("  working", scene.figures.works[stage], account.resolution));
+    Rows table = {{"", "n", "p50", "p90", "p95", "p99", "max"}};
+    for (const auto& [name, times] : TimesOf(scene)) {
+        table.push_back({name, std::to_string(times.count)});
+        for (const Micros time : {times.p50, times.p90, times.p95, times.p99, times.max}) {
+            table.back().push_back(times.count == 0 ? "-" : Milliseconds(time, account.resolution));
         }
     }
     WriteTable(out, table, Cells::Figures);
