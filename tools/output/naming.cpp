@@ -33,19 +33,16 @@ Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
 Rows WaitingOf(const SceneScheduling& scene) {
     Rows table = {{"threads", "how many", "p50 in the scene", "p99 in the scene", "p50 outside",
                    "p99 outside"}};
-    const auto add = [&table](const char* name, const Waiting& waiting) {
-        if (waiting.threads == 0) {
-            return;
+    const char* const others =
+        scene.isHandedKnown ? "of the pipeline, not handed" : "of the pipeline";
+    for (const auto& [name, waiting] :
+         {std::pair("handed to the service", &scene.handed), std::pair(others, &scene.others)}) {
+        table.push_back({name, std::to_string(waiting->threads)});
+        for (const Statistics& times : {waiting->inside, waiting->outside}) {
+            table.back().push_back(times.count == 0 ? "-" : Milliseconds(times.p50, 1));
+            table.back().push_back(times.count == 0 ? "-" : Milliseconds(times.p99, 1));
         }
-        std::vector<std::string> row = {name, std::to_string(waiting.threads)};
-        for (const Statistics* figures : {&waiting.inside, &waiting.outside}) {
-            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p50, 1));
-            row.push_back(figures->count == 0 ? "-" : Milliseconds(figures->p99, 1));
-        }
-        table.push_back(row);
-    };
-    add("handed to the service", scene.handed);
-    add(!scene.isHandedKnown ? "of the pipeline" : "of the pipeline, not handed", scene.others);
+    }
     return table;
 }
 
@@ -137,19 +134,13 @@ const char* WordOf(const Fate& fate) {
 }
 
 std::string DescriptionOf(const Fate& fate) {
-    if (fate.status == FrameStatus::Complete) {
-        return "";
-    }
-    if (fate.isUnknown) {
+    if (fate.isUnknown && fate.status != FrameStatus::Complete) {
         return fmt::format("{}: what became of it is not known", fate.reason);
     }
     if (fate.status == FrameStatus::Open) {
-        if (fate.isNeverOut && fate.stage >= 0) {
-            return fmt::format("not seen to leave stage {}", fate.stage);
-        }
-        // Where a frame came out, a finding says that its end is missing.
-        const bool hasNoEnd = fate.isOut && !fate.isEarly;
-        return fate.isNeverOut || hasNoEnd ? "its end was never reported" : "in flight at the end";
+        return fate.isNeverOut && fate.stage >= 0
+                   ? fmt::format("not seen to leave stage {}", fate.stage)
+                   : "in flight at the end";
     }
     return fate.status == FrameStatus::Error && fate.stage >= 0
                ? fmt::format("stage {}: {}", fate.stage, fate.reason)
@@ -298,8 +289,7 @@ std::vector<DrawnThread> DrawnThreadsOf(const Account& account, const Scheduling
 StateSpans AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {
     StateSpans all;
     for (StateSpan one : Within(scheduling.states.threads[thread], span)) {
-        if (one.state == ThreadState::Running || one.state == ThreadState::Runnable ||
-            one.state == ThreadState::Blocked || one.state == ThreadState::Stopped) {
+        if (one.state != ThreadState::Sleeping && one.state < ThreadState::Gone) {
             static_cast<Span&>(one) = Cut(one, span);
             all.push_back(one);
         }
