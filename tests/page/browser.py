@@ -88,6 +88,13 @@ class Timeline:
         self.test = test
         test.until(lambda: test.script('return !!window.timeline'))
         test.script('document.body.style.paddingBottom = "2000px"')  # There is room to scroll.
+        # What is read at a time in a track, so many pixels below its top, and where that is.
+        test.script('''window.placeOf = (id, time, below) => {
+            const {tracks, numbers} = timeline.shown();
+            const [x, y] = [timeline.xOf(time), tracks.find((one) => one.id === id).y + below];
+            const hit = timeline.at(x, y);
+            return {...hit, x, y, number: numbers[hit?.frame] ?? null};
+        };''')
         self.bring()
 
     def bring(self):
@@ -104,18 +111,18 @@ class Timeline:
         self.test.browser.execute_cdp_cmd('Input.dispatchMouseEvent', {
             'type': kind, 'x': left + x, 'y': top + y, 'button': 'left', 'clickCount': 1} | more)
 
-    def drag(self, canvas, x, to, y=50):
-        self.mouse('mousePressed', canvas, x, y)
+    def drag(self, canvas, x, to, y=50, **more):
+        self.mouse('mousePressed', canvas, x, y, **more)
         for part in (0.3, 1):
-            self.mouse('mouseMoved', canvas, x + (to - x) * part, y, buttons=1)
-        self.mouse('mouseReleased', canvas, to, y)
+            self.mouse('mouseMoved', canvas, x + (to - x) * part, y, buttons=1, **more)
+        self.mouse('mouseReleased', canvas, to, y, **more)
 
     def click(self, canvas, x, y):
         self.mouse('mousePressed', canvas, x, y)
         self.mouse('mouseReleased', canvas, x, y)
 
-    def wheel(self, canvas, x, amount, modifiers=0):
-        self.mouse('mouseWheel', canvas, x, 50, button='none', deltaX=0, deltaY=amount,
+    def wheel(self, canvas, x, amount, modifiers=0, sideways=0):
+        self.mouse('mouseWheel', canvas, x, 50, button='none', deltaX=sideways, deltaY=amount,
                    modifiers=modifiers)
 
     def tip(self, x, y):
@@ -124,11 +131,10 @@ class Timeline:
         self.test.script('return new Promise(requestAnimationFrame)')
         return self.test.texts('.tip:not([hidden]) > div')
 
-    def at(self, wait=260):
-        """From, to and the frame, if there is one, of the address. It is up to date after a while,
-        in milliseconds; at once where it is a step to go back to."""
+    def at(self):
+        """From, to and the frame, if there is one, of the address. It is up to date after a while."""
         shown = self.test.script('return new Promise((done) => setTimeout(() => done(location.hash), '
-                                 'arguments[0]))', wait)
+                                 '300))')
         fields = dict(re.findall(r'(\w+)=(-?[\d.]+)', shown))
         return (*(float(fields.get(name, 'nan')) for name in ('from', 'to')), fields.get('frame'))
 

@@ -46,6 +46,20 @@ Rows WaitingOf(const SceneScheduling& scene) {
     return table;
 }
 
+// Why it is not known how long a scene lasted.
+const char* WhyNoEnd(const Scene& scene) {
+    switch (scene.stopped) {
+        case Stop::SceneEnd:
+            return "";
+        case Stop::ProcessGone:
+            return "another process took over";
+        case Stop::NumbersRestart:
+            return "frame numbers started again after that";
+        default:
+            return "its end is not in the capture";
+    }
+}
+
 }  // namespace
 
 std::string TitleOf(const Account& account, size_t scene) {
@@ -60,17 +74,19 @@ std::string TitleOf(const Account& account, size_t scene) {
     return title + (shown.restartedAfter ? ", frame numbers started again" : "");
 }
 
-const char* WhyNoEnd(const Scene& scene) {
-    switch (scene.stopped) {
-        case Stop::SceneEnd:
-            return "";
-        case Stop::ProcessGone:
-            return "another process took over";
-        case Stop::NumbersRestart:
-            return "frame numbers started again after that";
-        default:
-            return "its end is not in the capture";
+std::string HeadingOf(const Account& account, size_t scene) {
+    const JudgedScene& shown = account.scenes[scene];
+    std::string heading = TitleOf(account, scene);
+    heading[0] = 'S';
+    if (!shown.isStarted) {
+        heading += ", not started";
+    } else {
+        const std::string length = Fixed(static_cast<double>(shown.end - shown.begin) / 1e6, 3);
+        heading += shown.HasEnd()
+                       ? fmt::format(", lasted {} s", length)
+                       : fmt::format(", {} s to its last line; {}", length, WhyNoEnd(shown));
     }
+    return heading + (shown.isBeginningMissing ? "; it had begun before the capture" : "");
 }
 
 std::string FramesByStatus(const JudgedScene& scene) {

@@ -20,8 +20,8 @@ namespace tools {
 // "scene 2: 3840 wide, 60 fps, process 1234, cameras 0 and 2". `scene`: from 0.
 std::string TitleOf(const Account& account, size_t scene);
 
-// "its end is not in the capture" and other reasons; empty where the scene was ended.
-const char* WhyNoEnd(const Scene& scene);
+// "Scene 2: 3840 wide, ..., lasted 9.983 s", or why it is not known how long it lasted.
+std::string HeadingOf(const Account& account, size_t scene);
 
 // ": 590 complete, 10 dropped"; empty where there are no frames.
 std::string FramesByStatus(const JudgedScene& scene);

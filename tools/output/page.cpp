@@ -5,7 +5,6 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <functional>
 #include <map>
@@ -54,19 +53,12 @@ std::string Named(std::string_view text) {
     return "<bdi>" + Escaped(text) + "</bdi>";
 }
 
-// A line of Markdown: `code`, **bold**, and [links](to), of which the text is left, as there is
-// nothing for them to lead to.
+// A line of Markdown: `code`, and [links](to), of which the text is left, as there is nothing for
+// them to lead to.
 std::string FromMarkdown(const std::string& text) {
-    static const std::pair<std::regex, const char*> marks[] = {
-        {std::regex("`(.*?)`"), "<code>$1</code>"},
-        {std::regex(R"(\*\*(.*?)\*\*)"), "<b>$1</b>"},
-        {std::regex(R"(\[(.*?)\]\(.*?\))"), "$1"},
-    };
-    std::string html = Escaped(text);
-    for (const auto& [mark, element] : marks) {
-        html = std::regex_replace(html, mark, element);
-    }
-    return html;
+    static const std::regex code("`(.*?)`"), link(R"(\[(.*?)\]\(.*?\))");
+    return std::regex_replace(std::regex_replace(Escaped(text), code, "<code>$1</code>"), link,
+                              "$1");
 }
 
 // Seconds such as "12.345".
@@ -85,14 +77,10 @@ std::string RangeLinks(size_t scene, const FrameRange& range) {
            (range.first == range.last ? "" : "–" + FrameLink(scene, range.last));
 }
 
-// To the frames of a finding; of a long range, to both ends.
-std::string LinksOf(size_t scene, const std::vector<FrameRange>& ranges) {
-    constexpr int64_t LISTED = 50;
+// To the frames of a finding.
+std::string LinksOf(size_t scene, const std::vector<int64_t>& numbers) {
     std::vector<std::string> links;
-    for (FrameRange range : ranges) {
-        while (range.first < range.last && StepOf(range.first, range.last) < LISTED) {
-            links.push_back(FrameLink(scene, range.first++));
-        }
+    for (const FrameRange& range : RangesOf(numbers)) {
         links.push_back(RangeLinks(scene, range));
     }
     return fmt::format("{}", fmt::join(links, ", "));
@@ -108,7 +96,7 @@ void WriteTable(std::ostream& out, const std::string& label, const char* attribu
                "</caption><thead><tr><th scope=col>{}</tr></thead>\n<tbody>",
                label, attributes, caption, fmt::join(rows.front(), "<th scope=col>"));
     for (const auto& row : std::span(rows).subspan(1)) {
-        fmt::print(out, "<tr><th scope=row class=name>{}</tr>\n", fmt::join(row, "<td>"));
+        fmt::print(out, "<tr><th scope=row>{}</tr>\n", fmt::join(row, "<td>"));
     }
     out << "</tbody></table></div>\n";
 }
@@ -131,18 +119,14 @@ void WriteInput(std::ostream& out, const Account& account, const Scheduling* sch
         parts.push_back(Named(account.inputs[i]));
     }
     if (!account.from.empty()) {
-        parts.push_back(Escaped(account.from + " to " + account.to));
+        parts.push_back(account.from + " to " + account.to);
     }
-    const std::pair<int64_t, const char*> counts[] = {
-        {account.lines, "lines"},
-        {account.libraryLines == account.lines ? 0 : account.libraryLines, "of the library"},
-        {account.notUnderstood, "<b>not understood</b>"},
-        {account.lost, "known to be <b>lost</b>"},
-    };
-    for (const auto& [count, what] : counts) {
-        if (count > 0) {
-            parts.push_back(fmt::format("{} {}", count, what));
-        }
+    parts.push_back(Counted(account.lines, "line"));
+    if (account.notUnderstood > 0) {
+        parts.push_back(fmt::format("{} <b>not understood</b>", account.notUnderstood));
+    }
+    if (account.lost > 0) {
+        parts.push_back(fmt::format("{} known to be <b>lost</b>", account.lost));
     }
     if (scheduling != nullptr) {
         parts.push_back(Named(TitleOf(*scheduling)));
@@ -169,7 +153,6 @@ void WriteFinding(std::ostream& out, const Account& account, size_t number,
     };
     add("scene", scene.has_value(), scene.value_or(0));
     add("time", !time.empty(), time);
-    add("stage", finding.stage >= 0, finding.stage);
     add("frame", finding.frame.has_value(), finding.frame.value_or(0));
     const char* const kind = NameOf(finding.kind);
     fmt::print(out, ">{} <span class=place>{}</span>",
@@ -187,7 +170,7 @@ void WriteFinding(std::ostream& out, const Account& account, size_t number,
     for (const auto& [title, numbers] :
          {std::pair("Frames", &finding.own), std::pair("Harmed", &finding.harmed)}) {
         if (scene && !numbers->empty()) {
-            fmt::print(out, "<dt>{}<dd>{}", title, LinksOf(*scene, RangesOf(*numbers)));
+            fmt::print(out, "<dt>{}<dd>{}", title, LinksOf(*scene, *numbers));
         }
     }
     out << "</dl></details></li>\n";
@@ -247,17 +230,9 @@ Rows FiguresOf(const JudgedScene& scene) {
 void WriteScene(std::ostream& out, const Account& account, const Scheduling* scheduling,
                 size_t index) {
     const JudgedScene& scene = account.scenes[index];
-    std::string title = TitleOf(account, index);
-    title[0] = 'S';
-    std::string missingEnd = scene.isStarted ? WhyNoEnd(scene) : "";
-    if (!missingEnd.empty()) {
-        missingEnd[0] = static_cast<char>(std::toupper(missingEnd[0]));
-        missingEnd += ". ";
-    }
-    fmt::print(out, "<section aria-labelledby=s{0}>\n<h2 id=s{0}>{1}</h2>\n<p>{2}{3}{4}{5}{6}",
-               index, Escaped(title), scene.isStarted ? "" : "<b>It was not started.</b> ",
-               scene.isBeginningMissing ? "<b>The capture starts in its middle.</b> " : "",
-               missingEnd, Counted(scene.figures.frameCount, "frame"), FramesByStatus(scene));
+    fmt::print(out, "<section aria-labelledby=s{0}>\n<h2 id=s{0}>{1}</h2>\n<p>{2}{3}", index,
+               Escaped(HeadingOf(account, index)), Counted(scene.figures.frameCount, "frame"),
+               FramesByStatus(scene));
     if (!scene.figures.neverOut.empty()) {
         fmt::print(out, "; {} never came out", scene.figures.neverOut.size());
     }
@@ -265,12 +240,11 @@ void WriteScene(std::ostream& out, const Account& account, const Scheduling* sch
         fmt::print(out, "; {} late, that is more than {} ms after the frame before",
                    scene.figures.late, ShortMilliseconds(scene.columns.lateThreshold));
     }
-    out << ".";
     if (scene.figures.unknown > 0) {
-        fmt::print(out, " What became of {} is not known, as lines of the log are missing.",
+        fmt::print(out, "; what became of {} is not known, as lines of the log are missing",
                    scene.figures.unknown);
     }
-    out << "</p>\n";
+    out << ".</p>\n";
     if (!scene.frames.empty()) {
         WriteTable(out, fmt::format("Figures of scene {}", index + 1), " class=figures",
                    "Times in milliseconds, as exact as the capture: to " +
@@ -297,9 +271,8 @@ void AddFrames(Rows& rows, const Account& account, size_t index) {
     const JudgedScene& scene = account.scenes[index];
     // When the frame came out, else when it was last heard of.
     const auto secondsOf = [&](size_t row) {
-        const Frame& frame = scene.frames[row];
-        const Micros moment =
-            std::max({frame.seen, frame.start, frame.end, scene.FateOf(row).output});
+        const Fate& fate = scene.FateOf(row);
+        const Micros moment = fate.isOut ? fate.output : scene.LastOf(row).second;
         return moment == NO_TIME ? "" : Seconds(moment - scene.begin) + " s";
     };
     for (size_t row = 0, next = 1; row < scene.frames.size(); row = next++) {
@@ -308,26 +281,24 @@ void AddFrames(Rows& rows, const Account& account, size_t index) {
         }
         const std::vector<std::string> cells = CellsOf(scene.FateOf(row));
         const Frame& first = scene.frames[row];
-        Micros latency = Between(first.start, first.end), interval = scene.FateOf(row).interval;
+        Micros interval = scene.FateOf(row).interval;
         for (; next < scene.frames.size() && Shown{}.Has(scene, next) &&
                StepOf(scene.frames[next - 1].number, scene.frames[next].number) == 1 &&
                CellsOf(scene.FateOf(next)) == cells;
              ++next) {
-            const Frame& frame = scene.frames[next];
-            latency = std::max(latency, Between(frame.start, frame.end));
             interval = std::max(interval, scene.FateOf(next).interval);
         }
         rows.push_back({std::to_string(index + 1),
                         RangeLinks(index, {first.number, scene.frames[next - 1].number}),
                         std::to_string(next - row), cells[0], cells[1], cells[2], secondsOf(row),
-                        secondsOf(next - 1), ShortMilliseconds(latency),
-                        ShortMilliseconds(interval), Named(ToString(account, first.place))});
+                        secondsOf(next - 1), ShortMilliseconds(interval),
+                        Named(ToString(account, first.place))});
     }
 }
 
 void WriteFrames(std::ostream& out, const Account& account) {
     Rows rows = {{"scene", "frames", "count", "status", "in stage", "reason", "first at", "last at",
-                  "longest latency, ms", "longest interval, ms", "first line"}};
+                  "longest interval, ms", "first line"}};
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         AddFrames(rows, account, i);
     }
@@ -364,17 +335,6 @@ void WriteConfigurations(std::ostream& out, const Account& account) {
     }
 }
 
-void WriteWords(std::ostream& out) {
-    out << "<details id=words><summary>What the words mean</summary><dl id=words-list>\n";
-    // "- **Late**: came out more than ...", up to the next item or an empty line.
-    const std::regex item(R"(\n- \*\*(.*?)\*\*: ([^]*?)(?=\n- |\n\n|\n$))");
-    const std::string guide = FIELD_GUIDE;
-    for (std::sregex_iterator word(guide.begin(), guide.end(), item), end; word != end; ++word) {
-        fmt::print(out, "<dt>{}<dd>{}\n", FromMarkdown((*word)[1]), FromMarkdown((*word)[2]));
-    }
-    out << "</dl></details>\n";
-}
-
 }  // namespace
 
 void WritePage(std::ostream& out, const Account& account, const std::string& title,
@@ -409,7 +369,6 @@ void WritePage(std::ostream& out, const Account& account, const std::string& tit
     }
     WriteFrames(out, account);
     WriteConfigurations(out, account);
-    WriteWords(out);
     out << "</main>\n<script>" << PAGE_SCRIPT << "</script>\n</body>\n</html>\n";
 }
 

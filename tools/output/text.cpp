@@ -144,15 +144,6 @@ void WriteFrames(std::ostream& out, const Account& account, const JudgedScene& s
     WriteTable(out, table, Cells::Figures);
 }
 
-std::string DurationOf(const JudgedScene& scene) {
-    if (!scene.isStarted) {
-        return ", not started";
-    }
-    const std::string length = Fixed(static_cast<double>(scene.end - scene.begin) / 1e6, 3);
-    return scene.HasEnd() ? fmt::format(", lasted {} s", length)
-                          : fmt::format(", {} s to its last line; {}", length, WhyNoEnd(scene));
-}
-
 }  // namespace
 
 void WriteText(std::ostream& out, const Account& account, const Shown& shown,
@@ -174,11 +165,7 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
     writeFindings(nullptr, account.findings);
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         const JudgedScene& scene = account.scenes[i];
-        std::string title = TitleOf(account, i);
-        title[0] = 'S';
-        out << '\n'
-            << title << DurationOf(scene)
-            << (scene.isBeginningMissing ? "; it had begun before the capture\n" : "\n");
+        out << '\n' << HeadingOf(account, i) << '\n';
         writeFindings(&scene, scene.findings);
         if (scene.isStarted) {
             WriteFigures(out, account, scene);

@@ -1,11 +1,11 @@
-// The part of the page that a script draws: the frames of all scenes, and their threads, as data.
+// The part of the page that a script draws: the frames of all scenes, and their threads, as tracks.
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <ranges>
 #include <string>
 #include <vector>
 
@@ -17,36 +17,54 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr Micros PARTS = 200;  // Of a scene, in the overview.
+// Things of a kind on a track. What each shows and says of itself is in page.js, under `shape`.
+struct Layer {
+    const char* shape;
+    std::string text;               // What is read of a thing: {} is its level, else its length.
+    std::vector<Micros> times{};    // When each began, and when it ended.
+    std::vector<int64_t> values{};  // The row of the frame that it is; of flights and durations,
+                                    // its level.
+
+    void Add(Micros begin, Micros end, int64_t value = 0) {
+        times.insert(times.end(), {begin, end});
+        values.push_back(value);
+    }
+};
 
 // A column of numbers, times in microseconds for example, each as the step from the last one that
 // is known, at first from `origin`; null where it is not known. So they take little room.
-template <typename All, typename ValueOf = std::identity>
-Json StepsOf(int64_t origin, const All& all, ValueOf valueOf = {}) {
+Json StepsOf(int64_t origin, const std::vector<int64_t>& values) {
     Json steps = Json::array();
-    for (const auto& one : all) {
-        const int64_t value = valueOf(one);
+    for (const int64_t value : values) {
         steps.push_back(value == NO_TIME ? Json() : Json(value - origin));
         origin = value == NO_TIME ? origin : value;
     }
     return steps;
 }
 
-double Seconds(Micros time) {
-    return static_cast<double>(time) / 1e6;
+// `id`: unique among the tracks of a scene. `name`: empty for one that belongs to the one above it.
+// `height`: in pixels.
+Json TrackOf(const JudgedScene& scene, const std::string& id, const std::string& name, int height,
+             const std::vector<Layer>& layers) {
+    Json packed = Json::array();
+    for (const Layer& layer : layers) {
+        packed.push_back({{"shape", layer.shape},
+                          {"text", layer.text},
+                          {"times", StepsOf(scene.begin, layer.times)},
+                          {"values", StepsOf(0, layer.values)}});
+    }
+    return {{"id", id}, {"name", name}, {"height", height}, {"layers", packed}};
 }
 
-// A replay may take no time.
-Micros LengthOf(const JudgedScene& scene) {
-    return std::max(scene.stop - scene.begin, scene.Period());
+double Seconds(Micros time) {
+    return static_cast<double>(time) / 1e6;
 }
 
 // The numbers of frames, as the first of each run of consecutive ones, in text as they may be
 // larger than a script's numbers, and how many there are; what became of each frame; and when it
 // came out, else when it was last heard of.
 Json FramesOf(const JudgedScene& scene) {
-    std::vector<int64_t> numbers;
-    std::vector<Micros> moments;
+    std::vector<int64_t> numbers, moments;
     Json runs = Json::array(), words = Json::array();
     for (size_t row = 0; row < scene.frames.size(); ++row) {
         const Fate& fate = scene.FateOf(row);
@@ -62,153 +80,138 @@ Json FramesOf(const JudgedScene& scene) {
     return {{"numbers", runs}, {"words", words}, {"moments", StepsOf(scene.begin, moments)}};
 }
 
-// A frame that never came out, in the stage in which it was last: until a later one passed it,
-// until it was ended, or as long as the scene went on.
-Json StandOf(const JudgedScene& scene, const Lost& lost, uint32_t row,
-             const std::vector<uint32_t>& order) {
-    const auto leftOf = [&](uint32_t other) { return scene.LeftOf(other, lost.stage); };
-    const auto later = std::partition_point(
-        order.begin(), order.end(), [&](uint32_t other) { return leftOf(other) <= lost.since; });
-    const auto passed =
-        std::find_if(later, order.end(), [row](uint32_t other) { return other > row; });
-    const Micros end = scene.frames[row].end;
-    const Micros over = end == NO_TIME ? scene.stop : std::max(end, lost.since);
-    const Micros until = passed == order.end() ? over : leftOf(*passed);
-    return {{"frame", row},
-            {"since", Seconds(lost.since - scene.begin)},
-            {"until", Seconds(until - scene.begin)}};
+// Frames as they came out, each from when the one before it did.
+Json OutputsOf(const JudgedScene& scene) {
+    Layer good{"output", "came out {} after the one before"}, late{"late", good.text};
+    Micros before = NO_TIME;
+    for (const uint32_t row : scene.columns.outputs) {
+        if (const Fate& fate = scene.FateOf(row); fate.isOut) {
+            (fate.isLate ? late : good).Add(before, fate.output, row);
+            before = fate.output;
+        }
+    }
+    return TrackOf(scene, "output", "output", 34, {good, late});
 }
 
-// The frames of a stage in the order in which they left it: when each left, how long it had waited,
-// and how long the stage had worked on it; those that never left; and for an overview, of each part
-// of the scene in which frames left, the median and the 95th percentile of how long they had been
-// in the stage. Adds the percentiles to `highs`.
-Json StageOf(const JudgedScene& scene, int32_t stage, std::vector<Micros>& highs) {
+// How many frames were in flight.
+Json FlightOf(const JudgedScene& scene) {
+    Layer flight{"flight", "{} frames in flight"};
+    Micros since = scene.begin;
+    int64_t flying = 0;
+    for (const auto& [time, count] : InFlightOf(scene)) {
+        flight.Add(since, time, flying);
+        since = time;
+        flying = count;
+    }
+    return TrackOf(scene, "flight", "in flight", 34, {flight});
+}
+
+// Adds what a stage did, and which frames waited for it meanwhile.
+void AddStage(Json& tracks, const JudgedScene& scene, int32_t stage) {
     const Columns& columns = scene.columns;
-    const bool isLeft = stage < columns.stages && !scene.isAlone;
-    const auto order = isLeft ? columns.order[stage] : std::vector<uint32_t>();
-    const auto beginOf = [&](uint32_t row) { return columns.begin[columns.PassOf(row, stage)]; };
     // The sensor has no queue: it delivers one frame after the other.
-    const auto cameOf = [&](uint32_t row) {
-        const Micros came = stage == 0 ? beginOf(row) : scene.ArrivalOf(row, stage);
-        return came == NO_TIME ? scene.frames[row].start : came;
-    };
-    const auto begunOf = [&](uint32_t row) { return std::max(beginOf(row), cameOf(row)); };
-    const auto waitOf = [&](uint32_t row) { return begunOf(row) - cameOf(row); };
-    const auto leftOf = [&](uint32_t row) { return scene.LeftOf(row, stage); };
-    const auto workOf = [&](uint32_t row) {
-        return begunOf(row) == NO_TIME ? NO_TIME : leftOf(row) - begunOf(row);
-    };
-    Json stands = Json::array(), parts = Json::array();
+    Layer work = stage == 0 ? Layer{"since", "stage 0: {} since the frame before"}
+                            : Layer{"work", fmt::format("stage {} at work for {{}}", stage)};
+    Layer wait{"wait", fmt::format("waited {{}} for stage {}", stage)};
+    Layer stands{"stands", fmt::format("never seen to leave stage {}", stage)};
+    const bool isLeft = stage < columns.stages && !scene.isAlone;
+    for (const uint32_t row : isLeft ? columns.order[stage] : std::vector<uint32_t>()) {
+        const Micros came = stage == 0 ? NO_TIME : scene.ArrivalOf(row, stage);
+        const Micros begun = std::max(columns.begin[columns.PassOf(row, stage)], came);
+        work.Add(begun, scene.LeftOf(row, stage), row);
+        if (came != NO_TIME && came < begun) {
+            wait.Add(came, begun, row);
+        }
+    }
+    // Where others passed it, it is not known when it went.
     for (const auto& [number, lost] : columns.lost) {
         if (const uint32_t row = scene.RowOf(number); row != NO_INDEX && lost.stage == stage) {
-            stands.push_back(StandOf(scene, lost, row, order));
+            const bool isPassed = lost.how == Lost::How::Dropped || lost.how == Lost::How::Passed;
+            const Micros until = isPassed ? lost.since + scene.Period() : GoneOf(scene, row);
+            stands.Add(lost.since, std::max(until, lost.since), row);
         }
     }
-    std::map<Micros, std::vector<Micros>> stays;
-    for (const uint32_t row : order) {
-        if (cameOf(row) != NO_TIME) {
-            const Micros part = (leftOf(row) - scene.begin) * PARTS / LengthOf(scene);
-            stays[std::min(part, PARTS - 1)].push_back(leftOf(row) - cameOf(row));
-        }
-    }
-    for (auto& [part, times] : stays) {
-        highs.push_back(QuantileOf(times, 0.95, 0));
-        parts.push_back({{"part", part}, {"median", MedianOf(times, 0)}, {"high", highs.back()}});
-    }
-    return {{"name", scene.stageNames[static_cast<size_t>(stage)]},
-            {"frames", StepsOf(0, order)},
-            {"left", StepsOf(scene.begin, order, leftOf)},
-            {"waits", StepsOf(0, order, waitOf)},
-            {"works", StepsOf(0, order, workOf)},
-            {"stands", stands},
-            {"parts", parts}};
+    const std::string id = std::to_string(stage);
+    tracks.push_back(TrackOf(scene, id, id + ' ' + scene.stageNames[static_cast<size_t>(stage)], 28,
+                             {work, stands}));
+    tracks.push_back(TrackOf(scene, "queue " + id, "", 8, {wait}));
 }
 
-// Frames in the order in which they came out, and the places therein of those that came late.
-Json OutputsOf(const JudgedScene& scene) {
-    std::vector<uint32_t> frames;
-    Json late = Json::array();
-    for (const uint32_t row : scene.columns.outputs) {
-        const Fate& fate = scene.FateOf(row);
-        if (fate.isOut && fate.isLate && !frames.empty()) {
-            late.push_back(frames.size());
-        }
-        if (fate.isOut) {
-            frames.push_back(row);
-        }
-    }
-    return {{"frames", StepsOf(0, frames)}, {"late", late}};
+std::string IdOf(int32_t thread) {
+    return fmt::format("thread {}", thread);
 }
 
-// How many frames were in flight, from each time on.
-Json FlightOf(const JudgedScene& scene) {
-    const std::map<Micros, int64_t> all = InFlightOf(scene);
-    Json counts = Json::array();
-    for (const auto& [time, count] : all) {
-        counts.push_back(count);
+// What a thread did when it did not sleep.
+Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t thread) {
+    std::map<std::string, Layer> layers;  // By what is said of them.
+    for (const StateSpan& span : AwakeOf(scheduling, thread, {scene.begin, scene.end})) {
+        const bool hasCpu =
+            span.state == ThreadState::Running || span.state == ThreadState::Runnable;
+        const std::string text = fmt::format("{} for {{}}{}", NameOf(span.state),
+                                             hasCpu ? fmt::format(", CPU {}", span.cpu) : "");
+        layers.try_emplace(text, Layer{NameOf(span.state), text})
+            .first->second.Add(span.begin, span.end);
     }
-    const auto timeOf = [](const auto& one) { return one.first; };
-    return {{"times", StepsOf(scene.begin, all, timeOf)}, {"counts", counts}};
+    const auto named = std::views::values(layers);
+    const SchedThread& known = scheduling.trace.threads[thread];
+    return TrackOf(scene, IdOf(known.tid), fmt::format("{} {}", known.tid, known.name), 20,
+                   {named.begin(), named.end()});
 }
 
-// What the log's clock showed at the capture's begin, and when it was set, since the scene's begin,
-// and by how much; each step once, whichever scenes it fell into.
+// The clock of the log: what it showed when the capture began, as text, and, from each time on at
+// which it was set, what it showed when the scene began or would have, in seconds. Each step once,
+// whichever scenes it fell into.
 Json ClockOf(const Account& account, const JudgedScene& scene) {
-    std::map<double, double> steps;
+    std::map<Micros, Micros> steps = {{0, account.clock + scene.begin}};
     for (const JudgedScene& any : account.scenes) {
         for (const Scene::Disturbance& step : any.clockSteps) {
-            steps[Seconds(step.time - scene.begin)] = Seconds(step.amount);
+            steps[step.time] = step.amount;
         }
+    }
+    Json clocks = Json::array();
+    Micros clock = 0;
+    for (const auto& [time, step] : steps) {
+        clocks.push_back({Seconds(time - scene.begin), Seconds(clock += step)});
     }
     // Where it was set between scenes, by how much is not kept.
-    const bool isKnown = std::none_of(
-        account.findings.begin(), account.findings.end(), [&](const SceneFinding& finding) {
-            return finding.kind == Kind::ClockJump && finding.time <= scene.begin;
-        });
-    return {{"from", isKnown ? account.from : ""}, {"steps", steps}};
+    const bool isUnknown = std::ranges::any_of(account.findings, [&](const SceneFinding& finding) {
+        return finding.kind == Kind::ClockJump && finding.time <= scene.begin;
+    });
+    return {{"from", isUnknown ? "" : account.from}, {"clocks", clocks}};
 }
 
-// What a thread did when it did not sleep: from when to when, in which state, and on which CPU.
-Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t thread,
-              int32_t stage) {
-    const StateSpans all = AwakeOf(scheduling, thread, {scene.begin, scene.end});
-    Json states = Json::array(), cpus = Json::array();
-    for (const StateSpan& one : all) {
-        states.push_back(NameOf(one.state));
-        cpus.push_back(one.cpu);
-    }
-    const SchedThread& known = scheduling.trace.threads[thread];
-    return {{"stage", stage},
-            {"id", known.tid},
-            {"name", known.name},
-            {"begin", StepsOf(scene.begin, all, [](const StateSpan& one) { return one.begin; })},
-            {"end", StepsOf(scene.begin, all, [](const StateSpan& one) { return one.end; })},
-            {"states", states},
-            {"cpus", cpus}};
-}
-
-// The threads of a scene: the pipeline's with the first of their stages, and those that kept them.
-Json ThreadsOf(const Account& account, const Scheduling* scheduling, size_t scene) {
-    Json threads = Json::array();
-    for (const DrawnThread& one : DrawnThreadsOf(account, scheduling, scene)) {
-        threads.push_back(ThreadOf(account.scenes[scene], *scheduling, one.thread, one.stage));
-    }
-    return threads;
-}
-
-// Who woke whom, where that made a frame late: when, and the threads.
-Json WakesOf(const JudgedScene& scene) {
-    Json wakes = Json::array();
-    for (const SceneFinding& finding : scene.findings) {
-        for (size_t i = 0; i + 1 < finding.chain.size(); ++i) {
-            const CauseLink& link = finding.chain[i];
-            wakes.push_back({{"time", Seconds(link.begin + link.piece - scene.begin)},
-                             {"from", finding.chain[i + 1].thread},
-                             {"to", link.thread}});
+// `scheduling`: null where there is no scheduler trace.
+Json SceneOf(const Account& account, size_t index, const Scheduling* scheduling) {
+    const JudgedScene& scene = account.scenes[index];
+    const std::vector<DrawnThread> threads = DrawnThreadsOf(account, scheduling, index);
+    Json tracks = {OutputsOf(scene), FlightOf(scene)};
+    for (int32_t stage = 0; stage <= scene.stageCount; ++stage) {
+        const bool isStage = stage < scene.stageCount;  // Else those that kept the pipeline's come.
+        if (isStage) {
+            AddStage(tracks, scene, stage);
+        }
+        for (const DrawnThread& thread : threads) {
+            if (thread.stage == (isStage ? stage : -1)) {
+                tracks.push_back(ThreadOf(scene, *scheduling, thread.thread));
+            }
         }
     }
-    return wakes;
+    // Who woke whom, where that made a frame late.
+    Json wakes = Json::array();
+    for (const SceneFinding& finding : scene.findings) {
+        for (size_t i = 1; i < finding.chain.size(); ++i) {
+            const CauseLink& woken = finding.chain[i - 1];
+            wakes.push_back({{"time", Seconds(woken.begin + woken.piece - scene.begin)},
+                             {"from", IdOf(finding.chain[i].thread)},
+                             {"to", IdOf(woken.thread)}});
+        }
+    }
+    // A replay may take no time.
+    return {{"stop", Seconds(std::max(scene.stop - scene.begin, scene.Period()))},
+            {"clock", ClockOf(account, scene)},
+            {"frames", FramesOf(scene)},
+            {"tracks", tracks},
+            {"wakes", wakes}};
 }
 
 }  // namespace
@@ -220,25 +223,9 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
         if (scene.columns.isMixed || scene.frames.empty()) {
             continue;
         }
-        Json stages = Json::array();
-        std::vector<Micros> highs;
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            stages.push_back(StageOf(scene, stage, highs));
-        }
-        const Json data = {{"begin", Seconds(scene.begin)},
-                           {"stop", Seconds(LengthOf(scene))},
-                           {"clock", ClockOf(account, scene)},
-                           {"parts", PARTS},
-                           {"period", 1.0 / scene.Rate()},
-                           {"frames", FramesOf(scene)},
-                           {"stages", stages},
-                           {"top", QuantileOf(highs, 0.98, 1)},  // Stays seldom exceed it.
-                           {"outputs", OutputsOf(scene)},
-                           {"flight", FlightOf(scene)},
-                           {"threads", ThreadsOf(account, scheduling, i)},
-                           {"wakes", WakesOf(scene)}};
         // Names come from captures, which hold any bytes; JSON holds UTF-8.
-        const std::string text = data.dump(-1, ' ', true, Json::error_handler_t::replace);
+        const std::string text =
+            SceneOf(account, i, scheduling).dump(-1, ' ', true, Json::error_handler_t::replace);
         scenes.push_back(
             {{"scene", i + 1}, {"title", TitleOf(account, i)}, {"data", Base64(Gzip(text))}});
     }
