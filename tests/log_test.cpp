@@ -67,7 +67,7 @@ class LogTest : public LibraryTest {
             if (line == nullptr) {
                 continue;
             }
-            const auto message = tools::ParseMessage(line->tag, line->text);
+            const auto message = tools::ParseMessage(line->text);
             ASSERT_TRUE(message) << line->text;
             kinds.insert(message->kind);
             EXPECT_EQ(TextsOf(*message).count(line->text.substr(line->text.find(':') + 1)), 1U)
@@ -115,7 +115,7 @@ TEST_F(LogTest, KnowsEveryMessage) {
          {"", "x", "cameraframeboost", "tarvocameraframeboost.cpp", "a 1:DumpInfo() ",
           "tarvocameraframeboost.cpp 1:DumpInfo() DumpInfo PersistTids size = x",
           "tarvocameraframeboost.cpp 1:DumpInfo() DumpInfo PersistTids size = 1 more"}) {
-        EXPECT_FALSE(tools::ParseMessage(tools::FACADE_TAG, text)) << text;
+        EXPECT_FALSE(tools::ParseMessage(text)) << text;
     }
 }
 

@@ -74,8 +74,9 @@ std::string LinesOf(const uint8_t* data, size_t size) {
         // No two lines have the same time: the same lines are refused.
         const std::string minute = std::to_string(line++ % 60 + 100).substr(1);
         text += "01-01 00:" + minute + ":0" + std::to_string(where % 10) + ".000     1     " +
-                std::to_string(where / 10 % 3) + " D " + std::string(form.tag) +
-                ": tarvocameraframeboost.cpp 1:" + std::string(form.function) + "() ";
+                std::to_string(where / 10 % 3) +
+                " D cameraframeboost: tarvocameraframeboost.cpp 1:" + std::string(form.function) +
+                "() ";
         std::string_view rest = form.text;
         for (size_t open = 0; (open = rest.find('{')) != std::string_view::npos;) {
             const size_t close = rest.find('}');

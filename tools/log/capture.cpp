@@ -140,7 +140,7 @@ void CaptureReader::OnRecord(const Record& record, const Place& place) {
     std::optional<Message> message;
     if (record.isWhole) {
         ++timedLines;
-        message = ParseMessage(record.tag, record.message);
+        message = ParseMessage(record.message);
     } else {
         firstOther = ++otherLines == 1 ? place : firstOther;
         RequireTimes(FEW);

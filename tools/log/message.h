@@ -74,7 +74,6 @@ struct Message {
 // stands for the value of that field of Message.
 struct MessageForm {
     MessageKind kind;
-    std::string_view tag;
     std::string_view function;
     std::string_view text;
     const char* refusal = nullptr;  // As RefusalOf says.
@@ -97,6 +96,6 @@ inline constexpr std::string_view LIBRARY_FILE = "tarvocameraframeboost";
 
 // Reads a message, which the result points into. Blanks at the end may be missing. Nothing for what
 // the library does not write.
-std::optional<Message> ParseMessage(std::string_view tag, std::string_view text);
+std::optional<Message> ParseMessage(std::string_view text);
 
 }  // namespace tools

@@ -18,7 +18,7 @@ Player::Player(Watcher playWatcher, Pace playPace)
     std::vector<desktop::Effect> effects = recorder.Take();
     for (const desktop::Effect& effect : effects) {
         if (const auto* line = std::get_if<desktop::LogLine>(&effect.event)) {
-            if (const auto message = ParseMessage(line->tag, line->text)) {
+            if (const auto message = ParseMessage(line->text)) {
                 AddDumped(*message, configuration);
             }
         }

@@ -95,7 +95,7 @@ Counts CountsOf(const Call& call, const Played& played) {
             ++counts[{"error reports", ""}];
         }
         const auto* line = std::get_if<desktop::LogLine>(&effect.event);
-        const auto message = line ? ParseMessage(line->tag, line->text) : std::nullopt;
+        const auto message = line ? ParseMessage(line->text) : std::nullopt;
         if (!message) {
             continue;
         }
