@@ -120,24 +120,16 @@ TEST_F(LogTest, KnowsEveryMessage) {
 }
 
 TEST(RecordTest, IsWrittenInEachFormThatHasTimes) {
-    const tools::Record record{1'700'000'000'012'345,   321, 4321, 'D', "camera",
-                               "first\\ 1\nsecond \x01"};
+    const tools::Record record{1'700'000'000'012'345, 321, 4321, 'D', "camera", "text\\ \x01"};
     const struct {
         const char* format;
         std::string text;
     } cases[] = {
-        {"time",
-         "11-14 22:13:20.012 D/camera  (  321): first\\ 1\n"
-         "11-14 22:13:20.012 D/camera  (  321): second \x01\n"},
+        {"time", "11-14 22:13:20.012 D/camera  (  321): text\\ \x01\n"},
         {"threadtime,uid,year,usec,zone",
-         "2023-11-14 22:13:20.012345 +0000  1047   321  4321 D camera  : first\\ 1\n"
-         "2023-11-14 22:13:20.012345 +0000  1047   321  4321 D camera  : second \x01\n"},
-        {"epoch,nsec",
-         "         1700000000.012345000   321  4321 D camera  : first\\ 1\n"
-         "         1700000000.012345000   321  4321 D camera  : second \x01\n"},
-        {"time,uid,UTC",
-         "11-14 22:13:20.012 +0000 D/camera  ( 1047:  321): first\\ 1\n"
-         "11-14 22:13:20.012 +0000 D/camera  ( 1047:  321): second \x01\n"},
+         "2023-11-14 22:13:20.012345 +0000  1047   321  4321 D camera  : text\\ \x01\n"},
+        {"epoch,nsec", "         1700000000.012345000   321  4321 D camera  : text\\ \x01\n"},
+        {"time,uid,UTC", "11-14 22:13:20.012 +0000 D/camera  ( 1047:  321): text\\ \x01\n"},
     };
     for (const auto& [name, text] : cases) {
         const auto format = tools::FormatOf(name);
@@ -156,8 +148,7 @@ TEST(RecordTest, IsWrittenInEachFormThatHasTimes) {
     EXPECT_EQ(lineOf("monotonic", 4'000'000), "     4.000     1     2 I a tag: of many: text\n");
     EXPECT_EQ(lineOf("year", -1), "1969-12-31 23:59:59.999     1     2 I a tag: of many: text\n");
 
-    for (const char* name :
-         {"", "time,", "time,threadtime", "Time", "years", "brief", "long", "color"}) {
+    for (const char* name : {",time", "time,,year", "Time", "years", "brief", "long", "color"}) {
         EXPECT_FALSE(tools::FormatOf(name)) << name;
     }
 }

@@ -179,10 +179,7 @@ void CaptureReader::TakeLeftOut(const Record& record, const Place& place) {
 void CaptureReader::NoteNotUnderstood(std::string_view text, const Place& place) {
     ++summary.notUnderstood;
     if (summary.firstNotUnderstood.size() < SHOWN_NOT_UNDERSTOOD) {
-        std::string shown(text.substr(0, SHOWN_LENGTH));
-        std::replace_if(
-            shown.begin(), shown.end(), [](unsigned char byte) { return byte < ' '; }, '?');
-        summary.firstNotUnderstood.push_back({place, std::move(shown)});
+        summary.firstNotUnderstood.push_back({place, Printable(text, SHOWN_LENGTH)});
     }
 }
 

@@ -45,7 +45,7 @@ class MessageSink {
 // A line of the library's that was not understood.
 struct NotUnderstood {
     Place place;
-    std::string text;  // Shortened, control characters as '?'.
+    std::string text;  // As Printable makes it.
 };
 
 // What was read, over all inputs.

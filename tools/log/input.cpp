@@ -22,16 +22,12 @@ bool IsReport(std::string_view name) {
     return name.starts_with("bugreport-") && name.ends_with(".txt");
 }
 
-struct Contents {
-    bool isZip = false, isGzip = false;
-    int files = 0;  // How many were read.
-};
-
 using Progress = std::function<bool(int64_t, int64_t)>;
 
-// `isWanted`: by its name, of the files in a zip.
-Contents ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress,
-                   bool (*isWanted)(std::string_view name)) {
+// Reads a file, or of those in a zip the ones that are wanted by their names. Returns whether there
+// was any.
+bool ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress,
+               bool (*isWanted)(std::string_view name)) {
     const std::unique_ptr<archive, int (*)(archive*)> owner(archive_read_new(), archive_read_free);
     archive* const all = owner.get();
     archive_read_support_filter_gzip(all);
@@ -51,19 +47,17 @@ Contents ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress,
     const auto isStopped = [&] {
         return onProgress && !onProgress(archive_filter_bytes(all, -1), size);
     };
-    const auto isZip = [all] {
-        return (archive_format(all) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP;
-    };
     check(archive_read_open_fd(all, descriptor, PIECE));
-    Contents contents;
+    bool hasFile = false;
     archive_entry* entry = nullptr;
     while (check(archive_read_next_header(all, &entry)) != ARCHIVE_EOF) {
         const char* const path = archive_entry_pathname(entry);
+        const bool isZip = (archive_format(all) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_ZIP;
         if (path == nullptr || archive_entry_filetype(entry) != AE_IFREG ||
-            (isZip() && !isWanted(path))) {
+            (isZip && !isWanted(path))) {
             continue;
         }
-        ++contents.files;
+        hasFile = true;
         const void* piece = nullptr;
         size_t length = 0;
         la_int64_t offset = 0;
@@ -82,28 +76,18 @@ Contents ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress,
         }
         check(status);
     }
-    contents.isZip = isZip();
-    contents.isGzip = archive_filter_code(all, 0) == ARCHIVE_FILTER_GZIP;
-    return contents;
+    return hasFile;
 }
 
 }  // namespace
 
 void ReadText(TextSink& sink, int descriptor, const Progress& onProgress) {
-    Contents contents = ReadFiles(sink, descriptor, onProgress, IsReport);
-    if (contents.isZip && contents.files == 0 && lseek(descriptor, 0, SEEK_SET) == 0) {
-        contents = ReadFiles(sink, descriptor, onProgress, [](std::string_view) { return true; });
+    // A zip without a bug report may hold other captures.
+    if (!ReadFiles(sink, descriptor, onProgress, IsReport) &&
+        (lseek(descriptor, 0, SEEK_SET) != 0 ||
+         !ReadFiles(sink, descriptor, onProgress, [](std::string_view) { return true; }))) {
+        sink.End();  // Nothing is in it.
     }
-    if (contents.files != 0) {
-        return;
-    }
-    if (contents.isZip) {
-        throw CaptureError("is a zip without a bug report in it");
-    }
-    if (contents.isGzip) {
-        throw CaptureError("is a gzip file with nothing in it: empty, or cut off");
-    }
-    sink.End();
 }
 
 }  // namespace tools

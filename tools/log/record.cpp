@@ -7,15 +7,13 @@
 #include <chrono>
 #include <cstddef>
 #include <iterator>
+#include <sstream>
 #include <utility>
 
 #include "tools/base/times.h"
 
 namespace tools {
 namespace {
-
-// Whom a camera HAL runs as, Android's user "cameraserver". A record does not know its own.
-constexpr std::string_view USER = " 1047";
 
 // "YYYY-MM-DD hh:mm:ss". Lines come by the thousand a second, so it is made once a second.
 std::string_view DateOf(int64_t second) {
@@ -28,76 +26,56 @@ std::string_view DateOf(int64_t second) {
     return shown;
 }
 
-void AppendTime(std::string& text, const Format& format, int64_t time) {
-    using std::chrono::floor, std::chrono::seconds, std::chrono::microseconds;
-    const int64_t second = floor<seconds>(microseconds(time)).count();
-    if (format.isEpoch || format.isMonotonic) {
-        text += fmt::format("{:{}}", second, format.isMonotonic ? 6 : 19);
-    } else {
-        const std::string_view date = DateOf(second);
-        text += format.hasYear ? date : date.substr(date.find('-', 1) + 1);
-    }
-    const int64_t nanoseconds = (time - second * SECOND) * 1000;
-    text.append(fmt::format(".{:09}", nanoseconds), 0, 1 + format.digits);
-    text += format.hasZone && !format.isEpoch && !format.isMonotonic ? " +0000" : "";
-}
-
-// The record up to its message.
-void AppendHead(std::string& text, const Format& format, const Record& record) {
-    AppendTime(text, format, record.time);
-    const std::string_view user = format.hasUid ? USER : "";
-    const auto end = std::back_inserter(text);
-    if (format.hasThread) {
-        fmt::format_to(end, " {}{}{:5} {:5} {} {:8}: ", user, user.empty() ? "" : " ",
-                       record.process, record.thread, record.priority, record.tag);
-    } else {
-        fmt::format_to(end, " {}/{:8}({}{}{:5}): ", record.priority, record.tag, user,
-                       user.empty() ? "" : ":", record.process);
-    }
-}
-
 }  // namespace
 
 std::optional<Format> FormatOf(std::string_view name) {
-    Format format;
-    bool hasForm = false;
-    const std::pair<std::string_view, bool*> flags[] = {
-        {"year", &format.hasYear},  {"zone", &format.hasZone},          {"UTC", &format.hasZone},
-        {"epoch", &format.isEpoch}, {"monotonic", &format.isMonotonic}, {"uid", &format.hasUid},
+    constexpr std::pair<std::string_view, void (*)(Format&)> WORDS[] = {
+        {"threadtime", [](Format& format) { format.hasThread = true; }},
+        {"time", [](Format& format) { format.hasThread = false; }},
+        {"year", [](Format& format) { format.hasYear = true; }},
+        {"usec", [](Format& format) { format.digits = 6; }},
+        {"nsec", [](Format& format) { format.digits = 9; }},
+        {"zone", [](Format& format) { format.hasZone = true; }},
+        {"UTC", [](Format& format) { format.hasZone = true; }},
+        {"epoch", [](Format& format) { format.isEpoch = true; }},
+        {"monotonic", [](Format& format) { format.isMonotonic = true; }},
+        {"uid", [](Format& format) { format.hasUid = true; }},
     };
-    for (size_t at = 0; at <= name.size();) {
-        const size_t end = std::min(name.find(',', at), name.size());
-        const std::string_view word = name.substr(at, end - at);
-        at = end + 1;
-        const auto* const flag =
-            std::find_if(std::begin(flags), std::end(flags),
-                         [word](const auto& one) { return one.first == word; });
-        if (flag != std::end(flags)) {
-            *flag->second = true;
-        } else if (word == "usec" || word == "nsec") {
-            format.digits = word == "usec" ? 6 : 9;
-        } else if ((word == "threadtime" || word == "time") && !std::exchange(hasForm, true)) {
-            format.hasThread = word == "threadtime";
-        } else {
+    Format format;
+    std::istringstream words{std::string(name)};
+    for (std::string word; std::getline(words, word, ',');) {
+        const auto* const known =
+            std::find_if(std::begin(WORDS), std::end(WORDS),
+                         [&word](const auto& one) { return one.first == word; });
+        if (known == std::end(WORDS)) {
             return std::nullopt;
         }
+        known->second(format);
     }
     return format;
 }
 
 void AppendRecord(std::string& text, const Format& format, const Record& record) {
-    const std::string_view message = record.message;
-    // Each line of a message has the head before it; a line end at its end begins none.
-    for (size_t at = 0;;) {
-        const size_t end = std::min(message.find('\n', at), message.size());
-        AppendHead(text, format, record);
-        text += message.substr(at, end - at);
-        text += '\n';
-        at = end + 1;
-        if (at >= message.size()) {
-            return;
-        }
+    using std::chrono::floor, std::chrono::seconds, std::chrono::microseconds;
+    const int64_t second = floor<seconds>(microseconds(record.time)).count();
+    const auto end = std::back_inserter(text);
+    if (format.isEpoch || format.isMonotonic) {
+        fmt::format_to(end, "{:{}}", second, format.isMonotonic ? 6 : 19);
+    } else {
+        text += DateOf(second).substr(format.hasYear ? 0 : sizeof("YYYY"));
     }
+    const int64_t nanoseconds = (record.time - second * SECOND) * 1000;
+    text.append(fmt::format(".{:09}", nanoseconds), 0, 1 + format.digits);
+    text += format.hasZone && !format.isEpoch && !format.isMonotonic ? " +0000" : "";
+    if (format.hasThread) {
+        fmt::format_to(end, " {}{:5} {:5} {} {:8}: ", format.hasUid ? " 1047 " : "", record.process,
+                       record.thread, record.priority, record.tag);
+    } else {
+        fmt::format_to(end, " {}/{:8}({}{:5}): ", record.priority, record.tag,
+                       format.hasUid ? " 1047:" : "", record.process);
+    }
+    text += record.message;
+    text += '\n';
 }
 
 }  // namespace tools

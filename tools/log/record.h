@@ -36,11 +36,11 @@ struct Format {
     bool hasUid = false;
 };
 
-// Reads "threadtime" or "time", and its modifiers behind commas; nothing for anything else.
+// Reads "threadtime", "time" and modifiers, with commas between them; nothing for anything else.
 std::optional<Format> FormatOf(std::string_view name);
 
 // Appends the record as logcat writes it, line end included. The column of the user, which a record
-// does not know, shows a camera HAL's.
+// does not know, shows a camera HAL's, Android's user "cameraserver".
 void AppendRecord(std::string& text, const Format& format, const Record& record);
 
 }  // namespace tools

@@ -2,38 +2,36 @@
 
 #include <algorithm>
 #include <array>
+#include <tuple>
 #include <type_traits>
-#include <utility>
 
 namespace tools {
 namespace {
 
 using Boost = TarvoCameraFrameBoost;
 
-template <size_t... Index, typename Result, typename... Arguments>
-std::optional<int32_t> Invoke(std::index_sequence<Index...>, Boost& boost,
-                              Result (Boost::*function)(Arguments...),
-                              [[maybe_unused]] const std::vector<Value>& values) {
-    if constexpr (std::is_void_v<Result>) {
-        (boost.*function)(std::get<std::decay_t<Arguments>>(values[Index])...);
-        return std::nullopt;
-    } else {
-        return (boost.*function)(std::get<std::decay_t<Arguments>>(values[Index])...);
-    }
-}
-
 // The form of a member function; its type has the types of the parameters.
 template <typename Result, typename... Arguments>
 OperationForm Bind(Operation operation, std::string_view name,
                    Result (Boost::*function)(Arguments...),
                    const std::array<std::string_view, sizeof...(Arguments)>& parameters = {}) {
+    const auto call = [function](Boost& boost,
+                                 const std::vector<Value>& values) -> std::optional<int32_t> {
+        [[maybe_unused]] auto next = values.begin();
+        const std::tuple<Boost&, std::decay_t<Arguments>...> all{
+            boost, std::get<std::decay_t<Arguments>>(*next++)...};
+        if constexpr (std::is_void_v<Result>) {
+            std::apply(function, all);
+            return std::nullopt;
+        } else {
+            return std::apply(function, all);
+        }
+    };
     return {operation,
             name,
             {parameters.begin(), parameters.end()},
             {std::decay_t<Arguments>{}...},
-            [function](Boost& boost, const std::vector<Value>& values) {
-                return Invoke(std::index_sequence_for<Arguments...>{}, boost, function, values);
-            }};
+            call};
 }
 
 }  // namespace

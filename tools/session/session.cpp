@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <utility>
@@ -18,7 +20,7 @@ namespace {
 
 // Two days of video; more than that is taken for a slip.
 constexpr int64_t MAX_RECORDING_FRAMES = 10'000'000;
-constexpr int64_t MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
+constexpr double MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
 
 // The functions of the boost service by their names.
 std::string ServiceFunctionNames(std::string_view separator) {
@@ -95,17 +97,13 @@ Line ParseRecording(const std::vector<Word>& words) {
 
 Line ParseWait(const std::vector<Word>& words) {
     const std::string& text = words[1].text;
-    const size_t point = text.find('.');
-    const std::string decimals = point == std::string::npos ? "0" : text.substr(point + 1);
-    const auto millis = ReadDigits<uint32_t>(text.substr(0, point));
-    const auto micros = ReadDigits<uint32_t>(fmt::format("{:0<3}", decimals));
-    if (words[1].isQuoted || !millis || !micros || decimals.empty() || decimals.size() > 3 ||
-        *millis > MAX_WAIT_MILLIS) {
-        throw LineError(fmt::format(
-            "milliseconds is {}, expected a number from 0 to {} with up to three decimals",
-            Quoted(text), MAX_WAIT_MILLIS));
+    char* end = nullptr;
+    const double millis = std::strtod(text.c_str(), &end);
+    if (words[1].isQuoted || *end != '\0' || !(millis >= 0 && millis <= MAX_WAIT_MILLIS)) {
+        throw LineError(fmt::format("milliseconds is {}, expected a number from 0 to {}",
+                                    Quoted(text), MAX_WAIT_MILLIS));
     }
-    return Wait{int64_t{*millis} * 1000 + *micros};
+    return Wait{std::llround(millis * MILLISECOND)};
 }
 
 Line ParseServiceStatus(const std::vector<Word>& words) {
