@@ -1,5 +1,7 @@
 #include "tools/log/calls.h"
 
+#include <algorithm>
+
 namespace tools {
 namespace {
 
@@ -47,14 +49,15 @@ std::vector<CallEvent> EventsOf(int64_t frame, int32_t stage, int32_t stageCount
     return events;
 }
 
-std::optional<size_t> EventLines::Take(const Message& message) {
-    for (size_t i = next; i < events.size(); ++i) {
-        if (IsOf(message, events[i])) {
-            next = i + 1;
-            return i;
-        }
+bool EventLines::Take(const Message& message) {
+    const auto event = std::find_if(events.begin(), events.end(), [&message](const CallEvent& one) {
+        return IsOf(message, one);
+    });
+    const bool isFound = event != events.end();
+    if (isFound) {
+        events.erase(events.begin(), event + 1);
     }
-    return std::nullopt;
+    return isFound;
 }
 
 }  // namespace tools

@@ -2,9 +2,7 @@
 
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "tools/log/message.h"
@@ -28,11 +26,10 @@ std::vector<CallEvent> EventsOf(int64_t frame, int32_t stage, int32_t stageCount
 // it was forwarded or why not; an event of a frame in error leaves none. Messages come in the order
 // of the events.
 struct EventLines {
-    std::vector<CallEvent> events;
-    size_t next = 0;  // The first event whose message may still come.
+    std::vector<CallEvent> events;  // Those whose message may still come.
 
-    // The index of the event that left the message; nothing when none did.
-    std::optional<size_t> Take(const Message& message);
+    // Whether one of them left the message.
+    bool Take(const Message& message);
 };
 
 }  // namespace tools
