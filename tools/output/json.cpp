@@ -105,9 +105,7 @@ Json ToJson(const LoadedConfiguration& loaded) {
 }
 
 Json ToJson(const Waiting& waiting) {
-    return {{"threads", waiting.threads},
-            {"inside", ToJson(waiting.inside)},
-            {"outside", ToJson(waiting.outside)}};
+    return {{"threads", waiting.threads}, {"inside", ToJson(waiting.inside)}};
 }
 
 Json ToJson(const SceneScheduling& scene, const SchedTrace& trace) {

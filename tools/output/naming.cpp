@@ -31,17 +31,15 @@ Rows ThreadsOf(const Scheduling& scheduling, const SceneScheduling& scene) {
 }
 
 Rows WaitingOf(const SceneScheduling& scene) {
-    Rows table = {{"threads", "how many", "p50 in the scene", "p99 in the scene", "p50 outside",
-                   "p99 outside"}};
+    Rows table = {{"threads", "how many", "p50", "p99"}};
     const char* const others =
         scene.isHandedKnown ? "of the pipeline, not handed" : "of the pipeline";
     for (const auto& [name, waiting] :
          {std::pair("handed to the service", &scene.handed), std::pair(others, &scene.others)}) {
-        table.push_back({name, std::to_string(waiting->threads)});
-        for (const Statistics& times : {waiting->inside, waiting->outside}) {
-            table.back().push_back(times.count == 0 ? "-" : Milliseconds(times.p50, 1));
-            table.back().push_back(times.count == 0 ? "-" : Milliseconds(times.p99, 1));
-        }
+        const Statistics& times = waiting->inside;
+        table.push_back({name, std::to_string(waiting->threads),
+                         times.count == 0 ? "-" : Milliseconds(times.p50, 1),
+                         times.count == 0 ? "-" : Milliseconds(times.p99, 1)});
     }
     return table;
 }

@@ -214,31 +214,25 @@ struct CauseExplainer {
     // the end where they stood in it.
     void AddToStage(Cause& cause) const {
         const int32_t stage = std::max(cause.stage, 0);
-        const bool isSlow = KindOf(cause.what) == Kind::SlowStage;
         Stays stays;
-        if (cause.what == Case::Stands || cause.what == Case::SensorStopped) {
-            const Span span = Cut(cause.span, {trace.from, trace.to});
-            const uint32_t thread = StandingThread(stage);
-            if (thread != NO_THREAD && span.Length() >= LEAST) {
-                stays.Add(thread, span, states.SharesOf(thread, span));
+        for (const int64_t number : cause.own) {
+            if (const StageUse* const use = uses.UseOf(scene.RowOf(number), stage)) {
+                // Of a stage that cannot keep up it is the usual that is to be explained.
+                const bool isUsual = cause.what == Case::CannotKeepUp;
+                stays.Add(use->thread, use->span,
+                          isUsual ? use->shares : ExcessOf(use->shares, stage));
             }
-        } else if (isSlow || cause.what == Case::Stall || cause.what == Case::FirstStall) {
-            for (const int64_t number : cause.own) {
-                if (const StageUse* const use = uses.UseOf(scene.RowOf(number), stage)) {
-                    // Of a stage that cannot keep up it is the usual that is to be explained.
-                    const bool isUsual = cause.what == Case::CannotKeepUp;
-                    stays.Add(use->thread, use->span,
-                              isUsual ? use->shares : ExcessOf(use->shares, stage));
-                }
-            }
+        }
+        const bool isStanding = cause.what == Case::Stands || cause.what == Case::SensorStopped;
+        const Span span = Cut(cause.span, {trace.from, trace.to});
+        const uint32_t thread =
+            isStanding && stage < uses.stages ? uses.standing[stage] : NO_THREAD;
+        if (thread != NO_THREAD && span.Length() > 0) {
+            stays.Add(thread, span, states.SharesOf(thread, span));
         }
         const char* const head =
             cause.own.size() == 1 ? ", of which its " : "; of these {} ms its ";
-        Explain(cause, stays, isSlow ? head : "; ");
-    }
-
-    uint32_t StandingThread(int32_t stage) const {
-        return stage < uses.stages ? uses.standing[stage] : NO_THREAD;
+        Explain(cause, std::move(stays), KindOf(cause.what) == Kind::SlowStage ? head : "; ");
     }
 
     // No thread logged anything: whether one was stopped, had no CPU, or computed.
@@ -263,14 +257,39 @@ struct CauseExplainer {
     }
 
     // Frames that are late or lost without a cause that a log could show: whether a stage's thread
-    // was kept from its work while they were, or the frames before them, were on their way.
+    // was kept from its work on them. What is usual counts, too, where they were pushed out.
     void AddToOthers(Cause& cause) const {
         std::map<int32_t, Stays> stages;
         Micros lateness = 0;
         for (const int64_t number : cause.own) {
             const uint32_t row = scene.RowOf(number);
-            if (row != NO_INDEX) {
-                lateness += Walk(row, KindOf(cause.what) == Kind::Evicted, stages);
+            if (row == NO_INDEX) {
+                continue;
+            }
+            const Frame& frame = scene.frames[row];
+            const Fate& fate = columns.fates[row];
+            Span window = {frame.seen, frame.evicted == NO_TIME ? scene.stop : frame.evicted};
+            if (fate.isLate) {
+                window = {fate.output - fate.interval, fate.output};
+            }
+            lateness += window.Length() - (fate.isLate ? scene.Period() : 0);
+            for (int32_t stage = 0; stage < columns.stages; ++stage) {
+                const Micros came = stage == 0 ? frame.seen : scene.LeftOf(row, stage - 1);
+                const Micros left = scene.LeftOf(row, stage);
+                const uint32_t thread = left == NO_TIME
+                                            ? uses.standing[stage]
+                                            : uses.uses[columns.PassOf(row, stage)].thread;
+                if (came == NO_TIME || thread == NO_THREAD) {
+                    continue;
+                }
+                const Span stay = Cut({came, left == NO_TIME ? window.end : left}, window);
+                Shares shares = states.SharesOf(thread, stay);
+                if (KindOf(cause.what) != Kind::Evicted) {
+                    shares = ExcessOf(shares, stage);
+                }
+                // The sensor's thread sleeps until there is a frame.
+                shares[ThreadState::Sleeping] *= stage > 0 || scene.isAlone ? 1 : 0;
+                stages[stage].Add(thread, stay, shares);
             }
         }
         const std::pair<const int32_t, Stays>* worst = nullptr;
@@ -288,47 +307,6 @@ struct CauseExplainer {
             cause.stage = cause.stage < 0 ? stage : cause.stage;
             Explain(cause, worst->second, fmt::format("; in {} ", StageName(scene, stage)));
         }
-    }
-
-    // Follows a frame back, through the passes behind which it had to wait. Returns the time that
-    // has to be explained. `isWhole`: what is usual counts, too.
-    Micros Walk(uint32_t row, bool isWhole, std::map<int32_t, Stays>& stages) const {
-        const Frame& frame = scene.frames[row];
-        const Fate& fate = columns.fates[row];
-        Span window = {frame.seen, frame.evicted == NO_TIME ? scene.stop : frame.evicted};
-        if (fate.isLate) {
-            window = {fate.output - fate.interval, fate.output};
-        }
-        const auto add = [&](uint32_t thread, int32_t stage, Span span) {
-            const Span part = Cut(span, window);
-            if (thread == NO_THREAD || part.Length() == 0) {
-                return;
-            }
-            Shares shares = states.SharesOf(thread, part);
-            shares = isWhole ? shares : ExcessOf(shares, stage);
-            // The sensor's thread sleeps until there is a frame.
-            shares[ThreadState::Sleeping] *= stage > 0 || scene.isAlone ? 1 : 0;
-            stages[stage].Add(thread, part, shares);
-        };
-        int32_t last = columns.LastStage();  // That the frame left.
-        while (last >= 0 && scene.LeftOf(row, last) == NO_TIME) {
-            --last;
-        }
-        if (!fate.isLate && last < columns.LastStage()) {
-            add(StandingThread(last + 1), last + 1,
-                {last < 0 ? frame.seen : scene.LeftOf(row, last), window.end});
-        }
-        uint32_t pass = last < 0 ? NO_INDEX : static_cast<uint32_t>(columns.PassOf(row, last));
-        for (int i = 0; i < limits::LONGEST_WALK && pass != NO_INDEX; ++i) {
-            const StageUse& use = uses.uses[pass];
-            if (use.span.end <= window.begin) {
-                break;
-            }
-            add(use.thread, static_cast<int32_t>(pass % static_cast<uint32_t>(columns.stages)),
-                use.span);
-            pass = columns.behind[pass];
-        }
-        return window.Length() - (fate.isLate ? scene.Period() : 0);
     }
 
     Shares SharesOf(uint32_t thread, const std::vector<Span>& spans) const {

@@ -19,15 +19,15 @@ struct SceneMaker {
     const SchedTrace& trace = all.trace;
     SceneScheduling result{};
 
-    SceneScheduling Make(const std::vector<Span>& outside) {
+    SceneScheduling Make() {
         if (scene.isStarted && !columns.isMixed) {
             result.stages = columns.stages;
             FindUses();
             FindThreads();
             FindUsual();
         }
-        result.handed = WaitingOf(true, outside);
-        result.others = WaitingOf(false, outside);
+        result.handed = WaitingOf(true);
+        result.others = WaitingOf(false);
         return std::move(result);
     }
 
@@ -128,60 +128,27 @@ struct SceneMaker {
         }
     }
 
-    Waiting WaitingOf(bool isHanded, const std::vector<Span>& outside) const {
-        std::vector<uint32_t> threads;
-        for (const ThreadUse& use : result.threads) {
-            if (use.isHanded == isHanded) {
-                threads.push_back(use.thread);
-            }
-        }
-        if (threads.empty()) {
-            return {};
-        }
-        const Span inside = Cut({scene.begin, scene.end}, {trace.from, trace.to});
-        return {std::ssize(threads), WaitingIn({inside}, threads), WaitingIn(outside, threads)};
-    }
-
     // Periods in which a thread's states are not known are left out.
-    Statistics WaitingIn(const std::vector<Span>& spans,
-                         const std::vector<uint32_t>& threads) const {
+    Waiting WaitingOf(bool isHanded) const {
+        const int64_t threads = std::ranges::count(result.threads, isHanded, &ThreadUse::isHanded);
         std::vector<Micros> waits;
-        for (const Span& span : spans) {
-            for (Span period = {span.begin, span.begin + scene.Period()}; period.end <= span.end;
-                 period = {period.end, period.end + scene.Period()}) {
-                Shares sums{};
-                for (const uint32_t thread : threads) {
-                    sums += all.states.SharesOf(thread, period);
-                }
-                if (sums[ThreadState::Unknown] + sums[ThreadState::Gone] == 0) {
-                    waits.push_back(sums[ThreadState::Runnable]);
+        const Span known = Cut({scene.begin, scene.end}, {trace.from, trace.to});
+        for (Span period = {known.begin, known.begin + scene.Period()};
+             threads > 0 && period.end <= known.end;
+             period = {period.end, period.end + scene.Period()}) {
+            Shares sums{};
+            for (const ThreadUse& use : result.threads) {
+                if (use.isHanded == isHanded) {
+                    sums += all.states.SharesOf(use.thread, period);
                 }
             }
+            if (sums[ThreadState::Unknown] + sums[ThreadState::Gone] == 0) {
+                waits.push_back(sums[ThreadState::Runnable]);
+            }
         }
-        return StatisticsOf(waits);
+        return {threads, StatisticsOf(waits)};
     }
 };
-
-// Where no scene runs.
-std::vector<Span> OutsideOf(const Account& account, const SchedTrace& trace) {
-    std::vector<Span> spans;
-    Micros from = trace.from;
-    bool isKnown = true;  // That none was running from there on.
-    for (const JudgedScene& judged : account.scenes) {
-        const Scene& scene = judged;
-        if (scene.isStarted) {
-            if (isKnown && !scene.isBeginningMissing) {
-                spans.push_back({from, scene.begin});
-            }
-            from = std::max(from, scene.end);
-            isKnown = scene.HasEnd();
-        }
-    }
-    if (isKnown) {
-        spans.push_back({from, trace.to});
-    }
-    return spans;
-}
 
 std::string SecondsText(Micros time) {
     return Fixed(static_cast<double>(time) / SECOND, 3) + " s";
@@ -220,9 +187,8 @@ Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
     trace.events = {};  // They take much memory.
     all.trace = std::move(trace);
     all.notes = NotesOf(account, all.trace, all.tie);
-    const std::vector<Span> outside = OutsideOf(account, all.trace);
     for (JudgedScene& judged : account.scenes) {
-        all.scenes.push_back(SceneMaker{judged, all}.Make(outside));
+        all.scenes.push_back(SceneMaker{judged, all}.Make());
         AddScheduling(judged, all.scenes.back(), all);
     }
     return all;

@@ -31,8 +31,7 @@ struct ThreadUse {
 // How long threads waited for a CPU in each period of a frame, all together.
 struct Waiting {
     int64_t threads = 0;
-    Statistics inside{};   // Of the scene,
-    Statistics outside{};  // and before and after all scenes.
+    Statistics inside{};  // Of the scene.
 };
 
 struct SceneScheduling {
