@@ -63,7 +63,8 @@ struct CauseLink {
         Micros length = 0;
         int32_t priority = 0;
     };
-    std::vector<Ran> ran;  // Threads that had that CPU while it waited; longest first.
+    // Threads that had that CPU while it waited, those of one name as one; longest first.
+    std::vector<Ran> ran;
 };
 
 struct Cause {

@@ -19,10 +19,14 @@ constexpr size_t LONGEST_CHAIN = 8;
 // Threads and states are named that had a tenth of the time.
 constexpr Micros SHARE = 10;
 
-using Ran = CauseLink::Ran;
-
 ThreadState LongestOf(const Shares& shares) {
     return static_cast<ThreadState>(std::ranges::max_element(shares) - shares.begin());
+}
+
+// How long a thread was in the state that took most of the time, of those that are known.
+Micros LongestKnown(Shares shares) {
+    shares[ThreadState::Unknown] = 0;
+    return std::ranges::max(shares);
 }
 
 Micros TotalOf(const Shares& shares) {
@@ -60,17 +64,6 @@ Micros LengthOf(const std::vector<Span>& spans) {
                            [](Micros sum, Span span) { return sum + span.Length(); });
 }
 
-template <typename Key>
-std::vector<Ran> LongestFirst(const std::map<Key, Ran>& all) {
-    std::vector<Ran> longest;
-    longest.reserve(all.size());
-    for (const auto& [key, ran] : all) {
-        longest.push_back(ran);
-    }
-    std::ranges::stable_sort(longest, std::greater(), &Ran::length);
-    return longest;
-}
-
 // ---- Words ----
 
 // "realtime priority 99", "nice 19". A trace has no scheduling classes: FIFO and round robin have
@@ -104,25 +97,20 @@ std::string SumsText(const Shares& sums) {
     return Join(parts);
 }
 
-// ": CPU 1 ran kswapd0 40 ms and others 5 ms". Threads of one name are one.
+// ": CPU 1 ran kswapd0 40 ms and others 5 ms".
 std::string RanText(const CauseLink& link) {
-    std::map<std::string, Ran> names;
-    Micros rest = 0;
-    for (const Ran& one : link.ran) {
-        const auto [same, isNew] = names.try_emplace(one.name, one);
-        same->second.length += isNew ? 0 : one.length;
-        rest += one.length;
-    }
     std::vector<std::string> parts;
-    for (const Ran& one : LongestFirst(names)) {
-        if (one.length * SHARE >= link.length) {
-            // A priority that explains why it came first.
-            const bool isAbove = one.priority < link.priority && one.priority != USUAL_PRIORITY;
-            parts.push_back(
-                fmt::format("{} {} ms{}", Printable(one.name), Ms(one.length),
-                            isAbove ? fmt::format(" ({})", PriorityText(one.priority)) : ""));
-            rest -= one.length;
+    Micros rest = 0;
+    for (const CauseLink::Ran& one : link.ran) {
+        if (one.length * SHARE < link.length) {
+            rest += one.length;
+            continue;
         }
+        // A priority that explains why it came first.
+        const bool isAbove = one.priority < link.priority && one.priority != USUAL_PRIORITY;
+        parts.push_back(
+            fmt::format("{} {} ms{}", Printable(one.name), Ms(one.length),
+                        isAbove ? fmt::format(" ({})", PriorityText(one.priority)) : ""));
     }
     if (rest * SHARE >= link.length) {
         parts.push_back(fmt::format("others {} ms", Ms(rest)));
@@ -188,8 +176,8 @@ struct CauseExplainer {
                 cause.took = {one.passed};
                 return true;
             }
-            if (!isSilence && cause.span.begin <= one.begin && one.end <= cause.span.end &&
-                KindOf(cause.what) != Kind::Unexplained && one.Length() * 2 > cause.span.Length()) {
+            if (!isSilence && KindOf(cause.what) != Kind::Unexplained &&
+                Cut(cause.span, one).Length() * 2 > cause.span.Length()) {
                 cause.scheduling = fmt::format(
                     "; in the scheduler trace {} ms went by there, so the clock was set",
                     Ms(one.passed));
@@ -247,8 +235,8 @@ struct CauseExplainer {
             Shares shares = states.SharesOf(use.thread, cause.span);
             sums += shares;
             shares[ThreadState::Sleeping] = 0;
-            if (const Micros longest = shares[LongestOf(shares)]; longest > most) {
-                most = longest;
+            if (LongestKnown(shares) > most) {
+                most = LongestKnown(shares);
                 worst = {{{use.thread, {cause.span}}}, shares};
             }
         }
@@ -292,17 +280,10 @@ struct CauseExplainer {
                 stages[stage].Add(thread, stay, shares);
             }
         }
-        const std::pair<const int32_t, Stays>* worst = nullptr;
-        Micros most = std::max(lateness / 2, LEAST);
-        for (const auto& one : stages) {
-            const Shares& excess = one.second.excess;
-            const ThreadState state = LongestOf(excess);
-            if (state != ThreadState::Unknown && excess[state] >= most) {
-                worst = &one;
-                most = excess[state];
-            }
-        }
-        if (worst != nullptr) {
+        const auto worst = std::ranges::max_element(
+            stages, {}, [](const auto& one) { return LongestKnown(one.second.excess); });
+        if (worst != stages.end() &&
+            LongestKnown(worst->second.excess) >= std::max(lateness / 2, LEAST)) {
             const int32_t stage = scene.isAlone ? -1 : worst->first;
             cause.stage = cause.stage < 0 ? stage : cause.stage;
             Explain(cause, worst->second, fmt::format("; in {} ", StageName(scene, stage)));
@@ -428,19 +409,21 @@ struct CauseExplainer {
         return chain;
     }
 
-    // Which threads had the CPU meanwhile.
-    std::vector<Ran> RanOf(uint32_t cpu, const std::vector<Span>& spans) const {
-        std::map<uint32_t, Ran> byThread;
+    // Which threads had the CPU meanwhile. Those of one name are one.
+    std::vector<CauseLink::Ran> RanOf(uint32_t cpu, const std::vector<Span>& spans) const {
+        std::map<std::string, CauseLink::Ran> byName;
         for (const Span span : spans) {
             for (const StateSpan& one : Within(states.cpus[cpu], span)) {
-                Ran& ran = byThread[one.thread];
-                ran.thread = trace.threads[one.thread].tid;
-                ran.name = trace.threads[one.thread].name;
-                ran.length += Cut(one, span).Length();
-                ran.priority = one.priority;
+                const SchedThread& known = trace.threads[one.thread];
+                const Micros before = byName[known.name].length;
+                byName[known.name] = {known.tid, known.name, before + Cut(one, span).Length(),
+                                      one.priority};
             }
         }
-        return LongestFirst(byThread);
+        std::vector<CauseLink::Ran> longest(byName.size());
+        std::ranges::transform(byName, longest.begin(), [](auto& one) { return one.second; });
+        std::ranges::stable_sort(longest, std::greater(), &CauseLink::Ran::length);
+        return longest;
     }
 
     // "18890 (sensor)".

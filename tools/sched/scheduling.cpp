@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <utility>
 
@@ -24,7 +25,6 @@ struct SceneMaker {
             result.stages = columns.stages;
             FindUses();
             FindThreads();
-            FindUsual();
         }
         result.handed = WaitingOf(true);
         result.others = WaitingOf(false);
@@ -84,10 +84,17 @@ struct SceneMaker {
         std::map<uint32_t, ThreadUse> threads;
         for (int32_t stage = 0; stage < result.stages; ++stage) {
             std::map<uint32_t, Micros> last;  // That each thread gave a frame on.
+            std::array<std::vector<Micros>, THREAD_STATES> spent;
             for (size_t row = 0; row < scene.frames.size(); ++row) {
-                if (const StageUse* const use = result.UseOf(row, stage)) {
-                    Micros& time = last.try_emplace(use->thread, use->span.end).first->second;
-                    time = std::max(time, use->span.end);
+                const StageUse* const use = result.UseOf(row, stage);
+                if (use == nullptr) {
+                    continue;
+                }
+                Micros& time = last.try_emplace(use->thread, use->span.end).first->second;
+                time = std::max(time, use->span.end);
+                for (size_t i = 0; use->shares[ThreadState::Unknown] == 0 && i < spent.size();
+                     ++i) {
+                    spent[i].push_back(use->shares[i]);
                 }
             }
             for (const auto& [thread, time] : last) {
@@ -96,6 +103,9 @@ struct SceneMaker {
             const auto standing =
                 std::ranges::min_element(last, {}, [](auto& one) { return one.second; });
             result.standing.push_back(standing == last.end() ? NO_THREAD : standing->first);
+            Shares& usual = result.usual.emplace_back();
+            std::ranges::transform(spent, usual.begin(),
+                                   [](auto& values) { return MedianOf(values, 0); });
         }
         result.isHandedKnown = scene.hasThreads && !scene.isBeginningMissing;
         for (const int32_t tid : scene.setThreads) {
@@ -110,22 +120,6 @@ struct SceneMaker {
         std::ranges::stable_sort(result.threads, {}, [this](const ThreadUse& use) {
             return trace.threads[use.thread].tid;
         });
-    }
-
-    void FindUsual() {
-        result.usual.resize(static_cast<size_t>(result.stages));
-        for (int32_t stage = 0; stage < result.stages; ++stage) {
-            for (size_t state = 0; state < THREAD_STATES; ++state) {
-                std::vector<Micros> values;
-                for (size_t row = 0; row < scene.frames.size(); ++row) {
-                    const StageUse* const use = result.UseOf(row, stage);
-                    if (use != nullptr && use->shares[ThreadState::Unknown] == 0) {
-                        values.push_back(use->shares[state]);
-                    }
-                }
-                result.usual[stage][state] = MedianOf(values, 0);
-            }
-        }
     }
 
     // Periods in which a thread's states are not known are left out.

@@ -18,8 +18,6 @@ using Lines = std::span<const CountedLine>;
 constexpr Micros COARSE = SECOND;
 // Clocks drift: what ties them is looked at so many lines at a time.
 constexpr size_t AT_A_TIME = 64;
-// A line and its counter are no further apart, unless a thread is stopped between them.
-constexpr Micros TOGETHER = 10 * MILLISECOND;
 // What nine of ten keep to. Two recordings of the same frames differ by more: nodes never take the
 // same time twice.
 constexpr Micros AGREEING = 600;
@@ -44,19 +42,10 @@ void AddKnot(std::vector<Knot>& knots, Knot knot) {
 // What a guess of how much the trace's clock is ahead leads to.
 struct Fit {
     std::vector<Knot> knots{};
-    int64_t pairs = 0;     // Lines of events that the trace has counters of.
+    int64_t pairs = 0;     // Lines that have a counter within COARSE.
     int64_t agreeing = 0;  // Of these, lines that agree with their counters,
     Micros within = 0;     // nine of ten to within this much.
 };
-
-// The counter of an event that is nearest to a time; null for none.
-const SchedCounter* NearestCounter(const SchedTrace& trace, const CountedEvent& event,
-                                   Micros time) {
-    const std::span<const SchedCounter> all = trace.CountersOf(event);
-    const auto nearest = std::ranges::min_element(
-        all, {}, [time](const SchedCounter& one) { return std::abs(one.time - time); });
-    return nearest == all.end() ? nullptr : &*nearest;
-}
 
 struct Tying {
     const SchedTrace& trace;
@@ -71,12 +60,12 @@ struct Tying {
             const Lines stretch = lines.subspan(at, std::min(AT_A_TIME, lines.size() - at));
             std::vector<Micros> values;
             for (const CountedLine& line : stretch) {
-                const SchedCounter* const counter = NearestCounter(trace, line, line.time + ahead);
-                fit.pairs += counter != nullptr ? 1 : 0;
-                if (counter != nullptr && std::abs(counter->time - line.time - ahead) <= COARSE) {
+                const Micros time = line.time + ahead;
+                if (const auto* const counter = CounterBeside(trace, line, time, COARSE)) {
                     values.push_back(counter->time - line.time);
                 }
             }
+            fit.pairs += std::ssize(values);
             if (values.empty()) {
                 continue;
             }
@@ -94,16 +83,13 @@ struct Tying {
     }
 
     Fit Best(Lines lines) const {
-        // By the second. Guesses overlap, as the true one may be where two seconds meet.
-        std::map<int64_t, std::vector<Micros>> guesses;
+        std::map<int64_t, std::vector<Micros>> guesses;  // By the second.
         size_t most = 0;
         for (const CountedLine& line : lines) {
             for (const SchedCounter& counter : trace.CountersOf(line)) {
-                const Micros ahead = counter.time - line.time;
-                for (const int64_t second : {ahead / COARSE, ahead / COARSE - 1}) {
-                    guesses[second].push_back(ahead);
-                    most = std::max(most, guesses[second].size());
-                }
+                std::vector<Micros>& guess = guesses[(counter.time - line.time) / COARSE];
+                guess.push_back(counter.time - line.time);
+                most = std::max(most, guess.size());
             }
         }
         // Scenes of the same frames look alike from afar: of all that it may be, the one that fits
@@ -175,10 +161,12 @@ void CountedLines::OnMessage(const Message& message, const Moment& moment) {
     }
 }
 
-const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& event, Micros time) {
-    const SchedCounter* const counter = NearestCounter(trace, event, time);
-    const bool isNear = counter != nullptr && std::abs(counter->time - time) <= TOGETHER;
-    return isNear ? counter : nullptr;
+const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& event, Micros time,
+                                  Micros within) {
+    const auto apart = [time](const SchedCounter& one) { return std::abs(one.time - time); };
+    const std::span<const SchedCounter> all = trace.CountersOf(event);
+    const auto nearest = std::ranges::min_element(all, {}, apart);
+    return nearest != all.end() && apart(*nearest) <= within ? &*nearest : nullptr;
 }
 
 Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution) {
@@ -218,6 +206,7 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
         if (!knots.empty() && std::abs(to.ahead - from.ahead) > SILENCE) {
             const Tie::Break apart = {{from.log, to.log}, to.Trace() - from.Trace()};
             tie.breaks.push_back(apart);
+            trace.holes.push_back({{from.Trace(), to.Trace()}, SchedTrace::ALL_CPUS});
             // The clocks move apart in the middle between the two lines.
             const Micros near = (std::min(apart.Length(), apart.passed) - 1) / 2;
             AddKnot(knots, {from.log + near, from.ahead});
@@ -238,9 +227,6 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
     }
     TurnIntoLog(trace, knots);
     for (const Span part : tie.untied) {
-        trace.holes.push_back({part, SchedTrace::ALL_CPUS});
-    }
-    for (const Span part : tie.breaks) {
         trace.holes.push_back({part, SchedTrace::ALL_CPUS});
     }
     std::vector<Micros> apart;

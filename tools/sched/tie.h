@@ -58,7 +58,12 @@ struct Tie {
 // TieError. `resolution`: of the log's times.
 Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution);
 
-// The counter that was written with the line of an event, once the clocks are one; null for none.
-const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& event, Micros time);
+// A line and its counter are no further apart, unless a thread is stopped between them.
+inline constexpr Micros TOGETHER = 10 * MILLISECOND;
+
+// The counter of an event that is nearest to a time, which is the line's once the clocks are one;
+// null where none is near.
+const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& event, Micros time,
+                                  Micros within = TOGETHER);
 
 }  // namespace tools
