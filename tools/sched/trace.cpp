@@ -6,8 +6,10 @@
 namespace tools {
 
 std::span<const SchedCounter> SchedTrace::CountersOf(const CountedEvent& event) const {
-    return std::ranges::equal_range(
-        counters, event, {}, [](const SchedCounter& one) -> const CountedEvent& { return one; });
+    const auto [first, last] = std::equal_range(
+        counters.begin(), counters.end(), event,
+        [](const CountedEvent& one, const CountedEvent& other) { return one < other; });
+    return {first, last};
 }
 
 uint32_t SchedTraceMaker::ThreadOf(const Task& task, uint32_t cpu) {
