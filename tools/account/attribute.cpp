@@ -67,11 +67,12 @@ struct Attribution {
             }
         }
         for (const Evictions& run : columns.evictions) {
+            const auto fillerOf = [&](size_t i) {
+                return FillerAt(scene.frames[run.rows[i]].evicted, run.holders[i]);
+            };
             for (size_t i = 0; i < run.rows.size(); ++i) {
-                Cause* const filler = FillerAt(scene.frames[run.rows[i]].evicted, run.holders[i]);
-                const Micros begin = scene.frames[run.rows.front()].evicted;
-                fillers[run.rows[i]] =
-                    filler != nullptr ? filler : FillerAt(begin, run.holders.front());
+                Cause* const filler = fillerOf(i);
+                fillers[run.rows[i]] = filler != nullptr ? filler : fillerOf(0);
             }
         }
         for (const auto& [number, lost] : columns.lost) {

@@ -90,8 +90,7 @@ struct Evictions {
 };
 
 // All threads were silent, while frames were in several stages.
-struct Standstill : Span {
-    Place place;  // The line that ended it.
+struct Standstill : Scene::Silence {
     int32_t stages = 0;
 };
 

@@ -76,8 +76,6 @@ inline constexpr double EXCESS_SHARE = 0.15;
 inline constexpr double EXPLAINED = 0.9;
 // Passes that a delay is followed back over: more than a table's frames in all stages.
 inline constexpr int LONGEST_WALK = 1000;
-// Frames behind a slow one with that share of its excess are slow, too.
-inline constexpr double BESIDE = 0.3;
 // A stage that cannot keep up: its queue is never empty for so many frames,
 inline constexpr size_t BUSY_FRAMES = 30;
 // and the frames wait longer by that at its end.

@@ -183,7 +183,7 @@ struct Queues : Step {
                 return hole.end >= silence.begin && hole.begin <= silence.end + period;
             };
             if (stages >= 2 && std::none_of(columns.holes.begin(), columns.holes.end(), isHole)) {
-                columns.stood.push_back({{silence.begin, silence.end}, silence.place, stages});
+                columns.stood.push_back({silence, stages});
             }
         }
     }
