@@ -1,7 +1,6 @@
 // Where lines of the log are missing.
 
 #include <algorithm>
-#include <cmath>
 
 #include "tools/account/limits.h"
 #include "tools/account/steps.h"

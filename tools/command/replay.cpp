@@ -3,7 +3,6 @@
 #include "tools/play/replay.h"
 
 #include <optional>
-#include <utility>
 
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"

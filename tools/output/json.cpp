@@ -1,7 +1,6 @@
 // The account for programs.
 
 #include <nlohmann/json.hpp>
-#include <string>
 
 #include "tools/check/report.h"
 #include "tools/output/outputs.h"

@@ -5,10 +5,8 @@
 #include <toml++/toml.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <iterator>
-#include <limits>
 #include <set>
 
 #include "tools/base/cursor.h"
