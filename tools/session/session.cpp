@@ -20,7 +20,7 @@ namespace {
 
 // Two days of video; more than that is taken for a slip.
 constexpr int64_t MAX_RECORDING_FRAMES = 10'000'000;
-constexpr double MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
+constexpr int64_t MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
 
 // The functions of the boost service by their names.
 std::string ServiceFunctionNames(std::string_view separator) {
@@ -99,7 +99,7 @@ Line ParseWait(const std::vector<Word>& words) {
     const std::string& text = words[1].text;
     char* end = nullptr;
     const double millis = std::strtod(text.c_str(), &end);
-    if (words[1].isQuoted || *end != '\0' || !(millis >= 0 && millis <= MAX_WAIT_MILLIS)) {
+    if (words[1].isQuoted || *end != '\0' || !(millis >= 0 && millis * MILLISECOND <= MAX_WAIT)) {
         throw LineError(fmt::format("milliseconds is {}, expected a number from 0 to {}",
                                     Quoted(text), MAX_WAIT_MILLIS));
     }
