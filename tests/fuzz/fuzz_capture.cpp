@@ -30,7 +30,7 @@ std::string Explain(const std::string& text, size_t piece) {
             reader.Read(std::string_view(text).substr(at, piece));
         }
         reader.End();
-    } catch (const tools::LinesError& error) {
+    } catch (const tools::CommandError& error) {
         return error.what();
     }
     reader.Finish();

@@ -57,11 +57,10 @@ std::string Quoted(std::string_view text, size_t longest) {
     return '"' + Printable(text, longest) + '"';
 }
 
-std::optional<std::string_view> Meant(std::string_view given,
-                                      std::span<const std::string_view> known) {
-    std::optional<std::string_view> meant;
+std::optional<std::string> Meant(std::string_view given, const std::vector<std::string>& known) {
+    std::optional<std::string> meant;
     size_t fewest = given.size();
-    for (const std::string_view name : known) {
+    for (const std::string& name : known) {
         const size_t changes =
             given.size() < 2 * name.size() ? Distance(given, name) : std::string_view::npos;
         if (changes <= name.size() / 3 && changes < fewest) {

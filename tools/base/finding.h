@@ -5,9 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tools {
 
@@ -31,6 +32,12 @@ struct Finding {
     uint32_t column = 0;  // In characters, from 1; 0 where no column is known.
 };
 
+// Ends the command. The message is whole: it says where, and what is wrong.
+class CommandError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
 // "error", "warning" or "note".
 const char* NameOf(Severity severity);
 
@@ -45,7 +52,6 @@ std::string Quoted(std::string_view text, size_t longest = 60);
 
 // Which of the known names was probably meant by one that is not known: the one with the fewest
 // letters to change, whatever their case; nothing when none is near.
-std::optional<std::string_view> Meant(std::string_view given,
-                                      std::span<const std::string_view> known);
+std::optional<std::string> Meant(std::string_view given, const std::vector<std::string>& known);
 
 }  // namespace tools

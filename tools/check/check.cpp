@@ -116,7 +116,7 @@ class Checker {
         }
         for (const auto& [key, value] : *section) {
             if (std::find(KEYS.begin(), KEYS.end(), key.str()) == KEYS.end()) {
-                const auto meant = Meant(key.str(), KEYS);
+                const auto meant = Meant(key.str(), {KEYS.begin(), KEYS.end()});
                 Add("unknown-key", Severity::Warning, key.source(),
                     "{} is not a key that the library reads: it has no effect{}", Quoted(key.str()),
                     meant ? ". Was " + Quoted(*meant) + " meant?" : "");

@@ -1,9 +1,9 @@
 // cameraframeboost check: says what is wrong or surprising about configurations.
 
-#include <unistd.h>
-
 #include <algorithm>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/check/report.h"
@@ -11,36 +11,6 @@
 #include "tools/command/subcommands.h"
 
 namespace tools {
-namespace {
-
-CheckedFile CheckFile(const std::string& path, bool isJson) {
-    CheckedFile file;
-    file.name = NameOfInput(path);
-    try {
-        file.checked = CheckConfiguration(ReadFile(path).text);
-    } catch (const CommandError& error) {
-        // Standard output is for configurations; a program gets the error in the form that it
-        // reads.
-        Complain(error.what());
-        if (isJson) {
-            file.checked.findings.push_back({"unreadable", Severity::Error, error.what()});
-        }
-        file.checked.isReadable = false;
-    }
-    return file;
-}
-
-int StatusOf(const CheckedConfiguration& checked) {
-    if (!checked.isReadable) {
-        return BAD_INPUT;
-    }
-    const bool hasFault =
-        std::any_of(checked.findings.begin(), checked.findings.end(),
-                    [](const Finding& finding) { return finding.severity == Severity::Error; });
-    return hasFault ? FAULTS_FOUND : NOTHING_FOUND;
-}
-
-}  // namespace
 
 int RunCheck(const CheckArguments& arguments) {
     std::vector<ReportedNode> nodes;
@@ -50,11 +20,21 @@ int RunCheck(const CheckArguments& arguments) {
         nodes = ReadNodes(nodesFile->text, nodeErrors);
     }
     int status = nodeErrors.empty() ? NOTHING_FOUND : BAD_INPUT;
-    Output out("-", arguments.isJson ? Style() : StyleOf(STDOUT_FILENO));
     std::vector<CheckedFile> files;
+    std::ostringstream text;
     for (const std::string& path : arguments.configurations) {
-        files.push_back(CheckFile(path, arguments.isJson));
-        CheckedFile& file = files.back();
+        CheckedFile file;
+        file.name = NameOfInput(path);
+        std::vector<Finding>& findings = file.checked.findings;
+        try {
+            file.checked = CheckConfiguration(ReadFile(path).text);
+        } catch (const CommandError& error) {
+            Complain(error.what());
+            if (arguments.isJson) {  // A program gets the error in the form that it reads.
+                findings.push_back({"unreadable", Severity::Error, error.what()});
+            }
+            file.checked.isReadable = false;
+        }
         if (nodesFile && file.checked.isReadable) {
             file.nodesName = nodesFile->name;
             std::vector<Finding> found = nodeErrors;
@@ -62,19 +42,24 @@ int RunCheck(const CheckArguments& arguments) {
                 file.nodes = nodes;
                 found = CheckNodes(file.checked.table, file.nodes);
             }
-            auto& findings = file.checked.findings;
             findings.insert(findings.end(), found.begin(), found.end());
         }
-        status = std::max(status, StatusOf(file.checked));
-        if (!arguments.isJson) {
-            out << (files.size() > 1 ? "\n" : "");
-            WriteText(out, file);
+        if (!file.checked.isReadable) {
+            status = BAD_INPUT;
+        } else if (std::any_of(findings.begin(), findings.end(), [](const Finding& finding) {
+                       return finding.severity == Severity::Error;
+                   })) {
+            status = std::max(status, FAULTS_FOUND);
         }
+        text << (files.empty() ? "" : "\n");
+        WriteText(text, file);
+        files.push_back(std::move(file));
     }
     if (arguments.isJson) {
-        WriteJson(out, files);
+        WriteFile("-", [&files](std::ostream& out) { WriteJson(out, files); });
+    } else {
+        Show(text.str());
     }
-    out.Close();
     return status;
 }
 

@@ -3,18 +3,19 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <regex>
 #include <sstream>
 #include <string_view>
 #include <system_error>
@@ -29,13 +30,6 @@ namespace {
 volatile std::sig_atomic_t interrupt = 0;  // The signal that came.
 volatile std::sig_atomic_t nothing = -1;   // /dev/null, to be read.
 
-// The second interrupt ends the process, which leaves no part of a file behind.
-void EndProcess(int signal) {
-    Output::RemoveParts();
-    std::signal(signal, SIG_DFL);  // NOLINT(cert-err33-c): cannot fail for this signal.
-    raise(signal);
-}
-
 [[noreturn]] void Fail(const std::string& name, const char* what) {
     throw CommandError(name + ": error: cannot be " + what + ": " +
                        std::strerror(errno));  // NOLINT(concurrency-mt-unsafe): one thread.
@@ -46,74 +40,58 @@ std::string_view Environment(const char* name) {
     return value == nullptr ? "" : value;
 }
 
-// COLUMNS, or the width of a terminal; 0 where there is neither.
-size_t WidthOf(int descriptor) {
-    winsize size{};
-    const size_t width = ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
-    return ReadDigits<size_t>(Environment("COLUMNS")).value_or(width);
-}
-
-// Where the second column of a line begins, which two blanks set off; npos where it has none.
-size_t SecondColumnOf(std::string_view line) {
-    return line.find_first_not_of(' ', line.find("  ", line.find_first_not_of(' ')));
+// The first line has the first `indent` bytes, and the others as many blanks. Words that are longer
+// than the width stay whole.
+std::string Wrapped(const std::string& line, size_t width, size_t indent) {
+    const std::regex part(fmt::format("(.{{1,{}}}|\\S+)( +|$)", width - indent));
+    const std::string margin(indent, ' ');
+    return std::regex_replace(line.substr(indent), part, margin + "$1\n")
+        .replace(0, indent, line, 0, indent);
 }
 
 std::string Colored(std::string line) {
-    constexpr std::array<std::pair<const char*, const char*>, 3> colors = {
-        {{" error:", "\033[1;31m"}, {" warning:", "\033[1;33m"}, {" note:", "\033[1;36m"}}};
-    for (const auto& [word, color] : colors) {
+    constexpr std::pair<const char*, int> COLORS[] = {{"error", 31}, {"warning", 33}, {"note", 36}};
+    for (const auto& [severity, color] : COLORS) {
+        const std::string word = fmt::format(" {}:", severity);
         if (const size_t at = line.find(word); at != std::string::npos) {
-            line.insert(at + std::strlen(word) - 1, "\033[0m");
-            line.insert(at + 1, color);
-            break;
+            return line.replace(at, word.size(),
+                                fmt::format(" \033[1;{}m{}\033[0m:", color, severity));
         }
     }
     return line;
 }
 
-}  // namespace
-
-std::string& ColorOption() {
-    static std::string option = "auto";
-    return option;
-}
-
-Style StyleOf(int descriptor) {
+// `lines` as they are shown on that standard stream.
+std::string Styled(const std::string& lines, int descriptor, bool isHelp = false) {
     const bool isTerminal = isatty(descriptor) != 0;
-    const bool wantsColors =
-        isTerminal && Environment("NO_COLOR").empty() && Environment("TERM") != "dumb";
-    return {isTerminal ? WidthOf(descriptor) : 0,
-            ColorOption() == "auto" ? wantsColors : ColorOption() == "always"};
-}
-
-std::string Styled(const std::string& lines, const Style& style) {
+    const bool isPlain =
+        !isTerminal || !Environment("NO_COLOR").empty() || Environment("TERM") == "dumb";
+    const bool hasColors = colorOption == "auto" ? !isPlain : colorOption == "always";
+    winsize size{};
+    size_t width = ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+    if (isTerminal || isHelp) {
+        width = ReadDigits<size_t>(Environment("COLUMNS")).value_or(width);
+        width = width == 0 && isHelp ? 80 : width;
+    }
     std::istringstream in(lines);
     std::string styled;
     for (std::string line; std::getline(in, line);) {
-        if (style.width != 0 && SecondColumnOf(line) == std::string::npos) {
-            line = Wrapped(line, style.width, line.find_first_not_of(' ') + 2);
+        // Where a second column begins, which two blanks set off.
+        const size_t begin = line.find_first_not_of(' ');
+        const size_t column = line.find_first_not_of(' ', line.find("  ", begin));
+        const bool isRow = column != std::string::npos;
+        if (width != 0 && line.size() > width && (isHelp || !isRow)) {
+            const size_t indent = isRow ? column : begin + (isHelp ? 0 : 2);
+            line = Wrapped(line, width, std::min(indent, width / 2));
+        } else {
+            line += '\n';
         }
-        styled += (style.hasColors ? Colored(line) : line) + '\n';
+        styled += hasColors ? Colored(std::move(line)) : line;
     }
     return styled;
 }
 
-void Complain(const std::string& lines) {
-    std::cerr << Styled(lines, StyleOf(STDERR_FILENO));
-}
-
-std::string StyledHelp(const std::string& help) {
-    const size_t width = WidthOf(STDOUT_FILENO);
-    std::istringstream in(help);
-    std::string styled;
-    for (std::string line; std::getline(in, line);) {
-        const size_t column = SecondColumnOf(line);
-        line = Wrapped(line, width == 0 ? 80 : width,
-                       column == std::string::npos ? line.find_first_not_of(' ') : column);
-        styled += line.empty() && styled.ends_with("\n\n") ? "" : line + '\n';
-    }
-    return styled;
-}
+}  // namespace
 
 void FailUsage(const std::string& message) {
     throw CommandError("cameraframeboost: error: " + message);
@@ -127,8 +105,7 @@ Input::Input(const std::string& path)
     : name(NameOfInput(path)),
       descriptor(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
     // Of a directory only reading fails, where the reason would be lost.
-    char none = 0;
-    if (descriptor < 0 || read(descriptor, &none, 0) < 0) {
+    if (descriptor < 0 || read(descriptor, nullptr, 0) < 0) {
         Fail(name, "read");
     }
 }
@@ -141,15 +118,15 @@ Input::~Input() {
 
 size_t Input::Read(std::span<char> bytes) const {
     const ssize_t size = read(descriptor, bytes.data(), bytes.size());
-    if (size < 0 && errno != EINTR) {
+    if (size < 0) {
         Fail(name, "read");
     }
-    return static_cast<size_t>(std::max<ssize_t>(size, 0));
+    return static_cast<size_t>(size);
 }
 
 NamedText ReadFile(const std::string& path) {
     const Input input(path);
-    NamedText file{input.Name(), {}};
+    NamedText file{input.name, {}};
     std::array<char, 1 << 16> piece{};
     while (const size_t size = input.Read(piece)) {
         file.text.append(piece.data(), size);
@@ -161,124 +138,138 @@ std::optional<NamedText> ReadOption(const std::string& path) {
     return path.empty() ? std::nullopt : std::optional(ReadFile(path));
 }
 
-Output::Output(const std::string& path, const Style& textStyle)
-    : std::ostream(this), name(path), descriptor(STDOUT_FILENO), style(textStyle) {
+Output::Output(const std::string& path)
+    : std::ostream(this), name(path == "-" ? "standard output" : path) {
     exceptions(std::ios::badbit);
+    int descriptor = -1;
     std::error_code error;
-    if (path == "-") {
-        name = "standard output";
-    } else if (fs::is_regular_file(path, error)) {
-        if (!fs::equivalent(path, "/dev/stdout", error)) {
-            OpenBeside(fs::canonical(path));
-        }
-    } else if (!fs::exists(fs::symlink_status(path, error))) {
-        OpenBeside(path);
-    } else {  // A device, a pipe, or a link to nothing.
+    if (path == "-" || fs::equivalent(path, "/dev/stdout", error)) {
+        descriptor = dup(STDOUT_FILENO);
+    } else if (fs::exists(fs::symlink_status(path, error)) && !fs::is_regular_file(path, error)) {
+        // A device, a pipe, or a link to nothing.
         descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    } else {
+        target = fs::weakly_canonical(path, error);
+        const bool isOld = fs::exists(target, error);
+        if (isOld && access(target.c_str(), W_OK) != 0) {
+            Fail(name, "written");
+        }
+        part = fmt::format("{}.{}.part", target, getpid());
+        descriptor = open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (isOld) {
+            if (descriptor < 0) {
+                Fail(part, "written");
+            }
+            fs::permissions(part, fs::status(target, error).permissions(), error);
+        }
     }
-    if (descriptor < 0) {
+    // T: as it is.
+    file = gzdopen(descriptor, path.ends_with(".gz") ? "w" : "wT");
+    if (file == nullptr) {
         Fail(name, "written");
     }
+    gzbuffer(file, 1 << 16);
     older = newest;
     newest = this;
 }
 
-void Output::OpenBeside(const std::string& path) {
-    target = path;
-    struct stat old {};
-    const bool isOld = stat(path.c_str(), &old) == 0;
-    if (isOld && access(path.c_str(), W_OK) != 0) {
-        Fail(name, "written");
-    }
-    beside = path + "." + std::to_string(getpid()) + ".part";
-    descriptor = open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (descriptor < 0 || (isOld && fchmod(descriptor, old.st_mode & 07777) != 0)) {
-        Fail(isOld ? beside : name, "written");
-    }
-}
-
-void Output::RemoveParts() {
-    for (const Output* output = newest; output != nullptr; output = output->older) {
-        unlink(output->beside.c_str());
-    }
-}
-
 Output::~Output() {
     newest = older;
-    if (descriptor > STDERR_FILENO) {
-        close(descriptor);
+    if (file != nullptr) {
+        gzclose(file);
     }
-    if (!beside.empty()) {
-        unlink(beside.c_str());
-    }
+    unlink(part.c_str());
 }
 
 void Output::Close() {
-    flush();
-    style = {};  // A last line without its end is shown as it is.
-    flush();
-    if (!beside.empty()) {
-        if (close(std::exchange(descriptor, -1)) != 0 ||
-            rename(beside.c_str(), target.c_str()) != 0) {
-            Fail(name, "written");
-        }
-        beside.clear();
+    if (gzclose(std::exchange(file, nullptr)) != Z_OK ||
+        (!part.empty() && rename(part.c_str(), target.c_str()) != 0)) {
+        Fail(name, "written");
     }
+    part.clear();
+}
+
+void Output::EndProcess(int signal) {
+    for (const Output* output = newest; output != nullptr; output = output->older) {
+        unlink(output->part.c_str());
+    }
+    std::signal(signal, SIG_DFL);  // NOLINT(cert-err33-c): cannot fail for these signals.
+    raise(signal);
 }
 
 std::streamsize Output::xsputn(const char* text, std::streamsize size) {
-    bytes.append(text, static_cast<size_t>(size));
-    if (bytes.size() >= 1 << 16) {
-        sync();
+    if (size > 0 && gzwrite(file, text, static_cast<unsigned>(size)) == 0) {
+        Fail(name, "written");
     }
     return size;
 }
 
 int Output::overflow(int character) {
     const char text = static_cast<char>(character);
-    xsputn(&text, character == EOF ? 0 : 1);
-    return character == EOF ? 0 : character;
+    return static_cast<int>(xsputn(&text, 1));
 }
 
 int Output::sync() {
-    // What cannot be written is not tried again.
-    std::string all = std::exchange(bytes, {});
-    if (style.width != 0 || style.hasColors) {
-        const size_t whole = all.rfind('\n') + 1;
-        bytes = all.substr(whole);
-        all = Styled(all.substr(0, whole), style);
-    }
-    for (std::string_view rest = all; !rest.empty();) {
-        const ssize_t size = ::write(descriptor, rest.data(), rest.size());
-        if (size >= 0) {
-            rest.remove_prefix(static_cast<size_t>(size));
-        } else if (errno == EPIPE && descriptor == STDOUT_FILENO) {
-            throw CommandError("", BROKEN_PIPE);
-        } else if (errno != EINTR) {
-            Fail(name, "written");
-        }
+    if (gzflush(file, Z_SYNC_FLUSH) != Z_OK) {
+        Fail(name, "written");
     }
     return 0;
 }
 
+std::unique_ptr<Output> OpenOutput(const std::string& path) {
+    return path.empty() ? nullptr : std::make_unique<Output>(path);
+}
+
 void WriteFile(const std::string& path, const std::function<void(std::ostream& file)>& write) {
-    if (!path.empty()) {
-        Output file(path);
-        write(file);
-        file.Close();
+    if (const auto file = OpenOutput(path)) {
+        write(*file);
+        file->Close();
+    }
+}
+
+void Show(const std::string& lines) {
+    ClearProgress();
+    WriteFile("-", [&lines](std::ostream& out) { out << Styled(lines, STDOUT_FILENO); });
+}
+
+void Complain(const std::string& lines) {
+    ClearProgress();
+    std::cerr << Styled(lines, STDERR_FILENO);
+}
+
+void ShowHelp(const std::string& help) {
+    WriteFile("-", [&help](std::ostream& out) { out << Styled(help, STDOUT_FILENO, true); });
+}
+
+void ShowProgress(const std::string& text) {
+    using Clock = std::chrono::steady_clock;
+    static Clock::time_point shown = Clock::now();
+    const Clock::time_point now = Clock::now();
+    if (now - shown >= std::chrono::milliseconds(100) && isatty(STDERR_FILENO) != 0) {
+        shown = now;
+        std::cerr << '\r' << text << "\033[K" << std::flush;
+    }
+}
+
+void ShowFrames(int64_t done, int64_t all) {
+    ShowProgress(fmt::format("{} of {} frames", done, all));
+}
+
+void ClearProgress() {
+    if (isatty(STDERR_FILENO) != 0) {
+        std::cerr << "\r\033[K" << std::flush;
     }
 }
 
 void CatchInterrupts() {
     nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    struct sigaction action {};
-    action.sa_handler = [](int signal) {
-        interrupt = signal;
-        dup2(nothing, STDIN_FILENO);
-        std::signal(signal, EndProcess);  // NOLINT(cert-err33-c)
-    };
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        std::signal(signal, [](int number) {  // NOLINT(cert-err33-c)
+            interrupt = number;
+            dup2(nothing, STDIN_FILENO);
+            std::signal(number, Output::EndProcess);  // NOLINT(cert-err33-c)
+        });
+    }
 }
 
 int InterruptStatus() {
@@ -287,36 +278,6 @@ int InterruptStatus() {
 
 void ForgetInterrupt() {
     interrupt = 0;
-}
-
-ProgressLine::ProgressLine(std::string countedUnit, bool writesToTerminal)
-    : unit(std::move(countedUnit)),
-      isWanted(isatty(STDERR_FILENO) != 0 && (!writesToTerminal || isatty(STDOUT_FILENO) == 0)) {}
-
-ProgressLine::~ProgressLine() {
-    Clear();
-}
-
-void ProgressLine::Show(int64_t done, int64_t all) {
-    const auto now = std::chrono::steady_clock::now();
-    if (isWanted && now - lastShown >= std::chrono::milliseconds(100)) {
-        lastShown = now;
-        Show(all == 0 ? fmt::format("{} {}", done, unit)
-                      : fmt::format("{} of {} {}", done, all, unit));
-    }
-}
-
-void ProgressLine::Show(const std::string& text) {
-    if (isWanted) {
-        isShown = true;
-        std::cerr << '\r' << text << "\033[K" << std::flush;
-    }
-}
-
-void ProgressLine::Clear() {
-    if (std::exchange(isShown, false)) {
-        std::cerr << "\r\033[K" << std::flush;
-    }
 }
 
 }  // namespace tools

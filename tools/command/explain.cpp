@@ -1,21 +1,20 @@
 // cameraframeboost explain: from a device's log to what went wrong.
 
-#include "tools/command/explain.h"
-
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <utility>
 
 #include "tools/account/account.h"
 #include "tools/account/reader.h"
+#include "tools/base/cursor.h"
 #include "tools/base/finding.h"
-#include "tools/base/words.h"
+#include "tools/command/command.h"
 #include "tools/command/subcommands.h"
 #include "tools/output/outputs.h"
 #include "tools/sched/ftrace.h"
@@ -26,146 +25,94 @@ namespace tools {
 namespace {
 
 // What --frames asks for: the first and the last number.
-std::optional<std::pair<int64_t, int64_t>> FramesOf(const ExplainArguments& arguments) {
-    const std::string_view frames = arguments.frames;
+std::optional<std::pair<int64_t, int64_t>> RangeOf(const std::string& frames) {
     if (frames.empty()) {
         return {};
     }
-    const size_t dash = frames.find('-', 1);
-    const auto first = ReadDigits<int64_t>(frames.substr(0, dash));
-    const auto last =
-        dash == std::string_view::npos ? first : ReadDigits<int64_t>(frames.substr(dash + 1));
-    if (!first || !last || *last < *first) {
+    std::string_view rest = frames;
+    std::pair<int64_t, int64_t> range;
+    bool isRange = TakeNumber(rest, range.first);
+    range.second = range.first;
+    if (!rest.empty()) {
+        isRange = isRange && Skip(rest, "-") && TakeNumber(rest, range.second) && rest.empty();
+    }
+    if (!isRange || range.second < range.first) {
         FailUsage("--frames is " + Quoted(frames) +
                   ", expected a frame or a range such as 120-140");
     }
-    return std::pair(*first, *last);
+    return range;
 }
-
-// A capture and what belongs to it.
-struct Source {
-    std::vector<std::string> captures;
-    std::string trace;              // Of the scheduler, taken at the same time; empty for none.
-    SessionMaker* maker = nullptr;  // Null when it is not to be played.
-};
-
-struct Explained {
-    Account account;
-    std::optional<Scheduling> scheduling;
-};
-
-// Hands a log to its reader, and refuses what is none.
-class LogSink : public TextSink {
-  public:
-    explicit LogSink(CaptureReader& captureReader) : reader(captureReader) {}
-    void Read(std::string_view bytes) override {
-        if (isBeginning && IsFtrace(bytes)) {
-            throw CaptureError(
-                "is a scheduler trace, which is explained with the log of the same time:\n"
-                "cameraframeboost explain LOG --sched TRACE");
-        }
-        // Text in 16 bits has a mark in front.
-        isText = isText && (!isBeginning || bytes.find('\0') == std::string_view::npos ||
-                            bytes.starts_with("\xFF\xFE") || bytes.starts_with("\xFE\xFF"));
-        isBeginning = false;
-        reader.Read(bytes);
-    }
-    void End() override {
-        reader.End();
-        if (!isText && reader.Summary().libraryLines == linesBefore) {
-            throw CaptureError(
-                "is not a log but other data: a capture is logcat's text, or a bug report, also\n"
-                "packed by gzip or zip [not-a-log]");
-        }
-    }
-    bool TakeDamage(const char* reason) override { return reader.TakeDamage(reason); }
-
-  private:
-    CaptureReader& reader;
-    const int64_t linesBefore = reader.Summary().libraryLines;
-    bool isBeginning = true;
-    bool isText = true;
-};
 
 // Ends an interrupted run: what a part of a capture shows may be wrong of the whole.
 void EndIfInterrupted(const std::string& howFar) {
     if (InterruptStatus() != 0) {
-        throw CommandError(howFar + ": no verdict, and no file is written", InterruptStatus());
+        throw CommandError(howFar + ": no verdict, and no file is written");
     }
 }
 
-// Returns what messages call the file.
-std::string ReadInput(TextSink& sink, const std::string& path, ProgressLine& progress) {
+void ReadInput(TextSink& sink, const std::string& path) {
     const Input file(path);
-    double doneMb = 0;
-    double allMb = 0;
-    try {
-        ReadText(sink, file.Descriptor(), [&](int64_t done, int64_t all) {
-            doneMb = static_cast<double>(done) / (1 << 20);
-            allMb = static_cast<double>(all) / (1 << 20);
-            progress.Show(done >> 20, all >> 20);
-            return InterruptStatus() == 0;
-        });
-    } catch (const CaptureError& error) {
-        throw CommandError(file.Name() + ": error: " + error.what());
-    } catch (const LinesError& error) {
-        throw CommandError(error.what());
-    }
+    std::string howFar = "0 MB";
+    ReadText(sink, file.name, file.descriptor, [&howFar](int64_t done, int64_t all) {
+        constexpr double MB = 1 << 20;
+        howFar = fmt::format("{:.1f} MB", static_cast<double>(done) / MB);
+        howFar += all == 0 ? "" : fmt::format(" of {:.1f} MB", static_cast<double>(all) / MB);
+        ShowProgress(howFar);
+        return InterruptStatus() == 0;
+    });
+    ClearProgress();
     if (path == "-" && InterruptStatus() != 0) {
-        progress.Clear();
-        Complain(file.Name() + ": note: interrupted: explained as a capture that ends here");
+        Complain(file.name + ": note: interrupted: explained as a capture that ends here");
         ForgetInterrupt();
     }
-    EndIfInterrupted(fmt::format("{}: interrupted after {:.1f} of {:.1f} MB", file.Name(), doneMb,
-                                 std::max(doneMb, allMb)));
-    return file.Name();
+    EndIfInterrupted(file.name + ": interrupted after " + howFar);
 }
 
-SchedTrace ReadTrace(const std::string& path, ProgressLine& progress) {
-    FtraceReader reader;
-    const std::string name = ReadInput(reader, path, progress);
-    SchedTrace trace = reader.Finish();
-    if (trace.IsEmpty()) {
-        throw CommandError(name + ": error: none of its lines is a scheduler trace's [no-lines]");
-    }
-    if (trace.events.empty()) {
-        throw CommandError(
-            name +
-            ": error: it has no switch of threads: was the event sched_switch on? [no-lines]");
-    }
-    return trace;
-}
+struct Explained {
+    Account account;
+    std::unique_ptr<Scheduling> scheduling;  // Null where there is no scheduler trace.
+};
 
-Explained Explain(const Source& source, const JudgeOptions& options, ProgressLine& progress) {
+// `trace`: of the scheduler, taken at the same time as the captures; empty for none. `sinks` get
+// the captures' messages, too.
+Explained Explain(const std::vector<std::string>& captures, const std::string& trace,
+                  std::vector<MessageSink*> sinks, const JudgeOptions& options) {
     SceneReader scenes;
+    sinks.push_back(&scenes);
     CountedLines counted;
-    std::vector<MessageSink*> sinks = {&scenes};
-    if (source.maker != nullptr) {
-        sinks.push_back(source.maker);
-    }
-    if (!source.trace.empty()) {
+    if (!trace.empty()) {
         sinks.push_back(&counted);
     }
     CaptureReader reader(sinks);
     std::vector<std::string> names;
-    for (const std::string& capture : source.captures) {
-        reader.Begin(NameOfInput(capture));
-        LogSink sink(reader);
-        names.push_back(ReadInput(sink, capture, progress));
+    for (const std::string& capture : captures) {
+        const int64_t before = reader.Summary().libraryLines;
+        names.push_back(NameOfInput(capture));
+        reader.Begin(names.back());
+        ReadInput(reader, capture);
+        if (captures.size() > 1 && reader.Summary().libraryLines == before) {
+            Complain(names.back() +
+                     ": warning: none of its lines is the library's; a scheduler "
+                     "trace goes with --sched");
+        }
     }
     reader.Finish();
-    progress.Clear();
     RequireLibraryLines(reader.Summary(), names);
     Explained explained{
-        Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options),
-        std::nullopt};
-    if (!source.trace.empty()) {
-        SchedTrace trace = ReadTrace(source.trace, progress);
-        progress.Clear();
-        const std::string name = NameOfInput(source.trace);
+        Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options), nullptr};
+    if (!trace.empty()) {
+        const std::string name = NameOfInput(trace);
+        FtraceReader traceReader;
+        ReadInput(traceReader, trace);
+        SchedTrace read = traceReader.Finish();
+        if (read.events.empty()) {
+            throw CommandError(name +
+                               ": error: there is no switch of threads in it: is it a scheduler "
+                               "trace, and was the\nevent sched_switch on? [no-lines]");
+        }
         try {
-            explained.scheduling =
-                MakeScheduling(explained.account, name, std::move(trace), counted);
+            explained.scheduling = std::make_unique<Scheduling>(
+                MakeScheduling(explained.account, name, std::move(read), counted));
         } catch (const TieError& error) {
             throw CommandError(name + ": error: " + error.what());
         }
@@ -177,17 +124,17 @@ Explained Explain(const Source& source, const JudgeOptions& options, ProgressLin
 // Writes the files for the desk.
 void BringToDesk(const ExplainArguments& arguments, const Account& account, SessionMaker& maker) {
     const std::optional<MadeSession> session = maker.Finish();
-    const std::string& input = account.inputs.front();
+    const std::string failure = account.inputs.front() + ": error: ";
     if (!session) {
-        throw CommandError(input + ": error: none of the lines comes of a call");
+        throw CommandError(failure + "none of the lines comes of a call");
     }
     WriteFile(arguments.session, [&session](std::ostream& file) { file << session->text; });
     if (arguments.configuration.empty()) {
         return;
     }
     if (!session->configuration) {
-        throw CommandError(input +
-                           ": error: the log lacks the configuration, which the library writes to\n"
+        throw CommandError(failure +
+                           "the log lacks the configuration, which the library writes to\n"
                            "it when the camera's process starts");
     }
     // What the dump lacks, and other lines show.
@@ -210,20 +157,23 @@ int RunExplain(const ExplainArguments& arguments) {
         }
         return Follow(arguments.judging);
     }
-    const Shown shown = {arguments.showsAllFrames, FramesOf(arguments)};
-    ProgressLine progress("MB", false);
+    const Shown shown = {arguments.showsAllFrames, RangeOf(arguments.frames)};
     SessionMaker maker;
+    std::vector<MessageSink*> sinks;
+    if (!arguments.session.empty() || !arguments.configuration.empty()) {
+        sinks = {&maker};
+    }
     const Explained explained =
-        Explain({arguments.captures, arguments.trace, arguments.IsForDesk() ? &maker : nullptr},
-                arguments.judging, progress);
+        Explain(arguments.captures, arguments.trace, sinks, arguments.judging);
+    const Account& account = explained.account;
+    const Scheduling* const scheduling = explained.scheduling.get();
     std::optional<Explained> after;
     if (!arguments.other.empty()) {
-        after = Explain({{arguments.other}, arguments.otherTrace}, arguments.judging, progress);
+        after = Explain({arguments.other}, arguments.otherTrace, {}, arguments.judging);
     }
     EndIfInterrupted("cameraframeboost: interrupted");
-    const Account& account = explained.account;
-    const Scheduling* const scheduling = explained.scheduling ? &*explained.scheduling : nullptr;
-    if (arguments.IsForDesk()) {
+
+    if (!sinks.empty()) {
         BringToDesk(arguments, account, maker);
     }
     WriteFile(arguments.csv, [&](std::ostream& file) { WriteCsv(file, account, scheduling); });
@@ -232,26 +182,19 @@ int RunExplain(const ExplainArguments& arguments) {
         account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more));
     WriteFile(arguments.page,
               [&](std::ostream& file) { WritePage(file, account, title, scheduling); });
-    WriteFile(arguments.tracks, [&](std::ostream& file) {
-        if (!arguments.tracks.ends_with(".gz")) {
-            WriteTrace(file, account, shown.range, scheduling);
-            return;
-        }
-        std::ostringstream text;
-        WriteTrace(text, account, shown.range, scheduling);
-        file << Gzip(text.str());
-    });
-
-    Output out("-", arguments.isJson ? Style() : StyleOf(STDOUT_FILENO));
-    if (after) {
-        WriteComparison(out, account, after->account, scheduling,
-                        after->scheduling ? &*after->scheduling : nullptr);
-    } else if (arguments.isJson) {
-        WriteJson(out, account, scheduling);
+    WriteFile(arguments.tracks,
+              [&](std::ostream& file) { WriteTrace(file, account, shown.range, scheduling); });
+    if (arguments.isJson) {
+        WriteFile("-", [&](std::ostream& out) { WriteJson(out, account, scheduling); });
     } else {
-        WriteText(out, account, shown, scheduling);
+        std::ostringstream text;
+        if (after) {
+            WriteComparison(text, account, after->account, scheduling, after->scheduling.get());
+        } else {
+            WriteText(text, account, shown, scheduling);
+        }
+        Show(text.str());
     }
-    out.Close();
     const Account& last = after ? after->account : account;
     return StatusOf(WorstOf(last), last.configurations);
 }
@@ -266,20 +209,16 @@ int StatusOf(Severity worst, const std::vector<LoadedConfiguration>& configurati
 }
 
 void RequireLibraryLines(const CaptureSummary& summary, const std::vector<std::string>& names) {
-    if (summary.libraryLines != 0) {
-        return;
+    if (summary.libraryLines == 0) {
+        throw CommandError(fmt::format(
+            "{}: error: none of the {} lines is the library's. Is it a log, or a bug report?\n"
+            "A scheduler trace goes with its log: explain LOG --sched TRACE. Was the property\n"
+            "vendor.tarvo.camera.frameboost.debug.enable set to true before the camera's process\n"
+            "was started? Does the capture have the tags cameraframeboost and\n"
+            "tarvocameraframeboostutils at debug level? Was the log's buffer (adb logcat -G 16M)\n"
+            "large enough to still hold them? [no-lines]",
+            fmt::join(names, ", "), summary.lines));
     }
-    const std::string inputs = fmt::format("{}", fmt::join(names, ", "));
-    if (summary.lines == 0) {
-        throw CommandError(inputs + ": error: there are no lines in it [no-lines]");
-    }
-    throw CommandError(fmt::format(
-        "{}: error: none of the {} lines is the library's. Was the property\n"
-        "vendor.tarvo.camera.frameboost.debug.enable set to true before the camera's process\n"
-        "was started? Does the capture have the tags cameraframeboost and\n"
-        "tarvocameraframeboostutils at debug level? Was the log's buffer (adb logcat -G 16M)\n"
-        "large enough to still hold them? [no-lines]",
-        inputs, summary.lines));
 }
 
 }  // namespace tools

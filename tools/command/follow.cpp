@@ -13,11 +13,13 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tools/account/account.h"
 #include "tools/account/reader.h"
-#include "tools/command/explain.h"
+#include "tools/command/command.h"
+#include "tools/command/subcommands.h"
 
 namespace tools {
 namespace {
@@ -35,14 +37,13 @@ constexpr Micros EDGE = 2 * SECOND;
 
 class Follower {
   public:
-    Follower(Output& output, const JudgeOptions& judgeOptions)
-        : out(output), options(judgeOptions) {
+    explicit Follower(const JudgeOptions& judgeOptions) : options(judgeOptions) {
         options.namedOneByOne = std::numeric_limits<size_t>::max();
     }
 
     int Run() {
         const Input in("-");
-        reader.Begin(inputs.front());
+        reader.Begin(in.name);
         std::array<char, 1 << 16> bytes{};
         Clock::time_point judgedAt = Clock::now();
         Micros judgedTime = 0;
@@ -65,75 +66,69 @@ class Follower {
         }
         reader.End();
         reader.Finish();
-        return Finish();
+        const CaptureSummary& summary = reader.Summary();
+        RequireLibraryLines(summary, {in.name});
+        Account account = Judged(scenes.Finish(summary.last), summary);
+        Print(account, true);
+        seen.Add(account);
+        seen.worst = worst;
+        Show(VerdictOf(seen) + '\n');
+        return StatusOf(worst, account.configurations);
     }
 
   private:
     // The time of the last line, as scenes have it.
     Micros Now() const { return std::max<Micros>(reader.Summary().last, 0); }
 
-    Account Judged() const {
-        // Findings about the capture as a whole are printed at its end.
-        CaptureSummary summary;
-        summary.resolution = reader.Summary().resolution;
-        Account account = Judge(scenes.Look(reader.Summary().last), summary, inputs, options);
+    Account Judged(Readings readings, const CaptureSummary& summary) const {
+        Account account = Judge(std::move(readings), summary, {NameOfInput("-")}, options);
         MakeFindings(account, options);
         return account;
     }
 
-    void JudgeWindow() {
-        Account account = Judged();
-        Print(account, false);
-        Totals all = forgotten;
-        all.Add(account);
-        status.Show(fmt::format("{} frames, {} never out, {} late; {} findings", all.frames,
-                                all.neverOut, all.late, findings));
-        if (Now() - windowBegin > WINDOW + STEP) {
-            // What the window now has less than before.
-            forgotten.Add(account);
-            windowBegin = Now() - WINDOW;
-            scenes.Forget(windowBegin);
-            forgotten.Add(Judged(), -1);
-        }
+    Account JudgedSoFar() const {
+        // Findings about the capture as a whole are printed at its end.
+        CaptureSummary summary;
+        summary.resolution = reader.Summary().resolution;
+        return Judged(scenes.Look(reader.Summary().last), summary);
     }
 
-    int Finish() {
-        const CaptureSummary& summary = reader.Summary();
-        status.Clear();
-        RequireLibraryLines(summary, inputs);
-        Account account = Judge(scenes.Finish(summary.last), summary, inputs, options);
-        MakeFindings(account, options);
-        Print(account, true);
-        forgotten.Add(account);
-        forgotten.worst = worst;
-        out << VerdictOf(forgotten) << '\n';
-        out.Close();
-        return StatusOf(worst, account.configurations);
+    void JudgeWindow() {
+        Account account = JudgedSoFar();
+        Print(account, false);
+        Totals all = seen;
+        all.Add(account);
+        ShowProgress(fmt::format("{} frames, {} never out, {} late; {} findings", all.frames,
+                                 all.neverOut, all.late, findings));
+        if (Now() - windowBegin > WINDOW + STEP) {
+            // What the window now has less than before.
+            windowBegin = Now() - WINDOW;
+            scenes.Forget(windowBegin);
+            seen = all;
+            seen.Add(JudgedSoFar(), -1);
+            printedBefore = std::exchange(printed, {});
+        }
     }
 
     // Prints findings that were not printed before. `isAll`: those too that more lines may change.
     void Print(Account& account, bool isAll) {
+        const auto print = [&](const JudgedScene* scene, const SceneFinding& finding) {
+            if ((isAll || IsDue(scene, finding)) && IsNew(scene, finding) && !IsAtEdge(finding)) {
+                Show(LineOf(account, scene, finding) + '\n');
+                worst = std::max(worst, finding.severity);
+                ++findings;
+            }
+        };
         for (JudgedScene& scene : account.scenes) {
             // A scene begins where it did, whatever has been forgotten.
             scene.begin =
                 begins.try_emplace({scene.process, scene.from.line}, scene.begin).first->second;
             for (const SceneFinding& finding : scene.findings) {
-                Print(account, &scene, finding, isAll);
+                print(&scene, finding);
             }
         }
         for (const SceneFinding& finding : account.findings) {
-            Print(account, nullptr, finding, isAll);
-        }
-        out.flush();
-    }
-
-    void Print(const Account& account, const JudgedScene* scene, const SceneFinding& finding,
-               bool isAll) {
-        if ((isAll || IsDue(scene, finding)) && !IsAtEdge(finding) && IsNew(scene, finding)) {
-            status.Clear();
-            out << LineOf(account, scene, finding) << '\n';
-            worst = std::max(worst, finding.severity);
-            ++findings;
+            print(nullptr, finding);
         }
     }
 
@@ -141,76 +136,51 @@ class Follower {
         return windowBegin > 0 && finding.time != NO_TIME && finding.time < windowBegin + EDGE;
     }
 
-    bool IsDue(const JudgedScene* scene, const SceneFinding& finding) {
-        if (!finding.frame && scene != nullptr && finding.severity == Severity::Note) {
+    bool IsDue(const JudgedScene* scene, const SceneFinding& finding) const {
+        if (scene == nullptr) {
+            return finding.time + SETTLING <= Now();
+        }
+        if (!finding.frame && finding.severity == Severity::Note) {
             return scene->HasEnd();  // They count what there is in the scene.
         }
-        if (finding.time == NO_TIME) {
-            // Those that were there a second ago.
-            return !waiting.insert(KeyOf(scene, finding, finding.frame.value_or(0))).second;
-        }
-        const bool isOver = scene != nullptr && scene->HasEnd() && idle >= SETTLING;
-        return isOver || finding.time + SETTLING <= Now();
+        const Micros moment = finding.time == NO_TIME ? scene->begin : finding.time;
+        return moment + SETTLING <= Now() || (scene->HasEnd() && idle >= SETTLING);
     }
 
-    // Findings are the same by process, scene, kind and stage, and by the line where they are about
-    // no frame.
-    using Key = std::tuple<int32_t, uint32_t, Kind, int32_t, int64_t>;
-    static Key KeyOf(const JudgedScene* scene, const SceneFinding& finding, int64_t frame) {
-        return {scene == nullptr ? -1 : scene->process, scene == nullptr ? 0 : scene->from.line,
-                finding.kind, finding.stage,
-                finding.frame ? frame : -static_cast<int64_t>(finding.place.line)};
-    }
-
-    // By the finding's first frame. When that is forgotten, a finding that goes on begins with a
-    // later frame, which is among those that were printed with it.
+    // Findings are the same by process, scene, kind, stage and any of their frames, or by the line
+    // where they are about none. When the first frame is forgotten, a finding that goes on begins
+    // with a later one.
     bool IsNew(const JudgedScene* scene, const SceneFinding& finding) {
-        std::vector<FrameRange>& ranges = printed[KeyOf(scene, finding, 0)];
-        const auto find = [&ranges](int64_t frame) {
-            return std::find_if(ranges.begin(), ranges.end(), [frame](const FrameRange& range) {
-                return range.first <= frame && frame <= range.last;
-            });
-        };
-        const int64_t first = finding.frame.value_or(0);
-        const bool isKnown = find(first) != ranges.end();
-        if (!isKnown) {
-            ranges.push_back({first, first});
+        Key key{scene == nullptr ? -1 : scene->process, scene == nullptr ? 0 : scene->from.line,
+                finding.kind, finding.stage,
+                finding.frame.value_or(-static_cast<int64_t>(finding.place.line))};
+        const bool isNew = !printedBefore.contains(key) && !printed.contains(key);
+        printed.insert(key);
+        for (const int64_t frame : finding.own) {
+            std::get<int64_t>(key) = frame;
+            printed.insert(key);
         }
-        for (const FrameRange& range : RangesOf(finding.own)) {
-            if (const auto known = find(range.first); known != ranges.end()) {
-                known->last = std::max(known->last, range.last);
-            } else {
-                ranges.push_back(range);
-            }
-        }
-        return !isKnown;
+        return isNew;
     }
 
-    Output& out;
+    using Key = std::tuple<int32_t, uint32_t, Kind, int32_t, int64_t>;
+
     JudgeOptions options;
     SceneReader scenes;
     CaptureReader reader{{&scenes}};
-    ProgressLine status{"", false};
-    std::vector<std::string> inputs = {NameOfInput("-")};
     Micros idle = 0;  // How long nothing has come.
     Micros windowBegin = 0;
-    Totals forgotten;  // Of what is not in the window any more.
+    Totals seen;  // Of what is not in the window any more.
     int64_t findings = 0;
     Severity worst = Severity::Note;
     std::map<std::pair<int32_t, uint32_t>, Micros> begins;
-    std::set<Key> waiting;
-    std::map<Key, std::vector<FrameRange>> printed;
+    std::set<Key> printed, printedBefore;  // Since something was last forgotten, and before.
 };
 
 }  // namespace
 
 int Follow(const JudgeOptions& options) {
-    Output out("-", StyleOf(STDOUT_FILENO));
-    try {
-        return Follower(out, options).Run();
-    } catch (const LinesError& error) {
-        throw CommandError(error.what());
-    }
+    return Follower(options).Run();
 }
 
 }  // namespace tools

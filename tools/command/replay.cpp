@@ -2,40 +2,35 @@
 
 #include "tools/play/replay.h"
 
-#include <optional>
+#include <fmt/format.h>
+#include <unistd.h>
 
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
 
 namespace tools {
 
-int RunReplay(ReplayArguments arguments) {
+int RunReplay(ReplayArguments& arguments) {
     ReplayOptions& options = arguments.options;
-    Output out("-");
     const NamedText session = ReadFile(arguments.session);
     options.configuration = ReadOption(arguments.configuration);
-    // A capture on standard output takes the transcript's place.
-    const bool isLogShown = arguments.log == "-";
+    Output out("-");
     std::ostream nowhere(nullptr);
-    std::optional<Output> logFile;
-    if (!arguments.log.empty() && !isLogShown) {
-        logFile.emplace(arguments.log);
-    }
-    if (isLogShown) {
-        options.log = &out;
-    } else if (logFile) {
-        options.log = &*logFile;
-    }
+    // A log on standard output takes the transcript's place.
+    const bool isLogShown = arguments.log == "-";
+    const auto log = OpenOutput(isLogShown ? "" : arguments.log);
+    options.log = isLogShown ? &out : log.get();
 
     CatchInterrupts();
     options.pace.isInterrupted = [] { return InterruptStatus() != 0; };
-    ProgressLine progress("frames", !options.isQuiet);
-    options.pace.onProgress = [&progress](int64_t done, int64_t all) { progress.Show(done, all); };
+    if (options.isQuiet || isatty(STDOUT_FILENO) == 0) {
+        options.pace.onProgress = ShowFrames;
+    }
     const bool isPlayed = Replay(options, session, isLogShown ? nowhere : out, Complain);
-    progress.Clear();
+    ClearProgress();
     out.Close();
-    if (logFile && isPlayed) {
-        logFile->Close();
+    if (log && isPlayed) {
+        log->Close();
     }
     return isPlayed ? NOTHING_FOUND : BAD_INPUT;
 }

@@ -3,10 +3,8 @@
 #include "tools/play/simulate.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
-#include <algorithm>
-#include <iostream>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,12 +20,7 @@ namespace {
 
 Camera CameraOf(const SimulateArguments& arguments) {
     const std::optional<NamedText> file = ReadOption(arguments.camera);
-    Camera camera;
-    try {
-        camera = file ? ParseCamera(file->text, file->name) : BuiltinCamera();
-    } catch (const CameraError& error) {
-        throw CommandError(error.what());
-    }
+    Camera camera = file ? ParseCamera(file->text, file->name) : BuiltinCamera();
     camera.frames = arguments.frames.value_or(camera.frames);
     camera.fps = arguments.fps.value_or(camera.fps);
     camera.seed = arguments.seed.value_or(camera.seed);
@@ -42,27 +35,29 @@ Camera CameraOf(const SimulateArguments& arguments) {
     return camera;
 }
 
-void ShowSummary(const Camera& camera, const Simulated& simulated) {
+std::string SummaryOf(const Camera& camera, const Simulated& simulated) {
     const bool isWhole = simulated.frames == camera.frames;
-    std::cerr << fmt::format("{}{} frames at {} fps through {} stages (seed {}): {} came out\n",
-                             simulated.frames, isWhole ? "" : fmt::format(" of {}", camera.frames),
-                             camera.fps, camera.Stages().size(), camera.seed, simulated.completed);
+    std::string text =
+        fmt::format("{}{} frames at {} fps through {} stages (seed {}): {} came out\n",
+                    simulated.frames, isWhole ? "" : fmt::format(" of {}", camera.frames),
+                    camera.fps, camera.Stages().size(), camera.seed, simulated.completed);
     for (const Fault& fault : camera.faults) {
         if (fault.frame < simulated.frames) {
-            std::cerr << fmt::format("  {} [{}]\n", Describe(fault, camera), ToString(fault));
+            text += fmt::format("  {} [{}]\n", Describe(fault, camera), ToString(fault));
         }
     }
     if (simulated.overruns != 0) {
-        std::cerr << "  " << simulated.overruns << " frames dropped by the sensor: all "
-                  << camera.buffers << " buffers were taken\n";
+        text += fmt::format("  {} frames dropped by the sensor: all {} buffers were taken\n",
+                            simulated.overruns, camera.buffers);
     }
     if (!simulated.isBoosted) {
-        std::cerr << "  the library boosted nothing: it takes video at 60 fps, of a width and in a "
-                     "mode that it is configured for\n";
+        text +=
+            "  the library boosted nothing: it takes video at 60 fps, of a width and in a mode "
+            "that it is configured for\n";
     }
     const auto lost = simulated.linesLost;
-    std::cerr << fmt::format("{} lines of log{}\n", simulated.lines,
-                             lost == 0 ? "" : fmt::format(", and {} missing", lost));
+    return text + fmt::format("{} lines of log{}\n", simulated.lines,
+                              lost == 0 ? "" : fmt::format(", and {} missing", lost));
 }
 
 }  // namespace
@@ -70,12 +65,12 @@ void ShowSummary(const Camera& camera, const Simulated& simulated) {
 int RunSimulate(const SimulateArguments& arguments) {
     const Camera camera = CameraOf(arguments);
     SimulateOptions options;
-    if (const auto format = FormatOf(arguments.form)) {
-        options.format = *format;
-    } else {
-        FailUsage("--form is \"" + arguments.form +
-                  "\", expected threadtime or time, and modifiers, such as threadtime,year,usec");
+    const auto format = FormatOf(arguments.form);
+    if (!format) {
+        FailUsage("--form is " + Quoted(arguments.form) +
+                  ", expected threadtime or time, and modifiers, such as threadtime,year,usec");
     }
+    options.format = *format;
     const std::optional<NamedText> configuration = ReadOption(arguments.configuration);
     const auto complain = [&configuration](const Finding& finding) {
         Complain(ToString(finding, configuration->name));
@@ -94,34 +89,26 @@ int RunSimulate(const SimulateArguments& arguments) {
         }
     }
 
-    const auto outputs = {arguments.output, arguments.session, arguments.truth};
-    const auto toStandardOutput = std::count(outputs.begin(), outputs.end(), "-");
-    if (toStandardOutput > 1) {
-        FailUsage("of --output, --session and --truth only one can be standard output");
-    }
     Output capture(arguments.output);
-    const auto open = [](const std::string& path) {
-        return path.empty() ? nullptr : std::make_unique<Output>(path);
-    };
-    const std::unique_ptr<Output> session = open(arguments.session);
-    const std::unique_ptr<Output> truth = open(arguments.truth);
+    const auto session = OpenOutput(arguments.session), truth = OpenOutput(arguments.truth);
     options.session = session.get();
     options.truth = truth.get();
     CatchInterrupts();
-    ProgressLine progress("frames", toStandardOutput > 0);
-    options.onProgress = [&progress](int64_t done, int64_t all) {
-        progress.Show(done, all);
+    const bool showsProgress = arguments.output != "-" || isatty(STDOUT_FILENO) == 0;
+    options.onProgress = [showsProgress](int64_t done, int64_t all) {
+        if (showsProgress) {
+            ShowFrames(done, all);
+        }
         return InterruptStatus() == 0;
     };
     const Simulated simulated = Simulate(camera, capture, options);
     capture.Close();
-    for (Output* file : {session.get(), truth.get()}) {
-        if (file != nullptr) {
-            file->Close();
+    for (const auto& output : {session.get(), truth.get()}) {
+        if (output != nullptr) {
+            output->Close();
         }
     }
-    progress.Clear();
-    ShowSummary(camera, simulated);
+    Complain(SummaryOf(camera, simulated));
     return NOTHING_FOUND;
 }
 

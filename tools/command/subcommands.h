@@ -1,5 +1,5 @@
 // The subcommands: what each is given on the command line, and its function, which returns an exit
-// status. command/options.cpp has their options.
+// status.
 
 #pragma once
 
@@ -23,8 +23,6 @@ struct ExplainArguments {
     bool isJson = false;
     bool isFollowing = false;
     bool showsAllFrames = false;
-
-    bool IsForDesk() const { return !session.empty() || !configuration.empty(); }
 };
 int RunExplain(const ExplainArguments& arguments);
 
@@ -41,7 +39,7 @@ struct ReplayArguments {
     std::string configuration;
     std::string log;
 };
-int RunReplay(ReplayArguments arguments);
+int RunReplay(ReplayArguments& arguments);
 
 struct SimulateArguments {
     std::string camera;
@@ -57,8 +55,12 @@ struct SimulateArguments {
 };
 int RunSimulate(const SimulateArguments& arguments);
 
-// Reads the command line, of which `words` are all but the name, and runs the subcommand. Returns
-// an exit status.
-int RunCommand(std::vector<std::string> words);
+// What explain does with --follow: explains standard input as it comes.
+int Follow(const JudgeOptions& options);
+// The exit status for what was found: the worst of it, and what the checker says of configurations.
+int StatusOf(Severity worst, const std::vector<LoadedConfiguration>& configurations);
+// Fails, with what may be the reason, where a capture has none of the library's lines. `names`:
+// what messages call its inputs.
+void RequireLibraryLines(const CaptureSummary& summary, const std::vector<std::string>& names);
 
 }  // namespace tools

@@ -85,7 +85,7 @@ void CaptureReader::End() {
 // Throws where more than `most` more lines are without a time than with one.
 void CaptureReader::RequireTimes(int64_t most) const {
     if (otherLines - timedLines > most) {
-        throw LinesError(
+        throw CommandError(
             NameOf(firstOther) +
             ": error: this line of the library does not begin with a time. Capture the log "
             "with\nadb logcat -v threadtime, and without -v color [no-times]");
@@ -104,7 +104,7 @@ void CaptureReader::CheckOrder(const Record& record, const Message& message) {
     const Known line{record.time, record.process, record.thread,
                      std::hash<std::string_view>()(record.message), message.place};
     const auto fail = [&](const char* how, const Known& other) {
-        throw LinesError(fmt::format(
+        throw CommandError(fmt::format(
             "{}: error: this line {} {}: {}give captures in order, without lines twice\n"
             "(sort -u makes one file in order of several) [lines-twice]",
             NameOf(message.place), how, NameOf(other.place),

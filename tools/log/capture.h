@@ -7,7 +7,6 @@
 #include <functional>
 #include <optional>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -81,15 +80,10 @@ class TextSink {
     virtual bool TakeDamage(const char* reason) = 0;
 };
 
-// Lines of the library's that cannot be explained as they are: they have no times, stand twice, or
-// come before those that they follow. The message is whole, and names the lines.
-class LinesError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
 // Pass the inputs one after the other: Begin, Read in pieces of any length, End for each, and
-// Finish once. Memory does not grow with the input. Read and End throw a LinesError.
+// Finish once. Memory does not grow with the input. Read and End throw a CommandError that names
+// lines of the library's which cannot be explained as they are: they have no times, stand twice, or
+// come before those that they follow.
 class CaptureReader : public TextSink, private RecordSink {
   public:
     // Each sink gets each message, one sink after the other. They belong to the caller.
@@ -149,16 +143,10 @@ class CaptureReader : public TextSink, private RecordSink {
     Place firstOther;
 };
 
-// What is wrong with what is compressed.
-class CaptureError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
-// Reads an open file: text, what gzip made of text, or a zip with a bug report in it. `onProgress`
-// gets how many of how many bytes have been read (0: not known); reading ends when it returns
-// false. Throws a CaptureError.
-void ReadText(TextSink& sink, int descriptor,
-              const std::function<bool(int64_t done, int64_t all)>& onProgress = {});
+// Reads an open file: text, what gzip made of text, or a zip with a bug report in it. `name`: what
+// messages call it. `onProgress` gets how many of how many bytes have been read (0: not known);
+// reading ends when it returns false. Throws a CommandError.
+void ReadText(TextSink& sink, const std::string& name, int descriptor,
+              const std::function<bool(int64_t done, int64_t all)>& onProgress);
 
 }  // namespace tools

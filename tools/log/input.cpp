@@ -26,7 +26,7 @@ using Progress = std::function<bool(int64_t, int64_t)>;
 
 // Reads a file, or of those in a zip the ones that are wanted by their names. Returns whether there
 // was any.
-bool ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress,
+bool ReadFiles(TextSink& sink, const std::string& name, int descriptor, const Progress& onProgress,
                bool (*isWanted)(std::string_view name)) {
     const std::unique_ptr<archive, int (*)(archive*)> owner(archive_read_new(), archive_read_free);
     archive* const all = owner.get();
@@ -34,19 +34,17 @@ bool ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress,
     archive_read_support_format_zip(all);
     archive_read_support_format_raw(all);  // Text, and what gzip made of it.
     archive_read_support_format_empty(all);
-    const auto check = [all](int status) {
+    const auto check = [all, &name](int status) {
         if (status < ARCHIVE_WARN) {
             const char* const reason = archive_error_string(all);
-            throw CaptureError(
-                fmt::format("cannot be read: {}", reason == nullptr ? "unknown" : reason));
+            throw CommandError(fmt::format("{}: error: cannot be read: {}", name,
+                                           reason == nullptr ? "unknown" : reason));
         }
         return status;
     };
     struct stat file {};
     const int64_t size = fstat(descriptor, &file) == 0 ? file.st_size : 0;
-    const auto isStopped = [&] {
-        return onProgress && !onProgress(archive_filter_bytes(all, -1), size);
-    };
+    const auto isStopped = [&] { return !onProgress(archive_filter_bytes(all, -1), size); };
     check(archive_read_open_fd(all, descriptor, PIECE));
     bool hasFile = false;
     archive_entry* entry = nullptr;
@@ -81,11 +79,11 @@ bool ReadFiles(TextSink& sink, int descriptor, const Progress& onProgress,
 
 }  // namespace
 
-void ReadText(TextSink& sink, int descriptor, const Progress& onProgress) {
+void ReadText(TextSink& sink, const std::string& name, int descriptor, const Progress& onProgress) {
     // A zip without a bug report may hold other captures.
-    if (!ReadFiles(sink, descriptor, onProgress, IsReport) &&
+    if (!ReadFiles(sink, name, descriptor, onProgress, IsReport) &&
         (lseek(descriptor, 0, SEEK_SET) != 0 ||
-         !ReadFiles(sink, descriptor, onProgress, [](std::string_view) { return true; }))) {
+         !ReadFiles(sink, name, descriptor, onProgress, [](std::string_view) { return true; }))) {
         sink.End();  // Nothing is in it.
     }
 }

@@ -132,7 +132,7 @@ class TableReader {
     }
 
     [[noreturn]] void Fail(const toml::source_region& at, std::string_view message) const {
-        throw CameraError(
+        throw CommandError(
             fmt::format("{}:{}:{}: error: {}", name, at.begin.line, at.begin.column, message));
     }
 

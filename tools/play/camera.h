@@ -14,7 +14,7 @@
 
 namespace tools {
 
-// What is wrong with a camera or a fault, and what was expected instead.
+// What is wrong with a fault, and what was expected instead.
 class CameraError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
@@ -75,7 +75,7 @@ struct Camera {
     std::vector<CameraNode> Stages() const;
 };
 
-// Reads a camera from TOML text that messages call `name`. Throws a CameraError that begins with
+// Reads a camera from TOML text that messages call `name`. Throws a CommandError that begins with
 // "name:line:column: error: ".
 Camera ParseCamera(std::string_view toml, std::string_view name);
 // The one that fits the sample configuration.

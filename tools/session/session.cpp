@@ -155,20 +155,20 @@ Line ParseLine(std::string_view line) {
         return Comment{std::string(line.substr(start, std::max(start, end) - start))};
     }
     const Word& name = words.front();
-    std::vector<std::string_view> names;
+    std::vector<std::string> names;
     for (const auto& other : OTHER_LINES) {
         if (other.name == name.text && !name.isQuoted) {
             RequireWords(words, other.fewest, other.most,
                          fmt::format("{} {}", other.name, other.parameters));
             return other.parse(words);
         }
-        names.push_back(other.name);
+        names.emplace_back(other.name);
     }
     for (const OperationForm& form : Operations()) {
         if (form.name == name.text && !name.isQuoted) {
             return ParseCall(form, words);
         }
-        names.push_back(form.name);
+        names.emplace_back(form.name);
     }
     const auto meant = Meant(name.text, names);
     throw LineError(fmt::format("{} is not known, expected {}", Quoted(name.text),
