@@ -107,8 +107,9 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
         SchedTrace read = traceReader.Finish();
         if (read.events.empty()) {
             throw CommandError(name +
-                               ": error: there is no switch of threads in it: is it a scheduler "
-                               "trace, and was the\nevent sched_switch on? [no-lines]");
+                               ": error: there is no switch of threads in it:\n"
+                               "is it a scheduler trace, and was the event sched_switch "
+                               "on? [no-lines]");
         }
         try {
             explained.scheduling = std::make_unique<Scheduling>(

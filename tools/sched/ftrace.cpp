@@ -203,19 +203,6 @@ void TakeLine(SchedTraceMaker& maker, std::string_view text) {
 
 }  // namespace
 
-bool IsFtrace(std::string_view beginning) {
-    // Before its trace systrace's HTML has megabytes of scripts.
-    constexpr std::string_view TITLE = "<title>Android System Trace</title>";
-    if (beginning.starts_with("# tracer:") ||
-        (beginning.starts_with('<') && beginning.find(TITLE) != std::string_view::npos)) {
-        return true;
-    }
-    FtraceReader reader;
-    reader.Read(beginning);
-    reader.End();
-    return !reader.Finish().IsEmpty();
-}
-
 void FtraceReader::Read(std::string_view bytes) {
     SplitLines(bytes, unfinished, LONGEST_LINE,
                [this](std::string_view line) { TakeLine(maker, line); });

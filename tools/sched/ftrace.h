@@ -11,9 +11,6 @@
 
 namespace tools {
 
-// Whether a file that begins like that is such text.
-bool IsFtrace(std::string_view beginning);
-
 // Takes a trace. Lines that are none of a trace's are left alone, so that HTML needs nothing else.
 class FtraceReader : public TextSink {
   public:
