@@ -5,7 +5,6 @@
 #include "tests/support/expect_abort.h"
 #include "tests/support/library_test.h"
 #include "tests/support/same_table.h"
-#include "tools/check/nodes.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-#include "tools/check/nodes.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -8,6 +6,7 @@
 #include <utility>
 
 #include "tools/base/words.h"
+#include "tools/check/check.h"
 
 namespace tools {
 std::string DescribeNodesFormat() {

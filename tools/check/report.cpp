@@ -133,23 +133,17 @@ Rows StagesOf(const Configuration& configuration) {
 
 Json JsonOf(const Configuration& configuration) {
     // What is not known is null.
-    Json json = {{"isEnabled", configuration.isEnabled},
-                 {"acceptedWidths", Json()},
+    const auto& [isEnabled, width, modes, stageCount, stages] = configuration;
+    Json json = {{"isEnabled", isEnabled},
+                 {"acceptedWidths", width ? Json(std::set<int32_t>{BOOST_WIDTH, *width}) : Json()},
                  {"modes", Json::array()},
-                 {"stageCount", Json()},
+                 {"stageCount", stageCount ? Json(*stageCount) : Json()},
                  {"stages", Json::array()}};
-    if (configuration.additionalWidth) {
-        json["acceptedWidths"] = std::set<int32_t>{BOOST_WIDTH, *configuration.additionalWidth};
-    }
-    if (configuration.stageCount) {
-        json["stageCount"] = *configuration.stageCount;
-    }
-    for (const int32_t mode : configuration.modes) {
+    for (const int32_t mode : modes) {
         json["modes"].push_back({{"mode", mode}, {"hexadecimal", ModeText(mode)}});
     }
-    for (const ConfiguredStage& stage : configuration.stages) {
-        json["stages"].push_back(
-            {{"stage", stage.stage}, {"node", stage.node}, {"ports", stage.ports}});
+    for (const auto& [stage, node, ports] : stages) {
+        json["stages"].push_back({{"stage", stage}, {"node", node}, {"ports", ports}});
     }
     return json;
 }
@@ -210,20 +204,16 @@ void WriteText(std::ostream& out, const CheckedFile& file) {
 }
 
 void WriteJson(std::ostream& out, const std::vector<CheckedFile>& files) {
-    Json json;
-    json["findings"] = Json::array();
+    Json findings = Json::array();
     Json tables = Json::array();
     for (const CheckedFile& file : files) {
         for (const Finding& finding : file.checked.findings) {
-            json["findings"].push_back(JsonOf(file, finding));
+            findings.push_back(JsonOf(file, finding));
         }
         tables.push_back(file.checked.isReadable ? TableOf(file) : Json());
     }
-    if (files.size() == 1) {
-        json["table"] = tables[0];
-    } else {
-        json["tables"] = std::move(tables);
-    }
+    Json json = {{"findings", findings}};
+    json.update(files.size() == 1 ? Json{{"table", tables[0]}} : Json{{"tables", tables}});
     out << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 

@@ -9,7 +9,6 @@
 
 #include "tools/base/table.h"
 #include "tools/check/check.h"
-#include "tools/check/nodes.h"
 
 namespace tools {
 

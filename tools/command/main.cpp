@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "tools/base/finding.h"
-#include "tools/check/nodes.h"
+#include "tools/check/check.h"
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
 #include "tools/output/outputs.h"

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "tools/base/words.h"
-#include "tools/check/nodes.h"
+#include "tools/check/check.h"
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
 #include "tools/play/replay.h"

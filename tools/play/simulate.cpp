@@ -3,15 +3,18 @@
 #include <algorithm>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "cameraframeboost/tarvocameraframeboostutils.h"
 #include "host/desktop.h"
 #include "tools/play/player.h"
-#include "tools/play/truth.h"
 #include "tools/session/session.h"
 
 namespace tools {
@@ -52,6 +55,135 @@ uint64_t Hash(uint64_t seed, uint64_t place, uint64_t number) {
     }
     return hash;
 }
+
+using Json = nlohmann::ordered_json;
+
+Json MillisOf(Micros time) {
+    return time == NO_TIME ? Json() : Json(static_cast<double>(time) / MILLISECOND);
+}
+
+// What a simulation did, to judge the account of its log by: see SimulateOptions. Times are those
+// of the simulation, which the log's clock shows until a fault sets it.
+class Truth {
+  public:
+    // `stages`: how many the library is configured for.
+    Truth(const Camera& simulated, int32_t stages)
+        : camera(simulated), stageCount(stages), acted(camera.faults.size()) {}
+
+    // The sensor delivered its next frame, to which the HAL gives that number, or dropped it.
+    void OnDelivered(int64_t number, Micros time, bool isDropped) {
+        frames.push_back({{"frame", frames.size()},
+                          {"number", number},
+                          {"delivered", MillisOf(isDropped ? NO_TIME : time)},
+                          {"left", std::vector<Json>(camera.Stages().size())},
+                          {"out", nullptr},
+                          {"late", false},
+                          {"boosted", false}});
+    }
+
+    // The HAL reported that a frame left a stage.
+    void OnLeft(int64_t frame, int32_t stage, Micros time) {
+        Json& one = frames.at(static_cast<size_t>(frame));
+        Json& left = one["left"].at(static_cast<size_t>(stage));
+        if (!left.is_null()) {
+            return;  // Reported on a second port.
+        }
+        left = MillisOf(time);
+        if (&left == &one["left"].back()) {
+            one["out"] = left;
+            one["late"] = lastOut != NO_TIME && time - lastOut > 3 * SECOND / 2 / camera.fps;
+            lastOut = time;
+        }
+    }
+
+    void OnService(const desktop::ServiceCall& call) {
+        using enum desktop::ServiceFunction;
+        const int32_t number = call.Argument("frame");
+        std::optional<int32_t>& events = stageEvents[number];
+        if (call.function == FrameStart) {
+            events = 0;
+        } else if (call.function == NotifyErrOfUser) {
+            events.reset();
+        } else if (events && (call.function == StageStart || call.function == StageEnd)) {
+            ++*events;
+        } else if (call.function == FrameEnd) {
+            const auto frame =
+                std::find_if(frames.rbegin(), frames.rend(), [number](const Json& one) {
+                    return static_cast<int32_t>(one["number"].get<int64_t>()) == number;
+                });
+            if (frame != frames.rend()) {
+                (*frame)["boosted"] = events == 2 * stageCount;
+            }
+            stageEvents.erase(number);
+        }
+    }
+
+    // The fault of that index in the camera's list acted, until then.
+    static constexpr Micros FOREVER = std::numeric_limits<Micros>::max() / 2;
+    void OnFault(size_t fault, Micros from, Micros to) {
+        Acted& span = acted.at(fault);
+        span.from = span.from == NO_TIME ? from : span.from;
+        span.to = std::max(span.to, to);
+    }
+
+    // Several frames wait for a stage: what faults did is not over yet.
+    void OnBacklog(Micros time) {
+        for (Acted& span : acted) {
+            if (span.from != NO_TIME && span.to + near >= time) {
+                span.to = std::max(span.to, time);
+            }
+        }
+    }
+
+    // To be called once, last.
+    void Write(std::ostream& out, Micros sceneBegin, Micros sceneEnd) {
+        Json json = {{"fps", camera.fps}, {"stages", Json::array()}};
+        for (const CameraNode& node : camera.Stages()) {
+            json["stages"].push_back(node.name);
+        }
+        json["scene"] = {{"begin", MillisOf(sceneBegin)}, {"end", MillisOf(sceneEnd)}};
+        json["frames"] = std::move(frames);
+        auto& faults = json["faults"] = Json::array();
+        for (size_t i = 0; i < acted.size(); ++i) {
+            const Fault& fault = camera.faults[i];
+            faults.push_back({{"fault", ToString(fault)},
+                              {"kind", fault.kind},
+                              {"first", fault.frame},
+                              {"last", fault.last},
+                              {"stage", fault.stage < 0 ? Json() : Json(fault.stage)},
+                              {"amount", fault.amount == 0 ? Json() : Json(fault.amount)},
+                              {"from", MillisOf(acted[i].from)},
+                              {"to", MillisOf(std::min(acted[i].to, sceneEnd))},
+                              {"hidden", IsHidden(i)}});
+        }
+        out << json << '\n';
+    }
+
+  private:
+    struct Acted {
+        Micros from = NO_TIME;
+        Micros to = NO_TIME;
+    };
+
+    bool IsHidden(size_t fault) const {
+        const Micros from = acted[fault].from;
+        return from == NO_TIME || std::any_of(acted.begin(), acted.end(), [&](const Acted& other) {
+                   return &other != &acted[fault] && other.from != NO_TIME &&
+                          other.from - near <= from && from <= other.to + near;
+               });
+    }
+
+    const Camera& camera;
+    int32_t stageCount;
+    // What the library keeps of frames.
+    Micros near = FrameTracker::DEFAULT_MAX_FRAME_TRACKED * SECOND / camera.fps;
+    Json frames = Json::array();
+    // Of the frames that the service knows, by their numbers: how many stage events it got; nothing
+    // for a frame in error.
+    std::unordered_map<int32_t, std::optional<int32_t>> stageEvents;
+    std::vector<Acted> acted;  // By fault.
+    Micros lastOut = NO_TIME;
+};
 
 class Simulation {
   public:

@@ -15,8 +15,19 @@ namespace tools {
 struct SimulateOptions {
     Format format;                    // Of the capture.
     std::ostream* session = nullptr;  // Where the calls are written as a session; null: nowhere.
-    // Where JSON says what was done, see Truth::Write, which takes memory for each frame; null:
-    // nowhere.
+    // Where what was done is written, to judge the account of the log by, which takes memory for
+    // each frame; null: nowhere. JSON: `fps`, `stages` (names), `scene` (begin, end), `frames` and
+    // `faults`. Times are in milliseconds.
+    //
+    // A frame: `frame` as the sensor counts, `number` as the HAL does; `delivered`, null when the
+    // sensor dropped it; `left`, for each stage when the HAL reported it, null when it did not;
+    // `out`, the last of them; `late`: more than 1.5 periods behind the one that came out before;
+    // `boosted`: the service got all its stages and its end, and no error.
+    //
+    // A fault: `fault` as the camera has it, `kind`, `first`, `last`, `stage`, `amount`; `from` and
+    // `to`, null when it never acted: from when it acted until no more than one frame waited for
+    // any stage; `hidden`: it never acted, or began less than 16 periods, which is what the library
+    // keeps of frames, from what another one did.
     std::ostream* truth = nullptr;
     // Gets how many frames of how many the sensor has delivered, with each. False ends the
     // recording there, as if it had been that long.
