@@ -21,17 +21,11 @@ inline void SkipBlanks(std::string_view& text) {
 }
 
 // Takes the words off; false, with nothing taken, where the text begins with others.
+// The length of words that are known when this is compiled is known then, too, which costs less.
 inline bool Skip(std::string_view& text, std::string_view words) {
-    const bool isThere = text.starts_with(words);
+    const bool isThere = text.size() >= words.size() &&
+                         std::memcmp(text.data(), words.data(), words.size()) == 0;
     text.remove_prefix(isThere ? words.size() : 0);
-    return isThere;
-}
-
-// The same for words that are known when this is compiled, which costs less.
-template <size_t SIZE>
-bool Skip(std::string_view& text, const char (&words)[SIZE]) {
-    const bool isThere = text.size() >= SIZE - 1 && std::memcmp(text.data(), words, SIZE - 1) == 0;
-    text.remove_prefix(isThere ? SIZE - 1 : 0);
     return isThere;
 }
 

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cctype>
 
 namespace tools {
@@ -17,25 +16,6 @@ std::string Fixed(double value, int digits) {
 
 std::string Milliseconds(Micros time, Micros resolution) {
     return Fixed(static_cast<double>(time) / 1000.0, resolution >= MILLISECOND ? 0 : 3);
-}
-
-std::string Wrapped(std::string line, size_t width, size_t indent) {
-    const std::string margin(std::min(indent, width / 2), ' ');
-    std::string wrapped;
-    while (line.size() > width) {
-        const size_t begin = line.find_first_not_of(' ');
-        size_t blank = line.rfind(' ', width);
-        if (blank == std::string::npos || blank < begin) {
-            blank = line.find(' ', begin);
-        }
-        const size_t next = line.find_first_not_of(' ', blank);
-        if (next == std::string::npos) {
-            break;
-        }
-        wrapped += line.substr(0, line.find_last_not_of(' ', blank) + 1) + '\n';
-        line.replace(0, next, margin);
-    }
-    return wrapped + line;
 }
 
 std::string Folded(std::string_view text) {

@@ -41,10 +41,6 @@ std::string Fixed(double value, int digits);
 // is 1000 microseconds or more, else "16.667".
 std::string Milliseconds(Micros time, Micros resolution);
 
-// `line` as several, broken between words so that none is longer than `width` where that can be;
-// those behind the first are indented by `indent`, or half the width where that is less.
-std::string Wrapped(std::string line, size_t width, size_t indent);
-
 // Without blanks and control characters, in small letters: names that people take for the same are
 // equal then.
 std::string Folded(std::string_view text);
