@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <string>

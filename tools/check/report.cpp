@@ -7,7 +7,6 @@
 
 #include <nlohmann/json.hpp>
 #include <set>
-#include <utility>
 
 namespace tools {
 namespace {

@@ -11,10 +11,8 @@
 #include <limits>
 #include <map>
 #include <set>
-#include <string>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 #include "tools/account/account.h"
 #include "tools/account/reader.h"

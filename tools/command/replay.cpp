@@ -2,7 +2,6 @@
 
 #include "tools/play/replay.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include "tools/command/command.h"

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <ctime>
 #include <functional>
-#include <utility>
 
 #include "tools/base/words.h"
 #include "tools/log/message.h"

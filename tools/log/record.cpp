@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstddef>
 #include <iterator>
 #include <sstream>
 #include <utility>
