@@ -23,8 +23,8 @@ inline void SkipBlanks(std::string_view& text) {
 // Takes the words off; false, with nothing taken, where the text begins with others.
 // The length of words that are known when this is compiled is known then, too, which costs less.
 inline bool Skip(std::string_view& text, std::string_view words) {
-    const bool isThere = text.size() >= words.size() &&
-                         std::memcmp(text.data(), words.data(), words.size()) == 0;
+    const bool isThere =
+        text.size() >= words.size() && std::memcmp(text.data(), words.data(), words.size()) == 0;
     text.remove_prefix(isThere ? words.size() : 0);
     return isThere;
 }

@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -10,14 +9,10 @@
 
 namespace tools {
 
-// Number, percentiles and largest of some durations, and how they are distributed.
+// Number, percentiles and largest of some durations.
 struct Statistics {
     int64_t count = 0;
     Micros p50 = 0, p90 = 0, p95 = 0, p99 = 0, max = 0;
-    // How many are shorter than each multiple of `bin`, and no shorter than the one before; the
-    // last has all that are longer, too.
-    std::array<int64_t, 40> bins{};
-    Micros bin = MILLISECOND;
 };
 
 // The smallest value that at least that share of all values, above 0 to 1, is not above; `none`

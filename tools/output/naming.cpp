@@ -104,24 +104,31 @@ std::string StageTitleOf(const Scene& scene, size_t stage) {
                        isNamed ? ", " + Printable(scene.stageNames[stage]) : "");
 }
 
-std::vector<NamedTimes> TimesOf(const JudgedScene& scene) {
+Rows FigureTableOf(const Account& account, const JudgedScene& scene) {
     const Figures& figures = scene.figures;
-    std::vector<NamedTimes> all = {{"latency", figures.latency},
-                                   {"output interval", figures.interval}};
+    Rows rows = {{"", "n", "p50", "p90", "p95", "p99", "max"}};
+    const auto add = [&](std::string name, const Statistics& times) {
+        rows.push_back({std::move(name), std::to_string(times.count)});
+        for (const Micros time : {times.p50, times.p90, times.p95, times.p99, times.max}) {
+            rows.back().push_back(times.count == 0 ? "-" : Milliseconds(time, account.resolution));
+        }
+    };
+    add("latency", figures.latency);
+    add("output interval", figures.interval);
     for (size_t i = 0; i < figures.stages.size(); ++i) {
         const std::string title = StageTitleOf(scene, i);
         if (i == 0) {
             // How long stage 0 takes is not known: no line says when the sensor began.
-            all.push_back({title + ": since the frame before", figures.works[i]});
+            add(title + ": since the frame before", figures.works[i]);
             continue;
         }
-        all.push_back({title, figures.stages[i]});
+        add(title, figures.stages[i]);
         if (figures.waits[i].max > 0) {  // Else all is work.
-            all.push_back({title + ": waiting", figures.waits[i]});
-            all.push_back({title + ": at work", figures.works[i]});
+            add(title + ": waiting", figures.waits[i]);
+            add(title + ": at work", figures.works[i]);
         }
     }
-    return all;
+    return rows;
 }
 
 std::string ToString(const Account& account, const Place& place) {

@@ -30,12 +30,8 @@ std::string FramesByStatus(const JudgedScene& scene);
 std::string StageTitleOf(const Scene& scene, size_t stage);
 
 // The times that frames of a scene took, and what of: latency, output interval, and for each stage
-// all of its time, and waiting and work apart where frames waited.
-struct NamedTimes {
-    std::string name;
-    const Statistics& times;
-};
-std::vector<NamedTimes> TimesOf(const JudgedScene& scene);
+// all of its time, and waiting and work apart where frames waited. In milliseconds.
+Rows FigureTableOf(const Account& account, const JudgedScene& scene);
 
 // "capture.log:17", or "line 17" of the only input; empty for nowhere.
 std::string ToString(const Account& account, const Place& place);

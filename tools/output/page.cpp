@@ -5,7 +5,6 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <cmath>
 #include <functional>
 #include <map>
 #include <regex>
@@ -190,43 +189,6 @@ void WriteFindings(std::ostream& out, const Account& account) {
     out << (listed.empty() ? "</section>\n" : "</ol></section>\n");
 }
 
-// A row: the figures, and how the values that they are of are distributed.
-std::vector<std::string> FigureOf(const std::string& title, const Statistics& figures) {
-    constexpr int HEIGHT = 22;
-    std::vector<std::string> row = {Named(title), std::to_string(figures.count)};
-    for (const Micros value : {figures.p50, figures.p90, figures.p95, figures.p99, figures.max}) {
-        row.push_back(figures.count == 0 ? "" : ShortMilliseconds(value));
-    }
-    const auto& bins = figures.bins;
-    const auto most = static_cast<double>(*std::max_element(bins.begin(), bins.end()));
-    std::string bars;
-    for (size_t i = 0; i < bins.size(); ++i) {
-        if (bins[i] > 0) {
-            // Square roots, so that a single one shows among thousands.
-            const double share = std::sqrt(static_cast<double>(bins[i]) / most);
-            bars += fmt::format("M{} {}v{}h3V{}z", i * 4, HEIGHT,
-                                -std::max(2, static_cast<int>(share * HEIGHT)), HEIGHT);
-        }
-    }
-    const Micros end = figures.bin * std::ssize(bins);
-    row.push_back(figures.count == 0
-                      ? ""
-                      : fmt::format("<svg class=histogram role=img width={} height={}><title>{}: 0 "
-                                    "to {} ms; the last bar is "
-                                    "all beyond</title><path d=\"{}\"/></svg>",
-                                    bins.size() * 4, HEIGHT, Escaped(title), ShortMilliseconds(end),
-                                    bars));
-    return row;
-}
-
-Rows FiguresOf(const JudgedScene& scene) {
-    Rows rows = {{"times of", "n", "p50", "p90", "p95", "p99", "max", "distribution"}};
-    for (const auto& [name, times] : TimesOf(scene)) {
-        rows.push_back(FigureOf(name, times));
-    }
-    return rows;
-}
-
 void WriteScene(std::ostream& out, const Account& account, const Scheduling* scheduling,
                 size_t index) {
     const JudgedScene& scene = account.scenes[index];
@@ -249,7 +211,7 @@ void WriteScene(std::ostream& out, const Account& account, const Scheduling* sch
         WriteTable(out, fmt::format("Figures of scene {}", index + 1), " class=figures",
                    "Times in milliseconds, as exact as the capture: to " +
                        ShortMilliseconds(account.resolution) + " ms",
-                   FiguresOf(scene));
+                   Named(FigureTableOf(account, scene)));
     }
     for (const CaptionedTable& table : ThreadTablesOf(scheduling, index)) {
         WriteTable(out, fmt::format("{} of scene {}", table.name, index + 1), " class=figures",

@@ -78,14 +78,7 @@ void WriteFigures(std::ostream& out, const Account& account, const JudgedScene& 
         scene.figures.late, Fixed(100 * share, 2), LateText(scene.columns.lateThreshold),
         Fixed(RateOf(scene), 1), scene.fps > 0 ? fmt::format(" of {}", scene.fps) : "",
         account.resolution >= MILLISECOND ? "1 ms" : "1 us");
-    Rows table = {{"", "n", "p50", "p90", "p95", "p99", "max"}};
-    for (const auto& [name, times] : TimesOf(scene)) {
-        table.push_back({name, std::to_string(times.count)});
-        for (const Micros time : {times.p50, times.p90, times.p95, times.p99, times.max}) {
-            table.back().push_back(times.count == 0 ? "-" : Milliseconds(time, account.resolution));
-        }
-    }
-    WriteTable(out, table, Cells::Figures);
+    WriteTable(out, FigureTableOf(account, scene), Cells::Figures);
 }
 
 std::vector<std::string> RowOf(const Account& account, const JudgedScene& scene, size_t index) {

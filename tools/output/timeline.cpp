@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <ranges>
 #include <string>
 #include <vector>
 
@@ -152,10 +151,12 @@ Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t t
         layers.try_emplace(text, Layer{NameOf(span.state), text})
             .first->second.Add(span.begin, span.end);
     }
-    const auto named = std::views::values(layers);
+    std::vector<Layer> named;
+    for (auto& [text, layer] : layers) {
+        named.push_back(std::move(layer));
+    }
     const SchedThread& known = scheduling.trace.threads[thread];
-    return TrackOf(scene, IdOf(known.tid), fmt::format("{} {}", known.tid, known.name), 20,
-                   {named.begin(), named.end()});
+    return TrackOf(scene, IdOf(known.tid), fmt::format("{} {}", known.tid, known.name), 20, named);
 }
 
 // The clock of the log: what it showed when the capture began, as text, and, from each time on at
