@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tests/support/library_test.h"
-#include "tools/log/dump.h"
+#include "tools/log/calls.h"
 #include "tools/log/message.h"
 #include "tools/log/record.h"
 #include "tools/log/record_reader.h"

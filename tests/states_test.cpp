@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "tools/sched/ftrace.h"
 #include "tools/sched/tie.h"
+#include "tools/sched/trace.h"
 
 namespace {
 

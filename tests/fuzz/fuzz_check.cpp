@@ -9,7 +9,7 @@
 
 #include "tests/fuzz/require.h"
 #include "tests/support/same_table.h"
-#include "tools/check/report.h"
+#include "tools/check/check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(data, data + size);

@@ -14,8 +14,8 @@
 #include "tools/account/account.h"
 #include "tools/account/reader.h"
 #include "tools/output/outputs.h"
-#include "tools/sched/ftrace.h"
 #include "tools/sched/scheduling.h"
+#include "tools/sched/trace.h"
 
 namespace {
 

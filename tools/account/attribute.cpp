@@ -220,10 +220,10 @@ struct Attribution {
 
     // Frames in a row of which the same became.
     void AddOthers(const std::vector<uint32_t>& rows) {
-        const auto statusOf = [this](uint32_t row) { return columns.fates[row].status; };
         for (auto next = rows.begin(); next != rows.end();) {
             const uint32_t first = *next;
             const Frame& frame = scene.frames[first];
+            const FrameStatus status = columns.fates[first].status;
             Cause cause{.what = Case::BadFrames,
                         .other = frame.newestBefore,
                         .why = columns.fates[first].reason};
@@ -231,9 +231,8 @@ struct Attribution {
                 cause.harmed.push_back(scene.frames[*next].number);
                 ++next;
             } while (next != rows.end() && *next == *std::prev(next) + 1 &&
-                     statusOf(*next) == statusOf(first));
+                     columns.fates[*next].status == status);
             cause.own = cause.harmed;
-            const FrameStatus status = columns.fates[first].status;
             if (status == FrameStatus::Refused && frame.isGap) {
                 cause.what = frame.number > INT32_MAX ? Case::Gap32Bits : Case::Gap;
                 cause.own.resize(1);

@@ -14,8 +14,8 @@
 
 #include "tools/account/running.h"
 #include "tools/account/scene.h"
+#include "tools/log/calls.h"
 #include "tools/log/capture.h"
-#include "tools/log/dump.h"
 
 namespace tools {
 

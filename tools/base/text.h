@@ -7,8 +7,10 @@
 
 #include <cstdint>
 #include <iterator>
+#include <ostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/base/times.h"
 
@@ -46,5 +48,19 @@ std::string Folded(std::string_view text);
 
 // The bytes in base 64, padded.
 std::string Base64(std::string_view bytes);
+
+// --- Tables.
+
+using Rows = std::vector<std::vector<std::string>>;
+
+enum class Cells : uint8_t {
+    Text,     // All begin at the left.
+    Figures,  // All but the first end at the right, and so does a last one unless the first row's
+              // last cell, its heading, is empty.
+};
+
+// Writes rows of cells, indented by two, each column as wide as its widest cell and two blanks from
+// the next. Rows may be shorter than others. No line has blanks at its end.
+void WriteTable(std::ostream& out, const Rows& rows, Cells cells);
 
 }  // namespace tools

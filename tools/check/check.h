@@ -4,12 +4,15 @@
 
 #include <cstdint>
 #include <map>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "tools/base/finding.h"
+#include "tools/base/text.h"
 
 namespace tools {
 
@@ -94,5 +97,31 @@ std::vector<ReportedNode> ReadNodes(const std::string& text, std::vector<Finding
 
 // Finds out which stages the nodes end. All findings are about the file of nodes.
 std::vector<Finding> CheckNodes(const Configuration& table, std::vector<ReportedNode>& nodes);
+
+// --- How a configuration and what is found in it are written, for people and for programs.
+
+// The configuration in words, for people: what is boosted, a row each of a name and a value.
+Rows SummaryOf(const Configuration& configuration);
+
+// Its stages, below a row of headings: number, node, ports, and which nodes' names match. Texts of
+// the configuration are Printable.
+Rows StagesOf(const Configuration& configuration);
+
+// And as an object for programs.
+nlohmann::ordered_json JsonOf(const Configuration& configuration);
+
+struct CheckedFile {
+    std::string name;
+    CheckedConfiguration checked;  // With what was found about the nodes, last.
+    std::string nodesName;         // What it was held against; empty for nothing.
+    std::vector<ReportedNode> nodes;
+};
+
+// The findings, a line each, then the table in aligned text: for a person who knows the camera but
+// not the library. A file that cannot be parsed has no table.
+void WriteText(std::ostream& out, const CheckedFile& file);
+
+// One object: `findings` of all files and `table`; for several files `tables`, a list.
+void WriteJson(std::ostream& out, const std::vector<CheckedFile>& files);
 
 }  // namespace tools

@@ -1,12 +1,12 @@
 // How a configuration and what is found in it are written: for people, for programs, as TOML.
 
-#include "tools/check/report.h"
-
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
 #include <nlohmann/json.hpp>
 #include <set>
+
+#include "tools/check/check.h"
 
 namespace tools {
 namespace {

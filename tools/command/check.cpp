@@ -1,12 +1,13 @@
 // cameraframeboost check: says what is wrong or surprising about configurations.
 
+#include "tools/check/check.h"
+
 #include <algorithm>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tools/check/report.h"
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
 

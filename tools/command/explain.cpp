@@ -17,8 +17,8 @@
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
 #include "tools/output/outputs.h"
-#include "tools/sched/ftrace.h"
 #include "tools/sched/scheduling.h"
+#include "tools/sched/trace.h"
 #include "tools/session/made_session.h"
 
 namespace tools {

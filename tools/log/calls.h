@@ -1,10 +1,12 @@
-// Which of the library's messages belong to one HAL call.
+// What messages of the library say together: which belong to one HAL call, and the configuration
+// that a process dumps into the log when it loads the library.
 
 #pragma once
 
 #include <cstdint>
 #include <vector>
 
+#include "tools/check/check.h"
 #include "tools/log/message.h"
 
 namespace tools {
@@ -30,6 +32,23 @@ struct EventLines {
 
     // Whether one of them left the message.
     bool Take(const Message& message);
+};
+
+// --- The dump.
+
+// Adds what a message of the dump says to `configuration`. False for any other message. The dump
+// lacks the additional width, and the count of stages where some are not loaded.
+bool AddDumped(const Message& message, Configuration& configuration);
+
+// Whether a process is at its dump.
+class Dumping {
+  public:
+    // To be called with each message of the process. Whether it begins a dump, some of whose first
+    // lines may be missing: the library has been loaded.
+    bool Begins(const Message& message);
+
+  private:
+    bool isGoingOn = false;
 };
 
 }  // namespace tools

@@ -9,7 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "tools/base/table.h"
 #include "tools/base/text.h"
 #include "tools/output/outputs.h"
 

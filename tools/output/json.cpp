@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/check/report.h"
+#include "tools/check/check.h"
 #include "tools/output/outputs.h"
 
 namespace tools {

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/base/table.h"
+#include "tools/base/text.h"
 #include "tools/sched/scheduling.h"
 
 namespace tools {

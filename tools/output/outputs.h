@@ -7,7 +7,6 @@
 #include <optional>
 #include <ostream>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "tools/output/naming.h"
@@ -59,9 +58,5 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
 void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
                 const Scheduling* scheduling = nullptr);
-
-// The bytes as a gzip file. The same bytes make the same file: it holds no time and no name. Throws
-// a std::length_error for more than 2 GB.
-std::string Gzip(std::string_view bytes);
 
 }  // namespace tools

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "tools/base/text.h"
-#include "tools/check/report.h"
+#include "tools/check/check.h"
 #include "tools/output/outputs.h"
 #include "tools/output/page_assets.h"
 

@@ -196,7 +196,7 @@
 
     async function unpack({ scene: number, data }) {
         const bytes = Uint8Array.from(atob(data), (letter) => letter.charCodeAt(0));
-        const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('gzip'));
+        const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate'));
         const { frames, tracks, ...more } = await new Response(stream).json();
         const numbers = frames.numbers.flatMap(([first, length]) =>
             Array.from({ length }, (_, i) => String(BigInt(first) + BigInt(i))));

@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/base/table.h"
-#include "tools/check/report.h"
+#include "tools/check/check.h"
 #include "tools/output/outputs.h"
 
 namespace tools {

@@ -1,6 +1,7 @@
 // The part of the page that a script draws: the frames of all scenes, and their threads, as tracks.
 
 #include <fmt/format.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <map>
@@ -13,6 +14,19 @@
 
 namespace tools {
 namespace {
+
+// The bytes in zlib's form, which browsers unpack.
+std::string Packed(const std::string& bytes) {
+    uLongf size = compressBound(bytes.size());
+    std::string packed(size, '\0');
+    // Bytes of any type are the same to zlib.
+    if (compress(reinterpret_cast<Bytef*>(packed.data()), &size,
+                 reinterpret_cast<const Bytef*>(bytes.data()), bytes.size()) != Z_OK) {
+        throw std::bad_alloc();
+    }
+    packed.resize(size);
+    return packed;
+}
 
 using Json = nlohmann::ordered_json;
 
@@ -228,7 +242,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
         const std::string text =
             SceneOf(account, i, scheduling).dump(-1, ' ', true, Json::error_handler_t::replace);
         scenes.push_back(
-            {{"scene", i + 1}, {"title", TitleOf(account, i)}, {"data", Base64(Gzip(text))}});
+            {{"scene", i + 1}, {"title", TitleOf(account, i)}, {"data", Base64(Packed(text))}});
     }
     if (!scenes.empty()) {
         // Nothing that a capture names stands there as it is, so there is no markup in it.

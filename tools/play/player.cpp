@@ -6,7 +6,7 @@
 #include <thread>
 #include <utility>
 
-#include "tools/log/dump.h"
+#include "tools/log/calls.h"
 #include "tools/log/message.h"
 
 namespace tools {

@@ -1,9 +1,8 @@
-#include "tools/sched/ftrace.h"
-
 #include <algorithm>
 #include <utility>
 
 #include "tools/base/cursor.h"
+#include "tools/sched/trace.h"
 
 namespace tools {
 namespace {

@@ -15,6 +15,7 @@
 
 #include "tools/account/cause.h"
 #include "tools/base/times.h"
+#include "tools/log/capture.h"
 #include "tools/log/message.h"
 
 namespace tools {
@@ -126,6 +127,22 @@ class SchedTraceMaker {
     };
     std::unordered_map<int64_t, uint32_t> threads;  // By id; the idle tasks by -1 - CPU.
     std::vector<Cpu> cpus = std::vector<Cpu>(MOST_CPUS);
+};
+
+// Reads the text of the kernel's tracer, ftrace, as a kernel, atrace, systrace (in HTML) and
+// Perfetto's converter write it.
+// Lines that are none of a trace's are left alone, so that HTML needs nothing else.
+class FtraceReader : public TextSink {
+  public:
+    void Read(std::string_view bytes) override;
+    void End() override;
+    bool TakeDamage(const char* reason) override;
+    // What was read, given away. To be called once, last.
+    SchedTrace Finish() { return maker.Finish(); }
+
+  private:
+    SchedTraceMaker maker;
+    std::string unfinished;  // A line that is not whole yet.
 };
 
 }  // namespace tools

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "tools/check/check.h"
+#include "tools/log/calls.h"
 #include "tools/log/capture.h"
-#include "tools/log/dump.h"
 
 namespace tools {
 
