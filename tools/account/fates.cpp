@@ -173,9 +173,10 @@ struct Fates : Step {
         const Frame& frame = scene.frames[row];
         const Fate& fate = columns.fates[row];
         if (frame.isEnded) {
-            const bool isThrough =
-                scene.isAlone || columns.stages == 0 ||
-                (scene.NextStage(row) == scene.stageCount && scene.Unreported(row) < 0);
+            // Stages that are reported behind its end are refused.
+            const bool isThrough = scene.isAlone || columns.stages == 0 ||
+                                   (scene.NextStage(row) == scene.stageCount &&
+                                    scene.Unreported(row) < 0 && frame.refused <= frame.end);
             if (isThrough || fate.isEarly) {
                 return {FrameStatus::Complete, ""};
             }

@@ -71,7 +71,7 @@ struct Misreports {
             Add(Case::StartedAgain, row, -1, !frame.isStarted || !isInOrder);
         } else if (!isInOrder && !isOpenedTwice) {
             AddViolation(row);
-        } else if (fate.status == FrameStatus::Dropped && fate.isOut && frame.end < fate.output) {
+        } else if (fate.status == FrameStatus::Dropped && fate.isOut && frame.refused > frame.end) {
             Add(Case::EndedEarly, row, -1);
         }
     }

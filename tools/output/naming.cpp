@@ -106,7 +106,7 @@ std::string StageTitleOf(const Scene& scene, size_t stage) {
 
 Rows FigureTableOf(const Account& account, const JudgedScene& scene) {
     const Figures& figures = scene.figures;
-    Rows rows = {{"", "n", "p50", "p90", "p95", "p99", "max"}};
+    Rows rows = {{"times of", "n", "p50", "p90", "p95", "p99", "max"}};
     const auto add = [&](std::string name, const Statistics& times) {
         rows.push_back({std::move(name), std::to_string(times.count)});
         for (const Micros time : {times.p50, times.p90, times.p95, times.p99, times.max}) {
