@@ -166,6 +166,7 @@ Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t t
             .first->second.Add(span.begin, span.end);
     }
     std::vector<Layer> named;
+    named.reserve(layers.size());
     for (auto& [text, layer] : layers) {
         named.push_back(std::move(layer));
     }
