@@ -49,7 +49,7 @@ void Read(std::vector<tools::MessageSink*> sinks) {
     tools::CaptureReader reader(std::move(sinks));
     const int file = open(TenMinutes().path.c_str(), O_RDONLY | O_CLOEXEC);
     reader.Begin("capture");
-    tools::ReadText(reader, file);
+    tools::ReadText(reader, "capture", file, [](int64_t, int64_t) { return true; });
     reader.Finish();
     close(file);
 }
