@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -58,6 +61,16 @@ std::optional<bool> desktop::BooleanOf(std::string_view value) {
     return std::nullopt;
 }
 
+std::optional<int32_t> desktop::NumberOf(const std::string& value) {
+    char* end = nullptr;
+    errno = 0;
+    const int64_t number = std::strtoll(value.c_str(), &end, 0);
+    const bool isNumber = errno == 0 && end != value.c_str() && *end == '\0' &&
+                          number >= std::numeric_limits<int32_t>::min() &&
+                          number <= std::numeric_limits<int32_t>::max();
+    return isNumber ? std::make_optional(static_cast<int32_t>(number)) : std::nullopt;
+}
+
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
     desktop::State& state = desktop::GetState();
     state.logLines.fetch_add(1, std::memory_order_relaxed);
@@ -81,6 +94,14 @@ int8_t property_get_bool(const char* key, int8_t defaultValue) {
     const auto value =
         property == properties.end() ? std::nullopt : desktop::BooleanOf(property->second);
     return value ? static_cast<int8_t>(*value) : defaultValue;
+}
+
+int32_t property_get_int32(const char* key, int32_t defaultValue) {
+    const auto& properties = desktop::GetState().properties;
+    const auto property = properties.find(key);
+    const auto value =
+        property == properties.end() ? std::nullopt : desktop::NumberOf(property->second);
+    return value.value_or(defaultValue);
 }
 
 uint64_t atrace_get_enabled_tags() {

@@ -1,67 +1,116 @@
-// A boost service that reports every call to the observer and returns the status that was set.
+// A boost service that reports every call to the observer and returns the status that was set. With
+// TARVO_DESKTOP_SERVICE=boost each call also goes to the service that boosts, whose status it
+// returns.
 
 #include "platform/boost_service.h"
 
+#include <dlfcn.h>
+
+#include <cstdio>
 #include <initializer_list>
-#include <utility>
+#include <string>
 
 #include "host/desktop.h"
 #include "host/state.h"
 
 namespace {
 
-using desktop::ServiceArgument;
+using desktop::ServiceCall;
 using desktop::ServiceFunction;
 
-int32_t Answer(ServiceFunction function, std::initializer_list<ServiceArgument> arguments,
-               const std::vector<int32_t>& tids = {}) {
+// The service that boosts; null where the environment does not ask for it. Asked at the first call,
+// so that a program can set the variable itself.
+void* BoostingService() {
+    static void* const service = []() -> void* {
+        const std::string wanted = desktop::Environment("TARVO_DESKTOP_SERVICE");
+        if (wanted.empty()) {
+            return nullptr;
+        }
+        if (wanted != "boost") {
+            std::fprintf(stderr,
+                         "TARVO_DESKTOP_SERVICE: \"%s\" is no service, expected boost; nothing is "
+                         "boosted\n",
+                         wanted.c_str());
+            return nullptr;
+        }
+        void* library = dlopen("libtarvo_cfbt.so", RTLD_NOW | RTLD_LOCAL);
+        if (library == nullptr) {
+            // NOLINTNEXTLINE(concurrency-mt-unsafe): the text is the calling thread's.
+            std::fprintf(stderr, "TARVO_DESKTOP_SERVICE: %s; nothing is boosted\n", dlerror());
+        }
+        return library;
+    }();
+    return service;
+}
+
+void Put(ServiceCall& call, const char* name, int32_t value) {
+    call.arguments.push_back({name, value});
+}
+
+void Put(ServiceCall& call, const char* /*name*/, const std::vector<int32_t>& tids) {
+    call.tids = tids;
+}
+
+// `Self` is the type of the service's function, whose arguments have these names.
+template <ServiceFunction FUNCTION, typename Self, typename... Values>
+int32_t Answer(Self* /*self*/, std::initializer_list<const char*> names, const Values&... values) {
+    static Self* const boosting =
+        BoostingService() == nullptr
+            ? nullptr
+            : reinterpret_cast<Self*>(dlsym(BoostingService(), desktop::NameOf(FUNCTION)));
     desktop::State& state = desktop::GetState();
-    const auto index = static_cast<size_t>(function);
+    constexpr auto index = static_cast<size_t>(FUNCTION);
     state.serviceCalls[index].fetch_add(1, std::memory_order_relaxed);
-    const int32_t status = state.serviceStatus[index].load(std::memory_order_relaxed);
-    desktop::Emit([&] { return desktop::ServiceCall{function, arguments, tids, status}; });
+    const int32_t status = boosting != nullptr
+                               ? boosting(values...)
+                               : state.serviceStatus[index].load(std::memory_order_relaxed);
+    desktop::Emit([&] {
+        ServiceCall call{FUNCTION, {}, {}, status};
+        const char* const* name = names.begin();
+        (Put(call, *name++, values), ...);
+        return call;
+    });
     return status;
 }
 
 }  // namespace
 
 int32_t cfbtSceneStart(int32_t scene, int32_t fpsClass, int32_t version) {
-    return Answer(ServiceFunction::SceneStart,
-                  {{"scene", scene}, {"fpsClass", fpsClass}, {"version", version}});
+    return Answer<ServiceFunction::SceneStart>(cfbtSceneStart, {"scene", "fpsClass", "version"},
+                                               scene, fpsClass, version);
 }
 
 int32_t cfbtSceneEnd(int32_t scene) {
-    return Answer(ServiceFunction::SceneEnd, {{"scene", scene}});
+    return Answer<ServiceFunction::SceneEnd>(cfbtSceneEnd, {"scene"}, scene);
 }
 
 int32_t cfbtFrameStart(int32_t frameNumber) {
-    return Answer(ServiceFunction::FrameStart, {{"frame", frameNumber}});
+    return Answer<ServiceFunction::FrameStart>(cfbtFrameStart, {"frame"}, frameNumber);
 }
 
 int32_t cfbtFrameEnd(int32_t frameNumber) {
-    return Answer(ServiceFunction::FrameEnd, {{"frame", frameNumber}});
+    return Answer<ServiceFunction::FrameEnd>(cfbtFrameEnd, {"frame"}, frameNumber);
 }
 
 int32_t cfbtStageStart(int32_t frameNumber, int32_t stage, int32_t stageArg1, int32_t stageArg2) {
-    return Answer(
-        ServiceFunction::StageStart,
-        {{"frame", frameNumber}, {"stage", stage}, {"arg1", stageArg1}, {"arg2", stageArg2}});
+    return Answer<ServiceFunction::StageStart>(cfbtStageStart, {"frame", "stage", "arg1", "arg2"},
+                                               frameNumber, stage, stageArg1, stageArg2);
 }
 
 int32_t cfbtStageEnd(int32_t frameNumber, int32_t stage) {
-    return Answer(ServiceFunction::StageEnd, {{"frame", frameNumber}, {"stage", stage}});
+    return Answer<ServiceFunction::StageEnd>(cfbtStageEnd, {"frame", "stage"}, frameNumber, stage);
 }
 
 int32_t cfbtAddTids(int32_t scene, const std::vector<int32_t>& tids) {
-    return Answer(ServiceFunction::AddTids, {{"scene", scene}}, tids);
+    return Answer<ServiceFunction::AddTids>(cfbtAddTids, {"scene", "tids"}, scene, tids);
 }
 
 int32_t cfbtRemoveTids(int32_t scene, const std::vector<int32_t>& tids) {
-    return Answer(ServiceFunction::RemoveTids, {{"scene", scene}}, tids);
+    return Answer<ServiceFunction::RemoveTids>(cfbtRemoveTids, {"scene", "tids"}, scene, tids);
 }
 
 int32_t cfbtNotifyErrOfUser(int32_t scene, int32_t frameNumber, int32_t stage, int32_t errorStage) {
-    return Answer(
-        ServiceFunction::NotifyErrOfUser,
-        {{"scene", scene}, {"frame", frameNumber}, {"stage", stage}, {"errorStage", errorStage}});
+    return Answer<ServiceFunction::NotifyErrOfUser>(cfbtNotifyErrOfUser,
+                                                    {"scene", "frame", "stage", "errorStage"},
+                                                    scene, frameNumber, stage, errorStage);
 }

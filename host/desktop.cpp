@@ -37,10 +37,10 @@ void ReadProperties(InitialAndroid& android) {
             continue;
         }
         const std::string value = entry.substr(equals + 1);
-        if (!value.empty() && !BooleanOf(value)) {
+        if (!value.empty() && !BooleanOf(value) && !NumberOf(value)) {
             std::fprintf(stderr,
                          "TARVO_DESKTOP_PROPERTIES: \"%s\" counts as not set, expected 1, y, yes, "
-                         "on, true, 0, n, no, off or false\n",
+                         "on, true, 0, n, no, off, false or a number\n",
                          entry.c_str());
         }
         android.properties[entry.substr(0, equals)] = value;

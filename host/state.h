@@ -42,6 +42,9 @@ void ServeInitialConfiguration();
 // Whether a property's value means true or false to Android; nothing when it means neither.
 std::optional<bool> BooleanOf(std::string_view value);
 
+// The number that a property's value is to Android; nothing when it is none of 32 bits.
+std::optional<int32_t> NumberOf(const std::string& value);
+
 // The kernel's id of this thread. gettid() is missing in older C libraries, such as the one that
 // Android's build machines use.
 inline int32_t ThreadId() {

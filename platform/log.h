@@ -6,8 +6,9 @@
 #include <android/log.h>
 #else
 
-// The only priority that this library uses; the value is Android's.
-enum { ANDROID_LOG_DEBUG = 3 };
+// The priorities in use, the library's debug lines and the boost service's lines; the values are
+// Android's.
+enum { ANDROID_LOG_DEBUG = 3, ANDROID_LOG_INFO = 4, ANDROID_LOG_WARN = 5 };
 
 extern "C" {
 

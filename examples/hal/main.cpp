@@ -2,15 +2,17 @@
 // frames per second, at real pace. The threads live as long as their camera, so streams begin and
 // are flushed while nodes are at work. All calls of the library are in Booster; copy from there.
 //
-// Usage: hal [--all] [--busy] [SECONDS [DROP_EVERY [LOSE_EVERY [LOCK_EVERY]]]]
+// Usage: hal [--all] [--busy|--heavy] [--boost] [SECONDS [DROP_EVERY [LOSE_EVERY [LOCK_EVERY]]]]
 //     --all         not one recording alone, but all that a HAL does: preview, a recording that is
 //                   flushed in the middle, preview again, then a recording by a second camera
 //     --busy        each node computes for a fifth of its time and needs a CPU for that; without,
 //                   all time is spent waiting, as for hardware
-//     SECONDS       how long a recording is, 0.25 unless given
-//     DROP_EVERY    the sensor drops every n-th frame, and the HAL knows
-//     LOSE_EVERY    a node loses every n-th frame, and the library is not called for that
-//     LOCK_EVERY    from when every n-th frame leaves the sensor, a thread "Tuning" computes for
+//     --heavy       the same, but VideoStabilizer computes for 14 ms of a frame's 16.7
+//     --boost       with the boost service that boosts; without, the desktop's stand-in does
+//     nothing SECONDS       how long a recording is, 0.25 unless given DROP_EVERY    the sensor
+//     drops every n-th frame, and the HAL knows LOSE_EVERY    a node loses every n-th frame, and
+//     the library is not called for that LOCK_EVERY    from when every n-th frame leaves the
+//     sensor, a thread "Tuning" computes for
 //                   40 ms with a lock held that the node ToneMapper needs, too
 // Its threads have the names of their nodes.
 // Exit status: 0 all recordings were boosted, 1 one was refused, 2 bad usage.
@@ -50,6 +52,7 @@ constexpr std::array<Node, 5> NODES = {{{"SensorFrontEnd0", 3, std::chrono::mill
 constexpr size_t SENSOR = 0;
 constexpr size_t LOSING_NODE = 2;
 constexpr size_t LOCKING_NODE = 2;
+constexpr size_t HEAVY_NODE = 3;
 
 constexpr int32_t FPS = 60;
 struct Stream {
@@ -157,6 +160,29 @@ class Booster {
     int64_t boosted = NO_STREAM;  // The stream that has the scene. Guarded by mutex.
 };
 
+// For what a camera's thread shares with one that the service does not know: while a boosted thread
+// waits for the lock, its holder is boosted as well. With a std::mutex the holder would get a CPU
+// when all other programs have had theirs, and the frame would wait for that.
+class InheritingMutex {
+  public:
+    InheritingMutex() {
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
+        pthread_mutex_init(&mutex, &attributes);
+        pthread_mutexattr_destroy(&attributes);
+    }
+    ~InheritingMutex() { pthread_mutex_destroy(&mutex); }
+    InheritingMutex(const InheritingMutex&) = delete;
+    InheritingMutex& operator=(const InheritingMutex&) = delete;
+
+    void lock() { pthread_mutex_lock(&mutex); }
+    void unlock() { pthread_mutex_unlock(&mutex); }
+
+  private:
+    pthread_mutex_t mutex{};
+};
+
 // Hands things from one thread to another.
 template <typename Item>
 class Queue {
@@ -184,6 +210,7 @@ class Queue {
 // What is wrong with the cameras, and how they spend their time.
 struct Manner {
     bool isBusy;
+    bool isHeavy;
     int64_t dropEvery;
     int64_t loseEvery;
     int64_t lockEvery;
@@ -290,12 +317,17 @@ class Camera {
             std::this_thread::sleep_until(due);
             return;
         }
-        std::unique_lock<std::mutex> lock(tables, std::defer_lock);
+        std::unique_lock<InheritingMutex> lock(tables, std::defer_lock);
         if (node == LOCKING_NODE) {
             lock.lock();
         }
         const std::chrono::nanoseconds work = NODES[node].work;
-        const auto computing = manner.isBusy ? work / 5 : work * 0;
+        std::chrono::nanoseconds computing(0);
+        if (manner.isHeavy && node == HEAVY_NODE) {
+            computing = std::chrono::milliseconds(14);
+        } else if (manner.isHeavy || manner.isBusy) {
+            computing = work / 5;
+        }
         std::this_thread::sleep_for(work - computing);
         Compute(computing);
     }
@@ -306,7 +338,7 @@ class Camera {
     void RunTuning() {
         pthread_setname_np(pthread_self(), "Tuning");
         while (tunings.Pop().stream != NO_STREAM) {
-            const std::lock_guard<std::mutex> lock(tables);
+            const std::lock_guard<InheritingMutex> lock(tables);
             Compute(std::chrono::milliseconds(40));
         }
     }
@@ -318,7 +350,7 @@ class Camera {
     Queue<int32_t> started;                     // The ids of threads, as they start.
     std::atomic<int64_t> flushed{NO_STREAM};    // Frames of streams up to this one are thrown away.
     std::chrono::steady_clock::time_point due;  // When the sensor's frame is. Of its thread alone.
-    std::mutex tables;  // A node works, or the tables that it uses are made anew.
+    InheritingMutex tables;  // A node works, or the tables that it uses are made anew.
     const int32_t id;
     const Manner manner;
     std::vector<int32_t> tids;  // Of the nodes.
@@ -337,6 +369,7 @@ double Number(const char* text) {
 int main(int argc, char** argv) {
     bool isAll = false;
     bool isBusy = false;
+    bool isHeavy = false;
     std::array<double, 4> numbers = {0.25, 0, 0, 0};
     size_t count = 0;
     for (int i = 1; i < argc; ++i) {
@@ -346,18 +379,23 @@ int main(int argc, char** argv) {
             isAll = true;
         } else if (argument == "--busy") {
             isBusy = true;
+        } else if (argument == "--heavy") {
+            isHeavy = true;
+        } else if (argument == "--boost") {
+            // Before the library's first call of the service. A phone needs nothing of the kind.
+            setenv("TARVO_DESKTOP_SERVICE", "boost", /*replace=*/1);
         } else if (value >= 0 && count < numbers.size()) {
             numbers[count++] = value;
         } else {
             std::fputs(
-                "Usage: hal [--all] [--busy] "
+                "Usage: hal [--all] [--busy|--heavy] [--boost] "
                 "[SECONDS [DROP_EVERY [LOSE_EVERY [LOCK_EVERY]]]]\n",
                 stderr);
             return 2;
         }
     }
     const auto frames = static_cast<int64_t>(numbers[0] * VIDEO.fps);
-    const Manner manner = {isBusy, static_cast<int64_t>(numbers[1]),
+    const Manner manner = {isBusy, isHeavy, static_cast<int64_t>(numbers[1]),
                            static_cast<int64_t>(numbers[2]), static_cast<int64_t>(numbers[3])};
 
     Booster booster;
