@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <mutex>
 #include <string>
 #include <system_error>
@@ -22,7 +23,7 @@ using cfbt::Rung;
 constexpr int32_t DEFAULT_PRIORITY = 1;
 constexpr int32_t MAX_PRIORITY = 98;  // The watchdog has one more, and 99 is the highest.
 constexpr int32_t DEFAULT_SHARE = 75;
-constexpr int32_t WHOLE_SHARE = 100;
+constexpr int32_t NO_LIMIT = 100;
 
 struct Service {
     cfbt::Lock lock;
@@ -94,7 +95,8 @@ Rung HighestRung(int realTimeError) {
 int32_t cfbtSceneStart(int32_t /*scene*/, int32_t /*fpsClass*/, int32_t /*version*/) {
     Limits limits;
     limits.priority = Setting(cfbt::PRIORITY_PROPERTY, DEFAULT_PRIORITY, MAX_PRIORITY);
-    limits.share = Setting(cfbt::SHARE_PROPERTY, DEFAULT_SHARE, WHOLE_SHARE) / double{WHOLE_SHARE};
+    const int32_t percent = Setting(cfbt::SHARE_PROPERTY, DEFAULT_SHARE, NO_LIMIT);
+    limits.share = percent == NO_LIMIT ? HUGE_VAL : percent / 100.0;
     Service& service = GetService();
     Raising raising;
     int error = 0;

@@ -1,6 +1,7 @@
 #include "service/watchdog.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <mutex>
@@ -35,7 +36,8 @@ void Lock::unlock() {
 }
 
 int Watchdog::Prepare(int priority) {
-    if (!thread) {
+    if (!thread || process != getpid()) {  // A forked process has none of its parent's threads.
+        process = getpid();
         // Signals are for the program's own threads.
         sigset_t all;
         sigset_t before;
