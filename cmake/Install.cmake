@@ -1,8 +1,9 @@
 # What `cmake --install` puts in place: the library with its public headers, a CMake package and a
 # pkg-config file; on a desktop also the platform that the library is linked with, and the command
 # with its manual page, its completion for bash and its sample files. The component "desktop" is the
-# platform's header, with which a program can see the calls that the service gets. The packages that
-# scripts/package makes are "library", with that header, and "command".
+# platform's header, with which a program can see the calls that the service gets; "service" is the
+# boost service. The packages that scripts/package makes are "library", with that header, "service"
+# and "command".
 
 include(CMakePackageConfigHelpers)
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME library)
@@ -22,6 +23,19 @@ if(NOT ANDROID)
     install(TARGETS tarvodesktop EXPORT TarvoCameraFrameBoostTargets
         INCLUDES DESTINATION ${desktop_include_directory})
     install(FILES host/desktop.h COMPONENT desktop DESTINATION ${desktop_include_directory}/host)
+endif()
+if(TARGET tarvo_cfbt)
+    set_target_properties(tarvo_cfbt PROPERTIES EXPORT_NAME service INSTALL_RPATH $ORIGIN)
+    if(ANDROID)
+        # The library is linked with it, so neither is installed without the other.
+        install(TARGETS tarvo_cfbt EXPORT TarvoCameraFrameBoostTargets)
+    else()
+        # In a file of its own: the other targets are there where the service is not installed.
+        install(TARGETS tarvo_cfbt EXPORT TarvoCameraFrameBoostServiceTargets COMPONENT service)
+        install(EXPORT TarvoCameraFrameBoostServiceTargets COMPONENT service
+            NAMESPACE TarvoCameraFrameBoost::
+            DESTINATION ${package_directory})
+    endif()
 endif()
 
 install(EXPORT TarvoCameraFrameBoostTargets
@@ -60,16 +74,17 @@ if(TARGET cameraframeboost)
     install(DIRECTORY examples/cameras examples/configurations examples/sessions
         COMPONENT command DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvocameraframeboost)
 
-    # Debian packages. The command is linked with the library of the same build.
+    # Debian packages. Command and service are linked with the library of the same build.
     set(CPACK_GENERATOR DEB)
     set(CPACK_PACKAGE_CONTACT "The developers of libtarvocameraframeboost")
     set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
     set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "camera frame boost for Android's camera HALs")
     set(CPACK_STRIP_FILES ON)
     set(CPACK_DEB_COMPONENT_INSTALL ON)
-    set(CPACK_COMPONENTS_ALL library desktop command)
+    set(CPACK_COMPONENTS_ALL library desktop service command)
     set(CPACK_COMPONENT_LIBRARY_GROUP library)
     set(CPACK_COMPONENT_DESKTOP_GROUP library)
+    set(CPACK_COMPONENT_SERVICE_GROUP service)
     set(CPACK_COMPONENT_COMMAND_GROUP command)
     set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -79,6 +94,11 @@ if(TARGET cameraframeboost)
     set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libdevel)
     set(CPACK_DEBIAN_LIBRARY_DESCRIPTION
         "The library, its headers, and a desktop platform to test a HAL against.")
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_NAME libtarvo-cfbt)
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_SECTION libs)
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS "libtarvocameraframeboost (= ${PROJECT_VERSION})")
+    set(CPACK_DEBIAN_SERVICE_DESCRIPTION
+        "The boost service, which makes a camera's threads real-time while it records.")
     set(CPACK_DEBIAN_COMMAND_PACKAGE_NAME cameraframeboost)
     set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION utils)
     set(CPACK_DEBIAN_COMMAND_PACKAGE_DEPENDS "libtarvocameraframeboost (= ${PROJECT_VERSION})")
