@@ -124,4 +124,8 @@ int32_t OwnThread() {
     return id;
 }
 
+int32_t OwnProcess() {
+    return getpid();
+}
+
 }  // namespace cfbt

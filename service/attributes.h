@@ -61,4 +61,7 @@ bool MayRaiseNice();
 // The id of the calling thread, without a system call from the second time on.
 int32_t OwnThread();
 
+// The id of this process.
+int32_t OwnProcess();
+
 }  // namespace cfbt

@@ -1,7 +1,6 @@
 #include "service/watchdog.h"
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <mutex>
@@ -36,8 +35,8 @@ void Lock::unlock() {
 }
 
 int Watchdog::Prepare(int priority) {
-    if (!thread || process != getpid()) {  // A forked process has none of its parent's threads.
-        process = getpid();
+    if (!thread || process != OwnProcess()) {  // A forked process has none of its parent's threads.
+        process = OwnProcess();
         // Signals are for the program's own threads.
         sigset_t all;
         sigset_t before;

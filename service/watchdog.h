@@ -47,7 +47,7 @@ class Watchdog {
     BoostedThreads& threads;
     std::condition_variable_any sceneStarts;
     std::optional<pthread_t> thread;
-    pid_t process = 0;  // Whose thread that is.
+    int32_t process = 0;  // Whose thread that is.
 };
 
 }  // namespace cfbt
