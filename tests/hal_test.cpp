@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <numeric>
 #include <regex>
 #include <set>
@@ -181,6 +182,16 @@ TEST(HalTest, ReportsEachFrameThroughFlushesPreviewsAndBothCameras) {
     }
 }
 
+TEST(HalTest, RecordsWithTheServiceThatBoosts) {
+    const bool isRefused = std::system("chrt -f 2 true 2>/dev/null") != 0;
+    const Lines lines = LinesOf(HAL_COMMAND " --boost --busy 0.2", isRefused ? 1 : 0);
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_NE(lines[0].find(isRefused ? " W tarvo_cfbt: real-time (" : " I tarvo_cfbt: threads"),
+              std::string::npos)
+        << lines[0];
+    EXPECT_EQ(LinesOf(HAL_COMMAND " --heavy 0.1", 0), Lines{});
+}
+
 TEST(HalTest, ReportsUnusableEnvironmentVariablesOnce) {
     // This very program puts the platform back to its start again and again.
     const Lines lines = LinesOf(
@@ -194,6 +205,9 @@ TEST(HalTest, ReportsUnusableEnvironmentVariablesOnce) {
     for (size_t i = 0; i < lines.size(); ++i) {
         EXPECT_NE(lines[i].find(expected[i]), std::string::npos) << lines[i];
     }
+    EXPECT_EQ(CountOf(LinesOf("TARVO_DESKTOP_SERVICE=best " HAL_COMMAND " 0.1", 0),
+                      "TARVO_DESKTOP_SERVICE: \"best\" is no service, expected boost"),
+              1);
     // Two lines of loading, three of the facade: none of a thread that is handed over.
     EXPECT_EQ(LinesOf(std::string(DEBUG) + "TARVO_DESKTOP_CONFIG=/dev/null " HAL_COMMAND, 1).size(),
               2U + 3U);
