@@ -1,5 +1,5 @@
-// A desktop platform for the camera frame boost library: takes the place of Android and of the two
-// closed libraries, so that the same library runs on a Linux workstation.
+// A desktop platform for the camera frame boost library: takes the place of Android and of a
+// device's own libraries, so that the same library runs on a Linux workstation.
 //
 // With this header tools and tests set the platform up and watch it. By default the store serves
 // the built-in sample configuration, all properties are unset, tracing is off, the boost service
@@ -9,6 +9,8 @@
 //
 //     TARVO_DESKTOP_CONFIG        a TOML file for the store to serve
 //     TARVO_DESKTOP_PROPERTIES    system properties: name=value,name=value
+//     TARVO_DESKTOP_SERVICE       boost: each call of the boost service goes on to libtarvo_cfbt,
+//                                 which boosts, and returns its status
 //     TARVO_DESKTOP_TRACE_TAGS    the mask of enabled trace tags, decimal or 0x and hexadecimal
 //     TARVO_DESKTOP_TRACE_MARKER  1: trace counters go into the kernel's trace, and no longer to
 //                                 standard error; or the trace_marker to write, such as that of an
@@ -140,7 +142,7 @@ int64_t CounterUpdateCount();
 
 // ---- The boost service ----
 
-// What `function` returns from now on.
+// What `function` returns from now on, unless TARVO_DESKTOP_SERVICE has another service answer.
 void SetServiceStatus(ServiceFunction function, int32_t status);
 
 // ---- The configuration store ----

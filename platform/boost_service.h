@@ -1,5 +1,6 @@
-// The closed boost service library, libtarvo_cfbt. It does the scheduling; this library only
-// reports the camera's scenes, frames and stages to it.
+// The boost service, a library named libtarvo_cfbt: the device's own, which is closed, or the one in
+// service/. It does the scheduling; libtarvocameraframeboost only reports the camera's scenes,
+// frames and stages to it.
 //
 // Every function runs on the caller's thread and returns a status, 0 for success. Only the service
 // knows what other values mean. Frame numbers are the low 32 bits of the HAL's 64-bit frame
