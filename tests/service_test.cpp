@@ -66,9 +66,11 @@ KernelAttributes AttributesOf(int32_t tid) {
     return attributes;
 }
 
+// Read while this thread is ordinary: the kernel shows no slice of real-time threads.
+const uint64_t USUAL_SLICE = AttributesOf(getpid()).slice;
+
 // A thread's attributes in words; the slice only where it is not that of a new thread.
 std::string Of(int32_t tid) {
-    static const uint64_t usualSlice = AttributesOf(getpid()).slice;
     constexpr std::array<const char*, 7> policies = {"other", "fifo", "rr",      "batch",
                                                      "?",     "idle", "deadline"};
     const KernelAttributes attributes = AttributesOf(tid);
@@ -79,7 +81,7 @@ std::string Of(int32_t tid) {
     } else {
         text << ", nice " << attributes.nice;
     }
-    if (attributes.priority == 0 && attributes.slice != usualSlice) {
+    if (attributes.priority == 0 && attributes.slice != USUAL_SLICE) {
         text << ", slice " << attributes.slice;
     }
     text << ((attributes.flags & 1U) != 0 ? ", reset on fork" : "");
