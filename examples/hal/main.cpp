@@ -8,11 +8,11 @@
 //     --busy        each node computes for a fifth of its time and needs a CPU for that; without,
 //                   all time is spent waiting, as for hardware
 //     --heavy       the same, but VideoStabilizer computes for 14 ms of a frame's 16.7
-//     --boost       with the boost service that boosts; without, the desktop's stand-in does
-//     nothing SECONDS       how long a recording is, 0.25 unless given DROP_EVERY    the sensor
-//     drops every n-th frame, and the HAL knows LOSE_EVERY    a node loses every n-th frame, and
-//     the library is not called for that LOCK_EVERY    from when every n-th frame leaves the
-//     sensor, a thread "Tuning" computes for
+//     --boost       with the boost service that boosts; without, a stand-in boosts nothing
+//     SECONDS       how long a recording is, 0.25 unless given
+//     DROP_EVERY    the sensor drops every n-th frame, and the HAL knows
+//     LOSE_EVERY    a node loses every n-th frame, and the library is not called for that
+//     LOCK_EVERY    from when every n-th frame leaves the sensor, a thread "Tuning" computes for
 //                   40 ms with a lock held that the node ToneMapper needs, too
 // Its threads have the names of their nodes.
 // Exit status: 0 all recordings were boosted, 1 one was refused, 2 bad usage.
