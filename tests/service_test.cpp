@@ -494,7 +494,7 @@ TEST_F(ServiceTest, TakesItsSettingsAtEachScene) {
 }
 
 TEST_F(ServiceTest, HasRoomFor64Threads) {
-    // No thread has these, which are above the kernel's highest: a fault must not raise the machine's.
+    // Above the kernel's highest id, so that no fault raises other threads of the machine.
     Tids others(64);
     std::iota(others.begin(), others.end(), 1 << 23);
     const int32_t last = Add().tid;
