@@ -65,7 +65,7 @@ std::optional<int32_t> desktop::NumberOf(const std::string& value) {
     char* end = nullptr;
     errno = 0;
     const int64_t number = std::strtoll(value.c_str(), &end, 0);
-    const bool isNumber = errno == 0 && end != value.c_str() && *end == '\0' &&
+    const bool isNumber = errno == 0 && end != value.c_str() &&
                           number >= std::numeric_limits<int32_t>::min() &&
                           number <= std::numeric_limits<int32_t>::max();
     return isNumber ? std::make_optional(static_cast<int32_t>(number)) : std::nullopt;

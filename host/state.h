@@ -42,7 +42,7 @@ void ServeInitialConfiguration();
 // Whether a property's value means true or false to Android; nothing when it means neither.
 std::optional<bool> BooleanOf(std::string_view value);
 
-// The number that a property's value is to Android; nothing when it is none of 32 bits.
+// The number with which a property's value begins; nothing when that is none of 32 bits.
 std::optional<int32_t> NumberOf(const std::string& value);
 
 // The kernel's id of this thread. gettid() is missing in older C libraries, such as the one that

@@ -14,8 +14,8 @@ extern "C" {
 // unset or whose value means neither.
 int8_t property_get_bool(const char* key, int8_t defaultValue);
 
-// Returns the number that a property's value is, decimal, octal behind 0 or hexadecimal behind 0x;
-// `defaultValue` for a property that is unset or has any other value.
+// Returns the number with which a property's value begins, decimal, octal behind 0 or hexadecimal
+// behind 0x; `defaultValue` for a property that is unset or does not begin with one of 32 bits.
 int32_t property_get_int32(const char* key, int32_t defaultValue);
 
 }  // extern "C"

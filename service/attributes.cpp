@@ -38,6 +38,22 @@ bool SetNice(int32_t tid, int nice) {
     return setpriority(PRIO_PROCESS, static_cast<id_t>(tid), nice) == 0;
 }
 
+// Whether the id still is a thread of this process that has what it was given.
+bool IsRaised(int32_t tid, const Boost& boost) {
+    if (boost.rung == Rung::Ordinary || !IsOwnThread(tid)) {
+        return false;
+    }
+    const int policy = sched_getscheduler(tid);
+    if (boost.rung == Rung::Nice) {
+        return policy == (SCHED_OTHER | RESET_ON_FORK) && NiceOf(tid) == RAISED_NICE;
+    }
+    sched_param param{};
+    return policy == (SCHED_FIFO | RESET_ON_FORK) && sched_getparam(tid, &param) == 0 &&
+           param.sched_priority == boost.priority;
+}
+
+thread_local int32_t ownThread = 0;
+
 }  // namespace
 
 bool Raise(int32_t tid, Rung highest, int priority, Boost& boost) {
@@ -58,29 +74,20 @@ bool Raise(int32_t tid, Rung highest, int priority, Boost& boost) {
     if (boost.nice <= RAISED_NICE) {
         return true;
     }
-    if (SetNice(tid, RAISED_NICE) && SetPolicy(tid, SCHED_OTHER | RESET_ON_FORK, 0)) {
-        boost.rung = Rung::Nice;
-        return true;
+    if (!SetNice(tid, RAISED_NICE)) {
+        return errno == ESRCH;  // It has ended meanwhile.
     }
-    return errno == ESRCH;  // It has ended meanwhile.
-}
-
-bool IsRaised(int32_t tid, const Boost& boost) {
-    if (boost.rung == Rung::Ordinary || !IsOwnThread(tid)) {
+    if (!SetPolicy(tid, SCHED_OTHER | RESET_ON_FORK, 0)) {
+        SetNice(tid, boost.nice);
         return false;
     }
-    const int policy = sched_getscheduler(tid);
-    if (boost.rung == Rung::Nice) {
-        return policy == (SCHED_OTHER | RESET_ON_FORK) && NiceOf(tid) == RAISED_NICE;
-    }
-    sched_param param{};
-    return policy == (SCHED_FIFO | RESET_ON_FORK) && sched_getparam(tid, &param) == 0 &&
-           param.sched_priority == boost.priority;
+    boost.rung = Rung::Nice;
+    return true;
 }
 
-void Restore(int32_t tid, const Boost& boost) {
+bool Restore(int32_t tid, const Boost& boost) {
     if (!IsRaised(tid, boost)) {
-        return;
+        return false;
     }
     // Without CAP_SYS_NICE no thread loses its reset-on-fork again; all else it gets back.
     if (!SetPolicy(tid, boost.policy, 0)) {
@@ -89,6 +96,7 @@ void Restore(int32_t tid, const Boost& boost) {
     if (boost.rung == Rung::Nice) {
         SetNice(tid, boost.nice);
     }
+    return true;
 }
 
 std::chrono::nanoseconds CpuTimeOf(int32_t tid) {
@@ -117,15 +125,14 @@ bool MayRaiseNice() {
 }
 
 int32_t OwnThread() {
-    static thread_local int32_t id = 0;
-    if (id == 0) {
-        id = gettid();
+    if (ownThread == 0) {
+        ownThread = gettid();
     }
-    return id;
+    return ownThread;
 }
 
-int32_t OwnProcess() {
-    return getpid();
+void ForgetOwnThread() {
+    ownThread = 0;
 }
 
 }  // namespace cfbt

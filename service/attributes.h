@@ -4,7 +4,7 @@
 // A thread that is raised becomes SCHED_FIFO with SCHED_RESET_ON_FORK, so that its children are
 // ordinary. The kernel keeps a thread's nice value, slice and utilization clamps while it is
 // real-time, so putting its policy back puts back all of them, and what the HAL changed meanwhile
-// stays changed.
+// stays changed. A timer slack of its own is lost: newer kernels give it the usual one then.
 
 #pragma once
 
@@ -38,12 +38,8 @@ struct Boost {
 // kernel would raise any thread of the machine. Returns false if the kernel refuses all rungs.
 bool Raise(int32_t tid, Rung highest, int priority, Boost& boost);
 
-// Whether the id still is a thread of this process that has what it was given. A new thread with a
-// used id has not.
-bool IsRaised(int32_t tid, const Boost& boost);
-
-// Gives back what the thread had, if it is still raised.
-void Restore(int32_t tid, const Boost& boost);
+// Gives back what the thread had, if it is still raised; returns whether it was.
+bool Restore(int32_t tid, const Boost& boost);
 
 // How long the CPUs worked for a thread of this process; 0 for any other id.
 std::chrono::nanoseconds CpuTimeOf(int32_t tid);
@@ -61,7 +57,7 @@ bool MayRaiseNice();
 // The id of the calling thread, without a system call from the second time on.
 int32_t OwnThread();
 
-// The id of this process.
-int32_t OwnProcess();
+// In a process that was just forked: its thread has another id than the one that was forked.
+void ForgetOwnThread();
 
 }  // namespace cfbt

@@ -1,4 +1,6 @@
-#include "service/boost_service.h"
+#include "platform/boost_service.h"
+
+#include <pthread.h>
 
 #include <atomic>
 #include <cerrno>
@@ -7,10 +9,10 @@
 #include <string>
 #include <system_error>
 
-#include "platform/boost_service.h"
 #include "platform/log.h"
 #include "platform/properties.h"
 #include "service/boosted_threads.h"
+#include "service/settings.h"
 #include "service/watchdog.h"
 
 namespace {
@@ -32,11 +34,24 @@ struct Service {
     std::atomic<int> logged{-1};             // The rung of the last line about rungs.
 };
 
+Service* current = nullptr;
+
+void MakeService() {
+    current = new Service;
+}
+
 // Never destroyed: the watchdog and the camera's threads may still be in here while the process
-// ends. For the same reason the library is linked so that it is never unloaded.
+// ends. For the same reason the library is linked so that it is never unloaded. A forked process
+// has none of its parent's threads and begins anew.
 Service& GetService() {
-    static Service& service = *new Service;
-    return service;
+    [[maybe_unused]] static const int isMade = [] {
+        MakeService();
+        return pthread_atfork(nullptr, nullptr, [] {
+            cfbt::ForgetOwnThread();
+            MakeService();
+        });
+    }();
+    return *current;
 }
 
 int32_t Setting(const char* property, int32_t standard, int32_t highest) {
@@ -68,7 +83,7 @@ void LogRung(Rung rung, int error) {
             break;
         case Rung::Ordinary:
             __android_log_print(ANDROID_LOG_WARN, LOG_TAG,
-                                "real-time (%s) and nice %d are refused: nothing is boosted",
+                                "real-time (%s) and nice %d are refused: threads are not boosted",
                                 reason.c_str(), cfbt::RAISED_NICE);
             break;
     }
@@ -103,15 +118,13 @@ int32_t cfbtSceneStart(int32_t /*scene*/, int32_t /*fpsClass*/, int32_t /*versio
     bool isRefused = false;
     {
         const std::lock_guard<cfbt::Lock> guard(service.lock);
-        error = service.watchdog.Prepare(limits.priority + 1);
+        error = service.watchdog.Wake(limits.priority + 1);
         limits.highest = HighestRung(error);
         raising = service.threads.StartScene(limits);
         isRefused = limits.highest == Rung::Ordinary ||
                     (raising.refused > 0 && raising.nice + raising.realTime == 0);
         if (isRefused) {
             service.threads.EndScene();
-        } else {
-            service.watchdog.Wake();
         }
     }
     LogRung(LowestRung(raising, limits.highest), error == 0 ? EPERM : error);

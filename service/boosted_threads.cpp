@@ -15,11 +15,16 @@ BoostedThreads::Thread* BoostedThreads::Find(int32_t tid) {
 
 void BoostedThreads::Raise(Thread& thread, Raising& raising) const {
     const int32_t tid = thread.tid.load(std::memory_order_relaxed);
-    if (tid == 0 || thread.isWild || IsRaised(tid, thread.boost)) {
+    const std::chrono::nanoseconds cpuTime = CpuTimeOf(tid);
+    const bool wasRaised = thread.isWild || thread.boost.rung != Rung::Ordinary;
+    // A new thread had less of the CPUs than the one whose id it has.
+    if (tid == 0 || (wasRaised && cpuTime >= thread.seenCpuTime)) {
         return;
     }
+    thread.isWild = false;
+    thread.seen = std::chrono::steady_clock::now();
     thread.seenStageEnds = thread.stageEnds.load(std::memory_order_relaxed);
-    thread.seenCpuTime = CpuTimeOf(tid);
+    thread.seenCpuTime = cpuTime;
     if (!cfbt::Raise(tid, limits.highest, limits.priority, thread.boost)) {
         ++raising.refused;
     } else if (thread.boost.rung == Rung::Nice) {
@@ -42,8 +47,6 @@ Raising BoostedThreads::Add(const std::vector<int32_t>& tids) {
                 ++raising.surplus;
                 continue;
             }
-            thread->boost = {};
-            thread->isWild = false;
             thread->tid.store(tid, std::memory_order_relaxed);
             const auto places = static_cast<size_t>(thread - threads.data()) + 1;
             used.store(std::max(used.load(std::memory_order_relaxed), places),
@@ -61,14 +64,16 @@ void BoostedThreads::Remove(const std::vector<int32_t>& tids) {
         Thread* thread = tid <= 0 ? nullptr : Find(tid);
         if (thread != nullptr) {
             Restore(tid, thread->boost);
+            thread->boost = {};
+            thread->isWild = false;
             thread->tid.store(0, std::memory_order_relaxed);
         }
     }
 }
 
 Raising BoostedThreads::StartScene(const Limits& sceneLimits) {
+    EndScene();
     limits = sceneLimits;
-    looked = std::chrono::steady_clock::now();
     Raising raising;
     for (Thread& thread : threads) {
         Raise(thread, raising);
@@ -97,27 +102,27 @@ void BoostedThreads::CountStageEnd() {
 }
 
 Lowered BoostedThreads::LowerWild() {
-    const auto now = std::chrono::steady_clock::now();
-    const std::chrono::duration<double> limit = limits.share * (now - looked);
-    looked = now;
     Lowered lowered;
     for (Thread& thread : threads) {
-        const int32_t tid = thread.tid.load(std::memory_order_relaxed);
-        if (thread.boost.rung == Rung::Ordinary && !thread.isWild) {
+        const auto now = std::chrono::steady_clock::now();
+        const std::chrono::duration<double> passed = now - thread.seen;
+        // Over a short time nobody can tell.
+        if ((thread.boost.rung == Rung::Ordinary && !thread.isWild) || passed < LOOK_PERIOD / 2) {
             continue;
         }
+        const int32_t tid = thread.tid.load(std::memory_order_relaxed);
         const uint32_t stageEnds = thread.stageEnds.load(std::memory_order_relaxed);
         const std::chrono::nanoseconds cpuTime = CpuTimeOf(tid);
         const bool hasEndedStage = stageEnds != thread.seenStageEnds;
-        const bool isGreedy = cpuTime - thread.seenCpuTime > limit;
+        const bool isGreedy = cpuTime - thread.seenCpuTime > limits.share * passed;
+        thread.seen = now;
         thread.seenStageEnds = stageEnds;
         thread.seenCpuTime = cpuTime;
         if (thread.isWild && hasEndedStage) {
             thread.isWild = false;
             Raising ignored;
             Raise(thread, ignored);
-        } else if (!thread.isWild && isGreedy && !hasEndedStage) {
-            Restore(tid, thread.boost);
+        } else if (!thread.isWild && isGreedy && !hasEndedStage && Restore(tid, thread.boost)) {
             thread.boost = {};
             thread.isWild = true;
             lowered.tids[lowered.count++] = tid;

@@ -16,6 +16,10 @@ namespace cfbt {
 // A camera has a thread for each node and a few more. A fixed number, so that nothing is allocated.
 constexpr size_t MAX_THREADS = 64;
 
+// How often the watchdog looks. Six frames at 60 frames per second: a thread that runs wild costs
+// about as many as are in flight anyway.
+constexpr std::chrono::milliseconds LOOK_PERIOD(100);
+
 // How far the threads of a scene are raised.
 struct Limits {
     Rung highest = Rung::Ordinary;
@@ -40,15 +44,16 @@ struct Lowered {
 // All functions but CountStageEnd are called with the service's lock held.
 class BoostedThreads {
   public:
-    // Keeps the ids, and raises them where a scene runs. An id that is kept already is raised anew
-    // if it has not what it was given, as a new thread with a used id; not if the watchdog has put
-    // it back.
+    // Keeps the ids, and raises them where a scene runs. An id that was raised in this scene is
+    // raised anew only if a new thread has it now: the library hands over its whole list again for
+    // each thread that is added, and neither what the watchdog has put back nor what the HAL has
+    // changed itself is meant by that.
     Raising Add(const std::vector<int32_t>& tids);
 
     // Restores and forgets.
     void Remove(const std::vector<int32_t>& tids);
 
-    // Raises all threads. Where a scene runs already, it goes on with these limits.
+    // Raises all threads. Where a scene runs already, it ends first.
     Raising StartScene(const Limits& sceneLimits);
 
     // Restores all threads, and keeps the ids.
@@ -59,10 +64,10 @@ class BoostedThreads {
     // The calling thread has ended a stage. Takes no lock and makes no system call.
     void CountStageEnd();
 
-    // For the watchdog, again and again while a scene runs. Restores each raised thread that had a
-    // CPU for more than its share of the time since the look before and ended no stage meanwhile,
-    // and returns these. They are raised again when they have ended a stage: by their use of the
-    // CPU alone they would go up and down all the time.
+    // For the watchdog, each LOOK_PERIOD. Restores each raised thread that had a CPU for more than
+    // its share of the time since the look before and ended no stage meanwhile, and returns these.
+    // They are raised again when they have ended a stage: by their use of the CPU alone they would
+    // go up and down all the time.
     Lowered LowerWild();
 
   private:
@@ -71,6 +76,8 @@ class BoostedThreads {
         std::atomic<uint32_t> stageEnds{0};
         Boost boost;
         bool isWild = false;  // The watchdog has put it back.
+        // When it was raised, or looked at last.
+        std::chrono::steady_clock::time_point seen;
         uint32_t seenStageEnds = 0;
         std::chrono::nanoseconds seenCpuTime{};
     };
@@ -81,7 +88,6 @@ class BoostedThreads {
     std::array<Thread, MAX_THREADS> threads;
     std::atomic<size_t> used{0};  // No place from this one on was ever taken.
     Limits limits;                // Of the scene; none while no scene runs.
-    std::chrono::steady_clock::time_point looked;
 };
 
 }  // namespace cfbt

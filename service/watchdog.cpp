@@ -2,21 +2,13 @@
 
 #include <signal.h>
 
-#include <chrono>
 #include <mutex>
-#include <system_error>
 #include <thread>
 
 #include "platform/log.h"
-#include "service/boost_service.h"
+#include "service/settings.h"
 
 namespace cfbt {
-namespace {
-
-// Six frames at 60 frames per second: a wild thread costs about as many as are in flight anyway.
-constexpr std::chrono::milliseconds PERIOD(100);
-
-}  // namespace
 
 Lock::Lock() {
     pthread_mutexattr_t attributes;
@@ -34,49 +26,55 @@ void Lock::unlock() {
     pthread_mutex_unlock(&mutex);
 }
 
-int Watchdog::Prepare(int priority) {
-    if (!thread || process != OwnProcess()) {  // A forked process has none of its parent's threads.
-        process = OwnProcess();
+Watchdog::Watchdog(Lock& itsLock, BoostedThreads& itsThreads) : lock(itsLock), threads(itsThreads) {
+    sem_init(&wakes, 0, 0);
+}
+
+int Watchdog::Wake(int priority) {
+    if (!hasThread) {
         // Signals are for the program's own threads.
         sigset_t all;
         sigset_t before;
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, &before);
-        try {
-            std::thread made(&Watchdog::Run, this);
-            thread = made.native_handle();
-            made.detach();
-        } catch (const std::system_error& error) {
-            pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            return error.code().value();
-        }
+        const auto run = [](void* self) -> void* {
+            static_cast<Watchdog*>(self)->Run();
+            return nullptr;
+        };
+        const int error = pthread_create(&thread, nullptr, run, this);
         pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        if (error != 0) {
+            return error;
+        }
+        hasThread = true;
     }
-    return RaiseWatchdog(*thread, priority);
-}
-
-void Watchdog::Wake() {
-    sceneStarts.notify_one();
+    if (!isAwake) {
+        isAwake = true;
+        sem_post(&wakes);
+    }
+    return RaiseWatchdog(thread, priority);
 }
 
 void Watchdog::Run() {
     pthread_setname_np(pthread_self(), "cfbt-watchdog");
     RaiseOwnNice();
-    std::unique_lock<Lock> holder(lock);
     for (;;) {
-        sceneStarts.wait(holder, [this] { return threads.IsSceneRunning(); });
-        holder.unlock();
-        std::this_thread::sleep_for(PERIOD);
-        holder.lock();
-        const Lowered lowered = threads.LowerWild();
-        holder.unlock();
-        for (size_t i = 0; i < lowered.count; ++i) {
-            __android_log_print(
-                ANDROID_LOG_WARN, LOG_TAG,
-                "thread %d keeps a CPU and ends no stage: not boosted until it does",
-                lowered.tids[i]);
+        sem_wait(&wakes);
+        for (bool isRunning = true; isRunning;) {
+            std::this_thread::sleep_for(LOOK_PERIOD);
+            Lowered lowered;
+            {
+                const std::lock_guard<Lock> guard(lock);
+                isRunning = isAwake = threads.IsSceneRunning();
+                lowered = threads.LowerWild();
+            }
+            for (size_t i = 0; i < lowered.count; ++i) {
+                __android_log_print(
+                    ANDROID_LOG_WARN, LOG_TAG,
+                    "thread %d keeps a CPU and ends no stage: not boosted until it does",
+                    lowered.tids[i]);
+            }
         }
-        holder.lock();
     }
 }
 

@@ -6,17 +6,14 @@
 #pragma once
 
 #include <pthread.h>
-
-#include <condition_variable>
-#include <optional>
+#include <semaphore.h>
 
 #include "service/boosted_threads.h"
 
 namespace cfbt {
 
-// The service's lock. Whoever holds it while the watchdog waits for it runs at the watchdog's
-// priority: else threads that run wild on all CPUs would keep the holder from going on, and with it
-// the watchdog.
+// The service's lock. A holder for whom the watchdog waits runs at the watchdog's priority: else
+// threads that run wild on all CPUs would keep the holder from going on, and with it the watchdog.
 class Lock {
   public:
     Lock();
@@ -30,24 +27,23 @@ class Lock {
 class Watchdog {
   public:
     // Both are the service's, and outlive this.
-    Watchdog(Lock& itsLock, BoostedThreads& itsThreads) : lock(itsLock), threads(itsThreads) {}
+    Watchdog(Lock& itsLock, BoostedThreads& itsThreads);
 
-    // Makes the thread if there is none yet, which sleeps while no scene runs, and gives it this
-    // priority of SCHED_FIFO. Returns 0, or the error of the kernel, which then grants no thread of
-    // this process that. With the lock held.
-    int Prepare(int priority);
-
-    // After a scene's start.
-    void Wake();
+    // Wakes the watchdog, which sleeps again once no scene runs, and gives it this priority of
+    // SCHED_FIFO. To be called before threads are raised, with the lock held: they may be running
+    // wild already. Returns 0, or the error that refuses the watchdog that, and with it the threads
+    // that it would watch.
+    int Wake(int priority);
 
   private:
-    [[noreturn]] void Run();
+    void Run();
 
     Lock& lock;
     BoostedThreads& threads;
-    std::condition_variable_any sceneStarts;
-    std::optional<pthread_t> thread;
-    int32_t process = 0;  // Whose thread that is.
+    sem_t wakes{};
+    bool hasThread = false;  // Guarded by lock, as is all from here on.
+    bool isAwake = false;
+    pthread_t thread{};
 };
 
 }  // namespace cfbt

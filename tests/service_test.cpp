@@ -31,7 +31,7 @@
 #include <thread>
 
 #include "platform/boost_service.h"
-#include "service/boost_service.h"
+#include "service/settings.h"
 #include "tests/support/allocations.h"
 #include "tests/support/library_test.h"
 
@@ -598,7 +598,7 @@ TEST_F(ServiceTest, BoostsNothingWhereTheKernelGrantsNothing) {
             EXPECT_EQ(Of(getpid()), ORDINARY);
         }
         EXPECT_EQ(Log(), Lines{"real-time (Operation not permitted) and nice -19 are refused: "
-                               "nothing is boosted"});
+                               "threads are not boosted"});
     });
 }
 
