@@ -501,6 +501,9 @@ TEST_F(ServiceTest, TakesItsSettingsAtEachScene) {
     desktop::SetProperty(cfbt::PRIORITY_PROPERTY, "20");
     StartScene();
     EXPECT_EQ(Of(worker.tid), "fifo 20, reset on fork");
+    desktop::SetProperty(cfbt::PRIORITY_PROPERTY, "0x1e");
+    StartScene();
+    EXPECT_EQ(Of(worker.tid), "fifo 30, reset on fork");
     cfbtSceneEnd(0);
     EXPECT_EQ(Of(worker.tid), ORDINARY);
     EXPECT_EQ(Log(), Lines{});
@@ -558,6 +561,12 @@ TEST_F(ServiceTest, IsCalledByAllThreadsAtOnce) {
 
 TEST_F(ServiceTest, CostsNoSystemCallAndNoMemoryWhileFramesCome) {
     InChild([] {
+        std::thread([tids = Tids{1 << 23}] {
+            for (;;) {
+                cfbtAddTids(0, tids);  // Nobody waits for its lock.
+            }
+        }).detach();
+        std::this_thread::sleep_for(milliseconds(20));
         std::atomic<bool> isDone{false};
         std::thread([&isDone] {
             cfbtAddTids(0, {gettid()});
@@ -579,13 +588,25 @@ TEST_F(ServiceTest, CostsNoSystemCallAndNoMemoryWhileFramesCome) {
             isDone = before == (Allocations == nullptr ? 0 : Allocations());
             syscall(SYS_exit, 0);
         }).detach();
-        std::thread([tids = Tids{1 << 23}] {
-            for (;;) {
-                cfbtAddTids(0, tids);  // Nobody waits for its lock.
-            }
-        }).detach();
         EXPECT_TRUE(Within(std::chrono::seconds(5), [&isDone] { return isDone.load(); }));
     });
+}
+
+TEST_F(ServiceTest, BeginsAnewInAForkedProcess) {
+    cfbtAddTids(0, {getpid()});
+    StartScene();
+    cfbtStageEnd(1, 0);
+    InChild([] {
+        EXPECT_EQ(Of(getpid()), ORDINARY);
+        cfbtAddTids(0, {getpid()});
+        StartScene();
+        for (int stage = 0; stage < 40; ++stage) {
+            Compute(milliseconds(10));
+            cfbtStageEnd(1, 0);
+        }
+        EXPECT_EQ(Of(getpid()), RAISED);
+    });
+    cfbtRemoveTids(0, {getpid()});
 }
 
 TEST_F(ServiceTest, LetsTheProcessEndWhileASceneRuns) {
@@ -678,6 +699,7 @@ TEST_F(ServiceTest, RaisesNiceInAControlGroupWithoutRealTime) {
         EXPECT_EQ(StartScene(), 0);
         EXPECT_EQ(Of(here), RAISED);
         EXPECT_EQ(Of(elsewhere), NICE);
+        EXPECT_EQ(Of(better), "other, nice -20");
         workers[2]->Do([] { SetNice(7); });
         cfbtSceneEnd(0);
         EXPECT_EQ(Of(changed), "other, nice 7, reset on fork");
