@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -53,13 +54,17 @@ void EndIfInterrupted(const std::string& howFar) {
 void ReadInput(TextSink& sink, const std::string& path) {
     const Input file(path);
     std::string howFar = "0 MB";
-    ReadText(sink, file.name, file.descriptor, [&howFar](int64_t done, int64_t all) {
-        constexpr double MB = 1 << 20;
-        howFar = fmt::format("{:.1f} MB", static_cast<double>(done) / MB);
-        howFar += all == 0 ? "" : fmt::format(" of {:.1f} MB", static_cast<double>(all) / MB);
-        ShowProgress(howFar);
-        return InterruptStatus() == 0;
-    });
+    try {
+        ReadText(sink, file.name, file.descriptor, [&howFar](int64_t done, int64_t all) {
+            constexpr double MB = 1 << 20;
+            howFar = fmt::format("{:.1f} MB", static_cast<double>(done) / MB);
+            howFar += all == 0 ? "" : fmt::format(" of {:.1f} MB", static_cast<double>(all) / MB);
+            ShowProgress(howFar);
+            return InterruptStatus() == 0;
+        });
+    } catch (const RecordingError& error) {
+        throw CommandError(file.name + ": error: " + error.what());
+    }
     ClearProgress();
     if (path == "-" && InterruptStatus() != 0) {
         Complain(file.name + ": note: interrupted: explained as a capture that ends here");
@@ -70,7 +75,10 @@ void ReadInput(TextSink& sink, const std::string& path) {
 
 struct Explained {
     Account account;
-    std::unique_ptr<Scheduling> scheduling;  // Null where there is no scheduler trace.
+    std::unique_ptr<Scheduling> scheduling{};  // Null where there is no scheduler trace.
+    bool isRecording = false;                  // The capture is one of Perfetto's.
+    // How far its clock is ahead of the account's times, at a time and from there on.
+    std::map<Micros, Micros> ahead{};
 };
 
 // `trace`: of the scheduler, taken at the same time as the captures; empty for none. `sinks` get
@@ -78,12 +86,17 @@ struct Explained {
 Explained Explain(const std::vector<std::string>& captures, const std::string& trace,
                   std::vector<MessageSink*> sinks, const JudgeOptions& options) {
     SceneReader scenes;
-    sinks.push_back(&scenes);
     CountedLines counted;
-    if (!trace.empty()) {
-        sinks.push_back(&counted);
-    }
+    counted.isOn = !trace.empty();
+    sinks.insert(sinks.end(), {&scenes, &counted});
     CaptureReader reader(sinks);
+    SchedRecording recorded;
+    bool isRecording = false;
+    reader.SetPacketSink([&](std::string_view packet) {
+        isRecording = true;
+        recorded.TakePacket(packet);
+        counted.isOn = counted.isOn || !recorded.IsEmpty();
+    });
     std::vector<std::string> names;
     for (const std::string& capture : captures) {
         const int64_t before = reader.Summary().libraryLines;
@@ -97,14 +110,30 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
         }
     }
     reader.Finish();
+    if (isRecording && reader.Summary().libraryLines == 0) {
+        throw CommandError(fmt::format(
+            "{}: error: the recording has none of the library's lines. Were the data source\n"
+            "android.log on, with the tags cameraframeboost and tarvocameraframeboostutils, and "
+            "the\n"
+            "property vendor.tarvo.camera.frameboost.debug.enable? scripts/record-phone sees to\n"
+            "both. The log of another capture: explain LOG --sched {} [no-lines]",
+            names.front(), names.front()));
+    }
     RequireLibraryLines(reader.Summary(), names);
     Explained explained{
-        Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options), nullptr};
-    if (!trace.empty()) {
-        const std::string name = NameOfInput(trace);
+        Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options)};
+    explained.isRecording = isRecording && captures.size() == 1;
+    for (const auto& [log, boot] : recorded.Snapshots()) {
+        explained.ahead.try_emplace(0, boot - (log - explained.account.clock));
+    }
+    const bool isRecorded = explained.isRecording && trace.empty() && !recorded.IsEmpty();
+    if (!trace.empty() || isRecorded) {
+        const std::string name = isRecorded ? names.front() : NameOfInput(trace);
         FtraceReader traceReader;
-        ReadInput(traceReader, trace);
-        SchedTrace read = traceReader.Finish();
+        if (!isRecorded) {
+            ReadInput(traceReader, trace);
+        }
+        SchedTrace read = isRecorded ? recorded.Finish() : traceReader.Finish();
         if (read.events.empty()) {
             throw CommandError(name +
                                ": error: there is no switch of threads in it:\n"
@@ -114,6 +143,9 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
         try {
             explained.scheduling = std::make_unique<Scheduling>(
                 MakeScheduling(explained.account, name, std::move(read), counted));
+            if (isRecorded) {
+                explained.ahead = explained.scheduling->tie.ahead;
+            }
         } catch (const TieError& error) {
             throw CommandError(name + ": error: " + error.what());
         }

@@ -75,7 +75,12 @@ bool CaptureReader::TakeDamage(const char* reason) {
 }
 
 void CaptureReader::End() {
+    records.Read(packets.End());
     records.End();
+    recordedLines += recordingLog.Deliver(*this, static_cast<uint32_t>(names.size() - 1));
+    if (!packets.Damage().empty()) {
+        summary.damage = packets.Damage();
+    }
     if (timedLines == 0) {
         RequireTimes(0);
     }
@@ -237,7 +242,7 @@ void CaptureReader::OnTime(int64_t time) {
 }
 
 void CaptureReader::Finish() {
-    summary.lines = records.Lines();
+    summary.lines = records.Lines() + recordedLines;
     if (origin) {
         summary.from = ClockText(summary.clock);
         summary.to = ClockText(lastClock);

@@ -17,6 +17,7 @@
 #include "tools/base/times.h"
 #include "tools/log/message.h"
 #include "tools/log/record_reader.h"
+#include "tools/log/recording.h"
 
 namespace tools {
 
@@ -92,7 +93,9 @@ class CaptureReader : public TextSink, private RecordSink {
 
     // `name`: what messages call the input.
     void Begin(const std::string& name);
-    void Read(std::string_view bytes) override { records.Read(bytes); }
+    // Gets all packets of captures that are recordings.
+    void SetPacketSink(PacketSink packetSink) { otherPackets = std::move(packetSink); }
+    void Read(std::string_view bytes) override { records.Read(packets.Read(bytes)); }
     void End() override;
     bool TakeDamage(const char* reason) override;
     void Finish();
@@ -126,6 +129,15 @@ class CaptureReader : public TextSink, private RecordSink {
     std::vector<MessageSink*> sinks;
     std::vector<std::string> names;  // Of the inputs.
     RecordReader records{*this};
+    RecordingLog recordingLog;
+    PacketSink otherPackets;
+    PacketReader packets{[this](std::string_view packet) {
+        recordingLog.TakePacket(packet);
+        if (otherPackets) {
+            otherPackets(packet);
+        }
+    }};
+    int64_t recordedLines = 0;
     CaptureSummary summary;
     std::set<int32_t> processes;    // Those with messages.
     std::optional<int64_t> origin;  // What the clock showed when the time was 0.

@@ -141,22 +141,8 @@ void TakeWaking(SchedTraceMaker& maker, const Line& line) {
     }
 }
 
-// "C|3635|TcfbtNotifyStageEnd1|121": process, name with the stage, and the frame.
 void TakeMark(SchedTraceMaker& maker, const Line& line) {
-    std::string_view text = line.text.substr(std::min(line.text.find("C|"), line.text.size()));
-    int32_t process = 0;
-    if (!Skip(text, "C|") || !TakeNumber(text, process) || !Skip(text, "|TcfbtNotify")) {
-        return;
-    }
-    for (const auto& [kind, name] : COUNTER_NAMES) {
-        int32_t stage = -1, frame = 0;
-        std::string_view value = text;
-        if (Skip(value, name) && (name.front() == 'F' || TakeNumber(value, stage)) &&
-            Skip(value, "|") && TakeNumber(value, frame) && frame != 0) {
-            maker.trace.counters.push_back(
-                {{kind, stage, frame, process}, line.time, maker.ThreadOf(line.task, line.cpu)});
-        }
-    }
+    maker.OnMark(line.time, line.cpu, line.task, line.text);
 }
 
 constexpr std::pair<std::string_view, void (*)(SchedTraceMaker&, const Line&)> EVENTS[] = {
@@ -203,11 +189,13 @@ void TakeLine(SchedTraceMaker& maker, std::string_view text) {
 }  // namespace
 
 void FtraceReader::Read(std::string_view bytes) {
-    SplitLines(bytes, unfinished, LONGEST_LINE,
+    SplitLines(packets.Read(bytes), unfinished, LONGEST_LINE,
                [this](std::string_view line) { TakeLine(maker, line); });
 }
 
 void FtraceReader::End() {
+    SplitLines(packets.End(), unfinished, LONGEST_LINE,
+               [this](std::string_view line) { TakeLine(maker, line); });
     TakeLine(maker, unfinished);
     unfinished.clear();
 }

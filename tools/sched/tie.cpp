@@ -146,11 +146,27 @@ bool IsBreak(const CountedLine& line, const CountedLine& next) {
     return next.isBehindStep || std::abs(next.time - line.time) > SILENCE;
 }
 
+void Remember(const std::vector<Knot>& knots, Tie& tie) {
+    for (const Knot& knot : knots) {
+        tie.ahead[knot.log] = knot.ahead;
+    }
+}
+
+// Where log and trace number threads alike, all threads are known.
+void NameThreads(const SchedTrace& trace, Tie& tie) {
+    const bool isSameNumbering = std::ranges::all_of(tie.threads, [&trace](const auto& one) {
+        return one.first == trace.threads[one.second].tid;
+    });
+    for (uint32_t i = 0; isSameNumbering && i < trace.threads.size(); ++i) {
+        tie.threads.try_emplace(trace.threads[i].tid, i);
+    }
+}
+
 }  // namespace
 
 void CountedLines::OnMessage(const Message& message, const Moment& moment) {
     for (const auto& [kind, name] : COUNTER_NAMES) {
-        if (message.kind == kind) {
+        if (isOn && message.kind == kind) {
             all.push_back(
                 {{kind, message.stage, static_cast<int32_t>(message.frame), moment.process},
                  moment.time,
@@ -169,8 +185,17 @@ const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& e
     return nearest != all.end() && apart(*nearest) <= within ? &*nearest : nullptr;
 }
 
-Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution) {
+Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution, Micros origin) {
     const Lines lines = counted.all;
+    Tie tie;
+    if (trace.counters.empty() && !trace.snapshots.empty()) {
+        const auto [log, boot] = trace.snapshots.front();
+        const std::vector<Knot> knots = {{0, boot - (log - origin)}};
+        TurnIntoLog(trace, knots);
+        Remember(knots, tie);
+        NameThreads(trace, tie);
+        return tie;
+    }
     if (trace.counters.empty()) {
         throw TieError(
             "it has none of the library's counters: were the trace tags camera or hal on, and the\n"
@@ -185,7 +210,6 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
     // All lines together show best which of several recordings of the same frames it is.
     const Fit whole = tying.Best(lines);
     const Micros base = whole.knots.empty() ? 0 : whole.knots.front().ahead;
-    Tie tie;
     std::vector<Knot> knots;
     for (Lines rest = lines, part; !rest.empty(); rest = rest.subspan(part.size())) {
         const auto last = std::ranges::adjacent_find(rest, IsBreak);
@@ -226,6 +250,7 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
                         trace.counters.front().process, lines.front().process));
     }
     TurnIntoLog(trace, knots);
+    Remember(knots, tie);
     for (const Span part : tie.untied) {
         trace.holes.push_back({part, SchedTrace::ALL_CPUS});
     }
@@ -237,12 +262,7 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
         }
     }
     tie.threads.erase(-1);  // A log may lack them.
-    const bool isSameNumbering = std::ranges::all_of(tie.threads, [&trace](const auto& one) {
-        return one.first == trace.threads[one.second].tid;
-    });
-    for (uint32_t i = 0; isSameNumbering && i < trace.threads.size(); ++i) {
-        tie.threads.try_emplace(trace.threads[i].tid, i);
-    }
+    NameThreads(trace, tie);
     tie.counters = std::ssize(apart);
     tie.within = QuantileOf(apart, 0.9, 0);
     return tie;

@@ -28,6 +28,7 @@ struct CountedLines : MessageSink {
         isBehindStep = true;
     }
 
+    bool isOn = true;  // Else all lines are left alone.
     std::vector<CountedLine> all;
     bool isBehindStep = false;  // The clock was set behind the last line.
 };
@@ -52,11 +53,14 @@ struct Tie {
     };
     std::vector<Break> breaks;
     std::vector<Span> untied;  // Of the log: parts to which none of the trace's counters fits.
+    // How far the trace's clock is ahead of the log's at a time of the log, and from there on.
+    std::map<Micros, Micros> ahead;
 };
 
 // Finds out how far the clocks are apart and turns all times of the trace into the log's. Throws a
-// TieError. `resolution`: of the log's times.
-Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution);
+// TieError. `resolution`: of the log's times; `origin`: what its clock showed at time 0. Where no
+// counter ties them, a recording's own clocks do.
+Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution, Micros origin);
 
 // A line and its counter are no further apart, unless a thread is stopped between them.
 inline constexpr Micros TOGETHER = 10 * MILLISECOND;

@@ -1,7 +1,10 @@
 #include "tools/sched/trace.h"
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
+
+#include "tools/base/cursor.h"
 
 namespace tools {
 
@@ -29,18 +32,27 @@ void SchedTraceMaker::OnSwitch(Micros time, uint32_t cpu, const Task& left, Thre
     trace.events.push_back({time, ThreadOf(left, cpu), ThreadOf(comes, cpu), left.priority,
                             comes.priority, static_cast<uint16_t>(cpu), SchedEvent::Kind::Switch,
                             left.tid == 0 ? ThreadState::Runnable : state});
-    if (state == ThreadState::Gone) {
+    if (isInOrder && state == ThreadState::Gone) {
         threads.erase(left.tid);  // Its id may be used again.
     }
 }
 
+void SchedTraceMaker::OnSwitchTo(Micros time, uint32_t cpu, ThreadState state, const Task& comes) {
+    trace.events.push_back({time, WHO_HAS_THE_CPU, ThreadOf(comes, cpu), USUAL_PRIORITY,
+                            comes.priority, static_cast<uint16_t>(cpu), SchedEvent::Kind::Switch,
+                            state});
+}
+
 void SchedTraceMaker::OnWaking(SchedEvent::Kind kind, Micros time, uint32_t cpu, const Task& woken,
-                               uint32_t waker) {
-    if (kind == SchedEvent::Kind::New) {
+                               uint32_t waker, uint32_t wakerCpu) {
+    if (isInOrder && kind == SchedEvent::Kind::New) {
         threads.erase(woken.tid);
     }
-    trace.events.push_back({time, ThreadOf(woken, cpu), waker, woken.priority, USUAL_PRIORITY,
-                            static_cast<uint16_t>(cpu), kind, ThreadState::Runnable});
+    // Who wakes has no priority here: its place is the CPU's until FindWhoHadCpus.
+    trace.events.push_back(
+        {time, ThreadOf(woken, cpu), waker, woken.priority,
+         waker == WHO_HAS_THE_CPU ? static_cast<Priority>(wakerCpu) : USUAL_PRIORITY,
+         static_cast<uint16_t>(cpu), kind, ThreadState::Runnable});
 }
 
 void SchedTraceMaker::OnTime(uint32_t cpu, Micros time) {
@@ -59,11 +71,49 @@ void SchedTraceMaker::OnLost(uint32_t cpu, int64_t count) {
     cpus[cpu].hasLost = true;
 }
 
+// "C|3635|TcfbtNotifyStageEnd1|121": process, name with the stage, and the frame.
+void SchedTraceMaker::OnMark(Micros time, uint32_t cpu, const Task& writer, std::string_view text) {
+    text.remove_prefix(std::min(text.find("C|"), text.size()));
+    int32_t process = 0;
+    if (!Skip(text, "C|") || !TakeNumber(text, process) || !Skip(text, "|TcfbtNotify")) {
+        return;
+    }
+    for (const auto& [kind, name] : COUNTER_NAMES) {
+        int32_t stage = -1, frame = 0;
+        std::string_view value = text;
+        if (Skip(value, name) && (name.front() == 'F' || TakeNumber(value, stage)) &&
+            Skip(value, "|") && TakeNumber(value, frame) && frame != 0) {
+            trace.counters.push_back({{kind, stage, frame, process}, time, ThreadOf(writer, cpu)});
+        }
+    }
+}
+
+void SchedTraceMaker::FindWhoHadCpus() {
+    std::vector<std::pair<uint32_t, Priority>> owners(MOST_CPUS, {NO_THREAD, USUAL_PRIORITY});
+    for (SchedEvent& event : trace.events) {
+        if (event.kind == SchedEvent::Kind::Switch) {
+            auto& owner = owners[event.cpu];
+            if (event.thread == WHO_HAS_THE_CPU) {
+                std::tie(event.thread, event.priority) = owner;
+                if (event.thread != NO_THREAD && trace.threads[event.thread].tid == 0) {
+                    event.left = ThreadState::Runnable;
+                }
+            }
+            owner = {event.other, event.otherPriority};
+        } else if (event.other == WHO_HAS_THE_CPU) {
+            event.other = owners[static_cast<size_t>(event.otherPriority)].first;
+        }
+    }
+    // Before a CPU's first switch nobody is known to have it.
+    std::erase_if(trace.events, [](const SchedEvent& event) { return event.thread == NO_THREAD; });
+}
+
 SchedTrace SchedTraceMaker::Finish() {
     std::ranges::sort(trace.counters, {}, [](const SchedCounter& counter) {
         return std::pair<CountedEvent, Micros>(counter, counter.time);
     });
     std::ranges::stable_sort(trace.events, {}, &SchedEvent::time);
+    FindWhoHadCpus();
     return std::move(trace);
 }
 

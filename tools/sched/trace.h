@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
@@ -21,6 +22,8 @@
 namespace tools {
 
 inline constexpr uint32_t NO_THREAD = std::numeric_limits<uint32_t>::max();
+// For SchedTraceMaker, which finds out.
+inline constexpr uint32_t WHO_HAS_THE_CPU = NO_THREAD - 1;
 
 // As the kernel counts: below 100 of real time, the lower the sooner; from 100 on of nice values.
 using Priority = int16_t;
@@ -80,6 +83,11 @@ struct SchedTrace {
     struct Hole : Span {
         uint16_t cpu;
     };
+    // What a recording's clocks showed at one time: that of the log, and that of the trace.
+    struct Snapshot {
+        Micros log, trace;
+    };
+    std::vector<Snapshot> snapshots;
     std::vector<Hole> holes;  // Where events were lost: between the CPU's last one and its next.
     int64_t lost = 0;         // Events that the tracer says it lost.
     Micros from = NO_TIME, to = NO_TIME;
@@ -112,15 +120,23 @@ class SchedTraceMaker {
     // `left` gives the CPU to `comes`, and is in `state` from there on.
     void OnSwitch(Micros time, uint32_t cpu, const Task& left, ThreadState state,
                   const Task& comes);
-    // `woken` is to run on `cpu`. `waker`: NO_THREAD for an interrupt.
+    // The same where it is not told who leaves the CPU.
+    void OnSwitchTo(Micros time, uint32_t cpu, ThreadState state, const Task& comes);
+    // `woken` is to run on `cpu`. `waker`: NO_THREAD for an interrupt, WHO_HAS_THE_CPU for the
+    // thread that has `wakerCpu`.
     void OnWaking(SchedEvent::Kind kind, Micros time, uint32_t cpu, const Task& woken,
-                  uint32_t waker);
+                  uint32_t waker, uint32_t wakerCpu = 0);
+    // `writer` has put a mark into the trace, which may be a counter.
+    void OnMark(Micros time, uint32_t cpu, const Task& writer, std::string_view text);
     // What was read, given away. To be called once, last.
     SchedTrace Finish();
 
-    SchedTrace trace;  // Counters, and what is no event, readers set themselves.
+    SchedTrace trace;       // Counters, and what is no event, readers set themselves.
+    bool isInOrder = true;  // What is passed is by time; else an id stays with its first thread.
 
   private:
+    void FindWhoHadCpus();
+
     struct Cpu {
         Micros last = NO_TIME;
         bool hasLost = false;
@@ -129,19 +145,49 @@ class SchedTraceMaker {
     std::vector<Cpu> cpus = std::vector<Cpu>(MOST_CPUS);
 };
 
+// Takes the scheduler out of the packets of a recording.
+class SchedRecording {
+  public:
+    SchedRecording() { maker.isInOrder = false; }
+    void TakePacket(std::string_view packet);
+    bool IsEmpty() const { return maker.trace.events.empty(); }
+    const std::vector<SchedTrace::Snapshot>& Snapshots() const { return maker.trace.snapshots; }
+    // What was read, given away. To be called once, last.
+    SchedTrace Finish();
+
+  private:
+    struct Bundle;
+
+    void TakeBundle(std::string_view bytes);
+    void TakeEvent(std::string_view bytes, Bundle& bundle);
+    void TakeCompact(std::string_view bytes, Bundle& bundle);
+    void TakeNames(std::string_view tree);
+    void TakeClocks(std::string_view snapshot);
+    ThreadState StateOf(uint64_t bits) const;
+
+    SchedTraceMaker maker;
+    bool isOldKernel = false;
+    uint64_t rawAhead = 0;  // Of the raw monotonic clock, the boot's.
+    std::map<int32_t, std::string> names;
+    std::map<uint32_t, Micros> begins;  // Of each CPU's events.
+};
+
 // Reads the text of the kernel's tracer, ftrace, as a kernel, atrace, systrace (in HTML) and
 // Perfetto's converter write it.
-// Lines that are none of a trace's are left alone, so that HTML needs nothing else.
+// Lines that are none of a trace's are left alone, so that HTML needs nothing else. Recordings of
+// Perfetto are read, too.
 class FtraceReader : public TextSink {
   public:
     void Read(std::string_view bytes) override;
     void End() override;
     bool TakeDamage(const char* reason) override;
     // What was read, given away. To be called once, last.
-    SchedTrace Finish() { return maker.Finish(); }
+    SchedTrace Finish() { return recording.IsEmpty() ? maker.Finish() : recording.Finish(); }
 
   private:
     SchedTraceMaker maker;
+    SchedRecording recording;
+    PacketReader packets{[this](std::string_view packet) { recording.TakePacket(packet); }};
     std::string unfinished;  // A line that is not whole yet.
 };
 

@@ -1,0 +1,85 @@
+// Reads recordings of Perfetto, which are packets in protobuf's wire format, one after the other: a
+// device's log, its scheduler and its clocks in one file.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/base/times.h"
+#include "tools/log/record_reader.h"
+
+namespace tools {
+
+// Gets the packets of a recording in the order of the file, which need not be that of their times.
+// A packet is gone after the call. May throw a protozero::exception at one that is damaged.
+using PacketSink = std::function<void(std::string_view packet)>;
+
+// Why a recording cannot be read, with what to do.
+class RecordingError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// Splits files that are recordings into packets; a file is one by its first bytes. Pass files one
+// after the other, in pieces of any length.
+class PacketReader {
+  public:
+    explicit PacketReader(PacketSink packetSink) : sink(std::move(packetSink)) {}
+
+    // Takes the next bytes. Returns those that are of no recording, which are good until the next
+    // call.
+    std::string_view Read(std::string_view bytes);
+    // The same at the end of a file. Another file may follow.
+    std::string_view End();
+    // Why the last file could not be read whole; empty if it could.
+    const std::string& Damage() const { return damage; }
+
+  private:
+    enum class Form { Unknown, Recording, Other, Broken };
+
+    std::string_view Text();
+    void Split();
+    void TakePacket(std::string_view packet);
+
+    PacketSink sink;
+    Form form = Form::Unknown;
+    std::string pending;  // What is not whole yet.
+    std::string text;
+    std::string damage;
+};
+
+// The log in a recording.
+class RecordingLog {
+  public:
+    void TakePacket(std::string_view packet);
+    // Gives what was taken to the sink, in the order in which it was logged, and forgets it. Lines
+    // are numbered as events. Returns how many there were.
+    int64_t Deliver(RecordSink& sink, uint32_t input);
+
+  private:
+    struct Event {
+        int64_t written;  // When its packet was, by the recorder's clock.
+        Micros time;
+        int32_t process, thread;
+        char priority;
+        uint8_t tag;                  // One of those that matter, or none of them,
+        uint32_t lost;                // or the mark that so many lines are lost.
+        size_t text = 0, length = 0;  // Of the message, in `texts`.
+    };
+
+    void TakeEvent(std::string_view bytes, int64_t written);
+
+    std::vector<Event> events;
+    std::string texts;
+    std::map<uint64_t, bool> sequences;  // Of packets that were seen.
+    int64_t failed = 0;                  // Lines that the recorder could not read.
+};
+
+}  // namespace tools

@@ -1,0 +1,308 @@
+// The scheduler in recordings of Perfetto.
+
+#include <algorithm>
+#include <protozero/pbf_reader.hpp>
+
+#include "tools/base/cursor.h"
+#include "tools/sched/trace.h"
+
+namespace tools {
+namespace {
+
+using protozero::pbf_reader;
+using Task = SchedTraceMaker::Task;
+
+constexpr uint32_t INTERRUPT_FLAGS = 8 | 16;  // Hard and soft.
+// Until the process tree says it.
+constexpr std::string_view NO_NAME = "<...>";
+
+Micros MicrosOf(uint64_t nanoseconds) {
+    return static_cast<Micros>(nanoseconds) / 1000;
+}
+
+// A thread's name, id and priority, which have these numbers.
+Task TaskOf(pbf_reader fields, uint32_t name, uint32_t tid, uint32_t priority) {
+    Task task;
+    while (fields.next()) {
+        if (fields.tag() == name) {
+            task.name = fields.get_view();
+        } else if (fields.tag() == tid) {
+            task.tid = fields.get_int32();
+        } else if (fields.tag() == priority) {
+            task.priority = static_cast<Priority>(fields.get_int32());
+        } else {
+            fields.skip();
+        }
+    }
+    return task;
+}
+
+// The value of a field, which is a number; 0 where it is not there.
+uint64_t NumberOf(pbf_reader fields, uint32_t field) {
+    uint64_t value = 0;
+    while (fields.next(field, protozero::pbf_wire_type::varint)) {
+        value = fields.get_uint64();
+    }
+    return value;
+}
+
+// Lists of one length, of which each has a value of each event.
+struct Lists {
+    std::vector<uint64_t> times, states, tids, priorities, names, cpus, flags;
+
+    // The event's value; 0 where the list has none of it.
+    static uint64_t At(const std::vector<uint64_t>& list, size_t at) {
+        return at < list.size() ? list[at] : 0;
+    }
+};
+
+void TakeList(pbf_reader& fields, std::vector<uint64_t>& list) {
+    const auto values = fields.get_packed_uint64();
+    list.assign(values.begin(), values.end());
+}
+
+// "4.9.0" and what is before it.
+bool IsBefore414(std::string_view release) {
+    int major = 0, minor = 0;
+    return TakeNumber(release, major) && Skip(release, ".") && TakeNumber(release, minor) &&
+           (major < 4 || (major == 4 && minor < 14));
+}
+
+}  // namespace
+
+// On one CPU.
+struct SchedRecording::Bundle {
+    uint32_t cpu = 0;
+    uint64_t ahead = 0;  // How far the clock of the boot is.
+    Micros first = NO_TIME, last = NO_TIME;
+
+    Micros TimeOf(uint64_t time) {
+        const Micros micros = MicrosOf(time + ahead);
+        first = first == NO_TIME ? micros : std::min(first, micros);
+        last = std::max(last, micros);
+        return micros;
+    }
+};
+
+void SchedRecording::TakePacket(std::string_view packet) {
+    pbf_reader fields(packet);
+    while (fields.next()) {
+        switch (fields.tag()) {
+            case 1:
+                TakeBundle(fields.get_view());
+                break;
+            case 2:
+                TakeNames(fields.get_view());
+                break;
+            case 6:
+                TakeClocks(fields.get_view());
+                break;
+            case 45: {
+                pbf_reader info(fields.get_view());
+                while (info.next(1)) {
+                    pbf_reader name(info.get_view());
+                    while (name.next(3)) {
+                        isOldKernel = IsBefore414(name.get_view());
+                    }
+                }
+                break;
+            }
+            default:
+                fields.skip();
+        }
+    }
+}
+
+void SchedRecording::TakeNames(std::string_view tree) {
+    pbf_reader fields(tree);
+    while (fields.next(2)) {
+        const Task task = TaskOf(pbf_reader(fields.get_view()), 2, 1, 0);
+        names[task.tid] = task.name;
+    }
+}
+
+void SchedRecording::TakeClocks(std::string_view snapshot) {
+    constexpr uint64_t REALTIME = 1, MONOTONIC_RAW = 5, BOOTTIME = 6;
+    uint64_t real = 0, raw = 0, boot = 0;
+    pbf_reader fields(snapshot);
+    while (fields.next(1)) {
+        const pbf_reader clock(fields.get_view());
+        const uint64_t id = NumberOf(clock, 1), time = NumberOf(clock, 2);
+        real = id == REALTIME ? time : real;
+        raw = id == MONOTONIC_RAW ? time : raw;
+        boot = id == BOOTTIME ? time : boot;
+    }
+    rawAhead = boot - raw;
+    if (real != 0 && boot != 0) {
+        maker.trace.snapshots.push_back({MicrosOf(real), MicrosOf(boot)});
+    }
+}
+
+void SchedRecording::TakeBundle(std::string_view bytes) {
+    constexpr uint64_t MONO_RAW = 4;
+    Bundle bundle;
+    const pbf_reader all(bytes);
+    const uint64_t cpu = NumberOf(all, 1), clock = NumberOf(all, 5), boot = NumberOf(all, 7);
+    if (cpu >= MOST_CPUS) {
+        return;
+    }
+    bundle.cpu = static_cast<uint32_t>(cpu);
+    if (clock == MONO_RAW) {
+        bundle.ahead = rawAhead;
+    } else if (clock != 0 && boot != 0) {
+        bundle.ahead = boot - NumberOf(all, 6);
+    }
+    if (NumberOf(all, 3) != 0) {
+        maker.OnLost(bundle.cpu, 1);  // At least.
+    }
+    pbf_reader fields = all;
+    while (fields.next()) {
+        if (fields.tag() == 2) {
+            TakeEvent(fields.get_view(), bundle);
+        } else if (fields.tag() == 4) {
+            TakeCompact(fields.get_view(), bundle);
+        } else {
+            fields.skip();
+        }
+    }
+    if (bundle.first != NO_TIME) {
+        const auto [begin, isNew] = begins.try_emplace(bundle.cpu, bundle.first);
+        begin->second = std::min(begin->second, bundle.first);
+        maker.OnTime(bundle.cpu, bundle.first);
+        maker.OnTime(bundle.cpu, bundle.last);
+    }
+}
+
+ThreadState SchedRecording::StateOf(uint64_t bits) const {
+    if ((bits & 0x30U) != 0 || (isOldKernel && (bits & 0x40U) != 0)) {
+        return ThreadState::Gone;
+    }
+    if ((bits & 0x0CU) != 0) {
+        return ThreadState::Stopped;
+    }
+    if ((bits & 0x02U) != 0) {
+        return ThreadState::Blocked;
+    }
+    // Parked, too; all other bits mark threads that could go on.
+    return (bits & 0x2C1U) != 0 ? ThreadState::Sleeping : ThreadState::Runnable;
+}
+
+void SchedRecording::TakeEvent(std::string_view bytes, Bundle& bundle) {
+    pbf_reader fields(bytes);
+    Task writer{NO_NAME};
+    Micros time = 0;
+    uint32_t flags = 0, what = 0;
+    std::string_view payload;
+    while (fields.next()) {
+        if (fields.tag() == 1) {
+            time = bundle.TimeOf(fields.get_uint64());
+        } else if (fields.tag() == 2) {
+            writer.tid = static_cast<int32_t>(fields.get_uint32());
+        } else if (fields.tag() == 5) {
+            flags = fields.get_uint32();
+        } else if (fields.wire_type() == protozero::pbf_wire_type::length_delimited) {
+            what = fields.tag();
+            payload = fields.get_view();
+        } else {
+            fields.skip();
+        }
+    }
+    const bool isInterrupt = (flags & INTERRUPT_FLAGS) != 0;
+    maker.trace.hasFlags = maker.trace.hasFlags || isInterrupt;
+    const auto wake = [&](SchedEvent::Kind kind) {
+        const uint64_t cpu = NumberOf(pbf_reader(payload), 5);
+        if (cpu < MOST_CPUS) {
+            maker.OnWaking(kind, time, static_cast<uint32_t>(cpu),
+                           TaskOf(pbf_reader(payload), 1, 2, 3),
+                           isInterrupt ? NO_THREAD : maker.ThreadOf(writer, bundle.cpu));
+        }
+    };
+    switch (what) {
+        case 3: {
+            pbf_reader print(payload);
+            while (print.next(2)) {
+                maker.OnMark(time, bundle.cpu, writer, print.get_view());
+            }
+            break;
+        }
+        case 4:
+            maker.OnSwitch(time, bundle.cpu, TaskOf(pbf_reader(payload), 1, 2, 3),
+                           StateOf(NumberOf(pbf_reader(payload), 4)),
+                           TaskOf(pbf_reader(payload), 5, 6, 7));
+            break;
+        case 17:
+            wake(SchedEvent::Kind::Wakeup);
+            break;
+        case 20:
+            wake(SchedEvent::Kind::Waking);
+            break;
+        case 114:
+            wake(SchedEvent::Kind::New);
+            break;
+        default:
+            break;
+    }
+}
+
+// Times are relative to those before, and who leaves the CPU is whoever had it.
+void SchedRecording::TakeCompact(std::string_view bytes, Bundle& bundle) {
+    std::vector<std::string_view> texts;
+    Lists switches, wakings;
+    pbf_reader fields(bytes);
+    std::vector<uint64_t>* const lists[] = {&switches.times,      &switches.states, &switches.tids,
+                                            &switches.priorities, nullptr,          &switches.names,
+                                            &wakings.times,       &wakings.tids,    &wakings.cpus,
+                                            &wakings.priorities,  &wakings.names,   &wakings.flags};
+    while (fields.next()) {
+        const size_t list = fields.tag() - 1;
+        if (fields.tag() == 5) {
+            texts.push_back(fields.get_view());
+        } else if (list < std::size(lists)) {
+            TakeList(fields, *lists[list]);
+        } else {
+            fields.skip();
+        }
+    }
+    const auto task = [&texts](const Lists& columns, size_t at) {
+        const uint64_t name = Lists::At(columns.names, at);
+        return Task{name < texts.size() ? texts[name] : NO_NAME,
+                    static_cast<int32_t>(Lists::At(columns.tids, at)),
+                    static_cast<Priority>(Lists::At(columns.priorities, at))};
+    };
+    uint64_t time = 0;
+    for (size_t i = 0; i < switches.times.size(); ++i) {
+        time += switches.times[i];
+        maker.OnSwitchTo(bundle.TimeOf(time), bundle.cpu, StateOf(Lists::At(switches.states, i)),
+                         task(switches, i));
+    }
+    time = 0;
+    for (size_t i = 0; i < wakings.times.size(); ++i) {
+        time += wakings.times[i];
+        const bool isInterrupt = (Lists::At(wakings.flags, i) & INTERRUPT_FLAGS) != 0;
+        maker.trace.hasFlags = maker.trace.hasFlags || isInterrupt;
+        const uint64_t cpu = Lists::At(wakings.cpus, i);
+        const Micros micros = bundle.TimeOf(time);
+        if (cpu < MOST_CPUS) {
+            maker.OnWaking(SchedEvent::Kind::Waking, micros, static_cast<uint32_t>(cpu),
+                           task(wakings, i), isInterrupt ? NO_THREAD : WHO_HAS_THE_CPU, bundle.cpu);
+        }
+    }
+}
+
+SchedTrace SchedRecording::Finish() {
+    // Before a CPU's first event nobody knows who had it.
+    for (const auto& [cpu, begin] : begins) {
+        if (begin > maker.trace.from) {
+            maker.trace.holes.push_back({{maker.trace.from, begin}, static_cast<uint16_t>(cpu)});
+        }
+    }
+    for (SchedThread& thread : maker.trace.threads) {
+        const auto name = names.find(thread.tid);
+        if (thread.name == NO_NAME && name != names.end()) {
+            thread.name = name->second;
+        }
+    }
+    return maker.Finish();
+}
+
+}  // namespace tools
