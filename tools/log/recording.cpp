@@ -3,7 +3,6 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <protozero/pbf_reader.hpp>
 #include <set>
 #include <utility>
 
@@ -23,47 +22,24 @@ constexpr std::string_view PRIORITIES = "??VDIWEFS";
 
 // Whether the bytes, the first of a file, begin with a packet.
 bool IsRecording(std::string_view head) {
-    const char* at = head.data();
-    const char* const end = at + head.size();
+    if (!head.starts_with('\x0A')) {
+        return false;
+    }
+    const char* at = head.data() + 1;
+    const char* const end = head.data() + head.size();
     try {
-        if (protozero::decode_varint(&at, end) != 0x0A) {
-            return false;
-        }
         const uint64_t length = protozero::decode_varint(&at, end);
-        if (length == 0 || length > LONGEST_PACKET) {
-            return false;
+        const auto rest = static_cast<uint64_t>(end - at);
+        protozero::pbf_reader packet(at, std::min(length, rest));
+        while (packet.next()) {
+            packet.skip();
         }
-        const char* const last = at + std::min<uint64_t>(length, static_cast<uint64_t>(end - at));
-        while (at < last) {
-            const uint64_t key = protozero::decode_varint(&at, last);
-            uint64_t skipped = 0;
-            switch (key & 7U) {
-                case 0:
-                    protozero::skip_varint(&at, last);
-                    break;
-                case 1:
-                    skipped = 8;
-                    break;
-                case 2:
-                    skipped = protozero::decode_varint(&at, last);
-                    break;
-                case 5:
-                    skipped = 4;
-                    break;
-                default:
-                    return false;
-            }
-            if (key < 8 || skipped > length) {
-                return false;
-            }
-            at += std::min<uint64_t>(skipped, static_cast<uint64_t>(last - at));
-        }
+        return length > 0 && length <= LONGEST_PACKET;
     } catch (const protozero::end_of_buffer_exception&) {
         return head.size() >= HEAD;  // It goes on.
     } catch (const protozero::exception&) {
         return false;
     }
-    return true;
 }
 
 // What zlib made of a text; as far as it goes where that is damaged.
@@ -143,13 +119,10 @@ void PacketReader::Split() {
     const char* whole = at;
     try {
         while (at < end) {
-            const uint64_t key = protozero::decode_varint(&at, end);
+            const bool isPacket = *at++ == '\x0A';
             const uint64_t length = protozero::decode_varint(&at, end);
-            if (key != 0x0A || length > LONGEST_PACKET) {
-                damage = "what follows is no packet";
-                form = Form::Broken;
-                pending.clear();
-                return;
+            if (!isPacket || length > LONGEST_PACKET) {
+                throw protozero::invalid_tag_exception();
             }
             if (length > static_cast<uint64_t>(end - at)) {
                 break;
@@ -158,7 +131,7 @@ void PacketReader::Split() {
             whole = at += length;
         }
     } catch (const protozero::end_of_buffer_exception&) {
-        // The number goes on in the next piece.
+        // The length goes on in the next piece.
     } catch (const protozero::exception&) {
         damage = "what follows is no packet";
         form = Form::Broken;
@@ -196,95 +169,33 @@ void PacketReader::TakePacket(std::string_view packet) {
 // ---- The log ----
 
 void RecordingLog::TakePacket(std::string_view packet) {
-    protozero::pbf_reader fields(packet);
-    int64_t written = 0;
-    uint64_t sequence = 0;
-    bool isAfterLoss = false;
-    std::string_view log;
-    while (fields.next()) {
-        switch (fields.tag()) {
-            case 8:
-                written = static_cast<int64_t>(fields.get_uint64());
-                break;
-            case 10:
-                sequence = fields.get_uint32();
-                break;
-            case 39:
-                log = fields.get_view();
-                break;
-            case 42:
-                isAfterLoss = fields.get_bool();
-                break;
-            default:
-                fields.skip();
-        }
-    }
+    const Fields<42> fields(packet);
+    const auto written = fields.Number<int64_t>(8);
     // The first packet of a sequence is marked, too, as nobody knows what was before.
-    const bool isFirst = sequences.try_emplace(sequence).second;
+    const bool isFirst = sequences.insert(fields.Number(10)).second;
+    const std::string_view log = fields.Text(39);
     if (log.empty()) {
         return;
     }
-    if (isAfterLoss && !isFirst) {
-        events.push_back({written, NO_TIME, -1, -1, '?', OTHER_TAG, 1});
+    if (fields.Number(42) != 0 && !isFirst) {
+        events.push_back({written, 1});
     }
-    protozero::pbf_reader parts(log);
-    while (parts.next()) {
-        if (parts.tag() == 1) {
-            TakeEvent(parts.get_view(), written);
-        } else if (parts.tag() == 2) {
-            protozero::pbf_reader counts(parts.get_view());
-            while (counts.next(2)) {
-                const auto all = static_cast<int64_t>(counts.get_uint64());
-                if (all > failed) {
-                    const auto lost = static_cast<uint32_t>(all - failed);
-                    events.push_back({written, NO_TIME, -1, -1, '?', OTHER_TAG, lost});
-                    failed = all;
-                }
-            }
-        } else {
-            parts.skip();
-        }
+    const uint64_t allFailed = Fields<2>(Fields<2>(log).Text(2)).Number(2);
+    if (allFailed > failed) {
+        events.push_back({written, allFailed - failed});
+        failed = allFailed;
     }
-}
-
-void RecordingLog::TakeEvent(std::string_view bytes, int64_t written) {
-    Event event{written, 0, -1, -1, '?', OTHER_TAG, 0};
-    std::string_view message;
-    protozero::pbf_reader fields(bytes);
-    while (fields.next()) {
-        switch (fields.tag()) {
-            case 2:
-                event.process = fields.get_int32();
-                break;
-            case 3:
-                event.thread = fields.get_int32();
-                break;
-            case 5:
-                event.time = static_cast<int64_t>(fields.get_uint64()) / 1000;
-                break;
-            case 6: {
-                const std::string_view tag = fields.get_view();
-                event.tag = static_cast<uint8_t>(std::ranges::find(TAGS, tag) - TAGS);
-                break;
-            }
-            case 7: {
-                const uint32_t priority = fields.get_uint32();
-                event.priority = priority < PRIORITIES.size() ? PRIORITIES[priority] : '?';
-                break;
-            }
-            case 8:
-                message = fields.get_view();
-                break;
-            default:
-                fields.skip();
-        }
+    protozero::pbf_reader lines(log);
+    while (lines.next(1)) {
+        const Fields<8> line(lines.get_view());
+        const auto tag = std::ranges::find(TAGS, line.Text(6)) - TAGS;
+        const std::string_view text = tag == OTHER_TAG ? "" : line.Text(8);
+        const size_t priority = std::min(line.Number(7), PRIORITIES.size());
+        events.push_back({written, 0, line.Number<Micros>(5) / 1000, line.Number<int32_t>(2),
+                          line.Number<int32_t>(3), PRIORITIES[priority % PRIORITIES.size()],
+                          static_cast<uint8_t>(tag), texts.size(), text.size()});
+        texts += text;
     }
-    if (event.tag != OTHER_TAG) {
-        event.text = texts.size();
-        event.length = message.size();
-        texts += message;
-    }
-    events.push_back(event);
 }
 
 int64_t RecordingLog::Deliver(RecordSink& sink, uint32_t input) {

@@ -3,10 +3,12 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
+#include <protozero/pbf_reader.hpp>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -20,6 +22,36 @@ namespace tools {
 // Gets the packets of a recording in the order of the file, which need not be that of their times.
 // A packet is gone after the call. May throw a protozero::exception at one that is damaged.
 using PacketSink = std::function<void(std::string_view packet)>;
+
+// The fields of a message that are there once at most and have numbers up to MOST.
+template <size_t MOST>
+class Fields {
+  public:
+    explicit Fields(std::string_view message) {
+        protozero::pbf_reader fields(message);
+        while (fields.next()) {
+            const auto type = fields.wire_type();
+            if (fields.tag() <= MOST && type == protozero::pbf_wire_type::varint) {
+                numbers[fields.tag()] = fields.get_uint64();
+            } else if (fields.tag() <= MOST && type == protozero::pbf_wire_type::length_delimited) {
+                texts[fields.tag()] = fields.get_view();
+            } else {
+                fields.skip();
+            }
+        }
+    }
+
+    // 0 and empty where there is none.
+    template <typename Value = uint64_t>
+    Value Number(size_t field) const {
+        return static_cast<Value>(numbers[field]);
+    }
+    std::string_view Text(size_t field) const { return texts[field]; }
+
+  private:
+    std::array<uint64_t, MOST + 1> numbers{};
+    std::array<std::string_view, MOST + 1> texts{};
+};
 
 // Why a recording cannot be read, with what to do.
 class RecordingError : public std::runtime_error {
@@ -65,21 +97,19 @@ class RecordingLog {
 
   private:
     struct Event {
-        int64_t written;  // When its packet was, by the recorder's clock.
-        Micros time;
-        int32_t process, thread;
-        char priority;
-        uint8_t tag;                  // One of those that matter, or none of them,
-        uint32_t lost;                // or the mark that so many lines are lost.
+        int64_t written;    // When its packet was, by the recorder's clock.
+        uint64_t lost = 0;  // So many lines; else it is a line.
+        Micros time = 0;
+        int32_t process = -1, thread = -1;
+        char priority = '?';
+        uint8_t tag = 0;              // One of those that matter, or none of them.
         size_t text = 0, length = 0;  // Of the message, in `texts`.
     };
 
-    void TakeEvent(std::string_view bytes, int64_t written);
-
     std::vector<Event> events;
     std::string texts;
-    std::map<uint64_t, bool> sequences;  // Of packets that were seen.
-    int64_t failed = 0;                  // Lines that the recorder could not read.
+    std::set<uint64_t> sequences;  // Of packets that were seen.
+    uint64_t failed = 0;           // Lines that the recorder could not read.
 };
 
 }  // namespace tools

@@ -1,7 +1,10 @@
 // The scheduler in recordings of Perfetto.
 
+#include "tools/log/recording.h"
+
 #include <algorithm>
-#include <protozero/pbf_reader.hpp>
+#include <map>
+#include <utility>
 
 #include "tools/base/cursor.h"
 #include "tools/sched/trace.h"
@@ -21,29 +24,8 @@ Micros MicrosOf(uint64_t nanoseconds) {
 }
 
 // A thread's name, id and priority, which have these numbers.
-Task TaskOf(pbf_reader fields, uint32_t name, uint32_t tid, uint32_t priority) {
-    Task task;
-    while (fields.next()) {
-        if (fields.tag() == name) {
-            task.name = fields.get_view();
-        } else if (fields.tag() == tid) {
-            task.tid = fields.get_int32();
-        } else if (fields.tag() == priority) {
-            task.priority = static_cast<Priority>(fields.get_int32());
-        } else {
-            fields.skip();
-        }
-    }
-    return task;
-}
-
-// The value of a field, which is a number; 0 where it is not there.
-uint64_t NumberOf(pbf_reader fields, uint32_t field) {
-    uint64_t value = 0;
-    while (fields.next(field, protozero::pbf_wire_type::varint)) {
-        value = fields.get_uint64();
-    }
-    return value;
+Task TaskOf(const Fields<7>& event, size_t name, size_t tid, size_t priority) {
+    return {event.Text(name), event.Number<int32_t>(tid), event.Number<Priority>(priority)};
 }
 
 // Lists of one length, of which each has a value of each event.
@@ -97,16 +79,9 @@ void SchedRecording::TakePacket(std::string_view packet) {
             case 6:
                 TakeClocks(fields.get_view());
                 break;
-            case 45: {
-                pbf_reader info(fields.get_view());
-                while (info.next(1)) {
-                    pbf_reader name(info.get_view());
-                    while (name.next(3)) {
-                        isOldKernel = IsBefore414(name.get_view());
-                    }
-                }
+            case 45:
+                isOldKernel = IsBefore414(Fields<3>(Fields<1>(fields.get_view()).Text(1)).Text(3));
                 break;
-            }
             default:
                 fields.skip();
         }
@@ -114,35 +89,32 @@ void SchedRecording::TakePacket(std::string_view packet) {
 }
 
 void SchedRecording::TakeNames(std::string_view tree) {
-    pbf_reader fields(tree);
-    while (fields.next(2)) {
-        const Task task = TaskOf(pbf_reader(fields.get_view()), 2, 1, 0);
-        names[task.tid] = task.name;
+    pbf_reader threads(tree);
+    while (threads.next(2)) {
+        const Fields<2> thread(threads.get_view());
+        names[thread.Number<int32_t>(1)] = thread.Text(2);
     }
 }
 
 void SchedRecording::TakeClocks(std::string_view snapshot) {
     constexpr uint64_t REALTIME = 1, MONOTONIC_RAW = 5, BOOTTIME = 6;
-    uint64_t real = 0, raw = 0, boot = 0;
-    pbf_reader fields(snapshot);
-    while (fields.next(1)) {
-        const pbf_reader clock(fields.get_view());
-        const uint64_t id = NumberOf(clock, 1), time = NumberOf(clock, 2);
-        real = id == REALTIME ? time : real;
-        raw = id == MONOTONIC_RAW ? time : raw;
-        boot = id == BOOTTIME ? time : boot;
+    std::map<uint64_t, uint64_t> times;
+    pbf_reader clocks(snapshot);
+    while (clocks.next(1)) {
+        const Fields<2> clock(clocks.get_view());
+        times[clock.Number(1)] = clock.Number(2);
     }
-    rawAhead = boot - raw;
-    if (real != 0 && boot != 0) {
-        maker.trace.snapshots.push_back({MicrosOf(real), MicrosOf(boot)});
+    rawAhead = times[BOOTTIME] - times[MONOTONIC_RAW];
+    if (times[REALTIME] != 0 && times[BOOTTIME] != 0) {
+        maker.trace.snapshots.push_back({MicrosOf(times[REALTIME]), MicrosOf(times[BOOTTIME])});
     }
 }
 
 void SchedRecording::TakeBundle(std::string_view bytes) {
     constexpr uint64_t MONO_RAW = 4;
     Bundle bundle;
-    const pbf_reader all(bytes);
-    const uint64_t cpu = NumberOf(all, 1), clock = NumberOf(all, 5), boot = NumberOf(all, 7);
+    const Fields<7> all(bytes);
+    const uint64_t cpu = all.Number(1), clock = all.Number(5), boot = all.Number(7);
     if (cpu >= MOST_CPUS) {
         return;
     }
@@ -150,12 +122,12 @@ void SchedRecording::TakeBundle(std::string_view bytes) {
     if (clock == MONO_RAW) {
         bundle.ahead = rawAhead;
     } else if (clock != 0 && boot != 0) {
-        bundle.ahead = boot - NumberOf(all, 6);
+        bundle.ahead = boot - all.Number(6);
     }
-    if (NumberOf(all, 3) != 0) {
+    if (all.Number(3) != 0) {
         maker.OnLost(bundle.cpu, 1);  // At least.
     }
-    pbf_reader fields = all;
+    pbf_reader fields(bytes);
     while (fields.next()) {
         if (fields.tag() == 2) {
             TakeEvent(fields.get_view(), bundle);
@@ -209,38 +181,21 @@ void SchedRecording::TakeEvent(std::string_view bytes, Bundle& bundle) {
     }
     const bool isInterrupt = (flags & INTERRUPT_FLAGS) != 0;
     maker.trace.hasFlags = maker.trace.hasFlags || isInterrupt;
-    const auto wake = [&](SchedEvent::Kind kind) {
-        const uint64_t cpu = NumberOf(pbf_reader(payload), 5);
-        if (cpu < MOST_CPUS) {
-            maker.OnWaking(kind, time, static_cast<uint32_t>(cpu),
-                           TaskOf(pbf_reader(payload), 1, 2, 3),
+    const Fields<7> event(payload);
+    constexpr std::pair<uint32_t, SchedEvent::Kind> WAKINGS[] = {{17, SchedEvent::Kind::Wakeup},
+                                                                 {20, SchedEvent::Kind::Waking},
+                                                                 {114, SchedEvent::Kind::New}};
+    for (const auto& [number, kind] : WAKINGS) {
+        if (what == number && event.Number(5) < MOST_CPUS) {
+            maker.OnWaking(kind, time, event.Number<uint32_t>(5), TaskOf(event, 1, 2, 3),
                            isInterrupt ? NO_THREAD : maker.ThreadOf(writer, bundle.cpu));
         }
-    };
-    switch (what) {
-        case 3: {
-            pbf_reader print(payload);
-            while (print.next(2)) {
-                maker.OnMark(time, bundle.cpu, writer, print.get_view());
-            }
-            break;
-        }
-        case 4:
-            maker.OnSwitch(time, bundle.cpu, TaskOf(pbf_reader(payload), 1, 2, 3),
-                           StateOf(NumberOf(pbf_reader(payload), 4)),
-                           TaskOf(pbf_reader(payload), 5, 6, 7));
-            break;
-        case 17:
-            wake(SchedEvent::Kind::Wakeup);
-            break;
-        case 20:
-            wake(SchedEvent::Kind::Waking);
-            break;
-        case 114:
-            wake(SchedEvent::Kind::New);
-            break;
-        default:
-            break;
+    }
+    if (what == 3) {
+        maker.OnMark(time, bundle.cpu, writer, event.Text(2));
+    } else if (what == 4) {
+        maker.OnSwitch(time, bundle.cpu, TaskOf(event, 1, 2, 3), StateOf(event.Number(4)),
+                       TaskOf(event, 5, 6, 7));
     }
 }
 

@@ -112,6 +112,7 @@ SchedTrace SchedTraceMaker::Finish() {
     std::ranges::sort(trace.counters, {}, [](const SchedCounter& counter) {
         return std::pair<CountedEvent, Micros>(counter, counter.time);
     });
+    trace.events.shrink_to_fit();  // There are millions, and what follows takes memory, too.
     std::ranges::stable_sort(trace.events, {}, &SchedEvent::time);
     FindWhoHadCpus();
     return std::move(trace);
