@@ -26,8 +26,8 @@ class Tracker {
                 OnSwitch(event);
             } else {
                 OnWaking(event, threads[event.thread]);
+                threads[event.thread].isFirst = false;
             }
-            threads[event.thread].isFirst = false;
         }
         for (Thread& thread : threads) {
             thread.now.end = trace.to;
@@ -57,15 +57,21 @@ class Tracker {
             threads[cpu.thread].now.state = ThreadState::Unknown;
         }
         if (event.thread != event.other) {
-            Thread& leaving = threads[event.thread];
-            if (!IsOn(leaving, event.cpu)) {
-                AddComing(leaving, event, cpu);
+            if (event.thread != NO_THREAD) {
+                OnSwitchOut(threads[event.thread], event, cpu);
             }
-            Open(leaving, event.time, event.left, event.cpu, event.priority);
-            leaving.hasCpu = true;
             OnSwitchIn(threads[event.other], event);
         }
         cpu = {event.other, event.time};
+    }
+
+    void OnSwitchOut(Thread& thread, const SchedEvent& event, const Cpu& cpu) {
+        if (!IsOn(thread, event.cpu)) {
+            AddComing(thread, event, cpu);
+        }
+        Open(thread, event.time, event.left, event.cpu, event.priority);
+        thread.hasCpu = true;
+        thread.isFirst = false;
     }
 
     static bool IsOn(const Thread& thread, uint16_t cpu) {
@@ -103,7 +109,7 @@ class Tracker {
             if (thread.isFirst && !isNew) {
                 now.state = ThreadState::Sleeping;
             }
-            now.isWoken = true;
+            now.isWoken = event.other != WHO_HAS_THE_CPU;
             now.waker = event.other;
             Open(thread, event.time, ThreadState::Runnable, event.cpu, event.priority);
             thread.hasCpu = isWakeup || isNew;

@@ -89,23 +89,46 @@ void SchedTraceMaker::OnMark(Micros time, uint32_t cpu, const Task& writer, std:
 }
 
 void SchedTraceMaker::FindWhoHadCpus() {
-    std::vector<std::pair<uint32_t, Priority>> owners(MOST_CPUS, {NO_THREAD, USUAL_PRIORITY});
+    struct Owner {
+        uint32_t thread = NO_THREAD;
+        Priority priority = USUAL_PRIORITY;
+    };
+    struct Ownership {
+        Owner owner, woken;  // The first thread that was to run there since.
+    };
+    std::vector<Ownership> known(MOST_CPUS);
+    std::ranges::sort(trace.holes, {}, &SchedTrace::Hole::end);
+    auto hole = trace.holes.begin();
     for (SchedEvent& event : trace.events) {
+        for (; hole != trace.holes.end() && hole->end <= event.time; ++hole) {
+            known[hole->cpu] = {};
+        }
+        Ownership& cpu = known[event.cpu];
         if (event.kind == SchedEvent::Kind::Switch) {
-            auto& owner = owners[event.cpu];
             if (event.thread == WHO_HAS_THE_CPU) {
-                std::tie(event.thread, event.priority) = owner;
-                if (event.thread != NO_THREAD && trace.threads[event.thread].tid == 0) {
-                    event.left = ThreadState::Runnable;
+                // An idle task only leaves for another one, and could go on. Otherwise the kernel
+                // left out that a thread came.
+                const bool isIdle =
+                    cpu.owner.thread != NO_THREAD && trace.threads[cpu.owner.thread].tid == 0;
+                if (isIdle &&
+                    (event.left != ThreadState::Runnable || event.other == cpu.owner.thread)) {
+                    cpu.owner = cpu.woken;
                 }
+                event.thread = cpu.owner.thread;
+                event.priority = cpu.owner.priority;
             }
-            owner = {event.other, event.otherPriority};
-        } else if (event.other == WHO_HAS_THE_CPU) {
-            event.other = owners[static_cast<size_t>(event.otherPriority)].first;
+            cpu = {{event.other, event.otherPriority}, {}};
+        } else {
+            if (event.other == WHO_HAS_THE_CPU) {
+                const uint32_t waker = known[static_cast<size_t>(event.otherPriority)].owner.thread;
+                event.other = waker == NO_THREAD ? WHO_HAS_THE_CPU : waker;
+                event.otherPriority = USUAL_PRIORITY;
+            }
+            if (cpu.woken.thread == NO_THREAD && event.kind != SchedEvent::Kind::Waking) {
+                cpu.woken = {event.thread, event.priority};
+            }
         }
     }
-    // Before a CPU's first switch nobody is known to have it.
-    std::erase_if(trace.events, [](const SchedEvent& event) { return event.thread == NO_THREAD; });
 }
 
 SchedTrace SchedTraceMaker::Finish() {

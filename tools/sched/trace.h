@@ -22,7 +22,7 @@
 namespace tools {
 
 inline constexpr uint32_t NO_THREAD = std::numeric_limits<uint32_t>::max();
-// For SchedTraceMaker, which finds out.
+// For SchedTraceMaker, which finds out where it can.
 inline constexpr uint32_t WHO_HAS_THE_CPU = NO_THREAD - 1;
 
 // As the kernel counts: below 100 of real time, the lower the sooner; from 100 on of nice values.
@@ -38,8 +38,9 @@ struct SchedEvent {
         New,     // The thread begins.
     };
     Micros time;             // By the trace's clock, until TieClocks has turned it into the log's.
-    uint32_t thread;         // The thread that leaves the CPU, or is woken.
-    uint32_t other;          // The thread that comes, or wakes it; NO_THREAD for an interrupt.
+    uint32_t thread;         // The thread that leaves the CPU, NO_THREAD if not known, or is woken.
+    uint32_t other;          // The thread that comes, or wakes it; NO_THREAD for an interrupt,
+                             // WHO_HAS_THE_CPU where not even that is known.
     Priority priority;       // Of `thread`,
     Priority otherPriority;  // and of a thread that comes.
     uint16_t cpu;            // Where it happened; of a wakeup, where the thread is to run.
