@@ -52,9 +52,7 @@ std::string Explain(const std::string& text, size_t piece) {
     WriteText(written, account, {true, {}});
     WriteCsv(written, account);
     WritePage(written, account, "name");
-    WriteTrace(json, account, {});
-    Require(nlohmann::json::accept(json.str()), json.str());
-    json.str("");
+    WriteTrace(written, account, {});
     WriteJson(json, account);
     Require(nlohmann::json::accept(json.str()), json.str());
     WriteComparison(written, account, account);

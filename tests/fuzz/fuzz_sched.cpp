@@ -75,9 +75,7 @@ std::string Explain(const std::string& text, size_t piece) {
     WriteText(written, account, {true, {}}, &scheduling);
     WriteCsv(written, account, &scheduling);
     WriteComparison(written, account, account, &scheduling, &scheduling);
-    WriteTrace(json, account, {}, &scheduling);
-    Require(nlohmann::json::accept(json.str()), json.str());
-    json.str("");
+    WriteTrace(written, account, {}, &scheduling);
     WriteJson(json, account, &scheduling);
     Require(nlohmann::json::accept(json.str()), json.str());
     return written.str() + json.str();

@@ -111,7 +111,7 @@ void AddExplain(CLI::App& app, ExplainArguments& arguments) {
         "Write a page for a browser: findings, figures and frames, in one file")
         ->excludes(compare);
     Add(command, "--to-trace FILE", arguments.tracks,
-        "Write a trace for ui.perfetto.dev, in Chrome's JSON form; as gzip where FILE ends in .gz")
+        "Write a trace for ui.perfetto.dev: tracks of frames, stages and findings")
         ->excludes(compare);
     Add(command, "--to-session FILE", arguments.session,
         "Write the HAL's calls here, as a session for replay");

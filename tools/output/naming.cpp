@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <zlib.h>
 
 #include <algorithm>
 
@@ -326,6 +327,18 @@ std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t 
              ThreadsOf(*scheduling, scheduling->scenes[scene])},
             {"Waiting", "Waited for a CPU in each frame period, all threads together, milliseconds",
              WaitingOf(scheduling->scenes[scene])}};
+}
+
+std::string Packed(const std::string& bytes, int level) {
+    uLongf size = compressBound(bytes.size());
+    std::string packed(size, '\0');
+    // Bytes of any type are the same to zlib.
+    if (compress2(reinterpret_cast<Bytef*>(packed.data()), &size,
+                  reinterpret_cast<const Bytef*>(bytes.data()), bytes.size(), level) != Z_OK) {
+        throw std::bad_alloc();
+    }
+    packed.resize(size);
+    return packed;
 }
 
 }  // namespace tools

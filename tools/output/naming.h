@@ -106,4 +106,7 @@ std::vector<SharedConfiguration> ConfigurationsOf(const Account& account);
 // `configuration` with what is known of `other` alone, as a log does not hold everything.
 Configuration Completed(Configuration configuration, const Configuration& other);
 
+// The bytes in zlib's form. `level`: zlib's, from 1, which is quick; -1 for its default.
+std::string Packed(const std::string& bytes, int level = -1);
+
 }  // namespace tools

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -44,19 +45,24 @@ void WritePage(std::ostream& out, const Account& account, const std::string& tit
 // Its section with the data that page.js draws; nothing where no scene has times.
 void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* scheduling);
 
-// A trace for ui.perfetto.dev and other viewers of Chrome's JSON trace format.
+// A trace for ui.perfetto.dev, in Perfetto's own form. Written track by track.
 //
-// A scene is a process: a track for findings, one for its frames and one a stage, more where
-// frames overlap, and counters. Time 0 is the beginning of the first scene. What is said of all
-// frames is short; those that something happened to have arguments, and flows from stage to stage.
+// A scene is a group of tracks: findings, when frames were expected and when they came out, how
+// many were in flight, the interval between outputs, and the stages. Frames that something happened
+// to say all that is known of them, and have arrows from stage to stage, as have those beside them.
 //
-// With a scheduler trace the threads of each stage, and those that kept a late frame waiting, have
-// tracks, too, which say when they ran and when they waited.
+// With a scheduler trace each stage has the threads that kept a late frame waiting, with arrows to
+// the frame, and what its own threads did.
 //
 // `frames`: the first and the last number of a part, which has all of that for all of its frames,
-// and nothing from before or after it. Written track by track.
+// and nothing from before or after it.
+//
+// `boottime`: where the trace goes behind a recording of Perfetto's, which has the threads itself:
+// turns an account's time into the recording's, nanoseconds since the boot. Without, times are
+// those since the capture's first line.
 void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
-                const Scheduling* scheduling = nullptr);
+                const Scheduling* scheduling = nullptr,
+                const std::function<int64_t(Micros)>& boottime = {});
 
 }  // namespace tools

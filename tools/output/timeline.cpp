@@ -1,7 +1,6 @@
 // The part of the page that a script draws: the frames of all scenes, and their threads, as tracks.
 
 #include <fmt/format.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <map>
@@ -14,19 +13,6 @@
 
 namespace tools {
 namespace {
-
-// The bytes in zlib's form, which browsers unpack.
-std::string Packed(const std::string& bytes) {
-    uLongf size = compressBound(bytes.size());
-    std::string packed(size, '\0');
-    // Bytes of any type are the same to zlib.
-    if (compress(reinterpret_cast<Bytef*>(packed.data()), &size,
-                 reinterpret_cast<const Bytef*>(bytes.data()), bytes.size()) != Z_OK) {
-        throw std::bad_alloc();
-    }
-    packed.resize(size);
-    return packed;
-}
 
 using Json = nlohmann::ordered_json;
 

@@ -1,13 +1,17 @@
-// The account as a trace, in Chrome's JSON form.
+// The account as tracks, in Perfetto's form.
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <functional>
 #include <limits>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <protozero/pbf_writer.hpp>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -17,95 +21,202 @@ namespace tools {
 namespace {
 
 using Json = nlohmann::ordered_json;
+using protozero::pbf_writer;
 
-// What stands on a track for some time.
+// What stands on a track for some time, or happened in a moment.
 struct Slice {
     Span span;
-    std::string name{};
-    Json arguments{};
-    bool isStanding = false;  // Of a frame that is not known to have gone on.
-    Micros waiting = 0;       // For so long from its begin, which a slice within it says.
-    char arrow = '\0';        // An arrow begins (s), goes on (t) or ends (f) in it,
-    size_t arrowId = 0;       // and which.
+    uint64_t name = 0;  // As interned.
+    Json said{};        // Annotations; those that are null are left out.
+    bool isMoment = false;
+    bool isStanding = false;         // Of a frame that is not known to have gone on.
+    std::vector<uint64_t> arrows{};  // Each goes to the next slice in time that has it, too.
+    std::vector<Slice> within{};     // Moments.
 };
 
-// The one place that knows the form: an event a line.
-class Events {
+// Names come from captures, which hold any bytes; the form has UTF-8.
+std::string Utf8(const std::string& text) {
+    return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+// No recorder has it: they count their sequences from 1.
+constexpr uint32_t SEQUENCE = 2'000'000'000;
+// Before those of our tracks and arrows. A recording has some of its own.
+constexpr uint64_t FIRST_ID = uint64_t{SEQUENCE} << 32;
+
+// The one place that knows the form: the numbers in it are those of the form's fields.
+class Packets {
   public:
-    Events(std::ostream& stream, Micros zero) : out(stream), origin(zero) {}
+    // `boottime`: as for WriteTrace. What was before `first` is shown there.
+    Packets(std::ostream& stream, const std::function<int64_t(Micros)>& boottime, Micros first)
+        : out(stream), toBoottime(boottime), origin(std::max<int64_t>(NanosecondsOf(first), 0)) {}
 
-    // All that is added from here on belongs to it.
-    void BeginProcess(size_t number, const std::string& name) {
-        process = number;
-        Add('M', 0, origin, "process_name", "", {{"name", name}});
-        Add('M', 0, origin, "process_sort_index", "", {{"sort_index", number}});
+    uint64_t NewArrow() { return ++lastId; }
+
+    // The number of a name, which is written when it is first used.
+    uint64_t Intern(const std::string& name) {
+        const auto [known, isNew] = interned.try_emplace(name, interned.size() + 1);
+        if (isNew) {
+            Add([&](pbf_writer& packet) {
+                pbf_writer data(packet, 12);
+                pbf_writer one(data, 2);
+                one.add_uint64(1, known->second);
+                one.add_string(2, Utf8(name));
+            });
+        }
+        return known->second;
     }
 
-    size_t AddTrack(const std::string& name) {
-        ++tracks;
-        Add('M', tracks, origin, "thread_name", "", {{"name", name}});
-        Add('M', tracks, origin, "thread_sort_index", "", {{"sort_index", tracks}});
-        return tracks;
+    // A track, or a group of them. All events from here on are its own, and their times are steps
+    // from the one before, at first from the origin: so neither stands in each of them. `parent`: 0
+    // for none. `first`: 0, or the track that has the same place. `unit`: of a track of values.
+    uint64_t BeginTrack(uint64_t parent, const std::string& name, uint64_t first = 0,
+                        const char* unit = nullptr) {
+        const uint64_t track = ++lastId;
+        Add([&](pbf_writer& packet) {
+            pbf_writer descriptor(packet, 60);
+            descriptor.add_uint64(1, track);
+            descriptor.add_string(2, name);
+            if (parent != 0) {
+                descriptor.add_uint64(5, parent);
+            }
+            if (unit != nullptr) {
+                pbf_writer(descriptor, 8).add_string(6, unit);
+            }
+            descriptor.add_enum(11, 3);  // Tracks in it are in the order of their ranks.
+            descriptor.add_int32(12, static_cast<int32_t>((first == 0 ? track : first) - FIRST_ID));
+        });
+        last = origin;
+        Add([&](pbf_writer& packet) {
+            {
+                pbf_writer snapshot(packet, 6);
+                for (const auto& [id, time] :
+                     {std::pair(OWN_CLOCK, int64_t{0}), {BOOTTIME, origin}}) {
+                    pbf_writer clock(snapshot, 1);
+                    clock.add_uint32(1, id);
+                    clock.add_int64(2, time);
+                    clock.add_bool(3, id == OWN_CLOCK);  // It has steps.
+                }
+            }
+            pbf_writer defaults(packet, 59);
+            pbf_writer(defaults, 11).add_uint64(11, track);
+            defaults.add_uint32(58, OWN_CLOCK);
+        });
+        return track;
     }
 
-    // Slices that overlap are spread over as few tracks as it takes. Those that stand come last, so
-    // that they leave the first tracks to those that move.
-    void AddSlices(const std::string& title, std::vector<Slice> slices) {
+    // Slices that overlap are spread over as few tracks as it takes, which viewers show as one, as
+    // they have one name. Those that stand come last, so that they leave the first tracks to those
+    // that move. Returns the first track.
+    uint64_t AddSlices(uint64_t parent, const std::string& name, std::vector<Slice> slices) {
         std::ranges::stable_sort(slices, {}, [](const Slice& slice) {
             return std::pair(slice.isStanding, slice.span.begin);
         });
-        const size_t first = AddTrack(title);
-        std::vector<Micros> taken = {NO_TIME};  // Until when, a track each.
+        std::vector<std::vector<const Slice*>> lanes(1);
         for (const Slice& slice : slices) {
-            const Span span = slice.span;
-            size_t lane = 0;
-            while (lane < taken.size() && taken[lane] > span.begin) {
-                ++lane;
-            }
-            if (lane == taken.size()) {
-                AddTrack(fmt::format("{} ({})", title, lane + 1));
-                taken.emplace_back();
-            }
-            taken[lane] = span.end;
-            AddSlice(first + lane, span, slice.name, slice.arguments);
-            if (slice.arrow != '\0') {
-                Add(slice.arrow, first + lane, span.begin, "frame",
-                    fmt::format(R"(,"cat":"frame","id":{}{})", slice.arrowId,
-                                slice.arrow == 's' ? "" : R"(,"bp":"e")"));
-            }
-            if (slice.waiting > 0) {
-                AddSlice(first + lane, Cut(span, {span.begin, span.begin + slice.waiting}),
-                         "waiting", {});
+            const auto lane = std::ranges::find_if(lanes, [&slice](const auto& one) {
+                return one.empty() || one.back()->span.end <= slice.span.begin;
+            });
+            (lane == lanes.end() ? lanes.emplace_back() : *lane).push_back(&slice);
+        }
+        uint64_t first = 0;
+        for (const std::vector<const Slice*>& lane : lanes) {
+            const uint64_t track = BeginTrack(parent, name, first);
+            first = first == 0 ? track : first;
+            for (const Slice* const slice : lane) {
+                AddSlice(*slice);
             }
         }
+        return first;
     }
 
-    // `more`: further members, with a comma before each. What is not on a track is on track 0.
-    void Add(char phase, size_t track, Micros time, std::string_view name, std::string_view more,
-             const Json& arguments = {}) {
-        // What was before the first scene is shown at its beginning.
-        out << fmt::format(R"({}{{"ph":"{}","pid":{},"tid":{},"ts":{},"name":{}{})", separator,
-                           phase, process, track, std::max<Micros>(time - origin, 0), Text(name),
-                           more)
-            << (arguments.is_null() ? "" : ",\"args\":" + Text(arguments)) << '}';
-        separator = ",\n";
+    void AddValue(Micros time, double value) {
+        AddEvent(time, 4, [value](pbf_writer& event) { event.add_double(44, value); });
     }
 
-    // Names come from captures, which hold any bytes; JSON holds UTF-8.
-    static std::string Text(const Json& json) {
-        return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    // Writes what was added since the last time, as a bundle: zlib makes a tenth of it.
+    void Flush() {
+        std::string bundle;
+        pbf_writer file(bundle);
+        pbf_writer(file, 1).add_bytes(50, Packed(std::exchange(packets, {}), 1));
+        out << bundle;
     }
 
   private:
-    void AddSlice(size_t track, Span span, std::string_view name, const Json& arguments) {
-        Add('X', track, span.begin, name, fmt::format(R"(,"dur":{})", span.Length()), arguments);
+    // From 64 on sequences may have clocks of their own.
+    static constexpr uint32_t BOOTTIME = 6, OWN_CLOCK = 64;
+    static constexpr size_t BUNDLE = 1 << 18;
+
+    int64_t NanosecondsOf(Micros time) const {
+        constexpr Micros most = std::numeric_limits<int64_t>::max() / 1000;
+        return toBoottime ? toBoottime(time) : std::clamp(time, -most, most) * 1000;
+    }
+
+    void Add(const auto& fill) {
+        {
+            pbf_writer file(packets);
+            pbf_writer packet(file, 1);
+            packet.add_uint32(10, SEQUENCE);
+            // The first one ends what such a sequence had; the others need what came before them.
+            packet.add_uint32(13, std::exchange(flags, 2));
+            fill(packet);
+        }
+        if (packets.size() > BUNDLE) {
+            Flush();
+        }
+    }
+
+    void AddEvent(Micros time, uint32_t type, const auto& fill) {
+        const int64_t now = std::max(NanosecondsOf(time), last);
+        Add([&](pbf_writer& packet) {
+            packet.add_uint64(8, static_cast<uint64_t>(now - std::exchange(last, now)));
+            pbf_writer event(packet, 11);
+            event.add_uint32(9, type);
+            fill(event);
+        });
+    }
+
+    void AddSlice(const Slice& slice) {
+        AddEvent(slice.span.begin, slice.isMoment ? 3 : 1, [&slice](pbf_writer& event) {
+            event.add_uint64(10, slice.name);
+            for (const auto& [name, value] : slice.said.items()) {
+                if (value.is_null()) {
+                    continue;
+                }
+                pbf_writer annotation(event, 4);
+                annotation.add_string(10, name);
+                if (value.is_string()) {
+                    annotation.add_string(6, Utf8(value));
+                } else if (value.is_number_float()) {
+                    annotation.add_double(5, value);
+                } else {
+                    annotation.add_int64(4, value);
+                }
+            }
+            for (const uint64_t arrow : slice.arrows) {
+                event.add_fixed64(47, arrow);
+            }
+        });
+        for (const Slice& moment : slice.within) {
+            AddSlice(moment);
+        }
+        if (!slice.isMoment) {
+            AddEvent(slice.span.end, 2, [](pbf_writer& /*event*/) {});
+        }
     }
 
     std::ostream& out;
-    Micros origin;
-    std::string_view separator;
-    size_t process = 0, tracks = 0;
+    const std::function<int64_t(Micros)>& toBoottime;
+    const int64_t origin;
+    int64_t last = 0;
+    uint64_t lastId = FIRST_ID;
+    uint32_t flags = 1;
+    std::unordered_map<std::string, uint64_t> interned;
+    std::string packets;  // Not yet written.
 };
+
+// Numbers of frames may be anything: those farther apart have nothing to do with one another.
+constexpr int64_t FAR_APART = 1000;
 
 // What is shown of a scene.
 struct View {
@@ -114,8 +225,11 @@ struct View {
     const size_t index;
     // Only these frames are shown, with all that is known of them; without it, all frames.
     const std::optional<std::pair<int64_t, int64_t>>& range;
-    const size_t firstArrow;  // Of its frames, a row each.
+    Packets& packets;
+    const bool hasThreads;  // Whether those of the scheduler trace are shown.
     const JudgedScene& scene = account.scenes[index];
+    // Of each frame. Those that are told, and those before and behind them, have arrows; others 0.
+    std::vector<uint64_t> names{}, arrows{};
     // Of all frames that are shown: in it things are shown that are no frame's.
     Span span{std::numeric_limits<Micros>::max(), NO_TIME};
 
@@ -123,8 +237,9 @@ struct View {
     bool HasTime(Micros time) const { return !range || (time >= span.begin && time <= span.end); }
     // Whether all that is known of the frame is shown.
     bool IsTold(size_t row) const {
-        return range || HarmOf(scene.FateOf(row)) != Harm::None ||
-               scene.frames[row].trouble.line != 0;
+        return row < scene.frames.size() &&
+               (Shown{false, range}.Has(scene, row) || HarmOf(scene.FateOf(row)) != Harm::None ||
+                scene.frames[row].trouble.line != 0);
     }
 };
 
@@ -146,10 +261,11 @@ Span LifeOf(const JudgedScene& scene, size_t row) {
                                               fate.isOut ? fate.output : GoneOf(scene, row)})};
 }
 
-View ViewOf(const Account& account, const Scheduling* scheduling, size_t index,
-            const std::optional<std::pair<int64_t, int64_t>>& range, size_t firstArrow) {
-    View view{account, scheduling, index, range, firstArrow};
+void CompleteView(View& view) {
     for (size_t row = 0; row < view.scene.frames.size(); ++row) {
+        const bool hasArrows = view.IsTold(row - 1) || view.IsTold(row) || view.IsTold(row + 1);
+        view.arrows.push_back(hasArrows ? view.packets.NewArrow() : 0);
+        view.names.push_back(view.packets.Intern(fmt::to_string(view.scene.frames[row].number)));
         if (view.Has(row)) {
             const Span life = LifeOf(view.scene, row);
             // A frame that never came out may stand there for long.
@@ -157,157 +273,222 @@ View ViewOf(const Account& account, const Scheduling* scheduling, size_t index,
             view.span = {std::min(view.span.begin, life.begin), std::max(view.span.end, end)};
         }
     }
-    return view;
 }
 
-// The frame's slice. Good frames stay quiet: the viewer gives equal words equal colours.
-Slice SliceOf(const View& view, size_t row, Span span, bool hasLeft) {
-    const Frame& frame = view.scene.frames[row];
+// The frame's slice, with all that is known of the frame where there is something to say.
+Slice SliceOf(const View& view, size_t row, Span span) {
     const Fate& fate = view.scene.FateOf(row);
-    const std::string word = WordOf(fate);
-    Slice slice{.span = span,
-                .name = fmt::format("{}{}{}", frame.number, word.empty() ? "" : " ", word),
-                .isStanding = !hasLeft};
+    Slice slice{.span = span, .name = view.names[row]};
     if (view.IsTold(row)) {
-        slice.arguments = {{"status", NameOf(fate.status)},
-                           {"late", fate.isLate},
-                           {"reason", DescriptionOf(fate)},
-                           {"line", ToString(view.account, frame.place)}};
+        const std::string reason = DescriptionOf(fate);
+        slice.said = {{"status", NameOf(fate.status)},
+                      {"late", int{fate.isLate}},
+                      {"reason", reason.empty() ? Json() : Json(reason)},
+                      {"line", ToString(view.account, view.scene.frames[row].place)}};
     }
     return slice;
 }
 
-void WriteFrames(Events& events, const View& view) {
-    std::vector<Slice> slices;
-    for (size_t row = 0; row < view.scene.frames.size(); ++row) {
-        if (view.Has(row)) {
-            slices.push_back(
-                SliceOf(view, row, LifeOf(view.scene, row), view.scene.FateOf(row).isOut));
-        }
-    }
-    events.AddSlices("frames", std::move(slices));
-}
-
-// What the frame's slice in the stage has of the arrow that goes through all of the frame's.
-char ArrowOf(const JudgedScene& scene, size_t row, int32_t stage) {
-    std::vector<std::pair<Micros, int32_t>> begins;
-    for (int32_t any = 0; any < scene.stageCount; ++any) {
-        if (const Span stay = StayOf(scene, row, any); stay.end != NO_TIME) {
-            begins.emplace_back(stay.begin, any);
-        }
-    }
-    const auto [first, last] = std::ranges::minmax(begins);
-    if (first == last) {
-        return '\0';
-    }
-    const char behind = last.second == stage ? 'f' : 't';
-    return first.second == stage ? 's' : behind;
-}
-
-void WriteStage(Events& events, const View& view, int32_t stage) {
+// A frame is due so many periods after the last one that came out as numbers are between the two.
+void WriteFrames(const View& view, uint64_t group) {
     const JudgedScene& scene = view.scene;
-    std::vector<Slice> slices;
+    std::vector<Slice> expected, actual;
+    std::optional<size_t> before;  // The last one that came out.
     for (size_t row = 0; row < scene.frames.size(); ++row) {
-        const Span stay = StayOf(scene, row, stage);
-        if (stay.end != NO_TIME && view.Has(row)) {
-            Slice slice = SliceOf(view, row, stay, scene.PassOf(row, stage).HasLeft());
-            slice.waiting = scene.TimesOf(row, stage).wait;
-            slice.arrow = view.IsTold(row) ? ArrowOf(scene, row, stage) : '\0';
-            slice.arrowId = view.firstArrow + row;
-            slices.push_back(std::move(slice));
+        if (view.Has(row)) {
+            const Span life = LifeOf(scene, row);
+            const int64_t steps =
+                before ? StepOf(scene.frames[*before].number, scene.frames[row].number) : 0;
+            if (steps > 0 && steps < FAR_APART) {
+                const Micros due = scene.FateOf(*before).output + scene.Period() * steps;
+                expected.push_back({{life.begin, std::max(life.begin, due)}, view.names[row]});
+            }
+            actual.push_back(SliceOf(view, row, life));
+            actual.back().isStanding = !scene.FateOf(row).isOut;
+        }
+        before = scene.FateOf(row).isOut ? row : before;
+    }
+    view.packets.AddSlices(group, "expected", std::move(expected));
+    view.packets.AddSlices(group, "actual", std::move(actual));
+}
+
+void WriteValues(const View& view, uint64_t group) {
+    view.packets.BeginTrack(group, "in flight", 0, "frames");
+    for (const auto& [time, count] : InFlightOf(view.scene)) {
+        if (view.HasTime(time)) {
+            view.packets.AddValue(time, static_cast<double>(count));
         }
     }
-    events.AddSlices(StageTitleOf(scene, static_cast<size_t>(stage)), std::move(slices));
+    view.packets.BeginTrack(group, "interval between outputs", 0, "ms");
+    for (const uint32_t row : view.scene.columns.outputs) {
+        const Fate& fate = view.scene.FateOf(row);
+        if (fate.interval != NO_TIME && view.HasTime(fate.output)) {
+            view.packets.AddValue(fate.output, static_cast<double>(fate.interval) / 1000);
+        }
+    }
+}
+
+Json Milliseconds(Micros time) {
+    return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000);
+}
+
+// The threads that a frame of the stage waited for: who kept it, who kept that one, and so on. Each
+// has an arrow to the moment at which it woke the next one, which for the last is in the frame's
+// own slice.
+std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>& frames) {
+    std::vector<Slice> wakers;
+    for (const SceneFinding& finding : view.scene.findings) {
+        const std::vector<CauseLink>& chain = finding.chain;
+        if (finding.stage != stage || chain.size() < 2) {
+            continue;
+        }
+        const auto isKept = [&](const Slice& slice) {
+            const Micros woken = chain[0].begin + chain[0].piece;
+            return slice.span.begin <= woken && woken <= slice.span.end &&
+                   std::ranges::any_of(finding.own, [&](int64_t number) {
+                       return view.packets.Intern(fmt::to_string(number)) == slice.name;
+                   });
+        };
+        const auto kept = std::ranges::find_if(frames, isKept);
+        if (kept == frames.end()) {
+            continue;
+        }
+        for (size_t i = 1; i < chain.size(); ++i) {
+            const CauseLink& link = chain[i];
+            const Micros woken = chain[i - 1].begin + chain[i - 1].piece;
+            const std::string name = fmt::format("{} ({})", link.thread, Printable(link.name));
+            const uint64_t arrow = view.packets.NewArrow();
+            (i == 1 ? *kept : wakers.back())
+                .within.push_back({.span = {woken, woken},
+                                   .name = view.packets.Intern("woken by " + name),
+                                   .isMoment = true,
+                                   .arrows = {arrow}});
+            wakers.push_back({.span = {link.begin, link.begin + link.piece},
+                              .name = view.packets.Intern(name),
+                              .said = {{"state", NameOf(link.state)},
+                                       {"wakes", chain[i - 1].thread},
+                                       {"frame", finding.frame.value_or(0)}},
+                              .arrows = {arrow}});
+        }
+        std::ranges::stable_sort(kept->within, {}, [](const Slice& one) { return one.span.begin; });
+    }
+    return wakers;
 }
 
 // What the threads of a stage did when they did not sleep.
-void WriteThreads(Events& events, const View& view, int32_t stage) {
+void WriteThreads(const View& view, int32_t stage, uint64_t parent) {
     for (const DrawnThread& drawn : DrawnThreadsOf(view.account, view.scheduling, view.index)) {
-        if (drawn.stage != stage) {
+        if (drawn.stage != stage || !view.hasThreads) {
             continue;
         }
         std::vector<Slice> slices;
         for (const StateSpan& one : AwakeOf(*view.scheduling, drawn.thread, view.span)) {
             const bool isRunnable = one.state == ThreadState::Runnable;
-            slices.push_back({one, isRunnable ? "waiting for a CPU" : NameOf(one.state),
-                              one.state == ThreadState::Running ? Json{{"CPU", one.cpu}} : Json()});
+            const bool hasCpu = isRunnable || one.state == ThreadState::Running;
+            slices.push_back(
+                {.span = one,
+                 .name = view.packets.Intern(isRunnable ? "waiting for a CPU" : NameOf(one.state)),
+                 .said = hasCpu ? Json{{"CPU", one.cpu}} : Json()});
         }
         const SchedThread& known = view.scheduling->trace.threads[drawn.thread];
-        events.AddSlices(fmt::format("thread {} ({})", known.tid, known.name), std::move(slices));
+        view.packets.AddSlices(parent,
+                               fmt::format("thread {} ({})", known.tid, Printable(known.name)),
+                               std::move(slices));
     }
 }
 
-void WriteCounters(Events& events, const View& view) {
-    const auto add = [&](const char* name, Micros time, const Json& value) {
-        if (view.HasTime(time)) {
-            events.Add('C', 0, time, name, "", {{"value", value}});
+void WriteStage(const View& view, int32_t stage, uint64_t group) {
+    const JudgedScene& scene = view.scene;
+    std::vector<Slice> slices;
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        const Span stay = StayOf(scene, row, stage);
+        if (stay.end == NO_TIME || !view.Has(row)) {
+            continue;
         }
-    };
-    for (const auto& [time, count] : InFlightOf(view.scene)) {
-        add("frames in flight", time, count);
-    }
-    for (const Fate& fate : view.scene.columns.fates) {
-        if (fate.interval != NO_TIME) {
-            add("output interval (ms)", fate.output, static_cast<double>(fate.interval) / 1000);
+        slices.push_back(SliceOf(view, row, stay));
+        const Pass& pass = scene.PassOf(row, stage);
+        if (view.IsTold(row)) {
+            const StageTimes times = scene.TimesOf(row, stage);
+            slices.back().said.update(
+                Json{{"stage", stage},
+                     {"work", Milliseconds(times.work)},
+                     {"wait", Milliseconds(times.wait)},
+                     {"thread", pass.thread < 0 ? Json() : Json(pass.thread)}});
+        }
+        slices.back().isStanding = !pass.HasLeft();
+        if (view.arrows[row] != 0) {
+            slices.back().arrows = {view.arrows[row]};
         }
     }
+    std::vector<Slice> wakers = WakersOf(view, stage, slices);
+    const std::string title = StageTitleOf(scene, static_cast<size_t>(stage));
+    const uint64_t track = view.packets.AddSlices(group, title, std::move(slices));
+    if (!wakers.empty()) {
+        view.packets.AddSlices(track, "wakes", std::move(wakers));
+    }
+    WriteThreads(view, stage, track);
 }
 
 // `otherwise`: where a finding stands whose time is not known. `view`: null for all.
-void WriteFindings(Events& events, const Account& account,
+void WriteFindings(Packets& packets, uint64_t group, const Account& account,
                    const std::vector<SceneFinding>& findings, Micros otherwise, const View* view) {
-    const size_t track = events.AddTrack("findings");
+    std::vector<Slice> slices;
     for (const SceneFinding& finding : findings) {
-        const Micros time = finding.time == NO_TIME ? otherwise : finding.time;
-        const std::string frame = finding.frame ? fmt::format(" {}", *finding.frame) : "";
-        if (view == nullptr || view->HasTime(time)) {
-            events.Add('i', track, time, NameOf(finding.kind) + frame, R"(,"s":"t")",
-                       {{"severity", NameOf(finding.severity)},
-                        {"message", finding.message},
-                        {"line", ToString(account, finding.place)}});
+        const bool isTimed = finding.time != NO_TIME;
+        const Micros time = isTimed ? finding.time : otherwise;
+        if (view != nullptr && !view->HasTime(time)) {
+            continue;
         }
+        const bool lasts = isTimed && finding.span.Length() > 0;
+        slices.push_back({.span = lasts ? finding.span : Span{time, time},
+                          .name = packets.Intern(finding.message),
+                          .said = {{"severity", NameOf(finding.severity)},
+                                   {"check", NameOf(finding.kind)},
+                                   {"stage", finding.stage >= 0 ? Json(finding.stage) : Json()},
+                                   {"frame", finding.frame ? Json(*finding.frame) : Json()},
+                                   {"harmed", finding.harmed.size()},
+                                   {"line", ToString(account, finding.place)}},
+                          .isMoment = !lasts});
     }
+    packets.AddSlices(group, "findings", std::move(slices));
 }
 
-// What the clock of the log showed at a time; empty where that is not known.
-std::string ClockAt(const Account& account, Micros time) {
-    return account.from.empty() ? "" : ClockText(account.clock + time);
+void WriteScene(View view) {
+    const JudgedScene& scene = view.scene;
+    CompleteView(view);
+    if (view.range && view.span.end == NO_TIME) {
+        return;
+    }
+    // What the clock of the log showed then; empty where that is not known.
+    const std::string clock =
+        view.account.from.empty() ? "" : ClockText(view.account.clock + scene.begin);
+    const uint64_t group = view.packets.BeginTrack(
+        0, fmt::format("{}, begins at {}", TitleOf(view.account, view.index), clock));
+    WriteFindings(view.packets, group, view.account, scene.findings, scene.begin, &view);
+    WriteFrames(view, group);
+    WriteValues(view, group);
+    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
+        WriteStage(view, stage, group);
+    }
+    WriteThreads(view, -1, group);
 }
 
 }  // namespace
 
 void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
-                const Scheduling* scheduling) {
+                const Scheduling* scheduling, const std::function<int64_t(Micros)>& boottime) {
     const auto first = std::ranges::min_element(account.scenes, {}, &Scene::begin);
-    const Micros origin = first == account.scenes.end() ? 0 : first->begin;
-    Events events(out, origin);
-    out << "{\"traceEvents\":[\n";
-    size_t firstArrow = 1;
+    const Micros begin = first == account.scenes.end() ? 0 : first->begin;
+    Packets packets(out, boottime, begin);
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        const JudgedScene& scene = account.scenes[i];
-        const View view = ViewOf(account, scheduling, i, frames, firstArrow);
-        firstArrow += scene.frames.size();
-        if (frames && view.span.end == NO_TIME) {
-            continue;
-        }
-        events.BeginProcess(i + 1,
-                            TitleOf(account, i) + ", begins at " + ClockAt(account, scene.begin));
-        WriteFindings(events, account, scene.findings, scene.begin, &view);
-        WriteFrames(events, view);
-        for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-            WriteStage(events, view, stage);
-            WriteThreads(events, view, stage);
-        }
-        WriteThreads(events, view, -1);
-        WriteCounters(events, view);
+        WriteScene({account, scheduling, i, frames, packets, !boottime});
     }
     if (!account.findings.empty()) {
-        events.BeginProcess(account.scenes.size() + 1, "the capture as a whole");
-        WriteFindings(events, account, account.findings, origin, nullptr);
+        const uint64_t group = packets.BeginTrack(0, "the capture as a whole");
+        WriteFindings(packets, group, account, account.findings, begin, nullptr);
     }
-    const Json about{{"inputs", account.inputs}, {"clock at 0", ClockAt(account, origin)}};
-    out << "\n],\"otherData\":" << Events::Text(about) << "}\n";
+    packets.Flush();
 }
 
 }  // namespace tools
