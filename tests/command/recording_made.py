@@ -11,7 +11,7 @@ import zlib
 
 LINE = re.compile(r'^ *(?P<name>.{1,15})-(?P<tid>\d+) +(?:\( *(?P<tgid>[\d-]+)\) +)?\[(?P<cpu>\d+)\] (?:(?P<flags>\S{5,6}) +)?'
                   r'(?P<seconds>\d+)\.(?P<micros>\d{6}): (?P<event>\w+): (?P<text>.*)$')
-LOST = re.compile(r'^CPU:(\d+) \[LOST (\d+) EVENTS\]$')
+LOST = re.compile(r'^CPU:(\d+) \[LOST \d+ EVENTS\]$')
 SWITCH = re.compile(r'prev_comm=(.*) prev_pid=(\d+) prev_prio=(\d+) prev_state=(\S+) ==> '
                     r'next_comm=(.*) next_pid=(\d+) next_prio=(\d+)$')
 WAKING = re.compile(r'comm=(.*) pid=(\d+) prio=(\d+) (?:success=1 )?target_cpu=(\d+)$')
@@ -85,7 +85,7 @@ def read_trace(text):
             time = int(parts['seconds']) * SECOND + int(parts['micros']) * 1000
             events.append((time, int(parts['cpu']), parts))
         elif lost := LOST.match(line):
-            events.append((None, int(lost[1]), int(lost[2])))
+            events.append((None, int(lost[1]), None))
     return events
 
 
@@ -100,14 +100,16 @@ def ahead_of(log, trace):
                default=0)
 
 
-def log_packets(events, dropped=None, failed=None, size=250):
-    """`dropped`: before which packet the recorder lost some; `failed`: how many it could not read."""
+def log_packets(events, boots, dropped=None, failed=0, size=250):
+    """`boots`: the trace's time of each event; `dropped`: before which packet the recorder lost some;
+    `failed`: how many events it could not read."""
     for first in range(0, len(events), size):
-        yield message((10, 3), (42, 1 if first == size * (dropped or -1) else None), (39, message(*(
+        last = boots[first:first + size][-1]
+        yield message((8, last), (10, 3), (42, int(first == size * dropped) if dropped else None), (39, message(*(
             (1, message((1, 0), (2, process), (3, thread), (5, time), (6, tag), (7, priority), (8, said)))
             for time, process, thread, priority, tag, said in events[first:first + size]))))
     if failed:
-        yield message((10, 3), (39, message((2, message((1, len(events)), (2, failed))))))
+        yield message((8, last), (10, 3), (39, message((2, message((1, len(events)), (2, failed))))))
 
 
 def flags_of(parts, flags):
@@ -166,7 +168,7 @@ def kernel_packets(trace, compact=True, flags=True, clock=None, release='6.1.0',
     for time, cpu, parts in trace:
         if time is None:
             close(cpu)
-            lost[cpu] = parts
+            lost[cpu] = 1
             continue
         if state := re.search(r' prev_state=(\S+) ==> ', parts['text']):
             parts = parts | {'state': states[state[1]]}
@@ -179,13 +181,14 @@ def kernel_packets(trace, compact=True, flags=True, clock=None, release='6.1.0',
 
 
 def packets_of(log=None, trace=None, snapshots=(0,), clock_set=(0, 0), release='6.1.0', tree=True, dropped=None,
-               failed=None, **options):
+               failed=0, **options):
     """The packets of a recording. `snapshots` of the clocks, in seconds of BOOTTIME, which is the trace's own;
     `clock_set`: when the log's is set, in such seconds, and by how many; options: see kernel_packets."""
     events, lines = read_trace(trace or ''), read_log(log or '')
     ahead = ahead_of(lines, events)
     step_at, step = (round(part * SECOND) for part in clock_set)
-    lines = [(line[0] + step * (line[0] - ahead >= step_at), *line[1:]) for line in lines]
+    boots = [line[0] - ahead for line in lines]
+    lines = [(line[0] + step * (boot >= step_at), *line[1:]) for boot, line in zip(boots, lines)]
     made = []
     for boot in (round(snapshot * SECOND) for snapshot in snapshots):
         clocks = {REALTIME: boot + ahead + step * (boot >= step_at), RAW: boot + RAW_AHEAD, BOOTTIME: boot}
@@ -199,7 +202,7 @@ def packets_of(log=None, trace=None, snapshots=(0,), clock_set=(0, 0), release='
             (2, message((1, tid), (2, name), (3, int(tgid) if tgid and tgid.isdigit() else None)))
             for tid, (name, tgid) in threads.items() if tid)))))
     return [*made, *kernel_packets(events, release=release or '6.1.0', **options),
-            *log_packets(lines, dropped, failed)]
+            *log_packets(lines, boots, dropped, failed)]
 
 
 if __name__ == '__main__':

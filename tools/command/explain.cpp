@@ -111,13 +111,15 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
     }
     reader.Finish();
     if (isRecording && reader.Summary().libraryLines == 0) {
+        const std::string& damage = reader.Summary().damage;
         throw CommandError(fmt::format(
-            "{}: error: the recording has none of the library's lines. Were the data source\n"
+            "{}: error: the recording has none of the library's lines{}. Were the data source\n"
             "android.log on, with the tags cameraframeboost and tarvocameraframeboostutils, and "
             "the\n"
             "property vendor.tarvo.camera.frameboost.debug.enable? scripts/record-phone sees to\n"
             "both. The log of another capture: explain LOG --sched {} [no-lines]",
-            names.front(), names.front()));
+            names.front(), damage.empty() ? "" : ", as far as it can be read: " + damage,
+            names.front()));
     }
     RequireLibraryLines(reader.Summary(), names);
     Explained explained{
