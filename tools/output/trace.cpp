@@ -55,16 +55,17 @@ class Packets {
 
     // The number of a name, which is written when it is first used.
     uint64_t Intern(const std::string& name) {
-        const auto [known, isNew] = interned.try_emplace(name, interned.size() + 1);
-        if (isNew) {
+        uint64_t& number = interned[name];
+        if (number == 0) {
+            number = interned.size();
             Add([&](pbf_writer& packet) {
                 pbf_writer data(packet, 12);
                 pbf_writer one(data, 2);
-                one.add_uint64(1, known->second);
+                one.add_uint64(1, number);
                 one.add_string(2, Utf8(name));
             });
         }
-        return known->second;
+        return number;
     }
 
     // A track, or a group of them. All events from here on are its own, and their times are steps
