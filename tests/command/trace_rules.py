@@ -11,7 +11,7 @@ BEGIN, END, MOMENT, VALUE = 1, 2, 3, 4
 
 
 class Track(types.SimpleNamespace):
-    __repr__ = object.__repr__  # Tracks and slices name each other.
+    __repr__, __eq__ = object.__repr__, object.__eq__  # Tracks and slices name each other.
 
 
 class Slice(Track):
