@@ -33,7 +33,12 @@ void* BoostingService() {
                          wanted.c_str());
             return nullptr;
         }
-        void* library = dlopen("libtarvo_cfbt.so", RTLD_NOW | RTLD_LOCAL);
+        // Beside this library. By its path, as sanitizers look up names from elsewhere.
+        Dl_info self{};
+        dladdr(reinterpret_cast<const void*>(&desktop::GetState), &self);
+        std::string path = self.dli_fname == nullptr ? "" : self.dli_fname;
+        path.replace(path.rfind('/') + 1, std::string::npos, "libtarvo_cfbt.so");
+        void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr) {
             // NOLINTNEXTLINE(concurrency-mt-unsafe): the text is the calling thread's.
             std::fprintf(stderr, "TARVO_DESKTOP_SERVICE: %s; nothing is boosted\n", dlerror());

@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "tools/log/fields.h"
 #include "tools/log/message.h"
 
 namespace tools {

@@ -3,11 +3,9 @@
 
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <protozero/pbf_reader.hpp>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -22,36 +20,6 @@ namespace tools {
 // Gets the packets of a recording in the order of the file, which need not be that of their times.
 // A packet is gone after the call. May throw a protozero::exception at one that is damaged.
 using PacketSink = std::function<void(std::string_view packet)>;
-
-// The fields of a message that are there once at most and have numbers up to MOST.
-template <size_t MOST>
-class Fields {
-  public:
-    explicit Fields(std::string_view message) {
-        protozero::pbf_reader fields(message);
-        while (fields.next()) {
-            const auto type = fields.wire_type();
-            if (fields.tag() <= MOST && type == protozero::pbf_wire_type::varint) {
-                numbers[fields.tag()] = fields.get_uint64();
-            } else if (fields.tag() <= MOST && type == protozero::pbf_wire_type::length_delimited) {
-                texts[fields.tag()] = fields.get_view();
-            } else {
-                fields.skip();
-            }
-        }
-    }
-
-    // 0 and empty where there is none.
-    template <typename Value = uint64_t>
-    Value Number(size_t field) const {
-        return static_cast<Value>(numbers[field]);
-    }
-    std::string_view Text(size_t field) const { return texts[field]; }
-
-  private:
-    std::array<uint64_t, MOST + 1> numbers{};
-    std::array<std::string_view, MOST + 1> texts{};
-};
 
 // Why a recording cannot be read, with what to do.
 class RecordingError : public std::runtime_error {

@@ -1,12 +1,11 @@
 // The scheduler in recordings of Perfetto.
 
-#include "tools/log/recording.h"
-
 #include <algorithm>
 #include <map>
 #include <utility>
 
 #include "tools/base/cursor.h"
+#include "tools/log/fields.h"
 #include "tools/sched/trace.h"
 
 namespace tools {

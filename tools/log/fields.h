@@ -1,0 +1,43 @@
+// Fields of a message in protobuf's wire format.
+
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <protozero/pbf_reader.hpp>
+#include <string_view>
+
+namespace tools {
+
+// The fields of a message that are there once at most and have numbers up to MOST.
+template <size_t MOST>
+class Fields {
+  public:
+    explicit Fields(std::string_view message) {
+        protozero::pbf_reader fields(message);
+        while (fields.next()) {
+            const auto type = fields.wire_type();
+            if (fields.tag() <= MOST && type == protozero::pbf_wire_type::varint) {
+                numbers[fields.tag()] = fields.get_uint64();
+            } else if (fields.tag() <= MOST && type == protozero::pbf_wire_type::length_delimited) {
+                texts[fields.tag()] = fields.get_view();
+            } else {
+                fields.skip();
+            }
+        }
+    }
+
+    // 0 and empty where there is none.
+    template <typename Value = uint64_t>
+    Value Number(size_t field) const {
+        return static_cast<Value>(numbers[field]);
+    }
+    std::string_view Text(size_t field) const { return texts[field]; }
+
+  private:
+    std::array<uint64_t, MOST + 1> numbers{};
+    std::array<std::string_view, MOST + 1> texts{};
+};
+
+}  // namespace tools
