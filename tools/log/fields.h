@@ -17,11 +17,12 @@ class Fields {
     explicit Fields(std::string_view message) {
         protozero::pbf_reader fields(message);
         while (fields.next()) {
+            const size_t field = fields.tag();
             const auto type = fields.wire_type();
-            if (fields.tag() <= MOST && type == protozero::pbf_wire_type::varint) {
-                numbers[fields.tag()] = fields.get_uint64();
-            } else if (fields.tag() <= MOST && type == protozero::pbf_wire_type::length_delimited) {
-                texts[fields.tag()] = fields.get_view();
+            if (field <= MOST && type == protozero::pbf_wire_type::varint) {
+                numbers[field] = fields.get_uint64();
+            } else if (field <= MOST && type == protozero::pbf_wire_type::length_delimited) {
+                texts[field] = fields.get_view();
             } else {
                 fields.skip();
             }
