@@ -302,7 +302,7 @@ void WriteFrames(const View& view, uint64_t group) {
                 before ? StepOf(scene.frames[*before].number, scene.frames[row].number) : 0;
             if (steps > 0 && steps < FAR_APART) {
                 const Micros due = scene.FateOf(*before).output + scene.Period() * steps;
-                expected.push_back({{life.begin, std::max(life.begin, due)}, view.names[row]});
+                expected.push_back({{life.begin, due}, view.names[row]});
             }
             actual.push_back(SliceOf(view, row, life));
             actual.back().isStanding = !scene.FateOf(row).isOut;
