@@ -10,6 +10,20 @@
 
 namespace tools {
 
+// Calls `take` with the number and the content of each field that is a text, a message or a list.
+template <typename Take>
+void ForEachField(std::string_view message, Take take) {
+    protozero::pbf_reader fields(message);
+    while (fields.next()) {
+        const uint32_t field = fields.tag();
+        if (fields.wire_type() == protozero::pbf_wire_type::length_delimited) {
+            take(field, std::string_view(fields.get_view()));
+        } else {
+            fields.skip();
+        }
+    }
+}
+
 // The fields of a message that are there once at most and have numbers up to MOST.
 template <size_t MOST>
 class Fields {

@@ -142,25 +142,19 @@ void PacketReader::Split() {
 }
 
 void PacketReader::TakePacket(std::string_view packet) {
-    constexpr protozero::pbf_tag_type DEFLATED = 50, ZSTD = 133;
+    constexpr uint32_t DEFLATED = 50, ZSTD = 133;
     try {
-        protozero::pbf_reader fields(packet);
-        while (fields.next()) {
-            if (fields.tag() == ZSTD) {
+        ForEachField(packet, [this](uint32_t field, std::string_view content) {
+            if (field == ZSTD) {
                 throw RecordingError(
                     "its packets are compressed with zstd, which is not read: record without, "
                     "or\nopen it in ui.perfetto.dev and download it from there");
             }
-            if (fields.tag() != DEFLATED) {
-                fields.skip();
-                continue;
+            if (field == DEFLATED) {
+                ForEachField(Inflated(content),
+                             [this](uint32_t, std::string_view one) { sink(one); });
             }
-            const std::string bundle = Inflated(fields.get_view());
-            protozero::pbf_reader packets(bundle);
-            while (packets.next(1)) {
-                sink(packets.get_view());
-            }
-        }
+        });
         sink(packet);
     } catch (const protozero::exception&) {
         damage = "a packet is damaged";
@@ -186,17 +180,21 @@ void RecordingLog::TakePacket(std::string_view packet) {
         events.push_back({written, allFailed - failed});
         failed = allFailed;
     }
-    protozero::pbf_reader lines(log);
-    while (lines.next(1)) {
-        const Fields<8> line(lines.get_view());
-        const auto tag = std::ranges::find(TAGS, line.Text(6)) - TAGS;
-        const std::string_view text = tag == OTHER_TAG ? "" : line.Text(8);
-        const size_t priority = std::min(line.Number(7), PRIORITIES.size());
-        events.push_back({written, 0, line.Number<Micros>(5) / 1000, line.Number<int32_t>(2),
-                          line.Number<int32_t>(3), PRIORITIES[priority % PRIORITIES.size()],
-                          static_cast<uint8_t>(tag), texts.size(), text.size()});
-        texts += text;
-    }
+    ForEachField(log, [this, written](uint32_t field, std::string_view event) {
+        if (field == 1) {
+            TakeLine(Fields<8>(event), written);
+        }
+    });
+}
+
+void RecordingLog::TakeLine(const Fields<8>& line, int64_t written) {
+    const auto tag = std::ranges::find(TAGS, line.Text(6)) - TAGS;
+    const std::string_view text = tag == OTHER_TAG ? "" : line.Text(8);
+    const size_t priority = std::min(line.Number(7), PRIORITIES.size());
+    events.push_back({written, 0, line.Number<Micros>(5) / 1000, line.Number<int32_t>(2),
+                      line.Number<int32_t>(3), PRIORITIES[priority % PRIORITIES.size()],
+                      static_cast<uint8_t>(tag), texts.size(), text.size()});
+    texts += text;
 }
 
 int64_t RecordingLog::Deliver(RecordSink& sink, uint32_t input) {

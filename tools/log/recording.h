@@ -17,6 +17,9 @@
 
 namespace tools {
 
+template <size_t MOST>
+class Fields;
+
 // Gets the packets of a recording in the order of the file, which need not be that of their times.
 // A packet is gone after the call. May throw a protozero::exception at one that is damaged.
 using PacketSink = std::function<void(std::string_view packet)>;
@@ -64,6 +67,8 @@ class RecordingLog {
     int64_t Deliver(RecordSink& sink, uint32_t input);
 
   private:
+    void TakeLine(const Fields<8>& line, int64_t written);
+
     struct Event {
         int64_t written;    // When its packet was, by the recorder's clock.
         uint64_t lost = 0;  // So many lines; else it is a line.

@@ -11,7 +11,6 @@
 namespace tools {
 namespace {
 
-using protozero::pbf_reader;
 using Task = SchedTraceMaker::Task;
 
 constexpr uint32_t INTERRUPT_FLAGS = 8 | 16;  // Hard and soft.
@@ -37,9 +36,13 @@ struct Lists {
     }
 };
 
-void TakeList(pbf_reader& fields, std::vector<uint64_t>& list) {
-    const auto values = fields.get_packed_uint64();
-    list.assign(values.begin(), values.end());
+std::vector<uint64_t> ListOf(std::string_view packed) {
+    std::vector<uint64_t> list;
+    const char* at = packed.data();
+    while (at < packed.data() + packed.size()) {
+        list.push_back(protozero::decode_varint(&at, packed.data() + packed.size()));
+    }
+    return list;
 }
 
 // "4.9.0" and what is before it.
@@ -66,43 +69,37 @@ struct SchedRecording::Bundle {
 };
 
 void SchedRecording::TakePacket(std::string_view packet) {
-    pbf_reader fields(packet);
-    while (fields.next()) {
-        switch (fields.tag()) {
-            case 1:
-                TakeBundle(fields.get_view());
-                break;
-            case 2:
-                TakeNames(fields.get_view());
-                break;
-            case 6:
-                TakeClocks(fields.get_view());
-                break;
-            case 45:
-                isOldKernel = IsBefore414(Fields<3>(Fields<1>(fields.get_view()).Text(1)).Text(3));
-                break;
-            default:
-                fields.skip();
+    ForEachField(packet, [this](uint32_t field, std::string_view content) {
+        if (field == 1) {
+            TakeBundle(content);
+        } else if (field == 2) {
+            TakeNames(content);
+        } else if (field == 6) {
+            TakeClocks(content);
+        } else if (field == 45) {
+            isOldKernel = IsBefore414(Fields<3>(Fields<1>(content).Text(1)).Text(3));
         }
-    }
+    });
 }
 
 void SchedRecording::TakeNames(std::string_view tree) {
-    pbf_reader threads(tree);
-    while (threads.next(2)) {
-        const Fields<2> thread(threads.get_view());
-        names[thread.Number<int32_t>(1)] = thread.Text(2);
-    }
+    ForEachField(tree, [this](uint32_t field, std::string_view content) {
+        if (field == 2) {
+            const Fields<2> thread(content);
+            names[thread.Number<int32_t>(1)] = thread.Text(2);
+        }
+    });
 }
 
 void SchedRecording::TakeClocks(std::string_view snapshot) {
     constexpr uint64_t REALTIME = 1, MONOTONIC_RAW = 5, BOOTTIME = 6;
     std::map<uint64_t, uint64_t> times;
-    pbf_reader clocks(snapshot);
-    while (clocks.next(1)) {
-        const Fields<2> clock(clocks.get_view());
-        times[clock.Number(1)] = clock.Number(2);
-    }
+    ForEachField(snapshot, [&times](uint32_t field, std::string_view content) {
+        if (field == 1) {
+            const Fields<2> clock(content);
+            times[clock.Number(1)] = clock.Number(2);
+        }
+    });
     rawAhead = times[BOOTTIME] - times[MONOTONIC_RAW];
     if (times[REALTIME] != 0 && times[BOOTTIME] != 0) {
         maker.trace.snapshots.push_back({MicrosOf(times[REALTIME]), MicrosOf(times[BOOTTIME])});
@@ -126,16 +123,13 @@ void SchedRecording::TakeBundle(std::string_view bytes) {
     if (all.Number(3) != 0) {
         maker.OnLost(bundle.cpu, 1);  // At least.
     }
-    pbf_reader fields(bytes);
-    while (fields.next()) {
-        if (fields.tag() == 2) {
-            TakeEvent(fields.get_view(), bundle);
-        } else if (fields.tag() == 4) {
-            TakeCompact(fields.get_view(), bundle);
-        } else {
-            fields.skip();
+    ForEachField(bytes, [&](uint32_t field, std::string_view content) {
+        if (field == 2) {
+            TakeEvent(content, bundle);
+        } else if (field == 4) {
+            TakeCompact(content, bundle);
         }
-    }
+    });
     if (bundle.first != NO_TIME) {
         const auto [begin, isNew] = begins.try_emplace(bundle.cpu, bundle.first);
         begin->second = std::min(begin->second, bundle.first);
@@ -159,26 +153,16 @@ ThreadState SchedRecording::StateOf(uint64_t bits) const {
 }
 
 void SchedRecording::TakeEvent(std::string_view bytes, Bundle& bundle) {
-    pbf_reader fields(bytes);
-    Task writer{NO_NAME};
-    Micros time = 0;
-    uint32_t flags = 0, what = 0;
+    const Fields<5> head(bytes);
+    const Micros time = bundle.TimeOf(head.Number(1));
+    const Task writer{NO_NAME, head.Number<int32_t>(2)};
+    uint32_t what = 0;
     std::string_view payload;
-    while (fields.next()) {
-        if (fields.tag() == 1) {
-            time = bundle.TimeOf(fields.get_uint64());
-        } else if (fields.tag() == 2) {
-            writer.tid = static_cast<int32_t>(fields.get_uint32());
-        } else if (fields.tag() == 5) {
-            flags = fields.get_uint32();
-        } else if (fields.wire_type() == protozero::pbf_wire_type::length_delimited) {
-            what = fields.tag();
-            payload = fields.get_view();
-        } else {
-            fields.skip();
-        }
-    }
-    const bool isInterrupt = (flags & INTERRUPT_FLAGS) != 0;
+    ForEachField(bytes, [&](uint32_t field, std::string_view content) {
+        what = field;
+        payload = content;
+    });
+    const bool isInterrupt = (head.Number(5) & INTERRUPT_FLAGS) != 0;
     maker.trace.hasFlags = maker.trace.hasFlags || isInterrupt;
     const Fields<7> event(payload);
     constexpr std::pair<uint32_t, SchedEvent::Kind> WAKINGS[] = {{17, SchedEvent::Kind::Wakeup},
@@ -202,21 +186,17 @@ void SchedRecording::TakeEvent(std::string_view bytes, Bundle& bundle) {
 void SchedRecording::TakeCompact(std::string_view bytes, Bundle& bundle) {
     std::vector<std::string_view> texts;
     Lists switches, wakings;
-    pbf_reader fields(bytes);
     std::vector<uint64_t>* const lists[] = {&switches.times,      &switches.states, &switches.tids,
                                             &switches.priorities, nullptr,          &switches.names,
                                             &wakings.times,       &wakings.tids,    &wakings.cpus,
                                             &wakings.priorities,  &wakings.names,   &wakings.flags};
-    while (fields.next()) {
-        const size_t list = fields.tag() - 1;
-        if (fields.tag() == 5) {
-            texts.push_back(fields.get_view());
-        } else if (list < std::size(lists)) {
-            TakeList(fields, *lists[list]);
-        } else {
-            fields.skip();
+    ForEachField(bytes, [&](uint32_t field, std::string_view content) {
+        if (field == 5) {
+            texts.push_back(content);
+        } else if (field <= std::size(lists)) {
+            *lists[field - 1] = ListOf(content);
         }
-    }
+    });
     const auto task = [&texts](const Lists& columns, size_t at) {
         const uint64_t name = Lists::At(columns.names, at);
         return Task{name < texts.size() ? texts[name] : NO_NAME,
