@@ -73,11 +73,23 @@ void ReadInput(TextSink& sink, const std::string& path) {
     EndIfInterrupted(file.name + ": interrupted after " + howFar);
 }
 
+// Writes what it reads, unpacked.
+class Copier : public TextSink {
+  public:
+    explicit Copier(std::ostream& stream) : out(stream) {}
+    void Read(std::string_view bytes) override { out << bytes; }
+    void End() override {}
+    bool TakeDamage(const char* /*reason*/) override { return true; }
+
+  private:
+    std::ostream& out;
+};
+
 struct Explained {
     Account account;
     std::unique_ptr<Scheduling> scheduling{};  // Null where there is no scheduler trace.
-    bool isRecording = false;                  // The capture is one of Perfetto's.
-    // How far its clock is ahead of the account's times, at a time and from there on.
+    // Where the capture is a recording: how far its clock is ahead of the account's times, at a
+    // time and from there on. Empty for other captures, and where nothing ties them.
     std::map<Micros, Micros> ahead{};
 };
 
@@ -124,11 +136,12 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
     RequireLibraryLines(reader.Summary(), names);
     Explained explained{
         Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options)};
-    explained.isRecording = isRecording && captures.size() == 1;
-    for (const auto& [log, boot] : recorded.Snapshots()) {
-        explained.ahead.try_emplace(0, boot - (log - explained.account.clock));
+    isRecording = isRecording && captures.size() == 1;
+    if (isRecording && !recorded.Snapshots().empty()) {
+        const auto [log, boot] = recorded.Snapshots().front();
+        explained.ahead[0] = boot - (log - explained.account.clock);
     }
-    const bool isRecorded = explained.isRecording && trace.empty() && !recorded.IsEmpty();
+    const bool isRecorded = isRecording && trace.empty() && !recorded.IsEmpty();
     if (!trace.empty() || isRecorded) {
         const std::string name = isRecorded ? names.front() : NameOfInput(trace);
         FtraceReader traceReader;
@@ -217,8 +230,24 @@ int RunExplain(const ExplainArguments& arguments) {
         account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more));
     WriteFile(arguments.page,
               [&](std::ostream& file) { WritePage(file, account, title, scheduling); });
-    WriteFile(arguments.tracks,
-              [&](std::ostream& file) { WriteTrace(file, account, shown.range, scheduling); });
+    WriteFile(arguments.tracks, [&](std::ostream& file) {
+        std::function<int64_t(Micros)> boottime;
+        if (!explained.ahead.empty()) {
+            if (arguments.captures.front() == "-") {
+                throw CommandError(
+                    "-: error: a recording that is written into is read twice: give "
+                    "a file");
+            }
+            Copier copier(file);
+            ReadInput(copier, arguments.captures.front());
+            boottime = [&explained](Micros time) {
+                const auto next = explained.ahead.upper_bound(time);
+                const auto knot = next == explained.ahead.begin() ? next : std::prev(next);
+                return (time + knot->second) * 1000;
+            };
+        }
+        WriteTrace(file, account, shown.range, scheduling, boottime);
+    });
     if (arguments.isJson) {
         WriteFile("-", [&](std::ostream& out) { WriteJson(out, account, scheduling); });
     } else {
