@@ -1,5 +1,5 @@
-// The boost service, a library named libtarvo_cfbt: the device's own, which is closed, or the one in
-// service/. It does the scheduling; libtarvocameraframeboost only reports the camera's scenes,
+// The boost service, a library named libtarvo_cfbt: the device's own, which is closed, or the one
+// in service/. It does the scheduling; libtarvocameraframeboost only reports the camera's scenes,
 // frames and stages to it.
 //
 // Every function runs on the caller's thread and returns a status, 0 for success. Only the service
