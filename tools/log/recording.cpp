@@ -23,6 +23,7 @@ constexpr std::string_view PRIORITIES = "??VDIWEFS";
 
 // Whether the bytes, the first of a file, begin with a packet.
 bool IsRecording(std::string_view head) {
+    head = head.substr(0, HEAD);  // However much was read at once.
     if (!head.starts_with('\x0A')) {
         return false;
     }

@@ -1,6 +1,7 @@
 // The scheduler in recordings of Perfetto.
 
 #include <algorithm>
+#include <exception>
 #include <map>
 #include <utility>
 
@@ -123,18 +124,26 @@ void SchedRecording::TakeBundle(std::string_view bytes) {
     if (all.Number(3) != 0) {
         maker.OnLost(bundle.cpu, 1);  // At least.
     }
-    ForEachField(bytes, [&](uint32_t field, std::string_view content) {
-        if (field == 2) {
-            TakeEvent(content, bundle);
-        } else if (field == 4) {
-            TakeCompact(content, bundle);
-        }
-    });
+    std::exception_ptr damage;  // What was taken before has times nevertheless.
+    try {
+        ForEachField(bytes, [&](uint32_t field, std::string_view content) {
+            if (field == 2) {
+                TakeEvent(content, bundle);
+            } else if (field == 4) {
+                TakeCompact(content, bundle);
+            }
+        });
+    } catch (const protozero::exception&) {
+        damage = std::current_exception();
+    }
     if (bundle.first != NO_TIME) {
         const auto [begin, isNew] = begins.try_emplace(bundle.cpu, bundle.first);
         begin->second = std::min(begin->second, bundle.first);
         maker.OnTime(bundle.cpu, bundle.first);
         maker.OnTime(bundle.cpu, bundle.last);
+    }
+    if (damage) {
+        std::rethrow_exception(damage);
     }
 }
 
@@ -154,6 +163,9 @@ ThreadState SchedRecording::StateOf(uint64_t bits) const {
 
 void SchedRecording::TakeEvent(std::string_view bytes, Bundle& bundle) {
     const Fields<5> head(bytes);
+    if (head.Number(1) == 0) {
+        return;  // Without a time it is no event.
+    }
     const Micros time = bundle.TimeOf(head.Number(1));
     const Task writer{NO_NAME, head.Number<int32_t>(2)};
     uint32_t what = 0;
