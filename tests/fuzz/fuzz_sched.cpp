@@ -3,17 +3,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <nlohmann/json.hpp>
-#include <numeric>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "tests/fuzz/require.h"
+#include "tests/fuzz/outputs.h"
 #include "tools/account/account.h"
 #include "tools/account/reader.h"
-#include "tools/output/outputs.h"
 #include "tools/sched/scheduling.h"
 #include "tools/sched/trace.h"
 
@@ -30,19 +26,7 @@ tools::SchedTrace Read(const std::string& text, size_t piece) {
 
 std::string Explain(const std::string& text, size_t piece) {
     tools::SchedTrace trace = Read(text, piece);
-    const tools::States states = StatesOf(trace);
-    for (uint32_t thread = 0; thread < trace.threads.size(); ++thread) {
-        const tools::Span all = {trace.from, trace.to};
-        const tools::Shares shares = states.SharesOf(thread, all);
-        Require(
-            std::accumulate(shares.begin(), shares.end(), tools::Micros{0}) == all.end - all.begin,
-            "what a thread did does not add up");
-    }
-    tools::Micros ran = trace.from;
-    for (const tools::StateSpan& one : Within(states.cpus[0], {trace.from, trace.to})) {
-        Require(one.begin >= ran && one.end > one.begin, "two threads ran on a CPU at once");
-        ran = one.end;
-    }
+    RequireSums(trace);
     if (trace.counters.empty()) {
         return "";
     }
@@ -70,15 +54,7 @@ std::string Explain(const std::string& text, size_t piece) {
         return "";
     }
     tools::MakeFindings(account, {});
-    const tools::Scheduling& scheduling = *made;
-    std::ostringstream written, json;
-    WriteText(written, account, {true, {}}, &scheduling);
-    WriteCsv(written, account, &scheduling);
-    WriteComparison(written, account, account, &scheduling, &scheduling);
-    WriteTrace(written, account, {}, &scheduling);
-    WriteJson(json, account, &scheduling);
-    Require(nlohmann::json::accept(json.str()), json.str());
-    return written.str() + json.str();
+    return OutputsOf(account, &*made);
 }
 
 // Makes lines of a trace from the bytes, mostly of a few threads on two CPUs.
