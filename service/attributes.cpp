@@ -1,12 +1,12 @@
 #include "service/attributes.h"
 
 #include <sched.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <ctime>
 
 namespace cfbt {
 namespace {

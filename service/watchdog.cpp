@@ -1,7 +1,6 @@
 #include "service/watchdog.h"
 
-#include <signal.h>
-
+#include <csignal>
 #include <mutex>
 #include <thread>
 

@@ -183,6 +183,7 @@ TEST(HalTest, ReportsEachFrameThroughFlushesPreviewsAndBothCameras) {
 }
 
 TEST(HalTest, RecordsWithTheServiceThatBoosts) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     const bool isRefused = std::system("chrt -f 2 true 2>/dev/null") != 0;
     const Lines lines = LinesOf(HAL_COMMAND " --boost --busy 0.2", isRefused ? 1 : 0);
     ASSERT_EQ(lines.size(), 1U);

@@ -383,6 +383,7 @@ int main(int argc, char** argv) {
             isHeavy = true;
         } else if (argument == "--boost") {
             // Before the library's first call of the service. A phone needs nothing of the kind.
+            // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread as yet.
             setenv("TARVO_DESKTOP_SERVICE", "boost", /*replace=*/1);
         } else if (value >= 0 && count < numbers.size()) {
             numbers[count++] = value;
