@@ -637,7 +637,7 @@ TEST_F(ServiceTest, LetsTheProcessEndWhileASceneRuns) {
         EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
         block();
         worker.Do(block);
-        kill(getpid(), SIGTERM);  // Not for the watchdog.
+        kill(getpid(), SIGTERM);                         // Not for the watchdog.
         std::exit(testing::Test::HasFailure() ? 1 : 0);  // NOLINT(concurrency-mt-unsafe)
     });
 }
