@@ -84,7 +84,7 @@ def events_of(data, tracks):
         for found in within(packet, 6):
             clocks = {only(one, 1): (only(one, 2), only(one, 3)) for one in within(found, 1)}
             time = clocks[BOOTTIME][0]
-            assert clocks == {OWN_CLOCK: (0, 1), BOOTTIME: (time, 0)}, clocks
+            assert clocks == {OWN_CLOCK: (time, 1), BOOTTIME: (time, 0)}, clocks
         for found in within(packet, 59):
             assert only(found, 58) == OWN_CLOCK
             track = tracks[only(message(only(found, 11)), 11)]
@@ -97,7 +97,7 @@ def events_of(data, tracks):
 
 def read_trace(data):
     """The tracks in the order in which they are shown, those of one name and parent as one, and the slices
-    that each arrow goes through. Times are nanoseconds, and moments have no end."""
+    that each arrow goes through. Times are nanoseconds, and moments have no length."""
     tracks, stacks, arrows = {}, collections.defaultdict(list), collections.defaultdict(list)
     for time, track, event in events_of(data, tracks):
         kind, stack = only(event, 9), stacks[id(track)]
@@ -107,7 +107,8 @@ def read_trace(data):
         elif kind == END:
             stack.pop().end = time
         else:
-            one = Slice(track=track, time=time, end=None, name=event['name'], outer=stack[-1] if stack else None,
+            one = Slice(track=track, time=time, end=time if kind == MOMENT else None, name=event['name'],
+                        outer=stack[-1] if stack else None,
                         said={only(said, 10).decode(): said_of(said) for said in within(event, 4)},
                         arrows=[number_of('<Q', arrow) for arrow in event[47]])
             track.slices.append(one)

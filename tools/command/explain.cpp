@@ -231,7 +231,6 @@ int RunExplain(const ExplainArguments& arguments) {
     WriteFile(arguments.page,
               [&](std::ostream& file) { WritePage(file, account, title, scheduling); });
     WriteFile(arguments.tracks, [&](std::ostream& file) {
-        std::function<int64_t(Micros)> boottime;
         if (!explained.ahead.empty()) {
             if (arguments.captures.front() == "-") {
                 throw CommandError(
@@ -240,13 +239,8 @@ int RunExplain(const ExplainArguments& arguments) {
             }
             Copier copier(file);
             ReadInput(copier, arguments.captures.front());
-            boottime = [&explained](Micros time) {
-                const auto next = explained.ahead.upper_bound(time);
-                const auto knot = next == explained.ahead.begin() ? next : std::prev(next);
-                return (time + knot->second) * 1000;
-            };
         }
-        WriteTrace(file, account, shown.range, scheduling, boottime);
+        WriteTrace(file, account, shown.range, scheduling, explained.ahead);
     });
     if (arguments.isJson) {
         WriteFile("-", [&](std::ostream& out) { WriteJson(out, account, scheduling); });

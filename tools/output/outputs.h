@@ -4,7 +4,7 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -57,12 +57,10 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
 // `frames`: the first and the last number of a part, which has all of that for all of its frames,
 // and nothing from before or after it.
 //
-// `boottime`: where the trace goes behind a recording of Perfetto's, which has the threads itself:
-// turns an account's time into the recording's, nanoseconds since the boot. Without, times are
-// those since the capture's first line.
+// `ahead`: where the trace goes behind a recording of Perfetto's, which has the threads itself: how
+// far the recording's clock is ahead of the account's at a time of the account, and from there on.
 void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
-                const Scheduling* scheduling = nullptr,
-                const std::function<int64_t(Micros)>& boottime = {});
+                const Scheduling* scheduling = nullptr, const std::map<Micros, Micros>& ahead = {});
 
 }  // namespace tools

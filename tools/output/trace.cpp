@@ -3,14 +3,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <functional>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <protozero/pbf_writer.hpp>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -23,15 +22,14 @@ namespace {
 using Json = nlohmann::ordered_json;
 using protozero::pbf_writer;
 
-// What stands on a track for some time, or happened in a moment.
+// What stands on a track for some time; without a length, what happened in a moment.
 struct Slice {
     Span span;
-    uint64_t name = 0;  // As interned.
-    Json said{};        // Annotations; those that are null are left out.
-    bool isMoment = false;
-    bool isStanding = false;         // Of a frame that is not known to have gone on.
-    std::vector<uint64_t> arrows{};  // Each goes to the next slice in time that has it, too.
-    std::vector<Slice> within{};     // Moments.
+    std::string name;
+    Json said{};                  // Annotations; those that are null are left out.
+    uint64_t arrow = 0;           // Goes to the next slice in time that has it, too; 0 for none.
+    std::vector<Slice> within{};  // Moments.
+    bool isStanding = false;      // Of a frame that is not known to have gone on.
 };
 
 // Names come from captures, which hold any bytes; the form has UTF-8.
@@ -47,32 +45,18 @@ constexpr uint64_t FIRST_ID = uint64_t{SEQUENCE} << 32;
 // The one place that knows the form: the numbers in it are those of the form's fields.
 class Packets {
   public:
-    // `boottime`: as for WriteTrace. What was before `first` is shown there.
-    Packets(std::ostream& stream, const std::function<int64_t(Micros)>& boottime, Micros first)
-        : out(stream), toBoottime(boottime), origin(std::max<int64_t>(NanosecondsOf(first), 0)) {}
+    // `ahead`: as for WriteTrace.
+    Packets(std::ostream& stream, const std::map<Micros, Micros>& ahead)
+        : out(stream), clocks(ahead), origin(std::max<int64_t>(NanosecondsOf(0), 0)) {}
 
-    uint64_t NewArrow() { return ++lastId; }
-
-    // The number of a name, which is written when it is first used.
-    uint64_t Intern(const std::string& name) {
-        uint64_t& number = interned[name];
-        if (number == 0) {
-            number = interned.size();
-            Add([&](pbf_writer& packet) {
-                pbf_writer data(packet, 12);
-                pbf_writer one(data, 2);
-                one.add_uint64(1, number);
-                one.add_string(2, Utf8(name));
-            });
-        }
-        return number;
-    }
+    // The first of so many that follow one another.
+    uint64_t NewArrows(size_t count = 1) { return std::exchange(lastId, lastId + count) + 1; }
 
     // A track, or a group of them. All events from here on are its own, and their times are steps
     // from the one before, at first from the origin: so neither stands in each of them. `parent`: 0
-    // for none. `first`: 0, or the track that has the same place. `unit`: of a track of values.
-    uint64_t BeginTrack(uint64_t parent, const std::string& name, uint64_t first = 0,
-                        const char* unit = nullptr) {
+    // for none. `unit`: of a track of values. `first`: 0, or the track that has the same place.
+    uint64_t BeginTrack(uint64_t parent, const std::string& name, const char* unit = nullptr,
+                        uint64_t first = 0) {
         const uint64_t track = ++lastId;
         Add([&](pbf_writer& packet) {
             pbf_writer descriptor(packet, 60);
@@ -91,11 +75,10 @@ class Packets {
         Add([&](pbf_writer& packet) {
             {
                 pbf_writer snapshot(packet, 6);
-                for (const auto& [id, time] :
-                     {std::pair(OWN_CLOCK, int64_t{0}), {BOOTTIME, origin}}) {
+                for (const uint32_t id : {OWN_CLOCK, BOOTTIME}) {
                     pbf_writer clock(snapshot, 1);
                     clock.add_uint32(1, id);
-                    clock.add_int64(2, time);
+                    clock.add_int64(2, origin);
                     clock.add_bool(3, id == OWN_CLOCK);  // It has steps.
                 }
             }
@@ -122,7 +105,7 @@ class Packets {
         }
         uint64_t first = 0;
         for (const std::vector<const Slice*>& lane : lanes) {
-            const uint64_t track = BeginTrack(parent, name, first);
+            const uint64_t track = BeginTrack(parent, name, nullptr, first);
             first = first == 0 ? track : first;
             for (const Slice* const slice : lane) {
                 AddSlice(*slice);
@@ -149,8 +132,12 @@ class Packets {
     static constexpr size_t BUNDLE = 1 << 18;
 
     int64_t NanosecondsOf(Micros time) const {
+        const auto next = clocks.upper_bound(time);
+        if (!clocks.empty()) {
+            time += (next == clocks.begin() ? next : std::prev(next))->second;
+        }
         constexpr Micros most = std::numeric_limits<int64_t>::max() / 1000;
-        return toBoottime ? toBoottime(time) : std::clamp(time, -most, most) * 1000;
+        return std::clamp(time, -most, most) * 1000;
     }
 
     void Add(const auto& fill) {
@@ -167,6 +154,21 @@ class Packets {
         }
     }
 
+    // The number of a name, which is written when it is first used.
+    uint64_t Intern(const std::string& name) {
+        uint64_t& number = interned[name];
+        if (number == 0) {
+            number = interned.size();
+            Add([&](pbf_writer& packet) {
+                pbf_writer data(packet, 12);
+                pbf_writer one(data, 2);
+                one.add_uint64(1, number);
+                one.add_string(2, Utf8(name));
+            });
+        }
+        return number;
+    }
+
     void AddEvent(Micros time, uint32_t type, const auto& fill) {
         const int64_t now = std::max(NanosecondsOf(time), last);
         Add([&](pbf_writer& packet) {
@@ -178,14 +180,16 @@ class Packets {
     }
 
     void AddSlice(const Slice& slice) {
-        AddEvent(slice.span.begin, slice.isMoment ? 3 : 1, [&slice](pbf_writer& event) {
-            event.add_uint64(10, slice.name);
-            for (const auto& [name, value] : slice.said.items()) {
+        const uint64_t name = Intern(slice.name);
+        const bool lasts = slice.span.Length() > 0;
+        AddEvent(slice.span.begin, lasts ? 1 : 3, [&](pbf_writer& event) {
+            event.add_uint64(10, name);
+            for (const auto& [key, value] : slice.said.items()) {
                 if (value.is_null()) {
                     continue;
                 }
                 pbf_writer annotation(event, 4);
-                annotation.add_string(10, name);
+                annotation.add_string(10, key);
                 if (value.is_string()) {
                     annotation.add_string(6, Utf8(value));
                 } else if (value.is_number_float()) {
@@ -194,54 +198,26 @@ class Packets {
                     annotation.add_int64(4, value);
                 }
             }
-            for (const uint64_t arrow : slice.arrows) {
-                event.add_fixed64(47, arrow);
+            if (slice.arrow != 0) {
+                event.add_fixed64(47, slice.arrow);
             }
         });
         for (const Slice& moment : slice.within) {
             AddSlice(moment);
         }
-        if (!slice.isMoment) {
+        if (lasts) {
             AddEvent(slice.span.end, 2, [](pbf_writer& /*event*/) {});
         }
     }
 
     std::ostream& out;
-    const std::function<int64_t(Micros)>& toBoottime;
+    const std::map<Micros, Micros>& clocks;
     const int64_t origin;
     int64_t last = 0;
     uint64_t lastId = FIRST_ID;
     uint32_t flags = 1;
     std::unordered_map<std::string, uint64_t> interned;
     std::string packets;  // Not yet written.
-};
-
-// Numbers of frames may be anything: those farther apart have nothing to do with one another.
-constexpr int64_t FAR_APART = 1000;
-
-// What is shown of a scene.
-struct View {
-    const Account& account;
-    const Scheduling* scheduling;
-    const size_t index;
-    // Only these frames are shown, with all that is known of them; without it, all frames.
-    const std::optional<std::pair<int64_t, int64_t>>& range;
-    Packets& packets;
-    const bool hasThreads;  // Whether those of the scheduler trace are shown.
-    const JudgedScene& scene = account.scenes[index];
-    // Of each frame. Those that are told, and those before and behind them, have arrows; others 0.
-    std::vector<uint64_t> names{}, arrows{};
-    // Of all frames that are shown: in it things are shown that are no frame's.
-    Span span{std::numeric_limits<Micros>::max(), NO_TIME};
-
-    bool Has(size_t row) const { return Shown{true, range}.Has(scene, row); }
-    bool HasTime(Micros time) const { return !range || (time >= span.begin && time <= span.end); }
-    // Whether all that is known of the frame is shown.
-    bool IsTold(size_t row) const {
-        return row < scene.frames.size() &&
-               (Shown{false, range}.Has(scene, row) || HarmOf(scene.FateOf(row)) != Harm::None ||
-                scene.frames[row].trouble.line != 0);
-    }
 };
 
 // When the frame was in the stage, where it stands if it never left that; to NO_TIME where it was
@@ -262,75 +238,106 @@ Span LifeOf(const JudgedScene& scene, size_t row) {
                                               fate.isOut ? fate.output : GoneOf(scene, row)})};
 }
 
-void CompleteView(View& view) {
-    for (size_t row = 0; row < view.scene.frames.size(); ++row) {
-        const bool hasArrows = view.IsTold(row - 1) || view.IsTold(row) || view.IsTold(row + 1);
-        view.arrows.push_back(hasArrows ? view.packets.NewArrow() : 0);
-        view.names.push_back(view.packets.Intern(fmt::to_string(view.scene.frames[row].number)));
-        if (view.Has(row)) {
-            const Span life = LifeOf(view.scene, row);
-            // A frame that never came out may stand there for long.
-            const Micros end = view.scene.FateOf(row).isNeverOut ? life.begin : life.end;
-            view.span = {std::min(view.span.begin, life.begin), std::max(view.span.end, end)};
-        }
+constexpr Span ALWAYS = {std::numeric_limits<Micros>::min(), std::numeric_limits<Micros>::max()};
+
+// What is shown of a scene.
+struct View {
+    const Account& account;
+    const Scheduling* scheduling;  // Null where no threads are shown.
+    const size_t index;
+    // Only these frames are shown, with all that is known of them; without it, all frames.
+    const std::optional<std::pair<int64_t, int64_t>>& range;
+    Packets& packets;
+    const JudgedScene& scene = account.scenes[index];
+    const uint64_t firstArrow = packets.NewArrows(scene.frames.size());
+    Span span = ALWAYS;  // In it things are shown that are no frame's.
+
+    bool Has(size_t row) const { return Shown{true, range}.Has(scene, row); }
+    bool HasTime(Micros time) const { return time >= span.begin && time <= span.end; }
+    // Whether all that is known of the frame is shown.
+    bool IsTold(size_t row) const {
+        return row < scene.frames.size() &&
+               (Shown{false, range}.Has(scene, row) || HarmOf(scene.FateOf(row)) != Harm::None ||
+                scene.frames[row].trouble.line != 0);
     }
+    // Such frames have one, and those before and behind them; else 0.
+    uint64_t ArrowOf(size_t row) const {
+        return IsTold(row - 1) || IsTold(row) || IsTold(row + 1) ? firstArrow + row : 0;
+    }
+};
+
+Json Milliseconds(Micros time) {
+    return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000);
 }
 
-// The frame's slice, with all that is known of the frame where there is something to say.
-Slice SliceOf(const View& view, size_t row, Span span) {
-    const Fate& fate = view.scene.FateOf(row);
-    Slice slice{.span = span, .name = view.names[row]};
-    if (view.IsTold(row)) {
-        const std::string reason = DescriptionOf(fate);
-        slice.said = {{"status", NameOf(fate.status)},
-                      {"late", int{fate.isLate}},
-                      {"reason", reason.empty() ? Json() : Json(reason)},
-                      {"line", ToString(view.account, view.scene.frames[row].place)}};
+// Frames in a stage, -1 for all of their time, each with all that is known of it where there is
+// something to say.
+std::vector<Slice> FramesOf(const View& view, int32_t stage) {
+    const JudgedScene& scene = view.scene;
+    const bool isStage = stage >= 0;
+    std::vector<Slice> slices;
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        const Span span = isStage ? StayOf(scene, row, stage) : LifeOf(scene, row);
+        if (span.end == NO_TIME || !view.Has(row)) {
+            continue;
+        }
+        const Frame& frame = scene.frames[row];
+        const Fate& fate = scene.FateOf(row);
+        Slice& slice = slices.emplace_back(Slice{span, fmt::to_string(frame.number)});
+        slice.isStanding = !fate.isOut && span.end >= GoneOf(scene, row);
+        slice.arrow = isStage ? view.ArrowOf(row) : 0;
+        if (view.IsTold(row)) {
+            const std::string reason = DescriptionOf(fate);
+            slice.said = {{"status", NameOf(fate.status)},
+                          {"late", int{fate.isLate}},
+                          {"reason", reason.empty() ? Json() : Json(reason)},
+                          {"line", ToString(view.account, frame.place)}};
+        }
+        if (view.IsTold(row) && isStage) {
+            const StageTimes times = scene.TimesOf(row, stage);
+            const int32_t thread = scene.PassOf(row, stage).thread;
+            slice.said.update(Json{{"stage", stage},
+                                   {"work", Milliseconds(times.work)},
+                                   {"wait", Milliseconds(times.wait)},
+                                   {"thread", thread < 0 ? Json() : Json(thread)}});
+        }
     }
-    return slice;
+    return slices;
 }
 
 // A frame is due so many periods after the last one that came out as numbers are between the two.
-void WriteFrames(const View& view, uint64_t group) {
+std::vector<Slice> ExpectedOf(const View& view) {
+    // Those whose numbers are farther apart have nothing to do with one another.
+    constexpr int64_t farApart = 1000;
     const JudgedScene& scene = view.scene;
-    std::vector<Slice> expected, actual;
+    std::vector<Slice> slices;
     std::optional<size_t> before;  // The last one that came out.
     for (size_t row = 0; row < scene.frames.size(); ++row) {
-        if (view.Has(row)) {
-            const Span life = LifeOf(scene, row);
-            const int64_t steps =
-                before ? StepOf(scene.frames[*before].number, scene.frames[row].number) : 0;
-            if (steps > 0 && steps < FAR_APART) {
-                const Micros due = scene.FateOf(*before).output + scene.Period() * steps;
-                expected.push_back({{life.begin, due}, view.names[row]});
-            }
-            actual.push_back(SliceOf(view, row, life));
-            actual.back().isStanding = !scene.FateOf(row).isOut;
+        const Frame& frame = scene.frames[row];
+        const int64_t steps = before ? StepOf(scene.frames[*before].number, frame.number) : 0;
+        if (view.Has(row) && steps > 0 && steps < farApart) {
+            const Micros due = scene.FateOf(*before).output + scene.Period() * steps;
+            slices.push_back({{frame.seen, due}, fmt::to_string(frame.number)});
         }
         before = scene.FateOf(row).isOut ? row : before;
     }
-    view.packets.AddSlices(group, "expected", std::move(expected));
-    view.packets.AddSlices(group, "actual", std::move(actual));
+    return slices;
 }
 
 void WriteValues(const View& view, uint64_t group) {
-    view.packets.BeginTrack(group, "in flight", 0, "frames");
+    view.packets.BeginTrack(group, "in flight", "frames");
     for (const auto& [time, count] : InFlightOf(view.scene)) {
         if (view.HasTime(time)) {
             view.packets.AddValue(time, static_cast<double>(count));
         }
     }
-    view.packets.BeginTrack(group, "interval between outputs", 0, "ms");
+    view.packets.BeginTrack(group, "interval between outputs", "ms");
     for (const uint32_t row : view.scene.columns.outputs) {
         const Fate& fate = view.scene.FateOf(row);
         if (fate.interval != NO_TIME && view.HasTime(fate.output)) {
             view.packets.AddValue(fate.output, static_cast<double>(fate.interval) / 1000);
         }
     }
-}
-
-Json Milliseconds(Micros time) {
-    return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000);
 }
 
 // The threads that a frame of the stage waited for: who kept it, who kept that one, and so on. Each
@@ -343,12 +350,10 @@ std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>&
         if (finding.stage != stage || chain.size() < 2) {
             continue;
         }
+        Micros woken = chain[0].begin + chain[0].piece;
         const auto isKept = [&](const Slice& slice) {
-            const Micros woken = chain[0].begin + chain[0].piece;
             return slice.span.begin <= woken && woken <= slice.span.end &&
-                   std::ranges::any_of(finding.own, [&](int64_t number) {
-                       return view.packets.Intern(fmt::to_string(number)) == slice.name;
-                   });
+                   std::ranges::count(finding.own, slice.name, fmt::to_string<int64_t>) > 0;
         };
         const auto kept = std::ranges::find_if(frames, isKept);
         if (kept == frames.end()) {
@@ -356,20 +361,17 @@ std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>&
         }
         for (size_t i = 1; i < chain.size(); ++i) {
             const CauseLink& link = chain[i];
-            const Micros woken = chain[i - 1].begin + chain[i - 1].piece;
             const std::string name = fmt::format("{} ({})", link.thread, Printable(link.name));
-            const uint64_t arrow = view.packets.NewArrow();
+            const uint64_t arrow = view.packets.NewArrows();
             (i == 1 ? *kept : wakers.back())
-                .within.push_back({.span = {woken, woken},
-                                   .name = view.packets.Intern("woken by " + name),
-                                   .isMoment = true,
-                                   .arrows = {arrow}});
-            wakers.push_back({.span = {link.begin, link.begin + link.piece},
-                              .name = view.packets.Intern(name),
-                              .said = {{"state", NameOf(link.state)},
-                                       {"wakes", chain[i - 1].thread},
-                                       {"frame", finding.frame.value_or(0)}},
-                              .arrows = {arrow}});
+                .within.push_back({{woken, woken}, "woken by " + name, {}, arrow});
+            woken = link.begin + link.piece;
+            wakers.push_back({{link.begin, woken},
+                              name,
+                              {{"state", NameOf(link.state)},
+                               {"wakes", chain[i - 1].thread},
+                               {"frame", finding.frame.value_or(0)}},
+                              arrow});
         }
         std::ranges::stable_sort(kept->within, {}, [](const Slice& one) { return one.span.begin; });
     }
@@ -379,17 +381,17 @@ std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>&
 // What the threads of a stage did when they did not sleep.
 void WriteThreads(const View& view, int32_t stage, uint64_t parent) {
     for (const DrawnThread& drawn : DrawnThreadsOf(view.account, view.scheduling, view.index)) {
-        if (drawn.stage != stage || !view.hasThreads) {
+        if (drawn.stage != stage) {
             continue;
         }
         std::vector<Slice> slices;
-        for (const StateSpan& one : AwakeOf(*view.scheduling, drawn.thread, view.span)) {
+        const Span span = Cut(view.span, {view.scene.begin, view.scene.end});
+        for (const StateSpan& one : AwakeOf(*view.scheduling, drawn.thread, span)) {
             const bool isRunnable = one.state == ThreadState::Runnable;
             const bool hasCpu = isRunnable || one.state == ThreadState::Running;
-            slices.push_back(
-                {.span = one,
-                 .name = view.packets.Intern(isRunnable ? "waiting for a CPU" : NameOf(one.state)),
-                 .said = hasCpu ? Json{{"CPU", one.cpu}} : Json()});
+            slices.push_back({one,
+                              isRunnable ? "waiting for a CPU" : NameOf(one.state),
+                              {{"CPU", hasCpu ? Json(one.cpu) : Json()}}});
         }
         const SchedThread& known = view.scheduling->trace.threads[drawn.thread];
         view.packets.AddSlices(parent,
@@ -399,30 +401,9 @@ void WriteThreads(const View& view, int32_t stage, uint64_t parent) {
 }
 
 void WriteStage(const View& view, int32_t stage, uint64_t group) {
-    const JudgedScene& scene = view.scene;
-    std::vector<Slice> slices;
-    for (size_t row = 0; row < scene.frames.size(); ++row) {
-        const Span stay = StayOf(scene, row, stage);
-        if (stay.end == NO_TIME || !view.Has(row)) {
-            continue;
-        }
-        slices.push_back(SliceOf(view, row, stay));
-        const Pass& pass = scene.PassOf(row, stage);
-        if (view.IsTold(row)) {
-            const StageTimes times = scene.TimesOf(row, stage);
-            slices.back().said.update(
-                Json{{"stage", stage},
-                     {"work", Milliseconds(times.work)},
-                     {"wait", Milliseconds(times.wait)},
-                     {"thread", pass.thread < 0 ? Json() : Json(pass.thread)}});
-        }
-        slices.back().isStanding = !pass.HasLeft();
-        if (view.arrows[row] != 0) {
-            slices.back().arrows = {view.arrows[row]};
-        }
-    }
+    std::vector<Slice> slices = FramesOf(view, stage);
     std::vector<Slice> wakers = WakersOf(view, stage, slices);
-    const std::string title = StageTitleOf(scene, static_cast<size_t>(stage));
+    const std::string title = StageTitleOf(view.scene, static_cast<size_t>(stage));
     const uint64_t track = view.packets.AddSlices(group, title, std::move(slices));
     if (!wakers.empty()) {
         view.packets.AddSlices(track, "wakes", std::move(wakers));
@@ -430,43 +411,51 @@ void WriteStage(const View& view, int32_t stage, uint64_t group) {
     WriteThreads(view, stage, track);
 }
 
-// `otherwise`: where a finding stands whose time is not known. `view`: null for all.
+// `otherwise`: where a finding stands whose time is not known. `shown`: only those in it are.
 void WriteFindings(Packets& packets, uint64_t group, const Account& account,
-                   const std::vector<SceneFinding>& findings, Micros otherwise, const View* view) {
+                   const std::vector<SceneFinding>& findings, Micros otherwise, Span shown) {
     std::vector<Slice> slices;
     for (const SceneFinding& finding : findings) {
         const bool isTimed = finding.time != NO_TIME;
         const Micros time = isTimed ? finding.time : otherwise;
-        if (view != nullptr && !view->HasTime(time)) {
+        if (time < shown.begin || time > shown.end) {
             continue;
         }
-        const bool lasts = isTimed && finding.span.Length() > 0;
-        slices.push_back({.span = lasts ? finding.span : Span{time, time},
-                          .name = packets.Intern(finding.message),
-                          .said = {{"severity", NameOf(finding.severity)},
-                                   {"check", NameOf(finding.kind)},
-                                   {"stage", finding.stage >= 0 ? Json(finding.stage) : Json()},
-                                   {"frame", finding.frame ? Json(*finding.frame) : Json()},
-                                   {"harmed", finding.harmed.size()},
-                                   {"line", ToString(account, finding.place)}},
-                          .isMoment = !lasts});
+        slices.push_back({isTimed && finding.span.Length() > 0 ? finding.span : Span{time, time},
+                          finding.message,
+                          {{"severity", NameOf(finding.severity)},
+                           {"check", NameOf(finding.kind)},
+                           {"stage", finding.stage >= 0 ? Json(finding.stage) : Json()},
+                           {"frame", finding.frame ? Json(*finding.frame) : Json()},
+                           {"harmed", finding.harmed.size()},
+                           {"line", ToString(account, finding.place)}}});
     }
     packets.AddSlices(group, "findings", std::move(slices));
 }
 
 void WriteScene(View view) {
     const JudgedScene& scene = view.scene;
-    CompleteView(view);
-    if (view.range && view.span.end == NO_TIME) {
-        return;
+    std::vector<Slice> actual = FramesOf(view, -1);
+    if (view.range) {
+        if (actual.empty()) {
+            return;
+        }
+        view.span = {ALWAYS.end, ALWAYS.begin};
+        for (const Slice& slice : actual) {
+            // One that stands may do so for long.
+            const Micros end = slice.isStanding ? slice.span.begin : slice.span.end;
+            view.span.begin = std::min(view.span.begin, slice.span.begin);
+            view.span.end = std::max(view.span.end, end);
+        }
     }
     // What the clock of the log showed then; empty where that is not known.
     const std::string clock =
         view.account.from.empty() ? "" : ClockText(view.account.clock + scene.begin);
     const uint64_t group = view.packets.BeginTrack(
         0, fmt::format("{}, begins at {}", TitleOf(view.account, view.index), clock));
-    WriteFindings(view.packets, group, view.account, scene.findings, scene.begin, &view);
-    WriteFrames(view, group);
+    WriteFindings(view.packets, group, view.account, scene.findings, scene.begin, view.span);
+    view.packets.AddSlices(group, "expected", ExpectedOf(view));
+    view.packets.AddSlices(group, "actual", std::move(actual));
     WriteValues(view, group);
     for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
         WriteStage(view, stage, group);
@@ -478,16 +467,14 @@ void WriteScene(View view) {
 
 void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
-                const Scheduling* scheduling, const std::function<int64_t(Micros)>& boottime) {
-    const auto first = std::ranges::min_element(account.scenes, {}, &Scene::begin);
-    const Micros begin = first == account.scenes.end() ? 0 : first->begin;
-    Packets packets(out, boottime, begin);
+                const Scheduling* scheduling, const std::map<Micros, Micros>& ahead) {
+    Packets packets(out, ahead);
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        WriteScene({account, scheduling, i, frames, packets, !boottime});
+        WriteScene({account, ahead.empty() ? scheduling : nullptr, i, frames, packets});
     }
     if (!account.findings.empty()) {
         const uint64_t group = packets.BeginTrack(0, "the capture as a whole");
-        WriteFindings(packets, group, account, account.findings, begin, nullptr);
+        WriteFindings(packets, group, account, account.findings, 0, ALWAYS);
     }
     packets.Flush();
 }
