@@ -218,7 +218,7 @@ TEST(Clocks, TimesOfATraceBecomeTheLogs) {
             recording.AddFrame(frame, log, trace);
         }
         tools::SchedTrace trace = TraceOf(recording.text);
-        const tools::Tie tie = tools::TieClocks(trace, recording.lines, unit, 0);
+        const tools::Tie tie = tools::TieClocks(trace, recording.lines, unit);
         EXPECT_EQ(tie.counters, 300) << what;
         EXPECT_TRUE(tie.untied.empty()) << what;
         EXPECT_EQ(tie.breaks.size(), step + pause > 0 ? 1 : 0) << what;
@@ -243,7 +243,7 @@ TEST(Clocks, WhatDoesNotBelongTogetherIsRefused) {
         }
         tools::SchedTrace trace = TraceOf(recording.text);
         try {
-            tools::TieClocks(trace, recording.lines, 1, 0);
+            tools::TieClocks(trace, recording.lines, 1);
         } catch (const tools::TieError& error) {
             return error.what();
         }

@@ -150,7 +150,8 @@ def event_of(time, parts, flags):
     return message((1, time), (2, int(parts['tid'])), (5, flags_of(parts, flags)), what)
 
 
-def kernel_packets(trace, compact=True, flags=True, clock=None, release='6.1.0', size=200):
+def kernel_packets(trace, compact=True, flags=True, clock=None, release='6.1.0', size=200,
+                   counters=True):
     """Bundles of a CPU each, of that many events. `clock`: which one the kernel used, if not BOOTTIME."""
     states = STATES if tuple(map(int, release.split('.')[:2])) >= (4, 14) else STATES_BEFORE_4_14
     cpus, lost, made = {}, {}, []
@@ -170,6 +171,8 @@ def kernel_packets(trace, compact=True, flags=True, clock=None, release='6.1.0',
             close(cpu)
             lost[cpu] = 1
             continue
+        if not counters and '|TcfbtNotify' in parts['text']:
+            continue
         if state := re.search(r' prev_state=(\S+) ==> ', parts['text']):
             parts = parts | {'state': states[state[1]]}
         cpus.setdefault(cpu, []).append((time, parts))
@@ -180,18 +183,22 @@ def kernel_packets(trace, compact=True, flags=True, clock=None, release='6.1.0',
     return made
 
 
-def packets_of(log=None, trace=None, snapshots=(0,), clock_set=(0, 0), release='6.1.0', tree=True, dropped=None,
+def packets_of(log=None, trace=None, snapshots=(0,), clock_set=(), release='6.1.0', tree=True, dropped=None,
                failed=0, **options):
     """The packets of a recording. `snapshots` of the clocks, in seconds of BOOTTIME, which is the trace's own;
-    `clock_set`: when the log's is set, in such seconds, and by how many; options: see kernel_packets."""
+    `clock_set`: when the log's is set, in such seconds, and by how many, each time; options: see kernel_packets."""
     events, lines = read_trace(trace or ''), read_log(log or '')
     ahead = ahead_of(lines, events)
-    step_at, step = (round(part * SECOND) for part in clock_set)
+    steps = [tuple(round(part * SECOND) for part in one) for one in clock_set]
     boots = [line[0] - ahead for line in lines]
-    lines = [(line[0] + step * (boot >= step_at), *line[1:]) for boot, line in zip(boots, lines)]
+
+    def set_by(boot):
+        return sum(step for at, step in steps if boot >= at)
+
+    lines = [(line[0] + set_by(boot), *line[1:]) for boot, line in zip(boots, lines)]
     made = []
     for boot in (round(snapshot * SECOND) for snapshot in snapshots):
-        clocks = {REALTIME: boot + ahead + step * (boot >= step_at), RAW: boot + RAW_AHEAD, BOOTTIME: boot}
+        clocks = {REALTIME: boot + ahead + set_by(boot), RAW: boot + RAW_AHEAD, BOOTTIME: boot}
         made.append(message((10, 1), (6, message(
             *((1, message((1, number), (2, time))) for number, time in clocks.items()), (2, BOOTTIME)))))
     if release:
@@ -209,7 +216,7 @@ if __name__ == '__main__':
     from sched_made import log_of, make
     directory, text = pathlib.Path(sys.argv[1]), make(frames=4, taken=[3], locked=[2], lost=[4])
     for kind, options in {'compact': {}, 'plain': {'compact': False}, 'clock': {'clock': GLOBAL},
-                          'set': {'snapshots': (5, 5.05), 'clock_set': (5.04, -3600)}}.items():
+                          'set': {'snapshots': (5, 5.05), 'clock_set': [(5.04, -3600)]}}.items():
         packets = packets_of(log_of(text), text, size=20, **options)
         (directory / kind).write_bytes(file_of(packets))
     (directory / 'bundle').write_bytes(file_of([*packets[:2], bundle_of(packets[2:])]))

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -88,9 +87,9 @@ class Copier : public TextSink {
 struct Explained {
     Account account;
     std::unique_ptr<Scheduling> scheduling{};  // Null where there is no scheduler trace.
-    // Where the capture is a recording: how far its clock is ahead of the account's times, at a
-    // time and from there on. Empty for other captures, and where nothing ties them.
-    std::map<Micros, Micros> ahead{};
+    // Where the capture is a recording: how its clock and the account's times go together. Empty
+    // for other captures, and where nothing ties them.
+    std::vector<Knot> clocks{};
 };
 
 // `trace`: of the scheduler, taken at the same time as the captures; empty for none. `sinks` get
@@ -137,9 +136,9 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
     Explained explained{
         Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options)};
     isRecording = isRecording && captures.size() == 1;
-    if (isRecording && !recorded.Snapshots().empty()) {
-        const auto [log, boot] = recorded.Snapshots().front();
-        explained.ahead[0] = boot - (log - explained.account.clock);
+    if (isRecording) {
+        SchedTrace none;
+        explained.clocks = KnotsOf(counted, none);
     }
     const bool isRecorded = isRecording && trace.empty() && !recorded.IsEmpty();
     if (!trace.empty() || isRecorded) {
@@ -159,7 +158,7 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
             explained.scheduling = std::make_unique<Scheduling>(
                 MakeScheduling(explained.account, name, std::move(read), counted));
             if (isRecorded) {
-                explained.ahead = explained.scheduling->tie.ahead;
+                explained.clocks = explained.scheduling->tie.knots;
             }
         } catch (const TieError& error) {
             throw CommandError(name + ": error: " + error.what());
@@ -231,7 +230,7 @@ int RunExplain(const ExplainArguments& arguments) {
     WriteFile(arguments.page,
               [&](std::ostream& file) { WritePage(file, account, title, scheduling); });
     WriteFile(arguments.tracks, [&](std::ostream& file) {
-        if (!explained.ahead.empty()) {
+        if (!explained.clocks.empty()) {
             if (arguments.captures.front() == "-") {
                 throw CommandError(
                     "-: error: a recording that is written into is read twice: give "
@@ -240,7 +239,7 @@ int RunExplain(const ExplainArguments& arguments) {
             Copier copier(file);
             ReadInput(copier, arguments.captures.front());
         }
-        WriteTrace(file, account, shown.range, scheduling, explained.ahead);
+        WriteTrace(file, account, shown.range, scheduling, explained.clocks);
     });
     if (arguments.isJson) {
         WriteFile("-", [&](std::ostream& out) { WriteJson(out, account, scheduling); });

@@ -221,7 +221,7 @@ Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
     latestOther = now;
     hasOthers = false;
     lastClock = isSet ? clock : std::max(lastClock, clock);
-    const Moment moment{now - *origin, record.process, record.thread};
+    const Moment moment{now - *origin, record.process, record.thread, record.boottime};
     summary.last = isSet ? moment.time : std::max(summary.last, moment.time);
     if (isSet) {
         for (MessageSink* const sink : sinks) {

@@ -26,7 +26,8 @@ struct Moment {
     Micros time = NO_TIME;  // Since the capture's first line of the library. Steps of the clock are
                             // taken out: the time goes on from where it was.
     int32_t process = -1;
-    int32_t thread = -1;  // -1 where the form lacks it.
+    int32_t thread = -1;        // -1 where the form lacks it.
+    Micros boottime = NO_TIME;  // As the record's.
 };
 
 // Gets what a capture holds, in its order.

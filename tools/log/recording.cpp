@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <set>
 #include <utility>
 
@@ -16,6 +17,11 @@ namespace {
 constexpr size_t HEAD = 64;
 // Recorders write packets of some 100 KB; more than this is none.
 constexpr uint64_t LONGEST_PACKET = 256 << 20;
+
+// Lines of several threads do not stand quite in order, and clocks are adjusted by a little.
+constexpr Micros SLACK = SECOND / 10;
+// Recorders take lines out of the log's buffer within that time.
+constexpr Micros LONGEST_DELAY = 5 * SECOND;
 
 constexpr std::string_view TAGS[] = {FACADE_TAG, UTILS_TAG, CHATTY_TAG};
 constexpr uint8_t OTHER_TAG = std::size(TAGS);
@@ -164,9 +170,27 @@ void PacketReader::TakePacket(std::string_view packet) {
 
 // ---- The log ----
 
+std::map<uint64_t, uint64_t> ClocksOf(std::string_view snapshot) {
+    std::map<uint64_t, uint64_t> times;
+    ForEachField(snapshot, [&times](uint32_t field, std::string_view content) {
+        if (field == 1) {
+            const Fields<2> clock(content);
+            times[clock.Number(1)] = clock.Number(2);
+        }
+    });
+    return times;
+}
+
 void RecordingLog::TakePacket(std::string_view packet) {
     const Fields<42> fields(packet);
-    const auto written = fields.Number<int64_t>(8);
+    const Micros written = fields.Number<Micros>(8) / 1000;
+    if (const std::string_view snapshot = fields.Text(6); !snapshot.empty()) {
+        std::map<uint64_t, uint64_t> clocks = ClocksOf(snapshot);
+        if (clocks[REALTIME] != 0 && clocks[BOOTTIME] != 0) {
+            snapshots.push_back({static_cast<Micros>(clocks[REALTIME]) / 1000,
+                                 static_cast<Micros>(clocks[BOOTTIME]) / 1000});
+        }
+    }
     // The first packet of a sequence is marked, too, as nobody knows what was before.
     const bool isFirst = sequences.insert(fields.Number(10)).second;
     const std::string_view log = fields.Text(39);
@@ -188,7 +212,7 @@ void RecordingLog::TakePacket(std::string_view packet) {
     });
 }
 
-void RecordingLog::TakeLine(const Fields<8>& line, int64_t written) {
+void RecordingLog::TakeLine(const Fields<8>& line, Micros written) {
     const auto tag = std::ranges::find(TAGS, line.Text(6)) - TAGS;
     const std::string_view text = tag == OTHER_TAG ? "" : line.Text(8);
     const size_t priority = std::min(line.Number(7), PRIORITIES.size());
@@ -198,8 +222,33 @@ void RecordingLog::TakeLine(const Fields<8>& line, int64_t written) {
     texts += text;
 }
 
+// A line was logged soon before its packet was written, between two snapshots that show the clock
+// apart by the same. Where they do not, the clock was set between them, nobody knows when.
+Micros RecordingLog::BoottimeOf(const Event& event) {
+    for (size_t i = snapshots.size(); i-- > firstSnapshot;) {
+        const Snapshot& one = snapshots[i];
+        const Micros time = event.time + one.Ahead();
+        const Snapshot* const next = i + 1 < snapshots.size() ? &one + 1 : nullptr;
+        const bool isBetween = (i == 0 || time >= one.boot - SLACK) &&
+                               (next == nullptr || (time <= next->boot + SLACK &&
+                                                    std::abs(next->Ahead() - one.Ahead()) < SLACK));
+        if (isBetween && time <= event.written + MILLISECOND &&
+            time > event.written - LONGEST_DELAY) {
+            if (time + SLACK < latest) {
+                // It was set and set again: whatever else is behind the snapshot may be wrong.
+                firstSnapshot = i + 1;
+                return NO_TIME;
+            }
+            latest = std::max(latest, time);
+            return time;
+        }
+    }
+    return NO_TIME;
+}
+
 int64_t RecordingLog::Deliver(RecordSink& sink, uint32_t input) {
     std::ranges::stable_sort(events, {}, &Event::written);
+    std::ranges::sort(snapshots, {}, &Snapshot::boot);
     std::set<int32_t> processes;  // The library's.
     Place place{input, 0};
     Micros time = 0;
@@ -218,9 +267,10 @@ int64_t RecordingLog::Deliver(RecordSink& sink, uint32_t input) {
             continue;
         }
         processes.insert(event.process);
-        sink.OnRecord({time, event.process, event.thread, event.priority, TAGS[event.tag],
-                       std::string_view(texts).substr(event.text, event.length)},
-                      place);
+        sink.OnRecord(
+            {time, event.process, event.thread, event.priority, TAGS[event.tag],
+             std::string_view(texts).substr(event.text, event.length), true, BoottimeOf(event)},
+            place);
     }
     *this = {};
     return place.line;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -58,7 +59,14 @@ class PacketReader {
     std::string damage;
 };
 
-// The log in a recording.
+// The clocks of a recorder, by their numbers in a recording.
+enum RecorderClock : uint64_t { REALTIME = 1, MONOTONIC_RAW = 5, BOOTTIME = 6 };
+
+// What clocks showed at one moment, in nanoseconds.
+std::map<uint64_t, uint64_t> ClocksOf(std::string_view snapshot);
+
+// The log in a recording. Its lines have times of a clock that may be set at any moment; snapshots
+// of it and of the recorder's own clock show which times of that these are.
 class RecordingLog {
   public:
     void TakePacket(std::string_view packet);
@@ -67,10 +75,8 @@ class RecordingLog {
     int64_t Deliver(RecordSink& sink, uint32_t input);
 
   private:
-    void TakeLine(const Fields<8>& line, int64_t written);
-
     struct Event {
-        int64_t written;    // When its packet was, by the recorder's clock.
+        Micros written;     // When its packet was, by the recorder's clock.
         uint64_t lost = 0;  // So many lines; else it is a line.
         Micros time = 0;
         int32_t process = -1, thread = -1;
@@ -79,7 +85,20 @@ class RecordingLog {
         size_t text = 0, length = 0;  // Of the message, in `texts`.
     };
 
+    struct Snapshot {
+        Micros log, boot;
+        Micros Ahead() const { return boot - log; }
+    };
+
+    void TakeLine(const Fields<8>& line, Micros written);
+    Micros BoottimeOf(const Event& event);
+
     std::vector<Event> events;
+    std::vector<Snapshot> snapshots;
+    // While lines are delivered: the snapshots before this one are of no use any more, and the last
+    // line's time.
+    size_t firstSnapshot = 0;
+    Micros latest = 0;
     std::string texts;
     std::set<uint64_t> sequences;  // Of packets that were seen.
     uint64_t failed = 0;           // Lines that the recorder could not read.

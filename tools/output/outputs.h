@@ -4,11 +4,11 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tools/output/naming.h"
 #include "tools/sched/scheduling.h"
@@ -57,10 +57,10 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
 // `frames`: the first and the last number of a part, which has all of that for all of its frames,
 // and nothing from before or after it.
 //
-// `ahead`: where the trace goes behind a recording of Perfetto's, which has the threads itself: how
-// far the recording's clock is ahead of the account's at a time of the account, and from there on.
+// `clocks`: where the trace goes behind a recording of Perfetto's, which has the threads itself:
+// how the recording's clock and the account's times go together.
 void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
-                const Scheduling* scheduling = nullptr, const std::map<Micros, Micros>& ahead = {});
+                const Scheduling* scheduling = nullptr, const std::vector<Knot>& clocks = {});
 
 }  // namespace tools

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <protozero/pbf_writer.hpp>
@@ -45,9 +44,9 @@ constexpr uint64_t FIRST_ID = uint64_t{SEQUENCE} << 32;
 // The one place that knows the form: the numbers in it are those of the form's fields.
 class Packets {
   public:
-    // `ahead`: as for WriteTrace.
-    Packets(std::ostream& stream, const std::map<Micros, Micros>& ahead)
-        : out(stream), clocks(ahead), origin(std::max<int64_t>(NanosecondsOf(0), 0)) {}
+    // `clocks`: as for WriteTrace.
+    Packets(std::ostream& stream, const std::vector<Knot>& knots)
+        : out(stream), clocks(knots), origin(std::max<int64_t>(NanosecondsOf(0), 0)) {}
 
     // The first of so many that follow one another.
     uint64_t NewArrows(size_t count = 1) { return std::exchange(lastId, lastId + count) + 1; }
@@ -132,12 +131,8 @@ class Packets {
     static constexpr size_t BUNDLE = 1 << 18;
 
     int64_t NanosecondsOf(Micros time) const {
-        const auto next = clocks.upper_bound(time);
-        if (!clocks.empty()) {
-            time += (next == clocks.begin() ? next : std::prev(next))->second;
-        }
         constexpr Micros most = std::numeric_limits<int64_t>::max() / 1000;
-        return std::clamp(time, -most, most) * 1000;
+        return std::clamp(ToTrace(clocks, time), -most, most) * 1000;
     }
 
     void Add(const auto& fill) {
@@ -211,7 +206,7 @@ class Packets {
     }
 
     std::ostream& out;
-    const std::map<Micros, Micros>& clocks;
+    const std::vector<Knot>& clocks;
     const int64_t origin;
     int64_t last = 0;
     uint64_t lastId = FIRST_ID;
@@ -467,10 +462,10 @@ void WriteScene(View view) {
 
 void WriteTrace(std::ostream& out, const Account& account,
                 const std::optional<std::pair<int64_t, int64_t>>& frames,
-                const Scheduling* scheduling, const std::map<Micros, Micros>& ahead) {
-    Packets packets(out, ahead);
+                const Scheduling* scheduling, const std::vector<Knot>& clocks) {
+    Packets packets(out, clocks);
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        WriteScene({account, ahead.empty() ? scheduling : nullptr, i, frames, packets});
+        WriteScene({account, clocks.empty() ? scheduling : nullptr, i, frames, packets});
     }
     if (!account.findings.empty()) {
         const uint64_t group = packets.BeginTrack(0, "the capture as a whole");

@@ -76,7 +76,8 @@ void SchedRecording::TakePacket(std::string_view packet) {
         } else if (field == 2) {
             TakeNames(content);
         } else if (field == 6) {
-            TakeClocks(content);
+            std::map<uint64_t, uint64_t> clocks = ClocksOf(content);
+            rawAhead = clocks[BOOTTIME] - clocks[MONOTONIC_RAW];
         } else if (field == 45) {
             isOldKernel = IsBefore414(Fields<3>(Fields<1>(content).Text(1)).Text(3));
         }
@@ -90,21 +91,6 @@ void SchedRecording::TakeNames(std::string_view tree) {
             names[thread.Number<int32_t>(1)] = thread.Text(2);
         }
     });
-}
-
-void SchedRecording::TakeClocks(std::string_view snapshot) {
-    constexpr uint64_t REALTIME = 1, MONOTONIC_RAW = 5, BOOTTIME = 6;
-    std::map<uint64_t, uint64_t> times;
-    ForEachField(snapshot, [&times](uint32_t field, std::string_view content) {
-        if (field == 1) {
-            const Fields<2> clock(content);
-            times[clock.Number(1)] = clock.Number(2);
-        }
-    });
-    rawAhead = times[BOOTTIME] - times[MONOTONIC_RAW];
-    if (times[REALTIME] != 0 && times[BOOTTIME] != 0) {
-        maker.trace.snapshots.push_back({MicrosOf(times[REALTIME]), MicrosOf(times[BOOTTIME])});
-    }
 }
 
 void SchedRecording::TakeBundle(std::string_view bytes) {

@@ -176,7 +176,7 @@ Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
                           const CountedLines& lines) {
     Scheduling all;
     all.name = std::move(name);
-    all.tie = TieClocks(trace, lines, account.resolution, account.clock);
+    all.tie = TieClocks(trace, lines, account.resolution);
     all.states = StatesOf(trace);
     trace.events = {};  // They take much memory.
     all.trace = std::move(trace);

@@ -25,18 +25,14 @@ constexpr int64_t FEWEST = 8;
 // Where the log has no line for that long, its clock may have been set; steps of more are breaks.
 constexpr Micros SILENCE = SECOND / 10;
 
-// A moment of the log, and how far the trace's clock is ahead then.
-struct Knot {
-    Micros log, ahead;
-    Micros Trace() const { return log + ahead; }
-};
-
 // Knots rise by the trace's clock and do not fall by the log's: one that does not do so is left
-// out.
-void AddKnot(std::vector<Knot>& knots, Knot knot) {
+// out. Returns whether it was added.
+bool AddKnot(std::vector<Knot>& knots, Knot knot) {
     if (knots.empty() || (knot.log >= knots.back().log && knot.Trace() > knots.back().Trace())) {
         knots.push_back(knot);
+        return true;
     }
+    return false;
 }
 
 // What a guess of how much the trace's clock is ahead leads to.
@@ -146,12 +142,6 @@ bool IsBreak(const CountedLine& line, const CountedLine& next) {
     return next.isBehindStep || std::abs(next.time - line.time) > SILENCE;
 }
 
-void Remember(const std::vector<Knot>& knots, Tie& tie) {
-    for (const Knot& knot : knots) {
-        tie.ahead[knot.log] = knot.ahead;
-    }
-}
-
 // Where log and trace number threads alike, all threads are known.
 void NameThreads(const SchedTrace& trace, Tie& tie) {
     const bool isSameNumbering = std::ranges::all_of(tie.threads, [&trace](const auto& one) {
@@ -164,7 +154,49 @@ void NameThreads(const SchedTrace& trace, Tie& tie) {
 
 }  // namespace
 
+Micros ToTrace(const std::vector<Knot>& knots, Micros time) {
+    const auto next = std::ranges::upper_bound(knots, time, {}, &Knot::log);
+    if (!knots.empty()) {
+        time += (next == knots.begin() ? next : std::prev(next))->ahead;
+    }
+    return time;
+}
+
+std::vector<Knot> KnotsOf(const CountedLines& counted, SchedTrace& trace) {
+    std::vector<Knot> knots;
+    Micros last = trace.from;
+    bool isKnown = true;
+    const auto addHole = [&](Micros end) {
+        if (last < end) {
+            trace.holes.push_back({{last, end}, SchedTrace::ALL_CPUS});
+        }
+    };
+    for (const Knot& knot : counted.clocks) {
+        isKnown = isKnown && knot.ahead != NO_TIME;
+        const Micros ahead = knots.empty() ? knot.ahead : knots.back().ahead;
+        if (knot.ahead != NO_TIME && AddKnot(knots, knot)) {
+            if (!isKnown || std::abs(knot.ahead - ahead) > SILENCE) {
+                addHole(knot.Trace());
+            }
+            last = knot.Trace();
+            isKnown = true;
+        }
+    }
+    if (!isKnown) {
+        addHole(trace.to);
+    }
+    return knots;
+}
+
 void CountedLines::OnMessage(const Message& message, const Moment& moment) {
+    const bool isKnown = moment.boottime != NO_TIME;
+    const Knot knot = {moment.time, isKnown ? moment.boottime - moment.time : NO_TIME};
+    const size_t size = clocks.size();
+    if (size > 1 && clocks[size - 1].ahead == knot.ahead && clocks[size - 2].ahead == knot.ahead) {
+        clocks.back().log = std::max(clocks.back().log, knot.log);
+    } else {
+        clocks.push_back(knot);
+    }
     for (const auto& [kind, name] : COUNTER_NAMES) {
         if (isOn && message.kind == kind) {
             all.push_back(
@@ -185,18 +217,16 @@ const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& e
     return nearest != all.end() && apart(*nearest) <= within ? &*nearest : nullptr;
 }
 
-Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution, Micros origin) {
+Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution) {
     const Lines lines = counted.all;
     Tie tie;
-    if (trace.counters.empty() && !trace.snapshots.empty()) {
-        const auto [log, boot] = trace.snapshots.front();
-        const std::vector<Knot> knots = {{0, boot - (log - origin)}};
-        TurnIntoLog(trace, knots);
-        Remember(knots, tie);
-        NameThreads(trace, tie);
-        return tie;
-    }
     if (trace.counters.empty()) {
+        tie.knots = KnotsOf(counted, trace);
+        if (!tie.knots.empty()) {
+            TurnIntoLog(trace, tie.knots);
+            NameThreads(trace, tie);
+            return tie;
+        }
         throw TieError(
             "it has none of the library's counters: were the trace tags camera or hal on, and the\n"
             "library's debug switch?");
@@ -250,7 +280,7 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution,
                         trace.counters.front().process, lines.front().process));
     }
     TurnIntoLog(trace, knots);
-    Remember(knots, tie);
+    tie.knots = std::move(knots);
     for (const Span part : tie.untied) {
         trace.holes.push_back({part, SchedTrace::ALL_CPUS});
     }

@@ -14,6 +14,15 @@
 
 namespace tools {
 
+// A moment of the log, and how far the trace's clock is ahead then.
+struct Knot {
+    Micros log, ahead;
+    Micros Trace() const { return log + ahead; }
+};
+
+// A time of the log by the trace's clock; the same where there are no knots.
+Micros ToTrace(const std::vector<Knot>& knots, Micros time);
+
 // A line that has a counter beside it.
 struct CountedLine : CountedEvent {
     Micros time;
@@ -21,17 +30,23 @@ struct CountedLine : CountedEvent {
     bool isBehindStep;  // The log's clock was set before it.
 };
 
-// Keeps such lines.
+// Keeps such lines, and what a recording's own clocks say.
 struct CountedLines : MessageSink {
     void OnMessage(const Message& message, const Moment& moment) override;
     void OnClockSet(Micros /*step*/, const Moment& /*moment*/, const Place& /*place*/) override {
         isBehindStep = true;
     }
 
-    bool isOn = true;  // Else all lines are left alone.
+    bool isOn = true;  // Else such lines are left alone.
     std::vector<CountedLine> all;
+    // From when to when the clocks were so far apart. `ahead` is NO_TIME where nobody knows.
+    std::vector<Knot> clocks;
     bool isBehindStep = false;  // The clock was set behind the last line.
 };
+
+// How far a recording's clocks are apart by their snapshots. Where that is not known there are
+// holes in its trace from then on. Empty for other captures.
+std::vector<Knot> KnotsOf(const CountedLines& counted, SchedTrace& trace);
 
 // Why a trace and a log do not belong together.
 class TieError : public std::runtime_error {
@@ -53,14 +68,13 @@ struct Tie {
     };
     std::vector<Break> breaks;
     std::vector<Span> untied;  // Of the log: parts to which none of the trace's counters fits.
-    // How far the trace's clock is ahead of the log's at a time of the log, and from there on.
-    std::map<Micros, Micros> ahead;
+    std::vector<Knot> knots;   // By which ToTrace turns back what was turned.
 };
 
 // Finds out how far the clocks are apart and turns all times of the trace into the log's. Throws a
-// TieError. `resolution`: of the log's times; `origin`: what its clock showed at time 0. Where no
-// counter ties them, a recording's own clocks do.
-Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution, Micros origin);
+// TieError. `resolution`: of the log's times. Where there are no counters, a recording's own clocks
+// tie them.
+Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution);
 
 // A line and its counter are no further apart, unless a thread is stopped between them.
 inline constexpr Micros TOGETHER = 10 * MILLISECOND;

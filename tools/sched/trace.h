@@ -84,11 +84,6 @@ struct SchedTrace {
     struct Hole : Span {
         uint16_t cpu;
     };
-    // What a recording's clocks showed at one time: that of the log, and that of the trace.
-    struct Snapshot {
-        Micros log, trace;
-    };
-    std::vector<Snapshot> snapshots;
     std::vector<Hole> holes;  // Where events were lost: between the CPU's last one and its next.
     int64_t lost = 0;         // Events that the tracer says it lost.
     Micros from = NO_TIME, to = NO_TIME;
@@ -152,7 +147,6 @@ class SchedRecording {
     SchedRecording() { maker.isInOrder = false; }
     void TakePacket(std::string_view packet);
     bool IsEmpty() const { return maker.trace.events.empty(); }
-    const std::vector<SchedTrace::Snapshot>& Snapshots() const { return maker.trace.snapshots; }
     // What was read, given away. To be called once, last.
     SchedTrace Finish();
 
@@ -163,7 +157,6 @@ class SchedRecording {
     void TakeEvent(std::string_view bytes, Bundle& bundle);
     void TakeCompact(std::string_view bytes, Bundle& bundle);
     void TakeNames(std::string_view tree);
-    void TakeClocks(std::string_view snapshot);
     ThreadState StateOf(uint64_t bits) const;
 
     SchedTraceMaker maker;
