@@ -121,17 +121,6 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
         }
     }
     reader.Finish();
-    if (isRecording && reader.Summary().libraryLines == 0) {
-        const std::string& damage = reader.Summary().damage;
-        throw CommandError(fmt::format(
-            "{}: error: the recording has none of the library's lines{}. Were the data source\n"
-            "android.log on, with the tags cameraframeboost and tarvocameraframeboostutils, and "
-            "the\n"
-            "property vendor.tarvo.camera.frameboost.debug.enable? scripts/record-phone sees to\n"
-            "both. The log of another capture: explain LOG --sched {} [no-lines]",
-            names.front(), damage.empty() ? "" : ", as far as it can be read: " + damage,
-            names.front()));
-    }
     RequireLibraryLines(reader.Summary(), names);
     Explained explained{
         Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options)};
@@ -149,10 +138,10 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
         }
         SchedTrace read = isRecorded ? recorded.Finish() : traceReader.Finish();
         if (read.events.empty()) {
-            throw CommandError(name +
-                               ": error: there is no switch of threads in it:\n"
-                               "is it a scheduler trace, and was the event sched_switch "
-                               "on? [no-lines]");
+            throw CommandError(
+                name +
+                ": error: there is no switch of threads in it:\n"
+                "is it a scheduler trace, and was the event sched_switch on? [no-lines]");
         }
         try {
             explained.scheduling = std::make_unique<Scheduling>(
@@ -232,9 +221,7 @@ int RunExplain(const ExplainArguments& arguments) {
     WriteFile(arguments.tracks, [&](std::ostream& file) {
         if (!explained.clocks.empty()) {
             if (arguments.captures.front() == "-") {
-                throw CommandError(
-                    "-: error: a recording that is written into is read twice: give "
-                    "a file");
+                throw CommandError("-: error: to be written into it is read twice: give a file");
             }
             Copier copier(file);
             ReadInput(copier, arguments.captures.front());
@@ -268,13 +255,18 @@ int StatusOf(Severity worst, const std::vector<LoadedConfiguration>& configurati
 void RequireLibraryLines(const CaptureSummary& summary, const std::vector<std::string>& names) {
     if (summary.libraryLines == 0) {
         throw CommandError(fmt::format(
-            "{}: error: none of the {} lines is the library's. Is it a log, or a bug report?\n"
-            "A scheduler trace goes with its log: explain LOG --sched TRACE. Was the property\n"
-            "vendor.tarvo.camera.frameboost.debug.enable set to true before the camera's process\n"
-            "was started? Does the capture have the tags cameraframeboost and\n"
-            "tarvocameraframeboostutils at debug level? Was the log's buffer (adb logcat -G 16M)\n"
-            "large enough to still hold them? [no-lines]",
-            fmt::join(names, ", "), summary.lines));
+            "{}: error: none of the {} lines is the library's{}.\n"
+            "Is it a log, a bug report, or a recording that has the data source android.log? Was "
+            "the\n"
+            "property vendor.tarvo.camera.frameboost.debug.enable set to true before the camera's\n"
+            "process was started? Does the capture have the tags cameraframeboost and\n"
+            "tarvocameraframeboostutils at debug level? scripts/record-phone sees to all that. "
+            "Was\n"
+            "the log's buffer (adb logcat -G 16M) large enough to still hold them? A scheduler "
+            "trace\n"
+            "goes with its log: explain LOG --sched TRACE. [no-lines]",
+            fmt::join(names, ", "), summary.lines,
+            summary.damage.empty() ? "" : ", as far as it can be read: " + summary.damage));
     }
 }
 

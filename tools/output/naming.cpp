@@ -283,7 +283,7 @@ std::string TitleOf(const Scheduling& scheduling) {
 }
 
 std::vector<DrawnThread> DrawnThreadsOf(const Account& account, const Scheduling* scheduling,
-                                        size_t scene) {
+                                        size_t scene, Span span) {
     std::vector<DrawnThread> drawn;
     if (scheduling == nullptr) {
         return drawn;
@@ -300,23 +300,20 @@ std::vector<DrawnThread> DrawnThreadsOf(const Account& account, const Scheduling
             stages[known[use.thread].tid] = use.stages.front();
         }
     }
-    for (uint32_t thread = 0; thread < known.size(); ++thread) {
-        if (const auto stage = stages.find(known[thread].tid); stage != stages.end()) {
-            drawn.push_back({thread, stage->second});
+    for (size_t thread = 0; thread < known.size(); ++thread) {
+        const auto stage = stages.find(known[thread].tid);
+        if (stage == stages.end()) {
+            continue;
+        }
+        StateSpans& awake = drawn.emplace_back(DrawnThread{stage->second, known[thread], {}}).awake;
+        for (StateSpan one : Within(scheduling->states.threads[thread], span)) {
+            if (one.state != ThreadState::Sleeping && one.state < ThreadState::Gone) {
+                static_cast<Span&>(one) = Cut(one, span);
+                awake.push_back(one);
+            }
         }
     }
     return drawn;
-}
-
-StateSpans AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span) {
-    StateSpans all;
-    for (StateSpan one : Within(scheduling.states.threads[thread], span)) {
-        if (one.state != ThreadState::Sleeping && one.state < ThreadState::Gone) {
-            static_cast<Span&>(one) = Cut(one, span);
-            all.push_back(one);
-        }
-    }
-    return all;
 }
 
 std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t scene) {

@@ -68,17 +68,16 @@ struct CaptionedTable {
 };
 std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t scene);
 
-// The threads to draw for a scene: those of the pipeline, each below the first of its stages, and
-// those that kept a late frame waiting, below stage -1.
+// A thread to draw for a scene: one of the pipeline's, below the first of its stages, or one that
+// kept a late frame waiting, below stage -1.
 struct DrawnThread {
-    uint32_t thread;
     int32_t stage;
+    const SchedThread& thread;
+    StateSpans awake;  // When it did not sleep: it ran, was runnable, blocked or stopped.
 };
+// `span`: of the scene. `scheduling`: null where there is no scheduler trace.
 std::vector<DrawnThread> DrawnThreadsOf(const Account& account, const Scheduling* scheduling,
-                                        size_t scene);
-
-// When a thread did not sleep within a span: it ran, was runnable, blocked or stopped.
-StateSpans AwakeOf(const Scheduling& scheduling, uint32_t thread, Span span);
+                                        size_t scene, Span span);
 
 // Which frames a table shows: those that are not complete, or late, unless others are asked for.
 struct Shown {

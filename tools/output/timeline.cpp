@@ -141,23 +141,20 @@ std::string IdOf(int32_t thread) {
 }
 
 // What a thread did when it did not sleep.
-Json ThreadOf(const JudgedScene& scene, const Scheduling& scheduling, uint32_t thread) {
-    std::map<std::string, Layer> layers;  // By what is said of them.
-    for (const StateSpan& span : AwakeOf(scheduling, thread, {scene.begin, scene.end})) {
+Json ThreadOf(const JudgedScene& scene, const DrawnThread& drawn) {
+    std::vector<Layer> layers;
+    for (const StateSpan& span : drawn.awake) {
         const bool hasCpu =
             span.state == ThreadState::Running || span.state == ThreadState::Runnable;
         const std::string text = fmt::format("{} for {{}}{}", NameOf(span.state),
                                              hasCpu ? fmt::format(", CPU {}", span.cpu) : "");
-        layers.try_emplace(text, Layer{NameOf(span.state), text})
-            .first->second.Add(span.begin, span.end);
+        auto layer = std::ranges::find(layers, text, &Layer::text);
+        layer = layer == layers.end() ? layers.insert(layer, {NameOf(span.state), text}) : layer;
+        layer->Add(span.begin, span.end);
     }
-    std::vector<Layer> named;
-    named.reserve(layers.size());
-    for (auto& [text, layer] : layers) {
-        named.push_back(std::move(layer));
-    }
-    const SchedThread& known = scheduling.trace.threads[thread];
-    return TrackOf(scene, IdOf(known.tid), fmt::format("{} {}", known.tid, known.name), 20, named);
+    std::ranges::sort(layers, {}, &Layer::text);
+    const auto& [tid, name] = drawn.thread;
+    return TrackOf(scene, IdOf(tid), fmt::format("{} {}", tid, name), 20, layers);
 }
 
 // The clock of the log: what it showed when the capture began, as text, and, from each time on at
@@ -185,7 +182,8 @@ Json ClockOf(const Account& account, const JudgedScene& scene) {
 // `scheduling`: null where there is no scheduler trace.
 Json SceneOf(const Account& account, size_t index, const Scheduling* scheduling) {
     const JudgedScene& scene = account.scenes[index];
-    const std::vector<DrawnThread> threads = DrawnThreadsOf(account, scheduling, index);
+    const std::vector<DrawnThread> threads =
+        DrawnThreadsOf(account, scheduling, index, {scene.begin, scene.end});
     Json tracks = {OutputsOf(scene), FlightOf(scene)};
     for (int32_t stage = 0; stage <= scene.stageCount; ++stage) {
         const bool isStage = stage < scene.stageCount;  // Else those that kept the pipeline's come.
@@ -194,7 +192,7 @@ Json SceneOf(const Account& account, size_t index, const Scheduling* scheduling)
         }
         for (const DrawnThread& thread : threads) {
             if (thread.stage == (isStage ? stage : -1)) {
-                tracks.push_back(ThreadOf(scene, *scheduling, thread.thread));
+                tracks.push_back(ThreadOf(scene, thread));
             }
         }
     }

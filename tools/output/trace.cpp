@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <iterator>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -220,10 +219,9 @@ class Packets {
 Span StayOf(const JudgedScene& scene, size_t row, int32_t stage) {
     const StageTimes times = scene.TimesOf(row, stage);
     const Micros gone = GoneOf(scene, row);
-    const bool stands = times.end == NO_TIME && !scene.FateOf(row).isOut &&
-                        stage == scene.NextStage(row) && gone > times.start;
-    const Micros end = stands && times.start != NO_TIME ? gone : times.end;
-    return {times.start == NO_TIME ? end : times.start, end};
+    const bool stands = times.start != NO_TIME && times.end == NO_TIME && gone > times.start &&
+                        !scene.FateOf(row).isOut && stage == scene.NextStage(row);
+    return {times.start == NO_TIME ? times.end : times.start, stands ? gone : times.end};
 }
 
 // From the first to the last that is known of the frame.
@@ -234,21 +232,25 @@ Span LifeOf(const JudgedScene& scene, size_t row) {
 }
 
 constexpr Span ALWAYS = {std::numeric_limits<Micros>::min(), std::numeric_limits<Micros>::max()};
+constexpr Span NEVER = {ALWAYS.end, ALWAYS.begin};
+
+bool IsIn(Span span, Micros time) {
+    return span.begin <= time && time <= span.end;
+}
 
 // What is shown of a scene.
 struct View {
     const Account& account;
-    const Scheduling* scheduling;  // Null where no threads are shown.
     const size_t index;
     // Only these frames are shown, with all that is known of them; without it, all frames.
     const std::optional<std::pair<int64_t, int64_t>>& range;
     Packets& packets;
     const JudgedScene& scene = account.scenes[index];
     const uint64_t firstArrow = packets.NewArrows(scene.frames.size());
-    Span span = ALWAYS;  // In it things are shown that are no frame's.
+    Span span = range ? NEVER : ALWAYS;  // In it things are shown that are no frame's.
+    std::vector<DrawnThread> threads{};
 
     bool Has(size_t row) const { return Shown{true, range}.Has(scene, row); }
-    bool HasTime(Micros time) const { return time >= span.begin && time <= span.end; }
     // Whether all that is known of the frame is shown.
     bool IsTold(size_t row) const {
         return row < scene.frames.size() &&
@@ -261,8 +263,13 @@ struct View {
     }
 };
 
+// A value that is not known is null, and left out.
+Json If(bool isKnown, const auto& value) {
+    return isKnown ? Json(value) : Json();
+}
+
 Json Milliseconds(Micros time) {
-    return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000);
+    return If(time != NO_TIME, static_cast<double>(time) / 1000);
 }
 
 // Frames in a stage, -1 for all of their time, each with all that is known of it where there is
@@ -283,18 +290,16 @@ std::vector<Slice> FramesOf(const View& view, int32_t stage) {
         slice.arrow = isStage ? view.ArrowOf(row) : 0;
         if (view.IsTold(row)) {
             const std::string reason = DescriptionOf(fate);
+            const StageTimes times = isStage ? scene.TimesOf(row, stage) : StageTimes{};
+            const int32_t thread = isStage ? scene.PassOf(row, stage).thread : -1;
             slice.said = {{"status", NameOf(fate.status)},
                           {"late", int{fate.isLate}},
-                          {"reason", reason.empty() ? Json() : Json(reason)},
-                          {"line", ToString(view.account, frame.place)}};
-        }
-        if (view.IsTold(row) && isStage) {
-            const StageTimes times = scene.TimesOf(row, stage);
-            const int32_t thread = scene.PassOf(row, stage).thread;
-            slice.said.update(Json{{"stage", stage},
-                                   {"work", Milliseconds(times.work)},
-                                   {"wait", Milliseconds(times.wait)},
-                                   {"thread", thread < 0 ? Json() : Json(thread)}});
+                          {"reason", If(!reason.empty(), reason)},
+                          {"line", ToString(view.account, frame.place)},
+                          {"stage", If(isStage, stage)},
+                          {"work", Milliseconds(times.work)},
+                          {"wait", Milliseconds(times.wait)},
+                          {"thread", If(thread >= 0, thread)}};
         }
     }
     return slices;
@@ -322,14 +327,14 @@ std::vector<Slice> ExpectedOf(const View& view) {
 void WriteValues(const View& view, uint64_t group) {
     view.packets.BeginTrack(group, "in flight", "frames");
     for (const auto& [time, count] : InFlightOf(view.scene)) {
-        if (view.HasTime(time)) {
+        if (IsIn(view.span, time)) {
             view.packets.AddValue(time, static_cast<double>(count));
         }
     }
     view.packets.BeginTrack(group, "interval between outputs", "ms");
     for (const uint32_t row : view.scene.columns.outputs) {
         const Fate& fate = view.scene.FateOf(row);
-        if (fate.interval != NO_TIME && view.HasTime(fate.output)) {
+        if (fate.interval != NO_TIME && IsIn(view.span, fate.output)) {
             view.packets.AddValue(fate.output, static_cast<double>(fate.interval) / 1000);
         }
     }
@@ -347,7 +352,7 @@ std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>&
         }
         Micros woken = chain[0].begin + chain[0].piece;
         const auto isKept = [&](const Slice& slice) {
-            return slice.span.begin <= woken && woken <= slice.span.end &&
+            return IsIn(slice.span, woken) &&
                    std::ranges::count(finding.own, slice.name, fmt::to_string<int64_t>) > 0;
         };
         const auto kept = std::ranges::find_if(frames, isKept);
@@ -375,22 +380,20 @@ std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>&
 
 // What the threads of a stage did when they did not sleep.
 void WriteThreads(const View& view, int32_t stage, uint64_t parent) {
-    for (const DrawnThread& drawn : DrawnThreadsOf(view.account, view.scheduling, view.index)) {
-        if (drawn.stage != stage) {
+    for (const auto& [below, thread, awake] : view.threads) {
+        if (below != stage) {
             continue;
         }
         std::vector<Slice> slices;
-        const Span span = Cut(view.span, {view.scene.begin, view.scene.end});
-        for (const StateSpan& one : AwakeOf(*view.scheduling, drawn.thread, span)) {
+        for (const StateSpan& one : awake) {
             const bool isRunnable = one.state == ThreadState::Runnable;
             const bool hasCpu = isRunnable || one.state == ThreadState::Running;
             slices.push_back({one,
                               isRunnable ? "waiting for a CPU" : NameOf(one.state),
-                              {{"CPU", hasCpu ? Json(one.cpu) : Json()}}});
+                              {{"CPU", If(hasCpu, one.cpu)}}});
         }
-        const SchedThread& known = view.scheduling->trace.threads[drawn.thread];
         view.packets.AddSlices(parent,
-                               fmt::format("thread {} ({})", known.tid, Printable(known.name)),
+                               fmt::format("thread {} ({})", thread.tid, Printable(thread.name)),
                                std::move(slices));
     }
 }
@@ -413,36 +416,34 @@ void WriteFindings(Packets& packets, uint64_t group, const Account& account,
     for (const SceneFinding& finding : findings) {
         const bool isTimed = finding.time != NO_TIME;
         const Micros time = isTimed ? finding.time : otherwise;
-        if (time < shown.begin || time > shown.end) {
+        if (!IsIn(shown, time)) {
             continue;
         }
         slices.push_back({isTimed && finding.span.Length() > 0 ? finding.span : Span{time, time},
                           finding.message,
                           {{"severity", NameOf(finding.severity)},
                            {"check", NameOf(finding.kind)},
-                           {"stage", finding.stage >= 0 ? Json(finding.stage) : Json()},
-                           {"frame", finding.frame ? Json(*finding.frame) : Json()},
+                           {"stage", If(finding.stage >= 0, finding.stage)},
+                           {"frame", If(finding.frame.has_value(), finding.frame.value_or(0))},
                            {"harmed", finding.harmed.size()},
                            {"line", ToString(account, finding.place)}}});
     }
     packets.AddSlices(group, "findings", std::move(slices));
 }
 
-void WriteScene(View view) {
+void WriteScene(View view, const Scheduling* scheduling) {
     const JudgedScene& scene = view.scene;
     std::vector<Slice> actual = FramesOf(view, -1);
-    if (view.range) {
-        if (actual.empty()) {
-            return;
-        }
-        view.span = {ALWAYS.end, ALWAYS.begin};
-        for (const Slice& slice : actual) {
-            // One that stands may do so for long.
-            const Micros end = slice.isStanding ? slice.span.begin : slice.span.end;
-            view.span.begin = std::min(view.span.begin, slice.span.begin);
-            view.span.end = std::max(view.span.end, end);
-        }
+    for (const Slice& slice : actual) {
+        // One that stands may do so for long.
+        const Micros end = slice.isStanding ? slice.span.begin : slice.span.end;
+        view.span = {std::min(view.span.begin, slice.span.begin), std::max(view.span.end, end)};
     }
+    if (view.span.end < view.span.begin) {
+        return;
+    }
+    view.threads = DrawnThreadsOf(view.account, scheduling, view.index,
+                                  Cut(view.span, {scene.begin, scene.end}));
     // What the clock of the log showed then; empty where that is not known.
     const std::string clock =
         view.account.from.empty() ? "" : ClockText(view.account.clock + scene.begin);
@@ -465,7 +466,7 @@ void WriteTrace(std::ostream& out, const Account& account,
                 const Scheduling* scheduling, const std::vector<Knot>& clocks) {
     Packets packets(out, clocks);
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        WriteScene({account, clocks.empty() ? scheduling : nullptr, i, frames, packets});
+        WriteScene({account, i, frames, packets}, clocks.empty() ? scheduling : nullptr);
     }
     if (!account.findings.empty()) {
         const uint64_t group = packets.BeginTrack(0, "the capture as a whole");
