@@ -22,7 +22,7 @@ inline void RequireSums(const tools::SchedTrace& trace) {
             "what a thread did does not add up");
     }
     tools::Micros ran = trace.from;
-    for (const tools::StateSpan& one : Within(states.cpus[0], all)) {
+    for (const tools::StateSpan& one : states.RunsOn(0, all)) {
         Require(one.begin >= ran && one.end > one.begin, "two threads ran on a CPU at once");
         ran = one.end;
     }

@@ -413,7 +413,7 @@ struct CauseExplainer {
     std::vector<CauseLink::Ran> RanOf(uint32_t cpu, const std::vector<Span>& spans) const {
         std::map<std::string, CauseLink::Ran> byName;
         for (const Span span : spans) {
-            for (const StateSpan& one : Within(states.cpus[cpu], span)) {
+            for (const StateSpan& one : states.RunsOn(cpu, span)) {
                 const SchedThread& known = trace.threads[one.thread];
                 const Micros before = byName[known.name].length;
                 byName[known.name] = {known.tid, known.name, before + Cut(one, span).Length(),

@@ -175,13 +175,14 @@ class Tracker {
     }
 
     void Keep(const StateSpan& span) {
-        if (span.Length() == 0) {
+        if (span.Length() == 0 || trace.threads[span.thread].tid == 0) {
             return;
         }
-        states.threads[span.thread].push_back(span);
-        if (span.state == ThreadState::Running && trace.threads[span.thread].tid != 0) {
-            states.cpus[span.cpu].push_back(span);
+        StateSpans& spans = states.threads[span.thread];
+        if (span.state == ThreadState::Running) {
+            states.cpus[span.cpu].push_back({span.thread, static_cast<uint32_t>(spans.size())});
         }
+        spans.push_back(span);
     }
 
     const SchedTrace& trace;
@@ -200,6 +201,19 @@ States StatesOf(const SchedTrace& trace) {
 std::span<const StateSpan> Within(const StateSpans& spans, Span span) {
     const auto first = std::ranges::upper_bound(spans, span.begin, {}, &StateSpan::end);
     return {first, std::ranges::lower_bound(first, spans.end(), span.end, {}, &StateSpan::begin)};
+}
+
+StateSpans States::RunsOn(uint32_t cpu, Span span) const {
+    const auto spanOf = [this](Run run) -> const StateSpan& {
+        return threads[run.thread][run.span];
+    };
+    StateSpans runs;
+    auto run = std::ranges::upper_bound(cpus[cpu], span.begin, {},
+                                        [&](Run one) { return spanOf(one).end; });
+    for (; run != cpus[cpu].end() && spanOf(*run).begin < span.end; ++run) {
+        runs.push_back(spanOf(*run));
+    }
+    return runs;
 }
 
 Shares States::SharesOf(uint32_t thread, Span span) const {

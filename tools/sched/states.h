@@ -27,13 +27,18 @@ struct StateSpan : Span {
 using StateSpans = std::vector<StateSpan>;
 
 struct States {
-    // Of each thread, one after another from the trace's begin to its end.
+    // Of each thread, one after another from the trace's begin to its end; none of idle tasks.
     std::vector<StateSpans> threads;
-    // On each CPU, when threads ran; idle ones are left out.
-    std::vector<StateSpans> cpus = std::vector<StateSpans>(MOST_CPUS);
+    // On each CPU, when threads ran, as positions in `threads`.
+    struct Run {
+        uint32_t thread, span;
+    };
+    std::vector<std::vector<Run>> cpus = std::vector<std::vector<Run>>(MOST_CPUS);
 
     // How long the thread was in each state.
     Shares SharesOf(uint32_t thread, Span span) const;
+    // When threads ran on the CPU, as far as it overlaps `span`.
+    StateSpans RunsOn(uint32_t cpu, Span span) const;
 };
 
 States StatesOf(const SchedTrace& trace);
