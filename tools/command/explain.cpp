@@ -87,7 +87,7 @@ class Copier : public TextSink {
 struct Explained {
     Account account;
     std::unique_ptr<Scheduling> scheduling{};  // Null where there is no scheduler trace.
-    // Where the capture is a recording: how its clock and the account's times go together. Empty
+    // Where the capture is one recording: how its clock and the account's times go together. Empty
     // for other captures, and where nothing ties them.
     std::vector<Knot> clocks{};
 };
@@ -102,9 +102,7 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
     sinks.insert(sinks.end(), {&scenes, &counted});
     CaptureReader reader(sinks);
     SchedRecording recorded;
-    bool isRecording = false;
     reader.SetPacketSink([&](std::string_view packet) {
-        isRecording = true;
         recorded.TakePacket(packet);
         counted.isOn = counted.isOn || !recorded.IsEmpty();
     });
@@ -124,12 +122,12 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
     RequireLibraryLines(reader.Summary(), names);
     Explained explained{
         Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options)};
-    isRecording = isRecording && captures.size() == 1;
-    if (isRecording) {
+    const bool isAlone = captures.size() == 1;
+    if (isAlone) {
         SchedTrace none;
         explained.clocks = KnotsOf(counted, none);
     }
-    const bool isRecorded = isRecording && trace.empty() && !recorded.IsEmpty();
+    const bool isRecorded = isAlone && trace.empty() && !recorded.IsEmpty();
     if (!trace.empty() || isRecorded) {
         const std::string name = isRecorded ? names.front() : NameOfInput(trace);
         FtraceReader traceReader;

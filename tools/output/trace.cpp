@@ -23,7 +23,7 @@ using protozero::pbf_writer;
 // What stands on a track for some time; without a length, what happened in a moment.
 struct Slice {
     Span span;
-    std::string name;
+    uint64_t name;                // As interned.
     Json said{};                  // Annotations; those that are null are left out.
     uint64_t arrow = 0;           // Goes to the next slice in time that has it, too; 0 for none.
     std::vector<Slice> within{};  // Moments.
@@ -43,12 +43,27 @@ constexpr uint64_t FIRST_ID = uint64_t{SEQUENCE} << 32;
 // The one place that knows the form: the numbers in it are those of the form's fields.
 class Packets {
   public:
-    // `clocks`: as for WriteTrace.
+    // `knots`: as WriteTrace's `clocks`.
     Packets(std::ostream& stream, const std::vector<Knot>& knots)
         : out(stream), clocks(knots), origin(std::max<int64_t>(NanosecondsOf(0), 0)) {}
 
     // The first of so many that follow one another.
     uint64_t NewArrows(size_t count = 1) { return std::exchange(lastId, lastId + count) + 1; }
+
+    // The number of a name, which is written when it is first used.
+    uint64_t Intern(const std::string& name) {
+        uint64_t& number = interned[name];
+        if (number == 0) {
+            number = interned.size();
+            Add([&](pbf_writer& packet) {
+                pbf_writer data(packet, 12);
+                pbf_writer one(data, 2);
+                one.add_uint64(1, number);
+                one.add_string(2, Utf8(name));
+            });
+        }
+        return number;
+    }
 
     // A track, or a group of them. All events from here on are its own, and their times are steps
     // from the one before, at first from the origin: so neither stands in each of them. `parent`: 0
@@ -148,21 +163,6 @@ class Packets {
         }
     }
 
-    // The number of a name, which is written when it is first used.
-    uint64_t Intern(const std::string& name) {
-        uint64_t& number = interned[name];
-        if (number == 0) {
-            number = interned.size();
-            Add([&](pbf_writer& packet) {
-                pbf_writer data(packet, 12);
-                pbf_writer one(data, 2);
-                one.add_uint64(1, number);
-                one.add_string(2, Utf8(name));
-            });
-        }
-        return number;
-    }
-
     void AddEvent(Micros time, uint32_t type, const auto& fill) {
         const int64_t now = std::max(NanosecondsOf(time), last);
         Add([&](pbf_writer& packet) {
@@ -174,10 +174,9 @@ class Packets {
     }
 
     void AddSlice(const Slice& slice) {
-        const uint64_t name = Intern(slice.name);
         const bool lasts = slice.span.Length() > 0;
         AddEvent(slice.span.begin, lasts ? 1 : 3, [&](pbf_writer& event) {
-            event.add_uint64(10, name);
+            event.add_uint64(10, slice.name);
             for (const auto& [key, value] : slice.said.items()) {
                 if (value.is_null()) {
                     continue;
@@ -249,6 +248,7 @@ struct View {
     const uint64_t firstArrow = packets.NewArrows(scene.frames.size());
     Span span = range ? NEVER : ALWAYS;  // In it things are shown that are no frame's.
     std::vector<DrawnThread> threads{};
+    std::vector<uint64_t> names{};  // Of the scene's frames.
 
     bool Has(size_t row) const { return Shown{true, range}.Has(scene, row); }
     // Whether all that is known of the frame is shown.
@@ -285,7 +285,7 @@ std::vector<Slice> FramesOf(const View& view, int32_t stage) {
         }
         const Frame& frame = scene.frames[row];
         const Fate& fate = scene.FateOf(row);
-        Slice& slice = slices.emplace_back(Slice{span, fmt::to_string(frame.number)});
+        Slice& slice = slices.emplace_back(Slice{span, view.names[row]});
         slice.isStanding = !fate.isOut && span.end >= GoneOf(scene, row);
         slice.arrow = isStage ? view.ArrowOf(row) : 0;
         if (view.IsTold(row)) {
@@ -317,7 +317,7 @@ std::vector<Slice> ExpectedOf(const View& view) {
         const int64_t steps = before ? StepOf(scene.frames[*before].number, frame.number) : 0;
         if (view.Has(row) && steps > 0 && steps < farApart) {
             const Micros due = scene.FateOf(*before).output + scene.Period() * steps;
-            slices.push_back({{frame.seen, due}, fmt::to_string(frame.number)});
+            slices.push_back({{frame.seen, due}, view.names[row]});
         }
         before = scene.FateOf(row).isOut ? row : before;
     }
@@ -351,9 +351,12 @@ std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>&
             continue;
         }
         Micros woken = chain[0].begin + chain[0].piece;
+        const auto nameOf = [&](int64_t number) {
+            return view.packets.Intern(fmt::to_string(number));
+        };
         const auto isKept = [&](const Slice& slice) {
             return IsIn(slice.span, woken) &&
-                   std::ranges::count(finding.own, slice.name, fmt::to_string<int64_t>) > 0;
+                   std::ranges::count(finding.own, slice.name, nameOf) > 0;
         };
         const auto kept = std::ranges::find_if(frames, isKept);
         if (kept == frames.end()) {
@@ -364,10 +367,11 @@ std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>&
             const std::string name = fmt::format("{} ({})", link.thread, Printable(link.name));
             const uint64_t arrow = view.packets.NewArrows();
             (i == 1 ? *kept : wakers.back())
-                .within.push_back({{woken, woken}, "woken by " + name, {}, arrow});
+                .within.push_back(
+                    {{woken, woken}, view.packets.Intern("woken by " + name), {}, arrow});
             woken = link.begin + link.piece;
             wakers.push_back({{link.begin, woken},
-                              name,
+                              view.packets.Intern(name),
                               {{"state", NameOf(link.state)},
                                {"wakes", chain[i - 1].thread},
                                {"frame", finding.frame.value_or(0)}},
@@ -388,9 +392,10 @@ void WriteThreads(const View& view, int32_t stage, uint64_t parent) {
         for (const StateSpan& one : awake) {
             const bool isRunnable = one.state == ThreadState::Runnable;
             const bool hasCpu = isRunnable || one.state == ThreadState::Running;
-            slices.push_back({one,
-                              isRunnable ? "waiting for a CPU" : NameOf(one.state),
-                              {{"CPU", If(hasCpu, one.cpu)}}});
+            slices.push_back(
+                {one,
+                 view.packets.Intern(isRunnable ? "waiting for a CPU" : NameOf(one.state)),
+                 {{"CPU", If(hasCpu, one.cpu)}}});
         }
         view.packets.AddSlices(parent,
                                fmt::format("thread {} ({})", thread.tid, Printable(thread.name)),
@@ -420,7 +425,7 @@ void WriteFindings(Packets& packets, uint64_t group, const Account& account,
             continue;
         }
         slices.push_back({isTimed && finding.span.Length() > 0 ? finding.span : Span{time, time},
-                          finding.message,
+                          packets.Intern(finding.message),
                           {{"severity", NameOf(finding.severity)},
                            {"check", NameOf(finding.kind)},
                            {"stage", If(finding.stage >= 0, finding.stage)},
@@ -433,6 +438,9 @@ void WriteFindings(Packets& packets, uint64_t group, const Account& account,
 
 void WriteScene(View view, const Scheduling* scheduling) {
     const JudgedScene& scene = view.scene;
+    for (const Frame& frame : scene.frames) {
+        view.names.push_back(view.packets.Intern(fmt::to_string(frame.number)));
+    }
     std::vector<Slice> actual = FramesOf(view, -1);
     for (const Slice& slice : actual) {
         // One that stands may do so for long.
