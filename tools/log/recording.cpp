@@ -74,12 +74,7 @@ std::string Inflated(std::string_view packed) {
 
 // ---- Packets ----
 
-std::string_view PacketReader::Text() {
-    text = std::exchange(pending, {});
-    return text;
-}
-
-std::string_view PacketReader::Read(std::string_view bytes) {
+std::string_view PacketReader::Take(std::string_view bytes, bool isEnd) {
     if (form == Form::Other) {
         return bytes;
     }
@@ -87,37 +82,28 @@ std::string_view PacketReader::Read(std::string_view bytes) {
         return {};
     }
     pending += bytes;
-    if (form == Form::Unknown) {
-        if (pending.size() < HEAD) {
-            return {};
-        }
+    if (form == Form::Unknown && (isEnd || pending.size() >= HEAD)) {
         form = IsRecording(pending) ? Form::Recording : Form::Other;
         damage.clear();
     }
     if (form == Form::Other) {
-        return Text();
+        text = std::exchange(pending, {});
+        return text;
     }
-    Split();
+    if (form == Form::Recording) {
+        Split();
+    }
     return {};
 }
 
 std::string_view PacketReader::End() {
-    if (form == Form::Unknown) {
-        damage.clear();
-        form = IsRecording(pending) ? Form::Recording : Form::Other;
-        if (form == Form::Recording) {
-            Split();
-        }
-    }
-    const Form last = std::exchange(form, Form::Unknown);
-    if (last == Form::Other) {
-        return Text();
-    }
-    if (last == Form::Recording && !pending.empty()) {
+    const std::string_view rest = Take({}, true);
+    if (form == Form::Recording && !pending.empty()) {
         damage = "it is cut in the middle of a packet";
     }
+    form = Form::Unknown;
     pending.clear();
-    return {};
+    return rest;
 }
 
 // A file is field 1, repeated.

@@ -39,7 +39,7 @@ class PacketReader {
 
     // Takes the next bytes. Returns those that are of no recording, which are good until the next
     // call.
-    std::string_view Read(std::string_view bytes);
+    std::string_view Read(std::string_view bytes) { return Take(bytes, false); }
     // The same at the end of a file. Another file may follow.
     std::string_view End();
     // Why the last file could not be read whole; empty if it could.
@@ -48,7 +48,7 @@ class PacketReader {
   private:
     enum class Form { Unknown, Recording, Other, Broken };
 
-    std::string_view Text();
+    std::string_view Take(std::string_view bytes, bool isEnd);
     void Split();
     void TakePacket(std::string_view packet);
 

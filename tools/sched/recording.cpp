@@ -123,8 +123,6 @@ void SchedRecording::TakeBundle(std::string_view bytes) {
         damage = std::current_exception();
     }
     if (bundle.first != NO_TIME) {
-        const auto [begin, isNew] = begins.try_emplace(bundle.cpu, bundle.first);
-        begin->second = std::min(begin->second, bundle.first);
         maker.OnTime(bundle.cpu, bundle.first);
         maker.OnTime(bundle.cpu, bundle.last);
     }
@@ -222,12 +220,6 @@ void SchedRecording::TakeCompact(std::string_view bytes, Bundle& bundle) {
 }
 
 SchedTrace SchedRecording::Finish() {
-    // Before a CPU's first event nobody knows who had it.
-    for (const auto& [cpu, begin] : begins) {
-        if (begin > maker.trace.from) {
-            maker.trace.holes.push_back({{maker.trace.from, begin}, static_cast<uint16_t>(cpu)});
-        }
-    }
     for (SchedThread& thread : maker.trace.threads) {
         const auto name = names.find(thread.tid);
         if (thread.name == NO_NAME && name != names.end()) {

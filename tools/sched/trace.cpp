@@ -63,7 +63,7 @@ void SchedTraceMaker::OnTime(uint32_t cpu, Micros time) {
         const Micros since = known.last == NO_TIME ? trace.from : known.last;
         trace.holes.push_back({{since, time}, static_cast<uint16_t>(cpu)});
     }
-    known = {time, false};
+    known = {known.first == NO_TIME ? time : std::min(known.first, time), time, false};
 }
 
 void SchedTraceMaker::OnLost(uint32_t cpu, int64_t count) {
@@ -137,6 +137,12 @@ SchedTrace SchedTraceMaker::Finish() {
     });
     trace.events.shrink_to_fit();  // There are millions, and what follows takes memory, too.
     std::ranges::stable_sort(trace.events, {}, &SchedEvent::time);
+    // Bundles of a recording begin at a time of each CPU: before that nobody knows who had it.
+    for (uint16_t cpu = 0; !isInOrder && cpu < MOST_CPUS; ++cpu) {
+        if (cpus[cpu].first > trace.from) {
+            trace.holes.push_back({{trace.from, cpus[cpu].first}, cpu});
+        }
+    }
     FindWhoHadCpus();
     return std::move(trace);
 }

@@ -134,7 +134,7 @@ class SchedTraceMaker {
     void FindWhoHadCpus();
 
     struct Cpu {
-        Micros last = NO_TIME;
+        Micros first = NO_TIME, last = NO_TIME;
         bool hasLost = false;
     };
     std::unordered_map<int64_t, uint32_t> threads;  // By id; the idle tasks by -1 - CPU.
@@ -163,7 +163,6 @@ class SchedRecording {
     bool isOldKernel = false;
     uint64_t rawAhead = 0;  // Of the raw monotonic clock, the boot's.
     std::map<int32_t, std::string> names;
-    std::map<uint32_t, Micros> begins;  // Of each CPU's events.
 };
 
 // Reads the text of the kernel's tracer, ftrace, as a kernel, atrace, systrace (in HTML) and
