@@ -160,7 +160,7 @@ void BringToDesk(const ExplainArguments& arguments, const Account& account, Sess
     const std::optional<MadeSession> session = maker.Finish();
     const std::string failure = account.inputs.front() + ": error: ";
     if (!session) {
-        throw CommandError(failure + "none of the lines comes of a call");
+        throw CommandError(failure + "no line of it comes from a call of the HAL");
     }
     WriteFile(arguments.session, [&session](std::ostream& file) { file << session->text; });
     if (arguments.configuration.empty()) {
@@ -219,7 +219,8 @@ int RunExplain(const ExplainArguments& arguments) {
     WriteFile(arguments.tracks, [&](std::ostream& file) {
         if (!explained.clocks.empty()) {
             if (arguments.captures.front() == "-") {
-                throw CommandError("-: error: to be written into it is read twice: give a file");
+                throw CommandError(
+                    "standard input: error: for --to-trace a recording is read twice: give a file");
             }
             Copier copier(file);
             ReadInput(copier, arguments.captures.front());

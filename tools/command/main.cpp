@@ -1,5 +1,5 @@
 // cameraframeboost: for those who integrate the library, and look after it in the field. This is
-// the command line: the subcommands' options and help, and what is wrong with words that fit none.
+// the command line: the subcommands' options and help, and messages about words that are neither.
 // The only file that includes the parser, which takes long to compile.
 
 #include <fcntl.h>
@@ -68,18 +68,19 @@ CLI::Validator Within(Number lowest, Number highest) {
 
 void AddExplain(CLI::App& app, ExplainArguments& arguments) {
     CLI::App& command = *app.add_subcommand(
-        "explain", "Says what went wrong with the frames of a device's log, and why");
+        "explain", "Says what went wrong with the frames in a recording or a log, and why");
     command.footer(
-        "A capture is what logcat -v threadtime writes, or a bug report, zipped or not; several "
-        "are read one after the other. The library logs while the property "
-        "vendor.tarvo.camera.frameboost.debug.enable is true, which it reads when it is loaded.\n"
-        "\nAn interrupt is the end of standard input, of which all is explained that came. While "
-        "a file is read it ends the run.\n"
+        "A capture is a recording of Perfetto, a log as logcat -v threadtime writes it, or a bug "
+        "report; each may be zipped. Several are read one after the other. The library logs while "
+        "the property vendor.tarvo.camera.frameboost.debug.enable is true, which it reads when it "
+        "is loaded.\n"
+        "\nAn interrupt is the end of standard input: what was read until then is explained. "
+        "While a file is read, an interrupt ends the run.\n"
         "\nExit status: 0 nothing found, 1 something found (warnings too), 2 cannot be read; with "
         "--compare, of the capture that it names.\n"
         "\nExamples:\n\n"
+        "  cameraframeboost explain camera.pftrace --to-html camera.html\n"
         "  adb logcat -d | cameraframeboost explain -\n"
-        "  cameraframeboost explain capture.log --to-html capture.html\n"
         "  cameraframeboost explain capture.log --sched trace.txt.gz\n"
         "  cameraframeboost explain before.log --compare after.log\n"
         "  adb logcat | cameraframeboost explain --follow -\n");
@@ -97,21 +98,23 @@ void AddExplain(CLI::App& app, ExplainArguments& arguments) {
                                      "Show what changed from the captures given to this one")
                                      ->excludes(json);
     Add(command, "--sched TRACE", arguments.trace,
-        "A scheduler trace of the same time: say what threads waited for");
+        "A scheduler trace of the same time, which a recording has already: say for what threads "
+        "waited");
     Add(command, "--compare-sched TRACE", arguments.otherTrace,
-        "That of the capture that --compare names")
+        "The scheduler trace of the capture that --compare names")
         ->needs(compare);
     Add(command, "--frames A-B", arguments.frames,
         "Show these frames in the trace, and in the table, whatever became of them; one, or a "
         "range");
     command.option_defaults()->group(OUTPUTS);
-    Add(command, "--to-csv FILE", arguments.csv, "Write a row a frame here");
+    Add(command, "--to-csv FILE", arguments.csv, "Write a table here, a row for each frame");
     // A page and a trace show one capture, and a comparison has two.
     Add(command, "--to-html FILE", arguments.page,
         "Write a page for a browser: findings, figures and frames, in one file")
         ->excludes(compare);
     Add(command, "--to-trace FILE", arguments.tracks,
-        "Write a trace for ui.perfetto.dev: tracks of frames, stages and findings")
+        "Write a trace for ui.perfetto.dev: tracks of frames, stages and findings; of a recording, "
+        "all of it with these tracks added")
         ->excludes(compare);
     Add(command, "--to-session FILE", arguments.session,
         "Write the HAL's calls here, as a session for replay");
@@ -122,7 +125,7 @@ void AddExplain(CLI::App& app, ExplainArguments& arguments) {
         [late](const CLI::Option* option) { return option->nonpositional() && option != late; });
     CLI::Option* const follow =
         command.add_flag("--follow", arguments.isFollowing,
-                         "Read on as the log comes, show findings as they are found; goes with "
+                         "Read on as the log comes, and show findings as they are found; goes with "
                          "--late alone");
     for (CLI::Option* const option : others) {
         follow->excludes(option);
@@ -142,7 +145,8 @@ void AddReplay(CLI::App& app, ReplayArguments& arguments) {
         "replay", "Plays a camera session and shows the calls that the boost service would get");
     command.footer(
         "\nUnder each HAL call stand the calls that the boost service got; !! marks a frame that "
-        "was reported as bad, and a dash what was refused, and why. A summary ends it.\n\n" +
+        "was reported as bad, and a dash an event that was refused, with the reason. A "
+        "summary ends the transcript.\n\n" +
         DescribeFormat() +
         "\nFor example, two seconds of video in which the sensor drops two frames:\n\n"
         "  TcfbtSetSceneInfo true 3840 60\n"
@@ -151,7 +155,8 @@ void AddReplay(CLI::App& app, ReplayArguments& arguments) {
         "  # Frames 61 and 62 never come.\n"
         "  PlayRecording 58 63\n"
         "  TcfbtNotifySceneEnd\n"
-        "\nExit status: 0 played, 2 the session or the configuration cannot be, 130 interrupted.");
+        "\nExit status: 0 played, 2 the session or the configuration cannot be read, 130 "
+        "interrupted.");
     Add(command, "SESSION (required)", arguments.session, "The session file")->required();
     Add(command, "--config FILE", arguments.configuration,
         "A TOML file for the configuration store instead of the built-in sample");
@@ -206,7 +211,7 @@ void AddSimulate(CLI::App& app, SimulateArguments& arguments) {
     Add(command, "--fps N", arguments.fps, "Frames per second; the built-in camera's: 60")
         ->check(Within<int64_t>(1, 1000));
     Add(command, "--seed N", arguments.seed,
-        "Chooses the nodes' times; the same seed gives the same log; else 1")
+        "Chooses the nodes' times; the same seed gives the same log; left out: 1")
         ->check(Within<int64_t>(0, std::numeric_limits<int64_t>::max()));
     Add(command, "--fault KIND:FRAME[:MORE]", arguments.faults,
         "What goes wrong, see below; may be repeated")
@@ -223,10 +228,10 @@ void AddSimulate(CLI::App& app, SimulateArguments& arguments) {
         "Where the log goes; left out: standard output")
         ->capture_default_str();
     Add(command, "--session FILE", arguments.session,
-        "Writes the calls here, as a session that replay plays with the same --config");
+        "Write the calls here, as a session that replay plays with the same --config");
     Add(command, "--truth FILE", arguments.truth,
-        "Writes here, as JSON, what was injected and what came of it: when each frame came out, "
-        "what was late, what was boosted");
+        "Write here, as JSON, which faults the camera had and what came of them: when each frame "
+        "came out, which were late, which were boosted");
 }
 
 // What is wrong with the words that were typed for `command`.

@@ -24,7 +24,7 @@ void ForEachField(std::string_view message, Take take) {
     }
 }
 
-// The fields of a message that are there once at most and have numbers up to MOST.
+// The fields of a message that occur at most once and have numbers up to MOST.
 template <size_t MOST>
 class Fields {
   public:
@@ -43,7 +43,7 @@ class Fields {
         }
     }
 
-    // 0 and empty where there is none.
+    // 0, or empty, where the message has no such field.
     template <typename Value = uint64_t>
     Value Number(size_t field) const {
         return static_cast<Value>(numbers[field]);

@@ -13,9 +13,9 @@
 namespace tools {
 namespace {
 
-// Enough to tell a packet from text, which may begin with the same byte.
+// Enough to distinguish a packet from text, which may begin with the same byte.
 constexpr size_t HEAD = 64;
-// Recorders write packets of some 100 KB; more than this is none.
+// Recorders write packets of some 100 KB; a larger length than this is of no packet.
 constexpr uint64_t LONGEST_PACKET = 256 << 20;
 
 // Lines of several threads do not stand quite in order, and clocks are adjusted by a little.
@@ -29,7 +29,7 @@ constexpr std::string_view PRIORITIES = "??VDIWEFS";
 
 // Whether the bytes, the first of a file, begin with a packet.
 bool IsRecording(std::string_view head) {
-    head = head.substr(0, HEAD);  // However much was read at once.
+    head = head.substr(0, HEAD);  // The same answer however much was read at once.
     if (!head.starts_with('\x0A')) {
         return false;
     }
@@ -44,13 +44,13 @@ bool IsRecording(std::string_view head) {
         }
         return length > 0 && length <= LONGEST_PACKET;
     } catch (const protozero::end_of_buffer_exception&) {
-        return head.size() >= HEAD;  // It goes on.
+        return head.size() >= HEAD;  // The packet goes on behind the head.
     } catch (const protozero::exception&) {
         return false;
     }
 }
 
-// What zlib made of a text; as far as it goes where that is damaged.
+// Unpacks what zlib packed; where that is damaged, as far as it goes.
 std::string Inflated(std::string_view packed) {
     std::string text;
     std::string piece(1 << 18, '\0');
@@ -106,7 +106,7 @@ std::string_view PacketReader::End() {
     return rest;
 }
 
-// A file is field 1, repeated.
+// Each packet of a file is a field 1.
 void PacketReader::Split() {
     const char* at = pending.data();
     const char* const end = at + pending.size();
@@ -140,8 +140,8 @@ void PacketReader::TakePacket(std::string_view packet) {
         ForEachField(packet, [this](uint32_t field, std::string_view content) {
             if (field == ZSTD) {
                 throw RecordingError(
-                    "its packets are compressed with zstd, which is not read: record without, "
-                    "or\nopen it in ui.perfetto.dev and download it from there");
+                    "its packets are compressed with zstd, which is not read: record without "
+                    "that\n(compression_type in Perfetto's configuration)");
             }
             if (field == DEFLATED) {
                 ForEachField(Inflated(content),
@@ -177,7 +177,8 @@ void RecordingLog::TakePacket(std::string_view packet) {
                                  static_cast<Micros>(clocks[BOOTTIME]) / 1000});
         }
     }
-    // The first packet of a sequence is marked, too, as nobody knows what was before.
+    // The mark that packets are lost before this one means nothing at the first of a sequence: all
+    // of these have it.
     const bool isFirst = sequences.insert(fields.Number(10)).second;
     const std::string_view log = fields.Text(39);
     if (log.empty()) {
@@ -208,8 +209,9 @@ void RecordingLog::TakeLine(const Fields<8>& line, Micros written) {
     texts += text;
 }
 
-// A line was logged soon before its packet was written, between two snapshots that show the clock
-// apart by the same. Where they do not, the clock was set between them, nobody knows when.
+// The line's time by the recorder's clock. A line was logged soon before its packet was written,
+// between two snapshots. Where the clocks are further apart in the one than in the other, the log's
+// clock was set between them, and the recording does not show when.
 Micros RecordingLog::BoottimeOf(const Event& event) {
     for (size_t i = snapshots.size(); i-- > firstSnapshot;) {
         const Snapshot& one = snapshots[i];
@@ -221,7 +223,7 @@ Micros RecordingLog::BoottimeOf(const Event& event) {
         if (isBetween && time <= event.written + MILLISECOND &&
             time > event.written - LONGEST_DELAY) {
             if (time + SLACK < latest) {
-                // It was set and set again: whatever else is behind the snapshot may be wrong.
+                // The clock was set, and set again: other times from this snapshot may be wrong.
                 firstSnapshot = i + 1;
                 return NO_TIME;
             }
@@ -235,7 +237,7 @@ Micros RecordingLog::BoottimeOf(const Event& event) {
 int64_t RecordingLog::Deliver(RecordSink& sink, uint32_t input) {
     std::ranges::stable_sort(events, {}, &Event::written);
     std::ranges::sort(snapshots, {}, &Snapshot::boot);
-    std::set<int32_t> processes;  // The library's.
+    std::set<int32_t> processes;  // Those that have the library.
     Place place{input, 0};
     Micros time = 0;
     for (const Event& event : events) {

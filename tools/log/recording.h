@@ -37,8 +37,8 @@ class PacketReader {
   public:
     explicit PacketReader(PacketSink packetSink) : sink(std::move(packetSink)) {}
 
-    // Takes the next bytes. Returns those that are of no recording, which are good until the next
-    // call.
+    // Takes the next bytes. Returns bytes of a file that is no recording; they are good until the
+    // next call.
     std::string_view Read(std::string_view bytes) { return Take(bytes, false); }
     // The same at the end of a file. Another file may follow.
     std::string_view End();
@@ -54,8 +54,8 @@ class PacketReader {
 
     PacketSink sink;
     Form form = Form::Unknown;
-    std::string pending;  // What is not whole yet.
-    std::string text;
+    std::string pending;  // Bytes that are no whole packet yet.
+    std::string text;     // Returned by the last call.
     std::string damage;
 };
 
@@ -65,23 +65,23 @@ enum RecorderClock : uint64_t { REALTIME = 1, MONOTONIC_RAW = 5, BOOTTIME = 6 };
 // What clocks showed at one moment, in nanoseconds.
 std::map<uint64_t, uint64_t> ClocksOf(std::string_view snapshot);
 
-// The log in a recording. Its lines have times of a clock that may be set at any moment; snapshots
-// of it and of the recorder's own clock show which times of that these are.
+// The log in a recording. Its lines have times of a clock that may be set at any moment. Snapshots
+// have the times of that clock and of the recorder's own, so that one can be had from the other.
 class RecordingLog {
   public:
     void TakePacket(std::string_view packet);
-    // Gives what was taken to the sink, in the order in which it was logged, and forgets it. Lines
-    // are numbered as events. Returns how many there were.
+    // Gives the lines that were taken to the sink, in the order in which they were logged, and
+    // forgets them. Lines are numbered from 1. Returns how many there were.
     int64_t Deliver(RecordSink& sink, uint32_t input);
 
   private:
     struct Event {
-        Micros written;     // When its packet was, by the recorder's clock.
-        uint64_t lost = 0;  // So many lines; else it is a line.
+        Micros written;     // When its packet was written, by the recorder's clock.
+        uint64_t lost = 0;  // How many lines are lost here; 0 for an event that is a line.
         Micros time = 0;
         int32_t process = -1, thread = -1;
         char priority = '?';
-        uint8_t tag = 0;              // One of those that matter, or none of them.
+        uint8_t tag = 0;              // Which of the tags that matter, or OTHER_TAG.
         size_t text = 0, length = 0;  // Of the message, in `texts`.
     };
 
@@ -95,12 +95,12 @@ class RecordingLog {
 
     std::vector<Event> events;
     std::vector<Snapshot> snapshots;
-    // While lines are delivered: the snapshots before this one are of no use any more, and the last
-    // line's time.
+    // While lines are delivered: the first snapshot that can still be used, and the last line's
+    // time.
     size_t firstSnapshot = 0;
     Micros latest = 0;
     std::string texts;
-    std::set<uint64_t> sequences;  // Of packets that were seen.
+    std::set<uint64_t> sequences;  // Those of which a packet was seen.
     uint64_t failed = 0;           // Lines that the recorder could not read.
 };
 

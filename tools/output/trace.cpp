@@ -20,13 +20,13 @@ namespace {
 using Json = nlohmann::ordered_json;
 using protozero::pbf_writer;
 
-// What stands on a track for some time; without a length, what happened in a moment.
+// Something that lasts, on a track; without a length it is a moment.
 struct Slice {
     Span span;
-    uint64_t name;                // As interned.
-    Json said{};                  // Annotations; those that are null are left out.
-    uint64_t arrow = 0;           // Goes to the next slice in time that has it, too; 0 for none.
-    std::vector<Slice> within{};  // Moments.
+    uint64_t name;                // Its number, from Intern.
+    Json annotations{};           // Those that are null are left out.
+    uint64_t arrow = 0;           // To the next slice in time with this number; 0 for none.
+    std::vector<Slice> within{};  // Moments within it.
     bool isStanding = false;      // Of a frame that is not known to have gone on.
 };
 
@@ -35,19 +35,19 @@ std::string Utf8(const std::string& text) {
     return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
-// No recorder has it: they count their sequences from 1.
+// No recorder has a sequence of this number: they count from 1.
 constexpr uint32_t SEQUENCE = 2'000'000'000;
-// Before those of our tracks and arrows. A recording has some of its own.
+// The ids of our tracks and arrows are above, so that none is one of a recording's own.
 constexpr uint64_t FIRST_ID = uint64_t{SEQUENCE} << 32;
 
-// The one place that knows the form: the numbers in it are those of the form's fields.
+// The one place that knows the form. The numbers in it are those of fields and values there.
 class Packets {
   public:
-    // `knots`: as WriteTrace's `clocks`.
+    // `knots`: the `clocks` of WriteTrace.
     Packets(std::ostream& stream, const std::vector<Knot>& knots)
         : out(stream), clocks(knots), origin(std::max<int64_t>(NanosecondsOf(0), 0)) {}
 
-    // The first of so many that follow one another.
+    // Numbers for so many arrows, one after another; returns the first.
     uint64_t NewArrows(size_t count = 1) { return std::exchange(lastId, lastId + count) + 1; }
 
     // The number of a name, which is written when it is first used.
@@ -103,8 +103,8 @@ class Packets {
     }
 
     // Slices that overlap are spread over as few tracks as it takes, which viewers show as one, as
-    // they have one name. Those that stand come last, so that they leave the first tracks to those
-    // that move. Returns the first track.
+    // they have one name. Frames that stand come last, so that they leave the first tracks to the
+    // frames that move. Returns the first track.
     uint64_t AddSlices(uint64_t parent, const std::string& name, std::vector<Slice> slices) {
         std::ranges::stable_sort(slices, {}, [](const Slice& slice) {
             return std::pair(slice.isStanding, slice.span.begin);
@@ -140,7 +140,7 @@ class Packets {
     }
 
   private:
-    // From 64 on sequences may have clocks of their own.
+    // Clocks with numbers from 64 on are a sequence's own.
     static constexpr uint32_t BOOTTIME = 6, OWN_CLOCK = 64;
     static constexpr size_t BUNDLE = 1 << 18;
 
@@ -154,7 +154,7 @@ class Packets {
             pbf_writer file(packets);
             pbf_writer packet(file, 1);
             packet.add_uint32(10, SEQUENCE);
-            // The first one ends what such a sequence had; the others need what came before them.
+            // The first packet clears the sequence's state; the others need the state so far.
             packet.add_uint32(13, std::exchange(flags, 2));
             fill(packet);
         }
@@ -177,7 +177,7 @@ class Packets {
         const bool lasts = slice.span.Length() > 0;
         AddEvent(slice.span.begin, lasts ? 1 : 3, [&](pbf_writer& event) {
             event.add_uint64(10, slice.name);
-            for (const auto& [key, value] : slice.said.items()) {
+            for (const auto& [key, value] : slice.annotations.items()) {
                 if (value.is_null()) {
                     continue;
                 }
@@ -210,11 +210,11 @@ class Packets {
     uint64_t lastId = FIRST_ID;
     uint32_t flags = 1;
     std::unordered_map<std::string, uint64_t> interned;
-    std::string packets;  // Not yet written.
+    std::string packets;  // Those that are not yet written.
 };
 
-// When the frame was in the stage, where it stands if it never left that; to NO_TIME where it was
-// not, or that is not known.
+// When the frame was in the stage; if it never left the stage, until it stood there no longer. Ends
+// at NO_TIME where it was not there, or that is not known.
 Span StayOf(const JudgedScene& scene, size_t row, int32_t stage) {
     const StageTimes times = scene.TimesOf(row, stage);
     const Micros gone = GoneOf(scene, row);
@@ -237,7 +237,7 @@ bool IsIn(Span span, Micros time) {
     return span.begin <= time && time <= span.end;
 }
 
-// What is shown of a scene.
+// The part of a scene that is shown.
 struct View {
     const Account& account;
     const size_t index;
@@ -246,20 +246,21 @@ struct View {
     Packets& packets;
     const JudgedScene& scene = account.scenes[index];
     const uint64_t firstArrow = packets.NewArrows(scene.frames.size());
-    Span span = range ? NEVER : ALWAYS;  // In it things are shown that are no frame's.
+    Span span = range ? NEVER : ALWAYS;  // When things that are of no frame are shown.
     std::vector<DrawnThread> threads{};
     std::vector<uint64_t> names{};  // Of the scene's frames.
 
     bool Has(size_t row) const { return Shown{true, range}.Has(scene, row); }
     // Whether all that is known of the frame is shown.
-    bool IsTold(size_t row) const {
+    bool IsAnnotated(size_t row) const {
         return row < scene.frames.size() &&
                (Shown{false, range}.Has(scene, row) || HarmOf(scene.FateOf(row)) != Harm::None ||
                 scene.frames[row].trouble.line != 0);
     }
-    // Such frames have one, and those before and behind them; else 0.
+    // Such frames have arrows, and the frames before and behind them; else 0.
     uint64_t ArrowOf(size_t row) const {
-        return IsTold(row - 1) || IsTold(row) || IsTold(row + 1) ? firstArrow + row : 0;
+        return IsAnnotated(row - 1) || IsAnnotated(row) || IsAnnotated(row + 1) ? firstArrow + row
+                                                                                : 0;
     }
 };
 
@@ -272,8 +273,7 @@ Json Milliseconds(Micros time) {
     return If(time != NO_TIME, static_cast<double>(time) / 1000);
 }
 
-// Frames in a stage, -1 for all of their time, each with all that is known of it where there is
-// something to say.
+// Frames in a stage, or with -1 for all of their time; those of IsAnnotated with annotations.
 std::vector<Slice> FramesOf(const View& view, int32_t stage) {
     const JudgedScene& scene = view.scene;
     const bool isStage = stage >= 0;
@@ -288,18 +288,18 @@ std::vector<Slice> FramesOf(const View& view, int32_t stage) {
         Slice& slice = slices.emplace_back(Slice{span, view.names[row]});
         slice.isStanding = !fate.isOut && span.end >= GoneOf(scene, row);
         slice.arrow = isStage ? view.ArrowOf(row) : 0;
-        if (view.IsTold(row)) {
+        if (view.IsAnnotated(row)) {
             const std::string reason = DescriptionOf(fate);
             const StageTimes times = isStage ? scene.TimesOf(row, stage) : StageTimes{};
             const int32_t thread = isStage ? scene.PassOf(row, stage).thread : -1;
-            slice.said = {{"status", NameOf(fate.status)},
-                          {"late", int{fate.isLate}},
-                          {"reason", If(!reason.empty(), reason)},
-                          {"line", ToString(view.account, frame.place)},
-                          {"stage", If(isStage, stage)},
-                          {"work", Milliseconds(times.work)},
-                          {"wait", Milliseconds(times.wait)},
-                          {"thread", If(thread >= 0, thread)}};
+            slice.annotations = {{"status", NameOf(fate.status)},
+                                 {"late", int{fate.isLate}},
+                                 {"reason", If(!reason.empty(), reason)},
+                                 {"line", ToString(view.account, frame.place)},
+                                 {"stage", If(isStage, stage)},
+                                 {"work", Milliseconds(times.work)},
+                                 {"wait", Milliseconds(times.wait)},
+                                 {"thread", If(thread >= 0, thread)}};
         }
     }
     return slices;
@@ -307,11 +307,11 @@ std::vector<Slice> FramesOf(const View& view, int32_t stage) {
 
 // A frame is due so many periods after the last one that came out as numbers are between the two.
 std::vector<Slice> ExpectedOf(const View& view) {
-    // Those whose numbers are farther apart have nothing to do with one another.
+    // Frames whose numbers are farther apart have nothing to do with one another.
     constexpr int64_t farApart = 1000;
     const JudgedScene& scene = view.scene;
     std::vector<Slice> slices;
-    std::optional<size_t> before;  // The last one that came out.
+    std::optional<size_t> before;  // The last frame that came out.
     for (size_t row = 0; row < scene.frames.size(); ++row) {
         const Frame& frame = scene.frames[row];
         const int64_t steps = before ? StepOf(scene.frames[*before].number, frame.number) : 0;
@@ -340,9 +340,9 @@ void WriteValues(const View& view, uint64_t group) {
     }
 }
 
-// The threads that a frame of the stage waited for: who kept it, who kept that one, and so on. Each
-// has an arrow to the moment at which it woke the next one, which for the last is in the frame's
-// own slice.
+// The threads for which a frame of the stage waited: the one that kept the stage's thread asleep,
+// the one that kept that one, and so on. Each has an arrow to the moment at which it woke the next;
+// the moment at which the stage's own thread woke is in the frame's slice.
 std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>& frames) {
     std::vector<Slice> wakers;
     for (const SceneFinding& finding : view.scene.findings) {
@@ -414,7 +414,8 @@ void WriteStage(const View& view, int32_t stage, uint64_t group) {
     WriteThreads(view, stage, track);
 }
 
-// `otherwise`: where a finding stands whose time is not known. `shown`: only those in it are.
+// `otherwise`: where findings without a known time stand. `shown`: findings outside it are left
+// out.
 void WriteFindings(Packets& packets, uint64_t group, const Account& account,
                    const std::vector<SceneFinding>& findings, Micros otherwise, Span shown) {
     std::vector<Slice> slices;
@@ -443,7 +444,7 @@ void WriteScene(View view, const Scheduling* scheduling) {
     }
     std::vector<Slice> actual = FramesOf(view, -1);
     for (const Slice& slice : actual) {
-        // One that stands may do so for long.
+        // A frame may stand for long, which should not lengthen what is shown.
         const Micros end = slice.isStanding ? slice.span.begin : slice.span.end;
         view.span = {std::min(view.span.begin, slice.span.begin), std::max(view.span.end, end)};
     }
@@ -452,7 +453,7 @@ void WriteScene(View view, const Scheduling* scheduling) {
     }
     view.threads = DrawnThreadsOf(view.account, scheduling, view.index,
                                   Cut(view.span, {scene.begin, scene.end}));
-    // What the clock of the log showed then; empty where that is not known.
+    // The time of the log's clock at which the scene begins; empty where that is not known.
     const std::string clock =
         view.account.from.empty() ? "" : ClockText(view.account.clock + scene.begin);
     const uint64_t group = view.packets.BeginTrack(

@@ -12,11 +12,11 @@
 namespace tools {
 namespace {
 
-// Less than that explains nothing.
+// A shorter time explains nothing.
 constexpr Micros LEAST = MILLISECOND;
 // Wakers of wakers are followed that far.
 constexpr size_t LONGEST_CHAIN = 8;
-// Threads and states are named that had a tenth of the time.
+// Threads and states that had a tenth of the time are named.
 constexpr Micros SHARE = 10;
 
 ThreadState LongestOf(const Shares& shares) {
@@ -106,7 +106,7 @@ std::string RanText(const CauseLink& link) {
             rest += one.length;
             continue;
         }
-        // A priority that explains why it came first.
+        // Its priority explains why it came first.
         const bool isAbove = one.priority < link.priority && one.priority != USUAL_PRIORITY;
         parts.push_back(
             fmt::format("{} {} ms{}", Printable(one.name), Ms(one.length),
@@ -198,8 +198,8 @@ struct CauseExplainer {
         return excess;
     }
 
-    // Why the stage took longer for these frames than it usually does, or what its thread did until
-    // the end where they stood in it.
+    // Why the stage took longer for these frames than it usually does; where they stood in it, what
+    // its thread did until the end.
     void AddToStage(Cause& cause) const {
         const int32_t stage = std::max(cause.stage, 0);
         Stays stays;

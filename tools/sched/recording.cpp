@@ -15,19 +15,19 @@ namespace {
 using Task = SchedTraceMaker::Task;
 
 constexpr uint32_t INTERRUPT_FLAGS = 8 | 16;  // Hard and soft.
-// Until the process tree says it.
+// Until the process tree gives the thread's name.
 constexpr std::string_view NO_NAME = "<...>";
 
 Micros MicrosOf(uint64_t nanoseconds) {
     return static_cast<Micros>(nanoseconds) / 1000;
 }
 
-// A thread's name, id and priority, which have these numbers.
+// The thread whose name, id and priority are the fields of these numbers.
 Task TaskOf(const Fields<7>& event, size_t name, size_t tid, size_t priority) {
     return {event.Text(name), event.Number<int32_t>(tid), event.Number<Priority>(priority)};
 }
 
-// Lists of one length, of which each has a value of each event.
+// Columns of compact events: each list has one value of each event.
 struct Lists {
     std::vector<uint64_t> times, states, tids, priorities, names, cpus, flags;
 
@@ -46,7 +46,7 @@ std::vector<uint64_t> ListOf(std::string_view packed) {
     return list;
 }
 
-// "4.9.0" and what is before it.
+// Whether a kernel's release, such as "4.9.0", is an older one than 4.14.
 bool IsBefore414(std::string_view release) {
     int major = 0, minor = 0;
     return TakeNumber(release, major) && Skip(release, ".") && TakeNumber(release, minor) &&
@@ -55,10 +55,10 @@ bool IsBefore414(std::string_view release) {
 
 }  // namespace
 
-// On one CPU.
+// Events of one CPU.
 struct SchedRecording::Bundle {
     uint32_t cpu = 0;
-    uint64_t ahead = 0;  // How far the clock of the boot is.
+    uint64_t ahead = 0;  // How far the boot clock is ahead of the events' own.
     Micros first = NO_TIME, last = NO_TIME;
 
     Micros TimeOf(uint64_t time) {
@@ -108,9 +108,9 @@ void SchedRecording::TakeBundle(std::string_view bytes) {
         bundle.ahead = boot - all.Number(6);
     }
     if (all.Number(3) != 0) {
-        maker.OnLost(bundle.cpu, 1);  // At least.
+        maker.OnLost(bundle.cpu, 1);  // At least one; the recording has no number.
     }
-    std::exception_ptr damage;  // What was taken before has times nevertheless.
+    std::exception_ptr damage;  // Kept, as the times of the events before it still count.
     try {
         ForEachField(bytes, [&](uint32_t field, std::string_view content) {
             if (field == 2) {
@@ -141,14 +141,14 @@ ThreadState SchedRecording::StateOf(uint64_t bits) const {
     if ((bits & 0x02U) != 0) {
         return ThreadState::Blocked;
     }
-    // Parked, too; all other bits mark threads that could go on.
+    // Sleeping, idle or parked. All other bits are of threads that could go on.
     return (bits & 0x2C1U) != 0 ? ThreadState::Sleeping : ThreadState::Runnable;
 }
 
 void SchedRecording::TakeEvent(std::string_view bytes, Bundle& bundle) {
     const Fields<5> head(bytes);
     if (head.Number(1) == 0) {
-        return;  // Without a time it is no event.
+        return;  // It has no time.
     }
     const Micros time = bundle.TimeOf(head.Number(1));
     const Task writer{NO_NAME, head.Number<int32_t>(2)};
@@ -178,7 +178,8 @@ void SchedRecording::TakeEvent(std::string_view bytes, Bundle& bundle) {
     }
 }
 
-// Times are relative to those before, and who leaves the CPU is whoever had it.
+// Each time is the step from the event before. A switch has only the thread that comes; the thread
+// that leaves is the one that had the CPU.
 void SchedRecording::TakeCompact(std::string_view bytes, Bundle& bundle) {
     std::vector<std::string_view> texts;
     Lists switches, wakings;

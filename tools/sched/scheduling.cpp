@@ -83,7 +83,7 @@ struct SceneMaker {
     void FindThreads() {
         std::map<uint32_t, ThreadUse> threads;
         for (int32_t stage = 0; stage < result.stages; ++stage) {
-            std::map<uint32_t, Micros> last;  // That each thread gave a frame on.
+            std::map<uint32_t, Micros> last;  // When each thread last gave a frame on.
             std::array<std::vector<Micros>, THREAD_STATES> spent;
             for (size_t row = 0; row < scene.frames.size(); ++row) {
                 const StageUse* const use = result.UseOf(row, stage);

@@ -15,7 +15,7 @@ namespace tools {
 
 // A frame in a stage, from when the stage began with it to when it left.
 struct StageUse {
-    uint32_t thread = NO_THREAD;  // That reported its end; NO_THREAD where that is not known.
+    uint32_t thread = NO_THREAD;  // The one that reported its end; NO_THREAD where not known.
     Span span;
     Shares shares{};
 };
@@ -23,7 +23,7 @@ struct StageUse {
 // A thread of the pipeline, over a whole scene.
 struct ThreadUse {
     uint32_t thread = NO_THREAD;
-    std::vector<int32_t> stages{};  // Whose ends it reported.
+    std::vector<int32_t> stages{};  // Those whose ends it reported.
     bool isHanded = false;          // To the boost service.
     Shares shares{};
 };
@@ -35,10 +35,10 @@ struct Waiting {
 };
 
 struct SceneScheduling {
-    int32_t stages = 0;              // 0 where nothing is known of any.
+    int32_t stages = 0;              // How many; 0 where nothing is known of any.
     std::vector<StageUse> uses;      // `stages` for each row.
     std::vector<ThreadUse> threads;  // By id.
-    Waiting handed, others;          // Those handed to the service, and those that were not.
+    Waiting handed, others;          // Of threads handed to the service, and of all others.
     // Of each stage the thread that has given no frame on for longest; NO_THREAD for none.
     PerStage<uint32_t> standing;
     PerStage<Shares> usual;
@@ -64,7 +64,7 @@ struct Scheduling {
 
 // Adds to each cause about a stage that took long, or in which frames stand, what its threads did
 // meanwhile: they ran, waited for a CPU that others had, or slept until a thread woke them, which
-// is looked at in turn. Frames that no cause explains are explained by that where it can be.
+// is looked at in turn. Does the same for frames that no cause explains.
 void AddScheduling(JudgedScene& judged, const SceneScheduling& uses, const Scheduling& all);
 
 // Works the scheduling out and adds what threads did to the causes of an account that was judged,

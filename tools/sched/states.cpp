@@ -6,8 +6,8 @@
 namespace tools {
 namespace {
 
-// Follows all threads through the events. Kernels leave some events out: the recordings named here
-// are those of tests/data/sched, in which each such case stands.
+// Follows all threads through the events. Kernels leave some events out: the traces that are named
+// here are in tests/data/sched, and show such a case each.
 class Tracker {
   public:
     explicit Tracker(const SchedTrace& schedTrace)
@@ -50,8 +50,8 @@ class Tracker {
 
     void OnSwitch(const SchedEvent& event) {
         Cpu& cpu = cpus[event.cpu];
-        // A thread whose CPU another one leaves had left, too: that was left out. `none` at
-        // 29138.196436, thread 70.
+        // Another thread leaves the CPU that this one had, so this one had left before, and the
+        // kernel left that out: `none` at 29138.196436, thread 70.
         if (cpu.thread != NO_THREAD && cpu.thread != event.thread &&
             IsOn(threads[cpu.thread], event.cpu)) {
             threads[cpu.thread].now.state = ThreadState::Unknown;
@@ -81,7 +81,7 @@ class Tracker {
     void OnSwitchIn(Thread& thread, const SchedEvent& event) {
         StateSpan& now = thread.now;
         TakeEarlyWaking(thread);
-        // Its leaving was left out: `none` at 29138.199901, thread 70.
+        // The kernel left out that it left: `none` at 29138.199901, thread 70.
         now.state = now.state == ThreadState::Running ? ThreadState::Unknown : now.state;
         now.cpu = now.state == ThreadState::Runnable && !thread.hasCpu ? event.cpu : now.cpu;
         Open(thread, event.time, ThreadState::Running, event.cpu, event.otherPriority);
@@ -218,7 +218,7 @@ StateSpans States::RunsOn(uint32_t cpu, Span span) const {
 
 Shares States::SharesOf(uint32_t thread, Span span) const {
     Shares shares{};
-    shares[ThreadState::Unknown] = span.Length();  // What is outside of the trace.
+    shares[ThreadState::Unknown] = span.Length();  // Less what the trace shows of it.
     for (const StateSpan& one : Within(threads[thread], span)) {
         const Micros length = Cut(one, span).Length();
         shares[ThreadState::Unknown] -= length;

@@ -27,7 +27,7 @@ struct StateSpan : Span {
 using StateSpans = std::vector<StateSpan>;
 
 struct States {
-    // Of each thread, one after another from the trace's begin to its end; none of idle tasks.
+    // Of each thread, one after another from the trace's begin to its end; idle tasks have none.
     std::vector<StateSpans> threads;
     // On each CPU, when threads ran, as positions in `threads`.
     struct Run {

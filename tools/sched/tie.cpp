@@ -16,10 +16,10 @@ using Lines = std::span<const CountedLine>;
 
 // Numbers of frames show which recording it is, so a coarse guess comes first.
 constexpr Micros COARSE = SECOND;
-// Clocks drift: what ties them is looked at so many lines at a time.
+// Clocks drift, so they are tied by so many lines at a time.
 constexpr size_t AT_A_TIME = 64;
-// What nine of ten keep to. Two recordings of the same frames differ by more: nodes never take the
-// same time twice.
+// Nine of ten lines are this near to their counters. Two recordings of the same frames differ by
+// more: nodes never take the same time twice.
 constexpr Micros AGREEING = 600;
 constexpr int64_t FEWEST = 8;
 // Where the log has no line for that long, its clock may have been set; steps of more are breaks.
@@ -35,7 +35,7 @@ bool AddKnot(std::vector<Knot>& knots, Knot knot) {
     return false;
 }
 
-// What a guess of how much the trace's clock is ahead leads to.
+// How well log and trace fit, by a guess of how much the trace's clock is ahead.
 struct Fit {
     std::vector<Knot> knots{};
     int64_t pairs = 0;     // Lines that have a counter within COARSE.
@@ -249,7 +249,7 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
             fit = tying.Best(part);
         }
         if (fit.pairs < tying.fewest) {
-            continue;  // Too few to show anything.
+            continue;  // Too few lines to show anything.
         }
         const Knot from = knots.empty() ? Knot() : knots.back();
         const Knot to = {part.front().time, fit.knots.front().ahead};

@@ -30,22 +30,23 @@ struct CountedLine : CountedEvent {
     bool isBehindStep;  // The log's clock was set before it.
 };
 
-// Keeps such lines, and what a recording's own clocks say.
+// Keeps such lines, and how far a recording's own clocks are apart.
 struct CountedLines : MessageSink {
     void OnMessage(const Message& message, const Moment& moment) override;
     void OnClockSet(Micros /*step*/, const Moment& /*moment*/, const Place& /*place*/) override {
         isBehindStep = true;
     }
 
-    bool isOn = true;  // Else such lines are left alone.
+    bool isOn = true;  // Else such lines are not kept.
     std::vector<CountedLine> all;
-    // From when to when the clocks were so far apart. `ahead` is NO_TIME where nobody knows.
+    // The first and the last line between which the clocks were so far apart. `ahead` is NO_TIME
+    // where the recording does not show it.
     std::vector<Knot> clocks;
     bool isBehindStep = false;  // The clock was set behind the last line.
 };
 
-// How far a recording's clocks are apart by their snapshots. Where that is not known there are
-// holes in its trace from then on. Empty for other captures.
+// How far a recording's clocks are apart by its snapshots; empty for other captures. Adds holes to
+// the trace where the recording does not show that.
 std::vector<Knot> KnotsOf(const CountedLines& counted, SchedTrace& trace);
 
 // Why a trace and a log do not belong together.
@@ -56,10 +57,10 @@ class TieError : public std::runtime_error {
 
 // What tying the clocks showed.
 struct Tie {
-    int64_t counters = 0;  // That many tie them,
-    Micros within = 0;     // and nine of ten of these agree to within this much.
-    // The trace's thread of each of the log's, by the counters that it wrote; where both number
-    // threads alike, of any thread of the trace.
+    int64_t counters = 0;  // How many counters tie them,
+    Micros within = 0;     // and within how much nine of ten of these agree.
+    // The trace's thread of each thread of the log, by the counters that it wrote; of any thread
+    // of the trace, where log and trace number threads alike.
     std::map<int32_t, uint32_t> threads;
     // Where the log's times and the trace's move apart: its clock was set, or seemed so after a
     // long silence.
@@ -67,8 +68,8 @@ struct Tie {
         Micros passed;     // By the trace's clock.
     };
     std::vector<Break> breaks;
-    std::vector<Span> untied;  // Of the log: parts to which none of the trace's counters fits.
-    std::vector<Knot> knots;   // By which ToTrace turns back what was turned.
+    std::vector<Span> untied;  // Parts of the log to which none of the trace's counters fits.
+    std::vector<Knot> knots;   // With these ToTrace turns times of the log back into the trace's.
 };
 
 // Finds out how far the clocks are apart and turns all times of the trace into the log's. Throws a

@@ -48,7 +48,7 @@ void SchedTraceMaker::OnWaking(SchedEvent::Kind kind, Micros time, uint32_t cpu,
     if (isInOrder && kind == SchedEvent::Kind::New) {
         threads.erase(woken.tid);
     }
-    // Who wakes has no priority here: its place is the CPU's until FindWhoHadCpus.
+    // The waker has no priority here: the place has its CPU until FindWhoHadCpus.
     trace.events.push_back(
         {time, ThreadOf(woken, cpu), waker, woken.priority,
          waker == WHO_HAS_THE_CPU ? static_cast<Priority>(wakerCpu) : USUAL_PRIORITY,
@@ -94,7 +94,8 @@ void SchedTraceMaker::FindWhoHadCpus() {
         Priority priority = USUAL_PRIORITY;
     };
     struct Ownership {
-        Owner owner, woken;  // The first thread that was to run there since.
+        Owner owner;  // The thread that has the CPU.
+        Owner woken;  // The first thread that was woken since then to run there.
     };
     std::vector<Ownership> known(MOST_CPUS);
     std::ranges::sort(trace.holes, {}, &SchedTrace::Hole::end);
@@ -106,8 +107,8 @@ void SchedTraceMaker::FindWhoHadCpus() {
         Ownership& cpu = known[event.cpu];
         if (event.kind == SchedEvent::Kind::Switch) {
             if (event.thread == WHO_HAS_THE_CPU) {
-                // An idle task only leaves for another one, and could go on. Otherwise the kernel
-                // left out that a thread came.
+                // An idle task could always go on, and leaves only for another thread. Where the
+                // event says otherwise, the kernel left out that a thread came before.
                 const bool isIdle =
                     cpu.owner.thread != NO_THREAD && trace.threads[cpu.owner.thread].tid == 0;
                 if (isIdle &&
@@ -137,7 +138,7 @@ SchedTrace SchedTraceMaker::Finish() {
     });
     trace.events.shrink_to_fit();  // There are millions, and what follows takes memory, too.
     std::ranges::stable_sort(trace.events, {}, &SchedEvent::time);
-    // Bundles of a recording begin at a time of each CPU: before that nobody knows who had it.
+    // In a recording the CPUs begin at different times; which thread had one before is not known.
     for (uint16_t cpu = 0; !isInOrder && cpu < MOST_CPUS; ++cpu) {
         if (cpus[cpu].first > trace.from) {
             trace.holes.push_back({{trace.from, cpus[cpu].first}, cpu});

@@ -22,7 +22,7 @@
 namespace tools {
 
 inline constexpr uint32_t NO_THREAD = std::numeric_limits<uint32_t>::max();
-// For SchedTraceMaker, which finds out where it can.
+// Stands for the thread that has the CPU, until SchedTraceMaker finds out which it is.
 inline constexpr uint32_t WHO_HAS_THE_CPU = NO_THREAD - 1;
 
 // As the kernel counts: below 100 of real time, the lower the sooner; from 100 on of nice values.
@@ -40,7 +40,7 @@ struct SchedEvent {
     Micros time;             // By the trace's clock, until TieClocks has turned it into the log's.
     uint32_t thread;         // The thread that leaves the CPU, NO_THREAD if not known, or is woken.
     uint32_t other;          // The thread that comes, or wakes it; NO_THREAD for an interrupt,
-                             // WHO_HAS_THE_CPU where not even that is known.
+                             // WHO_HAS_THE_CPU where it is not known which thread or interrupt.
     Priority priority;       // Of `thread`,
     Priority otherPriority;  // and of a thread that comes.
     uint16_t cpu;            // Where it happened; of a wakeup, where the thread is to run.
@@ -87,10 +87,10 @@ struct SchedTrace {
     std::vector<Hole> holes;  // Where events were lost: between the CPU's last one and its next.
     int64_t lost = 0;         // Events that the tracer says it lost.
     Micros from = NO_TIME, to = NO_TIME;
-    bool hasFlags = false;  // It has marks of interrupts.
+    bool hasFlags = false;  // Events have flags that show interrupts.
     std::string damage;     // Why the file could not be read to its end.
 
-    // Whether no line was a trace's.
+    // Whether nothing of a trace was read.
     bool IsEmpty() const { return from == NO_TIME; }
     // The event's counters, by time.
     std::span<const SchedCounter> CountersOf(const CountedEvent& event) const;
@@ -107,16 +107,16 @@ class SchedTraceMaker {
         Priority priority = USUAL_PRIORITY;
     };
 
-    // The thread of a task that is on the CPU. Id 0 is each CPU's idle task.
+    // The thread of a task. Each CPU has an idle task of its own, of id 0.
     uint32_t ThreadOf(const Task& task, uint32_t cpu);
-    // Something was noted on the CPU.
+    // The trace has an event of the CPU at this time.
     void OnTime(uint32_t cpu, Micros time);
-    // So many events of the CPU between the last such time and the next are lost.
+    // Between the last such time of the CPU and the next, so many events are lost.
     void OnLost(uint32_t cpu, int64_t count);
     // `left` gives the CPU to `comes`, and is in `state` from there on.
     void OnSwitch(Micros time, uint32_t cpu, const Task& left, ThreadState state,
                   const Task& comes);
-    // The same where it is not told who leaves the CPU.
+    // The same where the event does not say which thread leaves the CPU.
     void OnSwitchTo(Micros time, uint32_t cpu, ThreadState state, const Task& comes);
     // `woken` is to run on `cpu`. `waker`: NO_THREAD for an interrupt, WHO_HAS_THE_CPU for the
     // thread that has `wakerCpu`.
@@ -127,8 +127,8 @@ class SchedTraceMaker {
     // What was read, given away. To be called once, last.
     SchedTrace Finish();
 
-    SchedTrace trace;       // Counters, and what is no event, readers set themselves.
-    bool isInOrder = true;  // What is passed is by time; else an id stays with its first thread.
+    SchedTrace trace;       // Readers set the members themselves that no function here sets.
+    bool isInOrder = true;  // Events are passed by time; else an id stays with its first thread.
 
   private:
     void FindWhoHadCpus();
@@ -141,7 +141,7 @@ class SchedTraceMaker {
     std::vector<Cpu> cpus = std::vector<Cpu>(MOST_CPUS);
 };
 
-// Takes the scheduler out of the packets of a recording.
+// Reads the scheduler's events from the packets of a recording.
 class SchedRecording {
   public:
     SchedRecording() { maker.isInOrder = false; }
@@ -161,13 +161,13 @@ class SchedRecording {
 
     SchedTraceMaker maker;
     bool isOldKernel = false;
-    uint64_t rawAhead = 0;  // Of the raw monotonic clock, the boot's.
+    uint64_t rawAhead = 0;  // How far the boot clock is ahead of the raw monotonic one.
     std::map<int32_t, std::string> names;
 };
 
 // Reads the text of the kernel's tracer, ftrace, as a kernel, atrace, systrace (in HTML) and
 // Perfetto's converter write it.
-// Lines that are none of a trace's are left alone, so that HTML needs nothing else. Recordings of
+// Lines that are none of a trace's are skipped, so that HTML needs nothing else. Recordings of
 // Perfetto are read, too.
 class FtraceReader : public TextSink {
   public:
