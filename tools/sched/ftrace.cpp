@@ -201,8 +201,14 @@ void FtraceReader::End() {
 }
 
 bool FtraceReader::TakeDamage(const char* reason) {
-    maker.trace.damage = reason == nullptr ? "damaged" : reason;
-    return !maker.trace.IsEmpty();
+    damage = reason == nullptr ? "damaged" : reason;
+    return !maker.trace.IsEmpty() || !recording.IsEmpty();
+}
+
+SchedTrace FtraceReader::Finish() {
+    SchedTrace trace = recording.IsEmpty() ? maker.Finish() : recording.Finish();
+    trace.damage = damage.empty() ? packets.Damage() : damage;
+    return trace;
 }
 
 }  // namespace tools

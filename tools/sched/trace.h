@@ -175,13 +175,14 @@ class FtraceReader : public TextSink {
     void End() override;
     bool TakeDamage(const char* reason) override;
     // What was read, given away. To be called once, last.
-    SchedTrace Finish() { return recording.IsEmpty() ? maker.Finish() : recording.Finish(); }
+    SchedTrace Finish();
 
   private:
     SchedTraceMaker maker;
     SchedRecording recording;
     PacketReader packets{[this](std::string_view packet) { recording.TakePacket(packet); }};
     std::string unfinished;  // A line that is not whole yet.
+    std::string damage;
 };
 
 }  // namespace tools
