@@ -38,7 +38,7 @@ bool SetNice(int32_t tid, int nice) {
     return setpriority(PRIO_PROCESS, static_cast<id_t>(tid), nice) == 0;
 }
 
-// Whether the id still is a thread of this process that has what it was given.
+// Whether the id still is a thread of this process with the attributes that it was given.
 bool IsRaised(int32_t tid, const Boost& boost) {
     if (boost.rung == Rung::Ordinary || !IsOwnThread(tid)) {
         return false;
@@ -75,7 +75,7 @@ bool Raise(int32_t tid, Rung highest, int priority, Boost& boost) {
         return true;
     }
     if (!SetNice(tid, RAISED_NICE)) {
-        return errno == ESRCH;  // It has ended meanwhile.
+        return errno == ESRCH;  // The thread has ended meanwhile.
     }
     if (!SetPolicy(tid, SCHED_OTHER | RESET_ON_FORK, 0)) {
         SetNice(tid, boost.nice);
@@ -89,7 +89,7 @@ bool Restore(int32_t tid, const Boost& boost) {
     if (!IsRaised(tid, boost)) {
         return false;
     }
-    // Without CAP_SYS_NICE no thread loses its reset-on-fork again; all else it gets back.
+    // Without CAP_SYS_NICE no thread loses its reset-on-fork again; it gets back all else.
     if (!SetPolicy(tid, boost.policy, 0)) {
         SetPolicy(tid, boost.policy | RESET_ON_FORK, 0);
     }

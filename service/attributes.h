@@ -4,7 +4,8 @@
 // A thread that is raised becomes SCHED_FIFO with SCHED_RESET_ON_FORK, so that its children are
 // ordinary. The kernel keeps a thread's nice value, slice and utilization clamps while it is
 // real-time, so putting its policy back puts back all of them, and what the HAL changed meanwhile
-// stays changed. A timer slack of its own is lost: newer kernels give it the usual one then.
+// stays changed. A timer slack of its own is lost: newer kernels give a real-time thread the usual
+// one.
 
 #pragma once
 
@@ -15,21 +16,21 @@
 
 namespace cfbt {
 
-// What a thread can be raised to: the higher, the better.
+// How far a thread can be raised: the higher, the better.
 enum class Rung {
-    Ordinary,  // Nothing.
+    Ordinary,  // Not at all.
     Nice,      // RAISED_NICE, where the kernel refuses real-time.
     RealTime,  // SCHED_FIFO.
 };
 
 constexpr int RAISED_NICE = -19;
 
-// What a thread was given, and what it had before.
+// The attributes that a thread was given, and those that it had before.
 struct Boost {
     Rung rung = Rung::Ordinary;
     int priority = 0;  // Of SCHED_FIFO, from 1.
-    int policy = 0;    // What it had, as sched_getscheduler gives it.
-    int nice = 0;      // What it had.
+    int policy = 0;    // The policy before, as sched_getscheduler gives it.
+    int nice = 0;      // The nice value before.
 };
 
 // Raises a thread to the highest rung, up to `highest`, that the kernel grants. Leaves alone, and
@@ -38,7 +39,7 @@ struct Boost {
 // kernel would raise any thread of the machine. Returns false if the kernel refuses all rungs.
 bool Raise(int32_t tid, Rung highest, int priority, Boost& boost);
 
-// Gives back what the thread had, if it is still raised; returns whether it was.
+// Gives a thread back the attributes that it had, if it is still raised; returns whether it was.
 bool Restore(int32_t tid, const Boost& boost);
 
 // How long the CPUs worked for a thread of this process; 0 for any other id.
@@ -50,14 +51,14 @@ int RaiseWatchdog(pthread_t thread, int priority);
 // Lets the calling thread have nearly all of a CPU where it is not real-time, if the kernel does.
 void RaiseOwnNice();
 
-// Whether threads may have RAISED_NICE. Tried with the calling thread, which has its own again
-// then.
+// Whether threads may have RAISED_NICE. Tried with the calling thread, whose own nice value is put
+// back.
 bool MayRaiseNice();
 
 // The id of the calling thread, without a system call from the second time on.
 int32_t OwnThread();
 
-// In a process that was just forked: its thread has another id than the one that was forked.
+// For a process that was just forked: its thread has another id than the thread that forked it.
 void ForgetOwnThread();
 
 }  // namespace cfbt

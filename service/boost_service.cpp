@@ -40,9 +40,9 @@ void MakeService() {
     current = new Service;
 }
 
-// Never destroyed: the watchdog and the camera's threads may still be in here while the process
-// ends. For the same reason the library is linked so that it is never unloaded. A forked process
-// has none of its parent's threads and begins anew.
+// Never destroyed: the watchdog and the camera's threads may still use it while the process ends.
+// For the same reason the library is linked so that it is never unloaded. A forked process has none
+// of its parent's threads and begins anew.
 Service& GetService() {
     [[maybe_unused]] static const int isMade = [] {
         MakeService();
@@ -64,7 +64,7 @@ int32_t Setting(const char* property, int32_t standard, int32_t highest) {
     return standard;
 }
 
-// Logs how far threads are raised, once until that changes. `error`: why not to the top.
+// Logs how far threads are raised, once until that changes. `error`: why they are not real-time.
 void LogRung(Rung rung, int error) {
     const int number = static_cast<int>(rung);
     if (GetService().logged.exchange(number) == number) {

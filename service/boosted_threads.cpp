@@ -17,7 +17,7 @@ void BoostedThreads::Raise(Thread& thread, Raising& raising) const {
     const int32_t tid = thread.tid.load(std::memory_order_relaxed);
     const std::chrono::nanoseconds cpuTime = CpuTimeOf(tid);
     const bool wasRaised = thread.isWild || thread.boost.rung != Rung::Ordinary;
-    // A new thread had less of the CPUs than the one whose id it has.
+    // A thread that has had less of the CPUs than was seen is a new one with the same id.
     if (tid == 0 || (wasRaised && cpuTime >= thread.seenCpuTime)) {
         return;
     }
@@ -106,7 +106,7 @@ Lowered BoostedThreads::LowerWild() {
     for (Thread& thread : threads) {
         const auto now = std::chrono::steady_clock::now();
         const std::chrono::duration<double> passed = now - thread.seen;
-        // Over a short time nobody can tell.
+        // Use of the CPU over a short time shows nothing.
         if ((thread.boost.rung == Rung::Ordinary && !thread.isWild) || passed < LOOK_PERIOD / 2) {
             continue;
         }

@@ -1,4 +1,4 @@
-// The table of the threads that were handed over, and what each was given.
+// The table of the threads that were handed over, with the attributes that each was given.
 
 #pragma once
 
@@ -24,10 +24,10 @@ constexpr std::chrono::milliseconds LOOK_PERIOD(100);
 struct Limits {
     Rung highest = Rung::Ordinary;
     int priority = 1;  // Of SCHED_FIFO.
-    double share = 1;  // Of a CPU's time, that a thread may have without ending a stage.
+    double share = 1;  // Of a CPU's time: more a thread may not have without ending a stage.
 };
 
-// What became of threads that were to be raised. Those that were left alone are not counted.
+// How many threads were raised to which rung. Threads that were left alone are not counted.
 struct Raising {
     size_t refused = 0;
     size_t nice = 0;
@@ -44,10 +44,10 @@ struct Lowered {
 // All functions but CountStageEnd are called with the service's lock held.
 class BoostedThreads {
   public:
-    // Keeps the ids, and raises them where a scene runs. An id that was raised in this scene is
-    // raised anew only if a new thread has it now: the library hands over its whole list again for
-    // each thread that is added, and neither what the watchdog has put back nor what the HAL has
-    // changed itself is meant by that.
+    // Keeps the ids, and raises their threads where a scene runs. A thread that was raised in this
+    // scene is not raised again, unless its id is a new thread's now: for each thread that is added
+    // the library hands over its whole list again, which is to change nothing about threads that
+    // the watchdog has put back or the HAL has given other attributes.
     Raising Add(const std::vector<int32_t>& tids);
 
     // Restores and forgets.
@@ -65,9 +65,9 @@ class BoostedThreads {
     void CountStageEnd();
 
     // For the watchdog, each LOOK_PERIOD. Restores each raised thread that had a CPU for more than
-    // its share of the time since the look before and ended no stage meanwhile, and returns these.
-    // They are raised again when they have ended a stage: by their use of the CPU alone they would
-    // go up and down all the time.
+    // its share of the time since the look before and ended no stage meanwhile, and returns these
+    // threads. They are raised again when they have ended a stage: judged by their use of the CPU
+    // alone they would go up and down all the time.
     Lowered LowerWild();
 
   private:

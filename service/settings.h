@@ -1,4 +1,4 @@
-// How the boost service is seen from outside, beside its functions in platform/boost_service.h.
+// What users of the boost service see, beside its functions in platform/boost_service.h.
 
 #pragma once
 

@@ -1,7 +1,7 @@
 // Looks at raised threads while a scene runs, and puts back those that take a CPU for themselves.
 //
 // It is a thread of its own, one priority above the threads that it watches. Driven by the camera's
-// events it would not run when it is needed: when a thread that runs wild is why none come.
+// events it would not run when it is needed: a thread that runs wild may be why no events come.
 
 #pragma once
 
@@ -31,8 +31,8 @@ class Watchdog {
 
     // Wakes the watchdog, which sleeps again once no scene runs, and gives it this priority of
     // SCHED_FIFO. To be called before threads are raised, with the lock held: they may be running
-    // wild already. Returns 0, or the error that refuses the watchdog that, and with it the threads
-    // that it would watch.
+    // wild already. Returns 0, or why the watchdog cannot have that priority; then no thread is to
+    // be made real-time.
     int Wake(int priority);
 
   private:

@@ -8,11 +8,11 @@
 //     --busy        each node computes for a fifth of its time and needs a CPU for that; without,
 //                   all time is spent waiting, as for hardware
 //     --heavy       the same, but VideoStabilizer computes for 14 ms of a frame's 16.7
-//     --boost       with the boost service that boosts; without, a stand-in boosts nothing
+//     --boost       with the boost service of service/; without, a stand-in boosts nothing
 //     SECONDS       how long a recording is, 0.25 unless given
 //     DROP_EVERY    the sensor drops every n-th frame, and the HAL knows
 //     LOSE_EVERY    a node loses every n-th frame, and the library is not called for that
-//     LOCK_EVERY    from when every n-th frame leaves the sensor, a thread "Tuning" computes for
+//     LOCK_EVERY    when every n-th frame has left the sensor, a thread "Tuning" computes for
 //                   40 ms with a lock held that the node ToneMapper needs, too
 // Its threads have the names of their nodes.
 // Exit status: 0 all recordings were boosted, 1 one was refused, 2 bad usage.
@@ -41,7 +41,7 @@ namespace {
 
 struct Node {
     const char* name;  // Contains the name that the configuration has for a stage,
-    int32_t port;      // and of the ports listed there it reports this one, once a frame.
+    int32_t port;      // and the one of the ports listed there that it reports, once a frame.
     std::chrono::milliseconds work;
 };
 constexpr std::array<Node, 5> NODES = {{{"SensorFrontEnd0", 3, std::chrono::milliseconds(0)},
@@ -87,8 +87,8 @@ class Booster {
         facade.TcfbtAddPersistTids("SoloThreadManager", gettid());
     }
 
-    // Before the first frame of a stream. For each stream, the preview too: the library knows what
-    // to boost. `tids`: the threads that work for it. Returns the stream's number.
+    // Before the first frame of each stream, a preview's too: the library decides what to boost.
+    // `tids`: the threads that work for the stream. Returns the stream's number.
     int64_t StartStream(const Stream& stream, const std::vector<int32_t>& tids) {
         const std::lock_guard<std::shared_mutex> lock(mutex);
         ++newest;
@@ -98,13 +98,13 @@ class Booster {
         facade.TcfbtSetSceneInfo(stream.isVideo, stream.width, stream.fps);
         if (facade.TcfbtNotifySceneStart(stream.operationMode) == 0) {
             boosted = newest;
-            // For this scene alone, so in each anew, and only in scenes that have started: nothing
-            // would take back the threads of others.
+            // Registered for this scene alone, so anew in each; and only in scenes that have
+            // started, as nothing would take the threads back from a scene that was refused.
             for (const int32_t tid : tids) {
                 facade.TcfbtAddTempTids(tid);
             }
             facade.TcfbtSetTids();
-            StartFrame(1);  // All others are started by the node end of the frame before.
+            StartFrame(1);  // Each other frame is started by the node end of the frame before.
         }
         return newest;
     }
@@ -133,10 +133,10 @@ class Booster {
         }
     }
 
-    // On the sensor's thread, before the next frame leaves the sensor. The frame never leaves it,
-    // so nothing follows from that: without the rest of this the next two frames would be lost as
-    // well. The next frame is started while this one is still known, as it has to follow the
-    // newest.
+    // On the sensor's thread, before the next frame leaves the sensor. The dropped frame has no
+    // node end from which the next frame's start could follow: without the calls here the next two
+    // frames would not be boosted either. The next frame is started while this one is still in
+    // flight, as it has to follow the newest.
     void DropFrame(const Frame& frame) {
         const std::shared_lock<std::shared_mutex> lock(mutex);
         if (frame.stream == boosted) {
@@ -257,7 +257,7 @@ class Camera {
     Camera(const Camera&) = delete;
     Camera& operator=(const Camera&) = delete;
 
-    // Requests frames and ends the stream when that many are done with. The others are flushed:
+    // Requests frames, and ends the stream when so many have come back. The others are flushed:
     // thrown away where they are. Returns whether the frames were boosted.
     bool Run(const Stream& stream, int64_t requested, int64_t wanted) {
         const int64_t number = booster.StartStream(stream, tids);
@@ -272,13 +272,13 @@ class Camera {
     }
 
   private:
-    // A camera has so many buffers, and no more frames on their way: fewer than the 16 that the
-    // library keeps, so that none is forgotten however late the nodes are.
+    // How many buffers the camera has, and so how many frames are on their way at most: fewer than
+    // the 16 that the library keeps, so that none is pushed out however late the nodes are.
     static constexpr int64_t BUFFERS = 8;
     static constexpr Frame CLOSE = {NO_STREAM, 0};  // Goes through the nodes behind all frames.
 
     void RunNode(size_t node) {
-        // A trace has the name. Of longer ones than 15 characters the kernel takes none.
+        // Traces show the name. The kernel takes none of more than 15 characters.
         pthread_setname_np(pthread_self(), NODES[node].name);
         started.Push(gettid());
         Queue<Frame>& next = node + 1 < NODES.size() ? queues[node + 1] : results;
@@ -332,9 +332,8 @@ class Camera {
         Compute(computing);
     }
 
-    // Makes tables anew that a node uses, and takes too long. It is not among the threads that the
-    // service gets: that is the mistake, as the service cannot boost a thread that it does not
-    // know.
+    // Makes tables anew that a node uses, and takes too long. The mistake is that its thread is not
+    // among those that the service gets, so that the service cannot boost it.
     void RunTuning() {
         pthread_setname_np(pthread_self(), "Tuning");
         while (tunings.Pop().stream != NO_STREAM) {

@@ -62,7 +62,7 @@ def number_of(bits, data):
     return struct.unpack(bits, data)[0]
 
 
-def said_of(found):
+def annotation_of(found):
     if found[4]:
         return only(found, 4) - (only(found, 4) >> 63 << 64)
     return number_of('<d', only(found, 5)) if found[5] else only(found, 6).decode()
@@ -109,7 +109,7 @@ def read_trace(data):
         else:
             one = Slice(track=track, time=time, end=time if kind == MOMENT else None, name=event['name'],
                         outer=stack[-1] if stack else None,
-                        said={only(said, 10).decode(): said_of(said) for said in within(event, 4)},
+                        annotations={only(one, 10).decode(): annotation_of(one) for one in within(event, 4)},
                         arrows=[number_of('<Q', arrow) for arrow in event[47]])
             track.slices.append(one)
             stack += [one] if kind == BEGIN else []
