@@ -41,15 +41,10 @@ auto KeyOf(const Cause& cause) {
                       cause.other);
 }
 
-bool IsOf(const Cause& cause, std::initializer_list<Kind> kinds) {
-    return std::find(kinds.begin(), kinds.end(), KindOf(cause.what)) != kinds.end();
-}
-
 // Whether a frame may be lost, refused or in error for that. A habit costs nothing but time.
 bool CostsFrames(const Cause& cause) {
     return cause.what != Case::Reorders && cause.what != Case::SeveralAtOnce &&
-           IsOf(cause, {Kind::NumbersRestart, Kind::StageNeverHit, Kind::FrameLost, Kind::FrameGap,
-                        Kind::StageUnreported, Kind::StageOrder, Kind::Evicted});
+           RowOf(KindOf(cause.what)).cost == Cost::Frames;
 }
 
 struct Attribution {
@@ -158,7 +153,7 @@ struct Attribution {
             const int64_t number = scene.frames[blame.row].number;
             for (auto [one, end] = about.equal_range(number); one != end; ++one) {
                 Cause* const cause = one->second;
-                if (IsOf(*cause, {Kind::SlowStage, Kind::SensorStall, Kind::Rate}) &&
+                if (RowOf(KindOf(cause->what)).cost == Cost::Time &&
                     (cause->stage == blame.stage || scene.isAlone)) {
                     parts[cause] += blame.excess;
                 }
@@ -189,7 +184,8 @@ struct Attribution {
         // A frame that was overtaken leaves its place empty.
         return First({number, Plus(number, -1), Plus(number, -2), Plus(number, -3)},
                      [](const Cause& cause) {
-                         return IsOf(cause, {Kind::StageOrder, Kind::StageUnreported});
+                         return KindOf(cause.what) == Kind::StageOrder ||
+                                KindOf(cause.what) == Kind::StageUnreported;
                      });
     }
 

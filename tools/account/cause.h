@@ -23,7 +23,7 @@ namespace tools {
 
 // A kind of finding.
 enum class Kind : uint8_t {
-#define KIND(kind, name, what, remedy) kind,
+#define KIND(kind, name, cost, what, remedy) kind,
 #include "tools/account/kinds.def"
 };
 
@@ -33,12 +33,16 @@ enum class Case : uint8_t {
 #include "tools/account/kinds.def"
 };
 
+// What the frames that it is about may come to.
+enum class Cost : uint8_t { Nothing, Time, Frames };
+
 struct KindRow {
-    const char* name;           // "frame-lost" and so on.
+    const char* name;  // "frame-lost" and so on.
+    Cost cost;
     const char *what, *remedy;  // What happened and what to do, in Markdown.
 };
 inline constexpr KindRow KINDS[] = {
-#define KIND(kind, name, what, remedy) {name, what, remedy},
+#define KIND(kind, name, cost, what, remedy) {name, Cost::cost, what, remedy},
 #include "tools/account/kinds.def"
 };
 
