@@ -23,7 +23,7 @@ class CameraError : public std::runtime_error {
 // A node of the pipeline, on a thread of its own.
 struct CameraNode {
     std::string name;
-    std::vector<int32_t> ports;  // It reports on the first; on the second by FaultKind::SecondPort.
+    std::vector<int32_t> ports;  // It reports on the first; on the second by the fault second-port.
     bool isBranch = false;       // Takes frames from the last one before it that is no branch, and
                                  // hands them on to nobody.
     // Half of the frames take longer than `median`; all take from median - spread / 2 to
