@@ -3,17 +3,16 @@
 // can be read.
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <utility>
 
-#include "tests/fuzz/require.h"
+#include "tests/fuzz/outputs.h"
 #include "tests/support/harmed.h"
 #include "tools/account/account.h"
 #include "tools/account/reader.h"
 #include "tools/log/capture.h"
 #include "tools/log/message.h"
-#include "tools/output/outputs.h"
 #include "tools/session/made_session.h"
 #include "tools/session/session.h"
 
@@ -48,15 +47,7 @@ std::string Explain(const std::string& text, size_t piece) {
         Require(wrong.empty(), "frames that are not in one cause: " + wrong);
     }
     tools::MakeFindings(account, {});
-    std::ostringstream written, json;
-    WriteText(written, account, {true, {}});
-    WriteCsv(written, account);
-    WritePage(written, account, "name");
-    WriteTrace(written, account, {});
-    WriteJson(json, account);
-    Require(nlohmann::json::accept(json.str()), json.str());
-    WriteComparison(written, account, account);
-    return written.str() + json.str();
+    return OutputsOf(std::move(account), nullptr);
 }
 
 // Makes lines of the library from the bytes, mostly with small values.

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <memory>
 #include <protozero/buffer_string.hpp>
 #include <protozero/pbf_reader.hpp>
 #include <protozero/varint.hpp>
@@ -50,16 +50,17 @@ std::string Explain(const std::string& bytes, size_t piece) {
     }
     const tools::CaptureSummary& summary = reader.Summary();
     tools::Account account = tools::Judge(scenes.Finish(summary.last), summary, {"name"}, {});
-    std::optional<tools::Scheduling> made;
+    std::unique_ptr<tools::Scheduling> made;
     try {
         if (!trace.events.empty()) {
-            made = MakeScheduling(account, "name", std::move(trace), lines);
+            made = std::make_unique<tools::Scheduling>(
+                MakeScheduling(account, "name", std::move(trace), lines));
         }
     } catch (const tools::TieError& error) {
         return error.what();
     }
     tools::MakeFindings(account, {});
-    return OutputsOf(account, made ? &*made : nullptr);
+    return OutputsOf(std::move(account), std::move(made));
 }
 
 // Changes a field somewhere within a message, or all of it, and makes the lengths around it right

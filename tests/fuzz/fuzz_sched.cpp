@@ -3,8 +3,9 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <optional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/fuzz/outputs.h"
@@ -47,14 +48,15 @@ std::string Explain(const std::string& text, size_t piece) {
         lines.OnMessage(message, moment);
     }
     tools::Account account = tools::Judge(scenes.Finish(trace.to), {}, {"name"}, {});
-    std::optional<tools::Scheduling> made;
+    std::unique_ptr<tools::Scheduling> made;
     try {
-        made = MakeScheduling(account, "name", std::move(trace), lines);
+        made = std::make_unique<tools::Scheduling>(
+            MakeScheduling(account, "name", std::move(trace), lines));
     } catch (const tools::TieError&) {
         return "";
     }
     tools::MakeFindings(account, {});
-    return OutputsOf(account, &*made);
+    return OutputsOf(std::move(account), std::move(made));
 }
 
 // Makes lines of a trace from the bytes, mostly of a few threads on two CPUs.

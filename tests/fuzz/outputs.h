@@ -1,11 +1,13 @@
-// What fuzzers of scheduler traces hold of each.
+// What fuzzers hold of what is shown.
 
 #pragma once
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "tests/fuzz/require.h"
 #include "tools/output/outputs.h"
@@ -28,14 +30,17 @@ inline void RequireSums(const tools::SchedTrace& trace) {
     }
 }
 
-// All outputs but the page.
-inline std::string OutputsOf(const tools::Account& account, const tools::Scheduling* scheduling) {
+// All outputs of them, one behind the other. `scheduling`: null where there is no scheduler trace.
+inline std::string OutputsOf(tools::Account account,
+                             std::unique_ptr<tools::Scheduling> scheduling) {
+    const tools::Explained explained{std::move(account), std::move(scheduling), {}, {true, {}}};
     std::ostringstream written, json;
-    WriteText(written, account, {true, {}}, scheduling);
-    WriteCsv(written, account, scheduling);
-    WriteComparison(written, account, account, scheduling, scheduling);
-    WriteTrace(written, account, {}, scheduling);
-    WriteJson(json, account, scheduling);
+    WriteText(written, explained);
+    WriteComparison(written, explained, explained);
+    for (const tools::FileForm& form : tools::FILE_FORMS) {
+        form.write(written, explained);
+    }
+    WriteJson(json, explained);
     Require(nlohmann::json::accept(json.str()), json.str());
     return written.str() + json.str();
 }

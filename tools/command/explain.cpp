@@ -84,14 +84,6 @@ class Copier : public TextSink {
     std::ostream& out;
 };
 
-struct Explained {
-    Account account;
-    std::unique_ptr<Scheduling> scheduling{};  // Null where there is no scheduler trace.
-    // Where the capture is one recording: how its clock and the account's times go together. Empty
-    // for other captures, and where nothing ties them.
-    std::vector<Knot> clocks{};
-};
-
 // `trace`: of the scheduler, taken at the same time as the captures; empty for none. `sinks` get
 // the captures' messages, too.
 Explained Explain(const std::vector<std::string>& captures, const std::string& trace,
@@ -191,16 +183,15 @@ int RunExplain(const ExplainArguments& arguments) {
         }
         return Follow(arguments.judging);
     }
-    const Shown shown = {arguments.showsAllFrames, RangeOf(arguments.frames)};
+    Shown shown = {arguments.showsAllFrames, RangeOf(arguments.frames)};
     SessionMaker maker;
     std::vector<MessageSink*> sinks;
     if (!arguments.session.empty() || !arguments.configuration.empty()) {
         sinks = {&maker};
     }
-    const Explained explained =
-        Explain(arguments.captures, arguments.trace, sinks, arguments.judging);
+    Explained explained = Explain(arguments.captures, arguments.trace, sinks, arguments.judging);
+    explained.shown = shown;
     const Account& account = explained.account;
-    const Scheduling* const scheduling = explained.scheduling.get();
     std::optional<Explained> after;
     if (!arguments.other.empty()) {
         after = Explain({arguments.other}, arguments.otherTrace, {}, arguments.judging);
@@ -210,31 +201,28 @@ int RunExplain(const ExplainArguments& arguments) {
     if (!sinks.empty()) {
         BringToDesk(arguments, account, maker);
     }
-    WriteFile(arguments.csv, [&](std::ostream& file) { WriteCsv(file, account, scheduling); });
-    const size_t more = account.inputs.size() - 1;
-    const std::string title =
-        account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more));
-    WriteFile(arguments.page,
-              [&](std::ostream& file) { WritePage(file, account, title, scheduling); });
-    WriteFile(arguments.tracks, [&](std::ostream& file) {
-        if (!explained.clocks.empty()) {
-            if (arguments.captures.front() == "-") {
-                throw CommandError(
-                    "standard input: error: for --to-trace a recording is read twice: give a file");
+    for (size_t i = 0; i < std::size(FILE_FORMS); ++i) {
+        WriteFile(arguments.files[i], [&](std::ostream& file) {
+            if (FILE_FORMS[i].write == WriteTrace && !explained.clocks.empty()) {
+                if (arguments.captures.front() == "-") {
+                    throw CommandError(
+                        "standard input: error: for --to-trace a recording is read twice: give a "
+                        "file");
+                }
+                Copier copier(file);
+                ReadInput(copier, arguments.captures.front());
             }
-            Copier copier(file);
-            ReadInput(copier, arguments.captures.front());
-        }
-        WriteTrace(file, account, shown.range, scheduling, explained.clocks);
-    });
+            FILE_FORMS[i].write(file, explained);
+        });
+    }
     if (arguments.isJson) {
-        WriteFile("-", [&](std::ostream& out) { WriteJson(out, account, scheduling); });
+        WriteFile("-", [&](std::ostream& out) { WriteJson(out, explained); });
     } else {
         std::ostringstream text;
         if (after) {
-            WriteComparison(text, account, after->account, scheduling, after->scheduling.get());
+            WriteComparison(text, explained, *after);
         } else {
-            WriteText(text, account, shown, scheduling);
+            WriteText(text, explained);
         }
         Show(text.str());
     }

@@ -107,15 +107,14 @@ void AddExplain(CLI::App& app, ExplainArguments& arguments) {
         "Show these frames in the trace, and in the table, whatever became of them; one, or a "
         "range");
     command.option_defaults()->group(OUTPUTS);
-    Add(command, "--to-csv FILE", arguments.csv, "Write a table here, a row for each frame");
-    // A page and a trace show one capture, and a comparison has two.
-    Add(command, "--to-html FILE", arguments.page,
-        "Write a page for a browser: findings, figures and frames, in one file")
-        ->excludes(compare);
-    Add(command, "--to-trace FILE", arguments.tracks,
-        "Write a trace for ui.perfetto.dev: tracks of frames, stages and findings; of a recording, "
-        "all of it with these tracks added")
-        ->excludes(compare);
+    for (size_t i = 0; i < std::size(FILE_FORMS); ++i) {
+        const FileForm& form = FILE_FORMS[i];
+        CLI::Option* const option =
+            Add(command, form.option + std::string(" FILE"), arguments.files[i], form.help);
+        if (form.isOfOne) {
+            option->excludes(compare);
+        }
+    }
     Add(command, "--to-session FILE", arguments.session,
         "Write the HAL's calls here, as a session for replay");
     Add(command, "--to-config FILE", arguments.configuration,

@@ -3,12 +3,15 @@
 
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/account/account.h"
+#include "tools/output/outputs.h"
 #include "tools/play/replay.h"
 
 namespace tools {
@@ -17,8 +20,9 @@ struct ExplainArguments {
     std::vector<std::string> captures;
     std::string other;
     std::string trace, otherTrace;
-    std::string page, tracks, csv, session, configuration;  // Files to write.
-    std::string frames;                                     // To show whatever became of them.
+    std::array<std::string, std::size(FILE_FORMS)> files;  // To write, each by its form.
+    std::string session, configuration;                    // To write as well.
+    std::string frames;                                    // To show whatever became of them.
     JudgeOptions judging;
     bool isJson = false;
     bool isFollowing = false;

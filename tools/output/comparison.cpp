@@ -128,8 +128,9 @@ std::vector<Figure> CountsOf(const Account& account) {
 // Of a scene that was started: its title, and its figures.
 using ComparedScene = std::pair<std::string, std::vector<Figure>>;
 
-std::vector<ComparedScene> ScenesOf(const Account& account, const Scheduling* scheduling,
-                                    int digits) {
+std::vector<ComparedScene> ScenesOf(const Explained& explained, int digits) {
+    const Account& account = explained.account;
+    const Scheduling* const scheduling = explained.scheduling.get();
     std::vector<ComparedScene> scenes;
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         const JudgedScene& scene = account.scenes[i];
@@ -143,13 +144,15 @@ std::vector<ComparedScene> ScenesOf(const Account& account, const Scheduling* sc
 
 }  // namespace
 
-void WriteComparison(std::ostream& out, const Account& before, const Account& after,
-                     const Scheduling* schedulingBefore, const Scheduling* schedulingAfter) {
+void WriteComparison(std::ostream& out, const Explained& explainedBefore,
+                     const Explained& explainedAfter) {
+    const Account& before = explainedBefore.account;
+    const Account& after = explainedAfter.account;
     out << "Before: " << VerdictOf(before) << "\nAfter:  " << VerdictOf(after) << '\n';
     WriteConfigurations(out, before, after);
     const int digits = std::min(before.resolution, after.resolution) >= MILLISECOND ? 0 : 3;
-    const std::vector<ComparedScene> olds = ScenesOf(before, schedulingBefore, digits);
-    const std::vector<ComparedScene> news = ScenesOf(after, schedulingAfter, digits);
+    const std::vector<ComparedScene> olds = ScenesOf(explainedBefore, digits);
+    const std::vector<ComparedScene> news = ScenesOf(explainedAfter, digits);
     if (olds.size() != news.size()) {
         out << fmt::format("Before there were {}, after {}; they are compared in order.\n",
                            Counted(std::ssize(olds), "scene"), news.size());

@@ -9,7 +9,9 @@
 
 namespace tools {
 
-void WriteCsv(std::ostream& out, const Account& account, const Scheduling* scheduling) {
+void WriteCsv(std::ostream& out, const Explained& explained) {
+    const Account& account = explained.account;
+    const Scheduling* const scheduling = explained.scheduling.get();
     int32_t stages = 0;
     for (const JudgedScene& scene : account.scenes) {
         stages = std::max(stages, scene.stageCount);

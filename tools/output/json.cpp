@@ -157,7 +157,9 @@ Json ToJson(const Account& account, const JudgedScene& scene) {
 
 }  // namespace
 
-void WriteJson(std::ostream& out, const Account& account, const Scheduling* scheduling) {
+void WriteJson(std::ostream& out, const Explained& explained) {
+    const Account& account = explained.account;
+    const Scheduling* const scheduling = explained.scheduling.get();
     Json json = {{"version", VERSION},
                  {"verdict", VerdictOf(account)},
                  {"capture",

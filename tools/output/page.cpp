@@ -299,8 +299,12 @@ void WriteConfigurations(std::ostream& out, const Account& account) {
 
 }  // namespace
 
-void WritePage(std::ostream& out, const Account& account, const std::string& title,
-               const Scheduling* scheduling) {
+void WritePage(std::ostream& out, const Explained& explained) {
+    const Account& account = explained.account;
+    const Scheduling* const scheduling = explained.scheduling.get();
+    const size_t more = account.inputs.size() - 1;
+    const std::string title =
+        account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more));
     const bool isWell = WorstOf(account) == Severity::Note;
     // Nothing is ever fetched, whatever a capture may hold.
     fmt::print(out, R"(<!doctype html>

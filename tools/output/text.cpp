@@ -137,8 +137,9 @@ void WriteFrames(std::ostream& out, const Account& account, const JudgedScene& s
 
 }  // namespace
 
-void WriteText(std::ostream& out, const Account& account, const Shown& shown,
-               const Scheduling* scheduling) {
+void WriteText(std::ostream& out, const Explained& explained) {
+    const Account& account = explained.account;
+    const Scheduling* const scheduling = explained.scheduling.get();
     out << VerdictOf(account) << "\n\n";
     WriteCapture(out, account);
     if (scheduling != nullptr) {
@@ -164,7 +165,7 @@ void WriteText(std::ostream& out, const Account& account, const Shown& shown,
                 out << '\n' << table.caption << ":\n";
                 WriteTable(out, table.rows, Cells::Figures);
             }
-            WriteFrames(out, account, scene, shown);
+            WriteFrames(out, account, scene, explained.shown);
         }
     }
 }

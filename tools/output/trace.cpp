@@ -43,7 +43,7 @@ constexpr uint64_t FIRST_ID = uint64_t{SEQUENCE} << 32;
 // The one place that knows the form. The numbers in it are those of fields and values there.
 class Packets {
   public:
-    // `knots`: the `clocks` of WriteTrace.
+    // `knots`: as `Explained::clocks`.
     Packets(std::ostream& stream, const std::vector<Knot>& knots)
         : out(stream), clocks(knots), origin(std::max<int64_t>(NanosecondsOf(0), 0)) {}
 
@@ -470,12 +470,14 @@ void WriteScene(View view, const Scheduling* scheduling) {
 
 }  // namespace
 
-void WriteTrace(std::ostream& out, const Account& account,
-                const std::optional<std::pair<int64_t, int64_t>>& frames,
-                const Scheduling* scheduling, const std::vector<Knot>& clocks) {
-    Packets packets(out, clocks);
+void WriteTrace(std::ostream& out, const Explained& explained) {
+    const Account& account = explained.account;
+    // A recording has the threads itself.
+    const Scheduling* const scheduling =
+        explained.clocks.empty() ? explained.scheduling.get() : nullptr;
+    Packets packets(out, explained.clocks);
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        WriteScene({account, i, frames, packets}, clocks.empty() ? scheduling : nullptr);
+        WriteScene({account, i, explained.shown.range, packets}, scheduling);
     }
     if (!account.findings.empty()) {
         const uint64_t group = packets.BeginTrack(0, "the capture as a whole");
