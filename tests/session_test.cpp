@@ -28,7 +28,7 @@ class LineMaker {
             default:
                 const auto forms = tools::Operations();
                 const tools::OperationForm& form = forms[Below(forms.size())];
-                tools::Call call{form.operation, {}};
+                tools::Call call{&form, {}};
                 for (const tools::Value& type : form.types) {
                     call.arguments.push_back(
                         std::visit([this](const auto& one) { return Argument(one); }, type));

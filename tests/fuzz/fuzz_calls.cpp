@@ -52,14 +52,14 @@ class Player : private Contract {
     Player& operator=(const Player&) = delete;
 
     void Play(const tools::Call& call) {
-        const std::string name(tools::FormOf(call.operation).name);
+        const std::string name(call.form->name);
         const bool wasStarted = isStarted;
-        isHalReporting = call.operation == tools::Operation::ErrorFrame;
+        isHalReporting = name == "TcfbtNotifyErrorFrame";
         isStageEvent = name.find("NotifyStage") != std::string::npos;
         const std::optional<int32_t> result = tools::Make(call, boost);
         isHalReporting = false;
         SettleSceneEnd();
-        if (call.operation == tools::Operation::SetVersion) {
+        if (name == "TcfbtSetVersion") {
             LetServiceAnswer(std::min(call.Get<int32_t>("version"), 0));
         }
         Require(violation.empty(), "after " + name + ": " + violation);

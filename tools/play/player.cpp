@@ -26,11 +26,10 @@ Player::Player(Watcher playWatcher, Pace playPace)
     // The dump does not have it where a stage could not be loaded.
     configuration.stageCount = TarvoCameraFrameBoost::localConfig.GetStageCount();
     for (const auto& [stage, node, ports] : configuration.stages) {
-        if (stage != std::ssize(nodeEnds) || ports.empty() ||
-            configuration.StageOf(node) != stage) {
+        if (stage != recordable || ports.empty() || configuration.StageOf(node) != stage) {
             break;
         }
-        nodeEnds.push_back(Call{Operation::NodeEnd, {int64_t{0}, node, ports.front(), 0, true}});
+        ++recordable;
     }
     watcher({nullptr, time, {}, std::move(effects), &configuration});
 }
@@ -39,11 +38,11 @@ std::optional<std::string> Player::WhyNotRecordable() const {
     if (*configuration.stageCount < 1) {
         return "the configuration has no stages, expected one that has";
     }
-    if (std::ssize(nodeEnds) < *configuration.stageCount) {
+    if (recordable < *configuration.stageCount) {
         return fmt::format(
             "stage {} of the configuration cannot be recorded through, expected a node of its own "
             "with a port",
-            nodeEnds.size());
+            recordable);
     }
     return std::nullopt;
 }
@@ -61,7 +60,7 @@ void Player::Play(const Line& line) {
 }
 
 void Player::PlayCall(const Call& call) {
-    if (call.operation == Operation::SetSceneInfo) {
+    if (call.form->name == "TcfbtSetSceneInfo") {
         sceneFps = call.Get<int32_t>("fps");
     }
     const std::optional<int32_t> result = Make(call, boost);
@@ -71,9 +70,8 @@ void Player::PlayCall(const Call& call) {
 void Player::PlayRecording(const Recording& recording) {
     const int32_t stageCount = *configuration.stageCount;
     const auto reportNodeEnd = [this](int32_t stage, int64_t frame) {
-        Call& call = nodeEnds[static_cast<size_t>(stage)];
-        call.Set("halFrameNumber", frame);
-        PlayCall(call);
+        const auto& [number, node, ports] = configuration.stages[static_cast<size_t>(stage)];
+        PlayCall({FormOf("TcfbtNotifyNodeEnd"), {frame, node, ports.front(), 0, true}});
     };
 
     const int64_t first = recording.first.value_or(std::max<int64_t>(nextFrame, 1));

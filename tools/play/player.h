@@ -66,9 +66,7 @@ class Player {
     Pace pace;
     TarvoCameraFrameBoost boost;
     Configuration configuration;  // As loaded.
-    // Of the stages from 0 on, as far as a recording can go through them; for a frame to be filled
-    // in.
-    std::vector<Call> nodeEnds;
+    int32_t recordable = 0;       // Through so many stages from 0 on a recording can go.
     Micros time = 0;
     std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
     int32_t sceneFps = 0;   // As last described.

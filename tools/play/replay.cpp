@@ -50,21 +50,22 @@ std::string_view RowOf(MessageKind kind, bool isDone) {
 
 // The frame and stage events that a call leads to while a scene runs, without their frames.
 std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configuration) {
-    switch (call.operation) {
-        case Operation::FrameStart:
-            return {{MessageKind::FrameStart, 0}};
-        case Operation::FrameEnd:
-            return {{MessageKind::FrameEnd, 0}};
-        case Operation::StageStart:
-        case Operation::StageEnd:
-            return {{MessageKind::StageEnd, 0}};
-        case Operation::NodeEnd:
-            return tools::EventsOf(call.Get<int64_t>("halFrameNumber"),
-                                   configuration.StageOf(call.Get<std::string>("nodeName")),
-                                   configuration.stageCount.value_or(0));
-        default:
-            return {};
+    if (call.form->name == "TcfbtNotifyNodeEnd") {
+        return tools::EventsOf(call.Get<int64_t>("halFrameNumber"),
+                               configuration.StageOf(call.Get<std::string>("nodeName")),
+                               configuration.stageCount.value_or(0));
     }
+    constexpr std::pair<std::string_view, MessageKind> EVENTS[] = {
+        {"TcfbtNotifyFrameStart", MessageKind::FrameStart},
+        {"TcfbtNotifyFrameEnd", MessageKind::FrameEnd},
+        {"TcfbtNotifyStageStart", MessageKind::StageStart},
+        {"TcfbtNotifyStageEnd", MessageKind::StageEnd}};
+    for (const auto& [operation, kind] : EVENTS) {
+        if (call.form->name == operation) {
+            return {{kind, 0}};
+        }
+    }
+    return {};
 }
 
 using Json = nlohmann::json;
@@ -123,7 +124,7 @@ Counts CountsOf(const Call& call, const Played& played) {
             --silent[RowOf(message->kind, false)];
         }
     }
-    if (call.operation == Operation::NodeEnd) {
+    if (call.form->name == "TcfbtNotifyNodeEnd") {
         const bool isStagePort = played.configuration->IsStagePort(
             call.Get<std::string>("nodeName"), call.Get<int32_t>("portId"));
         if (!isStagePort || isSilent) {
@@ -133,7 +134,7 @@ Counts CountsOf(const Call& call, const Played& played) {
         }
     }
     const bool isInScene = played.result != -1;
-    if (call.operation == Operation::SceneStart && isSilent && !isInScene) {
+    if (call.form->name == "TcfbtNotifySceneStart" && isSilent && !isInScene) {
         ++counts[{"scenes refused", "not described as a scene to boost"}];
     }
     for (const auto& [row, count] : silent) {
@@ -211,7 +212,7 @@ class Transcript {
 
   private:
     void ShowCall(const Call& call, std::optional<int32_t> result) {
-        const OperationForm& form = FormOf(call.operation);
+        const OperationForm& form = *call.form;
         std::vector<std::string> arguments;
         for (size_t i = 0; i < call.arguments.size(); ++i) {
             const Value& value = call.arguments[i];

@@ -35,7 +35,6 @@ struct Station {
     uint64_t index;  // Among the camera's nodes.
     int32_t stage;   // -1: a branch.
     int32_t thread;
-    Call report;                        // Its node end, for frame and port to be filled in.
     std::vector<Station*> receivers{};  // Frames are handed on to them.
     std::deque<int64_t> waiting{};
     std::deque<Work> works{};  // In the order of the frames. Those that are done wait for others.
@@ -208,7 +207,7 @@ class Simulation {
             }
         }
         now += camera.wait;
-        Make(Operation::SceneEnd, {});
+        Make("TcfbtNotifySceneEnd", {});
         if (truth) {
             truth->Write(*options.truth, sceneBegin, now);
         }
@@ -217,7 +216,7 @@ class Simulation {
 
   private:
     void OnPlayed(const Played& call) {
-        if (call.call != nullptr && call.call->operation == Operation::SceneStart) {
+        if (call.call != nullptr && call.call->form->name == "TcfbtNotifySceneStart") {
             result.isBoosted = call.result == 0;
         }
         const int64_t begin = options.format.isMonotonic ? SINCE_BOOT : CAPTURE_BEGIN;
@@ -263,27 +262,22 @@ class Simulation {
     }
 
     // Makes the call now.
-    void Make(const Line& call, int32_t onThread) {
+    void Make(std::string_view operation, std::vector<Value> arguments,
+              int32_t onThread = CAPTURE_PROCESS) {
         if (now > played) {
             Play(Wait{now - std::exchange(played, now)});
         }
         thread = onThread;
-        Play(call);
-    }
-
-    void Make(Operation operation, std::vector<Value> arguments) {
-        Make(Call{operation, std::move(arguments)}, CAPTURE_PROCESS);
+        Play(Call{FormOf(operation), std::move(arguments)});
     }
 
     void MakeStations() {
         Station* last = nullptr;  // The last one that is no branch.
         for (const CameraNode& node : camera.nodes) {
             const size_t index = stations.size();
-            Station& station = stations.emplace_back(Station{
-                node, index, node.isBranch ? -1 : stageCount++,
-                CAPTURE_PROCESS + 100 + static_cast<int32_t>(index),
-                Call{Operation::NodeEnd,
-                     {int64_t{0}, node.name, node.ports.front(), camera.id, camera.isMaster}}});
+            Station& station =
+                stations.emplace_back(Station{node, index, node.isBranch ? -1 : stageCount++,
+                                              CAPTURE_PROCESS + 100 + static_cast<int32_t>(index)});
             if (last != nullptr) {
                 last->receivers.push_back(&station);
             }
@@ -293,19 +287,19 @@ class Simulation {
 
     void StartScene() {
         now = 200 * MILLISECOND;
-        Make(Operation::SetVersion, {2});
+        Make("TcfbtSetVersion", {2});
         int32_t tid = CAPTURE_PROCESS + 10;
         for (const char* manager :
              {"SoloThreadManager", "AuxThreadManager", "RecyclThreadManager"}) {
-            Make(Operation::AddPersistTids, {std::string(manager), tid++});
+            Make("TcfbtAddPersistTids", {std::string(manager), tid++});
         }
         for (const Station& station : stations) {
-            Make(Operation::AddTempTids, {station.thread});
+            Make("TcfbtAddTempTids", {station.thread});
         }
         now += 20 * MILLISECOND;
-        Make(Operation::SetSceneInfo, {true, camera.width, camera.fps});
+        Make("TcfbtSetSceneInfo", {true, camera.width, camera.fps});
         const std::vector<int32_t>& modes = player.Loaded().modes;
-        Make(Operation::SceneStart, {camera.mode.value_or(modes.empty() ? 0 : modes.front())});
+        Make("TcfbtNotifySceneStart", {camera.mode.value_or(modes.empty() ? 0 : modes.front())});
     }
 
     // The sensor's next frame is due.
@@ -331,7 +325,7 @@ class Simulation {
         }
         if (isDropped || isOverrun) {
             result.overruns += isOverrun ? 1 : 0;
-            Make(Operation::ErrorFrame, {NumberOf(frame), 0});
+            Make("TcfbtNotifyErrorFrame", {NumberOf(frame), 0});
             if (isRecovered) {
                 Recover(NumberOf(frame));
             }
@@ -349,9 +343,9 @@ class Simulation {
 
     // What the HAL does about a frame that never leaves stage 0.
     void Recover(int64_t number) {
-        Make(Operation::FrameStart, {number + 1});
-        Make(Operation::StageStart, {0, number + 1, 0, 20, stations.front().node.name});
-        Make(Operation::FrameEnd, {number});
+        Make("TcfbtNotifyFrameStart", {number + 1});
+        Make("TcfbtNotifyStageStart", {0, number + 1, 0, 20, stations.front().node.name});
+        Make("TcfbtNotifyFrameEnd", {number});
     }
 
     // The frame that was due, and all else that was to happen, comes later.
@@ -457,9 +451,10 @@ class Simulation {
         if (truth && station.stage >= 0) {
             truth->OnLeft(frame, station.stage, now);
         }
-        station.report.Set("halFrameNumber", NumberOf(frame));
-        station.report.Set("portId", station.node.ports[port]);
-        Make(station.report, station.thread);
+        const CameraNode& node = station.node;
+        Make("TcfbtNotifyNodeEnd",
+             {NumberOf(frame), node.name, node.ports[port], camera.id, camera.isMaster},
+             station.thread);
     }
 
     // The amount of a fault that is due for the frame. One that cannot happen to several in a row

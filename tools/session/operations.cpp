@@ -12,8 +12,7 @@ using Boost = TarvoCameraFrameBoost;
 
 // The form of a member function; its type has the types of the parameters.
 template <typename Result, typename... Arguments>
-OperationForm Bind(Operation operation, std::string_view name,
-                   Result (Boost::*function)(Arguments...),
+OperationForm Bind(std::string_view name, Result (Boost::*function)(Arguments...),
                    const std::array<std::string_view, sizeof...(Arguments)>& parameters = {}) {
     const auto call = [function](Boost& boost,
                                  const std::vector<Value>& values) -> std::optional<int32_t> {
@@ -27,58 +26,47 @@ OperationForm Bind(Operation operation, std::string_view name,
             return std::apply(function, all);
         }
     };
-    return {operation,
-            name,
-            {parameters.begin(), parameters.end()},
-            {std::decay_t<Arguments>{}...},
-            call};
+    return {name, {parameters.begin(), parameters.end()}, {std::decay_t<Arguments>{}...}, call};
 }
 
 }  // namespace
 
 std::span<const OperationForm> Operations() {
-    using enum Operation;
     static const std::vector<OperationForm> operations = {
-        Bind(SetVersion, "TcfbtSetVersion", &Boost::TcfbtSetVersion, {"version"}),
-        Bind(SetSceneInfo, "TcfbtSetSceneInfo", &Boost::TcfbtSetSceneInfo,
-             {"isVideo", "resolution", "fps"}),
-        Bind(GetFpsScene, "GetTcfbtFpsScene", &Boost::GetTcfbtFpsScene, {"fps"}),
-        Bind(SceneStart, "TcfbtNotifySceneStart", &Boost::TcfbtNotifySceneStart, {OPERATION_MODE}),
-        Bind(SceneEnd, "TcfbtNotifySceneEnd", &Boost::TcfbtNotifySceneEnd),
-        Bind(FrameStart, "TcfbtNotifyFrameStart", &Boost::TcfbtNotifyFrameStart,
-             {"halFrameNumber"}),
-        Bind(ErrorFrame, "TcfbtNotifyErrorFrame", &Boost::TcfbtNotifyErrorFrame,
-             {"frameNumber", "stage"}),
-        Bind(FrameEnd, "TcfbtNotifyFrameEnd", &Boost::TcfbtNotifyFrameEnd, {"halFrameNumber"}),
-        Bind(StageStart, "TcfbtNotifyStageStart", &Boost::TcfbtNotifyStageStart,
+        Bind("TcfbtSetVersion", &Boost::TcfbtSetVersion, {"version"}),
+        Bind("TcfbtSetSceneInfo", &Boost::TcfbtSetSceneInfo, {"isVideo", "resolution", "fps"}),
+        Bind("GetTcfbtFpsScene", &Boost::GetTcfbtFpsScene, {"fps"}),
+        Bind("TcfbtNotifySceneStart", &Boost::TcfbtNotifySceneStart, {OPERATION_MODE}),
+        Bind("TcfbtNotifySceneEnd", &Boost::TcfbtNotifySceneEnd),
+        Bind("TcfbtNotifyFrameStart", &Boost::TcfbtNotifyFrameStart, {"halFrameNumber"}),
+        Bind("TcfbtNotifyErrorFrame", &Boost::TcfbtNotifyErrorFrame, {"frameNumber", "stage"}),
+        Bind("TcfbtNotifyFrameEnd", &Boost::TcfbtNotifyFrameEnd, {"halFrameNumber"}),
+        Bind("TcfbtNotifyStageStart", &Boost::TcfbtNotifyStageStart,
              {"stage", "halFrameNumber", "stageArg1", "stageArg2", "nodeName"}),
-        Bind(StageEnd, "TcfbtNotifyStageEnd", &Boost::TcfbtNotifyStageEnd,
+        Bind("TcfbtNotifyStageEnd", &Boost::TcfbtNotifyStageEnd,
              {"stage", "halFrameNumber", "nodeName"}),
-        Bind(NodeEnd, "TcfbtNotifyNodeEnd", &Boost::TcfbtNotifyNodeEnd,
+        Bind("TcfbtNotifyNodeEnd", &Boost::TcfbtNotifyNodeEnd,
              {"halFrameNumber", "nodeName", "portId", "currentCameraId", "isMaterCamera"}),
-        Bind(RemapStage, "TcfbtRemapStage", &Boost::TcfbtRemapStage,
+        Bind("TcfbtRemapStage", &Boost::TcfbtRemapStage,
              {"isMaterCamera", "currentCameraId", "nodeName"}),
-        Bind(AddPersistTids, "TcfbtAddPersistTids", &Boost::TcfbtAddPersistTids, {"name", "tid"}),
-        Bind(AddTempTids, "TcfbtAddTempTids", &Boost::TcfbtAddTempTids, {"tid"}),
-        Bind(SetTids, "TcfbtSetTids", &Boost::TcfbtSetTids),
-        Bind(RemoveTids, "TcfbtRemoveTids", &Boost::TcfbtRemoveTids, {"tids"}),
-        Bind(DumpInfo, "DumpInfo", &Boost::DumpInfo),
+        Bind("TcfbtAddPersistTids", &Boost::TcfbtAddPersistTids, {"name", "tid"}),
+        Bind("TcfbtAddTempTids", &Boost::TcfbtAddTempTids, {"tid"}),
+        Bind("TcfbtSetTids", &Boost::TcfbtSetTids),
+        Bind("TcfbtRemoveTids", &Boost::TcfbtRemoveTids, {"tids"}),
+        Bind("DumpInfo", &Boost::DumpInfo),
     };
     return operations;
 }
 
-const OperationForm& FormOf(Operation operation) {
-    return Operations()[static_cast<size_t>(operation)];
-}
-
-size_t Call::IndexOf(std::string_view parameter) const {
-    const auto& parameters = FormOf(operation).parameters;
-    return static_cast<size_t>(std::find(parameters.begin(), parameters.end(), parameter) -
-                               parameters.begin());
+const OperationForm* FormOf(std::string_view name) {
+    const auto operations = Operations();
+    const auto form = std::find_if(operations.begin(), operations.end(),
+                                   [name](const OperationForm& one) { return one.name == name; });
+    return form == operations.end() ? nullptr : &*form;
 }
 
 std::optional<int32_t> Make(const Call& call, TarvoCameraFrameBoost& boost) {
-    return FormOf(call.operation).call(boost, call.arguments);
+    return call.form->call(boost, call.arguments);
 }
 
 }  // namespace tools

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -16,31 +17,10 @@
 
 namespace tools {
 
-enum class Operation : uint8_t {
-    SetVersion,
-    SetSceneInfo,
-    GetFpsScene,
-    SceneStart,
-    SceneEnd,
-    FrameStart,
-    ErrorFrame,
-    FrameEnd,
-    StageStart,
-    StageEnd,
-    NodeEnd,
-    RemapStage,
-    AddPersistTids,
-    AddTempTids,
-    SetTids,
-    RemoveTids,
-    DumpInfo,
-};
-
 // An argument, of whatever type the operation takes.
 using Value = std::variant<bool, int32_t, int64_t, std::string, std::vector<int32_t>>;
 
 struct OperationForm {
-    Operation operation;
     std::string_view name;
     std::vector<std::string_view> parameters;  // Their names.
     std::vector<Value> types;  // A value of each parameter's type; what value does not matter.
@@ -52,29 +32,25 @@ struct OperationForm {
 // The parameter that files and transcripts show in hexadecimal.
 inline constexpr std::string_view OPERATION_MODE = "operationMode";
 
-// All operations of the facade, in the order of Operation.
+// All operations of the facade.
 std::span<const OperationForm> Operations();
-const OperationForm& FormOf(Operation operation);
+// The operation of that name; null where there is none.
+const OperationForm* FormOf(std::string_view name);
 
 // A call of one of them.
 struct Call {
-    Operation operation = Operation::DumpInfo;
+    const OperationForm* form;
     std::vector<Value> arguments;  // A value for each parameter, of its type.
 
     // The value of a parameter that the operation has, of type T.
     template <typename T>
     const T& Get(std::string_view parameter) const {
-        return std::get<T>(arguments.at(IndexOf(parameter)));
-    }
-    template <typename T>
-    void Set(std::string_view parameter, const T& value) {
-        std::get<T>(arguments.at(IndexOf(parameter))) = value;
+        const auto& names = form->parameters;
+        const auto found = std::find(names.begin(), names.end(), parameter);
+        return std::get<T>(arguments.at(static_cast<size_t>(found - names.begin())));
     }
 
     bool operator==(const Call&) const = default;
-
-  private:
-    size_t IndexOf(std::string_view parameter) const;
 };
 
 // Makes the call. Returns its result; nothing for an operation without one.

@@ -62,7 +62,7 @@ std::string UsageOf(const OperationForm& form) {
 }
 
 Call ParseCall(const OperationForm& form, const std::vector<Word>& words) {
-    Call call{form.operation, {}};
+    Call call{&form, {}};
     size_t next = 1;
     for (size_t i = 0; i < form.parameters.size(); ++i) {
         const std::string_view parameter = form.parameters[i];
@@ -192,10 +192,9 @@ std::string WriteLine(const Line& line) {
         return fmt::format("ServiceStatus {} {}", NameOf(status->function), status->status);
     }
     const Call& call = std::get<Call>(line);
-    const OperationForm& form = FormOf(call.operation);
-    std::string text(form.name);
+    std::string text(call.form->name);
     for (size_t i = 0; i < call.arguments.size(); ++i) {
-        const std::string word = TextOf(form.parameters[i], call.arguments[i]);
+        const std::string word = TextOf(call.form->parameters[i], call.arguments[i]);
         text += (word.empty() ? "" : " ") + word;
     }
     return text;
