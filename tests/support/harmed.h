@@ -15,7 +15,7 @@ inline std::string MiscountedFrames(const tools::Scene& scene, const tools::Colu
     std::map<int64_t, int64_t> counts;
     for (size_t row = 0; row < columns.fates.size(); ++row) {
         counts[scene.frames[row].number] -=
-            tools::HarmOf(columns.fates[row]) != tools::Harm::None ? 1 : 0;
+            columns.fates[row].isLate || tools::IsBad(columns.fates[row]) ? 1 : 0;
     }
     for (const auto& [number, lost] : columns.lost) {
         counts[number] -= scene.RowOf(number) == tools::NO_INDEX ? 1 : 0;

@@ -6,11 +6,9 @@
 #include <iterator>
 #include <map>
 #include <set>
-#include <span>
 #include <tuple>
 #include <utility>
 
-#include "tools/base/text.h"
 #include "tools/check/check.h"
 
 namespace tools {
@@ -79,13 +77,17 @@ JudgedScene JudgedOf(Scene scene, const Configuration* configuration, double lat
         judged.causes = {RefusalOf(judged, configuration)};
         return judged;
     }
-    // Of two objects at once only that is said.
-    const std::span<Finder*const> all(FINDERS),
-        finders = all.first(judged.columns.isMixed ? 1 : all.size());
-    for (Finder* const find : finders) {
-        find(judged, judged.columns, judged.causes);
+    if (judged.columns.isMixed) {
+        judged.causes = {{.what = Case::TwoObjects,
+                          .span = {judged.begin, judged.stop},
+                          .place = judged.from,
+                          .time = judged.begin}};
+    } else {
+        for (Finder* const find : FINDERS) {
+            find(judged, judged.columns, judged.causes);
+        }
+        Attribute(judged, judged.columns, judged.causes);
     }
-    Attribute(judged, judged.columns, judged.causes);
     judged.figures = FiguresOf(judged);
     return judged;
 }
@@ -226,14 +228,13 @@ void MakeFindings(Account& account, const JudgeOptions& options) {
 
 Severity WorstOf(const Account& account) {
     Severity worst = Severity::Note;
-    const auto add = [&worst](const std::vector<SceneFinding>& findings) {
-        for (const SceneFinding& finding : findings) {
+    for (const SceneFinding& finding : account.findings) {
+        worst = std::max(worst, finding.severity);
+    }
+    for (const JudgedScene& judged : account.scenes) {
+        for (const SceneFinding& finding : judged.findings) {
             worst = std::max(worst, finding.severity);
         }
-    };
-    add(account.findings);
-    for (const JudgedScene& judged : account.scenes) {
-        add(judged.findings);
     }
     return worst;
 }

@@ -22,14 +22,8 @@ bool IsNotBoosted(const Fate& fate) {
            (fate.status != FrameStatus::Open || fate.isNeverOut);
 }
 
-Harm HarmOf(const Fate& fate) {
-    if (fate.isNeverOut) {
-        return Harm::NeverOut;
-    }
-    if (IsNotBoosted(fate)) {
-        return Harm::NotBoosted;
-    }
-    return fate.isLate ? Harm::Late : Harm::None;
+bool IsBad(const Fate& fate) {
+    return fate.isNeverOut || IsNotBoosted(fate);
 }
 
 namespace {
@@ -77,13 +71,12 @@ struct Attribution {
         }
         std::vector<uint32_t> others, late;  // Rows that no cause explains.
         for (uint32_t row = 0; row < scene.frames.size(); ++row) {
-            const Harm harm = HarmOf(columns.fates[row]);
-            if (harm > Harm::Late && !Count(scene.frames[row].number, CauseOf(row))) {
+            if (IsBad(columns.fates[row]) && !Count(scene.frames[row].number, CauseOf(row))) {
                 others.push_back(row);
             }
         }
         for (const LateFrame& one : columns.late) {
-            if (HarmOf(columns.fates[one.row]) == Harm::Late &&
+            if (!IsBad(columns.fates[one.row]) &&
                 !Count(scene.frames[one.row].number, CauseOf(one))) {
                 late.push_back(one.row);
             }
@@ -248,9 +241,6 @@ struct Attribution {
 void Attribute(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     std::sort(causes.begin(), causes.end(),
               [](const Cause& one, const Cause& other) { return KeyOf(one) < KeyOf(other); });
-    if (columns.isMixed) {
-        return;
-    }
     Attribution{scene, columns, causes}.Run();
     // The table's depth matters where it cost something.
     std::erase_if(causes, [](const Cause& cause) {

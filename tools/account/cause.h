@@ -156,12 +156,11 @@ inline constexpr Finder* FINDERS[] = {FindMissingLines, FindMisreports, FindLoss
 // Why a scene was refused. `configuration`: null where it is not known.
 Cause RefusalOf(const Scene& scene, const Configuration* configuration);
 
-// What is bad about a frame.
-enum class Harm : uint8_t { None, Late, NotBoosted, NeverOut };
-// Of each row. Of frames near missing lines nothing is said but that they never came out.
-Harm HarmOf(const Fate& fate);
 // Whether the service should have been told of the frame from start to end, and was not.
 bool IsNotBoosted(const Fate& fate);
+// Whether it was not, or the frame never came out. Other frames may be late. Of frames near missing
+// lines nothing is said but that they never came out.
+bool IsBad(const Fate& fate);
 
 // Counts each bad frame to one cause: by mechanism first, by the precedence of kinds second. What
 // no cause explains becomes a cause of its own. The result does not depend on the causes' order.

@@ -4,7 +4,6 @@
 
 #include "tools/account/limits.h"
 #include "tools/account/steps.h"
-#include "tools/base/statistics.h"
 
 namespace tools {
 namespace {

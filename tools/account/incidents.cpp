@@ -200,13 +200,6 @@ void FindRates(const Scene& scene, const Columns& columns, std::vector<Cause>& c
 }  // namespace
 
 void FindMissingLines(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    if (columns.isMixed) {
-        causes.push_back({.what = Case::TwoObjects,
-                          .span = {scene.begin, scene.stop},
-                          .place = scene.from,
-                          .time = scene.begin});
-        return;
-    }
     FindHoles(scene, columns, causes);
     FindRestart(scene, columns, causes);
 }

@@ -135,7 +135,6 @@ class RunningScene {
         }
         std::erase_if(inFlight, [this](int32_t one) { return !rows.contains(one); });
         std::erase_if(scene.repeats, [before](auto& one) { return one.second.pass.left < before; });
-        std::erase_if(scene.evictions, [before](Micros time) { return time < before; });
         std::erase_if(scene.leftOut, isOld);
         std::erase_if(scene.clockSteps, isOld);
         std::erase_if(scene.silences, [before](const auto& one) { return one.end < before; });
@@ -428,7 +427,6 @@ class RunningScene {
             NoteTrouble(rows.at(*oldest), place, time);
             inFlight.erase(*oldest);
         }
-        scene.evictions.push_back(time);
     }
 
     // Where a HAL reports stages itself, the line of a refused event names no stage. Frames go

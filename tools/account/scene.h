@@ -135,7 +135,6 @@ struct Scene {
     };
     std::map<int64_t, Repeat> repeats;  // By number, the first node end of a stage that the frame
                                         // had left.
-    std::vector<Micros> evictions;      // When the library made room in the table.
     struct Disturbance {
         Micros time;
         int64_t amount;  // Lines; microseconds.

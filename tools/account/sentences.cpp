@@ -213,7 +213,7 @@ struct Speaker {
             const Fate& fate = columns.fates[row];
             const bool isRefused =
                 fate.status == FrameStatus::Unseen || fate.status == FrameStatus::Refused;
-            return fate.isLate && (HarmOf(fate) == Harm::Late || (isLoss && isRefused));
+            return fate.isLate && (!IsBad(fate) || (isLoss && isRefused));
         };
         if (cause.what != Case::OtherRate) {
             say(late, Those(others, isLate), "{} came out late");

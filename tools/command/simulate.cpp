@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "tools/base/words.h"
 #include "tools/check/check.h"
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"

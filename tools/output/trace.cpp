@@ -254,8 +254,8 @@ struct View {
     // Whether all that is known of the frame is shown.
     bool IsAnnotated(size_t row) const {
         return row < scene.frames.size() &&
-               (Shown{false, range}.Has(scene, row) || HarmOf(scene.FateOf(row)) != Harm::None ||
-                scene.frames[row].trouble.line != 0);
+               (Shown{false, range}.Has(scene, row) || scene.FateOf(row).isLate ||
+                IsBad(scene.FateOf(row)) || scene.frames[row].trouble.line != 0);
     }
     // Such frames have arrows, and the frames before and behind them; else 0.
     uint64_t ArrowOf(size_t row) const {
