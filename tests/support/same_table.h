@@ -66,7 +66,8 @@ inline std::string Difference(const std::string& toml, std::vector<std::string> 
         return "a stage too many";
     }
     for (const std::string& node : nodes) {
-        if (table.StageOf(node) != config.GetStageByNodeName(node)) {
+        const tools::ConfiguredStage* const stage = table.StageOf(node);
+        if ((stage == nullptr ? -1 : stage->stage) != config.GetStageByNodeName(node)) {
             return "node " + node;
         }
         for (int32_t port = -2; port < 10; ++port) {

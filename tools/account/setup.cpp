@@ -91,11 +91,7 @@ void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>&
         isEnough = isEnough || cause.times >= static_cast<int64_t>(limits::ENOUGH_FRAMES);
         cause.why = fmt::format("node {}, port {}, ends no stage; reported {}", Quoted(node), port,
                                 Counted(cause.times, "time"));
-        const auto own = std::find_if(known.stages.begin(), known.stages.end(),
-                                      [number = known.StageOf(node)](const ConfiguredStage& stage) {
-                                          return stage.stage == number;
-                                      });
-        if (own != known.stages.end()) {
+        if (const ConfiguredStage* const own = known.StageOf(node)) {
             cause.stage = own->stage;
             cause.why += fmt::format("; stage {} expects {}", own->stage, PortsText(*own));
             const bool isHit = own->stage >= 0 && own->stage < columns.stages &&

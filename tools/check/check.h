@@ -37,8 +37,8 @@ struct Configuration {
     std::optional<int32_t> stageCount;       // As the store reports it; nothing where not known.
     std::vector<ConfiguredStage> stages;     // Those that could be loaded, ascending.
 
-    // The highest stage whose node name occurs within `node`; -1 when there is none.
-    int32_t StageOf(std::string_view node) const;
+    // The highest stage whose node name occurs within `node`; null when there is none.
+    const ConfiguredStage* StageOf(std::string_view node) const;
     // The stages by their numbers, and null for those that count and could not be loaded: no more
     // than 1,000 of these.
     std::map<int32_t, const ConfiguredStage*> StagesByNumber() const;

@@ -16,11 +16,11 @@ bool Occurs(std::string_view part, std::string_view text) {
 
 }  // namespace
 
-int32_t Configuration::StageOf(std::string_view node) const {
+const ConfiguredStage* Configuration::StageOf(std::string_view node) const {
     const auto found =
         std::find_if(stages.rbegin(), stages.rend(),
                      [node](const ConfiguredStage& stage) { return Occurs(stage.node, node); });
-    return found == stages.rend() ? -1 : found->stage;
+    return found == stages.rend() ? nullptr : &*found;
 }
 
 bool Configuration::IsStagePort(std::string_view node, int32_t port) const {
@@ -51,7 +51,7 @@ std::optional<ConfiguredStage> NearMiss(const Configuration& configuration, std:
             const std::string part = Folded(stage.node);
             return !part.empty() && Occurs(part, folded);
         });
-    if (found == stages.rend() || configuration.StageOf(node) != -1) {
+    if (found == stages.rend() || configuration.StageOf(node) != nullptr) {
         return std::nullopt;
     }
     return *found;

@@ -45,19 +45,17 @@ std::vector<Finding> CheckNodes(const Configuration& table, std::vector<Reported
     std::map<int32_t, int64_t> timesOf;
     for (ReportedNode& node : nodes) {
         const std::string name = Quoted(node.node);
-        node.stage = table.IsStagePort(node.node, node.port) ? table.StageOf(node.node) : -1;
         if (const auto near = NearMiss(table, node.node)) {
             add("near-miss", Severity::Warning, node.line,
                 fmt::format("node {} ends no stage, but would end stage {}, {}, if neither case "
                             "nor blanks mattered: they do",
                             name, near->stage, Quoted(near->node)));
         }
-        if (node.stage == -1) {
+        if (!table.IsStagePort(node.node, node.port)) {
             continue;
         }
-        const auto own = std::find_if(
-            table.stages.begin(), table.stages.end(),
-            [&node](const ConfiguredStage& stage) { return stage.stage == node.stage; });
+        const ConfiguredStage* const own = table.StageOf(node.node);
+        node.stage = own->stage;
         if (!std::binary_search(own->ports.begin(), own->ports.end(), node.port)) {
             add("port-through-other-stage", Severity::Warning, node.line,
                 fmt::format("node {} ends stage {} on port {}, which that stage does not list: a "

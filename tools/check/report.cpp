@@ -29,9 +29,9 @@ std::string Pattern(const ConfiguredStage& stage) {
 
 // Which of the names that a HAL reports are the stage's.
 std::string MatchesOf(const ConfiguredStage& stage, const Configuration& table) {
-    const int32_t winner = table.StageOf(stage.node);
-    if (winner != stage.stage) {
-        return fmt::format("none: they are stage {}'s", winner);
+    const ConfiguredStage& winner = *table.StageOf(stage.node);
+    if (winner != stage) {
+        return fmt::format("none: they are stage {}'s", winner.stage);
     }
     constexpr size_t longest = 200;
     std::string text = Pattern(stage);
@@ -51,11 +51,12 @@ void WriteNodes(std::ostream& out, const Configuration& table,
                 const std::vector<ReportedNode>& nodes) {
     Rows rows = {{"reported node", "port", "a frame", "ends"}};
     for (const ReportedNode& node : nodes) {
-        const int32_t stage = table.StageOf(node.node);
+        const ConfiguredStage* const stage = table.StageOf(node.node);
         std::string ends = fmt::format("stage {}", node.stage);
         if (node.stage == -1) {
-            ends = stage == -1 ? "nothing: no stage's name occurs in it"
-                               : fmt::format("nothing: stage {} does not list the port", stage);
+            ends = stage == nullptr
+                       ? "nothing: no stage's name occurs in it"
+                       : fmt::format("nothing: stage {} does not list the port", stage->stage);
         }
         rows.push_back(
             {Quoted(node.node), std::to_string(node.port), std::to_string(node.timesAFrame), ends});

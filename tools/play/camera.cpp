@@ -68,10 +68,10 @@ std::string MeaningOf(const FaultForm& form, std::string_view stage, std::string
 
 // Reads a table of a camera file: every key once, each of its kind and in its range. Where a key is
 // missing, the value stays as it is.
-class TableReader {
-  public:
-    TableReader(const toml::table& readTable, std::string_view fileName)
-        : table(readTable), name(fileName) {}
+struct TableReader {
+    const toml::table& table;
+    std::string_view name;  // Of the file.
+    std::set<std::string_view> known{};
 
     // `take` takes the value, and returns whether it is as expected.
     template <typename Take>
@@ -135,15 +135,10 @@ class TableReader {
         throw CommandError(
             fmt::format("{}:{}:{}: error: {}", name, at.begin.line, at.begin.column, message));
     }
-
-  private:
-    const toml::table& table;
-    std::string_view name;
-    std::set<std::string_view> known;
 };
 
 CameraNode ReadNode(const toml::table& table, std::string_view fileName) {
-    TableReader reader(table, fileName);
+    TableReader reader{table, fileName};
     CameraNode node;
     reader.Read("name", "the node's name", true, [&node](const toml::node& name) {
         node.name = name.value_or("");
@@ -245,7 +240,7 @@ std::vector<CameraNode> Camera::Stages() const {
 
 Camera ParseCamera(std::string_view toml, std::string_view name) {
     toml::table table;
-    TableReader reader(table, name);
+    TableReader reader{table, name};
     try {
         table = toml::parse(toml);
     } catch (const toml::parse_error& error) {

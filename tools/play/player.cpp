@@ -25,8 +25,9 @@ Player::Player(Watcher playWatcher, Pace playPace)
     }
     // The dump does not have it where a stage could not be loaded.
     configuration.stageCount = TarvoCameraFrameBoost::localConfig.GetStageCount();
-    for (const auto& [stage, node, ports] : configuration.stages) {
-        if (stage != recordable || ports.empty() || configuration.StageOf(node) != stage) {
+    for (const ConfiguredStage& stage : configuration.stages) {
+        if (stage.stage != recordable || stage.ports.empty() ||
+            configuration.StageOf(stage.node) != &stage) {
             break;
         }
         ++recordable;

@@ -51,8 +51,10 @@ std::string_view RowOf(MessageKind kind, bool isDone) {
 // The frame and stage events that a call leads to while a scene runs, without their frames.
 std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configuration) {
     if (call.form->name == "TcfbtNotifyNodeEnd") {
+        const ConfiguredStage* const stage =
+            configuration.StageOf(call.Get<std::string>("nodeName"));
         return tools::EventsOf(call.Get<int64_t>("halFrameNumber"),
-                               configuration.StageOf(call.Get<std::string>("nodeName")),
+                               stage == nullptr ? -1 : stage->stage,
                                configuration.stageCount.value_or(0));
     }
     constexpr std::pair<std::string_view, MessageKind> EVENTS[] = {
@@ -147,15 +149,14 @@ Counts CountsOf(const Call& call, const Played& played) {
 }
 
 // What a play shows: a transcript of calls with what followed from each, and a summary.
-class Transcript {
-  public:
-    // `quiet`: the summary alone is shown. `debug`: log lines and trace counters are shown, too.
-    Transcript(std::ostream& stream, bool quiet, bool debug)
-        : out(stream), isQuiet(quiet), withDebug(debug) {}
+struct Transcript {
+    std::ostream& out;
+    const ReplayOptions& options;
+    Counts total{};
 
     // A line of the session that is no call.
     void Show(const Line& line) {
-        if (!isQuiet) {
+        if (!options.isQuiet) {
             out << Shown(WriteLine(line)) << '\n';
         }
     }
@@ -166,7 +167,7 @@ class Transcript {
         for (const auto& [what, count] : counts) {
             total[what] += count;
         }
-        if (isQuiet) {
+        if (options.isQuiet) {
             return;
         }
         if (played.call != nullptr) {
@@ -176,7 +177,7 @@ class Transcript {
             if (const auto* call = std::get_if<desktop::ServiceCall>(&effect.event)) {
                 const bool isReport = call->function == desktop::ServiceFunction::NotifyErrOfUser;
                 out << (isReport ? " !! " : "    ") << ToString(*call) << '\n';
-            } else if (withDebug) {
+            } else if (options.withDebug) {
                 const auto* line = std::get_if<desktop::LogLine>(&effect.event);
                 out << "      "
                     << (line != nullptr ? Shown(ToString(*line))
@@ -195,7 +196,7 @@ class Transcript {
 
     // What has become of everything up to here.
     void ShowSummary() {
-        out << (isQuiet ? "" : "\n") << "Summary\n";
+        out << (options.isQuiet ? "" : "\n") << "Summary\n";
         for (const std::string_view row : ROWS) {
             std::string reasons;
             int64_t all = 0;
@@ -210,7 +211,6 @@ class Transcript {
         }
     }
 
-  private:
     void ShowCall(const Call& call, std::optional<int32_t> result) {
         const OperationForm& form = *call.form;
         std::vector<std::string> arguments;
@@ -225,11 +225,6 @@ class Transcript {
         out << fmt::format("{}({}){}\n", form.name, fmt::join(arguments, ", "),
                            result ? fmt::format(" = {}", *result) : "");
     }
-
-    std::ostream& out;
-    const bool isQuiet;
-    const bool withDebug;
-    Counts total;
 };
 
 }  // namespace
@@ -255,7 +250,7 @@ bool Replay(const ReplayOptions& options, const NamedText& file, std::ostream& o
     if (options.pace.isRealTime) {
         out << std::unitbuf;
     }
-    Transcript transcript(out, options.isQuiet, options.withDebug);
+    Transcript transcript{out, options};
     const auto report = [&complain](const Finding& finding, const std::string& name) {
         complain(ToString(finding, name));
     };

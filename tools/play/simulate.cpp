@@ -63,11 +63,22 @@ Json MillisOf(Micros time) {
 
 // What a simulation did, to judge the account of its log by: see SimulateOptions. Times are those
 // of the simulation, which the log's clock shows until a fault sets it.
-class Truth {
-  public:
-    // `stages`: how many the library is configured for.
-    Truth(const Camera& simulated, int32_t stages)
-        : camera(simulated), stageCount(stages), acted(camera.faults.size()) {}
+struct Truth {
+    struct Acted {
+        Micros from = NO_TIME;
+        Micros to = NO_TIME;
+    };
+
+    const Camera& camera;
+    int32_t stageCount;  // How many the library is configured for.
+    // What the library keeps of frames.
+    Micros near = FrameTracker::DEFAULT_MAX_FRAME_TRACKED * SECOND / camera.fps;
+    Json frames = Json::array();
+    // Of the frames that the service knows, by their numbers: how many stage events it got; nothing
+    // for a frame in error.
+    std::unordered_map<int32_t, std::optional<int32_t>> stageEvents{};
+    std::vector<Acted> acted = std::vector<Acted>(camera.faults.size());  // By fault.
+    Micros lastOut = NO_TIME;
 
     // The sensor delivered its next frame, to which the HAL gives that number, or dropped it.
     void OnDelivered(int64_t number, Micros time, bool isDropped) {
@@ -158,12 +169,6 @@ class Truth {
         out << json << '\n';
     }
 
-  private:
-    struct Acted {
-        Micros from = NO_TIME;
-        Micros to = NO_TIME;
-    };
-
     bool IsHidden(size_t fault) const {
         const Micros from = acted[fault].from;
         return from == NO_TIME || std::any_of(acted.begin(), acted.end(), [&](const Acted& other) {
@@ -171,27 +176,33 @@ class Truth {
                           other.from - near <= from && from <= other.to + near;
                });
     }
-
-    const Camera& camera;
-    int32_t stageCount;
-    // What the library keeps of frames.
-    Micros near = FrameTracker::DEFAULT_MAX_FRAME_TRACKED * SECOND / camera.fps;
-    Json frames = Json::array();
-    // Of the frames that the service knows, by their numbers: how many stage events it got; nothing
-    // for a frame in error.
-    std::unordered_map<int32_t, std::optional<int32_t>> stageEvents;
-    std::vector<Acted> acted;  // By fault.
-    Micros lastOut = NO_TIME;
 };
 
-class Simulation {
-  public:
-    Simulation(const Camera& simulated, std::ostream& theCapture, const SimulateOptions& theOptions)
-        : camera(simulated), capture(theCapture), options(theOptions) {}
+struct Simulation {
+    const Camera& camera;
+    std::ostream& capture;
+    const SimulateOptions& options;
+    std::optional<Truth> truth{};
+    std::deque<Station> stations{};
+    // What happens when. Of two at the same time, the task that was planned first comes first.
+    std::multimap<Micros, std::function<void()>> planned{};
+    std::vector<bool> isOver = std::vector<bool>(camera.faults.size());  // The faults that acted.
+    Micros now = 0;
+    Micros played = 0;                 // The moment that the player has come to.
+    int32_t thread = CAPTURE_PROCESS;  // That calls now.
+    int32_t stageCount = 0;
+    int64_t inPipeline = 0;
+    int64_t linesToLose = 0;
+    size_t losing = 0;                    // The fault that they are of.
+    Micros clockStep = 0;                 // By which the log's clock is ahead.
+    std::vector<int64_t> numberedFrom{};  // The frames after which the HAL numbers from 1.
+    Simulated result{};
+    // Last, as it tells of the library's loading at once.
+    Player player{[this](const Played& call) { OnPlayed(call); }, {}};
 
     Simulated Run() {
         if (options.truth != nullptr) {
-            truth.emplace(camera, *player.Loaded().stageCount);
+            truth.emplace(Truth{camera, *player.Loaded().stageCount});
         }
         MakeStations();
         WriteBeginning();
@@ -214,7 +225,6 @@ class Simulation {
         return result;
     }
 
-  private:
     void OnPlayed(const Played& call) {
         if (call.call != nullptr && call.call->form->name == "TcfbtNotifySceneStart") {
             result.isBoosted = call.result == 0;
@@ -490,34 +500,13 @@ class Simulation {
     void After(Micros duration, std::function<void()> task) {
         planned.emplace(now + duration, std::move(task));
     }
-
-    const Camera& camera;
-    std::ostream& capture;
-    const SimulateOptions& options;
-    std::optional<Truth> truth;
-    std::deque<Station> stations;
-    // What happens when. Of two at the same time, the task that was planned first comes first.
-    std::multimap<Micros, std::function<void()>> planned;
-    std::vector<bool> isOver = std::vector<bool>(camera.faults.size());  // The faults that acted.
-    Micros now = 0;
-    Micros played = 0;                 // The moment that the player has come to.
-    int32_t thread = CAPTURE_PROCESS;  // That calls now.
-    int32_t stageCount = 0;
-    int64_t inPipeline = 0;
-    int64_t linesToLose = 0;
-    size_t losing = 0;                  // The fault that they are of.
-    Micros clockStep = 0;               // By which the log's clock is ahead.
-    std::vector<int64_t> numberedFrom;  // The frames after which the HAL numbers from 1.
-    Simulated result;
-    // Last, as it tells of the library's loading at once.
-    Player player{[this](const Played& call) { OnPlayed(call); }, {}};
 };
 
 }  // namespace
 
 Simulated Simulate(const Camera& camera, std::ostream& capture, const SimulateOptions& options) {
     CheckFaults(camera);
-    return Simulation(camera, capture, options).Run();
+    return Simulation{camera, capture, options}.Run();
 }
 
 }  // namespace tools
