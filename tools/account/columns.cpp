@@ -52,21 +52,14 @@ Micros CameAt(const Scene& scene, uint32_t row, int32_t stage) {
     return stage > 0 || scene.isAlone ? scene.ArrivalOf(row, stage) : NO_TIME;
 }
 
-namespace {
-
-bool IsMixed(const Scene& scene) {
-    constexpr int32_t many = limits::MIXED;
-    return scene.isAfterEnd ||
-           (scene.descents >= many && (scene.falls >= many || scene.endedAgain >= many)) ||
-           (scene.startedAgain >= many && scene.endedAgain >= many);
-}
-
-}  // namespace
-
 Columns ColumnsOf(const Scene& scene, double latePeriods) {
     Columns columns;
     columns.lateThreshold = std::llround(latePeriods * 1e6 / scene.Rate());
-    columns.isMixed = scene.isStarted && IsMixed(scene);
+    constexpr int32_t many = limits::MIXED;
+    const bool isBackAndForth =
+        scene.descents >= many && (scene.falls >= many || scene.endedAgain >= many);
+    const bool isTwice = scene.startedAgain >= many && scene.endedAgain >= many;
+    columns.isMixed = scene.isStarted && (scene.isAfterEnd || isBackAndForth || isTwice);
     FindStages(scene, columns);
     if (!columns.isMixed) {
         FindHoles(scene, columns);

@@ -64,10 +64,10 @@ void SceneReader::OnMessage(const Message& message, const Moment& moment) {
         case MessageKind::Video:
             return Describe(process, message, time);
         case MessageKind::SceneDisabled:
-            return Refuse(process, Refusal::Disabled, message.place, time);
+            return Refuse(process, message, time);
         case MessageKind::SceneStart:
             if (!message.flag) {
-                Refuse(process, Refusal::Service, message.place, time);
+                Refuse(process, message, time);
             } else if (process.running.empty()) {  // Else the library goes on with what runs.
                 Start(process, message.place, time);
             }
@@ -117,19 +117,19 @@ void SceneReader::Describe(Process& process, const Message& message, Micros time
     process.next.fps = message.fps;
     if (message.kind == MessageKind::NoVideo) {
         if (process.running.empty()) {  // Else it is the end of the scene that runs.
-            Refuse(process, Refusal::NoVideo, message.place, time);
+            Refuse(process, message, time);
         }
     } else if (message.acceptedFps == 0) {
-        Refuse(process, Refusal::Description, message.place, time);
+        Refuse(process, message, time);
     } else if (process.configuration && message.width != BOOST_WIDTH) {
         // What came of the description is in its line.
         process.configuration->configuration.additionalWidth = message.width;
     }
 }
 
-void SceneReader::Refuse(const Process& process, Refusal why, const Place& place, Micros time) {
-    Scene refused = BegunAt(process.next, place, time);
-    refused.refusal = why;
+void SceneReader::Refuse(const Process& process, const Message& message, Micros time) {
+    Scene refused = BegunAt(process.next, message.place, time);
+    refused.refusal = message.kind;
     // A HAL that tries the same again and again has one such scene.
     const auto keyOf = [](const Scene& scene) {
         return std::tie(scene.process, scene.refusal, scene.width, scene.fps);
@@ -139,7 +139,7 @@ void SceneReader::Refuse(const Process& process, Refusal why, const Place& place
     }
     Scene& scene = read.scenes.back();
     ++scene.refusals;
-    scene.to = place;
+    scene.to = message.place;
     scene.end = time;
 }
 

@@ -51,7 +51,7 @@ class SceneReader : public MessageSink {
 
     void Load(Process& process, Micros time);
     void Describe(Process& process, const Message& message, Micros time);
-    void Refuse(const Process& process, Refusal why, const Place& place, Micros time);
+    void Refuse(const Process& process, const Message& message, Micros time);
     static RunningScene& Start(Process& process, const Place& place, Micros time);
     void OnEvent(Process& process, const Message& message, const Moment& moment);
     void TakeHeld(Process& process, bool isAll);

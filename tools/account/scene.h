@@ -96,9 +96,6 @@ struct Reporter {
 // What ended a scene, or the reading of it.
 enum class Stop : uint8_t { SceneEnd, CaptureEnd, ProcessGone, NumbersRestart, Looked };
 
-// Why a scene was not boosted at all.
-enum class Refusal : uint8_t { None, Description, NoVideo, Disabled, Service };
-
 struct Scene {
     Place from, to;
     Micros begin = NO_TIME, end = NO_TIME;  // Of its first and last line.
@@ -114,7 +111,8 @@ struct Scene {
     bool isAlone = false;             // The HAL reports frames and no stages.
     bool hasNodes = false;            // The HAL reports ends of nodes behind the first stage.
     bool hasThreads = false;          // Its lines name their threads.
-    Refusal refusal = Refusal::None;
+    // The message that says that nothing of it is boosted.
+    std::optional<MessageKind> refusal;
     int64_t refusals = 0;                   // How often that was tried in a row.
     std::optional<int64_t> restartedAfter;  // Numbers started again: the newest frame before.
     int32_t stagesBefore = 0;               // How many stages its frames left before that.

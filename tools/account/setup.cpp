@@ -126,14 +126,14 @@ Cause RefusalOf(const Scene& scene, const Configuration* configuration) {
                 .place = scene.from,
                 .time = scene.begin,
                 .times = scene.refusals};
-    if (scene.refusal == Refusal::NoVideo) {
+    if (scene.refusal == MessageKind::NoVideo) {
         cause.what = Case::NoVideo;
-    } else if (scene.refusal == Refusal::Disabled) {
+    } else if (scene.refusal == MessageKind::SceneDisabled) {
         cause.what = Case::Disabled;
         if (configuration != nullptr) {
             cause.what = configuration->isEnabled ? Case::OtherMode : Case::SwitchedOff;
         }
-    } else if (scene.refusal == Refusal::Description) {
+    } else if (scene.refusal == MessageKind::Video) {
         cause.what = Case::OtherVideo;
         std::string allowed = "60 fps are";
         if (scene.fps == 60) {

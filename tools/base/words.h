@@ -14,7 +14,7 @@
 
 namespace tools {
 
-// What is wrong with a line, and what was expected instead.
+// What is wrong with a line or a word, and what was expected instead.
 class LineError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

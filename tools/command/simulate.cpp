@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/words.h"
 #include "tools/check/check.h"
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
@@ -28,7 +29,7 @@ Camera CameraOf(const SimulateArguments& arguments) {
             camera.faults.push_back(ParseFault(fault));
         }
         CheckFaults(camera);
-    } catch (const CameraError& error) {
+    } catch (const LineError& error) {
         FailUsage(error.what());
     }
     return camera;

@@ -11,6 +11,7 @@
 
 #include "tools/base/cursor.h"
 #include "tools/base/finding.h"
+#include "tools/base/words.h"
 #include "tools/play/builtin_camera.h"
 
 namespace tools {
@@ -161,7 +162,7 @@ CameraNode ReadNode(const toml::table& table, std::string_view fileName) {
 
 Fault ParseFault(std::string_view text) {
     const auto fail = [text](const std::string& expected) {
-        throw CameraError(Quoted(text) + " is not a fault, expected " + expected);
+        throw LineError(Quoted(text) + " is not a fault, expected " + expected);
     };
     const FaultForm* const form = FormOf(text.substr(0, text.find(':')));
     if (form == nullptr) {
@@ -260,7 +261,7 @@ Camera ParseCamera(std::string_view toml, std::string_view name) {
     reader.ReadList("faults", "a list of faults", false, [&](const toml::node& fault) {
         try {
             camera.faults.push_back(ParseFault(fault.value_or(std::string_view())));
-        } catch (const CameraError& error) {
+        } catch (const LineError& error) {
             reader.Fail(fault.source(), error.what());
         }
         return true;
@@ -287,7 +288,7 @@ void CheckFaults(const Camera& camera) {
     for (const Fault& fault : camera.faults) {
         const auto require = [&fault](bool holds, const std::string& reason) {
             if (!holds) {
-                throw CameraError("fault \"" + ToString(fault) + "\" cannot happen: " + reason);
+                throw LineError("fault \"" + ToString(fault) + "\" cannot happen: " + reason);
             }
         };
         // A frame that is swapped takes one that follows it.

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,12 +12,6 @@
 #include "tools/check/check.h"
 
 namespace tools {
-
-// What is wrong with a fault, and what was expected instead.
-class CameraError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
 
 // A node of the pipeline, on a thread of its own.
 struct CameraNode {
@@ -47,7 +40,7 @@ struct Fault {
 struct Camera;
 
 // "slow:200:2:40", "lost:100-104:3": the kind's name, the frames, the stage and the amount as far
-// as the kind has them, and the way back. Throws a CameraError for what is not a fault.
+// as the kind has them, and the way back. Throws a LineError for what is not a fault.
 Fault ParseFault(std::string_view text);
 std::string ToString(const Fault& fault);
 // What happens to which frames in words, such as "frame 200: ToneMapper0 (stage 2) takes 40 ms
@@ -81,7 +74,7 @@ Camera ParseCamera(std::string_view toml, std::string_view name);
 // The one that fits the sample configuration.
 Camera BuiltinCamera();
 
-// Throws a CameraError when a fault is about a frame, stage or port that the camera does not have.
+// Throws a LineError when a fault is about a frame, stage or port that the camera does not have.
 void CheckFaults(const Camera& camera);
 
 }  // namespace tools

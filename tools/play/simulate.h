@@ -49,7 +49,7 @@ struct Simulated {
 // Writes the capture of a recording of `camera` to `capture`: loading the library, a scene, and its
 // end. The platform is to be prepared with PreparePlatform, which says what the library is
 // configured to, and nobody else may use it or the library meanwhile. Takes memory that does not
-// depend on the number of frames, unless the truth is asked for. Throws a CameraError for faults
+// depend on the number of frames, unless the truth is asked for. Throws a LineError for faults
 // that the camera cannot have, and whatever writing throws.
 Simulated Simulate(const Camera& camera, std::ostream& capture,
                    const SimulateOptions& options = {});
