@@ -24,9 +24,6 @@ size_t NearestOf(const std::vector<Span>& holes, Micros time) {
 }
 
 void FindHoles(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    if (columns.holes.empty()) {
-        return;
-    }
     std::vector<Cause> found;
     for (const Span& hole : columns.holes) {
         found.push_back({.what = Case::LinesMissing, .span = hole, .time = hole.begin});
