@@ -6,46 +6,43 @@
 #include "tools/output/outputs.h"
 
 namespace tools {
-namespace {
 
 using Json = nlohmann::ordered_json;
 
 // docs/account.schema.json says what is in it, and which changes raise this.
 constexpr int VERSION = 2;
 
-Json Milliseconds(Micros time) {
+static Json Milliseconds(Micros time) {
     return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000.0);
 }
 
-Json ToJson(const Statistics& statistics) {
-    return {{"count", statistics.count},           {"p50", Milliseconds(statistics.p50)},
+// The library looks for functions of this name in the namespace of what it converts, or has a list
+// of: hence they are in no unnamed one.
+static void to_json(Json& json, const Statistics& statistics) {
+    json = {{"count", statistics.count},           {"p50", Milliseconds(statistics.p50)},
             {"p90", Milliseconds(statistics.p90)}, {"p95", Milliseconds(statistics.p95)},
             {"p99", Milliseconds(statistics.p99)}, {"max", Milliseconds(statistics.max)}};
 }
 
-template <typename Values>
-Json ListOf(const Values& values, const auto& toJson) {
-    Json list = Json::array();
-    for (const auto& value : values) {
-        list.push_back(toJson(value));
-    }
-    return list;
+static void to_json(Json& json, const FrameRange& range) {
+    json = {range.first, range.last};
 }
 
-Json ToJson(const std::vector<FrameRange>& ranges) {
-    return ListOf(ranges, [](const FrameRange& range) { return Json{range.first, range.last}; });
-}
-
-Json ToJson(const Shares& shares) {
-    Json json;
+static void to_json(Json& json, const Shares& shares) {
     for (size_t state = 0; state < THREAD_STATES; ++state) {
         json[NameOf(static_cast<ThreadState>(state))] = Milliseconds(shares[state]);
     }
-    return json;
 }
 
-Json ToJson(const CauseLink& link) {
-    return {{"thread", link.thread},
+static void to_json(Json& json, const CauseLink::Ran& ran) {
+    json = {{"thread", ran.thread},
+            {"name", ran.name},
+            {"priority", ran.priority},
+            {"time", Milliseconds(ran.length)}};
+}
+
+static void to_json(Json& json, const CauseLink& link) {
+    json = {{"thread", link.thread},
             {"name", link.name},
             {"state", NameOf(link.state)},
             {"from", Milliseconds(link.begin)},
@@ -53,34 +50,28 @@ Json ToJson(const CauseLink& link) {
             {"pieces", link.pieces},
             {"priority", link.priority},
             {"cpu", link.cpu >= 0 ? Json(link.cpu) : Json()},
-            {"ran", ListOf(link.ran,
-                           [](const CauseLink::Ran& one) {
-                               return Json{{"thread", one.thread},
-                                           {"name", one.name},
-                                           {"priority", one.priority},
-                                           {"time", Milliseconds(one.length)}};
-                           })},
+            {"ran", link.ran},
             {"waker", link.waker.empty() ? Json() : Json(link.waker)},
             {"interrupt", link.isByInterrupt}};
 }
 
-Json ToJson(const Account& account, const SceneFinding& finding) {
+static Json ToJson(const Account& account, const SceneFinding& finding) {
     const bool isPlaced = finding.place.line != 0;
     Json json = {{"check", NameOf(finding.kind)},
                  {"severity", NameOf(finding.severity)},
                  {"frame", finding.frame ? Json(*finding.frame) : Json()},
-                 {"frames", ToJson(RangesOf(finding.own))},
-                 {"harmed", ToJson(RangesOf(finding.harmed))},
+                 {"frames", RangesOf(finding.own)},
+                 {"harmed", RangesOf(finding.harmed)},
                  {"stage", finding.stage >= 0 ? Json(finding.stage) : Json()},
                  {"time", Milliseconds(finding.time)},
                  {"times", finding.times},
                  {"line", isPlaced ? Json(finding.place.line) : Json()},
                  {"message", finding.message}};
     if (finding.states) {
-        json["states"] = ToJson(*finding.states);
+        json["states"] = *finding.states;
     }
     if (!finding.chain.empty()) {
-        json["chain"] = ListOf(finding.chain, [](const CauseLink& link) { return ToJson(link); });
+        json["chain"] = finding.chain;
     }
     if (isPlaced && account.inputs.size() > 1 && finding.place.input < account.inputs.size()) {
         json["file"] = account.inputs[finding.place.input];
@@ -88,40 +79,45 @@ Json ToJson(const Account& account, const SceneFinding& finding) {
     return json;
 }
 
-Json ToJson(const Account& account, const std::vector<SceneFinding>& findings) {
-    return ListOf(findings, [&account](const auto& finding) { return ToJson(account, finding); });
+static Json ToJson(const Account& account, const std::vector<SceneFinding>& findings) {
+    Json list = Json::array();
+    for (const SceneFinding& finding : findings) {
+        list.push_back(ToJson(account, finding));
+    }
+    return list;
 }
 
-Json ToJson(const LoadedConfiguration& loaded) {
-    Json json = {{"process", loaded.process}};
+static void to_json(Json& json, const Finding& finding) {
+    json = {{"check", finding.check},
+            {"severity", NameOf(finding.severity)},
+            {"message", finding.message}};
+}
+
+static void to_json(Json& json, const LoadedConfiguration& loaded) {
+    json = {{"process", loaded.process}};
     json.update(JsonOf(loaded.configuration));
-    json["findings"] = ListOf(loaded.findings, [](const Finding& finding) {
-        return Json{{"check", finding.check},
-                    {"severity", NameOf(finding.severity)},
-                    {"message", finding.message}};
-    });
-    return json;
+    json["findings"] = loaded.findings;
 }
 
-Json ToJson(const Waiting& waiting) {
-    return {{"threads", waiting.threads}, {"inside", ToJson(waiting.inside)}};
+static void to_json(Json& json, const Waiting& waiting) {
+    json = {{"threads", waiting.threads}, {"inside", waiting.inside}};
 }
 
-Json ToJson(const SceneScheduling& scene, const SchedTrace& trace) {
+static Json ToJson(const SceneScheduling& scene, const SchedTrace& trace) {
     Json threads = Json::array();
     for (const ThreadUse& use : scene.threads) {
         Json thread = {{"thread", trace.threads[use.thread].tid},
                        {"name", trace.threads[use.thread].name},
                        {"stages", use.stages},
                        {"handed", scene.isHandedKnown ? Json(use.isHanded) : Json()}};
-        thread.update(ToJson(use.shares));
+        thread.update(Json(use.shares));
         threads.push_back(std::move(thread));
     }
     return {{"threads", std::move(threads)},
-            {"waiting", {{"handed", ToJson(scene.handed)}, {"others", ToJson(scene.others)}}}};
+            {"waiting", {{"handed", scene.handed}, {"others", scene.others}}}};
 }
 
-Json ToJson(const Account& account, const JudgedScene& scene) {
+static Json ToJson(const Account& account, const JudgedScene& scene) {
     Json frames = {{"all", scene.figures.frameCount}};
     for (size_t i = 0; i < FRAME_STATUSES; ++i) {
         frames[NameOf(static_cast<FrameStatus>(i))] = scene.figures.statusCounts[i];
@@ -129,9 +125,9 @@ Json ToJson(const Account& account, const JudgedScene& scene) {
     Json stages = Json::array();
     for (size_t i = 0; i < scene.figures.stages.size(); ++i) {
         Json stage = {{"stage", i}, {"node", scene.stageNames[i]}};
-        stage.update(ToJson(scene.figures.stages[i]));
-        stage["wait"] = ToJson(scene.figures.waits[i]);
-        stage["work"] = ToJson(scene.figures.works[i]);
+        stage.update(Json(scene.figures.stages[i]));
+        stage["wait"] = scene.figures.waits[i];
+        stage["work"] = scene.figures.works[i];
         stages.push_back(std::move(stage));
     }
     return {{"from", Milliseconds(scene.begin)},
@@ -149,13 +145,11 @@ Json ToJson(const Account& account, const JudgedScene& scene) {
             {"notKnown", scene.figures.unknown},
             {"late", scene.figures.late},
             {"lateThreshold", Milliseconds(scene.columns.lateThreshold)},
-            {"latency", ToJson(scene.figures.latency)},
-            {"interval", ToJson(scene.figures.interval)},
+            {"latency", scene.figures.latency},
+            {"interval", scene.figures.interval},
             {"stages", std::move(stages)},
             {"findings", ToJson(account, scene.findings)}};
 }
-
-}  // namespace
 
 void WriteJson(std::ostream& out, const Explained& explained) {
     const Account& account = explained.account;
@@ -170,8 +164,7 @@ void WriteJson(std::ostream& out, const Explained& explained) {
                    {"lost", account.lost},
                    {"from", account.from.empty() ? Json() : Json(account.from)},
                    {"to", account.to.empty() ? Json() : Json(account.to)}}},
-                 {"configurations", ListOf(account.configurations,
-                                           [](const auto& loaded) { return ToJson(loaded); })},
+                 {"configurations", account.configurations},
                  {"findings", ToJson(account, account.findings)},
                  {"scenes", Json::array()}};
     if (scheduling != nullptr) {
