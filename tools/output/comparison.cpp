@@ -117,10 +117,10 @@ std::vector<Figure> CountsOf(const Account& account) {
     for (const KindRow& kind : KINDS) {
         counts.push_back({kind.name});
     }
-    for (const auto& [finding, scene] : FindingsOf(account)) {
-        const bool isCounted = finding.severity != Severity::Note;
-        counts[static_cast<size_t>(finding.kind)].value +=
-            isCounted ? static_cast<double>(finding.times) : 0;
+    for (const PlacedFinding& placed : FindingsOf(account)) {
+        const bool isCounted = placed.finding->severity != Severity::Note;
+        counts[static_cast<size_t>(placed.finding->kind)].value +=
+            isCounted ? static_cast<double>(placed.finding->times) : 0;
     }
     return counts;
 }

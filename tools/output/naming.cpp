@@ -5,6 +5,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "tools/base/text.h"
 
@@ -45,19 +46,33 @@ Rows WaitingOf(const SceneScheduling& scene) {
     return table;
 }
 
-// Why it is not known how long a scene lasted.
-const char* WhyNoEnd(const Scene& scene) {
-    switch (scene.stopped) {
-        case Stop::SceneEnd:
-            return "";
-        case Stop::ProcessGone:
-            return "another process took over";
-        case Stop::NumbersRestart:
-            return "frame numbers started again after that";
-        default:
-            return "its end is not in the capture";
+// "trace.txt: a scheduler trace of 1.559 s, 1082 counters of which tie it to the log, ...".
+std::string TitleOf(const Scheduling& scheduling) {
+    const SchedTrace& trace = scheduling.trace;
+    std::vector<std::string> parts = {fmt::format(
+        "{}: a scheduler trace of {:.3f} s, {} of which tie it to the log, nine of ten to within "
+        "{:.2f} ms",
+        scheduling.name, static_cast<double>(trace.to - trace.from) / 1e6,
+        Counted(scheduling.tie.counters, "counter"),
+        static_cast<double>(scheduling.tie.within) / 1000)};
+    if (trace.lost > 0) {
+        parts.push_back(
+            fmt::format("it lacks {} that the tracer lost", Counted(trace.lost, "event")));
     }
+    if (!trace.damage.empty()) {
+        parts.push_back("it cannot be read to its end: " + trace.damage);
+    }
+    parts.insert(parts.end(), scheduling.notes.begin(), scheduling.notes.end());
+    return fmt::format("{}", fmt::join(parts, "; "));
 }
+
+// Why it is not known how long a scene lasted.
+const std::map<Stop, const char*> WHY_NO_END = {
+    {Stop::ProcessGone, "another process took over"},
+    {Stop::NumbersRestart, "frame numbers started again after that"},
+    {Stop::CaptureEnd, "its end is not in the capture"},
+    {Stop::Looked, "its end is not in the capture"},
+};
 
 }  // namespace
 
@@ -81,20 +96,55 @@ std::string HeadingOf(const Account& account, size_t scene) {
         heading += ", not started";
     } else {
         const std::string length = Fixed(static_cast<double>(shown.end - shown.begin) / 1e6, 3);
-        heading += shown.HasEnd()
-                       ? fmt::format(", lasted {} s", length)
-                       : fmt::format(", {} s to its last line; {}", length, WhyNoEnd(shown));
+        heading += shown.HasEnd() ? fmt::format(", lasted {} s", length)
+                                  : fmt::format(", {} s to its last line; {}", length,
+                                                WHY_NO_END.at(shown.stopped));
     }
     return heading + (shown.isBeginningMissing ? "; it had begun before the capture" : "");
 }
 
-std::string FramesByStatus(const JudgedScene& scene) {
-    std::string text;
+std::string CaptureOf(const Account& account, const Scheduling* scheduling) {
+    std::string text =
+        fmt::format("{}: {}, {} of them the library's", fmt::join(account.inputs, ", "),
+                    Counted(account.lines, "line"), account.libraryLines);
+    if (!account.from.empty()) {
+        text += fmt::format(", from {} to {}", account.from, account.to);
+    }
+    if (account.lost > 0) {
+        text += fmt::format("; {} more are known to be lost", account.lost);
+    }
+    text += ".\n";
+    if (!account.hasThreads && account.libraryLines != 0) {
+        text +=
+            "The capture has no thread ids: which line is whose is worked out from frames and "
+            "nodes.\n";
+    }
+    return scheduling == nullptr ? text : text + TitleOf(*scheduling) + ".\n";
+}
+
+std::string SummaryOf(const JudgedScene& scene) {
+    const Figures& figures = scene.figures;
+    std::string text = fmt::format("Frames: {}", figures.frameCount);
+    const char* separator = ": ";
     for (size_t i = 0; i < FRAME_STATUSES; ++i) {
-        if (scene.figures.statusCounts[i] != 0) {
-            text += fmt::format("{}{} {}", text.empty() ? ": " : ", ",
-                                scene.figures.statusCounts[i], NameOf(static_cast<FrameStatus>(i)));
+        if (figures.statusCounts[i] != 0) {
+            text += fmt::format("{}{} {}", std::exchange(separator, ", "), figures.statusCounts[i],
+                                NameOf(static_cast<FrameStatus>(i)));
         }
+    }
+    text += ".\n";
+    if (figures.unknown > 0) {
+        text +=
+            fmt::format("What became of {} of them is not known: lines of the log are missing.\n",
+                        figures.unknown);
+    }
+    if (figures.interval.count > 0) {
+        const double share = static_cast<double>(figures.late) /
+                             static_cast<double>(std::max<int64_t>(figures.frameCount, 1));
+        text += fmt::format(
+            "Late: {} ({} %), that is more than {} ms after the frame before. Rate: {} fps{}.\n",
+            figures.late, Fixed(100 * share, 2), LateText(scene.columns.lateThreshold),
+            Fixed(RateOf(scene), 1), scene.fps > 0 ? fmt::format(" of {}", scene.fps) : "");
     }
     return text;
 }
@@ -145,14 +195,10 @@ std::string ShortMilliseconds(Micros time) {
     return time == NO_TIME ? "" : fmt::format("{}", static_cast<double>(time) / 1000);
 }
 
-const char* WordOf(const Fate& fate) {
-    if (fate.status == FrameStatus::Complete) {
-        return fate.isLate ? "late" : "";
-    }
-    if (fate.status == FrameStatus::Open && fate.isUnknown) {
-        return "unknown";
-    }
-    return fate.status == FrameStatus::Open && fate.isNeverOut ? "never out" : NameOf(fate.status);
+std::string WordsOf(const Fate& fate) {
+    return fmt::format("{}{}{}{}", NameOf(fate.status), fate.isLate ? ", late" : "",
+                       fate.isNeverOut ? ", never out" : "",
+                       fate.isUnknown ? ", lines missing" : "");
 }
 
 std::string DescriptionOf(const Fate& fate) {
@@ -217,14 +263,18 @@ bool Shown::Has(const JudgedScene& scene, size_t row) const {
 
 std::vector<PlacedFinding> FindingsOf(const Account& account) {
     std::vector<PlacedFinding> all;
-    for (const SceneFinding& finding : account.findings) {
-        all.push_back({finding, {}});
-    }
-    for (size_t i = 0; i < account.scenes.size(); ++i) {
-        for (const SceneFinding& finding : account.scenes[i].findings) {
-            all.push_back({finding, i});
+    const auto add = [&all](const std::vector<SceneFinding>& findings,
+                            std::optional<size_t> scene) {
+        for (size_t i = 0; i < findings.size(); ++i) {
+            all.push_back({&findings[i], scene, i});
         }
+    };
+    add(account.findings, {});
+    for (size_t i = 0; i < account.scenes.size(); ++i) {
+        add(account.scenes[i].findings, i);
     }
+    std::ranges::stable_sort(all, std::greater(),
+                             [](const PlacedFinding& one) { return one.finding->severity; });
     return all;
 }
 
@@ -261,25 +311,6 @@ std::vector<SharedConfiguration> ConfigurationsOf(const Account& account) {
         }
     }
     return all;
-}
-
-std::string TitleOf(const Scheduling& scheduling) {
-    const SchedTrace& trace = scheduling.trace;
-    std::vector<std::string> parts = {fmt::format(
-        "{}: a scheduler trace of {:.3f} s, {} of which tie it to the log, nine of ten to within "
-        "{:.2f} ms",
-        scheduling.name, static_cast<double>(trace.to - trace.from) / 1e6,
-        Counted(scheduling.tie.counters, "counter"),
-        static_cast<double>(scheduling.tie.within) / 1000)};
-    if (trace.lost > 0) {
-        parts.push_back(
-            fmt::format("it lacks {} that the tracer lost", Counted(trace.lost, "event")));
-    }
-    if (!trace.damage.empty()) {
-        parts.push_back("it cannot be read to its end: " + trace.damage);
-    }
-    parts.insert(parts.end(), scheduling.notes.begin(), scheduling.notes.end());
-    return fmt::format("{}", fmt::join(parts, "; "));
 }
 
 std::vector<DrawnThread> DrawnThreadsOf(const Account& account, const Scheduling* scheduling,

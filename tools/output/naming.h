@@ -23,8 +23,12 @@ std::string TitleOf(const Account& account, size_t scene);
 // "Scene 2: 3840 wide, ..., lasted 9.983 s", or why it is not known how long it lasted.
 std::string HeadingOf(const Account& account, size_t scene);
 
-// ": 590 complete, 10 dropped"; empty where there are no frames.
-std::string FramesByStatus(const JudgedScene& scene);
+// "capture.log: 600 lines, 550 of them the library's, from ... to ...", and the scheduler trace, in
+// lines. `scheduling`: null where there is none.
+std::string CaptureOf(const Account& account, const Scheduling* scheduling);
+
+// What became of a scene's frames, and how many came late, in lines.
+std::string SummaryOf(const JudgedScene& scene);
 
 // "stage 1, MCTFE0_cam".
 std::string StageTitleOf(const Scene& scene, size_t stage);
@@ -39,9 +43,8 @@ std::string ToString(const Account& account, const Place& place);
 // Milliseconds such as "16.667" or "17"; empty where the time is not known.
 std::string ShortMilliseconds(Micros time);
 
-// What became of a frame, in a word or two: its status, but "late", "never out" and "unknown" where
-// that says more. Empty for a good frame.
-const char* WordOf(const Fate& fate);
+// What became of a frame, in a few words: "complete, late", "open, never out".
+std::string WordsOf(const Fate& fate);
 
 // Why a frame is not complete; empty for a complete one.
 std::string DescriptionOf(const Fate& fate);
@@ -55,9 +58,6 @@ std::map<Micros, int64_t> InFlightOf(const JudgedScene& scene);
 
 // How many frames came out a second, on average; 0 where that is not known.
 double RateOf(const JudgedScene& scene);
-
-// "trace.txt: a scheduler trace of 1.559 s, 1082 counters of which tie it to the log, ...".
-std::string TitleOf(const Scheduling& scheduling);
 
 // What each thread of a scene did, and for how long all of them waited for a CPU in each period.
 // Nothing where the scene has no threads. `scheduling`: null where there is no scheduler trace.
@@ -86,10 +86,11 @@ struct Shown {
     bool Has(const JudgedScene& scene, size_t row) const;
 };
 
-// All findings: about no scene in particular, then each scene's, with its place in the account.
+// All findings, worst first: with their scene, if there is one, and their position among its own.
 struct PlacedFinding {
-    const SceneFinding& finding;
+    const SceneFinding* finding;
     std::optional<size_t> scene;
+    size_t number;
 };
 std::vector<PlacedFinding> FindingsOf(const Account& account);
 

@@ -5,8 +5,6 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <functional>
-#include <map>
 #include <regex>
 #include <span>
 #include <utility>
@@ -111,55 +109,22 @@ Rows Named(Rows rows) {
 
 // ---- The parts of the page ----
 
-void WriteInput(std::ostream& out, const Account& account, const Scheduling* scheduling) {
-    std::vector<std::string> parts;
-    // The only one is the title.
-    for (size_t i = 0; account.inputs.size() > 1 && i < account.inputs.size(); ++i) {
-        parts.push_back(Named(account.inputs[i]));
-    }
-    if (!account.from.empty()) {
-        parts.push_back(account.from + " to " + account.to);
-    }
-    parts.push_back(Counted(account.lines, "line"));
-    if (account.notUnderstood > 0) {
-        parts.push_back(fmt::format("{} <b>not understood</b>", account.notUnderstood));
-    }
-    if (account.lost > 0) {
-        parts.push_back(fmt::format("{} known to be <b>lost</b>", account.lost));
-    }
-    if (scheduling != nullptr) {
-        parts.push_back(Named(TitleOf(*scheduling)));
-    }
-    fmt::print(out, "<p class=input>{}</p>\n", fmt::join(parts, ", "));
-}
-
 std::string MessageOf(Severity severity, const std::string& message, const std::string& check) {
     return fmt::format("<b class=severity>{}</b> {} <code>{}</code>", NameOf(severity),
                        Named(message), Escaped(check));
 }
 
-// `number`: from 1, in the order of the page.
-void WriteFinding(std::ostream& out, const Account& account, size_t number,
-                  const PlacedFinding& placed) {
-    const auto& [finding, scene] = placed;
-    const Micros moment = scene ? Between(account.scenes[*scene].begin, finding.time) : NO_TIME;
-    const std::string time = moment < 0 ? "" : Seconds(moment);
-    fmt::print(out, "<li class={} id=f{}", NameOf(finding.severity), number);
-    const auto add = [&out](const char* attribute, bool isKnown, const auto& value) {
-        if (isKnown) {
-            out << " data-" << attribute << '=' << value;
-        }
-    };
-    add("scene", scene.has_value(), scene.value_or(0));
-    add("time", !time.empty(), time);
-    add("frame", finding.frame.has_value(), finding.frame.value_or(0));
+void WriteFinding(std::ostream& out, const Account& account, const PlacedFinding& placed) {
+    const SceneFinding& finding = *placed.finding;
     const char* const kind = NameOf(finding.kind);
-    fmt::print(out, ">{} <span class=place>{}</span>",
+    fmt::print(out, "<li class={}>{} <span class=place>{}</span>", NameOf(finding.severity),
                MessageOf(finding.severity, finding.message, kind),
                Named(ToString(account, finding.place)));
-    if (scene) {
-        fmt::print(out, " <a href=\"#finding={}\">scene {}{}</a>", number, *scene + 1,
-                   time.empty() ? "" : ", " + time + " s");
+    if (placed.scene) {
+        const Micros moment = Between(account.scenes[*placed.scene].begin, finding.time);
+        fmt::print(out, " <a href=\"#scene={0}&amp;finding={1}\">scene {0}{2}</a>",
+                   *placed.scene + 1, placed.number,
+                   moment < 0 ? "" : ", " + Seconds(moment) + " s");
     }
     fmt::print(out,
                "<details><summary>What <code>{}</code> means, and what to do</summary><dl>"
@@ -168,45 +133,28 @@ void WriteFinding(std::ostream& out, const Account& account, size_t number,
                FromMarkdown(RowOf(finding.kind).remedy));
     for (const auto& [title, numbers] :
          {std::pair("Frames", &finding.own), std::pair("Harmed", &finding.harmed)}) {
-        if (scene && !numbers->empty()) {
-            fmt::print(out, "<dt>{}<dd>{}", title, LinksOf(*scene, *numbers));
+        if (placed.scene && !numbers->empty()) {
+            fmt::print(out, "<dt>{}<dd>{}", title, LinksOf(*placed.scene, *numbers));
         }
     }
     out << "</dl></details></li>\n";
 }
 
 void WriteFindings(std::ostream& out, const Account& account) {
-    std::multimap<Severity, PlacedFinding, std::greater<>> listed;  // The worst come first.
-    for (const PlacedFinding& placed : FindingsOf(account)) {
-        listed.emplace(placed.finding.severity, placed);
-    }
+    const std::vector<PlacedFinding> all = FindingsOf(account);
     out << "<section aria-labelledby=findings><h2 id=findings>Findings</h2>\n"
-        << (listed.empty() ? "<p>None.</p>\n" : "<ol class=findings>\n");
-    size_t number = 0;
-    for (const auto& [severity, placed] : listed) {
-        WriteFinding(out, account, ++number, placed);
+        << (all.empty() ? "<p>None.</p>\n" : "<ol class=findings>\n");
+    for (const PlacedFinding& placed : all) {
+        WriteFinding(out, account, placed);
     }
-    out << (listed.empty() ? "</section>\n" : "</ol></section>\n");
+    out << (all.empty() ? "</section>\n" : "</ol></section>\n");
 }
 
 void WriteScene(std::ostream& out, const Account& account, const Scheduling* scheduling,
                 size_t index) {
     const JudgedScene& scene = account.scenes[index];
-    fmt::print(out, "<section aria-labelledby=s{0}>\n<h2 id=s{0}>{1}</h2>\n<p>{2}{3}", index,
-               Escaped(HeadingOf(account, index)), Counted(scene.figures.frameCount, "frame"),
-               FramesByStatus(scene));
-    if (!scene.figures.neverOut.empty()) {
-        fmt::print(out, "; {} never came out", scene.figures.neverOut.size());
-    }
-    if (scene.columns.lateThreshold > 0) {
-        fmt::print(out, "; {} late, that is more than {} ms after the frame before",
-                   scene.figures.late, ShortMilliseconds(scene.columns.lateThreshold));
-    }
-    if (scene.figures.unknown > 0) {
-        fmt::print(out, "; what became of {} is not known, as lines of the log are missing",
-                   scene.figures.unknown);
-    }
-    out << ".</p>\n";
+    fmt::print(out, "<section aria-labelledby=s{0}>\n<h2 id=s{0}>{1}</h2>\n<p>{2}</p>\n", index,
+               Escaped(HeadingOf(account, index)), SummaryOf(scene));
     if (!scene.frames.empty()) {
         WriteTable(out, fmt::format("Figures of scene {}", index + 1), " class=figures",
                    "Times in milliseconds, as exact as the capture: to " +
@@ -220,13 +168,6 @@ void WriteScene(std::ostream& out, const Account& account, const Scheduling* sch
     out << "</section>\n";
 }
 
-// What became of a frame: the cells of status, stage and reason.
-std::vector<std::string> CellsOf(const Fate& fate) {
-    const std::string word = WordOf(fate);
-    return {fate.isLate && word != "late" ? word + ", late" : word,
-            fate.stage >= 0 ? std::to_string(fate.stage) : "", DescriptionOf(fate)};
-}
-
 // Frames that are not complete, or late: those of consecutive numbers to which the same happened
 // are a row.
 void AddFrames(Rows& rows, const Account& account, size_t index) {
@@ -237,16 +178,21 @@ void AddFrames(Rows& rows, const Account& account, size_t index) {
         const Micros moment = fate.isOut ? fate.output : scene.LastOf(row).second;
         return moment == NO_TIME ? "" : Seconds(moment - scene.begin) + " s";
     };
+    // What became of a frame.
+    const auto cellsOf = [](const Fate& fate) {
+        return std::vector{WordsOf(fate), fate.stage >= 0 ? std::to_string(fate.stage) : "",
+                           DescriptionOf(fate)};
+    };
     for (size_t row = 0, next = 1; row < scene.frames.size(); row = next++) {
         if (!Shown{}.Has(scene, row)) {
             continue;
         }
-        const std::vector<std::string> cells = CellsOf(scene.FateOf(row));
         const Frame& first = scene.frames[row];
+        const std::vector<std::string> cells = cellsOf(scene.FateOf(row));
         Micros interval = scene.FateOf(row).interval;
         for (; next < scene.frames.size() && Shown{}.Has(scene, next) &&
                StepOf(scene.frames[next - 1].number, scene.frames[next].number) == 1 &&
-               CellsOf(scene.FateOf(next)) == cells;
+               cellsOf(scene.FateOf(next)) == cells;
              ++next) {
             interval = std::max(interval, scene.FateOf(next).interval);
         }
@@ -305,7 +251,6 @@ void WritePage(std::ostream& out, const Explained& explained) {
     const size_t more = account.inputs.size() - 1;
     const std::string title =
         account.inputs.front() + (more == 0 ? "" : fmt::format(" and {} more", more));
-    const bool isWell = WorstOf(account) == Severity::Note;
     // Nothing is ever fetched, whatever a capture may hold.
     fmt::print(out, R"(<!doctype html>
 <html lang=en>
@@ -320,13 +265,12 @@ void WritePage(std::ostream& out, const Explained& explained) {
 <body>
 <header>
 <h1>{}</h1>
-<p class="verdict {}">{}{}</p>
+<p class="verdict {}">{}</p>
 )",
                Base64(PAGE_SCRIPT_HASH), Escaped(title), PAGE_STYLE, Named(title),
-               isWell ? "well" : NameOf(WorstOf(account)), isWell ? "✓ " : "",
-               Escaped(VerdictOf(account)));
-    WriteInput(out, account, scheduling);
-    out << "<noscript><p>The timeline is missing, as scripts are switched off. All else is "
+               NameOf(WorstOf(account)), Escaped(VerdictOf(account)));
+    out << "<p class=input>" << Named(CaptureOf(account, scheduling))
+        << "</p>\n<noscript><p>The timeline is missing, as scripts are switched off. All else is "
            "here.</p></noscript>\n</header>\n<main>\n";
     WriteFindings(out, account);
     WriteTimeline(out, account, scheduling);

@@ -7,26 +7,6 @@
         return element;
     };
 
-    // The table of frames is sorted by a click on a column's head.
-    const table = document.getElementById('list');
-    const body = table.tBodies[0];
-    const heads = [...table.tHead.rows[0].cells];
-    heads.forEach((head, column) => {
-        const sort = () => {
-            const isDown = head.ariaSort === 'ascending';
-            heads.forEach((other) => { other.ariaSort = null; });
-            head.ariaSort = isDown ? 'descending' : 'ascending';
-            const text = (row) => row.cells[column].textContent;
-            // "12.345 s" and "150–181" go by their first number, "a.log:17" as text.
-            const rows = [...body.rows].sort((a, b) =>
-                parseFloat(text(a)) - parseFloat(text(b)) ||
-                text(a).localeCompare(text(b), undefined, { numeric: true }));
-            body.append(...(isDown ? rows.reverse() : rows));
-        };
-        head.replaceChildren(make('button', {
-            type: 'button', textContent: head.textContent, onclick: sort }));
-    });
-
     // The timeline: the tracks of a scene, drawn on canvases when they are looked at.
     const section = document.getElementById('timeline');
     if (!section) {
@@ -43,16 +23,7 @@
     let scene = null;
     let view = { from: 0, to: 1 };
     let chosen = -1;  // A frame that is followed.
-    let span = null;  // That is measured.
     let visited = null;  // The finding that was gone to.
-    const findings = [...document.querySelectorAll('li[data-scene]')].map((item) => ({
-        number: item.id.slice(1),
-        scene: Number(item.dataset.scene) + 1,
-        time: parseFloat(item.dataset.time),
-        frame: item.dataset.frame,
-        severity: item.classList[0],
-        words: item.querySelector('bdi').textContent.trim(),
-    }));
 
     // What a key does, and the button that does the same.
     const commands = [
@@ -91,15 +62,15 @@
     section.append(
         make('p', {}, 'A frame passes the stages from top to bottom; a bar is the time that it took ' +
             'in one. A bar longer than its neighbours, or a gap, is where to look. Point at ' +
-            'anything to read what it is; click on a frame to follow it; drag to move, with Shift ' +
-            'to measure; Ctrl and the wheel zoom.'),
+            'anything to read what it is; click on a frame to follow it; drag to move; Ctrl and ' +
+            'the wheel zoom.'),
         controls, board, status, legend);
 
     // ---- Shapes ----
 
     const styles = getComputedStyle(document.documentElement);
-    // Asked of the browser once a drawing, as asking for each frame would take seconds.
-    let palette = {};
+    // Asked of the browser once, as asking for each frame would take seconds.
+    const palette = {};
     const color = (name) => (palette[name] ??= styles.getPropertyValue(`--${name}`).trim());
     let pen = null;  // Of the canvas that is drawn on.
     const fill = (name, ...box) => {
@@ -126,7 +97,7 @@
     const bar = (name, words) => ({ words, isFrame: true, isBar: true, hasNumber: true,
         draw: (x, y, w, h) => fill(name, x, y, w > 3 ? w - 1 : w, h) });
     // Errors, warnings and notes differ in shape, too.
-    const mark = (name, sign, words) => ({ words, reach: 8,
+    const mark = (name, sign, words) => ({ words, isMark: true, reach: 8,
         draw: (x, y, w, h) => write(name, 'center', sign, x + w / 2, y + h / 2) });
     // All that is drawn: how it looks in a box and what it means. Bars may be many: those narrower
     // than a pixel are drawn together. `reach`: read from so many pixels away, else from one.
@@ -165,7 +136,7 @@
         } },
         chosen: { words: 'the frame that was clicked on', draw: (x, y, w, h) =>
             stroke('ink', 2, `M${x - 1} ${y - 1}h${Math.max(w, 2) + 2}v${h + 2}H${x - 1}z`) },
-        shade: { words: 'in the overview what is shown below; else what is measured',
+        shade: { words: 'in the overview what is shown below',
             draw: (x, y, w, h) => {
                 fill('shade', x, y, w, h);
                 stroke('link', 2, `M${x} ${y}v${h}m${w} 0v${-h}`);
@@ -186,28 +157,27 @@
         const lengths = end.map((time, k) => time - all[2 * k]);  // NaN where it is not known.
         const sums = sumsOf(values);
         const most = sums.reduce((a, b) => Math.max(a, b), 1);
-        const { isFrame, hasLevels } = shapes[shape];
+        const { isFrame, isMark, hasLevels } = shapes[shape];
         return {
             shape, end, begin: end.map((time, k) => time - (lengths[k] || 0)),
-            frames: isFrame ? sums : [], levels: hasLevels && sums.map((sum) => sum / most),
-            read: (k) => text.replace('{}', hasLevels ? sums[k] : ms(lengths[k])),
+            frames: isFrame || isMark ? sums : [], levels: hasLevels && sums.map((sum) => sum / most),
+            read: (k) => isMark ? text : text.replace('{}', hasLevels ? sums[k] : ms(lengths[k])),
         };
     }
 
     async function unpack({ scene: number, data }) {
         const bytes = Uint8Array.from(atob(data), (letter) => letter.charCodeAt(0));
         const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate'));
-        const { frames, tracks, ...more } = await new Response(stream).json();
+        const { frames, tracks: packed, ...more } = await new Response(stream).json();
         const numbers = frames.numbers.flatMap(([first, length]) =>
             Array.from({ length }, (_, i) => String(BigInt(first) + BigInt(i))));
-        const marks = findings.filter((one) => one.scene === number && !isNaN(one.time))
-            .sort((a, b) => a.time - b.time);
-        const found = { id: 'findings', name: 'findings', height: 24, layers: marks.map(
-            ({ severity, time, frame, words }) => ({ shape: severity, begin: [time], end: [time],
-                frames: [numbers.indexOf(frame)], read: () => words })) };
-        return { ...more, scene: number, numbers, words: frames.words, marks,
-            moments: sumsOf(frames.moments, 1e-6), tracks: [found, ...tracks.map(
-                (track) => ({ ...track, layers: track.layers.map(unpackLayer) }))] };
+        const tracks = packed.map(
+            (track) => ({ ...track, layers: track.layers.map(unpackLayer) }));
+        // The first track has the findings, each as a layer.
+        const marks = tracks[0].layers.filter(({ begin }) => begin[0] >= 0)
+            .sort((a, b) => a.begin[0] - b.begin[0]);
+        return { ...more, scene: number, numbers, words: frames.words, marks, tracks,
+            moments: sumsOf(frames.moments, 1e-6) };
     }
 
     // ---- Charts: tracks over time ----
@@ -314,7 +284,6 @@
     }
 
     function draw() {
-        palette = {};
         breadth = board.clientWidth;
         gutter = Math.round(Math.min(150, breadth * 0.3));
         const all = whole();
@@ -322,14 +291,10 @@
         const high = drawChart(overview, all, scene.tracks.slice(0, 3));
         shapes.shade.draw(all.x(view.from), AXIS, all.x(view.to) - all.x(view.from), high - AXIS);
         const { x } = viewed();
-        const height = drawChart(canvas, viewed(), scene.tracks);
+        drawChart(canvas, viewed(), scene.tracks);
         for (const { time, from, to } of scene.wakes) {
             const [a, b] = [from, to].map((id) => scene.tracks.find((one) => one.id === id)?.y + 10);
             shapes.wake.draw(x(time), a, 0, b - a);
-        }
-        if (span) {
-            const [a, b] = span.map(x);
-            shapes.shade.draw(a, AXIS, b - a, height - AXIS);
         }
     }
 
@@ -341,7 +306,6 @@
 
     // Of the shapes that the scene has.
     function drawLegend() {
-        palette = {};
         const used = new Set(['chosen', 'shade', scene.wakes.length > 0 && 'wake',
             ...scene.tracks.flatMap(({ layers }) =>
                 layers.filter(({ end }) => end.length > 0).map(({ shape }) => shape))]);
@@ -357,11 +321,10 @@
 
     // ---- What is where ----
 
-    // What the log's clock showed: a date, which may lack its year, with a time; or seconds. Scene
-    // time goes on where the clock was set.
+    // What the log's clock showed: a date, which may lack its year, with a time; or seconds.
     function logged(time) {
-        const { from, clocks } = scene.clock;
-        const clock = time + clocks.findLast(([since]) => since <= time)[1];
+        const { from, begin } = scene.clock;
+        const clock = begin + time;
         return from.includes('-')
             ? new Date(clock * 1000).toISOString().slice(-1 - from.length, -1).replace('T', ' ')
             : from && seconds(clock);
@@ -451,7 +414,8 @@
     function jump(by) {
         const next = scene.marks[scene.marks.indexOf(visited) + by];
         if (next) {
-            location.hash = `finding=${next.number}`;
+            const { scene: number, tracks: [{ layers }] } = scene;
+            location.hash = `scene=${number}&finding=${layers.indexOf(next)}`;
         } else {
             say(`There is no ${by > 0 ? 'later' : 'earlier'} finding in this scene.`);
         }
@@ -463,35 +427,32 @@
             scene = next;
             picker.value = scene.scene;
             chosen = -1;
-            span = null;
             look(0, Math.min(scene.stop, 5));
             drawLegend();
         }
     }
 
-    // Follows the address: "#scene=1&from=1.5&to=2&frame=100"; or "#finding=3", by the numbers of
-    // the page's list.
+    // Follows the address: "#scene=1&from=1.5&to=2&frame=100"; or "#scene=1&finding=3".
     async function go() {
         const asked = Object.fromEntries(new URLSearchParams(location.hash.slice(1)));
-        const finding = findings.find(({ number }) => number === asked.finding);
-        const { scene: wanted, frame } = finding ?? asked;
-        const index = scenes.findIndex((one) => one.scene === Number(wanted));
+        const index = scenes.findIndex((one) => one.scene === Number(asked.scene));
         if (scene && index < 0) {
             return;  // A link to something else on the page.
         }
         await open(Math.max(index, 0));
-        const found = scene.numbers.indexOf(frame);
-        if (finding?.time >= 0) {
-            look(finding.time - 0.5, finding.time + 1);
+        visited = scene.tracks[0].layers[asked.finding];
+        const time = visited?.begin[0];
+        const found = visited?.frames[0] ?? scene.numbers.indexOf(asked.frame);
+        if (time >= 0) {
+            look(time - 0.5, time + 1);
         } else if (Number(asked.to) > Number(asked.from)) {
             look(Number(asked.from), Number(asked.to));
         } else if (found >= 0) {
             lookAround(scene.moments[found], Math.min((view.to - view.from) / 2, 0.15));
         }
         choose(found);
-        visited = finding;
-        if (finding) {
-            say(finding.words);
+        if (visited) {
+            say(visited.read());
         }
         if (index >= 0 && document.activeElement?.matches('a')) {
             section.scrollIntoView({ block: 'nearest' });
@@ -525,20 +486,10 @@
             begin = move = null;
         };
     }
-    onDrag(canvas, ({ offsetX: begin, shiftKey }) => {
+    onDrag(canvas, ({ offsetX: begin }) => {
         const { from, to, time } = viewed();
-        return (x) => {
-            if (shiftKey) {
-                span = [time(begin), time(x)].sort((a, b) => a - b);
-                say(`${ms(span[1] - span[0])}, from ${seconds(span[0])} to ${seconds(span[1])} ` +
-                    'into the scene.');
-                redraw();
-            } else {
-                look(from + time(begin) - time(x), to + time(begin) - time(x));
-            }
-        };
+        return (x) => look(from + time(begin) - time(x), to + time(begin) - time(x));
     }, ({ offsetX, offsetY }) => {
-        span = null;
         choose(at(offsetX, offsetY)?.frame ?? -1);
         remember();
     });
@@ -576,12 +527,7 @@
     draw();
     addEventListener('popstate', go);
     new ResizeObserver(redraw).observe(board);
-    for (const query of ['print', '(prefers-color-scheme: dark)']) {
-        matchMedia(query).addEventListener('change', () => {
-            drawLegend();
-            draw();
-        });
-    }
+    matchMedia('print').addEventListener('change', draw);
     // For programs that look at the page.
     window.timeline = { at, xOf: (time) => viewed().x(time), shown: () => scene };
 })();

@@ -17,23 +17,6 @@ namespace {
 
 constexpr size_t ROWS = 40;  // Of the table of frames, unless all are asked for.
 
-void WriteCapture(std::ostream& out, const Account& account) {
-    out << fmt::format("{}{}{}, {} of them the library's", fmt::join(account.inputs, ", "),
-                       account.inputs.empty() ? "" : ": ", Counted(account.lines, "line"),
-                       account.libraryLines);
-    if (!account.from.empty()) {
-        out << ", from " << account.from << " to " << account.to;
-    }
-    if (account.lost > 0) {
-        out << "; " << account.lost << " more are known to be lost";
-    }
-    out << ".\n";
-    if (!account.hasThreads && account.libraryLines != 0) {
-        out << "The capture has no thread ids: which line is whose is worked out from "
-               "frames and nodes.\n";
-    }
-}
-
 void WriteConfigurations(std::ostream& out, const Account& account) {
     const std::vector<SharedConfiguration> all = ConfigurationsOf(account);
     if (all.empty()) {
@@ -58,26 +41,6 @@ void WriteConfigurations(std::ostream& out, const Account& account) {
                                Counted(notes, "note"), notes == 1 ? "it" : "them");
         }
     }
-}
-
-void WriteFigures(std::ostream& out, const Account& account, const JudgedScene& scene) {
-    out << "\nFrames: " << scene.figures.frameCount << FramesByStatus(scene) << ".\n";
-    if (scene.figures.unknown > 0) {
-        out << "What became of " << scene.figures.unknown
-            << " of them is not known: lines of the log are missing.\n";
-    }
-    if (scene.figures.interval.count == 0) {
-        return;
-    }
-    const double share = static_cast<double>(scene.figures.late) /
-                         static_cast<double>(std::max<int64_t>(scene.figures.frameCount, 1));
-    out << fmt::format(
-        "Late: {} ({} %), that is more than {} ms after the frame before. Rate: {} fps{}.\n"
-        "Milliseconds, as exact as the capture: {}.\n",
-        scene.figures.late, Fixed(100 * share, 2), LateText(scene.columns.lateThreshold),
-        Fixed(RateOf(scene), 1), scene.fps > 0 ? fmt::format(" of {}", scene.fps) : "",
-        account.resolution >= MILLISECOND ? "1 ms" : "1 us");
-    WriteTable(out, FigureTableOf(account, scene), Cells::Figures);
 }
 
 std::vector<std::string> RowOf(const Account& account, const JudgedScene& scene, size_t index) {
@@ -141,10 +104,7 @@ void WriteText(std::ostream& out, const Explained& explained) {
     const Account& account = explained.account;
     const Scheduling* const scheduling = explained.scheduling.get();
     out << VerdictOf(account) << "\n\n";
-    WriteCapture(out, account);
-    if (scheduling != nullptr) {
-        out << TitleOf(*scheduling) << ".\n";
-    }
+    out << CaptureOf(account, scheduling);
     WriteConfigurations(out, account);
     if (!account.findings.empty()) {
         out << '\n';
@@ -160,7 +120,12 @@ void WriteText(std::ostream& out, const Explained& explained) {
         out << '\n' << HeadingOf(account, i) << '\n';
         writeFindings(&scene, scene.findings);
         if (scene.isStarted) {
-            WriteFigures(out, account, scene);
+            out << '\n' << SummaryOf(scene);
+            if (scene.figures.interval.count > 0) {
+                out << "Milliseconds, as exact as the capture: "
+                    << (account.resolution >= MILLISECOND ? "1 ms" : "1 us") << ".\n";
+                WriteTable(out, FigureTableOf(account, scene), Cells::Figures);
+            }
             for (const CaptionedTable& table : ThreadTablesOf(scheduling, i)) {
                 out << '\n' << table.caption << ":\n";
                 WriteTable(out, table.rows, Cells::Figures);

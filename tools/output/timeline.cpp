@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -69,14 +68,23 @@ Json FramesOf(const JudgedScene& scene) {
         const Fate& fate = scene.FateOf(row);
         numbers.push_back(scene.frames[row].number);
         moments.push_back(fate.isOut ? fate.output : scene.LastOf(row).second);
-        words.push_back(fmt::format("{}{}{}{}", NameOf(fate.status), fate.isLate ? ", late" : "",
-                                    fate.isNeverOut ? ", never out" : "",
-                                    fate.isUnknown ? ", lines missing" : ""));
+        words.push_back(WordsOf(fate));
     }
     for (const FrameRange& run : RangesOf(numbers)) {
         runs.push_back({std::to_string(run.first), run.last - run.first + 1});
     }
     return {{"numbers", runs}, {"words", words}, {"moments", StepsOf(scene.begin, moments)}};
+}
+
+// Findings, each a layer of its own, in their order.
+Json FindingsOf(const JudgedScene& scene) {
+    std::vector<Layer> layers;
+    for (const SceneFinding& finding : scene.findings) {
+        const uint32_t row = finding.frame ? scene.RowOf(*finding.frame) : NO_INDEX;
+        layers.push_back({NameOf(finding.severity), finding.message});
+        layers.back().Add(finding.time, finding.time, row == NO_INDEX ? -1 : int64_t{row});
+    }
+    return TrackOf(scene, "findings", "findings", 24, layers);
 }
 
 // Frames as they came out, each from when the one before it did.
@@ -157,34 +165,12 @@ Json ThreadOf(const JudgedScene& scene, const DrawnThread& drawn) {
     return TrackOf(scene, IdOf(tid), fmt::format("{} {}", tid, name), 20, layers);
 }
 
-// The clock of the log: what it showed when the capture began, as text, and, from each time on at
-// which it was set, what it showed when the scene began or would have, in seconds. Each step once,
-// whichever scenes it fell into.
-Json ClockOf(const Account& account, const JudgedScene& scene) {
-    std::map<Micros, Micros> steps = {{0, account.clock + scene.begin}};
-    for (const JudgedScene& any : account.scenes) {
-        for (const Scene::Disturbance& step : any.clockSteps) {
-            steps[step.time] = step.amount;
-        }
-    }
-    Json clocks = Json::array();
-    Micros clock = 0;
-    for (const auto& [time, step] : steps) {
-        clocks.push_back({Seconds(time - scene.begin), Seconds(clock += step)});
-    }
-    // Where it was set between scenes, by how much is not kept.
-    const bool isUnknown = std::ranges::any_of(account.findings, [&](const SceneFinding& finding) {
-        return finding.kind == Kind::ClockJump && finding.time <= scene.begin;
-    });
-    return {{"from", isUnknown ? "" : account.from}, {"clocks", clocks}};
-}
-
 // `scheduling`: null where there is no scheduler trace.
 Json SceneOf(const Account& account, size_t index, const Scheduling* scheduling) {
     const JudgedScene& scene = account.scenes[index];
     const std::vector<DrawnThread> threads =
         DrawnThreadsOf(account, scheduling, index, {scene.begin, scene.end});
-    Json tracks = {OutputsOf(scene), FlightOf(scene)};
+    Json tracks = {FindingsOf(scene), OutputsOf(scene), FlightOf(scene)};
     for (int32_t stage = 0; stage <= scene.stageCount; ++stage) {
         const bool isStage = stage < scene.stageCount;  // Else those that kept the pipeline's come.
         if (isStage) {
@@ -206,12 +192,19 @@ Json SceneOf(const Account& account, size_t index, const Scheduling* scheduling)
                              {"to", IdOf(woken.thread)}});
         }
     }
+    // Where the log's clock was set back, scene time goes on: the clock is then left out.
+    const auto isJump = [](const SceneFinding& one) { return one.kind == Kind::ClockJump; };
+    const auto hasSteps = [](const Scene& one) { return !one.clockSteps.empty(); };
+    const bool isSet = std::ranges::any_of(account.findings, isJump) ||
+                       std::ranges::any_of(account.scenes, hasSteps);
     // A replay may take no time.
-    return {{"stop", Seconds(std::max(scene.stop - scene.begin, scene.Period()))},
-            {"clock", ClockOf(account, scene)},
-            {"frames", FramesOf(scene)},
-            {"tracks", tracks},
-            {"wakes", wakes}};
+    return {
+        {"stop", Seconds(std::max(scene.stop - scene.begin, scene.Period()))},
+        {"clock",
+         {{"from", isSet ? "" : account.from}, {"begin", Seconds(account.clock + scene.begin)}}},
+        {"frames", FramesOf(scene)},
+        {"tracks", tracks},
+        {"wakes", wakes}};
 }
 
 }  // namespace
