@@ -244,7 +244,7 @@ TEST(Clocks, WhatDoesNotBelongTogetherIsRefused) {
         tools::SchedTrace trace = TraceOf(recording.text);
         try {
             tools::TieClocks(trace, recording.lines, 1);
-        } catch (const tools::TieError& error) {
+        } catch (const tools::CommandError& error) {
             return error.what();
         }
         return "";

@@ -40,8 +40,6 @@ std::string Explain(const std::string& bytes, size_t piece) {
         reader.End();
     } catch (const tools::CommandError& error) {
         return error.what();
-    } catch (const tools::RecordingError& error) {
-        return error.what();
     }
     reader.Finish();
     tools::SchedTrace trace = recorded.Finish();
@@ -54,9 +52,9 @@ std::string Explain(const std::string& bytes, size_t piece) {
     try {
         if (!trace.events.empty()) {
             made = std::make_unique<tools::Scheduling>(
-                MakeScheduling(account, "name", std::move(trace), lines));
+                MakeScheduling(account, std::move(trace), lines));
         }
-    } catch (const tools::TieError& error) {
+    } catch (const tools::CommandError& error) {
         return error.what();
     }
     tools::MakeFindings(account, {});

@@ -50,9 +50,9 @@ std::string Explain(const std::string& text, size_t piece) {
     tools::Account account = tools::Judge(scenes.Finish(trace.to), {}, {"name"}, {});
     std::unique_ptr<tools::Scheduling> made;
     try {
-        made = std::make_unique<tools::Scheduling>(
-            MakeScheduling(account, "name", std::move(trace), lines));
-    } catch (const tools::TieError&) {
+        made =
+            std::make_unique<tools::Scheduling>(MakeScheduling(account, std::move(trace), lines));
+    } catch (const tools::CommandError&) {
         return "";
     }
     tools::MakeFindings(account, {});

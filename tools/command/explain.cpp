@@ -53,17 +53,13 @@ void EndIfInterrupted(const std::string& howFar) {
 void ReadInput(TextSink& sink, const std::string& path) {
     const Input file(path);
     std::string howFar = "0 MB";
-    try {
-        ReadText(sink, file.name, file.descriptor, [&howFar](int64_t done, int64_t all) {
-            constexpr double MB = 1 << 20;
-            howFar = fmt::format("{:.1f} MB", static_cast<double>(done) / MB);
-            howFar += all == 0 ? "" : fmt::format(" of {:.1f} MB", static_cast<double>(all) / MB);
-            ShowProgress(howFar);
-            return InterruptStatus() == 0;
-        });
-    } catch (const RecordingError& error) {
-        throw CommandError(file.name + ": error: " + error.what());
-    }
+    ReadText(sink, file.name, file.descriptor, [&howFar](int64_t done, int64_t all) {
+        constexpr double MB = 1 << 20;
+        howFar = fmt::format("{:.1f} MB", static_cast<double>(done) / MB);
+        howFar += all == 0 ? "" : fmt::format(" of {:.1f} MB", static_cast<double>(all) / MB);
+        ShowProgress(howFar);
+        return InterruptStatus() == 0;
+    });
     ClearProgress();
     if (path == "-" && InterruptStatus() != 0) {
         Complain(file.name + ": note: interrupted: explained as a capture that ends here");
@@ -94,17 +90,20 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
     sinks.insert(sinks.end(), {&scenes, &counted});
     CaptureReader reader(sinks);
     SchedRecording recorded;
-    reader.SetPacketSink([&](std::string_view packet) {
-        recorded.TakePacket(packet);
-        counted.isOn = counted.isOn || !recorded.IsEmpty();
-    });
+    const bool isAlone = captures.size() == 1;
+    if (isAlone && trace.empty()) {
+        reader.SetPacketSink([&](std::string_view packet) {
+            recorded.TakePacket(packet);
+            counted.isOn = !recorded.IsEmpty();
+        });
+    }
     std::vector<std::string> names;
     for (const std::string& capture : captures) {
         const int64_t before = reader.Summary().libraryLines;
         names.push_back(NameOfInput(capture));
         reader.Begin(names.back());
         ReadInput(reader, capture);
-        if (captures.size() > 1 && reader.Summary().libraryLines == before) {
+        if (!isAlone && reader.Summary().libraryLines == before) {
             Complain(names.back() +
                      ": warning: none of its lines is the library's; a scheduler "
                      "trace goes with --sched");
@@ -114,33 +113,28 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
     RequireLibraryLines(reader.Summary(), names);
     Explained explained{
         Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options)};
-    const bool isAlone = captures.size() == 1;
+    SchedTrace read;
     if (isAlone) {
-        SchedTrace none;
-        explained.clocks = KnotsOf(counted, none);
+        explained.clocks = KnotsOf(counted, read);
     }
-    const bool isRecorded = isAlone && trace.empty() && !recorded.IsEmpty();
-    if (!trace.empty() || isRecorded) {
-        const std::string name = isRecorded ? names.front() : NameOfInput(trace);
+    if (counted.isOn) {
         FtraceReader traceReader;
-        if (!isRecorded) {
+        if (!trace.empty()) {
             ReadInput(traceReader, trace);
         }
-        SchedTrace read = isRecorded ? recorded.Finish() : traceReader.Finish();
+        read = trace.empty() ? recorded.Finish() : traceReader.Finish();
+        read.name = trace.empty() ? names.front() : NameOfInput(trace);
         if (read.events.empty()) {
-            throw CommandError(
-                name +
-                ": error: there is no switch of threads in it:\n"
-                "is it a scheduler trace, and was the event sched_switch on? [no-lines]");
+            throw CommandError(fmt::format(
+                "{}: error: there is no switch of threads in it{}:\n"
+                "is it a scheduler trace, and was the event sched_switch on? [no-lines]",
+                read.name,
+                read.damage.empty() ? "" : ", as far as it can be read: " + read.damage));
         }
-        try {
-            explained.scheduling = std::make_unique<Scheduling>(
-                MakeScheduling(explained.account, name, std::move(read), counted));
-            if (isRecorded) {
-                explained.clocks = explained.scheduling->tie.knots;
-            }
-        } catch (const TieError& error) {
-            throw CommandError(name + ": error: " + error.what());
+        explained.scheduling = std::make_unique<Scheduling>(
+            MakeScheduling(explained.account, std::move(read), counted));
+        if (trace.empty()) {
+            explained.clocks = explained.scheduling->tie.knots;
         }
     }
     MakeFindings(explained.account, options);

@@ -139,9 +139,9 @@ void PacketReader::TakePacket(std::string_view packet) {
     try {
         ForEachField(packet, [this](uint32_t field, std::string_view content) {
             if (field == ZSTD) {
-                throw RecordingError(
+                damage =
                     "its packets are compressed with zstd, which is not read: record without "
-                    "that\n(compression_type in Perfetto's configuration)");
+                    "that\n(compression_type in Perfetto's configuration)";
             }
             if (field == DEFLATED) {
                 ForEachField(Inflated(content),

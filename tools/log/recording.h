@@ -8,7 +8,6 @@
 #include <functional>
 #include <map>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,12 +23,6 @@ class Fields;
 // Gets the packets of a recording in the order of the file, which need not be that of their times.
 // A packet is gone after the call. May throw a protozero::exception at one that is damaged.
 using PacketSink = std::function<void(std::string_view packet)>;
-
-// Why a recording cannot be read, with what to do.
-class RecordingError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
 
 // Splits files that are recordings into packets; a file is one by its first bytes. Pass files one
 // after the other, in pieces of any length.

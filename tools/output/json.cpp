@@ -168,7 +168,7 @@ void WriteJson(std::ostream& out, const Explained& explained) {
                  {"findings", ToJson(account, account.findings)},
                  {"scenes", Json::array()}};
     if (scheduling != nullptr) {
-        json["trace"] = {{"file", scheduling->name},
+        json["trace"] = {{"file", scheduling->trace.name},
                          {"counters", scheduling->tie.counters},
                          {"within", Milliseconds(scheduling->tie.within)},
                          {"lost", scheduling->trace.lost},

@@ -52,7 +52,7 @@ std::string TitleOf(const Scheduling& scheduling) {
     std::vector<std::string> parts = {fmt::format(
         "{}: a scheduler trace of {:.3f} s, {} of which tie it to the log, nine of ten to within "
         "{:.2f} ms",
-        scheduling.name, static_cast<double>(trace.to - trace.from) / 1e6,
+        trace.name, static_cast<double>(trace.to - trace.from) / 1e6,
         Counted(scheduling.tie.counters, "counter"),
         static_cast<double>(scheduling.tie.within) / 1000)};
     if (trace.lost > 0) {

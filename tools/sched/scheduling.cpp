@@ -172,10 +172,8 @@ std::vector<std::string> NotesOf(const Account& account, const SchedTrace& trace
 
 }  // namespace
 
-Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
-                          const CountedLines& lines) {
+Scheduling MakeScheduling(Account& account, SchedTrace trace, const CountedLines& lines) {
     Scheduling all;
-    all.name = std::move(name);
     all.tie = TieClocks(trace, lines, account.resolution);
     all.states = StatesOf(trace);
     trace.events = {};  // They take much memory.

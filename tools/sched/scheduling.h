@@ -54,7 +54,6 @@ struct SceneScheduling {
 
 // An account's scheduling. Threads are positions in the trace's, and all times are the log's.
 struct Scheduling {
-    std::string name;  // Of the trace's file.
     SchedTrace trace;  // Without its events, which are in `states`.
     Tie tie;
     States states;
@@ -68,8 +67,8 @@ struct Scheduling {
 void AddScheduling(JudgedScene& judged, const SceneScheduling& uses, const Scheduling& all);
 
 // Works the scheduling out and adds what threads did to the causes of an account that was judged,
-// before findings are made of them. Throws a TieError where trace and log do not belong together.
-Scheduling MakeScheduling(Account& account, std::string name, SchedTrace trace,
-                          const CountedLines& lines);
+// before findings are made of them. Throws a CommandError where trace and log do not belong
+// together.
+Scheduling MakeScheduling(Account& account, SchedTrace trace, const CountedLines& lines);
 
 }  // namespace tools

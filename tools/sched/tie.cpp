@@ -7,6 +7,7 @@
 #include <span>
 #include <utility>
 
+#include "tools/base/finding.h"
 #include "tools/base/statistics.h"
 
 namespace tools {
@@ -227,13 +228,15 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
             NameThreads(trace, tie);
             return tie;
         }
-        throw TieError(
-            "it has none of the library's counters: were the trace tags camera or hal on, and the\n"
-            "library's debug switch?");
+        throw CommandError(
+            trace.name +
+            ": error: it has none of the library's counters: were the trace tags camera or hal on, "
+            "and the\nlibrary's debug switch?");
     }
     if (lines.empty()) {
-        throw TieError(
-            "the log has no times, or has no frame that the service was told of:\n"
+        throw CommandError(
+            trace.name +
+            ": error: the log has no times, or has no frame that the service was told of:\n"
             "nothing ties the two together");
     }
     const Tying tying{trace, resolution};
@@ -273,11 +276,11 @@ Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution)
         AddKnot(knots, {part.back().time, fit.knots.back().ahead});
     }
     if (knots.empty()) {
-        throw TieError(
-            fmt::format("its counters (of process {}) and the log (of process {}) are of different "
-                        "times:\n"
-                        "the one ends before the other begins, or they are of two runs or boots",
-                        trace.counters.front().process, lines.front().process));
+        throw CommandError(fmt::format(
+            "{}: error: its counters (of process {}) and the log (of process {}) are of different "
+            "times:\n"
+            "the one ends before the other begins, or they are of two runs or boots",
+            trace.name, trace.counters.front().process, lines.front().process));
     }
     TurnIntoLog(trace, knots);
     tie.knots = std::move(knots);

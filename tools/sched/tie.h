@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <map>
-#include <stdexcept>
 #include <vector>
 
 #include "tools/account/cause.h"
@@ -49,12 +48,6 @@ struct CountedLines : MessageSink {
 // the trace where the recording does not show that.
 std::vector<Knot> KnotsOf(const CountedLines& counted, SchedTrace& trace);
 
-// Why a trace and a log do not belong together.
-class TieError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
 // What tying the clocks showed.
 struct Tie {
     int64_t counters = 0;  // How many counters tie them,
@@ -73,8 +66,8 @@ struct Tie {
 };
 
 // Finds out how far the clocks are apart and turns all times of the trace into the log's. Throws a
-// TieError. `resolution`: of the log's times. Where there are no counters, a recording's own clocks
-// tie them.
+// CommandError where trace and log do not belong together. `resolution`: of the log's times. Where
+// there are no counters, a recording's own clocks tie them.
 Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution);
 
 // A line and its counter are no further apart, unless a thread is stopped between them.

@@ -77,6 +77,7 @@ struct SchedThread {
 };
 
 struct SchedTrace {
+    std::string name{};                  // What messages call its file.
     std::vector<SchedThread> threads;    // Number 0 of each CPU is one: the idle task.
     std::vector<SchedEvent> events;      // By time.
     std::vector<SchedCounter> counters;  // By event, those of one by time.
