@@ -44,6 +44,14 @@ const char* KindOf(const toml::node& node) {
     return kinds[static_cast<size_t>(node.type())];
 }
 
+// Whether it is false, or a list or a table with nothing in it.
+bool IsNothing(const toml::node& node) {
+    if (node.is_boolean()) {
+        return !node.value_or(false);
+    }
+    return node.is_array() ? node.as_array()->empty() : node.as_table()->empty();
+}
+
 // Where a file has a stage that is loaded.
 struct StageSource {
     std::string name{};  // The whole one: the library's ends at a zero.
@@ -73,22 +81,6 @@ class Checker {
         return std::move(result);
     }
 
-    std::vector<Finding> Check(const Configuration& known) {
-        table = known;
-        const auto stages = table.StagesByNumber();
-        table.stageCount = known.stageCount.value_or(static_cast<int32_t>(stages.size()));
-        for (const auto& [number, stage] : stages) {
-            if (stage == nullptr) {
-                AddEmptyStage(number, {});
-            } else {
-                sources.push_back({stage->node});
-            }
-        }
-        const toml::array nowhere;
-        CheckTable(&nowhere, &nowhere, &nowhere);
-        return std::move(result.findings);
-    }
-
   private:
     // `form` and `values`: the message, as fmt has it.
     template <typename... Values>
@@ -99,13 +91,6 @@ class Checker {
                                    .message = fmt::format(form, std::forward<Values>(values)...),
                                    .place = {0, where.begin.line},
                                    .column = where.begin.column});
-    }
-
-    void AddEmptyStage(int32_t number, const toml::source_region& where) {
-        Add("stage-empty", Severity::Error, where,
-            "stage {} has neither node nor ports: it is skipped but still counts, so it never "
-            "ends, and no frame does",
-            number);
     }
 
     void Read(const toml::table& file) {
@@ -124,20 +109,19 @@ class Checker {
         }
         const toml::node* isOn = Require(*section, SWITCH, toml::node_type::boolean,
                                          "true or false", "switched-off", SWITCHED_OFF);
-        table.isEnabled = isOn != nullptr && isOn->value_or(false);
         if (const toml::node* width = section->get(WIDTH)) {
             ReadWidth(*width);
         }
         const toml::node* modes =
             Require(*section, MODES, toml::node_type::array, "a list", "no-modes", NO_MODES);
-        const bool isListRead = modes != nullptr && ReadModes(*modes->as_array());
+        const bool areModesRead = modes == nullptr || ReadModes(*modes->as_array());
+        table.isEnabled = isOn != nullptr && isOn->value_or(false) && areModesRead;
         const toml::node* stages = Require(*section, STAGE, toml::node_type::table,
                                            "a table of lists", "no-stages", NO_STAGES);
         if (stages != nullptr) {
             ReadStages(*stages->as_table());
+            CheckStages(*stages);
         }
-        CheckTable(isOn, isListRead ? modes : nullptr, stages);
-        table.isEnabled = table.isEnabled && (isListRead || modes == nullptr);
     }
 
     void AddNoSection(const toml::table& file) {
@@ -158,14 +142,21 @@ class Checker {
     const toml::node* Require(const toml::table& section, std::string_view key,
                               toml::node_type type, const char* expected, const char* check,
                               const char* consequence) {
-        const toml::node* node = section.get(key);
+        const toml::node* const node = section.get(key);
         if (node == nullptr) {
             Add(check, Severity::Error, section.source(), "there is no {}: {}",
                 key == STAGE ? "table of stages" : key, consequence);
-        } else if (node->type() != type) {
+            return nullptr;
+        }
+        if (node->type() != type) {
             Add("wrong-type", Severity::Error, node->source(), "{} is {}, where {} is read: {}",
                 key, KindOf(*node), expected, consequence);
             return nullptr;
+        }
+        if (IsNothing(*node)) {
+            Add(check, Severity::Error, node->source(), "{} is {}: {}",
+                key == STAGE ? "the table of stages" : key, node->is_boolean() ? "false" : "empty",
+                consequence);
         }
         return node;
     }
@@ -177,13 +168,10 @@ class Checker {
             Add("wrong-type", Severity::Warning, node.source(),
                 "{} is no integer of 32 bits and is not read: no width but {} is boosted", WIDTH,
                 BOOST_WIDTH);
-        } else if (*width == BOOST_WIDTH) {
+        } else if (*width <= 0 || *width == BOOST_WIDTH) {
             Add("width", Severity::Warning, node.source(),
-                "{} is {}, which is boosted in any case: no second width is", WIDTH, *width);
-        } else if (*width <= 0) {
-            Add("width", Severity::Warning, node.source(),
-                "{} is {}, which is not the width of a video: no width but {} is boosted", WIDTH,
-                *width, BOOST_WIDTH);
+                "{} is {}, which is {}: no width but {} is boosted", WIDTH, *width,
+                *width <= 0 ? "not the width of a video" : "boosted in any case", BOOST_WIDTH);
         }
     }
 
@@ -263,7 +251,10 @@ class Checker {
             return false;
         }
         if (list->empty()) {
-            AddEmptyStage(number, node.source());
+            Add("stage-empty", Severity::Error, node.source(),
+                "stage {} has neither node nor ports: it is skipped but still counts, so it never "
+                "ends, and no frame does",
+                number);
             return true;
         }
         std::vector<std::string> texts;
@@ -310,11 +301,10 @@ class Checker {
         }
         const std::string_view rest =
             std::string_view(text).substr(static_cast<size_t>(end - text.c_str()));
-        if (rest.find_first_not_of(" \t") != std::string_view::npos) {
-            Add("port-misread", Severity::Error, where, "{} is read as {}: ports are decimal", port,
-                value);
-        } else if (text != std::to_string(value)) {
-            Add("port-misread", Severity::Note, where, "{} is read as {}", port, value);
+        if (text != std::to_string(value)) {
+            const bool isCut = rest.find_first_not_of(" \t") != std::string_view::npos;
+            Add("port-misread", isCut ? Severity::Error : Severity::Note, where,
+                "{} is read as {}{}", port, value, isCut ? ": ports are decimal" : "");
         }
         if (!ports.insert(static_cast<int32_t>(value)).second) {
             Add("duplicate-port", Severity::Warning, where,
@@ -323,22 +313,9 @@ class Checker {
         }
     }
 
-    // What is said of a table wherever it comes from. The nodes: where its parts stand; null for
-    // those that could not be read.
-    void CheckTable(const toml::node* isOn, const toml::node* modes, const toml::node* stages) {
-        if (isOn != nullptr && !table.isEnabled) {
-            Add("switched-off", Severity::Error, isOn->source(), "{} is false: {}", SWITCH,
-                SWITCHED_OFF);
-        }
-        if (modes != nullptr && table.modes.empty()) {
-            Add("no-modes", Severity::Error, modes->source(), "{} is empty: {}", MODES, NO_MODES);
-        }
-        if (stages != nullptr && table.stageCount == 0) {
-            Add("no-stages", Severity::Error, stages->source(), "the table of stages is empty: {}",
-                NO_STAGES);
-        }
-        if (stages != nullptr && table.stageCount >= FRAMES_TRACKED) {
-            Add("too-many-stages", Severity::Warning, stages->source(),
+    void CheckStages(const toml::node& stages) {
+        if (table.stageCount >= FRAMES_TRACKED) {
+            Add("too-many-stages", Severity::Warning, stages.source(),
                 "{}, and no more than {} are tracked: with a frame in each stage the next one "
                 "pushes the oldest out, which is reported and never ends",
                 Counted(*table.stageCount, "stage"), Counted(FRAMES_TRACKED, "frame"));
@@ -455,7 +432,12 @@ CheckedConfiguration CheckConfiguration(std::string_view toml) {
 }
 
 std::vector<Finding> CheckConfiguration(const Configuration& configuration) {
-    return Checker().Check(configuration);
+    std::vector<Finding> findings = CheckConfiguration(ToToml(configuration)).findings;
+    for (Finding& finding : findings) {
+        finding.place = {};
+        finding.column = 0;
+    }
+    return findings;
 }
 
 }  // namespace tools

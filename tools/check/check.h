@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <ostream>
@@ -39,9 +38,6 @@ struct Configuration {
 
     // The highest stage whose node name occurs within `node`; null when there is none.
     const ConfiguredStage* StageOf(std::string_view node) const;
-    // The stages by their numbers, and null for those that count and could not be loaded: no more
-    // than 1,000 of these.
-    std::map<int32_t, const ConfiguredStage*> StagesByNumber() const;
     // Whether any stage whose node name occurs within `node` lists `port`.
     bool IsStagePort(std::string_view node, int32_t port) const;
 
@@ -49,8 +45,8 @@ struct Configuration {
 };
 
 // For a node that ends no stage: the highest stage whose node name would occur within `node` if
-// neither case nor blanks mattered. Nothing when `node` does match a stage.
-std::optional<ConfiguredStage> NearMiss(const Configuration& configuration, std::string_view node);
+// neither case nor blanks mattered. Null when `node` does match a stage.
+const ConfiguredStage* NearMiss(const Configuration& configuration, std::string_view node);
 
 // What comes of a second node end that ends `stage` of the same frame.
 const char* OfSecondEnd(const Configuration& configuration, int32_t stage);
@@ -67,8 +63,7 @@ struct CheckedConfiguration {
 
 // Checks TOML text.
 CheckedConfiguration CheckConfiguration(std::string_view toml);
-// Checks a table that no file has, as the dump in a log is one: of the width, which a dump lacks,
-// nothing is said. The findings have no places.
+// Checks a table that no file has, as the dump in a log is one. The findings have no places.
 std::vector<Finding> CheckConfiguration(const Configuration& configuration);
 
 // The configuration as a file that the store would serve, with what `Configuration` does not know

@@ -30,20 +30,7 @@ bool Configuration::IsStagePort(std::string_view node, int32_t port) const {
     });
 }
 
-std::map<int32_t, const ConfiguredStage*> Configuration::StagesByNumber() const {
-    constexpr int32_t most = 1000;
-    std::map<int32_t, const ConfiguredStage*> numbered;
-    for (const ConfiguredStage& stage : stages) {
-        numbered[stage.stage] = &stage;
-    }
-    const int32_t last = stages.empty() ? -1 : stages.back().stage;
-    for (int32_t number = 0; number < std::min(stageCount.value_or(last), most); ++number) {
-        numbered.try_emplace(number, nullptr);
-    }
-    return numbered;
-}
-
-std::optional<ConfiguredStage> NearMiss(const Configuration& configuration, std::string_view node) {
+const ConfiguredStage* NearMiss(const Configuration& configuration, std::string_view node) {
     const std::string folded = Folded(node);
     const auto& stages = configuration.stages;
     const auto found =
@@ -51,10 +38,7 @@ std::optional<ConfiguredStage> NearMiss(const Configuration& configuration, std:
             const std::string part = Folded(stage.node);
             return !part.empty() && Occurs(part, folded);
         });
-    if (found == stages.rend() || configuration.StageOf(node) != nullptr) {
-        return std::nullopt;
-    }
-    return *found;
+    return found == stages.rend() || configuration.StageOf(node) != nullptr ? nullptr : &*found;
 }
 
 const char* OfSecondEnd(const Configuration& configuration, int32_t stage) {

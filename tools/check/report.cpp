@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -162,7 +164,16 @@ std::string ToToml(const Configuration& configuration) {
     }
     text += "]\n\n[TarvoCameraFrameBoostConfig.stage]\n";
 
-    for (const auto& [number, stage] : configuration.StagesByNumber()) {
+    // Null for those that count and could not be loaded: no more than 1,000 of these.
+    std::map<int32_t, const ConfiguredStage*> numbered;
+    const int32_t last = configuration.stages.empty() ? -1 : configuration.stages.back().stage;
+    for (int32_t i = 0; i < std::min(configuration.stageCount.value_or(last), 1000); ++i) {
+        numbered[i] = nullptr;
+    }
+    for (const ConfiguredStage& stage : configuration.stages) {
+        numbered[stage.stage] = &stage;
+    }
+    for (const auto& [number, stage] : numbered) {
         text += fmt::format("{} = [", number);
         if (stage != nullptr) {
             text += TomlText(stage->node);
