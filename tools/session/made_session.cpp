@@ -252,17 +252,9 @@ void SessionMaker::OnMessage(const Message& message, const Moment& moment) {
 }
 
 void SessionMaker::OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& /*place*/) {
-    Comment(moment,
-            "# Missing: " + (lines > 0 ? Counted(lines, "line") : "some lines") + " of the log.\n");
-}
-
-void SessionMaker::OnClockSet(Micros step, const Moment& moment, const Place& /*place*/) {
-    Comment(moment, fmt::format("# The clock was set by {} us.\n", step));
-}
-
-void SessionMaker::Comment(const Moment& moment, const std::string& text) {
     if (const auto run = runs.find(moment.process); run != runs.end()) {
-        run->second.Comment(text, moment.time);
+        const std::string missing = lines > 0 ? Counted(lines, "line") : "some lines";
+        run->second.Comment("# Missing: " + missing + " of the log.\n", moment.time);
     }
 }
 

@@ -36,7 +36,6 @@ class SessionMaker : public MessageSink {
 
     void OnMessage(const Message& message, const Moment& moment) override;
     void OnLinesLeftOut(int64_t lines, const Moment& moment, const Place& place) override;
-    void OnClockSet(Micros step, const Moment& moment, const Place& place) override;
 
     // The session with the most calls: a session plays one run. To be called once, last; empty
     // when there were no calls at all.
@@ -45,7 +44,6 @@ class SessionMaker : public MessageSink {
   private:
     class Run;
 
-    void Comment(const Moment& moment, const std::string& text);
     void Close(Run& run);
 
     // By process: the run that goes on, and whether it is being loaded.
