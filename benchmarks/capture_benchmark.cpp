@@ -25,7 +25,7 @@ namespace {
 class Capture {
   public:
     Capture() {
-        tools::PreparePlatform({}, [](const tools::Finding&) {});
+        tools::PreparePlatform({}, [](const std::string&) {});
         tools::Camera camera = tools::BuiltinCamera();
         camera.frames = 36'000;
         std::ofstream file(path);

@@ -215,7 +215,7 @@ std::vector<tools::Scene> RandomScenes(uint32_t seed) {
 }
 
 TEST(Attribution, DependsOnNoOrderAndCountsEachBadFrameOnce) {
-    tools::PreparePlatform({}, [](const tools::Finding&) {});
+    tools::PreparePlatform({}, [](const std::string&) {});
     size_t bad = 0;
     for (uint32_t seed = 1; seed <= 60; ++seed) {
         for (const tools::Scene& scene : RandomScenes(seed)) {

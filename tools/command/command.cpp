@@ -209,13 +209,6 @@ int Output::overflow(int character) {
     return static_cast<int>(xsputn(&text, 1));
 }
 
-int Output::sync() {
-    if (gzflush(file, Z_SYNC_FLUSH) != Z_OK) {
-        Fail(name, "written");
-    }
-    return 0;
-}
-
 std::unique_ptr<Output> OpenOutput(const std::string& path) {
     return path.empty() ? nullptr : std::make_unique<Output>(path);
 }
@@ -227,18 +220,14 @@ void WriteFile(const std::string& path, const std::function<void(std::ostream& f
     }
 }
 
-void Show(const std::string& lines) {
+void Show(const std::string& lines, bool isHelp) {
     ClearProgress();
-    WriteFile("-", [&lines](std::ostream& out) { out << Styled(lines, STDOUT_FILENO); });
+    WriteFile("-", [&](std::ostream& out) { out << Styled(lines, STDOUT_FILENO, isHelp); });
 }
 
 void Complain(const std::string& lines) {
     ClearProgress();
     std::cerr << Styled(lines, STDERR_FILENO);
-}
-
-void ShowHelp(const std::string& help) {
-    WriteFile("-", [&help](std::ostream& out) { out << Styled(help, STDOUT_FILENO, true); });
 }
 
 void ShowProgress(const std::string& text) {
@@ -249,10 +238,6 @@ void ShowProgress(const std::string& text) {
         shown = now;
         std::cerr << '\r' << text << "\033[K" << std::flush;
     }
-}
-
-void ShowFrames(int64_t done, int64_t all) {
-    ShowProgress(fmt::format("{} of {} frames", done, all));
 }
 
 void ClearProgress() {

@@ -70,7 +70,6 @@ class Output : private std::streambuf, public std::ostream {
   protected:
     std::streamsize xsputn(const char* text, std::streamsize size) override;
     int overflow(int character) override;
-    int sync() override;
 
   private:
     std::string name;
@@ -90,17 +89,15 @@ void WriteFile(const std::string& path, const std::function<void(std::ostream& f
 // What --color says: auto, always or never.
 inline std::string colorOption = "auto";
 // Shows whole lines for people on standard output: on a terminal wrapped to its width, but for rows
-// of tables, and with severities in colour.
-void Show(const std::string& lines);
+// of tables, and with severities in colour. The text of --help is wrapped everywhere, to the width
+// of the terminal or of COLUMNS, else to 80.
+void Show(const std::string& lines, bool isHelp = false);
 // The same on standard error.
 void Complain(const std::string& lines);
-// Shows the text of --help, wrapped to the width of the terminal or of COLUMNS, else to 80.
-void ShowHelp(const std::string& help);
 
 // Shows how far long work has come in a line on standard error, when that is a terminal. May be
 // called as often as one likes. What is shown by the functions above takes its place.
 void ShowProgress(const std::string& text);
-void ShowFrames(int64_t done, int64_t all);
 void ClearProgress();
 
 // From the first call on an interrupt (SIGINT, SIGTERM) no longer ends the process, but standard

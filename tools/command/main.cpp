@@ -161,8 +161,6 @@ void AddReplay(CLI::App& app, ReplayArguments& arguments) {
         "A TOML file for the configuration store instead of the built-in sample");
     command.add_flag("--debug", arguments.options.withDebug,
                      "Debug property and trace tags on: show log lines and trace counters");
-    command.add_flag("--real-time", arguments.options.pace.isRealTime,
-                     "Let waits and recordings take their time");
     command.add_flag("--quiet", arguments.options.isQuiet, "Show the summary alone");
     Add(command, "--log FILE", arguments.log,
         "Write what the library logs, as logcat would have captured it; - takes the transcript's "
@@ -293,7 +291,7 @@ void RequireApart(const CLI::App& command) {
 
 // Reads the command line, of which `words` are all but the name, and runs the subcommand. Returns
 // an exit status.
-int Run(std::vector<std::string> words) {
+int Run(const std::vector<std::string>& words) {
     CLI::App app("Shows what the camera frame boost library does, without a phone.",
                  "cameraframeboost");
     app.footer(
@@ -317,10 +315,6 @@ int Run(std::vector<std::string> words) {
             ->check(CLI::IsMember({"auto", "always", "never"}))
             ->group("Options");
     }
-    if (!words.empty() && words.front() == "help") {
-        words.erase(words.begin());
-        words.emplace_back("--help");
-    }
     try {
         app.parse(std::vector(words.rbegin(), words.rend()));
     } catch (const CLI::ParseError& error) {
@@ -333,7 +327,7 @@ int Run(std::vector<std::string> words) {
         // Help and version come this way, too.
         std::ostringstream text;
         app.exit(error, text, std::cerr);
-        ShowHelp(CLI::detail::find_and_replace(text.str(), "\n\n\n", "\n\n"));
+        Show(CLI::detail::find_and_replace(text.str(), "\n\n\n", "\n\n"), true);
         return NOTHING_FOUND;
     }
     const CLI::App* const command = app.get_subcommands().front();

@@ -2,8 +2,6 @@
 
 #include "tools/play/replay.h"
 
-#include <unistd.h>
-
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
 
@@ -21,12 +19,8 @@ int RunReplay(ReplayArguments& arguments) {
     options.log = isLogShown ? &out : log.get();
 
     CatchInterrupts();
-    options.pace.isInterrupted = [] { return InterruptStatus() != 0; };
-    if (options.isQuiet || isatty(STDOUT_FILENO) == 0) {
-        options.pace.onProgress = ShowFrames;
-    }
+    options.isInterrupted = [] { return InterruptStatus() != 0; };
     const bool isPlayed = Replay(options, session, isLogShown ? nowhere : out, Complain);
-    ClearProgress();
     out.Close();
     if (log && isPlayed) {
         log->Close();

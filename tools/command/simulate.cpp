@@ -55,9 +55,7 @@ std::string SummaryOf(const Camera& camera, const Simulated& simulated) {
             "  the library boosted nothing: it takes video at 60 fps, of a width and in a mode "
             "that it is configured for\n";
     }
-    const auto lost = simulated.linesLost;
-    return text + fmt::format("{} lines of log{}\n", simulated.lines,
-                              lost == 0 ? "" : fmt::format(", and {} missing", lost));
+    return text + fmt::format("{} lines of log\n", simulated.lines);
 }
 
 }  // namespace
@@ -72,10 +70,7 @@ int RunSimulate(const SimulateArguments& arguments) {
     }
     options.format = *format;
     const std::optional<NamedText> configuration = ReadOption(arguments.configuration);
-    const auto complain = [&configuration](const Finding& finding) {
-        Complain(ToString(finding, configuration->name));
-    };
-    if (!PreparePlatform(configuration, complain)) {
+    if (!PreparePlatform(configuration, Complain)) {
         return BAD_INPUT;
     }
     if (configuration) {
@@ -85,7 +80,7 @@ int RunSimulate(const SimulateArguments& arguments) {
         }
         for (const Finding& finding :
              CheckNodes(CheckConfiguration(configuration->text).table, nodes)) {
-            complain(finding);
+            Complain(ToString(finding, configuration->name));
         }
     }
 
@@ -97,7 +92,7 @@ int RunSimulate(const SimulateArguments& arguments) {
     const bool showsProgress = arguments.output != "-" || isatty(STDOUT_FILENO) == 0;
     options.onProgress = [showsProgress](int64_t done, int64_t all) {
         if (showsProgress) {
-            ShowFrames(done, all);
+            ShowProgress(fmt::format("{} of {} frames", done, all));
         }
         return InterruptStatus() == 0;
     };

@@ -3,15 +3,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <thread>
 #include <utility>
 
 #include "tools/log/calls.h"
 #include "tools/log/message.h"
 
 namespace tools {
-Player::Player(Watcher playWatcher, Pace playPace)
-    : watcher(std::move(playWatcher)), pace(std::move(playPace)) {
+Player::Player(Watcher playWatcher, Interrupted playInterrupted)
+    : watcher(std::move(playWatcher)), isInterrupted(std::move(playInterrupted)) {
     TarvoCameraFrameBoost::localConfig = LocalConfig();
     TarvoCameraFrameBoost::persistTids.clear();
     TarvoCameraFrameBoost::tempTids.clear();
@@ -25,13 +24,6 @@ Player::Player(Watcher playWatcher, Pace playPace)
     }
     // The dump does not have it where a stage could not be loaded.
     configuration.stageCount = TarvoCameraFrameBoost::localConfig.GetStageCount();
-    for (const ConfiguredStage& stage : configuration.stages) {
-        if (stage.stage != recordable || stage.ports.empty() ||
-            configuration.StageOf(stage.node) != &stage) {
-            break;
-        }
-        ++recordable;
-    }
     watcher({nullptr, time, {}, std::move(effects), &configuration});
 }
 
@@ -39,13 +31,18 @@ std::optional<std::string> Player::WhyNotRecordable() const {
     if (*configuration.stageCount < 1) {
         return "the configuration has no stages, expected one that has";
     }
-    if (recordable < *configuration.stageCount) {
-        return fmt::format(
-            "stage {} of the configuration cannot be recorded through, expected a node of its own "
-            "with a port",
-            recordable);
+    int32_t recordable = 0;  // Through so many stages from 0 on a recording can go.
+    for (const ConfiguredStage& stage : configuration.stages) {
+        const bool isItsOwn = configuration.StageOf(stage.node) == &stage;
+        recordable += stage.stage == recordable && !stage.ports.empty() && isItsOwn ? 1 : 0;
     }
-    return std::nullopt;
+    if (recordable == *configuration.stageCount) {
+        return std::nullopt;
+    }
+    return fmt::format(
+        "stage {} of the configuration cannot be recorded through, expected a node of its own "
+        "with a port",
+        recordable);
 }
 
 void Player::Play(const Line& line) {
@@ -54,7 +51,7 @@ void Player::Play(const Line& line) {
     } else if (const auto* recording = std::get_if<Recording>(&line)) {
         PlayRecording(*recording);
     } else if (const auto* wait = std::get_if<Wait>(&line)) {
-        PassTime(time + wait->micros);
+        time += wait->micros;
     } else if (const auto* status = std::get_if<ServiceStatus>(&line)) {
         desktop::SetServiceStatus(status->function, status->status);
     }
@@ -86,33 +83,17 @@ void Player::PlayRecording(const Recording& recording) {
     // In each frame time every stage finishes a frame, each stage one frame behind the stage before
     // it. The frame that is furthest along is reported first: it makes room for the others.
     const Micros begun = time;
-    for (int64_t newest = first; newest < last + stageCount && !pace.isInterrupted(); ++newest) {
+    for (int64_t newest = first; newest < last + stageCount && !isInterrupted(); ++newest) {
         for (int32_t stage = stageCount - 1; stage >= 0; --stage) {
             const int64_t frame = newest - stage;
             if (frame >= first && frame <= last) {
                 reportNodeEnd(stage, frame);
             }
         }
-        if (newest <= last) {
-            pace.onProgress(newest - first + 1, recording.frames);
-        }
         if (sceneFps > 0) {
-            PassTime(begun + (newest - first + 1) * SECOND / sceneFps);
+            time = begun + (newest - first + 1) * SECOND / sceneFps;
         }
     }
-}
-
-void Player::PassTime(Micros until) {
-    // A slice at a time, so that an interrupt is heard.
-    constexpr std::chrono::milliseconds slice(50);
-    const auto due = begin + std::chrono::microseconds(until);
-    while (pace.isRealTime && std::chrono::steady_clock::now() < due) {
-        if (pace.isInterrupted()) {
-            return;
-        }
-        std::this_thread::sleep_until(std::min(due, std::chrono::steady_clock::now() + slice));
-    }
-    time = until;
 }
 
 void WriteLogLine(std::ostream& out, const Format& format, int64_t time, int32_t thread,

@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -36,15 +35,11 @@ class Player {
     // Gets the loading of the library, and each call.
     using Watcher = std::function<void(const Played& played)>;
 
-    struct Pace {
-        bool isRealTime = false;  // The session's time takes as long as it says.
-        // The frames of a recording that have been reported so far, and how many there will be.
-        std::function<void(int64_t done, int64_t all)> onProgress = [](int64_t, int64_t) {};
-        // Asked between calls, and while time passes: whether to come to an end.
-        std::function<bool()> isInterrupted = [] { return false; };
-    };
+    // Asked now and then in recordings: whether to end them before their time.
+    using Interrupted = std::function<bool()>;
 
-    Player(Watcher playWatcher, Pace playPace);
+    explicit Player(
+        Watcher playWatcher, Interrupted playInterrupted = [] { return false; });
 
     // The configuration as loaded, with its count of stages.
     const Configuration& Loaded() const { return configuration; }
@@ -52,23 +47,19 @@ class Player {
     // Why no recording can go through the loaded stage table; nothing when it can.
     std::optional<std::string> WhyNotRecordable() const;
 
-    // Plays a line of the session. An interrupt ends recordings and waits before
-    // their time. Recordings take a stage table that can be recorded through.
+    // Plays a line of the session. Recordings take a stage table that can be recorded through.
     void Play(const Line& line);
 
   private:
     void PlayCall(const Call& call);
     void PlayRecording(const Recording& recording);
-    void PassTime(Micros until);
 
     desktop::Recorder recorder;
     Watcher watcher;
-    Pace pace;
+    Interrupted isInterrupted;
     TarvoCameraFrameBoost boost;
     Configuration configuration;  // As loaded.
-    int32_t recordable = 0;       // Through so many stages from 0 on a recording can go.
     Micros time = 0;
-    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
     int32_t sceneFps = 0;   // As last described.
     int64_t nextFrame = 0;  // The frame that the last recording left open; 0 for none.
 };

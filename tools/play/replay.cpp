@@ -229,8 +229,7 @@ struct Transcript {
 
 }  // namespace
 
-bool PreparePlatform(const std::optional<NamedText>& configuration,
-                     const std::function<void(const Finding&)>& report) {
+bool PreparePlatform(const std::optional<NamedText>& configuration, const Complaints& complain) {
     desktop::Reset();
     desktop::SetLogToStderr(false);
     desktop::SetProperty(DEBUG_PROPERTY, "true");
@@ -239,20 +238,17 @@ bool PreparePlatform(const std::optional<NamedText>& configuration,
     }
     const CheckedConfiguration checked = CheckConfiguration(configuration->text);
     for (const Finding& finding : checked.findings) {
-        report(finding);
+        complain(ToString(finding, configuration->name));
     }
     return checked.isReadable && !checked.endsProcess &&
            !desktop::LoadConfiguration(configuration->text, configuration->name);
 }
 
 bool Replay(const ReplayOptions& options, const NamedText& file, std::ostream& out,
-            const std::function<void(const std::string&)>& complain) {
-    if (options.pace.isRealTime) {
-        out << std::unitbuf;
-    }
-    Transcript transcript{out, options};
-    const auto report = [&complain](const Finding& finding, const std::string& name) {
-        complain(ToString(finding, name));
+            const Complaints& complain) {
+    const auto fail = [&](const char* check, std::string message, uint32_t line = 0) {
+        complain(ToString({check, Severity::Error, std::move(message), {0, line}}, file.name));
+        return false;
     };
 
     constexpr uint32_t mostErrors = 20;  // So many are shown.
@@ -269,27 +265,23 @@ bool Replay(const ReplayOptions& options, const NamedText& file, std::ostream& o
         },
         [&](uint32_t number, const LineError& error) {
             if (++errors <= mostErrors) {
-                report({"session-line", Severity::Error, error.what(), {0, number}}, file.name);
+                fail("session-line", error.what(), number);
             }
         });
     if (lines == 0) {
-        report({"no-session", Severity::Error,
-                "no line of it is a call; a session is made of a log by "
-                "cameraframeboost explain LOG --to-session SESSION"},
-               file.name);
-    } else if (errors > mostErrors) {
-        report({"session-line", Severity::Error,
-                fmt::format("as many as {} lines cannot be read", errors)},
-               file.name);
+        return fail("no-session",
+                    "no line of it is a call; a session is made of a log by "
+                    "cameraframeboost explain LOG --to-session SESSION");
     }
-    if (lines == 0 || errors != 0 ||
-        !PreparePlatform(options.configuration, [&](const Finding& finding) {
-            report(finding, options.configuration->name);
-        })) {
+    if (errors > mostErrors) {
+        fail("session-line", fmt::format("as many as {} lines cannot be read", errors));
+    }
+    if (errors != 0 || !PreparePlatform(options.configuration, complain)) {
         return false;
     }
     desktop::SetTraceTags(options.withDebug ? CAMERA_TRACE_TAG : 0);
 
+    Transcript transcript{out, options};
     const auto watch = [&](const Played& played) {
         transcript.Show(played);
         for (const desktop::Effect& effect : played.effects) {
@@ -299,17 +291,16 @@ bool Replay(const ReplayOptions& options, const NamedText& file, std::ostream& o
             }
         }
     };
-    Player player(watch, options.pace);
+    Player player(watch, options.isInterrupted);
     if (const auto reason = player.WhyNotRecordable(); reason && recording != 0) {
-        report({"not-recordable", Severity::Error, *reason, {0, recording}}, file.name);
-        return false;
+        return fail("not-recordable", *reason, recording);
     }
     ForEachLine(file.text, [&](uint32_t, const Line& line) {
         if (!std::holds_alternative<Call>(line) && !std::holds_alternative<Recording>(line)) {
             transcript.Show(line);
         }
         player.Play(line);
-        return !options.pace.isInterrupted();
+        return !options.isInterrupted();
     });
     transcript.ShowSummary();
     return true;

@@ -198,7 +198,7 @@ struct Simulation {
     std::vector<int64_t> numberedFrom{};  // The frames after which the HAL numbers from 1.
     Simulated result{};
     // Last, as it tells of the library's loading at once.
-    Player player{[this](const Played& call) { OnPlayed(call); }, {}};
+    Player player{[this](const Played& call) { OnPlayed(call); }};
 
     Simulated Run() {
         if (options.truth != nullptr) {
@@ -241,7 +241,6 @@ struct Simulation {
             }
             if (linesToLose > 0) {
                 --linesToLose;
-                ++result.linesLost;
                 if (truth) {
                     truth->OnFault(losing, now, now);
                 }
@@ -505,7 +504,6 @@ struct Simulation {
 }  // namespace
 
 Simulated Simulate(const Camera& camera, std::ostream& capture, const SimulateOptions& options) {
-    CheckFaults(camera);
     return Simulation{camera, capture, options}.Run();
 }
 

@@ -43,14 +43,12 @@ struct Simulated {
     int64_t completed = 0;   // That came out of the last stage.
     int64_t overruns = 0;    // Dropped by the sensor since all buffers were taken.
     int64_t lines = 0;       // Written to the capture.
-    int64_t linesLost = 0;   // Not written to it.
 };
 
 // Writes the capture of a recording of `camera` to `capture`: loading the library, a scene, and its
 // end. The platform is to be prepared with PreparePlatform, which says what the library is
 // configured to, and nobody else may use it or the library meanwhile. Takes memory that does not
-// depend on the number of frames, unless the truth is asked for. Throws a LineError for faults
-// that the camera cannot have, and whatever writing throws.
+// depend on the number of frames, unless the truth is asked for. The camera has passed CheckFaults.
 Simulated Simulate(const Camera& camera, std::ostream& capture,
                    const SimulateOptions& options = {});
 
