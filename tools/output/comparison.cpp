@@ -47,10 +47,9 @@ void WriteFigures(std::ostream& out, const char* title, std::vector<Figure> befo
     }
 }
 
-// Stages are known again by their nodes. `threads`: null where there is no scheduler trace.
-// `digits`: of times.
-std::vector<Figure> FiguresOf(const JudgedScene& scene, const SceneScheduling* threads,
-                              int digits) {
+// Stages are known again by their nodes. `digits`: of times.
+std::vector<Figure> FiguresOf(const Explained& explained, size_t index, int digits) {
+    const JudgedScene& scene = explained.account.scenes[index];
     const Figures& all = scene.figures;
     std::vector<Figure> figures;
     for (size_t i = 0; i < FRAME_STATUSES; ++i) {
@@ -79,9 +78,10 @@ std::vector<Figure> FiguresOf(const JudgedScene& scene, const SceneScheduling* t
         const std::string& node = scene.stageNames[stage];
         add(node.empty() ? StageTitleOf(scene, stage) : Printable(node), all.stages[stage]);
     }
-    if (threads != nullptr) {
-        add("waited for a CPU a period, threads handed to the service", threads->handed.inside);
-        add("waited for a CPU a period, other threads of the pipeline", threads->others.inside);
+    if (explained.scheduling != nullptr) {
+        const SceneScheduling& threads = explained.scheduling->scenes[index];
+        add("waited for a CPU a period, threads handed to the service", threads.handed.inside);
+        add("waited for a CPU a period, other threads of the pipeline", threads.others.inside);
     }
     return figures;
 }
@@ -125,21 +125,15 @@ std::vector<Figure> CountsOf(const Account& account) {
     return counts;
 }
 
-// Of a scene that was started: its title, and its figures.
-using ComparedScene = std::pair<std::string, std::vector<Figure>>;
-
-std::vector<ComparedScene> ScenesOf(const Explained& explained, int digits) {
-    const Account& account = explained.account;
-    const Scheduling* const scheduling = explained.scheduling.get();
-    std::vector<ComparedScene> scenes;
+// Positions of the scenes that were started.
+std::vector<size_t> StartedOf(const Account& account) {
+    std::vector<size_t> started;
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        const JudgedScene& scene = account.scenes[i];
-        if (scene.isStarted) {
-            const auto* threads = scheduling == nullptr ? nullptr : &scheduling->scenes[i];
-            scenes.emplace_back(TitleOf(account, i), FiguresOf(scene, threads, digits));
+        if (account.scenes[i].isStarted) {
+            started.push_back(i);
         }
     }
-    return scenes;
+    return started;
 }
 
 }  // namespace
@@ -151,15 +145,17 @@ void WriteComparison(std::ostream& out, const Explained& explainedBefore,
     out << "Before: " << VerdictOf(before) << "\nAfter:  " << VerdictOf(after) << '\n';
     WriteConfigurations(out, before, after);
     const int digits = std::min(before.resolution, after.resolution) >= MILLISECOND ? 0 : 3;
-    const std::vector<ComparedScene> olds = ScenesOf(explainedBefore, digits);
-    const std::vector<ComparedScene> news = ScenesOf(explainedAfter, digits);
+    const std::vector<size_t> olds = StartedOf(before);
+    const std::vector<size_t> news = StartedOf(after);
     if (olds.size() != news.size()) {
         out << fmt::format("Before there were {}, after {}; they are compared in order.\n",
                            Counted(std::ssize(olds), "scene"), news.size());
     }
     for (size_t i = 0; i < std::min(olds.size(), news.size()); ++i) {
-        out << "\nBefore: " << olds[i].first << "\nAfter:  " << news[i].first << '\n';
-        WriteFigures(out, "Times in milliseconds\n", olds[i].second, news[i].second);
+        out << "\nBefore: " << TitleOf(before, olds[i]) << "\nAfter:  " << TitleOf(after, news[i])
+            << '\n';
+        WriteFigures(out, "Times in milliseconds\n", FiguresOf(explainedBefore, olds[i], digits),
+                     FiguresOf(explainedAfter, news[i], digits));
     }
     WriteFigures(out, "\nFindings\n", CountsOf(before), CountsOf(after));
 }
