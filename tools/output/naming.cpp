@@ -49,21 +49,22 @@ Rows WaitingOf(const SceneScheduling& scene) {
 // "trace.txt: a scheduler trace of 1.559 s, 1082 counters of which tie it to the log, ...".
 std::string TitleOf(const Scheduling& scheduling) {
     const SchedTrace& trace = scheduling.trace;
-    std::vector<std::string> parts = {fmt::format(
+    std::string title = fmt::format(
         "{}: a scheduler trace of {:.3f} s, {} of which tie it to the log, nine of ten to within "
         "{:.2f} ms",
         trace.name, static_cast<double>(trace.to - trace.from) / 1e6,
         Counted(scheduling.tie.counters, "counter"),
-        static_cast<double>(scheduling.tie.within) / 1000)};
+        static_cast<double>(scheduling.tie.within) / 1000);
     if (trace.lost > 0) {
-        parts.push_back(
-            fmt::format("it lacks {} that the tracer lost", Counted(trace.lost, "event")));
+        title += fmt::format("; it lacks {} that the tracer lost", Counted(trace.lost, "event"));
     }
     if (!trace.damage.empty()) {
-        parts.push_back("it cannot be read to its end: " + trace.damage);
+        title += "; it cannot be read to its end: " + trace.damage;
     }
-    parts.insert(parts.end(), scheduling.notes.begin(), scheduling.notes.end());
-    return fmt::format("{}", fmt::join(parts, "; "));
+    for (const std::string& note : scheduling.notes) {
+        title += "; " + note;
+    }
+    return title;
 }
 
 // Why it is not known how long a scene lasted.
@@ -155,7 +156,7 @@ std::string StageTitleOf(const Scene& scene, size_t stage) {
                        isNamed ? ", " + Printable(scene.stageNames[stage]) : "");
 }
 
-Rows FigureTableOf(const Account& account, const JudgedScene& scene) {
+CaptionedTable FigureTableOf(const Account& account, const JudgedScene& scene) {
     const Figures& figures = scene.figures;
     Rows rows = {{"times of", "n", "p50", "p90", "p95", "p99", "max"}};
     const auto add = [&](std::string name, const Statistics& times) {
@@ -179,7 +180,8 @@ Rows FigureTableOf(const Account& account, const JudgedScene& scene) {
             add(title + ": at work", figures.works[i]);
         }
     }
-    return rows;
+    const char* const exact = account.resolution >= MILLISECOND ? "1 ms" : "1 us";
+    return {fmt::format("Milliseconds, as exact as the capture: {}", exact), std::move(rows)};
 }
 
 std::string ToString(const Account& account, const Place& place) {
@@ -351,9 +353,9 @@ std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t 
     if (scheduling == nullptr || scheduling->scenes[scene].threads.empty()) {
         return {};
     }
-    return {{"Threads", "Threads, in milliseconds from the scene's first line to its last",
+    return {{"Threads, in milliseconds from the scene's first line to its last",
              ThreadsOf(*scheduling, scheduling->scenes[scene])},
-            {"Waiting", "Waited for a CPU in each frame period, all threads together, milliseconds",
+            {"Waited for a CPU in each frame period, all threads together, milliseconds",
              WaitingOf(scheduling->scenes[scene])}};
 }
 

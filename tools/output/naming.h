@@ -33,9 +33,14 @@ std::string SummaryOf(const JudgedScene& scene);
 // "stage 1, MCTFE0_cam".
 std::string StageTitleOf(const Scene& scene, size_t stage);
 
+struct CaptionedTable {
+    std::string caption;
+    Rows rows;
+};
+
 // The times that frames of a scene took, and what of: latency, output interval, and for each stage
 // all of its time, and waiting and work apart where frames waited. In milliseconds.
-Rows FigureTableOf(const Account& account, const JudgedScene& scene);
+CaptionedTable FigureTableOf(const Account& account, const JudgedScene& scene);
 
 // "capture.log:17", or "line 17" of the only input; empty for nowhere.
 std::string ToString(const Account& account, const Place& place);
@@ -61,11 +66,6 @@ double RateOf(const JudgedScene& scene);
 
 // What each thread of a scene did, and for how long all of them waited for a CPU in each period.
 // Nothing where the scene has no threads. `scheduling`: null where there is no scheduler trace.
-struct CaptionedTable {
-    const char* name;  // In a word.
-    const char* caption;
-    Rows rows;
-};
 std::vector<CaptionedTable> ThreadTablesOf(const Scheduling* scheduling, size_t scene);
 
 // A thread to draw for a scene: one of the pipeline's, below the first of its stages, or one that

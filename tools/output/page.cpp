@@ -5,6 +5,7 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
+#include <map>
 #include <regex>
 #include <span>
 #include <utility>
@@ -20,16 +21,10 @@ namespace {
 
 // ---- Texts and numbers as the page shows them ----
 
-// Markup, and what turns the direction of text: U+202A to U+202E and U+2066 to U+2069.
 constexpr std::pair<std::string_view, std::string_view> REPLACED[] = {
-    {"&", "&amp;"},        {"<", "&lt;"},         {">", "&gt;"},         {"\"", "&quot;"},
-    {"\u202A", "\\u202a"}, {"\u202B", "\\u202b"}, {"\u202C", "\\u202c"}, {"\u202D", "\\u202d"},
-    {"\u202E", "\\u202e"}, {"\u2066", "\\u2066"}, {"\u2067", "\\u2067"}, {"\u2068", "\\u2068"},
-    {"\u2069", "\\u2069"},
-};
+    {"&", "&amp;"}, {"<", "&lt;"}, {">", "&gt;"}, {"\"", "&quot;"}};
 
-// Text from a capture, or anything else that may hold what HTML takes for its own. Characters that
-// turn the direction of the text around them show as escapes such as \u202e.
+// Text from a capture, or anything else that may hold what HTML takes for its own.
 std::string Escaped(std::string_view text) {
     std::string escaped(text);
     for (const auto& [from, to] : REPLACED) {
@@ -63,35 +58,27 @@ std::string Seconds(Micros time) {
     return fmt::format("{:.3f}", static_cast<double>(time) / 1e6);
 }
 
-// To the frame in the timeline.
-std::string FrameLink(size_t scene, int64_t frame) {
-    return fmt::format("<a href=\"#scene={}&amp;frame={}\">{}</a>", scene + 1, frame, frame);
-}
-
-// "150", "150–181", the numbers linked.
-std::string RangeLinks(size_t scene, const FrameRange& range) {
-    return FrameLink(scene, range.first) +
-           (range.first == range.last ? "" : "–" + FrameLink(scene, range.last));
-}
-
-// To the frames of a finding.
+// "150, 160–181", the numbers linked to the timeline.
 std::string LinksOf(size_t scene, const std::vector<int64_t>& numbers) {
+    const auto linkOf = [scene](int64_t frame) {
+        return fmt::format("<a href=\"#scene={}&amp;frame={}\">{}</a>", scene + 1, frame, frame);
+    };
     std::vector<std::string> links;
-    for (const FrameRange& range : RangesOf(numbers)) {
-        links.push_back(RangeLinks(scene, range));
+    for (const auto& [first, last] : RangesOf(numbers)) {
+        links.push_back(linkOf(first) + (first == last ? "" : "–" + linkOf(last)));
     }
     return fmt::format("{}", fmt::join(links, ", "));
 }
 
 // Cells of HTML, of which the first row has the columns' names and the first column the rows'. What
-// is wider than the window is scrolled, with keys as well, which takes a region with a label.
-// `attributes`: of the table.
-void WriteTable(std::ostream& out, const std::string& label, const char* attributes,
-                const std::string& caption, const Rows& rows) {
-    fmt::print(out,
-               "<div class=wide tabindex=0 role=region aria-label=\"{}\"><table{}><caption>{}"
-               "</caption><thead><tr><th scope=col>{}</tr></thead>\n<tbody>",
-               label, attributes, caption, fmt::join(rows.front(), "<th scope=col>"));
+// is wider than the window is scrolled, with keys as well. `attributes`: of the table.
+void WriteTable(std::ostream& out, const char* attributes, const std::string& caption,
+                const Rows& rows) {
+    fmt::print(
+        out,
+        "<div class=wide tabindex=0><table{}><caption>{}</caption><thead><tr><th scope=col>{}"
+        "</tr></thead>\n<tbody>",
+        attributes, caption, fmt::join(rows.front(), "<th scope=col>"));
     for (const auto& row : std::span(rows).subspan(1)) {
         fmt::print(out, "<tr><th scope=row>{}</tr>\n", fmt::join(row, "<td>"));
     }
@@ -156,65 +143,36 @@ void WriteScene(std::ostream& out, const Account& account, const Scheduling* sch
     fmt::print(out, "<section aria-labelledby=s{0}>\n<h2 id=s{0}>{1}</h2>\n<p>{2}</p>\n", index,
                Escaped(HeadingOf(account, index)), SummaryOf(scene));
     if (!scene.frames.empty()) {
-        WriteTable(out, fmt::format("Figures of scene {}", index + 1), " class=figures",
-                   "Times in milliseconds, as exact as the capture: to " +
-                       ShortMilliseconds(account.resolution) + " ms",
-                   Named(FigureTableOf(account, scene)));
+        const auto& [caption, rows] = FigureTableOf(account, scene);
+        WriteTable(out, " class=figures", caption, Named(rows));
     }
-    for (const CaptionedTable& table : ThreadTablesOf(scheduling, index)) {
-        WriteTable(out, fmt::format("{} of scene {}", table.name, index + 1), " class=figures",
-                   table.caption, Named(table.rows));
+    for (const auto& [caption, rows] : ThreadTablesOf(scheduling, index)) {
+        WriteTable(out, " class=figures", caption, Named(rows));
     }
     out << "</section>\n";
 }
 
-// Frames that are not complete, or late: those of consecutive numbers to which the same happened
-// are a row.
-void AddFrames(Rows& rows, const Account& account, size_t index) {
-    const JudgedScene& scene = account.scenes[index];
-    // When the frame came out, else when it was last heard of.
-    const auto secondsOf = [&](size_t row) {
-        const Fate& fate = scene.FateOf(row);
-        const Micros moment = fate.isOut ? fate.output : scene.LastOf(row).second;
-        return moment == NO_TIME ? "" : Seconds(moment - scene.begin) + " s";
-    };
-    // What became of a frame.
-    const auto cellsOf = [](const Fate& fate) {
-        return std::vector{WordsOf(fate), fate.stage >= 0 ? std::to_string(fate.stage) : "",
-                           DescriptionOf(fate)};
-    };
-    for (size_t row = 0, next = 1; row < scene.frames.size(); row = next++) {
-        if (!Shown{}.Has(scene, row)) {
-            continue;
-        }
-        const Frame& first = scene.frames[row];
-        const std::vector<std::string> cells = cellsOf(scene.FateOf(row));
-        Micros interval = scene.FateOf(row).interval;
-        for (; next < scene.frames.size() && Shown{}.Has(scene, next) &&
-               StepOf(scene.frames[next - 1].number, scene.frames[next].number) == 1 &&
-               cellsOf(scene.FateOf(next)) == cells;
-             ++next) {
-            interval = std::max(interval, scene.FateOf(next).interval);
-        }
-        rows.push_back({std::to_string(index + 1),
-                        RangeLinks(index, {first.number, scene.frames[next - 1].number}),
-                        std::to_string(next - row), cells[0], cells[1], cells[2], secondsOf(row),
-                        secondsOf(next - 1), ShortMilliseconds(interval),
-                        Named(ToString(account, first.place))});
-    }
-}
-
 void WriteFrames(std::ostream& out, const Account& account) {
-    Rows rows = {{"scene", "frames", "count", "status", "in stage", "reason", "first at", "last at",
-                  "longest interval, ms", "first line"}};
+    Rows rows = {{"scene", "status", "in stage", "reason", "count", "frames"}};
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        AddFrames(rows, account, i);
+        const JudgedScene& scene = account.scenes[i];
+        std::map<std::vector<std::string>, std::vector<int64_t>>
+            numbers;  // By what became of them.
+        for (size_t row = 0; row < scene.frames.size(); ++row) {
+            const Fate& fate = scene.FateOf(row);
+            if (Shown{}.Has(scene, row)) {
+                const std::string stage = fate.stage >= 0 ? std::to_string(fate.stage) : "";
+                numbers[{WordsOf(fate), stage, DescriptionOf(fate)}].push_back(
+                    scene.frames[row].number);
+            }
+        }
+        for (const auto& [fate, frames] : numbers) {
+            rows.push_back({std::to_string(i + 1), fate[0], fate[1], fate[2],
+                            std::to_string(frames.size()), LinksOf(i, frames)});
+        }
     }
     out << "<section aria-labelledby=frames><h2 id=frames>Frames not complete, or late</h2>\n";
-    WriteTable(out, "Table of frames not complete, or late", " id=list",
-               "What the timeline draws, as a table: frames that were not complete or came out "
-               "late. Those that follow one another and had the same fate are one row.",
-               rows);
+    WriteTable(out, " id=list", "Frames that had the same fate are a row.", rows);
     out << (rows.size() == 1 ? "<p>None.</p>\n</section>\n" : "</section>\n");
 }
 
@@ -226,13 +184,11 @@ void WriteConfigurations(std::ostream& out, const Account& account) {
     }
     for (size_t i = 0; i < all.size(); ++i) {
         const SharedConfiguration& one = all[i];
-        const std::string number = all.size() == 1 ? "" : fmt::format(" {}", i + 1);
         fmt::print(out, "<section aria-labelledby=c{0}><h2 id=c{0}>{1}</h2>\n", i, one.title);
         Rows settings = SummaryOf(one.configuration);
         settings.insert(settings.begin(), {"setting", "value"});
-        WriteTable(out, "Settings of configuration" + number, "", "Settings", Named(settings));
-        WriteTable(out, "Stages of configuration" + number, "", "Stages",
-                   Named(StagesOf(one.configuration)));
+        WriteTable(out, "", "Settings", Named(settings));
+        WriteTable(out, "", "Stages", Named(StagesOf(one.configuration)));
         const char* begin = "<ol class=findings>";
         for (const Finding& finding : one.findings) {
             fmt::print(out, "{}<li class={}>{}</li>\n", std::exchange(begin, ""),

@@ -308,7 +308,7 @@
     function drawLegend() {
         const used = new Set(['chosen', 'shade', scene.wakes.length > 0 && 'wake',
             ...scene.tracks.flatMap(({ layers }) =>
-                layers.filter(({ end }) => end.length > 0).map(({ shape }) => shape))]);
+                layers.filter(({ end }) => end.some(isFinite)).map(({ shape }) => shape))]);
         const names = Object.keys(shapes).filter((name) => used.has(name));
         legend.replaceChildren(...names.map((name) => {
             const swatch = make('canvas', { width: 128, height: 64, ariaHidden: 'true' });

@@ -122,13 +122,13 @@ void WriteText(std::ostream& out, const Explained& explained) {
         if (scene.isStarted) {
             out << '\n' << SummaryOf(scene);
             if (scene.figures.interval.count > 0) {
-                out << "Milliseconds, as exact as the capture: "
-                    << (account.resolution >= MILLISECOND ? "1 ms" : "1 us") << ".\n";
-                WriteTable(out, FigureTableOf(account, scene), Cells::Figures);
+                const auto& [caption, rows] = FigureTableOf(account, scene);
+                out << caption << ".\n";
+                WriteTable(out, rows, Cells::Figures);
             }
-            for (const CaptionedTable& table : ThreadTablesOf(scheduling, i)) {
-                out << '\n' << table.caption << ":\n";
-                WriteTable(out, table.rows, Cells::Figures);
+            for (const auto& [caption, rows] : ThreadTablesOf(scheduling, i)) {
+                out << '\n' << caption << ":\n";
+                WriteTable(out, rows, Cells::Figures);
             }
             WriteFrames(out, account, scene, explained.shown);
         }
