@@ -38,7 +38,8 @@ Camera CameraOf(const SimulateArguments& arguments) {
 std::string SummaryOf(const Camera& camera, const Simulated& simulated) {
     const bool isWhole = simulated.frames == camera.frames;
     std::string text =
-        fmt::format("{}{} frames at {} fps through {} stages (seed {}): {} came out\n",
+        fmt::format("{}{} frames (number 0 only opens the pipeline) at {} fps through {} stages "
+                    "(seed {}): {} came out\n",
                     simulated.frames, isWhole ? "" : fmt::format(" of {}", camera.frames),
                     camera.fps, camera.Stages().size(), camera.seed, simulated.completed);
     for (const Fault& fault : camera.faults) {

@@ -126,6 +126,9 @@ std::string CaptureOf(const Account& account, const Scheduling* scheduling) {
 std::string SummaryOf(const JudgedScene& scene) {
     const Figures& figures = scene.figures;
     std::string text = fmt::format("Frames: {}", figures.frameCount);
+    if (figures.onlyOpened != 0) {
+        text += fmt::format(" ({} only started)", figures.onlyOpened);
+    }
     const char* separator = ": ";
     for (size_t i = 0; i < FRAME_STATUSES; ++i) {
         if (figures.statusCounts[i] != 0) {
