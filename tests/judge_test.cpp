@@ -71,8 +71,7 @@ struct Pipeline {
                     free[static_cast<size_t>(stage)] = time;
                 }
                 tools::Pass& pass = scene.passes[4 * row + static_cast<uint32_t>(stage)];
-                pass.left = time;
-                pass.place = {0, 10 * row + 2 + static_cast<uint32_t>(stage)};
+                pass.left = {time, {0, 10 * row + 2 + static_cast<uint32_t>(stage)}};
                 pass.seen = tools::NODE_END | tools::STAGE_START | tools::STAGE_END;
                 if (stage == 3) {
                     frame.end = time;
@@ -175,7 +174,7 @@ std::string TextOf(const tools::Scene& scene, const tools::Columns& columns,
         text += fmt::format(
             "{} {} {} {}-{} {}:{} {}: {}: {}\n", tools::NameOf(tools::KindOf(cause.what)),
             static_cast<int>(tools::SeverityOf(cause)), cause.stage, cause.span.begin,
-            cause.span.end, cause.place.input, cause.place.line, cause.time,
+            cause.span.end, cause.at.place.input, cause.at.place.line, cause.at.time,
             tools::SentenceOf(scene, columns, cause), tools::NumbersText(cause.harmed));
     }
     return text;

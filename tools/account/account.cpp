@@ -80,8 +80,7 @@ JudgedScene JudgedOf(Scene scene, const Configuration* configuration, double lat
     if (judged.columns.isMixed) {
         judged.causes = {{.what = Case::TwoObjects,
                           .span = {judged.begin, judged.stop},
-                          .place = judged.from,
-                          .time = judged.begin}};
+                          .at = {judged.begin, judged.from}}};
     } else {
         for (Finder* const find : FINDERS) {
             find(judged, judged.columns, judged.causes);
@@ -93,8 +92,7 @@ JudgedScene JudgedOf(Scene scene, const Configuration* configuration, double lat
 }
 
 SceneFinding FindingOf(const Scene& scene, const Columns& columns, const Cause& cause) {
-    SceneFinding finding{cause, KindOf(cause.what), SeverityOf(cause),
-                         SentenceOf(scene, columns, cause)};
+    SceneFinding finding{cause, SentenceOf(scene, columns, cause)};
     if (!finding.frame && !cause.own.empty()) {
         finding.frame = cause.own.front();
     }
@@ -104,17 +102,13 @@ SceneFinding FindingOf(const Scene& scene, const Columns& columns, const Cause& 
     return finding;
 }
 
-bool IsEarlier(const Cause& one, const Cause& other) {
-    return std::tie(one.time, one.place) < std::tie(other.time, other.place);
-}
-
 // One of several of a kind and a stage, in the order of their times.
 SceneFinding Merged(const std::vector<SceneFinding>& same) {
     SceneFinding all = same.front();
     all.states.reset();
     std::set<int64_t> own, harmed, frames;
     for (const SceneFinding& one : same) {
-        all.severity = std::max(all.severity, one.severity);
+        all.atLeast = std::max(all.atLeast, SeverityOf(one));
         own.insert(one.own.begin(), one.own.end());
         harmed.insert(one.harmed.begin(), one.harmed.end());
         if (one.frame) {
@@ -145,19 +139,16 @@ std::vector<SceneFinding> Joined(const JudgedScene& judged, size_t namedOneByOne
     std::vector<SceneFinding> findings;
     for (auto& [key, same] : groups) {
         const Kind kind = std::get<0>(key);
-        std::stable_sort(same.begin(), same.end(), IsEarlier);
+        std::ranges::stable_sort(same, {}, &SceneFinding::at);
         if (same.size() > namedOneByOne && kind != Kind::NodeIgnored &&
             kind != Kind::ThreadNotSet) {
             same = {Merged(same)};
         }
-        std::move(same.begin(), same.end(), std::back_inserter(findings));
+        std::ranges::move(same, std::back_inserter(findings));
     }
     // Worst first. Of the same severity they stay in the order of their times.
-    std::stable_sort(findings.begin(), findings.end(), IsEarlier);
-    std::stable_sort(findings.begin(), findings.end(),
-                     [](const SceneFinding& one, const SceneFinding& other) {
-                         return one.severity > other.severity;
-                     });
+    std::ranges::stable_sort(findings, {}, &SceneFinding::at);
+    std::ranges::stable_sort(findings, std::greater(), SeverityOf);
     return findings;
 }
 
@@ -166,12 +157,12 @@ Cause NotUnderstoodOf(const Account& account) {
     const std::vector<NotUnderstood>& shown = account.firstNotUnderstood;
     // Where a capture begins and where it ends, a line may be only half there.
     const bool isAtEdge = account.notUnderstood == std::ssize(shown) &&
-                          std::all_of(shown.begin(), shown.end(), [&](const NotUnderstood& line) {
+                          std::ranges::all_of(shown, [&](const NotUnderstood& line) {
                               return line.place.line == 1 || (account.inputs.size() == 1 &&
                                                               line.place.line == account.lines);
                           });
     Cause cause{.what = Case::NotUnderstoodLines,
-                .place = shown.empty() ? Place() : shown.front().place,
+                .at = {NO_TIME, shown.empty() ? Place() : shown.front().place},
                 .count = account.notUnderstood,
                 .times = account.notUnderstood,
                 .atLeast = isAtEdge ? Severity::Note : Severity::Warning};
@@ -184,7 +175,7 @@ Cause NotUnderstoodOf(const Account& account) {
 }  // namespace
 
 StageTimes JudgedScene::TimesOf(size_t row, int32_t stage) const {
-    StageTimes times{.start = ArrivalOf(row, stage), .end = PassOf(row, stage).left};
+    StageTimes times{.start = ArrivalOf(row, stage), .end = PassOf(row, stage).left.time};
     if (times.end == NO_TIME || times.start == NO_TIME || isAlone || stage >= columns.stages) {
         return times;
     }
@@ -229,11 +220,11 @@ void MakeFindings(Account& account, const JudgeOptions& options) {
 Severity WorstOf(const Account& account) {
     Severity worst = Severity::Note;
     for (const SceneFinding& finding : account.findings) {
-        worst = std::max(worst, finding.severity);
+        worst = std::max(worst, SeverityOf(finding));
     }
     for (const JudgedScene& judged : account.scenes) {
         for (const SceneFinding& finding : judged.findings) {
-            worst = std::max(worst, finding.severity);
+            worst = std::max(worst, SeverityOf(finding));
         }
     }
     return worst;

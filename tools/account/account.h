@@ -16,8 +16,6 @@ namespace tools {
 // A cause in words, or several of a kind: with the frames and times of all, and the place of the
 // first.
 struct SceneFinding : Cause {
-    Kind kind = Kind::Unexplained;
-    Severity severity = Severity::Note;
     std::string message{};
 };
 

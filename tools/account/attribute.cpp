@@ -31,8 +31,8 @@ namespace {
 // A total order: what no other cause precedes, whatever order they were found in.
 auto KeyOf(const Cause& cause) {
     return std::tuple(cause.what, cause.span.begin, cause.span.end, cause.stage,
-                      cause.own.empty() ? cause.frame.value_or(0) : cause.own.front(), cause.place,
-                      cause.other);
+                      cause.own.empty() ? cause.frame.value_or(0) : cause.own.front(),
+                      cause.at.place, cause.other);
 }
 
 // Whether a frame may be lost, refused or in error for that. A habit costs nothing but time.
@@ -165,8 +165,7 @@ struct Attribution {
             }
         }
         if (!parts.empty()) {
-            const auto isLess = [](auto& one, auto& other) { return one.second < other.second; };
-            return std::max_element(parts.begin(), parts.end(), isLess)->first;
+            return std::ranges::max_element(parts, {}, &decltype(parts)::value_type::second)->first;
         }
         const int64_t number = scene.frames[late.row].number;
         if (Cause* const found = First({number}, [](const Cause& cause) {
@@ -186,9 +185,10 @@ struct Attribution {
         if (rows.empty()) {
             return;
         }
-        std::sort(rows.begin(), rows.end());
+        std::ranges::sort(rows);
         Cause cause{.what = Case::Late,
                     .span = {scene.begin, scene.stop},
+                    .at = scene.LastOf(rows.front()),
                     .usual = columns.lateThreshold,
                     .other = std::ssize(columns.outputs),
                     .times = std::ssize(rows)};
@@ -203,7 +203,6 @@ struct Attribution {
             longest > 2 * columns.lateThreshold) {
             cause.atLeast = Severity::Warning;
         }
-        std::tie(cause.place, cause.time) = scene.LastOf(rows.front());
         causes.push_back(std::move(cause));
     }
 
@@ -213,7 +212,10 @@ struct Attribution {
             const uint32_t first = *next;
             const Frame& frame = scene.frames[first];
             const FrameStatus status = columns.fates[first].status;
+            const Mark trouble = scene.TroubleOf(first);
             Cause cause{.what = Case::BadFrames,
+                        .span = {trouble.time, trouble.time},
+                        .at = trouble,
                         .other = frame.newestBefore,
                         .why = columns.fates[first].reason};
             do {
@@ -229,8 +231,6 @@ struct Attribution {
                 cause.what = Case::NeverStarted;
                 cause.own.resize(1);
             }
-            std::tie(cause.place, cause.time) = scene.TroubleOf(first);
-            cause.span = {cause.time, cause.time};
             causes.push_back(std::move(cause));
         }
     }
@@ -239,15 +239,14 @@ struct Attribution {
 }  // namespace
 
 void Attribute(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    std::sort(causes.begin(), causes.end(),
-              [](const Cause& one, const Cause& other) { return KeyOf(one) < KeyOf(other); });
+    std::ranges::sort(causes, {}, KeyOf);
     Attribution{scene, columns, causes}.Run();
     // The table's depth matters where it cost something.
     std::erase_if(causes, [](const Cause& cause) {
         return cause.what == Case::PushedOut && cause.harmed.empty();
     });
     for (Cause& cause : causes) {
-        std::sort(cause.harmed.begin(), cause.harmed.end());
+        std::ranges::sort(cause.harmed);
         // A cause that pushed frames out of the table is an error.
         for (const int64_t number : cause.harmed) {
             const uint32_t row = scene.RowOf(number);

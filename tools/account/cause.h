@@ -126,8 +126,7 @@ struct Cause {
     int32_t stage = -1;
     std::vector<int64_t> own{};      // The frames that it is about, ascending.
     std::optional<int64_t> frame{};  // The frame to look at, where that is not the first of them.
-    Place place{};                   // The line to look at,
-    Micros time = NO_TIME;           // and the moment; NO_TIME where it is about no moment.
+    Mark at{};                       // The line to look at; NO_TIME where it is about no moment.
     std::vector<Micros> took{};      // Of each own frame, or of all in one.
     Micros usual = 0;
     int64_t other = 0;  // Another frame, port, stage or process that the sentence names.

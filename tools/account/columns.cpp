@@ -16,8 +16,7 @@ const char* NameOf(FrameStatus status) {
 
 Micros Columns::StoodIn(Micros from, Micros to) const {
     Micros sum = 0;
-    for (auto span = std::partition_point(
-             stood.begin(), stood.end(), [from](const Standstill& one) { return one.end <= from; });
+    for (auto span = std::ranges::upper_bound(stood, from, {}, &Standstill::end);
          span != stood.end() && span->begin < to; ++span) {
         sum += Cut(*span, {from, to}).Length();
     }
@@ -25,9 +24,7 @@ Micros Columns::StoodIn(Micros from, Micros to) const {
 }
 
 bool Columns::IsNearHole(Micros from, Micros to) const {
-    const auto hole = std::partition_point(holes.begin(), holes.end(), [from](const Span& one) {
-        return one.end + limits::NEAR_HOLE < from;
-    });
+    const auto hole = std::ranges::lower_bound(holes, from - limits::NEAR_HOLE, {}, &Span::end);
     return hole != holes.end() && hole->begin - limits::NEAR_HOLE <= to;
 }
 

@@ -37,7 +37,7 @@ struct Delays : Step {
     void AddLost(int64_t from, int64_t to, LateFrame& late) const {
         for (auto lost = columns.lost.upper_bound(from);
              lost != columns.lost.end() && lost->first < to; ++lost) {
-            if (std::find(late.lost.begin(), late.lost.end(), lost->first) == late.lost.end()) {
+            if (std::ranges::find(late.lost, lost->first) == late.lost.end()) {
                 late.lost.push_back(lost->first);
             }
         }

@@ -22,18 +22,18 @@ struct Fates : Step {
         Micros lag = 0;
         for (size_t i = 1; scene.restartedAfter && i < std::min(rows.size(), limits::RATE_FRAMES);
              ++i) {
-            const Micros passed = scene.DeliveredAt(rows[i]) - scene.DeliveredAt(rows[0]);
+            const Micros passed = scene.DeliveredAt(rows[i]).time - scene.DeliveredAt(rows[0]).time;
             lag = std::max(lag, static_cast<Micros>(i) * period - passed);
         }
         Gap gap{.before = scene.opener.value_or(1), .from = scene.opened, .place = scene.from};
         for (const uint32_t row : rows) {
             gap.next = row;
-            gap.to = scene.DeliveredAt(row);
+            const auto [to, place] = scene.DeliveredAt(row);
+            gap.to = to;
             if (gap.before < 1 || row != rows.front()) {
                 FindGap(gap, lag);
             }
-            gap = {
-                .before = scene.frames[row].number, .from = gap.to, .place = scene.LeftAt(row, 0)};
+            gap = {.before = scene.frames[row].number, .from = to, .place = place};
         }
     }
 
@@ -98,19 +98,21 @@ struct Fates : Step {
             // usually are.
             if (!fate.isOut && !scene.hasNodes && last >= 0 && (frame.isGap || frame.violation)) {
                 const auto rest = columns.usualStay.begin() + NextStage(row);
-                const Micros output = std::accumulate(rest, columns.usualStay.end(), LastOf(row));
+                const Micros output =
+                    std::accumulate(rest, columns.usualStay.end(), scene.SeenUntil(row));
                 fate.output = output <= scene.stop ? output : NO_TIME;
             }
         }
-        columns.outputs =
-            RowsBy([this](uint32_t row) { return columns.fates[row].output; },
-                   [&](uint32_t row) { return last >= 0 ? scene.LeftAt(row, last) : Place(); });
+        columns.outputs = RowsBy([&](uint32_t row) {
+            return Mark{columns.fates[row].output,
+                        last >= 0 ? scene.LeftAt(row, last).place : Place()};
+        });
     }
 
     void FindLost() {
         PerStage<uint32_t> newest;  // The highest row that left each stage.
         for (const std::vector<uint32_t>& order : columns.order) {
-            newest.push_back(order.empty() ? 0 : *std::max_element(order.begin(), order.end()));
+            newest.push_back(order.empty() ? 0 : *std::ranges::max_element(order));
         }
         std::vector<Lost> young;       // In flight for no longer than usual.
         std::optional<Lost> standing;  // The first of those that stand in the last stage.
@@ -123,7 +125,7 @@ struct Fates : Step {
                 (stage == 0 && !scene.frames[row].isStarted)) {
                 continue;
             }
-            Lost lost{scene.frames[row].number, stage, scene.LastOf(row).second};
+            Lost lost{scene.frames[row].number, stage, scene.LastOf(row).time};
             if (const auto how = HowLost(row, stage, newest[stage] > row)) {
                 lost.how = *how;
                 Lose(lost);
@@ -242,8 +244,7 @@ std::optional<int32_t> HolderOf(const Scene& scene, const Columns& columns, Micr
     }
     // The rows that had been started by then, from the newest down.
     const auto begin = scene.frames.begin();
-    const auto end = std::partition_point(
-        begin, scene.frames.end(), [time](const Frame& frame) { return frame.seen <= time; });
+    const auto end = std::ranges::upper_bound(scene.frames, time, {}, &Frame::seen);
     for (auto frame = end - std::min(end - begin, reach); frame != end; ++frame) {
         const auto row = static_cast<uint32_t>(frame - begin);
         const auto isBy = [time](Micros moment) { return moment != NO_TIME && moment <= time; };
@@ -262,7 +263,7 @@ std::optional<int32_t> HolderOf(const Scene& scene, const Columns& columns, Micr
             ++surplus[stage];
         }
     }
-    const auto most = std::max_element(surplus.begin(), surplus.end());
+    const auto most = std::ranges::max_element(surplus);
     if (most == surplus.end() || *most < limits::SURPLUS) {
         return {};
     }
@@ -290,11 +291,9 @@ void FindFates(const Scene& scene, Columns& columns) {
 
 void FindEvictions(const Scene& scene, Columns& columns) {
     // Lost frames only keep their places: they suffer nothing when they leave these.
-    const auto timeOf = [&](uint32_t row) {
-        return columns.fates[row].isNeverOut ? NO_TIME : scene.frames[row].evicted;
-    };
-    const std::vector<uint32_t> evicted =
-        Step{scene, columns}.RowsBy(timeOf, [&](uint32_t row) { return scene.frames[row].number; });
+    const std::vector<uint32_t> evicted = Step{scene, columns}.RowsBy([&](uint32_t row) {
+        return Mark{columns.fates[row].isNeverOut ? NO_TIME : scene.frames[row].evicted};
+    });
     Micros last = NO_TIME;
     for (const uint32_t row : evicted) {
         const Micros time = scene.frames[row].evicted;

@@ -25,8 +25,7 @@ struct Holes : Step {
         for (const Scene::Disturbance& one : scene.leftOut) {
             holes.push_back({one.time, one.time});
         }
-        std::sort(holes.begin(), holes.end(),
-                  [](const Span& one, const Span& other) { return one.begin < other.begin; });
+        std::ranges::sort(holes, {}, &Span::begin);
         for (const Span& hole : holes) {
             if (!columns.holes.empty() &&
                 hole.begin <= columns.holes.back().end + limits::ONE_HOLE) {
@@ -36,7 +35,7 @@ struct Holes : Step {
             }
         }
         for (uint32_t row = 0; row < RowCount() && !columns.holes.empty(); ++row) {
-            columns.fates[row].isUnknown = columns.IsNearHole(scene.frames[row].seen, LastOf(row));
+            columns.fates[row].isUnknown = IsDoubtful(row);
         }
     }
 
@@ -50,7 +49,7 @@ struct Holes : Step {
             const Micros came = scene.ArrivalOf(row, stage);
             const Micros start = came == NO_TIME ? frame.seen : came;
             lines.push_back((pass.seen & STAGE_START) != 0 ? start : NO_TIME);
-            lines.push_back((pass.seen & STAGE_END) != 0 ? pass.left : NO_TIME);
+            lines.push_back((pass.seen & STAGE_END) != 0 ? pass.left.time : NO_TIME);
         }
         std::vector<Micros> absent;  // Times of lines that prove others, which are not there.
         Micros next = NO_TIME;
@@ -73,7 +72,7 @@ struct Holes : Step {
                              : frame.isEnded || stage + 1 < scene.stageCount || stage == 0;
             if ((isEnd && !hasNode && columns.isByNodes[stage] != 0) ||
                 (hasNode && isInOrder && !(isEnd && isFollowed))) {
-                absent.push_back(pass.left);
+                absent.push_back(pass.left.time);
             }
         }
         for (const Micros time : absent) {
@@ -92,12 +91,10 @@ struct Holes : Step {
         }
         if (since == NO_TIME) {
             // It was to come no longer before than a frame is in a stage.
-            since = time - period -
-                    *std::max_element(columns.usualStay.begin(), columns.usualStay.end());
+            since = time - period - *std::ranges::max_element(columns.usualStay);
         }
         const auto silence =
-            std::partition_point(scene.silences.begin(), scene.silences.end(),
-                                 [since](const Scene::Silence& one) { return one.end <= since; });
+            std::ranges::upper_bound(scene.silences, since, {}, &Scene::Silence::end);
         return silence != scene.silences.end() && silence->begin < time
                    ? std::min(since, silence->begin)
                    : since;

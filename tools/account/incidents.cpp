@@ -14,8 +14,7 @@ namespace {
 
 // The hole that is nearest to a time, of one at least.
 size_t NearestOf(const std::vector<Span>& holes, Micros time) {
-    auto next = std::partition_point(holes.begin(), holes.end(),
-                                     [time](const Span& hole) { return hole.end < time; });
+    auto next = std::ranges::lower_bound(holes, time, {}, &Span::end);
     if (next == holes.end() ||
         (next != holes.begin() && time - std::prev(next)->end < next->begin - time)) {
         --next;
@@ -26,28 +25,28 @@ size_t NearestOf(const std::vector<Span>& holes, Micros time) {
 void FindHoles(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     std::vector<Cause> found;
     for (const Span& hole : columns.holes) {
-        found.push_back({.what = Case::LinesMissing, .span = hole, .time = hole.begin});
+        found.push_back({.what = Case::LinesMissing, .span = hole, .at = {hole.begin}});
     }
     for (const Scene::Disturbance& one : scene.leftOut) {
         Cause& cause = found[NearestOf(columns.holes, one.time)];
         cause.count += std::max<int64_t>(one.amount, 1);
-        cause.place = cause.place.line == 0 ? one.place : cause.place;
+        cause.at.place = cause.at.place.line == 0 ? one.place : cause.at.place;
     }
     for (uint32_t row = 0; row < scene.frames.size(); ++row) {
         const Frame& frame = scene.frames[row];
-        const auto [place, last] = scene.LastOf(row);
-        if (!columns.IsNearHole(frame.seen, std::max(last, frame.end))) {
+        const Mark last = scene.LastOf(row);
+        if (!columns.IsNearHole(frame.seen, scene.SeenUntil(row))) {
             continue;
         }
-        Cause& cause = found[NearestOf(columns.holes, last)];
+        Cause& cause = found[NearestOf(columns.holes, last.time)];
         if (columns.fates[row].isUnknown) {
             cause.own.push_back(frame.number);
         }
         if (!cause.frame || cause.own.size() == 1) {
             cause.frame = cause.own.empty() ? frame.number : cause.own.front();
         }
-        if (cause.place.line == 0 && last >= cause.span.begin) {
-            cause.place = place;
+        if (cause.at.place.line == 0 && last.time >= cause.span.begin) {
+            cause.at.place = last.place;
         }
         // Of numbers in between no line is left.
         if (row + 1 == scene.frames.size() ||
@@ -62,7 +61,7 @@ void FindHoles(const Scene& scene, const Columns& columns, std::vector<Cause>& c
         }
     }
     for (Cause& cause : found) {
-        cause.place = cause.place.line == 0 ? scene.from : cause.place;
+        cause.at.place = cause.at.place.line == 0 ? scene.from : cause.at.place;
         causes.push_back(std::move(cause));
     }
 }
@@ -72,12 +71,12 @@ void FindRestart(const Scene& scene, const Columns& columns, std::vector<Cause>&
         return;
     }
     const Frame& first = scene.frames.front();
-    Cause cause{.what = Case::Restarted,
-                .span = {scene.begin, scene.stop},
-                .frame = first.number,
-                .place = first.trouble.line != 0 ? first.trouble : first.place,
-                .time = first.seen,
-                .other = *scene.restartedAfter};
+    Cause cause{
+        .what = Case::Restarted,
+        .span = {scene.begin, scene.stop},
+        .frame = first.number,
+        .at = {first.seen, first.trouble.place.line != 0 ? first.trouble.place : first.place},
+        .other = *scene.restartedAfter};
     for (uint32_t row = 0; row < scene.frames.size(); ++row) {
         const Frame& frame = scene.frames[row];
         const Fate& fate = columns.fates[row];
@@ -100,8 +99,7 @@ Cause CauseOf(const Scene& scene, const Gap& gap) {
                 .span = {gap.from, gap.to},
                 .stage = stage,
                 .own = {next},
-                .place = scene.LeftAt(gap.next, 0),
-                .time = gap.to,
+                .at = scene.DeliveredAt(gap.next),
                 .other = gap.before,
                 .beside = gap.missing};
     }
@@ -110,15 +108,14 @@ Cause CauseOf(const Scene& scene, const Gap& gap) {
                 .span = {gap.from, gap.to},
                 .stage = stage,
                 .own = gap.missing,
-                .place = first == NO_INDEX ? gap.place : scene.frames[first].place,
-                .time = gap.from,
+                .at = {gap.from, first == NO_INDEX ? gap.place : scene.frames[first].place},
                 .other = gap.before,
                 .count = next};
     const auto isEnded = [&scene](int64_t number) {
         const uint32_t row = scene.RowOf(number);
         return row != NO_INDEX && scene.frames[row].isEnded;
     };
-    if (!scene.isAlone && std::all_of(cause.own.begin(), cause.own.end(), isEnded)) {
+    if (!scene.isAlone && std::ranges::all_of(cause.own, isEnded)) {
         cause.what = Case::DroppedAndEnded;
     }
     return cause;
@@ -154,8 +151,7 @@ void FindStoppedSensor(const Scene& scene, const Columns& columns, std::vector<C
                       .span = span,
                       .stage = 0,
                       .own = {frame->number},
-                      .place = frame->place,
-                      .time = span.begin,
+                      .at = {span.begin, frame->place},
                       .took = {span.Length()},
                       .atLeast = isDead ? Severity::Warning : Severity::Note});
 }
@@ -168,18 +164,18 @@ void FindRates(const Scene& scene, const Columns& columns, std::vector<Cause>& c
     auto first = std::find_if(rows.begin(), rows.end(), isOther);
     while (first != rows.end()) {
         const auto end = std::find_if_not(first, rows.end(), isOther);
-        const Micros begin = scene.DeliveredAt(*std::prev(first));
+        const Micros begin = scene.DeliveredAt(*std::prev(first)).time;
         Cause cause{.what = Case::OtherRate,
-                    .span = {begin, scene.DeliveredAt(*std::prev(end))},
+                    .span = {begin, scene.DeliveredAt(*std::prev(end)).time},
                     .stage = 0,
-                    .place = scene.LeftAt(*first, 0),
-                    .time = begin};
+                    .at = {begin, scene.DeliveredAt(*first).place}};
         Micros count = 0;
         for (auto one = first; one != end; ++one) {
             cause.own.push_back(scene.frames[*one].number);
             // Without what stands out: a stall is found by itself.
             const Micros usual = columns.period[*one];
-            const Micros interval = scene.DeliveredAt(*one) - scene.DeliveredAt(*std::prev(one));
+            const Micros interval =
+                scene.DeliveredAt(*one).time - scene.DeliveredAt(*std::prev(one)).time;
             if (std::abs(interval - usual) <= usual / 10 + MILLISECOND) {
                 cause.count += interval;
                 ++count;
@@ -187,7 +183,7 @@ void FindRates(const Scene& scene, const Columns& columns, std::vector<Cause>& c
         }
         if (cause.count >= limits::RATE_LENGTH) {
             cause.took = {cause.count / count};
-            std::sort(cause.own.begin(), cause.own.end());
+            std::ranges::sort(cause.own);
             causes.push_back(std::move(cause));
         }
         first = std::find_if(end, rows.end(), isOther);
@@ -221,10 +217,11 @@ void FindLosses(const Scene& scene, const Columns& columns, std::vector<Cause>& 
                    StepOf(before->own.back(), number) == 1) {
             before->own.push_back(number);
         } else {
-            causes.push_back(
-                {.what = what, .span = {lost.since, scene.stop}, .stage = stage, .own = {number}});
-            before = &causes.back();
-            std::tie(before->place, before->time) = scene.LastOf(scene.RowOf(number));
+            before = &causes.emplace_back(Cause{.what = what,
+                                                .span = {lost.since, scene.stop},
+                                                .stage = stage,
+                                                .own = {number},
+                                                .at = scene.LastOf(scene.RowOf(number))});
         }
     }
     if (first != nullptr) {
@@ -232,7 +229,7 @@ void FindLosses(const Scene& scene, const Columns& columns, std::vector<Cause>& 
         standing.frame = first->number;
         standing.span = {first->since, scene.stop};
         standing.took = {scene.stop - first->since};
-        std::tie(standing.place, standing.time) = scene.LastOf(scene.RowOf(first->number));
+        standing.at = scene.LastOf(scene.RowOf(first->number));
         causes.push_back(std::move(standing));
     }
 }
@@ -246,15 +243,14 @@ void FindDepth(const Scene& scene, const Columns& columns, std::vector<Cause>& c
         Cause cause{.what = Case::PushedOut,
                     .span = {first.evicted, scene.frames[rows.back()].evicted},
                     .stage = stage < scene.stageCount ? stage : -1,
-                    .place = first.trouble,
-                    .time = first.troubleTime};
+                    .at = first.trouble};
         for (const uint32_t row : rows) {
             const Fate& fate = columns.fates[row];
             if (fate.status == FrameStatus::Evicted && IsNotBoosted(fate)) {
                 cause.own.push_back(scene.frames[row].number);
             }
         }
-        std::sort(cause.own.begin(), cause.own.end());
+        std::ranges::sort(cause.own);
         if (!holders.front() && !cause.own.empty() && !columns.neverHit) {
             causes.push_back(std::move(cause));
         }
@@ -265,16 +261,14 @@ void FindPauses(const Scene& scene, const Columns& columns, std::vector<Cause>& 
     for (const Standstill& stood : columns.stood) {
         causes.push_back({.what = Case::Stood,
                           .span = stood,
-                          .place = stood.place,
-                          .time = stood.begin,
+                          .at = {stood.begin, stood.place},
                           .took = {stood.Length()},
                           .count = stood.stages});
     }
     for (const Scene::Disturbance& step : scene.clockSteps) {
         causes.push_back({.what = Case::ClockSet,
                           .span = {step.time, step.time},
-                          .place = step.place,
-                          .time = step.time,
+                          .at = {step.time, step.place},
                           .took = {step.amount}});
     }
     FindStoppedSensor(scene, columns, causes);

@@ -32,20 +32,17 @@ struct Misreports {
     bool IsSure(uint32_t row) const {
         const Fate& fate = columns.fates[row];
         return !fate.isUnknown && !fate.isEarly &&
-               !columns.IsNearHole(scene.frames[row].seen, scene.LastOf(row).second);
+               !columns.IsNearHole(scene.frames[row].seen, scene.LastOf(row).time);
     }
 
     Cause& Add(Case what, uint32_t row, int32_t stage, bool isError = false) {
         const Frame& frame = scene.frames[row];
-        const auto [place, time] = scene.TroubleOf(row);
-        causes.push_back({.what = what,
-                          .span = {frame.seen, std::max(scene.LastOf(row).second, frame.end)},
-                          .stage = stage,
-                          .own = {frame.number},
-                          .place = place,
-                          .time = time,
-                          .atLeast = isError ? Severity::Error : Severity::Note});
-        return causes.back();
+        return causes.emplace_back(Cause{.what = what,
+                                         .span = {frame.seen, scene.SeenUntil(row)},
+                                         .stage = stage,
+                                         .own = {frame.number},
+                                         .at = scene.TroubleOf(row),
+                                         .atLeast = isError ? Severity::Error : Severity::Note});
     }
 
     void Examine(uint32_t row) {
@@ -84,8 +81,7 @@ struct Misreports {
         const int32_t second = portOf(repeat.pass.reporter);
         Cause& cause = Add(first != second ? Case::SecondPort : Case::Twice, row, repeat.stage,
                            columns.fates[row].status != FrameStatus::Complete);
-        cause.place = repeat.pass.place;
-        cause.time = repeat.pass.left;
+        cause.at = repeat.pass.left;
         cause.count = first;
         cause.other = second;
     }
@@ -129,8 +125,7 @@ struct Misreports {
             const uint32_t row = overtaken[i];
             if (IsSure(row) && !scene.frames[row].violation) {
                 Cause& cause = Add(Case::Overtaken, row, stage, stage == 0);
-                cause.place = scene.PassOf(row, stage).place;
-                cause.time = scene.LeftOf(row, stage);
+                cause.at = scene.LeftAt(row, stage);
                 cause.other = scene.frames[by[i]].number;
             }
         }
@@ -143,24 +138,22 @@ struct Misreports {
             const Pass& one = scene.PassOf(row, before);
             const Pass& two = scene.PassOf(other, before);
             if (one.HasLeft() && two.HasLeft()) {
-                return std::pair(one.left, one.place) < std::pair(two.left, two.place);
+                return one.left < two.left;
             }
         }
         return true;
     }
 
     void AddHabit(Case what, int32_t stage, std::vector<uint32_t> rows) {
-        std::sort(rows.begin(), rows.end());
-        Cause cause{.what = what,
-                    .span = {scene.begin, scene.stop},
-                    .stage = stage,
-                    .place = scene.PassOf(rows.front(), stage).place,
-                    .time = scene.LeftOf(rows.front(), stage),
-                    .other = std::ssize(columns.order[stage])};
+        std::ranges::sort(rows);
+        Cause& cause = causes.emplace_back(Cause{.what = what,
+                                                 .span = {scene.begin, scene.stop},
+                                                 .stage = stage,
+                                                 .at = scene.LeftAt(rows.front(), stage),
+                                                 .other = std::ssize(columns.order[stage])});
         for (const uint32_t row : rows) {
             cause.own.push_back(scene.frames[row].number);
         }
-        causes.push_back(std::move(cause));
     }
 };
 

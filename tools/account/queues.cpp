@@ -36,8 +36,7 @@ struct Stages : Step {
         std::optional<int32_t> never;
         columns.stages = before;
         for (int32_t stage = 0; stage < (scene.isAlone ? 1 : scene.stageCount); ++stage) {
-            columns.order.push_back(RowsBy([&](uint32_t row) { return scene.LeftOf(row, stage); },
-                                           [&](uint32_t row) { return scene.LeftAt(row, stage); }));
+            columns.order.push_back(RowsBy([&](uint32_t row) { return scene.LeftAt(row, stage); }));
             if (!columns.order.back().empty()) {
                 columns.stages = std::max(columns.stages, stage + 1);
             } else if (stage >= before && !never) {
@@ -49,8 +48,7 @@ struct Stages : Step {
             columns.neverHit = never;
         }
         columns.order.resize(static_cast<size_t>(columns.stages));
-        columns.delivered = RowsBy([this](uint32_t row) { return scene.DeliveredAt(row); },
-                                   [this](uint32_t row) { return scene.LeftAt(row, 0); });
+        columns.delivered = RowsBy([this](uint32_t row) { return scene.DeliveredAt(row); });
     }
 
     // Frames that were in the pipeline before the scene, or before the capture.
@@ -74,7 +72,8 @@ struct Stages : Step {
         const std::vector<uint32_t>& rows = columns.delivered;
         std::vector<Micros> each, near;
         for (size_t i = 1; i < rows.size(); ++i) {
-            const Micros interval = scene.DeliveredAt(rows[i]) - scene.DeliveredAt(rows[i - 1]);
+            const Micros interval =
+                scene.DeliveredAt(rows[i]).time - scene.DeliveredAt(rows[i - 1]).time;
             // Of dropped frames each took its time. A HAL may also count by two.
             const int64_t passed = std::max<int64_t>((interval + period / 2) / period, 1);
             const int64_t step =
@@ -110,14 +109,12 @@ struct Stages : Step {
         for (int32_t stage = 0; stage < columns.stages; ++stage) {
             const auto cameAt = [&](uint32_t row) { return CameAt(scene, row, stage); };
             // Frames that never left it are among them: they let go of others.
-            const auto knownAt = [&](uint32_t row) {
+            columns.came.push_back(RowsBy([&](uint32_t row) {
                 const bool isKnown =
                     scene.LeftOf(row, stage) != NO_TIME || scene.NextStage(row) == stage;
-                return isKnown ? cameAt(row) : NO_TIME;
-            };
-            columns.came.push_back(RowsBy(knownAt, [&](uint32_t row) {
                 const int32_t before = scene.StageBefore(row, stage);
-                return before < 0 ? scene.frames[row].place : scene.LeftAt(row, before);
+                return Mark{isKnown ? cameAt(row) : NO_TIME,
+                            before < 0 ? scene.frames[row].place : scene.LeftAt(row, before).place};
             }));
             const std::vector<uint32_t>& came = columns.came.back();
             for (size_t i = 0; i < came.size(); ++i) {
@@ -131,7 +128,7 @@ struct Stages : Step {
             columns.usualHold.push_back(
                 UsualOf(came, 0, [&](uint32_t row) { return HoldOf(row, stage); }));
             const auto count = [&](uint8_t line) {
-                return std::count_if(order.begin(), order.end(), [&](uint32_t row) {
+                return std::ranges::count_if(order, [&](uint32_t row) {
                     return !scene.isAlone && (scene.PassOf(row, stage).seen & line) != 0;
                 });
             };
@@ -153,16 +150,13 @@ struct Stages : Step {
         const std::vector<Micros> times = KnownOf(came, cameAt);
         const Micros inside = UsualOf(columns.order[stage], 0, [&](uint32_t row) {
             const Micros at = cameAt(row);
-            const auto left =
-                std::lower_bound(times.begin(), times.end(), scene.LeftOf(row, stage));
-            return at == NO_TIME ? NO_TIME
-                                 : left - std::upper_bound(times.begin(), times.end(), at);
+            const auto left = std::ranges::lower_bound(times, scene.LeftOf(row, stage));
+            return at == NO_TIME ? NO_TIME : left - std::ranges::upper_bound(times, at);
         });
         columns.kept.push_back(static_cast<uint32_t>(std::max<Micros>(inside, 0)));
         // At another rate of the sensor a stage with several servers has another number.
         const auto isOther = [&](uint32_t row) { return columns.period[row] != period; };
-        const bool isMostlyOther =
-            2 * std::count_if(came.begin(), came.end(), isOther) > std::ssize(came);
+        const bool isMostlyOther = 2 * std::ranges::count_if(came, isOther) > std::ssize(came);
         std::vector<Micros> holds = KnownOf(came, [&](uint32_t row) {
             return isOther(row) == isMostlyOther ? HoldOf(row, stage) : NO_TIME;
         });
@@ -182,7 +176,7 @@ struct Queues : Step {
             const auto isHole = [&](const Span& hole) {
                 return hole.end >= silence.begin && hole.begin <= silence.end + period;
             };
-            if (stages >= 2 && std::none_of(columns.holes.begin(), columns.holes.end(), isHole)) {
+            if (stages >= 2 && std::ranges::none_of(columns.holes, isHole)) {
                 columns.stood.push_back({silence, stages});
             }
         }

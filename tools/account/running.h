@@ -97,7 +97,7 @@ class RunningScene {
         scene.to = message.place;
         scene.end = std::max(scene.end, time);
         scene.hasThreads = scene.hasThreads || event.moment.thread != -1;
-        const Pass by{time, message.place, event.moment.thread, MAX_REPORTERS};
+        const Pass by{{time, message.place}, event.moment.thread, MAX_REPORTERS};
         NodeEnd& before = nodeEnds[event.moment.thread];
         if (message.kind == MessageKind::NodeEnd) {
             return OnNodeEnd(message, by, before);
@@ -112,7 +112,7 @@ class RunningScene {
             case MessageKind::FrameInError:
                 return;
             case MessageKind::TableFull:
-                return OnEviction(message.place, time);
+                return OnEviction(by.left);
             case MessageKind::EndedFrameNotExist:
             case MessageKind::FrameNotExist:
                 return OnNotInFlight(message, by, before);
@@ -134,7 +134,8 @@ class RunningScene {
             return;
         }
         std::erase_if(inFlight, [this](int32_t one) { return !rows.contains(one); });
-        std::erase_if(scene.repeats, [before](auto& one) { return one.second.pass.left < before; });
+        std::erase_if(scene.repeats,
+                      [before](auto& one) { return one.second.pass.left.time < before; });
         std::erase_if(scene.leftOut, isOld);
         std::erase_if(scene.clockSteps, isOld);
         std::erase_if(scene.silences, [before](const auto& one) { return one.end < before; });
@@ -168,7 +169,7 @@ class RunningScene {
         for (const int32_t one : inFlight) {
             rows.at(one).isHeld = true;
         }
-        scene.isAlone = !rows.empty() && !hasStages && !scene.opener;
+        scene.isAlone = !rows.empty() && !hasStages;
         std::vector<std::pair<int64_t, Row*>> order;
         for (auto& [key, row] : rows) {
             order.emplace_back(row.number, &row);
@@ -206,11 +207,8 @@ class RunningScene {
     // Of several times the first one is kept.
     static void KeepFirst(Micros& first, Micros time) { first = first == NO_TIME ? time : first; }
 
-    static void NoteTrouble(Frame& frame, const Place& place, Micros time) {
-        if (frame.trouble.line == 0) {
-            frame.trouble = place;
-            frame.troubleTime = time;
-        }
+    static void NoteTrouble(Frame& frame, const Mark& by) {
+        frame.trouble = frame.trouble.place.line == 0 ? by : frame.trouble;
     }
 
     // A frame in error leaves the table without a word.
@@ -226,15 +224,21 @@ class RunningScene {
             std::max(scene.stageCount, static_cast<int32_t>(std::min<int64_t>(count, MAX_STAGES)));
     }
 
-    Row& FindOrOpen(int64_t number, const Place& place, Micros time) {
+    // An event is of that stage.
+    void SeeStage(int32_t stage) {
+        GrowStages(int64_t{stage} + 1);
+        hasStages = hasStages || scene.stageCount > 0;
+    }
+
+    Row& FindOrOpen(int64_t number, const Mark& by) {
         const auto [found, isNew] = rows.try_emplace(static_cast<int32_t>(number));
         Row& row = found->second;
         if (isNew) {
             row.number = number;
-            row.place = place;
-            row.seen = time;
+            row.place = by.place;
+            row.seen = by.time;
         }
-        row.last = std::max(row.last, time);
+        row.last = std::max(row.last, by.time);
         return row;
     }
 
@@ -285,7 +289,7 @@ class RunningScene {
     // Takes a node end that counts.
     void TakeEnd(NodeEnd& end) {
         end.isOpen = false;
-        hasStages = true;
+        SeeStage(end.stage);
         scene.hasNodes = scene.hasNodes || end.stage > 0;
         scene.reporters[end.pass.reporter].counts = true;
         if (end.stage == 0) {
@@ -293,11 +297,11 @@ class RunningScene {
             lastLeft = end.frame;
             if (!scene.opener) {
                 scene.opener = end.frame;
-                scene.opened = end.pass.left;
+                scene.opened = end.pass.left.time;
             }
         }
         if (end.frame >= 1) {
-            Leave(FindOrOpen(end.frame, end.pass.place, end.pass.left), end.stage, end.pass);
+            Leave(FindOrOpen(end.frame, end.pass.left), end.stage, end.pass);
             if (end.stage == scene.stageCount - 1 && end.stage > 0) {
                 inFlight.erase(static_cast<int32_t>(end.frame));
             }
@@ -315,10 +319,10 @@ class RunningScene {
         if (isNodeEnd && (pass.seen & NODE_END) != 0) {
             scene.repeats.try_emplace(row.number, Scene::Repeat{stage, by});
             scene.endedAgain += stage == 0 ? 1 : 0;
-            return NoteTrouble(row, by.place, by.left);
+            return NoteTrouble(row, by.left);
         }
         if (isNodeEnd && row.isEnded) {
-            KeepFirst(row.refused, by.left);  // What follows from it is.
+            KeepFirst(row.refused, by.left.time);  // What follows from it is.
         }
         const auto seen = static_cast<uint8_t>(pass.seen | by.seen);
         if (!pass.HasLeft()) {
@@ -332,12 +336,10 @@ class RunningScene {
     }
 
     void OnEvent(const Message& message, Pass by) {
-        const Micros time = by.left;
-        Row& row = FindOrOpen(message.frame, message.place, time);
+        Row& row = FindOrOpen(message.frame, by.left);
         switch (message.kind) {
             case MessageKind::StageStart:
-                GrowStages(int64_t{message.stage} + 1);
-                hasStages = true;
+                SeeStage(message.stage);
                 Leave(row, message.stage - 1, by);
                 if (message.stage >= 0 && message.stage < MAX_STAGES) {
                     row.passes.resize(static_cast<size_t>(scene.stageCount));
@@ -345,23 +347,22 @@ class RunningScene {
                 }
                 return;
             case MessageKind::StageEnd:
-                GrowStages(int64_t{message.stage} + 1);
-                hasStages = true;
+                SeeStage(message.stage);
                 by.seen = STAGE_END;
                 return Leave(row, message.stage, by);
             case MessageKind::FrameEnd:
                 row.isEnded = true;
-                KeepFirst(row.end, time);
+                KeepFirst(row.end, by.left.time);
                 inFlight.erase(static_cast<int32_t>(message.frame));
                 return;
             case MessageKind::FrameAlreadyExists:
                 row.isDuplicate = true;
-                return NoteTrouble(row, message.place, time);
+                return NoteTrouble(row, by.left);
             case MessageKind::FrameStart:
             case MessageKind::FrameNotContinuous:
-                return OnStart(row, message, time);
+                return OnStart(row, message, by.left);
             default:  // The stage is wrong.
-                NoteTrouble(row, message.place, time);
+                NoteTrouble(row, by.left);
                 if (!row.violation || row.violation == MessageKind::StageNotInRange) {
                     row.violation = message.kind;
                     row.violationStage = message.stage;
@@ -378,20 +379,20 @@ class RunningScene {
         }
         Row& row = found->second;
         if (message.kind == MessageKind::EndedFrameNotExist) {
-            return KeepFirst(row.refusedEnd, by.left);
+            return KeepFirst(row.refusedEnd, by.left.time);
         }
         if (!row.isEnded) {
-            KeepFirst(row.refused, by.left);
+            KeepFirst(row.refused, by.left.time);
         }
         // What a node's end led to says no more than that.
         const bool isOfEnd = before.pass.HasLeft() && before.frame == message.frame &&
-                             by.left - before.pass.left <= limits::TOGETHER;
+                             by.left.time - before.pass.left.time <= limits::TOGETHER;
         if (!isOfEnd) {
             row.nameless.push_back(by);
         }
     }
 
-    void OnStart(Row& row, const Message& message, Micros time) {
+    void OnStart(Row& row, const Message& message, const Mark& by) {
         const auto key = static_cast<int32_t>(message.frame);
         const bool isForwarded = message.kind == MessageKind::FrameStart;
         const auto isSound = [this](int32_t one) { return IsSound(rows.at(one)); };
@@ -403,14 +404,14 @@ class RunningScene {
         if (isForwarded && row.isStarted) {
             ++scene.startedAgain;
         } else if (isForwarded) {
-            row.start = time;
-            row.place = message.place;
+            row.start = by.time;
+            row.place = by.place;
             row.isStarted = true;
         } else if (!row.isStarted) {
-            KeepFirst(row.start, time);
+            KeepFirst(row.start, by.time);
             row.isGap = true;
             row.newestBefore = message.lastFrame;
-            NoteTrouble(row, message.place, time);
+            NoteTrouble(row, by);
         }
         // Where a frame is refused, the line that it pushes another one out comes behind this one.
         while (inFlight.size() > (isForwarded ? PLACES - 1 : PLACES)) {
@@ -421,10 +422,10 @@ class RunningScene {
     }
 
     // The library says only that it made room: the lowest number leaves.
-    void OnEviction(const Place& place, Micros time) {
+    void OnEviction(const Mark& by) {
         if (const auto oldest = Oldest()) {
-            rows.at(*oldest).evicted = time;
-            NoteTrouble(rows.at(*oldest), place, time);
+            rows.at(*oldest).evicted = by.time;
+            NoteTrouble(rows.at(*oldest), by);
             inFlight.erase(*oldest);
         }
     }
@@ -435,8 +436,8 @@ class RunningScene {
         for (const Pass& by : row.nameless) {
             const auto next =
                 std::find_if_not(row.passes.begin(), row.passes.end(), std::mem_fn(&Pass::HasLeft));
-            const Micros came = next == row.passes.begin() ? row.start : std::prev(next)->left;
-            if (by.left > std::max(came, row.seen)) {
+            const Micros came = next == row.passes.begin() ? row.start : std::prev(next)->left.time;
+            if (by.left.time > std::max(came, row.seen)) {
                 Leave(row, static_cast<int32_t>(next - row.passes.begin()), by);
             }
         }

@@ -33,6 +33,14 @@ inline Span Cut(Span one, Span other) {
     return {std::max(one.begin, other.begin), std::min(one.end, other.end)};
 }
 
+// A moment, and the line of the log that tells of it.
+struct Mark {
+    Micros time = NO_TIME;
+    Place place{};
+
+    auto operator<=>(const Mark&) const = default;
+};
+
 // Numbers of frames may be anything. The number so many places further, which goes round at the
 // ends of 64 bits.
 inline int64_t Plus(int64_t number, int64_t places) {
@@ -52,15 +60,14 @@ inline constexpr uint8_t STAGE_END = 4;
 
 // A frame in a stage.
 struct Pass {
-    // When the frame left the stage: the first of its node end, its stage end and the next stage's
-    // start. Line 0: it was not seen to leave.
-    Micros left = NO_TIME;
-    Place place;
+    // The first line that says that the frame left the stage: its node end, its stage end or the
+    // next stage's start. Line 0: it was not seen to leave.
+    Mark left;
     int32_t thread = -1;    // That logged this; -1 where it is not known.
     uint16_t reporter = 0;  // Of Scene::reporters, for a node end.
     uint8_t seen = 0;       // Which of its lines there are.
 
-    bool HasLeft() const { return place.line != 0; }
+    bool HasLeft() const { return left.place.line != 0; }
 };
 
 struct Frame {
@@ -71,9 +78,8 @@ struct Frame {
     Micros refused = NO_TIME;     // When an event of it was first refused as not in flight,
     Micros refusedEnd = NO_TIME;  // and its end.
     Place place;                  // The line that starts it, or the first that names it.
-    Place trouble;  // The line of the first thing that went wrong with it; line 0 for none.
-    Micros troubleTime = NO_TIME;
-    int64_t newestBefore = 0;  // Of a gap: the newest frame then.
+    Mark trouble;                 // The first thing that went wrong with it; line 0 for none.
+    int64_t newestBefore = 0;     // Of a gap: the newest frame then.
     int32_t violationStage = -1, violationOther = -1;
     // How it first broke the order of its stages: StageNotInRange, StageOutOfOrder, StageOutOfTurn.
     std::optional<MessageKind> violation;
@@ -155,24 +161,19 @@ struct Scene {
     const Pass& PassOf(size_t frame, int32_t stage) const {
         return passes[frame * static_cast<size_t>(stageCount) + static_cast<size_t>(stage)];
     }
-    // When the frame left the stage, NO_TIME where that is not known. A scene without stages has
-    // one: from a frame's start to its end.
-    Micros LeftOf(size_t frame, int32_t stage) const {
+    // The line by which the frame left the stage, with NO_TIME where that is not known. A scene
+    // without stages has one: from a frame's start to its end, and with the line of its start.
+    Mark LeftAt(size_t frame, int32_t stage) const {
         if (!isAlone) {
             return PassOf(frame, stage).left;
         }
-        return frames[frame].end != NO_TIME ? frames[frame].end : frames[frame].refusedEnd;
+        const Frame& row = frames[frame];
+        return {row.end != NO_TIME ? row.end : row.refusedEnd, row.place};
     }
+    Micros LeftOf(size_t frame, int32_t stage) const { return LeftAt(frame, stage).time; }
     // When the sensor delivered it: it left stage 0, or was started where there are no stages.
-    Micros DeliveredAt(size_t frame) const {
-        if (isAlone) {
-            return frames[frame].start;
-        }
-        return stageCount > 0 ? PassOf(frame, 0).left : NO_TIME;
-    }
-    // The line that says so; of a scene without stages, the frame's.
-    Place LeftAt(size_t frame, int32_t stage) const {
-        return isAlone ? frames[frame].place : PassOf(frame, stage).place;
+    Mark DeliveredAt(size_t frame) const {
+        return isAlone ? Mark{frames[frame].start, frames[frame].place} : LeftAt(frame, 0);
     }
     // The last stage before that one that the frame is known to have left; -1 for none.
     int32_t StageBefore(size_t frame, int32_t stage) const {
@@ -188,7 +189,7 @@ struct Scene {
         if (before < 0) {
             return stage == 0 ? frames[frame].start : NO_TIME;
         }
-        return PassOf(frame, before).left;
+        return PassOf(frame, before).left.time;
     }
     // The first stage behind all those that the frame is known to have left.
     int32_t NextStage(size_t frame) const { return StageBefore(frame, stageCount) + 1; }
@@ -202,28 +203,28 @@ struct Scene {
         }
         return -1;
     }
-    // The last line that says where the frame was, and its time.
-    std::pair<Place, Micros> LastOf(size_t frame) const {
+    // The last line that says where the frame was.
+    Mark LastOf(size_t frame) const {
         const Frame& row = frames[frame];
-        std::pair<Place, Micros> last(row.place, std::max(row.seen, row.start));
+        Mark last{std::max(row.seen, row.start), row.place};
         for (int32_t stage = 0; stage < stageCount; ++stage) {
             const Pass& pass = PassOf(frame, stage);
-            if (pass.HasLeft() && pass.left >= last.second) {
-                last = {pass.place, pass.left};
+            if (pass.HasLeft() && pass.left.time >= last.time) {
+                last = pass.left;
             }
         }
         return last;
     }
-    // The line to look at, and its time: that of the first trouble with the frame, else the last.
-    std::pair<Place, Micros> TroubleOf(size_t frame) const {
-        const Frame& row = frames[frame];
-        return row.trouble.line != 0 ? std::pair(row.trouble, row.troubleTime) : LastOf(frame);
+    // The time of the last of all its lines.
+    Micros SeenUntil(size_t frame) const { return std::max(LastOf(frame).time, frames[frame].end); }
+    // The line to look at: that of the first trouble with the frame, else the last.
+    Mark TroubleOf(size_t frame) const {
+        const Mark& trouble = frames[frame].trouble;
+        return trouble.place.line != 0 ? trouble : LastOf(frame);
     }
     // The row of a number; NO_INDEX for none.
     uint32_t RowOf(int64_t number) const {
-        const auto found =
-            std::partition_point(frames.begin(), frames.end(),
-                                 [number](const Frame& row) { return row.number < number; });
+        const auto found = std::ranges::lower_bound(frames, number, {}, &Frame::number);
         return found != frames.end() && found->number == number
                    ? static_cast<uint32_t>(found - frames.begin())
                    : NO_INDEX;

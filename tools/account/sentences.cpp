@@ -37,9 +37,9 @@ std::string TookText(const std::vector<Micros>& took) {
     if (took.empty()) {
         return "";
     }
-    const auto [least, most] = std::minmax_element(took.begin(), took.end());
-    if (*most - *least > std::max(2 * MILLISECOND, *most / 10)) {
-        return Ms(*least) + " to " + Ms(*most) + " ms";
+    const auto [least, most] = std::ranges::minmax(took);
+    if (most - least > std::max(2 * MILLISECOND, most / 10)) {
+        return Ms(least) + " to " + Ms(most) + " ms";
     }
     const Micros sum = std::accumulate(took.begin(), took.end(), Micros{0});
     return Ms(sum / std::ssize(took)) + (took.size() == 1 ? " ms" : " ms each");
@@ -52,8 +52,7 @@ std::string OneDigit(Micros time, Micros unit) {
 // Of ascending numbers those that are not among the others.
 Numbers Without(const Numbers& numbers, const Numbers& others) {
     Numbers rest;
-    std::set_difference(numbers.begin(), numbers.end(), others.begin(), others.end(),
-                        std::back_inserter(rest));
+    std::ranges::set_difference(numbers, others, std::back_inserter(rest));
     return rest;
 }
 
@@ -343,17 +342,17 @@ std::string VerdictOf(const Totals& totals) {
 }
 
 std::string LineOf(const Account& account, const JudgedScene* scene, const SceneFinding& finding) {
-    Finding shown{NameOf(finding.kind), finding.severity, finding.message, finding.place};
-    if (scene != nullptr && finding.time > scene->begin) {
+    const auto& [time, place] = finding.at;
+    Finding shown{NameOf(KindOf(finding.what)), SeverityOf(finding), finding.message, place};
+    if (scene != nullptr && time > scene->begin) {
         shown.message += fmt::format(" ({:.3f} s into the scene)",
-                                     static_cast<double>(finding.time - scene->begin) / 1e6);
+                                     static_cast<double>(time - scene->begin) / 1e6);
     }
-    if (finding.place.line == 0) {
+    if (place.line == 0) {
         return fmt::format("{}: {} [{}]", NameOf(shown.severity), shown.message, shown.check);
     }
-    return ToString(shown, finding.place.input < account.inputs.size()
-                               ? account.inputs[finding.place.input]
-                               : "line");
+    return ToString(shown,
+                    place.input < account.inputs.size() ? account.inputs[place.input] : "line");
 }
 
 std::string SentenceOf(const Scene& scene, const Columns& columns, const Cause& cause) {

@@ -18,7 +18,10 @@ void FindNeverHit(const Scene& scene, const Columns& columns, std::vector<Cause>
         return;
     }
     const int32_t stage = *columns.neverHit;
-    Cause cause{.what = Case::NeverHit, .span = {scene.begin, scene.stop}, .stage = stage};
+    Cause cause{.what = Case::NeverHit,
+                .span = {scene.begin, scene.stop},
+                .stage = stage,
+                .at = {scene.begin}};
     for (uint32_t row = 0; row < scene.frames.size(); ++row) {
         const Frame& frame = scene.frames[row];
         const bool hasCome = stage == 0 || scene.PassOf(row, stage - 1).HasLeft();
@@ -28,8 +31,7 @@ void FindNeverHit(const Scene& scene, const Columns& columns, std::vector<Cause>
         }
     }
     if (!cause.own.empty()) {
-        cause.place = scene.frames.front().place;
-        cause.time = scene.begin;
+        cause.at.place = scene.frames.front().place;
         cause.times = std::ssize(cause.own);
         causes.push_back(std::move(cause));
     }
@@ -55,7 +57,7 @@ void FindThreads(const Scene& scene, std::vector<Cause>& causes) {
             const Reporter& reporter = scene.reporters[pass->reporter];
             causes.push_back({.what = Case::NotSet,
                               .stage = reporter.stage,
-                              .place = pass->place,
+                              .at = {NO_TIME, pass->left.place},
                               .other = tid,
                               .why = Quoted(reporter.node)});
         }
@@ -72,7 +74,7 @@ void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>&
     std::map<std::pair<std::string, int32_t>, Cause> ignored;
     for (const Reporter& reporter : scene.reporters) {
         if (reporter.counts != true) {
-            const Cause first{.what = Case::Ignored, .place = reporter.place, .times = 0};
+            const Cause first{.what = Case::Ignored, .at = {NO_TIME, reporter.place}, .times = 0};
             ignored.try_emplace({reporter.node, reporter.port}, first).first->second.times +=
                 reporter.times;
         }
@@ -108,7 +110,7 @@ void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>&
     if (!ignored.empty() && isEnough && !scene.opener && scene.frames.empty()) {
         causes.push_back(
             {.what = Case::NoneHit,
-             .place = scene.reporters.front().place,
+             .at = {NO_TIME, scene.reporters.front().place},
              .why = waiting.empty() ? "the configured stages wait for others" : Join(waiting)});
     }
 }
@@ -122,10 +124,8 @@ void FindSetUp(const Scene& scene, const Columns& columns, std::vector<Cause>& c
 }
 
 Cause RefusalOf(const Scene& scene, const Configuration* configuration) {
-    Cause cause{.what = Case::ServiceRefused,
-                .place = scene.from,
-                .time = scene.begin,
-                .times = scene.refusals};
+    Cause cause{
+        .what = Case::ServiceRefused, .at = {scene.begin, scene.from}, .times = scene.refusals};
     if (scene.refusal == MessageKind::NoVideo) {
         cause.what = Case::NoVideo;
     } else if (scene.refusal == MessageKind::SceneDisabled) {

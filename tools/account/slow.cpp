@@ -53,7 +53,7 @@ struct SlowStages {
         const uint32_t row = columns.outputs.front();
         const Frame& frame = scene.frames[row];
         if (!frame.isStarted || !columns.fates[row].isOut ||
-            columns.IsNearHole(frame.seen, std::max(scene.LastOf(row).second, frame.end))) {
+            columns.IsNearHole(frame.seen, scene.SeenUntil(row))) {
             return;
         }
         for (int32_t stage = 0; stage < columns.stages; ++stage) {
@@ -90,8 +90,7 @@ struct SlowStages {
                     .span = {begin, scene.isAlone || stage == 0 ? scene.LeftOf(last, stage)
                                                                 : Drained(stage, last)},
                     .stage = scene.isAlone ? -1 : stage,
-                    .place = scene.LeftAt(first, stage),
-                    .time = begin};
+                    .at = {begin, scene.LeftAt(first, stage).place}};
         // Frames that the sensor had to drop meanwhile make it as bad as a loss.
         for (const Gap& gap : columns.gaps) {
             if (stage > 0 && gap.isDropped && gap.from >= begin &&
@@ -132,7 +131,7 @@ struct SlowStages {
                 }
                 cause.beside.push_back(scene.frames[row].number);
             }
-            std::sort(cause.beside.begin(), cause.beside.end());
+            std::ranges::sort(cause.beside);
         }
     }
 
@@ -140,10 +139,8 @@ struct SlowStages {
     RowsOf Behind(int32_t stage, uint32_t row) const {
         const std::vector<uint32_t>& order = columns.order[stage];
         const Micros left = scene.LeftOf(row, stage);
-        const auto next = std::partition_point(order.begin(), order.end(), [&](uint32_t one) {
-            return scene.LeftOf(one, stage) <= left;
-        });
-        return {next, order.end()};
+        const auto leftOf = [&](uint32_t one) { return scene.LeftOf(one, stage); };
+        return {std::ranges::upper_bound(order, left, {}, leftOf), order.end()};
     }
 
     // When the queue behind a frame had gone.
@@ -172,9 +169,8 @@ struct SlowStages {
         }
         const RowsOf all = Behind(0, last);
         const RowsOf behind = all.first(std::min(all.size(), limits::CATCH_UP_FRAMES));
-        return std::any_of(behind.begin(), behind.end(), [&](uint32_t row) {
-            return lagOf(row) < Times(limits::CAUGHT_UP, most);
-        });
+        return std::ranges::any_of(
+            behind, [&](uint32_t row) { return lagOf(row) < Times(limits::CAUGHT_UP, most); });
     }
 
     // Stages whose queue never gets empty and grows, by many frames that each take too long. A
@@ -229,7 +225,7 @@ struct SlowStages {
             (mean - each) * std::ssize(rows) < growth / 2) {
             return;
         }
-        const auto [low, high] = std::minmax_element(rows.begin(), rows.end());
+        const auto [low, high] = std::ranges::minmax_element(rows);
         Cause& cause = Add(Case::CannotKeepUp, stage, *low, *high, begin);
         for (const uint32_t row : rows) {
             isBusy[columns.PassOf(row, stage)] = true;

@@ -17,18 +17,15 @@ struct Step {
     const Micros period = scene.Period();
 
     uint32_t RowCount() const { return static_cast<uint32_t>(scene.frames.size()); }
-    Micros LastOf(uint32_t row) const {
-        return std::max(scene.LastOf(row).second, scene.frames[row].end);
-    }
     bool IsDoubtful(uint32_t row) const {
-        return columns.IsNearHole(scene.frames[row].seen, LastOf(row));
+        return columns.IsNearHole(scene.frames[row].seen, scene.SeenUntil(row));
     }
     // The stage that the frame is in; a scene without stages has one.
     int32_t NextStage(uint32_t row) const { return scene.isAlone ? 0 : scene.NextStage(row); }
     // Whether the clock was not set meanwhile.
     bool IsTimed(Micros from, Micros to) const {
-        return std::none_of(scene.clockSteps.begin(), scene.clockSteps.end(),
-                            [&](const auto& step) { return step.time >= from && step.time <= to; });
+        return std::ranges::none_of(
+            scene.clockSteps, [&](auto& step) { return step.time >= from && step.time <= to; });
     }
     // The pass whose end is when the frame came to the stage; NO_INDEX for none.
     uint32_t CameFrom(uint32_t row, int32_t stage) const {
@@ -43,26 +40,22 @@ struct Step {
     }
     // The first frame, in the stage's order, that left it at that time or later.
     auto FirstLeftAt(int32_t stage, Micros time) const {
-        const std::vector<uint32_t>& order = columns.order[stage];
-        return std::partition_point(order.begin(), order.end(),
-                                    [&](uint32_t row) { return scene.LeftOf(row, stage) < time; });
+        const auto leftOf = [&, stage](uint32_t row) { return scene.LeftOf(row, stage); };
+        return std::ranges::lower_bound(columns.order[stage], time, {}, leftOf);
     }
-    // Rows by when something happened to them, and by the line that says so. `timeOf`: NO_TIME
-    // where it never did.
-    template <typename TimeOf, typename PlaceOf>
-    std::vector<uint32_t> RowsBy(const TimeOf& timeOf, const PlaceOf& placeOf) const {
+    // Rows by the line that says that something happened to them. `markOf`: with NO_TIME where
+    // nothing did.
+    template <typename MarkOf>
+    std::vector<uint32_t> RowsBy(const MarkOf& markOf) const {
         std::vector<uint32_t> rows;
         for (uint32_t row = 0; row < RowCount(); ++row) {
-            if (timeOf(row) != NO_TIME) {
+            if (markOf(row).time != NO_TIME) {
                 rows.push_back(row);
             }
         }
-        const auto isBefore = [&](uint32_t one, uint32_t other) {
-            return std::pair(timeOf(one), placeOf(one)) < std::pair(timeOf(other), placeOf(other));
-        };
         // As most frames stay in order.
-        if (!std::is_sorted(rows.begin(), rows.end(), isBefore)) {
-            std::stable_sort(rows.begin(), rows.end(), isBefore);
+        if (!std::ranges::is_sorted(rows, {}, markOf)) {
+            std::ranges::stable_sort(rows, {}, markOf);
         }
         return rows;
     }

@@ -113,7 +113,7 @@ class Follower {
         const auto print = [&](const JudgedScene* scene, const SceneFinding& finding) {
             if ((isAll || IsDue(scene, finding)) && IsNew(scene, finding) && !IsAtEdge(finding)) {
                 Show(LineOf(account, scene, finding) + '\n');
-                worst = std::max(worst, finding.severity);
+                worst = std::max(worst, SeverityOf(finding));
                 ++findings;
             }
         };
@@ -131,17 +131,18 @@ class Follower {
     }
 
     bool IsAtEdge(const SceneFinding& finding) const {
-        return windowBegin > 0 && finding.time != NO_TIME && finding.time < windowBegin + EDGE;
+        return windowBegin > 0 && finding.at.time != NO_TIME &&
+               finding.at.time < windowBegin + EDGE;
     }
 
     bool IsDue(const JudgedScene* scene, const SceneFinding& finding) const {
         if (scene == nullptr) {
-            return finding.time + SETTLING <= Now();
+            return finding.at.time + SETTLING <= Now();
         }
-        if (!finding.frame && finding.severity == Severity::Note) {
+        if (!finding.frame && SeverityOf(finding) == Severity::Note) {
             return scene->HasEnd();  // They count what there is in the scene.
         }
-        const Micros moment = finding.time == NO_TIME ? scene->begin : finding.time;
+        const Micros moment = finding.at.time == NO_TIME ? scene->begin : finding.at.time;
         return moment + SETTLING <= Now() || (scene->HasEnd() && idle >= SETTLING);
     }
 
@@ -150,8 +151,8 @@ class Follower {
     // with a later one.
     bool IsNew(const JudgedScene* scene, const SceneFinding& finding) {
         Key key{scene == nullptr ? -1 : scene->process, scene == nullptr ? 0 : scene->from.line,
-                finding.kind, finding.stage,
-                finding.frame.value_or(-static_cast<int64_t>(finding.place.line))};
+                KindOf(finding.what), finding.stage,
+                finding.frame.value_or(-static_cast<int64_t>(finding.at.place.line))};
         const bool isNew = !printedBefore.contains(key) && !printed.contains(key);
         printed.insert(key);
         for (const int64_t frame : finding.own) {

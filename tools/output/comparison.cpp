@@ -118,8 +118,8 @@ std::vector<Figure> CountsOf(const Account& account) {
         counts.push_back({kind.name});
     }
     for (const PlacedFinding& placed : FindingsOf(account)) {
-        const bool isCounted = placed.finding->severity != Severity::Note;
-        counts[static_cast<size_t>(placed.finding->kind)].value +=
+        const bool isCounted = SeverityOf(*placed.finding) != Severity::Note;
+        counts[static_cast<size_t>(KindOf(placed.finding->what))].value +=
             isCounted ? static_cast<double>(placed.finding->times) : 0;
     }
     return counts;

@@ -56,16 +56,16 @@ static void to_json(Json& json, const CauseLink& link) {
 }
 
 static Json ToJson(const Account& account, const SceneFinding& finding) {
-    const bool isPlaced = finding.place.line != 0;
-    Json json = {{"check", NameOf(finding.kind)},
-                 {"severity", NameOf(finding.severity)},
+    const bool isPlaced = finding.at.place.line != 0;
+    Json json = {{"check", NameOf(KindOf(finding.what))},
+                 {"severity", NameOf(SeverityOf(finding))},
                  {"frame", finding.frame ? Json(*finding.frame) : Json()},
                  {"frames", RangesOf(finding.own)},
                  {"harmed", RangesOf(finding.harmed)},
                  {"stage", finding.stage >= 0 ? Json(finding.stage) : Json()},
-                 {"time", Milliseconds(finding.time)},
+                 {"time", Milliseconds(finding.at.time)},
                  {"times", finding.times},
-                 {"line", isPlaced ? Json(finding.place.line) : Json()},
+                 {"line", isPlaced ? Json(finding.at.place.line) : Json()},
                  {"message", finding.message}};
     if (finding.states) {
         json["states"] = *finding.states;
@@ -73,8 +73,8 @@ static Json ToJson(const Account& account, const SceneFinding& finding) {
     if (!finding.chain.empty()) {
         json["chain"] = finding.chain;
     }
-    if (isPlaced && account.inputs.size() > 1 && finding.place.input < account.inputs.size()) {
-        json["file"] = account.inputs[finding.place.input];
+    if (isPlaced && account.inputs.size() > 1 && finding.at.place.input < account.inputs.size()) {
+        json["file"] = account.inputs[finding.at.place.input];
     }
     return json;
 }

@@ -227,7 +227,7 @@ Micros GoneOf(const JudgedScene& scene, size_t row) {
     }
     const Fate& fate = scene.FateOf(row);
     const bool isGone = fate.isUnknown || (fate.isOut && !frame.isHeld);
-    return isGone ? scene.LastOf(row).second : scene.stop;
+    return isGone ? scene.LastOf(row).time : scene.stop;
 }
 
 std::map<Micros, int64_t> InFlightOf(const JudgedScene& scene) {
@@ -279,7 +279,7 @@ std::vector<PlacedFinding> FindingsOf(const Account& account) {
         add(account.scenes[i].findings, i);
     }
     std::ranges::stable_sort(all, std::greater(),
-                             [](const PlacedFinding& one) { return one.finding->severity; });
+                             [](const PlacedFinding& one) { return SeverityOf(*one.finding); });
     return all;
 }
 

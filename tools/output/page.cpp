@@ -103,12 +103,12 @@ std::string MessageOf(Severity severity, const std::string& message, const std::
 
 void WriteFinding(std::ostream& out, const Account& account, const PlacedFinding& placed) {
     const SceneFinding& finding = *placed.finding;
-    const char* const kind = NameOf(finding.kind);
-    fmt::print(out, "<li class={}>{} <span class=place>{}</span>", NameOf(finding.severity),
-               MessageOf(finding.severity, finding.message, kind),
-               Named(ToString(account, finding.place)));
+    const KindRow& kind = RowOf(KindOf(finding.what));
+    fmt::print(out, "<li class={}>{} <span class=place>{}</span>", NameOf(SeverityOf(finding)),
+               MessageOf(SeverityOf(finding), finding.message, kind.name),
+               Named(ToString(account, finding.at.place)));
     if (placed.scene) {
-        const Micros moment = Between(account.scenes[*placed.scene].begin, finding.time);
+        const Micros moment = Between(account.scenes[*placed.scene].begin, finding.at.time);
         fmt::print(out, " <a href=\"#scene={0}&amp;finding={1}\">scene {0}{2}</a>",
                    *placed.scene + 1, placed.number,
                    moment < 0 ? "" : ", " + Seconds(moment) + " s");
@@ -116,8 +116,7 @@ void WriteFinding(std::ostream& out, const Account& account, const PlacedFinding
     fmt::print(out,
                "<details><summary>What <code>{}</code> means, and what to do</summary><dl>"
                "<dt>What happened<dd>{}<dt>What to do<dd>{}",
-               kind, FromMarkdown(RowOf(finding.kind).what),
-               FromMarkdown(RowOf(finding.kind).remedy));
+               kind.name, FromMarkdown(kind.what), FromMarkdown(kind.remedy));
     for (const auto& [title, numbers] :
          {std::pair("Frames", &finding.own), std::pair("Harmed", &finding.harmed)}) {
         if (placed.scene && !numbers->empty()) {

@@ -67,7 +67,7 @@ Json FramesOf(const JudgedScene& scene) {
     for (size_t row = 0; row < scene.frames.size(); ++row) {
         const Fate& fate = scene.FateOf(row);
         numbers.push_back(scene.frames[row].number);
-        moments.push_back(fate.isOut ? fate.output : scene.LastOf(row).second);
+        moments.push_back(fate.isOut ? fate.output : scene.LastOf(row).time);
         words.push_back(WordsOf(fate));
     }
     for (const FrameRange& run : RangesOf(numbers)) {
@@ -81,8 +81,8 @@ Json FindingsOf(const JudgedScene& scene) {
     std::vector<Layer> layers;
     for (const SceneFinding& finding : scene.findings) {
         const uint32_t row = finding.frame ? scene.RowOf(*finding.frame) : NO_INDEX;
-        layers.push_back({NameOf(finding.severity), finding.message});
-        layers.back().Add(finding.time, finding.time, row == NO_INDEX ? -1 : int64_t{row});
+        layers.push_back({NameOf(SeverityOf(finding)), finding.message});
+        layers.back().Add(finding.at.time, finding.at.time, row == NO_INDEX ? -1 : int64_t{row});
     }
     return TrackOf(scene, "findings", "findings", 24, layers);
 }
@@ -193,7 +193,7 @@ Json SceneOf(const Account& account, size_t index, const Scheduling* scheduling)
         }
     }
     // Where the log's clock was set back, scene time goes on: the clock is then left out.
-    const auto isJump = [](const SceneFinding& one) { return one.kind == Kind::ClockJump; };
+    const auto isJump = [](const SceneFinding& one) { return KindOf(one.what) == Kind::ClockJump; };
     const auto hasSteps = [](const Scene& one) { return !one.clockSteps.empty(); };
     const bool isSet = std::ranges::any_of(account.findings, isJump) ||
                        std::ranges::any_of(account.scenes, hasSteps);

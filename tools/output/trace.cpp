@@ -222,8 +222,8 @@ Span StayOf(const JudgedScene& scene, size_t row, int32_t stage) {
 // From the first to the last that is known of the frame.
 Span LifeOf(const JudgedScene& scene, size_t row) {
     const Fate& fate = scene.FateOf(row);
-    return {scene.frames[row].seen, std::max({scene.LastOf(row).second, scene.frames[row].end,
-                                              fate.isOut ? fate.output : GoneOf(scene, row)})};
+    return {scene.frames[row].seen,
+            std::max(scene.SeenUntil(row), fate.isOut ? fate.output : GoneOf(scene, row))};
 }
 
 constexpr Span ALWAYS = {std::numeric_limits<Micros>::min(), std::numeric_limits<Micros>::max()};
@@ -251,7 +251,7 @@ struct View {
     bool IsAnnotated(size_t row) const {
         return row < scene.frames.size() &&
                (Shown{false, range}.Has(scene, row) || scene.FateOf(row).isLate ||
-                IsBad(scene.FateOf(row)) || scene.frames[row].trouble.line != 0);
+                IsBad(scene.FateOf(row)) || scene.frames[row].trouble.place.line != 0);
     }
     // Such frames have arrows, and the frames before and behind them; else 0.
     uint64_t ArrowOf(size_t row) const {
@@ -392,19 +392,19 @@ void WriteFindings(Packets& packets, uint64_t group, const Account& account,
                    const std::vector<SceneFinding>& findings, Micros otherwise, Span shown) {
     std::vector<Slice> slices;
     for (const SceneFinding& finding : findings) {
-        const bool isTimed = finding.time != NO_TIME;
-        const Micros time = isTimed ? finding.time : otherwise;
+        const bool isTimed = finding.at.time != NO_TIME;
+        const Micros time = isTimed ? finding.at.time : otherwise;
         if (!IsIn(shown, time)) {
             continue;
         }
         slices.push_back({isTimed && finding.span.Length() > 0 ? finding.span : Span{time, time},
                           packets.Intern(finding.message),
-                          {{"severity", NameOf(finding.severity)},
-                           {"check", NameOf(finding.kind)},
+                          {{"severity", NameOf(SeverityOf(finding))},
+                           {"check", NameOf(KindOf(finding.what))},
                            {"stage", If(finding.stage >= 0, finding.stage)},
                            {"frame", If(finding.frame.has_value(), finding.frame.value_or(0))},
                            {"harmed", finding.harmed.size()},
-                           {"line", ToString(account, finding.place)}}});
+                           {"line", ToString(account, finding.at.place)}}});
     }
     packets.AddSlices(group, "findings", std::move(slices));
 }

@@ -171,7 +171,7 @@ struct CauseExplainer {
         for (const Tie::Break& one : all.tie.breaks) {
             const bool isSilence = one.passed > one.Length();
             if (isSilence && KindOf(cause.what) == Kind::ClockJump &&
-                cause.time >= one.begin - LEAST && cause.time <= one.end + LEAST) {
+                cause.at.time >= one.begin - LEAST && cause.at.time <= one.end + LEAST) {
                 cause.what = Case::Silent;
                 cause.took = {one.passed};
                 return true;
