@@ -48,8 +48,9 @@ void WriteCsv(std::ostream& out, const Explained& explained) {
             add(Between(frame.start, frame.end));
             add(fate.interval);
             row += fate.interval == NO_TIME ? "," : fmt::format(",{:d}", fate.isLate);
-            for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
-                const StageTimes times = scene.TimesOf(i, stage);
+            for (int32_t stage = 0; stage < stages; ++stage) {
+                const StageTimes times =
+                    stage < scene.stageCount ? scene.TimesOf(i, stage) : StageTimes{};
                 add(Between(scene.begin, times.start));
                 add(Between(scene.begin, times.end));
                 add(times.wait);
@@ -66,8 +67,6 @@ void WriteCsv(std::ostream& out, const Explained& explained) {
                     add(use == nullptr ? NO_TIME : use->shares[static_cast<size_t>(state)]);
                 }
             }
-            const size_t columns = scheduling == nullptr ? 4 : 9;  // Of a stage.
-            row.append(static_cast<size_t>(stages - scene.stageCount) * columns, ',');
             out << row << '\n';
         }
     }

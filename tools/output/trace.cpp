@@ -301,25 +301,6 @@ std::vector<Slice> FramesOf(const View& view, int32_t stage) {
     return slices;
 }
 
-// A frame is due so many periods after the last one that came out as numbers are between the two.
-std::vector<Slice> ExpectedOf(const View& view) {
-    // Frames whose numbers are farther apart have nothing to do with one another.
-    constexpr int64_t farApart = 1000;
-    const JudgedScene& scene = view.scene;
-    std::vector<Slice> slices;
-    std::optional<size_t> before;  // The last frame that came out.
-    for (size_t row = 0; row < scene.frames.size(); ++row) {
-        const Frame& frame = scene.frames[row];
-        const int64_t steps = before ? StepOf(scene.frames[*before].number, frame.number) : 0;
-        if (view.Has(row) && steps > 0 && steps < farApart) {
-            const Micros due = scene.FateOf(*before).output + scene.Period() * steps;
-            slices.push_back({{frame.seen, due}, view.names[row]});
-        }
-        before = scene.FateOf(row).isOut ? row : before;
-    }
-    return slices;
-}
-
 void WriteValues(const View& view, uint64_t group) {
     view.packets.BeginTrack(group, "in flight", "frames");
     for (const auto& [time, count] : InFlightOf(view.scene)) {
@@ -414,8 +395,8 @@ void WriteScene(View view, const Scheduling* scheduling) {
     for (const Frame& frame : scene.frames) {
         view.names.push_back(view.packets.Intern(fmt::to_string(frame.number)));
     }
-    std::vector<Slice> actual = FramesOf(view, -1);
-    for (const Slice& slice : actual) {
+    std::vector<Slice> frames = FramesOf(view, -1);
+    for (const Slice& slice : frames) {
         // A frame may stand for long, which should not lengthen what is shown.
         const Micros end = slice.isStanding ? slice.span.begin : slice.span.end;
         view.span = {std::min(view.span.begin, slice.span.begin), std::max(view.span.end, end)};
@@ -431,8 +412,7 @@ void WriteScene(View view, const Scheduling* scheduling) {
     const uint64_t group = view.packets.BeginTrack(
         0, fmt::format("{}, begins at {}", TitleOf(view.account, view.index), clock));
     WriteFindings(view.packets, group, view.account, scene.findings, scene.begin, view.span);
-    view.packets.AddSlices(group, "expected", ExpectedOf(view));
-    view.packets.AddSlices(group, "actual", std::move(actual));
+    view.packets.AddSlices(group, "frames", std::move(frames));
     WriteValues(view, group);
     for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
         WriteStage(view, stage, group);
