@@ -30,7 +30,9 @@ void WriteCsv(std::ostream& out, const Explained& explained) {
     out << '\n';
 
     std::string row;
-    const auto add = [&row](Micros time) { row += ',' + ShortMilliseconds(time); };
+    const auto add = [&row](Micros time) {
+        row += time == NO_TIME ? "," : fmt::format(",{}", static_cast<double>(time) / 1000);
+    };
     for (size_t s = 0; s < account.scenes.size(); ++s) {
         const JudgedScene& scene = account.scenes[s];
         for (size_t i = 0; i < scene.frames.size(); ++i) {

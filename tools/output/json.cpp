@@ -7,14 +7,8 @@
 
 namespace tools {
 
-using Json = nlohmann::ordered_json;
-
 // docs/account.schema.json says what is in it, and which changes raise this.
 constexpr int VERSION = 2;
-
-static Json Milliseconds(Micros time) {
-    return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000.0);
-}
 
 // The library looks for functions of this name in the namespace of what it converts, or has a list
 // of: hence they are in no unnamed one.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <nlohmann/json.hpp>
 
 #include "tools/base/text.h"
 
@@ -196,8 +197,8 @@ std::string ToString(const Account& account, const Place& place) {
                : fmt::format("line {}", place.line);
 }
 
-std::string ShortMilliseconds(Micros time) {
-    return time == NO_TIME ? "" : fmt::format("{}", static_cast<double>(time) / 1000);
+Json Milliseconds(Micros time) {
+    return time == NO_TIME ? Json() : Json(static_cast<double>(time) / 1000);
 }
 
 std::string WordsOf(const Fate& fate) {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <set>
 #include <string>
@@ -45,8 +46,9 @@ CaptionedTable FigureTableOf(const Account& account, const JudgedScene& scene);
 // "capture.log:17", or "line 17" of the only input; empty for nowhere.
 std::string ToString(const Account& account, const Place& place);
 
-// Milliseconds such as "16.667" or "17"; empty where the time is not known.
-std::string ShortMilliseconds(Micros time);
+using Json = nlohmann::ordered_json;
+// Milliseconds such as 16.667 or 17.0; null where the time is not known.
+Json Milliseconds(Micros time);
 
 // What became of a frame, in a few words: "complete, late", "open, never out".
 std::string WordsOf(const Fate& fate);

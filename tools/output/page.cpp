@@ -128,19 +128,18 @@ void WriteFinding(std::ostream& out, const Account& account, const PlacedFinding
 
 void WriteFindings(std::ostream& out, const Account& account) {
     const std::vector<PlacedFinding> all = FindingsOf(account);
-    out << "<section aria-labelledby=findings><h2 id=findings>Findings</h2>\n"
-        << (all.empty() ? "<p>None.</p>\n" : "<ol class=findings>\n");
+    out << "<h2 id=findings>Findings</h2>\n<ol class=findings>\n";
     for (const PlacedFinding& placed : all) {
         WriteFinding(out, account, placed);
     }
-    out << (all.empty() ? "</section>\n" : "</ol></section>\n");
+    out << (all.empty() ? "</ol><p>None.</p>\n" : "</ol>\n");
 }
 
 void WriteScene(std::ostream& out, const Account& account, const Scheduling* scheduling,
                 size_t index) {
     const JudgedScene& scene = account.scenes[index];
-    fmt::print(out, "<section aria-labelledby=s{0}>\n<h2 id=s{0}>{1}</h2>\n<p>{2}</p>\n", index,
-               Escaped(HeadingOf(account, index)), SummaryOf(scene));
+    fmt::print(out, "<h2>{}</h2>\n<p>{}</p>\n", Escaped(HeadingOf(account, index)),
+               SummaryOf(scene));
     if (!scene.frames.empty()) {
         const auto& [caption, rows] = FigureTableOf(account, scene);
         WriteTable(out, " class=figures", caption, Named(rows));
@@ -148,7 +147,6 @@ void WriteScene(std::ostream& out, const Account& account, const Scheduling* sch
     for (const auto& [caption, rows] : ThreadTablesOf(scheduling, index)) {
         WriteTable(out, " class=figures", caption, Named(rows));
     }
-    out << "</section>\n";
 }
 
 void WriteFrames(std::ostream& out, const Account& account) {
@@ -170,31 +168,29 @@ void WriteFrames(std::ostream& out, const Account& account) {
                             std::to_string(frames.size()), LinksOf(i, frames)});
         }
     }
-    out << "<section aria-labelledby=frames><h2 id=frames>Frames not complete, or late</h2>\n";
+    out << "<h2>Frames not complete, or late</h2>\n";
     WriteTable(out, " id=list", "Frames that had the same fate are a row.", rows);
-    out << (rows.size() == 1 ? "<p>None.</p>\n</section>\n" : "</section>\n");
+    out << (rows.size() == 1 ? "<p>None.</p>\n" : "");
 }
 
 void WriteConfigurations(std::ostream& out, const Account& account) {
     const std::vector<SharedConfiguration> all = ConfigurationsOf(account);
     if (all.empty()) {
-        out << "<section aria-labelledby=c0><h2 id=c0>Configuration</h2>\n"
-               "<p>Not known: it is dumped when the library is loaded.</p></section>\n";
+        out << "<h2>Configuration</h2>\n"
+               "<p>Not known: it is dumped when the library is loaded.</p>\n";
     }
-    for (size_t i = 0; i < all.size(); ++i) {
-        const SharedConfiguration& one = all[i];
-        fmt::print(out, "<section aria-labelledby=c{0}><h2 id=c{0}>{1}</h2>\n", i, one.title);
+    for (const SharedConfiguration& one : all) {
+        out << "<h2>" << one.title << "</h2>\n";
         Rows settings = SummaryOf(one.configuration);
         settings.insert(settings.begin(), {"setting", "value"});
         WriteTable(out, "", "Settings", Named(settings));
         WriteTable(out, "", "Stages", Named(StagesOf(one.configuration)));
-        const char* begin = "<ol class=findings>";
+        out << "<ol class=findings>\n";
         for (const Finding& finding : one.findings) {
-            fmt::print(out, "{}<li class={}>{}</li>\n", std::exchange(begin, ""),
-                       NameOf(finding.severity),
+            fmt::print(out, "<li class={}>{}</li>\n", NameOf(finding.severity),
                        MessageOf(finding.severity, finding.message, finding.check));
         }
-        out << (one.findings.empty() ? "</section>\n" : "</ol></section>\n");
+        out << "</ol>\n";
     }
 }
 

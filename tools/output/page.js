@@ -421,17 +421,6 @@
         }
     }
 
-    async function open(index) {
-        const next = await (scenes[index].opened ??= unpack(scenes[index]));
-        if (next !== scene) {
-            scene = next;
-            picker.value = scene.scene;
-            chosen = -1;
-            look(0, Math.min(scene.stop, 5));
-            drawLegend();
-        }
-    }
-
     // Follows the address: "#scene=1&from=1.5&to=2&frame=100"; or "#scene=1&finding=3".
     async function go() {
         const asked = Object.fromEntries(new URLSearchParams(location.hash.slice(1)));
@@ -439,7 +428,15 @@
         if (scene && index < 0) {
             return;  // A link to something else on the page.
         }
-        await open(Math.max(index, 0));
+        const wanted = scenes[Math.max(index, 0)];
+        const opened = await (wanted.opened ??= unpack(wanted));
+        if (opened !== scene) {
+            scene = opened;
+            picker.value = scene.scene;
+            chosen = -1;
+            look(0, Math.min(scene.stop, 5));
+            drawLegend();
+        }
         visited = scene.tracks[0].layers[asked.finding];
         const time = visited?.begin[0];
         const found = visited?.frames[0] ?? scene.numbers.indexOf(asked.frame);

@@ -13,8 +13,6 @@
 namespace tools {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 // Things of a kind on a track. What each shows and says of itself is in page.js, under `shape`.
 struct Layer {
     const char* shape;
@@ -224,8 +222,7 @@ void WriteTimeline(std::ostream& out, const Account& account, const Scheduling* 
     }
     if (!scenes.empty()) {
         // Nothing that a capture names stands there as it is, so there is no markup in it.
-        out << "<section id=timeline aria-labelledby=timeline-head><h2 id=timeline-head>Timeline"
-               "</h2>\n<script type=\"application/json\" id=data>"
+        out << "<section id=timeline><h2>Timeline</h2>\n<script type=\"application/json\" id=data>"
             << scenes << "</script>\n</section>\n";
     }
 }

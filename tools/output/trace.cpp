@@ -17,7 +17,6 @@
 namespace tools {
 namespace {
 
-using Json = nlohmann::ordered_json;
 using protozero::pbf_writer;
 
 // Something that lasts, on a track; without a length it is a moment.
@@ -263,10 +262,6 @@ struct View {
 // A value that is not known is null, and left out.
 Json If(bool isKnown, const auto& value) {
     return isKnown ? Json(value) : Json();
-}
-
-Json Milliseconds(Micros time) {
-    return If(time != NO_TIME, static_cast<double>(time) / 1000);
 }
 
 // Frames in a stage, or with -1 for all of their time; those of IsAnnotated with annotations.
