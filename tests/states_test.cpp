@@ -29,7 +29,7 @@ std::string LineOf(int thread, int cpu, Micros time, const std::string& what, ch
 }
 
 tools::SchedTrace TraceOf(std::string_view text) {
-    tools::FtraceReader reader;
+    tools::SchedReader reader;
     reader.Read(text);
     reader.End();
     return reader.Finish();
@@ -218,7 +218,7 @@ TEST(Clocks, TimesOfATraceBecomeTheLogs) {
             recording.AddFrame(frame, log, trace);
         }
         tools::SchedTrace trace = TraceOf(recording.text);
-        const tools::Tie tie = tools::TieClocks(trace, recording.lines, unit);
+        const tools::Tie tie = tools::TieClocks(trace, {}, recording.lines.all, unit);
         EXPECT_EQ(tie.counters, 300) << what;
         EXPECT_TRUE(tie.untied.empty()) << what;
         EXPECT_EQ(tie.breaks.size(), step + pause > 0 ? 1 : 0) << what;
@@ -243,7 +243,7 @@ TEST(Clocks, WhatDoesNotBelongTogetherIsRefused) {
         }
         tools::SchedTrace trace = TraceOf(recording.text);
         try {
-            tools::TieClocks(trace, recording.lines, 1);
+            tools::TieClocks(trace, {}, recording.lines.all, 1);
         } catch (const tools::CommandError& error) {
             return error.what();
         }

@@ -29,7 +29,7 @@ std::string Explain(const std::string& bytes, size_t piece) {
     tools::SceneReader scenes;
     tools::CountedLines lines;
     lines.isOn = true;
-    tools::SchedRecording recorded;
+    tools::SchedReader recorded;
     tools::CaptureReader reader({&scenes, &lines});
     reader.SetPacketSink([&](std::string_view packet) { recorded.TakePacket(packet); });
     reader.Begin("name");
@@ -49,10 +49,14 @@ std::string Explain(const std::string& bytes, size_t piece) {
     const tools::CaptureSummary& summary = reader.Summary();
     tools::Account account = tools::Judge(scenes.Finish(summary.last), summary, {"name"}, {});
     std::unique_ptr<tools::Scheduling> made;
+    std::vector<tools::Knot> clocks;
+    if (summary.ahead) {
+        clocks = {{0, *summary.ahead}};
+    }
     try {
         if (!trace.events.empty()) {
             made = std::make_unique<tools::Scheduling>(
-                MakeScheduling(account, std::move(trace), lines));
+                MakeScheduling(account, std::move(trace), lines, clocks));
         }
     } catch (const tools::CommandError& error) {
         return error.what();

@@ -17,7 +17,7 @@
 namespace {
 
 tools::SchedTrace Read(const std::string& text, size_t piece) {
-    tools::FtraceReader reader;
+    tools::SchedReader reader;
     for (size_t at = 0; at < text.size(); at += piece) {
         reader.Read(std::string_view(text).substr(at, piece));
     }

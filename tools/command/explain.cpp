@@ -89,12 +89,12 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
     counted.isOn = !trace.empty();
     sinks.insert(sinks.end(), {&scenes, &counted});
     CaptureReader reader(sinks);
-    SchedRecording recorded;
+    SchedReader scheduler;
     const bool isAlone = captures.size() == 1;
     if (isAlone && trace.empty()) {
         reader.SetPacketSink([&](std::string_view packet) {
-            recorded.TakePacket(packet);
-            counted.isOn = !recorded.IsEmpty();
+            scheduler.TakePacket(packet);
+            counted.isOn = true;
         });
     }
     std::vector<std::string> names;
@@ -113,27 +113,30 @@ Explained Explain(const std::vector<std::string>& captures, const std::string& t
     RequireLibraryLines(reader.Summary(), names);
     Explained explained{
         Judge(scenes.Finish(reader.Summary().last), reader.Summary(), names, options)};
-    SchedTrace read;
-    if (isAlone) {
-        explained.clocks = KnotsOf(counted, read);
+    if (const std::optional<Micros> ahead = reader.Summary().ahead; isAlone && ahead) {
+        explained.clocks = {{0, *ahead}};
     }
-    if (counted.isOn) {
-        FtraceReader traceReader;
-        if (!trace.empty()) {
-            ReadInput(traceReader, trace);
-        }
-        read = trace.empty() ? recorded.Finish() : traceReader.Finish();
-        read.name = trace.empty() ? names.front() : NameOfInput(trace);
-        if (read.events.empty()) {
-            throw CommandError(fmt::format(
-                "{}: error: there is no switch of threads in it{}:\n"
-                "is it a scheduler trace, and was the event sched_switch on? [no-lines]",
-                read.name,
-                read.damage.empty() ? "" : ", as far as it can be read: " + read.damage));
-        }
+    const bool isRecorded = trace.empty();
+    if (!isRecorded) {
+        ReadInput(scheduler, trace);
+    }
+    SchedTrace read = scheduler.Finish();
+    read.name = isRecorded ? names.front() : NameOfInput(trace);
+    if (read.events.empty() && !isRecorded) {
+        throw CommandError(fmt::format(
+            "{}: error: there is no switch of threads in it{}:\n"
+            "is it a scheduler trace, and was the event sched_switch on? [no-lines]",
+            read.name, read.damage.empty() ? "" : ", as far as it can be read: " + read.damage));
+    }
+    const bool isTied = !isRecorded || !explained.clocks.empty() || !read.counters.empty();
+    if (!read.events.empty() && !isTied) {
+        Complain(read.name +
+                 ": warning: what threads did is not known: it has no counters of the library's, "
+                 "and no\nsnapshots of its clocks, or the log's clock was set between them");
+    } else if (!read.events.empty()) {
         explained.scheduling = std::make_unique<Scheduling>(
-            MakeScheduling(explained.account, std::move(read), counted));
-        if (trace.empty()) {
+            MakeScheduling(explained.account, std::move(read), counted, explained.clocks));
+        if (isRecorded) {
             explained.clocks = explained.scheduling->tie.knots;
         }
     }

@@ -77,7 +77,12 @@ bool CaptureReader::TakeDamage(const char* reason) {
 void CaptureReader::End() {
     records.Read(packets.End());
     records.End();
-    recordedLines += recordingLog.Deliver(*this, static_cast<uint32_t>(names.size() - 1));
+    const auto [recorded, ahead] =
+        recordingLog.Deliver(*this, static_cast<uint32_t>(names.size() - 1));
+    recordedLines += recorded;
+    if (ahead && origin && !wasSet) {
+        summary.ahead = *ahead + *origin;
+    }
     if (!packets.Damage().empty()) {
         summary.damage = packets.Damage();
     }
@@ -214,6 +219,7 @@ Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
     const bool isSilent = !hasOthers || now - latestOther > longest;
     const bool isSet = passed < -LARGEST_STEP_BACK || (passed > longest && isSilent);
     if (isSet) {
+        wasSet = true;
         *origin += passed;
         latest = now;
     }
@@ -221,7 +227,7 @@ Moment CaptureReader::MomentOf(const Record& record, const Place& place) {
     latestOther = now;
     hasOthers = false;
     lastClock = isSet ? clock : std::max(lastClock, clock);
-    const Moment moment{now - *origin, record.process, record.thread, record.boottime};
+    const Moment moment{now - *origin, record.process, record.thread};
     summary.last = isSet ? moment.time : std::max(summary.last, moment.time);
     if (isSet) {
         for (MessageSink* const sink : sinks) {

@@ -26,8 +26,7 @@ struct Moment {
     Micros time = NO_TIME;  // Since the capture's first line of the library. Steps of the clock are
                             // taken out: the time goes on from where it was.
     int32_t process = -1;
-    int32_t thread = -1;        // -1 where the form lacks it.
-    Micros boottime = NO_TIME;  // As the record's.
+    int32_t thread = -1;  // -1 where the form lacks it.
 };
 
 // Gets what a capture holds, in its order.
@@ -63,6 +62,9 @@ struct CaptureSummary {
     Micros resolution = 1000;  // Of the times: 1000 where all are whole milliseconds, else 1.
     // The time of the last line of any tag, as far as it has been looked at.
     Micros last = NO_TIME;
+    // Of a recording: how far its recorder's clock is ahead of the times; nothing where that is not
+    // known.
+    std::optional<Micros> ahead;
 };
 
 // A time of the log's clock as people read it: "11-23 00:03:00.123", with the year where the log
@@ -139,6 +141,7 @@ class CaptureReader : public TextSink, private RecordSink {
         }
     }};
     int64_t recordedLines = 0;
+    bool wasSet = false;  // The log's clock, before the last line.
     CaptureSummary summary;
     std::set<int32_t> processes;    // Those with messages.
     std::optional<int64_t> origin;  // What the clock showed when the time was 0.

@@ -25,9 +25,6 @@ struct Record {
     // False: the line does not begin as a log's, or only a part of it is there. It is the message,
     // and nothing else is known.
     bool isWhole = true;
-    // When it was logged by the clock of the recording that it is from; NO_TIME where that is not
-    // known.
-    Micros boottime = NO_TIME;
 };
 
 // logcat's -v: threadtime, which is its default, or time, and modifiers.

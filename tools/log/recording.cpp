@@ -173,8 +173,10 @@ void RecordingLog::TakePacket(std::string_view packet) {
     if (const std::string_view snapshot = fields.Text(6); !snapshot.empty()) {
         std::map<uint64_t, uint64_t> clocks = ClocksOf(snapshot);
         if (clocks[REALTIME] != 0 && clocks[BOOTTIME] != 0) {
-            snapshots.push_back({static_cast<Micros>(clocks[REALTIME]) / 1000,
-                                 static_cast<Micros>(clocks[BOOTTIME]) / 1000});
+            const Micros now = static_cast<Micros>(clocks[BOOTTIME]) / 1000 -
+                               static_cast<Micros>(clocks[REALTIME]) / 1000;
+            isSet = isSet || std::abs(now - ahead.value_or(now)) > SLACK;
+            ahead = ahead.value_or(now);
         }
     }
     // The mark that packets are lost before this one means nothing at the first of a sequence: all
@@ -209,37 +211,11 @@ void RecordingLog::TakeLine(const Fields<8>& line, Micros written) {
     texts += text;
 }
 
-// The line's time by the recorder's clock. A line was logged soon before its packet was written,
-// between two snapshots. Where the clocks are further apart in the one than in the other, the log's
-// clock was set between them, and the recording does not show when.
-Micros RecordingLog::BoottimeOf(const Event& event) {
-    for (size_t i = snapshots.size(); i-- > firstSnapshot;) {
-        const Snapshot& one = snapshots[i];
-        const Micros time = event.time + one.Ahead();
-        const Snapshot* const next = i + 1 < snapshots.size() ? &one + 1 : nullptr;
-        const bool isBetween = (i == 0 || time >= one.boot - SLACK) &&
-                               (next == nullptr || (time <= next->boot + SLACK &&
-                                                    std::abs(next->Ahead() - one.Ahead()) < SLACK));
-        if (isBetween && time <= event.written + MILLISECOND &&
-            time > event.written - LONGEST_DELAY) {
-            if (time + SLACK < latest) {
-                // The clock was set, and set again: other times from this snapshot may be wrong.
-                firstSnapshot = i + 1;
-                return NO_TIME;
-            }
-            latest = std::max(latest, time);
-            return time;
-        }
-    }
-    return NO_TIME;
-}
-
-int64_t RecordingLog::Deliver(RecordSink& sink, uint32_t input) {
+RecordingLog::Delivered RecordingLog::Deliver(RecordSink& sink, uint32_t input) {
     std::ranges::stable_sort(events, {}, &Event::written);
-    std::ranges::sort(snapshots, {}, &Snapshot::boot);
     std::set<int32_t> processes;  // Those that have the library.
     Place place{input, 0};
-    Micros time = 0;
+    Micros time = 0, latest = 0;
     for (const Event& event : events) {
         if (event.lost > 0) {
             const std::string text = std::to_string(event.lost) + " lines";
@@ -254,14 +230,20 @@ int64_t RecordingLog::Deliver(RecordSink& sink, uint32_t input) {
             sink.OnTime(time);
             continue;
         }
+        // A line is logged soon before its packet is written, and behind the lines before it. Where
+        // it seems otherwise, the log's clock was set.
+        const Micros boottime = time + ahead.value_or(0);
+        isSet = isSet || boottime > event.written + MILLISECOND ||
+                boottime <= event.written - LONGEST_DELAY || boottime + SLACK < latest;
+        latest = std::max(latest, boottime);
         processes.insert(event.process);
-        sink.OnRecord(
-            {time, event.process, event.thread, event.priority, TAGS[event.tag],
-             std::string_view(texts).substr(event.text, event.length), true, BoottimeOf(event)},
-            place);
+        sink.OnRecord({time, event.process, event.thread, event.priority, TAGS[event.tag],
+                       std::string_view(texts).substr(event.text, event.length)},
+                      place);
     }
+    const Delivered delivered = {place.line, isSet ? std::nullopt : ahead};
     *this = {};
-    return place.line;
+    return delivered;
 }
 
 }  // namespace tools

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -58,14 +59,20 @@ enum RecorderClock : uint64_t { REALTIME = 1, MONOTONIC_RAW = 5, BOOTTIME = 6 };
 // What clocks showed at one moment, in nanoseconds.
 std::map<uint64_t, uint64_t> ClocksOf(std::string_view snapshot);
 
-// The log in a recording. Its lines have times of a clock that may be set at any moment. Snapshots
-// have the times of that clock and of the recorder's own, so that one can be had from the other.
+// The log in a recording.
 class RecordingLog {
   public:
+    struct Delivered {
+        int64_t lines = 0;
+        // How far the recorder's clock is ahead of the log's; nothing where no snapshot of the
+        // clocks shows that, or where the log's clock was set while it was recorded.
+        std::optional<Micros> ahead{};
+    };
+
     void TakePacket(std::string_view packet);
     // Gives the lines that were taken to the sink, in the order in which they were logged, and
-    // forgets them. Lines are numbered from 1. Returns how many there were.
-    int64_t Deliver(RecordSink& sink, uint32_t input);
+    // forgets them. Lines are numbered from 1.
+    Delivered Deliver(RecordSink& sink, uint32_t input);
 
   private:
     struct Event {
@@ -78,20 +85,11 @@ class RecordingLog {
         size_t text = 0, length = 0;  // Of the message, in `texts`.
     };
 
-    struct Snapshot {
-        Micros log, boot;
-        Micros Ahead() const { return boot - log; }
-    };
-
     void TakeLine(const Fields<8>& line, Micros written);
-    Micros BoottimeOf(const Event& event);
 
     std::vector<Event> events;
-    std::vector<Snapshot> snapshots;
-    // While lines are delivered: the first snapshot that can still be used, and the last line's
-    // time.
-    size_t firstSnapshot = 0;
-    Micros latest = 0;
+    std::optional<Micros> ahead;  // As Delivered's, by the first snapshot.
+    bool isSet = false;           // The log's clock was set.
     std::string texts;
     std::set<uint64_t> sequences;  // Those of which a packet was seen.
     uint64_t failed = 0;           // Lines that the recorder could not read.

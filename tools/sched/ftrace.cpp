@@ -177,7 +177,6 @@ void TakeLine(SchedTraceMaker& maker, std::string_view text) {
     if (text.starts_with('#') || !ReadLine(text, line)) {
         return TakeLost(maker, text);
     }
-    maker.trace.hasFlags = maker.trace.hasFlags || line.isInterrupt;
     maker.OnTime(line.cpu, line.time);
     for (const auto& [name, take] : EVENTS) {
         if (line.what == name) {
@@ -188,25 +187,25 @@ void TakeLine(SchedTraceMaker& maker, std::string_view text) {
 
 }  // namespace
 
-void FtraceReader::Read(std::string_view bytes) {
+void SchedReader::Read(std::string_view bytes) {
     SplitLines(packets.Read(bytes), unfinished, LONGEST_LINE,
                [this](std::string_view line) { TakeLine(maker, line); });
 }
 
-void FtraceReader::End() {
+void SchedReader::End() {
     SplitLines(packets.End(), unfinished, LONGEST_LINE,
                [this](std::string_view line) { TakeLine(maker, line); });
     TakeLine(maker, unfinished);
     unfinished.clear();
 }
 
-bool FtraceReader::TakeDamage(const char* reason) {
+bool SchedReader::TakeDamage(const char* reason) {
     damage = reason == nullptr ? "damaged" : reason;
-    return !maker.trace.IsEmpty() || !recording.IsEmpty();
+    return maker.trace.from != NO_TIME;
 }
 
-SchedTrace FtraceReader::Finish() {
-    SchedTrace trace = recording.IsEmpty() ? maker.Finish() : recording.Finish();
+SchedTrace SchedReader::Finish() {
+    SchedTrace trace = maker.Finish();
     trace.damage = damage.empty() ? packets.Damage() : damage;
     return trace;
 }

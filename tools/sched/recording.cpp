@@ -15,8 +15,6 @@ namespace {
 using Task = SchedTraceMaker::Task;
 
 constexpr uint32_t INTERRUPT_FLAGS = 8 | 16;  // Hard and soft.
-// Until the process tree gives the thread's name.
-constexpr std::string_view NO_NAME = "<...>";
 
 Micros MicrosOf(uint64_t nanoseconds) {
     return static_cast<Micros>(nanoseconds) / 1000;
@@ -38,12 +36,9 @@ struct Lists {
 };
 
 std::vector<uint64_t> ListOf(std::string_view packed) {
-    std::vector<uint64_t> list;
-    const char* at = packed.data();
-    while (at < packed.data() + packed.size()) {
-        list.push_back(protozero::decode_varint(&at, packed.data() + packed.size()));
-    }
-    return list;
+    const char* const end = packed.data() + packed.size();
+    using Value = protozero::const_varint_iterator<uint64_t>;
+    return {Value(packed.data(), end), Value(end, end)};
 }
 
 // Whether a kernel's release, such as "4.9.0", is an older one than 4.14.
@@ -70,6 +65,7 @@ struct SchedRecording::Bundle {
 };
 
 void SchedRecording::TakePacket(std::string_view packet) {
+    maker.isInOrder = false;
     ForEachField(packet, [this](uint32_t field, std::string_view content) {
         if (field == 1) {
             TakeBundle(content);
@@ -88,7 +84,7 @@ void SchedRecording::TakeNames(std::string_view tree) {
     ForEachField(tree, [this](uint32_t field, std::string_view content) {
         if (field == 2) {
             const Fields<2> thread(content);
-            names[thread.Number<int32_t>(1)] = thread.Text(2);
+            maker.names[thread.Number<int32_t>(1)] = thread.Text(2);
         }
     });
 }
@@ -159,7 +155,6 @@ void SchedRecording::TakeEvent(std::string_view bytes, Bundle& bundle) {
         payload = content;
     });
     const bool isInterrupt = (head.Number(5) & INTERRUPT_FLAGS) != 0;
-    maker.trace.hasFlags = maker.trace.hasFlags || isInterrupt;
     const Fields<7> event(payload);
     constexpr std::pair<uint32_t, SchedEvent::Kind> WAKINGS[] = {{17, SchedEvent::Kind::Wakeup},
                                                                  {20, SchedEvent::Kind::Waking},
@@ -210,7 +205,6 @@ void SchedRecording::TakeCompact(std::string_view bytes, Bundle& bundle) {
     for (size_t i = 0; i < wakings.times.size(); ++i) {
         time += wakings.times[i];
         const bool isInterrupt = (Lists::At(wakings.flags, i) & INTERRUPT_FLAGS) != 0;
-        maker.trace.hasFlags = maker.trace.hasFlags || isInterrupt;
         const uint64_t cpu = Lists::At(wakings.cpus, i);
         const Micros micros = bundle.TimeOf(time);
         if (cpu < MOST_CPUS) {
@@ -218,16 +212,6 @@ void SchedRecording::TakeCompact(std::string_view bytes, Bundle& bundle) {
                            task(wakings, i), isInterrupt ? NO_THREAD : WHO_HAS_THE_CPU, bundle.cpu);
         }
     }
-}
-
-SchedTrace SchedRecording::Finish() {
-    for (SchedThread& thread : maker.trace.threads) {
-        const auto name = names.find(thread.tid);
-        if (thread.name == NO_NAME && name != names.end()) {
-            thread.name = name->second;
-        }
-    }
-    return maker.Finish();
 }
 
 }  // namespace tools

@@ -172,9 +172,10 @@ std::vector<std::string> NotesOf(const Account& account, const SchedTrace& trace
 
 }  // namespace
 
-Scheduling MakeScheduling(Account& account, SchedTrace trace, const CountedLines& lines) {
+Scheduling MakeScheduling(Account& account, SchedTrace trace, const CountedLines& lines,
+                          std::vector<Knot> clocks) {
     Scheduling all;
-    all.tie = TieClocks(trace, lines, account.resolution);
+    all.tie = TieClocks(trace, std::move(clocks), lines.all, account.resolution);
     all.states = StatesOf(trace);
     trace.events = {};  // They take much memory.
     all.trace = std::move(trace);

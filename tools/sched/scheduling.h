@@ -67,8 +67,9 @@ struct Scheduling {
 void AddScheduling(JudgedScene& judged, const SceneScheduling& uses, const Scheduling& all);
 
 // Works the scheduling out and adds what threads did to the causes of an account that was judged,
-// before findings are made of them. Throws a CommandError where trace and log do not belong
-// together.
-Scheduling MakeScheduling(Account& account, SchedTrace trace, const CountedLines& lines);
+// before findings are made of them. `clocks`: as TieClocks takes them. Throws a CommandError where
+// trace and log do not belong together.
+Scheduling MakeScheduling(Account& account, SchedTrace trace, const CountedLines& lines,
+                          std::vector<Knot> clocks = {});
 
 }  // namespace tools

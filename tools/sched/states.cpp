@@ -21,7 +21,14 @@ class Tracker {
     }
 
     States Follow() {
-        for (const SchedEvent& event : trace.events) {
+        auto hole = holes.begin();
+        for (SchedEvent event : trace.events) {
+            for (; hole != holes.end() && hole->end <= event.time; ++hole) {
+                if (hole->cpu != SchedTrace::ALL_CPUS) {
+                    cpus[hole->cpu].owner = cpus[hole->cpu].woken = {};
+                }
+            }
+            FindOwner(event);
             if (event.kind == SchedEvent::Kind::Switch) {
                 OnSwitch(event);
             } else {
@@ -43,10 +50,40 @@ class Tracker {
         bool hasCpu = false;        // Of a wait: its CPU is the one where the thread is to run.
         bool isWokenEarly = false;  // It was woken while it still had the CPU.
     };
+    struct Owner {
+        uint32_t thread = NO_THREAD;
+        Priority priority = USUAL_PRIORITY;
+    };
     struct Cpu {
         uint32_t thread = NO_THREAD;  // That came last; NO_THREAD before the first switch.
         Micros since = NO_TIME;
+        Owner owner;  // The thread that has the CPU; none where events were lost since it came.
+        Owner woken;  // The first thread that was woken since then to run there.
     };
+
+    // Gives the event the thread that had the CPU, where it says WHO_HAS_THE_CPU.
+    void FindOwner(SchedEvent& event) {
+        Cpu& cpu = cpus[event.cpu];
+        const bool isSwitch = event.kind == SchedEvent::Kind::Switch;
+        if (isSwitch && event.thread == WHO_HAS_THE_CPU) {
+            // An idle task could always go on, and leaves only for another thread. Where the event
+            // says otherwise, the kernel left out that a thread came before.
+            const uint32_t idle = cpu.owner.thread;
+            if (idle != NO_THREAD && trace.threads[idle].tid == 0 &&
+                (event.left != ThreadState::Runnable || event.other == idle)) {
+                cpu.owner = cpu.woken;
+            }
+            event.thread = cpu.owner.thread;
+            event.priority = cpu.owner.priority;
+        }
+        if (!isSwitch && event.other == WHO_HAS_THE_CPU) {
+            const Owner& waker = cpus[static_cast<size_t>(event.otherPriority)].owner;
+            event.other = waker.thread == NO_THREAD ? WHO_HAS_THE_CPU : waker.thread;
+        }
+        if (cpu.woken.thread == NO_THREAD && !isSwitch && event.kind != SchedEvent::Kind::Waking) {
+            cpu.woken = {event.thread, event.priority};
+        }
+    }
 
     void OnSwitch(const SchedEvent& event) {
         Cpu& cpu = cpus[event.cpu];
@@ -62,7 +99,7 @@ class Tracker {
             }
             OnSwitchIn(threads[event.other], event);
         }
-        cpu = {event.other, event.time};
+        cpu = {event.other, event.time, {event.other, event.otherPriority}, {}};
     }
 
     void OnSwitchOut(Thread& thread, const SchedEvent& event, const Cpu& cpu) {

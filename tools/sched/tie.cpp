@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <span>
 #include <utility>
 
@@ -27,13 +28,11 @@ constexpr int64_t FEWEST = 8;
 constexpr Micros SILENCE = SECOND / 10;
 
 // Knots rise by the trace's clock and do not fall by the log's: one that does not do so is left
-// out. Returns whether it was added.
-bool AddKnot(std::vector<Knot>& knots, Knot knot) {
+// out.
+void AddKnot(std::vector<Knot>& knots, Knot knot) {
     if (knots.empty() || (knot.log >= knots.back().log && knot.Trace() > knots.back().Trace())) {
         knots.push_back(knot);
-        return true;
     }
-    return false;
 }
 
 // How well log and trace fit, by a guess of how much the trace's clock is ahead.
@@ -111,19 +110,23 @@ struct Tying {
     }
 };
 
-// A time of the trace by the log's clock.
-Micros ToLog(const std::vector<Knot>& knots, Micros time) {
-    const auto next = std::ranges::lower_bound(knots, time, {}, &Knot::Trace);
+// A time by another clock; `from` and `to` have times of the knots by the two. There are knots.
+Micros Turned(const std::vector<Knot>& knots, Micros time, const auto& from, const auto& to) {
+    const auto next = std::ranges::upper_bound(knots, time, {}, from);
     if (next == knots.begin() || next == knots.end()) {
-        return time - (next == knots.end() ? knots.back() : *next).ahead;
+        const Knot& nearest = next == knots.end() ? knots.back() : *next;
+        return time + to(nearest) - from(nearest);
     }
     const Knot& before = *std::prev(next);
-    return before.log +
-           (next->log - before.log) * (time - before.Trace()) / (next->Trace() - before.Trace());
+    return to(before) +
+           (to(*next) - to(before)) * (time - from(before)) / (from(*next) - from(before));
 }
 
+constexpr auto BY_LOG = std::mem_fn(&Knot::log);
+constexpr auto BY_TRACE = std::mem_fn(&Knot::Trace);
+
 void TurnIntoLog(SchedTrace& trace, const std::vector<Knot>& knots) {
-    const auto turn = [&knots](Micros& time) { time = ToLog(knots, time); };
+    const auto turn = [&knots](Micros& time) { time = Turned(knots, time, BY_TRACE, BY_LOG); };
     for (SchedEvent& event : trace.events) {
         turn(event.time);
     }
@@ -156,48 +159,10 @@ void NameThreads(const SchedTrace& trace, Tie& tie) {
 }  // namespace
 
 Micros ToTrace(const std::vector<Knot>& knots, Micros time) {
-    const auto next = std::ranges::upper_bound(knots, time, {}, &Knot::log);
-    if (!knots.empty()) {
-        time += (next == knots.begin() ? next : std::prev(next))->ahead;
-    }
-    return time;
-}
-
-std::vector<Knot> KnotsOf(const CountedLines& counted, SchedTrace& trace) {
-    std::vector<Knot> knots;
-    Micros last = trace.from;
-    bool isKnown = true;
-    const auto addHole = [&](Micros end) {
-        if (last < end) {
-            trace.holes.push_back({{last, end}, SchedTrace::ALL_CPUS});
-        }
-    };
-    for (const Knot& knot : counted.clocks) {
-        isKnown = isKnown && knot.ahead != NO_TIME;
-        const Micros ahead = knots.empty() ? knot.ahead : knots.back().ahead;
-        if (knot.ahead != NO_TIME && AddKnot(knots, knot)) {
-            if (!isKnown || std::abs(knot.ahead - ahead) > SILENCE) {
-                addHole(knot.Trace());
-            }
-            last = knot.Trace();
-            isKnown = true;
-        }
-    }
-    if (!isKnown) {
-        addHole(trace.to);
-    }
-    return knots;
+    return knots.empty() ? time : Turned(knots, time, BY_LOG, BY_TRACE);
 }
 
 void CountedLines::OnMessage(const Message& message, const Moment& moment) {
-    const bool isKnown = moment.boottime != NO_TIME;
-    const Knot knot = {moment.time, isKnown ? moment.boottime - moment.time : NO_TIME};
-    const size_t size = clocks.size();
-    if (size > 1 && clocks[size - 1].ahead == knot.ahead && clocks[size - 2].ahead == knot.ahead) {
-        clocks.back().log = std::max(clocks.back().log, knot.log);
-    } else {
-        clocks.push_back(knot);
-    }
     for (const auto& [kind, name] : COUNTER_NAMES) {
         if (isOn && message.kind == kind) {
             all.push_back(
@@ -218,20 +183,21 @@ const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& e
     return nearest != all.end() && apart(*nearest) <= within ? &*nearest : nullptr;
 }
 
-Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution) {
-    const Lines lines = counted.all;
+Tie TieClocks(SchedTrace& trace, std::vector<Knot> clocks, const std::vector<CountedLine>& all,
+              Micros resolution) {
+    const Lines lines = all;
     Tie tie;
     if (trace.counters.empty()) {
-        tie.knots = KnotsOf(counted, trace);
-        if (!tie.knots.empty()) {
-            TurnIntoLog(trace, tie.knots);
-            NameThreads(trace, tie);
-            return tie;
+        if (clocks.empty()) {
+            throw CommandError(
+                trace.name +
+                ": error: it has none of the library's counters: were the trace tags camera or hal "
+                "on, and the\nlibrary's debug switch?");
         }
-        throw CommandError(
-            trace.name +
-            ": error: it has none of the library's counters: were the trace tags camera or hal on, "
-            "and the\nlibrary's debug switch?");
+        TurnIntoLog(trace, clocks);
+        NameThreads(trace, tie);
+        tie.knots = std::move(clocks);
+        return tie;
     }
     if (lines.empty()) {
         throw CommandError(

@@ -29,7 +29,7 @@ struct CountedLine : CountedEvent {
     bool isBehindStep;  // The log's clock was set before it.
 };
 
-// Keeps such lines, and how far a recording's own clocks are apart.
+// Keeps such lines.
 struct CountedLines : MessageSink {
     void OnMessage(const Message& message, const Moment& moment) override;
     void OnClockSet(Micros /*step*/, const Moment& /*moment*/, const Place& /*place*/) override {
@@ -38,15 +38,8 @@ struct CountedLines : MessageSink {
 
     bool isOn = true;  // Else such lines are not kept.
     std::vector<CountedLine> all;
-    // The first and the last line between which the clocks were so far apart. `ahead` is NO_TIME
-    // where the recording does not show it.
-    std::vector<Knot> clocks;
     bool isBehindStep = false;  // The clock was set behind the last line.
 };
-
-// How far a recording's clocks are apart by its snapshots; empty for other captures. Adds holes to
-// the trace where the recording does not show that.
-std::vector<Knot> KnotsOf(const CountedLines& counted, SchedTrace& trace);
 
 // What tying the clocks showed.
 struct Tie {
@@ -66,9 +59,11 @@ struct Tie {
 };
 
 // Finds out how far the clocks are apart and turns all times of the trace into the log's. Throws a
-// CommandError where trace and log do not belong together. `resolution`: of the log's times. Where
-// there are no counters, a recording's own clocks tie them.
-Tie TieClocks(SchedTrace& trace, const CountedLines& counted, Micros resolution);
+// CommandError where they do not belong together. `clocks`: how far a recording's own clocks are
+// apart, which counts where there are no counters; empty where that is not known. `resolution`: of
+// the log's times.
+Tie TieClocks(SchedTrace& trace, std::vector<Knot> clocks, const std::vector<CountedLine>& lines,
+              Micros resolution);
 
 // A line and its counter are no further apart, unless a thread is stopped between them.
 inline constexpr Micros TOGETHER = 10 * MILLISECOND;

@@ -21,7 +21,7 @@ uint32_t SchedTraceMaker::ThreadOf(const Task& task, uint32_t cpu) {
         threads.try_emplace(key, static_cast<uint32_t>(trace.threads.size()));
     if (isNew) {
         trace.threads.push_back({task.tid, std::string(task.name)});
-    } else if (trace.threads[found->second].name != task.name && task.name != "<...>") {
+    } else if (trace.threads[found->second].name != task.name && task.name != NO_NAME) {
         trace.threads[found->second].name = task.name;
     }
     return found->second;
@@ -48,11 +48,10 @@ void SchedTraceMaker::OnWaking(SchedEvent::Kind kind, Micros time, uint32_t cpu,
     if (isInOrder && kind == SchedEvent::Kind::New) {
         threads.erase(woken.tid);
     }
-    // The waker has no priority here: the place has its CPU until FindWhoHadCpus.
-    trace.events.push_back(
-        {time, ThreadOf(woken, cpu), waker, woken.priority,
-         waker == WHO_HAS_THE_CPU ? static_cast<Priority>(wakerCpu) : USUAL_PRIORITY,
-         static_cast<uint16_t>(cpu), kind, ThreadState::Runnable});
+    trace.hasFlags = trace.hasFlags || waker == NO_THREAD;
+    trace.events.push_back({time, ThreadOf(woken, cpu), waker, woken.priority,
+                            static_cast<Priority>(wakerCpu), static_cast<uint16_t>(cpu), kind,
+                            ThreadState::Runnable});
 }
 
 void SchedTraceMaker::OnTime(uint32_t cpu, Micros time) {
@@ -88,51 +87,13 @@ void SchedTraceMaker::OnMark(Micros time, uint32_t cpu, const Task& writer, std:
     }
 }
 
-void SchedTraceMaker::FindWhoHadCpus() {
-    struct Owner {
-        uint32_t thread = NO_THREAD;
-        Priority priority = USUAL_PRIORITY;
-    };
-    struct Ownership {
-        Owner owner;  // The thread that has the CPU.
-        Owner woken;  // The first thread that was woken since then to run there.
-    };
-    std::vector<Ownership> known(MOST_CPUS);
-    std::ranges::sort(trace.holes, {}, &SchedTrace::Hole::end);
-    auto hole = trace.holes.begin();
-    for (SchedEvent& event : trace.events) {
-        for (; hole != trace.holes.end() && hole->end <= event.time; ++hole) {
-            known[hole->cpu] = {};
-        }
-        Ownership& cpu = known[event.cpu];
-        if (event.kind == SchedEvent::Kind::Switch) {
-            if (event.thread == WHO_HAS_THE_CPU) {
-                // An idle task could always go on, and leaves only for another thread. Where the
-                // event says otherwise, the kernel left out that a thread came before.
-                const bool isIdle =
-                    cpu.owner.thread != NO_THREAD && trace.threads[cpu.owner.thread].tid == 0;
-                if (isIdle &&
-                    (event.left != ThreadState::Runnable || event.other == cpu.owner.thread)) {
-                    cpu.owner = cpu.woken;
-                }
-                event.thread = cpu.owner.thread;
-                event.priority = cpu.owner.priority;
-            }
-            cpu = {{event.other, event.otherPriority}, {}};
-        } else {
-            if (event.other == WHO_HAS_THE_CPU) {
-                const uint32_t waker = known[static_cast<size_t>(event.otherPriority)].owner.thread;
-                event.other = waker == NO_THREAD ? WHO_HAS_THE_CPU : waker;
-                event.otherPriority = USUAL_PRIORITY;
-            }
-            if (cpu.woken.thread == NO_THREAD && event.kind != SchedEvent::Kind::Waking) {
-                cpu.woken = {event.thread, event.priority};
-            }
+SchedTrace SchedTraceMaker::Finish() {
+    for (SchedThread& thread : trace.threads) {
+        const auto name = names.find(thread.tid);
+        if (thread.name == NO_NAME && name != names.end()) {
+            thread.name = name->second;
         }
     }
-}
-
-SchedTrace SchedTraceMaker::Finish() {
     std::ranges::sort(trace.counters, {}, [](const SchedCounter& counter) {
         return std::pair<CountedEvent, Micros>(counter, counter.time);
     });
@@ -144,7 +105,7 @@ SchedTrace SchedTraceMaker::Finish() {
             trace.holes.push_back({{trace.from, cpus[cpu].first}, cpu});
         }
     }
-    FindWhoHadCpus();
+    std::ranges::sort(trace.holes, {}, &SchedTrace::Hole::end);
     return std::move(trace);
 }
 

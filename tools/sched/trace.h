@@ -22,7 +22,7 @@
 namespace tools {
 
 inline constexpr uint32_t NO_THREAD = std::numeric_limits<uint32_t>::max();
-// Stands for the thread that has the CPU, until SchedTraceMaker finds out which it is.
+// Stands for the thread that has the CPU: the event does not say which it is.
 inline constexpr uint32_t WHO_HAS_THE_CPU = NO_THREAD - 1;
 
 // As the kernel counts: below 100 of real time, the lower the sooner; from 100 on of nice values.
@@ -38,11 +38,11 @@ struct SchedEvent {
         New,     // The thread begins.
     };
     Micros time;             // By the trace's clock, until TieClocks has turned it into the log's.
-    uint32_t thread;         // The thread that leaves the CPU, NO_THREAD if not known, or is woken.
+    uint32_t thread;         // The thread that leaves the CPU or is woken; may be WHO_HAS_THE_CPU.
     uint32_t other;          // The thread that comes, or wakes it; NO_THREAD for an interrupt,
-                             // WHO_HAS_THE_CPU where it is not known which thread or interrupt.
+                             // WHO_HAS_THE_CPU for the thread that has the CPU.
     Priority priority;       // Of `thread`,
-    Priority otherPriority;  // and of a thread that comes.
+    Priority otherPriority;  // and of a thread that comes; of a waking, the CPU it comes from.
     uint16_t cpu;            // Where it happened; of a wakeup, where the thread is to run.
     Kind kind;
     ThreadState left;  // Of a switch: the state of `thread` from there on.
@@ -88,16 +88,17 @@ struct SchedTrace {
     std::vector<Hole> holes;  // Where events were lost: between the CPU's last one and its next.
     int64_t lost = 0;         // Events that the tracer says it lost.
     Micros from = NO_TIME, to = NO_TIME;
-    bool hasFlags = false;  // Events have flags that show interrupts.
+    bool hasFlags = false;  // Wakings have flags that show interrupts.
     std::string damage;     // Why the file could not be read to its end.
 
-    // Whether nothing of a trace was read.
-    bool IsEmpty() const { return from == NO_TIME; }
     // The event's counters, by time.
     std::span<const SchedCounter> CountersOf(const CountedEvent& event) const;
 };
 
 inline constexpr uint32_t MOST_CPUS = 4096;
+
+// An event's name of a thread that the tracer does not know.
+inline constexpr std::string_view NO_NAME = "<...>";
 
 // Puts a trace together, for readers of all forms. CPUs are below MOST_CPUS, and times the trace's.
 class SchedTraceMaker {
@@ -130,10 +131,9 @@ class SchedTraceMaker {
 
     SchedTrace trace;       // Readers set the members themselves that no function here sets.
     bool isInOrder = true;  // Events are passed by time; else an id stays with its first thread.
+    std::map<int32_t, std::string> names;  // Of threads by id, where their events have NO_NAME.
 
   private:
-    void FindWhoHadCpus();
-
     struct Cpu {
         Micros first = NO_TIME, last = NO_TIME;
         bool hasLost = false;
@@ -145,11 +145,8 @@ class SchedTraceMaker {
 // Reads the scheduler's events from the packets of a recording.
 class SchedRecording {
   public:
-    SchedRecording() { maker.isInOrder = false; }
+    explicit SchedRecording(SchedTraceMaker& traceMaker) : maker(traceMaker) {}
     void TakePacket(std::string_view packet);
-    bool IsEmpty() const { return maker.trace.events.empty(); }
-    // What was read, given away. To be called once, last.
-    SchedTrace Finish();
 
   private:
     struct Bundle;
@@ -160,28 +157,28 @@ class SchedRecording {
     void TakeNames(std::string_view tree);
     ThreadState StateOf(uint64_t bits) const;
 
-    SchedTraceMaker maker;
+    SchedTraceMaker& maker;
     bool isOldKernel = false;
     uint64_t rawAhead = 0;  // How far the boot clock is ahead of the raw monotonic one.
-    std::map<int32_t, std::string> names;
 };
 
-// Reads the text of the kernel's tracer, ftrace, as a kernel, atrace, systrace (in HTML) and
-// Perfetto's converter write it.
-// Lines that are none of a trace's are skipped, so that HTML needs nothing else. Recordings of
-// Perfetto are read, too.
-class FtraceReader : public TextSink {
+// Reads recordings of Perfetto, and the text of the kernel's tracer, ftrace, as a kernel, atrace,
+// systrace (in HTML) and Perfetto's converter write it. Lines that are none of a trace's are
+// skipped, so that HTML needs nothing else.
+class SchedReader : public TextSink {
   public:
     void Read(std::string_view bytes) override;
     void End() override;
     bool TakeDamage(const char* reason) override;
+    // A packet of a recording that another reader reads.
+    void TakePacket(std::string_view packet) { recording.TakePacket(packet); }
     // What was read, given away. To be called once, last.
     SchedTrace Finish();
 
   private:
     SchedTraceMaker maker;
-    SchedRecording recording;
-    PacketReader packets{[this](std::string_view packet) { recording.TakePacket(packet); }};
+    SchedRecording recording{maker};
+    PacketReader packets{[this](std::string_view packet) { TakePacket(packet); }};
     std::string unfinished;  // A line that is not whole yet.
     std::string damage;
 };
