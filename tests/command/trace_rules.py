@@ -108,6 +108,7 @@ def read_trace(data):
             stack.pop().end = time
         else:
             one = Slice(track=track, time=time, end=time if kind == MOMENT else None, name=event['name'],
+                        outer=stack[-1] if stack else None,
                         annotations={only(one, 10).decode(): annotation_of(one) for one in within(event, 4)},
                         arrows=[number_of('<Q', arrow) for arrow in event[47]])
             track.slices.append(one)

@@ -41,12 +41,13 @@ Writer WritePage;
 
 // A trace for ui.perfetto.dev, in Perfetto's own form. Written track by track.
 //
-// A scene is a group of tracks: findings, frames, how many were in flight, the interval between
-// outputs, and the stages. Frames that something happened
+// A scene is a group of tracks: findings, when frames were expected and when they came out, how
+// many were in flight, the interval between outputs, and the stages. Frames that something happened
 // to say all that is known of them, and have arrows from stage to stage, as have those beside them.
 //
-// With a scheduler trace each stage has the threads that kept a late frame waiting, and what its
-// own threads did. A recording, which the trace goes behind, has threads itself.
+// With a scheduler trace each stage has the threads that kept a late frame waiting, with arrows to
+// the frame, and what its own threads did. A recording, which the trace goes behind, has threads
+// itself.
 //
 // A range of frames to show is a part, which has all of that for all of its frames, and nothing
 // from before or after it.

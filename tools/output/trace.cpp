@@ -22,10 +22,11 @@ using protozero::pbf_writer;
 // Something that lasts, on a track; without a length it is a moment.
 struct Slice {
     Span span;
-    uint64_t name;            // Its number, from Intern.
-    Json annotations{};       // Those that are null are left out.
-    uint64_t arrow = 0;       // To the next slice in time with this number; 0 for none.
-    bool isStanding = false;  // Of a frame that is not known to have gone on.
+    uint64_t name;                // Its number, from Intern.
+    Json annotations{};           // Those that are null are left out.
+    uint64_t arrow = 0;           // To the next slice in time with this number; 0 for none.
+    std::vector<Slice> within{};  // Moments within it.
+    bool isStanding = false;      // Of a frame that is not known to have gone on.
 };
 
 // Names come from captures, which hold any bytes; the form has UTF-8.
@@ -46,7 +47,7 @@ class Packets {
         : out(stream), clocks(knots), origin(std::max<int64_t>(NanosecondsOf(0), 0)) {}
 
     // Numbers for so many arrows, one after another; returns the first.
-    uint64_t NewArrows(size_t count) { return std::exchange(lastId, lastId + count) + 1; }
+    uint64_t NewArrows(size_t count = 1) { return std::exchange(lastId, lastId + count) + 1; }
 
     // The number of a name, which is written when it is first used.
     uint64_t Intern(const std::string& name) {
@@ -193,6 +194,9 @@ class Packets {
                 event.add_fixed64(47, slice.arrow);
             }
         });
+        for (const Slice& moment : slice.within) {
+            AddSlice(moment);
+        }
         if (lasts) {
             AddEvent(slice.span.end, 2, [](pbf_writer& /*event*/) {});
         }
@@ -296,6 +300,25 @@ std::vector<Slice> FramesOf(const View& view, int32_t stage) {
     return slices;
 }
 
+// A frame is due so many periods after the last one that came out as numbers are between the two.
+std::vector<Slice> ExpectedOf(const View& view) {
+    // Frames whose numbers are farther apart have nothing to do with one another.
+    constexpr int64_t farApart = 1000;
+    const JudgedScene& scene = view.scene;
+    std::vector<Slice> slices;
+    std::optional<size_t> before;  // The last frame that came out.
+    for (size_t row = 0; row < scene.frames.size(); ++row) {
+        const Frame& frame = scene.frames[row];
+        const int64_t steps = before ? StepOf(scene.frames[*before].number, frame.number) : 0;
+        if (view.Has(row) && steps > 0 && steps < farApart) {
+            const Micros due = scene.FateOf(*before).output + scene.Period() * steps;
+            slices.push_back({{frame.seen, due}, view.names[row]});
+        }
+        before = scene.FateOf(row).isOut ? row : before;
+    }
+    return slices;
+}
+
 void WriteValues(const View& view, uint64_t group) {
     view.packets.BeginTrack(group, "in flight", "frames");
     for (const auto& [time, count] : InFlightOf(view.scene)) {
@@ -312,22 +335,44 @@ void WriteValues(const View& view, uint64_t group) {
     }
 }
 
-// The threads for which frames of the stage waited, each when it woke the next: the one that kept
-// the stage's thread asleep, the one that kept that one, and so on.
-std::vector<Slice> WakersOf(const View& view, int32_t stage) {
+// The threads for which a frame of the stage waited: the one that kept the stage's thread asleep,
+// the one that kept that one, and so on. Each has an arrow to the moment at which it woke the next;
+// the moment at which the stage's own thread woke is in the frame's slice.
+std::vector<Slice> WakersOf(const View& view, int32_t stage, std::vector<Slice>& frames) {
     std::vector<Slice> wakers;
     for (const SceneFinding& finding : view.scene.findings) {
-        for (size_t i = 1; finding.stage == stage && i < finding.chain.size(); ++i) {
-            const CauseLink& link = finding.chain[i];
-            const std::string name = fmt::format("{} ({})", link.thread, Printable(link.name));
-            if (IsIn(view.span, link.begin)) {
-                wakers.push_back({{link.begin, link.begin + link.piece},
-                                  view.packets.Intern(name),
-                                  {{"state", NameOf(link.state)},
-                                   {"wakes", finding.chain[i - 1].thread},
-                                   {"frame", finding.frame.value_or(0)}}});
-            }
+        const std::vector<CauseLink>& chain = finding.chain;
+        if (finding.stage != stage || chain.size() < 2) {
+            continue;
         }
+        Micros woken = chain[0].begin + chain[0].piece;
+        const auto nameOf = [&](int64_t number) {
+            return view.packets.Intern(fmt::to_string(number));
+        };
+        const auto isKept = [&](const Slice& slice) {
+            return IsIn(slice.span, woken) &&
+                   std::ranges::count(finding.own, slice.name, nameOf) > 0;
+        };
+        const auto kept = std::ranges::find_if(frames, isKept);
+        if (kept == frames.end()) {
+            continue;
+        }
+        for (size_t i = 1; i < chain.size(); ++i) {
+            const CauseLink& link = chain[i];
+            const std::string name = fmt::format("{} ({})", link.thread, Printable(link.name));
+            const uint64_t arrow = view.packets.NewArrows();
+            (i == 1 ? *kept : wakers.back())
+                .within.push_back(
+                    {{woken, woken}, view.packets.Intern("woken by " + name), {}, arrow});
+            woken = link.begin + link.piece;
+            wakers.push_back({{link.begin, woken},
+                              view.packets.Intern(name),
+                              {{"state", NameOf(link.state)},
+                               {"wakes", chain[i - 1].thread},
+                               {"frame", finding.frame.value_or(0)}},
+                              arrow});
+        }
+        std::ranges::stable_sort(kept->within, {}, [](const Slice& one) { return one.span.begin; });
     }
     return wakers;
 }
@@ -354,9 +399,11 @@ void WriteThreads(const View& view, int32_t stage, uint64_t parent) {
 }
 
 void WriteStage(const View& view, int32_t stage, uint64_t group) {
+    std::vector<Slice> slices = FramesOf(view, stage);
+    std::vector<Slice> wakers = WakersOf(view, stage, slices);
     const std::string title = StageTitleOf(view.scene, static_cast<size_t>(stage));
-    const uint64_t track = view.packets.AddSlices(group, title, FramesOf(view, stage));
-    if (std::vector<Slice> wakers = WakersOf(view, stage); !wakers.empty()) {
+    const uint64_t track = view.packets.AddSlices(group, title, std::move(slices));
+    if (!wakers.empty()) {
         view.packets.AddSlices(track, "wakes", std::move(wakers));
     }
     WriteThreads(view, stage, track);
@@ -390,8 +437,8 @@ void WriteScene(View view, const Scheduling* scheduling) {
     for (const Frame& frame : scene.frames) {
         view.names.push_back(view.packets.Intern(fmt::to_string(frame.number)));
     }
-    std::vector<Slice> frames = FramesOf(view, -1);
-    for (const Slice& slice : frames) {
+    std::vector<Slice> actual = FramesOf(view, -1);
+    for (const Slice& slice : actual) {
         // A frame may stand for long, which should not lengthen what is shown.
         const Micros end = slice.isStanding ? slice.span.begin : slice.span.end;
         view.span = {std::min(view.span.begin, slice.span.begin), std::max(view.span.end, end)};
@@ -407,7 +454,8 @@ void WriteScene(View view, const Scheduling* scheduling) {
     const uint64_t group = view.packets.BeginTrack(
         0, fmt::format("{}, begins at {}", TitleOf(view.account, view.index), clock));
     WriteFindings(view.packets, group, view.account, scene.findings, scene.begin, view.span);
-    view.packets.AddSlices(group, "frames", std::move(frames));
+    view.packets.AddSlices(group, "expected", ExpectedOf(view));
+    view.packets.AddSlices(group, "actual", std::move(actual));
     WriteValues(view, group);
     for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
         WriteStage(view, stage, group);
