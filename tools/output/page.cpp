@@ -21,10 +21,16 @@ namespace {
 
 // ---- Texts and numbers as the page shows them ----
 
+// Markup, and what turns the direction of text: U+202A to U+202E and U+2066 to U+2069.
 constexpr std::pair<std::string_view, std::string_view> REPLACED[] = {
-    {"&", "&amp;"}, {"<", "&lt;"}, {">", "&gt;"}, {"\"", "&quot;"}};
+    {"&", "&amp;"},        {"<", "&lt;"},         {">", "&gt;"},         {"\"", "&quot;"},
+    {"\u202A", "\\u202a"}, {"\u202B", "\\u202b"}, {"\u202C", "\\u202c"}, {"\u202D", "\\u202d"},
+    {"\u202E", "\\u202e"}, {"\u2066", "\\u2066"}, {"\u2067", "\\u2067"}, {"\u2068", "\\u2068"},
+    {"\u2069", "\\u2069"},
+};
 
-// Text from a capture, or anything else that may hold what HTML takes for its own.
+// Text from a capture, or anything else that may hold what HTML takes for its own. Characters that
+// turn the direction of the text around them show as escapes such as \u202e.
 std::string Escaped(std::string_view text) {
     std::string escaped(text);
     for (const auto& [from, to] : REPLACED) {

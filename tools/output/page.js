@@ -321,10 +321,11 @@
 
     // ---- What is where ----
 
-    // What the log's clock showed: a date, which may lack its year, with a time; or seconds.
+    // What the log's clock showed: a date, which may lack its year, with a time; or seconds. Scene
+    // time goes on where the clock was set.
     function logged(time) {
-        const { from, begin } = scene.clock;
-        const clock = begin + time;
+        const { from, clocks } = scene.clock;
+        const clock = time + clocks.findLast(([since]) => since <= time)[1];
         return from.includes('-')
             ? new Date(clock * 1000).toISOString().slice(-1 - from.length, -1).replace('T', ' ')
             : from && seconds(clock);

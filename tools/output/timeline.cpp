@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -163,6 +164,28 @@ Json ThreadOf(const JudgedScene& scene, const DrawnThread& drawn) {
     return TrackOf(scene, IdOf(tid), fmt::format("{} {}", tid, name), 20, layers);
 }
 
+// The clock of the log: what it showed when the capture began, as text, and, from each time on at
+// which it was set, what it showed when the scene began or would have, in seconds. Each step once,
+// whichever scenes it fell into.
+Json ClockOf(const Account& account, const JudgedScene& scene) {
+    std::map<Micros, Micros> steps = {{0, account.clock + scene.begin}};
+    for (const JudgedScene& any : account.scenes) {
+        for (const Scene::Disturbance& step : any.clockSteps) {
+            steps[step.time] = step.amount;
+        }
+    }
+    Json clocks = Json::array();
+    Micros clock = 0;
+    for (const auto& [time, step] : steps) {
+        clocks.push_back({Seconds(time - scene.begin), Seconds(clock += step)});
+    }
+    // Where it was set between scenes, by how much is not kept.
+    const bool isUnknown = std::ranges::any_of(account.findings, [&](const SceneFinding& finding) {
+        return KindOf(finding.what) == Kind::ClockJump && finding.at.time <= scene.begin;
+    });
+    return {{"from", isUnknown ? "" : account.from}, {"clocks", clocks}};
+}
+
 // `scheduling`: null where there is no scheduler trace.
 Json SceneOf(const Account& account, size_t index, const Scheduling* scheduling) {
     const JudgedScene& scene = account.scenes[index];
@@ -190,19 +213,12 @@ Json SceneOf(const Account& account, size_t index, const Scheduling* scheduling)
                              {"to", IdOf(woken.thread)}});
         }
     }
-    // Where the log's clock was set back, scene time goes on: the clock is then left out.
-    const auto isJump = [](const SceneFinding& one) { return KindOf(one.what) == Kind::ClockJump; };
-    const auto hasSteps = [](const Scene& one) { return !one.clockSteps.empty(); };
-    const bool isSet = std::ranges::any_of(account.findings, isJump) ||
-                       std::ranges::any_of(account.scenes, hasSteps);
     // A replay may take no time.
-    return {
-        {"stop", Seconds(std::max(scene.stop - scene.begin, scene.Period()))},
-        {"clock",
-         {{"from", isSet ? "" : account.from}, {"begin", Seconds(account.clock + scene.begin)}}},
-        {"frames", FramesOf(scene)},
-        {"tracks", tracks},
-        {"wakes", wakes}};
+    return {{"stop", Seconds(std::max(scene.stop - scene.begin, scene.Period()))},
+            {"clock", ClockOf(account, scene)},
+            {"frames", FramesOf(scene)},
+            {"tracks", tracks},
+            {"wakes", wakes}};
 }
 
 }  // namespace
