@@ -97,7 +97,7 @@ TEST_F(LogTest, KnowsEveryMessage) {
         for (std::string line; std::getline(file, line);) {
             const tools::Line parsed = tools::ParseLine(line);
             if (const auto* call = std::get_if<tools::Call>(&parsed)) {
-                tools::Make(*call, boost);
+                call->form->call(boost, call->arguments);
             }
         }
     }

@@ -56,7 +56,7 @@ class Player : private Contract {
         const bool wasStarted = isStarted;
         isHalReporting = name == "TcfbtNotifyErrorFrame";
         isStageEvent = name.find("NotifyStage") != std::string::npos;
-        const std::optional<int32_t> result = tools::Make(call, boost);
+        const std::optional<int32_t> result = call.form->call(boost, call.arguments);
         isHalReporting = false;
         SettleSceneEnd();
         if (name == "TcfbtSetVersion") {

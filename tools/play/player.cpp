@@ -28,15 +28,12 @@ Player::Player(Watcher playWatcher, Interrupted playInterrupted)
 }
 
 std::optional<std::string> Player::WhyNotRecordable() const {
-    if (*configuration.stageCount < 1) {
-        return "the configuration has no stages, expected one that has";
-    }
     int32_t recordable = 0;  // Through so many stages from 0 on a recording can go.
     for (const ConfiguredStage& stage : configuration.stages) {
         const bool isItsOwn = configuration.StageOf(stage.node) == &stage;
         recordable += stage.stage == recordable && !stage.ports.empty() && isItsOwn ? 1 : 0;
     }
-    if (recordable == *configuration.stageCount) {
+    if (recordable > 0 && recordable == *configuration.stageCount) {
         return std::nullopt;
     }
     return fmt::format(
@@ -61,7 +58,7 @@ void Player::PlayCall(const Call& call) {
     if (call.form->name == "TcfbtSetSceneInfo") {
         sceneFps = call.Get<int32_t>("fps");
     }
-    const std::optional<int32_t> result = Make(call, boost);
+    const std::optional<int32_t> result = call.form->call(boost, call.arguments);
     watcher({&call, time, result, recorder.Take(), &configuration});
 }
 

@@ -65,8 +65,4 @@ const OperationForm* FormOf(std::string_view name) {
     return form == operations.end() ? nullptr : &*form;
 }
 
-std::optional<int32_t> Make(const Call& call, TarvoCameraFrameBoost& boost) {
-    return call.form->call(boost, call.arguments);
-}
-
 }  // namespace tools

@@ -53,7 +53,4 @@ struct Call {
     bool operator==(const Call&) const = default;
 };
 
-// Makes the call. Returns its result; nothing for an operation without one.
-std::optional<int32_t> Make(const Call& call, TarvoCameraFrameBoost& boost);
-
 }  // namespace tools

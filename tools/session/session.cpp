@@ -18,10 +18,6 @@
 namespace tools {
 namespace {
 
-// Two days of video; more than that is taken for a slip.
-constexpr int64_t MAX_RECORDING_FRAMES = 10'000'000;
-constexpr int64_t MAX_WAIT_MILLIS = MAX_WAIT / MILLISECOND;
-
 // The functions of the boost service by their names.
 std::string ServiceFunctionNames(std::string_view separator) {
     std::array<std::string_view, desktop::SERVICE_FUNCTION_COUNT> names;
@@ -63,34 +59,27 @@ std::string UsageOf(const OperationForm& form) {
 
 Call ParseCall(const OperationForm& form, const std::vector<Word>& words) {
     Call call{&form, {}};
-    size_t next = 1;
-    for (size_t i = 0; i < form.parameters.size(); ++i) {
-        const std::string_view parameter = form.parameters[i];
-        if (IsList(form.types[i])) {
-            // A list takes all that is left.
-            std::vector<int32_t> list;
-            for (; next < words.size(); ++next) {
-                list.push_back(ReadInteger<int32_t>(words[next], parameter));
-            }
-            call.arguments.emplace_back(std::move(list));
-        } else if (next < words.size()) {
-            call.arguments.push_back(ParseValue(parameter, form.types[i], words[next++]));
-        } else {
-            throw LineError(fmt::format("{} is missing, expected {}", parameter, UsageOf(form)));
+    const size_t count = form.types.size();
+    if (count == 1 && IsList(form.types[0])) {
+        std::vector<int32_t> list;
+        for (size_t i = 1; i < words.size(); ++i) {
+            list.push_back(ReadInteger<int32_t>(words[i], form.parameters[0]));
         }
+        call.arguments.emplace_back(std::move(list));
+        return call;
     }
-    if (next < words.size()) {
-        throw LineError(Quoted(words[next].text) + " is one too many, expected " + UsageOf(form));
+    RequireWords(words, 1 + count, 1 + count, UsageOf(form));
+    for (size_t i = 0; i < count; ++i) {
+        call.arguments.push_back(ParseValue(form.parameters[i], form.types[i], words[1 + i]));
     }
     return call;
 }
 
 Line ParseRecording(const std::vector<Word>& words) {
-    Recording recording{ReadInteger<int64_t>(words[1], "frames", 1, MAX_RECORDING_FRAMES), {}};
+    Recording recording{ReadInteger<int64_t>(words[1], "frames", 1, MAX_FRAMES), {}};
     if (words.size() == 3) {
-        recording.first =
-            ReadInteger<int64_t>(words[2], "firstFrame", 1,
-                                 std::numeric_limits<int64_t>::max() - 2 * MAX_RECORDING_FRAMES);
+        recording.first = ReadInteger<int64_t>(
+            words[2], "firstFrame", 1, std::numeric_limits<int64_t>::max() - 2 * MAX_FRAMES);
     }
     return recording;
 }
@@ -101,7 +90,7 @@ Line ParseWait(const std::vector<Word>& words) {
     const double millis = std::strtod(text.c_str(), &end);
     if (words[1].isQuoted || *end != '\0' || !(millis >= 0 && millis * MILLISECOND <= MAX_WAIT)) {
         throw LineError(fmt::format("milliseconds is {}, expected a number from 0 to {}",
-                                    Quoted(text), MAX_WAIT_MILLIS));
+                                    Quoted(text), MAX_WAIT / MILLISECOND));
     }
     return Wait{std::llround(millis * MILLISECOND)};
 }

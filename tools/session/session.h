@@ -22,6 +22,8 @@ struct Comment {
     bool operator==(const Comment&) const = default;
 };
 
+inline constexpr int64_t MAX_FRAMES = 10'000'000;  // Two days of video; more is a slip.
+
 // Frames of a normal recording, reported node by node through the loaded stage table.
 struct Recording {
     int64_t frames;                // How many.
