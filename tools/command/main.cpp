@@ -153,9 +153,7 @@ void AddReplay(CLI::App& app, ReplayArguments& arguments) {
         "  PlayRecording 60\n"
         "  # Frames 61 and 62 never come.\n"
         "  PlayRecording 58 63\n"
-        "  TcfbtNotifySceneEnd\n"
-        "\nExit status: 0 played, 2 the session or the configuration cannot be read, 130 "
-        "interrupted.");
+        "  TcfbtNotifySceneEnd\n");
     Add(command, "SESSION (required)", arguments.session, "The session file")->required();
     Add(command, "--config FILE", arguments.configuration,
         "A TOML file for the configuration store instead of the built-in sample");
@@ -196,7 +194,7 @@ void AddSimulate(CLI::App& app, SimulateArguments& arguments) {
         "virtual time. The camera file describes them, in TOML; the built-in camera, which fits "
         "the sample configuration, is installed as cameras/video-4k60.toml to copy from. Frames "
         "and stages count from 0; frame 0 opens the pipeline, and faults are for those behind it. "
-        "What can go wrong with a frame:\n\n" +
+        "What can go wrong with a frame, or some in a row:\n\n" +
         DescribeFaults() +
         "\nExample: ten seconds of video in which frame 200 takes long and frame 400 is lost:\n\n"
         "  cameraframeboost simulate -o capture.log \\\n"
@@ -219,7 +217,10 @@ void AddSimulate(CLI::App& app, SimulateArguments& arguments) {
     Add(command, "--form FORM", arguments.form,
         "The log's form, as logcat's -v has it: threadtime, which is the default, or time, with "
         "modifiers such as threadtime,year,usec: year, usec, nsec, zone, UTC, epoch, monotonic, "
-        "uid");
+        "uid")
+        ->check([](const std::string& form) {
+            return FormatOf(form) ? "" : Quoted(form) + " is not threadtime or time with modifiers";
+        });
     command.option_defaults()->group(OUTPUTS);
     Add(command, "-o,--output FILE", arguments.output,
         "Where the log goes; left out: standard output")

@@ -42,11 +42,6 @@ std::string SummaryOf(const Camera& camera, const Simulated& simulated) {
                     "(seed {}): {} came out\n",
                     simulated.frames, isWhole ? "" : fmt::format(" of {}", camera.frames),
                     camera.fps, camera.Stages().size(), camera.seed, simulated.completed);
-    for (const Fault& fault : camera.faults) {
-        if (fault.frame < simulated.frames) {
-            text += fmt::format("  {} [{}]\n", Describe(fault, camera), ToString(fault));
-        }
-    }
     if (simulated.overruns != 0) {
         text += fmt::format("  {} frames dropped by the sensor: all {} buffers were taken\n",
                             simulated.overruns, camera.buffers);
@@ -64,12 +59,7 @@ std::string SummaryOf(const Camera& camera, const Simulated& simulated) {
 int RunSimulate(const SimulateArguments& arguments) {
     const Camera camera = CameraOf(arguments);
     SimulateOptions options;
-    const auto format = FormatOf(arguments.form);
-    if (!format) {
-        FailUsage("--form is " + Quoted(arguments.form) +
-                  ", expected threadtime or time, and modifiers, such as threadtime,year,usec");
-    }
-    options.format = *format;
+    options.format = *FormatOf(arguments.form);
     const std::optional<NamedText> configuration = ReadOption(arguments.configuration);
     if (!PreparePlatform(configuration, Complain)) {
         return BAD_INPUT;
@@ -98,8 +88,7 @@ int RunSimulate(const SimulateArguments& arguments) {
         return InterruptStatus() == 0;
     };
     const Simulated simulated = Simulate(camera, capture, options);
-    capture.Close();
-    for (const auto& output : {session.get(), truth.get()}) {
+    for (Output* const output : {&capture, session.get(), truth.get()}) {
         if (output != nullptr) {
             output->Close();
         }

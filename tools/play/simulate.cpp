@@ -121,9 +121,7 @@ struct Truth {
                 std::find_if(frames.rbegin(), frames.rend(), [number](const Json& one) {
                     return static_cast<int32_t>(one["number"].get<int64_t>()) == number;
                 });
-            if (frame != frames.rend()) {
-                (*frame)["boosted"] = events == 2 * stageCount;
-            }
+            (*frame)["boosted"] = events == 2 * stageCount;
             stageEvents.erase(number);
         }
     }
@@ -205,7 +203,6 @@ struct Simulation {
             truth.emplace(Truth{camera, *player.Loaded().stageCount});
         }
         MakeStations();
-        WriteBeginning();
         StartScene();
         const Micros sceneBegin = now;
         After(50 * MILLISECOND, [this] { Deliver(); });
@@ -248,18 +245,6 @@ struct Simulation {
                 ++result.lines;
                 WriteLogLine(capture, options.format, begin + now + clockStep, thread, *line);
             }
-        }
-    }
-
-    // Says at the session's beginning what happens in it.
-    void WriteBeginning() {
-        if (options.session == nullptr) {
-            return;
-        }
-        *options.session << "# A simulated camera: " << camera.frames << " frames at " << camera.fps
-                         << " fps, seed " << camera.seed << ".\n";
-        for (const Fault& fault : camera.faults) {
-            *options.session << "# " << Describe(fault, camera) << ".\n";
         }
     }
 
