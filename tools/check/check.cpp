@@ -14,7 +14,6 @@
 #include <utility>
 
 #include "cameraframeboost/tarvocameraframeboostutils.h"
-#include "tools/base/cursor.h"
 #include "tools/base/text.h"
 #include "tools/base/words.h"
 
@@ -299,10 +298,9 @@ class Checker {
             result.endsProcess = true;
             return;
         }
-        const std::string_view rest =
-            std::string_view(text).substr(static_cast<size_t>(end - text.c_str()));
         if (text != std::to_string(value)) {
-            const bool isCut = rest.find_first_not_of(" \t") != std::string_view::npos;
+            const auto length = static_cast<size_t>(end - text.c_str());
+            const bool isCut = text.find_first_not_of(" \t", length) != std::string::npos;
             Add("port-misread", isCut ? Severity::Error : Severity::Note, where,
                 "{} is read as {}{}", port, value, isCut ? ": ports are decimal" : "");
         }
@@ -365,12 +363,9 @@ class Checker {
         static const std::regex ofOneCamera(std::string(CAMERA_NODE) + "-?[0-9]");
         if (std::regex_search(name, ofOneCamera)) {
             Add("camera-specific", Severity::Warning, source.place,
-                "{} matches that camera's alone{}: with another camera the stage never ends, and "
-                "no frame does. {} matches all",
-                node,
-                IsDigit(name.back()) ? ", and those with more digits, such as " + Quoted(name + "0")
-                                     : "",
-                Quoted(CAMERA_NODE));
+                "{} names a camera: with another one the stage never ends, and no frame does. {} "
+                "matches all",
+                node, Quoted(CAMERA_NODE));
         }
     }
 
