@@ -18,6 +18,7 @@
 #include "tools/account/reader.h"
 #include "tools/command/command.h"
 #include "tools/command/subcommands.h"
+#include "tools/output/naming.h"
 
 namespace tools {
 namespace {
@@ -110,23 +111,20 @@ class Follower {
 
     // Prints findings that were not printed before. `isAll`: those too that more lines may change.
     void Print(Account& account, bool isAll) {
-        const auto print = [&](const JudgedScene* scene, const SceneFinding& finding) {
+        for (JudgedScene& scene : account.scenes) {
+            // A scene begins where it did, whatever has been forgotten.
+            scene.begin =
+                begins.try_emplace({scene.process, scene.from.line}, scene.begin).first->second;
+        }
+        for (const PlacedFinding& placed : FindingsOf(account)) {
+            const SceneFinding& finding = *placed.finding;
+            const JudgedScene* const scene =
+                placed.scene ? &account.scenes[*placed.scene] : nullptr;
             if ((isAll || IsDue(scene, finding)) && IsNew(scene, finding) && !IsAtEdge(finding)) {
                 Show(LineOf(account, scene, finding) + '\n');
                 worst = std::max(worst, SeverityOf(finding));
                 ++findings;
             }
-        };
-        for (JudgedScene& scene : account.scenes) {
-            // A scene begins where it did, whatever has been forgotten.
-            scene.begin =
-                begins.try_emplace({scene.process, scene.from.line}, scene.begin).first->second;
-            for (const SceneFinding& finding : scene.findings) {
-                print(&scene, finding);
-            }
-        }
-        for (const SceneFinding& finding : account.findings) {
-            print(nullptr, finding);
         }
     }
 
