@@ -31,12 +31,10 @@ std::optional<std::pair<int64_t, int64_t>> RangeOf(const std::string& frames) {
     }
     std::string_view rest = frames;
     std::pair<int64_t, int64_t> range;
-    bool isRange = TakeNumber(rest, range.first);
+    const bool hasFirst = TakeNumber(rest, range.first);
     range.second = range.first;
-    if (!rest.empty()) {
-        isRange = isRange && Skip(rest, "-") && TakeNumber(rest, range.second) && rest.empty();
-    }
-    if (!isRange || range.second < range.first) {
+    const bool hasLast = rest.empty() || (Skip(rest, "-") && TakeNumber(rest, range.second));
+    if (!hasFirst || !hasLast || !rest.empty() || range.second < range.first) {
         FailUsage("--frames is " + Quoted(frames) +
                   ", expected a frame or a range such as 120-140");
     }
@@ -73,8 +71,6 @@ class Copier : public TextSink {
   public:
     explicit Copier(std::ostream& stream) : out(stream) {}
     void Read(std::string_view bytes) override { out << bytes; }
-    void End() override {}
-    bool TakeDamage(const char* /*reason*/) override { return true; }
 
   private:
     std::ostream& out;

@@ -78,10 +78,10 @@ class TextSink {
     // The next piece, of any length.
     virtual void Read(std::string_view bytes) = 0;
     // The end of a file.
-    virtual void End() = 0;
+    virtual void End() {}
     // The file that just ended could not be read to its end. Returns whether what there was of it
     // is of use.
-    virtual bool TakeDamage(const char* reason) = 0;
+    virtual bool TakeDamage(const char* /*reason*/) { return true; }
 };
 
 // Pass the inputs one after the other: Begin, Read in pieces of any length, End for each, and

@@ -57,17 +57,14 @@ std::vector<CallEvent> EventsOf(const Call& call, const Configuration& configura
                                stage == nullptr ? -1 : stage->stage,
                                configuration.stageCount.value_or(0));
     }
-    constexpr std::pair<std::string_view, MessageKind> EVENTS[] = {
-        {"TcfbtNotifyFrameStart", MessageKind::FrameStart},
-        {"TcfbtNotifyFrameEnd", MessageKind::FrameEnd},
-        {"TcfbtNotifyStageStart", MessageKind::StageStart},
-        {"TcfbtNotifyStageEnd", MessageKind::StageEnd}};
-    for (const auto& [operation, kind] : EVENTS) {
-        if (call.form->name == operation) {
-            return {{kind, 0}};
+    // Of an operation's own messages those of events have a refusal, an empty one.
+    std::vector<CallEvent> events;
+    for (const MessageForm& form : MessageForms()) {
+        if (form.function == call.form->name && form.refusal != nullptr) {
+            events.push_back({form.kind, 0});
         }
     }
-    return {};
+    return events;
 }
 
 using Json = nlohmann::json;
