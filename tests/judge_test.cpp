@@ -172,7 +172,7 @@ std::string TextOf(const tools::Scene& scene, const tools::Columns& columns,
     std::string text;
     for (const tools::Cause& cause : causes) {
         text += fmt::format(
-            "{} {} {} {}-{} {}:{} {}: {}: {}\n", tools::NameOf(tools::KindOf(cause.what)),
+            "{} {} {} {}-{} {}:{} {}: {}: {}\n", tools::RowOf(tools::KindOf(cause.what)).name,
             static_cast<int>(tools::SeverityOf(cause)), cause.stage, cause.span.begin,
             cause.span.end, cause.at.place.input, cause.at.place.line, cause.at.time,
             tools::SentenceOf(scene, columns, cause), tools::NumbersText(cause.harmed));

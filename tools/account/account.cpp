@@ -53,7 +53,7 @@ Figures FiguresOf(const JudgedScene& judged) {
     }
     figures.latency = StatisticsOf(latencies);
     figures.interval = StatisticsOf(intervals);
-    for (int32_t stage = 0; stage < scene.stageCount && scene.isStarted; ++stage) {
+    for (int32_t stage = 0; stage < scene.stageCount; ++stage) {
         std::vector<Micros> stays, waits, works;
         for (uint32_t row = 0; row < scene.frames.size(); ++row) {
             const StageTimes times = judged.TimesOf(row, stage);
@@ -162,7 +162,7 @@ Cause NotUnderstoodOf(const Account& account) {
                                                               line.place.line == account.lines);
                           });
     Cause cause{.what = Case::NotUnderstoodLines,
-                .at = {NO_TIME, shown.empty() ? Place() : shown.front().place},
+                .at = {NO_TIME, shown.front().place},
                 .count = account.notUnderstood,
                 .times = account.notUnderstood,
                 .atLeast = isAtEdge ? Severity::Note : Severity::Warning};

@@ -192,13 +192,12 @@ struct Attribution {
                     .usual = columns.lateThreshold,
                     .other = std::ssize(columns.outputs),
                     .times = std::ssize(rows)};
-        Micros longest = 0;
+        Micros& longest = cause.took.emplace_back(0);
         for (const uint32_t row : rows) {
             cause.own.push_back(scene.frames[row].number);
             longest = std::max(longest, columns.fates[row].interval);
         }
         cause.harmed = cause.own;
-        cause.took = {longest};
         if (static_cast<double>(rows.size()) > limits::FEW * static_cast<double>(cause.other) ||
             longest > 2 * columns.lateThreshold) {
             cause.atLeast = Severity::Warning;

@@ -62,9 +62,6 @@ inline const KindRow& RowOf(Kind kind) {
 inline const CaseRow& RowOf(Case what) {
     return CASES[static_cast<size_t>(what)];
 }
-inline const char* NameOf(Kind kind) {
-    return RowOf(kind).name;
-}
 inline Kind KindOf(Case what) {
     return RowOf(what).kind;
 }
@@ -149,9 +146,12 @@ inline Severity SeverityOf(const Cause& cause) {
 }
 
 using Finder = void(const Scene& scene, const Columns& columns, std::vector<Cause>& causes);
-Finder FindMissingLines, FindMisreports, FindLosses, FindSlow, FindPauses, FindSetUp, FindDepth;
-inline constexpr Finder* FINDERS[] = {FindMissingLines, FindMisreports, FindLosses, FindSlow,
-                                      FindPauses,       FindSetUp,      FindDepth};
+Finder FindMissingLines, FindRestart, FindMisreports, FindLosses, FindDepth, FindSlow, FindPauses,
+    FindStoppedSensor, FindOtherRates, FindStageNeverHit, FindThreadsNotSet, FindIgnoredNodes;
+inline constexpr Finder* FINDERS[] = {FindMissingLines,  FindRestart,       FindMisreports,
+                                      FindLosses,        FindDepth,         FindSlow,
+                                      FindPauses,        FindStoppedSensor, FindOtherRates,
+                                      FindStageNeverHit, FindThreadsNotSet, FindIgnoredNodes};
 // Why a scene was refused. `configuration`: null where it is not known.
 Cause RefusalOf(const Scene& scene, const Configuration* configuration);
 

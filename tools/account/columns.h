@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "tools/account/scene.h"
@@ -63,8 +64,8 @@ struct Gap {
     std::vector<int64_t> missing{};
     int64_t before = 0;        // The number of the first of the two,
     uint32_t next = NO_INDEX;  // and the row of the second.
-    Micros from = 0, to = 0;   // When they left.
-    Place place{};             // Where the first left.
+    Mark from{};               // When and where the first left,
+    Micros to = 0;             // and when the second did.
     bool isDropped = false;    // By the sensor; else the HAL skipped them.
 };
 
@@ -78,8 +79,8 @@ struct Blame {
 // A frame that came out late.
 struct LateFrame {
     uint32_t row = NO_INDEX;
-    std::vector<int64_t> lost{};  // Numbers since the output before that never came out.
-    std::vector<Blame> blame{};   // The passes that its delay is followed back to.
+    std::set<int64_t> lost{};    // Numbers since the output before that never came out.
+    std::vector<Blame> blame{};  // The passes that its delay is followed back to.
 };
 
 // Frames that were pushed out of the table for one reason, one soon after the other.
@@ -122,9 +123,7 @@ struct Columns {
     Micros lateThreshold = 0;         // A longer interval between outputs is late.
     std::vector<Standstill> stood;
     // A stage each.
-    PerStage<std::vector<uint32_t>> order;  // Rows in the order in which they left,
-    PerStage<std::vector<uint32_t>>
-        together;  // and those that left together with another one, where most do.
+    PerStage<std::vector<uint32_t>> order;  // Rows in the order in which they left.
     PerStage<std::vector<uint32_t>> came;   // Rows in the order in which they came,
     PerStage<std::vector<uint32_t>> place;  // and the position therein of each row.
     PerStage<uint32_t> kept;  // Frames that the stage keeps back, or works on beside another.

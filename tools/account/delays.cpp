@@ -33,13 +33,11 @@ struct Delays : Step {
         }
     }
 
-    // Frames between two numbers that never came out, each once.
+    // Frames between two numbers that never came out.
     void AddLost(int64_t from, int64_t to, LateFrame& late) const {
         for (auto lost = columns.lost.upper_bound(from);
              lost != columns.lost.end() && lost->first < to; ++lost) {
-            if (std::ranges::find(late.lost, lost->first) == late.lost.end()) {
-                late.lost.push_back(lost->first);
-            }
+            late.lost.insert(lost->first);
         }
     }
 

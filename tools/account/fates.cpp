@@ -22,28 +22,27 @@ struct Fates : Step {
         Micros lag = 0;
         for (size_t i = 1; scene.restartedAfter && i < std::min(rows.size(), limits::RATE_FRAMES);
              ++i) {
-            const Micros passed = scene.DeliveredAt(rows[i]).time - scene.DeliveredAt(rows[0]).time;
+            const Micros passed = scene.DeliveredAt(rows[i]) - scene.DeliveredAt(rows[0]);
             lag = std::max(lag, static_cast<Micros>(i) * period - passed);
         }
-        Gap gap{.before = scene.opener.value_or(1), .from = scene.opened, .place = scene.from};
+        Gap gap{.before = scene.opener.value_or(1), .from = {scene.opened, scene.from}};
         for (const uint32_t row : rows) {
             gap.next = row;
-            const auto [to, place] = scene.DeliveredAt(row);
-            gap.to = to;
+            gap.to = scene.DeliveredAt(row);
             if (gap.before < 1 || row != rows.front()) {
                 FindGap(gap, lag);
             }
-            gap = {.before = scene.frames[row].number, .from = to, .place = place};
+            gap = {.before = scene.frames[row].number, .from = scene.DeliveryOf(row)};
         }
     }
 
     void FindGap(Gap& gap, Micros& lag) {
         const int64_t number = scene.frames[gap.next].number;
         const int64_t step = std::max<int64_t>(StepOf(gap.before, number), 1);
-        const Micros passed = lag + gap.to - gap.from - columns.StoodIn(gap.from, gap.to);
+        const Micros passed = lag + gap.to - gap.from.time - columns.StoodIn(gap.from.time, gap.to);
         const Micros each = std::min(period, columns.period[gap.next]);
         lag = std::max<Micros>(passed - std::min(step, limits::MOST_MISSING) * each, 0);
-        if (step <= 1 || step > limits::MOST_MISSING || columns.IsNearHole(gap.from, gap.to)) {
+        if (step <= 1 || step > limits::MOST_MISSING || columns.IsNearHole(gap.from.time, gap.to)) {
             return;
         }
         for (int64_t missing = Plus(gap.before, 1); missing != number; ++missing) {
@@ -55,7 +54,7 @@ struct Fates : Step {
             }
         }
         // Calls that are played without their times tell nothing by these.
-        const bool hasPace = columns.usual[0] > period / 2 && IsTimed(gap.from, gap.to);
+        const bool hasPace = columns.usual[0] > period / 2 && IsTimed(gap.from.time, gap.to);
         // Where stage 0 catches up, the sensor drops frames one gap after the other.
         const bool goesOn = !columns.gaps.empty() && columns.gaps.back().isDropped &&
                             scene.frames[columns.gaps.back().next].number == gap.before;
@@ -72,7 +71,7 @@ struct Fates : Step {
             }
             if (gap.isDropped) {
                 const bool isEnded = other != NO_INDEX && scene.frames[other].isEnded;
-                Lose({missing, 0, gap.from, isEnded ? Lost::How::Ended : Lost::How::Dropped});
+                Lose({missing, 0, gap.from.time, isEnded ? Lost::How::Ended : Lost::How::Dropped});
             }
         }
         if (!gap.missing.empty()) {
@@ -170,43 +169,42 @@ struct Fates : Step {
         return {};
     }
 
-    // What became of a frame, and why it is not complete.
-    std::pair<FrameStatus, const char*> StatusOf(uint32_t row) const {
+    // What may have become of a frame, and why it is not complete.
+    struct Outcome {
+        bool holds;
+        FrameStatus status;
+        const char* reason;
+    };
+
+    // The first that holds.
+    Outcome OutcomeOf(uint32_t row) const {
         const Frame& frame = scene.frames[row];
         const Fate& fate = columns.fates[row];
-        if (frame.isEnded) {
-            // Stages that are reported behind its end are refused.
-            const bool isThrough = scene.isAlone || columns.stages == 0 ||
-                                   (scene.NextStage(row) == scene.stageCount &&
-                                    scene.Unreported(row) < 0 && frame.refused <= frame.end);
-            if (isThrough || fate.isEarly) {
-                return {FrameStatus::Complete, ""};
-            }
-            return {FrameStatus::Dropped, "ended before it had been through all stages"};
-        }
-        if (frame.violation) {
-            return {FrameStatus::Error, RefusalOf(*frame.violation)};
-        }
-        if (frame.evicted != NO_TIME) {
-            return {FrameStatus::Evicted, TABLE_FULL};
-        }
-        if (frame.isStarted || (fate.isEarly && !frame.isDuplicate)) {
-            return {FrameStatus::Open, fate.isNeverOut ? "not seen to leave the stage" : ""};
-        }
-        if (frame.isGap) {
-            return {FrameStatus::Refused, RefusalOf(MessageKind::FrameNotContinuous)};
-        }
-        if (frame.isDuplicate) {
-            return {FrameStatus::Refused, RefusalOf(MessageKind::FrameAlreadyExists)};
-        }
-        return {FrameStatus::Unseen, RefusalOf(MessageKind::EndedFrameNotExist)};
+        // Stages that are reported behind its end are refused.
+        const bool isThrough = fate.isEarly || scene.isAlone || columns.stages == 0 ||
+                               (scene.NextStage(row) == scene.stageCount &&
+                                scene.Unreported(row) < 0 && frame.refused <= frame.end);
+        const bool isOpen = frame.isStarted || (fate.isEarly && !frame.isDuplicate);
+        const Outcome outcomes[] = {
+            {frame.isEnded && isThrough, FrameStatus::Complete, ""},
+            {frame.isEnded, FrameStatus::Dropped, "ended before it had been through all stages"},
+            {frame.violation.has_value(), FrameStatus::Error,
+             RefusalOf(frame.violation.value_or(MessageKind::FrameInError))},
+            {frame.evicted != NO_TIME, FrameStatus::Evicted, TABLE_FULL},
+            {isOpen, FrameStatus::Open, fate.isNeverOut ? "not seen to leave the stage" : ""},
+            {frame.isGap, FrameStatus::Refused, RefusalOf(MessageKind::FrameNotContinuous)},
+            {frame.isDuplicate, FrameStatus::Refused, RefusalOf(MessageKind::FrameAlreadyExists)},
+            {true, FrameStatus::Unseen, RefusalOf(MessageKind::EndedFrameNotExist)}};
+        return *std::ranges::find(outcomes, true, &Outcome::holds);
     }
 
     void FindStatus(uint32_t row) {
         const Frame& frame = scene.frames[row];
         Fate& fate = columns.fates[row];
-        std::tie(fate.status, fate.reason) = StatusOf(row);
-        const bool isKnown = fate.status == FrameStatus::Complete || fate.isNeverOut;
+        const auto [holds, status, reason] = OutcomeOf(row);
+        fate.status = status;
+        fate.reason = reason;
+        const bool isKnown = status == FrameStatus::Complete || fate.isNeverOut;
         fate.isUnknown = fate.isUnknown && !isKnown;
         FindOpened(row);
         // A frame behind one of which nothing is known may have been opened by that.
@@ -250,8 +248,7 @@ std::optional<int32_t> HolderOf(const Scene& scene, const Columns& columns, Micr
         const auto isBy = [time](Micros moment) { return moment != NO_TIME && moment <= time; };
         // A frame that was lost is in no queue.
         const auto lost = columns.lost.find(frame->number);
-        if (!frame->isStarted || frame->start > time ||
-            isBy(frame->isEnded ? frame->end : columns.fates[row].output) ||
+        if (!frame->isStarted || isBy(frame->isEnded ? frame->end : columns.fates[row].output) ||
             (lost != columns.lost.end() && lost->second.how != Lost::How::Stands)) {
             continue;
         }

@@ -14,12 +14,10 @@ struct Holes : Step {
     // leaves all of its lines or none.
     void FindHoles() {
         std::vector<Span> holes;
-        if (!scene.isAlone) {
-            for (uint32_t row = 0; row < RowCount(); ++row) {
-                const Frame& frame = scene.frames[row];
-                if (!columns.fates[row].isEarly && !frame.isDuplicate && !frame.isGap) {
-                    FindHolesOf(row, holes);
-                }
+        for (uint32_t row = 0; row < RowCount() && !scene.isAlone; ++row) {
+            const Frame& frame = scene.frames[row];
+            if (!columns.fates[row].isEarly && !frame.isDuplicate && !frame.isGap) {
+                FindHolesOf(row, holes);
             }
         }
         for (const Scene::Disturbance& one : scene.leftOut) {

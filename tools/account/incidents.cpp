@@ -22,7 +22,9 @@ size_t NearestOf(const std::vector<Span>& holes, Micros time) {
     return static_cast<size_t>(next - holes.begin());
 }
 
-void FindHoles(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
+}  // namespace
+
+void FindMissingLines(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     std::vector<Cause> found;
     for (const Span& hole : columns.holes) {
         found.push_back({.what = Case::LinesMissing, .span = hole, .at = {hole.begin}});
@@ -91,26 +93,29 @@ void FindRestart(const Scene& scene, const Columns& columns, std::vector<Cause>&
 
 // --- Frames that never came out, and numbers that the HAL skipped.
 
+namespace {
+
 Cause CauseOf(const Scene& scene, const Gap& gap) {
     const int32_t stage = scene.isAlone ? -1 : 0;
     const int64_t next = scene.frames[gap.next].number;
     if (!gap.isDropped) {
         return {.what = scene.isAlone ? Case::Gap : Case::Skipped,
-                .span = {gap.from, gap.to},
+                .span = {gap.from.time, gap.to},
                 .stage = stage,
                 .own = {next},
-                .at = scene.DeliveredAt(gap.next),
+                .at = scene.DeliveryOf(gap.next),
                 .other = gap.before,
                 .beside = gap.missing};
     }
     const uint32_t first = scene.RowOf(gap.missing.front());
-    Cause cause{.what = scene.isAlone ? Case::DroppedBeforeStart : Case::NeverLeft,
-                .span = {gap.from, gap.to},
-                .stage = stage,
-                .own = gap.missing,
-                .at = {gap.from, first == NO_INDEX ? gap.place : scene.frames[first].place},
-                .other = gap.before,
-                .count = next};
+    Cause cause{
+        .what = scene.isAlone ? Case::DroppedBeforeStart : Case::NeverLeft,
+        .span = {gap.from.time, gap.to},
+        .stage = stage,
+        .own = gap.missing,
+        .at = {gap.from.time, first == NO_INDEX ? gap.from.place : scene.frames[first].place},
+        .other = gap.before,
+        .count = next};
     const auto isEnded = [&scene](int64_t number) {
         const uint32_t row = scene.RowOf(number);
         return row != NO_INDEX && scene.frames[row].isEnded;
@@ -120,6 +125,8 @@ Cause CauseOf(const Scene& scene, const Gap& gap) {
     }
     return cause;
 }
+
+}  // namespace
 
 // --- Times in which nothing was logged or delivered, and another rate.
 
@@ -157,25 +164,24 @@ void FindStoppedSensor(const Scene& scene, const Columns& columns, std::vector<C
 }
 
 // Stretches in which frames came at another rate than the scene's.
-void FindRates(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
+void FindOtherRates(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     const std::vector<uint32_t>& rows = columns.delivered;
     const auto isOther = [&](uint32_t row) { return columns.period[row] != scene.Period(); };
     // The first frame of all has no interval, and so no rate.
     auto first = std::find_if(rows.begin(), rows.end(), isOther);
     while (first != rows.end()) {
         const auto end = std::find_if_not(first, rows.end(), isOther);
-        const Micros begin = scene.DeliveredAt(*std::prev(first)).time;
+        const Micros begin = scene.DeliveredAt(*std::prev(first));
         Cause cause{.what = Case::OtherRate,
-                    .span = {begin, scene.DeliveredAt(*std::prev(end)).time},
+                    .span = {begin, scene.DeliveredAt(*std::prev(end))},
                     .stage = 0,
-                    .at = {begin, scene.DeliveredAt(*first).place}};
+                    .at = {begin, scene.DeliveryOf(*first).place}};
         Micros count = 0;
         for (auto one = first; one != end; ++one) {
             cause.own.push_back(scene.frames[*one].number);
             // Without what stands out: a stall is found by itself.
             const Micros usual = columns.period[*one];
-            const Micros interval =
-                scene.DeliveredAt(*one).time - scene.DeliveredAt(*std::prev(one)).time;
+            const Micros interval = scene.DeliveredAt(*one) - scene.DeliveredAt(*std::prev(one));
             if (std::abs(interval - usual) <= usual / 10 + MILLISECOND) {
                 cause.count += interval;
                 ++count;
@@ -188,13 +194,6 @@ void FindRates(const Scene& scene, const Columns& columns, std::vector<Cause>& c
         }
         first = std::find_if(end, rows.end(), isOther);
     }
-}
-
-}  // namespace
-
-void FindMissingLines(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    FindHoles(scene, columns, causes);
-    FindRestart(scene, columns, causes);
 }
 
 void FindLosses(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
@@ -271,8 +270,6 @@ void FindPauses(const Scene& scene, const Columns& columns, std::vector<Cause>& 
                           .at = {step.time, step.place},
                           .took = {step.amount}});
     }
-    FindStoppedSensor(scene, columns, causes);
-    FindRates(scene, columns, causes);
 }
 
 }  // namespace tools

@@ -74,11 +74,9 @@ struct Misreports {
     }
 
     void AddRepeat(uint32_t row, const Scene::Repeat& repeat) {
-        const auto portOf = [this](uint16_t reporter) {
-            return reporter < scene.reporters.size() ? scene.reporters[reporter].port : -1;
-        };
-        const int32_t first = portOf(scene.PassOf(row, repeat.stage).reporter);
-        const int32_t second = portOf(repeat.pass.reporter);
+        const Pass& pass = scene.PassOf(row, repeat.stage);
+        const int32_t first = scene.reporters[pass.reporter].port;
+        const int32_t second = scene.reporters[repeat.pass.reporter].port;
         Cause& cause = Add(first != second ? Case::SecondPort : Case::Twice, row, repeat.stage,
                            columns.fates[row].status != FrameStatus::Complete);
         cause.at = repeat.pass.left;
@@ -118,8 +116,9 @@ struct Misreports {
             columns.holes.empty()) {
             return AddHabit(Case::Reorders, stage, std::move(overtaken));
         }
-        if (!columns.together[stage].empty()) {
-            return AddHabit(Case::SeveralAtOnce, stage, columns.together[stage]);
+        if (std::vector<uint32_t> together = TogetherIn(stage);
+            stage > 0 && static_cast<double>(together.size()) > limits::GROUPED * all) {
+            return AddHabit(Case::SeveralAtOnce, stage, std::move(together));
         }
         for (size_t i = 0; i < overtaken.size(); ++i) {
             const uint32_t row = overtaken[i];
@@ -129,6 +128,23 @@ struct Misreports {
                 cause.other = scene.frames[by[i]].number;
             }
         }
+    }
+
+    // Frames that left the stage together with another one.
+    std::vector<uint32_t> TogetherIn(int32_t stage) const {
+        const std::vector<uint32_t>& order = columns.order[stage];
+        const auto isTogether = [&](size_t i) {
+            return i > 0 && i < order.size() &&
+                   scene.LeftOf(order[i], stage) - scene.LeftOf(order[i - 1], stage) <=
+                       limits::TOGETHER;
+        };
+        std::vector<uint32_t> together;
+        for (size_t i = 0; i < order.size(); ++i) {
+            if (isTogether(i) || isTogether(i + 1)) {
+                together.push_back(order[i]);
+            }
+        }
+        return together;
     }
 
     // Whether a frame came to the stage before another one of a higher number: then that overtook

@@ -48,7 +48,7 @@ struct Stages : Step {
             columns.neverHit = never;
         }
         columns.order.resize(static_cast<size_t>(columns.stages));
-        columns.delivered = RowsBy([this](uint32_t row) { return scene.DeliveredAt(row); });
+        columns.delivered = RowsBy([this](uint32_t row) { return scene.DeliveryOf(row); });
     }
 
     // Frames that were in the pipeline before the scene, or before the capture.
@@ -72,8 +72,7 @@ struct Stages : Step {
         const std::vector<uint32_t>& rows = columns.delivered;
         std::vector<Micros> each, near;
         for (size_t i = 1; i < rows.size(); ++i) {
-            const Micros interval =
-                scene.DeliveredAt(rows[i]).time - scene.DeliveredAt(rows[i - 1]).time;
+            const Micros interval = scene.DeliveredAt(rows[i]) - scene.DeliveredAt(rows[i - 1]);
             // Of dropped frames each took its time. A HAL may also count by two.
             const int64_t passed = std::max<int64_t>((interval + period / 2) / period, 1);
             const int64_t step =
@@ -216,12 +215,9 @@ struct Queues : Step {
     // Whether the first frame that left stage 0 after a silence had been started before it.
     bool OwesFrame(const Span& silence) const {
         const auto next = FirstLeftAt(0, silence.end);
-        if (next == columns.order[0].end()) {
-            // It was at work on another count.
-            return scene.stopped == Stop::NumbersRestart;
-        }
-        if (next == columns.order[0].begin()) {
-            return false;
+        if (next == columns.order[0].begin() || next == columns.order[0].end()) {
+            // Behind the last it may have been at work on another count.
+            return next != columns.order[0].begin() && scene.stopped == Stop::NumbersRestart;
         }
         // Numbers between that the sensor dropped in silence account for as many periods of it.
         const uint32_t before = *std::prev(next);
@@ -240,32 +236,15 @@ struct Queues : Step {
         const auto stages = static_cast<size_t>(columns.stages);
         columns.begin.assign(RowCount() * stages, NO_TIME);
         columns.behind.assign(RowCount() * stages, NO_INDEX);
-        columns.together.resize(stages);
         for (int32_t stage = 0; stage < columns.stages; ++stage) {
-            FindQueue(stage);
+            uint32_t ahead = NO_INDEX;
+            for (const uint32_t row : columns.order[stage]) {
+                SetBegin(row, stage, ahead);
+                ahead = row;
+            }
             columns.usual.push_back(UsualOf(columns.order[stage], period, [&](uint32_t row) {
                 return columns.WorkOf(scene, row, stage);
             }));
-        }
-    }
-
-    void FindQueue(int32_t stage) {
-        const std::vector<uint32_t>& order = columns.order[stage];
-        std::vector<uint32_t>& together = columns.together[stage];
-        const auto isTogether = [&](size_t i) {
-            return i > 0 && i < order.size() &&
-                   scene.LeftOf(order[i], stage) - scene.LeftOf(order[i - 1], stage) <=
-                       limits::TOGETHER;
-        };
-        for (size_t i = 0; i < order.size(); ++i) {
-            SetBegin(order[i], stage, i == 0 ? NO_INDEX : order[i - 1]);
-            if (isTogether(i) || isTogether(i + 1)) {
-                together.push_back(order[i]);
-            }
-        }
-        if (stage == 0 || static_cast<double>(together.size()) <=
-                              limits::GROUPED * static_cast<double>(order.size())) {
-            together.clear();
         }
     }
 

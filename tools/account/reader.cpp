@@ -233,9 +233,9 @@ void SceneReader::Close(Process& process, Stop stopped, Micros stop) {
     if (process.running.empty()) {
         return;
     }
-    const RunningScene& running = process.running.back();
-    process.running.back().scene.stopped = stopped;
-    process.running.back().scene.stop = stop;
+    RunningScene& running = process.running.back();
+    running.scene.stopped = stopped;
+    running.scene.stop = stop;
     // Node ends that race with the end of a scene are no scene.
     if (running.scene.isAfterEnd && running.last - running.scene.begin < limits::STRAGGLING) {
         process.running.pop_back();

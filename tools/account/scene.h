@@ -172,9 +172,10 @@ struct Scene {
     }
     Micros LeftOf(size_t frame, int32_t stage) const { return LeftAt(frame, stage).time; }
     // When the sensor delivered it: it left stage 0, or was started where there are no stages.
-    Mark DeliveredAt(size_t frame) const {
+    Mark DeliveryOf(size_t frame) const {
         return isAlone ? Mark{frames[frame].start, frames[frame].place} : LeftAt(frame, 0);
     }
+    Micros DeliveredAt(size_t frame) const { return DeliveryOf(frame).time; }
     // The last stage before that one that the frame is known to have left; -1 for none.
     int32_t StageBefore(size_t frame, int32_t stage) const {
         do {

@@ -343,7 +343,7 @@ std::string VerdictOf(const Totals& totals) {
 
 std::string LineOf(const Account& account, const JudgedScene* scene, const SceneFinding& finding) {
     const auto& [time, place] = finding.at;
-    Finding shown{NameOf(KindOf(finding.what)), SeverityOf(finding), finding.message, place};
+    Finding shown{RowOf(KindOf(finding.what)).name, SeverityOf(finding), finding.message, place};
     if (scene != nullptr && time > scene->begin) {
         shown.message += fmt::format(" ({:.3f} s into the scene)",
                                      static_cast<double>(time - scene->begin) / 1e6);

@@ -11,9 +11,7 @@
 #include "tools/base/text.h"
 
 namespace tools {
-namespace {
-
-void FindNeverHit(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
+void FindStageNeverHit(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     if (!columns.neverHit) {
         return;
     }
@@ -38,7 +36,7 @@ void FindNeverHit(const Scene& scene, const Columns& columns, std::vector<Cause>
 }
 
 // Threads that report stages' ends and are not among those that the service was handed.
-void FindThreads(const Scene& scene, std::vector<Cause>& causes) {
+void FindThreadsNotSet(const Scene& scene, const Columns& /*columns*/, std::vector<Cause>& causes) {
     if (scene.isBeginningMissing) {
         return;
     }
@@ -65,12 +63,12 @@ void FindThreads(const Scene& scene, std::vector<Cause>& causes) {
 }
 
 // "port 3 or 5", "no port".
-std::string PortsText(const ConfiguredStage& stage) {
+static std::string PortsText(const ConfiguredStage& stage) {
     return stage.ports.empty() ? "no port" : "port " + Join(stage.ports, " or ");
 }
 
 // Node ends that end no stage, once for each node and port.
-void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
+void FindIgnoredNodes(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
     std::map<std::pair<std::string, int32_t>, Cause> ignored;
     for (const Reporter& reporter : scene.reporters) {
         if (reporter.counts != true) {
@@ -113,14 +111,6 @@ void FindIgnored(const Scene& scene, const Columns& columns, std::vector<Cause>&
              .at = {NO_TIME, scene.reporters.front().place},
              .why = waiting.empty() ? "the configured stages wait for others" : Join(waiting)});
     }
-}
-
-}  // namespace
-
-void FindSetUp(const Scene& scene, const Columns& columns, std::vector<Cause>& causes) {
-    FindNeverHit(scene, columns, causes);
-    FindThreads(scene, causes);
-    FindIgnored(scene, columns, causes);
 }
 
 Cause RefusalOf(const Scene& scene, const Configuration* configuration) {

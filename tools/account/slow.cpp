@@ -93,8 +93,8 @@ struct SlowStages {
                     .at = {begin, scene.LeftAt(first, stage).place}};
         // Frames that the sensor had to drop meanwhile make it as bad as a loss.
         for (const Gap& gap : columns.gaps) {
-            if (stage > 0 && gap.isDropped && gap.from >= begin &&
-                gap.from <= cause.span.end + 2 * period) {
+            if (stage > 0 && gap.isDropped && gap.from.time >= begin &&
+                gap.from.time <= cause.span.end + 2 * period) {
                 cause.atLeast = Severity::Error;
             }
         }

@@ -51,7 +51,7 @@ static void to_json(Json& json, const CauseLink& link) {
 
 static Json ToJson(const Account& account, const SceneFinding& finding) {
     const bool isPlaced = finding.at.place.line != 0;
-    Json json = {{"check", NameOf(KindOf(finding.what))},
+    Json json = {{"check", RowOf(KindOf(finding.what)).name},
                  {"severity", NameOf(SeverityOf(finding))},
                  {"frame", finding.frame ? Json(*finding.frame) : Json()},
                  {"frames", RangesOf(finding.own)},
