@@ -14,7 +14,7 @@ from harness import PATIENCE, PROJECT, SESSIONS, CommandTest, findings_of  # pyl
 
 FAULTS = ['slow:200:2:40', 'drop:300', 'lost:400:3', 'log-lost:500:12']
 HOSTILE = '<script>document.title=1</script><img src=x>"&'
-CTRL = 2  # As the browser counts it.
+CTRL, SHIFT = 2, 8  # As the browser counts them.
 
 
 class BrowserTest(CommandTest):
@@ -111,11 +111,11 @@ class Timeline:
         self.test.browser.execute_cdp_cmd('Input.dispatchMouseEvent', {
             'type': kind, 'x': left + x, 'y': top + y, 'button': 'left', 'clickCount': 1} | more)
 
-    def drag(self, canvas, x, to, y=50):
-        self.mouse('mousePressed', canvas, x, y)
+    def drag(self, canvas, x, to, y=50, **more):
+        self.mouse('mousePressed', canvas, x, y, **more)
         for part in (0.3, 1):
-            self.mouse('mouseMoved', canvas, x + (to - x) * part, y, buttons=1)
-        self.mouse('mouseReleased', canvas, to, y)
+            self.mouse('mouseMoved', canvas, x + (to - x) * part, y, buttons=1, **more)
+        self.mouse('mouseReleased', canvas, to, y, **more)
 
     def click(self, canvas, x, y):
         self.mouse('mousePressed', canvas, x, y)

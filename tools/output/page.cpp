@@ -5,7 +5,7 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <map>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <span>
 #include <utility>
@@ -155,27 +155,55 @@ void WriteScene(std::ostream& out, const Account& account, const Scheduling* sch
     }
 }
 
+// Frames that are not complete, or late: those of consecutive numbers to which the same happened
+// are a row.
+void AddFrames(Rows& rows, const Account& account, size_t index) {
+    const JudgedScene& scene = account.scenes[index];
+    // When the frame came out, else when it was last heard of.
+    const auto secondsOf = [&](size_t row) {
+        const Fate& fate = scene.FateOf(row);
+        const Micros moment = fate.isOut ? fate.output : scene.LastOf(row).time;
+        return moment == NO_TIME ? "" : Seconds(moment - scene.begin) + " s";
+    };
+    // What became of a frame.
+    const auto cellsOf = [](const Fate& fate) {
+        return std::vector{WordsOf(fate), fate.stage >= 0 ? std::to_string(fate.stage) : "",
+                           DescriptionOf(fate)};
+    };
+    for (size_t row = 0, next = 1; row < scene.frames.size(); row = next++) {
+        if (!Shown{}.Has(scene, row)) {
+            continue;
+        }
+        const std::vector<std::string> cells = cellsOf(scene.FateOf(row));
+        std::vector<int64_t> numbers;
+        Micros interval = NO_TIME;
+        for (next = row;
+             next < scene.frames.size() && Shown{}.Has(scene, next) &&
+             (numbers.empty() || StepOf(numbers.back(), scene.frames[next].number) == 1) &&
+             cellsOf(scene.FateOf(next)) == cells;
+             ++next) {
+            numbers.push_back(scene.frames[next].number);
+            interval = std::max(interval, scene.FateOf(next).interval);
+        }
+        rows.push_back({std::to_string(index + 1), LinksOf(index, numbers),
+                        std::to_string(numbers.size()), cells[0], cells[1], cells[2],
+                        secondsOf(row), secondsOf(next - 1),
+                        interval == NO_TIME ? "" : Milliseconds(interval).dump(),
+                        Named(ToString(account, scene.frames[row].place))});
+    }
+}
+
 void WriteFrames(std::ostream& out, const Account& account) {
-    Rows rows = {{"scene", "status", "in stage", "reason", "count", "frames"}};
+    Rows rows = {{"scene", "frames", "count", "status", "in stage", "reason", "first at", "last at",
+                  "longest interval, ms", "first line"}};
     for (size_t i = 0; i < account.scenes.size(); ++i) {
-        const JudgedScene& scene = account.scenes[i];
-        std::map<std::vector<std::string>, std::vector<int64_t>>
-            numbers;  // By what became of them.
-        for (size_t row = 0; row < scene.frames.size(); ++row) {
-            const Fate& fate = scene.FateOf(row);
-            if (Shown{}.Has(scene, row)) {
-                const std::string stage = fate.stage >= 0 ? std::to_string(fate.stage) : "";
-                numbers[{WordsOf(fate), stage, DescriptionOf(fate)}].push_back(
-                    scene.frames[row].number);
-            }
-        }
-        for (const auto& [fate, frames] : numbers) {
-            rows.push_back({std::to_string(i + 1), fate[0], fate[1], fate[2],
-                            std::to_string(frames.size()), LinksOf(i, frames)});
-        }
+        AddFrames(rows, account, i);
     }
     out << "<h2>Frames not complete, or late</h2>\n";
-    WriteTable(out, " id=list", "Frames that had the same fate are a row.", rows);
+    WriteTable(out, " id=list",
+               "Frames that follow one another and had the same fate are a row. A click on a "
+               "heading sorts.",
+               rows);
     out << (rows.size() == 1 ? "<p>None.</p>\n" : "");
 }
 

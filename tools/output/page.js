@@ -7,6 +7,26 @@
         return element;
     };
 
+    // The table of frames is sorted by a click on a column's head.
+    const table = document.getElementById('list');
+    const body = table.tBodies[0];
+    const heads = [...table.tHead.rows[0].cells];
+    heads.forEach((head, column) => {
+        const sort = () => {
+            const isDown = head.ariaSort === 'ascending';
+            heads.forEach((other) => { other.ariaSort = null; });
+            head.ariaSort = isDown ? 'descending' : 'ascending';
+            const text = (row) => row.cells[column].textContent;
+            // "12.345 s" and "150–181" go by their first number, "a.log:17" as text.
+            const rows = [...body.rows].sort((a, b) =>
+                parseFloat(text(a)) - parseFloat(text(b)) ||
+                text(a).localeCompare(text(b), undefined, { numeric: true }));
+            body.append(...(isDown ? rows.reverse() : rows));
+        };
+        head.replaceChildren(make('button', {
+            type: 'button', textContent: head.textContent, onclick: sort }));
+    });
+
     // The timeline: the tracks of a scene, drawn on canvases when they are looked at.
     const section = document.getElementById('timeline');
     if (!section) {
@@ -23,6 +43,7 @@
     let scene = null;
     let view = { from: 0, to: 1 };
     let chosen = -1;  // A frame that is followed.
+    let span = null;  // That is measured.
     let visited = null;  // The finding that was gone to.
 
     // What a key does, and the button that does the same.
@@ -62,8 +83,8 @@
     section.append(
         make('p', {}, 'A frame passes the stages from top to bottom; a bar is the time that it took ' +
             'in one. A bar longer than its neighbours, or a gap, is where to look. Point at ' +
-            'anything to read what it is; click on a frame to follow it; drag to move; Ctrl and ' +
-            'the wheel zoom.'),
+            'anything to read what it is; click on a frame to follow it; drag to move, with Shift ' +
+            'to measure; Ctrl and the wheel zoom.'),
         controls, board, status, legend);
 
     // ---- Shapes ----
@@ -136,7 +157,7 @@
         } },
         chosen: { words: 'the frame that was clicked on', draw: (x, y, w, h) =>
             stroke('ink', 2, `M${x - 1} ${y - 1}h${Math.max(w, 2) + 2}v${h + 2}H${x - 1}z`) },
-        shade: { words: 'in the overview what is shown below',
+        shade: { words: 'in the overview what is shown below; else what is measured',
             draw: (x, y, w, h) => {
                 fill('shade', x, y, w, h);
                 stroke('link', 2, `M${x} ${y}v${h}m${w} 0v${-h}`);
@@ -291,10 +312,14 @@
         const high = drawChart(overview, all, scene.tracks.slice(0, 3));
         shapes.shade.draw(all.x(view.from), AXIS, all.x(view.to) - all.x(view.from), high - AXIS);
         const { x } = viewed();
-        drawChart(canvas, viewed(), scene.tracks);
+        const height = drawChart(canvas, viewed(), scene.tracks);
         for (const { time, from, to } of scene.wakes) {
             const [a, b] = [from, to].map((id) => scene.tracks.find((one) => one.id === id)?.y + 10);
             shapes.wake.draw(x(time), a, 0, b - a);
+        }
+        if (span) {
+            const [a, b] = span.map(x);
+            shapes.shade.draw(a, AXIS, b - a, height - AXIS);
         }
     }
 
@@ -435,6 +460,7 @@
             scene = opened;
             picker.value = scene.scene;
             chosen = -1;
+            span = null;
             look(0, Math.min(scene.stop, 5));
             drawLegend();
         }
@@ -484,10 +510,20 @@
             begin = move = null;
         };
     }
-    onDrag(canvas, ({ offsetX: begin }) => {
+    onDrag(canvas, ({ offsetX: begin, shiftKey }) => {
         const { from, to, time } = viewed();
-        return (x) => look(from + time(begin) - time(x), to + time(begin) - time(x));
+        return (x) => {
+            if (shiftKey) {
+                span = [time(begin), time(x)].sort((a, b) => a - b);
+                say(`${ms(span[1] - span[0])}, from ${seconds(span[0])} to ${seconds(span[1])} ` +
+                    'into the scene.');
+                redraw();
+            } else {
+                look(from + time(begin) - time(x), to + time(begin) - time(x));
+            }
+        };
     }, ({ offsetX, offsetY }) => {
+        span = null;
         choose(at(offsetX, offsetY)?.frame ?? -1);
         remember();
     });
