@@ -292,7 +292,7 @@ void RequireApart(const CLI::App& command) {
 
 // Reads the command line, of which `words` are all but the name, and runs the subcommand. Returns
 // an exit status.
-int Run(const std::vector<std::string>& words) {
+int Run(std::vector<std::string> words) {
     CLI::App app("Shows what the camera frame boost library does, without a phone.",
                  "cameraframeboost");
     app.footer(
@@ -315,6 +315,10 @@ int Run(const std::vector<std::string>& words) {
             "Colours for severities; auto: on terminals, unless NO_COLOR is set")
             ->check(CLI::IsMember({"auto", "always", "never"}))
             ->group("Options");
+    }
+    if (!words.empty() && words.front() == "help") {
+        words.erase(words.begin());
+        words.emplace_back("--help");
     }
     try {
         app.parse(std::vector(words.rbegin(), words.rend()));

@@ -37,11 +37,16 @@ Camera CameraOf(const SimulateArguments& arguments) {
 
 std::string SummaryOf(const Camera& camera, const Simulated& simulated) {
     const bool isWhole = simulated.frames == camera.frames;
-    std::string text =
-        fmt::format("{}{} frames (number 0 only opens the pipeline) at {} fps through {} stages "
-                    "(seed {}): {} came out\n",
-                    simulated.frames, isWhole ? "" : fmt::format(" of {}", camera.frames),
-                    camera.fps, camera.Stages().size(), camera.seed, simulated.completed);
+    std::string text = fmt::format(
+        "{}{} frames (number 0 only opens the pipeline) at {} fps through {} stages "
+        "(seed {}): {} came out\n",
+        simulated.frames, isWhole ? "" : fmt::format(" of {}", camera.frames), camera.fps,
+        camera.Stages().size(), camera.seed, simulated.completed);
+    for (const Fault& fault : camera.faults) {
+        if (fault.frame < simulated.frames) {
+            text += fmt::format("  {} [{}]\n", Describe(fault, camera), ToString(fault));
+        }
+    }
     if (simulated.overruns != 0) {
         text += fmt::format("  {} frames dropped by the sensor: all {} buffers were taken\n",
                             simulated.overruns, camera.buffers);

@@ -19,43 +19,52 @@ namespace {
 constexpr Micros LONGEST = 60 * SECOND;
 constexpr int64_t MAX_AMOUNT = LONGEST / MILLISECOND;  // Of whatever a fault is about.
 
-// What can go wrong: how it is written, and what it means.
 struct FaultForm {
-    std::string_view usage;
-    std::string_view meaning;
-
-    std::string_view Name() const { return usage.substr(0, usage.find(':')); }
-    bool Has(std::string_view field) const { return usage.find(field) != std::string_view::npos; }
-    bool HasAmount() const {  // Something behind the frame, and behind the stage.
-        return std::count(usage.begin(), usage.end(), ':') > (Has(":STAGE") ? 2 : 1);
-    }
+    std::string_view name;
+    bool hasFrames;  // It may happen to several in a row.
+    bool hasStage;
+    std::string_view amount;   // What it is called, with its sign; empty where there is none.
+    std::string_view meaning;  // A format, with stage and amount.
 };
 
 constexpr FaultForm FAULT_FORMS[] = {
-    {"drop:FRAME[-LAST]", "the sensor drops it and says so"},
-    {"lost:FRAME[-LAST]:STAGE", "it never comes out of STAGE"},
-    {"unreported:FRAME[-LAST]:STAGE", "STAGE does its work, but does not report it"},
-    {"slow:FRAME[-LAST]:STAGE:MILLISECONDS", "STAGE takes MILLISECONDS longer"},
-    {"stall:FRAME:MILLISECONDS", "the sensor delivers it, and all that follow, MILLISECONDS late"},
-    {"swap:FRAME:STAGE", "it comes out of STAGE after the frame that follows it"},
-    {"second-port:FRAME[-LAST]:STAGE", "STAGE reports it on a second port as well"},
-    {"log-lost:FRAME:COUNT", "from its first report on, COUNT lines of the log are missing"},
-    {"die:FRAME:STAGE", "STAGE does nothing more from then on"},
+    {"drop", true, false, "", "the sensor drops it and says so"},
+    {"lost", true, true, "", "it never comes out of {stage}"},
+    {"unreported", true, true, "", "{stage} does its work, but does not report it"},
+    {"slow", true, true, "MILLISECONDS", "{stage} takes {amount} longer"},
+    {"stall", false, false, "MILLISECONDS",
+     "the sensor delivers it, and all that follow, {amount} late"},
+    {"swap", false, true, "", "it comes out of {stage} after the frame that follows it"},
+    {"second-port", true, true, "", "{stage} reports it on a second port as well"},
+    {"log-lost", false, false, "COUNT",
+     "from its first report on, {amount} lines of the log are missing"},
+    {"die", false, true, "", "{stage} does nothing more from then on"},
     // All threads stand, the sensor as well.
-    {"freeze:FRAME:MILLISECONDS", "nothing happens for MILLISECONDS before it comes"},
-    {"restart:FRAME", "the HAL gives it the number 1, and counts on from there"},
+    {"freeze", false, false, "MILLISECONDS", "nothing happens for {amount} before it comes"},
+    {"restart", false, false, "", "the HAL gives it the number 1, and counts on from there"},
     // As the guide to integration says.
-    {"recovered:FRAME[-LAST]", "the sensor drops it, and the HAL does what is to be done then"},
-    {"clock:FRAME:[-]MILLISECONDS", "the log's clock is set by MILLISECONDS before it comes"},
+    {"recovered", true, false, "", "the sensor drops it, and the HAL does what is to be done then"},
+    {"clock", false, false, "[-]MILLISECONDS",
+     "the log's clock is set by {amount} before it comes"},
     // From the first frame to the one after the last.
-    {"rate:FRAME[-LAST]:FPS", "the sensor delivers FPS frames a second"},
+    {"rate", true, false, "FPS", "the sensor delivers {amount} frames a second"},
 };
 
 // Null where there is no such kind.
 const FaultForm* FaultFormOf(std::string_view kind) {
     const auto* const form = std::find_if(std::begin(FAULT_FORMS), std::end(FAULT_FORMS),
-                                          [kind](const auto& it) { return it.Name() == kind; });
+                                          [kind](const auto& it) { return it.name == kind; });
     return form == std::end(FAULT_FORMS) ? nullptr : form;
+}
+
+std::string UsageOf(const FaultForm& form) {
+    return fmt::format("{}:FRAME{}{}{}{}", form.name, form.hasFrames ? "[-LAST]" : "",
+                       form.hasStage ? ":STAGE" : "", form.amount.empty() ? "" : ":", form.amount);
+}
+
+std::string MeaningOf(const FaultForm& form, std::string_view stage, std::string_view amount) {
+    return fmt::format(fmt::runtime(form.meaning), fmt::arg("stage", stage),
+                       fmt::arg("amount", amount));
 }
 
 // Reads a table of a camera file: every key once, each of its kind and in its range. Where a key is
@@ -159,29 +168,25 @@ Fault ParseFault(std::string_view text) {
     if (form == nullptr) {
         fail("one that simulate --help shows");
     }
-    std::string_view rest = text.substr(form->Name().size());
+    std::string_view rest = text.substr(form->name.size());
     // Whether there is a number in the range behind the character that separates it.
     const auto read = [&rest](auto& number, int64_t lowest, int64_t highest) {
         rest.remove_prefix(std::min<size_t>(rest.size(), 1));
         return TakeNumber(rest, number) && number >= lowest && number <= highest;
     };
-    Fault fault{form->Name()};
+    Fault fault{form->name};
+    const bool isSigned = form->amount.starts_with("[-]");
     bool isGood = read(fault.frame, 1, MAX_FRAMES);
     fault.last = fault.frame;
-    if (form->Has("[-LAST]") && rest.starts_with('-')) {
+    if (form->hasFrames && rest.starts_with('-')) {
         isGood = isGood && read(fault.last, fault.frame, MAX_FRAMES);
     }
-    if (form->Has(":STAGE")) {
-        isGood = isGood && read(fault.stage, 0, INT32_MAX);
-    }
-    if (form->HasAmount()) {
-        const int64_t lowest = form->Has("[-]") ? -MAX_AMOUNT : 1;
-        isGood = isGood && read(fault.amount, lowest, MAX_AMOUNT) && fault.amount != 0;
-    }
+    isGood = isGood && (!form->hasStage || read(fault.stage, 0, INT32_MAX)) &&
+             (form->amount.empty() ||
+              (read(fault.amount, isSigned ? -MAX_AMOUNT : 1, MAX_AMOUNT) && fault.amount != 0));
     // Written as it is read: nothing is left over, and nothing else separates the numbers.
     if (!isGood || ToString(fault) != text) {
-        fail(std::string(form->usage) +
-             " in whole numbers, frames and amounts from 1, stages from 0");
+        fail(UsageOf(*form) + " in whole numbers, frames and amounts from 1, stages from 0");
     }
     return fault;
 }
@@ -194,10 +199,25 @@ std::string ToString(const Fault& fault) {
     return text;
 }
 
+std::string Describe(const Fault& fault, const Camera& camera) {
+    const FaultForm& form = *FaultFormOf(fault.kind);
+    std::string frames = fmt::format("frame {}", fault.frame);
+    if (fault.last > fault.frame) {
+        frames = fmt::format("frames {} to {}", fault.frame, fault.last);
+    }
+    std::string stage;
+    if (form.hasStage) {
+        const CameraNode node = camera.Stages().at(static_cast<size_t>(fault.stage));
+        stage = fmt::format("{} (stage {})", node.name, fault.stage);
+    }
+    const char* const unit = form.amount.ends_with("MILLISECONDS") ? " ms" : "";
+    return frames + ": " + MeaningOf(form, stage, std::to_string(fault.amount) + unit);
+}
+
 std::string DescribeFaults() {
     std::string text;
     for (const FaultForm& form : FAULT_FORMS) {
-        text += fmt::format("  {:38}{}\n", form.usage, form.meaning);
+        text += fmt::format("  {:38}{}\n", UsageOf(form), MeaningOf(form, "STAGE", form.amount));
     }
     return text;
 }

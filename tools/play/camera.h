@@ -38,10 +38,15 @@ struct Fault {
     int64_t amount = 0;     // 0 where the kind has none.
 };
 
+struct Camera;
+
 // "slow:200:2:40", "lost:100-104:3": the kind's name, the frames, the stage and the amount as far
 // as the kind has them, and the way back. Throws a LineError for what is not a fault.
 Fault ParseFault(std::string_view text);
 std::string ToString(const Fault& fault);
+// What happens to which frames in words, such as "frame 200: ToneMapper0 (stage 2) takes 40 ms
+// longer". The camera has it.
+std::string Describe(const Fault& fault, const Camera& camera);
 // "drop:FRAME" and so on with what it means, for people, a line a kind.
 std::string DescribeFaults();
 

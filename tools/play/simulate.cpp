@@ -203,6 +203,7 @@ struct Simulation {
             truth.emplace(Truth{camera, *player.Loaded().stageCount});
         }
         MakeStations();
+        WriteBeginning();
         StartScene();
         const Micros sceneBegin = now;
         After(50 * MILLISECOND, [this] { Deliver(); });
@@ -245,6 +246,18 @@ struct Simulation {
                 ++result.lines;
                 WriteLogLine(capture, options.format, begin + now + clockStep, thread, *line);
             }
+        }
+    }
+
+    // Says at the session's beginning what happens in it.
+    void WriteBeginning() {
+        if (options.session == nullptr) {
+            return;
+        }
+        *options.session << "# A simulated camera: " << camera.frames << " frames at " << camera.fps
+                         << " fps, seed " << camera.seed << ".\n";
+        for (const Fault& fault : camera.faults) {
+            *options.session << "# " << Describe(fault, camera) << ".\n";
         }
     }
 
