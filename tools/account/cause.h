@@ -106,6 +106,7 @@ struct CauseLink {
     int32_t priority =
         120;  // As the kernel counts: below 100 of real time, from there nice values.
     bool isByInterrupt = false;  // An interrupt woke it.
+    bool isMostly = false;       // Not all of its sleeps ended so.
     std::string waker;  // "18890 (sensor)": the thread that woke it, which the next link is about.
     struct Ran {
         int32_t thread = 0;

@@ -172,9 +172,9 @@ struct Speaker {
         if (cause.what != Case::NeverLeft || held.empty()) {
             return "";
         }
-        return fmt::format("; {} still held {} of the {} when {}", NumbersText(held),
-                           held.size() == 1 ? "its place" : "their places",
-                           FrameTracker::DEFAULT_MAX_FRAME_TRACKED, StopText(scene.stopped));
+        return fmt::format("; {} still held {} of the library's {} places for frames when {}",
+                           NumbersText(held), held.size(), FrameTracker::DEFAULT_MAX_FRAME_TRACKED,
+                           StopText(scene.stopped));
     }
 
     // What followed for other frames, and how many were not boosted in all.

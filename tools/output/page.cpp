@@ -194,8 +194,9 @@ void AddFrames(Rows& rows, const Account& account, size_t index) {
 }
 
 void WriteFrames(std::ostream& out, const Account& account) {
-    Rows rows = {{"scene", "frames", "count", "status", "in stage", "reason", "first at", "last at",
-                  "longest interval, ms", "first line"}};
+    Rows rows = {{"scene", "frames", "count", "status", "in stage", "reason",
+                  "first out or seen at", "last out or seen at", "longest interval, ms",
+                  "first line"}};
     for (size_t i = 0; i < account.scenes.size(); ++i) {
         AddFrames(rows, account, i);
     }

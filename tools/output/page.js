@@ -123,7 +123,7 @@
     // All that is drawn: how it looks in a box and what it means. Bars may be many: those narrower
     // than a pixel are drawn together. `reach`: read from so many pixels away, else from one.
     const shapes = {
-        work: bar('work', 'a stage at work on a frame'),
+        work: bar('work', 'a frame that the stage works on'),
         wait: { ...solid('quiet', 'a frame waits for the stage'), isFrame: true },
         since: bar('bars', 'stage 0: time since the frame before'),
         // With a cross where it ends.

@@ -117,7 +117,7 @@ void AddStage(Json& tracks, const JudgedScene& scene, int32_t stage) {
     const Columns& columns = scene.columns;
     // The sensor has no queue: it delivers one frame after the other.
     Layer work = stage == 0 ? Layer{"since", "stage 0: {} since the frame before"}
-                            : Layer{"work", fmt::format("stage {} at work for {{}}", stage)};
+                            : Layer{"work", fmt::format("stage {} took {{}}", stage)};
     Layer wait{"wait", fmt::format("waited {{}} for stage {}", stage)};
     Layer stands{"stands", fmt::format("never seen to leave stage {}", stage)};
     const bool isLeft = stage < columns.stages && !scene.isAlone;

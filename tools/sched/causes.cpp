@@ -128,11 +128,15 @@ std::string TextOf(const CauseLink& link, bool hasFlags) {
         const bool isBelow = link.priority > USUAL_PRIORITY;
         return text + (isBelow ? " with " + PriorityText(link.priority) : "") + RanText(link);
     }
-    if (link.waker.empty()) {
-        return text + (link.isByInterrupt ? " until an interrupt woke it" : "");
+    if (link.waker.empty() && !link.isByInterrupt) {
+        return text;
     }
-    return hasFlags ? text + " until thread " + link.waker + " woke it"
-                    : text + " until it was woken, while thread " + link.waker + " had the CPU";
+    text += link.isMostly ? ", most of it until " : " until ";
+    if (link.isByInterrupt) {
+        return text + "an interrupt woke it";
+    }
+    return hasFlags ? text + "thread " + link.waker + " woke it"
+                    : text + "it was woken, while thread " + link.waker + " had the CPU";
 }
 
 // ---- Causes ----
@@ -397,6 +401,7 @@ struct CauseExplainer {
             link.waker = isByThread ? NameOfThread(thread) : "";
             // Without flags an interrupt looks like a waking by the thread that it hit.
             link.isByInterrupt = !isByThread && trace.hasFlags;
+            link.isMostly = LengthOf(most->second) * SHARE < link.length * (SHARE - 1);
             if (!isByThread || !trace.hasFlags) {
                 break;
             }
