@@ -38,7 +38,7 @@ struct Mark {
     Micros time = NO_TIME;
     Place place{};
 
-    auto operator<=>(const Mark&) const = default;
+    auto operator<=>(const Mark&) const = default;  // NOLINT(modernize-use-nullptr): its 0.
 };
 
 // Numbers of frames may be anything. The number so many places further, which goes round at the

@@ -183,9 +183,9 @@ const SchedCounter* CounterBeside(const SchedTrace& trace, const CountedEvent& e
     return nearest != all.end() && apart(*nearest) <= within ? &*nearest : nullptr;
 }
 
-Tie TieClocks(SchedTrace& trace, std::vector<Knot> clocks, const std::vector<CountedLine>& all,
+Tie TieClocks(SchedTrace& trace, std::vector<Knot> clocks, const std::vector<CountedLine>& counted,
               Micros resolution) {
-    const Lines lines = all;
+    const Lines lines = counted;
     Tie tie;
     if (trace.counters.empty()) {
         if (clocks.empty()) {

@@ -62,7 +62,7 @@ struct Tie {
 // CommandError where they do not belong together. `clocks`: how far a recording's own clocks are
 // apart, which counts where there are no counters; empty where that is not known. `resolution`: of
 // the log's times.
-Tie TieClocks(SchedTrace& trace, std::vector<Knot> clocks, const std::vector<CountedLine>& lines,
+Tie TieClocks(SchedTrace& trace, std::vector<Knot> clocks, const std::vector<CountedLine>& counted,
               Micros resolution);
 
 // A line and its counter are no further apart, unless a thread is stopped between them.
