@@ -25,10 +25,7 @@ std::string Explain(const std::string& text, size_t piece) {
     tools::CaptureReader reader({&scenes, &maker});
     reader.Begin("name");
     try {
-        for (size_t at = 0; at < text.size(); at += piece) {
-            reader.Read(std::string_view(text).substr(at, piece));
-        }
-        reader.End();
+        ReadInPieces(reader, text, piece);
     } catch (const tools::CommandError& error) {
         return error.what();
     }
@@ -87,12 +84,6 @@ std::string LinesOf(const uint8_t* data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 2) {
-        return 0;
-    }
-    const std::string text = data[0] % 2 == 0
-                                 ? std::string(reinterpret_cast<const char*>(data + 2), size - 2)
-                                 : LinesOf(data + 2, size - 2);
-    Require(Explain(text, text.size() + 1) == Explain(text, size_t{data[1]} + 1), text);
+    RequireSameInPieces(data, size, LinesOf, Explain);
     return 0;
 }

@@ -34,10 +34,7 @@ std::string Explain(const std::string& bytes, size_t piece) {
     reader.SetPacketSink([&](std::string_view packet) { recorded.TakePacket(packet); });
     reader.Begin("name");
     try {
-        for (size_t at = 0; at < bytes.size(); at += piece) {
-            reader.Read(std::string_view(bytes).substr(at, piece));
-        }
-        reader.End();
+        ReadInPieces(reader, bytes, piece);
     } catch (const tools::CommandError& error) {
         return error.what();
     }

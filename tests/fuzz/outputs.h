@@ -7,9 +7,11 @@
 #include <numeric>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "tests/fuzz/require.h"
+#include "tools/log/capture.h"
 #include "tools/output/outputs.h"
 #include "tools/sched/states.h"
 
@@ -28,6 +30,27 @@ inline void RequireSums(const tools::SchedTrace& trace) {
         Require(one.begin >= ran && one.end > one.begin, "two threads ran on a CPU at once");
         ran = one.end;
     }
+}
+
+inline void ReadInPieces(tools::TextSink& reader, std::string_view text, size_t piece) {
+    for (size_t at = 0; at < text.size(); at += piece) {
+        reader.Read(text.substr(at, piece));
+    }
+    reader.End();
+}
+
+// That a text is explained alike in pieces of any length. The bytes are the text, or what
+// `linesOf` makes of them.
+inline void RequireSameInPieces(const uint8_t* data, size_t size,
+                                std::string (*linesOf)(const uint8_t*, size_t),
+                                std::string (*explain)(const std::string&, size_t)) {
+    if (size < 2) {
+        return;
+    }
+    const std::string text = data[0] % 2 == 0
+                                 ? std::string(reinterpret_cast<const char*>(data + 2), size - 2)
+                                 : linesOf(data + 2, size - 2);
+    Require(explain(text, text.size() + 1) == explain(text, size_t{data[1]} + 1), text);
 }
 
 // All outputs of them, one behind the other. `scheduling`: null where there is no scheduler trace.

@@ -141,7 +141,7 @@ void PacketReader::TakePacket(std::string_view packet) {
             if (field == ZSTD) {
                 damage =
                     "its packets are compressed with zstd, which is not read: record without "
-                    "that\n(compression_type in Perfetto's configuration)";
+                    "that (compression_type in Perfetto's configuration)";
             }
             if (field == DEFLATED) {
                 ForEachField(Inflated(content),

@@ -105,7 +105,6 @@ SchedTrace SchedTraceMaker::Finish() {
             trace.holes.push_back({{trace.from, cpus[cpu].first}, cpu});
         }
     }
-    std::ranges::sort(trace.holes, {}, &SchedTrace::Hole::end);
     return std::move(trace);
 }
 
